@@ -1,0 +1,20 @@
+// Which paths and queue keys of an interposed program are answered by the board, and where they lead.
+#ifndef TAVOR_BOARD_PATHS_H
+#define TAVOR_BOARD_PATHS_H
+
+#include <string>
+#include <sys/types.h>
+
+// Sets the private directory: "/etc/default/tavor/..." and "/tmp/head.out" then lie below it. Without one, nothing is mapped.
+void interpose_set_root(const std::string& directory);
+
+// Whether the path is a device node: /dev/spidev*, /dev/i2c-*, /sys/class/gpio and all below it.
+bool interpose_is_device(const char* path);
+
+// The path below the private directory of one of the daemon's fixed paths; any other path as it is.
+std::string interpose_map(const char* path);
+
+// A key of this private directory's own for one of the daemon's queue keys; any other key as it is.
+key_t interpose_map_key(key_t key);
+
+#endif

@@ -1,0 +1,42 @@
+# One interface target carries every compile and link option, so that no target is built more loosely than another.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+
+find_program(TAVOR_CCACHE ccache)
+if(TAVOR_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${TAVOR_CCACHE}")
+endif()
+
+find_package(Threads REQUIRED)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(tavor_options INTERFACE)
+target_include_directories(tavor_options INTERFACE "${PROJECT_SOURCE_DIR}/include")
+target_compile_definitions(tavor_options INTERFACE _GNU_SOURCE)
+target_compile_options(tavor_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror
+    -fstack-protector-strong -fno-strict-aliasing
+    $<$<CONFIG:Debug>:-O1>
+    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<NOT:$<BOOL:${TAVOR_SANITIZE}>>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+target_link_options(tavor_options INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack)
+target_link_libraries(tavor_options INTERFACE Threads::Threads)
+
+if(TAVOR_SANITIZE)
+    target_compile_options(tavor_options INTERFACE
+        -fsanitize=${TAVOR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(tavor_options INTERFACE -fsanitize=${TAVOR_SANITIZE})
+endif()
+
+# tavor_library(NAME SOURCES file... [USES library...]): one static library per room of src/. What a room may
+# call is what it names in USES, so a call against the layering fails at link time.
+function(tavor_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC tavor_options ${ARG_USES})
+endfunction()

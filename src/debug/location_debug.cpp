@@ -1,0 +1,1 @@
+#include "debug/location_debug.h"

@@ -1,0 +1,1 @@
+#include "link/location_i2c.h"

@@ -1,0 +1,5 @@
+#include "service/tavor.h"
+
+int main() {
+    return tavor_run();
+}

@@ -1,0 +1,1 @@
+#include "service/location_record.h"

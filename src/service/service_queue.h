@@ -1,0 +1,45 @@
+// The service queue: the message record and its ways in and out, nothing else, so that everything below the service can
+// enqueue without knowing it.
+#ifndef TAVOR_SERVICE_QUEUE_H
+#define TAVOR_SERVICE_QUEUE_H
+
+#include <cstdint>
+
+enum service_message_id : uint32_t {
+    SERVICE_START = 0,
+    SERVICE_STOP = 1,
+    SERVICE_DOWNLOAD = 2,
+    SERVICE_SAVE_LOCATION = 3,
+    SERVICE_DEBUG_OFF = 4,
+    SERVICE_DEBUG_FILE = 5,
+    SERVICE_DEBUG_SERIAL = 6,
+    SERVICE_COMMAND = 7,
+    SERVICE_ASSIST = 8,
+    SERVICE_ASSIST_RESULT = 9,
+    SERVICE_FRAME_NONE = 10,
+    SERVICE_FRAME_NMEA = 11,
+    SERVICE_FRAME_PZUL = 12,
+    SERVICE_FRAME_BINARY = 13,
+    SERVICE_POSITION = 14, // never enqueued: only the id of the position block's reply
+    SERVICE_DEBUG_TCP = 15,
+};
+
+// Body of a queue record. data is a malloc'ed block or null; it belongs to the queue from the moment it is sent.
+struct ServiceMessage {
+    uint32_t id;
+    void* data;
+    uint32_t length; // bytes of data
+};
+
+// Throws an old queue away and makes a new one. Returns its id or -1.
+int32_t service_queue_open();
+
+// Enqueues; any thread. Waits while the queue is full (a cancellation point), except on the queue's consumer, which must
+// not wait for itself. On failure the data is freed and the failure logged.
+void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
+
+// Takes the next message into *message; waits for one. The first caller becomes the queue's consumer. Returns false when
+// there is no queue to wait on.
+bool service_queue_receive(ServiceMessage* message);
+
+#endif

@@ -1,0 +1,1 @@
+#include "service/tavor_reply.h"
