@@ -1,0 +1,166 @@
+// The whole chain on the simulated board: sentences per second from chip to client, processor time and memory of the daemon,
+// time from process start to the first answer; beside them the prescribed path alone (queue, then a 520-byte datagram).
+#include "system/harness.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kSentences = 100000;
+constexpr int kStarts = 11;
+constexpr size_t kSentenceSize = 72;
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// User and system time of a process so far, in seconds.
+double processor_seconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    unsigned long user = 0;
+    unsigned long system = 0;
+    std::sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+                &system);
+    return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+double own_processor_seconds() {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+long resident_kib(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::strtol(line.c_str() + 6, nullptr, 10);
+        }
+    }
+    return -1;
+}
+
+struct Record {
+    long type;
+    struct {
+        uint32_t id;
+        void* data;
+        uint32_t length;
+    } body;
+};
+
+// One process hands heap copies through a message queue to a thread that sends datagrams; another process reads them.
+double prescribed_path_seconds() {
+    int sockets[2];
+    if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
+        return -1;
+    }
+    const pid_t reader = fork();
+    if (reader == 0) {
+        tavor_response response;
+        for (int i = 0; i < kSentences && recv(sockets[1], &response, sizeof response, 0) > 0; ++i) {
+        }
+        _exit(0);
+    }
+    const int queue = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+    const double before = own_processor_seconds();
+    std::thread sender([&] {
+        for (int i = 0; i < kSentences; ++i) {
+            Record record = {};
+            tavor_response response = {};
+            if (msgrcv(queue, &record, sizeof record.body, 0, 0) < 0) {
+                return;
+            }
+            std::memcpy(response.payload, record.body.data, record.body.length);
+            send(sockets[0], &response, sizeof response, 0);
+            std::free(record.body.data);
+        }
+    });
+    const std::string sentence(kSentenceSize, 'x');
+    for (int i = 0; i < kSentences; ++i) {
+        Record record = {1, {11, std::malloc(kSentenceSize + 1), kSentenceSize}};
+        std::memcpy(record.body.data, sentence.c_str(), kSentenceSize + 1);
+        msgsnd(queue, &record, sizeof record.body, 0);
+    }
+    sender.join();
+    const double used = own_processor_seconds() - before;
+    msgctl(queue, IPC_RMID, nullptr);
+    waitpid(reader, nullptr, 0);
+    close(sockets[0]);
+    close(sockets[1]);
+    return used;
+}
+
+void report_flow() {
+    const SimulatedBoard board({"--full-speed", "--sentences", std::to_string(kSentences)});
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    const pid_t pid = daemon.process->pid;
+
+    client.send(TAVOR_REQUEST_START);
+    const Clock::time_point start = Clock::now();
+    int sentences = 0;
+    while (sentences < kSentences) {
+        const auto response = client.receive();
+        if (!response) {
+            std::printf("lost sentences: only %d of %d arrived\n", sentences, kSentences);
+            return;
+        }
+        sentences += response->code == TAVOR_CODE_NMEA && response->payload[0] == '$' ? 1 : 0;
+    }
+    const double elapsed = seconds_since(start);
+    const double reference = prescribed_path_seconds();
+    const double used = processor_seconds(pid);
+    std::printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
+    std::printf("processor seconds per 100,000, daemon      %10.2f\n", used);
+    std::printf("processor seconds per 100,000, path alone  %10.2f   ratio %.2f\n", reference, used / reference);
+    std::printf("resident memory                            %10ld KiB\n", resident_kib(pid));
+    std::printf("private memory                             %10ld KiB\n", daemon.private_kib());
+}
+
+void report_first_answer() {
+    const SimulatedBoard board;
+    DaemonOnBoard daemon(board);
+    std::vector<double> times;
+    for (int i = 0; i < kStarts; ++i) {
+        daemon.kill();
+        const TestClient client(board.socket_path());
+        const Clock::time_point start = Clock::now();
+        std::thread restart([&] { daemon.restart(); });
+        tavor_request request = {};
+        request.type = TAVOR_REQUEST_DEBUG_OFF;
+        while (!client.send_bytes(&request, sizeof request) ||
+               !client.receive_code(TAVOR_CODE_DEBUG, std::chrono::milliseconds(100))) {
+            std::this_thread::yield();
+        }
+        times.push_back(seconds_since(start));
+        restart.join();
+    }
+    std::sort(times.begin(), times.end());
+    std::printf("process start to first answer, median      %10.1f ms\n", times[times.size() / 2] * 1000);
+}
+
+} // namespace
+
+int main() {
+    report_flow();
+    report_first_answer();
+    return 0;
+}

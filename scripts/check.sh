@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Checks format and lint of all sources. With --fix the format is put right instead.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+mapfile -t sources < <(git ls-files --cached --others --exclude-standard '*.h' '*.cpp' '*.c' | while read -r f; do
+    [ -f "$f" ] && echo "$f"; done)
+
+if [ "${1:-}" = "--fix" ]; then
+    clang-format -i "${sources[@]}"
+    exit 0
+fi
+
+echo "check: format of ${#sources[@]} files"
+clang-format --dry-run --Werror "${sources[@]}"
+
+echo "check: lint"
+build=${TAVOR_LINT_BUILD:-build/dev}
+[ -f "$build/compile_commands.json" ] || cmake --preset dev >/dev/null
+printf '%s\n' "${sources[@]}" | grep -E '^(src|client|board)/.*\.cpp$' |
+    xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p "$build" 2>&1 |
+    { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
+echo "check: clean"

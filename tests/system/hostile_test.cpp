@@ -1,0 +1,118 @@
+// What must not stop the daemon: killed predecessors, random requests, random chip bytes, clients that do not read.
+#include "system/harness.h"
+
+#include <gtest/gtest.h>
+#include <random>
+
+namespace {
+
+// Whether requests are answered and sentences flow.
+bool serves(const TestClient& client) {
+    return client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START) == 0 && client.receive_code(TAVOR_CODE_POSITION);
+}
+
+void drain(const TestClient& client) {
+    while (client.receive(std::chrono::milliseconds(0))) {
+    }
+}
+
+std::string random_bytes(std::mt19937& random, size_t size) {
+    std::string bytes(size, '\0');
+    for (char& byte : bytes) {
+        byte = static_cast<char>(random());
+    }
+    return bytes;
+}
+
+std::string hex(const std::string& bytes) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        text += kDigits[static_cast<uint8_t>(byte) >> 4];
+        text += kDigits[static_cast<uint8_t>(byte) & 15];
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(Hostile, KilledTwentyTimesInTrafficStartsEveryTime) {
+    const SimulatedBoard board({"--full-speed"});
+    DaemonOnBoard daemon(board);
+    for (int i = 0; i < 20; ++i) {
+        const TestClient client(board.socket_path());
+        ASSERT_TRUE(serves(client)) << "run " << i;
+        daemon.kill();
+        daemon.restart();
+    }
+}
+
+TEST(Hostile, RandomDatagramsAreSurvived) {
+    const SimulatedBoard board({"--rate", "10"});
+    DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    std::mt19937 random(7);
+
+    for (int i = 0; i < 2000; ++i) {
+        std::string datagram = random_bytes(random, random() % 2001);
+        if (datagram.size() >= 4 && random() % 2 == 0) {
+            datagram[0] = static_cast<char>(random() % 12);
+            datagram[1] = datagram[2] = datagram[3] = 0;
+            if (datagram[0] == TAVOR_REQUEST_DOWNLOAD) { // runs long, by design
+                datagram[0] = TAVOR_REQUEST_COMMAND;
+            }
+        }
+        ASSERT_TRUE(client.send_bytes(datagram.data(), datagram.size())) << "datagram " << i;
+        drain(client);
+    }
+    EXPECT_TRUE(wait_until([&] { return serves(client); }));
+    EXPECT_TRUE(daemon.process->running());
+}
+
+TEST(Hostile, RandomChipBytesAreSurvived) {
+    const SimulatedBoard board({"--rate", "10"});
+    DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    std::mt19937 random(11);
+
+    ASSERT_TRUE(serves(client));
+    for (int i = 0; i < 50; ++i) {
+        std::string bytes = random_bytes(random, 1 + random() % 3000);
+        for (char& byte : bytes) { // starts of frames are frequent, so that the parser gets past them
+            if (random() % 40 == 0) {
+                byte = "$*\x04\r\n"[random() % 5];
+            }
+        }
+        board.ctl({"send", "--hex", hex(bytes)});
+        drain(client);
+    }
+    // A pending start of a frame may swallow what follows it until the receive buffer has turned over.
+    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
+    EXPECT_TRUE(daemon.process->running());
+}
+
+TEST(Hostile, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
+    const SimulatedBoard board({"--full-speed"});
+    const DaemonOnBoard daemon(board);
+    const TestClient deaf(board.socket_path());
+    const TestClient other(board.socket_path());
+
+    ASSERT_TRUE(deaf.send(TAVOR_REQUEST_START));
+    ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(other.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
+    const auto waited = std::chrono::steady_clock::now() - before;
+    EXPECT_LT(waited, std::chrono::seconds(10)) << "one wait for each datagram owed would take minutes";
+}
+
+TEST(Hostile, VanishedClientCostsItsDatagramsOnly) {
+    const SimulatedBoard board({"--rate", "10"});
+    DaemonOnBoard daemon(board);
+    {
+        const TestClient gone(board.socket_path());
+        ASSERT_TRUE(serves(gone));
+    }
+    ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
+    const TestClient client(board.socket_path());
+    EXPECT_TRUE(serves(client));
+}
