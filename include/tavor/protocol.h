@@ -20,6 +20,20 @@
 /** Bytes of the payload that a TAVOR_CODE_POSITION response fills: a tavor_location_record, then zeros. */
 #define TAVOR_POSITION_BLOCK_SIZE 256
 
+/** Bytes of every request, of every response and of a location record. */
+#define TAVOR_REQUEST_SIZE 516
+#define TAVOR_RESPONSE_SIZE 520
+#define TAVOR_LOCATION_RECORD_SIZE 94
+
+/**
+ * Bytes of the address that a client should bind: the whole sockaddr_un. The daemon gives each receive the length of
+ * the previous sender's address, so a longer address is cut for one datagram, and its answer goes astray.
+ */
+#define TAVOR_ADDRESS_SIZE 110
+
+/** First TAVOR_CODE_NMEA payload after a start request. */
+#define TAVOR_VERSION_BANNER "TAVOR Version:V1.3\n"
+
 /** What a client asks for. */
 enum tavor_request_type {
     TAVOR_REQUEST_START = 0,         /**< start positioning */

@@ -1,1 +1,188 @@
 #include "service/location_service.h"
+
+#include "config/location_config.h"
+#include "debug/location_debug.h"
+#include "link/location_command.h"
+#include "link/location_gpio.h"
+#include "link/location_io.h"
+#include "service/location_file.h"
+#include "service/location_position.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+constexpr char kVersionBanner[] = TAVOR_VERSION_BANNER;
+constexpr int32_t kFailed = -1;
+constexpr useconds_t kAfterDownloadUs = 50000;
+
+struct FreeBlock {
+    void operator()(void* block) const {
+        free(block);
+    }
+};
+
+void reply(uint32_t id, uint32_t value, const void* payload = nullptr, uint32_t length = 0) {
+    if (g_service_state.response != nullptr) {
+        g_service_state.response(id, value, payload, length);
+    }
+}
+
+void reply_result(uint32_t id, int32_t result) {
+    reply(id, static_cast<uint32_t>(result));
+}
+
+void send_version_banner() {
+    void* banner = malloc(sizeof kVersionBanner);
+    if (banner == nullptr) {
+        return;
+    }
+    memcpy(banner, kVersionBanner, sizeof kVersionBanner);
+    // kept: clients are used to the NUL being counted
+    location_service_task_send_message(SERVICE_FRAME_NMEA, banner, sizeof kVersionBanner);
+}
+
+int32_t run_download() {
+    location_service_stop();
+    const int32_t result = location_service_download();
+    location_gpio_power_off();
+    usleep(kAfterDownloadUs);
+    return result;
+}
+
+int32_t start_assistance() {
+    g_service_state.xod_enabled = 1;
+    puts("[LOCSERV] ERR: location_service_message_handle, assistance not available in this build");
+    return kFailed;
+}
+
+int32_t send_command(const void* body) {
+    return body == nullptr ? kFailed : location_command_send(static_cast<const char*>(body));
+}
+
+void report_assistance(const ServiceMessage& message) {
+    uint32_t value = 0;
+    if (message.data == nullptr || message.length < sizeof value) {
+        return;
+    }
+    memcpy(&value, message.data, sizeof value);
+    reply(SERVICE_ASSIST_RESULT, value);
+}
+
+void handle_nmea(const ServiceMessage& message) {
+    if (message.data != nullptr) {
+        location_service_nmea_handle(static_cast<const char*>(message.data), message.length);
+    }
+    reply(SERVICE_FRAME_NMEA, 0, message.data, message.length);
+}
+
+void handle_pzul(const ServiceMessage& message) {
+    if (message.data != nullptr) {
+        location_service_pzul_handle(static_cast<const char*>(message.data), message.length);
+    }
+}
+
+// The frames of the receive thread and the results of the assistance download.
+void handle_event(const ServiceMessage& message) {
+    switch (message.id) {
+    case SERVICE_ASSIST_RESULT:
+        return report_assistance(message);
+    case SERVICE_FRAME_NMEA:
+        return handle_nmea(message);
+    case SERVICE_FRAME_PZUL:
+        return handle_pzul(message);
+    case SERVICE_FRAME_BINARY:
+        printf("[LOCSERV] INF: [binary data]%d\n", static_cast<int32_t>(message.length));
+        return;
+    default:
+        return;
+    }
+}
+
+void handle_message(const ServiceMessage& message) {
+    const uint32_t id = message.id;
+    switch (id) {
+    case SERVICE_START:
+        return reply_result(id, location_service_start());
+    case SERVICE_STOP:
+        return reply_result(id, location_service_stop());
+    case SERVICE_DOWNLOAD:
+        return reply_result(id, run_download());
+    case SERVICE_SAVE_LOCATION:
+        return reply_result(id, location_service_save_location(&g_service_state.location));
+    case SERVICE_DEBUG_OFF:
+        location_debug_stop();
+        return reply(id, 0);
+    case SERVICE_DEBUG_FILE:
+        return reply_result(id, location_debug_set_mode(DEBUG_MODE_FILE));
+    case SERVICE_DEBUG_SERIAL:
+        return reply_result(id, location_debug_set_mode(DEBUG_MODE_SERIAL));
+    case SERVICE_DEBUG_TCP:
+        return reply_result(id, location_debug_set_mode(DEBUG_MODE_TCP));
+    case SERVICE_COMMAND:
+        return reply_result(id, send_command(message.data));
+    case SERVICE_ASSIST:
+        return reply_result(id, start_assistance());
+    default:
+        return handle_event(message);
+    }
+}
+
+} // namespace
+
+void location_service_init(ResponseCallback response) {
+    if (service_queue_open() == -1) {
+        puts("[LOCSERV] ERR: location_service_init, msgid fail");
+    }
+    char path[kConfigTextSize] = {};
+    location_config_get_nmea_path(path);
+    unlink(path);
+    location_debug_init();
+    g_service_state.xod_enabled = 0;
+    g_service_state.response = response;
+    pthread_create(&g_service_state.tid, nullptr, location_service_task_main, nullptr);
+}
+
+void* location_service_task_main(void* /*unused*/) {
+    puts("[LOCSERV] INF: location_service_task_main");
+    for (;;) {
+        ServiceMessage message = {};
+        if (service_queue_receive(&message)) {
+            location_service_message_handle(&message);
+            service_queue_handled(message.id);
+        }
+    }
+}
+
+void location_service_message_handle(const ServiceMessage* message) {
+    const std::unique_ptr<void, FreeBlock> data(message->data);
+    printf("[LOCSERV] INF: location_service_message_handle:%d\n", static_cast<int32_t>(message->id));
+    handle_message(*message);
+}
+
+int32_t location_service_start() {
+    puts("[LOCSERV] INF: location_service_start");
+    send_version_banner();
+    location_debug_start();
+    if (location_io_thread_init() != 0) {
+        return kFailed;
+    }
+    return location_gpio_power_on();
+}
+
+int32_t location_service_stop() {
+    puts("[LOCSERV] INF: location_service_stop");
+    location_gpio_power_off();
+    location_debug_close();
+    return location_io_thread_deinit();
+}
+
+int32_t location_service_download() {
+    puts("[LOCSERV] INF: location_service_download");
+    puts("[LOCSERV] ERR: location_service_download, not available in this build");
+    return kFailed;
+}

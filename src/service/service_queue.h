@@ -1,5 +1,5 @@
-// The service queue: the message record and its ways in and out, nothing else, so that everything below the service can
-// enqueue without knowing it.
+// The service queue: the message record and its ways in and out, nothing else, so that everything below the
+// service can enqueue without knowing it.
 #ifndef TAVOR_SERVICE_QUEUE_H
 #define TAVOR_SERVICE_QUEUE_H
 
@@ -24,22 +24,27 @@ enum service_message_id : uint32_t {
     SERVICE_DEBUG_TCP = 15,
 };
 
-// Body of a queue record. data is a malloc'ed block or null; it belongs to the queue from the moment it is sent.
+// Body of a queue record. data is a malloc'ed block or null; it belongs to the queue from the moment it is
+// sent.
 struct ServiceMessage {
     uint32_t id;
     void* data;
     uint32_t length; // bytes of data
 };
 
-// Throws an old queue away and makes a new one. Returns its id or -1.
+// Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.
 int32_t service_queue_open();
 
-// Enqueues; any thread. Waits while the queue is full (a cancellation point), except on the queue's consumer, which must
-// not wait for itself. On failure the data is freed and the failure logged.
+// Enqueues; any thread. Waits while the queue is full (a cancellation point), except on the queue's consumer,
+// which must not wait for itself. On failure the data is freed and the failure logged. A stop or a download
+// is announced to the link at once, so that a send that waits for a silent chip comes back.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
-// Takes the next message into *message; waits for one. The first caller becomes the queue's consumer. Returns false when
-// there is no queue to wait on.
+// Takes the next message into *message; waits for one. The calling thread becomes the queue's consumer.
+// Returns false, after a short pause, when nothing could be received.
 bool service_queue_receive(ServiceMessage* message);
+
+// Tells that a received message with this id has been handled: ends what its send announced.
+void service_queue_handled(uint32_t id);
 
 #endif
