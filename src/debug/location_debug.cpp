@@ -1,40 +1,245 @@
 #include "debug/location_debug.h"
 
-#include <atomic>
+#include "config/location_config.h"
+#include "debug/location_debug_clients.h"
+#include "debug/location_debug_log.h"
+#include "debug/location_debug_queue.h"
+#include "debug/location_debug_serial.h"
+#include "debug/location_debug_tasks.h"
+#include "debug/location_epoll.h"
+#include "debug/location_socket_server.h"
+
+#include <chrono>
+#include <cstdio>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <unistd.h>
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+constexpr int kEpollSizeHint = 10;
+constexpr useconds_t kSendRetryUs = 1'000;
+constexpr std::chrono::seconds kStallLimit{1};
+
+struct DebugThread {
+    pthread_t id;
+    bool exists;
+};
+
+// When the outlet was last seen to take something; the receive thread's own.
+struct StallWatch {
+    uint32_t taken;
+    int32_t unsent;
+    Clock::time_point since;
+};
+
 struct DebugPortState {
-    std::atomic<uint32_t> mode;
-} state;
+    DebugOutlet outlet;
+    DebugThread tx;
+    DebugThread rx;
+    StallWatch watch;
+} state{.outlet = {.mode = DEBUG_MODE_OFF, .listen_fd = -1, .epoll_fd = -1, .taken = 0},
+        .tx = {},
+        .rx = {},
+        .watch = {}};
+
+bool has_threads(uint32_t mode) {
+    return mode == DEBUG_MODE_SERIAL || mode == DEBUG_MODE_TCP;
+}
+
+// Returns the failing result of close, else 0.
+int32_t close_fd(std::atomic<int32_t>* fd) {
+    int32_t value = *fd;
+    const int32_t result = location_debug_close_fd(&value);
+    *fd = value;
+    return result;
+}
+
+int32_t open_listen_socket() {
+    DebugSocketConfig config{};
+    location_config_get_debug_socket(&config);
+    const int32_t fd = location_socket_server_create_tcp(config.ip, static_cast<uint16_t>(config.port));
+    if (fd < 0) {
+        if (close_fd(&state.outlet.epoll_fd) != 0) {
+            puts("[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
+        }
+        return -1;
+    }
+    state.outlet.listen_fd = fd;
+    location_epoll_add_fd(state.outlet.epoll_fd, fd, EPOLLIN);
+    return 0;
+}
+
+int32_t open_server() {
+    if (state.outlet.epoll_fd == -1) {
+        state.outlet.epoll_fd = epoll_create(kEpollSizeHint);
+        if (state.outlet.epoll_fd == -1) {
+            puts("[LOCSERV] ERR: [debug]location_debug_start epoll_create fail");
+            return -1;
+        }
+    }
+    return state.outlet.listen_fd == -1 ? open_listen_socket() : 0;
+}
+
+void close_server() {
+    location_debug_clients_forget(state.outlet.epoll_fd);
+    if (state.outlet.listen_fd != -1) {
+        location_epoll_remove_fd(state.outlet.epoll_fd, state.outlet.listen_fd);
+    }
+    close_fd(&state.outlet.listen_fd);
+    close_fd(&state.outlet.epoll_fd);
+}
+
+int32_t start_tx_thread() {
+    if (state.tx.exists) {
+        puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
+        return 0;
+    }
+    if (pthread_create(&state.tx.id, nullptr, location_debug_tx_task, &state.outlet) != 0) {
+        puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
+        return -1;
+    }
+    state.tx.exists = true;
+    return 0;
+}
+
+int32_t start_rx_thread() {
+    if (state.rx.exists) {
+        puts("[LOCSERV] INF: [debug]location_debug_start, rx tid exist");
+        return 0;
+    }
+    if (pthread_create(&state.rx.id, nullptr, location_debug_rx_task, &state.outlet) != 0) {
+        puts("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail");
+        return -1;
+    }
+    state.rx.exists = true;
+    return 0;
+}
+
+void stop_thread(DebugThread* thread) {
+    if (!thread->exists) {
+        return;
+    }
+    if (pthread_cancel(thread->id) != 0) {
+        puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
+        return;
+    }
+    pthread_join(thread->id, nullptr);
+    thread->exists = false;
+}
+
+// The threads go first: no descriptor is closed while one of them uses it, and neither meets a half-emptied
+// client list.
+void close_threaded_outlet(uint32_t mode) {
+    stop_thread(&state.tx);
+    location_debug_queue_close();
+    stop_thread(&state.rx);
+    if (mode == DEBUG_MODE_TCP) {
+        close_server();
+    } else {
+        location_debug_serial_deinit();
+    }
+}
+
+// Whether the outlet has taken nothing for too long. A slow line counts as taking data as long as bytes leave
+// it.
+bool outlet_stalls() {
+    const uint32_t taken = state.outlet.taken;
+    const int32_t unsent = location_debug_serial_unsent();
+    const Clock::time_point now = Clock::now();
+    if (taken != state.watch.taken || unsent != state.watch.unsent) {
+        state.watch = {.taken = taken, .unsent = unsent, .since = now};
+    }
+    return now - state.watch.since >= kStallLimit;
+}
+
+// Waits, cancellable, while the queue is full and the outlet is taking data. Returns false when the block was
+// not sent.
+bool send_block(DebugBlockPtr* block) {
+    location_debug_send_result result = location_debug_queue_send(block);
+    while (result == DEBUG_SEND_FULL && !outlet_stalls()) {
+        usleep(kSendRetryUs);
+        result = location_debug_queue_send(block);
+    }
+    return result == DEBUG_SEND_OK;
+}
+
+void hand_over(const uint8_t* data, uint32_t length) {
+    if (!location_debug_queue_is_open()) {
+        puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
+        return;
+    }
+    DebugBlockPtr block = location_debug_block_copy(data, length);
+    if (!block) {
+        puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
+        return;
+    }
+    if (!send_block(&block)) {
+        puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
+    }
+}
 
 } // namespace
 
 void location_debug_init() {
-    state.mode = DEBUG_MODE_OFF;
+    state.outlet.mode = DEBUG_MODE_OFF;
+    state.outlet.listen_fd = -1;
+    state.outlet.epoll_fd = -1;
+    location_debug_clients_init();
+    location_debug_queue_init();
 }
 
 int32_t location_debug_start() {
-    return 0;
+    const uint32_t mode = state.outlet.mode;
+    if (mode == DEBUG_MODE_FILE) {
+        return location_debug_log_open();
+    }
+    if (!has_threads(mode)) {
+        return 0;
+    }
+    const int32_t opened = mode == DEBUG_MODE_TCP ? open_server() : location_debug_serial_init();
+    if (opened < 0 || location_debug_queue_open() != 0 || start_tx_thread() != 0) {
+        return -1;
+    }
+    return start_rx_thread();
 }
 
-void location_debug_close() {}
+void location_debug_close() {
+    const uint32_t mode = state.outlet.mode;
+    if (mode == DEBUG_MODE_FILE) {
+        location_debug_log_close();
+    }
+    if (has_threads(mode)) {
+        close_threaded_outlet(mode);
+    }
+}
 
 void location_debug_stop() {
     location_debug_close();
-    state.mode = DEBUG_MODE_OFF;
+    state.outlet.mode = DEBUG_MODE_OFF;
 }
 
 int32_t location_debug_set_mode(uint32_t mode) {
-    if (mode == state.mode) {
+    if (mode == state.outlet.mode) {
         return 0;
     }
     location_debug_close();
-    state.mode = mode;
+    state.outlet.mode = mode;
     return location_debug_start();
 }
 
 void location_debug_handle(const uint8_t* data, uint32_t length) {
-    (void)data;
-    (void)length;
+    switch (state.outlet.mode) {
+    case DEBUG_MODE_FILE:
+        location_debug_log_write(data, length);
+        break;
+    case DEBUG_MODE_SERIAL:
+    case DEBUG_MODE_TCP:
+        hand_over(data, length);
+        break;
+    default:
+        break;
+    }
 }

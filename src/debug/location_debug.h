@@ -1,5 +1,5 @@
-// The debug outlet: mirrors what the chip sends to a log file, a serial line or TCP clients, and passes what an engineer
-// types on the latter two to the chip.
+// The debug outlet: mirrors what the chip sends to a log file, a serial line or TCP clients, and passes what
+// an engineer types on the latter two to the chip.
 #ifndef TAVOR_LOCATION_DEBUG_H
 #define TAVOR_LOCATION_DEBUG_H
 

@@ -1,1 +1,105 @@
-// debug/location_debug_clients
+#include "debug/location_debug_clients.h"
+
+#include "debug/location_debug_guard.h"
+#include "debug/location_epoll.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// Whoever holds the lock holds cancellation off, and nothing waits under it.
+struct ClientsState {
+    std::mutex lock;
+    DebugClientList list;
+} state;
+
+} // namespace
+
+int32_t location_debug_add_client(DebugClientList* list, int32_t fd) {
+    if (list->count >= kDebugClientMax) {
+        printf("[LOCSERV] ERR: location_debug_add_client, %d >= %d\n", list->count, kDebugClientMax);
+        return -1;
+    }
+    list->fds[list->count++] = fd;
+    return 0;
+}
+
+int32_t location_debug_del_client(DebugClientList* list, int32_t fd) {
+    int32_t* const end = list->fds + list->count;
+    int32_t* const found = std::find(list->fds, end, fd);
+    if (found == end) {
+        return -1;
+    }
+    std::copy(found + 1, end, found);
+    --list->count;
+    return 0;
+}
+
+int32_t location_debug_find_client(const DebugClientList* list, int32_t fd) {
+    const int32_t* const end = list->fds + list->count;
+    return std::find(list->fds, end, fd) == end ? -1 : 0;
+}
+
+int32_t location_debug_close_fd(int32_t* fd) {
+    if (*fd == -1 || *fd == -2) {
+        return 0;
+    }
+    const int32_t result = close(*fd);
+    if (result == 0) {
+        *fd = -1;
+    }
+    return result;
+}
+
+void location_debug_clients_init() {
+    const std::lock_guard guard(state.lock);
+    state.list = {};
+}
+
+void location_debug_clients_admit(int32_t epfd, int32_t fd) {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    if (location_debug_add_client(&state.list, fd) != 0) {
+        close(fd);
+        return;
+    }
+    location_epoll_add_fd(epfd, fd, EPOLLIN);
+    printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd,
+           state.list.count);
+}
+
+void location_debug_clients_drop(int32_t epfd, int32_t fd) {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    location_epoll_remove_fd(epfd, fd);
+    close(fd);
+    location_debug_del_client(&state.list, fd);
+}
+
+void location_debug_clients_forget(int32_t epfd) {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    for (int32_t i = 0; i < state.list.count; ++i) {
+        location_epoll_remove_fd(epfd, state.list.fds[i]);
+    }
+    state.list = {}; // kept: the sockets stay open, a client sees silence and no end of the connection
+}
+
+bool location_debug_clients_have(int32_t fd) {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    return location_debug_find_client(&state.list, fd) == 0;
+}
+
+void location_debug_clients_write(const uint8_t* data, uint64_t length) {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    for (int32_t i = 0; i < state.list.count; ++i) {
+        send(state.list.fds[i], data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
+}

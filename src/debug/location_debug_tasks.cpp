@@ -1,1 +1,171 @@
-// debug/location_debug_tasks
+#include "debug/location_debug_tasks.h"
+
+#include "debug/location_debug.h"
+#include "debug/location_debug_clients.h"
+#include "debug/location_debug_guard.h"
+#include "debug/location_debug_queue.h"
+#include "debug/location_debug_serial.h"
+#include "debug/location_socket_server.h"
+#include "link/location_serial_port.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kReceiveBufferSize = 256;
+constexpr int kEventsPerWait = 10;
+constexpr useconds_t kIdlePauseUs = 300'000; // after a read or accept that gave nothing
+
+// A slow line takes a block piece by piece, so that it can be told from a line that takes nothing.
+constexpr uint64_t kSerialPieceSize = 256;
+
+// Kept: the count of the last read stays, and what it counts goes to the chip again with the next wake-up,
+// whatever that was for. Of several clients that sent data only the one read last is heard.
+struct ReceiveState {
+    uint8_t buffer[kReceiveBufferSize];
+    int32_t count;
+};
+
+void write_to_line(DebugOutlet* outlet, const uint8_t* data, uint64_t length) {
+    for (uint64_t done = 0; done < length; done += kSerialPieceSize) {
+        const uint64_t piece = std::min(kSerialPieceSize, length - done);
+        location_debug_serial_write(data + done, static_cast<uint32_t>(piece));
+        ++outlet->taken;
+    }
+}
+
+void write_to_outlet(DebugOutlet* outlet, const DebugBlock* block) {
+    const uint8_t* const data = location_debug_block_data(block);
+    if (outlet->mode == DEBUG_MODE_SERIAL) {
+        write_to_line(outlet, data, block->length);
+    }
+    if (outlet->mode == DEBUG_MODE_TCP) {
+        location_debug_clients_write(data, block->length);
+    }
+}
+
+void forward_to_chip(const ReceiveState* receive) {
+    if (receive->count >= 1) {
+        location_serial_port_gnss_write(receive->buffer, static_cast<uint32_t>(receive->count));
+    }
+}
+
+void serve_line(ReceiveState* receive) {
+    receive->count = location_debug_serial_read(receive->buffer, kReceiveBufferSize);
+    if (receive->count < 1) {
+        usleep(kIdlePauseUs); // a line that hung up gives nothing for ever
+        return;
+    }
+    forward_to_chip(receive);
+}
+
+// Returns false when no client came.
+bool accept_client(const DebugOutlet* outlet) {
+    const int32_t fd = location_socket_server_accept_new_tcp_connect(outlet->listen_fd);
+    if (fd < 0) {
+        puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
+        return false;
+    }
+    location_debug_clients_admit(outlet->epoll_fd, fd);
+    return true;
+}
+
+void read_client(ReceiveState* receive, const DebugOutlet* outlet, int32_t fd) {
+    const auto count = static_cast<int32_t>(recv(fd, receive->buffer, kReceiveBufferSize, MSG_DONTWAIT));
+    if (count < 0 && errno == EAGAIN) {
+        return; // woken for nothing
+    }
+    receive->count = count;
+    if (count < 1) {
+        location_debug_clients_drop(outlet->epoll_fd, fd);
+    }
+}
+
+// Returns false when the event was a client that could not be accepted.
+bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event& event) {
+    const int32_t fd = event.data.fd;
+    if (fd == outlet->listen_fd) {
+        return (event.events & EPOLLIN) == 0 || accept_client(outlet);
+    }
+    if (!location_debug_clients_have(fd)) {
+        printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
+        return true;
+    }
+    if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
+        read_client(receive, outlet, fd);
+    }
+    return true;
+}
+
+// Nothing waits in here, so cancellation is held off and no socket is lost between two steps.
+bool serve_events(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event* events, int count) {
+    const DebugCancelHold hold;
+    bool all_served = true;
+    for (int i = 0; i < count; ++i) {
+        all_served = serve_event(receive, outlet, events[i]) && all_served;
+    }
+    return all_served;
+}
+
+// Returns false when the epoll set failed.
+bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
+    epoll_event events[kEventsPerWait];
+    const int count = epoll_wait(outlet->epoll_fd, events, kEventsPerWait, -1);
+    if (count < 0) {
+        const int error = errno;
+        if (error == EINTR) {
+            return true;
+        }
+        printf("[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[%s]%d\n",
+               strerror(error), error);
+        return false;
+    }
+    const bool all_served = serve_events(receive, outlet, events, count);
+    forward_to_chip(receive);
+    if (!all_served) {
+        usleep(kIdlePauseUs); // out of descriptors: the waiting client would wake the task again at once
+    }
+    return true;
+}
+
+} // namespace
+
+void* location_debug_tx_task(void* argument) {
+    auto* const outlet = static_cast<DebugOutlet*>(argument);
+    puts("[LOCSERV] INF: [debug]location_debug_tx_task");
+    while (true) {
+        const DebugBlockPtr block = location_debug_queue_receive();
+        if (block) {
+            write_to_outlet(outlet, block.get());
+            ++outlet->taken;
+        }
+    }
+}
+
+void* location_debug_rx_task(void* argument) {
+    const auto* const outlet = static_cast<DebugOutlet*>(argument);
+    puts("[LOCSERV] INF: [debug]location_debug_rx_task");
+    ReceiveState receive{};
+    while (true) {
+        switch (outlet->mode) {
+        case DEBUG_MODE_SERIAL:
+            serve_line(&receive);
+            break;
+        case DEBUG_MODE_TCP:
+            if (!serve_clients(&receive, outlet)) {
+                return nullptr;
+            }
+            break;
+        default:
+            forward_to_chip(&receive);
+            usleep(kIdlePauseUs);
+            break;
+        }
+    }
+}

@@ -1,0 +1,175 @@
+#include "debug/location_debug_queue.h"
+
+#include "debug/location_debug_guard.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <mutex>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr key_t kQueueKey = 1235;
+constexpr int kQueuePermissions = 0666;
+constexpr long kMessageType = 1;
+constexpr useconds_t kFailedReceivePauseUs = 300'000;
+
+struct DebugMessage {
+    long type;
+    DebugBlock* data;
+    uint64_t length;
+};
+
+constexpr size_t kBodySize = sizeof(DebugMessage) - offsetof(DebugMessage, data);
+static_assert(offsetof(DebugMessage, data) == sizeof(long) && kBodySize == 16);
+
+// Blocks in transit, oldest first. Nothing waits under the lock, and nobody is cancelled under it.
+struct DebugQueueState {
+    std::mutex lock;
+    std::atomic<int32_t> id;
+    DebugBlock* first;
+    DebugBlock* last;
+} state{.lock = {}, .id = -1, .first = nullptr, .last = nullptr};
+
+void free_blocks(DebugBlock* block) {
+    while (block != nullptr) {
+        free(std::exchange(block, block->next));
+    }
+}
+
+bool in_transit(const DebugBlock* wanted) {
+    for (const DebugBlock* block = state.first; block != nullptr; block = block->next) {
+        if (block == wanted) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void append(DebugBlock* block) {
+    (state.first == nullptr ? state.first : state.last->next) = block;
+    state.last = block;
+}
+
+DebugBlockPtr pop() {
+    DebugBlockPtr block(state.first);
+    state.first = block->next;
+    return block;
+}
+
+// Takes the block that a message names. A name that isn't ours is not followed; older blocks, whose messages
+// somebody else took out of the queue, are freed.
+DebugBlockPtr claim(const DebugBlock* wanted) {
+    const std::lock_guard guard(state.lock);
+    if (!in_transit(wanted)) {
+        return nullptr;
+    }
+    DebugBlockPtr block = pop();
+    while (block.get() != wanted) {
+        block = pop();
+    }
+    return block;
+}
+
+// The pointers of an earlier process mean nothing here. No more is taken than was there, so that a process
+// which keeps on sending can't hold the start up.
+void throw_away_messages(int32_t id) {
+    msqid_ds status{};
+    if (msgctl(id, IPC_STAT, &status) != 0) {
+        return;
+    }
+    DebugMessage message{};
+    for (msgqnum_t left = status.msg_qnum; left > 0; --left) {
+        if (msgrcv(id, &message, kBodySize, 0, IPC_NOWAIT | MSG_NOERROR) < 0) {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+void location_debug_queue_init() {
+    const std::lock_guard guard(state.lock);
+    state.id = -1;
+}
+
+int32_t location_debug_queue_open() {
+    if (state.id != -1) {
+        puts("[LOCSERV] INF: [debug]location_debug_start, msgid exist");
+        return 0;
+    }
+    int32_t id = msgget(kQueueKey, 0);
+    if (id != -1) {
+        printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
+        throw_away_messages(id);
+        state.id = id;
+        return 0;
+    }
+    id = msgget(kQueueKey, IPC_CREAT | IPC_EXCL | kQueuePermissions);
+    if (id == -1) {
+        puts("[LOCSERV] ERR: [debug]location_debug_start, msgid fail");
+        return -1;
+    }
+    printf("[LOCSERV] INF: [debug]location_debug_start, creat msg:%d\n", id);
+    state.id = id;
+    return 0;
+}
+
+void location_debug_queue_close() {
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    if (state.id != -1) {
+        msgctl(state.id, IPC_RMID, nullptr);
+        state.id = -1;
+    }
+    free_blocks(std::exchange(state.first, nullptr));
+}
+
+bool location_debug_queue_is_open() {
+    return state.id != -1;
+}
+
+DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length) {
+    DebugBlockPtr block(static_cast<DebugBlock*>(malloc(sizeof(DebugBlock) + length)));
+    if (block) {
+        *block = {.next = nullptr, .length = length};
+        std::copy_n(data, length, reinterpret_cast<uint8_t*>(block.get() + 1));
+    }
+    return block;
+}
+
+const uint8_t* location_debug_block_data(const DebugBlock* block) {
+    return reinterpret_cast<const uint8_t*>(block + 1);
+}
+
+location_debug_send_result location_debug_queue_send(DebugBlockPtr* block) {
+    const DebugMessage message{.type = kMessageType, .data = block->get(), .length = (*block)->length};
+    const DebugCancelHold hold;
+    const std::lock_guard guard(state.lock);
+    if (state.id == -1) {
+        return DEBUG_SEND_FAIL;
+    }
+    if (msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) != 0) {
+        return errno == EAGAIN ? DEBUG_SEND_FULL : DEBUG_SEND_FAIL;
+    }
+    append(block->release()); // the receiver claims it under this lock, so not before now
+    return DEBUG_SEND_OK;
+}
+
+DebugBlockPtr location_debug_queue_receive() {
+    DebugMessage message{};
+    const ssize_t size = msgrcv(state.id, &message, kBodySize, 0, MSG_NOERROR);
+    if (size < 0 && errno != EINTR) {
+        usleep(kFailedReceivePauseUs); // the queue is gone: nothing to be had by hurrying
+    }
+    if (size != static_cast<ssize_t>(kBodySize)) {
+        return nullptr;
+    }
+    return claim(message.data);
+}

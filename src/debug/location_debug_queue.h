@@ -1,0 +1,56 @@
+// The hand-over from the receive thread to the transmit task. The message queue carries tokens only: the
+// blocks themselves stay listed in this process until they are taken, so that nothing that another process
+// puts into the queue or takes out of it, and no cancellation, can lose or forge one.
+#ifndef TAVOR_LOCATION_DEBUG_QUEUE_H
+#define TAVOR_LOCATION_DEBUG_QUEUE_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+// A heap copy of received bytes; length bytes follow the record.
+struct DebugBlock {
+    DebugBlock* next;
+    uint64_t length;
+};
+
+struct DebugBlockDeleter {
+    void operator()(DebugBlock* block) const {
+        free(block);
+    }
+};
+
+using DebugBlockPtr = std::unique_ptr<DebugBlock, DebugBlockDeleter>;
+
+enum location_debug_send_result {
+    DEBUG_SEND_OK,
+    DEBUG_SEND_FULL, // the queue has no room at the moment
+    DEBUG_SEND_FAIL,
+};
+
+// Forgets the queue, for the start of the process.
+void location_debug_queue_init();
+
+// Finds or creates the queue, and throws away what an earlier process left in it. Returns 0 or -1.
+int32_t location_debug_queue_open();
+
+// Removes the queue and frees the blocks that were not taken.
+void location_debug_queue_close();
+
+// Whether the queue is open.
+bool location_debug_queue_is_open();
+
+// A block with a copy of the data; null when there is no memory.
+DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length);
+
+// The bytes of a block.
+const uint8_t* location_debug_block_data(const DebugBlock* block);
+
+// Hands the block over without waiting; on DEBUG_SEND_OK it is the queue's, else it stays with the caller.
+location_debug_send_result location_debug_queue_send(DebugBlockPtr* block);
+
+// Waits for a message. Returns its block, null when receiving failed or the message is none of this process.
+// A cancellation point.
+DebugBlockPtr location_debug_queue_receive();
+
+#endif

@@ -1,0 +1,21 @@
+// Escaping of the flow control characters, so that binary data can pass a line on which XON and XOFF are
+// special.
+#ifndef TAVOR_LOCATION_UART_ESCAPE_H
+#define TAVOR_LOCATION_UART_ESCAPE_H
+
+#include <cstdint>
+
+inline constexpr uint8_t kUartXon = 0x11;
+inline constexpr uint8_t kUartXoff = 0x13;
+inline constexpr uint8_t kUartEscape = 0x77;
+
+// Escapes length bytes of input into output, which has room for twice as many. Returns the bytes stored.
+uint32_t location_uart_escape(const uint8_t* input, uint32_t length, uint8_t* output);
+
+// Decodes n bytes of buffer in place and zeroes what becomes free behind them. *escape_state (0 at the start
+// of a stream) carries an escape byte over to the next call. Returns the decoded length: at most n, and n + 1
+// when the partner of an escape byte of the call before is unknown, so a caller that reads on checks it
+// against its buffer.
+uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_state);
+
+#endif
