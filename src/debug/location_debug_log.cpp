@@ -13,8 +13,7 @@ namespace {
 
 constexpr mode_t kLogFilePermissions = 0666;
 
-// The lock keeps the file open while the receive thread writes to it. Whoever holds it holds cancellation
-// off.
+// The lock keeps the file open while the receive thread writes to it. Nobody is cancelled under it.
 struct DebugLogState {
     std::mutex lock;
     FILE* file;
