@@ -63,7 +63,7 @@ int32_t open_listen_socket() {
     const int32_t fd = location_socket_server_create_tcp(config.ip, static_cast<uint16_t>(config.port));
     if (fd < 0) {
         if (close_fd(&state.outlet.epoll_fd) != 0) {
-            puts("[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
+            std::puts("[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
         }
         return -1;
     }
@@ -76,7 +76,7 @@ int32_t open_server() {
     if (state.outlet.epoll_fd == -1) {
         state.outlet.epoll_fd = epoll_create(kEpollSizeHint);
         if (state.outlet.epoll_fd == -1) {
-            puts("[LOCSERV] ERR: [debug]location_debug_start epoll_create fail");
+            std::puts("[LOCSERV] ERR: [debug]location_debug_start epoll_create fail");
             return -1;
         }
     }
@@ -94,11 +94,12 @@ void close_server() {
 
 int32_t start_tx_thread() {
     if (state.tx.exists) {
-        puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
+        std::puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
         return 0;
     }
+    ++state.outlet.taken; // a new outlet gets its full time, however long the one before took nothing
     if (pthread_create(&state.tx.id, nullptr, location_debug_tx_task, &state.outlet) != 0) {
-        puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
+        std::puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
         return -1;
     }
     state.tx.exists = true;
@@ -107,11 +108,11 @@ int32_t start_tx_thread() {
 
 int32_t start_rx_thread() {
     if (state.rx.exists) {
-        puts("[LOCSERV] INF: [debug]location_debug_start, rx tid exist");
+        std::puts("[LOCSERV] INF: [debug]location_debug_start, rx tid exist");
         return 0;
     }
     if (pthread_create(&state.rx.id, nullptr, location_debug_rx_task, &state.outlet) != 0) {
-        puts("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail");
+        std::puts("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail");
         return -1;
     }
     state.rx.exists = true;
@@ -123,7 +124,7 @@ void stop_thread(DebugThread* thread) {
         return;
     }
     if (pthread_cancel(thread->id) != 0) {
-        puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
+        std::puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
         return;
     }
     pthread_join(thread->id, nullptr);
@@ -168,16 +169,16 @@ bool send_block(DebugBlockPtr* block) {
 
 void hand_over(const uint8_t* data, uint32_t length) {
     if (!location_debug_queue_is_open()) {
-        puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
+        std::puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
         return;
     }
     DebugBlockPtr block = location_debug_block_copy(data, length);
     if (!block) {
-        puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
+        std::puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
         return;
     }
     if (!send_block(&block)) {
-        puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
+        std::puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
     }
 }
 

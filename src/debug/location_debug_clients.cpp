@@ -12,17 +12,25 @@
 
 namespace {
 
-// Whoever holds the lock holds cancellation off, and nothing waits under it.
+// Nothing waits under the lock, and nobody is cancelled under it.
 struct ClientsState {
     std::mutex lock;
     DebugClientList list;
 } state;
 
+// Stores the new number of clients; returns false when there are too many.
+bool list_client(int32_t fd, int32_t* count) {
+    const std::lock_guard guard(state.lock);
+    const bool listed = location_debug_add_client(&state.list, fd) == 0;
+    *count = state.list.count;
+    return listed;
+}
+
 } // namespace
 
 int32_t location_debug_add_client(DebugClientList* list, int32_t fd) {
     if (list->count >= kDebugClientMax) {
-        printf("[LOCSERV] ERR: location_debug_add_client, %d >= %d\n", list->count, kDebugClientMax);
+        std::printf("[LOCSERV] ERR: location_debug_add_client, %d >= %d\n", list->count, kDebugClientMax);
         return -1;
     }
     list->fds[list->count++] = fd;
@@ -63,14 +71,13 @@ void location_debug_clients_init() {
 
 void location_debug_clients_admit(int32_t epfd, int32_t fd) {
     const DebugCancelHold hold;
-    const std::lock_guard guard(state.lock);
-    if (location_debug_add_client(&state.list, fd) != 0) {
+    int32_t count = 0;
+    if (!list_client(fd, &count)) {
         close(fd);
         return;
     }
     location_epoll_add_fd(epfd, fd, EPOLLIN);
-    printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd,
-           state.list.count);
+    std::printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd, count);
 }
 
 void location_debug_clients_drop(int32_t epfd, int32_t fd) {

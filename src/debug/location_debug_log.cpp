@@ -30,7 +30,7 @@ FILE* open_for_appending(const char* path) {
         close(fd);
         return nullptr;
     }
-    setvbuf(file, nullptr, _IONBF, 0);
+    std::setvbuf(file, nullptr, _IONBF, 0);
     return file;
 }
 
@@ -39,14 +39,14 @@ FILE* open_for_appending(const char* path) {
 int32_t location_debug_log_open() {
     const std::lock_guard guard(state.lock);
     if (state.file != nullptr) {
-        puts("[LOCSERV] INF: [debug]location_debug_start, already open");
+        std::puts("[LOCSERV] INF: [debug]location_debug_start, already open");
         return 0;
     }
     char path[kConfigTextSize];
     location_config_get_log_path(path);
     state.file = open_for_appending(path);
     if (state.file == nullptr) {
-        printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
+        std::printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
         return -1;
     }
     return 0;
@@ -55,8 +55,8 @@ int32_t location_debug_log_open() {
 void location_debug_log_write(const uint8_t* data, uint32_t length) {
     const DebugCancelHold hold;
     const std::lock_guard guard(state.lock);
-    if (state.file != nullptr && fwrite(data, 1, length, state.file) < length) {
-        puts("[LOCSERV] ERR: [debug] write to file fail");
+    if (state.file != nullptr && std::fwrite(data, 1, length, state.file) < length) {
+        std::puts("[LOCSERV] ERR: [debug] write to file fail");
     }
 }
 
@@ -66,6 +66,6 @@ void location_debug_log_close() {
     const std::lock_guard guard(state.lock);
     FILE* const file = std::exchange(state.file, nullptr);
     if (file != nullptr) {
-        fclose(file);
+        std::fclose(file);
     }
 }

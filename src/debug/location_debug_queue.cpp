@@ -39,7 +39,7 @@ struct DebugQueueState {
 
 void free_blocks(DebugBlock* block) {
     while (block != nullptr) {
-        free(std::exchange(block, block->next));
+        std::free(std::exchange(block, block->next));
     }
 }
 
@@ -101,22 +101,22 @@ void location_debug_queue_init() {
 
 int32_t location_debug_queue_open() {
     if (state.id != -1) {
-        puts("[LOCSERV] INF: [debug]location_debug_start, msgid exist");
+        std::puts("[LOCSERV] INF: [debug]location_debug_start, msgid exist");
         return 0;
     }
     int32_t id = msgget(kQueueKey, 0);
     if (id != -1) {
-        printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
+        std::printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
         throw_away_messages(id);
         state.id = id;
         return 0;
     }
     id = msgget(kQueueKey, IPC_CREAT | IPC_EXCL | kQueuePermissions);
     if (id == -1) {
-        puts("[LOCSERV] ERR: [debug]location_debug_start, msgid fail");
+        std::puts("[LOCSERV] ERR: [debug]location_debug_start, msgid fail");
         return -1;
     }
-    printf("[LOCSERV] INF: [debug]location_debug_start, creat msg:%d\n", id);
+    std::printf("[LOCSERV] INF: [debug]location_debug_start, creat msg:%d\n", id);
     state.id = id;
     return 0;
 }
@@ -136,7 +136,7 @@ bool location_debug_queue_is_open() {
 }
 
 DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length) {
-    DebugBlockPtr block(static_cast<DebugBlock*>(malloc(sizeof(DebugBlock) + length)));
+    DebugBlockPtr block(static_cast<DebugBlock*>(std::malloc(sizeof(DebugBlock) + length)));
     if (block) {
         *block = {.next = nullptr, .length = length};
         std::copy_n(data, length, reinterpret_cast<uint8_t*>(block.get() + 1));

@@ -69,7 +69,7 @@ void serve_line(ReceiveState* receive) {
 bool accept_client(const DebugOutlet* outlet) {
     const int32_t fd = location_socket_server_accept_new_tcp_connect(outlet->listen_fd);
     if (fd < 0) {
-        puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
+        std::puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
         return false;
     }
     location_debug_clients_admit(outlet->epoll_fd, fd);
@@ -94,7 +94,7 @@ bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_e
         return (event.events & EPOLLIN) == 0 || accept_client(outlet);
     }
     if (!location_debug_clients_have(fd)) {
-        printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
+        std::printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
         return true;
     }
     if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
@@ -122,8 +122,8 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
         if (error == EINTR) {
             return true;
         }
-        printf("[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[%s]%d\n",
-               strerror(error), error);
+        std::printf("[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[%s]%d\n",
+                    std::strerror(error), error);
         return false;
     }
     const bool all_served = serve_events(receive, outlet, events, count);
@@ -138,7 +138,7 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
 
 void* location_debug_tx_task(void* argument) {
     auto* const outlet = static_cast<DebugOutlet*>(argument);
-    puts("[LOCSERV] INF: [debug]location_debug_tx_task");
+    std::puts("[LOCSERV] INF: [debug]location_debug_tx_task");
     while (true) {
         const DebugBlockPtr block = location_debug_queue_receive();
         if (block) {
@@ -150,7 +150,7 @@ void* location_debug_tx_task(void* argument) {
 
 void* location_debug_rx_task(void* argument) {
     const auto* const outlet = static_cast<DebugOutlet*>(argument);
-    puts("[LOCSERV] INF: [debug]location_debug_rx_task");
+    std::puts("[LOCSERV] INF: [debug]location_debug_rx_task");
     ReceiveState receive{};
     while (true) {
         switch (outlet->mode) {
