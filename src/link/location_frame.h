@@ -11,14 +11,14 @@ enum location_frame_type : uint32_t {
     FRAME_BINARY = 3, // binary frame with a good checksum
 };
 
-// Looks at the head of length bytes. Returns how many of them form the next frame (*type tells its kind) or are to be
-// dropped (FRAME_NONE); 0 means that more data is needed.
+// Looks at the head of length bytes. Returns how many of them form the next frame (*type tells its kind) or
+// are to be dropped (FRAME_NONE); 0 means that more data is needed.
 uint32_t location_io_frame_parse(const uint8_t* buffer, uint32_t length, uint32_t* type);
 
 // XOR of n bytes.
 uint8_t location_nmea_checksum(const uint8_t* p, int32_t n);
 
-// XOR of n bytes (at most 65535), 0 for a null pointer.
+// XOR of n bytes, 0 for a null pointer.
 uint8_t location_binary_checksum(const uint8_t* p, int32_t n);
 
 #endif

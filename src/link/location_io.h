@@ -13,7 +13,8 @@ int32_t location_io_thread_deinit();
 // Body of the thread; returns only when the link can't be opened.
 void* location_io_rx_task(void* unused);
 
-// Enqueues a copy of a frame of length bytes for the service, as message 10 + type; types above FRAME_BINARY are dropped.
+// Enqueues a copy of a frame of length bytes for the service, as message 10 + type; types above FRAME_BINARY
+// are dropped.
 void location_io_data_handle(uint32_t type, const uint8_t* data, int32_t length);
 
 #endif

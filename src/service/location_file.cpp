@@ -1,1 +1,155 @@
 #include "service/location_file.h"
+
+#include "config/location_config.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr size_t kFileTextSize = 512;
+constexpr size_t kLineSize = 256; // a longer line is read in pieces
+constexpr int32_t kValuesWanted = 7;
+
+// The text of the file while it is built.
+struct FileText {
+    char text[kFileTextSize];
+    size_t length;
+};
+
+// The record with a NUL behind it: a field that runs on into its neighbours is one text up to there.
+struct TerminatedRecord {
+    LocationRecord record;
+    char end;
+};
+
+struct FileValue {
+    const char* key;
+    double AidingPosition::*value;
+    const char* failure;
+};
+
+// In the order in which a line is searched.
+constexpr FileValue kFileValues[] = {
+    {"longitude=", &AidingPosition::longitude,
+     "[LOCSERV] ERR: location_service_get_position sscanf lon fail"},
+    {"latitude=", &AidingPosition::latitude, "[LOCSERV] ERR: location_service_get_position sscanf lat fail"},
+    {"majorAxis=", &AidingPosition::majorAxis,
+     "[LOCSERV] ERR: location_service_get_position sscanf acc_maj fail"},
+    {"minorAxis=", &AidingPosition::minorAxis,
+     "[LOCSERV] ERR: location_service_get_position sscanf acc_min fail"},
+    {"orientation=", &AidingPosition::orientation,
+     "[LOCSERV] ERR: location_service_get_position sscanf bear fail"},
+    {"height=", &AidingPosition::height, "[LOCSERV] ERR: location_service_get_position sscanf alt fail"},
+    {"verticalUncertainty=", &AidingPosition::verticalUncertainty,
+     "[LOCSERV] ERR: location_service_get_position sscanf acc_vert fail"},
+};
+
+// Appends one line, cut where the text is full. Returns false after printing failure when formatting fails.
+__attribute__((format(printf, 3, 4))) bool append_line(FileText* out, const char* failure, const char* format,
+                                                       ...) {
+    const size_t room = sizeof out->text - out->length;
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = std::vsnprintf(out->text + out->length, room, format, arguments);
+    va_end(arguments);
+    if (written < 0) {
+        std::puts(failure);
+        return false;
+    }
+    out->length += std::min(static_cast<size_t>(written), room - 1);
+    return true;
+}
+
+bool build_text(const LocationRecord* record, FileText* out) {
+    const TerminatedRecord copy = {*record, '\0'};
+    const char* at = reinterpret_cast<const char*>(&copy);
+    return append_line(out, "[LOCSERV] ERR: location_service_save_location get utc fail", "UTC=%s\n",
+                       at + offsetof(LocationRecord, utc)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get longitude fail",
+                       "longitude=%s\n", at + offsetof(LocationRecord, longitude)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get latitude fail",
+                       "latitude=%s\n", at + offsetof(LocationRecord, latitude)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get majorAxis fail",
+                       "majorAxis=%s\n", at + offsetof(LocationRecord, majorAxis)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get minorAxis fail",
+                       "minorAxis=%s\n", at + offsetof(LocationRecord, minorAxis)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get orientation fail",
+                       "orientation=%s\n", at + offsetof(LocationRecord, orientation)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get height fail", "height=%s\n",
+                       at + offsetof(LocationRecord, height)) &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get heightType fail",
+                       "heightType=AGL\n") &&
+           append_line(out, "[LOCSERV] ERR: location_service_save_location get verticalUncertainty fail",
+                       "verticalUncertainty=%s\n", at + offsetof(LocationRecord, verticalUncertainty));
+}
+
+int32_t write_text(FILE* file, const FileText& text) {
+    int32_t result = 0;
+    if (std::fwrite(text.text, 1, text.length, file) != text.length) {
+        std::puts("[LOCSERV] ERR: location_service_save_location write fail");
+        result = -1;
+    }
+    if (std::fclose(file) != 0) {
+        std::puts("[LOCSERV] ERR: location_service_save_location fclose fail");
+    }
+    return result;
+}
+
+// Reads the line's value, if it has one. Returns 1 when it counts as read.
+int32_t read_line(const char* line, AidingPosition* out) {
+    for (const FileValue& row : kFileValues) {
+        const char* at = std::strstr(line, row.key);
+        if (at == nullptr) {
+            continue;
+        }
+        // Kept: a text that is no number counts as read and leaves the value as it is; only a missing one
+        // doesn't count.
+        if (std::sscanf(at + std::strlen(row.key), "%lf", &(out->*row.value)) == EOF) {
+            std::puts(row.failure);
+            return 0;
+        }
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int32_t location_service_save_location(const LocationRecord* record) {
+    FileText text = {};
+    if (!build_text(record, &text)) {
+        return -1;
+    }
+    char path[kConfigTextSize];
+    location_config_get_nmea_path(path);
+    FILE* file = std::fopen(path, "w");
+    if (file == nullptr) {
+        std::printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);
+        return -1;
+    }
+    return write_text(file, text);
+}
+
+int32_t location_service_get_position(AidingPosition* out) {
+    *out = {};
+    char path[kConfigTextSize];
+    location_config_get_nmea_path(path);
+    FILE* file = std::fopen(path, "r");
+    if (file == nullptr) {
+        std::printf("[LOCSERV] ERR: location_service_get_position open fail, %s\n", path);
+        return -1;
+    }
+    char line[kLineSize];
+    int32_t values = 0;
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        values += read_line(line, out);
+    }
+    if (std::fclose(file) != 0) {
+        std::puts("[LOCSERV] ERR: location_service_get_position fclose fail");
+    }
+    return values == kValuesWanted ? 0 : -1;
+}

@@ -1,4 +1,5 @@
-// The location file: the last position as key=value lines, written on request, read back when the chip asks for aiding.
+// The location file: the last position as key=value lines, written on request, read back when the chip asks
+// for aiding.
 #ifndef TAVOR_LOCATION_FILE_H
 #define TAVOR_LOCATION_FILE_H
 
@@ -7,12 +8,12 @@
 #include <cstdint>
 
 struct AidingPosition {
-    double latitude;  // degrees
-    double longitude; // degrees
-    double height;    // metres
-    double majorAxis; // metres
-    double minorAxis; // metres
-    double orientation; // degrees
+    double latitude;            // degrees
+    double longitude;           // degrees
+    double height;              // metres
+    double majorAxis;           // metres
+    double minorAxis;           // metres
+    double orientation;         // degrees
     double verticalUncertainty; // metres
 };
 

@@ -1,1 +1,151 @@
 #include "service/location_record.h"
+
+#include "service/location_nmea_fields.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+static_assert(sizeof(LocationRecord) == 94);
+static_assert(offsetof(LocationRecord, height) == 42 && offsetof(LocationRecord, verticalUncertainty) == 82);
+
+namespace {
+
+constexpr int32_t kFieldsMin = 2; // below: no sentence to track
+constexpr int32_t kGgaFieldsMin = 10;
+constexpr int32_t kErrorFieldsMin = 3; // of GST and EPE
+constexpr size_t kNumberTextSize = 15; // a number is read from at most 14 characters
+constexpr ptrdiff_t kMinuteDigits = 2; // whole minutes before the decimal point
+constexpr double kMinutesPerDegree = 60.0;
+constexpr size_t kHeightRoom = sizeof(LocationRecord) - offsetof(LocationRecord, height);
+
+struct NumberText {
+    char text[kNumberTextSize];
+};
+
+// A coordinate ddmm.mmmm in its two parts.
+struct CoordinateTexts {
+    NumberText degrees;
+    NumberText minutes;
+};
+
+NumberText number_text(const char* begin, size_t length) {
+    NumberText number = {};
+    std::memcpy(number.text, begin, length < kNumberTextSize ? length : kNumberTextSize - 1);
+    return number;
+}
+
+// Reads the number; where there is none the failure is printed and the number is 0.
+double read_number(const NumberText& number, const char* failure) {
+    double value = 0.0;
+    if (std::sscanf(number.text, "%lf", &value) != 1) {
+        std::puts(failure);
+        return 0.0;
+    }
+    return value;
+}
+
+bool cut_coordinate(const char* field, CoordinateTexts* out) {
+    const char* point = std::strchr(field, '.');
+    if (point == nullptr || point - field < kMinuteDigits) {
+        return false;
+    }
+    const char* minutes = point - kMinuteDigits;
+    out->degrees = number_text(field, static_cast<size_t>(minutes - field));
+    out->minutes = number_text(minutes, std::strlen(minutes));
+    return true;
+}
+
+// Sign and decimal degrees. An empty hemisphere counts as the negative one.
+template <size_t N> void write_coordinate(char (&dst)[N], char hemisphere, char positive, double value) {
+    std::snprintf(dst, N, "%s%lf", hemisphere == positive ? "" : "-", value);
+}
+
+bool update_latitude(LocationRecord* record, const NmeaFields& fields) {
+    CoordinateTexts texts;
+    if (!cut_coordinate(fields.field[2], &texts)) {
+        return false;
+    }
+    const double minutes = read_number(
+        texts.minutes, "[LOCSERV] ERR: location_service_get_location_string sscanf latitude min fail");
+    const double degrees = read_number(
+        texts.degrees, "[LOCSERV] ERR: location_service_get_location_string sscanf latitude deg fail");
+    write_coordinate(record->latitude, fields.field[3][0], 'N', degrees + minutes / kMinutesPerDegree);
+    return true;
+}
+
+bool update_longitude(LocationRecord* record, const NmeaFields& fields) {
+    CoordinateTexts texts;
+    if (!cut_coordinate(fields.field[4], &texts)) {
+        return false;
+    }
+    const double minutes = read_number(
+        texts.minutes, "[LOCSERV] ERR: location_service_get_location_string sscanf longitude min fail");
+    const double degrees = read_number(
+        texts.degrees, "[LOCSERV] ERR: location_service_get_location_string sscanf longitude deg fail");
+    write_coordinate(record->longitude, fields.field[5][0], 'E', degrees + minutes / kMinutesPerDegree);
+    return true;
+}
+
+// Altitude plus geoid separation. Kept: six decimals, so a text of ten or more characters runs on into
+// majorAxis, which clients of the 94-byte block know; it ends inside the record.
+void update_height(LocationRecord* record, const NmeaFields& fields) {
+    const NumberText separation_text = number_text(fields.field[11], std::strlen(fields.field[11]));
+    const NumberText altitude_text = number_text(fields.field[9], std::strlen(fields.field[9]));
+    const double separation = read_number(
+        separation_text, "[LOCSERV] ERR: location_service_get_location_string sscanf height min fail");
+    const double altitude = read_number(
+        altitude_text, "[LOCSERV] ERR: location_service_get_location_string sscanf height deg fail");
+    char* height = reinterpret_cast<char*>(record) + offsetof(LocationRecord, height);
+    if (std::snprintf(height, kHeightRoom, "%lf", altitude + separation) < 0) {
+        std::puts("[LOCSERV] ERR: location_service_get_location_string get height fail");
+    }
+}
+
+// Copies as much of the field as fits with its NUL.
+template <size_t N> void copy_field(char (&dst)[N], const char* field) {
+    const size_t length = strnlen(field, N - 1);
+    std::memcpy(dst, field, length);
+    dst[length] = '\0';
+}
+
+bool update_from_gga(LocationRecord* record, const NmeaFields& fields) {
+    if (!update_latitude(record, fields) || !update_longitude(record, fields)) {
+        return false;
+    }
+    update_height(record, fields);
+    copy_field(record->utc, fields.field[1]);
+    return true;
+}
+
+void update_from_gst(LocationRecord* record, const NmeaFields& fields) {
+    copy_field(record->majorAxis, fields.field[3]);
+    copy_field(record->minorAxis, fields.field[4]);
+    copy_field(record->orientation, fields.field[5]);
+}
+
+} // namespace
+
+int32_t location_service_get_location_string(LocationRecord* record, const char* sentence, uint32_t length) {
+    const bool gga = location_nmea_contains(sentence, length, "GGA");
+    const bool epe = location_nmea_contains(sentence, length, "EPE");
+    const bool gst = location_nmea_contains(sentence, length, "GST");
+    if (!gga && !epe && !gst) {
+        return -1;
+    }
+    NmeaFields fields;
+    location_nmea_split_fields(sentence, static_cast<int32_t>(length), &fields);
+    if (fields.count < kFieldsMin) {
+        return -1;
+    }
+    if (gga && fields.count >= kGgaFieldsMin && !update_from_gga(record, fields)) {
+        return -1;
+    }
+    if (gst && fields.count >= kErrorFieldsMin) {
+        update_from_gst(record, fields);
+    }
+    if (epe && fields.count >= kErrorFieldsMin) {
+        copy_field(record->verticalUncertainty, fields.field[2]);
+    }
+    return 0;
+}
