@@ -1,0 +1,33 @@
+// When the chip produces which sentences: pacing by epochs or at full speed, limits, the way into the
+// transmit buffer.
+#ifndef TAVOR_BOARD_CHIP_SOURCE_H
+#define TAVOR_BOARD_CHIP_SOURCE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct Chip;
+
+struct ChipSourceState {
+    uint64_t epoch = 0; // number of the next epoch; epoch n is at n / rate seconds of UTC
+    std::vector<std::string> staged;
+    size_t staged_next = 0;
+    size_t replay_position = 0;
+    bool finished = false;
+};
+
+// Cold boot: the first epoch is the next one due, a replay starts at its beginning.
+void chip_source_boot(Chip& chip, uint64_t now_us);
+
+// Produces what is due by now; at full speed what the transmit buffer has run low by.
+void chip_source_run(Chip& chip, uint64_t now_us);
+
+// Produces sentences of the trajectory at once until at least this many bytes of them wait, room or not.
+void chip_source_backlog(Chip& chip, size_t bytes, uint64_t now_us);
+
+// UTC in microseconds since 1970.
+uint64_t chip_utc_us(const Chip& chip, uint64_t now_us);
+
+#endif

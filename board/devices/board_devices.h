@@ -1,0 +1,90 @@
+// The device nodes of a simulated board: one chip behind an SPI node and a power line, GPIO lines as sysfs
+// text nodes. Functions in the shape of system calls return -1 and set errno as the kernel does. Each may be
+// called from any thread.
+#ifndef TAVOR_BOARD_DEVICES_H
+#define TAVOR_BOARD_DEVICES_H
+
+#include "chip/chip.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+struct BoardOptions {
+    ChipOptions chip; // utc_at_zero_us 0: set from the host's clock
+    std::string spi_path = "/dev/spidev1.0";
+    int power_pin = 17;
+    int pin_count = 512;                // pins 0 to pin_count - 1 exist
+    bool lsb_first = true;              // bit order on the chip's side
+    std::function<uint64_t()> clock_us; // empty: the host's monotonic clock
+};
+
+// What the program has set on the SPI node, in the kernel's terms.
+struct BoardSpi {
+    uint32_t mode = 0; // SPI_CPHA, SPI_CPOL, SPI_LSB_FIRST ...
+    uint32_t bits_per_word = 8;
+    uint32_t speed_hz = 500000;
+};
+
+struct BoardPin {
+    bool exported = false;
+    bool output = false;
+    bool level = false;
+    std::string edge = "none";
+};
+
+struct Board {
+    std::mutex mutex; // guards all below
+    BoardOptions options;
+    Chip chip;
+    BoardSpi spi;
+    std::map<int, BoardPin> pins; // those touched so far
+};
+
+// An open node: what the kernel keeps for a descriptor. Its owner keeps it from board_open to board_close.
+struct BoardFile {
+    std::string path;
+    int flags = 0;
+    size_t position = 0;
+};
+
+// One part of an SPI message; null buffers as with spidev.
+struct BoardTransfer {
+    const uint8_t* tx;
+    uint8_t* rx;
+    uint32_t length;
+};
+
+enum class BoardSpiSetting : uint8_t { mode, lsb_first, bits_per_word, speed_hz };
+
+void board_init(Board& board, BoardOptions options);
+
+int board_open(Board& board, BoardFile& file, const std::string& path, int flags); // 0 or -1
+int board_close(Board& board, BoardFile& file);
+int board_access(Board& board, const std::string& path); // 0 or -1 (ENOENT)
+ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t length);
+ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t length);
+
+// All parts together are one frame on the wire (chip select stays low). Returns the bytes of all parts. Not
+// an SPI node: ENOTTY.
+ssize_t board_spi_message(Board& board, const BoardFile& file, const BoardTransfer* transfers, size_t count);
+
+// The write requests of spidev; mode takes all mode bits, lsb_first 0 or not 0. Returns 0 or -1.
+int board_spi_set(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t value);
+// The read requests. Returns 0 or -1.
+int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t& value);
+
+// The chip's own functions, under the board's lock and on its clock.
+ChipStatus board_status(Board& board);
+std::vector<ChipCommand> board_commands(Board& board);
+std::string board_fault(Board& board, const std::string& name, const std::string& value);
+std::string board_queue(Board& board, const std::string& bytes);
+BoardSpi board_spi(Board& board);
+std::map<int, BoardPin> board_pins(Board& board);
+
+#endif

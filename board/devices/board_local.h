@@ -1,0 +1,17 @@
+// Puts a board behind the device nodes of this process, for tests of the daemon's own modules.
+#ifndef TAVOR_BOARD_BOARD_LOCAL_H
+#define TAVOR_BOARD_BOARD_LOCAL_H
+
+#include "devices/board_devices.h"
+
+// From now on the interposed open, read, write, ioctl, close and access of this process reach the board. The
+// board must outlive every interposed call.
+void board_local_connect(Board& board);
+
+// The device nodes are gone: open fails with ENOENT.
+void board_local_disconnect();
+
+// An ioctl of spidev on an open node, with the argument as the program passes it.
+int board_local_ioctl(Board& board, const BoardFile& file, unsigned long request, void* argument);
+
+#endif
