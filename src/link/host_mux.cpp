@@ -1,1 +1,124 @@
 #include "link/host_mux.h"
+
+#include "link/host_mux_lock.h"
+#include "link/host_mux_spi.h"
+
+#include <cstdio>
+#include <pthread.h>
+
+namespace {
+
+// Transfers share the bus, opening and closing it excludes them: it is closed only when no thread is inside.
+struct State {
+    pthread_rwlock_t bus = PTHREAD_RWLOCK_INITIALIZER;
+} state;
+
+struct SharedBus {
+    SharedBus() : taken(pthread_rwlock_tryrdlock(&state.bus) == 0) {}
+    ~SharedBus() {
+        if (taken) {
+            pthread_rwlock_unlock(&state.bus);
+        }
+    }
+    SharedBus(const SharedBus&) = delete;
+    SharedBus& operator=(const SharedBus&) = delete;
+
+    const bool taken; // not while the bus is being opened or closed
+};
+
+struct ExclusiveBus {
+    ExclusiveBus() {
+        pthread_rwlock_wrlock(&state.bus);
+    }
+    ~ExclusiveBus() {
+        pthread_rwlock_unlock(&state.bus);
+    }
+    ExclusiveBus(const ExclusiveBus&) = delete;
+    ExclusiveBus& operator=(const ExclusiveBus&) = delete;
+};
+
+// Makes transfers of other threads come back while the bus is being closed.
+struct StopMark {
+    StopMark() {
+        host_mux_stop_begin();
+    }
+    ~StopMark() {
+        host_mux_stop_end();
+    }
+    StopMark(const StopMark&) = delete;
+    StopMark& operator=(const StopMark&) = delete;
+};
+
+bool is_known(uint32_t bus_type) {
+    return bus_type == HOST_MUX_BUS_SPI || bus_type == HOST_MUX_BUS_I2C;
+}
+
+bool is_open(const host_mux_handle* handle) {
+    const SharedBus bus;
+    return bus.taken && handle->id != kHostMuxClosed;
+}
+
+uint32_t master_init(uint32_t bus_type, const void* config) {
+    if (bus_type == HOST_MUX_BUS_SPI) {
+        return static_cast<uint32_t>(
+            host_mux_spi_master_init(static_cast<const host_mux_spi_port_config*>(config)));
+    }
+    return kHostMuxClosed;
+}
+
+} // namespace
+
+int32_t host_mux_init(host_mux_handle* handle, const void* config) {
+    if (is_open(handle)) {
+        puts("host_mux_init, mux exist");
+        return 0;
+    }
+    if (!is_known(handle->bus_type)) {
+        return -1;
+    }
+    const ExclusiveBus bus;
+    const uint32_t id = master_init(handle->bus_type, config);
+    if (id == kHostMuxClosed) {
+        puts("host_mux_init, init fail");
+        return -1;
+    }
+    handle->id = id;
+    return 0;
+}
+
+int32_t host_mux_deinit(host_mux_handle* handle) {
+    const StopMark stop;
+    const ExclusiveBus bus;
+    if (handle->id == kHostMuxClosed) {
+        return 0;
+    }
+    if (handle->bus_type != HOST_MUX_BUS_SPI || host_mux_spi_master_deinit(handle->id) != 0) {
+        return -1;
+    }
+    handle->id = kHostMuxClosed;
+    return 0;
+}
+
+int32_t host_mux_rx(host_mux_handle* handle, uint8_t* buffer, uint32_t* length) {
+    const SharedBus bus;
+    if (!bus.taken || handle->id == kHostMuxClosed) {
+        puts("host_mux_rx, mux not open");
+        return 1;
+    }
+    if (handle->bus_type != HOST_MUX_BUS_SPI) {
+        return 1;
+    }
+    return mux_spi_master_demo_receive(handle->id, buffer, length);
+}
+
+int32_t host_mux_tx(host_mux_handle* handle, const uint8_t* data, uint32_t* length) {
+    const SharedBus bus;
+    if (!bus.taken || handle->id == kHostMuxClosed) {
+        puts("host_mux_tx, mux not open");
+        return 1;
+    }
+    if (handle->bus_type != HOST_MUX_BUS_SPI) {
+        return 1;
+    }
+    return mux_spi_master_demo_send(handle->id, data, length);
+}

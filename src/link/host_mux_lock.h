@@ -1,12 +1,13 @@
-// How a multiplexer operation waits without ever holding up a stop: cancellation is held off while an operation runs and
-// offered at each round of a wait that has no limit of its own.
+// How a multiplexer operation waits without ever holding up a stop: cancellation is held off while an
+// operation runs and offered at each round of a wait that has no limit of its own.
 #ifndef TAVOR_HOST_MUX_LOCK_H
 #define TAVOR_HOST_MUX_LOCK_H
 
 #include "link/port_platform.h"
 
-// Announces that the link is about to be stopped, and that it has been. While at least one stop is pending, unlimited
-// waits end with failure, so that a thread which can't be cancelled comes back too. Calls pair up; any thread.
+// Announces that the link is about to be stopped, and that it has been. While at least one stop is pending,
+// unlimited waits end with failure, so that a thread which can't be cancelled comes back too. Calls pair up;
+// any thread.
 void host_mux_stop_begin();
 void host_mux_stop_end();
 bool host_mux_stop_pending();
@@ -14,8 +15,8 @@ bool host_mux_stop_pending();
 // Pause between two rounds of an unlimited wait, a cancellation point. Returns false when a stop is pending.
 bool host_mux_next_round();
 
-// Takes the mutex, a cancellation point while another thread holds it. Returns false, without the mutex, when a stop is
-// pending and the mutex stays taken.
+// Takes the mutex, a cancellation point while another thread holds it. Returns false, without the mutex, when
+// a stop is pending and the mutex stays taken.
 bool host_mux_take(port_platform_mutex mutex);
 
 // Holds cancellation off for its lifetime.

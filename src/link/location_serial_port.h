@@ -10,11 +10,12 @@ inline constexpr uint32_t kGnssTransferMax = 4095;
 // Opens the link as configured. Returns 0 (also when open already) or -1.
 int32_t location_serial_port_gnss_init();
 
-// Reads up to capacity bytes, at most kGnssTransferMax. Returns the bytes read; 0 when there are none or a step failed.
+// Reads up to capacity bytes, at most kGnssTransferMax. Returns the bytes read; 0 when there are none or a
+// step failed.
 int32_t location_serial_port_gnss_read(uint8_t* buffer, uint32_t capacity);
 
-// Writes up to length bytes, at most kGnssTransferMax. Returns the bytes written; 0 when the chip took none or a step
-// failed.
+// Writes up to length bytes, at most kGnssTransferMax. Returns the bytes written; 0 when the chip took none
+// or a step failed.
 int32_t location_serial_port_gnss_write(const uint8_t* data, uint32_t length);
 
 // Closes the link. Returns 0 (also when not open) or -1.
