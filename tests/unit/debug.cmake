@@ -1,0 +1,5 @@
+tavor_test(location_uart_escape_test SOURCES location_uart_escape_test.cpp USES tavor_debug)
+tavor_test(location_uart_test SOURCES location_uart_test.cpp debug_support.cpp USES tavor_debug)
+tavor_test(location_epoll_test SOURCES location_epoll_test.cpp debug_support.cpp USES tavor_debug)
+tavor_test(location_socket_server_test SOURCES location_socket_server_test.cpp debug_support.cpp USES tavor_debug)
+tavor_test(location_debug_clients_test SOURCES location_debug_clients_test.cpp debug_support.cpp USES tavor_debug)

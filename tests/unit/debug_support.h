@@ -1,0 +1,59 @@
+// Peers of the debug outlet: pseudo terminals, TCP clients, and waits for what they see.
+#ifndef TAVOR_TESTS_DEBUG_SUPPORT_H
+#define TAVOR_TESTS_DEBUG_SUPPORT_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+// Limit of every wait: far more than is ever needed.
+inline constexpr std::chrono::seconds kWaitLimit{20};
+
+// Waits until the condition holds; returns false at the limit.
+bool wait_until(const std::function<bool()>& condition);
+
+// Reads from the descriptor until count bytes came, its end or the limit.
+std::string read_bytes(int fd, size_t count);
+
+// All 256 byte values, the flow control characters and the escape byte among them, some of them in a row.
+std::string binary_data();
+
+// Entries of /proc/self/fd and /proc/self/task.
+size_t open_descriptors();
+size_t running_threads();
+
+// A pseudo terminal: the tests hold the master, the outlet opens the path. The slave is held open too, so
+// that the master never sees a hang-up.
+struct PseudoTerminal {
+    PseudoTerminal();
+    ~PseudoTerminal();
+    PseudoTerminal(const PseudoTerminal&) = delete;
+    PseudoTerminal& operator=(const PseudoTerminal&) = delete;
+
+    void write(const std::string& bytes) const; // as the peer of the line
+    void hang_up();
+
+    int master;
+    int slave;
+    std::string path;
+};
+
+// A port of 127.0.0.1 that nobody uses.
+uint16_t free_port();
+
+struct TcpClient {
+    explicit TcpClient(uint16_t port, int receive_buffer = 0);
+    ~TcpClient();
+    TcpClient(const TcpClient&) = delete;
+    TcpClient& operator=(const TcpClient&) = delete;
+
+    void send(const std::string& bytes) const;
+    bool ends() const; // waits for the end of the connection
+    void reset();      // closes with a reset instead of an end
+    void close();
+
+    int fd;
+};
+
+#endif

@@ -1,0 +1,75 @@
+#include "debug/location_debug_clients.h"
+
+#include "support/capture.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+DebugClientList list_of(const std::vector<int32_t>& fds) {
+    DebugClientList list{};
+    for (const int32_t fd : fds) {
+        EXPECT_EQ(location_debug_add_client(&list, fd), 0);
+    }
+    return list;
+}
+
+std::vector<int32_t> fds_of(const DebugClientList& list) {
+    return {list.fds, list.fds + list.count};
+}
+
+} // namespace
+
+TEST(LocationDebugClients, AreKeptInOrderOfArrival) {
+    EXPECT_EQ(fds_of(list_of({7, 5, 9})), (std::vector<int32_t>{7, 5, 9}));
+}
+
+TEST(LocationDebugClients, TheEleventhIsRefused) {
+    DebugClientList list = list_of({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    const std::string log = capture_stdout([&] { EXPECT_EQ(location_debug_add_client(&list, 11), -1); });
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_debug_add_client, 10 >= 10\n");
+    EXPECT_EQ(list.count, 10);
+    EXPECT_EQ(location_debug_find_client(&list, 11), -1);
+}
+
+TEST(LocationDebugClients, RemovingTakesTheFirstEqualOneAndKeepsTheOrder) {
+    DebugClientList list = list_of({4, 5, 6, 5});
+    EXPECT_EQ(location_debug_del_client(&list, 5), 0);
+    EXPECT_EQ(fds_of(list), (std::vector<int32_t>{4, 6, 5}));
+    EXPECT_EQ(location_debug_del_client(&list, 8), -1);
+    EXPECT_EQ(fds_of(list), (std::vector<int32_t>{4, 6, 5}));
+}
+
+TEST(LocationDebugClients, RemovingFromAFullListMakesRoomForOne) {
+    DebugClientList list = list_of({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
+    EXPECT_EQ(location_debug_del_client(&list, 10), 0);
+    EXPECT_EQ(location_debug_add_client(&list, 11), 0);
+    EXPECT_EQ(fds_of(list), (std::vector<int32_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 11}));
+}
+
+TEST(LocationDebugClients, OnlyListedOnesAreFound) {
+    const DebugClientList list = list_of({4, 5});
+    EXPECT_EQ(location_debug_find_client(&list, 4), 0);
+    EXPECT_EQ(location_debug_find_client(&list, 5), 0);
+    EXPECT_EQ(location_debug_find_client(&list, 0), -1); // the empty places hold it
+}
+
+TEST(LocationDebugClients, ClosedDescriptorsAreNotClosedAgain) {
+    for (int32_t fd : {-1, -2}) {
+        const int32_t before = fd;
+        EXPECT_EQ(location_debug_close_fd(&fd), 0);
+        EXPECT_EQ(fd, before);
+    }
+}
+
+TEST(LocationDebugClients, DescriptorIsForgottenOnlyWhenClosingWorks) {
+    int32_t fd = open("/dev/null", O_RDWR);
+    EXPECT_EQ(location_debug_close_fd(&fd), 0);
+    EXPECT_EQ(fd, -1);
+    fd = 1'000'000;
+    EXPECT_EQ(location_debug_close_fd(&fd), -1);
+    EXPECT_EQ(fd, 1'000'000);
+}
