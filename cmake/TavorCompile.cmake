@@ -22,8 +22,7 @@ target_compile_definitions(tavor_options INTERFACE _GNU_SOURCE)
 target_compile_options(tavor_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror
     -fstack-protector-strong -fno-strict-aliasing
-    $<$<CONFIG:Debug>:-O1>
-    $<$<AND:$<NOT:$<CONFIG:Debug>>,$<NOT:$<BOOL:${TAVOR_SANITIZE}>>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+    $<$<CONFIG:Debug>:-O1>)
 target_link_options(tavor_options INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack)
 target_link_libraries(tavor_options INTERFACE Threads::Threads)
 
@@ -31,6 +30,8 @@ if(TAVOR_SANITIZE)
     target_compile_options(tavor_options INTERFACE
         -fsanitize=${TAVOR_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(tavor_options INTERFACE -fsanitize=${TAVOR_SANITIZE})
+else()
+    target_compile_options(tavor_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 endif()
 
 # tavor_library(NAME SOURCES file... [USES library...]): one static library per room of src/. What a room may
