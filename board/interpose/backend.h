@@ -1,5 +1,5 @@
-// What stands behind the device nodes of an interposed program. Two variants are chosen at link time: local (in this
-// process, for unit tests) and remote (a board server's socket, for whole programs).
+// What stands behind the device nodes of an interposed program. Two variants are chosen at link time: local
+// (in this process, for unit tests) and remote (a board server's socket, for whole programs).
 #ifndef TAVOR_BOARD_BACKEND_H
 #define TAVOR_BOARD_BACKEND_H
 

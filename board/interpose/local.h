@@ -7,10 +7,11 @@
 #include <string>
 #include <sys/types.h>
 
-// Called with the node's path. Each behaves as the system call of its name: -1 and errno on failure. What is not set fails
-// with ENOENT (open, access) or EIO. close is told after the descriptor is gone.
+// Called with the node's path. Each behaves as the system call of its name: -1 and errno on failure. What is
+// not set fails with ENOENT (open, access) or EIO. close is told after the descriptor is gone.
 struct LocalDevices {
-    std::function<int(const std::string& path, int flags)> open; // 0 or -1: the descriptor is made by the backend
+    std::function<int(const std::string& path, int flags)>
+        open; // 0 or -1: the descriptor is made by the backend
     std::function<void(const std::string& path)> close;
     std::function<ssize_t(const std::string& path, void* buffer, size_t length)> read;
     std::function<ssize_t(const std::string& path, const void* data, size_t length)> write;

@@ -5,7 +5,8 @@
 #include <string>
 #include <sys/types.h>
 
-// Sets the private directory: "/etc/default/tavor/..." and "/tmp/head.out" then lie below it. Without one, nothing is mapped.
+// Sets the private directory: "/etc/default/tavor/..." and "/tmp/head.out" then lie below it. Without one,
+// nothing is mapped.
 void interpose_set_root(const std::string& directory);
 
 // Whether the path is a device node: /dev/spidev*, /dev/i2c-*, /sys/class/gpio and all below it.
