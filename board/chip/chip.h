@@ -3,10 +3,12 @@
 #ifndef TAVOR_BOARD_CHIP_H
 #define TAVOR_BOARD_CHIP_H
 
+#include "chip/chip_aiding.h"
 #include "chip/chip_command.h"
 #include "chip/chip_fault.h"
 #include "chip/chip_fifo.h"
 #include "chip/chip_options.h"
+#include "chip/chip_sentence.h"
 #include "chip/chip_slave.h"
 #include "chip/chip_source.h"
 #include "chip/chip_status.h"
@@ -24,6 +26,7 @@ struct Chip {
     ChipSourceState source;
     ChipSlaveState slave;
     ChipCommandState commands;
+    ChipAidingState aiding;
     ChipFaultState faults;
     std::mt19937 random;
     uint64_t boot_us = 0;
@@ -44,12 +47,12 @@ bool chip_spi_transfer(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t leng
 // transfer.
 void chip_run(Chip& chip, uint64_t now_us);
 
+// Sends a sentence of the chip's own beside those of its source; lost when there is no room.
+void chip_send(Chip& chip, const std::string& sentence);
+
 // Puts raw bytes into the transmit buffer: sentences, binary frames, garbage. Returns what is wrong (chip
 // off, no room), else empty.
 std::string chip_queue(Chip& chip, const std::string& bytes);
-
-// "$BODY*CS\r\n" of a sentence body without '$' and checksum.
-std::string chip_sentence(const std::string& body);
 
 ChipStatus chip_status(const Chip& chip);
 

@@ -41,6 +41,9 @@ const std::vector<ChipFaultInfo>& chip_fault_table();
 // "name value" of each fault in force.
 std::vector<std::string> chip_fault_active(const ChipFaultState& faults);
 
+// Whether a fault in force may bring a host out of step with the slave.
+bool chip_fault_disturbs(const ChipFaultState& faults);
+
 // Whether the next transfer fails; counts it.
 bool chip_fault_transfer(ChipFaultState& faults);
 

@@ -20,6 +20,8 @@ struct ChipSlaveState {
     uint32_t announced_tx = 0; // register values as the host has read them
     uint32_t announced_rx = 0;
     uint8_t last_status = 0; // as the host has read it
+    bool excused = true; // out of step through no fault of the host: until its next power-on nothing counts
+                         // as a violation
 };
 
 // Cold boot: the interface is unpowered and nothing is announced.

@@ -5,6 +5,8 @@
 #define TAVOR_BOARD_DEVICES_H
 
 #include "chip/chip.h"
+#include "devices/board_gpio.h"
+#include "devices/board_spi.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -24,26 +26,12 @@ struct BoardOptions {
     std::function<uint64_t()> clock_us; // empty: the host's monotonic clock
 };
 
-// What the program has set on the SPI node, in the kernel's terms.
-struct BoardSpi {
-    uint32_t mode = 0; // SPI_CPHA, SPI_CPOL, SPI_LSB_FIRST ...
-    uint32_t bits_per_word = 8;
-    uint32_t speed_hz = 500000;
-};
-
-struct BoardPin {
-    bool exported = false;
-    bool output = false;
-    bool level = false;
-    std::string edge = "none";
-};
-
 struct Board {
     std::mutex mutex; // guards all below
     BoardOptions options;
     Chip chip;
     BoardSpi spi;
-    std::map<int, BoardPin> pins; // those touched so far
+    BoardGpio gpio;
 };
 
 // An open node: what the kernel keeps for a descriptor. Its owner keeps it from board_open to board_close.
@@ -52,15 +40,6 @@ struct BoardFile {
     int flags = 0;
     size_t position = 0;
 };
-
-// One part of an SPI message; null buffers as with spidev.
-struct BoardTransfer {
-    const uint8_t* tx;
-    uint8_t* rx;
-    uint32_t length;
-};
-
-enum class BoardSpiSetting : uint8_t { mode, lsb_first, bits_per_word, speed_hz };
 
 void board_init(Board& board, BoardOptions options);
 

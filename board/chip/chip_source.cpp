@@ -1,0 +1,136 @@
+#include "chip/chip_source.h"
+
+#include "chip/chip.h"
+#include "chip/chip_replay.h"
+#include "chip/chip_trajectory.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr uint64_t kUsPerSecond = 1000000;
+constexpr size_t kFullSpeedLowWater = 8192; // bytes
+constexpr uint64_t kMaxOverdueSeconds = 60; // what a host that slept longer has missed is not produced at all
+constexpr size_t kLeastEpochSize = 250;     // bytes of a trajectory epoch
+
+uint64_t epoch_utc_us(const Chip& chip, uint64_t epoch) {
+    return epoch * kUsPerSecond / chip.options.rate_hz;
+}
+
+uint64_t epoch_at_or_after(const Chip& chip, uint64_t utc_us) {
+    return (utc_us * chip.options.rate_hz + kUsPerSecond - 1) / kUsPerSecond;
+}
+
+bool limit_reached(const Chip& chip) {
+    return chip.options.sentence_limit != 0 && chip.status.sentences_produced >= chip.options.sentence_limit;
+}
+
+ChipEpoch epoch_of(const Chip& chip, uint64_t number, bool fix) {
+    const uint64_t utc = epoch_utc_us(chip, number);
+    const auto since_start = static_cast<int64_t>(utc - chip.options.utc_at_zero_us);
+    return {utc, static_cast<double>(since_start) / kUsPerSecond, fix, number % chip.options.rate_hz == 0};
+}
+
+bool has_fix(const Chip& chip, uint64_t utc_us) {
+    return utc_us >= chip_utc_us(chip, chip.boot_us) + chip.options.time_to_first_fix_ms * uint64_t{1000};
+}
+
+void stage_replay(Chip& chip) {
+    ChipSourceState& source = chip.source;
+    chip_replay_epoch(chip.options.replay, source.replay_position, source.staged);
+    if (source.staged.empty() && chip.options.loop) {
+        source.replay_position = 0;
+        chip_replay_epoch(chip.options.replay, source.replay_position, source.staged);
+    }
+}
+
+// Makes the sentences of the next epoch ready. False: there are no more.
+bool stage_epoch(Chip& chip) {
+    ChipSourceState& source = chip.source;
+    source.staged.clear();
+    source.staged_next = 0;
+    if (chip.options.source == ChipSource::replay) {
+        stage_replay(chip);
+    } else if (chip.options.source == ChipSource::trajectory) {
+        const bool fix = has_fix(chip, epoch_utc_us(chip, source.epoch));
+        chip_trajectory_epoch(chip.options, epoch_of(chip, source.epoch, fix), source.staged);
+    }
+    ++source.epoch;
+    source.finished = source.staged.empty();
+    return !source.finished;
+}
+
+void produce_staged(Chip& chip, bool elastic) {
+    const std::string& sentence = chip.source.staged[chip.source.staged_next++];
+    ++chip.status.sentences_produced;
+    if (elastic || chip_fifo_size(chip.transmit) + sentence.size() <= chip.options.tx_fifo_size) {
+        chip_fifo_push(chip.transmit, sentence, true);
+    } else {
+        ++chip.status.sentences_dropped;
+    }
+    chip.source.finished = limit_reached(chip);
+}
+
+bool all_staged_produced(const Chip& chip) {
+    return chip.source.staged_next >= chip.source.staged.size();
+}
+
+void run_full_speed(Chip& chip) {
+    const size_t low_water = std::min<size_t>(kFullSpeedLowWater, chip.options.tx_fifo_size / 2);
+    while (!chip.source.finished && chip_fifo_size(chip.transmit) < low_water) {
+        if (all_staged_produced(chip) && !stage_epoch(chip)) {
+            return;
+        }
+        produce_staged(chip, true);
+    }
+}
+
+void run_paced(Chip& chip, uint64_t now_us) {
+    const uint64_t utc = chip_utc_us(chip, now_us);
+    const uint64_t oldest = utc - std::min(utc, kMaxOverdueSeconds * kUsPerSecond);
+    chip.source.epoch = std::max(chip.source.epoch, epoch_at_or_after(chip, oldest));
+    while (!chip.source.finished && epoch_utc_us(chip, chip.source.epoch) <= utc && stage_epoch(chip)) {
+        while (!chip.source.finished && !all_staged_produced(chip)) {
+            produce_staged(chip, false);
+        }
+    }
+}
+
+} // namespace
+
+uint64_t chip_utc_us(const Chip& chip, uint64_t now_us) {
+    return chip.options.utc_at_zero_us + now_us;
+}
+
+void chip_source_boot(Chip& chip, uint64_t now_us) {
+    chip.source = {};
+    chip.source.epoch = epoch_at_or_after(chip, chip_utc_us(chip, now_us));
+    chip.source.finished = chip.options.source == ChipSource::none || limit_reached(chip);
+}
+
+void chip_source_run(Chip& chip, uint64_t now_us) {
+    if (chip.source.finished) {
+        return;
+    }
+    if (chip.options.full_speed) {
+        run_full_speed(chip);
+    } else {
+        run_paced(chip, now_us);
+    }
+}
+
+void chip_source_backlog(Chip& chip, size_t bytes, uint64_t now_us) {
+    const uint64_t now = epoch_at_or_after(chip, chip_utc_us(chip, now_us));
+    const bool fix = has_fix(chip, epoch_utc_us(chip, now));
+    uint64_t epoch = now - std::min<uint64_t>(now, bytes / kLeastEpochSize + 1);
+    std::vector<std::string> sentences;
+    for (size_t size = 0; size < bytes; ++epoch) {
+        sentences.clear();
+        chip_trajectory_epoch(chip.options, epoch_of(chip, epoch, fix), sentences);
+        for (const std::string& sentence : sentences) {
+            chip_fifo_push(chip.transmit, sentence, true);
+            ++chip.status.sentences_produced;
+            size += sentence.size();
+        }
+    }
+}

@@ -1,0 +1,188 @@
+#include "devices/board_devices.h"
+
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <utility>
+
+namespace {
+
+using Guard = std::lock_guard<std::mutex>;
+
+int fail(int error) {
+    errno = error;
+    return -1;
+}
+
+// Microseconds since this call.
+std::function<uint64_t()> clock_from_now() {
+    using std::chrono::steady_clock;
+    return [start = steady_clock::now()] {
+        const auto passed = steady_clock::now() - start;
+        return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(passed).count());
+    };
+}
+
+uint64_t utc_now_us() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+uint64_t now(const Board& board) {
+    return board.options.clock_us();
+}
+
+bool is_spi(const Board& board, const std::string& path) {
+    return path == board.options.spi_path;
+}
+
+void apply_power(Board& board) {
+    chip_power(board.chip, board_gpio_drives(board.gpio, board.options.power_pin, true), now(board));
+}
+
+ssize_t spi_frame(Board& board, const BoardTransfer* transfers, size_t count) {
+    return board_spi_frame(board.spi, board.options.lsb_first, board.chip, transfers, count, now(board));
+}
+
+// One direction only; lengths above the node's buffer are refused before anything is copied.
+ssize_t spi_plain(Board& board, const void* tx, void* rx, size_t length) {
+    if (length > kBoardSpiBufferSize) {
+        return fail(EMSGSIZE);
+    }
+    const BoardTransfer transfer = {static_cast<const uint8_t*>(tx), static_cast<uint8_t*>(rx),
+                                    static_cast<uint32_t>(length)};
+    return spi_frame(board, &transfer, 1);
+}
+
+bool readable(const BoardFile& file) {
+    return (file.flags & O_ACCMODE) != O_WRONLY;
+}
+
+bool writable(const BoardFile& file) {
+    return (file.flags & O_ACCMODE) != O_RDONLY;
+}
+
+} // namespace
+
+void board_init(Board& board, BoardOptions options) {
+    const Guard guard(board.mutex);
+    board.options = std::move(options);
+    if (!board.options.clock_us) {
+        board.options.clock_us = clock_from_now();
+    }
+    if (board.options.chip.utc_at_zero_us == 0) {
+        board.options.chip.utc_at_zero_us = utc_now_us() - now(board);
+    }
+    board.spi = {};
+    board.gpio = {};
+    board.gpio.pin_count = board.options.pin_count;
+    chip_init(board.chip, board.options.chip);
+    board.options.chip.replay.clear(); // the chip has its own
+}
+
+int board_open(Board& board, BoardFile& file, const std::string& path, int flags) {
+    const Guard guard(board.mutex);
+    if (board_gpio_is_path(path)) {
+        if (board_gpio_open(board.gpio, path, flags) != 0) {
+            return -1;
+        }
+    } else if (!is_spi(board, path)) {
+        return fail(ENOENT);
+    }
+    file = {path, flags, 0};
+    return 0;
+}
+
+int board_close(Board& board, BoardFile& file) {
+    const Guard guard(board.mutex);
+    if (file.path.empty()) {
+        return fail(EBADF);
+    }
+    file = {};
+    return 0;
+}
+
+int board_access(Board& board, const std::string& path) {
+    const Guard guard(board.mutex);
+    if (board_gpio_is_path(path)) {
+        return board_gpio_access(board.gpio, path);
+    }
+    return is_spi(board, path) ? 0 : fail(ENOENT);
+}
+
+ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t length) {
+    const Guard guard(board.mutex);
+    if (file.path.empty() || !readable(file)) {
+        return fail(EBADF);
+    }
+    if (is_spi(board, file.path)) {
+        return spi_plain(board, nullptr, buffer, length);
+    }
+    const ssize_t count = board_gpio_read(board.gpio, file.path, file.position, buffer, length);
+    file.position += count > 0 ? static_cast<size_t>(count) : 0;
+    return count;
+}
+
+ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t length) {
+    const Guard guard(board.mutex);
+    if (file.path.empty() || !writable(file)) {
+        return fail(EBADF);
+    }
+    if (is_spi(board, file.path)) {
+        return spi_plain(board, data, nullptr, length);
+    }
+    const ssize_t count = board_gpio_write(board.gpio, file.path, data, length);
+    file.position += count > 0 ? static_cast<size_t>(count) : 0;
+    apply_power(board);
+    return count;
+}
+
+ssize_t board_spi_message(Board& board, const BoardFile& file, const BoardTransfer* transfers, size_t count) {
+    const Guard guard(board.mutex);
+    return is_spi(board, file.path) ? spi_frame(board, transfers, count) : fail(ENOTTY);
+}
+
+int board_spi_set(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t value) {
+    const Guard guard(board.mutex);
+    return is_spi(board, file.path) ? board_spi_change(board.spi, setting, value) : fail(ENOTTY);
+}
+
+int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t& value) {
+    const Guard guard(board.mutex);
+    if (!is_spi(board, file.path)) {
+        return fail(ENOTTY);
+    }
+    value = board_spi_value(board.spi, setting);
+    return 0;
+}
+
+ChipStatus board_status(Board& board) {
+    const Guard guard(board.mutex);
+    chip_run(board.chip, now(board));
+    return chip_status(board.chip);
+}
+
+std::vector<ChipCommand> board_commands(Board& board) {
+    const Guard guard(board.mutex);
+    return chip_commands(board.chip);
+}
+
+std::string board_fault(Board& board, const std::string& name, const std::string& value) {
+    const Guard guard(board.mutex);
+    return chip_fault(board.chip, name, value, now(board));
+}
+
+std::string board_queue(Board& board, const std::string& bytes) {
+    const Guard guard(board.mutex);
+    return chip_queue(board.chip, bytes);
+}
+
+BoardSpi board_spi(Board& board) {
+    const Guard guard(board.mutex);
+    return board.spi;
+}
+
+std::map<int, BoardPin> board_pins(Board& board) {
+    const Guard guard(board.mutex);
+    return board.gpio.pins;
+}
