@@ -3,7 +3,6 @@
 #include "config/location_config.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +23,33 @@ struct FileText {
 struct TerminatedRecord {
     LocationRecord record;
     char end;
+};
+
+struct FileLine {
+    const char* key;
+    size_t offset; // of the value in the terminated record
+    const char* failure;
+};
+
+// In the order of the file.
+constexpr FileLine kFileLines[] = {
+    {"UTC=", offsetof(LocationRecord, utc), "[LOCSERV] ERR: location_service_save_location get utc fail"},
+    {"longitude=", offsetof(LocationRecord, longitude),
+     "[LOCSERV] ERR: location_service_save_location get longitude fail"},
+    {"latitude=", offsetof(LocationRecord, latitude),
+     "[LOCSERV] ERR: location_service_save_location get latitude fail"},
+    {"majorAxis=", offsetof(LocationRecord, majorAxis),
+     "[LOCSERV] ERR: location_service_save_location get majorAxis fail"},
+    {"minorAxis=", offsetof(LocationRecord, minorAxis),
+     "[LOCSERV] ERR: location_service_save_location get minorAxis fail"},
+    {"orientation=", offsetof(LocationRecord, orientation),
+     "[LOCSERV] ERR: location_service_save_location get orientation fail"},
+    {"height=", offsetof(LocationRecord, height),
+     "[LOCSERV] ERR: location_service_save_location get height fail"},
+    {"heightType=AGL", offsetof(TerminatedRecord, end),
+     "[LOCSERV] ERR: location_service_save_location get heightType fail"},
+    {"verticalUncertainty=", offsetof(LocationRecord, verticalUncertainty),
+     "[LOCSERV] ERR: location_service_save_location get verticalUncertainty fail"},
 };
 
 struct FileValue {
@@ -48,16 +74,11 @@ constexpr FileValue kFileValues[] = {
      "[LOCSERV] ERR: location_service_get_position sscanf acc_vert fail"},
 };
 
-// Appends one line, cut where the text is full. Returns false after printing failure when formatting fails.
-__attribute__((format(printf, 3, 4))) bool append_line(FileText* out, const char* failure, const char* format,
-                                                       ...) {
+// Appends one line, cut where the text is full. Returns false when formatting fails.
+bool append_line(FileText* out, const char* key, const char* value) {
     const size_t room = sizeof out->text - out->length;
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = std::vsnprintf(out->text + out->length, room, format, arguments);
-    va_end(arguments);
+    const int written = std::snprintf(out->text + out->length, room, "%s%s\n", key, value);
     if (written < 0) {
-        std::puts(failure);
         return false;
     }
     out->length += std::min(static_cast<size_t>(written), room - 1);
@@ -66,25 +87,14 @@ __attribute__((format(printf, 3, 4))) bool append_line(FileText* out, const char
 
 bool build_text(const LocationRecord* record, FileText* out) {
     const TerminatedRecord copy = {*record, '\0'};
-    const char* at = reinterpret_cast<const char*>(&copy);
-    return append_line(out, "[LOCSERV] ERR: location_service_save_location get utc fail", "UTC=%s\n",
-                       at + offsetof(LocationRecord, utc)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get longitude fail",
-                       "longitude=%s\n", at + offsetof(LocationRecord, longitude)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get latitude fail",
-                       "latitude=%s\n", at + offsetof(LocationRecord, latitude)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get majorAxis fail",
-                       "majorAxis=%s\n", at + offsetof(LocationRecord, majorAxis)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get minorAxis fail",
-                       "minorAxis=%s\n", at + offsetof(LocationRecord, minorAxis)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get orientation fail",
-                       "orientation=%s\n", at + offsetof(LocationRecord, orientation)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get height fail", "height=%s\n",
-                       at + offsetof(LocationRecord, height)) &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get heightType fail",
-                       "heightType=AGL\n") &&
-           append_line(out, "[LOCSERV] ERR: location_service_save_location get verticalUncertainty fail",
-                       "verticalUncertainty=%s\n", at + offsetof(LocationRecord, verticalUncertainty));
+    const char* texts = reinterpret_cast<const char*>(&copy);
+    for (const FileLine& line : kFileLines) {
+        if (!append_line(out, line.key, texts + line.offset)) {
+            std::puts(line.failure);
+            return false;
+        }
+    }
+    return true;
 }
 
 int32_t write_text(FILE* file, const FileText& text) {

@@ -92,8 +92,12 @@ std::vector<double> values_of(const AidingPosition& p) {
             p.orientation, p.verticalUncertainty};
 }
 
-int next_format() {
-    return LocationFile::armed && faults.format_fails_at >= 0 ? faults.format_fails_at-- : -1;
+__attribute__((format(printf, 3, 0))) int format_unless_it_fails(char* dst, size_t size, const char* format,
+                                                                 va_list arguments) {
+    if (LocationFile::armed && faults.format_fails_at >= 0 && faults.format_fails_at-- == 0) {
+        return -1;
+    }
+    return std::vsnprintf(dst, size, format, arguments);
 }
 
 } // namespace
@@ -104,19 +108,25 @@ void location_config_get_nmea_path(char* path) {
 
 extern "C" {
 
-int __real_vsnprintf(char* dst, size_t size, const char* format, va_list arguments);
-int __real___vsnprintf_chk(char* dst, size_t size, int flag, size_t known, const char* format,
-                           va_list arguments);
 size_t __real_fwrite(const void* data, size_t size, size_t n, FILE* file);
 int __real_fclose(FILE* file);
 
-int __wrap_vsnprintf(char* dst, size_t size, const char* format, va_list arguments) {
-    return next_format() == 0 ? -1 : __real_vsnprintf(dst, size, format, arguments);
+__attribute__((format(printf, 3, 4))) int __wrap_snprintf(char* dst, size_t size, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = format_unless_it_fails(dst, size, format, arguments);
+    va_end(arguments);
+    return written;
 }
 
-int __wrap___vsnprintf_chk(char* dst, size_t size, int flag, size_t known, const char* format,
-                           va_list arguments) {
-    return next_format() == 0 ? -1 : __real___vsnprintf_chk(dst, size, flag, known, format, arguments);
+// What a build with fortified library functions calls instead.
+__attribute__((format(printf, 5, 6))) int __wrap___snprintf_chk(char* dst, size_t size, int /*flag*/,
+                                                                size_t /*known*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = format_unless_it_fails(dst, size, format, arguments);
+    va_end(arguments);
+    return written;
 }
 
 size_t __wrap_fwrite(const void* data, size_t size, size_t n, FILE* file) {

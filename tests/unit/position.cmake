@@ -3,7 +3,7 @@ set(TAVOR_SERVICE_DIR "${PROJECT_SOURCE_DIR}/src/service")
 
 tavor_test(location_file_test SOURCES location_file_test.cpp "${TAVOR_SERVICE_DIR}/location_file.cpp" USES tavor_parse)
 target_link_options(location_file_test PRIVATE
-    -Wl,--wrap=vsnprintf -Wl,--wrap=__vsnprintf_chk -Wl,--wrap=fwrite -Wl,--wrap=fclose)
+    -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk -Wl,--wrap=fwrite -Wl,--wrap=fclose)
 tavor_test(location_aiding_test
     SOURCES
         location_aiding_test.cpp
