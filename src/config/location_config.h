@@ -1,4 +1,5 @@
-// Settings of the device, read anew from one key=value file at every call: a change takes effect without a restart.
+// Settings of the device, read anew from one key=value file at every call: a change takes effect without a
+// restart.
 #ifndef TAVOR_LOCATION_CONFIG_H
 #define TAVOR_LOCATION_CONFIG_H
 
@@ -34,14 +35,15 @@ struct XodServerConfig {
     char device_id[kConfigTextSize];
 };
 
-// Fills dst (kConfigTextSize bytes) with the text behind key in the first line that holds it, else with default_text.
+// Fills dst (kConfigTextSize bytes) with the text behind key in the first line that holds it, else with
+// default_text.
 void location_config_get_path(char* dst, const char* default_text, const char* key);
 
 // Stores the number behind key (as atoi reads it) in dst, else default_value.
 void location_config_get_num(int32_t* dst, int32_t default_value, const char* key);
 
-// Each getter fills its record, text (kConfigTextSize bytes) or number and logs what it read. None fails: what can't be
-// read takes its default.
+// Each getter fills its record, text (kConfigTextSize bytes) or number and logs what it read. None fails:
+// what can't be read takes its default.
 void location_config_get_uart_path(char* path);
 void location_config_get_uart(SerialPortConfig* config);
 void location_config_get_debug_port(SerialPortConfig* config);

@@ -13,8 +13,8 @@ inline constexpr int32_t kGpioUnchanged = -1;
 int32_t location_gpio_export(int32_t pin);
 int32_t location_gpio_unexport(int32_t pin);
 
-// Writes the attributes that are not kGpioUnchanged. direction: 0 out, else in; value: the level; edge: 1 rising,
-// 2 falling, 3 both, else none. Direction and edge are written only where they differ.
+// Writes the attributes that are not kGpioUnchanged. direction: 0 out, else in; value: the level; edge: 1
+// rising, 2 falling, 3 both, else none. Direction and edge are written only where they differ.
 int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge);
 
 // Each exports the pin first.

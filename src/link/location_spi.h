@@ -20,7 +20,8 @@ int32_t location_spi_init(int32_t* fd, const location_spi_config* config);
 // Writes mode, word size, bit order and clock, in this order. Returns 0, or -1 at the first that fails.
 int32_t location_spi_set_config(int32_t fd, const location_spi_config* config);
 
-// One full-duplex transfer of len bytes; both buffers hold len bytes, either may be null. Returns the bytes moved or -1.
+// One full-duplex transfer of len bytes; both buffers hold len bytes, either may be null. Returns the bytes
+// moved or -1.
 int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf, uint32_t len);
 
 // Plain read and write on the descriptor. Return the bytes moved or -1.

@@ -11,7 +11,8 @@ using location_timer_callback = void (*)(sigval);
 // Returns a disarmed timer, or null when the system has none left.
 timer_t location_timer_create(location_timer_callback callback);
 
-// Arms the timer ms milliseconds from now, anew when it is armed; 0 disarms. Return the result of timer_settime.
+// Arms the timer ms milliseconds from now, anew when it is armed; 0 disarms. Return the result of
+// timer_settime.
 int32_t location_timer_set(timer_t timer, int32_t ms);
 int32_t location_timer_start(timer_t timer, int32_t ms);
 

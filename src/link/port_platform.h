@@ -25,8 +25,8 @@ struct host_mux_i2c_port_config {
     char path[128];
 };
 
-// One bus transaction. On SPI it clocks max(rx_len, tx_len) bytes in both directions, so each buffer that is not null
-// must hold that many; on I2C exactly one of the lengths is above zero.
+// One bus transaction. On SPI it clocks max(rx_len, tx_len) bytes in both directions, so each buffer that is
+// not null must hold that many; on I2C exactly one of the lengths is above zero.
 struct port_platform_transfer {
     uint8_t* rx_buf;
     const uint8_t* tx_buf;
