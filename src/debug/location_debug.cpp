@@ -119,24 +119,29 @@ int32_t start_rx_thread() {
     return 0;
 }
 
-void stop_thread(DebugThread* thread) {
+// Returns false when the thread could not be stopped.
+bool stop_thread(DebugThread* thread) {
     if (!thread->exists) {
-        return;
+        return true;
     }
     if (pthread_cancel(thread->id) != 0) {
         std::puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
-        return;
+        return false;
     }
     pthread_join(thread->id, nullptr);
     thread->exists = false;
+    return true;
 }
 
 // The threads go first: no descriptor is closed while one of them uses it, and neither meets a half-emptied
-// client list.
+// client list. An outlet that is still in use stays open.
 void close_threaded_outlet(uint32_t mode) {
-    stop_thread(&state.tx);
+    const bool tx_stopped = stop_thread(&state.tx);
     location_debug_queue_close();
-    stop_thread(&state.rx);
+    const bool rx_stopped = stop_thread(&state.rx);
+    if (!tx_stopped || !rx_stopped) {
+        return;
+    }
     if (mode == DEBUG_MODE_TCP) {
         close_server();
     } else {
