@@ -123,6 +123,14 @@ uint16_t free_port() {
     return ntohs(address.sin_port);
 }
 
+int hold_port(uint16_t port) {
+    const int fd = checked(socket(AF_INET, SOCK_STREAM, 0), "socket");
+    const sockaddr_in address = local_address(port);
+    checked(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "bind");
+    checked(listen(fd, 1), "listen");
+    return fd;
+}
+
 TcpClient::TcpClient(uint16_t port, int receive_buffer)
     : fd(checked(socket(AF_INET, SOCK_STREAM, 0), "socket")) {
     if (receive_buffer > 0) {

@@ -41,6 +41,8 @@ struct PseudoTerminal {
 
 // A port of 127.0.0.1 that nobody uses.
 uint16_t free_port();
+// Listens on the port of 127.0.0.1 until the descriptor returned is closed.
+int hold_port(uint16_t port);
 
 struct TcpClient {
     explicit TcpClient(uint16_t port, int receive_buffer = 0);

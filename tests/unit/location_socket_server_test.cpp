@@ -1,52 +1,24 @@
 #include "debug/location_socket_server.h"
 
 #include "debug_support.h"
+#include "interpose/fail.h"
 #include "support/capture.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
-enum Call { kNone, kSocket, kSetsockopt, kListen } failing_call = kNone;
-
-int call_or_fail(Call call, long number, long a, long b, long c, long d = 0, long e = 0) {
-    if (failing_call == call) {
-        errno = ENOBUFS;
-        return -1;
-    }
-    return static_cast<int>(syscall(number, a, b, c, d, e));
-}
-
 const std::string kNoBufferSpace = " reason=[No buffer space available]105\n";
-
-} // namespace
-
-// The three calls as the server sees them; each fails when a test says so.
-extern "C" int socket(int domain, int type, int protocol) noexcept {
-    return call_or_fail(kSocket, SYS_socket, domain, type, protocol);
-}
-
-extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
-    return call_or_fail(kSetsockopt, SYS_setsockopt, fd, level, name, reinterpret_cast<long>(value), size);
-}
-
-extern "C" int listen(int fd, int backlog) noexcept {
-    return call_or_fail(kListen, SYS_listen, fd, backlog, 0);
-}
-
-namespace {
 
 struct SocketServerTest : testing::Test {
     int create(const char* ip = "127.0.0.1") {
         log = capture_stdout([&] { fd = location_socket_server_create_tcp(ip, port); });
-        failing_call = kNone;
+        interpose_fail_reset();
         return fd;
     }
     void TearDown() override {
@@ -114,19 +86,19 @@ TEST_F(SocketServerTest, UnreadableAddressBecomesAllOnes) {
 }
 
 TEST_F(SocketServerTest, NoSocketIsReported) {
-    failing_call = kSocket;
+    interpose_fail("socket", 1, ENOBUFS);
     EXPECT_EQ(create(), -1);
     EXPECT_EQ(log, line("socket", kNoBufferSpace));
 }
 
 TEST_F(SocketServerTest, FailedOptionIsReportedAndIgnored) {
-    failing_call = kSetsockopt;
+    interpose_fail("setsockopt", 1, ENOBUFS);
     EXPECT_GE(create(), 0);
     EXPECT_EQ(log, line("setsockopt", kNoBufferSpace));
 }
 
 TEST_F(SocketServerTest, SocketThatCantListenIsReturnedAllTheSame) {
-    failing_call = kListen;
+    interpose_fail("listen", 1, ENOBUFS);
     EXPECT_GE(create(), 0);
     EXPECT_EQ(log, line("listen", kNoBufferSpace));
 }

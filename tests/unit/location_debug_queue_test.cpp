@@ -1,0 +1,107 @@
+#include "debug/location_debug.h"
+
+#include "debug_fixture.h"
+
+#include <cstring>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+
+namespace {
+
+constexpr key_t kQueueKey = 1235;
+
+// What another process may put into the queue.
+struct ForeignMessage {
+    long type;
+    char body[64];
+};
+
+struct DebugQueueTest : DebugTest {
+    int make_queue() const {
+        return msgget(kQueueKey, IPC_CREAT | IPC_EXCL | 0666);
+    }
+
+    std::unique_ptr<TcpClient> start_with_client() {
+        EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+        return connect_listed(1);
+    }
+};
+
+void send_foreign(int queue, long type, size_t size) {
+    ForeignMessage message{};
+    message.type = type;
+    std::memset(message.body, 0x5A, sizeof message.body); // no pointer of anybody
+    ASSERT_EQ(msgsnd(queue, &message, size, 0), 0);
+}
+
+size_t messages_in(int queue) {
+    msqid_ds status{};
+    return msgctl(queue, IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
+}
+
+} // namespace
+
+TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
+    const int queue = make_queue();
+    send_foreign(queue, 1, 16);
+    send_foreign(queue, 7, 64);
+    send_foreign(queue, 1, 0);
+    const auto client = start_with_client();
+    EXPECT_EQ(log_lines()[0],
+              "[LOCSERV] INF: [debug]location_debug_start, msgid exist:" + std::to_string(queue));
+    EXPECT_EQ(messages_in(queue), 0U);
+    handle_text("$GPGGA");
+    EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
+}
+
+TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
+    const auto client = start_with_client();
+    const int queue = msgget(kQueueKey, 0);
+    ASSERT_NE(queue, -1);
+    for (const size_t size : {size_t{16}, size_t{0}, size_t{3}, size_t{17}, size_t{64}}) {
+        send_foreign(queue, 1, size);
+        send_foreign(queue, 99, size);
+    }
+    handle_text("$GPGGA");
+    EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
+    EXPECT_EQ(messages_in(queue), 0U);
+}
+
+TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
+    const int queue = msgget(kQueueKey, 0);
+    const std::string block(4095, 'x');
+    while (messages_in(queue) < 20) { // the line takes no more
+        handle_text(block);
+    }
+    handle_text("last");
+    ForeignMessage stolen{};
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(msgrcv(queue, &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+    }
+    std::string seen;
+    while (seen.find("last") == std::string::npos) {
+        const std::string piece = read_bytes(line.master, 1);
+        ASSERT_FALSE(piece.empty());
+        seen += piece;
+    }
+}
+
+TEST_F(DebugQueueTest, WhatIsInTheQueueAtCloseIsFreed) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
+    const int queue = msgget(kQueueKey, 0);
+    while (messages_in(queue) < 20) {
+        handle_text(std::string(4095, 'x'));
+    }
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    EXPECT_EQ(msgget(kQueueKey, 0), -1);
+}
+
+TEST_F(DebugQueueTest, QueueRemovedFromOutsideFailsTheSendAndMakesNoBusyLoop) {
+    const auto client = start_with_client();
+    ASSERT_EQ(msgctl(msgget(kQueueKey, 0), IPC_RMID, nullptr), 0);
+    handle_text("lost");
+    EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!"), 1U);
+    location_debug_close();
+    EXPECT_EQ(location_debug_start(), 0);
+}

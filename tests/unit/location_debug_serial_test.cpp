@@ -1,0 +1,252 @@
+#include "debug/location_debug.h"
+
+#include "debug_fixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <pthread.h>
+#include <thread>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const std::string kSendFail = "[LOCSERV] ERR: [debug]location_debug_handle, send Fail!";
+
+struct DebugSerialTest : DebugTest {
+    void open_line(int32_t wanted_flow_control = 0) {
+        flow_control = wanted_flow_control;
+        configure();
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
+    }
+
+    // Hands over blocks until one is dropped; returns their number.
+    int fill_until_dropped(const std::string& block) const {
+        int blocks = 0;
+        while (log_count(kSendFail) == 0) {
+            handle_text(block);
+            ++blocks;
+        }
+        return blocks;
+    }
+};
+
+std::string escaped(const std::string& plain) {
+    std::string out;
+    for (const char c : plain) {
+        if (c == '\x77') {
+            out += "\x77\x88";
+        } else if (c == '\x11') {
+            out += "\x77\xEE";
+        } else if (c == '\x13') {
+            out += "\x77\xEC";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+double processor_seconds() {
+    timespec used{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+}
+
+void* hand_over_for_ever(void* block) {
+    while (true) {
+        handle_text(*static_cast<const std::string*>(block));
+    }
+}
+
+} // namespace
+
+TEST_F(DebugSerialTest, StreamAndInputPassByteForByteInEachFlowControl) {
+    for (const int32_t setting : {0, 1, 2}) {
+        open_line(setting);
+        const std::string on_the_line = setting == 1 ? escaped(binary_data()) : binary_data();
+        const size_t before = chip_received().size();
+        handle_text(binary_data());
+        EXPECT_EQ(read_bytes(line.master, on_the_line.size()), on_the_line) << setting;
+        line.write(on_the_line);
+        EXPECT_TRUE(wait_until([&] { return chip_received().size() >= before + binary_data().size(); }))
+            << setting;
+        EXPECT_EQ(chip_received().substr(before), binary_data()) << setting;
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    }
+}
+
+TEST_F(DebugSerialTest, EscapeByteAndItsPartnerMayComeApart) {
+    open_line(1);
+    line.write("A\x77");
+    ASSERT_TRUE(wait_until([] { return chip_received() == "A"; }));
+    line.write("\x88\x42");
+    EXPECT_TRUE(wait_until([] { return chip_received().size() == 3; }));
+    EXPECT_EQ(chip_received(), "A\x77\x42");
+}
+
+TEST_F(DebugSerialTest, ReopenedLineStartsWithoutAPendingEscape) {
+    open_line(1);
+    line.write("A\x77");
+    ASSERT_TRUE(wait_until([] { return chip_received() == "A"; }));
+    location_debug_close();
+    ASSERT_EQ(location_debug_start(), 0);
+    line.write("B");
+    EXPECT_TRUE(wait_until([] { return chip_received() == "AB"; }));
+    EXPECT_EQ(log_count("unrecognized"), 0U);
+}
+
+TEST_F(DebugSerialTest, LineThatCantBeOpenedFailsWithoutThreads) {
+    line_path = " ";
+    configure();
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), -1);
+    handle_text("dropped");
+    EXPECT_EQ(log_lines(),
+              (std::vector<std::string>{"[LOCSERV] ERR: [UART]location_uart_init, open fail: ",
+                                        "[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1"}));
+    EXPECT_EQ(running_threads(), threads_before);
+}
+
+TEST_F(DebugSerialTest, SecondStartLeavesTheRunningOutletAlone) {
+    open_line();
+    ASSERT_TRUE(wait_until([&] { return log_lines().size() == 3; }));
+    EXPECT_EQ(location_debug_start(), 0);
+    const std::vector<std::string> lines = log_lines();
+    EXPECT_EQ(std::vector<std::string>(lines.begin() + 3, lines.end()),
+              (std::vector<std::string>{"[LOCSERV] ERR: [UART]location_uart_init, uart exist",
+                                        "[LOCSERV] INF: [debug]location_debug_start, msgid exist",
+                                        "[LOCSERV] INF: [debug]location_debug_start, tx tid exist",
+                                        "[LOCSERV] INF: [debug]location_debug_start, rx tid exist"}));
+    handle_text("still here");
+    EXPECT_EQ(read_bytes(line.master, 10), "still here");
+}
+
+TEST_F(DebugSerialTest, LineThatHangsUpMakesNoBusyLoop) {
+    open_line();
+    const double before = processor_seconds();
+    line.hang_up();
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // the span that is measured
+    EXPECT_LT(processor_seconds() - before, 0.5);
+    handle_text("lost");
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+}
+
+TEST_F(DebugSerialTest, SlowLineLosesNothingHoweverLongABlockWaits) {
+    open_line();
+    const std::string block(64, 's');
+    const int blocks = 2000; // more than line and queue hold
+    std::atomic<size_t> seen = 0;
+    std::thread reader([&] {
+        const size_t all = block.size() * blocks;
+        while (seen < all) {
+            const std::string piece = read_bytes(line.master, std::min<size_t>(1024, all - seen));
+            if (piece.empty()) {
+                return;
+            }
+            seen += piece.size();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the line's speed
+        }
+    });
+    const auto start = Clock::now();
+    for (int i = 0; i < blocks; ++i) {
+        handle_text(block);
+    }
+    const auto waited = Clock::now() - start;
+    reader.join();
+    EXPECT_EQ(seen, block.size() * blocks);
+    EXPECT_EQ(log_count(kSendFail), 0U);
+    EXPECT_GT(waited, std::chrono::milliseconds(500)); // the blocks did wait for the line
+}
+
+TEST_F(DebugSerialTest, LargeBlockOnASlowLineIsNotTakenForAStall) {
+    open_line();
+    const std::string block(12'000, 'l');
+    fill_until_dropped(block);
+    std::atomic<bool> ends = false;
+    std::thread reader([&] { // 10 kB a second: a block takes longer than the limit
+        while (!ends) {
+            read_bytes(line.master, 1024);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    });
+    ASSERT_EQ(read_bytes(line.master, block.size()).size(), block.size()); // the line moves again
+    const size_t dropped = log_count(kSendFail);
+    for (int i = 0; i < 3; ++i) {
+        handle_text(block);
+    }
+    EXPECT_EQ(log_count(kSendFail), dropped);
+    ends = true;
+    reader.join();
+}
+
+TEST_F(DebugSerialTest, BlockIsDroppedWhenNothingWasTakenForASecondAndLaterOnesAtOnce) {
+    open_line();
+    const std::string block(1024, 'x');
+    const auto start = Clock::now();
+    fill_until_dropped(block);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900));
+    EXPECT_EQ(log_count(kSendFail), 1U);
+
+    const auto later = Clock::now();
+    for (int i = 0; i < 20; ++i) {
+        handle_text(block);
+    }
+    EXPECT_LT(Clock::now() - later, std::chrono::milliseconds(900));
+    EXPECT_EQ(log_count(kSendFail), 21U);
+}
+
+TEST_F(DebugSerialTest, NewOutletGetsItsFullSecond) {
+    open_line();
+    const std::string block(1024, 'x');
+    fill_until_dropped(block);
+    location_debug_close();
+    ASSERT_EQ(location_debug_start(), 0);
+    const auto start = Clock::now();
+    const size_t dropped = log_count(kSendFail);
+    while (log_count(kSendFail) == dropped) {
+        handle_text(block);
+    }
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900));
+}
+
+TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {
+    open_line();
+    fill_until_dropped(std::string(1024, 'x'));
+    const auto start = Clock::now();
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(DebugSerialTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
+    open_line();
+    chip_silent(true);
+    line.write("x");
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 1; }));
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+}
+
+TEST_F(DebugSerialTest, HandingOverIsCancelledWhileTheLineTakesNothing) {
+    open_line();
+    for (int round = 0; round < 5; ++round) {
+        std::string block(512, 'x');
+        pthread_t receive{};
+        ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
+        ASSERT_TRUE(wait_until([&] { return log_count(kSendFail) > static_cast<size_t>(round); }));
+        ASSERT_EQ(pthread_cancel(receive), 0);
+        ASSERT_EQ(pthread_join(receive, nullptr), 0);
+    }
+}
+
+TEST_F(DebugSerialTest, OutletIsSwitchedWhileTheStreamRuns) {
+    std::string block(512, 'x');
+    pthread_t receive{};
+    ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    }
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    ASSERT_EQ(pthread_cancel(receive), 0);
+    ASSERT_EQ(pthread_join(receive, nullptr), 0);
+}

@@ -1,0 +1,227 @@
+#include "debug/location_debug.h"
+
+#include "debug_fixture.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+struct DebugTcpTest : DebugTest {
+    void SetUp() override {
+        DebugTest::SetUp();
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    }
+
+    // The outlet's own descriptor of the n-th client that connected.
+    int descriptor_of(size_t n) const {
+        size_t seen = 0;
+        for (const std::string& entry : log_lines()) {
+            int fd = -1;
+            if (std::sscanf(entry.c_str(), "[LOCSERV] INF: [debug]socket AT new client connected fd=[%d]",
+                            &fd) == 1 &&
+                seen++ == n) {
+                return fd;
+            }
+        }
+        return -1;
+    }
+
+    bool waits_for_reading(size_t n, int bytes) const {
+        int waiting = 0;
+        return ioctl(descriptor_of(n), FIONREAD, &waiting) == 0 && waiting == bytes;
+    }
+};
+
+bool has_input(int fd) {
+    pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&readable, 1, 0) == 1;
+}
+
+} // namespace
+
+TEST_F(DebugTcpTest, StartLogsItsSteps) {
+    ASSERT_TRUE(wait_until([&] { return log_count("_task") == 2; }));
+    std::vector<std::string> lines = log_lines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0].find("[LOCSERV] INF: [debug]location_debug_start, creat msg:"), 0U);
+    std::sort(lines.begin() + 1, lines.end());
+    EXPECT_EQ(lines[1], "[LOCSERV] INF: [debug]location_debug_rx_task");
+    EXPECT_EQ(lines[2], "[LOCSERV] INF: [debug]location_debug_tx_task");
+}
+
+TEST_F(DebugTcpTest, EveryClientGetsTheStreamByteForByte) {
+    const auto first = connect_listed(1);
+    const auto second = connect_listed(2);
+    handle_text(binary_data());
+    handle_text("more");
+    for (const auto* client : {&first, &second}) {
+        EXPECT_EQ(read_bytes((*client)->fd, binary_data().size() + 4), binary_data() + "more");
+    }
+}
+
+TEST_F(DebugTcpTest, WhatAClientTypesGoesToTheChipUnchanged) {
+    const auto client = connect_listed(1);
+    client->send(binary_data());
+    EXPECT_TRUE(wait_until([&] { return chip_received().size() == binary_data().size(); }));
+    EXPECT_EQ(chip_received(), binary_data());
+}
+
+TEST_F(DebugTcpTest, LongInputIsForwardedIn256BytePieces) {
+    const auto client = connect_listed(1);
+    const std::string typed(1000, 'x');
+    client->send(typed);
+    EXPECT_TRUE(wait_until([&] { return chip_received().size() == typed.size(); }));
+    for (const std::string& write : chip_writes()) {
+        EXPECT_LE(write.size(), 256U);
+    }
+}
+
+TEST_F(DebugTcpTest, ElevenClientsAreOneTooMany) {
+    std::vector<std::unique_ptr<TcpClient>> clients;
+    for (int i = 1; i <= 10; ++i) {
+        clients.push_back(connect_listed(i));
+    }
+    const TcpClient eleventh(port);
+    EXPECT_TRUE(eleventh.ends());
+    EXPECT_EQ(log_count("[LOCSERV] ERR: location_debug_add_client, 10 >= 10"), 1U);
+    EXPECT_EQ(log_count("socket AT new client"), 10U);
+    handle_text("still here");
+    for (const auto& client : clients) {
+        EXPECT_EQ(read_bytes(client->fd, 10), "still here");
+    }
+
+    clients.erase(clients.begin());
+    clients.push_back(connect_listed(10)); // room again
+    handle_text("again");
+    EXPECT_EQ(read_bytes(clients.back()->fd, 5), "again");
+}
+
+TEST_F(DebugTcpTest, DisconnectedClientIsClosedAndTheOthersKeepReceiving) {
+    const auto first = connect_listed(1);
+    const auto second = connect_listed(2);
+    const size_t descriptors = open_descriptors();
+    first->close();
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == descriptors - 2; })); // both ends
+    handle_text("$GPGGA");
+    EXPECT_EQ(read_bytes(second->fd, 6), "$GPGGA");
+    connect_listed(2);
+}
+
+TEST_F(DebugTcpTest, ResetClientIsClosedAndTheOthersKeepReceiving) {
+    const auto first = connect_listed(1);
+    const auto second = connect_listed(2);
+    const size_t descriptors = open_descriptors();
+    first->reset();
+    handle_text("$GPGGA"); // may meet the dead socket
+    EXPECT_EQ(read_bytes(second->fd, 6), "$GPGGA");
+    EXPECT_TRUE(wait_until([&] { return open_descriptors() == descriptors - 2; }));
+    handle_text("$GPGSV");
+    EXPECT_EQ(read_bytes(second->fd, 6), "$GPGSV");
+}
+
+TEST_F(DebugTcpTest, ClientThatNeverReadsHoldsUpNobody) {
+    const auto deaf = connect_listed(1, 4096);
+    const auto reader = connect_listed(2);
+    const std::string block(4095, 'b');
+    for (int i = 0; i < 3000; ++i) { // 12 MB: more than the deaf client's buffers hold
+        handle_text(block);
+        ASSERT_EQ(read_bytes(reader->fd, block.size()), block) << i;
+    }
+    EXPECT_TRUE(has_input(deaf->fd));
+    EXPECT_EQ(log_count("Fail"), 0U);
+}
+
+TEST_F(DebugTcpTest, NewClientMakesTheLastInputGoToTheChipAgain) {
+    const auto first = connect_listed(1);
+    first->send("abc");
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 1; }));
+    const auto second = connect_listed(2);
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 2; }));
+    EXPECT_EQ(chip_writes(), (std::vector<std::string>{"abc", "abc"}));
+
+    const size_t descriptors = open_descriptors();
+    first->close(); // the last read is then an empty one
+    ASSERT_TRUE(wait_until([&] { return open_descriptors() == descriptors - 2; }));
+    second->send("de");
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 3; }));
+    EXPECT_EQ(chip_writes()[2], "de");
+}
+
+TEST_F(DebugTcpTest, OfClientsThatSendAtOnceOnlyTheLastOneReadIsHeard) {
+    const auto first = connect_listed(1);
+    const auto second = connect_listed(2);
+    chip_silent(true); // keeps the task busy while both send
+    first->send("1");
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 1; }));
+    first->send("AAA");
+    second->send("BBB");
+    ASSERT_TRUE(wait_until([&] { return waits_for_reading(0, 3) && waits_for_reading(1, 3); }));
+    chip_silent(false);
+    ASSERT_TRUE(wait_until([&] { return waits_for_reading(0, 0) && waits_for_reading(1, 0); }));
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 2; }));
+    first->send("end");
+    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 3; }));
+    EXPECT_TRUE(chip_writes()[1] == "AAA" || chip_writes()[1] == "BBB") << chip_writes()[1];
+    EXPECT_EQ(chip_writes()[2], "end");
+}
+
+TEST_F(DebugTcpTest, ClosingLeavesTheClientsConnected) {
+    const auto first = connect_listed(1);
+    const auto second = connect_listed(2);
+    const size_t descriptors = open_descriptors();
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    EXPECT_EQ(open_descriptors(), descriptors - 2); // only the server and the epoll set are gone
+    EXPECT_FALSE(has_input(first->fd));             // no end of the connection
+    first->send("unheard");
+    EXPECT_THROW(TcpClient{port}, std::runtime_error);
+
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    const auto third = connect_listed(1);
+    handle_text("news");
+    EXPECT_EQ(read_bytes(third->fd, 4), "news");
+    EXPECT_FALSE(has_input(second->fd));
+    EXPECT_EQ(chip_received().find("unheard"), std::string::npos);
+}
+
+TEST_F(DebugTcpTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
+    const auto client = connect_listed(1);
+    chip_silent(true);
+    const size_t before = chip_writes().size();
+    client->send("x");
+    ASSERT_TRUE(wait_until([&] { return chip_writes().size() == before + 1; }));
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; }));
+}
+
+TEST_F(DebugTcpTest, StreamFlowsWhileAByteWaitsForASilentChip) {
+    const auto client = connect_listed(1);
+    chip_silent(true);
+    client->send("x");
+    handle_text("$GPGGA");
+    EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
+}
+
+TEST_F(DebugTcpTest, RunningOutOfDescriptorsMakesNoBusyLoop) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(STDOUT_FILENO);
+    close(next);
+    const rlimit one_more{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one_more), 0);
+
+    const TcpClient client(port); // takes the last one
+    const auto tries = [&] { return log_count("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail"); };
+    ASSERT_TRUE(wait_until([&] { return tries() >= 1; }));
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(wait_until([&] { return tries() >= 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_EQ(log_count("location_socket_server_accept_new_tcp_connect, accept fail, serverfd="), tries());
+
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_TRUE(wait_until([&] { return log_count("socket AT new client connected") == 1; }));
+}

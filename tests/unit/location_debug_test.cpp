@@ -1,0 +1,113 @@
+#include "debug/location_debug.h"
+
+#include "debug_fixture.h"
+
+#include <atomic>
+#include <sys/stat.h>
+#include <thread>
+
+namespace {
+
+const std::string kWriteFail = "[LOCSERV] ERR: [debug] write to file fail";
+
+std::string content_of(const std::string& path) {
+    PrivateDir reader; // reads any path: an absolute name replaces its own
+    reader.path = "/";
+    const std::string content = reader.read(path);
+    reader.path.clear();
+    return content;
+}
+
+} // namespace
+
+TEST_F(DebugTest, OffDropsTheStreamSilently) {
+    EXPECT_EQ(location_debug_start(), 0);
+    handle_text("$GPGGA");
+    location_debug_close();
+    EXPECT_EQ(log_lines(), std::vector<std::string>{});
+    EXPECT_EQ(running_threads(), threads_before);
+}
+
+TEST_F(DebugTest, UnknownModeDropsTheStreamSilently) {
+    EXPECT_EQ(location_debug_set_mode(4), 0);
+    handle_text("$GPGGA");
+    EXPECT_EQ(log_lines(), std::vector<std::string>{});
+    EXPECT_EQ(running_threads(), threads_before);
+}
+
+TEST_F(DebugTest, LogFileHoldsTheStreamByteForByteBehindWhatWasThere) {
+    directory.write("log.dat", "before");
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    handle_text(binary_data());
+    EXPECT_EQ(directory.read("log.dat"), "before" + binary_data()); // at once, for an engineer who watches it
+    handle_text("more");
+    location_debug_close();
+    handle_text("dropped");
+    EXPECT_EQ(location_debug_start(), 0);
+    handle_text("again");
+    EXPECT_EQ(directory.read("log.dat"), "before" + binary_data() + "moreagain");
+    EXPECT_EQ(log_lines(), std::vector<std::string>{});
+}
+
+TEST_F(DebugTest, SecondStartFindsTheLogFileOpen) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    EXPECT_EQ(location_debug_start(), 0);
+    EXPECT_EQ(log_lines(),
+              std::vector<std::string>{"[LOCSERV] INF: [debug]location_debug_start, already open"});
+}
+
+TEST_F(DebugTest, UnwritableLogPathFailsAndTheStreamIsDropped) {
+    log_path = "/proc/none/log.dat";
+    configure();
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), -1);
+    handle_text("dropped");
+    EXPECT_EQ(log_lines(), std::vector<std::string>{
+                               "[LOCSERV] ERR: [debug]location_debug_start fail, /proc/none/log.dat"});
+
+    log_path = (directory.path / "good.dat").string();
+    configure();
+    EXPECT_EQ(location_debug_start(), 0); // the mode was kept
+    handle_text("kept");
+    EXPECT_EQ(directory.read("good.dat"), "kept");
+}
+
+TEST_F(DebugTest, EachBlockThatAFullDiskRefusesIsReported) {
+    log_path = "/dev/full";
+    configure();
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    handle_text("one");
+    EXPECT_EQ(log_lines(), std::vector<std::string>{kWriteFail});
+    handle_text("two");
+    EXPECT_EQ(log_lines(), (std::vector<std::string>{kWriteFail, kWriteFail}));
+}
+
+TEST_F(DebugTest, PipeWithoutAReaderIsNoLogFileAndHoldsNothingUp) {
+    ASSERT_EQ(mkfifo(log_path.c_str(), 0600), 0);
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), -1);
+    EXPECT_EQ(log_count("location_debug_start fail"), 1U);
+}
+
+TEST_F(DebugTest, StoppingSwitchesOff) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    location_debug_stop();
+    handle_text("dropped");
+    EXPECT_EQ(location_debug_start(), 0);
+    handle_text("dropped");
+    EXPECT_EQ(content_of(log_path), "");
+}
+
+TEST_F(DebugTest, LogFileIsSwitchedWhileTheStreamRuns) {
+    std::atomic<bool> ends = false;
+    std::thread receive([&] {
+        while (!ends) {
+            handle_text("0123456789");
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+        EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    }
+    ends = true;
+    receive.join();
+    EXPECT_EQ(content_of(log_path).size() % 10, 0U);
+}
