@@ -1,0 +1,50 @@
+// What preload library and board server say to each other: one request and one reply a system call, each one
+// message of a SOCK_SEQPACKET connection. A connection is one open device node. Both ends run on one machine
+// and are built together.
+#ifndef TAVOR_BOARD_WIRE_H
+#define TAVOR_BOARD_WIRE_H
+
+#include <cstdint>
+
+// Name of the server's socket in the board's directory.
+inline constexpr char kWireSocketName[] = "board.sock";
+
+// Most bytes behind a header.
+inline constexpr uint32_t kWirePayloadMax = 65536;
+
+// Most parts of one SPI message.
+inline constexpr uint32_t kWirePartsMax = 16;
+
+enum WireOperation : uint32_t {
+    WIRE_OPEN = 1,        // number: flags; payload: path
+    WIRE_ACCESS = 2,      // payload: path
+    WIRE_READ = 3,        // number: bytes wanted; reply payload: the bytes
+    WIRE_WRITE = 4,       // payload: the bytes
+    WIRE_SPI_MESSAGE = 5, // number: parts; payload: WirePart each, then the bytes of parts with
+                          // kWirePartSends; the reply's payload: the bytes of parts with kWirePartReceives
+    WIRE_SPI_SET = 6, // number: setting (BoardSpiSetting); payload: uint32 value
+    WIRE_SPI_GET = 7, // number: setting; reply payload: uint32 value
+    WIRE_CONTROL = 8, // payload: a JSON object; reply payload: a JSON object
+};
+
+struct WireRequest {
+    uint32_t operation;
+    uint32_t number;
+    uint32_t length; // of the payload
+};
+
+inline constexpr uint32_t kWirePartSends = 1;
+inline constexpr uint32_t kWirePartReceives = 2;
+
+struct WirePart {
+    uint32_t length;
+    uint32_t flags;
+};
+
+struct WireReply {
+    int32_t result;  // of the system call
+    int32_t error;   // errno when result is -1
+    uint32_t length; // of the payload
+};
+
+#endif

@@ -1,0 +1,169 @@
+#include "server/control_client.h"
+
+#include "interpose/wire.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
+
+using nlohmann::json;
+
+namespace {
+
+constexpr int kRefused = 1;
+constexpr int kUsageError = 2;
+constexpr int kNoBoard = 3;
+
+int hex_digit(char digit) {
+    const char* digits = "0123456789abcdef";
+    const char* found = std::strchr(digits, digit >= 'A' && digit <= 'F' ? digit + ('a' - 'A') : digit);
+    return digit != '\0' && found != nullptr ? static_cast<int>(found - digits) : -1;
+}
+
+// Bytes of a text of hexadecimal digits; false when it is none.
+bool from_hex(const std::string& text, json& bytes) {
+    bytes = json::array();
+    for (size_t i = 0; i + 1 < text.size(); i += 2) {
+        const int high = hex_digit(text[i]);
+        const int low = hex_digit(text[i + 1]);
+        if (high < 0 || low < 0) {
+            return false;
+        }
+        bytes.push_back(high * 16 + low);
+    }
+    return text.size() % 2 == 0;
+}
+
+json file_bytes(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    json bytes = json::array();
+    for (std::istreambuf_iterator<char> at(file), end; at != end; ++at) {
+        bytes.push_back(static_cast<uint8_t>(*at));
+    }
+    return bytes;
+}
+
+// The request as the board takes it; false when the command line is wrong.
+bool make_request(const ControlOptions& options, json& request) {
+    request = {{"command", options.command}};
+    if (options.command == "fault") {
+        if (options.list) {
+            request["command"] = "faults";
+            return true;
+        }
+        request["name"] = options.name;
+        request["value"] = options.value;
+        return !options.name.empty() && !options.value.empty();
+    }
+    if (options.command == "rate") {
+        request["hz"] = options.rate_hz;
+    }
+    if (options.command == "power") {
+        request["command"] = "status";
+    }
+    if (options.command == "send") {
+        if (!options.body.empty()) {
+            request["body"] = options.body;
+        } else if (!options.file.empty()) {
+            request["bytes"] = file_bytes(options.file);
+        } else {
+            return from_hex(options.hex, request["bytes"]);
+        }
+    }
+    return true;
+}
+
+// The board's answer; empty when there is no board.
+std::string ask(const std::string& directory, const std::string& text) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", directory.c_str(), kWireSocketName);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    std::string answer;
+    std::vector<char> buffer(sizeof(WireReply) + kWirePayloadMax);
+    const WireRequest header = {WIRE_CONTROL, 0, static_cast<uint32_t>(text.size())};
+    std::string message(reinterpret_cast<const char*>(&header), sizeof header);
+    message += text;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        send(fd, message.data(), message.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(message.size())) {
+        const ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
+        if (size > static_cast<ssize_t>(sizeof(WireReply))) {
+            answer.assign(buffer.data() + sizeof(WireReply), static_cast<size_t>(size) - sizeof(WireReply));
+        }
+    }
+    close(fd);
+    return answer;
+}
+
+void print_commands(const json& answer) {
+    for (const json& command : answer["commands"]) {
+        std::printf("%s%s\n", command["text"].get<std::string>().c_str(),
+                    command["good"].get<bool>() ? "" : "  (bad)");
+    }
+}
+
+void print_faults(const json& answer) {
+    for (const json& fault : answer["faults"]) {
+        std::printf("%-16s %-40s %s\n", fault["name"].get<std::string>().c_str(),
+                    fault["values"].get<std::string>().c_str(), fault["help"].get<std::string>().c_str());
+    }
+}
+
+void print_status(const json& answer) {
+    for (const auto& [key, value] : answer.items()) {
+        if (key != "ok") {
+            std::printf("%-20s %s\n", key.c_str(),
+                        (value.is_string() ? value.get<std::string>() : value.dump()).c_str());
+        }
+    }
+}
+
+void print(const ControlOptions& options, const json& answer) {
+    if (options.json) {
+        std::printf("%s\n", answer.dump().c_str());
+    } else if (options.command == "power") {
+        std::printf("%s\n", answer["powered"].get<bool>() ? "on" : "off");
+    } else if (answer.contains("commands")) {
+        print_commands(answer);
+    } else if (options.list) {
+        print_faults(answer);
+    } else if (options.command == "status") {
+        print_status(answer);
+    }
+}
+
+} // namespace
+
+int control_run(const ControlOptions& options) {
+    json request;
+    if (!make_request(options, request)) {
+        std::fprintf(stderr, options.command == "fault"
+                                 ? "tavor-board: fault takes a name and a value; see fault --list\n"
+                                 : "tavor-board: --hex takes two hexadecimal digits a byte\n");
+        return kUsageError;
+    }
+    const std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace);
+    if (text.size() > kWirePayloadMax) {
+        std::fprintf(stderr, "tavor-board: too much at once: send it in smaller pieces\n");
+        return kUsageError;
+    }
+    const json answer = json::parse(ask(options.directory, text), nullptr, false);
+    if (!answer.is_object()) {
+        std::fprintf(stderr, "tavor-board: no board runs in %s: start one with 'tavor-board run --dir %s'\n",
+                     options.directory.c_str(), options.directory.c_str());
+        return kNoBoard;
+    }
+    if (!answer.value("ok", false)) {
+        std::fprintf(stderr, "tavor-board: %s\n", answer.value("error", "refused").c_str());
+        return kRefused;
+    }
+    print(options, answer);
+    return 0;
+}

@@ -1,0 +1,189 @@
+#include "server/options.h"
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+constexpr char kExamples[] = R"(
+Examples:
+  tavor-board run -- build/dev/bin/tavor
+  tavor-board run --dir /tmp/board --source replay log.nmea --full-speed
+  tavor-board exec --dir /tmp/board -- build/dev/bin/tavor
+  tavor-board ctl --dir /tmp/board status
+  tavor-board ctl --dir /tmp/board fault silence on
+  tavor-board ctl --dir /tmp/board send GNTXT,01,01,02,hello)";
+
+// What CLI11 fills and the options hold in another shape.
+struct Raw {
+    std::vector<std::string> source = {"trajectory"};
+    std::vector<std::string> faults;
+};
+
+std::string file_content(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw CLI::ValidationError("--source", "can't read " + path);
+    }
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void take_source(const std::vector<std::string>& source, ChipOptions& chip) {
+    const std::string& kind = source[0];
+    if ((kind == "replay") != (source.size() == 2)) {
+        throw CLI::ValidationError("--source",
+                                   "replay takes a file, trajectory and none take nothing behind them");
+    }
+    if (kind == "replay") {
+        chip.source = ChipSource::replay;
+        chip.replay = file_content(source[1]);
+    } else if (kind == "trajectory" || kind == "none") {
+        chip.source = kind == "none" ? ChipSource::none : ChipSource::trajectory;
+    } else {
+        throw CLI::ValidationError("--source", "\"" + kind + "\" is none of trajectory, replay FILE, none");
+    }
+}
+
+std::pair<std::string, std::string> split_pair(const std::string& text, const std::string& option) {
+    const size_t at = text.find('=');
+    if (at == std::string::npos || at == 0) {
+        throw CLI::ValidationError(option, "\"" + text + "\" is not NAME=VALUE");
+    }
+    return {text.substr(0, at), text.substr(at + 1)};
+}
+
+void finish_run(const Raw& raw, RunOptions& run) {
+    take_source(raw.source, run.board.chip);
+    for (const std::string& fault : raw.faults) {
+        run.faults.push_back(split_pair(fault, "--fault"));
+    }
+    for (const std::string& line : run.configuration) {
+        split_pair(line, "--conf");
+    }
+    const std::string error = chip_options_error(run.board.chip);
+    if (!error.empty()) {
+        throw CLI::ValidationError("tavor-board run", error);
+    }
+}
+
+std::string fault_help() {
+    std::ostringstream text;
+    text << "\nFaults (--fault NAME=VALUE, or ctl fault NAME VALUE):\n";
+    for (const ChipFaultInfo& fault : chip_fault_table()) {
+        text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
+    }
+    return text.str();
+}
+
+void add_chip_options(CLI::App* app, ChipOptions& chip, Raw& raw) {
+    app->add_option("--source", raw.source, "trajectory, replay FILE or none: what the chip sends by itself")
+        ->expected(1, 2)
+        ->type_name("KIND [FILE]")
+        ->default_str("trajectory");
+    app->add_option("--rate", chip.rate_hz, "epochs a second, 1 to 10")->capture_default_str();
+    app->add_flag("--full-speed", chip.full_speed, "send as fast as the program reads, without pacing");
+    app->add_flag("--loop", chip.loop, "start the replay again at its end");
+    app->add_option("--sentences", chip.sentence_limit, "silence after so many sentences, 0 for no end")
+        ->capture_default_str();
+    app->add_option("--rx-window", chip.rx_window, "bytes that the chip takes at once")
+        ->capture_default_str();
+    app->add_option("--busy-polls", chip.busy_polls, "status reads until a command is done")
+        ->capture_default_str();
+    app->add_option("--seed", chip.seed, "of everything random")->capture_default_str();
+    app->add_flag("--aiding", chip.aiding_requests, "ask for reference time and position after power-up");
+    app->add_option("--first-fix", chip.time_to_first_fix_ms, "milliseconds from power-up to the first fix")
+        ->capture_default_str();
+    app->add_option("--latitude", chip.latitude, "degrees")->capture_default_str();
+    app->add_option("--longitude", chip.longitude, "degrees")->capture_default_str();
+    app->add_option("--altitude", chip.altitude_m, "metres above the geoid")->capture_default_str();
+    app->add_option("--speed", chip.speed_mps, "metres a second")->capture_default_str();
+    app->add_option("--course", chip.course_deg, "degrees")->capture_default_str();
+}
+
+CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
+    CLI::App* command = app.add_subcommand("run", "run a board, and a program on it");
+    add_chip_options(command, run.board.chip, raw);
+    command->add_option("--fault", raw.faults, "NAME=VALUE, a fault from the start on; may be repeated")
+        ->type_name("NAME=VALUE")
+        ->expected(1)
+        ->take_all();
+    command->add_option("--spi-path", run.board.spi_path, "device node of the chip")->capture_default_str();
+    command->add_option("--power-gpio", run.board.power_pin, "line that powers the chip")
+        ->capture_default_str();
+    command
+        ->add_option("--conf", run.configuration,
+                     "KEY=VALUE line of the daemon's configuration; may be repeated")
+        ->type_name("KEY=VALUE")
+        ->expected(1)
+        ->take_all();
+    command->add_option("--dir", run.directory,
+                        "the board's directory; kept at the end (default: one of its own)");
+    command->add_flag("--keep", run.keep, "keep the directory at the end");
+    command->add_option("--log", run.log, "file for the program's output");
+    command->add_option("program", run.program, "program and its arguments, behind --");
+    command->footer(fault_help());
+    return command;
+}
+
+CLI::App* add_exec(CLI::App& app, ExecOptions& exec) {
+    CLI::App* command = app.add_subcommand("exec", "start a program on a running board");
+    command->add_option("--dir", exec.directory, "the board's directory")->required();
+    command->add_option("program", exec.program, "program and its arguments, behind --")->required();
+    return command;
+}
+
+CLI::App* add_control(CLI::App& app, ControlOptions& control) {
+    CLI::App* ctl = app.add_subcommand("ctl", "ask or change a running board");
+    ctl->add_option("--dir", control.directory, "the board's directory")->required();
+    ctl->require_subcommand(1);
+    const auto add = [&](const char* name, const char* help) {
+        CLI::App* command = ctl->add_subcommand(name, help);
+        command->callback([&control, name] { control.command = name; });
+        return command;
+    };
+    add("status", "counters, levels and verdicts")->add_flag("--json", control.json, "as one JSON object");
+    CLI::App* fault = add("fault", "start, change or end a fault");
+    fault->add_option("name", control.name, "see --list");
+    fault->add_option("value", control.value, "see --list");
+    fault->add_flag("--list", control.list, "names, values and what they do");
+    CLI::App* send = add("send", "let the chip send something");
+    send->add_option("body", control.body, "sentence without $ and checksum");
+    send->add_option("--hex", control.hex, "raw bytes, two hexadecimal digits each");
+    send->add_option("--file", control.file, "raw bytes of a file")->check(CLI::ExistingFile);
+    send->require_option(1);
+    add("commands", "sentences that the chip received")
+        ->add_flag("--json", control.json, "as one JSON object");
+    add("power", "level of the power line");
+    add("rate", "change the rate")->add_option("hz", control.rate_hz, "epochs a second, 1 to 10")->required();
+    add("quit", "end the board");
+    return ctl;
+}
+
+} // namespace
+
+int read_options(int argc, char** argv, Options* options) {
+    CLI::App app("Simulated board: runs the location daemon without hardware.", "tavor-board");
+    app.set_version_flag("--version", "tavor-board " TAVOR_VERSION);
+    app.footer(kExamples);
+    app.require_subcommand(1);
+    Raw raw;
+    const CLI::App* run = add_run(app, options->run, raw);
+    const CLI::App* exec = add_exec(app, options->exec);
+    add_control(app, options->control);
+    try {
+        app.parse(argc, argv);
+        if (run->parsed()) {
+            finish_run(raw, options->run);
+        }
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsageError;
+    }
+    options->action = run->parsed()    ? Options::Action::kRun
+                      : exec->parsed() ? Options::Action::kExec
+                                       : Options::Action::kControl;
+    return -1;
+}

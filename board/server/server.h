@@ -1,0 +1,38 @@
+// The board server: one thread that answers the programs on a board and the control requests, one at a time.
+#ifndef TAVOR_BOARD_SERVER_H
+#define TAVOR_BOARD_SERVER_H
+
+#include "devices/board_devices.h"
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+
+// One connection: an open node of a program, or a control client.
+struct ServerConnection {
+    bool open = false;
+    BoardFile file;
+};
+
+struct BoardServer {
+    Board* board = nullptr;
+    int listener = -1;
+    int signals = -1;
+    int events = -1;
+    pid_t child = -1;
+    int status = 0; // what the server ends with
+    bool quit = false;
+    std::map<int, ServerConnection> connections;
+};
+
+// Listens in the directory and takes over SIGINT, SIGTERM and SIGCHLD, which must be blocked. Returns what
+// went wrong, else empty.
+std::string server_open(BoardServer& server, Board& board, const std::string& directory);
+
+// Serves until the child has ended, or without one until SIGINT, SIGTERM or a quit request. Signals go on to
+// the child. Returns the child's exit code, 128 + n when signal n ended it, else 0.
+int server_run(BoardServer& server);
+
+void server_close(BoardServer& server, const std::string& directory);
+
+#endif
