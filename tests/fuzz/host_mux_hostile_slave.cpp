@@ -1,0 +1,158 @@
+// Receive and send against a slave whose answers come from the input. Whatever it says, no byte outside the
+// caller's buffer is touched, every operation ends, and neither the mutex nor a power request stays behind.
+#include "interpose/local.h"
+#include "link/host_mux.h"
+#include "link/host_mux_lock.h"
+#include "link/host_mux_spi.h"
+#include "link/host_mux_spi_slave.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <linux/spi/spidev.h>
+#include <unistd.h>
+#include <vector>
+
+// The code under test need not wait for a slave that lives in the same thread.
+extern "C" int usleep(useconds_t) {
+    return 0;
+}
+
+namespace {
+
+constexpr size_t kMostTransfers = 20000; // of one input; an operation that needs more does not end
+
+struct Input {
+    const uint8_t* next;
+    const uint8_t* end;
+    bool stop_begun;
+    size_t transfers;
+    uint8_t opcode; // of the last frame that was not a status query
+} input;
+
+void fail(const char* what) {
+    fprintf(stderr, "host_mux_hostile_slave: %s\n", what);
+    abort();
+}
+
+// The next byte of the input. An input that is used up is followed by a stop.
+uint8_t take_byte() {
+    if (input.next < input.end) {
+        return *input.next++;
+    }
+    if (!input.stop_begun) {
+        input.stop_begun = true;
+        host_mux_stop_begin();
+    }
+    return 0xFF;
+}
+
+// The status that lets the operation go on.
+uint8_t good_status() {
+    switch (input.opcode) {
+    case 0x02:
+        return 0x00;
+    case 0x04:
+        return 0x01;
+    case 0x0A:
+    case 0x0C:
+        return 0x05;
+    default:
+        return 0x21;
+    }
+}
+
+// Control bytes: 0x00 to 0x7F answer well, with the value as a length; 0x80 to 0x8F fail the transfer; all
+// else answer with the bytes that follow.
+bool answer(const uint8_t* out, uint8_t* in, uint32_t length) {
+    const uint8_t control = take_byte();
+    if (out[0] != 0x06) {
+        input.opcode = out[0];
+    }
+    if (in != nullptr) {
+        const bool well = control < 0x80;
+        std::generate(in, in + length, [&] { return well ? uint8_t{0} : take_byte(); });
+        if (well && length > 1) {
+            in[1] = out[0] == 0x06 ? good_status() : control;
+        }
+    }
+    return control < 0x80 || control > 0x8F;
+}
+
+int spi_ioctl(unsigned long request, void* argument) {
+    if (request != SPI_IOC_MESSAGE(1)) {
+        return 0;
+    }
+    if (++input.transfers > kMostTransfers) {
+        fail("an operation does not end");
+    }
+    const auto* message = static_cast<const spi_ioc_transfer*>(argument);
+    if (!answer(reinterpret_cast<const uint8_t*>(message->tx_buf),
+                reinterpret_cast<uint8_t*>(message->rx_buf), message->len)) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(message->len);
+}
+
+void attach() {
+    LocalDevices devices;
+    devices.open = [](const std::string&, int) { return 0; };
+    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
+        return spi_ioctl(request, argument);
+    };
+    local_devices(devices);
+    if (freopen("/dev/null", "w", stdout) == nullptr) {
+        fail("can't silence the log");
+    }
+}
+
+void expect_nothing_left() {
+    if (pthread_mutex_trylock(g_host_mux_spi_master_mutex) != 0) {
+        fail("the mutex stayed taken");
+    }
+    pthread_mutex_unlock(g_host_mux_spi_master_mutex);
+    if (host_mux_spi_power_counter() < 0) {
+        fail("more power requests were closed than opened");
+    }
+}
+
+void run_operations(host_mux_handle* handle) {
+    for (const uint32_t capacity : {1U, 100U, 4095U, 6000U}) {
+        std::vector<uint8_t> buffer(capacity); // exactly as long as it says
+        uint32_t length = capacity;
+        if (host_mux_rx(handle, buffer.data(), &length) == 0 && length > capacity) {
+            fail("more was received than the buffer holds");
+        }
+        expect_nothing_left();
+        length = capacity;
+        if (host_mux_tx(handle, buffer.data(), &length) == 0 && length > capacity) {
+            fail("more was sent than there was");
+        }
+        expect_nothing_left();
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const bool attached = (attach(), true);
+    static_cast<void>(attached);
+    input = {data, data + size, false, 0, 0};
+    host_mux_handle handle{HOST_MUX_BUS_SPI, kHostMuxClosed};
+    host_mux_spi_port_config config{};
+    snprintf(config.path, sizeof config.path, "/dev/spidev1.0");
+    if (host_mux_init(&handle, &config) != 0) {
+        fail("can't open the bus");
+    }
+    run_operations(&handle);
+    if (input.stop_begun) {
+        host_mux_stop_end();
+    }
+    if (host_mux_deinit(&handle) != 0 || host_mux_spi_power_counter() != 0) {
+        fail("can't close the bus");
+    }
+    return 0;
+}

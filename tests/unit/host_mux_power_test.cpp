@@ -1,0 +1,283 @@
+// Status polling, error recovery and power of the slave's interface.
+#include "host_mux_fixture.h"
+
+namespace {
+
+const std::string kQuery = "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY";
+
+struct HostMuxPower : HostMux {
+    // The first `times` answers to a status query are this status.
+    void answer_with(uint8_t status, size_t times) {
+        slave.status_answer = [status, left = times](uint8_t honest) mutable {
+            if (left == 0) {
+                return honest;
+            }
+            --left;
+            return status;
+        };
+    }
+
+    // The answer to the n-th query, counted from 1, is this status.
+    void answer_nth_with(size_t n, uint8_t status) {
+        slave.status_answer = [status, n, count = size_t{0}](uint8_t honest) mutable {
+            return ++count == n ? status : honest;
+        };
+    }
+
+    int32_t query(uint8_t mask, uint8_t expected) {
+        int32_t result = -1;
+        lines = lines_of(capture_stdout([&] {
+            result = portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(handle.id, mask, expected);
+        }));
+        return result;
+    }
+};
+
+void append(Frames& frames, size_t times, const Frames& more) {
+    for (size_t i = 0; i < times; ++i) {
+        frames.insert(frames.end(), more.begin(), more.end());
+    }
+}
+
+} // namespace
+
+TEST_F(HostMuxPower, StatusIsPolledEvery5MsAndTheRetriesAreCounted) {
+    answer_with(0x01, 7);
+    slave.status = 0x05;
+    EXPECT_EQ(query(0x04, 0x04), 0);
+    EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:7,\r");
+    EXPECT_EQ(times_printed(kQuery + "  Status receive: 0x1\r"), 7U);
+    EXPECT_EQ(sleeps_of(5000), 7U);
+}
+
+TEST_F(HostMuxPower, StatusThatIsNeverReachedEndsAfter100Polls) {
+    slave.status = 0x01;
+    EXPECT_EQ(query(0x20, 0x20), 1);
+    EXPECT_EQ(lines.back(), kQuery + ", retry counter:100,\r");
+    EXPECT_EQ(slave.frames, Frames(100, kStatusFrame));
+    EXPECT_EQ(sleeps_of(5000), 100U);
+}
+
+TEST_F(HostMuxPower, OneHundredthPollMaySucceed) {
+    answer_with(0x01, 99);
+    slave.status = 0x05;
+    EXPECT_EQ(query(0x04, 0x04), 0);
+    EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:99,\r");
+}
+
+TEST_F(HostMuxPower, SilentSlaveFailsAWaitAtOnce) {
+    for (const uint8_t mask : {uint8_t{0x04}, uint8_t{0x20}, uint8_t{0x01}}) {
+        answer_with(0xFF, 1);
+        EXPECT_EQ(query(mask, mask), 1);
+        EXPECT_EQ(lines, Lines({kQuery + "  Status receive: 0xff\r"}));
+    }
+    EXPECT_EQ(slave.frames.size(), 3U);
+}
+
+TEST_F(HostMuxPower, SilentSlaveCountsAsOff) {
+    answer_with(0xFF, 1);
+    EXPECT_EQ(query(0x01, 0x00), 0);
+    EXPECT_EQ(lines, Lines({kQuery + "  Status receive: 0xff\r"}));
+}
+
+TEST_F(HostMuxPower, UnpoweredSlaveIsSwitchedOffAndOn) {
+    slave.status = 0x00;
+    EXPECT_EQ(query(0x04, 0x04), 1);
+    EXPECT_EQ(lines, joined({{kQuery + "  Status receive: 0x0\r", kQuery + " spi slave is power off!!!!!!\r"},
+                             answered_at_once("0x0"),
+                             {"portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER success!!!\r"},
+                             answered_at_once("0x1"),
+                             {"portable_HAL_SPI_POWER_ON_WITHOUT_COUNTER success!!!\r"}}));
+    EXPECT_EQ(slave.frames, Frames({kStatusFrame, kOffFrame, kStatusFrame, kOnFrame, kStatusFrame}));
+}
+
+TEST_F(HostMuxPower, PowerIsNotCheckedWhileWaitingForPower) {
+    answer_with(0x00, 2);
+    slave.status = 0x01;
+    EXPECT_EQ(query(0x01, 0x01), 0);
+    EXPECT_EQ(slave.frames, Frames(3, kStatusFrame));
+}
+
+TEST_F(HostMuxPower, ErrorStatusIsClearedAndTheSlaveReset) {
+    for (const uint8_t status : {uint8_t{0x0D}, uint8_t{0x15}, uint8_t{0x18}}) {
+        slave.frames.clear();
+        reset_sleeps();
+        answer_with(status, 1);
+        EXPECT_EQ(query(0x04, 0x04), 1);
+        EXPECT_EQ(slave.frames,
+                  Frames({kStatusFrame, {0x08, status}, kOffFrame, kStatusFrame, kOnFrame, kStatusFrame}));
+        EXPECT_EQ(sleeps_of(100), 1U);
+    }
+    EXPECT_EQ(lines, joined({{kQuery + "  Status receive: 0x18\r",
+                              kQuery + ",Slave tansfer Error:0x18, need reset Slave \r",
+                              "Transfer error, now Master reset Slave!!!\r"},
+                             answered_at_once("0x0"),
+                             {"portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER success!!!\r"},
+                             answered_at_once("0x1"),
+                             {"portable_HAL_SPI_POWER_ON_WITHOUT_COUNTER success!!!\r"}}));
+}
+
+TEST_F(HostMuxPower, ErrorThatCanNotBeClearedResetsNothing) {
+    answer_with(0x09, 1);
+    slave.failing_transfer = 2;
+    EXPECT_EQ(query(0x04, 0x04), 1);
+    EXPECT_EQ(lines, Lines({kQuery + "  Status receive: 0x9\r",
+                            kQuery + ",Slave tansfer Error:0x9, need reset Slave \r", kTransferFailed,
+                            kQuery + ": transfer fail 1\r"}));
+    EXPECT_EQ(slave.frames, Frames({kStatusFrame}));
+}
+
+TEST_F(HostMuxPower, ErrorComesBeforeTheExpectedStatus) {
+    answer_with(0x2D, 1);
+    EXPECT_EQ(query(0x20, 0x20), 1);
+    EXPECT_TRUE(printed(kQuery + ",Slave tansfer Error:0x2d, need reset Slave \r"));
+}
+
+TEST_F(HostMuxPower, EachErrorOfUpTo16InARowIsRecoveredInsideTheOneBefore) {
+    for (const size_t errors : {size_t{1}, size_t{2}, size_t{16}}) {
+        slave.frames.clear();
+        answer_with(0x09, errors);
+        capture_stdout([&] { EXPECT_EQ(host_mux_spi_power_on_without_counter(handle.id), 0); });
+        Frames expected = {kOnFrame};
+        append(expected, errors, {kStatusFrame, {0x08, 0x09}, kOffFrame});
+        append(expected, 1, {kStatusFrame, kOnFrame, kStatusFrame});
+        append(expected, errors - 1, {kOffFrame, kStatusFrame, kOnFrame, kStatusFrame});
+        append(expected, 1, {kOnFrame, kStatusFrame});
+        EXPECT_EQ(slave.frames, expected) << errors;
+        EXPECT_EQ(sleeps_of(5000), errors);
+        reset_sleeps();
+    }
+}
+
+TEST_F(HostMuxPower, FurtherErrorsRepeatTheInnermostPowerCycle) {
+    constexpr size_t kErrors = 1000;
+    answer_with(0x09, kErrors);
+    capture_stdout([&] { EXPECT_EQ(host_mux_spi_power_on_without_counter(handle.id), 0); });
+    Frames expected = {kOnFrame};
+    append(expected, kErrors, {kStatusFrame, {0x08, 0x09}, kOffFrame});
+    append(expected, 1, {kStatusFrame, kOnFrame, kStatusFrame});
+    append(expected, 15, {kOffFrame, kStatusFrame, kOnFrame, kStatusFrame});
+    append(expected, 1, {kOnFrame, kStatusFrame});
+    EXPECT_EQ(slave.frames, expected);
+    EXPECT_EQ(sleeps_of(5000), kErrors);
+}
+
+TEST_F(HostMuxPower, PowerOnRepeatsUntilTheSlaveAnswers) {
+    answer_with(0xFF, 50);
+    capture_stdout([&] { EXPECT_EQ(host_mux_spi_power_on_without_counter(handle.id), 0); });
+    Frames expected;
+    append(expected, 51, {kOnFrame, kStatusFrame});
+    EXPECT_EQ(slave.frames, expected);
+    EXPECT_EQ(sleeps_of(5000), 50U);
+}
+
+TEST_F(HostMuxPower, PowerOffRepeatsUntilTheSlaveIsOff) {
+    answer_with(0x01, 250);
+    slave.status = 0x00;
+    capture_stdout([&] { EXPECT_EQ(portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(handle.id), 0); });
+    EXPECT_EQ(frames_of(0x02), 3U);
+    EXPECT_EQ(frames_of(0x06), 251U);
+}
+
+TEST_F(HostMuxPower, OnlyTheFirstOnAndTheLastOffReachTheSlave) {
+    lines = lines_of(capture_stdout([&] {
+        host_mux_spi_power_on(handle.id);
+        host_mux_spi_power_on(handle.id);
+        portable_HAL_SPI_POWER_OFF(handle.id);
+        portable_HAL_SPI_POWER_OFF(handle.id);
+    }));
+    EXPECT_EQ(slave.frames, Frames({kOnFrame, kStatusFrame, kOffFrame, kStatusFrame}));
+    EXPECT_EQ(lines, joined({kPoweredOn,
+                             {"host_mux_spi_power_on: success!!! counter=2\r",
+                              "portable_HAL_SPI_POWER_OFF: success!!!, counter=1\r"},
+                             kPoweredOff}));
+    EXPECT_EQ(host_mux_spi_power_counter(), 0);
+}
+
+TEST_F(HostMuxPower, PowerOffAtCounterZeroIsAnError) {
+    lines = lines_of(capture_stdout([&] { portable_HAL_SPI_POWER_OFF(handle.id); }));
+    EXPECT_EQ(lines, Lines({"portable_HAL_SPI_POWER_OFF: error!!!"}));
+    EXPECT_TRUE(slave.frames.empty());
+    EXPECT_EQ(host_mux_spi_power_counter(), 0);
+}
+
+TEST_F(HostMuxPower, FailedSwitchLeavesTheCounter) {
+    slave.failing_transfer = 1;
+    capture_stdout([&] { host_mux_spi_power_on(handle.id); });
+    EXPECT_EQ(host_mux_spi_power_counter(), 0);
+    capture_stdout([&] { host_mux_spi_power_on(handle.id); });
+    slave.failing_transfer = slave.transfers + 1;
+    lines = lines_of(capture_stdout([&] { portable_HAL_SPI_POWER_OFF(handle.id); }));
+    EXPECT_EQ(lines, Lines({kTransferFailed, "portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER: transfer fail\r"}));
+    EXPECT_EQ(host_mux_spi_power_counter(), 1);
+}
+
+namespace {
+
+// A wait of an operation: the number of its status query, and the text of its failure.
+struct Wait {
+    size_t query;
+    const char* text;
+};
+
+const Wait kReceiveWaits[] = {
+    {2, "mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"},
+    {3, "mux_spi_master_demo_receive-Step2_b: #### too many ERROR, now go to restart!!!!!\r"},
+    {4, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r"},
+};
+
+const Wait kSendWaits[] = {
+    {2, "mux_spi_master_demo_send-Step1_b: #### too many ERROR, now go to restart!!!!!\r"},
+    {3, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r"},
+    {4, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r"},
+    {5, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r"},
+};
+
+// Each makes the wait fail: nobody there, an error, power lost.
+constexpr uint8_t kFailingStatus[] = {0xFF, 0x09, 0x11, 0x00};
+
+} // namespace
+
+TEST_F(HostMuxPower, EveryWaitOfAReceiveFailsTheOperation) {
+    for (const Wait& wait : kReceiveWaits) {
+        for (const uint8_t status : kFailingStatus) {
+            slave.to_host = {'a', 'b'};
+            answer_nth_with(wait.query, status);
+            EXPECT_FALSE(receive());
+            EXPECT_EQ(times_printed(wait.text), 1U) << wait.query << " " << int{status};
+            expect_usable();
+        }
+    }
+}
+
+TEST_F(HostMuxPower, EveryWaitOfASendFailsTheOperation) {
+    for (const Wait& wait : kSendWaits) {
+        for (const uint8_t status : kFailingStatus) {
+            answer_nth_with(wait.query, status);
+            EXPECT_FALSE(send({'a', 'b'}));
+            EXPECT_EQ(times_printed(wait.text), 1U) << wait.query << " " << int{status};
+            expect_usable();
+        }
+    }
+}
+
+TEST_F(HostMuxPower, SlaveThatIsNeverReadyFailsTheOperation) {
+    slave.status_answer = [](uint8_t honest) { return static_cast<uint8_t>(honest & 0x01); };
+    EXPECT_FALSE(receive());
+    EXPECT_TRUE(printed(kQuery + ", retry counter:100,\r"));
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"));
+    EXPECT_FALSE(slave.powered);
+    expect_usable();
+}
+
+TEST_F(HostMuxPower, ResetInsideAnOperationLeavesThePowerOffToItsEnd) {
+    slave.to_host = {'a'};
+    answer_nth_with(2, 0x09);
+    EXPECT_FALSE(receive());
+    EXPECT_EQ(frames_of(0x08), 1U);
+    EXPECT_EQ(frames_of(0x02), 2U);
+    EXPECT_EQ(frames_of(0x04), 2U);
+    EXPECT_EQ(lines.back(), "portable_HAL_SPI_POWER_OFF: success!!!, counter=0\r");
+    expect_usable();
+}

@@ -1,0 +1,207 @@
+// The receive operation: what goes over the wire, what is printed, and how each step fails.
+#include "host_mux_fixture.h"
+
+namespace {
+
+struct HostMuxReceive : HostMux {};
+
+const Bytes kAskTxLen = {0x0A, 0x08, 0, 0, 0, 3, 0, 0, 0};
+const Bytes kReadRegister = {0x81, 0, 0, 0, 0};
+
+const Lines kLengthAsked =
+    joined({{"mux_spi_master_demo_receive-Step1_a: Send VG_SPI_SLAVE_CRD_CMD.\r",
+             "mux_spi_master_demo_receive-Step1_a: Master want to send 9B\r",
+             "mux_spi_master_demo_receive-Step1_a: Send VG_SPI_SLAVE_CRD_CMD success!!!\r",
+             "mux_spi_master_demo_receive-Step1_b: wait slave CR done...\r"},
+            answered_at_once("0x5"),
+            {"mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value. \r",
+             "mux_spi_master_demo_receive-Step1_c: Master want to receive 4B.\r"}});
+
+} // namespace
+
+TEST_F(HostMuxReceive, WholeReceiveOnTheWire) {
+    slave.to_host = {'a', 'b', 'c'};
+    ASSERT_TRUE(receive());
+    EXPECT_EQ(received, Bytes({'a', 'b', 'c'}));
+    EXPECT_EQ(slave.frames, Frames({kOnFrame,
+                                    kStatusFrame,
+                                    kAskTxLen,
+                                    kStatusFrame,
+                                    kReadRegister,
+                                    {0x0A, 0x00, 0x20, 0, 0, 2, 0, 0, 0},
+                                    kStatusFrame,
+                                    {0x81, 0, 0, 0},
+                                    kStatusFrame,
+                                    kOffFrame,
+                                    kStatusFrame}));
+    expect_usable();
+}
+
+TEST_F(HostMuxReceive, WholeReceiveInTheLog) {
+    slave.to_host = {'a', 'b', 'c'};
+    ASSERT_TRUE(receive());
+    EXPECT_EQ(
+        lines,
+        joined({kPoweredOn,
+                kLengthAsked,
+                {"mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value:0x3. success!!!\r",
+                 "mux_spi_master_demo_receive-Step2_a: send VG_SPI_SLAVE_RD_CMD.\r",
+                 "mux_spi_master_demo_receive-Step2_a: Master want to send 9B cmd.\r",
+                 "mux_spi_master_demo_receive-Step2_a: Send VG_SPI_SLAVE_RD_CMD. success!!!\r",
+                 "mux_spi_master_demo_receive-Step2_b: wait slave CR done...\r"},
+                answered_at_once("0x5"),
+                {"mux_spi_master_demo_receive-Step2_c: Master want to receive:3\r"},
+                answered_at_once("0x21"),
+                {"mux_spi_master_demo_receive-Step2_c: Receive Tx_buff data. success\r"},
+                kPoweredOff}));
+}
+
+TEST_F(HostMuxReceive, NothingToReceiveEndsWithLengthZeroAfterOnePowerCycle) {
+    ASSERT_TRUE(receive());
+    EXPECT_TRUE(received.empty());
+    EXPECT_EQ(slave.frames, Frames({kOnFrame, kStatusFrame, kAskTxLen, kStatusFrame, kReadRegister, kOffFrame,
+                                    kStatusFrame}));
+    EXPECT_EQ(
+        lines,
+        joined({kPoweredOn,
+                kLengthAsked,
+                {"mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value:0x0. success!!!\r"},
+                kPoweredOff}));
+    expect_usable();
+}
+
+TEST_F(HostMuxReceive, MoreThanTheCapacityIsReadInPieces) {
+    slave.to_host = counted_bytes(10);
+    ASSERT_TRUE(receive(6));
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_receive-Step1_c: slave data len too big, request 6 B firstly;\r"));
+    EXPECT_EQ(slave.frames[5], Bytes({0x0A, 0x00, 0x20, 0, 0, 5, 0, 0, 0}));
+    Bytes all = received;
+    ASSERT_TRUE(receive(6));
+    EXPECT_FALSE(
+        printed("mux_spi_master_demo_receive-Step1_c: slave data len too big, request 6 B firstly;\r"));
+    all.insert(all.end(), received.begin(), received.end());
+    EXPECT_EQ(all, counted_bytes(10));
+}
+
+TEST_F(HostMuxReceive, HostileLengthIsBoundedByTheCapacity) {
+    slave.announced = 0xFFFFFFFF;
+    slave.to_host = counted_bytes(4096);
+    ASSERT_TRUE(receive(100));
+    EXPECT_EQ(received.size(), 100U);
+    EXPECT_TRUE(printed(
+        "mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value:0xffffffff. success!!!\r"));
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_receive-Step1_c: slave data len too big, request 100 B firstly;\r"));
+}
+
+TEST_F(HostMuxReceive, OneDataPhaseMovesAtMost4095Bytes) {
+    slave.announced = 0xFFFFFFFF;
+    slave.to_host = counted_bytes(6000);
+    ASSERT_TRUE(receive(15360));
+    EXPECT_EQ(received.size(), 4095U);
+    EXPECT_EQ(slave.frames[7].size(), 4096U);
+}
+
+TEST_F(HostMuxReceive, CapacityZeroMovesNothing) {
+    slave.to_host = {'a'};
+    ASSERT_TRUE(receive(0));
+    EXPECT_TRUE(received.empty());
+    EXPECT_EQ(frames_of(0x81), 1U);
+    expect_usable();
+}
+
+TEST_F(HostMuxReceive, EverySizeComesIntact) {
+    for (uint32_t size = 1; size <= 4095; size += size < 70 ? 1 : 61) {
+        slave.to_host = counted_bytes(size);
+        ASSERT_TRUE(receive()) << size;
+        ASSERT_EQ(received, counted_bytes(size)) << size;
+    }
+    slave.to_host = counted_bytes(4095);
+    ASSERT_TRUE(receive());
+    EXPECT_EQ(received, counted_bytes(4095));
+}
+
+TEST_F(HostMuxReceive, BytesBehindAnOpcodeAreZeroAlsoAfterASend) {
+    ASSERT_TRUE(send(counted_bytes(4095)));
+    slave.to_host = counted_bytes(4095);
+    slave.frames.clear();
+    ASSERT_TRUE(receive());
+    Bytes expected(4096, 0);
+    expected[0] = 0x81;
+    EXPECT_EQ(slave.frames[7], expected);
+}
+
+TEST_F(HostMuxReceive, NoRoomForTheFrameFails) {
+    slave.to_host = {'a'};
+    fail_allocations(true);
+    EXPECT_FALSE(receive());
+    fail_allocations(false);
+    EXPECT_TRUE(printed("mux_spi_master_demo_receive-Step2_C: malloc buffer fail\r"));
+    EXPECT_EQ(slave.frames.back(), kStatusFrame);
+    EXPECT_EQ(slave.frames[slave.frames.size() - 2], kOffFrame);
+    expect_usable();
+}
+
+namespace {
+
+struct FailingTransfer {
+    size_t number;
+    const char* text;
+    bool fails;
+    int32_t counter = 0; // afterwards
+};
+
+const FailingTransfer kFailingTransfers[] = {
+    {1, "host_mux_spi_power_on_without_counter: transfer fail\r", true},
+    {2, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
+    {3, "mux_spi_master_demo_receive-Step1_a:: SPI master send err, status:0 \r", true},
+    {4, "mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r", true},
+    {5, "mux_spi_master_demo_receive-Step1_c : SPI master receive err,status:0\r", true},
+    {6, "mux_spi_master_demo_receive-Step2_a: SPI master send err, try again...status:0 \r", true},
+    {7, "mux_spi_master_demo_receive-Step2_b: #### too many ERROR, now go to restart!!!!!\r", true},
+    {8, "mux_spi_master_demo_receive-Step2_a: SPI master send err, try again...status:0 \r", true},
+    {9, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r", true},
+    {10, "portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER: transfer fail\r", false, 1},
+    {11, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
+    {12, "portable_HAL_SPI_POWER_OFF: success!!!, counter=0\r", false},
+};
+
+struct HostMuxReceiveTransfer : HostMux, testing::WithParamInterface<FailingTransfer> {};
+
+} // namespace
+
+TEST_P(HostMuxReceiveTransfer, FailureEndsItsStepOnly) {
+    slave.to_host = {'a', 'b'};
+    slave.failing_transfer = GetParam().number;
+    EXPECT_EQ(receive(), !GetParam().fails);
+    EXPECT_TRUE(printed(GetParam().text));
+    expect_usable(GetParam().counter);
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, HostMuxReceiveTransfer, testing::ValuesIn(kFailingTransfers),
+                         [](const auto& test) { return std::to_string(test.param.number); });
+
+TEST_F(HostMuxReceive, FailedStepIsFollowedByThePowerOffAlone) {
+    slave.to_host = {'a', 'b'};
+    slave.failing_transfer = 5;
+    EXPECT_FALSE(receive());
+    EXPECT_EQ(slave.frames,
+              Frames({kOnFrame, kStatusFrame, kAskTxLen, kStatusFrame, kOffFrame, kStatusFrame}));
+    EXPECT_EQ(lines, joined({kPoweredOn,
+                             kLengthAsked,
+                             {kTransferFailed,
+                              "mux_spi_master_demo_receive-Step1_c : SPI master receive err,status:0\r"},
+                             kPoweredOff}));
+}
+
+TEST_F(HostMuxReceive, SlaveThatNeverTookThePowerOnFailsTheNextStepAndIsReset) {
+    slave.to_host = {'a'};
+    slave.failing_transfer = 1;
+    EXPECT_FALSE(receive());
+    EXPECT_TRUE(
+        printed("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY spi slave is power off!!!!!!\r"));
+    EXPECT_EQ(lines.back(), "portable_HAL_SPI_POWER_OFF: error!!!");
+    EXPECT_EQ(slave.frames,
+              Frames({kAskTxLen, kStatusFrame, kOffFrame, kStatusFrame, kOnFrame, kStatusFrame}));
+}

@@ -1,0 +1,168 @@
+// The send operation: what goes over the wire, what is printed, and how each step fails.
+#include "host_mux_fixture.h"
+
+namespace {
+
+struct HostMuxSend : HostMux {};
+
+const Bytes kAskRxLen = {0x0A, 0x04, 0, 0, 0, 3, 0, 0, 0};
+const Bytes kReadRegister = {0x81, 0, 0, 0, 0};
+
+const Lines kLengthAsked =
+    joined({{"mux_spi_master_demo_send-Step1_a: Send VG_SPI_SLAVE_CRD_CMD.\r",
+             "mux_spi_master_demo_send-Step1_a: Master want to send 9B cmd.\r",
+             "mux_spi_master_demo_send-Step1_a: Send VG_SPI_SLAVE_CRD_CMD success!!!\r",
+             "mux_spi_master_demo_send-Step1_b: wait slave CR done...\r"},
+            answered_at_once("0x5"),
+            {"mux_spi_master_demo_send-Step1_c: receive SPI slave Tx_len Reg value.\r",
+             "mux_spi_master_demo_send-Step1_c: Master want to receive 4B.\r"},
+            answered_at_once("0x21")});
+
+} // namespace
+
+TEST_F(HostMuxSend, WholeSendOnTheWire) {
+    ASSERT_TRUE(send({'x', 'y'}));
+    EXPECT_EQ(sent, 2U);
+    EXPECT_EQ(slave.from_host, Bytes({'x', 'y'}));
+    EXPECT_EQ(slave.frames, Frames({kOnFrame,
+                                    kStatusFrame,
+                                    kAskRxLen,
+                                    kStatusFrame,
+                                    kReadRegister,
+                                    kStatusFrame,
+                                    {0x0C, 0x00, 0x10, 0, 0, 1, 0, 0, 0},
+                                    kStatusFrame,
+                                    {0x0E, 'x', 'y'},
+                                    kStatusFrame,
+                                    kOffFrame,
+                                    kStatusFrame}));
+    expect_usable();
+}
+
+TEST_F(HostMuxSend, WholeSendInTheLog) {
+    ASSERT_TRUE(send({'x', 'y'}));
+    EXPECT_EQ(
+        lines,
+        joined(
+            {kPoweredOn,
+             kLengthAsked,
+             {"mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:0x1000. success!!!\r",
+              "mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:4096, but master just want "
+              "to send:2\r",
+              "mux_spi_master_demo_send-Step2_a: send VG_SPI_SLAVE_WD_CMD.\r",
+              "mux_spi_master_demo_send-Step2_a:Master want to send 8B \r",
+              "mux_spi_master_demo_send-Step2_a: Send VG_SPI_SLAVE_RD_CMD. success!!!\r",
+              "mux_spi_master_demo_send-Step2_b: wait slave CR done...\r"},
+             answered_at_once("0x5"),
+             answered_at_once("0x21"),
+             {"mux_spi_master_demo_send-Step2_c: receive Tx_buff data. success\r"},
+             kPoweredOff}));
+}
+
+TEST_F(HostMuxSend, NoMoreThanTheSlaveTakesIsSent) {
+    slave.room = 3;
+    ASSERT_TRUE(send({'a', 'b', 'c', 'd', 'e'}));
+    EXPECT_EQ(sent, 3U);
+    EXPECT_EQ(slave.from_host, Bytes({'a', 'b', 'c'}));
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:0x3. success!!!\r"));
+    EXPECT_EQ(slave.frames[6], Bytes({0x0C, 0x00, 0x10, 0, 0, 2, 0, 0, 0}));
+}
+
+TEST_F(HostMuxSend, SlaveThatTakesExactlyTheLengthPrintsNoClamp) {
+    slave.room = 2;
+    ASSERT_TRUE(send({'a', 'b'}));
+    EXPECT_FALSE(
+        printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:2, but master just "
+                "want to send:2\r"));
+}
+
+TEST_F(HostMuxSend, SlaveWithoutRoomEndsWithLengthZero) {
+    slave.room = 0;
+    ASSERT_TRUE(send({'a'}));
+    EXPECT_EQ(sent, 0U);
+    EXPECT_EQ(slave.frames, Frames({kOnFrame, kStatusFrame, kAskRxLen, kStatusFrame, kReadRegister,
+                                    kStatusFrame, kOffFrame, kStatusFrame}));
+    EXPECT_EQ(
+        lines,
+        joined({kPoweredOn,
+                kLengthAsked,
+                {"mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:0x0. success!!!\r"},
+                kPoweredOff}));
+    expect_usable();
+}
+
+TEST_F(HostMuxSend, HostileRoomIsBoundedByTheLength) {
+    slave.announced = 0xFFFFFFFF;
+    ASSERT_TRUE(send({'a'}));
+    EXPECT_EQ(sent, 1U);
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:-1, but master just "
+                "want to send:1\r"));
+}
+
+TEST_F(HostMuxSend, OneDataPhaseMovesAtMost4095Bytes) {
+    slave.announced = 0xFFFFFFFF;
+    ASSERT_TRUE(send(counted_bytes(5000)));
+    EXPECT_EQ(sent, 4095U);
+    const Bytes data = counted_bytes(5000);
+    EXPECT_EQ(slave.from_host, Bytes(data.begin(), data.begin() + 4095));
+}
+
+TEST_F(HostMuxSend, LengthZeroSendsNoData) {
+    ASSERT_TRUE(send({}));
+    EXPECT_EQ(sent, 0U);
+    EXPECT_EQ(frames_of(0x0E), 0U);
+    expect_usable();
+}
+
+TEST_F(HostMuxSend, EverySizeArrivesIntact) {
+    for (uint32_t size = 1; size <= 4095; size += size < 70 ? 1 : 61) {
+        slave.from_host.clear();
+        ASSERT_TRUE(send(counted_bytes(size))) << size;
+        ASSERT_EQ(sent, size);
+        ASSERT_EQ(slave.from_host, counted_bytes(size)) << size;
+    }
+    slave.from_host.clear();
+    ASSERT_TRUE(send(counted_bytes(4095)));
+    EXPECT_EQ(slave.from_host, counted_bytes(4095));
+}
+
+namespace {
+
+struct FailingTransfer {
+    size_t number;
+    const char* text;
+    bool fails;
+    int32_t counter = 0; // afterwards
+};
+
+const FailingTransfer kFailingTransfers[] = {
+    {1, "host_mux_spi_power_on_without_counter: transfer fail\r", true},
+    {2, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
+    {3, "mux_spi_master_demo_send-Step1_a: SPI master send err, try again...status:0 \r", true},
+    {4, "mux_spi_master_demo_send-Step1_b: #### too many ERROR, now go to restart!!!!!\r", true},
+    {5, "mux_spi_master_demo_send-Step1_c: SPI master receive err, try again...status:0\r", true},
+    {6, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r", true},
+    {7, "mux_spi_master_demo_send-Step2_a: SPI master send err, try again...status:0 \r", true},
+    {8, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r", true},
+    {9, "mux_spi_master_demo_send-Step2_c: send fail!!!status:0\r", true},
+    {10, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r", true},
+    {11, "portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER: transfer fail\r", false, 1},
+    {12, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
+    {13, "portable_HAL_SPI_POWER_OFF: success!!!, counter=0\r", false},
+};
+
+struct HostMuxSendTransfer : HostMux, testing::WithParamInterface<FailingTransfer> {};
+
+} // namespace
+
+TEST_P(HostMuxSendTransfer, FailureEndsItsStepOnly) {
+    slave.failing_transfer = GetParam().number;
+    EXPECT_EQ(send({'a', 'b'}), !GetParam().fails);
+    EXPECT_TRUE(printed(GetParam().text));
+    expect_usable(GetParam().counter);
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, HostMuxSendTransfer, testing::ValuesIn(kFailingTransfers),
+                         [](const auto& test) { return std::to_string(test.param.number); });

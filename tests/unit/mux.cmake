@@ -1,0 +1,19 @@
+# Sleeps of these programs are short, and allocations of the platform port can be made to fail.
+set(TAVOR_MUX_WRAPS -Wl,--wrap=usleep -Wl,--wrap=_Z20port_platform_mallocm)
+
+tavor_test(host_mux_test
+    SOURCES
+        host_mux_test.cpp
+        host_mux_receive_test.cpp
+        host_mux_send_test.cpp
+        host_mux_power_test.cpp
+        host_mux_stop_test.cpp
+        host_mux_threads_test.cpp
+        host_mux_slave.cpp
+    USES tavor_mux board_interpose_local)
+target_link_options(host_mux_test PRIVATE ${TAVOR_MUX_WRAPS})
+
+tavor_test(location_serial_port_test
+    SOURCES location_serial_port_test.cpp host_mux_slave.cpp
+    USES tavor_mux board_interpose_local)
+target_link_options(location_serial_port_test PRIVATE ${TAVOR_MUX_WRAPS})
