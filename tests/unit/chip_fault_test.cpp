@@ -1,0 +1,280 @@
+// Faults: what the host sees while they last, and that the chip works again behind them.
+#include "chip_wire.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct FaultyHost : Host {
+    explicit FaultyHost(ChipOptions options = none()) : Host(std::move(options)) {}
+    static ChipOptions none() {
+        ChipOptions options;
+        options.source = ChipSource::none;
+        return options;
+    }
+    void fault(const std::string& name, const std::string& value) {
+        EXPECT_EQ(chip_fault(chip, name, value, now_us), "") << name << " " << value;
+    }
+    bool transfer() {
+        const uint8_t tx[2] = {0x06, 0x00};
+        uint8_t rx[2];
+        return chip_spi_transfer(chip, tx, rx, sizeof tx, now_us);
+    }
+    std::vector<std::string> active() {
+        return seen().faults;
+    }
+    void expect_works() {
+        interface_off();
+        interface_on();
+        const uint8_t status_now = status();
+        frame({0x08, status_now});
+        ASSERT_EQ(chip_queue(chip, "abc"), "");
+        EXPECT_EQ(read_all(), "abc");
+        EXPECT_EQ(seen().violations, 0U) << seen().last_violation;
+    }
+};
+
+using Lines = std::vector<std::string>;
+
+} // namespace
+
+TEST(ChipFault, StatusErrorShowsInTheNextReadsOnly) {
+    FaultyHost host;
+    host.fault("status-error", "2");
+    EXPECT_EQ(host.active(), Lines{"status-error 2:0x08"});
+    EXPECT_EQ(host.status(), 0x09);
+    EXPECT_EQ(host.status(), 0x09);
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.active(), Lines{});
+    host.expect_works();
+}
+
+TEST(ChipFault, StatusErrorOnceWithItsMask) {
+    FaultyHost host;
+    host.fault("status-error", "once:0x18");
+    EXPECT_EQ(host.status(), 0x19);
+    EXPECT_EQ(host.status(), 0x01);
+}
+
+TEST(ChipFault, StatusErrorAlwaysLastsUntilItIsSwitchedOff) {
+    FaultyHost host;
+    host.fault("status-error", "always:0x10");
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(host.status(), 0x11);
+    }
+    host.fault("status-error", "off");
+    host.expect_works();
+}
+
+TEST(ChipFault, SilenceAnswersAllOnesAndTakesNothing) {
+    FaultyHost host;
+    host.fault("silence", "on");
+    EXPECT_EQ(host.frame({0x06, 0}), (Bytes{0xFF, 0xFF}));
+    host.interface_off();
+    host.fault("silence", "off");
+    EXPECT_EQ(host.status(), 0x01) << "the power-off was not heard";
+    host.expect_works();
+}
+
+TEST(ChipFault, ZeroAnswersZeroOnEverything) {
+    FaultyHost host;
+    host.fault("zero", "on");
+    EXPECT_EQ(host.frame({0x06, 0}), (Bytes{0, 0}));
+    host.fault("zero", "off");
+    host.expect_works();
+}
+
+TEST(ChipFault, UnpoweredKeepsTheInterfaceOff) {
+    FaultyHost host;
+    host.fault("unpowered", "on");
+    EXPECT_EQ(host.status(), 0x00);
+    host.interface_on();
+    EXPECT_EQ(host.status(), 0x00);
+    EXPECT_FALSE(host.seen().interface_powered);
+    host.fault("unpowered", "off");
+    EXPECT_EQ(host.status(), 0x00) << "until the host switches it on";
+    host.expect_works();
+}
+
+TEST(ChipFault, NeverReadyShowsNoDoneBit) {
+    FaultyHost host;
+    host.fault("never-ready", "on");
+    host.frame({0x0A, 8, 0, 0, 0, 3, 0, 0, 0});
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(host.status(), 0x01);
+    }
+    host.fault("never-ready", "off");
+    host.expect_works();
+}
+
+TEST(ChipFault, TransferFailCountsDown) {
+    FaultyHost host;
+    host.fault("transfer-fail", "2");
+    EXPECT_FALSE(host.transfer());
+    EXPECT_FALSE(host.transfer());
+    EXPECT_TRUE(host.transfer());
+    EXPECT_EQ(host.seen().transfers_failed, 2U);
+    host.expect_works();
+}
+
+TEST(ChipFault, TransferFailEveryThird) {
+    FaultyHost host;
+    host.fault("transfer-fail", "every:3");
+    std::string pattern;
+    for (int i = 0; i < 9; ++i) {
+        pattern += host.transfer() ? '+' : '-';
+    }
+    EXPECT_EQ(pattern, "++-++-++-");
+    EXPECT_EQ(host.active(), Lines{"transfer-fail every:3"});
+}
+
+TEST(ChipFault, TransferFailReachesAnOffChipToo) {
+    FaultyHost host;
+    chip_power(host.chip, false, 0);
+    host.fault("transfer-fail", "always");
+    EXPECT_FALSE(host.transfer());
+    host.fault("transfer-fail", "off");
+    EXPECT_TRUE(host.transfer());
+}
+
+TEST(ChipFault, GarbageIsSeeded) {
+    ChipOptions options = FaultyHost::none();
+    options.seed = 5;
+    FaultyHost first(options);
+    FaultyHost second(options);
+    options.seed = 6;
+    FaultyHost other(options);
+    const Bytes frame(64, 0x06);
+    for (FaultyHost* host : {&first, &second, &other}) {
+        host->fault("garbage", "on");
+    }
+    const Bytes bytes = first.frame(frame);
+    EXPECT_EQ(second.frame(frame), bytes);
+    EXPECT_NE(other.frame(frame), bytes);
+    first.fault("garbage", "off");
+    first.expect_works();
+}
+
+TEST(ChipFault, GarbageInDataKeepsTheStatusRight) {
+    FaultyHost host;
+    host.fault("garbage", "data");
+    chip_queue(host.chip, "abcd");
+    EXPECT_NE(host.read_register(0x08), 4U);
+    EXPECT_EQ(host.status(), 0x21);
+    host.fault("garbage", "off");
+    host.interface_on();
+    EXPECT_EQ(host.read_all(), "abcd");
+}
+
+TEST(ChipFault, GarbageInTheStatusKeepsTheDataRight) {
+    FaultyHost host;
+    host.fault("garbage", "status");
+    std::vector<uint8_t> seen;
+    for (int i = 0; i < 64; ++i) {
+        seen.push_back(host.status());
+    }
+    EXPECT_TRUE(std::any_of(seen.begin(), seen.end(), [&](uint8_t status) { return status != seen[0]; }));
+    host.frame({0x0A, 4, 0, 0, 0, 3, 0, 0, 0});
+    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 0x00, 0x10, 0, 0}));
+}
+
+TEST(ChipFault, BytewiseNeverOffersMoreThanOne) {
+    FaultyHost host;
+    host.fault("bytewise", "on");
+    chip_queue(host.chip, "abc");
+    for (const char* expected : {"a", "b", "c"}) {
+        EXPECT_EQ(host.read_register(0x08), 1U);
+        EXPECT_EQ(host.read_data(1), expected);
+    }
+    EXPECT_EQ(host.read_register(0x08), 0U);
+    host.expect_works();
+}
+
+TEST(ChipFault, HostileLengthsAreServedWithPadding) {
+    FaultyHost host;
+    host.fault("hostile-length", "on");
+    EXPECT_EQ(host.read_register(0x04), 0xFFFFFFFFU);
+    EXPECT_EQ(host.read_register(0x08), 0xFFFFFFFFU);
+    chip_queue(host.chip, "abc");
+    EXPECT_EQ(host.read_data(5), std::string("abc\0\0", 5));
+    EXPECT_EQ(host.seen().bytes_delivered, 3U);
+    host.fault("hostile-length", "rx");
+    EXPECT_EQ(host.active(), Lines{"hostile-length rx"});
+    EXPECT_EQ(host.read_register(0x08), 0U);
+    host.fault("hostile-length", "off");
+    host.expect_works();
+}
+
+TEST(ChipFault, BacklogWaitsAtOnceWhateverTheBufferSize) {
+    FaultyHost host;
+    host.fault("backlog", "200000");
+    EXPECT_GE(host.seen().bytes_queued, 200000U);
+    EXPECT_LT(host.seen().bytes_queued, 202000U);
+    const auto sentences = sentences_of(host.read_all());
+    EXPECT_TRUE(std::all_of(sentences.begin(), sentences.end(), is_valid_sentence));
+    EXPECT_EQ(sentences.size(), host.seen().sentences_delivered);
+    EXPECT_EQ(host.active(), Lines{});
+}
+
+TEST(ChipFault, BacklogNeedsAPoweredChip) {
+    FaultyHost host;
+    chip_power(host.chip, false, 0);
+    EXPECT_NE(chip_fault(host.chip, "backlog", "1000", 0), "");
+}
+
+TEST(ChipFault, AllOffEndsEverything) {
+    FaultyHost host;
+    for (const char* name :
+         {"silence", "zero", "unpowered", "never-ready", "bytewise", "garbage", "hostile-length"}) {
+        host.fault(name, "on");
+    }
+    host.fault("status-error", "always");
+    host.fault("transfer-fail", "every:2");
+    EXPECT_EQ(host.active().size(), 9U);
+    host.fault("all", "off");
+    EXPECT_EQ(host.active(), Lines{});
+    host.expect_works();
+}
+
+TEST(ChipFault, BadNamesAndValuesAreNamedAndChangeNothing) {
+    FaultyHost host;
+    EXPECT_EQ(chip_fault(host.chip, "smoke", "on", 0), "no fault is called \"smoke\"");
+    EXPECT_EQ(chip_fault(host.chip, "silence", "maybe", 0), "fault silence: \"maybe\" is none of on|off");
+    for (const char* value :
+         {"", "0", "-1", "2x", "1000000001", "99999999999999999999", "once:", "once:0x20", "every:1"}) {
+        EXPECT_NE(chip_fault(host.chip, "status-error", value, 0), "") << value;
+    }
+    for (const char* value : {"", "every:", "every:0", "every:x", "on"}) {
+        EXPECT_NE(chip_fault(host.chip, "transfer-fail", value, 0), "") << value;
+    }
+    for (const char* value : {"", "0", "16777217", "much"}) {
+        EXPECT_NE(chip_fault(host.chip, "backlog", value, 0), "") << value;
+    }
+    EXPECT_NE(chip_fault(host.chip, "all", "on", 0), "");
+    EXPECT_NE(chip_fault(host.chip, "garbage", "some", 0), "");
+    EXPECT_NE(chip_fault(host.chip, "hostile-length", "some", 0), "");
+    EXPECT_EQ(host.active(), Lines{});
+}
+
+TEST(ChipFault, HostOutOfStepByAFaultBreaksNoRule) {
+    FaultyHost host;
+    host.frame({0x0A, 8, 0, 0, 0, 3, 0, 0, 0});
+    host.fault("silence", "on");
+    host.frame({0x81, 0, 0, 0, 0});
+    host.fault("silence", "off");
+    host.frame({0x0A, 0, 0x20, 0, 0, 9, 0, 0, 0});
+    EXPECT_EQ(host.seen().violations, 0U);
+    EXPECT_EQ(host.status() & 0x08, 0x08);
+    host.interface_on();
+    host.frame({0x33});
+    EXPECT_EQ(host.seen().violations, 1U) << "from its power-on the host is held to the protocol again";
+}
+
+TEST(ChipFault, EveryFaultOfTheTableIsKnown) {
+    for (const ChipFaultInfo& info : chip_fault_table()) {
+        FaultyHost host;
+        const std::string error = chip_fault(host.chip, info.name, "?", 0);
+        EXPECT_EQ(error.rfind(std::string("fault ") + info.name + ":", 0), 0U) << error;
+    }
+}

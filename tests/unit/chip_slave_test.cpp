@@ -1,0 +1,251 @@
+// The multiplexer's slave, byte for byte on the wire.
+#include "chip_wire.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+ChipOptions quiet() {
+    ChipOptions options;
+    options.source = ChipSource::none;
+    return options;
+}
+
+const Bytes kReadTxLen = {0x0A, 0x08, 0, 0, 0, 3, 0, 0, 0};
+const Bytes kReadRxLen = {0x0A, 0x04, 0, 0, 0, 3, 0, 0, 0};
+
+} // namespace
+
+TEST(ChipSlave, PoweredOffChipReadsAllOnes) {
+    Host host(quiet(), false);
+    EXPECT_EQ(host.frame({0x06, 0x00}), (Bytes{0xFF, 0xFF}));
+    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(host.seen().violations, 0U);
+    EXPECT_EQ(host.seen().transfers, 2U);
+}
+
+TEST(ChipSlave, ColdBootLeavesTheInterfaceUnpowered) {
+    Host host(quiet(), false);
+    chip_power(host.chip, true, 0);
+    EXPECT_EQ(host.frame({0x06, 0x00}), (Bytes{0x00, 0x00}));
+    host.interface_on();
+    EXPECT_EQ(host.status(), 0x01);
+    host.interface_off();
+    EXPECT_EQ(host.status(), 0x00);
+    EXPECT_EQ(host.seen().cold_boots, 1U);
+}
+
+TEST(ChipSlave, SameLevelAgainIsNoColdBoot) {
+    Host host(quiet());
+    chip_power(host.chip, true, 5);
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.seen().cold_boots, 1U);
+}
+
+TEST(ChipSlave, TxLenOfNothingIsZeroAndTheReadSetsDataDone) {
+    Host host(quiet());
+    EXPECT_EQ(host.frame(kReadTxLen), Bytes(9));
+    EXPECT_EQ(host.status(), 0x05);
+    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), Bytes(5));
+    EXPECT_EQ(host.status(), 0x21);
+}
+
+TEST(ChipSlave, QueuedBytesAreAnnouncedAndRead) {
+    Host host(quiet());
+    ASSERT_EQ(chip_queue(host.chip, std::string("\x04$\0\xAA", 4)), "");
+    host.frame(kReadTxLen);
+    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 4, 0, 0, 0}));
+    host.frame({0x0A, 0x00, 0x20, 0, 0, 3, 0, 0, 0});
+    EXPECT_EQ(host.status(), 0x05);
+    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 0x04, 0x24, 0x00, 0xAA}));
+    EXPECT_EQ(host.status(), 0x21);
+    EXPECT_EQ(host.read_register(0x08), 0U);
+    EXPECT_EQ(host.seen().bytes_delivered, 4U);
+    EXPECT_EQ(host.seen().violations, 0U);
+}
+
+TEST(ChipSlave, PartialReadLeavesTheRest) {
+    Host host(quiet());
+    chip_queue(host.chip, "abcdefgh");
+    EXPECT_EQ(host.read_register(0x08), 8U);
+    EXPECT_EQ(host.read_data(3), "abc");
+    EXPECT_EQ(host.read_all(), "defgh");
+}
+
+TEST(ChipSlave, BytesWaitThroughAnInterfacePowerCycle) {
+    Host host(quiet());
+    chip_queue(host.chip, "abc");
+    host.interface_off();
+    host.interface_on();
+    EXPECT_EQ(host.read_all(), "abc");
+}
+
+TEST(ChipSlave, ColdBootEmptiesTheTransmitBuffer) {
+    Host host(quiet());
+    chip_queue(host.chip, "abc");
+    chip_power(host.chip, false, 1);
+    chip_power(host.chip, true, 2);
+    host.interface_on();
+    EXPECT_EQ(host.read_register(0x08), 0U);
+}
+
+TEST(ChipSlave, RxLenSaysTheWindow) {
+    ChipOptions options = quiet();
+    Host host(options);
+    EXPECT_EQ(host.read_register(0x04), 4096U);
+    options.rx_window = 7;
+    Host narrow(options);
+    EXPECT_EQ(narrow.read_register(0x04), 7U);
+}
+
+TEST(ChipSlave, WrittenBytesReachTheCommandParser) {
+    Host host(quiet());
+    host.frame(kReadRxLen);
+    host.status();
+    host.frame({0x81, 0, 0, 0, 0});
+    host.frame({0x0C, 0x00, 0x10, 0, 0, 2, 0, 0, 0});
+    EXPECT_EQ(host.status(), 0x05);
+    host.frame({0x0E, 'x', 'y', 'z'});
+    EXPECT_EQ(host.status(), 0x21);
+    EXPECT_EQ(host.seen().bytes_received, 3U);
+    EXPECT_EQ(host.seen().bytes_noise, 3U);
+    EXPECT_EQ(host.seen().violations, 0U);
+}
+
+TEST(ChipSlave, BusyPollsHoldTheDoneBitsBack) {
+    ChipOptions options = quiet();
+    options.busy_polls = 2;
+    Host host(options);
+    host.frame(kReadTxLen);
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.status(), 0x05);
+    host.frame({0x81, 0, 0, 0, 0});
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.status(), 0x01);
+    EXPECT_EQ(host.status(), 0x21);
+    EXPECT_EQ(host.seen().violations, 0U);
+}
+
+TEST(ChipSlave, NextCommandClearsTheDoneBits) {
+    ChipOptions options = quiet();
+    Host host(options);
+    host.read_register(0x08);
+    EXPECT_EQ(host.status(), 0x21);
+    host.frame(kReadTxLen);
+    EXPECT_EQ(host.status(), 0x05);
+    host.interface_on();
+    EXPECT_EQ(host.status(), 0x01);
+}
+
+TEST(ChipSlave, NullBuffersAreZerosOutAndNothingIn) {
+    Host host(quiet());
+    EXPECT_TRUE(chip_spi_transfer(host.chip, nullptr, nullptr, 4, 0));
+    EXPECT_EQ(host.seen().last_violation, "unknown opcode (0x0)");
+    EXPECT_TRUE(chip_spi_transfer(host.chip, nullptr, nullptr, 0, 0));
+}
+
+TEST(ChipSlave, ErrorBitsStayUntilTheStatusIsWrittenBack) {
+    Host host(quiet());
+    host.frame({0x33});
+    EXPECT_EQ(host.status(), 0x09);
+    EXPECT_EQ(host.status(), 0x09);
+    host.frame({0x08, 0x09});
+    EXPECT_EQ(host.status(), 0x01);
+}
+
+struct Violation {
+    const char* name;
+    std::vector<Bytes> frames; // the last one breaks the protocol
+    const char* text;
+};
+
+void PrintTo(const Violation& violation, std::ostream* out) {
+    *out << violation.name;
+}
+
+class ChipViolation : public testing::TestWithParam<Violation> {};
+
+TEST_P(ChipViolation, IsRefusedCountedAndShownAsError) {
+    Host host(quiet());
+    chip_queue(host.chip, "abcd");
+    const std::vector<Bytes>& frames = GetParam().frames;
+    for (size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ(host.seen().violations, 0U) << "frame " << i;
+        host.frame(frames[i]);
+    }
+    EXPECT_EQ(host.seen().violations, 1U);
+    EXPECT_EQ(host.seen().last_violation, GetParam().text);
+    EXPECT_EQ(host.status() & 0x08, 0x08);
+    EXPECT_EQ(host.seen().bytes_queued, 4U) << "nothing is consumed";
+    EXPECT_EQ(host.seen().bytes_received, 0U);
+}
+
+const Bytes kReadWord = {0x81, 0, 0, 0, 0};
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ChipViolation,
+    testing::Values(
+        Violation{"UnknownOpcode", {{0x33, 0}}, "unknown opcode (0x33)"},
+        Violation{"StatusOfOneByte", {{0x06}}, "status frame is not 2 bytes (0x1)"},
+        Violation{"PowerOfTwoBytes", {{0x04, 0}}, "power frame is not 1 byte (0x2)"},
+        Violation{"OtherStatusWrittenBack",
+                  {{0x06, 0}, {0x08, 0x18}},
+                  "status written back is not the status read (0x18)"},
+        Violation{
+            "ShortConfiguration", {{0x0A, 8, 0, 0, 0, 3, 0, 0}}, "configuration frame is not 9 bytes (0x8)"},
+        Violation{"RegisterLengthFour", {{0x0A, 8, 0, 0, 0, 4, 0, 0, 0}}, "register length is not 4 (0x8)"},
+        Violation{"NoSuchAddress", {{0x0A, 0x0C, 0, 0, 0, 3, 0, 0, 0}}, "no such address (0xc)"},
+        Violation{"RegisterWrite", {{0x0C, 8, 0, 0, 0, 3, 0, 0, 0}}, "no such address (0x8)"},
+        Violation{"WriteToTransmitBuffer",
+                  {kReadTxLen, kReadWord, {0x0C, 0, 0x20, 0, 0, 0, 0, 0, 0}},
+                  "no such address (0x1)"},
+        Violation{"HugeLength",
+                  {{0x0A, 0, 0x20, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
+                  "length field too large (0xffffffff)"},
+        Violation{
+            "ReadNotAnnounced", {{0x0A, 0, 0x20, 0, 0, 0, 0, 0, 0}}, "read of more than Tx_len said (0x1)"},
+        Violation{"ReadMoreThanAnnounced",
+                  {kReadTxLen, kReadWord, {0x0A, 0, 0x20, 0, 0, 4, 0, 0, 0}},
+                  "read of more than Tx_len said (0x5)"},
+        Violation{
+            "WriteNotAnnounced", {{0x0C, 0, 0x10, 0, 0, 0, 0, 0, 0}}, "write of more than Rx_len said (0x1)"},
+        Violation{"DataWithoutCommand", {kReadWord}, "data phase without its command (0x5)"},
+        Violation{"WriteAfterReadCommand", {kReadTxLen, {0x0E, 'a'}}, "data phase without its command (0x2)"},
+        Violation{"DataOneByteShort",
+                  {kReadTxLen, kReadWord, {0x0A, 0, 0x20, 0, 0, 3, 0, 0, 0}, {0x81, 0, 0, 0}},
+                  "data phase of another length than its command (0x4)"},
+        Violation{"RegisterReadTooLong",
+                  {kReadTxLen, {0x81, 0, 0, 0, 0, 0}},
+                  "data phase of another length than its command (0x6)"},
+        Violation{
+            "CommandToUnpoweredInterface", {{0x02}, kReadTxLen}, "command to an unpowered interface (0xa)"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(ChipSlave, DataPhaseBeforeTheCommandIsDoneIsAViolation) {
+    ChipOptions options = quiet();
+    options.busy_polls = 1;
+    Host host(options);
+    host.frame(kReadTxLen);
+    host.frame(kReadWord);
+    EXPECT_EQ(host.seen().last_violation, "data phase before the command was done (0x5)");
+}
+
+TEST(ChipSlave, DataIsNotReadTwiceOnOneAnnouncement) {
+    Host host(quiet());
+    chip_queue(host.chip, "abcd");
+    EXPECT_EQ(host.read_register(0x08), 4U);
+    EXPECT_EQ(host.read_data(3), "abc");
+    host.frame({0x0A, 0, 0x20, 0, 0, 1, 0, 0, 0});
+    EXPECT_EQ(host.seen().last_violation, "read of more than Tx_len said (0x2)");
+}
+
+TEST(ChipQueue, IsRefusedWhenOffOrFull) {
+    ChipOptions options = quiet();
+    options.tx_fifo_size = 256;
+    Host host(options, false);
+    EXPECT_NE(chip_queue(host.chip, "a"), "");
+    chip_power(host.chip, true, 0);
+    EXPECT_EQ(chip_queue(host.chip, std::string(256, 'a')), "");
+    EXPECT_NE(chip_queue(host.chip, "a"), "");
+}
