@@ -32,9 +32,8 @@ struct TcpClient {
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected = wait_until([&] {
-            return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-        });
+        connected = wait_until(
+            [&] { return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0; });
     }
     ~TcpClient() {
         if (fd >= 0) {
@@ -77,7 +76,8 @@ struct TcpClient {
 
 // A started daemon whose debug outlet is a TCP server.
 struct TcpOutlet {
-    explicit TcpOutlet(const Arguments& options = {"--rate", "10"}) : board(options), daemon(board), client(board.socket_path()) {
+    explicit TcpOutlet(const Arguments& options = {"--rate", "10"})
+        : board(options), daemon(board), client(board.socket_path()) {
         board.configure("debug socket ip", "127.0.0.1");
         board.configure("debug socket port", std::to_string(port));
         EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
@@ -96,7 +96,9 @@ struct PseudoTerminal {
         unlockpt(master);
         path = ptsname(master);
     }
-    ~PseudoTerminal() { close(master); }
+    ~PseudoTerminal() {
+        close(master);
+    }
     PseudoTerminal(const PseudoTerminal&) = delete;
     PseudoTerminal& operator=(const PseudoTerminal&) = delete;
 
@@ -136,7 +138,8 @@ TEST(DebugTcp, WhatAClientTypesReachesTheChip) {
     ASSERT_TRUE(engineer.wait_text("GGA,"));
     const std::string command = "$PZUL353,1*3B\r\n";
     ASSERT_EQ(write(engineer.fd, command.data(), command.size()), static_cast<ssize_t>(command.size()));
-    EXPECT_TRUE(wait_until([&] { return outlet.board.ctl({"commands"}).find("PZUL353,1") != std::string::npos; }));
+    EXPECT_TRUE(
+        wait_until([&] { return outlet.board.ctl({"commands"}).find("PZUL353,1") != std::string::npos; }));
 }
 
 TEST(DebugTcp, ClientThatNeverReadsStopsNobody) {

@@ -42,10 +42,12 @@ pid_t spawn(const Arguments& arguments, const std::string& out, const std::strin
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     if (!out.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                         0600);
     }
     if (!err.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                         0600);
     }
     std::vector<char*> argv = argument_pointers(arguments);
     pid_t pid = -1;
@@ -159,7 +161,9 @@ std::string SimulatedBoard::ctl(const Arguments& command) const {
 
 long long SimulatedBoard::status(const std::string& key) const {
     const auto status = nlohmann::json::parse(ctl({"status", "--json"}), nullptr, false);
-    return status.is_object() && status.contains(key) && status[key].is_number() ? status[key].get<long long>() : -1;
+    return status.is_object() && status.contains(key) && status[key].is_number()
+               ? status[key].get<long long>()
+               : -1;
 }
 
 void SimulatedBoard::configure(const std::string& key, const std::string& value) const {
@@ -179,8 +183,8 @@ void DaemonOnBoard::restart() {
     delete process;
     const std::string output = board->directory.path / "daemon.log";
     const size_t before = file_content(output).size();
-    process = new Child({TAVOR_BOARD_PROGRAM, "exec", "--dir", board->directory.path.string(), "--", TAVOR_PROGRAM},
-                        output);
+    process = new Child(
+        {TAVOR_BOARD_PROGRAM, "exec", "--dir", board->directory.path.string(), "--", TAVOR_PROGRAM}, output);
     const bool started = wait_until([&] {
         return file_content(output).find("location_service_task_main", before) != std::string::npos ||
                !process->running();

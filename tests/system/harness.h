@@ -51,7 +51,9 @@ struct SimulatedBoard {
 
     // Runs a control command on the board and returns what it printed; the test fails when the command does.
     std::string ctl(const Arguments& command) const;
-    void fault(const std::string& name, const std::string& value) const { ctl({"fault", name, value}); }
+    void fault(const std::string& name, const std::string& value) const {
+        ctl({"fault", name, value});
+    }
     // A number of the board's status.
     long long status(const std::string& key) const;
     // Writes one line "key=value" at the top of the daemon's configuration.
@@ -65,7 +67,9 @@ struct SimulatedBoard {
 // The daemon on a board; its log goes to a file of the board's directory.
 struct DaemonOnBoard {
     explicit DaemonOnBoard(const SimulatedBoard& on);
-    ~DaemonOnBoard() { delete process; }
+    ~DaemonOnBoard() {
+        delete process;
+    }
     DaemonOnBoard(const DaemonOnBoard&) = delete;
     DaemonOnBoard& operator=(const DaemonOnBoard&) = delete;
 
@@ -96,7 +100,8 @@ struct TestClient {
     // The next datagram, none when the limit passed.
     std::optional<tavor_response> receive(std::chrono::milliseconds limit = kWaitLimit) const;
     // The next datagram with the code; others are dropped.
-    std::optional<tavor_response> receive_code(uint32_t code, std::chrono::milliseconds limit = kWaitLimit) const;
+    std::optional<tavor_response> receive_code(uint32_t code,
+                                               std::chrono::milliseconds limit = kWaitLimit) const;
     // Sends a request and returns the value of the reply with the code, -2 when there was none.
     int64_t ask(tavor_request_type type, uint32_t code, const std::string& text = "",
                 std::chrono::milliseconds limit = kWaitLimit) const;

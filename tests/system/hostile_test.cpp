@@ -1,4 +1,5 @@
-// What must not stop the daemon: killed predecessors, random requests, random chip bytes, clients that do not read.
+// What must not stop the daemon: killed predecessors, random requests, random chip bytes, clients that do not
+// read.
 #include "system/harness.h"
 
 #include <gtest/gtest.h>

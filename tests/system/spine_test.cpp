@@ -13,19 +13,6 @@ bool is_gga(const std::string& sentence) {
     return sentence.size() > 6 && sentence.compare(3, 3, "GGA") == 0;
 }
 
-// Reads responses until count of them with the code have come.
-std::vector<tavor_response> receive_many(const TestClient& client, uint32_t code, size_t count) {
-    std::vector<tavor_response> found;
-    while (found.size() < count) {
-        const auto response = client.receive_code(code);
-        if (!response) {
-            break;
-        }
-        found.push_back(*response);
-    }
-    return found;
-}
-
 } // namespace
 
 TEST(Spine, StartIsAnsweredThenTheBannerComesBeforeAnySentence) {
@@ -78,7 +65,8 @@ TEST(Spine, PositionBlockHoldsTheRecordThenZeros) {
             block = *response;
             std::memcpy(&record, block.payload, sizeof record);
         }
-        return record.latitude[0] != '\0' && record.minorAxis[0] != '\0' && record.verticalUncertainty[0] != '\0';
+        return record.latitude[0] != '\0' && record.minorAxis[0] != '\0' &&
+               record.verticalUncertainty[0] != '\0';
     }));
     EXPECT_EQ(block.value, 0U);
     for (size_t i = sizeof record; i < sizeof block.payload; ++i) {
@@ -183,8 +171,8 @@ TEST(Spine, PositionRequestWithoutALocationFileIsLoggedWithZerosAndPassedOn) {
     const auto sentence = client.receive_code(TAVOR_CODE_CHIP);
     ASSERT_TRUE(sentence);
     EXPECT_EQ(payload_text(*sentence).rfind("$PZUL010,2,0*", 0), 0U);
-    EXPECT_TRUE(daemon.wait_log(
-        "[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n"));
+    EXPECT_TRUE(
+        daemon.wait_log("[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n"));
     EXPECT_EQ(board.ctl({"commands"}).find("$PZUL600,"), std::string::npos);
 }
 
@@ -198,7 +186,8 @@ TEST(Spine, BinaryFrameIsLoggedWithItsLengthAndNotSent) {
     board.ctl({"send", "--hex", "042401020200414202aa44"});
     EXPECT_TRUE(daemon.wait_log("[LOCSERV] INF: [binary data]11\n"));
     const std::string log = daemon.log();
-    EXPECT_NE(log.find("location_service_message_handle:10\n"), std::string::npos) << "the bad checksum is dropped";
+    EXPECT_NE(log.find("location_service_message_handle:10\n"), std::string::npos)
+        << "the bad checksum is dropped";
     EXPECT_NE(log.find("location_service_message_handle:13\n"), std::string::npos);
 }
 

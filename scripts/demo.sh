@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the whole system on the simulated board: start, live positions, a command and its answer, save, the
+# location file, stop. Ends by itself and leaves nothing behind.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+usage() {
+    cat <<EOF
+usage: scripts/demo.sh [--keep]
+  --keep   leave board and daemon running and print how to talk to them
+EOF
+}
+
+keep=no
+case "${1:-}" in
+"") ;;
+--keep) keep=yes ;;
+-h | --help)
+    usage
+    exit 0
+    ;;
+*)
+    usage >&2
+    exit 2
+    ;;
+esac
+
+scripts/setup.sh
+echo "demo: building"
+cmake --preset release -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF -B build/demo >/dev/null
+cmake --build build/demo >build/demo/build.log 2>&1 || {
+    cat build/demo/build.log >&2
+    exit 1
+}
+bin=$PWD/build/demo/bin
+
+dir=$(mktemp -d "${TMPDIR:-/tmp}/tavor-demo-XXXXXX")
+board_pid=
+daemon_pid=
+
+finish() {
+    for pid in "$daemon_pid" "$board_pid"; do
+        if [ -n "$pid" ]; then
+            kill "$pid" 2>/dev/null || true
+            wait "$pid" 2>/dev/null || true
+        fi
+    done
+    rm -rf "$dir"
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
+
+# wait_for SECONDS COMMAND...: until the command succeeds.
+wait_for() {
+    local limit=$((SECONDS + $1))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        [ $SECONDS -lt $limit ] || {
+            echo "demo: gave up waiting for: $*" >&2
+            exit 1
+        }
+        sleep 0.05
+    done
+}
+
+say() { printf '\n\033[1m# %s\033[0m\n' "$*"; }
+
+# show COMMAND...: prints it as a person would type it, then runs it.
+show() {
+    local name=${1##*/}
+    shift
+    printf '$ %s%s\n' "$name" "$(printf ' %s' "$@" | sed "s| --socket $socket||; s| --dir $dir||")"
+    "$bin/$name" "$@"
+}
+
+free_port() {
+    local port
+    for port in $(seq 7005 7099); do
+        (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || {
+            echo "$port"
+            return
+        }
+    done
+    echo "demo: no free TCP port from 7005 to 7099" >&2
+    exit 1
+}
+
+socket=$dir/etc/default/tavor/tavor_sun_path
+port=$(free_port)
+
+"$bin/tavor-board" run --dir "$dir" --rate 5 --conf "debug socket ip=127.0.0.1" --conf "debug socket port=$port" \
+    >"$dir/board.log" 2>&1 &
+board_pid=$!
+wait_for 10 grep -q '^ready ' "$dir/board.log"
+"$bin/tavor-board" exec --dir "$dir" -- "$bin/tavor" >"$dir/daemon.log" 2>&1 &
+daemon_pid=$!
+wait_for 10 test -S "$socket"
+
+say "A simulated board and the daemon run in a private directory. A client starts positioning and follows."
+show tavorctl watch --socket "$socket" --count 25
+
+say "The next position, for people and for programs."
+show tavorctl position --socket "$socket"
+show tavorctl position --json --socket "$socket"
+
+say "A command to the chip and its answer."
+show tavorctl send --wait 1 --socket "$socket" 353,1,1
+show tavor-board ctl --dir "$dir" commands
+
+say "The debug outlet mirrors the chip to TCP clients: port $port, while the daemon's client goes on."
+show tavorctl debug tcp --socket "$socket"
+exec 3<>"/dev/tcp/127.0.0.1/$port"
+for _ in 1 2 3; do
+    IFS= read -r -t 5 line <&3
+    printf 'tcp %s: %s\n' "$port" "${line%$'\r'}"
+done
+exec 3>&-
+show tavorctl position --socket "$socket"
+
+say "Save the location."
+show tavorctl save --socket "$socket"
+cat "$dir/etc/default/tavor/location.dat"
+
+if [ "$keep" = yes ]; then
+    trap - EXIT INT TERM
+    cat <<EOF
+
+Board (pid $board_pid) and daemon (pid $daemon_pid) go on in $dir; the debug outlet listens on 127.0.0.1:$port.
+  $bin/tavorctl --socket $socket watch
+  $bin/tavor-board ctl --dir $dir status
+  $bin/tavor-board ctl --dir $dir fault --list
+  kill $daemon_pid $board_pid; rm -r $dir     ends it
+EOF
+    exit 0
+fi
+
+say "Stop: the chip is powered off."
+show tavorctl stop --socket "$socket"
+show tavor-board ctl --dir "$dir" power
+echo
+echo "demo: done"

@@ -1,0 +1,116 @@
+// A stop is answered in every state of the chip, again and again, and nothing is left behind.
+#include "system/harness.h"
+
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace {
+
+struct Fault {
+    const char* test;
+    const char* name;
+    const char* value;
+};
+
+constexpr int kCycles = 200;
+
+} // namespace
+
+class FaultState : public testing::TestWithParam<Fault> {
+protected:
+    void apply() const {
+        if (GetParam().name[0] != '\0') {
+            board.fault(GetParam().name, GetParam().value);
+        }
+    }
+
+    SimulatedBoard board{{"--full-speed"}};
+};
+
+TEST_P(FaultState, StartAndStopManyTimesLeavesNothingBehind) {
+    DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    apply();
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    const size_t threads = daemon.threads();
+    const size_t descriptors = daemon.descriptors();
+
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0) << "cycle " << cycle;
+        std::this_thread::sleep_for(std::chrono::milliseconds(cycle % 8)); // stops at different places
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "cycle " << cycle;
+    }
+    EXPECT_EQ(daemon.threads(), threads);
+    EXPECT_EQ(daemon.descriptors(), descriptors);
+
+    board.fault("all", "off");
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+}
+
+TEST_P(FaultState, StopIsAnsweredWhileACommandWaitsForTheChip) {
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
+    apply();
+    ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+
+    board.fault("all", "off");
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, FaultState,
+    testing::Values(Fault{"None", "", ""}, Fault{"Silence", "silence", "on"}, Fault{"Zero", "zero", "on"},
+                    Fault{"Garbage", "garbage", "on"}, Fault{"GarbageStatus", "garbage", "status"},
+                    Fault{"GarbageData", "garbage", "data"}, Fault{"Unpowered", "unpowered", "on"},
+                    Fault{"NeverReady", "never-ready", "on"}, Fault{"StatusError", "status-error", "always"},
+                    Fault{"StatusErrorOnce", "status-error", "once"},
+                    Fault{"TransferFail", "transfer-fail", "always"},
+                    Fault{"TransferFailOften", "transfer-fail", "every:3"},
+                    Fault{"Bytewise", "bytewise", "on"}, Fault{"HostileLength", "hostile-length", "on"}),
+    [](const auto& fault) { return std::string(fault.param.test); });
+
+TEST(Fault, LargeBacklogArrivesWhole) {
+    const SimulatedBoard board({"--source", "none"});
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    board.fault("backlog", "60000");
+    const long long produced = board.status("sentences_produced");
+    ASSERT_GT(produced, 500);
+    for (long long i = 0; i < produced; ++i) {
+        tavor_response sentence = {};
+        do {
+            const auto response = client.receive_code(TAVOR_CODE_NMEA);
+            ASSERT_TRUE(response) << i << " of " << produced;
+            sentence = *response;
+        } while (sentence.payload[0] != '$');
+    }
+}
+
+TEST(Fault, MissingPowerLineFailsTheStartWithItsLine) {
+    const SimulatedBoard board;
+    board.configure("Power control gpio", "999999");
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), -1);
+    EXPECT_NE(daemon.log().find("[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export\n"),
+              std::string::npos);
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+}
+
+TEST(Fault, MissingSpiDeviceStillAnswersAndStops) {
+    const SimulatedBoard board;
+    board.configure("SPI port path", "/dev/spidev9.9");
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0)
+        << "the thread ends by itself, power goes on";
+    EXPECT_TRUE(daemon.wait_log("[LOCSERV] ERR: [spi]location_spi_init, open fail\n"));
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+}

@@ -1,0 +1,414 @@
+// The tool itself, run as a process against a daemon that the test plays.
+#include "support/capture.h"
+#include "support/private_dir.h"
+#include "unit/client_fake_daemon.h"
+#include "unit/client_tool.h"
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::json;
+using Arguments = std::vector<std::string>;
+
+constexpr char kBanner[] = "TAVOR Version:V1.3\n";
+constexpr char kGga[] = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47\r\n";
+constexpr char kChipAnswer[] = "$PZUL001,353,3*3B\r\n";
+
+// Codes of the answers in the order of the request types.
+constexpr uint32_t kCodes[] = {0, 1, 2, 3, 4, 4, 4, 4, 5, 7};
+
+// Answers every request with the value; a start is followed by a short stretch of output.
+FakeDaemon::Script answers(uint32_t value) {
+    return [value](FakeDaemon& d, const tavor_request& request) {
+        if (request.type < std::size(kCodes)) {
+            d.send(make_response(kCodes[request.type], value));
+        }
+        if (request.type == TAVOR_REQUEST_START && value == 0) {
+            d.send(make_response(TAVOR_CODE_NMEA, 0, kBanner));
+            d.send(make_position("123519.000", "48.117300", "11.516667", "1592.300000"));
+            d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+            d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
+        }
+    };
+}
+
+// A directory with a daemon in it that runs the script.
+struct Scene {
+    explicit Scene(const FakeDaemon::Script& script) : daemon((directory.path / "socket").string(), script) {}
+
+    // Command line of the tool for this daemon.
+    Arguments line(Arguments arguments) const {
+        arguments.insert(arguments.begin(), {TAVOR_CTL_PROGRAM, "--socket", daemon.path});
+        return arguments;
+    }
+    // Runs the tool to its end.
+    int run(const Arguments& arguments) {
+        Tool tool(line(arguments));
+        const int status = tool.end();
+        out = tool.out;
+        err = tool.err;
+        return status;
+    }
+
+    PrivateDir directory;
+    FakeDaemon daemon;
+    std::string out;
+    std::string err;
+};
+
+bool is_one_line(const std::string& text) {
+    return lines_of(text).size() == 1 && text.rfind("tavorctl: ", 0) == 0 && text.back() == '\n';
+}
+
+struct Simple {
+    Arguments arguments;
+    uint32_t type;
+    std::string text;
+};
+
+const Simple kSimple[] = {
+    {{"start"}, 0, "positioning started\n"},
+    {{"stop"}, 1, "positioning stopped\n"},
+    {{"download"}, 2, "firmware written\n"},
+    {{"save"}, 3, "location saved\n"},
+    {{"debug", "off"}, 4, "debug outlet switched\n"},
+    {{"debug", "file"}, 5, "debug outlet switched\n"},
+    {{"debug", "serial"}, 6, "debug outlet switched\n"},
+    {{"debug", "tcp"}, 7, "debug outlet switched\n"},
+    {{"send", "353,1", "--wait", "0"}, 8, ""},
+    {{"assist", "--wait", "0"}, 9, "assistance download started\n"},
+};
+
+} // namespace
+
+TEST(Tavorctl, SuccessIsStatusZeroAndQuietOnStandardError) {
+    Scene scene(answers(0));
+    for (const Simple& simple : kSimple) {
+        const size_t before = scene.daemon.types().size();
+        EXPECT_EQ(scene.run(simple.arguments), 0) << simple.arguments[0];
+        EXPECT_EQ(scene.out, simple.text);
+        EXPECT_EQ(scene.err, "") << simple.arguments[0];
+        ASSERT_EQ(scene.daemon.types().size(), before + 1);
+        EXPECT_EQ(scene.daemon.types().back(), simple.type);
+    }
+}
+
+TEST(Tavorctl, FailureIsStatusOneAndOneLineThatSaysWhatToDo) {
+    Scene scene(answers(TAVOR_VALUE_FAILED));
+    for (const Simple& simple : kSimple) {
+        EXPECT_EQ(scene.run(simple.arguments), 1) << simple.arguments[0];
+        EXPECT_EQ(scene.out, "");
+        EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+        EXPECT_NE(scene.err.find("; "), std::string::npos) << scene.err;
+    }
+}
+
+TEST(Tavorctl, FailedFollowersAreStatusOneToo) {
+    Scene scene(answers(TAVOR_VALUE_FAILED));
+    for (const char* command : {"watch", "position"}) {
+        EXPECT_EQ(scene.run({command}), 1);
+        EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+    }
+}
+
+TEST(Tavorctl, WrongCommandLineIsStatusTwo) {
+    Scene scene(answers(0));
+    for (const Arguments& arguments :
+         {Arguments{}, Arguments{"foo"}, Arguments{"debug", "x"}, Arguments{"send", "a*b"}}) {
+        EXPECT_EQ(scene.run(arguments), 2);
+        EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+    }
+    EXPECT_TRUE(scene.daemon.types().empty());
+}
+
+TEST(Tavorctl, NoDaemonIsStatusThree) {
+    const PrivateDir directory;
+    for (const Simple& simple : kSimple) {
+        Arguments arguments = simple.arguments;
+        arguments.insert(arguments.begin(), {TAVOR_CTL_PROGRAM, "--socket", directory.path / "none"});
+        Tool tool(arguments);
+        EXPECT_EQ(tool.end(), 3);
+        EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
+        EXPECT_NE(tool.err.find("no daemon at"), std::string::npos) << tool.err;
+    }
+}
+
+TEST(Tavorctl, NoAnswerIsStatusThreeAndOnlyHarmlessRequestsAreRepeated) {
+    const std::vector<uint32_t> harmless = {0, 1, 3, 4};
+    for (const Simple& simple : kSimple) {
+        Scene scene([](FakeDaemon&, const tavor_request&) {});
+        Arguments arguments = simple.arguments;
+        arguments.insert(arguments.end(), {"--timeout", "0.5"});
+        EXPECT_EQ(scene.run(arguments), 3) << simple.arguments[0];
+        EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+        EXPECT_NE(scene.err.find("within 0.5 s"), std::string::npos) << scene.err;
+        const bool repeated = std::find(harmless.begin(), harmless.end(), simple.type) != harmless.end();
+        const std::vector<uint32_t> expected(repeated ? 2 : 1, simple.type);
+        EXPECT_TRUE(scene.daemon.wait_requests(expected.size()));
+        EXPECT_EQ(scene.daemon.types(), expected) << simple.arguments[0];
+    }
+}
+
+TEST(Tavorctl, ResultsAreJsonOnRequest) {
+    Scene good(answers(0));
+    EXPECT_EQ(good.run({"save", "--json"}), 0);
+    EXPECT_EQ(Json::parse(good.out),
+              (Json{{"type", "result"}, {"request", "save"}, {"ok", true}, {"value", 0}}));
+    Scene bad(answers(TAVOR_VALUE_FAILED));
+    EXPECT_EQ(bad.run({"--json", "save"}), 1);
+    EXPECT_EQ(Json::parse(bad.out),
+              (Json{{"type", "result"}, {"request", "save"}, {"ok", false}, {"value", -1}}));
+}
+
+TEST(Position, IsPrintedWithUnitsOnceOneComes) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"position"}), 0) << scene.err;
+    EXPECT_EQ(lines_of(scene.out).at(0), "time                  12:35:19.000 UTC");
+    EXPECT_EQ(lines_of(scene.out).at(3), "height                1592.3 m");
+    EXPECT_EQ(lines_of(scene.out).at(4), "major axis            unknown");
+    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
+}
+
+TEST(Position, JsonHasNumbersAndNulls) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"position", "--json"}), 0) << scene.err;
+    EXPECT_EQ(Json::parse(scene.out), (Json{{"utc", "123519.000"},
+                                            {"latitude", 48.1173},
+                                            {"longitude", 11.516667},
+                                            {"height", 1592.3},
+                                            {"majorAxis", nullptr},
+                                            {"minorAxis", nullptr},
+                                            {"orientation", nullptr},
+                                            {"verticalUncertainty", nullptr}}));
+}
+
+TEST(Position, WithoutAFixIsStatusThree) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) { d.send(make_response(TAVOR_CODE_START, 0)); });
+    EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 3);
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+    EXPECT_NE(scene.err.find("no position within 1 s"), std::string::npos) << scene.err;
+}
+
+TEST(Watch, ShowsEverythingOneLineEach) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"watch", "--count", "5"}), 0);
+    EXPECT_EQ(
+        lines_of(scene.out),
+        (std::vector<std::string>{"daemon: positioning started", "daemon: TAVOR Version:V1.3",
+                                  "position: 12:35:19.000 UTC, 48.117300 N, 11.516667 E, height 1592.3 m",
+                                  "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47",
+                                  "chip: $PZUL001,353,3*3B"}));
+    EXPECT_EQ(scene.err, "");
+}
+
+TEST(Watch, RawIsTheChipsSentencesByteForByte) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"watch", "--raw", "--count", "1"}), 0);
+    EXPECT_EQ(scene.out, kGga);
+}
+
+TEST(Watch, JsonIsOneObjectALine) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"watch", "--json", "--count", "5"}), 0);
+    std::vector<std::string> types;
+    for (const std::string& line : lines_of(scene.out)) {
+        types.push_back(Json::parse(line).at("type"));
+    }
+    EXPECT_EQ(types, (std::vector<std::string>{"result", "banner", "position", "nmea", "chip"}));
+}
+
+TEST(Watch, EndsAfterItsDurationAndLeavesPositioningOn) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"watch", "--duration", "1.5"}), 0) << scene.err;
+    EXPECT_EQ(lines_of(scene.out).size(), 5U);
+    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
+}
+
+TEST(Watch, StopsPositioningAtTheEndWhenAsked) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"watch", "--count", "1", "--stop"}), 0) << scene.err;
+    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_STOP}));
+}
+
+TEST(Watch, StopsPositioningAlsoWhenInterrupted) {
+    Scene scene(answers(0));
+    Tool tool(scene.line({"watch", "--stop"}));
+    ASSERT_TRUE(tool.wait_out("chip: ")) << tool.err;
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_STOP}));
+}
+
+TEST(Watch, WithoutAnAnswerIsStatusThree) {
+    Scene scene([](FakeDaemon&, const tavor_request&) {});
+    EXPECT_EQ(scene.run({"watch", "--timeout", "0.3"}), 3);
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+    EXPECT_TRUE(scene.daemon.wait_requests(2));
+}
+
+TEST(Watch, TakesTheOutputBackAfterSilenceWithoutStartingAnything) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) {
+        d.send(request.type == TAVOR_REQUEST_START ? make_response(TAVOR_CODE_START, 0)
+                                                   : make_response(TAVOR_CODE_NMEA, 0, kGga));
+    });
+    EXPECT_EQ(scene.run({"watch", "--timeout", "1.5", "--count", "2"}), 0);
+    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, 0xFFFFFFFF}));
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+    EXPECT_NE(scene.err.find("another client took it"), std::string::npos) << scene.err;
+}
+
+TEST(Watch, SaysOnceMoreAndThenNothingWhileTheSilenceGoesOn) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) {
+        if (request.type == TAVOR_REQUEST_START) {
+            d.send(make_response(TAVOR_CODE_START, 0));
+        } else if (d.types().size() == 4) {
+            d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+        }
+    });
+    EXPECT_EQ(scene.run({"watch", "--timeout", "0.5", "--count", "2"}), 0);
+    EXPECT_EQ(lines_of(scene.err).size(), 2U) << scene.err;
+}
+
+TEST(Watch, StartThatFailsLaterEndsItWithStatusOne) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_START, 0));
+        d.send(make_response(TAVOR_CODE_START, TAVOR_VALUE_FAILED));
+    });
+    EXPECT_EQ(scene.run({"watch"}), 1);
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+}
+
+TEST(Watch, ReaderThatGoesAwayEndsItQuietly) {
+    Scene scene(answers(0));
+    Tool tool(scene.line({"watch"}));
+    ASSERT_TRUE(tool.wait_out("\n"));
+    tool.close_out();
+    EXPECT_EQ(tool.end(), 0);
+    EXPECT_EQ(tool.err, "");
+}
+
+TEST(Watch, FullDiskIsToldAndStatusOne) {
+    Scene scene(answers(0));
+    Tool tool({"/bin/sh", "-c", "exec \"$0\" --socket \"$1\" watch > /dev/full", TAVOR_CTL_PROGRAM,
+               scene.daemon.path});
+    EXPECT_EQ(tool.end(), 1);
+    EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
+    EXPECT_NE(tool.err.find("No space left on device"), std::string::npos) << tool.err;
+}
+
+TEST(Watch, ClosedStandardOutputNeverBecomesTheSocket) {
+    Scene scene(answers(0));
+    Tool tool(scene.line({"watch", "--count", "5"}), true);
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
+}
+
+TEST(Watch, InterruptIsItsOrdinaryEnd) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        Scene scene(answers(0));
+        Tool tool(scene.line({"watch"}));
+        ASSERT_TRUE(tool.wait_out("chip: "));
+        tool.signal(number);
+        EXPECT_EQ(tool.end(), 0);
+        EXPECT_EQ(tool.err, "");
+    }
+}
+
+TEST(Watch, InterruptBeforeItsLimitIsSeenByTheShell) {
+    Scene scene(answers(0));
+    Tool tool(scene.line({"watch", "--count", "100"}));
+    ASSERT_TRUE(tool.wait_out("chip: "));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 128 + SIGINT);
+}
+
+TEST(Watch, HangUpThatTheParentIgnoresIsIgnored) {
+    Scene scene(answers(0));
+    Tool tool({"/bin/sh", "-c", "trap '' HUP; exec \"$0\" --socket \"$1\" watch --duration 1",
+               TAVOR_CTL_PROGRAM, scene.daemon.path});
+    ASSERT_TRUE(tool.wait_out("chip: "));
+    tool.signal(SIGHUP);
+    EXPECT_EQ(tool.end(), 0) << "the end of its duration, not 129";
+}
+
+TEST(Tavorctl, InterruptWhileWaitingLeavesNoFileBehind) {
+    Scene scene([](FakeDaemon&, const tavor_request&) {});
+    Tool tool(scene.line({"download"}));
+    ASSERT_TRUE(scene.daemon.wait_requests(1));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 128 + SIGINT);
+    EXPECT_NE(tool.err.find("the daemon goes on writing firmware"), std::string::npos) << tool.err;
+    const std::filesystem::directory_iterator entries(scene.directory.path);
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 1) << "the daemon's socket only";
+}
+
+TEST(Send, PrintsTheChipsAnswersAndNothingElse) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+        d.send(make_response(TAVOR_CODE_CHIP, 0));
+        d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+        d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
+    });
+    EXPECT_EQ(scene.run({"send", "353,1", "--wait", "0.3"}), 0);
+    EXPECT_EQ(scene.out, "$PZUL001,353,3*3B\n");
+    EXPECT_EQ(scene.err, "");
+    EXPECT_EQ(scene.daemon.texts(), std::vector<std::string>{"353,1"});
+}
+
+TEST(Send, AnswerBeforeTheResultIsPrintedToo) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
+        d.send(make_response(TAVOR_CODE_CHIP, 0));
+    });
+    EXPECT_EQ(scene.run({"send", "353,1", "--wait", "0"}), 0);
+    EXPECT_EQ(scene.out, "$PZUL001,353,3*3B\n");
+}
+
+TEST(Send, ChipThatAnswersNothingIsNoFailure) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"send", "353,1", "--wait", "0.1"}), 0);
+    EXPECT_EQ(scene.out, "");
+    EXPECT_NE(scene.err.find("answered nothing within 0.1 s"), std::string::npos) << scene.err;
+}
+
+TEST(Send, JsonHasTheResultAndTheAnswers) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_CHIP, 0));
+        d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
+    });
+    EXPECT_EQ(scene.run({"send", "353,1", "--wait", "0.3", "--json"}), 0);
+    ASSERT_EQ(lines_of(scene.out).size(), 2U);
+    EXPECT_EQ(Json::parse(lines_of(scene.out)[0]).at("request"), "send");
+    EXPECT_EQ(Json::parse(lines_of(scene.out)[1]).at("sentence"), "$PZUL001,353,3*3B");
+}
+
+TEST(Assist, WaitsForTheFirstDownload) {
+    for (const uint32_t value : {0U, TAVOR_VALUE_FAILED}) {
+        Scene scene([value](FakeDaemon& d, const tavor_request&) {
+            d.send(make_response(TAVOR_CODE_ASSIST, 0));
+            d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, value));
+        });
+        EXPECT_EQ(scene.run({"assist"}), value == 0 ? 0 : 1);
+        EXPECT_EQ(lines_of(scene.out).at(0), "assistance download started");
+        EXPECT_EQ(lines_of(scene.out).size(), value == 0 ? 2U : 1U);
+        EXPECT_EQ(scene.err.empty(), value == 0) << scene.err;
+    }
+}
+
+TEST(Assist, NoDownloadInTheTimeIsStillAStart) {
+    Scene scene(answers(0));
+    EXPECT_EQ(scene.run({"assist", "--wait", "0.1"}), 0);
+    EXPECT_NE(scene.err.find("no download ended within 0.1 s"), std::string::npos) << scene.err;
+}
+
+TEST(Tavorctl, SocketComesFromTheEnvironment) {
+    Scene scene(answers(0));
+    Tool tool({"/usr/bin/env", "TAVOR_SOCKET=" + scene.daemon.path, TAVOR_CTL_PROGRAM, "start"});
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+}
