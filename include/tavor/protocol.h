@@ -2,8 +2,8 @@
  * tavor client protocol: datagrams on the daemon's Unix socket. C and C++.
  *
  * A client binds an address of its own (without one it gets no answer) and sends a tavor_request; the daemon
- * answers the address of the latest request with tavor_response datagrams, and pushes everything that the chip
- * sends to that address too. All numbers are in host byte order.
+ * answers the address of the latest request with tavor_response datagrams, and pushes everything that the
+ * chip sends to that address too. All numbers are in host byte order.
  */
 #ifndef TAVOR_PROTOCOL_H
 #define TAVOR_PROTOCOL_H
@@ -26,8 +26,9 @@
 #define TAVOR_LOCATION_RECORD_SIZE 94
 
 /**
- * Bytes of the address that a client should bind: the whole sockaddr_un. The daemon gives each receive the length of
- * the previous sender's address, so a longer address is cut for one datagram, and its answer goes astray.
+ * Bytes of the address that a client should bind: the whole sockaddr_un. The daemon gives each receive the
+ * length of the previous sender's address, so a longer address is cut for one datagram, and its answer goes
+ * astray.
  */
 #define TAVOR_ADDRESS_SIZE 110
 

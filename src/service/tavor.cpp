@@ -176,6 +176,7 @@ int32_t tavor_init() {
     widen_send_buffer(fd);
     state.socket = fd;
     state.send_wait_us = 0;
+    state.budgets = {};
     state.sender = {.address = {}, .length = sizeof(sockaddr_un)};
     set_client(state.sender);
     return fd;

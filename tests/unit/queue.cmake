@@ -1,0 +1,1 @@
+tavor_test(service_queue_test SOURCES service_queue_test.cpp USES tavor_queue board_interpose_local)

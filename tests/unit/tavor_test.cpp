@@ -1,0 +1,603 @@
+#include "interpose/fail.h"
+#include "interpose/paths.h"
+#include "service/location_service.h"
+#include "service/tavor.h"
+#include "support/capture.h"
+#include "support/private_dir.h"
+#include "tavor/protocol.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <poll.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+std::atomic<bool> g_malloc_fails = false;
+std::atomic<ResponseCallback> g_installed = nullptr;
+
+constexpr int kGenerousMs = 30000;
+const Texts kSendError = {"[LOCSERV] ERR: tavor_send_response, sendto error"};
+
+} // namespace
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+    return g_malloc_fails ? nullptr : __real_malloc(size);
+}
+
+void location_service_init(ResponseCallback response) {
+    g_installed = response;
+}
+
+namespace {
+
+// An abstract name of this process's own, filled up to the wanted length of the whole address.
+struct Address {
+    explicit Address(const std::string& name, socklen_t wanted = sizeof(sockaddr_un)) {
+        const std::string own = std::to_string(getpid()) + "-" + name;
+        value.sun_family = AF_UNIX;
+        own.copy(value.sun_path + 1, sizeof value.sun_path - 1);
+        length = std::max<socklen_t>(
+            wanted, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + own.size()));
+    }
+    sockaddr_un value = {};
+    socklen_t length = 0;
+};
+
+struct Client {
+    Client() : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+    // The plain system call: these addresses are not the board's business.
+    explicit Client(const Address& address) : Client() {
+        EXPECT_EQ(syscall(SYS_bind, fd, reinterpret_cast<const sockaddr*>(&address.value), address.length),
+                  0);
+    }
+    ~Client() {
+        close(fd);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void send_bytes(const std::string& bytes) const {
+        sockaddr_un daemon = {};
+        daemon.sun_family = AF_UNIX;
+        interpose_map(TAVOR_SOCKET_PATH).copy(daemon.sun_path, sizeof daemon.sun_path - 1);
+        EXPECT_EQ(sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&daemon),
+                         sizeof daemon),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    void send(uint32_t type, const std::string& text = "") const {
+        tavor_request request = {};
+        request.type = type;
+        text.copy(request.text, sizeof request.text);
+        send_bytes(std::string(reinterpret_cast<const char*>(&request), sizeof request));
+    }
+    std::optional<tavor_response> receive(int wait_ms = kGenerousMs) const {
+        pollfd ready = {.fd = fd, .events = POLLIN, .revents = 0};
+        if (poll(&ready, 1, wait_ms) != 1) {
+            return std::nullopt;
+        }
+        char bytes[2000];
+        EXPECT_EQ(recv(fd, bytes, sizeof bytes, 0), 520);
+        tavor_response response = {};
+        memcpy(&response, bytes, sizeof response);
+        return response;
+    }
+    // Nothing has been sent: what is sent lies in the queue before the sender goes on.
+    bool silent() const {
+        return !receive(0).has_value();
+    }
+
+    int fd;
+};
+
+std::string text_of(const tavor_response& response) {
+    return {reinterpret_cast<const char*>(response.payload), sizeof response.payload};
+}
+
+struct TavorTest : testing::Test {
+    void SetUp() override {
+        interpose_set_root(dir.path.string());
+        std::filesystem::create_directories(
+            std::filesystem::path(interpose_map(TAVOR_SOCKET_PATH)).parent_path());
+        ASSERT_NE(service_queue_open(), -1);
+        fd = tavor_init();
+        ASSERT_NE(fd, -1);
+    }
+    void TearDown() override {
+        interpose_fail_reset();
+        close(fd);
+        msgctl(g_service_state.msqid, IPC_RMID, nullptr);
+    }
+    static size_t queued() {
+        msqid_ds info = {};
+        EXPECT_EQ(msgctl(g_service_state.msqid, IPC_STAT, &info), 0);
+        return info.msg_qnum;
+    }
+    // Lets the daemon take one request and returns what it enqueued.
+    static ServiceMessage take() {
+        EXPECT_EQ(tavor_receive(), 0);
+        EXPECT_EQ(queued(), 1U);
+        ServiceMessage message = {};
+        EXPECT_TRUE(service_queue_receive(&message));
+        service_queue_handled(message.id);
+        return message;
+    }
+    static std::string take_command() {
+        const ServiceMessage message = take();
+        EXPECT_EQ(message.id, SERVICE_COMMAND);
+        const char* text = static_cast<const char*>(message.data);
+        EXPECT_EQ(text[message.length], '\0');
+        std::string command(text, message.length);
+        free(message.data);
+        return command;
+    }
+    // Makes the client the one that is answered.
+    static void become_client(const Client& client) {
+        client.send(TAVOR_REQUEST_DEBUG_OFF);
+        take();
+    }
+
+    PrivateDir dir;
+    int fd = -1;
+};
+
+// The daemon's two threads in small: one takes requests, one answers each of them.
+struct RunningDaemon {
+    RunningDaemon()
+        : receiver([this] {
+              while (!ending && tavor_receive() == 0) {
+              }
+          }),
+          service([] {
+              for (ServiceMessage message = {}; service_queue_receive(&message) && message.id != kEnd;) {
+                  tavor_send_response(message.id, 0, nullptr, 0);
+              }
+          }) {}
+    ~RunningDaemon() {
+        ending = true;
+        Client().send(kEnd);
+        receiver.join();
+        location_service_task_send_message(kEnd, nullptr, 0);
+        service.join();
+    }
+    RunningDaemon(const RunningDaemon&) = delete;
+    RunningDaemon& operator=(const RunningDaemon&) = delete;
+
+    static constexpr uint32_t kEnd = 99;
+    std::atomic<bool> ending = false;
+    std::thread receiver;
+    std::thread service;
+};
+
+} // namespace
+
+TEST_F(TavorTest, SocketIsBoundAtItsPathAsADatagramSocket) {
+    EXPECT_TRUE(std::filesystem::is_socket(interpose_map(TAVOR_SOCKET_PATH)));
+    int type = 0;
+    socklen_t length = sizeof type;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length), 0);
+    EXPECT_EQ(type, SOCK_DGRAM);
+}
+
+TEST_F(TavorTest, StaleSocketFileIsReplaced) {
+    close(fd);
+    fd = tavor_init();
+    EXPECT_NE(fd, -1);
+}
+
+TEST_F(TavorTest, UnreadRepliesHaveMoreRoomThanTheDefault) {
+    const int plain = socket(AF_UNIX, SOCK_DGRAM, 0);
+    int usual = 0;
+    int widened = 0;
+    socklen_t length = sizeof usual;
+    ASSERT_EQ(getsockopt(plain, SOL_SOCKET, SO_SNDBUF, &usual, &length), 0);
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &widened, &length), 0);
+    close(plain);
+    EXPECT_GT(widened, usual);
+}
+
+TEST_F(TavorTest, InitReportsAPathThatCanNotBeBound) {
+    interpose_set_root((dir.path / "missing").string());
+    int32_t result = 0;
+    EXPECT_EQ(lines_of(capture_stdout([&] { result = tavor_init(); })),
+              Texts{"[LOCSERV] ERR: tavor_init, bind error"});
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(lines_of(capture_stdout([&] { result = tavor_run(); })),
+              Texts{"[LOCSERV] ERR: tavor_init, bind error"});
+    EXPECT_EQ(result, -1);
+}
+
+TEST_F(TavorTest, InitReportsThatThereIsNoSocket) {
+    interpose_fail("socket", 1, EMFILE);
+    int32_t result = 0;
+    EXPECT_EQ(lines_of(capture_stdout([&] { result = tavor_init(); })),
+              Texts{"[LOCSERV] ERR: tavor_init, socket error"});
+    EXPECT_EQ(result, -1);
+}
+
+TEST_F(TavorTest, EachRequestTypeBecomesItsServiceMessage) {
+    const Client client(Address("c"));
+    const struct {
+        uint32_t type;
+        uint32_t id;
+    } rows[] = {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 15}, {9, 8}};
+    for (const auto& row : rows) {
+        client.send(row.type, "ignored");
+        const ServiceMessage message = take();
+        EXPECT_EQ(message.id, row.id);
+        EXPECT_EQ(message.data, nullptr);
+        EXPECT_EQ(message.length, 0U);
+    }
+    client.send(8, ",101,2");
+    EXPECT_EQ(take_command(), ",101,2");
+}
+
+TEST_F(TavorTest, UnknownTypesAreLoggedAndNotAnswered) {
+    const Client client(Address("c"));
+    for (const auto& [type, shown] :
+         {std::pair<uint32_t, std::string>{10, "10"}, {77, "77"}, {0xFFFFFFFF, "-1"}}) {
+        client.send(type);
+        EXPECT_EQ(lines_of(capture_stdout([] { EXPECT_EQ(tavor_receive(), 0); })),
+                  Texts{"[LOCSERV] ERR: [tavor]unkown message type:" + shown});
+    }
+    EXPECT_EQ(queued(), 0U);
+    EXPECT_TRUE(client.silent());
+}
+
+TEST_F(TavorTest, CommandOf512CharactersIsTakenAs511) {
+    const Client client(Address("c"));
+    client.send(8, std::string(512, 'x'));
+    EXPECT_EQ(take_command(), std::string(511, 'x'));
+}
+
+TEST_F(TavorTest, EmptyCommandIsEnqueuedWithLengthZero) {
+    const Client client(Address("c"));
+    client.send(8, "");
+    EXPECT_EQ(take_command(), "");
+}
+
+TEST_F(TavorTest, FourByteCommandTakesTheTextOfTheDatagramBefore) {
+    const Client client(Address("c"));
+    client.send(3, "left behind");
+    take();
+    client.send_bytes(std::string("\x08\0\0\0", 4));
+    EXPECT_EQ(take_command(), "left behind");
+}
+
+TEST_F(TavorTest, ShortDatagramsAreCompletedByTheOneBefore) {
+    const Client client(Address("c"));
+    client.send(5);
+    EXPECT_EQ(take().id, SERVICE_DEBUG_FILE);
+    client.send_bytes("");
+    EXPECT_EQ(take().id, SERVICE_DEBUG_FILE);
+    client.send_bytes(std::string("\x06", 1));
+    EXPECT_EQ(take().id, SERVICE_DEBUG_SERIAL);
+    client.send_bytes(std::string("\x03\0", 2));
+    EXPECT_EQ(take().id, SERVICE_SAVE_LOCATION);
+    client.send_bytes(std::string("\x07\0\0", 3));
+    EXPECT_EQ(take().id, SERVICE_DEBUG_TCP);
+}
+
+TEST_F(TavorTest, LongDatagramIsCutToARequest) {
+    const Client client(Address("c"));
+    client.send_bytes(std::string("\x08\0\0\0", 4) + std::string(1996, 'y'));
+    EXPECT_EQ(take_command(), std::string(511, 'y'));
+}
+
+TEST_F(TavorTest, CommandWithoutMemoryIsDroppedWithALine) {
+    const Client client(Address("c"));
+    client.send(8, "x");
+    int32_t result = -1;
+    const std::string out = capture_stdout([&] {
+        g_malloc_fails = true;
+        result = tavor_receive();
+        g_malloc_fails = false;
+    });
+    EXPECT_EQ(lines_of(out), Texts{"[LOCSERV] ERR: [tavor]cmd buf, malloc fail"});
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(queued(), 0U);
+}
+
+TEST_F(TavorTest, ServiceIdsBecomeResponseCodes) {
+    const Client client(Address("c"));
+    become_client(client);
+    const int codes[] = {0, 1, 2, 3, 4, 4, 4, 5, 7, 8, -1, 6, -1, -1, 9, 4, -1, -1};
+    for (uint32_t id = 0; id < std::size(codes); id++) {
+        tavor_send_response(id, 1000 + id, nullptr, 0);
+        if (codes[id] == -1) {
+            EXPECT_TRUE(client.silent()) << id;
+            continue;
+        }
+        const auto response = client.receive();
+        ASSERT_TRUE(response.has_value()) << id;
+        EXPECT_EQ(response->code, static_cast<uint32_t>(codes[id])) << id;
+        EXPECT_EQ(response->value, 1000 + id);
+        EXPECT_EQ(text_of(*response), std::string(512, '\0'));
+    }
+    tavor_send_response(0xFFFFFFFF, 0, nullptr, 0);
+    EXPECT_TRUE(client.silent());
+}
+
+TEST_F(TavorTest, PayloadIsZeroFilledAndCutTo512Bytes) {
+    const Client client(Address("c"));
+    become_client(client);
+    const std::string payload(513, 'p');
+    const struct {
+        uint32_t length;
+        size_t copied;
+    } rows[] = {{0, 0}, {1, 1}, {511, 511}, {512, 512}, {513, 512}, {0x80000000, 512}, {0xFFFFFFFF, 512}};
+    for (const auto& row : rows) {
+        tavor_send_response(SERVICE_FRAME_NMEA, 0, payload.data(), row.length);
+        const auto response = client.receive();
+        ASSERT_TRUE(response.has_value());
+        EXPECT_EQ(text_of(*response), std::string(row.copied, 'p') + std::string(512 - row.copied, '\0'))
+            << row.length;
+    }
+    tavor_send_response(SERVICE_FRAME_NMEA, 0, nullptr, 100);
+    EXPECT_EQ(text_of(client.receive().value()), std::string(512, '\0'));
+}
+
+TEST_F(TavorTest, ReplyBeforeAnyRequestIsLoggedAndDropped) {
+    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_FRAME_NMEA, 0, "x", 1); })),
+              kSendError);
+}
+
+TEST_F(TavorTest, ReplyToAClientThatIsGoneIsLoggedAndDropped) {
+    {
+        const Client client(Address("c"));
+        become_client(client);
+    }
+    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
+              kSendError);
+    const Client next(Address("n"));
+    become_client(next);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(next.receive().has_value());
+}
+
+TEST_F(TavorTest, ReplyWhoseTimeOutCanNotBeSetDoesNotWait) {
+    const Client client(Address("c"));
+    become_client(client);
+    const Clock::time_point start = Clock::now();
+    const std::string out = capture_stdout([] {
+        for (int i = 0; i < 20; i++) {
+            interpose_fail("setsockopt", 1, ENOPROTOOPT);
+            tavor_send_response(SERVICE_START, 0, nullptr, 0);
+        }
+    });
+    EXPECT_LT(Clock::now() - start, milliseconds(900));
+    EXPECT_NE(out, "");
+    EXPECT_TRUE(client.receive().has_value());
+}
+
+TEST_F(TavorTest, SecondClientTakesOverAllOutput) {
+    const Client first(Address("first"));
+    const Client second(Address("second"));
+    become_client(first);
+    tavor_send_response(SERVICE_FRAME_NMEA, 0, "$1", 2);
+    EXPECT_EQ(text_of(first.receive().value()).substr(0, 2), "$1");
+    become_client(second);
+    tavor_send_response(SERVICE_FRAME_NMEA, 0, "$2", 2);
+    EXPECT_EQ(text_of(second.receive().value()).substr(0, 2), "$2");
+    EXPECT_TRUE(first.silent());
+}
+
+TEST_F(TavorTest, UnknownRequestTakesTheOutputOverToo) {
+    const Client first(Address("first"));
+    const Client second(Address("second"));
+    become_client(first);
+    second.send(10);
+    capture_stdout([] { EXPECT_EQ(tavor_receive(), 0); });
+    tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1);
+    EXPECT_TRUE(second.receive().has_value());
+    EXPECT_TRUE(first.silent());
+}
+
+TEST_F(TavorTest, LongerAddressThanTheOneBeforeIsCutForOneDatagram) {
+    const Address short_address("s", 0);
+    const Address long_address("long-address");
+    Address cut_address = long_address;
+    memset(reinterpret_cast<char*>(&cut_address.value) + short_address.length, 0,
+           sizeof cut_address.value - short_address.length);
+    const Client short_client(short_address);
+    const Client long_client(long_address);
+    const Client cut_client(cut_address);
+
+    become_client(short_client);
+    become_client(long_client);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(cut_client.receive().has_value());
+    EXPECT_TRUE(long_client.silent());
+
+    become_client(long_client);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(long_client.receive().has_value());
+    EXPECT_TRUE(cut_client.silent());
+}
+
+TEST_F(TavorTest, SenderWithoutAddressGetsNoReplyAndCutsTheNextOne) {
+    const Client nameless;
+    become_client(nameless);
+    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
+              kSendError);
+
+    const Client client(Address("c"));
+    become_client(client);
+    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
+              kSendError);
+    become_client(client);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(client.receive().has_value());
+}
+
+TEST_F(TavorTest, ClientWhosePathFillsTheAddressWithoutANulIsAnswered) {
+    Address address("");
+    // Two slashes: the board's own look at addresses below /tmp/ has no room for this one.
+    std::string path = "/" + dir.path.string() + "/";
+    path.append(sizeof address.value.sun_path - path.size(), 'p');
+    path.copy(address.value.sun_path, path.size());
+    const Client client(address);
+    for (int i = 0; i < 2; i++) {
+        become_client(client);
+        tavor_send_response(SERVICE_START, 0, nullptr, 0);
+        EXPECT_TRUE(client.receive().has_value()) << i;
+    }
+}
+
+TEST_F(TavorTest, FailedReceiveIsLoggedAndClosesTheSocket) {
+    const int not_a_socket = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(not_a_socket, fd), fd);
+    close(not_a_socket);
+    int32_t result = 0;
+    EXPECT_EQ(lines_of(capture_stdout([&] { result = tavor_receive(); })),
+              Texts{"[LOCSERV] ERR: recv error"});
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+TEST_F(TavorTest, RunInstallsTheCallbackIgnoresSigpipeAndEndsWithTheSocket) {
+    g_installed = nullptr;
+    signal(SIGPIPE, SIG_DFL);
+    int result = 0;
+    const std::string out = capture_stdout([&] {
+        close(fd);
+        std::thread daemon([&] { result = tavor_run(); });
+        while (g_installed == nullptr) {
+            std::this_thread::yield();
+        }
+        // The descriptor that became free is the daemon's now; its next receive is from something else.
+        const int not_a_socket = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        dup2(not_a_socket, fd);
+        close(not_a_socket);
+        const Client client(Address("c"));
+        client.send(10);
+        daemon.join();
+    });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(g_installed.load(), &tavor_send_response);
+    EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
+    EXPECT_EQ(lines_of(out).back(), "[LOCSERV] ERR: recv error");
+}
+
+TEST_F(TavorTest, ClientThatNeverReadsCostsAboutASecondInAll) {
+    const Client stalled(Address("stalled"));
+    const Client other(Address("other"));
+    become_client(stalled);
+    const Clock::time_point start = Clock::now();
+    const std::string out = capture_stdout([] {
+        for (int i = 0; i < 300; i++) {
+            tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1);
+        }
+    });
+    const auto lasted = Clock::now() - start;
+    EXPECT_GE(lasted, milliseconds(900));
+    EXPECT_LE(lasted, milliseconds(5000));
+    const Texts lines = lines_of(out);
+    EXPECT_GE(lines.size(), 1U);
+    EXPECT_EQ(lines, Texts(lines.size(), kSendError.front()));
+
+    size_t arrived = 0;
+    while (!stalled.silent()) {
+        arrived++;
+    }
+    EXPECT_EQ(arrived + lines.size(), 300U); // each one that did not arrive was logged
+
+    become_client(other);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(other.receive().has_value());
+}
+
+TEST_F(TavorTest, StalledClientThatAsksAgainGetsNoSecondOfItsOwnEachTime) {
+    const Client stalled(Address("stalled"));
+    const Client other(Address("other"));
+    const Clock::time_point start = Clock::now();
+    capture_stdout([&] {
+        for (int round = 0; round < 20; round++) {
+            become_client(stalled);
+            for (int i = 0; i < 30; i++) {
+                tavor_send_response(SERVICE_DEBUG_OFF, 0, nullptr, 0);
+            }
+            become_client(other);
+            tavor_send_response(SERVICE_START, 0, nullptr, 0);
+            EXPECT_TRUE(other.receive().has_value());
+        }
+    });
+    EXPECT_LE(Clock::now() - start, milliseconds(6000));
+}
+
+TEST_F(TavorTest, OtherClientIsAnsweredWhileHundredsAreOwedToOneThatNeverReads) {
+    const Client stalled(Address("stalled"));
+    const Client other(Address("other"));
+    capture_stdout([&] {
+        const RunningDaemon daemon;
+        for (int i = 0; i < 900; i++) { // more than the service queue holds
+            stalled.send(TAVOR_REQUEST_DEBUG_OFF);
+        }
+        const Clock::time_point start = Clock::now();
+        other.send(TAVOR_REQUEST_SAVE_LOCATION);
+        std::optional<tavor_response> response;
+        do {
+            response = other.receive();
+        } while (response.has_value() && response->code != TAVOR_CODE_SAVE_LOCATION);
+        EXPECT_TRUE(response.has_value());
+        EXPECT_LE(Clock::now() - start, milliseconds(6000));
+    });
+}
+
+TEST_F(TavorTest, ClientThatPausesLosesNothing) {
+    constexpr uint32_t kReplies = 200;
+    const Client client(Address("c"));
+    become_client(client);
+    const std::string out = capture_stdout([&] {
+        std::thread sender([] {
+            for (uint32_t i = 0; i < kReplies; i++) {
+                tavor_send_response(SERVICE_FRAME_NMEA, i, "$", 1);
+            }
+        });
+        for (uint32_t i = 0; i < kReplies; i++) {
+            if (i == 5) {
+                std::this_thread::sleep_for(milliseconds(500)); // the pause itself, not a wait for something
+            }
+            const auto response = client.receive();
+            ASSERT_TRUE(response.has_value());
+            EXPECT_EQ(response->value, i);
+        }
+        sender.join();
+    });
+    EXPECT_EQ(out, "");
+}
+
+TEST_F(TavorTest, ClientThatReadsAgainAfterAStallIsServedAgain) {
+    const Client client(Address("c"));
+    become_client(client);
+    capture_stdout([&] {
+        for (int i = 0; i < 20; i++) {
+            tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1);
+        }
+    });
+    while (!client.silent()) {
+    }
+    tavor_send_response(SERVICE_FRAME_NMEA, 42, "$", 1);
+    EXPECT_EQ(client.receive().value().value, 42U);
+}
