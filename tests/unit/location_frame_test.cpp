@@ -229,8 +229,8 @@ TEST(LocationFrame, LowerCaseChecksumDropsTheDollarSignOnly) {
 
 TEST(LocationFrame, WrongTailDropsTheDollarSignOnly) {
     const string start = "$GPGGA,1,2,3";
-    for (const string tail :
-         {"*00\n\r", "*00\r\r", "*00 \r\n", "*0G\r\n", "*g0\r\n", "*:0\r\n", "*/0\r\n", "*@0\r\n"}) {
+    for (const string tail : {"*00\n\r", "*00\r\r", "*00\n\n", "*00 \r\n", "*0G\r\n", "*g0\r\n", "*:0\r\n",
+                              "*/0\r\n", "*@0\r\n"}) {
         EXPECT_EQ(parse(start + tail), "0:1") << tail;
     }
 }
@@ -289,6 +289,14 @@ TEST(LocationFrame, FourWithoutDollarIsNoise) {
     EXPECT_EQ(parse("x\x04"), "0:2") << "as the last byte it is dropped with the noise";
     EXPECT_EQ(parse("\x04\x04"), "0:2");
     EXPECT_EQ(parse("x\x04$"), "0:1");
+}
+
+TEST(LocationFrame, BytesBehindTheLengthDoNotCount) {
+    uint32_t type = 99;
+    EXPECT_EQ(location_io_frame_parse(bytes_of("x\x04$"), 2, &type), 2U);
+    EXPECT_EQ(location_io_frame_parse(bytes_of("x$"), 1, &type), 0U);
+    EXPECT_EQ(location_io_frame_parse(bytes_of(kGga), static_cast<uint32_t>(kGga.size()) - 1, &type), 0U);
+    EXPECT_EQ(type, FRAME_NONE);
 }
 
 TEST(LocationFrame, ChecksumsAreTheXorOfTheBytes) {

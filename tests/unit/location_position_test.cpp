@@ -126,7 +126,7 @@ TEST_F(LocationPosition, OtherSentencesAndTheBannerSendNothing) {
     nmea("$GPRMC,123519,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*6A\r\n");
     nmea(string("TAVOR Version:V1.3\n\0", 20));
     nmea("");
-    location_service_nmea_handle(nullptr, 0);
+    location_service_nmea_handle(nullptr, 20);
     EXPECT_TRUE(world.replies.empty());
 }
 
