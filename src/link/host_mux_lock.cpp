@@ -34,6 +34,13 @@ struct Waiting {
     Waiting& operator=(const Waiting&) = delete;
 };
 
+void offer_cancellation() {
+    int before = 0;
+    pthread_setcancelstate(held.callers_state, &before);
+    pthread_testcancel();
+    pthread_setcancelstate(before, nullptr);
+}
+
 timespec end_of_take_round() {
     timespec end{};
     clock_gettime(CLOCK_REALTIME, &end);
@@ -68,10 +75,8 @@ bool host_mux_next_round() {
     if (host_mux_stop_pending()) {
         return false;
     }
-    int before = 0;
-    pthread_setcancelstate(held.callers_state, &before);
-    usleep(kRoundUs);
-    pthread_setcancelstate(before, nullptr);
+    usleep(kRoundUs); // short enough to be sat out: cancellation takes effect behind it
+    offer_cancellation();
     return !host_mux_stop_pending();
 }
 

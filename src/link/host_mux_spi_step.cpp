@@ -218,9 +218,9 @@ uint32_t send_clamped(uint32_t value, uint32_t wanted) {
     if (value <= wanted) {
         return value;
     }
-    printf("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:%d, but master just want to "
-           "send:%d\r\n",
-           static_cast<int32_t>(value), static_cast<int32_t>(wanted));
+    printf(
+        "mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:%d, but master just want to send:%d\r\n",
+        static_cast<int32_t>(value), static_cast<int32_t>(wanted));
     return wanted;
 }
 
