@@ -138,7 +138,10 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
 
 void* location_debug_tx_task(void* argument) {
     auto* const outlet = static_cast<DebugOutlet*>(argument);
-    std::puts("[LOCSERV] INF: [debug]location_debug_tx_task");
+    {
+        const DebugCancelHold hold; // else a task that is stopped at once prints its line late or twice
+        std::puts("[LOCSERV] INF: [debug]location_debug_tx_task");
+    }
     while (true) {
         const DebugBlockPtr block = location_debug_queue_receive();
         if (block) {
@@ -150,7 +153,10 @@ void* location_debug_tx_task(void* argument) {
 
 void* location_debug_rx_task(void* argument) {
     const auto* const outlet = static_cast<DebugOutlet*>(argument);
-    std::puts("[LOCSERV] INF: [debug]location_debug_rx_task");
+    {
+        const DebugCancelHold hold;
+        std::puts("[LOCSERV] INF: [debug]location_debug_rx_task");
+    }
     ReceiveState receive{};
     while (true) {
         switch (outlet->mode) {
