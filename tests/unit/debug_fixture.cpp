@@ -12,6 +12,7 @@
 #include <mutex>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -68,6 +69,7 @@ void DebugTest::SetUp() {
     interpose_set_root(directory.path.string());
     configure();
     chip_forget();
+    std::thread([] {}).join(); // a sanitizer starts a thread of its own with the first one
     threads_before = running_threads();
     std::fflush(stdout);
     setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <ctime>
 #include <pthread.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
 #include <thread>
 
 namespace {
@@ -48,6 +50,20 @@ std::string escaped(const std::string& plain) {
     return out;
 }
 
+// Makes the outlet's queue full with one message in it.
+void hold_one_message() {
+    const int queue = msgget(1235, 0);
+    msqid_ds status{};
+    ASSERT_EQ(msgctl(queue, IPC_STAT, &status), 0);
+    status.msg_qbytes = 16;
+    ASSERT_EQ(msgctl(queue, IPC_SET, &status), 0);
+}
+
+size_t messages_in_queue() {
+    msqid_ds status{};
+    return msgctl(msgget(1235, 0), IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
+}
+
 double processor_seconds() {
     timespec used{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
@@ -57,6 +73,7 @@ double processor_seconds() {
 void* hand_over_for_ever(void* block) {
     while (true) {
         handle_text(*static_cast<const std::string*>(block));
+        pthread_testcancel();
     }
 }
 
@@ -161,21 +178,21 @@ TEST_F(DebugSerialTest, SlowLineLosesNothingHoweverLongABlockWaits) {
 
 TEST_F(DebugSerialTest, LargeBlockOnASlowLineIsNotTakenForAStall) {
     open_line();
-    const std::string block(12'000, 'l');
-    fill_until_dropped(block);
+    hold_one_message();
     std::atomic<bool> ends = false;
-    std::thread reader([&] { // 10 kB a second: a block takes longer than the limit
+    std::thread reader([&] { // 50 kB a second: a block takes longer than the limit
         while (!ends) {
-            read_bytes(line.master, 1024);
+            read_bytes(line.master, 5000);
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
     });
-    ASSERT_EQ(read_bytes(line.master, block.size()).size(), block.size()); // the line moves again
-    const size_t dropped = log_count(kSendFail);
-    for (int i = 0; i < 3; ++i) {
+    const std::string block(120'000, 'l');
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) { // one on its way, one in the queue, one that waits
         handle_text(block);
     }
-    EXPECT_EQ(log_count(kSendFail), dropped);
+    EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(1200));
+    EXPECT_EQ(log_count(kSendFail), 0U);
     ends = true;
     reader.join();
 }
@@ -228,14 +245,18 @@ TEST_F(DebugSerialTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
 
 TEST_F(DebugSerialTest, HandingOverIsCancelledWhileTheLineTakesNothing) {
     open_line();
-    for (int round = 0; round < 5; ++round) {
-        std::string block(512, 'x');
-        pthread_t receive{};
-        ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
-        ASSERT_TRUE(wait_until([&] { return log_count(kSendFail) > static_cast<size_t>(round); }));
-        ASSERT_EQ(pthread_cancel(receive), 0);
-        ASSERT_EQ(pthread_join(receive, nullptr), 0);
-    }
+    hold_one_message();
+    std::string block(60'000, 'x'); // more than the line holds
+    handle_text(block);
+    ASSERT_TRUE(wait_until([] { return messages_in_queue() == 0; })); // the line has it
+    handle_text(block);
+    const auto start = Clock::now();
+    pthread_t receive{};
+    ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
+    ASSERT_EQ(pthread_cancel(receive), 0);
+    ASSERT_EQ(pthread_join(receive, nullptr), 0);
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(900)); // before the block is dropped
+    EXPECT_EQ(log_count(kSendFail), 0U);
 }
 
 TEST_F(DebugSerialTest, OutletIsSwitchedWhileTheStreamRuns) {
