@@ -1,0 +1,1 @@
+tavor_bench(micro_parse SOURCES micro_parse.cpp USES tavor_parse)
