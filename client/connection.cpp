@@ -1,0 +1,219 @@
+#include "client/connection.h"
+
+#include "client/print.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <poll.h>
+#include <string_view>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kBindAttempts = 16;
+constexpr std::chrono::milliseconds kLongestPoll{60000};
+// No request has this number: the daemon logs it, answers nothing and takes the sender as receiver of all
+// output.
+constexpr uint32_t kNoRequest = 0xFFFFFFFF;
+
+static_assert(sizeof(tavor_request) == 516);
+static_assert(sizeof(sockaddr_un) == 110);
+
+const sockaddr* generic(const sockaddr_un& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+int poll_time(Clock::time_point deadline) {
+    const auto now = Clock::now();
+    if (deadline <= now) {
+        return 0;
+    }
+    if (deadline - now >= kLongestPoll) {
+        return static_cast<int>(kLongestPoll.count());
+    }
+    return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count());
+}
+
+// Binds an abstract address that fills all 110 bytes: the daemon receives each address with the length of the
+// previous sender's, so a tool with a shorter address would get the next sender's address cut, and its answer
+// lost.
+bool bind_full_length(int socket) {
+    for (int i = 0; i < kBindAttempts; ++i) {
+        uint64_t random = 0;
+        if (getrandom(&random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+            return false;
+        }
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavorctl-%d-%016llx",
+                      static_cast<int>(getpid()), static_cast<unsigned long long>(random));
+        if (bind(socket, generic(address), sizeof address) == 0) {
+            return true;
+        }
+        if (errno != EADDRINUSE) {
+            return false;
+        }
+    }
+    return false;
+}
+
+bool fail(Connection& connection, const std::string& text) {
+    connection.error = text;
+    return false;
+}
+
+// Connected rather than addressed: the kernel then takes datagrams from the daemon only, and tells by poll
+// whether the daemon's queue has room.
+bool reach(Connection& connection) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (connection.path.size() >= sizeof address.sun_path) {
+        return fail(connection, connection_error_text(connection.path, ENAMETOOLONG));
+    }
+    connection.path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(connection.socket, generic(address), sizeof address) != 0) {
+        return fail(connection, connection_error_text(connection.path, errno));
+    }
+    return true;
+}
+
+// Sends the bytes, waiting while the daemon's queue is full. Returns 0 or an error number; ETIMEDOUT after
+// the deadline, EINTR when the user interrupted.
+int send_bytes(const Connection& connection, const tavor_request& request, Clock::time_point deadline) {
+    while (send(connection.socket, &request, sizeof request, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        if (errno != EAGAIN) {
+            return errno;
+        }
+        if (Clock::now() >= deadline) {
+            return ETIMEDOUT;
+        }
+        std::array<pollfd, 2> waits = {{{connection.socket, POLLOUT, 0}, {connection.interrupt, POLLIN, 0}}};
+        poll(waits.data(), waits.size(), poll_time(deadline));
+        if (waits[1].revents != 0) {
+            return EINTR;
+        }
+    }
+    return 0;
+}
+
+// Sends again to the socket that now stands at the path when the one of before is gone.
+int send_or_reach(Connection& connection, const tavor_request& request, Clock::time_point deadline) {
+    const int error = send_bytes(connection, request, deadline);
+    if (error != ECONNREFUSED) {
+        return error;
+    }
+    return reach(connection) ? send_bytes(connection, request, deadline) : ECONNREFUSED;
+}
+
+bool report_send(Connection& connection, int error) {
+    if (error == 0) {
+        return true;
+    }
+    return fail(connection, error == EINTR ? "" : connection_error_text(connection.path, error));
+}
+
+Received read_response(Connection& connection, tavor_response& response) {
+    const ssize_t length = recv(connection.socket, &response, sizeof response, MSG_DONTWAIT | MSG_TRUNC);
+    if (length == static_cast<ssize_t>(sizeof response)) {
+        return Received::kResponse;
+    }
+    if (length >= 0 || errno == EAGAIN || errno == EINTR) {
+        return Received::kMalformed;
+    }
+    fail(connection, "cannot receive from the daemon at " + print_safe(connection.path) + ": " +
+                         std::strerror(errno) + "; try again");
+    return Received::kFailed;
+}
+
+} // namespace
+
+Connection::~Connection() {
+    if (socket >= 0) {
+        close(socket);
+    }
+}
+
+Clock::time_point deadline_in(double seconds) {
+    if (seconds <= 0) {
+        return Clock::time_point::max();
+    }
+    return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+bool connection_open(Connection& connection, const std::string& path) {
+    connection.path = path;
+    connection.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (connection.socket < 0 || !bind_full_length(connection.socket)) {
+        return fail(connection, std::string("cannot make a socket for the answers: ") + std::strerror(errno) +
+                                    "; close other programs and try again");
+    }
+    return reach(connection);
+}
+
+bool connection_send(Connection& connection, tavor_request_type type, const std::string& text,
+                     Clock::time_point deadline) {
+    tavor_request request = {};
+    request.type = static_cast<uint32_t>(type);
+    text.copy(request.text, sizeof request.text - 1);
+    return report_send(connection, send_or_reach(connection, request, deadline));
+}
+
+Retaken connection_retake(Connection& connection, Clock::time_point deadline) {
+    tavor_request request = {};
+    request.type = kNoRequest;
+    const int error = send_bytes(connection, request, deadline);
+    if (error != ECONNREFUSED) {
+        return report_send(connection, error) ? Retaken::kSameDaemon : Retaken::kFailed;
+    }
+    const bool started = reach(connection) && connection_send(connection, TAVOR_REQUEST_START, "", deadline);
+    return started ? Retaken::kNewDaemon : Retaken::kFailed;
+}
+
+Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline) {
+    std::array<pollfd, 3> waits = {
+        {{connection.socket, POLLIN, 0}, {connection.interrupt, POLLIN, 0}, {connection.output, 0, 0}}};
+    do {
+        if (poll(waits.data(), waits.size(), poll_time(deadline)) < 0 && errno != EINTR) {
+            fail(connection,
+                 std::string("cannot wait for the daemon: ") + std::strerror(errno) + "; try again");
+            return Received::kFailed;
+        }
+        if (waits[1].revents != 0) {
+            return Received::kInterrupted;
+        }
+        if (waits[2].revents != 0) {
+            return Received::kOutputClosed;
+        }
+        if (waits[0].revents != 0) {
+            return read_response(connection, response);
+        }
+    } while (Clock::now() < deadline);
+    return Received::kTimeout;
+}
+
+std::string connection_error_text(const std::string& path, int error) {
+    const std::string place = print_safe(path) + ": " + std::strerror(error);
+    const bool usual = path == TAVOR_SOCKET_PATH;
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+    case ECONNREFUSED:
+        return "no daemon at " + place + "; " +
+               (usual ? "start it with 'systemctl start tavor'" : "start it or check --socket");
+    case EACCES:
+        return "no access to the daemon at " + place +
+               "; join group tavor ('sudo usermod -a -G tavor $USER') and log in again";
+    case ETIMEDOUT:
+    case EAGAIN:
+        return "no request is taken by the daemon at " + place +
+               "; look at its log with 'journalctl -u tavor' or restart it";
+    default:
+        return "cannot reach the daemon at " + place + "; check --socket";
+    }
+}

@@ -1,0 +1,54 @@
+// The client's end of the daemon's datagram socket.
+#ifndef TAVOR_CLIENT_CONNECTION_H
+#define TAVOR_CLIENT_CONNECTION_H
+
+#include "tavor/protocol.h"
+
+#include <chrono>
+#include <string>
+
+using Clock = std::chrono::steady_clock;
+
+// The time that many seconds from now; 0 is never.
+Clock::time_point deadline_in(double seconds);
+
+// One socket to one daemon; closed with its owner. Its address is abstract, so that nothing is left behind
+// however the process ends.
+struct Connection {
+    Connection() = default;
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    int socket = -1;
+    int interrupt = -1; // a wait ends when this descriptor is readable; -1 for none
+    int output = -1;    // a wait ends when nobody reads behind this descriptor any more; -1 for none
+    std::string path;   // of the daemon's socket
+    std::string error;  // what went wrong and what to do, one line
+};
+
+enum class Received { kResponse, kMalformed, kTimeout, kInterrupted, kOutputClosed, kFailed };
+enum class Retaken { kSameDaemon, kNewDaemon, kFailed };
+
+// Binds an address and connects to the daemon's socket. False on failure, with error set.
+bool connection_open(Connection& connection, const std::string& path);
+
+// Sends one request; the text is cut to 511 bytes. Waits until the deadline while the daemon's queue is full.
+// A daemon that was restarted since the last request is found again. False on failure, with error set, and
+// when interrupted, with error empty.
+bool connection_send(Connection& connection, tavor_request_type type, const std::string& text,
+                     Clock::time_point deadline);
+
+// Makes this socket the receiver of the daemon's output again without any other effect; a daemon that was
+// restarted since is asked to start positioning instead, for it can't have been started. Fails as
+// connection_send.
+Retaken connection_retake(Connection& connection, Clock::time_point deadline);
+
+// The next datagram. One that has come is returned even when the deadline is over; one that has not 520 bytes
+// is taken off and told as kMalformed.
+Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline);
+
+// What a failure to reach the socket at the path means and what to do.
+std::string connection_error_text(const std::string& path, int error);
+
+#endif

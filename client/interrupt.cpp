@@ -1,0 +1,51 @@
+#include "client/interrupt.h"
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::array<int, 3> kEndingSignals = {SIGINT, SIGTERM, SIGHUP};
+constexpr int kSignalStatusBase = 128; // a shell's status of a process that a signal ended
+
+bool is_ignored(int signal) {
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+} // namespace
+
+int interrupt_open() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : kEndingSignals) {
+        if (!is_ignored(signal)) { // a blocked signal would come through although nohup had it ignored
+            sigaddset(&signals, signal);
+        }
+    }
+    if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return -1;
+    }
+    return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+int interrupt_take(int descriptor) {
+    signalfd_siginfo info = {};
+    if (read(descriptor, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
+        return SIGINT;
+    }
+    return static_cast<int>(info.ssi_signo);
+}
+
+void interrupt_end(int signal) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, signal);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    _exit(kSignalStatusBase + signal);
+}

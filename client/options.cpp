@@ -1,0 +1,210 @@
+#include "client/options.h"
+
+#include "client/commands.h"
+#include "client/print.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr size_t kSocketPathMax = 107;
+// The daemon cuts a command at 351 characters, the talker "PZUL" included.
+constexpr size_t kBodyMax = 347;
+constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
+
+struct CommandRow {
+    const char* name;
+    Command command;
+    const char* description;
+    const char* footer;
+};
+
+constexpr char kFooter[] = R"(Exit status:
+  0  success
+  1  the daemon answered failure
+  2  the command line is wrong
+  3  no daemon or no answer
+
+Examples:
+  tavorctl watch                     start positioning and follow the output
+  tavorctl position --json           the next position as one JSON object
+  tavorctl --timeout 2 start         give up after two seconds
+  tavorctl --socket PATH stop        a daemon at another place
+
+'tavorctl COMMAND --help' tells more. The daemon sends its output to the client of the latest request.)";
+
+constexpr CommandRow kCommands[] = {
+    {"start", Command::kStart, "Start positioning",
+     "Answer limit: 5 s. Starting twice does no harm.\n\n"
+     "Examples:\n  tavorctl start\n  tavorctl start --json"},
+    {"stop", Command::kStop, "Stop positioning and switch the chip off",
+     "Answer limit: 5 s.\n\nExamples:\n  tavorctl stop"},
+    {"watch", Command::kWatch, "Start positioning and follow sentences, positions and answers of the chip",
+     "Silent for --timeout seconds (5), it takes the output back from another client. Positioning goes on at\n"
+     "the end unless --stop is given. Binary frames of the chip are not passed to clients.\n\n"
+     "Examples:\n  tavorctl watch\n  tavorctl watch --raw > track.nmea\n  tavorctl watch --duration 60 --stop\n"
+     "  tavorctl watch --json | jq 'select(.type == \"position\")'"},
+    {"position", Command::kPosition, "Start positioning, wait for the next position and print it",
+     "Limit: 60 s. Positioning goes on afterwards.\n\n"
+     "Examples:\n  tavorctl position\n  tavorctl position --json --timeout 120"},
+    {"save", Command::kSave, "Write the last position to the location file",
+     "Answer limit: 5 s.\n\nExamples:\n  tavorctl save"},
+    {"send", Command::kSend, "Send a command to the chip and print its answers",
+     "BODY is the command without '$PZUL' and checksum. Positioning must be started.\n\n"
+     "Examples:\n  tavorctl send 353,1\n  tavorctl send 353,1 --wait 3 --json"},
+    {"debug", Command::kDebug, "Switch the debug outlet",
+     "Answer limit: 5 s.\n\nExamples:\n  tavorctl debug tcp\n  tavorctl debug off"},
+    {"assist", Command::kAssist, "Start the assistance download",
+     "Waits for the first download's result as long as --wait says; none is needed, and none comes, while the\n"
+     "stored data are fresh. The daemon goes on by itself.\n\n"
+     "Examples:\n  tavorctl assist\n  tavorctl assist --wait 0     don't wait for a download"},
+    {"download", Command::kDownload, "Write new firmware into the chip",
+     "Limit: 20 min. Positioning is stopped and the chip off afterwards. Let no other client send requests\n"
+     "meanwhile: the answer would go there. Interrupting this tool does not stop the daemon.\n\n"
+     "Examples:\n  tavorctl download\n  tavorctl download --timeout 3600"},
+};
+
+// Problem of a text as seconds, empty when it is a number of them.
+std::string check_seconds(const std::string& text) {
+    double value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    const bool good = result.ec == std::errc() && result.ptr == end && value >= 0 && value <= kSecondsMax;
+    return good ? "" : print_safe(text) + " is no number of seconds";
+}
+
+// Problem of a text as a count, empty when it is a positive number.
+std::string check_count(const std::string& text) {
+    int64_t value = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    const bool good = result.ec == std::errc() && result.ptr == end && value > 0;
+    return good ? "" : print_safe(text) + " is no positive number";
+}
+
+// Adds an option of seconds; the variable holds a number only when it was given.
+void add_seconds(CLI::App& app, const std::string& name, std::optional<double>& value,
+                 const std::string& help) {
+    app.add_option_function<double>(
+           name, [&value](double seconds) { value = seconds; }, help)
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(check_seconds, ""));
+}
+
+// Options of the tool that may stand before and behind the command.
+void add_common(CLI::App& app, Options& options) {
+    app.add_option("--socket", options.socket, "The daemon's socket (or set TAVOR_SOCKET)")
+        ->type_name("PATH");
+    add_seconds(app, "--timeout", options.timeout_s,
+                "How long to wait, 0 for ever; each command has its own default");
+    app.add_flag("--json", options.json, "Print JSON, one object a line");
+}
+
+void add_watch_options(CLI::App& app, Options& options) {
+    app.add_flag("--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
+    app.add_option("--count", options.count, "End after so many lines of output")
+        ->type_name("LINES")
+        ->check(CLI::Validator(check_count, ""));
+    add_seconds(app, "--duration", options.duration_s, "End after so many seconds");
+    app.add_flag("--stop", options.stop, "Stop positioning at the end");
+}
+
+void add_own_options(CLI::App& app, Command command, Options& options) {
+    switch (command) {
+    case Command::kWatch:
+        add_watch_options(app, options);
+        break;
+    case Command::kSend:
+        app.add_option("BODY", options.body, "Command body, for example 353,1")
+            ->required()
+            ->check(CLI::Validator(options_check_body, ""));
+        add_seconds(app, "--wait", options.wait_s, "How long to print answers of the chip (1)");
+        break;
+    case Command::kDebug:
+        app.add_option("OUTLET", options.outlet, "off, file, serial or tcp")
+            ->required()
+            ->check(CLI::IsMember({"off", "file", "serial", "tcp"}));
+        break;
+    case Command::kAssist:
+        add_seconds(app, "--wait", options.wait_s, "How long to wait for the first download (60)");
+        break;
+    default:
+        break;
+    }
+}
+
+void add_commands(CLI::App& app, Options& options) {
+    for (const CommandRow& row : kCommands) {
+        CLI::App* sub = app.add_subcommand(row.name, row.description);
+        sub->footer(row.footer);
+        sub->callback([&options, command = row.command] { options.command = command; });
+        add_own_options(*sub, row.command, options);
+        add_common(*sub, options);
+    }
+}
+
+// Problem of values that are good each by itself, empty when there is none.
+std::string check_together(const CLI::App& app, const Options& options) {
+    if (app.get_subcommands().empty()) {
+        return "no command given";
+    }
+    if (options.socket.empty() || options.socket.size() > kSocketPathMax) {
+        return "--socket: a socket's path has 1 to 107 characters";
+    }
+    if (options.raw && options.json) {
+        return "--raw excludes --json";
+    }
+    return "";
+}
+
+// One line, whatever the parser's text holds.
+int usage_error(const CLI::App& app, std::string problem) {
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    const auto used = app.get_subcommands();
+    const std::string name = used.empty() ? "" : used.front()->get_name() + " ";
+    std::fprintf(stderr, "tavorctl: %s; see 'tavorctl %s--help'\n", print_safe(problem).c_str(),
+                 name.c_str());
+    return kExitUsage;
+}
+
+} // namespace
+
+std::string options_check_body(const std::string& body) {
+    const auto is_bad = [](char c) { return c < ' ' || c > '~' || c == '$' || c == '*'; };
+    if (body.empty() || body.size() > kBodyMax) {
+        return "a command body has 1 to 347 characters";
+    }
+    if (std::any_of(body.begin(), body.end(), is_bad)) {
+        return "a command body is printable ASCII without '$' and '*': the daemon adds start and checksum";
+    }
+    if (body.compare(0, 4, "PZUL") == 0) {
+        return "leave PZUL out: the daemon adds it";
+    }
+    return "";
+}
+
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options) {
+    CLI::App app("Drives the location daemon tavor.", "tavorctl");
+    app.set_version_flag("--version", "tavorctl " TAVOR_VERSION);
+    app.footer(kFooter);
+    app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
+    if (const char* socket = std::getenv("TAVOR_SOCKET")) {
+        options.socket = socket;
+    }
+    add_common(app, options);
+    add_commands(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            return app.exit(error);
+        }
+        return usage_error(app, error.what());
+    }
+    const std::string problem = check_together(app, options);
+    return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem));
+}

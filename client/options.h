@@ -1,0 +1,35 @@
+// The command line.
+#ifndef TAVOR_CLIENT_OPTIONS_H
+#define TAVOR_CLIENT_OPTIONS_H
+
+#include "tavor/protocol.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+enum class Command { kStart, kStop, kWatch, kPosition, kSave, kSend, kDebug, kAssist, kDownload };
+
+struct Options {
+    Command command = Command::kStart;
+    std::string socket = TAVOR_SOCKET_PATH;
+    std::optional<double> timeout_s; // none: the command's own default; 0: no limit
+    bool json = false;
+    bool raw = false;                 // watch: NMEA sentences only
+    bool stop = false;                // watch: stop positioning at the end
+    int64_t count = 0;                // watch: lines of output, 0 for no limit
+    std::optional<double> duration_s; // watch: none or 0: no limit
+    std::optional<double> wait_s;     // send, assist: none: the command's own default
+    std::string body;                 // send
+    std::string outlet;               // debug: off, file, serial or tcp
+};
+
+// Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help
+// and version on standard output, what is wrong in one line on standard error. Returns the exit status when
+// the process shall end now, none when a command is to run.
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options);
+
+// What is wrong with the body of a command for the chip, empty when nothing is.
+std::string options_check_body(const std::string& body);
+
+#endif

@@ -1,0 +1,39 @@
+// Records as text for people and as JSON for programs. All results but print_raw's are pure ASCII without
+// control characters but their own line ends, whatever the chip sent: no escape sequence of it reaches a
+// terminal.
+#ifndef TAVOR_CLIENT_PRINT_H
+#define TAVOR_CLIENT_PRINT_H
+
+#include "client/records.h"
+
+#include <string>
+#include <string_view>
+
+// The text with every byte outside printable ASCII written as \xNN.
+std::string print_safe(std::string_view text);
+
+// A number of seconds without useless digits: "5", "0.25".
+std::string print_seconds(double seconds);
+
+// One line for people, with its line end.
+std::string print_line(const Record& record);
+
+// What an answer says, one line.
+std::string print_result(const Record& record);
+
+// A sentence of the chip alone, one line.
+std::string print_chip(const Record& record);
+
+// One line of JSON, an object with the key "type", with its line end.
+std::string print_json(const Record& record);
+
+// A position as labelled lines with units; what is not known says so.
+std::string print_position(const Position& position);
+
+// A position as one line of JSON; what is not known is null.
+std::string print_position_json(const Position& position);
+
+// An NMEA sentence for other programs: its bytes as they are; ends with a line end.
+std::string print_raw(const Record& record);
+
+#endif

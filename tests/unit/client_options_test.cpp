@@ -1,0 +1,151 @@
+// The command line.
+#include "client/options.h"
+
+#include "client/commands.h"
+#include "support/capture.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+struct Parsed {
+    std::optional<int> status;
+    Options options;
+    std::string out;
+    std::string err;
+};
+
+Parsed parse(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "tavorctl");
+    Parsed parsed;
+    testing::internal::CaptureStderr();
+    parsed.out = capture_stdout([&] {
+        parsed.status = options_parse(static_cast<int>(arguments.size()), arguments.data(), parsed.options);
+    });
+    parsed.err = testing::internal::GetCapturedStderr();
+    return parsed;
+}
+
+} // namespace
+
+TEST(Options, DefaultsAreTheDaemonsSocketAndTheCommandsOwnLimits) {
+    const Parsed parsed = parse({"start"});
+    EXPECT_FALSE(parsed.status);
+    EXPECT_EQ(parsed.options.command, Command::kStart);
+    EXPECT_EQ(parsed.options.socket, TAVOR_SOCKET_PATH);
+    EXPECT_FALSE(parsed.options.timeout_s || parsed.options.wait_s || parsed.options.duration_s);
+    EXPECT_FALSE(parsed.options.json || parsed.options.raw || parsed.options.stop);
+}
+
+TEST(Options, CommonOptionsStandBeforeOrBehindTheCommand) {
+    for (const auto& arguments :
+         {std::vector<const char*>{"--socket", "/x", "--timeout", "2.5", "--json", "stop"},
+          std::vector<const char*>{"stop", "--json", "--socket=/x", "--timeout=2.5"}}) {
+        const Parsed parsed = parse(arguments);
+        EXPECT_FALSE(parsed.status) << parsed.err;
+        EXPECT_EQ(parsed.options.command, Command::kStop);
+        EXPECT_EQ(parsed.options.socket, "/x");
+        EXPECT_EQ(parsed.options.timeout_s, 2.5);
+        EXPECT_TRUE(parsed.options.json);
+    }
+}
+
+TEST(Options, EnvironmentReplacesTheDefaultSocketOnly) {
+    setenv("TAVOR_SOCKET", "/from/environment", 1);
+    EXPECT_EQ(parse({"stop"}).options.socket, "/from/environment");
+    EXPECT_EQ(parse({"--socket", "/given", "stop"}).options.socket, "/given");
+    unsetenv("TAVOR_SOCKET");
+}
+
+TEST(Options, WatchTakesItsLimits) {
+    const Parsed parsed =
+        parse({"watch", "--raw", "--count", "3", "--duration", "60", "--stop", "--timeout", "0"});
+    EXPECT_FALSE(parsed.status) << parsed.err;
+    EXPECT_TRUE(parsed.options.raw);
+    EXPECT_TRUE(parsed.options.stop);
+    EXPECT_EQ(parsed.options.count, 3);
+    EXPECT_EQ(parsed.options.duration_s, 60.0);
+    EXPECT_EQ(parsed.options.timeout_s, 0.0);
+}
+
+TEST(Options, BodyMayBeTheNameOfACommand) {
+    const Parsed parsed = parse({"send", "stop", "--wait", "0"});
+    EXPECT_FALSE(parsed.status) << parsed.err;
+    EXPECT_EQ(parsed.options.command, Command::kSend);
+    EXPECT_EQ(parsed.options.body, "stop");
+    EXPECT_EQ(parsed.options.wait_s, 0.0);
+}
+
+TEST(Options, HelpAndVersionGoToStandardOutputWithSuccess) {
+    const Parsed version = parse({"--version"});
+    EXPECT_EQ(version.status, kExitSuccess);
+    EXPECT_EQ(version.out, "tavorctl " TAVOR_VERSION_FOR_TEST "\n");
+    for (const char* command :
+         {"start", "stop", "watch", "position", "save", "send", "debug", "assist", "download"}) {
+        const Parsed help = parse({command, "--help"});
+        EXPECT_EQ(help.status, kExitSuccess) << command;
+        EXPECT_NE(help.out.find(std::string("Examples:\n  tavorctl ") + command), std::string::npos)
+            << help.out;
+        EXPECT_NE(help.out.find("--timeout SECONDS"), std::string::npos) << command;
+    }
+    EXPECT_NE(parse({"--help"}).out.find("Exit status:"), std::string::npos);
+}
+
+TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
+    const std::string long_path(108, 'x');
+    const std::vector<std::vector<const char*>> wrong = {
+        {},
+        {"foo"},
+        {"start", "extra"},
+        {"start", "stop"},
+        {"--unknown", "start"},
+        {"watch", "--timeout", "nan"},
+        {"watch", "--timeout", "-1"},
+        {"watch", "--timeout", "1e99"},
+        {"watch", "--timeout", "5s"},
+        {"watch", "--count", "0"},
+        {"watch", "--count", "-1"},
+        {"watch", "--count", "1.5"},
+        {"watch", "--count", "99999999999999999999"},
+        {"watch", "--raw", "--json"},
+        {"--json", "watch", "--raw"},
+        {"start", "--raw"},
+        {"debug"},
+        {"debug", "udp"},
+        {"send"},
+        {"send", ""},
+        {"send", "a\nb"},
+        {"--socket", "", "start"},
+        {"--socket", long_path.c_str(), "start"},
+    };
+    for (const auto& arguments : wrong) {
+        const Parsed parsed = parse(arguments);
+        const std::string shown = arguments.empty() ? "nothing" : arguments.front();
+        EXPECT_EQ(parsed.status, kExitUsage) << shown;
+        EXPECT_EQ(lines_of(parsed.err).size(), 1U) << parsed.err;
+        EXPECT_EQ(parsed.err.rfind("tavorctl: ", 0), 0U) << parsed.err;
+        EXPECT_NE(parsed.err.find("--help'"), std::string::npos) << parsed.err;
+        EXPECT_EQ(parsed.out, "") << shown;
+    }
+}
+
+TEST(Options, UnknownCommandIsNamed) {
+    EXPECT_NE(parse({"foo"}).err.find("foo"), std::string::npos);
+}
+
+TEST(Options, ControlCharactersOfTheCommandLineAreNotEchoed) {
+    EXPECT_EQ(parse({"debug", "\x1b[2J"}).err.find('\x1b'), std::string::npos);
+    EXPECT_EQ(parse({"\x1b[2J"}).err.find('\x1b'), std::string::npos);
+}
+
+TEST(CommandBody, IsPrintableTextThatTheDaemonDoesNotCut) {
+    EXPECT_EQ(options_check_body("353,1"), "");
+    EXPECT_EQ(options_check_body(std::string(347, 'a')), "");
+    EXPECT_NE(options_check_body(std::string(348, 'a')), "");
+    EXPECT_NE(options_check_body(""), "");
+    for (const char* body : {"$PZUL353,1", "353*1F", "353\r\n", "353\t1", "353\xc3\xa4", "PZUL353,1"}) {
+        EXPECT_NE(options_check_body(body), "") << body;
+    }
+}

@@ -1,0 +1,217 @@
+// What the daemon's datagrams mean, hostile ones included.
+#include "client/records.h"
+
+#include <cstddef>
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Texts {
+    std::string utc, latitude, longitude, height, majorAxis, minorAxis, orientation, verticalUncertainty;
+};
+
+// Each text goes to its offset, without a bound of its field but the record's end.
+tavor_location_record record_of(const Texts& texts) {
+    std::string bytes(sizeof(tavor_location_record), '\0');
+    const auto put = [&bytes](size_t offset, const std::string& text) {
+        bytes.replace(offset, std::min(text.size(), bytes.size() - offset),
+                      text.substr(0, bytes.size() - offset));
+    };
+    put(0, texts.utc);
+    put(12, texts.latitude);
+    put(27, texts.longitude);
+    put(52, texts.majorAxis);
+    put(62, texts.minorAxis);
+    put(72, texts.orientation);
+    put(82, texts.verticalUncertainty);
+    put(42, texts.height);
+    tavor_location_record record = {};
+    std::memcpy(&record, bytes.data(), sizeof record);
+    return record;
+}
+
+Position position_of(const Texts& texts) {
+    return record_position(record_of(texts));
+}
+
+tavor_response response_of(uint32_t code, uint32_t value, const std::string& payload = "") {
+    tavor_response response = {};
+    response.code = code;
+    response.value = value;
+    std::memcpy(response.payload, payload.data(), payload.size());
+    return response;
+}
+
+// A record in which a GST sentence has rewritten the axis behind a height that ran on.
+Position rewritten(const std::string& height, const std::string& axis) {
+    std::string cut = height.substr(0, 10) + axis;
+    return position_of({"", "", "", cut + std::string(1, '\0'), "", "", "", ""});
+}
+
+} // namespace
+
+TEST(PositionRecord, EveryFieldIsANumberAndTheTimeItsText) {
+    const Position p =
+        position_of({"123519.000", "48.117300", "-11.516667", "545.40000", "2.5", "1.5", "45.0", "3.25"});
+    EXPECT_EQ(p.utc, "123519.000");
+    EXPECT_EQ(p.latitude, 48.1173);
+    EXPECT_EQ(p.longitude, -11.516667);
+    EXPECT_EQ(p.height, 545.4);
+    EXPECT_EQ(p.majorAxis, 2.5);
+    EXPECT_EQ(p.minorAxis, 1.5);
+    EXPECT_EQ(p.orientation, 45.0);
+    EXPECT_EQ(p.verticalUncertainty, 3.25);
+}
+
+TEST(PositionRecord, EmptyFieldsAreAbsent) {
+    const Position p = position_of({});
+    EXPECT_FALSE(p.utc || p.latitude || p.longitude || p.height || p.majorAxis || p.minorAxis ||
+                 p.orientation || p.verticalUncertainty);
+}
+
+TEST(PositionRecord, HeightOfNineCharactersLeavesTheAxisAlone) {
+    const Position p = position_of({"", "", "", "99.999999", "2.5", "", "", ""});
+    EXPECT_EQ(p.height, 99.999999);
+    EXPECT_EQ(p.majorAxis, 2.5);
+}
+
+TEST(PositionRecord, HeightOfTenCharactersEndsTheAxisWithItsNul) {
+    const Position p = position_of({"", "", "", "545.400000", "", "1.5", "", ""});
+    EXPECT_EQ(p.height, 545.4);
+    EXPECT_FALSE(p.majorAxis);
+    EXPECT_EQ(p.minorAxis, 1.5);
+}
+
+TEST(PositionRecord, HeightThatRunsOnIsReadWholeAndTheAxisIsAbsent) {
+    const Position p =
+        position_of({"", "", "", std::string("1545.412345") + '\0' + "9.9", "", "1.5", "", ""});
+    EXPECT_EQ(p.height, 1545.412345);
+    EXPECT_FALSE(p.majorAxis);
+    EXPECT_EQ(p.minorAxis, 1.5);
+}
+
+TEST(PositionRecord, NegativeHeightRunsOnToo) {
+    const Position p = position_of({"", "", "", "-1545.412345", "", "", "", ""});
+    EXPECT_EQ(p.height, -1545.412345);
+    EXPECT_FALSE(p.majorAxis);
+}
+
+TEST(PositionRecord, HugeHeightTakesTheMinorAxisToo) {
+    const Position p = position_of({"", "", "", "999999999999999.000000", "", "", "45.0", ""});
+    EXPECT_EQ(p.height, 999999999999999.0);
+    EXPECT_FALSE(p.majorAxis);
+    EXPECT_FALSE(p.minorAxis);
+    EXPECT_EQ(p.orientation, 45.0);
+}
+
+TEST(PositionRecord, HeightWhoseNulEndsTheAxisLeavesTheMinorAxisAlone) {
+    const Position p = position_of({"", "", "", "123456789012.123456", "", "1.5", "", ""});
+    EXPECT_EQ(p.height, 123456789012.123456);
+    EXPECT_FALSE(p.majorAxis);
+    EXPECT_EQ(p.minorAxis, 1.5);
+}
+
+TEST(PositionRecord, HeightOfTwentyCharactersEndsTheMinorAxisWithItsNul) {
+    const Position p = position_of({"", "", "", "1234567890123.123456", "", "", "", ""});
+    EXPECT_EQ(p.height, 1234567890123.123456);
+    EXPECT_FALSE(p.majorAxis);
+    EXPECT_FALSE(p.minorAxis);
+}
+
+TEST(PositionRecord, RewrittenAxisIsReadAndTheHeightIsWhatIsLeftOfIt) {
+    const Position p = rewritten("1545.412345", "2.5");
+    EXPECT_EQ(p.height, 1545.41234);
+    EXPECT_EQ(p.majorAxis, 2.5);
+}
+
+TEST(PositionRecord, AxisRewrittenWithNothingIsAbsent) {
+    const Position p = rewritten("1545.412345", "");
+    EXPECT_EQ(p.height, 1545.41234);
+    EXPECT_FALSE(p.majorAxis);
+}
+
+TEST(PositionRecord, HeightThatLostItsPointIsAbsent) {
+    const Position p = rewritten("1234567890.123456", "2.5");
+    EXPECT_FALSE(p.height);
+    EXPECT_EQ(p.majorAxis, 2.5);
+}
+
+TEST(PositionRecord, UnterminatedFieldsEndAtTheirSize) {
+    tavor_location_record record = {};
+    std::memset(&record, '7', sizeof record);
+    const Position p = record_position(record);
+    EXPECT_EQ(p.utc, std::string(12, '7'));
+    EXPECT_EQ(p.latitude, 777777777777777.0);
+    EXPECT_FALSE(p.height);
+    EXPECT_EQ(p.majorAxis, 7777777777.0);
+    EXPECT_EQ(p.verticalUncertainty, 777777777777.0);
+}
+
+TEST(PositionRecord, TextsThatAreNoFiniteNumberAreAbsent) {
+    for (const char* text : {"nan", "inf", "-inf", "0x10", "1e999", "--48.1", "48.1x", " 48.1", "+48.1", "-",
+                             ".", "48,1", "\x1b[31m", "1 2"}) {
+        const Position p = position_of({"", text, "", "", text, "", "", text});
+        EXPECT_FALSE(p.latitude) << text;
+        EXPECT_FALSE(p.majorAxis) << text;
+        EXPECT_FALSE(p.verticalUncertainty) << text;
+    }
+}
+
+TEST(PositionRecord, NanAsHeightIsAbsentAndHarmsNoOtherField) {
+    const Position p = position_of({"1", "", "", "-nan", "2.5", "", "", ""});
+    EXPECT_FALSE(p.height);
+    EXPECT_EQ(p.majorAxis, 2.5);
+}
+
+TEST(Record, ResultsAreTheirCodeAndValue) {
+    for (const uint32_t code : {0U, 1U, 2U, 3U, 4U, 5U, 7U, 8U}) {
+        const Record good = record_parse(response_of(code, 0));
+        EXPECT_EQ(good.kind, RecordKind::kResult) << code;
+        EXPECT_EQ(good.code, code);
+        EXPECT_TRUE(record_ok(good));
+        const Record bad = record_parse(response_of(code, TAVOR_VALUE_FAILED));
+        EXPECT_EQ(bad.kind, RecordKind::kResult) << code;
+        EXPECT_FALSE(record_ok(bad));
+    }
+}
+
+TEST(Record, ChipSentenceIsToldFromTheResultOfACommand) {
+    const Record sentence = record_parse(response_of(TAVOR_CODE_CHIP, 0, "$PZUL001,353,3*3A\r\n"));
+    EXPECT_EQ(sentence.kind, RecordKind::kChip);
+    EXPECT_EQ(sentence.text, "$PZUL001,353,3*3A\r\n");
+    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_CHIP, 0)).kind, RecordKind::kResult);
+}
+
+TEST(Record, BannerIsNoSentence) {
+    const Record banner = record_parse(response_of(TAVOR_CODE_NMEA, 0, "TAVOR Version:V1.3\n"));
+    EXPECT_EQ(banner.kind, RecordKind::kBanner);
+    EXPECT_EQ(banner.text, "TAVOR Version:V1.3\n");
+    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, "$GPGGA*00\r\n")).kind, RecordKind::kNmea);
+    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0)).kind, RecordKind::kBanner);
+}
+
+TEST(Record, SentenceThatFillsThePayloadIsKeptWhole) {
+    const std::string text = "$" + std::string(TAVOR_PAYLOAD_SIZE - 1, 'x');
+    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
+}
+
+TEST(Record, NulInsideASentenceIsKept) {
+    const std::string text = std::string("$GP") + '\0' + "GGA\r\n";
+    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
+}
+
+TEST(Record, PositionIsReadFromItsBlock) {
+    const tavor_location_record location = record_of({"123519", "48.5", "11.5", "1.0", "", "", "", ""});
+    tavor_response response = response_of(TAVOR_CODE_POSITION, 0);
+    std::memcpy(response.payload, &location, sizeof location);
+    const Record record = record_parse(response);
+    EXPECT_EQ(record.kind, RecordKind::kPosition);
+    EXPECT_EQ(record.position.latitude, 48.5);
+    EXPECT_TRUE(record.text.empty());
+}
+
+TEST(Record, CodesWithoutMeaningAreUnknown) {
+    EXPECT_EQ(record_parse(response_of(10, 0, "x")).kind, RecordKind::kUnknown);
+    EXPECT_EQ(record_parse(response_of(0xFFFFFFFF, 0, "x")).kind, RecordKind::kUnknown);
+}
