@@ -35,10 +35,9 @@ struct Waiting {
 };
 
 void offer_cancellation() {
-    int before = 0;
-    pthread_setcancelstate(held.callers_state, &before);
+    pthread_setcancelstate(held.callers_state, nullptr);
     pthread_testcancel();
-    pthread_setcancelstate(before, nullptr);
+    pthread_setcancelstate(held.depth > 0 ? PTHREAD_CANCEL_DISABLE : held.callers_state, nullptr);
 }
 
 timespec end_of_take_round() {
