@@ -13,11 +13,14 @@ constexpr uint32_t kStatusFrameSize = 2;
 void cold_boot(Chip& chip, uint64_t now_us) {
     ++chip.status.cold_boots;
     chip.boot_us = now_us;
-    chip_fifo_clear(chip.transmit);
-    chip_slave_boot(chip);
-    chip_command_boot(chip);
     chip_aiding_boot(chip, now_us);
     chip_source_boot(chip, now_us);
+}
+
+void lose_power(Chip& chip) {
+    chip_fifo_clear(chip.transmit);
+    chip_slave_reset(chip);
+    chip_command_reset(chip);
 }
 
 // The byte that comes back whatever the host sends; nothing when the slave answers.
@@ -60,8 +63,7 @@ void chip_power(Chip& chip, bool high, uint64_t now_us) {
     if (high) {
         cold_boot(chip, now_us);
     } else {
-        chip_fifo_clear(chip.transmit);
-        chip_slave_boot(chip);
+        lose_power(chip);
     }
 }
 

@@ -74,7 +74,7 @@ void byte_received(Chip& chip, char byte, uint64_t now_us) {
 
 } // namespace
 
-void chip_command_boot(Chip& chip) {
+void chip_command_reset(Chip& chip) {
     chip.commands.line.clear();
 }
 

@@ -20,8 +20,8 @@ struct ChipCommandState {
     std::deque<ChipCommand> log;
 };
 
-// Cold boot: a sentence that is not complete is forgotten.
-void chip_command_boot(Chip& chip);
+// Power is lost: a sentence that is not complete is forgotten.
+void chip_command_reset(Chip& chip);
 
 // Bytes of a data phase from the host.
 void chip_command_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);

@@ -221,9 +221,8 @@ void powered_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, 
 
 } // namespace
 
-void chip_slave_boot(Chip& chip) {
+void chip_slave_reset(Chip& chip) {
     chip.slave = {};
-    chip.slave.excused = true;
 }
 
 bool chip_slave_powered(const Chip& chip) {

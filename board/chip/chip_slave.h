@@ -24,8 +24,8 @@ struct ChipSlaveState {
                          // as a violation
 };
 
-// Cold boot: the interface is unpowered and nothing is announced.
-void chip_slave_boot(Chip& chip);
+// Power is lost: the interface is off and nothing is announced.
+void chip_slave_reset(Chip& chip);
 
 // One frame of at least one byte; rx holds length bytes, all zero at entry.
 void chip_slave_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);

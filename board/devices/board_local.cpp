@@ -37,9 +37,10 @@ void keep_file(const std::string& path, const BoardFile& file) {
     state.files[path] = file;
 }
 
+// spidev passes addresses of the program as 64-bit words.
 const uint8_t* address_of(uint64_t word) {
-    return reinterpret_cast<const uint8_t*>(
-        static_cast<uintptr_t>(word)); // NOLINT(performance-no-int-to-ptr)
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
+    return reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(word));
 }
 
 int message(Board& board, const BoardFile& file, const spi_ioc_transfer* parts, size_t count) {

@@ -324,6 +324,7 @@ TEST(BoardThreads, NodesAndFaultsFromSeveralThreads) {
     board.write(kGpio + "gpio17/value", "1");
     const BoardFile file = board.open_spi();
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&board, &file, i] {
             for (int round = 0; round < 300; ++round) {

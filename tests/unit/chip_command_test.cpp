@@ -63,6 +63,7 @@ INSTANTIATE_TEST_SUITE_P(Table, ChipBadSentence,
                          testing::Values("$PZUL353,1*3A\r\n",  // wrong checksum
                                          "$PZUL353,1*3b\r\n",  // lower case
                                          "$PZUL353,1*3B\n",    // no CR
+                                         "$PZUL353,1_3B\r\n",  // no star
                                          "$PZUL353,1\r\n",     // no checksum
                                          "$PZUL353,1*3B \r\n", // not at the end of the line
                                          "$GPZDA*48\r\n",      // another talker
@@ -84,10 +85,12 @@ TEST(ChipCommands, DollarOpensANewSentence) {
 
 TEST(ChipCommands, EndlessSentenceIsCutAndUnprintableBytesAreEscaped) {
     Host host(quiet());
-    host.write("$" + std::string(511, '\xFF') + "$PZUL353,1*3B\r\n");
+    host.write("$" + std::string(599, '\xFF') + "$PZUL353,1*3B\r\n");
     const auto log = chip_commands(host.chip);
     ASSERT_EQ(log.size(), 2U);
     EXPECT_EQ(log[0].text.substr(0, 9), "$\\xFF\\xFF");
+    EXPECT_EQ(log[0].text.size(), 1U + 511 * 4);
+    EXPECT_EQ(host.seen().bytes_noise, 88U);
     EXPECT_TRUE(log[1].good);
 }
 

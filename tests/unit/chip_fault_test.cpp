@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <set>
 
 namespace {
 
@@ -170,11 +171,11 @@ TEST(ChipFault, GarbageInDataKeepsTheStatusRight) {
 TEST(ChipFault, GarbageInTheStatusKeepsTheDataRight) {
     FaultyHost host;
     host.fault("garbage", "status");
-    std::vector<uint8_t> seen;
+    std::set<uint8_t> seen;
     for (int i = 0; i < 64; ++i) {
-        seen.push_back(host.status());
+        seen.insert(host.status());
     }
-    EXPECT_TRUE(std::any_of(seen.begin(), seen.end(), [&](uint8_t status) { return status != seen[0]; }));
+    EXPECT_GT(seen.size(), 16U);
     host.frame({0x0A, 4, 0, 0, 0, 3, 0, 0, 0});
     EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 0x00, 0x10, 0, 0}));
 }

@@ -129,11 +129,23 @@ TEST(ChipTrajectory, LongStraightWayStaysOnTheGlobe) {
     ChipOptions options;
     options.turn_deg_per_s = 0;
     options.speed_mps = 515;
-    for (double seconds = 0; seconds < 1e6; seconds += 997) {
+    for (int seconds = 0; seconds < 1000000; seconds += 997) {
         const ChipPosition position = chip_trajectory_position(options, seconds);
         ASSERT_LE(std::abs(position.latitude), 90) << seconds;
         ASSERT_LE(std::abs(position.longitude), 180) << seconds;
     }
+}
+
+TEST(ChipTrajectory, WayOverThePoleGoesDownTheOtherSide) {
+    ChipOptions options;
+    options.latitude = 89.0;
+    options.longitude = 10.0;
+    options.course_deg = 0;
+    options.turn_deg_per_s = 0;
+    options.speed_mps = 111.32;
+    const ChipPosition position = chip_trajectory_position(options, 3000); // three degrees on
+    EXPECT_NEAR(position.latitude, 88.0, 1e-6);
+    EXPECT_NEAR(position.longitude, -170.0, 1e-6);
 }
 
 TEST(ChipSource, OneEpochASecondFromTheFirstFullSecondOn) {
