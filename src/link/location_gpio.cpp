@@ -1,67 +1,67 @@
 #include "link/location_gpio.h"
 
 #include "config/location_config.h"
+#include "link/descriptor_guard.h"
 
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
 
 constexpr size_t kPathSize = 64;
-constexpr size_t kNumberSize = 12; // "-2147483648" and its NUL
-constexpr size_t kWordReadSize = 9;
-constexpr uint32_t kResetPulseUs = 5000;
+constexpr size_t kNumberSize = 12;  // any int32 and its NUL
+constexpr size_t kWordReadSize = 9; // the longest attribute word is 7 letters and a newline
+constexpr useconds_t kResetPulseUs = 5000;
+constexpr int32_t kDirectionOut = 0;
+constexpr int32_t kLow = 0;
+constexpr int32_t kHigh = 1;
 
-// A descriptor that is closed on every way out, cancellation included.
-struct Descriptor {
-    Descriptor(const char* path, int flags) : fd(open(path, flags | O_CLOEXEC)) {}
-    ~Descriptor() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int fd;
+// A file that makes or removes the node of the pin whose number is written to it.
+struct PinControl {
+    const char* path;
+    const char* no_pin;
+    const char* no_open;
+    const char* no_write;
 };
 
-bool format_number(char (&text)[kNumberSize], int32_t number) {
-    return snprintf(text, sizeof text, "%d", number) >= 0;
-}
+constexpr PinControl kExport = {
+    "/sys/class/gpio/export",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export get pin fail",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export open fail: export",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export",
+};
 
-bool node_exists(int32_t pin) {
-    char path[kPathSize];
-    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d", pin);
-    return access(path, F_OK) == 0;
-}
+constexpr PinControl kUnexport = {
+    "/sys/class/gpio/unexport",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport get pin fail",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport open fail: unexport",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport write fail: unexport",
+};
 
-bool write_text(const Descriptor& file, const char* text) {
-    const size_t length = std::strlen(text);
-    return write(file.fd, text, length) == static_cast<ssize_t>(length);
-}
+// A file of the pin's node that holds one word out of a few.
+struct PinAttribute {
+    const char* name;
+    const char* no_open;
+    const char* no_write;
+};
 
-// Whether the attribute reads as the word, which sysfs ends with a newline.
-bool reads_as(const Descriptor& file, const char* word) {
-    char text[kWordReadSize + 1] = {};
-    const ssize_t n = read(file.fd, text, kWordReadSize);
-    if (n < 1) {
-        return false;
-    }
-    text[n - 1] = '\0';
-    return std::strcmp(text, word) == 0;
-}
+constexpr PinAttribute kDirection = {
+    "direction",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config open fail: direction",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction",
+};
 
-// kept: a normal change is logged as an error.
-bool write_word(const Descriptor& file, const char* word) {
-    printf("[LOCSERV] ERR: [GPIO]%s\n", word);
-    return write_text(file, word);
-}
+constexpr PinAttribute kEdge = {
+    "edge",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config open fail: edge",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: edge",
+};
 
 const char* direction_word(int32_t direction) {
-    return direction == 0 ? "out" : "in";
+    return direction == kDirectionOut ? "out" : "in";
 }
 
 const char* edge_word(int32_t edge) {
@@ -77,154 +77,157 @@ const char* edge_word(int32_t edge) {
     }
 }
 
-int32_t config_direction(int32_t pin, const char* word) {
+bool format_number(char (&text)[kNumberSize], int32_t number) {
+    return std::snprintf(text, sizeof text, "%d", number) >= 0;
+}
+
+bool node_exists(int32_t pin) {
     char path[kPathSize];
-    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d/direction", pin);
-    const Descriptor file(path, O_RDWR);
-    if (file.fd < 0) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: direction");
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%d", pin);
+    return access(path, F_OK) == 0;
+}
+
+bool write_text(int fd, const char* text) {
+    const size_t length = std::strlen(text);
+    return write(fd, text, length) == static_cast<ssize_t>(length);
+}
+
+int32_t write_pin(const PinControl& control, int32_t pin) {
+    char number[kNumberSize];
+    if (!format_number(number, pin)) {
+        std::puts(control.no_pin);
         return -1;
     }
-    if (!reads_as(file, word) && !write_word(file, word)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction");
+    const DescriptorGuard file(open(control.path, O_WRONLY));
+    if (file.fd < 0) {
+        std::puts(control.no_open);
+        return -1;
+    }
+    if (!write_text(file.fd, number)) {
+        std::puts(control.no_write);
         return -1;
     }
     return 0;
 }
 
-int32_t config_value(int32_t pin, int32_t value) {
-    char text[kNumberSize];
-    if (!format_number(text, value)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
-        return -1;
-    }
+// Whether the attribute holds the word, behind which stands one character (the newline).
+bool holds_word(int fd, std::string_view word) {
+    char text[kWordReadSize];
+    const ssize_t count = read(fd, text, sizeof text);
+    return count > 0 && std::string_view(text, static_cast<size_t>(count) - 1) == word;
+}
+
+int32_t set_word(const PinAttribute& attribute, const char* number, const char* word) {
     char path[kPathSize];
-    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d/value", pin);
-    const Descriptor file(path, O_WRONLY);
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/%s", number, attribute.name);
+    const DescriptorGuard file(open(path, O_RDWR));
     if (file.fd < 0) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
+        std::puts(attribute.no_open);
         return -1;
     }
-    if (!write_text(file, text)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
+    if (holds_word(file.fd, word)) {
+        return 0;
+    }
+    // kept: an error line for a normal change.
+    std::printf("[LOCSERV] ERR: [GPIO]%s\n", word);
+    if (!write_text(file.fd, word)) {
+        std::puts(attribute.no_write);
         return -1;
     }
     return 0;
 }
 
-int32_t config_edge(int32_t pin, const char* word) {
-    char path[kPathSize];
-    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d/edge", pin);
-    const Descriptor file(path, O_RDWR);
-    if (file.fd < 0) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: edge");
+int32_t set_value(const char* number, int32_t value) {
+    char level[kNumberSize];
+    if (!format_number(level, value)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
         return -1;
     }
-    if (!reads_as(file, word) && !write_word(file, word)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: edge");
+    char path[kPathSize];
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/value", number);
+    const DescriptorGuard file(open(path, O_WRONLY));
+    if (file.fd < 0) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
+        return -1;
+    }
+    if (!write_text(file.fd, level)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
         return -1;
     }
     return 0;
 }
 
-int32_t set_power(int32_t value) {
+int32_t export_and_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
+    if (location_gpio_export(pin) != 0) {
+        return -1;
+    }
+    return location_gpio_config(pin, direction, value, edge);
+}
+
+int32_t set_power(int32_t level) {
     int32_t pin = 0;
     location_config_get_power_gpio(&pin);
-    return location_gpio_set_output(pin, value);
+    return location_gpio_set_output(pin, level);
 }
 
 } // namespace
 
 int32_t location_gpio_export(int32_t pin) {
-    if (node_exists(pin)) {
-        return 0;
-    }
-    char text[kNumberSize];
-    if (!format_number(text, pin)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_export get pin fail");
-        return -1;
-    }
-    const Descriptor file("/sys/class/gpio/export", O_WRONLY);
-    if (file.fd < 0) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_export open fail: export");
-        return -1;
-    }
-    if (!write_text(file, text)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export");
-        return -1;
-    }
-    return 0;
+    return node_exists(pin) ? 0 : write_pin(kExport, pin);
 }
 
 int32_t location_gpio_unexport(int32_t pin) {
     if (!node_exists(pin)) {
-        puts("[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist");
+        std::puts("[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist");
         return 0;
     }
-    char text[kNumberSize];
-    if (!format_number(text, pin)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_unexport get pin fail");
-        return -1;
-    }
-    const Descriptor file("/sys/class/gpio/unexport", O_WRONLY);
-    if (file.fd < 0) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_unexport open fail: unexport");
-        return -1;
-    }
-    if (!write_text(file, text)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_unexport write fail: unexport");
-        return -1;
-    }
-    return 0;
+    return write_pin(kUnexport, pin);
 }
 
 int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
-    char text[kNumberSize];
-    if (!format_number(text, pin)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
+    char number[kNumberSize];
+    if (!format_number(number, pin)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
         return -1;
     }
-    if (direction != kGpioUnchanged && config_direction(pin, direction_word(direction)) != 0) {
+    if (direction != kGpioUnchanged && set_word(kDirection, number, direction_word(direction)) != 0) {
         return -1;
     }
-    if (value != kGpioUnchanged && config_value(pin, value) != 0) {
+    if (value != kGpioUnchanged && set_value(number, value) != 0) {
         return -1;
     }
-    if (edge != kGpioUnchanged && config_edge(pin, edge_word(edge)) != 0) {
+    if (edge != kGpioUnchanged && set_word(kEdge, number, edge_word(edge)) != 0) {
         return -1;
     }
     return 0;
 }
 
 int32_t location_gpio_set_output(int32_t pin, int32_t value) {
-    return location_gpio_export(pin) == 0 ? location_gpio_config(pin, 0, value, kGpioUnchanged) : -1;
+    return export_and_config(pin, kDirectionOut, value, kGpioUnchanged);
 }
 
 int32_t location_gpio_set_direction(int32_t pin, int32_t direction) {
-    return location_gpio_export(pin) == 0
-               ? location_gpio_config(pin, direction, kGpioUnchanged, kGpioUnchanged)
-               : -1;
+    return export_and_config(pin, direction, kGpioUnchanged, kGpioUnchanged);
 }
 
 int32_t location_gpio_set_edge(int32_t pin, int32_t edge) {
-    return location_gpio_export(pin) == 0 ? location_gpio_config(pin, kGpioUnchanged, kGpioUnchanged, edge)
-                                          : -1;
+    return export_and_config(pin, kGpioUnchanged, kGpioUnchanged, edge);
 }
 
 int32_t location_gpio_power_on() {
-    return set_power(1);
+    return set_power(kHigh);
 }
 
 int32_t location_gpio_power_off() {
-    return set_power(0);
+    return set_power(kLow);
 }
 
 int32_t location_gpio_reset_chip() {
     int32_t pin = 0;
     location_config_get_reset_gpio(&pin);
-    if (location_gpio_set_output(pin, 0) != 0) {
+    if (location_gpio_set_output(pin, kLow) != 0) {
         return -1;
     }
     usleep(kResetPulseUs);
-    return location_gpio_set_output(pin, 1);
+    return location_gpio_set_output(pin, kHigh);
 }

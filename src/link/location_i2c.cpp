@@ -6,24 +6,32 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+namespace {
+
+// Not checked: where the address is refused, the read or write that follows fails.
+void select_slave(int32_t fd, uint8_t slave_addr) {
+    ioctl(fd, I2C_SLAVE, static_cast<unsigned long>(slave_addr));
+}
+
+} // namespace
+
 int32_t location_i2c_init(int32_t* fd, const location_i2c_config* config) {
-    *fd = open(config->path, O_RDWR);
-    if (*fd < 0) {
-        puts("[LOCSERV] ERR: location_i2c_init, open fail");
+    const int device = open(config->path, O_RDWR);
+    if (device < 0) {
+        std::puts("[LOCSERV] ERR: location_i2c_init, open fail");
         return -1;
     }
+    *fd = device;
     return 0;
 }
 
-// The result of setting the address is not checked: a bus that refuses it fails the read or write that
-// follows.
 ssize_t location_i2c_read(int32_t fd, uint8_t slave_addr, void* buffer, size_t len) {
-    ioctl(fd, I2C_SLAVE, static_cast<unsigned long>(slave_addr));
+    select_slave(fd, slave_addr);
     return read(fd, buffer, len);
 }
 
 ssize_t location_i2c_write(int32_t fd, uint8_t slave_addr, const void* buffer, size_t len) {
-    ioctl(fd, I2C_SLAVE, static_cast<unsigned long>(slave_addr));
+    select_slave(fd, slave_addr);
     return write(fd, buffer, len);
 }
 

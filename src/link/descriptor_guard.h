@@ -1,0 +1,32 @@
+// Closes a descriptor on every way out of a scope.
+#ifndef TAVOR_DESCRIPTOR_GUARD_H
+#define TAVOR_DESCRIPTOR_GUARD_H
+
+#include <pthread.h>
+#include <unistd.h>
+#include <utility>
+
+struct DescriptorGuard {
+    explicit DescriptorGuard(int descriptor) : fd(descriptor) {}
+    // close is a cancellation point and a destructor must not be left by one, so cancellation is held off.
+    ~DescriptorGuard() {
+        if (fd < 0) {
+            return;
+        }
+        int before = PTHREAD_CANCEL_ENABLE;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+        close(fd);
+        pthread_setcancelstate(before, nullptr);
+    }
+    DescriptorGuard(const DescriptorGuard&) = delete;
+    DescriptorGuard& operator=(const DescriptorGuard&) = delete;
+
+    // Hands the descriptor to the caller.
+    int release() {
+        return std::exchange(fd, -1);
+    }
+
+    int fd; // -1 when there is none
+};
+
+#endif
