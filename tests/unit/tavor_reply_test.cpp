@@ -86,7 +86,7 @@ TEST_F(ReplyTest, TenthOfTheTimeBetweenSuccessesComesBack) {
     send(a, 0, true);
     now_us += 2 * kSecond;
     send(a, 0, true);
-    EXPECT_EQ(tavor_reply_budget(&budgets, a, now_us)->left_us, 200 * kMs + 2 * kReplySentCreditUs);
+    EXPECT_EQ(tavor_reply_budget(&budgets, a, now_us)->left_us, 200 * kMs + 2ULL * kReplySentCreditUs);
 }
 
 TEST_F(ReplyTest, BudgetNeverExceedsOneSecond) {

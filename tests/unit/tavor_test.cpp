@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <optional>
 #include <poll.h>
@@ -23,6 +24,7 @@
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -34,7 +36,8 @@ using Texts = std::vector<std::string>;
 namespace {
 
 std::atomic<bool> g_malloc_fails = false;
-std::atomic<ResponseCallback> g_installed = nullptr;
+ResponseCallback g_installed = nullptr;
+std::function<void()> g_during_init;
 
 constexpr int kGenerousMs = 30000;
 const Texts kSendError = {"[LOCSERV] ERR: tavor_send_response, sendto error"};
@@ -48,6 +51,7 @@ extern "C" void* __wrap_malloc(size_t size) {
 
 void location_service_init(ResponseCallback response) {
     g_installed = response;
+    g_during_init();
 }
 
 namespace {
@@ -476,28 +480,24 @@ TEST_F(TavorTest, FailedReceiveIsLoggedAndClosesTheSocket) {
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
-TEST_F(TavorTest, RunInstallsTheCallbackIgnoresSigpipeAndEndsWithTheSocket) {
-    g_installed = nullptr;
+TEST_F(TavorTest, RunInstallsTheCallbackIgnoresSigpipeAndEndsWithAFailedReceive) {
+    const Client client(Address("c"));
+    g_during_init = [&] {
+        client.send(10);
+        const timeval soon = {.tv_sec = 0, .tv_usec = 10000}; // the receive after that one fails
+        ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon), 0);
+    };
     signal(SIGPIPE, SIG_DFL);
     int result = 0;
     const std::string out = capture_stdout([&] {
-        close(fd);
-        std::thread daemon([&] { result = tavor_run(); });
-        while (g_installed == nullptr) {
-            std::this_thread::yield();
-        }
-        // The descriptor that became free is the daemon's now; its next receive is from something else.
-        const int not_a_socket = open("/dev/null", O_RDONLY | O_CLOEXEC);
-        dup2(not_a_socket, fd);
-        close(not_a_socket);
-        const Client client(Address("c"));
-        client.send(10);
-        daemon.join();
+        close(fd); // the lowest free descriptor: the daemon's socket gets it
+        result = tavor_run();
     });
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(g_installed.load(), &tavor_send_response);
+    EXPECT_EQ(g_installed, &tavor_send_response);
     EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_IGN);
-    EXPECT_EQ(lines_of(out).back(), "[LOCSERV] ERR: recv error");
+    EXPECT_EQ(lines_of(out),
+              (Texts{"[LOCSERV] ERR: [tavor]unkown message type:10", "[LOCSERV] ERR: recv error"}));
 }
 
 TEST_F(TavorTest, ClientThatNeverReadsCostsAboutASecondInAll) {
