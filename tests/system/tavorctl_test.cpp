@@ -246,9 +246,10 @@ TEST(Watch, StopsPositioningAlsoWhenInterrupted) {
 
 TEST(Watch, WithoutAnAnswerIsStatusThree) {
     Scene scene([](FakeDaemon&, const tavor_request&) {});
-    EXPECT_EQ(scene.run({"watch", "--timeout", "0.3"}), 3);
+    EXPECT_EQ(scene.run({"watch", "--stop", "--timeout", "0.3"}), 3);
     EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
     EXPECT_TRUE(scene.daemon.wait_requests(2));
+    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_START}));
 }
 
 TEST(Watch, TakesTheOutputBackAfterSilenceWithoutStartingAnything) {
@@ -290,6 +291,32 @@ TEST(Watch, ReaderThatGoesAwayEndsItQuietly) {
     tool.close_out();
     EXPECT_EQ(tool.end(), 0);
     EXPECT_EQ(tool.err, "");
+}
+
+TEST(Watch, StopsPositioningAlsoWhenItsReaderWentAway) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) {
+        d.send(
+            make_response(kCodes[request.type], request.type == TAVOR_REQUEST_STOP ? TAVOR_VALUE_FAILED : 0));
+    });
+    Tool tool(scene.line({"watch", "--stop"}));
+    ASSERT_TRUE(tool.wait_out("\n"));
+    tool.close_out();
+    EXPECT_EQ(tool.end(), 1) << "the failed stop is seen";
+    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_STOP}));
+}
+
+TEST(Tavorctl, ReaderThatIsGoneDoesNotChangeTheStatus) {
+    for (const uint32_t value : {0U, TAVOR_VALUE_FAILED}) {
+        Scene scene([value](FakeDaemon& d, const tavor_request& request) {
+            if (d.types().size() == 2) { // the repeated one: the reader is gone by then
+                d.send(make_response(kCodes[request.type], value));
+            }
+        });
+        Tool tool(scene.line({"save", "--json"}));
+        tool.close_out();
+        EXPECT_EQ(tool.end(), value == 0 ? 0 : 1);
+        EXPECT_EQ(tool.err.empty(), value == 0) << tool.err;
+    }
 }
 
 TEST(Watch, FullDiskIsToldAndStatusOne) {
@@ -374,6 +401,17 @@ TEST(Send, ChipThatAnswersNothingIsNoFailure) {
     EXPECT_EQ(scene.run({"send", "353,1", "--wait", "0.1"}), 0);
     EXPECT_EQ(scene.out, "");
     EXPECT_NE(scene.err.find("answered nothing within 0.1 s"), std::string::npos) << scene.err;
+}
+
+TEST(Send, InterruptWhileTheChipIsAwaitedIsSeenByTheShell) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_CHIP, 0));
+        d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
+    });
+    Tool waiting(scene.line({"send", "353,1", "--wait", "60"}));
+    ASSERT_TRUE(waiting.wait_out("$PZUL001"));
+    waiting.signal(SIGTERM);
+    EXPECT_EQ(waiting.end(), 128 + SIGTERM);
 }
 
 TEST(Send, JsonHasTheResultAndTheAnswers) {
