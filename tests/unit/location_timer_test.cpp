@@ -30,6 +30,7 @@ struct LastSet {
     int flags;
     itimerspec value;
     bool asked_for_old;
+    int calls;
 } last_set;
 
 void on_fire(sigval value) {
@@ -48,6 +49,7 @@ bool wait_for_count(int count) {
 class LocationTimer : public testing::Test {
 protected:
     LocationTimer() : timer(location_timer_create(on_fire)) {
+        const std::lock_guard hold(fired.lock);
         fired.count = 0;
         fired.value = this;
         last_set = {};
@@ -67,14 +69,25 @@ protected:
     std::string log;
 };
 
+// Tests in which a timer fires. The C library makes the callback's thread behind ThreadSanitizer's back, and
+// that ends the program; the other sanitizers see these tests.
+class LocationTimerFiring : public LocationTimer {
+protected:
+    void SetUp() override {
+#ifdef __SANITIZE_THREAD__
+        GTEST_SKIP() << "timers can't fire under ThreadSanitizer";
+#endif
+    }
+};
+
 } // namespace
 
 extern "C" int __wrap_timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old) {
-    last_set = {flags, *value, old != nullptr};
+    last_set = {flags, *value, old != nullptr, last_set.calls + 1};
     return __real_timer_settime(timer, flags, value, old);
 }
 
-TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwn) {
+TEST_F(LocationTimerFiring, FiresOnceOnAThreadOfItsOwn) {
     ASSERT_NE(timer, nullptr);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     ASSERT_TRUE(wait_for_count(1));
@@ -83,7 +96,7 @@ TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwn) {
     EXPECT_NE(fired.thread, std::this_thread::get_id());
 }
 
-TEST_F(LocationTimer, IsInactiveRightAfterItFired) {
+TEST_F(LocationTimerFiring, IsInactiveRightAfterItFired) {
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     ASSERT_TRUE(wait_for_count(1));
     EXPECT_EQ(is_active(), -1);
@@ -145,13 +158,13 @@ TEST_F(LocationTimer, StopDisarms) {
     EXPECT_EQ(location_timer_stop(timer), 0);
 }
 
-TEST_F(LocationTimer, StartOfAnArmedTimerArmsItAnew) {
+TEST_F(LocationTimerFiring, StartOfAnArmedTimerArmsItAnew) {
     ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     EXPECT_TRUE(wait_for_count(1));
 }
 
-TEST_F(LocationTimer, FiresAgainWhenStartedAgain) {
+TEST_F(LocationTimerFiring, FiresAgainWhenStartedAgain) {
     ASSERT_EQ(location_timer_start(timer, 1), 0);
     ASSERT_TRUE(wait_for_count(1));
     ASSERT_EQ(location_timer_start(timer, 1), 0);
@@ -173,6 +186,7 @@ TEST_F(LocationTimer, NullReachesNoTimerOfTheProcess) {
     EXPECT_EQ(location_timer_stop(nullptr), -1);
     EXPECT_EQ(location_timer_start(nullptr, 5), -1);
     EXPECT_EQ(location_timer_delete(nullptr), -1);
+    EXPECT_EQ(last_set.calls, 1);
     EXPECT_EQ(is_active(), 0);
     EXPECT_EQ(fired.count, 0);
 }
