@@ -3,6 +3,7 @@ find_package(nlohmann_json 3.11 REQUIRED)
 
 add_library(board_server STATIC
     interpose/paths.cpp
+    server/board_socket.cpp
     server/control.cpp
     server/control_client.cpp
     server/launch.cpp

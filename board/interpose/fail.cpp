@@ -15,20 +15,45 @@ struct Order {
     int error;
 };
 
-// Zero-initialised, so that calls before any constructor find it usable.
+// Usable before any constructor has run.
 struct FailState {
-    std::atomic<int> orders_open;
-    std::mutex lock;
-    std::array<Order, 21> orders;
-} state = {
-    0,
-    {},
-    {{{"open", 0, 0},          {"read", 0, 0},         {"write", 0, 0},      {"close", 0, 0},
-      {"ioctl", 0, 0},         {"access", 0, 0},       {"unlink", 0, 0},     {"fopen", 0, 0},
-      {"fwrite", 0, 0},        {"fclose", 0, 0},       {"socket", 0, 0},     {"bind", 0, 0},
-      {"listen", 0, 0},        {"accept", 0, 0},       {"setsockopt", 0, 0}, {"msgget", 0, 0},
-      {"msgsnd", 0, 0},        {"timer_create", 0, 0}, {"sem_init", 0, 0},   {"pthread_mutex_init", 0, 0},
-      {"pthread_create", 0, 0}}}};
+    std::atomic<int> orders_open; // none: a call costs one load
+    std::mutex lock;              // guards what stands below
+    std::array<Order, 32> orders;
+} state = {0,
+           {},
+           {{{"open", 0, 0},
+             {"openat", 0, 0},
+             {"read", 0, 0},
+             {"write", 0, 0},
+             {"close", 0, 0},
+             {"ioctl", 0, 0},
+             {"access", 0, 0},
+             {"stat", 0, 0},
+             {"lstat", 0, 0},
+             {"unlink", 0, 0},
+             {"remove", 0, 0},
+             {"rmdir", 0, 0},
+             {"mkdir", 0, 0},
+             {"chmod", 0, 0},
+             {"rename", 0, 0},
+             {"realpath", 0, 0},
+             {"fopen", 0, 0},
+             {"fwrite", 0, 0},
+             {"fclose", 0, 0},
+             {"socket", 0, 0},
+             {"bind", 0, 0},
+             {"connect", 0, 0},
+             {"sendto", 0, 0},
+             {"listen", 0, 0},
+             {"accept", 0, 0},
+             {"setsockopt", 0, 0},
+             {"msgget", 0, 0},
+             {"msgsnd", 0, 0},
+             {"timer_create", 0, 0},
+             {"sem_init", 0, 0},
+             {"pthread_mutex_init", 0, 0},
+             {"pthread_create", 0, 0}}}};
 
 Order* find(const char* function) {
     for (Order& order : state.orders) {

@@ -2,10 +2,13 @@
 #ifndef TAVOR_BOARD_FAIL_H
 #define TAVOR_BOARD_FAIL_H
 
-// The n-th call from now on (1: the next) of the named function fails with the error number. Known are the
-// functions that the interposer replaces: open, read, write, close, ioctl, access, unlink, fopen, fwrite,
-// fclose, socket, bind, listen, accept, setsockopt, msgget, msgsnd, timer_create, sem_init,
-// pthread_mutex_init, pthread_create. One order a function.
+// The n-th call from now on (1: the next) of the named function fails with the error number; every call of
+// the program counts, whoever makes it. One order a function, gone once it has struck. Known are the
+// functions that the interposer replaces, variants (open64, __read_chk ...) under the plain name: open,
+// openat, read, write, close, ioctl, access, stat, lstat, unlink, remove, rmdir, mkdir, chmod, rename,
+// realpath, fopen, fwrite, fclose, socket, bind, connect, sendto, listen, accept, setsockopt, msgget, msgsnd,
+// timer_create, sem_init, pthread_mutex_init, pthread_create. An unknown name or a number below 1 ends the
+// program with a message.
 void interpose_fail(const char* function, int nth, int error);
 
 // Takes every order back.

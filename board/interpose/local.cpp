@@ -1,10 +1,12 @@
 #include "interpose/local.h"
 
 #include "interpose/backend.h"
+#include "interpose/paths.h"
 
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -14,23 +16,39 @@ namespace {
 
 constexpr int kMostDescriptors = 4096;
 
-// Open is asked for every descriptor of the program: an atomic flag each, no lock.
-struct LocalState {
-    std::array<std::atomic<bool>, kMostDescriptors> owned;
-    std::mutex lock; // guards what stands below
-    LocalDevices* devices;
-    std::array<std::string, kMostDescriptors>* paths;
-} state;
+using Devices = std::shared_ptr<const LocalDevices>;
 
 // Made at first use and never taken down: calls come until the very end of the process.
-std::string path_of(int fd) {
-    const std::lock_guard hold(state.lock);
-    return state.paths == nullptr ? std::string() : (*state.paths)[static_cast<size_t>(fd)];
+struct LocalTables {
+    Devices devices = std::make_shared<LocalDevices>();
+    std::array<std::string, kMostDescriptors> paths; // by descriptor
+};
+
+// Usable before any constructor has run. Each close and read of the program asks whose the descriptor is: an
+// atomic flag each, no lock.
+struct LocalState {
+    std::array<std::atomic<bool>, kMostDescriptors> owned;
+    std::mutex lock; // guards the tables
+    LocalTables* tables;
+} state;
+
+// The lock must be held.
+LocalTables& tables() {
+    if (state.tables == nullptr) {
+        state.tables = new LocalTables;
+    }
+    return *state.tables;
 }
 
-LocalDevices devices_now() {
+// A node's functions are called without the lock: they may block, and may make calls themselves.
+Devices devices_now() {
     const std::lock_guard hold(state.lock);
-    return state.devices == nullptr ? LocalDevices{} : *state.devices;
+    return tables().devices;
+}
+
+std::string path_of(int fd) {
+    const std::lock_guard hold(state.lock);
+    return tables().paths[static_cast<size_t>(fd)];
 }
 
 int fail_with(int error) {
@@ -39,67 +57,82 @@ int fail_with(int error) {
 }
 
 // A descriptor number of this process that nothing else uses.
-int reserve_descriptor(const char* path) {
+int reserve_descriptor() {
     const int fd = memfd_create("board", MFD_CLOEXEC);
-    if (fd < 0 || fd >= kMostDescriptors) {
+    if (fd >= kMostDescriptors) {
+        syscall(SYS_close, fd);
         return fail_with(EMFILE);
     }
-    const std::lock_guard hold(state.lock);
-    if (state.paths == nullptr) {
-        state.paths = new std::array<std::string, kMostDescriptors>;
-    }
-    (*state.paths)[static_cast<size_t>(fd)] = path;
-    state.owned[static_cast<size_t>(fd)] = true;
     return fd;
+}
+
+void give_back(int fd) {
+    const int error = errno;
+    syscall(SYS_close, fd);
+    errno = error;
+}
+
+// A test program's queues end with it.
+__attribute__((destructor)) void remove_queues() {
+    interpose_remove_queues();
 }
 
 } // namespace
 
 void local_devices(LocalDevices devices) {
+    auto shared = std::make_shared<const LocalDevices>(std::move(devices));
     const std::lock_guard hold(state.lock);
-    if (state.devices == nullptr) {
-        state.devices = new LocalDevices;
-    }
-    *state.devices = std::move(devices);
+    tables().devices.swap(shared);
 }
 
 int backend_open(const char* path, int flags) {
-    const LocalDevices devices = devices_now();
-    if (!devices.open) {
+    const Devices devices = devices_now();
+    if (!devices->open) {
         return fail_with(ENOENT);
     }
-    return devices.open(path, flags) == 0 ? reserve_descriptor(path) : -1;
+    const int fd = reserve_descriptor();
+    if (fd < 0) {
+        return -1;
+    }
+    if (devices->open(path, flags) != 0) {
+        give_back(fd);
+        return -1;
+    }
+    const std::lock_guard hold(state.lock);
+    tables().paths[static_cast<size_t>(fd)] = path;
+    state.owned[static_cast<size_t>(fd)] = true;
+    return fd;
 }
 
 int backend_close(int fd) {
     const std::string path = path_of(fd);
-    const LocalDevices devices = devices_now();
-    state.owned[static_cast<size_t>(fd)] = false;
+    const Devices devices = devices_now();
+    state.owned[static_cast<size_t>(fd)] = false; // first: the number may be another's right after the close
     const auto result = static_cast<int>(syscall(SYS_close, fd));
-    if (devices.close) {
-        devices.close(path);
+    if (devices->close) {
+        devices->close(path);
     }
     return result;
 }
 
 ssize_t backend_read(int fd, void* buffer, size_t length) {
-    const LocalDevices devices = devices_now();
-    return devices.read ? devices.read(path_of(fd), buffer, length) : fail_with(EIO);
+    const Devices devices = devices_now();
+    return devices->read ? devices->read(path_of(fd), buffer, length) : fail_with(EIO);
 }
 
 ssize_t backend_write(int fd, const void* data, size_t length) {
-    const LocalDevices devices = devices_now();
-    return devices.write ? devices.write(path_of(fd), data, length) : fail_with(EIO);
+    const Devices devices = devices_now();
+    return devices->write ? devices->write(path_of(fd), data, length) : fail_with(EIO);
 }
 
 int backend_ioctl(int fd, unsigned long request, void* argument) {
-    const LocalDevices devices = devices_now();
-    return devices.ioctl ? devices.ioctl(path_of(fd), request, argument) : fail_with(EIO);
+    const Devices devices = devices_now();
+    return devices->ioctl ? devices->ioctl(path_of(fd), request, argument) : fail_with(EIO);
 }
 
 int backend_access(const char* path) {
-    const LocalDevices devices = devices_now();
-    return devices.access ? devices.access(path) : fail_with(ENOENT);
+    const Devices devices = devices_now();
+    return devices->access ? devices->access(path) : fail_with(ENOENT);
 }
 
 bool backend_owns(int fd) {

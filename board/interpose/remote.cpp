@@ -1,4 +1,5 @@
-// The remote variant of the backend: every call on a device node is a round trip to the board server.
+// The remote variant of the backend: every call on a device node is a round trip to the board server. The
+// replaced functions hold cancellation off around these calls.
 #include "interpose/remote.h"
 
 #include "devices/board_spi.h"
@@ -12,7 +13,6 @@
 #include <cstdio>
 #include <cstring>
 #include <linux/spi/spidev.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -24,25 +24,22 @@ namespace {
 
 constexpr int kMostDescriptors = 4096;
 
-// Zero-initialised, so that calls before any constructor find it usable.
+// Usable before any constructor has run.
 struct RemoteState {
     std::array<std::atomic<bool>, kMostDescriptors> owned;
     sockaddr_un server;
 } state;
 
-// On the device these calls are no cancellation points, or at their entry only: a round trip is never cut in
-// two.
-struct CancelHold {
-    CancelHold() {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
-    }
-    ~CancelHold() {
-        pthread_setcancelstate(previous, nullptr);
-    }
-    CancelHold(const CancelHold&) = delete;
-    CancelHold& operator=(const CancelHold&) = delete;
+struct Piece {
+    void* data;
+    size_t size;
+};
 
-    int previous = 0;
+struct Request {
+    WireOperation operation;
+    uint32_t number = 0;
+    Piece first = {nullptr, 0}; // the payload, in two pieces
+    Piece second = {nullptr, 0};
 };
 
 int fail_with(int error) {
@@ -50,37 +47,47 @@ int fail_with(int error) {
     return -1;
 }
 
-struct Buffer {
-    void* data;
-    size_t size;
-};
+void close_quietly(int fd) {
+    const int error = errno;
+    syscall(SYS_close, fd);
+    errno = error;
+}
 
-// Sends a request and takes its reply; reply_to gets the reply's payload. Returns the result of the call.
-ssize_t round_trip(int fd, WireOperation operation, uint32_t number, const iovec* payload, int pieces,
-                   Buffer reply_to) {
-    const CancelHold hold;
-    WireRequest request = {operation, number, 0};
-    std::array<iovec, 4> out = {{{&request, sizeof request}}};
-    for (int i = 0; i < pieces; ++i) {
-        out[static_cast<size_t>(i) + 1] = payload[i];
-        request.length += static_cast<uint32_t>(payload[i].iov_len);
-    }
+bool send_request(int fd, const Request& request) {
+    const size_t length = request.first.size + request.second.size;
+    WireRequest header = {request.operation, request.number, static_cast<uint32_t>(length)};
+    std::array<iovec, 3> pieces = {{{&header, sizeof header},
+                                    {request.first.data, request.first.size},
+                                    {request.second.data, request.second.size}}};
     msghdr message = {};
-    message.msg_iov = out.data();
-    message.msg_iovlen = static_cast<size_t>(pieces) + 1;
-    if (request.length > kWirePayloadMax || sendmsg(fd, &message, MSG_NOSIGNAL) < 0) {
-        return fail_with(EIO);
-    }
-    WireReply reply = {};
-    std::array<iovec, 2> in = {{{&reply, sizeof reply}, {reply_to.data, reply_to.size}}};
-    message = {};
-    message.msg_iov = in.data();
-    message.msg_iovlen = in.size();
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
+    ssize_t sent = 0;
+    do {
+        sent = sendmsg(fd, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent >= 0;
+}
+
+bool receive_reply(int fd, WireReply* reply, Piece payload) {
+    std::array<iovec, 2> pieces = {{{reply, sizeof *reply}, {payload.data, payload.size}}};
+    msghdr message = {};
+    message.msg_iov = pieces.data();
+    message.msg_iovlen = pieces.size();
     ssize_t received = 0;
     do {
         received = recvmsg(fd, &message, 0);
     } while (received < 0 && errno == EINTR);
-    if (received < static_cast<ssize_t>(sizeof reply)) {
+    return received >= static_cast<ssize_t>(sizeof *reply) && (message.msg_flags & MSG_TRUNC) == 0;
+}
+
+// Returns the result of the call; what comes back with it is put into the reply's place.
+ssize_t round_trip(int fd, const Request& request, Piece reply_place) {
+    if (request.first.size + request.second.size > kWirePayloadMax) {
+        return fail_with(EMSGSIZE);
+    }
+    WireReply reply = {};
+    if (!send_request(fd, request) || !receive_reply(fd, &reply, reply_place)) {
         return fail_with(EIO); // the board is gone: as if the device were unplugged
     }
     return reply.result < 0 ? fail_with(reply.error) : reply.result;
@@ -91,68 +98,94 @@ int connect_server() {
     if (fd < 0) {
         return -1;
     }
-    if (fd >= kMostDescriptors ||
-        connect(fd, reinterpret_cast<const sockaddr*>(&state.server), sizeof state.server) != 0) {
-        syscall(SYS_close, fd);
-        return fail_with(ENOENT);
+    if (fd >= kMostDescriptors) {
+        close_quietly(fd);
+        return fail_with(EMFILE);
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&state.server), sizeof state.server) != 0) {
+        close_quietly(fd);
+        return fail_with(ENOENT); // no board, no device node
     }
     return fd;
 }
 
-iovec path_piece(const char* path) {
-    return {const_cast<char*>(path), std::strlen(path)};
+Piece text_piece(const char* text) {
+    return {const_cast<char*>(text), std::strlen(text)};
+}
+
+const uint8_t* address_of(uint64_t word) {
+    return reinterpret_cast<const uint8_t*>(
+        static_cast<uintptr_t>(word)); // NOLINT(performance-no-int-to-ptr)
+}
+
+// What an SPI message looks like on its way to the server.
+struct SpiMessage {
+    std::array<WirePart, kWirePartsMax> parts = {};
+    std::vector<uint8_t> sent;
+    std::vector<uint8_t> received;
+};
+
+// Returns false when it is too long for one request and its reply.
+bool gather(SpiMessage& message, const spi_ioc_transfer* transfers, size_t count) {
+    size_t total = count * sizeof(WirePart);
+    for (size_t i = 0; i < count; ++i) {
+        total += transfers[i].len;
+    }
+    if (total > kWirePayloadMax) {
+        return false;
+    }
+    size_t wanted = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const uint8_t* tx = address_of(transfers[i].tx_buf);
+        const bool receives = transfers[i].rx_buf != 0;
+        message.parts[i] = {transfers[i].len,
+                            (tx != nullptr ? kWirePartSends : 0) | (receives ? kWirePartReceives : 0)};
+        if (tx != nullptr) {
+            message.sent.insert(message.sent.end(), tx, tx + transfers[i].len);
+        }
+        wanted += receives ? transfers[i].len : 0;
+    }
+    message.received.resize(wanted);
+    return true;
+}
+
+void scatter(const SpiMessage& message, const spi_ioc_transfer* transfers, size_t count) {
+    const uint8_t* next = message.received.data();
+    for (size_t i = 0; i < count; ++i) {
+        if (transfers[i].rx_buf != 0 && transfers[i].len != 0) {
+            std::copy_n(next, transfers[i].len, const_cast<uint8_t*>(address_of(transfers[i].rx_buf)));
+            next += transfers[i].len;
+        }
+    }
 }
 
 int spi_message(int fd, const spi_ioc_transfer* transfers, size_t count) {
-    if (count > kWirePartsMax) {
+    SpiMessage message;
+    if (count > kWirePartsMax || !gather(message, transfers, count)) {
         return fail_with(EMSGSIZE);
     }
-    std::array<WirePart, kWirePartsMax> parts = {};
-    std::vector<uint8_t> sent;
-    size_t wanted = 0;
-    for (size_t i = 0; i < count; ++i) {
-        const spi_ioc_transfer& transfer = transfers[i];
-        const auto* tx =
-            reinterpret_cast<const uint8_t*>(transfer.tx_buf); // NOLINT(performance-no-int-to-ptr)
-        parts[i] = {transfer.len,
-                    (tx != nullptr ? kWirePartSends : 0) | (transfer.rx_buf != 0 ? kWirePartReceives : 0)};
-        if (transfer.len > kWirePayloadMax) {
-            return fail_with(EMSGSIZE);
-        }
-        if (tx != nullptr) {
-            sent.insert(sent.end(), tx, tx + transfer.len);
-        }
-        wanted += transfer.rx_buf != 0 ? transfer.len : 0;
+    const Request request = {WIRE_SPI_MESSAGE,
+                             static_cast<uint32_t>(count),
+                             {message.parts.data(), count * sizeof(WirePart)},
+                             {message.sent.data(), message.sent.size()}};
+    const auto result =
+        static_cast<int>(round_trip(fd, request, {message.received.data(), message.received.size()}));
+    if (result >= 0) {
+        scatter(message, transfers, count);
     }
-    std::vector<uint8_t> answer(wanted);
-    const std::array<iovec, 2> payload = {
-        {{parts.data(), count * sizeof parts[0]}, {sent.data(), sent.size()}}};
-    const ssize_t result = round_trip(fd, WIRE_SPI_MESSAGE, static_cast<uint32_t>(count), payload.data(), 2,
-                                      {answer.data(), answer.size()});
-    if (result < 0) {
-        return -1;
-    }
-    const uint8_t* at = answer.data();
-    for (size_t i = 0; i < count; ++i) {
-        if (transfers[i].rx_buf != 0) {
-            std::memcpy(reinterpret_cast<void*>(transfers[i].rx_buf), at,
-                        transfers[i].len); // NOLINT(performance-no-int-to-ptr)
-            at += transfers[i].len;
-        }
-    }
-    return static_cast<int>(result);
+    return result;
 }
 
 int spi_set(int fd, BoardSpiSetting setting, uint32_t value) {
-    const iovec payload = {&value, sizeof value};
-    return static_cast<int>(
-        round_trip(fd, WIRE_SPI_SET, static_cast<uint32_t>(setting), &payload, 1, {nullptr, 0}));
+    const Request request = {
+        WIRE_SPI_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0}};
+    return static_cast<int>(round_trip(fd, request, {nullptr, 0}));
 }
 
 template <typename Value> int spi_get(int fd, BoardSpiSetting setting, void* argument) {
     uint32_t value = 0;
-    if (round_trip(fd, WIRE_SPI_GET, static_cast<uint32_t>(setting), nullptr, 0, {&value, sizeof value}) <
-        0) {
+    const Request request = {WIRE_SPI_GET, static_cast<uint32_t>(setting)};
+    if (round_trip(fd, request, {&value, sizeof value}) < 0) {
         return -1;
     }
     *static_cast<Value*>(argument) = static_cast<Value>(value);
@@ -179,34 +212,34 @@ int backend_open(const char* path, int flags) {
     if (fd < 0) {
         return -1;
     }
-    const iovec payload = path_piece(path);
-    if (round_trip(fd, WIRE_OPEN, static_cast<uint32_t>(flags), &payload, 1, {nullptr, 0}) < 0) {
-        const int error = errno;
-        syscall(SYS_close, fd);
-        return fail_with(error);
+    const Request request = {WIRE_OPEN, static_cast<uint32_t>(flags), text_piece(path), {nullptr, 0}};
+    if (round_trip(fd, request, {nullptr, 0}) < 0) {
+        close_quietly(fd);
+        return -1;
     }
     state.owned[static_cast<size_t>(fd)] = true;
     return fd;
 }
 
 int backend_close(int fd) {
-    state.owned[static_cast<size_t>(fd)] = false;
+    state.owned[static_cast<size_t>(fd)] = false; // first: the number may be another's right after the close
     return static_cast<int>(syscall(SYS_close, fd));
 }
 
 ssize_t backend_read(int fd, void* buffer, size_t length) {
-    pthread_testcancel();
     const size_t size = std::min<size_t>(length, kWirePayloadMax);
-    return round_trip(fd, WIRE_READ, static_cast<uint32_t>(size), nullptr, 0, {buffer, size});
+    return round_trip(fd, {WIRE_READ, static_cast<uint32_t>(size)}, {buffer, size});
 }
 
 ssize_t backend_write(int fd, const void* data, size_t length) {
-    pthread_testcancel();
-    const iovec payload = {const_cast<void*>(data), std::min<size_t>(length, kWirePayloadMax)};
-    return round_trip(fd, WIRE_WRITE, 0, &payload, 1, {nullptr, 0});
+    const size_t size = std::min<size_t>(length, kWirePayloadMax);
+    return round_trip(fd, {WIRE_WRITE, 0, {const_cast<void*>(data), size}}, {nullptr, 0});
 }
 
 int backend_ioctl(int fd, unsigned long request, void* argument) {
+    if (argument == nullptr) {
+        return fail_with(EFAULT);
+    }
     if (is_spi_message(request)) {
         return spi_message(fd, static_cast<const spi_ioc_transfer*>(argument),
                            _IOC_SIZE(request) / sizeof(spi_ioc_transfer));
@@ -242,11 +275,10 @@ int backend_access(const char* path) {
     if (fd < 0) {
         return -1;
     }
-    const iovec payload = path_piece(path);
-    const auto result = static_cast<int>(round_trip(fd, WIRE_ACCESS, 0, &payload, 1, {nullptr, 0}));
-    const int error = errno;
-    syscall(SYS_close, fd);
-    return result < 0 ? fail_with(error) : 0;
+    const Request request = {WIRE_ACCESS, 0, text_piece(path), {nullptr, 0}};
+    const auto result = static_cast<int>(round_trip(fd, request, {nullptr, 0}));
+    close_quietly(fd);
+    return result;
 }
 
 bool backend_owns(int fd) {

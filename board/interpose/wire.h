@@ -22,9 +22,9 @@ enum WireOperation : uint32_t {
     WIRE_WRITE = 4,       // payload: the bytes
     WIRE_SPI_MESSAGE = 5, // number: parts; payload: WirePart each, then the bytes of parts with
                           // kWirePartSends; the reply's payload: the bytes of parts with kWirePartReceives
-    WIRE_SPI_SET = 6, // number: setting (BoardSpiSetting); payload: uint32 value
-    WIRE_SPI_GET = 7, // number: setting; reply payload: uint32 value
-    WIRE_CONTROL = 8, // payload: a JSON object; reply payload: a JSON object
+    WIRE_SPI_SET = 6,     // number: setting (BoardSpiSetting); payload: uint32 value
+    WIRE_SPI_GET = 7,     // number: setting; reply payload: uint32 value
+    WIRE_CONTROL = 8,     // payload: a JSON object; reply payload: a JSON object
 };
 
 struct WireRequest {

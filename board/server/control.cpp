@@ -1,12 +1,17 @@
 #include "server/control.h"
 
+#include "interpose/wire.h"
+
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 using nlohmann::json;
 
 namespace {
 
-constexpr uint32_t kFastestRateHz = 10;
+constexpr int64_t kFastestRateHz = 10;
+constexpr size_t kCommandsMaxSize =
+    kWirePayloadMax - 1024; // bytes of the list, with room for what is around it
 
 json failure(const std::string& error) {
     return {{"ok", false}, {"error", error}};
@@ -53,12 +58,26 @@ json status_json(Board& board) {
             {"aiding_position", aiding_json(status.aiding_position)}};
 }
 
+std::string dump(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace); // texts of the host may be no UTF-8
+}
+
+// The last commands, as many as one answer holds.
 json commands_json(Board& board) {
+    std::vector<ChipCommand> commands = board_commands(board);
     json list = json::array();
-    for (const ChipCommand& command : board_commands(board)) {
-        list.push_back({{"text", command.text}, {"good", command.good}, {"time_us", command.time_us}});
+    size_t size = 0;
+    for (auto command = commands.rbegin(); command != commands.rend(); ++command) {
+        json entry = {{"text", command->text}, {"good", command->good}, {"time_us", command->time_us}};
+        size += dump(entry).size() + 1;
+        if (size > kCommandsMaxSize) {
+            break;
+        }
+        list.push_back(std::move(entry));
     }
-    return {{"ok", true}, {"commands", list}};
+    std::reverse(list.begin(), list.end());
+    const size_t left_out = commands.size() - list.size();
+    return {{"ok", true}, {"commands", std::move(list)}, {"left_out", left_out}};
 }
 
 json faults_json() {
@@ -75,17 +94,21 @@ json send_answer(Board& board, const json& request) {
     }
     std::string bytes;
     for (const json& byte : request.at("bytes")) {
-        bytes += static_cast<char>(byte.get<uint8_t>());
+        const auto value = byte.get<int64_t>();
+        if (value < 0 || value > UINT8_MAX) {
+            return failure("a byte is not within 0 to 255");
+        }
+        bytes += static_cast<char>(value);
     }
     return result(board_queue(board, bytes));
 }
 
-json rate_answer(Board& board, uint32_t hz) {
+json rate_answer(Board& board, int64_t hz) {
     if (hz < 1 || hz > kFastestRateHz) {
         return failure("rate is not within 1 to 10 Hz");
     }
     const std::lock_guard hold(board.mutex);
-    board.chip.options.rate_hz = hz;
+    board.chip.options.rate_hz = static_cast<uint32_t>(hz);
     return result("");
 }
 
@@ -108,7 +131,7 @@ json answer(Board& board, const json& request, bool* quit) {
         return send_answer(board, request);
     }
     if (command == "rate") {
-        return rate_answer(board, request.at("hz").get<uint32_t>());
+        return rate_answer(board, request.at("hz").get<int64_t>());
     }
     if (command == "quit") {
         *quit = true;
@@ -126,5 +149,5 @@ std::string control_answer(Board& board, const std::string& request, bool* quit)
     } catch (const json::exception& error) {
         reply = failure(error.what());
     }
-    return reply.dump(-1, ' ', false, json::error_handler_t::replace); // texts of the chip may be no UTF-8
+    return dump(reply);
 }

@@ -1,6 +1,7 @@
 #include "server/control_client.h"
 
 #include "interpose/wire.h"
+#include "server/board_socket.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -9,9 +10,8 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/time.h>
 #include <unistd.h>
-#include <vector>
 
 using nlohmann::json;
 
@@ -20,6 +20,7 @@ namespace {
 constexpr int kRefused = 1;
 constexpr int kUsageError = 2;
 constexpr int kNoBoard = 3;
+constexpr time_t kAnswerLimitS = 10;
 
 int hex_digit(char digit) {
     const char* digits = "0123456789abcdef";
@@ -80,29 +81,39 @@ bool make_request(const ControlOptions& options, json& request) {
     return true;
 }
 
-// The board's answer; empty when there is no board.
-std::string ask(const std::string& directory, const std::string& text) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s/%s", directory.c_str(), kWireSocketName);
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    std::string answer;
-    std::vector<char> buffer(sizeof(WireReply) + kWirePayloadMax);
+bool send_request(int fd, const std::string& text) {
     const WireRequest header = {WIRE_CONTROL, 0, static_cast<uint32_t>(text.size())};
     std::string message(reinterpret_cast<const char*>(&header), sizeof header);
     message += text;
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-        send(fd, message.data(), message.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(message.size())) {
-        const ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
-        if (size > static_cast<ssize_t>(sizeof(WireReply))) {
-            answer.assign(buffer.data() + sizeof(WireReply), static_cast<size_t>(size) - sizeof(WireReply));
-        }
+    return send(fd, message.data(), message.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(message.size());
+}
+
+std::string receive_answer(int fd) {
+    const timeval limit = {kAnswerLimitS, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    std::string message(sizeof(WireReply) + kWirePayloadMax, '\0');
+    const ssize_t size = recv(fd, message.data(), message.size(), 0);
+    if (size <= static_cast<ssize_t>(sizeof(WireReply))) {
+        return "";
     }
+    return message.substr(sizeof(WireReply), static_cast<size_t>(size) - sizeof(WireReply));
+}
+
+// The board's answer; empty when there is none.
+std::string ask(const std::string& directory, const std::string& text) {
+    const int fd = board_socket_connect(directory);
+    if (fd < 0) {
+        return "";
+    }
+    const std::string answer = send_request(fd, text) ? receive_answer(fd) : "";
     close(fd);
     return answer;
 }
 
 void print_commands(const json& answer) {
+    if (answer.value("left_out", 0) > 0) {
+        std::printf("(%d earlier ones left out)\n", answer.value("left_out", 0));
+    }
     for (const json& command : answer["commands"]) {
         std::printf("%s%s\n", command["text"].get<std::string>().c_str(),
                     command["good"].get<bool>() ? "" : "  (bad)");

@@ -1,6 +1,7 @@
 #include "server/launch.h"
 
 #include "interpose/paths.h"
+#include "server/board_socket.h"
 
 #include <cerrno>
 #include <climits>
@@ -9,17 +10,19 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sys/ipc.h>
-#include <sys/msg.h>
+#include <link.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 
 namespace {
 
+constexpr int kNoBoard = 3;
+constexpr int kNotStarted = 127;
 constexpr char kDirectoryPattern[] = "/tmp/tavor-board-XXXXXX";
-constexpr key_t kServiceQueueKey = 1234;
-constexpr key_t kDebugQueueKey = 1235;
+constexpr char kConfigurationPath[] = "etc/default/tavor/tavor.conf";
+constexpr char kLongestSocketPath[] =
+    "/etc/default/tavor/tavor_sun_path"; // of those below a board's directory
 
 // Beside the program in a build tree, or where it is installed.
 std::string library_path() {
@@ -34,12 +37,42 @@ std::string library_path() {
     return "";
 }
 
-void add_to_environment(const char* name, const std::string& value, char separator) {
+int take_runtime(dl_phdr_info* info, size_t, void* found) {
+    const std::string name = fs::path(info->dlpi_name).filename();
+    const bool is_runtime = name.rfind("libasan.so", 0) == 0 || name.rfind("libtsan.so", 0) == 0;
+    if (is_runtime) {
+        *static_cast<std::string*>(found) = info->dlpi_name;
+    }
+    return is_runtime ? 1 : 0;
+}
+
+// A sanitizer's runtime must stand in front of the library that was built with it, or it would not see the
+// allocations of a program that was built without. It is the one that this process runs with; empty: none.
+std::string sanitizer_runtime() {
+    std::string path;
+    dl_iterate_phdr(take_runtime, &path);
+    return path;
+}
+
+void put_in_front(const char* name, const std::string& value, char separator) {
     const char* old = std::getenv(name);
     setenv(name, (old == nullptr || *old == '\0' ? value : value + separator + old).c_str(), 1);
 }
 
-std::string new_directory(std::string* directory) {
+// The loader knows no way to write such a path.
+bool can_preload(const std::string& path) {
+    return path.find_first_of(" :") == std::string::npos;
+}
+
+void set_environment(const std::string& directory, const std::string& library) {
+    const std::string runtime = sanitizer_runtime();
+    put_in_front("LD_PRELOAD", runtime.empty() ? library : runtime + ":" + library, ':');
+    put_in_front("ASAN_OPTIONS", "verify_asan_link_order=0",
+                 ':'); // a sanitized program's library comes first
+    setenv("TAVOR_BOARD_DIR", directory.c_str(), 1);
+}
+
+std::string make_own_directory(std::string* directory) {
     std::string pattern = kDirectoryPattern;
     if (mkdtemp(pattern.data()) == nullptr) {
         return "can't make a directory like " + pattern + ": " + std::strerror(errno);
@@ -48,16 +81,30 @@ std::string new_directory(std::string* directory) {
     return "";
 }
 
-std::string named_directory(const std::string& name, std::string* directory) {
-    std::error_code error;
-    fs::create_directories(name, error);
-    *directory = fs::canonical(name, error);
-    return error ? "can't make directory " + name + ": " + error.message() : "";
+// What the daemon would read: text behind the first appearance of the key, to the end of the line. False:
+// none.
+bool effective_value(const std::string& content, const std::string& key, std::string* value) {
+    const size_t at = content.find(key);
+    if (at == std::string::npos) {
+        return false;
+    }
+    const size_t begin = at + key.size();
+    *value = content.substr(begin, content.find('\n', begin) - begin);
+    return true;
 }
 
-std::string board_configuration(const BoardOptions& board) {
-    return "SPI port path=" + board.spi_path + "\nPower control gpio=" + std::to_string(board.power_pin) +
-           "\ndebug socket ip=127.0.0.1\ndebug socket port=7005\n";
+// Puts KEY=VALUE in front unless it holds already.
+void put_setting(std::string& content, const std::string& line) {
+    const size_t end_of_key = line.find('=') + 1;
+    std::string value;
+    if (!effective_value(content, line.substr(0, end_of_key), &value) || value != line.substr(end_of_key)) {
+        content.insert(0, line + "\n");
+    }
+}
+
+std::string read_file(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace
@@ -67,12 +114,10 @@ std::string launch_replace(const std::string& directory, const std::vector<std::
     if (library.empty()) {
         return "libtavor_board.so is neither beside this program nor installed";
     }
-    add_to_environment("LD_PRELOAD", library, ' ');
-    setenv("TAVOR_BOARD_DIR", fs::absolute(directory).c_str(), 1);
-#ifdef __SANITIZE_ADDRESS__
-    add_to_environment("ASAN_OPTIONS", "verify_asan_link_order=0",
-                       ':'); // the library comes before the runtime
-#endif
+    if (!can_preload(library)) {
+        return "can't preload " + library + ": its path has a blank or a colon";
+    }
+    set_environment(directory, library);
     std::vector<char*> arguments;
     for (const std::string& argument : program) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -82,35 +127,60 @@ std::string launch_replace(const std::string& directory, const std::vector<std::
     return "can't start " + program[0] + ": " + std::strerror(errno);
 }
 
-std::string launch_prepare(const RunOptions& options, std::string* directory) {
-    const std::string problem =
-        options.directory.empty() ? new_directory(directory) : named_directory(options.directory, directory);
-    if (!problem.empty()) {
-        return problem;
-    }
-    const fs::path place = fs::path(*directory) / "etc/default/tavor";
-    const fs::path file = place / "tavor.conf";
+int launch_exec(const ExecOptions& options) {
     std::error_code error;
-    fs::create_directories(place, error);
-    std::string content = board_configuration(options.board);
-    if (std::ifstream old(file); old) {
-        content.assign(std::istreambuf_iterator<char>(old), {});
+    const std::string directory = fs::canonical(options.directory, error);
+    const int fd = error ? -1 : board_socket_connect(directory);
+    if (fd < 0) {
+        std::fprintf(stderr, "tavor-board: no board runs in %s: start one with 'tavor-board run --dir %s'\n",
+                     options.directory.c_str(), options.directory.c_str());
+        return kNoBoard;
     }
-    std::string first;
-    for (const std::string& line : options.configuration) {
-        first += line + "\n";
+    close(fd);
+    std::fprintf(stderr, "tavor-board: %s\n", launch_replace(directory, options.program).c_str());
+    return kNotStarted;
+}
+
+std::string launch_directory(const std::string& name, std::string* directory) {
+    if (name.empty()) {
+        return make_own_directory(directory);
     }
-    std::ofstream out(file, std::ios::trunc);
-    out << first << content;
+    std::error_code error;
+    fs::create_directories(name, error);
+    *directory = fs::canonical(name, error);
+    if (error) {
+        return "can't make directory " + name + ": " + error.message();
+    }
+    constexpr size_t kLongest = sizeof(sockaddr_un::sun_path) - sizeof kLongestSocketPath;
+    if (directory->size() > kLongest) {
+        return "directory " + *directory + " has " + std::to_string(directory->size()) +
+               " characters, sockets in it allow " + std::to_string(kLongest) + ": choose a shorter path";
+    }
+    return "";
+}
+
+std::string launch_configure(const RunOptions& options, const std::string& directory) {
+    const fs::path file = fs::path(directory) / kConfigurationPath;
+    std::error_code error;
+    fs::create_directories(file.parent_path(), error);
+    fs::create_directories(fs::path(directory) / "tmp", error); // for the daemon's file there
+    const bool is_new = !fs::exists(file, error);
+    const std::string before = read_file(file);
+    std::string content = is_new ? "debug socket ip=127.0.0.1\n" : before;
+    put_setting(content, "Power control gpio=" + std::to_string(options.board.power_pin));
+    put_setting(content, "SPI port path=" + options.board.spi_path);
+    for (auto line = options.configuration.rbegin(); line != options.configuration.rend(); ++line) {
+        put_setting(content, *line);
+    }
+    if (!is_new && content == before) {
+        return "";
+    }
+    std::ofstream out(file, std::ios::trunc | std::ios::binary);
+    out << content;
     return out.flush() ? "" : "can't write " + file.string();
 }
 
 void launch_remove_queues(const std::string& directory) {
     interpose_set_root(directory);
-    for (const key_t key : {kServiceQueueKey, kDebugQueueKey}) {
-        const int queue = msgget(interpose_map_key(key), 0);
-        if (queue >= 0) {
-            msgctl(queue, IPC_RMID, nullptr);
-        }
-    }
+    interpose_remove_queues();
 }

@@ -11,10 +11,15 @@
 // wrong.
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program);
 
-// The board's directory as an absolute path, made where it is missing, with the daemon's configuration in it.
-// An existing configuration is kept; lines of the command line come first. Returns what went wrong, else
-// empty.
-std::string launch_prepare(const RunOptions& options, std::string* directory);
+// The same when a board runs there. Returns only on failure, which is printed: the exit code.
+int launch_exec(const ExecOptions& options);
+
+// The board's directory as an absolute path, made where it is missing. Returns what went wrong, else empty.
+std::string launch_directory(const std::string& name, std::string* directory);
+
+// Writes the daemon's configuration for this board. An existing one is kept, but for settings that contradict
+// the options: they come in front of it, where they win. Returns what went wrong, else empty.
+std::string launch_configure(const RunOptions& options, const std::string& directory);
 
 // Removes the queues that programs on this board left behind.
 void launch_remove_queues(const std::string& directory);

@@ -12,11 +12,35 @@ constexpr int kUsageError = 2;
 constexpr char kExamples[] = R"(
 Examples:
   tavor-board run -- build/dev/bin/tavor
-  tavor-board run --dir /tmp/board --source replay log.nmea --full-speed
+  tavor-board run --dir /tmp/board
   tavor-board exec --dir /tmp/board -- build/dev/bin/tavor
-  tavor-board ctl --dir /tmp/board status
+  tavor-board ctl --dir /tmp/board status)";
+
+constexpr char kRunExamples[] = R"(
+Examples:
+  tavor-board run -- build/dev/bin/tavor
+  tavor-board run --log tavor.log --rate 10 --aiding -- build/dev/bin/tavor
+  tavor-board run --dir /tmp/board --source replay log.nmea --full-speed
+  tavor-board run --dir /tmp/board --fault silence=on --conf "debug socket port=7105"
+
+One line "ready DIRECTORY" tells that programs may come: on standard output without
+a program, on standard error with one.)";
+
+constexpr char kExecExamples[] = R"(
+Examples:
+  tavor-board exec --dir /tmp/board -- build/dev/bin/tavor
+  tavor-board exec --dir /tmp/board -- cat /etc/default/tavor/tavor.conf)";
+
+constexpr char kControlExamples[] = R"(
+Examples:
+  tavor-board ctl --dir /tmp/board status --json
   tavor-board ctl --dir /tmp/board fault silence on
-  tavor-board ctl --dir /tmp/board send GNTXT,01,01,02,hello)";
+  tavor-board ctl --dir /tmp/board fault all off
+  tavor-board ctl --dir /tmp/board send GNTXT,01,01,02,hello
+  tavor-board ctl --dir /tmp/board send --hex 04240A
+  tavor-board ctl --dir /tmp/board commands
+
+Exit codes: 0 done, 1 the board refused, 2 usage, 3 no board runs there.)";
 
 // What CLI11 fills and the options hold in another shape.
 struct Raw {
@@ -56,11 +80,26 @@ std::pair<std::string, std::string> split_pair(const std::string& text, const st
     return {text.substr(0, at), text.substr(at + 1)};
 }
 
+// Tries the faults on a chip of no further use.
+void take_faults(const std::vector<std::string>& faults, RunOptions& run) {
+    Chip trial;
+    chip_init(trial, {});
+    for (const std::string& fault : faults) {
+        run.faults.push_back(split_pair(fault, "--fault"));
+        const std::string error = chip_fault(trial, run.faults.back().first, run.faults.back().second, 0);
+        if (!error.empty()) {
+            throw CLI::ValidationError("--fault", error);
+        }
+    }
+}
+
+std::string node_error(const std::string& path) {
+    return path.rfind("/dev/spidev", 0) == 0 ? "" : "the device node must begin with /dev/spidev";
+}
+
 void finish_run(const Raw& raw, RunOptions& run) {
     take_source(raw.source, run.board.chip);
-    for (const std::string& fault : raw.faults) {
-        run.faults.push_back(split_pair(fault, "--fault"));
-    }
+    take_faults(raw.faults, run);
     for (const std::string& line : run.configuration) {
         split_pair(line, "--conf");
     }
@@ -70,9 +109,9 @@ void finish_run(const Raw& raw, RunOptions& run) {
     }
 }
 
-std::string fault_help() {
+std::string run_footer() {
     std::ostringstream text;
-    text << "\nFaults (--fault NAME=VALUE, or ctl fault NAME VALUE):\n";
+    text << kRunExamples << "\n\nFaults (--fault NAME=VALUE, or ctl fault NAME VALUE):\n";
     for (const ChipFaultInfo& fault : chip_fault_table()) {
         text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
     }
@@ -111,9 +150,12 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         ->type_name("NAME=VALUE")
         ->expected(1)
         ->take_all();
-    command->add_option("--spi-path", run.board.spi_path, "device node of the chip")->capture_default_str();
+    command->add_option("--spi-path", run.board.spi_path, "device node of the chip")
+        ->capture_default_str()
+        ->check(node_error);
     command->add_option("--power-gpio", run.board.power_pin, "line that powers the chip")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::Range(0, run.board.pin_count - 1));
     command
         ->add_option("--conf", run.configuration,
                      "KEY=VALUE line of the daemon's configuration; may be repeated")
@@ -125,7 +167,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     command->add_flag("--keep", run.keep, "keep the directory at the end");
     command->add_option("--log", run.log, "file for the program's output");
     command->add_option("program", run.program, "program and its arguments, behind --");
-    command->footer(fault_help());
+    command->footer(run_footer());
     return command;
 }
 
@@ -133,13 +175,15 @@ CLI::App* add_exec(CLI::App& app, ExecOptions& exec) {
     CLI::App* command = app.add_subcommand("exec", "start a program on a running board");
     command->add_option("--dir", exec.directory, "the board's directory")->required();
     command->add_option("program", exec.program, "program and its arguments, behind --")->required();
+    command->footer(kExecExamples);
     return command;
 }
 
 CLI::App* add_control(CLI::App& app, ControlOptions& control) {
     CLI::App* ctl = app.add_subcommand("ctl", "ask or change a running board");
     ctl->add_option("--dir", control.directory, "the board's directory")->required();
-    ctl->require_subcommand(1);
+    ctl->require_subcommand(0, 1);
+    ctl->footer(kControlExamples);
     const auto add = [&](const char* name, const char* help) {
         CLI::App* command = ctl->add_subcommand(name, help);
         command->callback([&control, name] { control.command = name; });
@@ -169,13 +213,16 @@ int read_options(int argc, char** argv, Options* options) {
     CLI::App app("Simulated board: runs the location daemon without hardware.", "tavor-board");
     app.set_version_flag("--version", "tavor-board " TAVOR_VERSION);
     app.footer(kExamples);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1); // a missing one is told below, behind an unknown one
     Raw raw;
     const CLI::App* run = add_run(app, options->run, raw);
     const CLI::App* exec = add_exec(app, options->exec);
-    add_control(app, options->control);
+    const CLI::App* control = add_control(app, options->control);
     try {
         app.parse(argc, argv);
+        if (app.get_subcommands().empty() || (control->parsed() && control->get_subcommands().empty())) {
+            throw CLI::RequiredError("A command");
+        }
         if (run->parsed()) {
             finish_run(raw, options->run);
         }

@@ -10,11 +10,13 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <memory>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int kFailed = 1;
+constexpr int kUsageError = 2;
 constexpr int kNotStarted = 127;
 constexpr mode_t kLogMode = 0644;
 
@@ -30,11 +32,13 @@ void block_signals(sigset_t* before) {
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGCHLD);
     sigprocmask(SIG_BLOCK, &set, before);
+    std::signal(SIGCHLD, SIG_DFL); // ignored, the child's end would not be told
 }
 
 // Runs in the child: never returns.
 [[noreturn]] void become_program(const RunOptions& options, const std::string& directory,
                                  const sigset_t& mask) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM); // a board that is killed leaves no program behind
     sigprocmask(SIG_SETMASK, &mask, nullptr);
     if (!options.log.empty()) {
         const int fd = open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
@@ -68,34 +72,51 @@ std::string apply_faults(Board& board, const RunOptions& options) {
     return "";
 }
 
-void clean_up(const RunOptions& options, const std::string& directory) {
-    launch_remove_queues(directory);
-    if (options.directory.empty() && !options.keep) {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
+void start_program(BoardServer& server, const RunOptions& options, const std::string& directory,
+                   const sigset_t& mask) {
+    server.child = fork();
+    if (server.child == 0) {
+        become_program(options, directory, mask);
+    }
+    if (server.child < 0) {
+        server.quit = true;
+        server.status = complain(std::string("can't start a process: ") + std::strerror(errno));
     }
 }
 
-int serve(const RunOptions& options, Board& board, const std::string& directory, const sigset_t& mask) {
-    BoardServer server;
-    const std::string problem = server_open(server, board, directory);
+// From here on the directory is this board's.
+int serve(BoardServer& server, const RunOptions& options, const std::string& directory,
+          const sigset_t& mask) {
+    const std::string problem = launch_configure(options, directory);
     if (!problem.empty()) {
         return complain(problem);
     }
+    launch_remove_queues(directory); // of a board that was killed
     tell_ready(options, directory);
     if (!options.program.empty()) {
-        server.child = fork();
-        if (server.child == 0) {
-            become_program(options, directory, mask);
-        }
-        if (server.child < 0) {
-            server.quit = true;
-            server.status = complain(std::string("can't start a process: ") + std::strerror(errno));
-        }
+        start_program(server, options, directory, mask);
     }
-    const int status = server_run(server);
-    server_close(server, directory);
-    clean_up(options, directory);
+    return server_run(server);
+}
+
+int run_in(const RunOptions& options, const std::string& directory) {
+    sigset_t mask;
+    block_signals(&mask);
+    const auto board = std::make_unique<Board>();
+    board_init(*board, options.board);
+    std::string problem = apply_faults(*board, options);
+    if (!problem.empty()) {
+        return complain(problem);
+    }
+    BoardServer server;
+    problem = server_open(server, *board, directory);
+    if (!problem.empty()) {
+        server_close(server);
+        return complain(problem);
+    }
+    const int status = serve(server, options, directory, mask);
+    launch_remove_queues(directory);
+    server_close(server);
     return status;
 }
 
@@ -103,18 +124,15 @@ int serve(const RunOptions& options, Board& board, const std::string& directory,
 
 int board_run(const RunOptions& options) {
     std::string directory;
-    const std::string problem = launch_prepare(options, &directory);
+    const std::string problem = launch_directory(options.directory, &directory);
     if (!problem.empty()) {
-        return complain(problem);
+        complain(problem);
+        return options.directory.empty() ? kFailed : kUsageError;
     }
-    sigset_t mask;
-    block_signals(&mask);
-    const auto board = std::make_unique<Board>();
-    board_init(*board, options.board);
-    const std::string fault = apply_faults(*board, options);
-    if (!fault.empty()) {
-        clean_up(options, directory);
-        return complain(fault);
+    const int status = run_in(options, directory);
+    if (options.directory.empty() && !options.keep) {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory, ignored);
     }
-    return serve(options, *board, directory, mask);
+    return status;
 }

@@ -1,6 +1,7 @@
 #include "server/server.h"
 
 #include "interpose/wire.h"
+#include "server/board_socket.h"
 #include "server/control.h"
 
 #include <algorithm>
@@ -21,6 +22,8 @@ namespace {
 
 constexpr int kBacklog = 64;
 constexpr int kEventsAtOnce = 16;
+constexpr size_t kMostConnections = 256;  // far below the limit of descriptors
+constexpr int kTerminationLimitMs = 5000; // for a child, from SIGTERM to SIGKILL
 
 using Bytes = std::vector<uint8_t>;
 
@@ -93,9 +96,13 @@ void answer_spi_message(Board& board, ServerConnection& connection, const Reques
     set_result(reply, board_spi_message(board, connection.file, parts.data(), parts.size()));
 }
 
+bool is_setting(uint32_t number) {
+    return number <= static_cast<uint32_t>(BoardSpiSetting::speed_hz);
+}
+
 void answer_spi_set(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
     uint32_t value = 0;
-    if (request.header.length != sizeof value) {
+    if (request.header.length != sizeof value || !is_setting(request.header.number)) {
         return refuse(reply, EINVAL);
     }
     std::memcpy(&value, request.payload, sizeof value);
@@ -105,6 +112,9 @@ void answer_spi_set(Board& board, ServerConnection& connection, const Request& r
 
 void answer_spi_get(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
     uint32_t value = 0;
+    if (!is_setting(request.header.number)) {
+        return refuse(reply, EINVAL);
+    }
     set_result(reply, board_spi_get(board, connection.file,
                                     static_cast<BoardSpiSetting>(request.header.number), value));
     reply.payload.resize(sizeof value);
@@ -211,10 +221,15 @@ void watch(BoardServer& server, int fd) {
 
 void take_connection(BoardServer& server) {
     const int fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd >= 0) {
-        server.connections[fd] = {};
-        watch(server, fd);
+    if (fd < 0) {
+        return;
     }
+    if (server.connections.size() >= kMostConnections) {
+        close(fd);
+        return;
+    }
+    server.connections[fd] = {};
+    watch(server, fd);
 }
 
 void reap_child(BoardServer& server) {
@@ -240,30 +255,40 @@ void take_signal(BoardServer& server) {
     }
 }
 
-std::string socket_path(const std::string& directory) {
-    return directory + "/" + kWireSocketName;
-}
-
 std::string listen_in(BoardServer& server, const std::string& directory) {
-    const std::string path = socket_path(directory);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
+    sockaddr_un address;
+    if (!board_socket_address(directory, &address)) {
         return "the path of directory " + directory + " is too long for a socket: choose a shorter one";
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    server.listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (server.listener >= 0 &&
-        connect(server.listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    const int other = board_socket_connect(directory);
+    if (other >= 0) {
+        close(other);
         return "a board runs in " + directory + " already: choose another directory";
     }
-    unlink(path.c_str());
+    unlink(address.sun_path); // of a board that was killed
+    server.listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (server.listener < 0 ||
         bind(server.listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(server.listener, kBacklog) != 0) {
-        return "can't listen at " + path + ": " + std::strerror(errno);
+        return std::string("can't listen at ") + address.sun_path + ": " + std::strerror(errno);
     }
+    server.socket_path = address.sun_path;
     return "";
+}
+
+// Whether there is nothing to wait for any more.
+bool is_over(const BoardServer& server) {
+    return server.quit && server.child <= 0;
+}
+
+void handle_event(BoardServer& server, int fd) {
+    if (fd == server.listener) {
+        take_connection(server);
+    } else if (fd == server.signals) {
+        take_signal(server);
+    } else if (server.connections.count(fd) != 0) {
+        serve(server, fd);
+    }
 }
 
 } // namespace
@@ -290,26 +315,28 @@ std::string server_open(BoardServer& server, Board& board, const std::string& di
 }
 
 int server_run(BoardServer& server) {
-    while (!server.quit) {
+    bool terminated = false;
+    while (!is_over(server)) {
         std::array<epoll_event, kEventsAtOnce> events = {};
-        const int count = epoll_wait(server.events, events.data(), kEventsAtOnce, -1);
+        const int limit = terminated ? kTerminationLimitMs : -1;
+        const int count = epoll_wait(server.events, events.data(), kEventsAtOnce, limit);
         for (int i = 0; i < count; ++i) {
-            const int fd = events[static_cast<size_t>(i)].data.fd;
-            if (fd == server.listener) {
-                take_connection(server);
-            } else if (fd == server.signals) {
-                take_signal(server);
-            } else if (server.connections.count(fd) != 0) {
-                serve(server, fd);
-            }
+            handle_event(server, events[static_cast<size_t>(i)].data.fd);
+        }
+        if (server.quit && server.child > 0 && (!terminated || count == 0)) {
+            kill(server.child, terminated ? SIGKILL : SIGTERM);
+            terminated = true;
         }
     }
     return server.status;
 }
 
-void server_close(BoardServer& server, const std::string& directory) {
+void server_close(BoardServer& server) {
     while (!server.connections.empty()) {
         drop(server, server.connections.begin()->first);
+    }
+    if (!server.socket_path.empty()) {
+        unlink(server.socket_path.c_str());
     }
     for (int* fd : {&server.listener, &server.signals, &server.events}) {
         if (*fd >= 0) {
@@ -317,5 +344,4 @@ void server_close(BoardServer& server, const std::string& directory) {
             *fd = -1;
         }
     }
-    unlink(socket_path(directory).c_str());
 }

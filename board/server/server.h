@@ -16,12 +16,13 @@ struct ServerConnection {
 
 struct BoardServer {
     Board* board = nullptr;
+    std::string socket_path; // of the listener, empty: none
     int listener = -1;
     int signals = -1;
     int events = -1;
     pid_t child = -1;
-    int status = 0; // what the server ends with
-    bool quit = false;
+    int status = 0;    // what the server ends with
+    bool quit = false; // the end was asked for; a child is still waited for
     std::map<int, ServerConnection> connections;
 };
 
@@ -29,10 +30,11 @@ struct BoardServer {
 // went wrong, else empty.
 std::string server_open(BoardServer& server, Board& board, const std::string& directory);
 
-// Serves until the child has ended, or without one until SIGINT, SIGTERM or a quit request. Signals go on to
-// the child. Returns the child's exit code, 128 + n when signal n ended it, else 0.
+// Serves until the child has ended, or without one until SIGINT or SIGTERM; these go on to a child. A quit
+// request ends both. Returns the child's exit code, 128 + n when signal n ended it, else 0.
 int server_run(BoardServer& server);
 
-void server_close(BoardServer& server, const std::string& directory);
+// Gives everything back, the socket's file included.
+void server_close(BoardServer& server);
 
 #endif

@@ -1,0 +1,156 @@
+// The command line of tavor-board.
+#include "server/options.h"
+#include "support/capture.h"
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int kGoOn = -1;
+constexpr int kUsageError = 2;
+
+struct BoardOptionsTest : testing::Test {
+    int read(std::vector<std::string> words) {
+        words.insert(words.begin(), "tavor-board");
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        options = {};
+        testing::internal::CaptureStderr();
+        int code = 0;
+        out = capture_stdout(
+            [&] { code = read_options(static_cast<int>(arguments.size()), arguments.data(), &options); });
+        err = testing::internal::GetCapturedStderr();
+        return code;
+    }
+
+    Options options;
+    std::string out;
+    std::string err;
+};
+
+TEST_F(BoardOptionsTest, TheDefaultsAreTheBoardsOwn) {
+    ASSERT_EQ(read({"run"}), kGoOn) << err;
+    EXPECT_EQ(options.action, Options::Action::kRun);
+    EXPECT_EQ(options.run.board.spi_path, "/dev/spidev1.0");
+    EXPECT_EQ(options.run.board.power_pin, 17);
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
+    EXPECT_EQ(options.run.board.chip.rate_hz, 1U);
+    EXPECT_TRUE(options.run.directory.empty());
+    EXPECT_TRUE(options.run.program.empty());
+}
+
+TEST_F(BoardOptionsTest, EverythingBehindTheDashesIsTheProgram) {
+    ASSERT_EQ(read({"run", "--rate", "5", "--", "prog", "--rate", "7", "-x"}), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.rate_hz, 5U);
+    EXPECT_EQ(options.run.program, (std::vector<std::string>{"prog", "--rate", "7", "-x"}));
+
+    ASSERT_EQ(read({"exec", "--dir", "/d", "--", "prog", "--help"}), kGoOn) << err;
+    EXPECT_EQ(options.action, Options::Action::kExec);
+    EXPECT_EQ(options.exec.program, (std::vector<std::string>{"prog", "--help"}));
+}
+
+TEST_F(BoardOptionsTest, TheSourceIsATrajectoryALogOrNothing) {
+    const PrivateDir place;
+    const std::string log = place.write("log.nmea", "$GPGGA*00\r\n");
+    ASSERT_EQ(read({"run", "--source", "replay", log, "--loop", "--full-speed", "--", "prog"}), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::replay);
+    EXPECT_EQ(options.run.board.chip.replay, "$GPGGA*00\r\n");
+    EXPECT_TRUE(options.run.board.chip.loop);
+    EXPECT_TRUE(options.run.board.chip.full_speed);
+    EXPECT_EQ(options.run.program.size(), 1U);
+
+    ASSERT_EQ(read({"run", "--source", "none"}), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::none);
+    ASSERT_EQ(read({"run", "--source", "trajectory", "--", "prog"}), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
+}
+
+TEST_F(BoardOptionsTest, ChipOptionsReachTheChip) {
+    ASSERT_EQ(read({"run",        "--sentences", "9",           "--rx-window", "64",          "--busy-polls",
+                    "3",          "--seed",      "4",           "--aiding",    "--first-fix", "500",
+                    "--latitude", "-33.5",       "--longitude", "-70.25",      "--altitude",  "520",
+                    "--speed",    "1.5",         "--course",    "90"}),
+              kGoOn)
+        << err;
+    const ChipOptions& chip = options.run.board.chip;
+    EXPECT_EQ(chip.sentence_limit, 9U);
+    EXPECT_EQ(chip.rx_window, 64U);
+    EXPECT_EQ(chip.busy_polls, 3U);
+    EXPECT_EQ(chip.seed, 4U);
+    EXPECT_TRUE(chip.aiding_requests);
+    EXPECT_EQ(chip.time_to_first_fix_ms, 500U);
+    EXPECT_EQ(chip.latitude, -33.5);
+    EXPECT_EQ(chip.longitude, -70.25);
+    EXPECT_EQ(chip.altitude_m, 520.0);
+    EXPECT_EQ(chip.speed_mps, 1.5);
+    EXPECT_EQ(chip.course_deg, 90.0);
+}
+
+TEST_F(BoardOptionsTest, FaultsAndConfigurationMayBeRepeated) {
+    ASSERT_EQ(read({"run", "--fault", "silence=on", "--fault", "transfer-fail=every:3", "--conf", "A b=1=2",
+                    "--conf", "C="}),
+              kGoOn)
+        << err;
+    ASSERT_EQ(options.run.faults.size(), 2U);
+    EXPECT_EQ(options.run.faults[1], std::make_pair(std::string("transfer-fail"), std::string("every:3")));
+    EXPECT_EQ(options.run.configuration, (std::vector<std::string>{"A b=1=2", "C="}));
+}
+
+TEST_F(BoardOptionsTest, WrongOptionsSayWhatIsWrong) {
+    const std::pair<std::vector<std::string>, const char*> wrong[] = {
+        {{}, "A command is required"},
+        {{"walk"}, "walk"},
+        {{"run", "--rate", "0"}, "rate is not within 1 to 10 Hz"},
+        {{"run", "--rate", "11"}, "rate is not within 1 to 10 Hz"},
+        {{"run", "--rate", "x"}, "--rate"},
+        {{"run", "--nope"}, "--nope"},
+        {{"run", "--source", "replay"}, "replay takes a file"},
+        {{"run", "--source", "replay", "/missing"}, "can't read /missing"},
+        {{"run", "--source", "moon"}, "\"moon\" is none of trajectory, replay FILE, none"},
+        {{"run", "--source", "none", "file"}, "replay takes a file"},
+        {{"run", "--fault", "silence"}, "\"silence\" is not NAME=VALUE"},
+        {{"run", "--fault", "=on"}, "is not NAME=VALUE"},
+        {{"run", "--fault", "nope=on"}, "no fault is called \"nope\""},
+        {{"run", "--fault", "silence=maybe"}, "silence"},
+        {{"run", "--conf", "x"}, "\"x\" is not NAME=VALUE"},
+        {{"run", "--spi-path", "/dev/null"}, "must begin with /dev/spidev"},
+        {{"run", "--power-gpio", "512"}, "--power-gpio"},
+        {{"run", "--power-gpio", "-1"}, "--power-gpio"},
+        {{"run", "--latitude", "91"}, "latitude"},
+        {{"exec", "--", "prog"}, "--dir is required"},
+        {{"exec", "--dir", "/d"}, "program"},
+        {{"ctl", "status"}, "--dir is required"},
+        {{"ctl", "--dir", "/d"}, "A command is required"},
+        {{"ctl", "--dir", "/d", "nope"}, "nope"},
+    };
+    for (const auto& [words, text] : wrong) {
+        EXPECT_EQ(read(words), kUsageError) << testing::PrintToString(words);
+        EXPECT_NE(err.find(text), std::string::npos) << testing::PrintToString(words) << err;
+        EXPECT_EQ(out, "") << testing::PrintToString(words);
+    }
+}
+
+TEST_F(BoardOptionsTest, HelpHasExamplesEverywhere) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--help"}, {"run", "--help"}, {"exec", "--help"}, {"ctl", "--help"}}) {
+        EXPECT_EQ(read(words), 0) << testing::PrintToString(words);
+        EXPECT_NE(out.find("Examples:"), std::string::npos) << testing::PrintToString(words) << out;
+        EXPECT_EQ(err, "");
+    }
+    EXPECT_EQ(read({"ctl", "send", "--help"}), 0);
+    EXPECT_NE(out.find("--hex"), std::string::npos) << out;
+    EXPECT_EQ(read({"--version"}), 0);
+    EXPECT_EQ(out.rfind("tavor-board ", 0), 0U) << out;
+}
+
+TEST_F(BoardOptionsTest, HelpNamesEveryFault) {
+    ASSERT_EQ(read({"run", "--help"}), 0);
+    for (const ChipFaultInfo& fault : chip_fault_table()) {
+        EXPECT_NE(out.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
+    }
+}
+
+} // namespace

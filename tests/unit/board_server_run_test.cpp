@@ -1,0 +1,375 @@
+// A board and programs on it, from the command line.
+#include "interpose/paths.h"
+#include "system/harness.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sys/msg.h>
+
+namespace {
+
+constexpr int kUsageError = 2;
+constexpr int kNoBoard = 3;
+constexpr int kNotStarted = 127;
+
+RunResult tool(const Arguments& arguments) {
+    Arguments all = {TAVOR_BOARD_PROGRAM};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run_program(all);
+}
+
+RunResult run_probe(const Arguments& probe, const Arguments& options = {}) {
+    Arguments all = {"run"};
+    all.insert(all.end(), options.begin(), options.end());
+    all.insert(all.end(), {"--", TAVOR_PROBE_PROGRAM});
+    all.insert(all.end(), probe.begin(), probe.end());
+    return tool(all);
+}
+
+RunResult exec_probe(const SimulatedBoard& board, const std::string& probe) {
+    return tool({"exec", "--dir", board.directory.path, "--", TAVOR_PROBE_PROGRAM, probe});
+}
+
+// Directory that a run told it uses.
+std::string ready_directory(const std::string& text) {
+    const size_t at = text.find("ready ");
+    return at == std::string::npos ? "" : text.substr(at + 6, text.find('\n', at) - at - 6);
+}
+
+bool queue_exists(const std::string& directory) {
+    interpose_set_root(directory);
+    const bool exists = msgget(interpose_map_key(1234), 0) >= 0;
+    interpose_set_root("");
+    return exists;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// A program that waits on the board, and its output.
+struct Waiting {
+    Waiting(const PrivateDir& place, const Arguments& arguments)
+        : output(place.path / "waiting.log"), process(arguments, output) {
+        EXPECT_TRUE(wait_until([&] { return contains(place.read("waiting.log"), "waiting "); }))
+            << place.read("waiting.log");
+    }
+
+    std::string output;
+    Child process;
+};
+
+TEST(BoardRun, AProgramTalksToTheChip) {
+    const RunResult result = run_probe({"spi"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "mode 3\nbits 8\nspeed 12000000\ntransfer 4\nfirst 255\nrefused 22\nunknown 25\n")
+        << "255: the chip is off";
+}
+
+TEST(BoardRun, AProgramDrivesTheLines) {
+    const SimulatedBoard board;
+    EXPECT_EQ(board.ctl({"power"}), "off\n");
+    EXPECT_EQ(exec_probe(board, "gpio").out,
+              "before -1\n/sys/class/gpio/export 2\nafter 0\n/sys/class/gpio/gpio17/direction 3\n"
+              "/sys/class/gpio/gpio17/value 1\nread 4\ndirection out\n");
+    EXPECT_EQ(board.ctl({"power"}), "on\n") << "the level outlives the program";
+}
+
+TEST(BoardRun, TheChipCountsWhatComes) {
+    const SimulatedBoard board;
+    exec_probe(board, "gpio");
+    exec_probe(board, "spi");
+    EXPECT_EQ(board.status("transfers"), 1);
+    EXPECT_EQ(board.status("spi_mode"), 3);
+    EXPECT_EQ(board.status("spi_speed_hz"), 12000000);
+    EXPECT_EQ(board.status("cold_boots"), 1);
+}
+
+TEST(BoardRun, FixedPathsLieInTheDirectory) {
+    const SimulatedBoard board;
+    EXPECT_EQ(exec_probe(board, "files").out, board.directory.read("etc/default/tavor/tavor.conf"));
+    EXPECT_EQ(board.directory.read("tmp/head.out"), "header");
+    EXPECT_EQ(exec_probe(board, "socket").out, "bind 0\n" + board.socket_path() + "\n");
+}
+
+TEST(BoardRun, TheConfigurationFollowsTheOptions) {
+    const RunResult result =
+        run_probe({"files"}, {"--spi-path", "/dev/spidev3.1", "--power-gpio", "5", "--conf",
+                              "LOG path=/tmp/x", "--conf", "debug socket port=7105"});
+    EXPECT_EQ(result.out, "LOG path=/tmp/x\ndebug socket port=7105\nSPI port path=/dev/spidev3.1\n"
+                          "Power control gpio=5\ndebug socket ip=127.0.0.1\n");
+}
+
+TEST(BoardRun, AnExistingConfigurationIsKeptButForWhatContradicts) {
+    const PrivateDir place;
+    const std::string file = "etc/default/tavor/tavor.conf";
+    const std::string mine = "SPI port path=/dev/spidev1.0\nSPI frequency=1000000\nPower control gpio=17\n";
+    place.write(file, mine);
+
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path}).status, 0);
+    EXPECT_EQ(place.read(file), mine);
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path, "--power-gpio", "4"}).status, 0);
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path, "--power-gpio", "4"}).status, 0);
+    EXPECT_EQ(place.read(file), "Power control gpio=4\n" + mine) << "once";
+}
+
+TEST(BoardRun, AnotherNodeIsTheChipsWhenItIsAskedFor) {
+    EXPECT_FALSE(contains(run_probe({"missing"}).out, "open -1"));
+    const RunResult moved = run_probe({"missing"}, {"--spi-path", "/dev/spidev0.0"});
+    EXPECT_EQ(moved.out, "open -1\nerror 2\n");
+}
+
+TEST(BoardRun, TheExitCodeIsTheProgramsOwn) {
+    EXPECT_EQ(run_probe({"exit", "0"}).status, 0);
+    EXPECT_EQ(run_probe({"exit", "42"}).status, 42);
+    EXPECT_EQ(tool({"run", "--", "sh", "-c", "kill -9 $$"}).status, 128 + SIGKILL);
+    const RunResult none = tool({"run", "--", "/missing/program"});
+    EXPECT_EQ(none.status, kNotStarted);
+    EXPECT_TRUE(contains(none.err, "tavor-board: can't start /missing/program: No such file or directory\n"));
+}
+
+TEST(BoardRun, TheProgramsOutputIsPassedThroughOrLogged) {
+    const PrivateDir place;
+    EXPECT_EQ(tool({"run", "--", "echo", "hello"}).out, "hello\n");
+    const std::string log = place.write("log", "before\n");
+    const RunResult logged = tool({"run", "--log", log, "--", "echo", "hello"});
+    EXPECT_EQ(logged.out, "");
+    EXPECT_EQ(place.read("log"), "before\nhello\n");
+    EXPECT_EQ(tool({"run", "--log", "/missing/log", "--", "echo", "hello"}).status, kNotStarted);
+}
+
+TEST(BoardRun, SignalsReachTheProgram) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const PrivateDir place;
+        Waiting run(place, {TAVOR_BOARD_PROGRAM, "run", "--", TAVOR_PROBE_PROGRAM, "wait"});
+        EXPECT_EQ(run.process.end(signal), 128 + signal);
+    }
+}
+
+TEST(BoardRun, NothingIsLeftAtTheEnd) {
+    const PrivateDir place;
+    Waiting run(place, {TAVOR_BOARD_PROGRAM, "run", "--", TAVOR_PROBE_PROGRAM, "wait"});
+    const std::string text = place.read("waiting.log");
+    const std::string directory = ready_directory(text);
+    const pid_t program = std::stoi(text.substr(text.find("waiting ") + 8));
+    ASSERT_TRUE(queue_exists(directory));
+    ASSERT_EQ(::kill(program, 0), 0);
+
+    run.process.end(SIGTERM);
+    EXPECT_FALSE(std::filesystem::exists(directory));
+    EXPECT_FALSE(queue_exists(directory));
+    EXPECT_EQ(::kill(program, 0), -1);
+}
+
+TEST(BoardRun, AKilledBoardTakesItsProgramWithIt) {
+    const PrivateDir place;
+    Waiting run(place, {TAVOR_BOARD_PROGRAM, "run", "--dir", place.path, "--", TAVOR_PROBE_PROGRAM, "wait"});
+    const std::string text = place.read("waiting.log");
+    const std::string stat =
+        "/proc/" + std::to_string(std::stoi(text.substr(text.find("waiting ") + 8))) + "/stat";
+    run.process.end(SIGKILL);
+    EXPECT_TRUE(wait_until([&] {
+        std::ifstream file(stat);
+        std::string pid, name, state;
+        return !(file >> pid >> name >> state) || state == "Z";
+    }));
+    ASSERT_TRUE(queue_exists(place.path));
+    EXPECT_EQ(run_probe({"exit", "5"}, {"--dir", place.path}).status, 5) << "the directory can be used again";
+    EXPECT_FALSE(queue_exists(place.path));
+}
+
+TEST(BoardRun, AGivenOrKeptDirectoryStays) {
+    const PrivateDir place;
+    ASSERT_EQ(run_probe({"files"}, {"--dir", place.path / "board"}).status, 0);
+    EXPECT_EQ(place.read("board/tmp/head.out"), "header");
+    EXPECT_FALSE(std::filesystem::exists(place.path / "board/board.sock"));
+
+    const RunResult kept = run_probe({"files"}, {"--keep"});
+    const std::filesystem::path directory = ready_directory(kept.err);
+    ASSERT_FALSE(directory.empty());
+    EXPECT_TRUE(std::filesystem::exists(directory / "tmp/head.out"));
+    std::filesystem::remove_all(directory);
+}
+
+TEST(BoardRun, TwoBoardsRunSideBySide) {
+    const SimulatedBoard left;
+    const SimulatedBoard right;
+    exec_probe(left, "gpio");
+    EXPECT_EQ(left.ctl({"power"}), "on\n");
+    EXPECT_EQ(right.ctl({"power"}), "off\n");
+
+    exec_probe(left, "queue");
+    EXPECT_TRUE(queue_exists(left.directory.path));
+    EXPECT_FALSE(queue_exists(right.directory.path));
+}
+
+TEST(BoardRun, OneDirectoryHasOneBoard) {
+    const SimulatedBoard board;
+    exec_probe(board, "queue");
+    const RunResult second = tool({"run", "--dir", board.directory.path, "--conf", "SPI frequency=1"});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.err, "tavor-board: a board runs in " + board.directory.path.string() +
+                              " already: choose another directory\n");
+    EXPECT_EQ(board.ctl({"power"}), "off\n") << "the first goes on";
+    EXPECT_TRUE(queue_exists(board.directory.path));
+    EXPECT_FALSE(contains(board.directory.read("etc/default/tavor/tavor.conf"), "SPI frequency"));
+}
+
+TEST(BoardRun, AKilledProgramLeavesTheBoardForTheNext) {
+    const SimulatedBoard board;
+    for (int round = 0; round < 3; ++round) {
+        const std::string path = board.directory.path;
+        Waiting program(board.directory,
+                        {TAVOR_BOARD_PROGRAM, "exec", "--dir", path, "--", TAVOR_PROBE_PROGRAM, "wait"});
+        EXPECT_EQ(program.process.end(SIGKILL), 128 + SIGKILL);
+        std::filesystem::remove(program.output);
+    }
+    EXPECT_TRUE(contains(exec_probe(board, "spi").out, "transfer 4\n"));
+    EXPECT_EQ(board.status("transfers"), 4);
+}
+
+TEST(BoardRun, ExecBecomesTheProgram) {
+    const SimulatedBoard board;
+    const std::string path = board.directory.path;
+    Waiting program(board.directory,
+                    {TAVOR_BOARD_PROGRAM, "exec", "--dir", path, "--", TAVOR_PROBE_PROGRAM, "wait"});
+    EXPECT_TRUE(
+        contains(board.directory.read("waiting.log"), "waiting " + std::to_string(program.process.pid)));
+}
+
+TEST(BoardRun, ExecNeedsABoard) {
+    const PrivateDir place;
+    const RunResult result = tool({"exec", "--dir", place.path, "--", "true"});
+    EXPECT_EQ(result.status, kNoBoard);
+    EXPECT_EQ(result.err, "tavor-board: no board runs in " + place.path.string() +
+                              ": start one with 'tavor-board run --dir " + place.path.string() + "'\n");
+    EXPECT_EQ(tool({"ctl", "--dir", place.path, "status"}).status, kNoBoard);
+}
+
+TEST(BoardRun, ACancelledThreadLeavesTheNodeInStep) {
+    EXPECT_EQ(run_probe({"cancel"}).out, "cancelled 50\n");
+}
+
+TEST(BoardRun, NodesOfABoardThatIsGoneFail) {
+    SimulatedBoard board;
+    const std::string path = board.directory.path;
+    // The shell is started while the board runs; its second command meets no board.
+    const RunResult result = tool(
+        {"exec", "--dir", path, "--", "sh", "-c",
+         "\"$0\" ctl --dir \"$1\" quit; while \"$0\" ctl --dir \"$1\" power 2>&1; do :; done; \"$2\" missing",
+         TAVOR_BOARD_PROGRAM, path, TAVOR_PROBE_PROGRAM});
+    EXPECT_TRUE(contains(result.out, "open -1\nerror 2\n")) << result.out << result.err;
+    EXPECT_TRUE(wait_until([&] { return !board.process->running(); }));
+    EXPECT_EQ(board.process->exit_code, 0);
+}
+
+TEST(BoardRun, QuitEndsTheProgramToo) {
+    const PrivateDir place;
+    for (const auto& [probe, status] :
+         {std::pair{"wait", 128 + SIGTERM}, std::pair{"stubborn", 128 + SIGKILL}}) {
+        Waiting run(place,
+                    {TAVOR_BOARD_PROGRAM, "run", "--dir", place.path, "--", TAVOR_PROBE_PROGRAM, probe});
+        EXPECT_EQ(tool({"ctl", "--dir", place.path, "quit"}).status, 0);
+        EXPECT_TRUE(wait_until([&] { return !run.process.running(); }));
+        EXPECT_EQ(run.process.exit_code, status) << probe;
+        std::filesystem::remove(run.output);
+    }
+}
+
+TEST(BoardRun, ThePathOfADirectoryMustLeaveRoomForSockets) {
+    const std::string path = "/tmp/" + std::string(70, 'd');
+    const RunResult result = tool({"run", "--dir", path, "--", "true"});
+    std::filesystem::remove(path);
+    EXPECT_EQ(result.status, kUsageError);
+    EXPECT_EQ(result.err, "tavor-board: directory " + path +
+                              " has 75 characters, sockets in it allow 74: choose a shorter path\n");
+}
+
+TEST(BoardRun, ThePreloadLibraryRefusesAProgramWithoutABoard) {
+    const SimulatedBoard board;
+    const RunResult result =
+        tool({"exec", "--dir", board.directory.path, "--", "env", "-u", "TAVOR_BOARD_DIR", "true"});
+    EXPECT_EQ(result.status, kNotStarted);
+    EXPECT_TRUE(contains(
+        result.err, "tavor_board: TAVOR_BOARD_DIR is \"\", it must name the directory of a running board\n"));
+}
+
+TEST(BoardControl, FaultsBeginAndEnd) {
+    const SimulatedBoard board({"--fault", "silence=on"});
+    EXPECT_TRUE(contains(board.ctl({"status"}), "silence on"));
+    board.fault("silence", "off");
+    EXPECT_FALSE(contains(board.ctl({"status"}), "silence on"));
+    EXPECT_TRUE(contains(board.ctl({"fault", "--list"}), "never-ready"));
+
+    const RunResult wrong = tool({"ctl", "--dir", board.directory.path, "fault", "nope", "on"});
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.err, "tavor-board: no fault is called \"nope\"\n");
+}
+
+TEST(BoardControl, SentencesAreInjected) {
+    const SimulatedBoard board({"--source", "none"});
+    const std::string file = board.directory.write("bytes", std::string("\x04\x24\0\xFF", 4));
+    exec_probe(board, "gpio"); // power
+    board.ctl({"send", "GNTXT,01,01,02,hello"});
+    EXPECT_EQ(board.status("bytes_queued"), 26);
+    board.ctl({"send", "--hex", "04240aFF"});
+    EXPECT_EQ(board.status("bytes_queued"), 30);
+    board.ctl({"send", "--file", file});
+    EXPECT_EQ(board.status("bytes_queued"), 34);
+}
+
+TEST(BoardControl, WrongCommandsAreUsageErrors) {
+    const SimulatedBoard board;
+    const std::string path = board.directory.path;
+    for (const Arguments& wrong : std::vector<Arguments>{{},
+                                                         {"nope"},
+                                                         {"fault", "silence"},
+                                                         {"send"},
+                                                         {"send", "--hex", "0"},
+                                                         {"send", "--hex", "zz"},
+                                                         {"send", "--file", "/missing"},
+                                                         {"send", "A", "--hex", "00"},
+                                                         {"rate"},
+                                                         {"rate", "fast"}}) {
+        Arguments all = {"ctl", "--dir", path};
+        all.insert(all.end(), wrong.begin(), wrong.end());
+        const RunResult result = tool(all);
+        EXPECT_EQ(result.status, kUsageError) << testing::PrintToString(wrong);
+        EXPECT_FALSE(result.err.empty()) << testing::PrintToString(wrong);
+    }
+    EXPECT_EQ(tool({"ctl", "--dir", path, "rate", "11"}).status, 1) << "the board refuses";
+    EXPECT_EQ(tool({"ctl", "--dir", path, "rate", "10"}).status, 0);
+}
+
+TEST(BoardControl, StatusIsOneJsonObject) {
+    const SimulatedBoard board;
+    const auto status = nlohmann::json::parse(board.ctl({"status", "--json"}));
+    EXPECT_EQ(status["powered"], false);
+    EXPECT_EQ(status["transfers"], 0);
+    EXPECT_TRUE(status["aiding_time"]["verdict"].is_null());
+}
+
+TEST(BoardSpeed, ATransferTakesWellUnderAMillisecond) {
+    const RunResult result = run_probe({"speed"});
+    ASSERT_EQ(result.status, 0);
+    EXPECT_LT(std::stoi(result.out.substr(13)), 1000) << result.out;
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+TEST(BoardSanitizer, AProgramsFaultIsFoundOnTheBoardToo) {
+    const RunResult result = run_probe({"overrun"});
+    EXPECT_NE(result.status, 0);
+    EXPECT_TRUE(contains(result.err, "heap-buffer-overflow")) << result.err;
+}
+#endif
+
+TEST(BoardSanitizer, PlainProgramsRunBesideTheLibrary) {
+    const RunResult result = tool({"run", "--", "cat", "/etc/default/tavor/tavor.conf"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(contains(result.out, "Power control gpio=17\n"));
+}
+
+} // namespace
