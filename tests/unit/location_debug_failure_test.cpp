@@ -11,6 +11,8 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
 #include <unistd.h>
 
 namespace {
@@ -70,6 +72,18 @@ TEST_F(DebugFailureTest, NoQueueFailsTheStart) {
     EXPECT_EQ(location_debug_start(), 0);
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(line.master, 6), "$GPGGA");
+}
+
+TEST_F(DebugFailureTest, QueueFoundAtStartIsEmptiedBeforeATaskReadsIt) {
+    const int queue = msgget(1235, IPC_CREAT | IPC_EXCL | 0666);
+    const struct {
+        long type;
+        char body[16];
+    } left_over{.type = 1, .body = {}};
+    ASSERT_EQ(msgsnd(queue, &left_over, sizeof left_over.body, 0), 0);
+    interpose_fail("pthread_create", 1, EAGAIN);
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), -1);
+    EXPECT_EQ(messages_in_queue(), 0U);
 }
 
 TEST_F(DebugFailureTest, FailedAcceptIsReportedAndTriedAgain) {

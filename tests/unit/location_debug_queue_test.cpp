@@ -34,11 +34,6 @@ void send_foreign(int queue, long type, size_t size) {
     ASSERT_EQ(msgsnd(queue, &message, size, 0), 0);
 }
 
-size_t messages_in(int queue) {
-    msqid_ds status{};
-    return msgctl(queue, IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
-}
-
 } // namespace
 
 TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
@@ -49,14 +44,14 @@ TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
     const auto client = start_with_client();
     EXPECT_EQ(log_lines()[0],
               "[LOCSERV] INF: [debug]location_debug_start, msgid exist:" + std::to_string(queue));
-    EXPECT_EQ(messages_in(queue), 0U);
+    EXPECT_EQ(messages_in_queue(), 0U);
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
 }
 
 TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
     const auto client = start_with_client();
-    const int queue = msgget(kQueueKey, 0);
+    const int queue = debug_queue();
     ASSERT_NE(queue, -1);
     for (const size_t size : {size_t{16}, size_t{0}, size_t{3}, size_t{17}, size_t{64}}) {
         send_foreign(queue, 1, size);
@@ -64,14 +59,14 @@ TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
     }
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
-    EXPECT_EQ(messages_in(queue), 0U);
+    EXPECT_EQ(messages_in_queue(), 0U);
 }
 
 TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
-    const int queue = msgget(kQueueKey, 0);
+    const int queue = debug_queue();
     const std::string block(4095, 'x');
-    while (messages_in(queue) < 20) { // the line takes no more
+    while (messages_in_queue() < 20) { // the line takes no more
         handle_text(block);
     }
     handle_text("last");
@@ -89,17 +84,16 @@ TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive
 
 TEST_F(DebugQueueTest, WhatIsInTheQueueAtCloseIsFreed) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
-    const int queue = msgget(kQueueKey, 0);
-    while (messages_in(queue) < 20) {
+    while (messages_in_queue() < 20) {
         handle_text(std::string(4095, 'x'));
     }
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
-    EXPECT_EQ(msgget(kQueueKey, 0), -1);
+    EXPECT_EQ(debug_queue(), -1);
 }
 
 TEST_F(DebugQueueTest, QueueRemovedFromOutsideFailsTheSendAndMakesNoBusyLoop) {
     const auto client = start_with_client();
-    ASSERT_EQ(msgctl(msgget(kQueueKey, 0), IPC_RMID, nullptr), 0);
+    ASSERT_EQ(msgctl(debug_queue(), IPC_RMID, nullptr), 0);
     handle_text("lost");
     EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!"), 1U);
     location_debug_close();

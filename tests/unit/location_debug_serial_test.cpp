@@ -6,8 +6,6 @@
 #include <chrono>
 #include <ctime>
 #include <pthread.h>
-#include <sys/ipc.h>
-#include <sys/msg.h>
 #include <thread>
 
 namespace {
@@ -48,20 +46,6 @@ std::string escaped(const std::string& plain) {
         }
     }
     return out;
-}
-
-// Makes the outlet's queue full with one message in it.
-void hold_one_message() {
-    const int queue = msgget(1235, 0);
-    msqid_ds status{};
-    ASSERT_EQ(msgctl(queue, IPC_STAT, &status), 0);
-    status.msg_qbytes = 16;
-    ASSERT_EQ(msgctl(queue, IPC_SET, &status), 0);
-}
-
-size_t messages_in_queue() {
-    msqid_ds status{};
-    return msgctl(msgget(1235, 0), IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
 }
 
 double processor_seconds() {
@@ -144,7 +128,7 @@ TEST_F(DebugSerialTest, LineThatHangsUpMakesNoBusyLoop) {
     const double before = processor_seconds();
     line.hang_up();
     std::this_thread::sleep_for(std::chrono::seconds(1)); // the span that is measured
-    EXPECT_LT(processor_seconds() - before, 0.5);
+    EXPECT_LT(processor_seconds() - before, 0.05);
     handle_text("lost");
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
 }
@@ -215,16 +199,19 @@ TEST_F(DebugSerialTest, BlockIsDroppedWhenNothingWasTakenForASecondAndLaterOnesA
 
 TEST_F(DebugSerialTest, NewOutletGetsItsFullSecond) {
     open_line();
-    const std::string block(1024, 'x');
-    fill_until_dropped(block);
-    location_debug_close();
-    ASSERT_EQ(location_debug_start(), 0);
-    const auto start = Clock::now();
-    const size_t dropped = log_count(kSendFail);
-    while (log_count(kSendFail) == dropped) {
-        handle_text(block);
+    hold_one_message();
+    const std::string block(60'000, 'x'); // more than the line holds
+    for (int round = 0; round < 3; ++round) {
+        const auto start = Clock::now();
+        const size_t dropped = log_count(kSendFail);
+        while (log_count(kSendFail) == dropped) {
+            handle_text(block);
+        }
+        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900)) << round;
+        location_debug_close();
+        ASSERT_EQ(location_debug_start(), 0);
+        hold_one_message();
     }
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900));
 }
 
 TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {

@@ -136,6 +136,21 @@ TEST_F(DebugTcpTest, ClientThatNeverReadsHoldsUpNobody) {
     EXPECT_EQ(log_count("Fail"), 0U);
 }
 
+TEST_F(DebugTcpTest, StreamFasterThanTheTaskWaitsAndLosesNothing) {
+    const auto client = connect_listed(1);
+    hold_one_message();
+    const std::string block(20, 'b');
+    size_t blocks = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start <
+           std::chrono::seconds(2)) { // longer than a stall may last
+        handle_text(block);
+        ++blocks;
+    }
+    EXPECT_EQ(read_bytes(client->fd, blocks * block.size()).size(), blocks * block.size());
+    EXPECT_EQ(log_count("Fail"), 0U);
+}
+
 TEST_F(DebugTcpTest, NewClientMakesTheLastInputGoToTheChipAgain) {
     const auto first = connect_listed(1);
     first->send("abc");

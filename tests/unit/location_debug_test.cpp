@@ -13,7 +13,7 @@ const std::string kWriteFail = "[LOCSERV] ERR: [debug] write to file fail";
 std::string content_of(const std::string& path) {
     PrivateDir reader; // reads any path: an absolute name replaces its own
     reader.path = "/";
-    const std::string content = reader.read(path);
+    std::string content = reader.read(path);
     reader.path.clear();
     return content;
 }
