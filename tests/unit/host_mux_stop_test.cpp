@@ -377,6 +377,22 @@ TEST_F(HostMuxStop, CancelHoldGivesBackTheStateOfItsCaller) {
     EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
 }
 
+TEST_F(HostMuxStop, RoundInsideTwoHoldsIsCancelledWhenTheirCallerAllowsIt) {
+    pthread_t thread{};
+    const auto body = [](void*) -> void* {
+        const HostMuxCancelHold outer;
+        const HostMuxCancelHold inner;
+        for (int round = 0; round < 20000 && host_mux_next_round(); ++round) {
+        }
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+    pthread_cancel(thread);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
 TEST_F(HostMuxStop, WithoutAMutexNothingIsTaken) {
     EXPECT_FALSE(host_mux_take(nullptr));
 }

@@ -1,5 +1,6 @@
 // Both directions at once: the mutex keeps transfers apart and lets each direction in.
 #include "host_mux_fixture.h"
+#include "link/host_mux_lock.h"
 
 #include <chrono>
 
@@ -52,25 +53,31 @@ TEST_F(HostMuxThreads, BothDirectionsAtOnceKeepTheirBytes) {
     expect_usable();
 }
 
-TEST_F(HostMuxThreads, SenderGetsInBetweenReceivesWithoutPause) {
-    slave.announced = 1;
-    slave.to_host.assign(5'000'000, 'x');
-    std::atomic<bool> stop{false};
-    size_t receives = 0;
-    capture_stdout([&] {
-        std::thread receiver([&] {
-            uint8_t byte = 0;
-            while (!stop) {
-                uint32_t length = 1;
-                host_mux_rx(&handle, &byte, &length);
-                ++receives;
-            }
-        });
-        send_all(Bytes(20, 'y'));
-        stop = true;
-        receiver.join();
+TEST_F(HostMuxThreads, TakingPausesAsLongAsAnotherThreadWaits) {
+    const port_platform_mutex free_mutex = port_platform_create_mutex();
+    const auto take_free = [free_mutex] {
+        EXPECT_TRUE(host_mux_take(free_mutex));
+        port_platform_give_mutex(free_mutex);
+    };
+    take_free();
+    EXPECT_EQ(sleeps_of(100), 0U);
+
+    ASSERT_EQ(pthread_mutex_lock(g_host_mux_spi_master_mutex), 0);
+    std::thread waiter([] {
+        EXPECT_TRUE(host_mux_take(g_host_mux_spi_master_mutex));
+        port_platform_give_mutex(g_host_mux_spi_master_mutex);
     });
-    EXPECT_EQ(slave.from_host, Bytes(20, 'y'));
-    EXPECT_LT(receives, 100000U);
-    slave.to_host.clear();
+    const auto end = std::chrono::steady_clock::now() + kLimit;
+    while (sleeps_of(100) == 0 && std::chrono::steady_clock::now() < end) {
+        take_free();
+    }
+    EXPECT_GT(sleeps_of(100), 0U);
+    pthread_mutex_unlock(g_host_mux_spi_master_mutex);
+    waiter.join();
+
+    reset_sleeps();
+    take_free();
+    EXPECT_EQ(sleeps_of(100), 0U);
+    port_platform_mutex unused = free_mutex;
+    port_platform_destroy_mutex(&unused);
 }
