@@ -1,4 +1,5 @@
-// One-shot timers whose callback runs on a thread of its own.
+// One-shot timers whose callback runs on a thread of its own. A null handle is no timer: what changes one
+// gives -1.
 #ifndef TAVOR_LOCATION_TIMER_H
 #define TAVOR_LOCATION_TIMER_H
 

@@ -46,7 +46,7 @@ void* port_platform_malloc(size_t size);
 void port_platform_free(void* memory);
 
 void port_platform_delay_us(uint32_t us);
-void port_platform_delay_ms(uint32_t ms);
+void port_platform_delay_ms(uint32_t ms); // at most 4294967
 // Sleeps the whole time, also across signals.
 void port_platform_sleep_ms(uint32_t ms);
 
