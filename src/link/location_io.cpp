@@ -101,6 +101,7 @@ void* location_io_rx_task(void* /*unused*/) {
     std::memset(state.buffer, 0, sizeof state.buffer);
     state.fill = 0;
     for (;;) {
+        pthread_testcancel(); // a chip that always has data keeps the thread from every other such point
         const int32_t n =
             location_serial_port_gnss_read(state.buffer + state.fill, kReceiveBufferSize - state.fill);
         if (n < 1) {

@@ -27,6 +27,7 @@ using std::string;
 
 constexpr uint32_t kBufferSize = 15360;
 constexpr time_t kLimitSeconds = 60;
+constexpr int kReadsAfterCancelMax = 1000; // then the chip falls silent, so that a failing test ends too
 
 struct Message {
     uint32_t id;
@@ -50,12 +51,15 @@ struct FakeWorld {
     bool block_in_read = false;
     bool block_in_send = false;
     int32_t read_surplus = 0; // added to the result of a read
+    bool always_data = false; // each read finds a byte, until shortly after a cancel
     std::deque<string> input;
 
     int opened = 0;
     int closed = 0;
     int reads = 0;
     int sends = 0;
+    bool cancelled = false;
+    int reads_after_cancel = 0;
     std::vector<useconds_t> sleeps;
     std::vector<uint32_t> capacities;
     std::vector<string> mirrored;
@@ -185,6 +189,11 @@ int32_t location_serial_port_gnss_read(uint8_t* buffer, uint32_t capacity) {
         ++world->reads;
         world->capacities.push_back(capacity);
         block = world->block_in_read;
+        world->reads_after_cancel += world->cancelled ? 1 : 0;
+        if (world->always_data && world->reads_after_cancel < kReadsAfterCancelMax) {
+            buffer[0] = 'x';
+            result = 1;
+        }
         if (!world->input.empty()) {
             string& front = world->input.front();
             const size_t n = std::min<size_t>(front.size(), capacity);
@@ -240,7 +249,13 @@ int __wrap_pthread_create(pthread_t* tid, const pthread_attr_t* attributes, void
 }
 
 int __wrap_pthread_cancel(pthread_t tid) {
-    return world->cancel_result != 0 ? world->cancel_result : __real_pthread_cancel(tid);
+    if (world->cancel_result != 0) {
+        return world->cancel_result;
+    }
+    const int result = __real_pthread_cancel(tid);
+    const std::lock_guard<std::mutex> lock(world->mutex);
+    world->cancelled = true;
+    return result;
 }
 
 void* __wrap_malloc(size_t size) {
@@ -441,6 +456,13 @@ TEST_F(LocationIo, StopEndsABlockedRead) {
 
 TEST_F(LocationIo, StopEndsASleep) {
     with_thread([&] { EXPECT_TRUE(wait_for_sleeps(1)); });
+    EXPECT_EQ(fake.closed, 1);
+}
+
+TEST_F(LocationIo, StopEndsAThreadThatAlwaysFindsData) {
+    fake.always_data = true;
+    with_thread([&] { EXPECT_TRUE(wait_for([&] { return fake.reads > 10; })); });
+    EXPECT_LE(fake.reads_after_cancel, 1);
     EXPECT_EQ(fake.closed, 1);
 }
 
