@@ -99,7 +99,11 @@ uint32_t parse_sentence(const uint8_t* buffer, uint32_t length, uint32_t* type) 
         return 1;
     }
     const auto* star = static_cast<const uint8_t*>(std::memchr(buffer, '*', length));
-    if (star == nullptr || star + kSentenceTail > buffer + length) {
+    if (star == nullptr) {
+        return 0;
+    }
+    const auto before_star = static_cast<uint32_t>(star - buffer);
+    if (before_star + kSentenceTail > length) {
         return 0;
     }
     const int32_t high = hex_digit(star[1]);
@@ -107,10 +111,10 @@ uint32_t parse_sentence(const uint8_t* buffer, uint32_t length, uint32_t* type) 
     if (star[3] != '\r' || star[4] != '\n' || high < 0 || low < 0) {
         return 1;
     }
-    if (high * 16 + low == location_nmea_checksum(buffer + 1, static_cast<int32_t>(star - buffer) - 1)) {
+    if (high * 16 + low == location_nmea_checksum(buffer + 1, static_cast<int32_t>(before_star) - 1)) {
         *type = announced;
     }
-    return static_cast<uint32_t>(star - buffer) + kSentenceTail;
+    return before_star + kSentenceTail;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "link/location_frame.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
