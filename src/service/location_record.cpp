@@ -2,6 +2,7 @@
 
 #include "service/location_nmea_fields.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -19,6 +20,32 @@ constexpr ptrdiff_t kMinuteDigits = 2; // whole minutes before the decimal point
 constexpr double kMinutesPerDegree = 60.0;
 constexpr size_t kHeightRoom = sizeof(LocationRecord) - offsetof(LocationRecord, height);
 
+// Numbers of the fields in their sentences.
+constexpr size_t kGgaUtc = 1;
+constexpr size_t kGgaLatitude = 2;
+constexpr size_t kGgaLongitude = 4;
+constexpr size_t kGgaAltitude = 9;
+constexpr size_t kGgaSeparation = 11;
+constexpr size_t kGstMajorAxis = 3;
+constexpr size_t kGstMinorAxis = 4;
+constexpr size_t kGstOrientation = 5;
+constexpr size_t kEpeVertical = 2;
+
+// What tells latitude and longitude apart.
+struct CoordinateKind {
+    size_t field;  // the hemisphere is the next one
+    char positive; // the hemisphere without a sign
+    const char* minutes_failure;
+    const char* degrees_failure;
+};
+
+constexpr CoordinateKind kLatitude = {
+    kGgaLatitude, 'N', "[LOCSERV] ERR: location_service_get_location_string sscanf latitude min fail",
+    "[LOCSERV] ERR: location_service_get_location_string sscanf latitude deg fail"};
+constexpr CoordinateKind kLongitude = {
+    kGgaLongitude, 'E', "[LOCSERV] ERR: location_service_get_location_string sscanf longitude min fail",
+    "[LOCSERV] ERR: location_service_get_location_string sscanf longitude deg fail"};
+
 struct NumberText {
     char text[kNumberTextSize];
 };
@@ -31,7 +58,7 @@ struct CoordinateTexts {
 
 NumberText number_text(const char* begin, size_t length) {
     NumberText number = {};
-    std::memcpy(number.text, begin, length < kNumberTextSize ? length : kNumberTextSize - 1);
+    std::memcpy(number.text, begin, std::min(length, kNumberTextSize - 1));
     return number;
 }
 
@@ -40,7 +67,6 @@ double read_number(const NumberText& number, const char* failure) {
     double value = 0.0;
     if (std::sscanf(number.text, "%lf", &value) != 1) {
         std::puts(failure);
-        return 0.0;
     }
     return value;
 }
@@ -56,46 +82,30 @@ bool cut_coordinate(const char* field, CoordinateTexts* out) {
     return true;
 }
 
-// Sign and decimal degrees. An empty hemisphere counts as the negative one.
-template <size_t N> void write_coordinate(char (&dst)[N], char hemisphere, char positive, double value) {
-    std::snprintf(dst, N, "%s%lf", hemisphere == positive ? "" : "-", value);
-}
-
-bool update_latitude(LocationRecord* record, const NmeaFields& fields) {
+// Writes sign and decimal degrees; an empty hemisphere counts as the negative one. Returns false when there
+// is no coordinate.
+template <size_t N>
+bool update_coordinate(char (&dst)[N], const CoordinateKind& kind, const NmeaFields& fields) {
     CoordinateTexts texts;
-    if (!cut_coordinate(fields.field[2], &texts)) {
+    if (!cut_coordinate(fields.field[kind.field], &texts)) {
         return false;
     }
-    const double minutes = read_number(
-        texts.minutes, "[LOCSERV] ERR: location_service_get_location_string sscanf latitude min fail");
-    const double degrees = read_number(
-        texts.degrees, "[LOCSERV] ERR: location_service_get_location_string sscanf latitude deg fail");
-    write_coordinate(record->latitude, fields.field[3][0], 'N', degrees + minutes / kMinutesPerDegree);
-    return true;
-}
-
-bool update_longitude(LocationRecord* record, const NmeaFields& fields) {
-    CoordinateTexts texts;
-    if (!cut_coordinate(fields.field[4], &texts)) {
-        return false;
-    }
-    const double minutes = read_number(
-        texts.minutes, "[LOCSERV] ERR: location_service_get_location_string sscanf longitude min fail");
-    const double degrees = read_number(
-        texts.degrees, "[LOCSERV] ERR: location_service_get_location_string sscanf longitude deg fail");
-    write_coordinate(record->longitude, fields.field[5][0], 'E', degrees + minutes / kMinutesPerDegree);
+    const double minutes = read_number(texts.minutes, kind.minutes_failure);
+    const double degrees = read_number(texts.degrees, kind.degrees_failure);
+    const char* sign = fields.field[kind.field + 1][0] == kind.positive ? "" : "-";
+    std::snprintf(dst, N, "%s%lf", sign, degrees + minutes / kMinutesPerDegree);
     return true;
 }
 
 // Altitude plus geoid separation. Kept: six decimals, so a text of ten or more characters runs on into
 // majorAxis, which clients of the 94-byte block know; it ends inside the record.
 void update_height(LocationRecord* record, const NmeaFields& fields) {
-    const NumberText separation_text = number_text(fields.field[11], std::strlen(fields.field[11]));
-    const NumberText altitude_text = number_text(fields.field[9], std::strlen(fields.field[9]));
-    const double separation = read_number(
-        separation_text, "[LOCSERV] ERR: location_service_get_location_string sscanf height min fail");
-    const double altitude = read_number(
-        altitude_text, "[LOCSERV] ERR: location_service_get_location_string sscanf height deg fail");
+    const double separation =
+        read_number(number_text(fields.field[kGgaSeparation], kNmeaFieldSize),
+                    "[LOCSERV] ERR: location_service_get_location_string sscanf height min fail");
+    const double altitude =
+        read_number(number_text(fields.field[kGgaAltitude], kNmeaFieldSize),
+                    "[LOCSERV] ERR: location_service_get_location_string sscanf height deg fail");
     char* height = reinterpret_cast<char*>(record) + offsetof(LocationRecord, height);
     if (std::snprintf(height, kHeightRoom, "%lf", altitude + separation) < 0) {
         std::puts("[LOCSERV] ERR: location_service_get_location_string get height fail");
@@ -110,18 +120,19 @@ template <size_t N> void copy_field(char (&dst)[N], const char* field) {
 }
 
 bool update_from_gga(LocationRecord* record, const NmeaFields& fields) {
-    if (!update_latitude(record, fields) || !update_longitude(record, fields)) {
+    if (!update_coordinate(record->latitude, kLatitude, fields) ||
+        !update_coordinate(record->longitude, kLongitude, fields)) {
         return false;
     }
     update_height(record, fields);
-    copy_field(record->utc, fields.field[1]);
+    copy_field(record->utc, fields.field[kGgaUtc]);
     return true;
 }
 
 void update_from_gst(LocationRecord* record, const NmeaFields& fields) {
-    copy_field(record->majorAxis, fields.field[3]);
-    copy_field(record->minorAxis, fields.field[4]);
-    copy_field(record->orientation, fields.field[5]);
+    copy_field(record->majorAxis, fields.field[kGstMajorAxis]);
+    copy_field(record->minorAxis, fields.field[kGstMinorAxis]);
+    copy_field(record->orientation, fields.field[kGstOrientation]);
 }
 
 } // namespace
@@ -145,7 +156,7 @@ int32_t location_service_get_location_string(LocationRecord* record, const char*
         update_from_gst(record, fields);
     }
     if (epe && fields.count >= kErrorFieldsMin) {
-        copy_field(record->verticalUncertainty, fields.field[2]);
+        copy_field(record->verticalUncertainty, fields.field[kEpeVertical]);
     }
     return 0;
 }

@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+// The latest position as text: one block of the client protocol, in which a text may run on into the next
+// field.
 using LocationRecord = tavor_location_record;
 
 // Updates the record from a sentence of length bytes with a NUL behind them. Returns 0, or -1 when the

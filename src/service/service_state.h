@@ -2,13 +2,10 @@
 #ifndef TAVOR_SERVICE_STATE_H
 #define TAVOR_SERVICE_STATE_H
 
-#include "tavor/protocol.h"
+#include "service/location_record.h"
 
 #include <cstdint>
 #include <pthread.h>
-
-// The latest position as text; the fields run on into each other as one block of the client protocol.
-using LocationRecord = tavor_location_record;
 
 // Called with a service message id, a result or number, and payload bytes (null when there are none).
 using ResponseCallback = void (*)(uint32_t id, uint32_t value, const void* payload, uint32_t length);
