@@ -2,6 +2,7 @@
 
 #include "config/location_config.h"
 #include "link/location_command.h"
+#include "service/location_file.h"
 #include "service/service_state.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
@@ -153,6 +154,21 @@ TEST_F(LocationAiding, HalfAPositionIsLoggedAndNotSent) {
     dir.write("location.dat", "longitude=1.5\nlatitude=2.5\n");
     EXPECT_EQ(answer("2"),
               "[LOCSERV] INF: aiding reference position: 2.500000,1.500000,0.0,0.0,0.0,0.0,0.0\n");
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, PositionSavedBeforeAnyFixIsNotSent) {
+    const LocationRecord no_fix = {};
+    ASSERT_EQ(location_service_save_location(&no_fix), 0);
+    EXPECT_EQ(answer("2"),
+              "[LOCSERV] ERR: location_service_get_position sscanf lon fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf lat fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_maj fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_min fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf bear fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf alt fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_vert fail\n"
+              "[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
     EXPECT_TRUE(world.commands.empty());
 }
 

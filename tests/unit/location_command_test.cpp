@@ -2,6 +2,7 @@
 
 #include "link/location_serial_port.h"
 #include "support/capture.h"
+#include "support/format_fault.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -82,6 +83,19 @@ TEST(LocationCommand, OneByteTakenIsSuccess) {
 TEST(LocationCommand, NothingTakenIsFailure) {
     sent("1", 0, -1);
     sent("1", -1, -1);
+}
+
+TEST(LocationCommand, TextThatCannotBeFormattedIsReported) {
+    fake = {};
+    int32_t result = 99;
+    const string log = capture_stdout([&] {
+        format_fault_arm(0);
+        result = location_command_send("590");
+        format_fault_disarm();
+    });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_command_send get temp_buffer fail\n");
+    EXPECT_TRUE(fake.written.empty());
 }
 
 TEST(LocationCommand, MissingBodyIsRefused) {

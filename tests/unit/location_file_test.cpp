@@ -2,9 +2,9 @@
 
 #include "config/location_config.h"
 #include "support/capture.h"
+#include "support/format_fault.h"
 #include "support/private_dir.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -18,7 +18,6 @@ using std::string;
 
 struct Faults {
     string path;
-    int format_fails_at = -1; // index of the line whose formatting fails
     bool write_fails = false;
     bool close_fails = false;
 } faults;
@@ -30,6 +29,7 @@ struct LocationFile : testing::Test {
     }
     ~LocationFile() override {
         faults = {};
+        format_fault_disarm();
     }
 
     // Runs an operation with the faults of the test; they are off while the test prints.
@@ -92,14 +92,6 @@ std::vector<double> values_of(const AidingPosition& p) {
             p.orientation, p.verticalUncertainty};
 }
 
-__attribute__((format(printf, 3, 0))) int format_unless_it_fails(char* dst, size_t size, const char* format,
-                                                                 va_list arguments) {
-    if (LocationFile::armed && faults.format_fails_at >= 0 && faults.format_fails_at-- == 0) {
-        return -1;
-    }
-    return std::vsnprintf(dst, size, format, arguments);
-}
-
 } // namespace
 
 void location_config_get_nmea_path(char* path) {
@@ -110,24 +102,6 @@ extern "C" {
 
 size_t __real_fwrite(const void* data, size_t size, size_t n, FILE* file);
 int __real_fclose(FILE* file);
-
-__attribute__((format(printf, 3, 4))) int __wrap_snprintf(char* dst, size_t size, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = format_unless_it_fails(dst, size, format, arguments);
-    va_end(arguments);
-    return written;
-}
-
-// What a build with fortified library functions calls instead.
-__attribute__((format(printf, 5, 6))) int __wrap___snprintf_chk(char* dst, size_t size, int /*flag*/,
-                                                                size_t /*known*/, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = format_unless_it_fails(dst, size, format, arguments);
-    va_end(arguments);
-    return written;
-}
 
 size_t __wrap_fwrite(const void* data, size_t size, size_t n, FILE* file) {
     return LocationFile::armed && faults.write_fails ? n - 1 : __real_fwrite(data, size, n, file);
@@ -187,7 +161,7 @@ TEST_F(LocationFile, EachLineThatCannotBeFormattedHasItsText) {
         "[LOCSERV] ERR: location_service_save_location get verticalUncertainty fail\n",
     };
     for (int i = 0; i < 9; ++i) {
-        faults.format_fails_at = i;
+        format_fault_arm(i);
         EXPECT_EQ(save(example()), -1);
         EXPECT_EQ(log, expected[i]);
     }

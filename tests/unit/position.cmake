@@ -1,7 +1,9 @@
 # The command channel and the configured path are functions of the tests: only the sources under test are linked.
 set(TAVOR_SERVICE_DIR "${PROJECT_SOURCE_DIR}/src/service")
 
-tavor_test(location_file_test SOURCES location_file_test.cpp "${TAVOR_SERVICE_DIR}/location_file.cpp" USES tavor_parse)
+tavor_test(location_file_test
+    SOURCES location_file_test.cpp ../support/format_fault.cpp "${TAVOR_SERVICE_DIR}/location_file.cpp"
+    USES tavor_parse)
 target_link_options(location_file_test PRIVATE
     -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk -Wl,--wrap=fwrite -Wl,--wrap=fclose)
 tavor_test(location_aiding_test
