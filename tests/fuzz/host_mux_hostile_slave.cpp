@@ -7,6 +7,7 @@
 #include "link/host_mux_spi_slave.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -89,8 +90,8 @@ int spi_ioctl(unsigned long request, void* argument) {
         fail("an operation does not end");
     }
     const auto* message = static_cast<const spi_ioc_transfer*>(argument);
-    if (!answer(reinterpret_cast<const uint8_t*>(message->tx_buf),
-                reinterpret_cast<uint8_t*>(message->rx_buf), message->len)) {
+    if (!answer(std::bit_cast<const uint8_t*>(uintptr_t{message->tx_buf}),
+                std::bit_cast<uint8_t*>(uintptr_t{message->rx_buf}), message->len)) {
         errno = EIO;
         return -1;
     }

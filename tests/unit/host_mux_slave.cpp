@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <linux/spi/spidev.h>
 #include <unistd.h>
@@ -87,8 +88,8 @@ int spi_ioctl(MuxSlave* slave, unsigned long request, void* argument) {
         return 0;
     }
     const auto* message = static_cast<const spi_ioc_transfer*>(argument);
-    const auto* out = reinterpret_cast<const uint8_t*>(message->tx_buf);
-    auto* in = reinterpret_cast<uint8_t*>(message->rx_buf);
+    const auto* out = std::bit_cast<const uint8_t*>(uintptr_t{message->tx_buf});
+    auto* in = std::bit_cast<uint8_t*>(uintptr_t{message->rx_buf});
     if (!mux_slave_transfer(slave, out, in, message->len)) {
         errno = EIO;
         return -1;
