@@ -1,5 +1,6 @@
 #include "link/host_mux.h"
 
+#include "link/host_mux_i2c.h"
 #include "link/host_mux_lock.h"
 #include "link/host_mux_spi.h"
 
@@ -59,11 +60,15 @@ bool is_open(const host_mux_handle* handle) {
 }
 
 uint32_t master_init(uint32_t bus_type, const void* config) {
-    if (bus_type == HOST_MUX_BUS_SPI) {
-        return static_cast<uint32_t>(
-            host_mux_spi_master_init(static_cast<const host_mux_spi_port_config*>(config)));
-    }
-    return kHostMuxClosed;
+    return static_cast<uint32_t>(
+        bus_type == HOST_MUX_BUS_SPI
+            ? host_mux_spi_master_init(static_cast<const host_mux_spi_port_config*>(config))
+            : host_mux_i2c_master_init(static_cast<const host_mux_i2c_port_config*>(config)));
+}
+
+int32_t master_deinit(const host_mux_handle* handle) {
+    return handle->bus_type == HOST_MUX_BUS_SPI ? host_mux_spi_master_deinit(handle->id)
+                                                : host_mux_i2c_master_deinit(handle->id);
 }
 
 } // namespace
@@ -77,6 +82,10 @@ int32_t host_mux_init(host_mux_handle* handle, const void* config) {
         return -1;
     }
     const ExclusiveBus bus;
+    if (handle->id != kHostMuxClosed) { // another thread was opening it
+        puts("host_mux_init, mux exist");
+        return 0;
+    }
     const uint32_t id = master_init(handle->bus_type, config);
     if (id == kHostMuxClosed) {
         puts("host_mux_init, init fail");
@@ -92,7 +101,7 @@ int32_t host_mux_deinit(host_mux_handle* handle) {
     if (handle->id == kHostMuxClosed) {
         return 0;
     }
-    if (handle->bus_type != HOST_MUX_BUS_SPI || host_mux_spi_master_deinit(handle->id) != 0) {
+    if (!is_known(handle->bus_type) || master_deinit(handle) != 0) {
         return -1;
     }
     handle->id = kHostMuxClosed;
@@ -105,10 +114,11 @@ int32_t host_mux_rx(host_mux_handle* handle, uint8_t* buffer, uint32_t* length) 
         puts("host_mux_rx, mux not open");
         return 1;
     }
-    if (handle->bus_type != HOST_MUX_BUS_SPI) {
+    if (!is_known(handle->bus_type)) {
         return 1;
     }
-    return mux_spi_master_demo_receive(handle->id, buffer, length);
+    return handle->bus_type == HOST_MUX_BUS_SPI ? mux_spi_master_demo_receive(handle->id, buffer, length)
+                                                : mux_i2c_master_demo_receive(handle->id, buffer, length);
 }
 
 int32_t host_mux_tx(host_mux_handle* handle, const uint8_t* data, uint32_t* length) {
@@ -117,8 +127,9 @@ int32_t host_mux_tx(host_mux_handle* handle, const uint8_t* data, uint32_t* leng
         puts("host_mux_tx, mux not open");
         return 1;
     }
-    if (handle->bus_type != HOST_MUX_BUS_SPI) {
+    if (!is_known(handle->bus_type)) {
         return 1;
     }
-    return mux_spi_master_demo_send(handle->id, data, length);
+    return handle->bus_type == HOST_MUX_BUS_SPI ? mux_spi_master_demo_send(handle->id, data, length)
+                                                : mux_i2c_master_demo_send(handle->id, data, length);
 }

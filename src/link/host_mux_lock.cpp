@@ -10,6 +10,11 @@ constexpr useconds_t kRoundUs = 5000;
 constexpr useconds_t kLetInUs = 100;
 constexpr long kTakeRoundNs = 50'000'000;
 constexpr long kNsPerSecond = 1'000'000'000;
+#ifdef __SANITIZE_THREAD__
+constexpr clockid_t kTakeClock = CLOCK_REALTIME; // ThreadSanitizer knows no wait on another clock
+#else
+constexpr clockid_t kTakeClock = CLOCK_MONOTONIC; // setting the time of day must not stretch a round
+#endif
 
 struct State {
     std::atomic<int> stops{0};
@@ -35,14 +40,18 @@ struct Waiting {
 };
 
 void offer_cancellation() {
+    if (held.depth == 0) {
+        pthread_testcancel();
+        return;
+    }
     pthread_setcancelstate(held.callers_state, nullptr);
     pthread_testcancel();
-    pthread_setcancelstate(held.depth > 0 ? PTHREAD_CANCEL_DISABLE : held.callers_state, nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
 timespec end_of_take_round() {
     timespec end{};
-    clock_gettime(CLOCK_REALTIME, &end);
+    clock_gettime(kTakeClock, &end);
     end.tv_nsec += kTakeRoundNs;
     if (end.tv_nsec >= kNsPerSecond) {
         end.tv_nsec -= kNsPerSecond;
@@ -53,7 +62,11 @@ timespec end_of_take_round() {
 
 bool take_within_a_round(port_platform_mutex mutex) {
     const timespec end = end_of_take_round();
+#ifdef __SANITIZE_THREAD__
     return pthread_mutex_timedlock(mutex, &end) == 0;
+#else
+    return pthread_mutex_clocklock(mutex, kTakeClock, &end) == 0;
+#endif
 }
 
 } // namespace
@@ -91,9 +104,7 @@ bool host_mux_take(port_platform_mutex mutex) {
     }
     const Waiting waiting;
     while (!take_within_a_round(mutex)) {
-        if (!host_mux_next_round()) {
-            return false;
-        }
+        offer_cancellation();
     }
     return true;
 }

@@ -15,8 +15,8 @@ bool host_mux_stop_pending();
 // Pause between two rounds of an unlimited wait, a cancellation point. Returns false when a stop is pending.
 bool host_mux_next_round();
 
-// Takes the mutex, a cancellation point while another thread holds it. Returns false, without the mutex, when
-// a stop is pending and the mutex stays taken.
+// Takes the mutex, a cancellation point while another thread holds it. A pending stop does not fail it: every
+// holder then comes back soon. Returns false for a null mutex only.
 bool host_mux_take(port_platform_mutex mutex);
 
 // Holds cancellation off for its lifetime.

@@ -197,9 +197,10 @@ int probe_missing() {
 
 // A fault that a sanitizer finds, when this program was built with one.
 int probe_overrun() {
-    char* bytes = static_cast<char*>(std::malloc(4));
-    volatile char* wild = bytes;
-    wild[4] = 'x';
+    constexpr size_t kRoom = 4;
+    const volatile size_t more_than_room = kRoom + 1;
+    void* bytes = std::malloc(kRoom);
+    std::memset(bytes, 'x', more_than_room);
     std::free(bytes);
     return 0;
 }

@@ -1,7 +1,6 @@
 #include "interpose/local.h"
 #include "link/host_mux.h"
 #include "link/host_mux_i2c.h"
-#include "link/host_mux_lock.h"
 #include "support/capture.h"
 
 #include <algorithm>
@@ -99,12 +98,8 @@ protected:
         devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
             return slave_ioctl(request, argument);
         };
-        devices.read = [](const std::string&, void* buffer, size_t length) {
-            return slave_read(buffer, length);
-        };
-        devices.write = [](const std::string&, const void* data, size_t length) {
-            return slave_write(data, length);
-        };
+        devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
+        devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
         local_devices(devices);
         std::snprintf(config.path, sizeof config.path, "/dev/i2c-1");
         ASSERT_EQ(host_mux_init(&handle, &config), 0);
@@ -445,14 +440,4 @@ TEST_F(HostMuxI2c, CancelledWhileAnotherThreadHoldsTheBusComesBack) {
     chip.tx_length = 1;
     chip.to_send = counted(1);
     capture_stdout([&] { EXPECT_EQ(receive(1), 0); });
-}
-
-TEST_F(HostMuxI2c, PendingStopEndsTheWaitForTheBus) {
-    capture_stdout([&] {
-        ASSERT_EQ(port_platform_take_mutex(g_host_mux_i2c_master_mutex), 0);
-        host_mux_stop_begin();
-        EXPECT_EQ(receive(1), 1);
-        host_mux_stop_end();
-        port_platform_give_mutex(g_host_mux_i2c_master_mutex);
-    });
 }

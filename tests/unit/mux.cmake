@@ -17,3 +17,5 @@ tavor_test(location_serial_port_test
     SOURCES location_serial_port_test.cpp host_mux_slave.cpp
     USES tavor_mux board_interpose_local)
 target_link_options(location_serial_port_test PRIVATE ${TAVOR_MUX_WRAPS})
+
+tavor_test(host_mux_i2c_test SOURCES host_mux_i2c_test.cpp USES tavor_mux board_interpose_local)
