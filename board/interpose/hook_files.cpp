@@ -19,9 +19,9 @@ using OpenAt = int(int, const char*, int, ...);
 using Fopen = FILE*(const char*, const char*);
 using PathCall = int(const char*);
 
-mode_t open_mode(int flags, va_list arguments) {
-    const bool creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-    return creates ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+// Whether a mode follows the flags.
+bool makes_file(int flags) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
 int open_device(const char* path, int flags) {
@@ -63,18 +63,24 @@ int stat_path(int (*function)(const char*, Stat*), const char* name, const char*
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = open_mode(flags, arguments);
-    va_end(arguments);
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
     return open_path(real<"open", Open>(), path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = open_mode(flags, arguments);
-    va_end(arguments);
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
     return open_path(real<"open64", Open>(), path, flags, mode);
 }
 
@@ -91,18 +97,24 @@ int creat(const char* path, mode_t mode) {
 }
 
 int openat(int directory, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = open_mode(flags, arguments);
-    va_end(arguments);
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
     return open_path_at(real<"openat", OpenAt>(), directory, path, flags, mode);
 }
 
 int openat64(int directory, const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const mode_t mode = open_mode(flags, arguments);
-    va_end(arguments);
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
     return open_path_at(real<"openat64", OpenAt>(), directory, path, flags, mode);
 }
 

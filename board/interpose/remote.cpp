@@ -114,8 +114,8 @@ Piece text_piece(const char* text) {
 }
 
 const uint8_t* address_of(uint64_t word) {
-    return reinterpret_cast<const uint8_t*>(
-        static_cast<uintptr_t>(word)); // NOLINT(performance-no-int-to-ptr)
+    const auto address = static_cast<uintptr_t>(word);
+    return reinterpret_cast<const uint8_t*>(address); // NOLINT(performance-no-int-to-ptr)
 }
 
 // What an SPI message looks like on its way to the server.

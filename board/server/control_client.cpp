@@ -105,7 +105,7 @@ std::string ask(const std::string& directory, const std::string& text) {
     if (fd < 0) {
         return "";
     }
-    const std::string answer = send_request(fd, text) ? receive_answer(fd) : "";
+    std::string answer = send_request(fd, text) ? receive_answer(fd) : "";
     close(fd);
     return answer;
 }

@@ -4,7 +4,6 @@
 #include "server/board_socket.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -21,6 +20,9 @@ constexpr int kNoBoard = 3;
 constexpr int kNotStarted = 127;
 constexpr char kDirectoryPattern[] = "/tmp/tavor-board-XXXXXX";
 constexpr char kConfigurationPath[] = "etc/default/tavor/tavor.conf";
+// For a sanitized program. The library stands in front of its runtime; and a cancelled thread leaves marks of
+// its frames on the stack, over which the runtime falls when it takes down the thread's signal stack.
+constexpr char kAddressSanitizerOptions[] = "verify_asan_link_order=0:use_sigaltstack=0";
 constexpr char kLongestSocketPath[] =
     "/etc/default/tavor/tavor_sun_path"; // of those below a board's directory
 
@@ -67,8 +69,7 @@ bool can_preload(const std::string& path) {
 void set_environment(const std::string& directory, const std::string& library) {
     const std::string runtime = sanitizer_runtime();
     put_in_front("LD_PRELOAD", runtime.empty() ? library : runtime + ":" + library, ':');
-    put_in_front("ASAN_OPTIONS", "verify_asan_link_order=0",
-                 ':'); // a sanitized program's library comes first
+    put_in_front("ASAN_OPTIONS", kAddressSanitizerOptions, ':');
     setenv("TAVOR_BOARD_DIR", directory.c_str(), 1);
 }
 
@@ -119,6 +120,7 @@ std::string launch_replace(const std::string& directory, const std::vector<std::
     }
     set_environment(directory, library);
     std::vector<char*> arguments;
+    arguments.reserve(program.size() + 1);
     for (const std::string& argument : program) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
     }

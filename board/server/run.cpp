@@ -64,7 +64,7 @@ void tell_ready(const RunOptions& options, const std::string& directory) {
 
 std::string apply_faults(Board& board, const RunOptions& options) {
     for (const auto& [name, value] : options.faults) {
-        const std::string error = board_fault(board, name, value);
+        std::string error = board_fault(board, name, value);
         if (!error.empty()) {
             return error;
         }

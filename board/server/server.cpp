@@ -295,7 +295,7 @@ void handle_event(BoardServer& server, int fd) {
 
 std::string server_open(BoardServer& server, Board& board, const std::string& directory) {
     server.board = &board;
-    const std::string error = listen_in(server, directory);
+    std::string error = listen_in(server, directory);
     if (!error.empty()) {
         return error;
     }
