@@ -1,5 +1,6 @@
-// The whole chain on the simulated board: sentences per second from chip to client, processor time and memory of the daemon,
-// time from process start to the first answer; beside them the prescribed path alone (queue, then a 520-byte datagram).
+// The whole chain on the simulated board: sentences per second from chip to client, processor time and memory
+// of the daemon, time from process start to the first answer; beside them the prescribed path alone (queue,
+// then a 520-byte datagram).
 #include "system/harness.h"
 
 #include <algorithm>
@@ -33,8 +34,8 @@ double processor_seconds(pid_t pid) {
     std::getline(stat, text);
     unsigned long user = 0;
     unsigned long system = 0;
-    std::sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
-                &system);
+    std::sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
+                &user, &system);
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
@@ -66,7 +67,8 @@ struct Record {
     } body;
 };
 
-// One process hands heap copies through a message queue to a thread that sends datagrams; another process reads them.
+// One process hands heap copies through a message queue to a thread that sends datagrams; another process
+// reads them.
 double prescribed_path_seconds() {
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
@@ -130,7 +132,8 @@ void report_flow() {
     const double used = processor_seconds(pid);
     std::printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
     std::printf("processor seconds per 100,000, daemon      %10.2f\n", used);
-    std::printf("processor seconds per 100,000, path alone  %10.2f   ratio %.2f\n", reference, used / reference);
+    std::printf("processor seconds per 100,000, path alone  %10.2f   ratio %.2f\n", reference,
+                used / reference);
     std::printf("resident memory                            %10ld KiB\n", resident_kib(pid));
     std::printf("private memory                             %10ld KiB\n", daemon.private_kib());
 }

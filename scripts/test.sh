@@ -1,21 +1,23 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs everything that must hold: format, lint, and all tests plainly, under AddressSanitizer with
-# UndefinedBehaviorSanitizer, and under ThreadSanitizer. With --quick only the plain tests.
+# Sets up, builds and runs everything that must hold: format, lint, and all tests plainly and under AddressSanitizer with
+# UndefinedBehaviorSanitizer. With --tsan also under ThreadSanitizer, with --quick only the plain tests.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() {
     cat <<EOF
-usage: scripts/test.sh [--quick]
+usage: scripts/test.sh [--quick|--tsan]
   --quick   build and run the plain tests only, without format, lint and sanitizers
+  --tsan    build and run the tests under ThreadSanitizer too
 EOF
 }
 
-presets=(tsan asan dev)
+presets=(asan dev)
 quick=no
 case "${1:-}" in
 "") ;;
 --quick) quick=yes presets=(dev) ;;
+--tsan) presets=(tsan asan dev) ;;
 -h | --help)
     usage
     exit 0
@@ -28,7 +30,6 @@ esac
 
 scripts/setup.sh
 if [ "$quick" = no ]; then
-    cmake --preset dev >/dev/null
     scripts/check.sh
 fi
 for preset in "${presets[@]}"; do

@@ -1,5 +1,5 @@
-// Runs a fuzz target over the files of a corpus directory and a fixed number of seeded mutations of them, so that the
-// target is also a plain regression test.
+// Runs a fuzz target over the files of a corpus directory and a fixed number of seeded mutations of them, so
+// that the target is also a plain regression test.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -46,7 +46,8 @@ void mutate(Bytes& bytes, const std::vector<Bytes>& corpus, std::mt19937& random
         }
         break;
     case 2:
-        bytes.erase(place, bytes.begin() + static_cast<std::ptrdiff_t>(std::min(bytes.size(), at + random() % 16)));
+        bytes.erase(place,
+                    bytes.begin() + static_cast<std::ptrdiff_t>(std::min(bytes.size(), at + random() % 16)));
         break;
     case 3: {
         const Bytes& other = corpus[random() % corpus.size()];

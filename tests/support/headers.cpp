@@ -1,1 +1,2 @@
-// Only carries the precompiled headers of the test programs; the test runner's own main has nothing to run here.
+// Only carries the precompiled headers of the test programs; the test runner's own main has nothing to run
+// here.

@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr long long kBacklogLimit = 32768; // bytes in the chip's transmit buffer of 65536
+
 // Whether requests are answered and sentences flow.
 bool serves(const TestClient& client) {
     return client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START) == 0 && client.receive_code(TAVOR_CODE_POSITION);
@@ -84,6 +86,7 @@ TEST(Hostile, RandomChipBytesAreSurvived) {
                 byte = "$*\x04\r\n"[random() % 5];
             }
         }
+        ASSERT_TRUE(wait_until([&] { return board.status("bytes_queued") < kBacklogLimit; }));
         board.ctl({"send", "--hex", hex(bytes)});
         drain(client);
     }
