@@ -107,9 +107,9 @@ TEST(Flood, HundredThousandSentencesArriveAndMemoryStaysFlat) {
 
     ASSERT_TRUE(client.send(TAVOR_REQUEST_START));
     const Received first = receive_sentences(client, kSentences / 10);
-    const long early = daemon.private_kib();
+    [[maybe_unused]] const long early = daemon.private_kib();
     const Received rest = receive_sentences(client, kSentences - first.sentences.size());
-    const long late = daemon.private_kib();
+    [[maybe_unused]] const long late = daemon.private_kib();
 
     EXPECT_EQ(first.sentences.size() + rest.sentences.size(), kSentences);
     EXPECT_EQ(board.status("sentences_produced"), static_cast<long long>(kSentences));
