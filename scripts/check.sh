@@ -3,8 +3,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-mapfile -t sources < <(git ls-files --cached --others --exclude-standard '*.h' '*.cpp' '*.c' | while read -r f; do
-    [ -f "$f" ] && echo "$f"; done)
+mapfile -t sources < <(find include src client board tests bench -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort)
 
 if [ "${1:-}" = "--fix" ]; then
     clang-format -i "${sources[@]}"
