@@ -186,3 +186,15 @@ void launch_remove_queues(const std::string& directory) {
     interpose_set_root(directory);
     interpose_remove_queues();
 }
+
+std::string launch_setting(const std::string& directory, const std::string& key,
+                           const std::string& fallback) {
+    std::ifstream file(fs::path(directory) / kConfigurationPath);
+    for (std::string line; std::getline(file, line);) {
+        const size_t at = line.find(key);
+        if (at != std::string::npos) {
+            return line.substr(at + key.size());
+        }
+    }
+    return fallback;
+}

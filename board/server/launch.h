@@ -21,6 +21,10 @@ std::string launch_directory(const std::string& name, std::string* directory);
 // the options: they come in front of it, where they win. Returns what went wrong, else empty.
 std::string launch_configure(const RunOptions& options, const std::string& directory);
 
+// A setting of that configuration as the daemon finds it: the text behind the key in the first line that
+// holds it, else fallback.
+std::string launch_setting(const std::string& directory, const std::string& key, const std::string& fallback);
+
 // Removes the queues that programs on this board left behind.
 void launch_remove_queues(const std::string& directory);
 

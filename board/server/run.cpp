@@ -59,6 +59,9 @@ void tell_ready(const RunOptions& options, const std::string& directory) {
     std::printf("ready %s\n", directory.c_str());
     std::printf("start a program on it:  tavor-board exec --dir %s -- PROGRAM\n", directory.c_str());
     std::printf("ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
+    std::printf("debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
+                launch_setting(directory, "debug socket ip=", "192.168.1.1").c_str(),
+                launch_setting(directory, "debug socket port=", "7005").c_str());
     std::fflush(stdout);
 }
 

@@ -197,6 +197,7 @@ TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
 TEST(DebugTcp, ModeSwitchesLeakNeitherDescriptorsNorThreads) {
     TcpOutlet outlet;
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0);
+    ASSERT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION)) << "the link is open: it counts below";
     const size_t threads = outlet.daemon.threads();
     const size_t descriptors = outlet.daemon.descriptors();
     for (int i = 0; i < 50; ++i) {
