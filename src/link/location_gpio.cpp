@@ -13,7 +13,7 @@ namespace {
 
 constexpr size_t kPathSize = 64;
 constexpr size_t kNumberSize = 12;  // any int32 and its NUL
-constexpr size_t kWordReadSize = 9; // the longest attribute word is 7 letters and a newline
+constexpr size_t kWordReadSize = 9; // room for the longest word, its newline and one byte more
 constexpr useconds_t kResetPulseUs = 5000;
 constexpr int32_t kDirectionOut = 0;
 constexpr int32_t kLow = 0;

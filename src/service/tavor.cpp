@@ -14,6 +14,7 @@
 #include <ctime>
 #include <mutex>
 #include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -52,6 +53,12 @@ constexpr uint32_t kRequestIds[] = {
     SERVICE_COMMAND,       // TAVOR_REQUEST_COMMAND
     SERVICE_ASSIST,        // TAVOR_REQUEST_ASSIST
 };
+
+static_assert(sizeof kResponseCodes == SERVICE_DEBUG_TCP + 1);
+static_assert(sizeof kRequestIds / sizeof kRequestIds[0] == TAVOR_REQUEST_ASSIST + 1);
+static_assert(sizeof(tavor_request) == TAVOR_REQUEST_SIZE && offsetof(tavor_request, text) == 4);
+static_assert(sizeof(tavor_response) == TAVOR_RESPONSE_SIZE && offsetof(tavor_response, payload) == 8);
+static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
 
 // What clients have not read stays charged to the daemon's socket: with the default of 208 KiB and queues of
 // some hundred datagrams (net.unix.max_dgram_qlen) one client that does not read would leave no room for
