@@ -82,8 +82,8 @@ void location_debug_clients_admit(int32_t epfd, int32_t fd) {
 
 void location_debug_clients_drop(int32_t epfd, int32_t fd) {
     const DebugCancelHold hold;
-    const std::lock_guard guard(state.lock);
     location_epoll_remove_fd(epfd, fd);
+    const std::lock_guard guard(state.lock);
     close(fd);
     location_debug_del_client(&state.list, fd);
 }

@@ -87,15 +87,16 @@ void read_client(ReceiveState* receive, const DebugOutlet* outlet, int32_t fd) {
     }
 }
 
-// Returns false when the event was a client that could not be accepted.
+// Returns false when the event would wake the task again at once: a client that could not be accepted, or a
+// descriptor that is no client's, such as a server socket that does not listen.
 bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event& event) {
     const int32_t fd = event.data.fd;
-    if (fd == outlet->listen_fd) {
-        return (event.events & EPOLLIN) == 0 || accept_client(outlet);
+    if (fd == outlet->listen_fd && (event.events & EPOLLIN) != 0) {
+        return accept_client(outlet);
     }
     if (!location_debug_clients_have(fd)) {
         std::printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
-        return true;
+        return false;
     }
     if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
         read_client(receive, outlet, fd);
@@ -129,7 +130,7 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
     const bool all_served = serve_events(receive, outlet, events, count);
     forward_to_chip(receive);
     if (!all_served) {
-        usleep(kIdlePauseUs); // out of descriptors: the waiting client would wake the task again at once
+        usleep(kIdlePauseUs); // what woke the task is still there
     }
     return true;
 }

@@ -8,11 +8,13 @@
 #include "interpose/fail.h"
 
 #include <cerrno>
+#include <chrono>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -92,6 +94,17 @@ TEST_F(DebugFailureTest, FailedAcceptIsReportedAndTriedAgain) {
     connect_listed(1);
     EXPECT_EQ(log_count("location_socket_server_accept_new_tcp_connect, accept fail, serverfd="), 1U);
     EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail"), 1U);
+}
+
+TEST_F(DebugFailureTest, ServerThatDoesNotListenMakesNoBusyLoop) {
+    interpose_fail("listen", 1, EADDRINUSE);
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    const std::string report = "[LOCSERV] ERR: [debug]unexpected fd=";
+    ASSERT_TRUE(wait_until([&] { return log_count(report) > 0; }));
+    const size_t before = log_count(report);
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // the span that is measured
+    EXPECT_LE(log_count(report) - before, 10U);
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
 }
 
 TEST_F(DebugFailureTest, LogFileThatFailsToCloseIsForgotten) {
