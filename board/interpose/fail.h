@@ -4,8 +4,8 @@
 
 // The n-th call from now on (1: the next) of the named function fails with the error number; every call of
 // the program counts, whoever makes it. One order a function, gone once it has struck. Known are the
-// functions that the interposer replaces, variants (open64, __read_chk ...) under the plain name: open,
-// openat, read, write, close, ioctl, access, stat, lstat, unlink, remove, rmdir, mkdir, chmod, rename,
+// functions that the interposer replaces, variants (open64, __read_chk, accept4 ...) under the plain name:
+// open, openat, read, write, close, ioctl, access, stat, lstat, unlink, remove, rmdir, mkdir, chmod, rename,
 // realpath, fopen, fwrite, fclose, socket, bind, connect, sendto, listen, accept, setsockopt, msgget, msgsnd,
 // timer_create, sem_init, pthread_mutex_init, pthread_create. An unknown name or a number below 1 ends the
 // program with a message.
@@ -16,5 +16,13 @@ void interpose_fail_reset();
 
 // Counts a call. Returns the error number that it is to fail with, 0 when it is to go on.
 int interpose_fail_now(const char* function);
+
+// While one lives, the calls of its thread don't count: they are the interposer's, not the program's.
+struct InterposeUncounted {
+    InterposeUncounted();
+    ~InterposeUncounted();
+    InterposeUncounted(const InterposeUncounted&) = delete;
+    InterposeUncounted& operator=(const InterposeUncounted&) = delete;
+};
 
 #endif

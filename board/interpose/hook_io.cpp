@@ -37,7 +37,16 @@ int close(int fd) {
     if (backend_owns(fd)) {
         return close_device(fd);
     }
-    return hook_fails("close") ? -1 : real<"close", int(int)>()(fd);
+    const bool failed = hook_fails("close");
+    const int error = errno;
+    if (failed && error == EBADF) {
+        return -1;
+    }
+    const int result = real<"close", int(int)>()(fd); // the descriptor is gone also when the call fails
+    if (failed) {
+        errno = error;
+    }
+    return failed ? -1 : result;
 }
 
 ssize_t read(int fd, void* buffer, size_t length) {

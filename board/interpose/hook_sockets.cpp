@@ -1,12 +1,15 @@
 // Replaced socket functions: a Unix socket's address carries a path, too.
 #undef _FORTIFY_SOURCE
 
+#include "interpose/clock.h"
 #include "interpose/hook.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 namespace {
@@ -64,6 +67,20 @@ int call(AddressCall* function, const char* name, int fd, const sockaddr* addres
     return hooked.fits ? function(fd, hooked.address, hooked.size) : -1;
 }
 
+constexpr int64_t kNsPerUs = 1000;
+
+bool is_time_out(int level, int option) {
+    return level == SOL_SOCKET && (option == SO_SNDTIMEO || option == SO_RCVTIMEO);
+}
+
+// A time-out of the program's clock in the host's time; none (0) stays none.
+timeval host_time_out(const timeval& time_out) {
+    const int64_t us =
+        (interpose_host_wait(time_out.tv_sec * kNsPerSecond + time_out.tv_usec * kNsPerUs) + kNsPerUs - 1) /
+        kNsPerUs;
+    return {us * kNsPerUs / kNsPerSecond, us % (kNsPerSecond / kNsPerUs)};
+}
+
 } // namespace
 
 extern "C" {
@@ -98,9 +115,21 @@ int accept(int fd, sockaddr* address, socklen_t* size) {
     return hook_fails("accept") ? -1 : real<"accept", int(int, sockaddr*, socklen_t*)>()(fd, address, size);
 }
 
+int accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
+    using Accept4 = int(int, sockaddr*, socklen_t*, int);
+    return hook_fails("accept") ? -1 : real<"accept4", Accept4>()(fd, address, size, flags);
+}
+
 int setsockopt(int fd, int level, int option, const void* value, socklen_t size) noexcept {
     using SetSockOpt = int(int, int, int, const void*, socklen_t);
-    return hook_fails("setsockopt") ? -1 : real<"setsockopt", SetSockOpt>()(fd, level, option, value, size);
+    if (hook_fails("setsockopt")) {
+        return -1;
+    }
+    if (!is_time_out(level, option) || size < sizeof(timeval) || !interpose_clock_is_own()) {
+        return real<"setsockopt", SetSockOpt>()(fd, level, option, value, size);
+    }
+    const timeval host = host_time_out(*static_cast<const timeval*>(value));
+    return real<"setsockopt", SetSockOpt>()(fd, level, option, &host, sizeof host);
 }
 
 } // extern "C"

@@ -1,10 +1,8 @@
-// Replaced functions on queues, timers and threads. A program's clock could be made faster here, too.
+// Replaced functions on queues and threads.
 #undef _FORTIFY_SOURCE
 
 #include "interpose/hook.h"
 
-#include <csignal>
-#include <ctime>
 #include <semaphore.h>
 #include <sys/msg.h>
 
@@ -17,11 +15,6 @@ int msgget(key_t key, int flags) noexcept {
 int msgsnd(int queue, const void* message, size_t size, int flags) {
     using MsgSnd = int(int, const void*, size_t, int);
     return hook_fails("msgsnd") ? -1 : real<"msgsnd", MsgSnd>()(queue, message, size, flags);
-}
-
-int timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept {
-    using TimerCreate = int(clockid_t, sigevent*, timer_t*);
-    return hook_fails("timer_create") ? -1 : real<"timer_create", TimerCreate>()(clock, event, timer);
 }
 
 int sem_init(sem_t* semaphore, int shared, unsigned value) noexcept {

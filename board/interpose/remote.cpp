@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <linux/i2c-dev.h>
 #include <linux/spi/spidev.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -192,6 +193,11 @@ template <typename Value> int spi_get(int fd, BoardSpiSetting setting, void* arg
     return 0;
 }
 
+int i2c_select(int fd, uint64_t address) {
+    const auto number = static_cast<uint32_t>(std::min<uint64_t>(address, UINT32_MAX));
+    return static_cast<int>(round_trip(fd, {WIRE_I2C_SLAVE, number}, {nullptr, 0}));
+}
+
 bool is_spi_message(unsigned long request) {
     return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == 0 && _IOC_DIR(request) == _IOC_WRITE &&
            _IOC_SIZE(request) % sizeof(spi_ioc_transfer) == 0;
@@ -237,6 +243,9 @@ ssize_t backend_write(int fd, const void* data, size_t length) {
 }
 
 int backend_ioctl(int fd, unsigned long request, void* argument) {
+    if (request == I2C_SLAVE) { // the argument is the address itself
+        return i2c_select(fd, reinterpret_cast<uintptr_t>(argument));
+    }
     if (argument == nullptr) {
         return fail_with(EFAULT);
     }

@@ -24,6 +24,7 @@ enum WireOperation : uint32_t {
                           // kWirePartSends; the reply's payload: the bytes of parts with kWirePartReceives
     WIRE_SPI_SET = 6,     // number: setting (BoardSpiSetting); payload: uint32 value
     WIRE_SPI_GET = 7,     // number: setting; reply payload: uint32 value
+    WIRE_I2C_SLAVE = 9,   // number: address
     WIRE_CONTROL = 8,     // payload: a JSON object; reply payload: a JSON object
 };
 

@@ -1,4 +1,4 @@
-foreach(area paths files devices sockets fail)
+foreach(area paths files devices sockets fail clock timer)
     tavor_test(interpose_${area}_test SOURCES interpose_${area}_test.cpp USES board_interpose_local)
 endforeach()
 

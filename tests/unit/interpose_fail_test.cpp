@@ -88,13 +88,14 @@ std::vector<FailingCall> descriptor_calls(int fd) {
     return {
         {"read", [fd] { return told(read(fd, nullptr, 0) == -1); }},
         {"write", [fd] { return told(write(fd, "", 0) == -1); }},
-        {"close", [fd] { return told(close(fd) == -1); }},
+        {"close", [] { return told(close(dup(STDERR_FILENO)) == -1); }},
         {"ioctl", [fd] { return told(ioctl(fd, 0, nullptr) == -1); }},
         {"bind", [fd] { return told(bind(fd, nullptr, 0) == -1); }},
         {"connect", [fd] { return told(connect(fd, nullptr, 0) == -1); }},
         {"sendto", [fd] { return told(sendto(fd, "", 0, 0, nullptr, 0) == -1); }},
         {"listen", [fd] { return told(listen(fd, 1) == -1); }},
         {"accept", [fd] { return told(accept(fd, nullptr, nullptr) == -1); }},
+        {"accept", [fd] { return told(accept4(fd, nullptr, nullptr, 0) == -1); }},
         {"setsockopt", [fd] { return told(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &fd, sizeof fd) == -1); }},
         {"socket", [] { return told(socket(AF_UNIX, SOCK_DGRAM, 0) == -1); }},
         {"fwrite", [] { return told(fwrite("", 1, 1, stdout) == 0); }},
@@ -181,6 +182,17 @@ TEST_F(InterposeFail, EveryNamedFunctionFailsOnOrder) {
     expect_each_fails(system_calls());
     EXPECT_EQ(directory.read("file"), "x") << "what fails does nothing";
     EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(InterposeFail, AFailedCloseHasGivenTheDescriptorBackUnlessThereWasNone) {
+    const int fd = dup(STDERR_FILENO);
+    interpose_fail("close", 1, EBADF);
+    EXPECT_EQ(close(fd), -1);
+    EXPECT_GE(fcntl(fd, F_GETFD), 0);
+    interpose_fail("close", 1, EIO);
+    EXPECT_EQ(close(fd), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
 TEST_F(InterposeFail, AFailedFcloseHasClosedTheStream) {
