@@ -12,7 +12,7 @@ inline constexpr std::size_t kConfigTextSize = 128;
 struct SerialPortConfig {
     char path[kConfigTextSize];
     int32_t baud_rate;
-    int32_t flow_control; // 0 off, else on
+    int32_t flow_control; // 0 none, 1 software (XON/XOFF), 2 hardware (RTS/CTS)
 };
 
 struct SpiPortConfig {

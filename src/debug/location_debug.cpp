@@ -1,8 +1,8 @@
 #include "debug/location_debug.h"
 
+#include "base/cancel_hold.h"
 #include "config/location_config.h"
 #include "debug/location_debug_clients.h"
-#include "debug/location_debug_guard.h"
 #include "debug/location_debug_log.h"
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"
@@ -184,7 +184,7 @@ void hand_over(const uint8_t* data, uint32_t length) {
         return;
     }
     if (!send_block(&block)) {
-        const DebugCancelHold hold;
+        const CancelHold hold;
         std::puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
     }
 }

@@ -1,6 +1,6 @@
 #include "debug/location_debug_clients.h"
 
-#include "debug/location_debug_guard.h"
+#include "base/cancel_hold.h"
 #include "debug/location_epoll.h"
 
 #include <algorithm>
@@ -12,7 +12,8 @@
 
 namespace {
 
-// Nothing waits under the lock, and nobody is cancelled under it.
+// No peer is waited for under the lock: sends and closes return at once. A line of the log may wait for its
+// reader. Nobody is cancelled under the lock.
 struct ClientsState {
     std::mutex lock;
     DebugClientList list;
@@ -70,7 +71,7 @@ void location_debug_clients_init() {
 }
 
 void location_debug_clients_admit(int32_t epfd, int32_t fd) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     int32_t count = 0;
     if (!list_client(fd, &count)) {
         close(fd);
@@ -81,7 +82,7 @@ void location_debug_clients_admit(int32_t epfd, int32_t fd) {
 }
 
 void location_debug_clients_drop(int32_t epfd, int32_t fd) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     location_epoll_remove_fd(epfd, fd);
     const std::lock_guard guard(state.lock);
     close(fd);
@@ -89,7 +90,7 @@ void location_debug_clients_drop(int32_t epfd, int32_t fd) {
 }
 
 void location_debug_clients_forget(int32_t epfd) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
     for (int32_t i = 0; i < state.list.count; ++i) {
         location_epoll_remove_fd(epfd, state.list.fds[i]);
@@ -98,13 +99,13 @@ void location_debug_clients_forget(int32_t epfd) {
 }
 
 bool location_debug_clients_have(int32_t fd) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
     return location_debug_find_client(&state.list, fd) == 0;
 }
 
 void location_debug_clients_write(const uint8_t* data, uint64_t length) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
     for (int32_t i = 0; i < state.list.count; ++i) {
         send(state.list.fds[i], data, length, MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -1,13 +1,14 @@
 #include "debug/location_debug_log.h"
 
+#include "base/cancel_hold.h"
 #include "config/location_config.h"
-#include "debug/location_debug_guard.h"
+#include "debug/location_debug_clients.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <mutex>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -16,36 +17,41 @@ constexpr mode_t kLogFilePermissions = 0666;
 // The lock keeps the file open while the receive thread writes to it. Nobody is cancelled under it.
 struct DebugLogState {
     std::mutex lock;
-    FILE* file;
-} state;
+    int32_t fd;
+} state{.lock = {}, .fd = -1};
 
 // Not blocking: a path that names a pipe without a reader must not hold up the service.
-FILE* open_for_appending(const char* path) {
-    const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, kLogFilePermissions);
-    if (fd < 0) {
-        return nullptr;
+int32_t open_for_appending(const char* path) {
+    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, kLogFilePermissions);
+}
+
+bool write_all(int32_t fd, const uint8_t* data, uint32_t length) {
+    while (length > 0) {
+        const ssize_t written = write(fd, data, length);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        data += written;
+        length -= static_cast<uint32_t>(written);
     }
-    FILE* const file = fdopen(fd, "ab");
-    if (file == nullptr) {
-        close(fd);
-        return nullptr;
-    }
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    return file;
+    return true;
 }
 
 } // namespace
 
 int32_t location_debug_log_open() {
     const std::lock_guard guard(state.lock);
-    if (state.file != nullptr) {
+    if (state.fd != -1) {
         std::puts("[LOCSERV] INF: [debug]location_debug_start, already open");
         return 0;
     }
     char path[kConfigTextSize];
     location_config_get_log_path(path);
-    state.file = open_for_appending(path);
-    if (state.file == nullptr) {
+    state.fd = open_for_appending(path);
+    if (state.fd == -1) {
         std::printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
         return -1;
     }
@@ -53,19 +59,25 @@ int32_t location_debug_log_open() {
 }
 
 void location_debug_log_write(const uint8_t* data, uint32_t length) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    if (state.file != nullptr && std::fwrite(data, 1, length, state.file) < length) {
+    if (state.fd != -1 && !write_all(state.fd, data, length)) {
         std::puts("[LOCSERV] ERR: [debug] write to file fail");
     }
 }
 
-// Nothing is buffered, so nothing is lost when fclose fails; the stream is gone then too and can't be kept.
+// A file that fails to close stays open. Its descriptor is gone all the same, and the number may be another
+// file's by now: what stays is a duplicate from before. Without one the file is forgotten in either case.
 void location_debug_log_close() {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    FILE* const file = std::exchange(state.file, nullptr);
-    if (file != nullptr) {
-        std::fclose(file);
+    if (state.fd == -1) {
+        return;
     }
+    int32_t spare = fcntl(state.fd, F_DUPFD_CLOEXEC, 0);
+    if (location_debug_close_fd(&state.fd) != 0) {
+        state.fd = spare;
+        return;
+    }
+    location_debug_close_fd(&spare);
 }

@@ -12,7 +12,7 @@ int32_t location_debug_log_open();
 // Appends length bytes if the file is open. Any thread; may run beside open and close.
 void location_debug_log_write(const uint8_t* data, uint32_t length);
 
-// Closes the file.
+// Closes the file; one that fails to close stays open, and the next close tries again.
 void location_debug_log_close();
 
 #endif

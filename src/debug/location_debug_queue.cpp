@@ -1,12 +1,13 @@
 #include "debug/location_debug_queue.h"
 
-#include "debug/location_debug_guard.h"
+#include "base/cancel_hold.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -122,7 +123,7 @@ int32_t location_debug_queue_open() {
 }
 
 void location_debug_queue_close() {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
     if (state.id != -1) {
         msgctl(state.id, IPC_RMID, nullptr);
@@ -150,7 +151,7 @@ const uint8_t* location_debug_block_data(const DebugBlock* block) {
 
 location_debug_send_result location_debug_queue_send(DebugBlockPtr* block) {
     const DebugMessage message{.type = kMessageType, .data = block->get(), .length = (*block)->length};
-    const DebugCancelHold hold;
+    const CancelHold hold;
     const std::lock_guard guard(state.lock);
     if (state.id == -1) {
         return DEBUG_SEND_FAIL;

@@ -4,8 +4,9 @@
 #ifndef TAVOR_LOCATION_DEBUG_QUEUE_H
 #define TAVOR_LOCATION_DEBUG_QUEUE_H
 
+#include "base/free_block.h"
+
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
 // A heap copy of received bytes; length bytes follow the record.
@@ -14,13 +15,7 @@ struct DebugBlock {
     uint64_t length;
 };
 
-struct DebugBlockDeleter {
-    void operator()(DebugBlock* block) const {
-        free(block);
-    }
-};
-
-using DebugBlockPtr = std::unique_ptr<DebugBlock, DebugBlockDeleter>;
+using DebugBlockPtr = std::unique_ptr<DebugBlock, FreeBlock>;
 
 enum location_debug_send_result {
     DEBUG_SEND_OK,

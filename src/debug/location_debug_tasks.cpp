@@ -1,8 +1,8 @@
 #include "debug/location_debug_tasks.h"
 
+#include "base/cancel_hold.h"
 #include "debug/location_debug.h"
 #include "debug/location_debug_clients.h"
-#include "debug/location_debug_guard.h"
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"
 #include "debug/location_socket_server.h"
@@ -106,7 +106,7 @@ bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_e
 
 // Nothing waits in here, so cancellation is held off and no socket is lost between two steps.
 bool serve_events(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event* events, int count) {
-    const DebugCancelHold hold;
+    const CancelHold hold;
     bool all_served = true;
     for (int i = 0; i < count; ++i) {
         all_served = serve_event(receive, outlet, events[i]) && all_served;
@@ -140,7 +140,7 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
 void* location_debug_tx_task(void* argument) {
     auto* const outlet = static_cast<DebugOutlet*>(argument);
     {
-        const DebugCancelHold hold; // else a task that is stopped at once prints its line late or twice
+        const CancelHold hold; // else a task that is stopped at once prints its line late or twice
         std::puts("[LOCSERV] INF: [debug]location_debug_tx_task");
     }
     while (true) {
@@ -155,7 +155,7 @@ void* location_debug_tx_task(void* argument) {
 void* location_debug_rx_task(void* argument) {
     const auto* const outlet = static_cast<DebugOutlet*>(argument);
     {
-        const DebugCancelHold hold;
+        const CancelHold hold;
         std::puts("[LOCSERV] INF: [debug]location_debug_rx_task");
     }
     ReceiveState receive{};

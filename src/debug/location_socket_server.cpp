@@ -24,7 +24,7 @@ bool bind_to(int32_t fd, const char* ip, uint16_t port) {
 } // namespace
 
 int32_t location_socket_server_create_tcp(const char* ip, uint16_t port) {
-    const int32_t fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, IPPROTO_TCP);
+    const int32_t fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
         const int error = errno;
         std::printf("[LOCSERV] ERR: location_socket_server_create_tcp, socket fail, port=%d reason=[%s]%d\n",
@@ -56,7 +56,7 @@ int32_t location_socket_server_create_tcp(const char* ip, uint16_t port) {
 int32_t location_socket_server_accept_new_tcp_connect(int32_t fd) {
     sockaddr_in peer{};
     socklen_t peer_size = sizeof peer;
-    const int32_t client = accept(fd, reinterpret_cast<sockaddr*>(&peer), &peer_size);
+    const int32_t client = accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peer_size, SOCK_CLOEXEC);
     if (client < 0) {
         const int error = errno;
         std::printf(

@@ -1,5 +1,6 @@
 #include "debug/location_uart.h"
 
+#include "base/free_block.h"
 #include "debug/location_uart_escape.h"
 
 #include <algorithm>
@@ -18,12 +19,6 @@ constexpr uint32_t kEscapedBufferMax = 2 * kUartEscapedWriteMax;
 // Before closing, a line that is still sending is waited for: half a second in all.
 constexpr int kDrainRounds = 50;
 constexpr useconds_t kDrainRoundUs = 10'000;
-
-struct FreeDeleter {
-    void operator()(uint8_t* block) const {
-        std::free(block);
-    }
-};
 
 speed_t speed_of(int32_t baud) {
     switch (baud) {
@@ -107,7 +102,7 @@ void drain_or_drop(int32_t fd) {
 int32_t write_escaped(const uint8_t* data, uint32_t length, int32_t fd) {
     length = std::min(length, kUartEscapedWriteMax);
     const size_t capacity = std::clamp(2 * length, 1U, kEscapedBufferMax);
-    const std::unique_ptr<uint8_t, FreeDeleter> escaped(static_cast<uint8_t*>(std::malloc(capacity)));
+    const std::unique_ptr<uint8_t, FreeBlock> escaped(static_cast<uint8_t*>(std::malloc(capacity)));
     if (!escaped) {
         std::puts("[LOCSERV] ERR: location_uart_write, malloc fail");
         return -1;

@@ -1,8 +1,8 @@
 #include "link/host_mux.h"
 
 #include "link/host_mux_i2c.h"
-#include "link/host_mux_lock.h"
 #include "link/host_mux_spi.h"
+#include "link/stop_mark.h"
 
 #include <cstdio>
 #include <pthread.h>
@@ -41,10 +41,10 @@ struct ExclusiveBus {
 // Makes transfers of other threads come back while the bus is being closed.
 struct StopMark {
     StopMark() {
-        host_mux_stop_begin();
+        stop_mark_raise();
     }
     ~StopMark() {
-        host_mux_stop_end();
+        stop_mark_lower();
     }
     StopMark(const StopMark&) = delete;
     StopMark& operator=(const StopMark&) = delete;

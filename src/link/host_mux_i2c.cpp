@@ -1,5 +1,6 @@
 #include "link/host_mux_i2c.h"
 
+#include "base/byte_order.h"
 #include "link/host_mux_i2c_step.h"
 #include "link/host_mux_lock.h"
 
@@ -26,6 +27,7 @@ constexpr uint32_t kRegisterSize = 4;
 constexpr uint8_t kAccessRead = 0x51;
 constexpr uint8_t kAccessWrite = 0x53;
 constexpr uint8_t kCommandMarker = 0xAA;
+constexpr uint32_t kCommandLengthOffset = 4;
 
 using I2cCommand = std::array<uint8_t, 8>;
 
@@ -59,20 +61,12 @@ struct MutexHold {
     bool held;
 };
 
-uint8_t byte_of(uint32_t value, unsigned index) {
-    return static_cast<uint8_t>(value >> (8 * index));
-}
-
-uint32_t load_le32(const std::array<uint8_t, kRegisterSize>& bytes) {
-    return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
-           static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
-}
-
 // length is the byte count itself; the SPI variant sends it less one.
 I2cCommand make_command(uint16_t address, uint8_t access, uint32_t length) {
-    return {byte_of(address, 0), byte_of(address, 1), access,
-            kCommandMarker,      byte_of(length, 0),  byte_of(length, 1),
-            byte_of(length, 2),  byte_of(length, 3)};
+    I2cCommand command{0, 0, access, kCommandMarker};
+    store_le16(command.data(), address);
+    store_le32(command.data() + kCommandLengthOffset, length);
+    return command;
 }
 
 port_platform_transfer write_transfer(uint8_t port, const uint8_t* data, uint32_t length) {
@@ -124,7 +118,7 @@ int32_t receive_length(uint32_t bus, uint32_t* value) {
         0) {
         return 1;
     }
-    *value = load_le32(bytes);
+    *value = load_le32(bytes.data());
     printf("[mux][i2c][master][rx]===>step 1-b:Get length of i2c slave tx buff succ(tx len = %dB)\r\n",
            static_cast<int>(*value));
     return 0;
@@ -188,7 +182,7 @@ int32_t send_length(uint32_t bus, uint32_t* value) {
     if (send_step(I2cStep::kSendLength, bus, read_transfer(kReadPort, bytes.data(), kRegisterSize)) != 0) {
         return 1;
     }
-    *value = load_le32(bytes);
+    *value = load_le32(bytes.data());
     printf("[mux][i2c][master][tx]===>step 1_b:Receive I2C slave Rx_len Reg value:0x%x. success!!!\r\n",
            *value);
     return 0;

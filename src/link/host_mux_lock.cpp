@@ -1,5 +1,7 @@
 #include "link/host_mux_lock.h"
 
+#include "link/stop_mark.h"
+
 #include <atomic>
 #include <ctime>
 #include <unistd.h>
@@ -17,7 +19,6 @@ constexpr clockid_t kTakeClock = CLOCK_MONOTONIC; // setting the time of day mus
 #endif
 
 struct State {
-    std::atomic<int> stops{0};
     std::atomic<int> waiting{0}; // threads that wait for a mutex
 } state;
 
@@ -71,25 +72,13 @@ bool take_within_a_round(port_platform_mutex mutex) {
 
 } // namespace
 
-void host_mux_stop_begin() {
-    state.stops.fetch_add(1);
-}
-
-void host_mux_stop_end() {
-    state.stops.fetch_sub(1);
-}
-
-bool host_mux_stop_pending() {
-    return state.stops.load() > 0;
-}
-
 bool host_mux_next_round() {
-    if (host_mux_stop_pending()) {
+    if (stop_mark_raised()) {
         return false;
     }
     usleep(kRoundUs); // short enough to be sat out: cancellation takes effect behind it
     offer_cancellation();
-    return !host_mux_stop_pending();
+    return !stop_mark_raised();
 }
 
 bool host_mux_take(port_platform_mutex mutex) {
@@ -109,14 +98,21 @@ bool host_mux_take(port_platform_mutex mutex) {
     return true;
 }
 
-HostMuxCancelHold::HostMuxCancelHold() : previous_state(PTHREAD_CANCEL_ENABLE) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_state);
+bool host_mux_take_unless_stopped(port_platform_mutex mutex) {
+    while (!take_within_a_round(mutex)) {
+        if (stop_mark_raised()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+HostMuxCancelHold::HostMuxCancelHold() {
     if (held.depth++ == 0) {
-        held.callers_state = previous_state;
+        held.callers_state = hold.previous_state;
     }
 }
 
 HostMuxCancelHold::~HostMuxCancelHold() {
     --held.depth;
-    pthread_setcancelstate(previous_state, nullptr);
 }

@@ -3,14 +3,8 @@
 #ifndef TAVOR_HOST_MUX_LOCK_H
 #define TAVOR_HOST_MUX_LOCK_H
 
+#include "base/cancel_hold.h"
 #include "link/port_platform.h"
-
-// Announces that the link is about to be stopped, and that it has been. While at least one stop is pending,
-// unlimited waits end with failure, so that a thread which can't be cancelled comes back too. Calls pair up;
-// any thread.
-void host_mux_stop_begin();
-void host_mux_stop_end();
-bool host_mux_stop_pending();
 
 // Pause between two rounds of an unlimited wait, a cancellation point. Returns false when a stop is pending.
 bool host_mux_next_round();
@@ -19,14 +13,19 @@ bool host_mux_next_round();
 // holder then comes back soon. Returns false for a null mutex only.
 bool host_mux_take(port_platform_mutex mutex);
 
-// Holds cancellation off for its lifetime.
+// Takes the mutex, for a thread that waits for what is no link's operation: gives way to a pending stop.
+// Returns whether the mutex is taken.
+bool host_mux_take_unless_stopped(port_platform_mutex mutex);
+
+// Holds cancellation off for an operation; unlike a plain CancelHold it lets the waits above offer what its
+// caller had.
 struct HostMuxCancelHold {
     HostMuxCancelHold();
     ~HostMuxCancelHold();
     HostMuxCancelHold(const HostMuxCancelHold&) = delete;
     HostMuxCancelHold& operator=(const HostMuxCancelHold&) = delete;
 
-    int previous_state;
+    const CancelHold hold;
 };
 
 #endif

@@ -3,6 +3,7 @@
 #include "link/host_mux_lock.h"
 #include "link/host_mux_spi_slave.h"
 #include "link/host_mux_spi_step.h"
+#include "link/stop_mark.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -63,7 +64,7 @@ void finish(Operation& operation) {
         return;
     }
     const bool still_open = portable_HAL_SPI_POWER_OFF(operation.bus) != 0;
-    operation.counted = operation.counted && still_open && host_mux_stop_pending();
+    operation.counted = operation.counted && still_open && stop_mark_raised();
 }
 
 bool receive(Operation& operation, uint8_t* buffer, uint32_t* length) {

@@ -2,6 +2,7 @@
 
 #include "link/host_mux_lock.h"
 #include "link/port_platform.h"
+#include "link/stop_mark.h"
 
 #include <atomic>
 #include <cstdio>
@@ -56,7 +57,7 @@ int32_t switch_power(uint32_t bus, const PowerSwitch& to) {
 // The slave is left off when it is about to be stopped anyway.
 void cycle_power(uint32_t bus) {
     portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(bus);
-    if (!host_mux_stop_pending()) {
+    if (!stop_mark_raised()) {
         host_mux_spi_power_on_without_counter(bus);
     }
 }

@@ -1,5 +1,6 @@
 #include "link/host_mux_spi_step.h"
 
+#include "base/byte_order.h"
 #include "link/host_mux_spi_slave.h"
 #include "link/port_platform.h"
 
@@ -41,20 +42,6 @@ struct FreeMemory {
         port_platform_free(memory);
     }
 };
-
-void store_le32(uint8_t* p, uint32_t value) {
-    for (int i = 0; i < 4; ++i) {
-        p[i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
-
-uint32_t load_le32(const uint8_t* p) {
-    uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) {
-        value = value << 8 | p[i];
-    }
-    return value;
-}
 
 struct CommandStep {
     uint8_t opcode;

@@ -1,5 +1,7 @@
 #include "link/location_frame.h"
 
+#include "base/byte_order.h"
+
 #include <cstring>
 
 namespace {
@@ -20,10 +22,6 @@ constexpr uint32_t kSentenceMin = 11; // fewer bytes are not judged
 constexpr uint32_t kSentenceTail = 5; // '*', two digits, CR LF
 constexpr char kPzul[] = "PZUL";
 constexpr char kTalkers[][3] = {"GP", "GL", "GB", "GA", "GI", "GN"};
-
-uint32_t load_le16(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8;
-}
 
 uint8_t xor_of(const uint8_t* p, int32_t n) {
     uint8_t sum = 0;

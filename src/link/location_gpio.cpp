@@ -1,7 +1,7 @@
 #include "link/location_gpio.h"
 
+#include "base/descriptor_guard.h"
 #include "config/location_config.h"
-#include "link/descriptor_guard.h"
 
 #include <cstdio>
 #include <cstring>

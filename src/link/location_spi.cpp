@@ -1,6 +1,6 @@
 #include "link/location_spi.h"
 
-#include "link/descriptor_guard.h"
+#include "base/descriptor_guard.h"
 
 #include <cstdio>
 #include <fcntl.h>

@@ -1,5 +1,6 @@
 #include "link/port_platform.h"
 
+#include "base/free_block.h"
 #include "link/location_i2c.h"
 #include "link/location_spi.h"
 
@@ -19,12 +20,6 @@ constexpr uint8_t kBitsPerWord = 8;
 constexpr uint32_t kCpolWeight = 2; // CPOL is bit 1 of the SPI mode
 constexpr int kProcessPrivate = 0;
 constexpr unsigned kInitialCount = 1;
-
-struct FreeMemory {
-    void operator()(void* memory) const {
-        std::free(memory);
-    }
-};
 
 template <size_t Size> void copy_path(char (&dst)[Size], const char* path) {
     if (std::snprintf(dst, Size, "%s", path) < 0) {
@@ -132,7 +127,7 @@ void port_platform_sleep_ms(uint32_t ms) {
 }
 
 port_platform_semaphore port_platform_create_semaphore() {
-    std::unique_ptr<sem_t, FreeMemory> semaphore(static_cast<sem_t*>(std::malloc(sizeof(sem_t))));
+    std::unique_ptr<sem_t, FreeBlock> semaphore(static_cast<sem_t*>(std::malloc(sizeof(sem_t))));
     if (semaphore == nullptr || sem_init(semaphore.get(), kProcessPrivate, kInitialCount) != 0) {
         return nullptr;
     }
@@ -152,7 +147,7 @@ void port_platform_destroy_samphore(port_platform_semaphore* semaphore) {
     if (*semaphore == nullptr) {
         return;
     }
-    const std::unique_ptr<sem_t, FreeMemory> memory(*semaphore);
+    const std::unique_ptr<sem_t, FreeBlock> memory(*semaphore);
     *semaphore = nullptr;
     const int ret = sem_destroy(memory.get());
     if (ret != 0) {
@@ -161,7 +156,7 @@ void port_platform_destroy_samphore(port_platform_semaphore* semaphore) {
 }
 
 port_platform_mutex port_platform_create_mutex() {
-    std::unique_ptr<pthread_mutex_t, FreeMemory> mutex(
+    std::unique_ptr<pthread_mutex_t, FreeBlock> mutex(
         static_cast<pthread_mutex_t*>(std::malloc(sizeof(pthread_mutex_t))));
     if (mutex == nullptr || pthread_mutex_init(mutex.get(), nullptr) != 0) {
         return nullptr;
@@ -181,7 +176,7 @@ void port_platform_destroy_mutex(port_platform_mutex* mutex) {
     if (*mutex == nullptr) {
         return;
     }
-    const std::unique_ptr<pthread_mutex_t, FreeMemory> memory(*mutex);
+    const std::unique_ptr<pthread_mutex_t, FreeBlock> memory(*mutex);
     *mutex = nullptr;
     const int ret = pthread_mutex_destroy(memory.get());
     if (ret != 0) {

@@ -1,6 +1,7 @@
 #include "service/service_queue.h"
 
-#include "link/host_mux_lock.h"
+#include "base/cancel_hold.h"
+#include "link/stop_mark.h"
 #include "service/service_state.h"
 
 #include <atomic>
@@ -45,7 +46,7 @@ bool stops_link(uint32_t id) {
 struct UnsentMessage {
     UnsentMessage(uint32_t message_id, void* message_data) : id(message_id), data(message_data) {
         if (stops_link(id)) {
-            host_mux_stop_begin();
+            stop_mark_raise();
         }
     }
     ~UnsentMessage() {
@@ -72,7 +73,7 @@ QueueRecord make_record(const ServiceMessage& message) {
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
 // free a block that the consumer owns by then.
 int enqueue_now(const QueueRecord& record, UnsentMessage* message) {
-    const HostMuxCancelHold hold;
+    const CancelHold hold;
     int result = 0;
     do {
         result = msgsnd(g_service_state.msqid, &record, kMessageBodySize, IPC_NOWAIT);
@@ -128,6 +129,6 @@ bool service_queue_receive(ServiceMessage* message) {
 
 void service_queue_handled(uint32_t id) {
     if (stops_link(id)) {
-        host_mux_stop_end();
+        stop_mark_lower();
     }
 }

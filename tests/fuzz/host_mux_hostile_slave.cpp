@@ -2,9 +2,9 @@
 // caller's buffer is touched, every operation ends, and neither the mutex nor a power request stays behind.
 #include "interpose/local.h"
 #include "link/host_mux.h"
-#include "link/host_mux_lock.h"
 #include "link/host_mux_spi.h"
 #include "link/host_mux_spi_slave.h"
+#include "link/stop_mark.h"
 
 #include <algorithm>
 #include <bit>
@@ -45,7 +45,7 @@ uint8_t take_byte() {
     }
     if (!input.stop_begun) {
         input.stop_begun = true;
-        host_mux_stop_begin();
+        stop_mark_raise();
     }
     return 0xFF;
 }
@@ -150,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     run_operations(&handle);
     if (input.stop_begun) {
-        host_mux_stop_end();
+        stop_mark_lower();
     }
     if (host_mux_deinit(&handle) != 0 || host_mux_spi_power_counter() != 0) {
         fail("can't close the bus");

@@ -6,7 +6,9 @@
 #include <string>
 
 struct PrivateDir {
-    PrivateDir(); // makes a short path below the temporary directory: a socket's path must fit 107 characters
+    // Makes a short path below the temporary directory: a socket's path must fit 107 characters. The first
+    // one of a process removes those of processes that are gone.
+    PrivateDir();
     ~PrivateDir();
     PrivateDir(const PrivateDir&) = delete;
     PrivateDir& operator=(const PrivateDir&) = delete;

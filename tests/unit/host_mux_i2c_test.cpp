@@ -1,3 +1,4 @@
+#include "interpose/fail.h"
 #include "interpose/local.h"
 #include "link/host_mux.h"
 #include "link/host_mux_i2c.h"
@@ -36,6 +37,18 @@ struct I2cSlave {
 
 I2cSlave* slave = nullptr;
 
+// What the host did with time, bus and mutex, in order.
+using Events = std::vector<std::string>;
+Events events;
+
+// A transaction of the host, which holds the mutex meanwhile.
+void note(const char* what) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%s %02x", what, slave->address);
+    events.emplace_back(text);
+    EXPECT_EQ(pthread_mutex_trylock(g_host_mux_i2c_master_mutex), EBUSY) << text;
+}
+
 bool refused() {
     if (slave->silent || slave->refuse[slave->address] > 0) {
         --slave->refuse[slave->address];
@@ -53,6 +66,7 @@ int slave_ioctl(unsigned long request, void* argument) {
 
 ssize_t slave_write(const void* data, size_t length) {
     const auto* bytes = static_cast<const uint8_t*>(data);
+    note("write");
     if (refused()) {
         return -1;
     }
@@ -66,6 +80,7 @@ ssize_t slave_write(const void* data, size_t length) {
 }
 
 ssize_t slave_read(void* buffer, size_t length) {
+    note("read");
     if (refused()) {
         return -1;
     }
@@ -89,6 +104,16 @@ Bytes counted(size_t size) {
 
 } // namespace
 
+extern "C" void __wrap__Z22port_platform_sleep_msj(uint32_t ms) {
+    events.push_back("sleep " + std::to_string(ms));
+}
+
+extern "C" int32_t __real__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex);
+extern "C" int32_t __wrap__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex) {
+    events.emplace_back("give");
+    return __real__Z24port_platform_give_mutexP15pthread_mutex_t(mutex);
+}
+
 class HostMuxI2c : public testing::Test {
 protected:
     void SetUp() override {
@@ -103,6 +128,7 @@ protected:
         local_devices(devices);
         std::snprintf(config.path, sizeof config.path, "/dev/i2c-1");
         ASSERT_EQ(host_mux_init(&handle, &config), 0);
+        events.clear();
     }
     void TearDown() override {
         EXPECT_EQ(host_mux_deinit(&handle), 0);
@@ -114,6 +140,10 @@ protected:
         buffer.assign(capacity, 0xEE);
         length = static_cast<uint32_t>(capacity);
         return host_mux_rx(&handle, buffer.data(), &length);
+    }
+    void expect_mutex_free() {
+        EXPECT_EQ(pthread_mutex_trylock(g_host_mux_i2c_master_mutex), 0);
+        EXPECT_EQ(pthread_mutex_unlock(g_host_mux_i2c_master_mutex), 0);
     }
     int32_t send(const Bytes& data) {
         length = static_cast<uint32_t>(data.size());
@@ -189,7 +219,7 @@ TEST_F(HostMuxI2c, SendAsksForTheRoomThenWritesThatManyBytes) {
 }
 
 TEST_F(HostMuxI2c, EverySizeArrivesIntactInBothDirections) {
-    for (const size_t size : {1, 2, 3, 4, 5, 255, 256, 1023, 1024, 1025, 4094, 4095}) {
+    for (size_t size = 1; size <= 4095; ++size) {
         chip.to_send = counted(size);
         chip.tx_length = chip.rx_length = static_cast<uint32_t>(size);
         chip.taken.clear();
@@ -197,11 +227,37 @@ TEST_F(HostMuxI2c, EverySizeArrivesIntactInBothDirections) {
             ASSERT_EQ(receive(4095), 0);
             EXPECT_EQ(length, size);
             buffer.resize(size);
-            EXPECT_EQ(buffer, chip.to_send);
+            ASSERT_EQ(buffer, chip.to_send) << size;
             ASSERT_EQ(send(chip.to_send), 0);
         });
-        EXPECT_EQ(chip.taken, chip.to_send);
+        ASSERT_EQ(chip.taken, chip.to_send) << size;
+        chip.written.clear();
+        events.clear();
     }
+}
+
+TEST_F(HostMuxI2c, ReceiveKeepsTheMutexForItsWholeRun) {
+    chip.to_send = counted(2);
+    chip.tx_length = 2;
+    capture_stdout([&] { EXPECT_EQ(receive(2), 0); });
+    EXPECT_EQ(events, (Events{"sleep 10", "write 50", "sleep 10", "write 50", "sleep 10", "read 54",
+                              "sleep 10", "write 50", "sleep 10", "read 54", "give"}));
+}
+
+TEST_F(HostMuxI2c, SendGivesTheMutexOnceBetweenItsPhases) {
+    chip.rx_length = 2;
+    capture_stdout([&] { EXPECT_EQ(send(counted(2)), 0); });
+    EXPECT_EQ(events, (Events{"sleep 10", "write 50", "sleep 10", "write 50", "sleep 10", "read 54", "give",
+                              "sleep 10", "write 50", "sleep 10", "write 58", "give"}));
+}
+
+TEST_F(HostMuxI2c, NoRoomOrNothingReadyGivesTheMutexOnce) {
+    capture_stdout([&] { EXPECT_EQ(send(counted(2)), 0); });
+    EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
+    events.clear();
+    capture_stdout([&] { EXPECT_EQ(receive(2), 0); });
+    EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
+    expect_mutex_free();
 }
 
 TEST_F(HostMuxI2c, NothingReadyEndsWithOneZeroLengthLine) {
@@ -227,6 +283,17 @@ TEST_F(HostMuxI2c, HostileLengthIsBoundedByTheCallersCapacity) {
     EXPECT_NE(log.find("step 1-b:I2c slave tx data len too big(expect:100, actual:-1)\r\n"),
               std::string::npos);
     EXPECT_EQ(chip.read.back(), (std::pair<uint8_t, size_t>{0x54, 100}));
+}
+
+TEST_F(HostMuxI2c, NoCapacityEndsAsIfNothingWereReady) {
+    chip.tx_length = 5;
+    const std::vector<std::string> lines = lines_of(capture_stdout([&] { EXPECT_EQ(receive(0), 0); }));
+    EXPECT_EQ(length, 0U);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ(lines[lines.size() - 2],
+              "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len too big(expect:0, actual:5)\r");
+    EXPECT_EQ(lines.back(),
+              "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r");
 }
 
 TEST_F(HostMuxI2c, HostileRoomSendsTheCallersLength) {
@@ -269,6 +336,12 @@ TEST_F(HostMuxI2c, SilentChipCostsSixAttemptsOfTheProbe) {
     expected +=
         "[mux][i2c][master][rx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!\r\n";
     EXPECT_EQ(log, expected);
+    Events six;
+    for (int i = 0; i < 6; ++i) {
+        six.insert(six.end(), {"sleep 10", "write 50"});
+    }
+    six.emplace_back("give");
+    EXPECT_EQ(events, six);
 
     chip.silent = false;
     chip.tx_length = 1;
@@ -286,6 +359,10 @@ struct StepFailure {
     std::vector<std::string> retry; // lines of the first failure
     std::string limit;
 };
+
+void PrintTo(const StepFailure& step, std::ostream* out) {
+    *out << step.name;
+}
 
 } // namespace
 
@@ -334,6 +411,8 @@ TEST_P(HostMuxI2cStep, FiveFailuresAreRetriedAndTheSixthEndsTheOperation) {
 
     refuse_from(step.good_before, 6);
     const std::vector<std::string> lines = lines_of(capture_stdout([&] { EXPECT_EQ(run(), 1); }));
+    expect_mutex_free();
+    EXPECT_EQ(events.back(), "give");
     ASSERT_GT(lines.size(), 6 * step.retry.size());
     EXPECT_EQ(lines.back(), step.limit + "\r");
     size_t at = lines.size() - 1 - 6 * step.retry.size();
@@ -414,6 +493,76 @@ INSTANTIATE_TEST_SUITE_P(
             "[mux][i2c][master][tx]===>Step 2_b: #### too many ERROR counter 6, now go to restart!!!!!"}),
     [](const auto& step) { return std::string(step.param.name); });
 
+// Every step has its own six attempts.
+TEST_F(HostMuxI2c, ErrorsAreCountedFromZeroInEveryStep) {
+    chip.tx_length = chip.rx_length = 5;
+    chip.to_send = counted(5);
+    int attempt = 0;
+    LocalDevices devices;
+    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
+        return slave_ioctl(request, argument);
+    };
+    const auto sixth = [&attempt] { return ++attempt % 6 == 0; };
+    devices.read = [&](const std::string&, void* to, size_t n) { return sixth() ? slave_read(to, n) : -1; };
+    devices.write = [&](const std::string&, const void* from, size_t n) {
+        return sixth() ? slave_write(from, n) : -1;
+    };
+    local_devices(devices);
+    capture_stdout([&] {
+        EXPECT_EQ(receive(5), 0);
+        EXPECT_EQ(send(counted(5)), 0);
+    });
+    EXPECT_EQ(length, 5U);
+    EXPECT_EQ(attempt, 2 * 5 * 6);
+}
+
+TEST_F(HostMuxI2c, ShortLengthReadIsTakenWithZerosAboveIt) {
+    chip.to_send = counted(0x0203);
+    chip.tx_length = 0x0203;
+    LocalDevices devices;
+    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
+        return slave_ioctl(request, argument);
+    };
+    devices.read = [](const std::string&, void* to, size_t n) {
+        return n == 4 ? slave_read(to, 1) : slave_read(to, n);
+    };
+    devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
+    local_devices(devices);
+    capture_stdout([&] { EXPECT_EQ(receive(4095), 0); });
+    EXPECT_EQ(length, 3U);
+}
+
+TEST(HostMuxI2cOpen, MissingMutexFailsTheInitAndComesWithTheNext) {
+    LocalDevices devices;
+    devices.open = [](const std::string&, int) { return 0; };
+    local_devices(devices);
+    const host_mux_i2c_port_config config = {0, "/dev/i2c-1"};
+    host_mux_handle handle = {HOST_MUX_BUS_I2C, kHostMuxClosed};
+    interpose_fail("pthread_mutex_init", 1, ENOMEM);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(host_mux_init(&handle, &config), -1); }),
+              "g_host_mux_i2c_master_mutex create error\r\nhost_mux_init, init fail\n");
+    interpose_fail_reset();
+    EXPECT_EQ(host_mux_init(&handle, &config), 0);
+    EXPECT_EQ(host_mux_deinit(&handle), 0);
+    local_devices({});
+}
+
+TEST(HostMuxI2cOpen, DeviceThatIsNotThereFailsTheInitAndKeepsTheMutex) {
+    const host_mux_i2c_port_config config = {0, "/dev/i2c-9"};
+    host_mux_handle handle = {HOST_MUX_BUS_I2C, kHostMuxClosed};
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(host_mux_init(&handle, &config), -1); }),
+              "[LOCSERV] ERR: location_i2c_init, open fail\nhost_mux_init, init fail\n");
+    EXPECT_EQ(handle.id, kHostMuxClosed);
+    EXPECT_NE(g_host_mux_i2c_master_mutex, nullptr);
+    port_platform_destroy_mutex(&g_host_mux_i2c_master_mutex);
+}
+
+TEST_F(HostMuxI2c, FailedCloseIsToldAndKeepsTheMutex) {
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(host_mux_i2c_master_deinit(static_cast<uint32_t>(-1)), 1); }),
+              "portable_HAL_I2C_MASTER_DEINIT: bus de-init err\r\n");
+    expect_mutex_free();
+}
+
 namespace {
 
 void* receive_on_thread(void* argument) {
@@ -440,4 +589,48 @@ TEST_F(HostMuxI2c, CancelledWhileAnotherThreadHoldsTheBusComesBack) {
     chip.tx_length = 1;
     chip.to_send = counted(1);
     capture_stdout([&] { EXPECT_EQ(receive(1), 0); });
+}
+
+namespace {
+
+// A receive whose thread is cancelled in the middle: what came of it is told when it goes on behind.
+struct CancelledReceive {
+    host_mux_handle* handle;
+    int32_t result = -1;
+    uint32_t length = 3;
+    uint8_t bytes[3] = {};
+};
+
+void* receive_cancelled(void* argument) {
+    auto* receive = static_cast<CancelledReceive*>(argument);
+    receive->result = host_mux_rx(receive->handle, receive->bytes, &receive->length);
+    pthread_testcancel();
+    return nullptr;
+}
+
+} // namespace
+
+TEST_F(HostMuxI2c, CancelledInAnOperationFinishesItFirst) {
+    chip.tx_length = 3;
+    chip.to_send = counted(3);
+    LocalDevices devices;
+    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
+        pthread_cancel(pthread_self());
+        return slave_ioctl(request, argument);
+    };
+    devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
+    devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
+    local_devices(devices);
+    CancelledReceive receive = {.handle = &handle};
+    void* result = nullptr;
+    capture_stdout([&] {
+        pthread_t thread = {};
+        ASSERT_EQ(pthread_create(&thread, nullptr, receive_cancelled, &receive), 0);
+        ASSERT_EQ(pthread_join(thread, &result), 0);
+    });
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(receive.result, 0);
+    EXPECT_EQ(receive.length, 3U);
+    EXPECT_EQ(Bytes(receive.bytes, receive.bytes + 3), counted(3));
+    expect_mutex_free();
 }

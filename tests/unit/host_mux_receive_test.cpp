@@ -152,6 +152,10 @@ struct FailingTransfer {
     int32_t counter = 0; // afterwards
 };
 
+void PrintTo(const FailingTransfer& transfer, std::ostream* out) {
+    *out << "transfer " << transfer.number;
+}
+
 const FailingTransfer kFailingTransfers[] = {
     {1, "host_mux_spi_power_on_without_counter: transfer fail\r", true},
     {2, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},

@@ -2,6 +2,7 @@
 // behind.
 #include "host_mux_fixture.h"
 #include "link/host_mux_lock.h"
+#include "link/stop_mark.h"
 
 #include <chrono>
 #include <pthread.h>
@@ -12,10 +13,10 @@ constexpr auto kLimit = std::chrono::seconds(60);
 
 struct StopMark {
     StopMark() {
-        host_mux_stop_begin();
+        stop_mark_raise();
     }
     ~StopMark() {
-        host_mux_stop_end();
+        stop_mark_lower();
     }
 };
 
@@ -330,16 +331,6 @@ TEST_F(HostMuxStop, SlaveThatIsAboutToBeStoppedIsNotSwitchedOnAgain) {
     EXPECT_EQ(host_mux_spi_power_counter(), 0);
 }
 
-TEST_F(HostMuxStop, StopMarksCount) {
-    EXPECT_FALSE(host_mux_stop_pending());
-    host_mux_stop_begin();
-    host_mux_stop_begin();
-    host_mux_stop_end();
-    EXPECT_TRUE(host_mux_stop_pending());
-    host_mux_stop_end();
-    EXPECT_FALSE(host_mux_stop_pending());
-}
-
 TEST_F(HostMuxStop, ClosingEndsAnOperationThatHangs) {
     make_silent();
     capture_stdout([&] {
@@ -349,7 +340,7 @@ TEST_F(HostMuxStop, ClosingEndsAnOperationThatHangs) {
         EXPECT_TRUE(worker.join_failed());
     });
     EXPECT_EQ(g_host_mux_spi_master_mutex, nullptr);
-    EXPECT_FALSE(host_mux_stop_pending());
+    EXPECT_FALSE(stop_mark_raised());
 }
 
 TEST_F(HostMuxStop, CancelledOperationTakesBackItsOwnPowerRequestOnly) {

@@ -7,21 +7,29 @@
 #include "debug_fixture.h"
 #include "interpose/fail.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
 namespace {
 
+// The outlet's threads look at it too.
 struct FailureState {
-    bool cancel = false;
-    bool epoll_create = false;
+    std::atomic<bool> cancel = false;
+    std::atomic<bool> epoll_create = false;
+    std::atomic<bool> short_writes = false;
+    std::atomic<bool> malloc = false;
 } failure;
 
 template <class Function> Function next_of(const char* name) {
@@ -29,6 +37,16 @@ template <class Function> Function next_of(const char* name) {
 }
 
 } // namespace
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+    return failure.malloc ? nullptr : __real_malloc(size);
+}
+
+extern "C" ssize_t __real_write(int fd, const void* data, size_t length);
+extern "C" ssize_t __wrap_write(int fd, const void* data, size_t length) {
+    return __real_write(fd, data, failure.short_writes ? std::min<size_t>(length, 2) : length);
+}
 
 extern "C" int pthread_cancel(pthread_t thread) {
     return failure.cancel ? ESRCH : next_of<decltype(&pthread_cancel)>("pthread_cancel")(thread);
@@ -44,11 +62,23 @@ extern "C" int epoll_create(int size) noexcept {
 
 namespace {
 
+const std::string kAlreadyOpen = "[LOCSERV] INF: [debug]location_debug_start, already open";
 const std::string kCloseFail = "[LOCSERV] ERR: [IO]location_debug_close, fail";
+
+// The descriptor on which this process has the file open, -1 when there is none.
+int descriptor_of(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // the one that lists the directory
+        if (std::filesystem::read_symlink(entry.path(), gone) == path) {
+            return std::stoi(entry.path().filename().string());
+        }
+    }
+    return -1;
+}
 
 struct DebugFailureTest : DebugTest {
     void TearDown() override {
-        failure = {};
+        failure.cancel = failure.epoll_create = failure.short_writes = failure.malloc = false;
         interpose_fail_reset();
         DebugTest::TearDown();
     }
@@ -107,14 +137,91 @@ TEST_F(DebugFailureTest, ServerThatDoesNotListenMakesNoBusyLoop) {
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
 }
 
-TEST_F(DebugFailureTest, LogFileThatFailsToCloseIsForgotten) {
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
-    interpose_fail("fclose", 1, EIO);
-    location_debug_close();
-    handle_text("dropped");
-    EXPECT_EQ(location_debug_start(), 0);
+TEST_F(DebugFailureTest, EpollSetThatFailsToCloseIsReportedBehindAServerThatFailed) {
+    const int holder = hold_port(port);
+    interpose_fail("close", 2, EIO); // the first one closes the socket that could not be bound
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), -1);
+    EXPECT_EQ(log_lines().back(), "[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
+    EXPECT_EQ(log_count("location_socket_server_create_tcp, bind fail"), 1U);
+    close(holder);
+}
+
+TEST_F(DebugFailureTest, BlockWithoutMemoryIsReportedAndDropped) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    const auto client = connect_listed(1);
+    failure.malloc = true;
+    location_debug_handle(reinterpret_cast<const uint8_t*>("lost"), 4);
+    failure.malloc = false;
     handle_text("kept");
-    EXPECT_EQ(directory.read("log.dat"), "kept");
+    EXPECT_EQ(read_bytes(client->fd, 4), "kept");
+    EXPECT_EQ(log_count("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail"), 1U);
+}
+
+TEST_F(DebugFailureTest, LogFileThatFailsToCloseStaysOpenUntilACloseSucceeds) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    const size_t descriptors = open_descriptors();
+    interpose_fail("close", 1, EIO);
+    location_debug_close();
+    EXPECT_EQ(open_descriptors(), descriptors);
+    handle_text("still open,");
+    EXPECT_EQ(location_debug_start(), 0);
+    EXPECT_EQ(log_lines(), std::vector<std::string>{kAlreadyOpen});
+    handle_text("started,");
+    location_debug_close();
+    EXPECT_EQ(open_descriptors(), descriptors - 1);
+    handle_text("dropped,");
+    EXPECT_EQ(location_debug_start(), 0);
+    EXPECT_EQ(log_count(kAlreadyOpen), 1U);
+    handle_text("opened");
+    EXPECT_EQ(directory.read("log.dat"), "still open,started,opened");
+}
+
+TEST_F(DebugFailureTest, LogFileThatFailedToCloseWritesToNoOtherFileOfItsNumber) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    const int number = descriptor_of(log_path);
+    ASSERT_GE(number, 0);
+    interpose_fail("close", 1, EIO);
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    const std::string other = (directory.path / "other").string();
+    const int lowest = open(other.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(dup2(lowest, number), number);
+    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    handle_text("$GPGGA");
+    EXPECT_EQ(directory.read("log.dat"), "$GPGGA");
+    EXPECT_EQ(directory.read("other"), "");
+    location_debug_close();
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(number)), other);
+    close(number);
+    if (lowest != number) {
+        close(lowest);
+    }
+}
+
+TEST_F(DebugFailureTest, LogFileIsClosedWithoutASpareDescriptor) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    const size_t descriptors = open_descriptors();
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    interpose_fail("close", 1, EIO);
+    location_debug_close();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(open_descriptors(), descriptors - 1);
+    EXPECT_EQ(location_debug_start(), 0);
+    handle_text("$GPGGA");
+    EXPECT_EQ(directory.read("log.dat"), "$GPGGA");
+}
+
+TEST_F(DebugFailureTest, LogFileWritesThatAreInterruptedOrTakeAPartOnlyGoOn) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    interpose_fail("write", 1, EINTR);
+    handle_text("$GPGGA");
+    failure.short_writes = true;
+    handle_text("$GPGSV");
+    failure.short_writes = false;
+    EXPECT_EQ(directory.read("log.dat"), "$GPGGA$GPGSV");
+    EXPECT_EQ(log_lines(), std::vector<std::string>{});
 }
 
 TEST_F(DebugFailureTest, NoTransmitThreadFailsTheStartAndALaterOneReusesWhatIsThere) {

@@ -2,6 +2,8 @@
 
 #include "debug_fixture.h"
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -9,6 +11,8 @@
 namespace {
 
 constexpr key_t kQueueKey = 1235;
+
+std::atomic<int> receives = 0; // attempts, of the transmit task above all
 
 // What another process may put into the queue.
 struct ForeignMessage {
@@ -35,6 +39,12 @@ void send_foreign(int queue, long type, size_t size) {
 }
 
 } // namespace
+
+extern "C" ssize_t __real_msgrcv(int queue, void* message, size_t size, long type, int flags);
+extern "C" ssize_t __wrap_msgrcv(int queue, void* message, size_t size, long type, int flags) {
+    ++receives;
+    return __real_msgrcv(queue, message, size, type, flags);
+}
 
 TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
     const int queue = make_queue();
@@ -96,6 +106,10 @@ TEST_F(DebugQueueTest, QueueRemovedFromOutsideFailsTheSendAndMakesNoBusyLoop) {
     ASSERT_EQ(msgctl(debug_queue(), IPC_RMID, nullptr), 0);
     handle_text("lost");
     EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!"), 1U);
+    const int before = receives;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(wait_until([&] { return receives >= before + 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
     location_debug_close();
     EXPECT_EQ(location_debug_start(), 0);
 }

@@ -1,6 +1,6 @@
 #include "interpose/fail.h"
 #include "interpose/paths.h"
-#include "link/host_mux_lock.h"
+#include "link/stop_mark.h"
 #include "service/location_service.h"
 #include "service_fakes.h"
 #include "support/capture.h"
@@ -317,13 +317,13 @@ TEST_F(ServiceTest, SecondStartSendsTheBannerAgain) {
 TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
     capture_stdout([&] {
         location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-        EXPECT_TRUE(host_mux_stop_pending());
+        EXPECT_TRUE(stop_mark_raised());
         ServiceMessage stop = {};
         ASSERT_TRUE(service_queue_receive(&stop));
         location_service_message_handle(&stop);
-        EXPECT_TRUE(host_mux_stop_pending()); // handling alone, without the queue's loop, ends nothing
+        EXPECT_TRUE(stop_mark_raised()); // handling alone, without the queue's loop, ends nothing
         service_queue_handled(stop.id);
-        EXPECT_FALSE(host_mux_stop_pending());
+        EXPECT_FALSE(stop_mark_raised());
 
         init();
         // From another thread: this one has become the old queue's consumer.
@@ -334,5 +334,5 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
         }).join();
         ASSERT_TRUE(fakes_wait_for(4 + 2 + 4 + 5 + 2));
     });
-    EXPECT_FALSE(host_mux_stop_pending());
+    EXPECT_FALSE(stop_mark_raised());
 }

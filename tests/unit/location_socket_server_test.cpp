@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
@@ -47,6 +48,15 @@ TEST_F(SocketServerTest, AcceptsAClientOfItsPort) {
     ASSERT_GE(accepted, 0);
     client.send("x");
     EXPECT_EQ(read_bytes(accepted, 1), "x");
+    close(accepted);
+}
+
+TEST_F(SocketServerTest, ServerAndClientsAreNotPassedOnToOtherPrograms) {
+    ASSERT_GE(create(), 0);
+    const TcpClient client(port);
+    const int accepted = location_socket_server_accept_new_tcp_connect(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(accepted, F_GETFD), FD_CLOEXEC);
     close(accepted);
 }
 

@@ -13,6 +13,35 @@
 
 namespace {
 
+struct FailureState {
+    bool malloc = false;
+    bool fcntl = false;
+    bool tcsetattr = false;
+} failure;
+
+} // namespace
+
+extern "C" {
+
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size) {
+    return failure.malloc ? nullptr : __real_malloc(size);
+}
+
+int __real_fcntl(int fd, int command, ...);
+int __wrap_fcntl(int fd, int command, long argument) { // every command used here takes a number or none
+    return failure.fcntl ? -1 : __real_fcntl(fd, command, argument);
+}
+
+int __real_tcsetattr(int fd, int when, const termios* options);
+int __wrap_tcsetattr(int fd, int when, const termios* options) {
+    return failure.tcsetattr ? -1 : __real_tcsetattr(fd, when, options);
+}
+
+} // extern "C"
+
+namespace {
+
 SerialPortConfig config_of(const std::string& path, int32_t baud, int32_t flow_control) {
     SerialPortConfig config{};
     std::strncpy(config.path, path.c_str(), sizeof config.path - 1);
@@ -179,6 +208,49 @@ TEST(LocationUart, FileThatIsNoTerminalFailsAndIsClosedAgain) {
     EXPECT_EQ(log, "[LOCSERV] ERR: [UART]location_uart_config, get options error\n");
     EXPECT_EQ(handle.fd, -1);
     EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(LocationUart, LineThatCantBeMadeBlockingIsReportedAndUsedAllTheSame) {
+    const PseudoTerminal terminal;
+    UartHandle handle{.fd = -1, .flow_control = 0};
+    const SerialPortConfig config = config_of(terminal.path, 9600, 0);
+    const std::string log = capture_stdout([&] {
+        failure.fcntl = true;
+        EXPECT_EQ(location_uart_init(&handle, &config), 0);
+        failure.fcntl = false;
+    });
+    EXPECT_EQ(log, "[LOCSERV] WRN: [UART]location_uart_config, set blocking fail\n");
+    ASSERT_GE(handle.fd, 0);
+    const termios options = options_of(handle.fd);
+    EXPECT_EQ(cfgetospeed(&options), static_cast<speed_t>(B9600));
+    location_uart_deinit(&handle);
+}
+
+TEST(LocationUart, LineThatRefusesItsSettingsFailsAndIsClosedAgain) {
+    const PseudoTerminal terminal;
+    const size_t descriptors = open_descriptors();
+    UartHandle handle{.fd = -1, .flow_control = 0};
+    const SerialPortConfig config = config_of(terminal.path, 9600, 0);
+    const std::string log = capture_stdout([&] {
+        failure.tcsetattr = true;
+        EXPECT_EQ(location_uart_init(&handle, &config), -1);
+        failure.tcsetattr = false;
+    });
+    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]location_uart_config, set uart error\n");
+    EXPECT_EQ(handle.fd, -1);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(LocationUart, EscapedWriteWithoutMemoryFailsAndWritesNothing) {
+    const Line line(UART_FLOW_SOFTWARE);
+    const std::string log = capture_stdout([&] {
+        failure.malloc = true;
+        EXPECT_EQ(location_uart_write(bytes_of("A"), 1, line.handle), -1);
+        failure.malloc = false;
+    });
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_uart_write, malloc fail\n");
+    EXPECT_EQ(write_text("B", line.handle), 1);
+    EXPECT_EQ(read_bytes(line.terminal.master, 1), "B");
 }
 
 TEST(LocationUart, WriteWithSoftwareFlowControlIsEscaped) {

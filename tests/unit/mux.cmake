@@ -18,4 +18,7 @@ tavor_test(location_serial_port_test
     USES tavor_mux board_interpose_local)
 target_link_options(location_serial_port_test PRIVATE ${TAVOR_MUX_WRAPS})
 
+# Its pauses are recorded instead of slept, and each give of the mutex is seen.
 tavor_test(host_mux_i2c_test SOURCES host_mux_i2c_test.cpp USES tavor_mux board_interpose_local)
+target_link_options(host_mux_i2c_test PRIVATE -Wl,--wrap=_Z22port_platform_sleep_msj
+    -Wl,--wrap=_Z24port_platform_give_mutexP15pthread_mutex_t)

@@ -1,6 +1,6 @@
 #include "interpose/fail.h"
 #include "interpose/paths.h"
-#include "link/host_mux_lock.h"
+#include "link/stop_mark.h"
 #include "service/service_queue.h"
 #include "service/service_state.h"
 #include "support/capture.h"
@@ -244,11 +244,11 @@ TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
 
 TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilHandled) {
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        EXPECT_FALSE(host_mux_stop_pending());
+        EXPECT_FALSE(stop_mark_raised());
         location_service_task_send_message(id, nullptr, 0);
-        EXPECT_TRUE(host_mux_stop_pending());
+        EXPECT_TRUE(stop_mark_raised());
         service_queue_handled(receive().id);
-        EXPECT_FALSE(host_mux_stop_pending());
+        EXPECT_FALSE(stop_mark_raised());
     }
 }
 
@@ -256,9 +256,9 @@ TEST_F(QueueTest, TwoStopsAreAnnouncedUntilTheSecondIsHandled) {
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     service_queue_handled(receive().id);
-    EXPECT_TRUE(host_mux_stop_pending());
+    EXPECT_TRUE(stop_mark_raised());
     service_queue_handled(receive().id);
-    EXPECT_FALSE(host_mux_stop_pending());
+    EXPECT_FALSE(stop_mark_raised());
 }
 
 TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
@@ -267,12 +267,12 @@ TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
             continue;
         }
         location_service_task_send_message(id, nullptr, 0);
-        EXPECT_FALSE(host_mux_stop_pending()) << id;
+        EXPECT_FALSE(stop_mark_raised()) << id;
         service_queue_handled(receive().id);
     }
-    host_mux_stop_begin();
-    EXPECT_TRUE(host_mux_stop_pending());
-    host_mux_stop_end();
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised());
+    stop_mark_lower();
 }
 
 TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
@@ -285,10 +285,10 @@ TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
     ASSERT_EQ(pthread_create(&sender, nullptr, send_stop, nullptr), 0);
     pthread_cancel(sender);
     ASSERT_EQ(pthread_join(sender, nullptr), 0);
-    EXPECT_FALSE(host_mux_stop_pending());
-    host_mux_stop_begin();
-    EXPECT_TRUE(host_mux_stop_pending());
-    host_mux_stop_end();
+    EXPECT_FALSE(stop_mark_raised());
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised());
+    stop_mark_lower();
     for (uint32_t i = 0; i < kSmallQueue; i++) {
         free(receive().data);
     }
@@ -305,10 +305,10 @@ TEST_F(QueueTest, WithoutAQueueEachSendFailsWithALineAndFreesItsData) {
         }
     });
     EXPECT_EQ(lines_of(out), std::vector<std::string>(6, kFailLine.front()));
-    EXPECT_FALSE(host_mux_stop_pending());
-    host_mux_stop_begin();
-    EXPECT_TRUE(host_mux_stop_pending()); // each failed stop took back just what it had announced
-    host_mux_stop_end();
+    EXPECT_FALSE(stop_mark_raised());
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised()); // each failed stop took back just what it had announced
+    stop_mark_lower();
 }
 
 TEST_F(QueueTest, WithoutAQueueReceiveComesBackWithNothing) {

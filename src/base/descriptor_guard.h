@@ -2,7 +2,8 @@
 #ifndef TAVOR_DESCRIPTOR_GUARD_H
 #define TAVOR_DESCRIPTOR_GUARD_H
 
-#include <pthread.h>
+#include "base/cancel_hold.h"
+
 #include <unistd.h>
 #include <utility>
 
@@ -10,13 +11,10 @@ struct DescriptorGuard {
     explicit DescriptorGuard(int descriptor) : fd(descriptor) {}
     // close is a cancellation point and a destructor must not be left by one, so cancellation is held off.
     ~DescriptorGuard() {
-        if (fd < 0) {
-            return;
+        if (fd >= 0) {
+            const CancelHold hold;
+            close(fd);
         }
-        int before = PTHREAD_CANCEL_ENABLE;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-        close(fd);
-        pthread_setcancelstate(before, nullptr);
     }
     DescriptorGuard(const DescriptorGuard&) = delete;
     DescriptorGuard& operator=(const DescriptorGuard&) = delete;
