@@ -1,0 +1,308 @@
+#include "download/hdl_image.h"
+
+#include "base/free_block.h"
+#include "download/crc32_calc.h"
+#include "download/hdl_settings.h"
+#include "transport/tool_log.h"
+#include "transport/tool_text.h"
+
+#include <algorithm>
+#include <cstring>
+#include <libgen.h>
+#include <memory>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr size_t kLineSize = 256; // longer lines are split by the reading
+constexpr uint32_t kBlockLines = 3;
+constexpr char kBlockStart[] = "- rom:";
+constexpr char kFileKey[] = "file:";
+constexpr char kNameKey[] = "name:";
+constexpr char kBeginKey[] = "begin_address:";
+constexpr uint32_t kChunkSize = 1024;
+constexpr uint32_t kWordSize = 4; // flash is written in whole words
+constexpr uint8_t kErased = 0xFF;
+
+using Text = std::unique_ptr<char, FreeBlock>;
+using Images = std::unique_ptr<ImageEntry, FreeBlock>;
+
+struct Line {
+    char raw[kLineSize]; // without its line end
+    char stripped[kLineSize];
+};
+
+// The list that is being read.
+struct Reading {
+    FILE* file;
+    const char* directory;
+    ImageEntry* images;
+    uint32_t count;
+    uint32_t index; // of the current entry
+};
+
+enum class Block { whole, cut_short, end_of_file, refused };
+
+// Whoever opens a pipe waits for its writer, and a character device may give bytes without end: neither is
+// opened.
+FILE* open_to_read(const char* path, const char* mode) {
+    struct stat status = {};
+    if (stat(path, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
+        return nullptr;
+    }
+    return std::fopen(path, mode);
+}
+
+bool close_logged(FILE* file, const char* path) {
+    if (std::fclose(file) == 0) {
+        return true;
+    }
+    tool_log_error("The file(%s) could not closed.\n", path);
+    return false;
+}
+
+// Negative when the file has no size. A directory would tell one that means nothing.
+off_t size_of(FILE* file) {
+    struct stat status = {};
+    const bool directory = fstat(fileno(file), &status) == 0 && S_ISDIR(status.st_mode);
+    return directory || fseeko(file, 0, SEEK_END) != 0 ? -1 : ftello(file);
+}
+
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+bool next_line(FILE* file, Line* line) {
+    if (std::fgets(line->raw, sizeof line->raw, file) == nullptr) {
+        return false;
+    }
+    line->raw[std::strcspn(line->raw, "\r\n")] = '\0';
+    strip_spaces(line->raw, line->stripped);
+    return true;
+}
+
+bool is_comment(const Line& line) {
+    return line.stripped[0] == '#';
+}
+
+bool starts_block(const Line& line) {
+    return std::strstr(line.raw, kBlockStart) != nullptr;
+}
+
+bool has_key(const Line& line, const char* key) {
+    return std::strstr(line.stripped, key) != nullptr;
+}
+
+// What stands behind a key at the line's start. Kept: the key is looked for anywhere in the line, so a line
+// that holds it is at least as long.
+const char* value_of(const Line& line, const char* key) {
+    return line.stripped + std::strlen(key);
+}
+
+uint32_t count_images(FILE* file) {
+    uint32_t count = 0;
+    Line line = {};
+    while (next_line(file, &line)) {
+        if (!is_comment(line) && starts_block(line)) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+// The directory of the image list, absolute where the path can be resolved; null without memory.
+Text image_directory() {
+    const char* path = g_download_settings.image_cfg_path;
+    Text resolved(realpath(path, nullptr));
+    if (resolved == nullptr) {
+        resolved.reset(strdup(path));
+    }
+    return Text(resolved == nullptr ? nullptr : strdup(dirname(resolved.get())));
+}
+
+bool set_name(const Reading& reading, const char* file_name) {
+    const Text with_slash(tool_concat(reading.directory, "/"));
+    const Text path(with_slash == nullptr ? nullptr : tool_concat(with_slash.get(), file_name));
+    if (path == nullptr) {
+        tool_log_error("read_cfg_file concat ERROR\n\n");
+        return false;
+    }
+    ImageEntry* entry = &reading.images[reading.index];
+    if (std::snprintf(entry->name, sizeof entry->name, "%s", path.get()) < 0) {
+        tool_log_error("read_cfg_file snprintf ERROR\n\n");
+    }
+    tool_log_info("file name=%s\n\n", entry->name);
+    return true;
+}
+
+// A number that 32 bits can't hold becomes the highest address, which no flash has, on every machine.
+void set_begin_address(const Reading& reading, const char* text) {
+    const unsigned long long value = std::strtoull(text, nullptr, 0);
+    const auto address = static_cast<uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
+    reading.images[reading.index].begin_address = address;
+    tool_log_info("begin_address:[%s]=> 0x%x\n\n", text, address);
+}
+
+bool take_line(const Reading& reading, const Line& line) {
+    if (has_key(line, kFileKey)) {
+        return set_name(reading, value_of(line, kFileKey));
+    }
+    if (has_key(line, kNameKey)) {
+        return true;
+    }
+    if (has_key(line, kBeginKey)) {
+        set_begin_address(reading, value_of(line, kBeginKey));
+        return true;
+    }
+    tool_log_error("UnExpected line=%s\n", line.raw);
+    return false;
+}
+
+Block read_block(const Reading& reading) {
+    Line line = {};
+    for (uint32_t taken = 0; taken < kBlockLines; ++taken) {
+        if (!next_line(reading.file, &line)) {
+            return Block::end_of_file;
+        }
+        if (is_comment(line)) {
+            tool_log_info("skip [%s]:\n", line.stripped);
+            return Block::cut_short;
+        }
+        // Reached by a block start in a comment: it is not counted, but read. kept
+        if (reading.index == reading.count) {
+            const auto index = static_cast<int>(reading.index);
+            tool_log_error("Out of index(0~)=%d. Total image count= %d.\n", index, index);
+            return Block::refused;
+        }
+        if (!take_line(reading, line)) {
+            return Block::refused;
+        }
+    }
+    return Block::whole;
+}
+
+bool read_blocks(Reading* reading) {
+    Line line = {};
+    while (next_line(reading->file, &line)) {
+        if (!starts_block(line)) {
+            continue;
+        }
+        switch (read_block(*reading)) {
+        case Block::whole:
+            ++reading->index;
+            break;
+        case Block::cut_short:
+            break;
+        case Block::end_of_file:
+            return true;
+        case Block::refused:
+            return false;
+        }
+    }
+    return true;
+}
+
+ImageEntry* read_counted(FILE* file, uint32_t count) {
+    tool_log_info("image count=%d\n", static_cast<int>(count));
+    if (count == 0) {
+        tool_log_error("Parsing config image count failed\n");
+        return nullptr;
+    }
+    std::rewind(file);
+    return read_cfg_file(file, count);
+}
+
+// Reads size bytes at the offset as they will stand in flash.
+bool read_chunk(FILE* file, uint64_t offset, uint32_t size, bool last, uint8_t (&chunk)[kChunkSize]) {
+    std::memset(chunk, kErased, sizeof chunk);
+    if (fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0) {
+        return false;
+    }
+    if (std::fread(chunk, 1, size, file) == size) {
+        return true;
+    }
+    if (!last || std::ferror(file) != 0) {
+        return false; // the file has become shorter, or can't be read
+    }
+    tool_log_info("Fill up 4-byte. ( %d )\n", 0);
+    return true;
+}
+
+bool take_file(FILE* file, uint64_t file_size, uint32_t* running) {
+    uint8_t chunk[kChunkSize];
+    for (uint64_t offset = 0; offset < file_size; offset += kChunkSize) {
+        const bool last = file_size - offset <= kChunkSize;
+        const uint32_t rest = last ? static_cast<uint32_t>(file_size - offset) : kChunkSize;
+        const uint32_t size = (rest + kWordSize - 1) / kWordSize * kWordSize;
+        if (!read_chunk(file, offset, size, last, chunk)) {
+            return false;
+        }
+        *running = crc32_update(*running, chunk, size);
+    }
+    return true;
+}
+
+} // namespace
+
+uint64_t getFileSize(const char* path) {
+    FILE* file = path == nullptr ? nullptr : open_to_read(path, "rb");
+    if (file == nullptr) {
+        return 0;
+    }
+    const off_t size = size_of(file);
+    const bool closed = close_logged(file, path);
+    return closed && size > 0 ? static_cast<uint64_t>(size) : 0;
+}
+
+void strip_spaces(const char* source, char* dst) {
+    while (is_blank(*source)) {
+        ++source;
+    }
+    for (; *source != '\0'; ++source) {
+        if (*source != ' ') {
+            *dst++ = *source;
+        }
+    }
+    *dst = '\0';
+}
+
+ImageEntry* load_flash_download_cfg(uint32_t* count) {
+    const char* path = g_download_settings.image_cfg_path;
+    FILE* file = open_to_read(path, "r");
+    if (file == nullptr) {
+        tool_log_error("open file Failed:%s\n", path);
+        return nullptr;
+    }
+    *count = count_images(file);
+    Images images(read_counted(file, *count));
+    return close_logged(file, path) ? images.release() : nullptr;
+}
+
+ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
+    Images images(static_cast<ImageEntry*>(std::calloc(count, sizeof(ImageEntry))));
+    if (images == nullptr) {
+        tool_log_error("read_cfg_file malloc cfg_list fail\n");
+        return nullptr;
+    }
+    const Text directory = image_directory();
+    if (directory == nullptr) {
+        tool_log_error("read_cfg_file concat ERROR\n\n");
+        return nullptr;
+    }
+    std::printf("The FW load directory is: %s\n", directory.get());
+    Reading reading = {file, directory.get(), images.get(), count, 0};
+    return read_blocks(&reading) ? images.release() : nullptr;
+}
+
+uint32_t image_crc32(const char* path) {
+    const uint64_t size = getFileSize(path);
+    FILE* file = path == nullptr ? nullptr : open_to_read(path, "rb");
+    if (file == nullptr) {
+        tool_log_error("can not open %s\n", path == nullptr ? "" : path);
+        return 0;
+    }
+    uint32_t running = kCrc32Start;
+    const bool taken = take_file(file, size, &running);
+    const bool closed = close_logged(file, path);
+    return taken && closed ? ~running : 0;
+}

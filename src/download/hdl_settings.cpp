@@ -1,0 +1,3 @@
+#include "download/hdl_settings.h"
+
+DownloadSettings g_download_settings = {};

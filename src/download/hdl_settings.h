@@ -1,0 +1,27 @@
+// Settings of a firmware download, filled anew by each one.
+#ifndef TAVOR_HDL_SETTINGS_H
+#define TAVOR_HDL_SETTINGS_H
+
+#include <cstdint>
+
+enum HdlLinkType : uint32_t {
+    HDL_LINK_UART = 0,
+    HDL_LINK_SPI = 1,
+    HDL_LINK_OTHER = 2, // a third kind of link that only calls a hook
+};
+
+struct DownloadSettings {
+    uint32_t chip_variant;
+    uint32_t link_type;     // HdlLinkType
+    uint32_t high_speed;    // serial link only: not 0 raises the boot ROM's speed
+    uint32_t baudrate;      // serial link only: of the download agent
+    uint32_t spi_frequency; // Hz
+    uint32_t spi_bit_order;
+    char da_path[128];
+    char image_cfg_path[256];
+    char io_path[128];
+};
+
+extern DownloadSettings g_download_settings;
+
+#endif

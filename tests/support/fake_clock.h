@@ -1,0 +1,34 @@
+// A clock that only sleeping moves, for programs whose calls of time, timespec_get, gettimeofday and
+// nanosleep are wrapped by the linker (TAVOR_CLOCK_WRAPS). While it is not started the real functions run.
+#ifndef TAVOR_TESTS_FAKE_CLOCK_H
+#define TAVOR_TESTS_FAKE_CLOCK_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct FakeClock {
+    bool started = false;
+    int64_t now_ms = 0;
+    std::vector<int64_t> slept; // milliseconds of each sleep, in order
+    bool time_fails = false;
+    bool timespec_fails = false;
+    bool sleep_fails = false;
+};
+
+extern FakeClock fake_clock;
+
+// 2024-05-01 12:00:00.123 UTC
+inline constexpr int64_t kFakeNoonMs = 1714564800123;
+
+// Starts the clock at noon, in UTC, without faults and without sleeps.
+void fake_clock_start();
+void fake_clock_stop();
+
+int64_t fake_clock_slept();
+
+// Log lines of the firmware download with their stamps taken off: "[E] text". Lines without stamps stay as
+// they are; a last line that is not ended is marked "<no line end>".
+std::vector<std::string> without_stamps(const std::string& log);
+
+#endif

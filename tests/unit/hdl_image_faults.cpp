@@ -1,0 +1,89 @@
+#include "hdl_image_faults.h"
+
+#include "support/capture.h"
+#include "support/fake_clock.h"
+#include "support/format_fault.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+ImageFaults image_faults;
+
+namespace {
+
+bool armed = false;
+
+bool strikes(int* calls_before) {
+    return armed && *calls_before != kNever && (*calls_before)-- == 0;
+}
+
+} // namespace
+
+std::vector<std::string> log_of(const std::function<void()>& body) {
+    const std::string log = capture_stdout([&] {
+        if (image_faults.format != kNever) {
+            format_fault_arm(image_faults.format);
+        }
+        armed = true;
+        body();
+        armed = false;
+        format_fault_disarm();
+    });
+    image_faults = {};
+    return without_stamps(log);
+}
+
+extern "C" {
+
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t n, size_t size);
+char* __real_strdup(const char* text);
+char* __real_realpath(const char* path, char* resolved);
+int __real_fclose(FILE* file);
+int __real_fseeko(FILE* file, off_t offset, int whence);
+size_t __real_fread(void* data, size_t size, size_t n, FILE* file);
+char* __real_fgets(char* line, int size, FILE* file);
+
+void* __wrap_malloc(size_t size) {
+    return strikes(&image_faults.malloc) ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_calloc(size_t n, size_t size) {
+    return strikes(&image_faults.calloc) ? nullptr : __real_calloc(n, size);
+}
+
+char* __wrap_strdup(const char* text) {
+    return strikes(&image_faults.strdup) ? nullptr : __real_strdup(text);
+}
+
+char* __wrap_realpath(const char* path, char* resolved) {
+    return strikes(&image_faults.realpath) ? nullptr : __real_realpath(path, resolved);
+}
+
+int __wrap_fclose(FILE* file) {
+    const int result = __real_fclose(file);
+    return strikes(&image_faults.fclose) ? EOF : result;
+}
+
+int __wrap_fseeko(FILE* file, off_t offset, int whence) {
+    return strikes(&image_faults.fseeko) ? -1 : __real_fseeko(file, offset, whence);
+}
+
+// A read that fails leaves the mark of a failed stream, as one of the system does.
+size_t __wrap_fread(void* data, size_t size, size_t n, FILE* file) {
+    if (!strikes(&image_faults.fread)) {
+        return __real_fread(data, size, n, file);
+    }
+    std::fputc('x', file); // opened for reading only
+    return 0;
+}
+
+char* __wrap_fgets(char* line, int size, FILE* file) {
+    char* result = __real_fgets(line, size, file);
+    if (armed && result != nullptr && image_faults.at_line) {
+        image_faults.at_line(result);
+    }
+    return result;
+}
+}
