@@ -1,0 +1,29 @@
+#include "download/hdl_transport.h"
+
+#include "transport/spim.h"
+
+bool hdl_transport_open() {
+    return hdl_transport_prepare() && spim_open() == 1;
+}
+
+void hdl_transport_close() {
+    spim_close();
+}
+
+bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t /*send_flag*/) {
+    return spim_write_chunked(data, n) == 1;
+}
+
+uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n) {
+    return spim_read_chunked(buffer, n);
+}
+
+bool hdl_transport_prepare() {
+    return true;
+}
+
+bool hdl_transport_set_speed(uint32_t /*baud*/) {
+    return true;
+}
+
+void hdl_transport_link_hook(uint32_t /*value*/) {}

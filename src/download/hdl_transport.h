@@ -1,0 +1,29 @@
+// The link to boot ROM and download agent. SPI tells no failed transfer: what was sent counts as gone, and
+// what did not come reads as zeros.
+#ifndef TAVOR_HDL_TRANSPORT_H
+#define TAVOR_HDL_TRANSPORT_H
+
+#include <cstdint>
+
+// Opens the link by g_download_settings. Returns success.
+bool hdl_transport_open();
+
+// Closing twice is harmless.
+void hdl_transport_close();
+
+// Sends n bytes. send_flag is of no use on SPI. Returns success.
+bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag);
+
+// Receives up to n bytes. Returns how many came, 0 when none.
+uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n);
+
+// Hook before the link opens: nothing to do on SPI. Returns success.
+bool hdl_transport_prepare();
+
+// Switches the host's side of a serial line; nothing to do on SPI. Returns success.
+bool hdl_transport_set_speed(uint32_t baud);
+
+// Hook of the third kind of link: nothing to do.
+void hdl_transport_link_hook(uint32_t value);
+
+#endif
