@@ -1,0 +1,33 @@
+// The chip's boot ROM: an echo protocol that is alive shortly after power-up. All operations log their
+// failures and, unless told otherwise, return success.
+#ifndef TAVOR_HDL_BROM_H
+#define TAVOR_HDL_BROM_H
+
+#include <cstdint>
+
+inline constexpr uint32_t kBromUidSize = 16; // bytes
+
+// Power-cycles the chip and synchronises with its boot ROM. Fails when it stays silent for 10 s; while it
+// answers wrongly it repeats until a stop is announced (stop_mark.h).
+bool hdl_brom_handshake();
+
+// Reads the chip's identifier into uid (kBromUidSize bytes).
+bool hdl_brom_read_uid(uint8_t* uid);
+
+// Writes one 16-bit register, or those that the chip variant needs.
+bool hdl_brom_set_register(uint32_t addr, uint16_t value);
+bool hdl_brom_set_registers();
+
+// Changes the line speed on both sides.
+bool hdl_brom_set_baudrate(uint32_t baud);
+
+// Uploads the download agent of g_download_settings. Returns whether the last status word read is not 0.
+bool hdl_brom_send_da();
+
+// Starts the uploaded download agent.
+bool hdl_brom_jump_da();
+
+// XOR of all 16-bit little-endian words, a last odd byte counting as a low byte; 0 for null or n = 0.
+uint16_t bromChecksum(const uint8_t* data, uint32_t n);
+
+#endif

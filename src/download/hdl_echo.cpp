@@ -1,0 +1,116 @@
+#include "download/hdl_echo.h"
+
+#include "base/byte_order.h"
+#include "download/hdl_settings.h"
+#include "download/hdl_transport.h"
+#include "download/hdl_wait.h"
+#include "transport/tool_log.h"
+#include "transport/tool_text.h"
+#include "transport/tool_time.h"
+
+namespace {
+
+constexpr uint32_t kSendFlag = 1;
+constexpr int64_t kPollMs = 20;
+constexpr int64_t kAnsweredAtOnceMs = 10;
+constexpr int64_t kReadU16LimitMs = 1000;
+
+// Turns a word around between this machine's order and the link's.
+void reverse_on_serial(uint8_t* word, uint32_t n) {
+    if (g_download_settings.link_type == HDL_LINK_UART) {
+        tool_reverse_bytes(word, n);
+    }
+}
+
+bool send_word(uint8_t* word, uint32_t n) {
+    reverse_on_serial(word, n);
+    return hdl_transport_send(word, n, kSendFlag);
+}
+
+bool receive_within_limit(uint8_t* word, uint32_t n) {
+    int64_t start = tool_time_now_ms();
+    while (hdl_transport_receive(word, n) == 0) {
+        if (hdl_wait_elapsed(&start) > kReadU16LimitMs) {
+            return false;
+        }
+        tool_sleep_ms(kPollMs);
+    }
+    return true;
+}
+
+bool receive_in_two_tries(uint8_t* word, uint32_t n) {
+    if (hdl_transport_receive(word, n) > 0) {
+        return true;
+    }
+    tool_sleep_ms(kPollMs);
+    return hdl_transport_receive(word, n) > 0;
+}
+
+// An answer that came at once is followed by a pause of its own.
+bool receive_echo(uint8_t* byte) {
+    if (hdl_transport_receive(byte, 1) > 0) {
+        tool_sleep_ms(kAnsweredAtOnceMs);
+        return true;
+    }
+    tool_sleep_ms(kPollMs);
+    return hdl_transport_receive(byte, 1) > 0;
+}
+
+} // namespace
+
+bool readU16(uint16_t* value) {
+    uint8_t word[sizeof *value] = {};
+    if (!receive_within_limit(word, sizeof word)) {
+        return false;
+    }
+    reverse_on_serial(word, sizeof word);
+    *value = load_le16(word);
+    return true;
+}
+
+bool readU32(uint32_t* value) {
+    uint8_t word[sizeof *value] = {};
+    if (!receive_in_two_tries(word, sizeof word)) {
+        return false;
+    }
+    reverse_on_serial(word, sizeof word);
+    *value = load_le32(word);
+    return true;
+}
+
+bool echoU8(uint8_t value, uint8_t expect) {
+    tool_log_info("echoU8 Send 0x%X\n", value);
+    if (!hdl_transport_send(&value, sizeof value, kSendFlag)) {
+        return false;
+    }
+    tool_sleep_ms(kPollMs);
+    uint8_t received = 0;
+    if (!receive_echo(&received)) {
+        return false;
+    }
+    tool_log_info("echoU8 receiveChar 0x%X\n", expect); // kept: not what was received
+    return received == expect;
+}
+
+bool echoU16(uint16_t value, uint16_t expect) {
+    tool_log_info("echoU16 Send 0x%X\n", value);
+    uint8_t word[sizeof value];
+    store_le16(word, value);
+    uint16_t received = 0;
+    return send_word(word, sizeof word) && readU16(&received) && received == expect;
+}
+
+bool echoU32(uint32_t value, uint32_t expect) {
+    tool_log_info("echoU32 Send 0x%X\n", value);
+    uint8_t word[sizeof value];
+    store_le32(word, value);
+    uint32_t received = 0;
+    if (!send_word(word, sizeof word) || !readU32(&received)) {
+        return false;
+    }
+    if (received != expect) {
+        tool_log_error("echoU32 want receiveChar 0x%X8,  receiveChar 0x%X8\n", expect, received);
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,104 @@
+#include "download/hdl_flash.h"
+
+#include "base/free_block.h"
+#include "download/hdl_da.h"
+#include "download/hdl_flash_block.h"
+#include "download/hdl_kite.h"
+#include "download/hdl_transport.h"
+#include "download/hdl_window.h"
+#include "transport/tool_log.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+constexpr uint64_t kMostBlocks = (uint64_t{1} << 32U) / kFlashBlockSize; // all that have an address
+constexpr uint64_t kSmallestImage = 2; // kept: one byte is refused as well as none
+constexpr uint32_t kSendFlag = 1;
+constexpr uint32_t kCrcResponse = 11;
+
+using BlockTable = std::unique_ptr<FlashBlock[], FreeBlock>;
+
+BlockTable make_table(uint64_t count) {
+    return BlockTable(static_cast<FlashBlock*>(calloc(count, sizeof(FlashBlock))));
+}
+
+// The blocks of an image of so many bytes, or null. No table is made for a file that no flash can hold.
+BlockTable make_image_table(const ImageEntry& image, uint64_t count) {
+    BlockTable table = count <= kMostBlocks ? make_table(count) : nullptr;
+    for (uint32_t i = 0; table != nullptr && i < count; ++i) {
+        table[i].address = image.begin_address + i * kFlashBlockSize;
+        table[i].length = kFlashBlockSize;
+    }
+    return table;
+}
+
+} // namespace
+
+bool da_format_flash(uint32_t start, uint32_t length) {
+    const uint32_t count = hdl_erase_plan_count(start, length);
+    if (count == 0) {
+        return false;
+    }
+    const BlockTable table = make_table(count);
+    if (table == nullptr) {
+        tool_log_error("da_format_flash malloc pData fail\n");
+        return false;
+    }
+    hdl_erase_plan_fill(start, length, table.get());
+    if (!format_sliding_window_flow(table.get(), count)) {
+        tool_log_error("format_sliding_window_flow fail\n");
+        return false;
+    }
+    return true;
+}
+
+bool download_image(const ImageEntry* image) {
+    const uint64_t size = getFileSize(image->name);
+    if (size < kSmallestImage) {
+        tool_log_error("download_image getFileSize fail, image length smaller than 1 byte.\n");
+        return false;
+    }
+    const uint64_t count = (size - 1) / kFlashBlockSize + 1;
+    const BlockTable table = make_image_table(*image, count);
+    if (table == nullptr) {
+        tool_log_error("download_image malloc pData fail\n");
+        return false;
+    }
+    if (!download_sliding_window_flow(table.get(), static_cast<uint32_t>(count), image)) {
+        tool_log_error("download_sliding_window_flow fail\n");
+        return false;
+    }
+    return true;
+}
+
+bool download_all_images(const ImageEntry* images, uint32_t count) {
+    for (const ImageEntry* image = images; image != images + count; ++image) {
+        if (!download_image(image)) {
+            tool_log_error("download %s FAILED\n", image->name);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool check_image_crc(const ImageEntry* image) {
+    KiteCommand command;
+    kite_begin(&command, KITE_IMAGE_CRC);
+    kite_add_u32(&command, image->begin_address);
+    kite_add_u32(&command, static_cast<uint32_t>(getFileSize(image->name)));
+    kite_add_u32(&command, image_crc32(image->name));
+    kite_end_with_crc(&command);
+    hdl_transport_send(command.bytes, command.size, kSendFlag);
+
+    uint32_t crc = 0;
+    const uint32_t code = hdl_da_wait_response(KITE_IMAGE_CRC, &crc, kCrcResponse);
+    if (code != HDL_DA_OK) {
+        tool_log_error("check_image_crc error, ErrorCode:%d, res_crc=  0x%08X\n", static_cast<int>(code),
+                       crc);
+        return false;
+    }
+    tool_log_info("check_image_crc done, image name:%s, response_crc=  0x%08X\n", image->name, crc);
+    return true;
+}

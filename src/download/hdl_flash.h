@@ -1,0 +1,22 @@
+// Flash-wide work of the download agent: erase, write of images, check of images. Failures are logged.
+#ifndef TAVOR_HDL_FLASH_H
+#define TAVOR_HDL_FLASH_H
+
+#include "download/hdl_image.h"
+
+#include <cstdint>
+
+// Erases [start, start + length), rounded up to whole blocks; what lies beyond the 32-bit addresses is left
+// out. Nothing to erase is a failure. Returns success.
+bool da_format_flash(uint32_t start, uint32_t length);
+
+// Writes one image of at least 2 bytes. Returns success.
+bool download_image(const ImageEntry* image);
+
+// Writes count images in their order, up to the first failure. Returns success.
+bool download_all_images(const ImageEntry* images, uint32_t count);
+
+// Has the agent compare an image's CRC with that of the flash. Returns whether it agreed.
+bool check_image_crc(const ImageEntry* image);
+
+#endif

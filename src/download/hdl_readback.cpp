@@ -1,0 +1,191 @@
+#include "download/hdl_readback.h"
+
+#include "download/crc32_calc.h"
+#include "download/hdl_da.h"
+#include "download/hdl_kite.h"
+#include "download/hdl_transport.h"
+#include "download/hdl_wait.h"
+#include "transport/tool_log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr int kAttempts = 3;
+constexpr int64_t kAttemptMs = 1000;
+constexpr uint32_t kSendFlag = 1;
+constexpr uint32_t kReadbackResponse = 2063; // bytes of the frame
+constexpr uint32_t kOtpResponse = 0;         // kept: taken as it is
+constexpr uint32_t kOtpStep = 4096;          // kept: twice what one request can carry
+constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
+
+struct Response {
+    uint32_t address; // kept: not checked
+    uint32_t crc;
+    uint8_t data[kReadbackSize];
+};
+
+struct Request {
+    KiteId id;
+    uint32_t address;
+    uint32_t length; // bytes of data
+    uint32_t expected;
+};
+
+bool checksum_fits(const Request& request, const Response& response) {
+    const uint32_t crc = crc32_calc(response.data, request.length);
+    if (crc == response.crc) {
+        return true;
+    }
+    tool_log_info("hdl_readback_kite CRC fail: addr=0x%X, crc_cal=0x%X, crc_resp=0x%X\n", request.address,
+                  crc, response.crc);
+    return false;
+}
+
+bool wait_for_data(const Request& request, Response* response) {
+    int64_t start = tool_time_now_ms();
+    while (hdl_wait_elapsed(&start) < kAttemptMs) {
+        *response = {};
+        const uint32_t code = hdl_da_wait_data(request.id, &response->address, &response->crc, response->data,
+                                               sizeof response->data, request.expected);
+        if (code == HDL_DA_OK && checksum_fits(request, *response)) {
+            return true;
+        }
+    }
+    tool_log_info("hdl_readback_kite res retry: addr=0x%X\n", request.address);
+    return false;
+}
+
+bool request_data(const Request& request, const KiteCommand& command, Response* response) {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        hdl_transport_send(command.bytes, command.size, kSendFlag);
+        if (wait_for_data(request, response)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+FILE* open_to_append(const char* path) {
+    FILE* file = fopen(path, "ab");
+    if (file == nullptr) {
+        tool_log_error("can not open %s\n", path);
+    }
+    return file;
+}
+
+bool append_readback(const char* path, const Response& response) {
+    FILE* file = open_to_append(path);
+    if (file == nullptr) {
+        return false;
+    }
+    const bool whole = fwrite(response.data, 1, kReadbackSize, file) == kReadbackSize;
+    if (fclose(file) != 0) {
+        tool_log_error("hdl_readback_kite The file(%s) could not closed.\n", path);
+        return false;
+    }
+    return whole;
+}
+
+bool append_otp(const char* path, const Response& response, uint32_t length) {
+    FILE* file = open_to_append(path);
+    if (file == nullptr) {
+        return false;
+    }
+    // kept: only a whole request counts as written
+    const bool whole = fwrite(response.data, 1, length, file) == kReadbackSize;
+    const bool closed = fclose(file) == 0;
+    if (!closed && whole) {
+        tool_log_error("The file(%s) could not closed.\n", path);
+    } else if (!closed) {
+        tool_log_error("hdl_read_otp_kite The file(%s) could not closed.\n", path);
+    }
+    return whole && closed;
+}
+
+// A file that opens is there.
+bool delete_old_file(const char* path) {
+    FILE* file = fopen(path, "r");
+    if (file == nullptr) {
+        return true;
+    }
+    if (fclose(file) != 0) {
+        tool_log_error("The file(%s) could not closed.\n", path);
+        return false;
+    }
+    if (remove(path) != 0) {
+        tool_log_error("The file(%s) is not deleted.\n", path);
+        return false;
+    }
+    tool_log_info("The file(%s) is deleted successfully.\n", path);
+    return true;
+}
+
+uint64_t range_end(uint32_t start, uint32_t length) {
+    return std::min(uint64_t{start} + length, kAddressEnd);
+}
+
+} // namespace
+
+bool hdl_readback_kite(const char* path, uint32_t address) {
+    const Request request = {KITE_READ_BACK, address, kReadbackSize, kReadbackResponse};
+    KiteCommand command;
+    kite_begin(&command, request.id);
+    kite_add_u32(&command, address);
+    kite_add_u16(&command, kReadbackSize);
+    kite_end_with_crc(&command);
+    Response response;
+    if (!request_data(request, command, &response) || !append_readback(path, response)) {
+        return false;
+    }
+    tool_log_info("hdl_readback_kite res done: addr=0x%X\n", address);
+    return true;
+}
+
+bool hdl_read_otp_kite(const char* path, uint32_t address, uint32_t length) {
+    if (length > kReadbackSize) {
+        return false;
+    }
+    const Request request = {KITE_READ_OTP, address, length, kOtpResponse};
+    KiteCommand command;
+    kite_begin(&command, request.id);
+    kite_add_u32(&command, address);
+    kite_add_u32(&command, length);
+    kite_end_with_crc(&command);
+    Response response;
+    if (!request_data(request, command, &response) || !append_otp(path, response, length)) {
+        return false;
+    }
+    tool_log_info("hdl_readback_kite res done: addr=0x%X\n", address); // kept: shared with the readback
+    return true;
+}
+
+bool hdl_readback_to_file(const char* path, uint32_t start, uint32_t length) {
+    if (!delete_old_file(path)) {
+        return false;
+    }
+    for (uint64_t at = start; at < range_end(start, length); at += kReadbackSize) {
+        const auto address = static_cast<uint32_t>(at);
+        if (!hdl_readback_kite(path, address)) {
+            tool_log_error("hdl_readback_kite addr=0x%08X fail!\n", address);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool hdl_read_otp_to_file(const char* path, uint32_t start, uint32_t length) {
+    if (!delete_old_file(path)) {
+        return false;
+    }
+    for (uint64_t at = start; at < range_end(start, length); at += kOtpStep) {
+        const auto address = static_cast<uint32_t>(at);
+        if (!hdl_read_otp_kite(path, address, length)) { // kept: the whole length at every step
+            tool_log_error("hdl_read_otp_kite addr=0x%08X fail!\n", address);
+            return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,185 @@
+#include "download/hdl_window.h"
+
+#include "download/hdl_da.h"
+#include "download/hdl_flash_send.h"
+#include "download/hdl_kite.h"
+#include "download/hdl_wait.h"
+#include "transport/tool_log.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int64_t kFormatLimitMs = 45000;
+constexpr int64_t kDownloadBlockLimitMs = 1000;
+constexpr uint32_t kResponseSize = 11;
+
+// What tells the two users of the window apart.
+struct Rules {
+    KiteId command;
+    const char* send;         // + address
+    const char* first_failed; // the first block could not be sent; null: no line
+    const char* response;     // + address
+    const char* timeout;
+    const char* resend;    // + count
+    const char* exhausted; // nothing left to try; null: no line
+};
+
+constexpr Rules kFormatRules = {
+    KITE_FORMAT,
+    "########## Format send address(0x%X)\n",
+    nullptr,
+    "Format resp address(0x%X)\n",
+    "format_sliding_window_flow TIMEOUT\n",
+    "FORMAT Re-Send: count = %d\n",
+    "FORMAT_TIMEOUT\n",
+};
+
+constexpr Rules kDownloadRules = {
+    KITE_WRITE_BLOCK,
+    "########## Download send address(0x%X)\n",
+    "########## Download send address(0x%X) fail\n",
+    "Download resp address(0x%X)\n",
+    "download_sliding_window_flow TIMEOUT\n",
+    "DOWNLOAD Re-Send: count = %d\n",
+    nullptr,
+};
+
+struct Window {
+    const Rules& rules;
+    FlashBlock* blocks;
+    uint32_t count;
+    const ImageEntry* image; // null for an erase
+    int64_t limit_ms;
+    int64_t start; // of the first pass
+    bool resending;
+};
+
+enum class Outcome { kDone, kTimeout, kUsedUp };
+
+bool send_block(const Window& window, FlashBlock* block) {
+    tool_log_info_text(window.rules.send, block->address);
+    const bool sent = window.image == nullptr ? format_send_single_block(block)
+                                              : download_send_single_block(block->address, window.image);
+    block->sent = sent ? 1 : 0;
+    return sent;
+}
+
+bool send_first(const Window& window) {
+    if (window.count == 0 || window.blocks[0].sent != 0 || send_block(window, &window.blocks[0])) {
+        return true;
+    }
+    if (window.rules.first_failed != nullptr) {
+        tool_log_error_text(window.rules.first_failed, window.blocks[0].address);
+    }
+    return false;
+}
+
+// Sends the first block that is not sent; one that can't be sent stays so. Returns false when all were sent
+// before.
+bool send_next(const Window& window) {
+    FlashBlock* end = window.blocks + window.count;
+    FlashBlock* next = std::find_if(window.blocks, end, [](const FlashBlock& b) { return b.sent == 0; });
+    if (next == end) {
+        return false;
+    }
+    send_block(window, next);
+    return true;
+}
+
+bool all_acknowledged(const Window& window) {
+    return std::all_of(window.blocks, window.blocks + window.count,
+                       [](const FlashBlock& block) { return block.acked != 0; });
+}
+
+// The window moves by one block; only when there is none left can everything be done.
+bool advance(const Window& window) {
+    return !send_next(window) && all_acknowledged(window);
+}
+
+// Returns whether a block waited for this response: duplicates and foreign addresses move nothing.
+bool acknowledge(const Window& window, uint32_t address) {
+    FlashBlock* end = window.blocks + window.count;
+    FlashBlock* block = std::find_if(window.blocks, end, [address](const FlashBlock& b) {
+        return b.sent != 0 && b.acked == 0 && b.address == address;
+    });
+    if (block == end) {
+        return false;
+    }
+    block->acked = 1;
+    return true;
+}
+
+// Returns whether everything is done. Without a response the first pass goes on to the next block, so that a
+// lost one does not stall it; the second pass only uses up a wait.
+bool wait_once(const Window& window) {
+    uint32_t address = 0;
+    if (hdl_da_wait_response(window.rules.command, &address, kResponseSize) != HDL_DA_OK) {
+        return !window.resending && advance(window);
+    }
+    tool_log_info_text(window.rules.response, address);
+    return acknowledge(window, address) && advance(window);
+}
+
+Outcome run_pass(Window* window, uint32_t waits) {
+    for (uint32_t wait = 0; wait < waits; ++wait) {
+        if (hdl_wait_elapsed(&window->start) > window->limit_ms) {
+            tool_log_error_text(window->rules.timeout);
+            return Outcome::kTimeout;
+        }
+        if (wait_once(*window)) {
+            return Outcome::kDone;
+        }
+    }
+    return Outcome::kUsedUp;
+}
+
+// Makes every block that was not acknowledged one to be sent; returns how many there are.
+uint32_t reopen(const Window& window) {
+    uint32_t open = 0;
+    for (FlashBlock* block = window.blocks; block != window.blocks + window.count; ++block) {
+        if (block->sent == 0 || block->acked == 0) {
+            block->sent = 0;
+            ++open;
+        }
+    }
+    return open;
+}
+
+Outcome resend(Window* window) {
+    const uint32_t count = reopen(*window);
+    if (count == 0) {
+        return Outcome::kUsedUp;
+    }
+    tool_log_info_text(window->rules.resend, count);
+    window->resending = true;
+    send_next(*window);
+    return run_pass(window, count);
+}
+
+bool run(Window* window) {
+    if (!send_first(*window)) {
+        return false;
+    }
+    window->start = tool_time_now_ms();
+    Outcome outcome = run_pass(window, window->count);
+    if (outcome == Outcome::kUsedUp) {
+        outcome = resend(window);
+    }
+    if (outcome == Outcome::kUsedUp && window->rules.exhausted != nullptr) {
+        tool_log_error_text(window->rules.exhausted);
+    }
+    return outcome == Outcome::kDone;
+}
+
+} // namespace
+
+bool format_sliding_window_flow(FormatBlock* blocks, uint32_t count) {
+    Window window = {kFormatRules, blocks, count, nullptr, kFormatLimitMs, 0, false};
+    return run(&window);
+}
+
+bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image) {
+    Window window = {kDownloadRules, blocks, count, image, count * kDownloadBlockLimitMs, 0, false};
+    return run(&window);
+}

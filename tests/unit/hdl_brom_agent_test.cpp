@@ -1,0 +1,281 @@
+#include "brom_link.h"
+#include "download/hdl_brom.h"
+#include "download/hdl_settings.h"
+#include "support/fake_clock.h"
+#include "support/private_dir.h"
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+using std::string;
+
+// Numbers of the sends.
+constexpr size_t kAddressSend = 1;
+constexpr size_t kSignatureSend = 3;
+constexpr size_t kFirstChunkSend = 4;
+
+struct Files {
+    bool armed = false;
+    int failing_open = 0; // 1: the size's, 2: that of the sending
+    bool read_fails = false;
+    int opens = 0;
+    int open = 0;
+} files;
+
+struct SendAgent : BromTest {
+    SendAgent() {
+        files = {};
+    }
+    ~SendAgent() override {
+        EXPECT_EQ(files.open, 0);
+    }
+    void use_file(const string& content) {
+        const string path = dir.write("da.bin", content);
+        std::snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", path.c_str());
+        chunks = (content.size() + 1023) / 1024;
+        checksum = bromChecksum(reinterpret_cast<const uint8_t*>(content.data()),
+                                static_cast<uint32_t>(content.size()));
+    }
+    // The boot ROM's words: status, checksum, last status.
+    void answer(const std::vector<Bytes>& announced, const std::vector<Bytes>& sent) const {
+        brom_link.answers[kSignatureSend] = {word32(0)};
+        auto& first = brom_link.answers[kSignatureSend];
+        first.insert(first.end(), announced.begin(), announced.end());
+        for (size_t i = 0; i < chunks; ++i) {
+            brom_link.answers[kFirstChunkSend + i] = {};
+        }
+        brom_link.answers[kFirstChunkSend + chunks - 1] = sent;
+    }
+    void answer_well() const {
+        answer({word16(0)}, {word16(checksum), word16(0)});
+    }
+    bool send() {
+        files.opens = 0;
+        return run([] {
+            files.armed = true;
+            const bool result = hdl_brom_send_da();
+            files.armed = false;
+            return result;
+        });
+    }
+    string last() const {
+        return log.empty() ? "" : log.back();
+    }
+    string path() const {
+        return dir.path / "da.bin";
+    }
+
+    PrivateDir dir;
+    size_t chunks = 0;
+    uint16_t checksum = 0;
+};
+
+string content(size_t n) {
+    string text(n, '\0');
+    for (size_t i = 0; i < n; ++i) {
+        text[i] = static_cast<char>(i * 31 + i / 100 + 5);
+    }
+    return text;
+}
+
+string as_text(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+} // namespace
+
+extern "C" {
+
+FILE* __real_fopen(const char* path, const char* mode);
+int __real_fclose(FILE* file);
+size_t __real_fread(void* data, size_t size, size_t n, FILE* file);
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+    if (files.armed && ++files.opens == files.failing_open) {
+        return nullptr;
+    }
+    FILE* file = __real_fopen(path, mode);
+    files.open += files.armed && file != nullptr ? 1 : 0;
+    return file;
+}
+
+int __wrap_fclose(FILE* file) {
+    files.open -= files.armed ? 1 : 0;
+    return __real_fclose(file);
+}
+
+size_t __wrap_fread(void* data, size_t size, size_t n, FILE* file) {
+    return files.armed && files.read_fails ? 0 : __real_fread(data, size, n, file);
+}
+}
+
+TEST_F(SendAgent, AnnouncesAndSendsTheFile) {
+    use_file("abcde");
+    answer_well();
+    EXPECT_TRUE(send());
+    EXPECT_EQ(sent_as_text(), (Lines{"D7", "00002004", "05000000", "00000000", "6162636465"}));
+    EXPECT_EQ(checksum, (0x6261 ^ 0x6463 ^ 0x65));
+    EXPECT_EQ(fake_clock.slept, (Times{20, 10, 10}));
+    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xD7", "[I] echoU8 receiveChar 0xD7", "[I] echoU32 Send 0x4200000",
+                          "[I] echoU32 Send 0x5", "[I] echoU32 Send 0x0", "[I] SEND 5 bytes OK,total 5",
+                          "[I] btrom response checksum 0x667", "[I] send DA successful"}));
+}
+
+TEST_F(SendAgent, SerialLineTurnsWordsButNoData) {
+    g_download_settings.link_type = HDL_LINK_UART;
+    use_file("abcde");
+    answer({{0, 0}}, {{0x06, 0x67}, {0, 0}});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(sent_as_text(), (Lines{"D7", "04200000", "00000005", "00000000", "6162636465"}));
+}
+
+TEST_F(SendAgent, OtherVariantsLoadLower) {
+    g_download_settings.chip_variant = 2;
+    use_file("abcde");
+    answer_well();
+    EXPECT_TRUE(send());
+    EXPECT_EQ(sent_as_text()[kAddressSend], "00000004");
+}
+
+TEST_F(SendAgent, FileGoesInChunks) {
+    struct Sizes {
+        size_t file;
+        std::vector<size_t> chunks;
+    };
+    for (const Sizes& sizes : std::vector<Sizes>{
+             {1024, {1024}}, {1025, {1024, 1}}, {2048, {1024, 1024}}, {2501, {1024, 1024, 453}}}) {
+        brom_link = {};
+        use_file(content(sizes.file));
+        answer_well();
+        EXPECT_TRUE(send()) << sizes.file;
+        std::vector<size_t> sent;
+        string data;
+        for (size_t i = kFirstChunkSend; i < brom_link.sent.size(); ++i) {
+            sent.push_back(brom_link.sent[i].size());
+            data += as_text(brom_link.sent[i]);
+        }
+        EXPECT_EQ(sent, sizes.chunks);
+        EXPECT_EQ(data, content(sizes.file));
+    }
+    EXPECT_EQ(Lines(log.begin() + 5, log.begin() + 8),
+              (Lines{"[I] SEND 1024 bytes OK,total 1024", "[I] SEND 1024 bytes OK,total 2048",
+                     "[I] SEND 453 bytes OK,total 2501"}));
+}
+
+TEST_F(SendAgent, MissingOrEmptyFileIsNotAnnounced) {
+    EXPECT_FALSE(send());
+    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
+    use_file("");
+    EXPECT_FALSE(send());
+    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
+    EXPECT_TRUE(brom_link.sent.empty());
+}
+
+TEST_F(SendAgent, DirectoryIsNotAnnounced) {
+    std::snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", dir.path.c_str());
+    EXPECT_FALSE(send());
+    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
+}
+
+TEST_F(SendAgent, FileThatCantBeOpenedIsLogged) {
+    use_file("abcde");
+    files.failing_open = 2;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(log, (Lines{"[E] Open da file " + path() + " fail"}));
+    EXPECT_TRUE(brom_link.sent.empty());
+}
+
+TEST_F(SendAgent, EachStepOfTheAnnouncementCanFail) {
+    use_file("abcde");
+    const Lines texts = {"echoU8(0xD7)", "echoU32(0x4200000)", "echoU32(0x5)", "echoU32(0x0)"};
+    for (uint32_t step = 0; step < texts.size(); ++step) {
+        brom_link = {};
+        brom_link.failing_send = step;
+        EXPECT_FALSE(send());
+        EXPECT_EQ(last(), "[E] hdl_brom_send_da " + texts[step] + " error");
+        EXPECT_EQ(brom_link.sent.size(), step + 1);
+    }
+}
+
+TEST_F(SendAgent, FirstStatusIsAwaited) {
+    use_file("abcde");
+    answer({}, {});
+    EXPECT_FALSE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da readU16 error");
+    EXPECT_EQ(brom_link.sent.size(), 4U);
+}
+
+// Kept: the result is whether the last status word is not 0.
+TEST_F(SendAgent, ErrorInTheFirstStatusStopsButCountsAsSuccess) {
+    use_file("abcde");
+    answer({word16(0x1D0D)}, {});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da get status error 7437 (0x1D0D)");
+    EXPECT_EQ(brom_link.sent.size(), 4U);
+}
+
+TEST_F(SendAgent, ChunkThatCantBeReadIsSentAnyway) {
+    use_file("abcde");
+    files.read_fails = true;
+    answer({word16(0)}, {word16(0), word16(0)});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(as_text(brom_link.sent[kFirstChunkSend]), string(5, '\0'));
+    EXPECT_EQ(log[5], "[E] Reading error ( 0 )");
+    EXPECT_EQ(log[6], "[I] SEND 5 bytes OK,total 5");
+}
+
+TEST_F(SendAgent, ChecksumIsAwaited) {
+    use_file("abcde");
+    answer({word16(0)}, {});
+    EXPECT_FALSE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da read btrom_crc error");
+}
+
+TEST_F(SendAgent, ChecksumIsCompared) {
+    use_file("abcde");
+    answer({word16(0)}, {word16(0x0668), word16(0)});
+    EXPECT_FALSE(send());
+    EXPECT_EQ(last(), "[E] btrom checksum fail, 0x667/0x668");
+    EXPECT_EQ(brom_link.arriving.size(), 1U); // the status is not read any more
+}
+
+TEST_F(SendAgent, LostChunkShowsInTheChecksum) {
+    use_file("abcde");
+    answer({word16(0)}, {word16(0), word16(0)});
+    brom_link.failing_send = kFirstChunkSend;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da read btrom_crc error");
+}
+
+TEST_F(SendAgent, FirstStatusDecidesWhereNoOtherIsRead) {
+    use_file("abcde");
+    answer({word16(1)}, {word16(0x0668)});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(last(), "[E] btrom checksum fail, 0x667/0x668");
+
+    brom_link = {};
+    answer({word16(1)}, {word16(checksum)});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da readU16 error");
+
+    brom_link = {};
+    answer({word16(0)}, {word16(checksum)});
+    EXPECT_FALSE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da readU16 error");
+}
+
+TEST_F(SendAgent, ErrorInTheLastStatusCountsAsSuccess) {
+    use_file("abcde");
+    answer({word16(0)}, {word16(checksum), word16(0x1000)});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da get status error 4096");
+}
+
+TEST_F(SendAgent, HighestGoodStatusIsGood) {
+    use_file("abcde");
+    answer({word16(0x0FFF)}, {word16(checksum), word16(0x0FFF)});
+    EXPECT_TRUE(send());
+    EXPECT_EQ(last(), "[I] send DA successful");
+}

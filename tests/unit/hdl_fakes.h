@@ -1,0 +1,53 @@
+// What the firmware download stands on, replaced: a link with a scripted other end, a clock that moves only
+// when somebody waits, log lines as texts, and CRCs calculated the slow way.
+#ifndef TAVOR_TESTS_HDL_FAKES_H
+#define TAVOR_TESTS_HDL_FAKES_H
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <vector>
+
+using Bytes = std::vector<uint8_t>;
+using Texts = std::vector<std::string>;
+
+struct HdlFakes {
+    int64_t now = 1'000'000;
+    int64_t receive_ms = 50;   // what a receive without bytes takes
+    Texts log;                 // "[E] TEXT" or "[I] TEXT", line ends included
+    Texts calls;               // "sleep 100", "set_speed 921600", "hook 1", "send 7 flag 1", "receive 11"
+    std::vector<Bytes> sent;   // what went out and what was refused
+    std::deque<Bytes> arrives; // one receive takes from one of them
+    std::function<void(const Bytes&)> on_send = [](const Bytes&) {};
+    std::function<void()> on_receive = [] {};
+    std::function<bool(const Bytes&)> accepts = [](const Bytes&) { return true; };
+    bool set_speed_result = true;
+    bool calloc_fails = false; // for programs that wrap calloc
+};
+
+extern HdlFakes g_fakes;
+
+// Starts over, with empty settings and an empty pool.
+void hdl_fakes_reset();
+
+// The lines that begin with this.
+Texts hdl_fakes_log_with(const std::string& start);
+
+// Little-endian fields.
+Bytes le16(uint32_t value);
+Bytes le32(uint32_t value);
+Bytes operator+(Bytes a, const Bytes& b);
+
+// CRC-32, bit by bit.
+uint32_t slow_crc32(const Bytes& data);
+Bytes with_crc(const Bytes& data);
+
+// A frame of the agent: 0x05, type, length, identifier, status, payload.
+Bytes agent_frame(uint16_t id, uint8_t status, const Bytes& payload = {});
+// 0x05, type, the given length, body.
+Bytes raw_frame(char type, uint16_t length, const Bytes& body);
+// A log notification.
+Bytes agent_log(const std::string& text);
+
+#endif

@@ -1,0 +1,308 @@
+#include "download/hdl_flash.h"
+#include "download/hdl_flash_send.h"
+#include "hdl_fakes.h"
+#include "hdl_file_faults.h"
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+extern "C" void* __real_calloc(size_t count, size_t size);
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+    return g_fakes.calloc_fails ? nullptr : __real_calloc(count, size);
+}
+
+namespace {
+
+// Answers of the image module, which is replaced.
+struct Images {
+    uint64_t size = 0;
+    uint32_t crc = 0;
+    Texts asked;
+} images;
+
+// The frame's identifier or address.
+uint32_t field(const Bytes& frame, size_t at, int bytes) {
+    uint32_t value = 0;
+    for (int i = bytes; i-- > 0;) {
+        value = value << 8U | frame[at + static_cast<size_t>(i)];
+    }
+    return value;
+}
+
+void answer_all(uint8_t status = 0) {
+    g_fakes.on_send = [status](const Bytes& frame) {
+        g_fakes.arrives.push_back(
+            agent_frame(static_cast<uint16_t>(field(frame, 4, 2)), status, le32(field(frame, 6, 4))));
+    };
+}
+
+Bytes block_frame(uint32_t address, const Bytes& data) {
+    Bytes filled = data;
+    filled.resize(4096, 0xFF);
+    return with_crc(Bytes{0x05, 0x5A, 0x0C, 0x10, 0x00, 0x21} + le32(address) + le16(4096) + filled);
+}
+
+struct FlashTest : testing::Test {
+    void SetUp() override {
+        hdl_fakes_reset();
+        g_fakes.receive_ms = 1000;
+        g_file_faults = {};
+        images = {};
+        image.begin_address = 0x8000;
+    }
+    void TearDown() override {
+        g_file_faults = {};
+    }
+    void image_holds(const std::string& content) {
+        path = dir.write("image.bin", content);
+        strcpy(image.name, path.c_str());
+        images.size = content.size();
+    }
+    PrivateDir dir;
+    std::string path;
+    ImageEntry image = {};
+};
+
+using Erase = FlashTest;
+using Block = FlashTest;
+using Image = FlashTest;
+using ImageCheck = FlashTest;
+
+const std::string kNotAligned = "[I] Not-4K-Alignment ( 0 )\n";
+
+} // namespace
+
+uint64_t getFileSize(const char* path) {
+    images.asked.push_back(std::string("size ") + path);
+    return images.size;
+}
+
+uint32_t image_crc32(const char* path) {
+    images.asked.push_back(std::string("crc ") + path);
+    return images.crc;
+}
+
+TEST_F(Erase, ErasesEveryBlockOfThePlan) {
+    answer_all();
+    EXPECT_TRUE(da_format_flash(0xF000, 0x20000));
+    const auto frame = [](const Bytes& address, const Bytes& length) {
+        return with_crc(Bytes{0x05, 0x5A, 14, 0, 0x04, 0x21} + address + length);
+    };
+    EXPECT_EQ(g_fakes.sent,
+              (std::vector<Bytes>{frame(le32(0xF000), le32(0x1000)), frame(le32(0x10000), le32(0x10000)),
+                                  frame(le32(0x20000), le32(0x10000))}));
+    EXPECT_EQ(g_fakes.log.size(), 6U);
+}
+
+TEST_F(Erase, NothingToEraseFailsSilently) {
+    EXPECT_FALSE(da_format_flash(0x1000, 0));
+    EXPECT_EQ(g_fakes.log, Texts{});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Erase, EndsWithTheAddressesWithoutWrapping) {
+    answer_all();
+    EXPECT_TRUE(da_format_flash(0xFFFF0000, 0xFFFF0000));
+    EXPECT_EQ(g_fakes.sent.size(), 1U);
+}
+
+TEST_F(Erase, NoMemoryFails) {
+    g_fakes.calloc_fails = true;
+    EXPECT_FALSE(da_format_flash(0, 0x10000));
+    g_fakes.calloc_fails = false;
+    EXPECT_EQ(g_fakes.log, Texts{"[E] da_format_flash malloc pData fail\n"});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Erase, AFailedFlowFails) {
+    answer_all(1);
+    EXPECT_FALSE(da_format_flash(0, 0x10000));
+    EXPECT_EQ(hdl_fakes_log_with("[E]"),
+              (Texts{"[E] FORMAT_TIMEOUT\n", "[E] format_sliding_window_flow fail\n"}));
+}
+
+TEST_F(Block, AWholeBlockIsReadFromItsPlace) {
+    image_holds(std::string(4096, 'a') + std::string(4096, 'b') + "c");
+    EXPECT_TRUE(download_send_single_block(0x9000, &image));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0x9000, Bytes(4096, 'b'))});
+    EXPECT_EQ(g_fakes.log, Texts{});
+}
+
+TEST_F(Block, TheRestOfTheLastBlockIsErasedFlash) {
+    image_holds(std::string(4096, 'a') + "c");
+    EXPECT_TRUE(download_send_single_block(0x9000, &image));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0x9000, {'c'})});
+    EXPECT_EQ(g_fakes.log, Texts{kNotAligned});
+}
+
+TEST_F(Block, ABlockBehindTheFileIsErasedFlash) {
+    image_holds("abc");
+    EXPECT_TRUE(download_send_single_block(0xFFFFFFFF, &image));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0xFFFFFFFF, {})});
+    EXPECT_EQ(g_fakes.log, Texts{kNotAligned});
+}
+
+TEST_F(Block, ABlockBeforeTheImageFailsSilently) {
+    image_holds("abc");
+    EXPECT_FALSE(download_send_single_block(0x7FFF, &image));
+    EXPECT_EQ(g_fakes.log, Texts{});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Block, AFileThatCantBeOpenedFails) {
+    strcpy(image.name, "/nowhere/image.bin");
+    EXPECT_FALSE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/image.bin\n"});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Block, AFileThatCantBePositionedFailsSilently) {
+    image_holds("abc");
+    g_file_faults.fseek = true;
+    EXPECT_FALSE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.log, Texts{});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Block, AFileThatCantBePositionedNorClosedFails) {
+    image_holds("abc");
+    g_file_faults.fseek = g_file_faults.fclose = true;
+    EXPECT_FALSE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] The file(" + path + ") could not closed.\n"});
+}
+
+TEST_F(Block, AFileThatCantBeClosedFails) {
+    image_holds(std::string(4096, 'a'));
+    g_file_faults.fclose = true;
+    EXPECT_FALSE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.log,
+              Texts{"[E] download_send_single_block The file(" + path + ") could not closed.\n"});
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Block, IsSentUpToThreeTimes) {
+    image_holds("abc");
+    g_fakes.accepts = [](const Bytes&) { return g_fakes.sent.size() == 2; };
+    EXPECT_TRUE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.sent.size(), 2U);
+    g_fakes.accepts = [](const Bytes&) { return false; };
+    EXPECT_FALSE(download_send_single_block(0x8000, &image));
+    EXPECT_EQ(g_fakes.sent.size(), 5U);
+}
+
+TEST_F(Image, ABytePastABlockTakesASecondOne) {
+    answer_all();
+    image_holds(std::string(4096, 'a') + "b");
+    EXPECT_TRUE(download_image(&image));
+    EXPECT_EQ(g_fakes.sent,
+              (std::vector<Bytes>{block_frame(0x8000, Bytes(4096, 'a')), block_frame(0x9000, {'b'})}));
+    EXPECT_EQ(g_fakes.log,
+              (Texts{"[I] ########## Download send address(0x8000)\n", "[I] Download resp address(0x8000)\n",
+                     "[I] ########## Download send address(0x9000)\n", kNotAligned,
+                     "[I] Download resp address(0x9000)\n"}));
+}
+
+TEST_F(Image, AWholeNumberOfBlocksTakesNoMore) {
+    answer_all();
+    image_holds(std::string(8192, 'a'));
+    EXPECT_TRUE(download_image(&image));
+    EXPECT_EQ(g_fakes.sent.size(), 2U);
+}
+
+TEST_F(Image, TwoBytesAreEnough) {
+    answer_all();
+    image_holds("ab");
+    EXPECT_TRUE(download_image(&image));
+}
+
+TEST_F(Image, OneByteAndNoneAreRefused) {
+    for (const char* content : {"", "a"}) {
+        hdl_fakes_reset();
+        image_holds(content);
+        EXPECT_FALSE(download_image(&image));
+        EXPECT_EQ(g_fakes.log,
+                  Texts{"[E] download_image getFileSize fail, image length smaller than 1 byte.\n"});
+        EXPECT_EQ(g_fakes.calls, Texts{});
+    }
+}
+
+TEST_F(Image, NoMemoryFails) {
+    image_holds("ab");
+    g_fakes.calloc_fails = true;
+    EXPECT_FALSE(download_image(&image));
+    g_fakes.calloc_fails = false;
+    EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
+}
+
+TEST_F(Image, NoTableIsMadeForMoreThanAnyFlash) {
+    for (const uint64_t size : {0x100000001ULL, 0xFFFFFFFFFFFFFFFFULL}) {
+        hdl_fakes_reset();
+        images.size = size;
+        EXPECT_FALSE(download_image(&image));
+        EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
+    }
+}
+
+TEST_F(Image, BlocksBeyondTheAddressesAreNotSent) {
+    answer_all();
+    image_holds(std::string(4097, 'a'));
+    image.begin_address = 0xFFFFF000;
+    EXPECT_FALSE(download_image(&image));
+    EXPECT_EQ(g_fakes.sent.size(), 1U);
+    EXPECT_EQ(hdl_fakes_log_with("[E]"), Texts{"[E] download_sliding_window_flow fail\n"});
+}
+
+TEST_F(Image, AFailedFlowFails) {
+    answer_all(1);
+    image_holds("ab");
+    EXPECT_FALSE(download_image(&image));
+    EXPECT_EQ(g_fakes.log.back(), "[E] download_sliding_window_flow fail\n");
+}
+
+TEST_F(Image, AllAreWrittenInTheirOrder) {
+    answer_all();
+    image_holds("ab");
+    ImageEntry both[2] = {image, image};
+    both[1].begin_address = 0x20000;
+    EXPECT_TRUE(download_all_images(both, 2));
+    EXPECT_EQ(g_fakes.sent, (std::vector<Bytes>{block_frame(0x8000, {'a', 'b'}), //
+                                                block_frame(0x20000, {'a', 'b'})}));
+}
+
+TEST_F(Image, TheFirstFailureStopsAll) {
+    answer_all();
+    image_holds("ab");
+    ImageEntry both[2] = {image, image};
+    strcpy(both[0].name, "/nowhere/first.bin");
+    EXPECT_FALSE(download_all_images(both, 2));
+    EXPECT_EQ(g_fakes.sent.size(), 0U);
+    EXPECT_EQ(g_fakes.log.back(), "[E] download /nowhere/first.bin FAILED\n");
+    EXPECT_TRUE(download_all_images(both, 0));
+}
+
+TEST_F(ImageCheck, SendsAddressSizeAndChecksum) {
+    strcpy(image.name, "/etc/a.bin");
+    images.size = 0x12345;
+    images.crc = 0xA1B2C3D4;
+    g_fakes.on_send = [](const Bytes&) { g_fakes.arrives.push_back(agent_frame(0x211A, 0, le32(0xBC))); };
+    EXPECT_TRUE(check_image_crc(&image));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{with_crc(Bytes{0x05, 0x5A, 18, 0, 0x1A, 0x21} + le32(0x8000) +
+                                                        le32(0x12345) + le32(0xA1B2C3D4))});
+    EXPECT_EQ(g_fakes.calls, (Texts{"send 22 flag 1", "receive 11"}));
+    // The agent's status decides, not its CRC.
+    EXPECT_EQ(g_fakes.log,
+              Texts{"[I] check_image_crc done, image name:/etc/a.bin, response_crc=  0x000000BC\n"});
+    EXPECT_EQ(images.asked, (Texts{"size /etc/a.bin", "crc /etc/a.bin"}));
+}
+
+TEST_F(ImageCheck, AnyOtherCodeFails) {
+    EXPECT_FALSE(check_image_crc(&image));
+    EXPECT_EQ(g_fakes.sent.size(), 1U);
+    EXPECT_EQ(g_fakes.log, Texts{"[E] check_image_crc error, ErrorCode:1, res_crc=  0x00000000\n"});
+    g_fakes.log.clear();
+    answer_all(5);
+    EXPECT_FALSE(check_image_crc(&image));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] check_image_crc error, ErrorCode:3, res_crc=  0x00000000\n"});
+}

@@ -1,0 +1,302 @@
+#include "download/hdl_readback.h"
+#include "download/hdl_settings.h"
+#include "hdl_fakes.h"
+#include "hdl_file_faults.h"
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+uint32_t address_in(const Bytes& frame) {
+    return frame[6] | frame[7] << 8U | frame[8] << 16U | static_cast<uint32_t>(frame[9]) << 24U;
+}
+
+Bytes piece(char fill) {
+    return Bytes(2048, static_cast<uint8_t>(fill));
+}
+
+Bytes data_response(uint16_t id, const Bytes& data, uint32_t damage = 0) {
+    return agent_frame(id, 0, le32(0x77) + le32(slow_crc32(data) ^ damage) + data);
+}
+
+Bytes readback_command(uint32_t address) {
+    return with_crc(Bytes{0x05, 0x5A, 12, 0, 0x01, 0x21} + le32(address) + le16(2048));
+}
+
+Bytes otp_command(uint32_t address, uint32_t length) {
+    return with_crc(Bytes{0x05, 0x5A, 14, 0, 0x0D, 0x21} + le32(address) + le32(length));
+}
+
+struct ReadbackTest : testing::Test {
+    void SetUp() override {
+        hdl_fakes_reset();
+        g_file_faults = {};
+    }
+    void TearDown() override {
+        g_file_faults = {};
+    }
+    void answer(const Bytes& frame) {
+        g_fakes.on_send = [frame](const Bytes&) { g_fakes.arrives.push_back(frame); };
+    }
+    // Data that tell from which address they are: its third hexadecimal digit as a letter.
+    void answer_by_address() {
+        g_fakes.on_send = [](const Bytes& frame) {
+            const auto letter = static_cast<char>('a' + (address_in(frame) >> 8U) % 16);
+            g_fakes.arrives.push_back(data_response(0x2101, piece(letter)));
+        };
+    }
+    std::string dump() const {
+        return dir.read("dump");
+    }
+    PrivateDir dir;
+    const std::string path = (dir.path / "dump").string();
+};
+
+using Readback = ReadbackTest;
+struct Otp : ReadbackTest {
+    void SetUp() override {
+        ReadbackTest::SetUp();
+        g_download_settings.link_type = HDL_LINK_UART; // an SPI link is asked for no byte
+    }
+};
+using Dump = ReadbackTest;
+
+} // namespace
+
+TEST_F(Readback, AppendsAPieceToTheFile) {
+    dir.write("dump", "before");
+    answer(data_response(0x2101, piece('x')));
+    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0x10800));
+    EXPECT_EQ(dump(), "before" + std::string(2048, 'x'));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{readback_command(0x10800)});
+    EXPECT_EQ(g_fakes.calls, (Texts{"send 16 flag 1", "receive 2063"}));
+    EXPECT_EQ(g_fakes.log, Texts{"[I] hdl_readback_kite res done: addr=0x10800\n"});
+}
+
+TEST_F(Readback, OtherFramesAndFailuresAreWaitedOver) {
+    g_fakes.on_send = [](const Bytes&) {
+        g_fakes.arrives = {agent_frame(0x2104, 0, le32(1)), agent_frame(0x2101, 1),
+                           data_response(0x2101, piece('x'))};
+    };
+    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(g_fakes.sent.size(), 1U);
+    EXPECT_EQ(g_fakes.log, Texts{"[I] hdl_readback_kite res done: addr=0x0\n"});
+}
+
+TEST_F(Readback, AWrongChecksumIsToldAndWaitedOver) {
+    g_fakes.on_send = [](const Bytes&) {
+        g_fakes.arrives = {data_response(0x2101, piece('y'), 1), data_response(0x2101, piece('x'))};
+    };
+    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0x800));
+    EXPECT_EQ(dump(), std::string(2048, 'x'));
+    char expected[128];
+    const uint32_t crc = slow_crc32(piece('y'));
+    snprintf(expected, sizeof expected,
+             "[I] hdl_readback_kite CRC fail: addr=0x800, crc_cal=0x%X, crc_resp=0x%X\n", crc, crc ^ 1);
+    EXPECT_EQ(g_fakes.log, (Texts{expected, "[I] hdl_readback_kite res done: addr=0x800\n"}));
+}
+
+TEST_F(Readback, FewerDataAreCheckedAsIfZeroesFollowed) {
+    g_fakes.on_send = [](const Bytes&) {
+        g_fakes.arrives = {
+            data_response(0x2101, piece('y'), 1), data_response(0x2101, Bytes(100, 'x')),
+            agent_frame(0x2101, 0,
+                        le32(0) + le32(slow_crc32(Bytes(100, 'x') + Bytes(1948))) + Bytes(100, 'x'))};
+    };
+    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(dump(), std::string(100, 'x') + std::string(1948, '\0'));
+}
+
+TEST_F(Readback, ThreeAttemptsOfASecondEach) {
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0x1800));
+    EXPECT_EQ(g_fakes.now - start, 3000);
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>(3, readback_command(0x1800)));
+    EXPECT_EQ(g_fakes.log, Texts(3, "[I] hdl_readback_kite res retry: addr=0x1800\n"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(Readback, AChecksumThatNeverFitsFailsAfterThreeAttempts) {
+    const int64_t start = g_fakes.now;
+    g_fakes.on_receive = [] {
+        g_fakes.now += 250;
+        g_fakes.arrives.push_back(data_response(0x2101, piece('y'), 1));
+    };
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(g_fakes.now - start, 3000);
+    EXPECT_EQ(g_fakes.sent.size(), 3U);
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 12U);
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite res retry: addr=0x0").size(), 3U);
+    EXPECT_EQ(g_fakes.log.size(), 15U);
+}
+
+TEST_F(Readback, TheThirdAttemptMaySucceed) {
+    g_fakes.on_send = [](const Bytes&) {
+        if (g_fakes.sent.size() == 3) {
+            g_fakes.arrives = {data_response(0x2101, piece('x'))};
+        }
+    };
+    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(g_fakes.log, (Texts{"[I] hdl_readback_kite res retry: addr=0x0\n",
+                                  "[I] hdl_readback_kite res retry: addr=0x0\n",
+                                  "[I] hdl_readback_kite res done: addr=0x0\n"}));
+}
+
+TEST_F(Readback, MoreDataThanAskedForAreRefused) {
+    g_download_settings.link_type = HDL_LINK_UART;
+    answer(data_response(0x2101, Bytes(2049, 'x')));
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
+}
+
+TEST_F(Readback, AFileThatCantBeOpenedFails) {
+    answer(data_response(0x2101, piece('x')));
+    EXPECT_FALSE(hdl_readback_kite("/nowhere/dump", 0));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/dump\n"});
+}
+
+TEST_F(Readback, AShortWriteFailsSilently) {
+    answer(data_response(0x2101, piece('x')));
+    g_file_faults.fwrite = true;
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(g_fakes.log, Texts{});
+}
+
+TEST_F(Readback, AFileThatCantBeClosedFails) {
+    answer(data_response(0x2101, piece('x')));
+    g_file_faults.fclose = true;
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_readback_kite The file(" + path + ") could not closed.\n"});
+}
+
+TEST_F(Otp, AppendsAPieceToTheFile) {
+    answer(data_response(0x210D, piece('o')));
+    EXPECT_TRUE(hdl_read_otp_kite(path.c_str(), 0x100, 2048));
+    EXPECT_EQ(dump(), std::string(2048, 'o'));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{otp_command(0x100, 2048)});
+    EXPECT_EQ(g_fakes.calls, (Texts{"send 18 flag 1", "receive 4112"}));
+    EXPECT_EQ(g_fakes.log, Texts{"[I] hdl_readback_kite res done: addr=0x100\n"});
+}
+
+TEST_F(Otp, AsksAnSpiLinkForNothing) {
+    g_download_settings.link_type = HDL_LINK_SPI;
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2048));
+    EXPECT_EQ(g_fakes.calls.at(1), "receive 0");
+}
+
+TEST_F(Otp, AShorterLengthIsWrittenButFails) {
+    answer(data_response(0x210D, Bytes(16, 'o')));
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 16));
+    EXPECT_EQ(dump(), std::string(16, 'o'));
+    EXPECT_EQ(g_fakes.log, Texts{});
+}
+
+TEST_F(Otp, TheChecksumCoversTheLengthOnly) {
+    answer(
+        agent_frame(0x210D, 0, le32(0) + le32(slow_crc32(Bytes(16, 'o'))) + Bytes(16, 'o') + Bytes(5, 'p')));
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 16));
+    EXPECT_EQ(dump(), std::string(16, 'o'));
+}
+
+TEST_F(Otp, ALongerLengthIsRefused) {
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2049));
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Otp, FailuresAreToldAsThoseOfTheReadback) {
+    answer(data_response(0x210D, piece('o'), 1));
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0x100, 2048));
+    EXPECT_EQ(g_fakes.sent.size(), 3U);
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x100, crc_cal=0x").size(), 3U);
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite res retry: addr=0x100\n").size(), 3U);
+}
+
+TEST_F(Otp, AFileThatCantBeOpenedFails) {
+    answer(data_response(0x210D, piece('o')));
+    EXPECT_FALSE(hdl_read_otp_kite("/nowhere/dump", 0, 2048));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/dump\n"});
+}
+
+TEST_F(Otp, AFileThatCantBeClosedIsToldByWhatWasWritten) {
+    answer(data_response(0x210D, piece('o')));
+    g_file_faults.fclose = true;
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2048));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] The file(" + path + ") could not closed.\n"});
+    g_fakes.log.clear();
+    g_file_faults.fwrite = true;
+    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2048));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_read_otp_kite The file(" + path + ") could not closed.\n"});
+}
+
+TEST_F(Dump, IsMadeOfPiecesAndReplacesAnEarlierFile) {
+    dir.write("dump", "old");
+    answer_by_address();
+    EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0x10000, 4096));
+    EXPECT_EQ(dump(), std::string(2048, 'a') + std::string(2048, 'i'));
+    EXPECT_EQ(g_fakes.sent, (std::vector<Bytes>{readback_command(0x10000), readback_command(0x10800)}));
+    EXPECT_EQ(g_fakes.log, (Texts{"[I] The file(" + path + ") is deleted successfully.\n",
+                                  "[I] hdl_readback_kite res done: addr=0x10000\n",
+                                  "[I] hdl_readback_kite res done: addr=0x10800\n"}));
+}
+
+TEST_F(Dump, IsRoundedUpToAWholePiece) {
+    answer_by_address();
+    EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0, 2049));
+    EXPECT_EQ(dump().size(), 4096U);
+}
+
+TEST_F(Dump, OfNothingIsNothing) {
+    EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0x1000, 0));
+    EXPECT_TRUE(hdl_read_otp_to_file(path.c_str(), 0x1000, 0));
+    EXPECT_EQ(g_fakes.calls, Texts{});
+    EXPECT_EQ(g_fakes.log, Texts{});
+}
+
+TEST_F(Dump, EndsWithTheAddresses) {
+    answer_by_address();
+    EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0xFFFFF800, 0x1000));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{readback_command(0xFFFFF800)});
+}
+
+TEST_F(Dump, AFailedPieceEndsIt) {
+    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0x800, 4096));
+    EXPECT_EQ(g_fakes.sent.size(), 3U);
+    EXPECT_EQ(g_fakes.log.back(), "[E] hdl_readback_kite addr=0x00000800 fail!\n");
+}
+
+TEST_F(Dump, AnOldFileThatCantBeClosedFails) {
+    dir.write("dump", "old");
+    g_file_faults.fclose = true;
+    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 4096));
+    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0, 4096));
+    EXPECT_EQ(g_fakes.log, Texts(2, "[E] The file(" + path + ") could not closed.\n"));
+    EXPECT_EQ(g_fakes.calls, Texts{});
+    EXPECT_EQ(dump(), "old");
+}
+
+TEST_F(Dump, AnOldFileThatCantBeDeletedFails) {
+    dir.write("dump", "old");
+    g_file_faults.remove = true;
+    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 4096));
+    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0, 4096));
+    EXPECT_EQ(g_fakes.log, Texts(2, "[E] The file(" + path + ") is not deleted.\n"));
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+TEST_F(Dump, OfOtpIsAskedForWithTheWholeLengthAtEveryStep) {
+    g_download_settings.link_type = HDL_LINK_UART;
+    dir.write("dump", "old");
+    answer(data_response(0x210D, piece('o')));
+    EXPECT_TRUE(hdl_read_otp_to_file(path.c_str(), 0x100, 2048));
+    EXPECT_EQ(dump(), std::string(2048, 'o'));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{otp_command(0x100, 2048)});
+    EXPECT_EQ(g_fakes.log.front(), "[I] The file(" + path + ") is deleted successfully.\n");
+}
+
+TEST_F(Dump, OfOtpFailsWithItsOwnLine) {
+    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0x100, 8192));
+    EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_read_otp_kite addr=0x00000100 fail!\n"});
+    EXPECT_EQ(g_fakes.calls, Texts{}); // the length is more than one request can carry
+}

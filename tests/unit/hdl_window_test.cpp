@@ -1,0 +1,436 @@
+#include "download/hdl_window.h"
+#include "hdl_fakes.h"
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kFirst = 0x1A000; // address of block 0; the others follow
+
+// One of the two users of the window.
+struct User {
+    const char* name;
+    uint16_t id;
+    const char* send;
+    const char* response;
+    const char* resend;
+    const char* timeout;
+    Texts exhausted; // what a flow says when nothing is left to try
+};
+
+const User kErase = {"Erase",
+                     0x2104,
+                     "[I] ########## Format send address(0x%X)\n",
+                     "[I] Format resp address(0x%X)\n",
+                     "[I] FORMAT Re-Send: count = %d\n",
+                     "[E] format_sliding_window_flow TIMEOUT\n",
+                     {"[E] FORMAT_TIMEOUT\n"}};
+const User kWrite = {"Write",
+                     0x2100,
+                     "[I] ########## Download send address(0x%X)\n",
+                     "[I] Download resp address(0x%X)\n",
+                     "[I] DOWNLOAD Re-Send: count = %d\n",
+                     "[E] download_sliding_window_flow TIMEOUT\n",
+                     {}};
+
+uint32_t address_of(uint32_t index) {
+    return kFirst + index * 0x1000;
+}
+
+uint32_t address_in(const Bytes& frame) {
+    return frame[6] | frame[7] << 8U | frame[8] << 16U | static_cast<uint32_t>(frame[9]) << 24U;
+}
+
+// A log line with its address (%X) or count (%d).
+std::string text_of(std::string pattern, uint32_t value) {
+    char number[16];
+    snprintf(number, sizeof number, pattern.find("%X") == std::string::npos ? "%u" : "%X", value);
+    return pattern.replace(pattern.find('%'), 2, number);
+}
+
+struct Flow : testing::TestWithParam<const User*> {
+    void SetUp() override {
+        hdl_fakes_reset();
+        g_fakes.receive_ms = 1000; // one receive in silence is a whole wait
+        const std::string path = dir.write("image.bin", std::string(0x100000, 'i'));
+        strcpy(image.name, path.c_str());
+        image.begin_address = kFirst;
+        answer_with({});
+    }
+
+    const User& user() const {
+        return *GetParam();
+    }
+    // A response for the block with this index.
+    Bytes response(uint32_t index) const {
+        return agent_frame(user().id, 0, le32(address_of(index)));
+    }
+    Bytes failure(uint32_t index) const {
+        return agent_frame(user().id, 1, le32(address_of(index)));
+    }
+    // What the agent sends upon its first commands, in their order; upon all others the right response.
+    void answer_with(const std::vector<std::vector<Bytes>>& first) {
+        g_fakes.on_send = [this, first](const Bytes& frame) {
+            const size_t nth = commands++;
+            const std::vector<Bytes> right = {agent_frame(user().id, 0, le32(address_in(frame)))};
+            for (const Bytes& answer : nth < first.size() ? first[nth] : right) {
+                g_fakes.arrives.push_back(answer);
+            }
+        };
+    }
+    void answer_nothing() {
+        g_fakes.on_send = [](const Bytes&) {};
+    }
+    bool run(uint32_t count) {
+        blocks.assign(count, FlashBlock{});
+        for (uint32_t i = 0; i < count; ++i) {
+            blocks[i] = {address_of(i), 0x1000, 0, 0};
+        }
+        return run_blocks();
+    }
+    bool run_blocks() {
+        const auto count = static_cast<uint32_t>(blocks.size());
+        return GetParam() == &kErase ? format_sliding_window_flow(blocks.data(), count)
+                                     : download_sliding_window_flow(blocks.data(), count, &image);
+    }
+    // "s0 r0 R2 T X" as log lines: send, response, re-send count, time-out, nothing left to try.
+    Texts lines(const std::string& short_form) const {
+        Texts made;
+        for (size_t at = 0; at < short_form.size(); at = short_form.find_first_not_of(' ', at)) {
+            const size_t end = std::min(short_form.find(' ', at), short_form.size());
+            add_line(short_form[at], short_form.substr(at + 1, end - at - 1), &made);
+            at = end;
+        }
+        return made;
+    }
+    void add_line(char kind, const std::string& number, Texts* made) const {
+        const auto value = static_cast<uint32_t>(number.empty() ? 0 : std::stoul(number));
+        if (kind == 's') {
+            made->push_back(text_of(user().send, address_of(value)));
+        } else if (kind == 'r') {
+            made->push_back(text_of(user().response, address_of(value)));
+        } else if (kind == 'R') {
+            made->push_back(text_of(user().resend, value));
+        } else if (kind == 'T') {
+            made->push_back(user().timeout);
+        } else {
+            made->insert(made->end(), user().exhausted.begin(), user().exhausted.end());
+        }
+    }
+    void expect_acked(const std::string& marks) const {
+        std::string acked;
+        for (const FlashBlock& block : blocks) {
+            acked += block.acked != 0 ? '1' : '0';
+        }
+        EXPECT_EQ(acked, marks);
+    }
+
+    PrivateDir dir;
+    ImageEntry image = {};
+    std::vector<FlashBlock> blocks;
+    size_t commands = 0;
+};
+
+const std::vector<Bytes> kLost = {};
+const std::vector<Bytes> kForeign = {agent_frame(0x2106, 0, le32(kFirst))};
+
+const auto name_of_row = [](const auto& row) { return row.param->name; };
+
+INSTANTIATE_TEST_SUITE_P(Window, Flow, testing::Values(&kErase, &kWrite), name_of_row);
+
+} // namespace
+
+TEST_P(Flow, EachResponseSendsTheNextBlock) {
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r1 s2 r2"));
+    expect_acked("111");
+    EXPECT_EQ(hdl_fakes_log_with("[E]"), Texts{});
+}
+
+TEST_P(Flow, OneBlockIsOneCommand) {
+    EXPECT_TRUE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0"));
+    EXPECT_EQ(g_fakes.sent.size(), 1U);
+}
+
+TEST_P(Flow, ElevenBytesAreAskedFor) {
+    EXPECT_TRUE(run(1));
+    EXPECT_EQ(g_fakes.calls.back(), "receive 11");
+}
+
+TEST_P(Flow, ALostResponseLetsTheNextBlockGoAndIsRepeatedInTheEnd) {
+    answer_with({kLost});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
+    expect_acked("111");
+}
+
+TEST_P(Flow, TheLastResponseLostIsRepeated) {
+    answer_with({{response(0)}, {response(1)}, kLost});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r1 s2 R1 s2 r2"));
+}
+
+TEST_P(Flow, ALateResponseKeepsTwoBlocksInFlight) {
+    answer_with({kLost, {response(0), response(1)}});
+    EXPECT_TRUE(run(3));
+    // The third wait meets block 1; block 2's response is met only after it was sent again.
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 r0 s2 r1 R1 s2 r2"));
+    expect_acked("111");
+}
+
+TEST_P(Flow, ADuplicateUsesUpAWaitAndSendsNothing) {
+    answer_with({{response(0), response(0)}});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r0 r1 s2 R1 s2 r2"));
+}
+
+TEST_P(Flow, AForeignFrameSendsTheNextBlock) {
+    answer_with({kForeign});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
+}
+
+TEST_P(Flow, AFailureOfTheAgentSendsTheNextBlock) {
+    answer_with({{failure(0)}});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
+}
+
+TEST_P(Flow, AllAcknowledgedIsSeenWithoutAResponseToo) {
+    blocks = {{kFirst, 0x1000, 1, 1}};
+    EXPECT_TRUE(run_blocks());
+    EXPECT_EQ(g_fakes.log, Texts{});
+}
+
+TEST_P(Flow, AResponseThatAcknowledgesNothingTestsNothing) {
+    blocks = {{kFirst, 0x1000, 1, 1}};
+    g_fakes.arrives = {response(0)};
+    EXPECT_FALSE(run_blocks()); // and nothing is left to repeat
+    EXPECT_EQ(g_fakes.log, lines("r0 X"));
+}
+
+TEST_P(Flow, UnknownAddressesSendNothingAndAllIsRepeated) {
+    const std::vector<Bytes> unknown(3, response(7));
+    answer_with({unknown});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r7 r7 r7 R3 s0 r0 s1 r1 s2 r2"));
+}
+
+TEST_P(Flow, AResponseForABlockThatWasNotSentIsNotTaken) {
+    answer_with({{response(1), response(0)}});
+    EXPECT_TRUE(run(2));
+    EXPECT_EQ(g_fakes.log, lines("s0 r1 r0 s1 R1 s1 r1"));
+}
+
+TEST_P(Flow, TheFirstOfTwoEqualAddressesIsAcknowledged) {
+    blocks = {{kFirst, 0x1000, 0, 0}, {kFirst, 0x1000, 0, 0}};
+    EXPECT_TRUE(run_blocks());
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s0 r0"));
+}
+
+TEST_P(Flow, ABlockThatIsSentAlreadyIsWaitedFor) {
+    blocks = {{address_of(0), 0x1000, 1, 0}, {address_of(1), 0x1000, 0, 0}};
+    g_fakes.arrives = {response(0)};
+    EXPECT_TRUE(run_blocks());
+    EXPECT_EQ(g_fakes.log, lines("r0 s1 r1"));
+}
+
+TEST_P(Flow, TheSecondPassDoesNotSendAfterALostResponse) {
+    answer_with({{response(0)}, kLost, kLost, kLost});
+    EXPECT_FALSE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s2 R2 s1 X"));
+    expect_acked("100");
+}
+
+TEST_P(Flow, TheSecondPassDoesNotSendAfterForeignFramesAndFailures) {
+    answer_with({{failure(0)}, {failure(1)}, {agent_frame(0x2106, 0), failure(0)}});
+    EXPECT_FALSE(run(2));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 R2 s0 X"));
+}
+
+TEST_P(Flow, TheSecondPassDoesNotTakeDuplicates) {
+    answer_with({{response(0)}, {failure(1)}, {failure(2)}, {response(0), response(1)}});
+    EXPECT_FALSE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s2 R2 s1 r0 r1 s2 X"));
+    expect_acked("110");
+}
+
+TEST_P(Flow, TheSecondPassDoesNotTakeALateResponseBeforeItsBlockWentOutAgain) {
+    answer_with({{failure(0)}, {failure(1)}, {response(1), response(0)}});
+    EXPECT_FALSE(run(2));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 R2 s0 r1 r0 s1 X"));
+}
+
+TEST_P(Flow, TheSecondPassDoesNotTakeUnknownAddresses) {
+    answer_with({{failure(0)}, {response(5)}});
+    EXPECT_FALSE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 R1 s0 r5 X"));
+}
+
+TEST_P(Flow, TheSecondPassEndsWithItsLastAcknowledgement) {
+    answer_with({{failure(0)}, {failure(1)}, {failure(2)}});
+    EXPECT_TRUE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 s2 R3 s0 r0 s1 r1 s2 r2"));
+    expect_acked("111");
+}
+
+TEST_P(Flow, ThereIsNoThirdPass) {
+    answer_with({{failure(0)}, {failure(0)}});
+    EXPECT_FALSE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 R1 s0 X"));
+}
+
+TEST_P(Flow, TheFirstSendIsTriedThreeTimes) {
+    int attempts = 0;
+    g_fakes.accepts = [&](const Bytes&) { return ++attempts == 3; };
+    EXPECT_TRUE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0"));
+    ASSERT_EQ(g_fakes.sent.size(), 3U);
+    EXPECT_EQ(g_fakes.sent[0], g_fakes.sent[2]);
+}
+
+TEST_P(Flow, AFirstSendThatFailsEndsTheFlow) {
+    g_fakes.accepts = [](const Bytes&) { return false; };
+    EXPECT_FALSE(run(2));
+    EXPECT_EQ(g_fakes.sent.size(), 3U);
+    Texts expected = lines("s0");
+    if (GetParam() == &kWrite) {
+        expected.push_back("[E] ########## Download send address(0x1A000) fail\n");
+    }
+    EXPECT_EQ(g_fakes.log, expected);
+    EXPECT_EQ(blocks[0].sent, 0);
+}
+
+TEST_P(Flow, ALaterSendThatFailsLeavesItsBlockUnsent) {
+    g_fakes.accepts = [](const Bytes&) { return g_fakes.sent.size() < 2 || g_fakes.sent.size() > 4; };
+    EXPECT_TRUE(run(2));
+    // Block 1 is refused three times; the time-out behind it sends it again, its response ends the second
+    // pass.
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s1 R1 s1 r1"));
+    EXPECT_EQ(g_fakes.sent.size(), 6U);
+}
+
+TEST_P(Flow, AFailedSendInTheSecondPassUsesUpItsWaits) {
+    answer_with({{failure(0)}});
+    g_fakes.accepts = [](const Bytes&) { return g_fakes.sent.size() < 2; };
+    EXPECT_FALSE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 R1 s0 X"));
+    EXPECT_EQ(g_fakes.sent.size(), 4U);
+}
+
+TEST_P(Flow, NoBlocksFail) {
+    EXPECT_FALSE(run(0));
+    EXPECT_EQ(g_fakes.log, lines("X"));
+    EXPECT_EQ(g_fakes.calls, Texts{});
+}
+
+namespace {
+
+// The n-th response takes so long.
+void delay_response(size_t n, int64_t ms) {
+    g_fakes.on_receive = [n, ms, receives = size_t{0}]() mutable { g_fakes.now += receives++ == n ? ms : 0; };
+}
+
+struct EraseFlow : Flow {};
+struct WriteFlow : Flow {};
+
+INSTANTIATE_TEST_SUITE_P(Window, EraseFlow, testing::Values(&kErase), name_of_row);
+INSTANTIATE_TEST_SUITE_P(Window, WriteFlow, testing::Values(&kWrite), name_of_row);
+
+} // namespace
+
+TEST_P(EraseFlow, HasFortyFiveSecondsInAll) {
+    delay_response(0, 45000);
+    EXPECT_TRUE(run(2));
+    delay_response(0, 45001);
+    g_fakes.log.clear();
+    EXPECT_FALSE(run(2));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 T"));
+}
+
+TEST_P(EraseFlow, TheLimitHoldsBeforeAWaitOnly) {
+    delay_response(1, 50000);
+    EXPECT_TRUE(run(2));
+}
+
+TEST_P(EraseFlow, SilenceEndsInTheFirstPass) {
+    answer_nothing();
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(run(100));
+    EXPECT_EQ(g_fakes.now - start, 46000);
+    EXPECT_EQ(g_fakes.sent.size(), 47U);
+    EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
+}
+
+TEST_P(EraseFlow, SilenceEndsInTheSecondPass) {
+    answer_nothing();
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(run(40));
+    EXPECT_EQ(g_fakes.now - start, 46000);
+    EXPECT_EQ(Texts(g_fakes.log.end() - 3, g_fakes.log.end()), lines("R40 s0 T"));
+}
+
+TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
+    g_fakes.on_send = [](const Bytes& frame) {
+        g_fakes.now += 46000;
+        g_fakes.arrives.push_back(agent_frame(0x2104, 0, le32(address_in(frame))));
+    };
+    EXPECT_TRUE(run(1));
+}
+
+TEST_P(EraseFlow, AClockThatIsSetBackDoesNotEndIt) {
+    delay_response(0, -3'600'000);
+    EXPECT_TRUE(run(2));
+}
+
+TEST_P(EraseFlow, SendsAddressLengthAndChecksum) {
+    blocks = {{0x10000, 0x10000, 0, 0}};
+    EXPECT_TRUE(run_blocks());
+    EXPECT_EQ(g_fakes.sent,
+              std::vector<Bytes>{with_crc({0x05, 0x5A, 14, 0, 0x04, 0x21, 0, 0, 1, 0, 0, 0, 1, 0})});
+    EXPECT_EQ(g_fakes.calls.front(), "send 18 flag 1");
+}
+
+TEST_P(WriteFlow, HasOneSecondForEachBlock) {
+    delay_response(0, 3000);
+    EXPECT_TRUE(run(3));
+    delay_response(0, 3001);
+    g_fakes.log.clear();
+    EXPECT_FALSE(run(3));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 T"));
+}
+
+TEST_P(WriteFlow, SilenceEndsInTheSecondPass) {
+    answer_nothing();
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(run(3));
+    EXPECT_EQ(g_fakes.now - start, 4000);
+    EXPECT_EQ(g_fakes.log, lines("s0 s1 s2 R3 s0 T"));
+}
+
+TEST_P(WriteFlow, ABlockWhoseFileIsGoneStaysUnsent) {
+    g_fakes.on_receive = [this] { std::filesystem::remove(dir.path / "image.bin"); };
+    EXPECT_FALSE(run(2));
+    const std::string gone = "[E] can not open " + dir.path.string() + "/image.bin\n";
+    Texts expected = lines("s0 r0 s1");
+    expected.push_back(gone);
+    expected.push_back(lines("s1").at(0));
+    expected.push_back(gone);
+    expected.push_back(lines("R1").at(0));
+    expected.push_back(lines("s1").at(0));
+    expected.push_back(gone);
+    EXPECT_EQ(g_fakes.log, expected);
+}
+
+TEST_P(WriteFlow, SendsTheImagesBytes) {
+    EXPECT_TRUE(run(1));
+    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{with_crc(
+                                Bytes{0x05, 0x5A, 0x0C, 0x10, 0x00, 0x21, 0x00, 0xA0, 0x01, 0, 0, 0x10} +
+                                Bytes(4096, 'i'))});
+    EXPECT_EQ(g_fakes.calls.front(), "send 4112 flag 1");
+}
