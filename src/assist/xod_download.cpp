@@ -1,0 +1,280 @@
+#include "assist/xod_download.h"
+
+#include "assist/xod_file.h"
+#include "assist/xod_http.h"
+#include "assist/xod_list.h"
+#include "assist/xod_schedule.h"
+#include "link/location_timer.h"
+#include "service/service_queue.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace {
+
+constexpr uint32_t kMaxRetries = 4;
+constexpr uint32_t kFullHours = 48; // with so many left there is time until the next download
+constexpr uint32_t kSoonMs = 3000;
+constexpr int32_t kRefusedMs = 3600000;
+
+struct XodDownloadState {
+    std::mutex lock; // guards all below; never held over a transfer or while files are read
+    bool started = false;
+    uint32_t mask = 0; // xod_mask
+    uint32_t selected_type = 0;
+    uint32_t file_count = 0; // numbered files of the GPS types
+    DownloadItem* pending = nullptr;
+    DownloadItem* current = nullptr; // in transfer
+    bool busy = false;               // a thread works on the list, the only one that begins a transfer
+    bool asked_again = false;        // somebody else wanted to meanwhile
+    uint32_t retries = 0;
+    timer_t retry_timer = nullptr;
+    timer_t next_timer = nullptr;
+};
+
+XodDownloadState state;
+
+using Lock = std::unique_lock<std::mutex>;
+
+bool is_armed(timer_t timer) {
+    return location_timer_is_active(timer) == 0;
+}
+
+void print_selection(const XodSelection& selection) {
+    std::printf("[LOCSERV] INF: [XOD]valid:%d,max:%d\n", static_cast<int32_t>(selection.valid),
+                static_cast<int32_t>(selection.end));
+}
+
+uint32_t xod_download_get_next_download_time(uint32_t valid, uint32_t end, uint32_t retries) {
+    if (valid != 0 && end != 0 && xod_clamped_hours(valid) != valid) {
+        std::puts("[LOCSERV] ERR: [XOD]valid hours > 72, check local time or xod file!");
+        valid = xod_clamped_hours(valid);
+    }
+    const uint32_t delay = xod_next_download_ms(valid, end, retries);
+    std::printf("[LOCSERV] INF: [XOD]xod_download_get_next_download_time:%d [%d,%d]\n",
+                static_cast<int32_t>(delay), static_cast<int32_t>(valid), static_cast<int32_t>(end));
+    return delay;
+}
+
+// Selects from the files, without the lock, and notes the type.
+XodSelection xod_download_select_type(Lock* lock) {
+    XodSelection selection = {.type = state.selected_type, .valid = 0, .end = 0};
+    const uint32_t mask = state.mask;
+    const uint32_t count = state.file_count;
+    lock->unlock();
+    xod_select_type(mask, count, xod_download_get_3d_valid_hours, &selection);
+    lock->lock();
+    state.selected_type = selection.type;
+    print_selection(selection);
+    return selection;
+}
+
+bool arm_next_timer(uint32_t delay) {
+    return location_timer_start(state.next_timer, static_cast<int32_t>(delay)) == 0;
+}
+
+void arm_next_timer_instead(int32_t ms) {
+    if (location_timer_start(state.next_timer, ms) != 0) {
+        std::puts("[LOCSERV] ERR: [XOD]next download timer start fail");
+    }
+}
+
+// With few hours left the delay is more than a timer takes: the refresh must go on nevertheless.
+void arm_next_timer_anyway() {
+    std::printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
+    arm_next_timer_instead(kRefusedMs);
+}
+
+void schedule_next(Lock* lock) {
+    if (is_armed(state.next_timer)) {
+        return;
+    }
+    const XodSelection selection = xod_download_select_type(lock);
+    const uint32_t delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
+    const bool armed = arm_next_timer(delay);
+    std::printf("[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:%d\n",
+                static_cast<int32_t>(delay));
+    if (!armed && state.started) {
+        arm_next_timer_anyway();
+    }
+}
+
+// Only the types of the mask are ever queued, and all of them are tried again.
+void retry_later(DownloadItem* item) {
+    xod_download_list_push(&state.pending, item);
+    if (is_armed(state.retry_timer)) {
+        return;
+    }
+    const auto delay = static_cast<int32_t>(xod_retry_ms(state.retries));
+    const bool armed = location_timer_start(state.retry_timer, delay) == 0;
+    std::printf("[LOCSERV] INF: [XOD]xod_download_handle_result,start retry timer:%d\n", delay);
+    if (!armed && state.started) {
+        std::puts("[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead");
+        arm_next_timer_instead(delay);
+    }
+    ++state.retries;
+}
+
+// Disposes of an item that is in no list. Returns whether to go on at once.
+bool xod_download_handle_result(DownloadItem* item, int32_t result) {
+    std::printf("[LOCSERV] INF: [XOD]xod_download_handle_result:[%d,%d] %d\n",
+                static_cast<int32_t>(item->type), static_cast<int32_t>(item->index), result);
+    if (result != 0 && state.retries < kMaxRetries) {
+        retry_later(item);
+        return false;
+    }
+    std::free(item);
+    state.retries = 0;
+    return true;
+}
+
+void send_result(int32_t result) {
+    void* data = std::malloc(sizeof result);
+    if (data == nullptr) {
+        return;
+    }
+    std::memcpy(data, &result, sizeof result);
+    location_service_task_send_message(SERVICE_ASSIST_RESULT, data, sizeof result);
+}
+
+// Returns whether to go on at once. What was taken down during the transfer is no longer there.
+bool end_transfer(int32_t result) {
+    return state.current != nullptr &&
+           xod_download_handle_result(std::exchange(state.current, nullptr), result);
+}
+
+// One download, or the schedule when none is queued. Returns whether to go on at once.
+bool handle_one(Lock* lock) {
+    if (is_armed(state.retry_timer)) {
+        location_timer_stop(state.retry_timer);
+    }
+    if (state.pending == nullptr) {
+        schedule_next(lock);
+        return false;
+    }
+    state.current = xod_download_list_take(&state.pending);
+    const DownloadItem item = *state.current; // the block may be gone without the lock
+    lock->unlock();
+    const int32_t result = xod_download_http(&item);
+    send_result(result);
+    lock->lock();
+    return end_transfer(result);
+}
+
+void handle(Lock* lock) {
+    if (!state.started) {
+        return; // a timer's thread can come after the timer is gone
+    }
+    if (state.busy) {
+        state.asked_again = true;
+        return;
+    }
+    state.busy = true;
+    bool go_on = true;
+    while (state.started && go_on) {
+        state.asked_again = false;
+        go_on = handle_one(lock) || state.asked_again;
+    }
+    state.busy = false;
+}
+
+// Not a second time while the file still waits: a client may ask as often as it likes.
+void append_item(uint32_t type, uint32_t index) {
+    if (xod_download_list_holds(state.pending, type, index)) {
+        return;
+    }
+    auto* item = static_cast<DownloadItem*>(std::malloc(sizeof(DownloadItem)));
+    if (item == nullptr) {
+        return;
+    }
+    *item = {.next = nullptr, .type = type, .index = index};
+    xod_download_list_append(&state.pending, item);
+}
+
+void append_selected() {
+    const bool numbered = state.selected_type == XOD_GPS_GLONASS || state.selected_type == XOD_GPS;
+    const uint32_t count = numbered ? state.file_count : 1;
+    for (uint32_t number = 0; number < count; ++number) {
+        append_item(state.selected_type, number + 1);
+    }
+}
+
+void delete_timer(timer_t* timer) {
+    if (*timer != nullptr) {
+        location_timer_delete(std::exchange(*timer, nullptr));
+    }
+}
+
+void delete_timers() {
+    delete_timer(&state.retry_timer);
+    delete_timer(&state.next_timer);
+}
+
+void renew_timers() {
+    delete_timers();
+    state.retry_timer = location_timer_create(xod_download_handle);
+    state.next_timer = location_timer_create(xod_download_enqueue);
+}
+
+void free_pending() {
+    while (state.pending != nullptr) {
+        std::free(xod_download_list_take(&state.pending));
+    }
+}
+
+} // namespace
+
+void xod_download_init(uint8_t mask, int32_t count) {
+    std::printf("[LOCSERV] INF: [XOD]xod_download_init:%d,%d\n", mask, count);
+    Lock lock(state.lock);
+    if (is_armed(state.retry_timer) || is_armed(state.next_timer)) {
+        std::puts("[LOCSERV] INF: [XOD]xod_download_init, already init");
+        return;
+    }
+    state.mask = mask;
+    state.file_count = static_cast<uint32_t>(count);
+    state.selected_type = 0;
+    renew_timers(); // before the lock is given up: what fails meanwhile waits for these
+    state.started = true;
+    const XodSelection selection = xod_download_select_type(&lock);
+    uint32_t delay = kSoonMs;
+    if (selection.valid >= kFullHours) {
+        delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
+    }
+    const bool armed = arm_next_timer(delay);
+    std::printf("[LOCSERV] INF: [XOD]xod_download_init, start next download timer:%d\n",
+                static_cast<int32_t>(delay));
+    if (!armed && state.started) {
+        arm_next_timer_anyway();
+    }
+}
+
+void xod_download_deinit() {
+    std::puts("[LOCSERV] INF: [XOD]xod_download_deinit");
+    Lock lock(state.lock);
+    state.started = false;
+    free_pending();
+    // The thread that transfers the current item finds it gone and leaves everything else alone.
+    if (state.current != nullptr && xod_download_handle_result(std::exchange(state.current, nullptr), 0)) {
+        handle_one(&lock);
+    }
+    if (!state.started) { // else started again while the files were read: the timers are new
+        delete_timers();
+    }
+}
+
+void xod_download_enqueue(sigval /*unused*/) {
+    Lock lock(state.lock);
+    if (state.started) {
+        append_selected();
+    }
+    handle(&lock);
+}
+
+void xod_download_handle(sigval /*unused*/) {
+    Lock lock(state.lock);
+    handle(&lock);
+}

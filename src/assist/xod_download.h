@@ -1,0 +1,22 @@
+// Keeps the local assistance files fresh: timers, queue of downloads, retries.
+#ifndef TAVOR_XOD_DOWNLOAD_H
+#define TAVOR_XOD_DOWNLOAD_H
+
+#include <csignal>
+#include <cstdint>
+
+// Starts the downloads of the types in the mask (xod_mask), with so many numbered files. Does nothing while a
+// timer of an earlier start is armed; during a transfer everything starts again, and what runs goes on.
+void xod_download_init(uint8_t mask, int32_t count);
+
+// Takes everything down. A transfer under way ends on its own and is reported, but leads to nothing more.
+void xod_download_deinit();
+
+// Callback of the next-download timer: queues the files of the selected type, then as xod_download_handle.
+void xod_download_enqueue(sigval unused);
+
+// Callback of the retry timer: downloads what is queued, or schedules the next download when nothing is.
+// While another thread does so, leaves it to that one. Nothing after xod_download_deinit.
+void xod_download_handle(sigval unused);
+
+#endif

@@ -1,0 +1,93 @@
+#include "assist/xod_etag.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+
+namespace {
+
+const std::string kSum = "0123456789abcdef0123456789abcdef";
+
+struct Found {
+    bool found;
+    std::string value;
+    std::string rest; // bytes behind the value, up to the end of its room
+};
+
+Found read(const std::string& header) {
+    std::string copy = header;
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fmemopen(copy.data(), copy.size(), "r"), std::fclose);
+    char out[kXodDigestSize + 1];
+    std::memset(out, '#', sizeof out);
+    const bool found = xod_etag_read(file.get(), out);
+    EXPECT_EQ(out[kXodDigestSize], '#') << "wrote behind the value";
+    out[kXodDigestSize] = '\0';
+    return {found, out, std::string(out + std::strlen(out), out + kXodDigestSize)};
+}
+
+} // namespace
+
+TEST(XodEtag, IsTheThirtyTwoCharactersBehindTheQuotationMark) {
+    const Found etag = read("HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nContent-Length: 1\r\n\r\n");
+    EXPECT_TRUE(etag.found);
+    EXPECT_EQ(etag.value, kSum);
+}
+
+TEST(XodEtag, FirstOneCounts) {
+    EXPECT_EQ(read("ETag: \"" + kSum + "\"\r\nETag: \"fedc\"\r\n").value, kSum);
+}
+
+TEST(XodEtag, KeyCountsAnywhereInTheLineInThisCaseOnly) {
+    EXPECT_EQ(read("X-Old-ETag: \"" + kSum + "\"\r\n").value, kSum);
+    EXPECT_FALSE(read("etag: \"" + kSum + "\"\r\n").found);
+    EXPECT_FALSE(read("ETAG: \"" + kSum + "\"\r\n").found);
+    EXPECT_FALSE(read("ETag:\"" + kSum + "\"\r\n").found);
+}
+
+TEST(XodEtag, CaseOfTheValueIsKept) {
+    EXPECT_EQ(read("ETag: \"0123456789ABCDEF0123456789ABCDEF\"\r\n").value,
+              "0123456789ABCDEF0123456789ABCDEF");
+}
+
+TEST(XodEtag, LongerValueIsCut) {
+    EXPECT_EQ(read("ETag: \"" + kSum + "0123\"\r\n").value, kSum);
+}
+
+TEST(XodEtag, WeakMarkShiftsTheValue) {
+    EXPECT_EQ(read("ETag: W/\"" + kSum + "\"\r\n").value, "/\"" + kSum.substr(0, 30));
+}
+
+TEST(XodEtag, ShortLineGivesWhatItHasAndZeros) {
+    const Found shorter = read("ETag: \"abc\"\r\n");
+    EXPECT_TRUE(shorter.found);
+    EXPECT_EQ(shorter.value, "abc\"");
+    EXPECT_EQ(shorter.rest, std::string(29, '\0'));
+    EXPECT_EQ(read("ETag: \"" + kSum.substr(0, 31)).value, kSum.substr(0, 31));
+}
+
+TEST(XodEtag, LineWithoutAValueIsEmpty) {
+    for (const char* header : {"ETag: ", "ETag: \"", "ETag: \r\n", "ETag: \"\r\nnext line, no value\r\n"}) {
+        const Found etag = read(header);
+        EXPECT_TRUE(etag.found) << header;
+        EXPECT_EQ(etag.rest, std::string(33, '\0')) << header;
+    }
+}
+
+TEST(XodEtag, HeaderWithoutALineHasNone) {
+    EXPECT_FALSE(read("HTTP/1.1 404 Not Found\r\n\r\n").found);
+    EXPECT_FALSE(read("\r\n").found);
+    EXPECT_EQ(read("\r\n").value, std::string(kXodDigestSize, '#')); // nothing is written
+}
+
+TEST(XodEtag, LinesAreReadInPiecesOf127Characters) {
+    EXPECT_EQ(read(std::string(127, 'x') + "ETag: \"" + kSum + "\"\r\n").value, kSum);
+    EXPECT_EQ(read(std::string(88, 'x') + "ETag: \"" + kSum + "\"\r\n").value, kSum);
+    EXPECT_EQ(read(std::string(90, 'x') + "ETag: \"" + kSum + "\"\r\n").value, kSum.substr(0, 30));
+    EXPECT_FALSE(read(std::string(124, 'x') + "ETag: \"" + kSum + "\"\r\n").found);
+}
+
+TEST(XodEtag, ZeroBytesEndALinesText) {
+    EXPECT_FALSE(read(std::string("X\0ETag: \"abc\"\r\n", 15)).found);
+    EXPECT_EQ(read(std::string("ETag: \"a\0bc\"\r\n", 14)).value, "a");
+}

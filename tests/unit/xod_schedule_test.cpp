@@ -1,0 +1,258 @@
+#include "assist/xod_schedule.h"
+
+#include <chrono>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <limits>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string name_of(uint32_t type, uint32_t index) {
+    char name[kXodNameSize] = "as it was";
+    xod_download_file_name(type, index, name);
+    return name;
+}
+
+// The calendar of the standard library, which knows nothing of the formula.
+int64_t hours_by_calendar(int year, unsigned month, unsigned day, int hour) {
+    using namespace std::chrono;
+    const sys_days first = sys_days{year_month_day{1980y, January, 6d}};
+    const sys_days at =
+        sys_days{year_month_day{std::chrono::year{year}, std::chrono::month{month}, std::chrono::day{day}}};
+    return (at - first).count() * 24 + hour;
+}
+
+// Valid hours of each type, and which types were asked for.
+struct Stock {
+    std::map<uint32_t, int32_t> valid;
+    std::vector<uint32_t> asked;
+    uint32_t count;
+} stock;
+
+int32_t read_stock(uint32_t type, uint32_t count, uint32_t* end_out) {
+    stock.asked.push_back(type);
+    stock.count = count;
+    *end_out = 1000 + type;
+    return stock.valid[type];
+}
+
+constexpr uint32_t kUntouched = 77;
+
+XodSelection select(uint32_t mask, const std::map<uint32_t, int32_t>& valid) {
+    stock = {valid, {}, 0};
+    XodSelection selection = {kUntouched, kUntouched, kUntouched};
+    xod_select_type(mask, 2, read_stock, &selection);
+    return selection;
+}
+
+void expect_selection(const XodSelection& selection, uint32_t type, uint32_t valid, uint32_t end) {
+    EXPECT_EQ(selection.type, type);
+    EXPECT_EQ(selection.valid, valid);
+    EXPECT_EQ(selection.end, end);
+}
+
+using Types = std::vector<uint32_t>;
+constexpr uint32_t kAll = 15;
+
+} // namespace
+
+TEST(XodFileName, KnowsEveryType) {
+    EXPECT_EQ(name_of(0, 1), "XOD_GR_3_1.DAT");
+    EXPECT_EQ(name_of(1, 12), "XOD_GPS_3_12.DAT");
+    EXPECT_EQ(name_of(2, 1), "XOD_BDS_3.DAT");
+    EXPECT_EQ(name_of(3, 1), "XOD_GAL_3.DAT");
+    EXPECT_EQ(name_of(4, 1), "ZG_R.DAT");
+    EXPECT_EQ(name_of(5, 1), "ZGPS.DAT");
+    EXPECT_EQ(name_of(6, 1), "ZBD2.DAT");
+    EXPECT_EQ(name_of(7, 1), "ZGA.DAT");
+}
+
+TEST(XodFileName, LongestNumberFits) {
+    EXPECT_EQ(name_of(1, static_cast<uint32_t>(std::numeric_limits<int32_t>::min())),
+              "XOD_GPS_3_-2147483648.DAT");
+}
+
+TEST(XodFileName, UnknownTypeLeavesTheNameAsItIs) {
+    EXPECT_EQ(name_of(8, 1), "as it was");
+    EXPECT_EQ(name_of(0xFFFFFFFF, 1), "as it was");
+}
+
+TEST(GpsHour, StartsOnTheSixthOfJanuary1980) {
+    EXPECT_EQ(gps_hour_from_utc(1980, 1, 6, 0), 0);
+    EXPECT_EQ(gps_hour_from_utc(1980, 1, 6, 23), 23);
+    EXPECT_EQ(gps_hour_from_utc(1980, 1, 5, 23), -1);
+}
+
+TEST(GpsHour, CountsLeapDays) {
+    EXPECT_EQ(gps_hour_from_utc(1980, 2, 29, 0), 54 * 24);
+    EXPECT_EQ(gps_hour_from_utc(1980, 3, 1, 0), 55 * 24);
+    EXPECT_EQ(gps_hour_from_utc(2000, 1, 1, 0), 175320 - 24 * 5);
+    EXPECT_EQ(gps_hour_from_utc(2024, 2, 29, 12) + 12, gps_hour_from_utc(2024, 3, 1, 0));
+    EXPECT_EQ(gps_hour_from_utc(2100, 2, 28, 23) + 1, gps_hour_from_utc(2100, 3, 1, 0)); // no leap year
+}
+
+TEST(GpsHour, IsTheCalendarsOnEveryDayTo2101) {
+    using namespace std::chrono;
+    for (sys_days at = sys_days{1980y / January / 1}; at < sys_days{2101y / January / 1}; at += days{1}) {
+        const year_month_day date(at);
+        const int year = static_cast<int>(date.year());
+        const auto month = static_cast<unsigned>(date.month());
+        const auto day = static_cast<unsigned>(date.day());
+        ASSERT_EQ(gps_hour_from_utc(year, static_cast<int32_t>(month), static_cast<int32_t>(day), 17),
+                  hours_by_calendar(year, month, day, 17))
+            << year << '-' << month << '-' << day;
+    }
+}
+
+TEST(GpsHour, ClockOf1970IsLongBefore) {
+    EXPECT_EQ(gps_hour_from_utc(1970, 1, 1, 0), -(10 * 365 + 5) * 24);
+}
+
+TEST(GpsHour, FarthestYearIsCutToItsLow32Bits) {
+    constexpr int64_t kYear = 2147483647;
+    constexpr int64_t kLeapYears = kYear / 4 - kYear / 100 + kYear / 400 - 479;
+    EXPECT_EQ(gps_hour_from_utc(kYear, 1, 1, 0),
+              static_cast<int32_t>(((kYear - 1980) * 365 + 1 + kLeapYears - 6) * 24));
+}
+
+TEST(XodStartHour, IsTheLow24Bits) {
+    EXPECT_EQ(xod_start_hour(0xFF0643A5), 0x0643A5U);
+    EXPECT_EQ(xod_start_hour(0x01000000), 0U);
+}
+
+TEST(XodValidHours, AreThreeDaysFromTheStart) {
+    uint32_t end = 0;
+    EXPECT_EQ(xod_valid_hours(410000, 410000, &end), 72);
+    EXPECT_EQ(end, 410072U);
+    EXPECT_EQ(xod_valid_hours(410000, 410071, &end), 1);
+    EXPECT_EQ(end, 410072U);
+}
+
+TEST(XodValidHours, RunOut) {
+    uint32_t end = 99;
+    EXPECT_EQ(xod_valid_hours(410000, 410072, &end), 0);
+    EXPECT_EQ(end, 0U);
+    end = 99;
+    EXPECT_EQ(xod_valid_hours(0, 410072, &end), 0);
+    EXPECT_EQ(end, 0U);
+}
+
+TEST(XodValidHours, OfTheFutureExceedThreeDays) {
+    uint32_t end = 0;
+    EXPECT_EQ(xod_valid_hours(410028, 410000, &end), 100);
+    EXPECT_EQ(end, 410100U);
+    EXPECT_EQ(xod_valid_hours(0xFFFFFF, -87000, &end), 16777215 + 72 + 87000);
+}
+
+TEST(XodSelect, TakesTheTypeThatRunsOutFirst) {
+    expect_selection(select(kAll, {{0, 60}, {2, 50}, {3, 55}}), 2, 50, 1002);
+    expect_selection(select(kAll, {{0, 60}, {2, 50}, {3, 49}}), 3, 49, 1003);
+    expect_selection(select(kAll, {{0, 40}, {2, 50}, {3, 49}}), 0, 40, 1000);
+    EXPECT_EQ(stock.asked, (Types{0, 2, 3}));
+    EXPECT_EQ(stock.count, 2U);
+}
+
+TEST(XodSelect, TieKeepsTheEarlierType) {
+    expect_selection(select(kAll, {{0, 60}, {2, 60}, {3, 60}}), 0, 60, 1000);
+    expect_selection(select(kAll, {{0, 61}, {2, 60}, {3, 60}}), 2, 60, 1002);
+}
+
+TEST(XodSelect, TypeThatHasRunOutEndsTheSearch) {
+    expect_selection(select(kAll, {{0, 0}, {2, 50}, {3, 55}}), 0, kUntouched, 1000);
+    EXPECT_EQ(stock.asked, Types{0});
+    expect_selection(select(kAll, {{0, 20}, {2, 0}, {3, 55}}), 2, kUntouched, 1002);
+    EXPECT_EQ(stock.asked, (Types{0, 2}));
+    expect_selection(select(kAll, {{0, 20}, {2, 30}, {3, 0}}), 3, kUntouched, 1003);
+    EXPECT_EQ(stock.asked, (Types{0, 2, 3}));
+}
+
+TEST(XodSelect, GlonassFileWinsOverTheGpsFile) {
+    expect_selection(select(XOD_MASK_GPS | XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}), 0, 60, 1000);
+    EXPECT_EQ(stock.asked, Types{0});
+    expect_selection(select(XOD_MASK_GPS, {{0, 60}, {1, 10}}), 1, 10, 1001);
+    EXPECT_EQ(stock.asked, Types{1});
+    expect_selection(select(XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}), 0, 60, 1000);
+    EXPECT_EQ(stock.asked, Types{0});
+}
+
+TEST(XodSelect, LooksOnlyAtEnabledTypes) {
+    expect_selection(select(XOD_MASK_BEIDOU, {{2, 33}}), 2, 33, 1002);
+    EXPECT_EQ(stock.asked, Types{2});
+    expect_selection(select(XOD_MASK_GALILEO, {{3, 44}}), 3, 44, 1003);
+    EXPECT_EQ(stock.asked, Types{3});
+    expect_selection(select(XOD_MASK_GPS | XOD_MASK_BEIDOU, {{1, 10}, {2, 33}}), 1, 10, 1001);
+    EXPECT_EQ(stock.asked, (Types{1, 2}));
+}
+
+TEST(XodSelect, NothingEnabledChangesNothing) {
+    expect_selection(select(0, {}), kUntouched, kUntouched, kUntouched);
+    expect_selection(select(0xF0, {}), kUntouched, kUntouched, kUntouched);
+    EXPECT_EQ(stock.asked, Types{});
+}
+
+TEST(XodDelay, OfMissingHoursIsThreeSeconds) {
+    EXPECT_EQ(xod_next_download_ms(0, 1000, 0), 3000U);
+    EXPECT_EQ(xod_next_download_ms(60, 0, 0), 3000U);
+    EXPECT_EQ(xod_next_download_ms(0, 0, 3), 3000U);
+}
+
+TEST(XodDelay, CountsFromTwoDaysLeft) {
+    EXPECT_EQ(xod_next_download_ms(60, 1000, 0), 62912000U);
+    // (72 - 47) * 3600 + 0 + 0, (x & 7) + r = 0
+    EXPECT_EQ(xod_next_download_ms(72, 16, 0), 90000000U);
+    // 3600 + 0 + 15 * 4 = 3660, 3660 & 7 = 4: 3660 + 4 * 3600
+    EXPECT_EQ(xod_next_download_ms(48, 15, 0), 18060000U);
+    // 7 * 420 = 2940, 2940 & 7 = 4: 2940 + 11 * 3600
+    EXPECT_EQ(xod_next_download_ms(47, 32, 0), 42540000U);
+}
+
+TEST(XodDelay, OfFewHoursWrapsAround) {
+    // 44 hours: -3 * 3600 + 4 * 420 = -9120, & 7 = 0: -9120 + 4 * 3600
+    EXPECT_EQ(xod_next_download_ms(44, 16, 0), 5280000U);
+    // 43 hours, end 1: -4 * 3600 + 3 * 420 + 4 = -13136, & 7 = 0: -13136 + 3 * 3600 = -2336
+    EXPECT_EQ(xod_next_download_ms(43, 1, 0), static_cast<uint32_t>(-2336000));
+    // 40 hours: -7 * 3600 = -25200, & 7 = 0
+    EXPECT_EQ(xod_next_download_ms(40, 16, 0), static_cast<uint32_t>(-25200000));
+    // 1 hour, end 15: -46 * 3600 + 420 + 60 = -165120, & 7 = 0: -165120 + 3600
+    EXPECT_EQ(xod_next_download_ms(1, 15, 0), static_cast<uint32_t>(-161520000));
+}
+
+// No 72 hours come to it: (255311991 - 47) * 3600 + 7 * 420 + 4 is 2^32 times something.
+TEST(XodDelay, OfZeroSecondsIsThatOfARetry) {
+    EXPECT_EQ(xod_next_download_ms(255311991, 1, 0), 300000U);
+    EXPECT_EQ(xod_next_download_ms(255311991, 1, 2), 1200000U);
+}
+
+// What arms the timer relies on: what does not fit is negative as the timer sees it and so refused, nothing
+// is 0, which would disarm it.
+TEST(XodDelay, EitherFitsTheTimerOrIsNegative) {
+    for (uint32_t valid = 1; valid <= 72; ++valid) {
+        for (uint32_t end = 1; end <= 16; ++end) {
+            const auto delay = static_cast<int32_t>(xod_next_download_ms(valid, end, 0));
+            EXPECT_NE(delay, 0) << valid << ' ' << end;
+            if (valid >= 44) {
+                EXPECT_GT(delay, 0) << valid << ' ' << end;
+                EXPECT_LE(delay, 144000000) << valid << ' ' << end;
+            }
+        }
+    }
+}
+
+TEST(XodDelay, TakesNoMoreThan72Hours) {
+    EXPECT_EQ(xod_clamped_hours(72), 72U);
+    EXPECT_EQ(xod_clamped_hours(73), 72U);
+    EXPECT_EQ(xod_clamped_hours(0xFFFFFFFF), 72U);
+    EXPECT_EQ(xod_clamped_hours(0), 0U);
+}
+
+TEST(XodRetry, DoublesFromFiveMinutesToAnHour) {
+    const std::vector<uint32_t> expected = {300000, 600000, 1200000, 2400000, 3600000, 3600000};
+    for (uint32_t retries = 0; retries < expected.size(); ++retries) {
+        EXPECT_EQ(xod_retry_ms(retries), expected[retries]) << retries;
+    }
+    EXPECT_EQ(xod_retry_ms(32), 3600000U);
+    EXPECT_EQ(xod_retry_ms(0xFFFFFFFF), 3600000U);
+}
