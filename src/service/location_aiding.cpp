@@ -1,5 +1,6 @@
 #include "service/location_aiding.h"
 
+#include "assist/xod_host_aiding.h"
 #include "link/location_command.h"
 #include "service/location_file.h"
 #include "service/service_state.h"
@@ -11,6 +12,11 @@ namespace {
 
 constexpr size_t kCommandSize = 352; // bytes of a command body; more is not sent
 constexpr int kTmYearBase = 1900;
+
+// Fields of a request for orbit data.
+constexpr size_t kConstellationField = 2;
+constexpr size_t kWeekField = 3;
+constexpr size_t kTowField = 4; // seconds of the week
 
 enum AidingKind : int32_t {
     kAidingOrbit = 0,
@@ -57,6 +63,13 @@ void answer_position() {
                 p.longitude, p.height, p.majorAxis, p.minorAxis, p.orientation, p.verticalUncertainty);
 }
 
+// Also before a client has started the assistance download: the files may be there from an earlier run.
+void answer_orbit(const NmeaFields& fields) {
+    xod_host_aiding(static_cast<int8_t>(location_nmea_number(fields.field[kConstellationField])),
+                    static_cast<uint32_t>(location_nmea_number(fields.field[kWeekField])),
+                    location_nmea_number(fields.field[kTowField]));
+}
+
 } // namespace
 
 uint64_t location_service_get_utc() {
@@ -78,7 +91,7 @@ uint64_t location_service_get_utc() {
 void location_aiding_answer(const NmeaFields* fields) {
     switch (location_nmea_number(fields->field[1])) {
     case kAidingOrbit:
-        std::puts("[LOCSERV] WRN: [XOD]orbit data asked for, but there is no assistance data yet");
+        answer_orbit(*fields);
         break;
     case kAidingTime:
         if (g_service_state.xod_enabled == 1) {

@@ -1,10 +1,17 @@
 #include "service/location_service.h"
 
+#include "assist/xod_download.h"
+#include "assist/xod_file.h"
+#include "assist/xod_http.h"
+#include "assist/xod_schedule.h"
+#include "base/free_block.h"
 #include "config/location_config.h"
 #include "debug/location_debug.h"
+#include "download/hdl_driver.h"
 #include "link/location_command.h"
 #include "link/location_gpio.h"
 #include "link/location_io.h"
+#include "link/stop_mark.h"
 #include "service/location_file.h"
 #include "service/location_position.h"
 
@@ -19,12 +26,8 @@ namespace {
 constexpr char kVersionBanner[] = TAVOR_VERSION_BANNER;
 constexpr int32_t kFailed = -1;
 constexpr useconds_t kAfterDownloadUs = 50000;
-
-struct FreeBlock {
-    void operator()(void* block) const {
-        free(block);
-    }
-};
+constexpr uint8_t kAssistMask = XOD_MASK_GPS | XOD_MASK_GPS_GLONASS | XOD_MASK_BEIDOU | XOD_MASK_GALILEO;
+constexpr int32_t kAssistFiles = 1; // numbered files of the GPS types
 
 void reply(uint32_t id, uint32_t value, const void* payload = nullptr, uint32_t length = 0) {
     if (g_service_state.response != nullptr) {
@@ -46,18 +49,23 @@ void send_version_banner() {
     location_service_task_send_message(SERVICE_FRAME_NMEA, banner, sizeof kVersionBanner);
 }
 
+// Of what the download repeats without limit, only another request is the end.
+int32_t download() {
+    const StopMarkAside own;
+    return location_service_download();
+}
+
 int32_t run_download() {
     location_service_stop();
-    const int32_t result = location_service_download();
+    const int32_t result = download();
     location_gpio_power_off();
     usleep(kAfterDownloadUs);
     return result;
 }
 
-int32_t start_assistance() {
+void start_assistance() {
     g_service_state.xod_enabled = 1;
-    puts("[LOCSERV] ERR: location_service_message_handle, assistance not available in this build");
-    return kFailed;
+    xod_download_init(kAssistMask, kAssistFiles);
 }
 
 int32_t send_command(const void* body) {
@@ -126,7 +134,8 @@ void handle_message(const ServiceMessage& message) {
     case SERVICE_COMMAND:
         return reply_result(id, send_command(message.data));
     case SERVICE_ASSIST:
-        return reply_result(id, start_assistance());
+        start_assistance();
+        return reply(id, 0);
     default:
         return handle_event(message);
     }
@@ -141,6 +150,8 @@ void location_service_init(ResponseCallback response) {
     char path[kConfigTextSize] = {};
     location_config_get_nmea_path(path);
     unlink(path);
+    xod_mutex_init();
+    xod_http_init();
     location_debug_init();
     g_service_state.xod_enabled = 0;
     g_service_state.response = response;
@@ -183,6 +194,5 @@ int32_t location_service_stop() {
 
 int32_t location_service_download() {
     puts("[LOCSERV] INF: location_service_download");
-    puts("[LOCSERV] ERR: location_service_download, not available in this build");
-    return kFailed;
+    return hdl_firmware_download();
 }

@@ -1,5 +1,6 @@
 #include "service/location_aiding.h"
 
+#include "assist/xod_host_aiding.h"
 #include "config/location_config.h"
 #include "link/location_command.h"
 #include "service/location_file.h"
@@ -23,6 +24,7 @@ struct World {
     bool clock_set = false;
     time_t now = 0;
     std::vector<string> commands;
+    std::vector<string> orbits; // asked for: constellation, week, time of week
 } world;
 
 struct LocationAiding : testing::Test {
@@ -48,6 +50,17 @@ struct LocationAiding : testing::Test {
         return capture_stdout([&] { location_aiding_answer(&fields); });
     }
 
+    // Answers a request for orbit data with these three fields.
+    static void answer_orbit(const std::vector<string>& numbers) {
+        NmeaFields fields = {};
+        fields.count = static_cast<int32_t>(numbers.size()) + 2;
+        std::strcpy(fields.field[1], "0");
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            numbers[i].copy(fields.field[i + 2], kNmeaFieldSize - 1);
+        }
+        location_aiding_answer(&fields);
+    }
+
     PrivateDir dir;
 };
 
@@ -66,6 +79,12 @@ void location_config_get_nmea_path(char* path) {
 
 int32_t location_command_send(const char* body) {
     world.commands.emplace_back(body);
+    return 0;
+}
+
+int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
+    world.orbits.push_back(std::to_string(constellation) + " " + std::to_string(week) + " " +
+                           std::to_string(tow_seconds));
     return 0;
 }
 
@@ -184,13 +203,19 @@ TEST_F(LocationAiding, HugePositionIsCutAtTheCommandsSize) {
     EXPECT_EQ(world.commands[0].size(), 351U);
 }
 
-TEST_F(LocationAiding, OrbitDataIsNotServedYet) {
+TEST_F(LocationAiding, OrbitDataIsSentWithoutAssistanceEnabled) {
     for (const string kind : {"0", "", "x"}) {
-        const string log = answer(kind);
-        EXPECT_EQ(log.substr(0, 21), "[LOCSERV] WRN: [XOD]o") << log;
-        EXPECT_EQ(lines_of(log).size(), 1U);
+        EXPECT_EQ(answer(kind), "");
     }
+    EXPECT_EQ(world.orbits, std::vector<string>(3, "0 0 0"));
     EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, OrbitDataIsForConstellationWeekAndTimeOfWeek) {
+    answer_orbit({"3", "2391", "518400"});
+    answer_orbit({"-1", "4294967295", "-3600"});
+    answer_orbit({"258", "x", ""}); // a constellation is one byte
+    EXPECT_EQ(world.orbits, (std::vector<string>{"3 2391 518400", "-1 2147483647 -3600", "2 0 0"}));
 }
 
 TEST_F(LocationAiding, OtherKindsAreIgnored) {
@@ -198,5 +223,6 @@ TEST_F(LocationAiding, OtherKindsAreIgnored) {
     for (const string kind : {"3", "-1", "10", "9999999999999999999", "4294967297", "4294967298"}) {
         EXPECT_EQ(answer(kind), "") << kind;
     }
+    EXPECT_TRUE(world.orbits.empty());
     EXPECT_TRUE(world.commands.empty());
 }

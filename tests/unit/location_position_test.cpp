@@ -1,5 +1,6 @@
 #include "service/location_position.h"
 
+#include "assist/xod_host_aiding.h"
 #include "config/location_config.h"
 #include "link/location_command.h"
 #include "service/service_state.h"
@@ -26,6 +27,7 @@ struct Reply {
 struct World {
     string path;
     std::vector<string> commands;
+    std::vector<string> orbits; // asked for: constellation, week, time of week
     std::vector<Reply> replies;
 } world;
 
@@ -75,6 +77,12 @@ string text_at(const string& block, size_t offset) {
 
 void location_config_get_nmea_path(char* path) {
     path[world.path.copy(path, kConfigTextSize - 1)] = '\0';
+}
+
+int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
+    world.orbits.push_back(std::to_string(constellation) + " " + std::to_string(week) + " " +
+                           std::to_string(tow_seconds));
+    return 0;
 }
 
 int32_t location_command_send(const char* body) {
@@ -192,10 +200,10 @@ TEST_F(LocationPosition, RequestOfThreeFieldsIsNotAnError) {
     expect_passed_on(sentence);
 }
 
-TEST_F(LocationPosition, OrbitRequestIsPassedOn) {
-    const string sentence = "$PZUL010,0,0,1,2*00\r\n";
-    const string log = pzul(sentence);
-    EXPECT_EQ(log.find(seen(sentence) + "[LOCSERV] WRN: [XOD]"), 0U) << log;
+TEST_F(LocationPosition, OrbitRequestIsAnsweredAndPassedOn) {
+    const string sentence = "$PZUL010,0,1,2391,7200*00\r\n";
+    EXPECT_EQ(pzul(sentence), seen(sentence));
+    EXPECT_EQ(world.orbits, std::vector<string>{"1 2391 7200"});
     EXPECT_TRUE(world.commands.empty());
     expect_passed_on(sentence);
 }

@@ -136,14 +136,24 @@ TEST_F(ServiceTest, StopReportsTheReceiveThreadsResultOnly) {
 }
 
 TEST_F(ServiceTest, DownloadStopsDownloadsSwitchesOffAndRepliesAfterAPause) {
-    EXPECT_EQ(handle(SERVICE_DOWNLOAD),
-              (Texts{handle_line(2), "[LOCSERV] INF: location_service_stop",
-                     "[LOCSERV] INF: location_service_download",
-                     "[LOCSERV] ERR: location_service_download, not available in this build"}));
-    EXPECT_EQ(fakes_texts(),
-              (Texts{"power_off", "debug_close", "io_deinit", "power_off", "reply 2 4294967295"}));
+    EXPECT_EQ(handle(SERVICE_DOWNLOAD), (Texts{handle_line(2), "[LOCSERV] INF: location_service_stop",
+                                               "[LOCSERV] INF: location_service_download"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "firmware_download", "power_off",
+                                    "reply 2 0"}));
     const std::vector<FakeCall> calls = fakes_calls();
-    EXPECT_GE(calls[4].at - calls[3].at, std::chrono::microseconds(50000));
+    EXPECT_GE(calls[5].at - calls[4].at, std::chrono::microseconds(50000));
+}
+
+TEST_F(ServiceTest, DownloadAnswersWithTheDriversResultOnly) {
+    fakes_result("power_off", -1);
+    fakes_result("io_deinit", -1);
+    handle(SERVICE_DOWNLOAD);
+    EXPECT_EQ(fakes_texts().back(), "reply 2 0");
+    fakes_reset();
+    fakes_result("firmware_download", -1);
+    handle(SERVICE_DOWNLOAD);
+    EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "firmware_download", "power_off",
+                                    "reply 2 4294967295"}));
 }
 
 TEST_F(ServiceTest, SaveWritesTheStatesLocation) {
@@ -188,12 +198,10 @@ TEST_F(ServiceTest, CommandWithoutABodyFails) {
     EXPECT_EQ(fakes_texts(), Texts{"reply 7 4294967295"});
 }
 
-TEST_F(ServiceTest, AssistanceIsEnabledButCanNotStart) {
-    EXPECT_EQ(handle(SERVICE_ASSIST),
-              (Texts{handle_line(8), "[LOCSERV] ERR: location_service_message_handle, assistance not "
-                                     "available in this build"}));
+TEST_F(ServiceTest, AssistanceIsEnabledAndStartedForAllTypes) {
+    EXPECT_EQ(handle(SERVICE_ASSIST), Texts{handle_line(8)});
     EXPECT_EQ(g_service_state.xod_enabled, 1U);
-    EXPECT_EQ(fakes_texts(), Texts{"reply 8 4294967295"});
+    EXPECT_EQ(fakes_texts(), (Texts{"xod_init 15 1", "reply 8 0"}));
 }
 
 TEST_F(ServiceTest, AssistanceResultIsReportedAsTheValue) {
@@ -257,13 +265,14 @@ TEST_F(ServiceTest, InitReplacesTheQueueDeletesTheLocationAndResetsTheState) {
     const std::string out = capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(4));
+        ASSERT_TRUE(fakes_wait_for(6));
     });
     EXPECT_NE(g_service_state.msqid, old_queue);
     EXPECT_EQ(g_service_state.xod_enabled, 0U);
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
     EXPECT_EQ(lines_of(out), (Texts{"[LOCSERV] INF: location_service_task_main", handle_line(4)}));
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "debug_init", "debug_stop", "reply 4 0"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init",
+                                    "debug_stop", "reply 4 0"}));
 }
 
 TEST_F(ServiceTest, InitMakesTheQueueOpenToEverybody) {
@@ -284,7 +293,7 @@ TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndCarriesOn) {
         std::find(lines.begin(), lines.end(), "[LOCSERV] ERR: location_service_task_send_message, Fail!"),
         lines.end());
     EXPECT_EQ(g_service_state.msqid, -1);
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "debug_init"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init"}));
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
 }
 
@@ -292,26 +301,46 @@ TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
     capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(8));
-        location_service_task_send_message(SERVICE_FRAME_NMEA, block("$GPGGA"), 6);
         ASSERT_TRUE(fakes_wait_for(10));
+        location_service_task_send_message(SERVICE_FRAME_NMEA, block("$GPGGA"), 6);
+        ASSERT_TRUE(fakes_wait_for(12));
     });
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "debug_init", "debug_start", "io_init", "power_on",
-                                    "reply 0 0", "nmea 20:" + kBanner, "reply 11 0 20:" + kBanner,
-                                    "nmea 6:$GPGGA", "reply 11 0 6:$GPGGA"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init",
+                                    "debug_start", "io_init", "power_on", "reply 0 0", "nmea 20:" + kBanner,
+                                    "reply 11 0 20:" + kBanner, "nmea 6:$GPGGA", "reply 11 0 6:$GPGGA"}));
 }
 
 TEST_F(ServiceTest, SecondStartSendsTheBannerAgain) {
     capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(8));
+        ASSERT_TRUE(fakes_wait_for(10));
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(14));
+        ASSERT_TRUE(fakes_wait_for(16));
     });
     const Texts texts = fakes_texts();
-    EXPECT_EQ(texts[11], "reply 0 0");
-    EXPECT_EQ(texts[13], "reply 11 0 20:" + kBanner);
+    EXPECT_EQ(texts[13], "reply 0 0");
+    EXPECT_EQ(texts[15], "reply 11 0 20:" + kBanner);
+}
+
+TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {
+    capture_stdout([&] {
+        fakes_during("io_deinit", [] { EXPECT_TRUE(stop_mark_raised()); });
+        fakes_during("firmware_download", [] {
+            EXPECT_FALSE(stop_mark_raised());
+            location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+            EXPECT_TRUE(stop_mark_raised());
+        });
+        location_service_task_send_message(SERVICE_DOWNLOAD, nullptr, 0);
+        ServiceMessage message = {};
+        ASSERT_TRUE(service_queue_receive(&message));
+        location_service_message_handle(&message);
+        service_queue_handled(message.id);
+        EXPECT_TRUE(stop_mark_raised()); // of the stop that waits
+        ASSERT_TRUE(service_queue_receive(&message));
+        service_queue_handled(message.id);
+        EXPECT_FALSE(stop_mark_raised());
+    });
 }
 
 TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
@@ -332,7 +361,7 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
             location_service_task_send_message(SERVICE_DOWNLOAD, nullptr, 0);
             location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
         }).join();
-        ASSERT_TRUE(fakes_wait_for(4 + 2 + 4 + 5 + 2));
+        ASSERT_TRUE(fakes_wait_for(4 + 4 + 4 + 6 + 2));
     });
     EXPECT_FALSE(stop_mark_raised());
 }

@@ -69,17 +69,6 @@ protected:
     std::string log;
 };
 
-// Tests in which a timer fires. The C library makes the callback's thread behind ThreadSanitizer's back, and
-// that ends the program; the other sanitizers see these tests.
-class LocationTimerFiring : public LocationTimer {
-protected:
-    void SetUp() override {
-#ifdef __SANITIZE_THREAD__
-        GTEST_SKIP() << "timers can't fire under ThreadSanitizer";
-#endif
-    }
-};
-
 } // namespace
 
 extern "C" int __wrap_timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old) {
@@ -87,7 +76,7 @@ extern "C" int __wrap_timer_settime(timer_t timer, int flags, const itimerspec* 
     return __real_timer_settime(timer, flags, value, old);
 }
 
-TEST_F(LocationTimerFiring, FiresOnceOnAThreadOfItsOwn) {
+TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwn) {
     ASSERT_NE(timer, nullptr);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     ASSERT_TRUE(wait_for_count(1));
@@ -96,7 +85,7 @@ TEST_F(LocationTimerFiring, FiresOnceOnAThreadOfItsOwn) {
     EXPECT_NE(fired.thread, std::this_thread::get_id());
 }
 
-TEST_F(LocationTimerFiring, IsInactiveRightAfterItFired) {
+TEST_F(LocationTimer, IsInactiveRightAfterItFired) {
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     ASSERT_TRUE(wait_for_count(1));
     EXPECT_EQ(is_active(), -1);
@@ -158,13 +147,13 @@ TEST_F(LocationTimer, StopDisarms) {
     EXPECT_EQ(location_timer_stop(timer), 0);
 }
 
-TEST_F(LocationTimerFiring, StartOfAnArmedTimerArmsItAnew) {
+TEST_F(LocationTimer, StartOfAnArmedTimerArmsItAnew) {
     ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     EXPECT_TRUE(wait_for_count(1));
 }
 
-TEST_F(LocationTimerFiring, FiresAgainWhenStartedAgain) {
+TEST_F(LocationTimer, FiresAgainWhenStartedAgain) {
     ASSERT_EQ(location_timer_start(timer, 1), 0);
     ASSERT_TRUE(wait_for_count(1));
     ASSERT_EQ(location_timer_start(timer, 1), 0);

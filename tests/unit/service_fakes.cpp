@@ -1,7 +1,11 @@
 #include "service_fakes.h"
 
+#include "assist/xod_download.h"
+#include "assist/xod_file.h"
+#include "assist/xod_http.h"
 #include "config/location_config.h"
 #include "debug/location_debug.h"
+#include "download/hdl_driver.h"
 #include "link/location_command.h"
 #include "link/location_gpio.h"
 #include "link/location_io.h"
@@ -10,6 +14,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -18,12 +23,20 @@ struct Fakes {
     std::condition_variable changed;
     std::vector<FakeCall> calls;
     std::map<std::string, int32_t> results;
+    std::map<std::string, std::function<void()>> actions;
     std::string location_path;
 };
 
 Fakes fakes;
 
+std::function<void()> action_of(const std::string& name) {
+    const std::lock_guard<std::mutex> guard(fakes.lock);
+    const auto found = fakes.actions.find(name);
+    return found == fakes.actions.end() ? [] {} : found->second;
+}
+
 int32_t record(const std::string& name, const std::string& arguments = "") {
+    action_of(name)(); // may record calls of its own
     const std::lock_guard<std::mutex> guard(fakes.lock);
     fakes.calls.push_back(
         {arguments.empty() ? name : name + " " + arguments, std::chrono::steady_clock::now()});
@@ -42,6 +55,12 @@ void fakes_reset() {
     const std::lock_guard<std::mutex> guard(fakes.lock);
     fakes.calls.clear();
     fakes.results.clear();
+    fakes.actions.clear();
+}
+
+void fakes_during(const std::string& name, std::function<void()> action) {
+    const std::lock_guard<std::mutex> guard(fakes.lock);
+    fakes.actions[name] = std::move(action);
 }
 
 void fakes_result(const std::string& name, int32_t result) {
@@ -90,6 +109,15 @@ int32_t location_gpio_power_on() {
 int32_t location_gpio_power_off() {
     return record("power_off");
 }
+void xod_mutex_init() {
+    record("xod_mutex_init");
+}
+void xod_http_init() {
+    record("xod_http_init");
+}
+void xod_download_init(uint8_t mask, int32_t count) {
+    record("xod_init", std::to_string(mask) + " " + std::to_string(count));
+}
 void location_debug_init() {
     record("debug_init");
 }
@@ -104,6 +132,9 @@ void location_debug_stop() {
 }
 int32_t location_debug_set_mode(uint32_t mode) {
     return record("debug_mode", std::to_string(mode));
+}
+int32_t hdl_firmware_download() {
+    return record("firmware_download");
 }
 int32_t location_command_send(const char* body) {
     return record("command", body);

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,6 +18,8 @@ struct FakeCall {
 void fakes_reset();
 // Result of the function from now on; 0 unless set.
 void fakes_result(const std::string& name, int32_t result);
+// What the function does while it runs; gone with the next reset.
+void fakes_during(const std::string& name, std::function<void()> action);
 // What location_config_get_nmea_path answers.
 void fakes_location_path(const std::string& path);
 
