@@ -3,14 +3,21 @@
 #ifndef TAVOR_BOARD_CHIP_H
 #define TAVOR_BOARD_CHIP_H
 
+#include "chip/chip_agent.h"
 #include "chip/chip_aiding.h"
+#include "chip/chip_boot_rom.h"
 #include "chip/chip_command.h"
+#include "chip/chip_download.h"
 #include "chip/chip_fault.h"
 #include "chip/chip_fifo.h"
+#include "chip/chip_flash.h"
+#include "chip/chip_i2c.h"
 #include "chip/chip_options.h"
+#include "chip/chip_orbit.h"
 #include "chip/chip_sentence.h"
 #include "chip/chip_slave.h"
 #include "chip/chip_source.h"
+#include "chip/chip_spim.h"
 #include "chip/chip_status.h"
 
 #include <cstdint>
@@ -25,18 +32,27 @@ struct Chip {
     ChipFifo transmit;
     ChipSourceState source;
     ChipSlaveState slave;
+    ChipI2cState i2c;
     ChipCommandState commands;
     ChipAidingState aiding;
+    ChipOrbitState orbits;
     ChipFaultState faults;
     std::mt19937 random;
     uint64_t boot_us = 0;
+    ChipMode mode = ChipMode::off;
+    uint64_t listening_until_us = 0; // the boot ROM listens; 0: no more
+    ChipSpimState spim;
+    ChipBootRomState boot_rom;
+    ChipAgentState agent;
+    ChipFlash flash;
 };
 
 // Makes a chip that is off. The options must pass chip_options_error.
 void chip_init(Chip& chip, ChipOptions options);
 
 // The power line. Low: the chip is silent and SPI reads 0xFF. Low to high: a cold boot, with the SPI
-// interface unpowered and nothing to send. The same level again changes nothing.
+// interface unpowered and nothing to send; see chip_download.h for what else may happen then. The same level
+// again changes nothing.
 void chip_power(Chip& chip, bool high, uint64_t now_us);
 
 // One SPI frame (chip select low to high), full duplex. tx: length bytes, null for zeros; rx: length bytes or

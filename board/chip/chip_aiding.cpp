@@ -70,11 +70,17 @@ bool judge(ChipAidingStatus& status, bool& known, const std::string& error) {
 
 void chip_aiding_boot(Chip& chip, uint64_t now_us) {
     chip.aiding = {};
+    chip.status.assisted = false;
     chip.aiding.next_time_us = now_us;
     chip.aiding.next_position_us = now_us;
 }
 
 void chip_aiding_run(Chip& chip, uint64_t now_us) {
+    const bool orbits_known = chip.orbits.of[static_cast<size_t>(ChipConstellation::gps)].known;
+    if (!chip.status.assisted && chip.aiding.time_known && orbits_known) {
+        chip.status.assisted = true;
+        chip.aiding.assisted_us = now_us;
+    }
     if (!chip.options.aiding_requests) {
         return;
     }

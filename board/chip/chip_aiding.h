@@ -13,6 +13,7 @@ struct ChipAidingState {
     uint64_t next_position_us = 0;
     bool time_known = false; // no more requests
     bool position_known = false;
+    uint64_t assisted_us = 0; // when time and GPS orbits were known; valid when status says assisted
 };
 
 // Cold boot: everything is asked for again.

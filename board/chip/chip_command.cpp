@@ -33,6 +33,9 @@ Result carry_out(Chip& chip, const std::vector<std::string>& fields, uint64_t no
     if (fields[0] == "590" || fields[0] == "600") {
         return chip_aiding_answer(chip, fields, now_us) ? Result::done : Result::bad_parameters;
     }
+    if (fields[0] == "471") {
+        return chip_orbit_answer(chip, fields, now_us) ? Result::done : Result::bad_parameters;
+    }
     return Result::done;
 }
 

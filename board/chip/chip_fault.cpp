@@ -2,34 +2,12 @@
 
 #include "chip/chip.h"
 
-#include <charconv>
 #include <optional>
 
 namespace {
 
-constexpr uint64_t kMaxCount = 1000000000;
 constexpr uint64_t kMaxBacklog = 16U << 20; // bytes
 constexpr uint8_t kDefaultErrorMask = 0x08;
-
-std::optional<uint64_t> count_of(std::string_view text) {
-    uint64_t value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < 1 || value > kMaxCount) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-// off, once, always or a count.
-std::optional<uint64_t> repetition_of(std::string_view text) {
-    if (text == "off") {
-        return 0;
-    }
-    if (text == "once") {
-        return 1;
-    }
-    return text == "always" ? kChipAlways : count_of(text);
-}
 
 std::optional<uint8_t> mask_of(std::string_view text) {
     if (text == "0x08") {
@@ -41,26 +19,9 @@ std::optional<uint8_t> mask_of(std::string_view text) {
     return text == "0x18" ? std::optional<uint8_t>(0x18) : std::nullopt;
 }
 
-std::string repetition_text(uint64_t left) {
-    return left == kChipAlways ? "always" : std::to_string(left);
-}
-
-bool use_up(uint64_t& left) {
-    if (left == 0) {
-        return false;
-    }
-    left -= left == kChipAlways ? 0 : 1;
-    return true;
-}
-
-bool set_switch(bool& fault, const std::string& value) {
-    fault = value == "on" || (value != "off" && fault);
-    return value == "on" || value == "off";
-}
-
 bool set_status_error(ChipFaultState& faults, std::string_view value) {
     const size_t colon = value.find(':');
-    const auto times = repetition_of(value.substr(0, colon));
+    const auto times = chip_fault_repetition(value.substr(0, colon));
     const auto mask =
         colon == std::string_view::npos ? std::optional(kDefaultErrorMask) : mask_of(value.substr(colon + 1));
     if (!times || !mask) {
@@ -74,7 +35,7 @@ bool set_status_error(ChipFaultState& faults, std::string_view value) {
 bool set_transfer_fail(ChipFaultState& faults, std::string_view value) {
     constexpr std::string_view kEvery = "every:";
     const bool every = value.starts_with(kEvery);
-    const auto number = every ? count_of(value.substr(kEvery.size())) : repetition_of(value);
+    const auto number = every ? chip_fault_count(value.substr(kEvery.size())) : chip_fault_repetition(value);
     if (!number) {
         return false;
     }
@@ -99,17 +60,18 @@ bool set_garbage(ChipFaultState& faults, std::string_view value) {
     return true;
 }
 
-bool set_hostile_length(ChipFaultState& faults, std::string_view value) {
+// A lie of one length register or of both.
+bool set_lengths(bool& tx, bool& rx, std::string_view value) {
     if (value != "on" && value != "tx" && value != "rx" && value != "off") {
         return false;
     }
-    faults.hostile_tx = value == "on" || value == "tx";
-    faults.hostile_rx = value == "on" || value == "rx";
+    tx = value == "on" || value == "tx";
+    rx = value == "on" || value == "rx";
     return true;
 }
 
 bool set_unpowered(Chip& chip, const std::string& value) {
-    const bool valid = set_switch(chip.faults.unpowered, value);
+    const bool valid = chip_fault_switch(chip.faults.unpowered, value);
     chip.slave.powered = chip.slave.powered && !chip.faults.unpowered;
     return valid;
 }
@@ -128,10 +90,10 @@ bool set_fault(Chip& chip, const std::string& name, const std::string& value) {
         return set_status_error(faults, value);
     }
     if (name == "silence") {
-        return set_switch(faults.silence, value);
+        return chip_fault_switch(faults.silence, value);
     }
     if (name == "zero") {
-        return set_switch(faults.zero, value);
+        return chip_fault_switch(faults.zero, value);
     }
     if (name == "garbage") {
         return set_garbage(faults, value);
@@ -140,31 +102,65 @@ bool set_fault(Chip& chip, const std::string& name, const std::string& value) {
         return set_unpowered(chip, value);
     }
     if (name == "never-ready") {
-        return set_switch(faults.never_ready, value);
+        return chip_fault_switch(faults.never_ready, value);
     }
     if (name == "transfer-fail") {
         return set_transfer_fail(faults, value);
     }
     if (name == "bytewise") {
-        return set_switch(faults.bytewise, value);
+        return chip_fault_switch(faults.bytewise, value);
     }
     if (name == "hostile-length") {
-        return set_hostile_length(faults, value);
+        return set_lengths(faults.hostile_tx, faults.hostile_rx, value);
+    }
+    if (name == "zero-length") {
+        return set_lengths(faults.zero_tx, faults.zero_rx, value);
     }
     return set_all(faults, value);
 }
 
+bool set_any(Chip& chip, const std::string& name, const std::string& value) {
+    if (chip_i2c_fault_known(name)) {
+        return chip_i2c_fault_set(chip.faults.i2c, name, value);
+    }
+    return chip_download_fault_known(name) ? chip_download_fault_set(chip.faults.download, name, value)
+                                           : set_fault(chip, name, value);
+}
+
 std::string queue_backlog(Chip& chip, const std::string& value, uint64_t now_us) {
-    const auto bytes = count_of(value);
+    const auto bytes = chip_fault_count(value);
     if (!bytes || *bytes > kMaxBacklog) {
         return "fault backlog: \"" + value + "\" is not a number of bytes up to " +
                std::to_string(kMaxBacklog);
     }
-    if (!chip.status.powered) {
-        return "the chip is off: nothing can wait in it";
+    if (chip.mode != ChipMode::firmware) {
+        return "the chip's firmware does not run: nothing can wait in it";
     }
     chip_source_backlog(chip, static_cast<size_t>(*bytes), now_us);
     return "";
+}
+
+std::vector<ChipFaultInfo> make_table() {
+    std::vector<ChipFaultInfo> table = {
+        {"status-error", "once|N|always|off[:0x08|:0x10|:0x18]",
+         "error bits in the next status reads (0x08 without a mask)"},
+        {"silence", "on|off", "0xFF on everything, no acknowledge on I2C; nothing is taken"},
+        {"zero", "on|off", "0x00 on everything; nothing is taken"},
+        {"garbage", "on|status|data|off",
+         "random answers: to everything, in the status, in lengths and data"},
+        {"unpowered", "on|off", "the SPI interface stays unpowered"},
+        {"never-ready", "on|off", "no command and no data phase is ever done"},
+        {"transfer-fail", "once|N|always|every:N|off", "the next transfers fail, or every N-th"},
+        {"bytewise", "on|off", "never more than one byte to read at once"},
+        {"hostile-length", "on|tx|rx|off", "length registers say 0xFFFFFFFF"},
+        {"zero-length", "on|tx|rx|off", "length registers say 0"},
+        {"backlog", "BYTES", "sentences of this many bytes wait at once"},
+    };
+    for (const auto* more : {&chip_i2c_fault_table(), &chip_download_fault_table()}) {
+        table.insert(table.end(), more->begin(), more->end());
+    }
+    table.push_back({"all", "off", "ends every fault"});
+    return table;
 }
 
 const ChipFaultInfo* info_of(const std::string& name) {
@@ -189,11 +185,10 @@ const char* garbage_text(ChipGarbage garbage) {
     return garbage == ChipGarbage::status ? "garbage status" : "garbage data";
 }
 
-const char* hostile_text(const ChipFaultState& faults) {
-    if (faults.hostile_tx && faults.hostile_rx) {
-        return "hostile-length on";
+void add_lengths(std::vector<std::string>& active, const char* name, bool tx, bool rx) {
+    if (tx || rx) {
+        active.push_back(std::string(name) + (tx && rx ? " on" : tx ? " tx" : " rx"));
     }
-    return faults.hostile_tx ? "hostile-length tx" : "hostile-length rx";
 }
 
 const char* mask_text(uint8_t mask) {
@@ -203,21 +198,7 @@ const char* mask_text(uint8_t mask) {
 } // namespace
 
 const std::vector<ChipFaultInfo>& chip_fault_table() {
-    static const std::vector<ChipFaultInfo> table = {
-        {"status-error", "once|N|always|off[:0x08|:0x10|:0x18]",
-         "error bits in the next status reads (0x08 without a mask)"},
-        {"silence", "on|off", "0xFF on everything; nothing is taken"},
-        {"zero", "on|off", "0x00 on everything; nothing is taken"},
-        {"garbage", "on|status|data|off",
-         "random answers: to everything, in the status, in lengths and data"},
-        {"unpowered", "on|off", "the SPI interface stays unpowered"},
-        {"never-ready", "on|off", "no command and no data phase is ever done"},
-        {"transfer-fail", "once|N|always|every:N|off", "the next transfers fail, or every N-th"},
-        {"bytewise", "on|off", "never more than one byte to read at once"},
-        {"hostile-length", "on|tx|rx|off", "length registers say 0xFFFFFFFF"},
-        {"backlog", "BYTES", "sentences of this many bytes wait at once"},
-        {"all", "off", "ends every fault"},
-    };
+    static const std::vector<ChipFaultInfo> table = make_table();
     return table;
 }
 
@@ -229,17 +210,19 @@ std::string chip_fault(Chip& chip, const std::string& name, const std::string& v
     if (name == "backlog") {
         return queue_backlog(chip, value, now_us);
     }
-    if (!set_fault(chip, name, value)) {
+    if (!set_any(chip, name, value)) {
         return "fault " + name + ": \"" + value + "\" is none of " + info->values;
     }
     chip.slave.excused = true;
+    chip_i2c_excuse(chip.i2c);
+    chip.spim.excused = true;
     return "";
 }
 
 std::vector<std::string> chip_fault_active(const ChipFaultState& faults) {
     std::vector<std::string> active;
     if (faults.status_errors > 0) {
-        active.push_back("status-error " + repetition_text(faults.status_errors) +
+        active.push_back("status-error " + chip_fault_repetition_text(faults.status_errors) +
                          mask_text(faults.status_mask));
     }
     add_switch(active, "silence", faults.silence);
@@ -250,15 +233,16 @@ std::vector<std::string> chip_fault_active(const ChipFaultState& faults) {
     add_switch(active, "unpowered", faults.unpowered);
     add_switch(active, "never-ready", faults.never_ready);
     if (faults.transfer_fails > 0) {
-        active.push_back("transfer-fail " + repetition_text(faults.transfer_fails));
+        active.push_back("transfer-fail " + chip_fault_repetition_text(faults.transfer_fails));
     }
     if (faults.transfer_fail_every > 0) {
         active.push_back("transfer-fail every:" + std::to_string(faults.transfer_fail_every));
     }
     add_switch(active, "bytewise", faults.bytewise);
-    if (faults.hostile_tx || faults.hostile_rx) {
-        active.emplace_back(hostile_text(faults));
-    }
+    add_lengths(active, "hostile-length", faults.hostile_tx, faults.hostile_rx);
+    add_lengths(active, "zero-length", faults.zero_tx, faults.zero_rx);
+    chip_i2c_fault_active(faults.i2c, active);
+    chip_download_fault_active(faults.download, active);
     return active;
 }
 
@@ -270,9 +254,9 @@ bool chip_fault_transfer(ChipFaultState& faults) {
     if (faults.transfer_fail_every > 0) {
         return ++faults.transfer_count % faults.transfer_fail_every == 0;
     }
-    return use_up(faults.transfer_fails);
+    return chip_fault_use_up(faults.transfer_fails);
 }
 
 uint8_t chip_fault_status(ChipFaultState& faults) {
-    return use_up(faults.status_errors) ? faults.status_mask : 0;
+    return chip_fault_use_up(faults.status_errors) ? faults.status_mask : 0;
 }

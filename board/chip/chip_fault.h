@@ -2,13 +2,15 @@
 #ifndef TAVOR_BOARD_CHIP_FAULT_H
 #define TAVOR_BOARD_CHIP_FAULT_H
 
+#include "chip/chip_download_fault.h"
+#include "chip/chip_fault_value.h"
+#include "chip/chip_i2c_fault.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
 struct Chip;
-
-inline constexpr uint64_t kChipAlways = UINT64_MAX;
 
 enum class ChipGarbage : uint8_t { off, all, status, data };
 
@@ -26,13 +28,10 @@ struct ChipFaultState {
     bool bytewise = false;
     bool hostile_tx = false;
     bool hostile_rx = false;
-};
-
-// A line of help for one fault.
-struct ChipFaultInfo {
-    const char* name;
-    const char* values;
-    const char* help;
+    bool zero_tx = false;
+    bool zero_rx = false;
+    ChipDownloadFaults download;
+    ChipI2cFaults i2c;
 };
 
 // Every fault that chip_fault knows.

@@ -1,5 +1,7 @@
 #include "chip/chip_options.h"
 
+#include "chip/chip_flash.h"
+
 #include <cmath>
 
 namespace {
@@ -8,10 +10,31 @@ constexpr uint32_t kMaxRateHz = 10;
 constexpr uint32_t kMinFifoSize = 256; // holds the longest sentence
 constexpr uint32_t kMaxFifoSize = 64U << 20;
 constexpr uint32_t kMaxBusyPolls = 10000;
+constexpr uint32_t kMaxFlashSize = 64U << 20;
+constexpr uint32_t kMaxFlashId = 0xFFFFFF;
+constexpr uint32_t kMaxBootWindowMs = 3600000;
 constexpr double kMaxSpeed = 515.0; // m/s, where receivers stop by rule
 
 bool within(double value, double low, double high) {
     return std::isfinite(value) && value >= low && value <= high;
+}
+
+std::string flash_error(const ChipOptions& options) {
+    if (options.flash_size < kChipFlashBlock || options.flash_size > kMaxFlashSize ||
+        options.flash_size % kChipFlashBlock != 0) {
+        return "flash size is not within 4096 bytes to 64 MiB in steps of 4096";
+    }
+    if (options.flash_base % kChipFlashLargeBlock != 0 ||
+        options.flash_base > UINT32_MAX - options.flash_size) {
+        return "flash base is no multiple of 65536 or the flash ends above 32 bits";
+    }
+    if (options.flash_id > kMaxFlashId) {
+        return "flash id has more than 3 bytes";
+    }
+    if (options.boot_window_ms > kMaxBootWindowMs || options.sleepy_polls > kMaxBusyPolls) {
+        return "boot window is more than an hour or wake-up polls are more than 10000";
+    }
+    return "";
 }
 
 std::string motion_error(const ChipOptions& options) {
@@ -48,5 +71,6 @@ std::string chip_options_error(const ChipOptions& options) {
     if (options.source == ChipSource::replay && options.replay.empty()) {
         return "the log to replay is empty";
     }
-    return motion_error(options);
+    const std::string error = flash_error(options);
+    return error.empty() ? motion_error(options) : error;
 }

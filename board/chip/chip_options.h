@@ -28,9 +28,19 @@ struct ChipOptions {
     uint32_t busy_polls = 0;   // status reads before a command or a data phase counts as done
     uint32_t seed = 1;         // of everything random
 
-    bool aiding_requests = false;      // ask the host for time and position after each cold boot
-    uint32_t aiding_tolerance_s = 3;   // how far a reference time may be off the board's clock
-    uint32_t time_to_first_fix_ms = 0; // from cold boot; until then GGA has no position
+    bool flash_empty = false;         // no firmware in the flash at first
+    bool boot_mirrored = false;       // the boot ROM reads bits in the other order than the multiplexer
+    uint32_t flash_base = 0x08000000; // address
+    uint32_t flash_size = 0x200000;   // bytes, whole blocks of 4096
+    uint32_t flash_id = 0x15605A;     // manufacturer, type and capacity, from the lowest byte on
+    uint32_t boot_window_ms = 500;    // from power-up on the boot ROM listens so long
+    uint32_t sleepy_polls = 1;        // wake-up polls that find the download's slave asleep
+
+    bool aiding_requests = false;          // ask the host for time and position after each cold boot
+    bool orbit_requests = false;           // ask it for orbit data of all constellations, too
+    uint32_t aiding_tolerance_s = 3;       // how far a reference time may be off the board's clock
+    uint32_t time_to_first_fix_ms = 0;     // from cold boot; until then GGA has no position
+    uint32_t assisted_first_fix_ms = 5000; // with time and GPS orbits from the host it comes already then
     uint64_t utc_at_zero_us =
         0; // UTC (microseconds since 1970) at the moment that the passed-in clock calls 0
     double latitude = 43.295130; // degrees, south negative

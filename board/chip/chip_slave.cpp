@@ -152,21 +152,13 @@ void data_phase_done(Chip& chip) {
     chip.slave.busy = chip.options.busy_polls;
 }
 
-uint32_t tx_length(const Chip& chip) {
-    if (chip.faults.hostile_tx) {
-        return kHostileLength;
-    }
-    const size_t waiting = chip_fifo_size(chip.transmit);
-    return static_cast<uint32_t>(std::min<size_t>(waiting, chip.faults.bytewise ? 1 : kMaxDataSize));
-}
-
 void randomize(Chip& chip, uint8_t* bytes, uint32_t length) {
     std::generate_n(bytes, length, [&] { return static_cast<uint8_t>(chip.random()); });
 }
 
 void read_register(Chip& chip, uint8_t* out) {
     const bool tx = chip.slave.address == kTxLenRegister;
-    store_le32(out, tx ? tx_length(chip) : chip.faults.hostile_rx ? kHostileLength : chip.options.rx_window);
+    store_le32(out, tx ? chip_slave_tx_length(chip) : chip_slave_rx_length(chip));
     if (chip.faults.garbage == ChipGarbage::data) {
         randomize(chip, out, kRegisterSize);
     }
@@ -223,6 +215,21 @@ void powered_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, 
 
 void chip_slave_reset(Chip& chip) {
     chip.slave = {};
+}
+
+uint32_t chip_slave_tx_length(const Chip& chip) {
+    if (chip.faults.hostile_tx || chip.faults.zero_tx) {
+        return chip.faults.hostile_tx ? kHostileLength : 0;
+    }
+    const size_t waiting = chip_fifo_size(chip.transmit);
+    return static_cast<uint32_t>(std::min<size_t>(waiting, chip.faults.bytewise ? 1 : kMaxDataSize));
+}
+
+uint32_t chip_slave_rx_length(const Chip& chip) {
+    if (chip.faults.hostile_rx || chip.faults.zero_rx) {
+        return chip.faults.hostile_rx ? kHostileLength : 0;
+    }
+    return chip.options.rx_window;
 }
 
 bool chip_slave_powered(const Chip& chip) {

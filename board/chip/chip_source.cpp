@@ -31,8 +31,24 @@ ChipEpoch epoch_of(const Chip& chip, uint64_t number, bool fix) {
     return {utc, static_cast<double>(since_start) / kUsPerSecond, fix, number % chip.options.rate_hz == 0};
 }
 
+constexpr uint64_t kUsPerMs = 1000;
+
+// UTC of the first fix after the last cold boot, as far as it can be told now.
+uint64_t first_fix_utc_us(const Chip& chip) {
+    const uint64_t alone = chip.boot_us + chip.options.time_to_first_fix_ms * kUsPerMs;
+    const uint64_t assisted =
+        std::max(chip.boot_us + chip.options.assisted_first_fix_ms * kUsPerMs, chip.aiding.assisted_us);
+    return chip_utc_us(chip, chip.status.assisted ? std::min(alone, assisted) : alone);
+}
+
 bool has_fix(const Chip& chip, uint64_t utc_us) {
-    return utc_us >= chip_utc_us(chip, chip.boot_us) + chip.options.time_to_first_fix_ms * uint64_t{1000};
+    return utc_us >= first_fix_utc_us(chip);
+}
+
+void note_fix(Chip& chip, uint64_t utc_us) {
+    if (!chip.status.first_fix_ms) {
+        chip.status.first_fix_ms = (utc_us - chip_utc_us(chip, chip.boot_us)) / kUsPerMs;
+    }
 }
 
 void stage_replay(Chip& chip) {
@@ -53,6 +69,9 @@ bool stage_epoch(Chip& chip) {
         stage_replay(chip);
     } else if (chip.options.source == ChipSource::trajectory) {
         const bool fix = has_fix(chip, epoch_utc_us(chip, source.epoch));
+        if (fix) {
+            note_fix(chip, epoch_utc_us(chip, source.epoch));
+        }
         chip_trajectory_epoch(chip.options, epoch_of(chip, source.epoch, fix), source.staged);
     }
     ++source.epoch;
@@ -104,6 +123,7 @@ uint64_t chip_utc_us(const Chip& chip, uint64_t now_us) {
 
 void chip_source_boot(Chip& chip, uint64_t now_us) {
     chip.source = {};
+    chip.status.first_fix_ms.reset();
     chip.source.epoch = epoch_at_or_after(chip, chip_utc_us(chip, now_us));
     chip.source.finished = chip.options.source == ChipSource::none || limit_reached(chip);
 }

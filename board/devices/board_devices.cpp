@@ -1,13 +1,18 @@
 #include "devices/board_devices.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <optional>
 #include <utility>
 
 namespace {
 
 using Guard = std::lock_guard<std::mutex>;
+
+constexpr size_t kBoardI2cBufferSize = 8192; // bytes of one read or write, as i2c-dev has it
+constexpr uint64_t kHighestI2cAddress = 0x7F;
 
 int fail(int error) {
     errno = error;
@@ -36,6 +41,10 @@ bool is_spi(const Board& board, const std::string& path) {
     return path == board.options.spi_path;
 }
 
+bool is_i2c(const Board& board, const std::string& path) {
+    return path == board.options.i2c_path;
+}
+
 void apply_power(Board& board) {
     chip_power(board.chip, board_gpio_drives(board.gpio, board.options.power_pin, true), now(board));
 }
@@ -52,6 +61,31 @@ ssize_t spi_plain(Board& board, const void* tx, void* rx, size_t length) {
     const BoardTransfer transfer = {static_cast<const uint8_t*>(tx), static_cast<uint8_t*>(rx),
                                     static_cast<uint32_t>(length)};
     return spi_frame(board, &transfer, 1);
+}
+
+// What i2c-dev moves at once; longer reads and writes are cut to it.
+uint32_t i2c_size(size_t length) {
+    return static_cast<uint32_t>(std::min(length, kBoardI2cBufferSize));
+}
+
+ssize_t i2c_result(std::optional<uint32_t> count) {
+    return count ? static_cast<ssize_t>(*count) : fail(EREMOTEIO);
+}
+
+ssize_t i2c_read(Board& board, const BoardFile& file, void* buffer, size_t length) {
+    if (length == 0) {
+        return fail(EOPNOTSUPP); // as with most adapters
+    }
+    return i2c_result(chip_i2c_read(board.chip, file.i2c_address, static_cast<uint8_t*>(buffer),
+                                    i2c_size(length), now(board)));
+}
+
+ssize_t i2c_write(Board& board, const BoardFile& file, const void* data, size_t length) {
+    if (length == 0) {
+        return fail(EOPNOTSUPP);
+    }
+    return i2c_result(chip_i2c_write(board.chip, file.i2c_address, static_cast<const uint8_t*>(data),
+                                     i2c_size(length), now(board)));
 }
 
 bool readable(const BoardFile& file) {
@@ -73,6 +107,7 @@ void board_init(Board& board, BoardOptions options) {
     if (board.options.chip.utc_at_zero_us == 0) {
         board.options.chip.utc_at_zero_us = utc_now_us() - now(board);
     }
+    board.options.chip.boot_mirrored = !board.options.lsb_first; // the boot ROM's order is fixed
     board.spi = {};
     board.gpio = {};
     board.gpio.pin_count = board.options.pin_count;
@@ -86,10 +121,10 @@ int board_open(Board& board, BoardFile& file, const std::string& path, int flags
         if (board_gpio_open(board.gpio, path, flags) != 0) {
             return -1;
         }
-    } else if (!is_spi(board, path)) {
+    } else if (!is_spi(board, path) && !is_i2c(board, path)) {
         return fail(ENOENT);
     }
-    file = {path, flags, 0};
+    file = {path, flags, 0, 0};
     return 0;
 }
 
@@ -107,7 +142,7 @@ int board_access(Board& board, const std::string& path) {
     if (board_gpio_is_path(path)) {
         return board_gpio_access(board.gpio, path);
     }
-    return is_spi(board, path) ? 0 : fail(ENOENT);
+    return is_spi(board, path) || is_i2c(board, path) ? 0 : fail(ENOENT);
 }
 
 ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t length) {
@@ -117,6 +152,9 @@ ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t leng
     }
     if (is_spi(board, file.path)) {
         return spi_plain(board, nullptr, buffer, length);
+    }
+    if (is_i2c(board, file.path)) {
+        return i2c_read(board, file, buffer, length);
     }
     const ssize_t count = board_gpio_read(board.gpio, file.path, file.position, buffer, length);
     file.position += count > 0 ? static_cast<size_t>(count) : 0;
@@ -130,6 +168,9 @@ ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t
     }
     if (is_spi(board, file.path)) {
         return spi_plain(board, data, nullptr, length);
+    }
+    if (is_i2c(board, file.path)) {
+        return i2c_write(board, file, data, length);
     }
     const ssize_t count = board_gpio_write(board.gpio, file.path, data, length);
     file.position += count > 0 ? static_cast<size_t>(count) : 0;
@@ -153,6 +194,18 @@ int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, 
         return fail(ENOTTY);
     }
     value = board_spi_value(board.spi, setting);
+    return 0;
+}
+
+int board_i2c_select(Board& board, BoardFile& file, uint64_t address) {
+    const Guard guard(board.mutex);
+    if (!is_i2c(board, file.path)) {
+        return fail(ENOTTY);
+    }
+    if (address > kHighestI2cAddress) {
+        return fail(EINVAL);
+    }
+    file.i2c_address = static_cast<uint8_t>(address);
     return 0;
 }
 

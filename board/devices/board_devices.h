@@ -1,6 +1,6 @@
-// The device nodes of a simulated board: one chip behind an SPI node and a power line, GPIO lines as sysfs
-// text nodes. Functions in the shape of system calls return -1 and set errno as the kernel does. Each may be
-// called from any thread.
+// The device nodes of a simulated board: one chip behind an SPI node, an I2C node and a power line, GPIO
+// lines as sysfs text nodes. Functions in the shape of system calls return -1 and set errno as the kernel
+// does. Each may be called from any thread.
 #ifndef TAVOR_BOARD_DEVICES_H
 #define TAVOR_BOARD_DEVICES_H
 
@@ -20,9 +20,10 @@
 struct BoardOptions {
     ChipOptions chip; // utc_at_zero_us 0: set from the host's clock
     std::string spi_path = "/dev/spidev1.0";
+    std::string i2c_path = "/dev/i2c-1";
     int power_pin = 17;
     int pin_count = 512;                // pins 0 to pin_count - 1 exist
-    bool lsb_first = true;              // bit order on the chip's side
+    bool lsb_first = true;              // bit order of the chip's multiplexer
     std::function<uint64_t()> clock_us; // empty: the host's monotonic clock
 };
 
@@ -39,6 +40,7 @@ struct BoardFile {
     std::string path;
     int flags = 0;
     size_t position = 0;
+    uint8_t i2c_address = 0; // as I2C_SLAVE has set it
 };
 
 void board_init(Board& board, BoardOptions options);
@@ -57,6 +59,9 @@ ssize_t board_spi_message(Board& board, const BoardFile& file, const BoardTransf
 int board_spi_set(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t value);
 // The read requests. Returns 0 or -1.
 int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t& value);
+
+// I2C_SLAVE of i2c-dev: the 7-bit address of the reads and writes that follow. Returns 0 or -1.
+int board_i2c_select(Board& board, BoardFile& file, uint64_t address);
 
 // The chip's own functions, under the board's lock and on its clock.
 ChipStatus board_status(Board& board);

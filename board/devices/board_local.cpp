@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <linux/i2c-dev.h>
 #include <linux/ioctl.h>
 #include <linux/spi/spidev.h>
 #include <map>
@@ -124,6 +125,13 @@ int local_open(Board& board, const std::string& path, int flags) {
     return 0;
 }
 
+int local_i2c_select(Board& board, const std::string& path, const void* address) {
+    BoardFile file = file_of(path);
+    const int result = board_i2c_select(board, file, reinterpret_cast<uintptr_t>(address));
+    keep_file(path, file);
+    return result;
+}
+
 ssize_t local_read(Board& board, const std::string& path, void* buffer, size_t length) {
     BoardFile file = file_of(path);
     const ssize_t count = board_node_read(board, file, buffer, length);
@@ -165,7 +173,8 @@ void board_local_connect(Board& board) {
         return local_write(board, path, data, length);
     };
     devices.ioctl = [&board](const std::string& path, unsigned long request, void* argument) {
-        return board_local_ioctl(board, file_of(path), request, argument);
+        return request == I2C_SLAVE ? local_i2c_select(board, path, argument)
+                                    : board_local_ioctl(board, file_of(path), request, argument);
     };
     devices.access = [&board](const std::string& path) { return board_access(board, path); };
     local_devices(std::move(devices));

@@ -1,6 +1,7 @@
 #include "devices/board_spi.h"
 
 #include "chip/chip.h"
+#include "chip/chip_bytes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -26,16 +27,8 @@ int change_mode(BoardSpi& spi, uint32_t mode) {
     return 0;
 }
 
-uint8_t mirrored(uint8_t byte) {
-    uint8_t result = 0;
-    for (unsigned bit = 0; bit < 8; ++bit) {
-        result = static_cast<uint8_t>(result | ((byte >> bit) & 1) << (7 - bit));
-    }
-    return result;
-}
-
 void mirror(std::vector<uint8_t>& bytes) {
-    std::transform(bytes.begin(), bytes.end(), bytes.begin(), mirrored);
+    std::transform(bytes.begin(), bytes.end(), bytes.begin(), chip_mirrored);
 }
 
 std::vector<uint8_t> gathered(const BoardTransfer* transfers, size_t count) {

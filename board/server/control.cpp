@@ -2,6 +2,8 @@
 
 #include "interpose/wire.h"
 
+#include "server/clock_file.h"
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -10,6 +12,9 @@ using nlohmann::json;
 namespace {
 
 constexpr int64_t kFastestRateHz = 10;
+constexpr int64_t kLongestAdvanceS = 366L * 24 * 3600;
+constexpr int64_t kNsPerSecond = 1000000000;
+constexpr char kLatestTime[] = "2200-01-01T00:00:00Z";
 constexpr size_t kCommandsMaxSize =
     kWirePayloadMax - 1024; // bytes of the list, with room for what is around it
 
@@ -28,7 +33,52 @@ json aiding_json(const ChipAidingStatus& aiding) {
             {"verdict", aiding.verdict.empty() ? json() : json(aiding.verdict)}};
 }
 
-json status_json(Board& board) {
+json download_json(const ChipDownloadStatus& download) {
+    return {{"state", download.state},
+            {"bootable", download.bootable},
+            {"started", download.started},
+            {"handshakes", download.handshakes},
+            {"boot_errors", download.boot_errors},
+            {"wake_ups", download.wake_ups},
+            {"bytes_received", download.bytes_received},
+            {"agent_bytes", download.agent_bytes},
+            {"commands", download.commands},
+            {"commands_failed", download.commands_failed},
+            {"blocks_erased", download.blocks_erased},
+            {"blocks_written", download.blocks_written},
+            {"bytes_written", download.bytes_written},
+            {"images_checked", download.images_checked},
+            {"completed", download.completed},
+            {"result", download.result.empty() ? json() : json(download.result)}};
+}
+
+json orbits_json(const ChipStatus& status) {
+    json orbits;
+    for (size_t i = 0; i < kChipConstellations; ++i) {
+        orbits[chip_constellation_name(static_cast<ChipConstellation>(i))] =
+            aiding_json(status.aiding_orbits[i]);
+    }
+    return orbits;
+}
+
+json assist_json(AssistServer* assist) {
+    if (assist == nullptr) {
+        return {};
+    }
+    const std::lock_guard hold(assist->mutex);
+    const auto requests = [&](ChipOrbitFile file) { return assist->requests[static_cast<size_t>(file)]; };
+    return {{"address", assist_address(*assist)},
+            {"gps_glonass", requests(ChipOrbitFile::gps_glonass)},
+            {"gps", requests(ChipOrbitFile::gps)},
+            {"beidou", requests(ChipOrbitFile::beidou)},
+            {"galileo", requests(ChipOrbitFile::galileo)},
+            {"refused", assist->refused},
+            {"last_url", assist->last_url},
+            {"faults", assist_fault_active(assist->faults)}};
+}
+
+json status_json(const ControlTarget& target) {
+    Board& board = *target.board;
     const ChipStatus status = board_status(board);
     const BoardSpi spi = board_spi(board);
     return {{"ok", true},
@@ -55,7 +105,13 @@ json status_json(Board& board) {
             {"spi_bits_per_word", spi.bits_per_word},
             {"spi_speed_hz", spi.speed_hz},
             {"aiding_time", aiding_json(status.aiding_time)},
-            {"aiding_position", aiding_json(status.aiding_position)}};
+            {"aiding_position", aiding_json(status.aiding_position)},
+            {"aiding_orbits", orbits_json(status)},
+            {"orbits_stray", status.orbits_stray},
+            {"assisted", status.assisted},
+            {"first_fix_ms", status.first_fix_ms ? json(*status.first_fix_ms) : json()},
+            {"assist", assist_json(target.assist)},
+            {"download", download_json(status.download)}};
 }
 
 std::string dump(const json& value) {
@@ -82,10 +138,24 @@ json commands_json(Board& board) {
 
 json faults_json() {
     json list = json::array();
-    for (const ChipFaultInfo& fault : chip_fault_table()) {
-        list.push_back({{"name", fault.name}, {"values", fault.values}, {"help", fault.help}});
+    for (const std::vector<ChipFaultInfo>* table : {&chip_fault_table(), &assist_fault_table()}) {
+        for (const ChipFaultInfo& fault : *table) {
+            list.push_back({{"name", fault.name}, {"values", fault.values}, {"help", fault.help}});
+        }
     }
     return {{"ok", true}, {"faults", list}};
+}
+
+// Of the chip or of the assistance server; "all" is of both.
+json fault_answer(const ControlTarget& target, const std::string& name, const std::string& value) {
+    if (!assist_fault_is(name)) {
+        const std::string error = board_fault(*target.board, name, value);
+        if (!error.empty() || name != "all" || target.assist == nullptr) {
+            return result(error);
+        }
+    }
+    return target.assist == nullptr ? failure("the board has no assistance server")
+                                    : result(assist_fault(*target.assist, name, value));
 }
 
 json send_answer(Board& board, const json& request) {
@@ -112,10 +182,53 @@ json rate_answer(Board& board, int64_t hz) {
     return result("");
 }
 
-json answer(Board& board, const json& request, bool* quit) {
+json time_json(const BoardClock& clock) {
+    const BoardTime now = board_clock_now(clock, clock_host_time);
+    return {{"ok", true},
+            {"time", clock_text(now.utc_ns)},
+            {"speed", now.speed},
+            {"ahead_s", (now.utc_ns - clock_host_time().utc_ns + kNsPerSecond / 2) / kNsPerSecond}};
+}
+
+// Puts both clocks forward; back they can't go, programs rely on that.
+std::string advance(BoardClock& clock, int64_t by_ns) {
+    int64_t latest = 0;
+    clock_parse(kLatestTime, &latest);
+    if (by_ns < 0 || by_ns > latest - clock_utc_ns(clock)) {
+        return std::string("the clock goes forward only, to ") + kLatestTime + " at most";
+    }
+    board_clock_advance(clock, clock_host_time, by_ns);
+    return "";
+}
+
+json time_answer(BoardClock& clock, const json& request) {
+    std::string error;
+    if (request.contains("speed")) {
+        const auto speed = request.at("speed").get<int64_t>();
+        if (speed < 1 || speed > kBoardClockFastest) {
+            return failure("speed is not within 1 to " + std::to_string(kBoardClockFastest));
+        }
+        board_clock_set_speed(clock, clock_host_time, static_cast<uint32_t>(speed));
+    }
+    if (request.contains("advance_s")) {
+        const auto seconds = request.at("advance_s").get<int64_t>();
+        error = seconds > kLongestAdvanceS ? "not more than a year at once"
+                                           : advance(clock, seconds * kNsPerSecond);
+    }
+    if (request.contains("set")) {
+        int64_t utc = 0;
+        error = clock_parse(request.at("set").get<std::string>(), &utc)
+                    ? advance(clock, utc - clock_utc_ns(clock))
+                    : "the time is not like 2026-11-21T10:00:00Z";
+    }
+    return error.empty() ? time_json(clock) : failure(error);
+}
+
+json answer(ControlTarget& target, const json& request) {
+    Board& board = *target.board;
     const auto command = request.at("command").get<std::string>();
     if (command == "status") {
-        return status_json(board);
+        return status_json(target);
     }
     if (command == "commands") {
         return commands_json(board);
@@ -124,8 +237,8 @@ json answer(Board& board, const json& request, bool* quit) {
         return faults_json();
     }
     if (command == "fault") {
-        return result(board_fault(board, request.at("name").get<std::string>(),
-                                  request.at("value").get<std::string>()));
+        return fault_answer(target, request.at("name").get<std::string>(),
+                            request.at("value").get<std::string>());
     }
     if (command == "send") {
         return send_answer(board, request);
@@ -133,8 +246,11 @@ json answer(Board& board, const json& request, bool* quit) {
     if (command == "rate") {
         return rate_answer(board, request.at("hz").get<int64_t>());
     }
+    if (command == "time") {
+        return time_answer(*target.clock, request);
+    }
     if (command == "quit") {
-        *quit = true;
+        target.quit = true;
         return result("");
     }
     return failure("no command is called \"" + command + "\"");
@@ -142,10 +258,10 @@ json answer(Board& board, const json& request, bool* quit) {
 
 } // namespace
 
-std::string control_answer(Board& board, const std::string& request, bool* quit) {
+std::string control_answer(ControlTarget& target, const std::string& request) {
     json reply;
     try {
-        reply = answer(board, json::parse(request), quit);
+        reply = answer(target, json::parse(request));
     } catch (const json::exception& error) {
         reply = failure(error.what());
     }

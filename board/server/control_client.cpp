@@ -51,6 +51,18 @@ json file_bytes(const std::string& path) {
     return bytes;
 }
 
+void add_time_changes(const ControlOptions& options, json& request) {
+    if (options.speed != 0) {
+        request["speed"] = options.speed;
+    }
+    if (options.advance_s != 0) {
+        request["advance_s"] = options.advance_s;
+    }
+    if (!options.time.empty()) {
+        request["set"] = options.time;
+    }
+}
+
 // The request as the board takes it; false when the command line is wrong.
 bool make_request(const ControlOptions& options, json& request) {
     request = {{"command", options.command}};
@@ -65,6 +77,9 @@ bool make_request(const ControlOptions& options, json& request) {
     }
     if (options.command == "rate") {
         request["hz"] = options.rate_hz;
+    }
+    if (options.command == "time") {
+        add_time_changes(options, request);
     }
     if (options.command == "power") {
         request["command"] = "status";
@@ -99,17 +114,6 @@ std::string receive_answer(int fd) {
     return message.substr(sizeof(WireReply), static_cast<size_t>(size) - sizeof(WireReply));
 }
 
-// The board's answer; empty when there is none.
-std::string ask(const std::string& directory, const std::string& text) {
-    const int fd = board_socket_connect(directory);
-    if (fd < 0) {
-        return "";
-    }
-    std::string answer = send_request(fd, text) ? receive_answer(fd) : "";
-    close(fd);
-    return answer;
-}
-
 void print_commands(const json& answer) {
     if (answer.value("left_out", 0) > 0) {
         std::printf("(%d earlier ones left out)\n", answer.value("left_out", 0));
@@ -127,10 +131,13 @@ void print_faults(const json& answer) {
     }
 }
 
-void print_status(const json& answer) {
+// One value a line; those of an object with its name in front.
+void print_status(const json& answer, const std::string& prefix = "") {
     for (const auto& [key, value] : answer.items()) {
-        if (key != "ok") {
-            std::printf("%-20s %s\n", key.c_str(),
+        if (value.is_object()) {
+            print_status(value, prefix + key + ".");
+        } else if (key != "ok") {
+            std::printf("%-25s %s\n", (prefix + key).c_str(),
                         (value.is_string() ? value.get<std::string>() : value.dump()).c_str());
         }
     }
@@ -145,12 +152,22 @@ void print(const ControlOptions& options, const json& answer) {
         print_commands(answer);
     } else if (options.list) {
         print_faults(answer);
-    } else if (options.command == "status") {
+    } else if (options.command == "status" || options.command == "time") {
         print_status(answer);
     }
 }
 
 } // namespace
+
+std::string control_ask(const std::string& directory, const std::string& request) {
+    const int fd = board_socket_connect(directory);
+    if (fd < 0) {
+        return "";
+    }
+    std::string answer = send_request(fd, request) ? receive_answer(fd) : "";
+    close(fd);
+    return answer;
+}
 
 int control_run(const ControlOptions& options) {
     json request;
@@ -165,7 +182,7 @@ int control_run(const ControlOptions& options) {
         std::fprintf(stderr, "tavor-board: too much at once: send it in smaller pieces\n");
         return kUsageError;
     }
-    const json answer = json::parse(ask(options.directory, text), nullptr, false);
+    const json answer = json::parse(control_ask(options.directory, text), nullptr, false);
     if (!answer.is_object()) {
         std::fprintf(stderr, "tavor-board: no board runs in %s: start one with 'tavor-board run --dir %s'\n",
                      options.directory.c_str(), options.directory.c_str());

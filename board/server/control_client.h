@@ -8,4 +8,7 @@
 // the board refused, 3 when there is no board.
 int control_run(const ControlOptions& options);
 
+// Sends one request to the board that runs in the directory. Returns its answer, empty when there is none.
+std::string control_ask(const std::string& directory, const std::string& request);
+
 #endif

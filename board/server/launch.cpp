@@ -2,6 +2,7 @@
 
 #include "interpose/paths.h"
 #include "server/board_socket.h"
+#include "server/control_client.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -19,6 +20,7 @@ namespace {
 constexpr int kNoBoard = 3;
 constexpr int kNotStarted = 127;
 constexpr char kDirectoryPattern[] = "/tmp/tavor-board-XXXXXX";
+constexpr char kAssistanceDirectory[] = "xod";
 constexpr char kConfigurationPath[] = "etc/default/tavor/tavor.conf";
 // For a sanitized program. The library stands in front of its runtime; and a cancelled thread leaves marks of
 // its frames on the stack, over which the runtime falls when it takes down the thread's signal stack.
@@ -103,6 +105,26 @@ void put_setting(std::string& content, const std::string& line) {
     }
 }
 
+// Takes out the lines that begin so.
+void remove_lines(std::string& content, const std::string& begin) {
+    for (size_t at = content.find(begin); at != std::string::npos; at = content.find(begin, at)) {
+        if (at == 0 || content[at - 1] == '\n') {
+            content.erase(at, content.find('\n', at) - at + 1);
+        } else {
+            ++at;
+        }
+    }
+}
+
+// The port is another one each time.
+void put_assistance(std::string& content, const std::string& address) {
+    remove_lines(content, "XOD host=127.0.0.1:");
+    put_setting(content, "XOD device id=0001");
+    put_setting(content, "XOD project=board");
+    put_setting(content, "XOD vendor=tavor");
+    put_setting(content, "XOD host=" + address);
+}
+
 std::string read_file(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
@@ -139,6 +161,9 @@ int launch_exec(const ExecOptions& options) {
         return kNoBoard;
     }
     close(fd);
+    if (options.speed != 0) {
+        control_ask(directory, R"({"command": "time", "speed": )" + std::to_string(options.speed) + "}");
+    }
     std::fprintf(stderr, "tavor-board: %s\n", launch_replace(directory, options.program).c_str());
     return kNotStarted;
 }
@@ -161,16 +186,21 @@ std::string launch_directory(const std::string& name, std::string* directory) {
     return "";
 }
 
-std::string launch_configure(const RunOptions& options, const std::string& directory) {
+std::string launch_configure(const RunOptions& options, const std::string& directory,
+                             const std::string& assist) {
     const fs::path file = fs::path(directory) / kConfigurationPath;
     std::error_code error;
     fs::create_directories(file.parent_path(), error);
     fs::create_directories(fs::path(directory) / "tmp", error); // for the daemon's file there
+    fs::create_directories(file.parent_path() / kAssistanceDirectory, error);
     const bool is_new = !fs::exists(file, error);
     const std::string before = read_file(file);
     std::string content = is_new ? "debug socket ip=127.0.0.1\n" : before;
     put_setting(content, "Power control gpio=" + std::to_string(options.board.power_pin));
     put_setting(content, "SPI port path=" + options.board.spi_path);
+    if (!assist.empty()) {
+        put_assistance(content, assist);
+    }
     for (auto line = options.configuration.rbegin(); line != options.configuration.rend(); ++line) {
         put_setting(content, *line);
     }

@@ -17,9 +17,11 @@ int launch_exec(const ExecOptions& options);
 // The board's directory as an absolute path, made where it is missing. Returns what went wrong, else empty.
 std::string launch_directory(const std::string& name, std::string* directory);
 
-// Writes the daemon's configuration for this board. An existing one is kept, but for settings that contradict
-// the options: they come in front of it, where they win. Returns what went wrong, else empty.
-std::string launch_configure(const RunOptions& options, const std::string& directory);
+// Writes the daemon's configuration for this board and its assistance server (HOST:PORT, empty: none). An
+// existing one is kept, but for settings that contradict the options: they come in front of it, where they
+// win. Returns what went wrong, else empty.
+std::string launch_configure(const RunOptions& options, const std::string& directory,
+                             const std::string& assist);
 
 // A setting of that configuration as the daemon finds it: the text behind the key in the first line that
 // holds it, else fallback.

@@ -1,5 +1,8 @@
 #include "server/options.h"
 
+#include "server/assist_fault.h"
+#include "server/clock_file.h"
+
 #include <CLI/CLI.hpp>
 #include <fstream>
 #include <iterator>
@@ -23,8 +26,9 @@ Examples:
   tavor-board run --dir /tmp/board --source replay log.nmea --full-speed
   tavor-board run --dir /tmp/board --fault silence=on --conf "debug socket port=7105"
 
-One line "ready DIRECTORY" tells that programs may come: on standard output without
-a program, on standard error with one.)";
+One line "ready DIRECTORY" tells that programs may come, and one below it where the
+daemon's debug outlet listens: on standard output without a program, on standard
+error with one.)";
 
 constexpr char kExecExamples[] = R"(
 Examples:
@@ -39,6 +43,7 @@ Examples:
   tavor-board ctl --dir /tmp/board send GNTXT,01,01,02,hello
   tavor-board ctl --dir /tmp/board send --hex 04240A
   tavor-board ctl --dir /tmp/board commands
+  tavor-board ctl --dir /tmp/board time --advance 3600
 
 Exit codes: 0 done, 1 the board refused, 2 usage, 3 no board runs there.)";
 
@@ -80,21 +85,33 @@ std::pair<std::string, std::string> split_pair(const std::string& text, const st
     return {text.substr(0, at), text.substr(at + 1)};
 }
 
-// Tries the faults on a chip of no further use.
+// Tries the faults on a chip and a server of no further use.
 void take_faults(const std::vector<std::string>& faults, RunOptions& run) {
     Chip trial;
+    AssistFaultState server;
     chip_init(trial, {});
     for (const std::string& fault : faults) {
         run.faults.push_back(split_pair(fault, "--fault"));
-        const std::string error = chip_fault(trial, run.faults.back().first, run.faults.back().second, 0);
+        const auto& [name, value] = run.faults.back();
+        const std::string error =
+            assist_fault_is(name) ? assist_fault_set(server, name, value) : chip_fault(trial, name, value, 0);
         if (!error.empty()) {
             throw CLI::ValidationError("--fault", error);
         }
     }
 }
 
-std::string node_error(const std::string& path) {
+std::string spi_node_error(const std::string& path) {
     return path.rfind("/dev/spidev", 0) == 0 ? "" : "the device node must begin with /dev/spidev";
+}
+
+std::string time_error(const std::string& text) {
+    int64_t utc = 0;
+    return clock_parse(text, &utc) ? "" : "\"" + text + "\" is no time like 2026-11-21T10:00:00Z";
+}
+
+std::string i2c_node_error(const std::string& path) {
+    return path.rfind("/dev/i2c-", 0) == 0 ? "" : "the device node must begin with /dev/i2c-";
 }
 
 void finish_run(const Raw& raw, RunOptions& run) {
@@ -112,8 +129,10 @@ void finish_run(const Raw& raw, RunOptions& run) {
 std::string run_footer() {
     std::ostringstream text;
     text << kRunExamples << "\n\nFaults (--fault NAME=VALUE, or ctl fault NAME VALUE):\n";
-    for (const ChipFaultInfo& fault : chip_fault_table()) {
-        text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
+    for (const std::vector<ChipFaultInfo>* table : {&chip_fault_table(), &assist_fault_table()}) {
+        for (const ChipFaultInfo& fault : *table) {
+            text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
+        }
     }
     return text.str();
 }
@@ -133,26 +152,52 @@ void add_chip_options(CLI::App* app, ChipOptions& chip, Raw& raw) {
     app->add_option("--busy-polls", chip.busy_polls, "status reads until a command is done")
         ->capture_default_str();
     app->add_option("--seed", chip.seed, "of everything random")->capture_default_str();
-    app->add_flag("--aiding", chip.aiding_requests, "ask for reference time and position after power-up");
+    app->add_flag_callback(
+        "--aiding", [&chip] { chip.aiding_requests = chip.orbit_requests = true; },
+        "ask for reference time, position and orbit data after power-up");
     app->add_option("--first-fix", chip.time_to_first_fix_ms, "milliseconds from power-up to the first fix")
+        ->capture_default_str();
+    app->add_option("--assisted-fix", chip.assisted_first_fix_ms,
+                    "the same once time and GPS orbits have come from the host")
         ->capture_default_str();
     app->add_option("--latitude", chip.latitude, "degrees")->capture_default_str();
     app->add_option("--longitude", chip.longitude, "degrees")->capture_default_str();
     app->add_option("--altitude", chip.altitude_m, "metres above the geoid")->capture_default_str();
-    app->add_option("--speed", chip.speed_mps, "metres a second")->capture_default_str();
+    app->add_option("--ground-speed", chip.speed_mps, "metres a second")->capture_default_str();
     app->add_option("--course", chip.course_deg, "degrees")->capture_default_str();
+}
+
+void add_flash_options(CLI::App* app, BoardOptions& board) {
+    ChipOptions& chip = board.chip;
+    app->add_option("--flash-size", chip.flash_size, "bytes of the chip's flash")->capture_default_str();
+    app->add_option("--flash-base", chip.flash_base, "address of the flash")->capture_default_str();
+    app->add_option("--flash-id", chip.flash_id, "manufacturer, type and capacity in bytes 0, 1 and 2")
+        ->capture_default_str();
+    app->add_flag("--flash-empty", chip.flash_empty, "a new flash holds no firmware");
+    app->add_option("--boot-window", chip.boot_window_ms,
+                    "milliseconds from power-up that the boot ROM listens")
+        ->capture_default_str();
+    app->add_option("--sleepy-polls", chip.sleepy_polls, "wake-up polls that find the boot ROM asleep")
+        ->capture_default_str();
+    app->add_flag(
+        "--msb-first", [&board](int64_t count) { board.lsb_first = count == 0; },
+        "the chip's multiplexer reads the most significant bit first (\"SPI bit order=1\")");
 }
 
 CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     CLI::App* command = app.add_subcommand("run", "run a board, and a program on it");
     add_chip_options(command, run.board.chip, raw);
+    add_flash_options(command, run.board);
     command->add_option("--fault", raw.faults, "NAME=VALUE, a fault from the start on; may be repeated")
         ->type_name("NAME=VALUE")
         ->expected(1)
         ->take_all();
     command->add_option("--spi-path", run.board.spi_path, "device node of the chip")
         ->capture_default_str()
-        ->check(node_error);
+        ->check(spi_node_error);
+    command->add_option("--i2c-path", run.board.i2c_path, "I2C node of the chip")
+        ->capture_default_str()
+        ->check(i2c_node_error);
     command->add_option("--power-gpio", run.board.power_pin, "line that powers the chip")
         ->capture_default_str()
         ->check(CLI::Range(0, run.board.pin_count - 1));
@@ -165,6 +210,13 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     command->add_option("--dir", run.directory,
                         "the board's directory; kept at the end (default: one of its own)");
     command->add_flag("--keep", run.keep, "keep the directory at the end");
+    command->add_option("--speed", run.speed, "how many times faster than the host's the clock runs")
+        ->capture_default_str()
+        ->check(CLI::Range(1U, kBoardClockFastest));
+    command
+        ->add_option("--time", run.time, "UTC at the start, like 2026-11-21T10:00:00Z (default: the host's)")
+        ->check(time_error);
+    command->add_flag("!--no-assist", run.assistance, "run no assistance server");
     command->add_option("--log", run.log, "file for the program's output");
     command->add_option("program", run.program, "program and its arguments, behind --");
     command->footer(run_footer());
@@ -174,9 +226,22 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
 CLI::App* add_exec(CLI::App& app, ExecOptions& exec) {
     CLI::App* command = app.add_subcommand("exec", "start a program on a running board");
     command->add_option("--dir", exec.directory, "the board's directory")->required();
+    command->add_option("--speed", exec.speed, "change the speed of the board's clock first")
+        ->check(CLI::Range(1U, kBoardClockFastest));
     command->add_option("program", exec.program, "program and its arguments, behind --")->required();
     command->footer(kExecExamples);
     return command;
+}
+
+void add_time(CLI::App* time, ControlOptions& control) {
+    time->add_option("--speed", control.speed, "times the host's from now on")
+        ->check(CLI::Range(1U, kBoardClockFastest));
+    auto* advance = time->add_option("--advance", control.advance_s, "put it forward by so many seconds")
+                        ->check(CLI::PositiveNumber);
+    time->add_option("--set", control.time, "put it forward to this UTC, like 2026-11-21T10:00:00Z")
+        ->check(time_error)
+        ->excludes(advance);
+    time->add_flag("--json", control.json, "as one JSON object");
 }
 
 CLI::App* add_control(CLI::App& app, ControlOptions& control) {
@@ -203,6 +268,7 @@ CLI::App* add_control(CLI::App& app, ControlOptions& control) {
         ->add_flag("--json", control.json, "as one JSON object");
     add("power", "level of the power line");
     add("rate", "change the rate")->add_option("hz", control.rate_hz, "epochs a second, 1 to 10")->required();
+    add_time(add("time", "show or change the board's clock"), control);
     add("quit", "end the board");
     return ctl;
 }

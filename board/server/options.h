@@ -16,6 +16,9 @@ struct RunOptions {
     BoardOptions board;
     std::string directory; // empty: one of its own, removed at the end
     bool keep = false;
+    uint32_t speed = 1;                     // of the board's clock, times the host's
+    std::string time;                       // UTC at the start, empty: the host's
+    bool assistance = true;                 // a server of predicted orbits
     std::string log;                        // file for the program's output, empty: passed through
     std::vector<std::string> configuration; // KEY=VALUE lines in front of the board's own
     std::vector<std::pair<std::string, std::string>> faults;
@@ -24,6 +27,7 @@ struct RunOptions {
 
 struct ExecOptions {
     std::string directory;
+    uint32_t speed = 0; // the board's clock gets this speed, 0: keeps its own
     std::vector<std::string> program;
 };
 
@@ -38,6 +42,9 @@ struct ControlOptions {
     std::string hex;
     std::string file;
     uint32_t rate_hz = 0;
+    uint32_t speed = 0; // time: 0 and empty mean no change
+    int64_t advance_s = 0;
+    std::string time;
 };
 
 struct Options {

@@ -1,5 +1,7 @@
 #include "server/run.h"
 
+#include "server/clock_file.h"
+#include "server/flash_file.h"
 #include "server/launch.h"
 #include "server/server.h"
 
@@ -19,6 +21,7 @@ constexpr int kFailed = 1;
 constexpr int kUsageError = 2;
 constexpr int kNotStarted = 127;
 constexpr mode_t kLogMode = 0644;
+constexpr int64_t kNsPerUs = 1000;
 
 int complain(const std::string& problem) {
     std::fprintf(stderr, "tavor-board: %s\n", problem.c_str());
@@ -52,22 +55,28 @@ void block_signals(sigset_t* before) {
 }
 
 void tell_ready(const RunOptions& options, const std::string& directory) {
-    if (!options.program.empty()) {
-        std::fprintf(stderr, "ready %s\n", directory.c_str()); // standard output belongs to the program
-        return;
+    const bool alone = options.program.empty();
+    FILE* const out = alone ? stdout : stderr; // standard output belongs to the program
+    std::fprintf(out, "ready %s\n", directory.c_str());
+    if (alone) {
+        std::fprintf(out, "start a program on it:  tavor-board exec --dir %s -- PROGRAM\n",
+                     directory.c_str());
+        std::fprintf(out, "ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
     }
-    std::printf("ready %s\n", directory.c_str());
-    std::printf("start a program on it:  tavor-board exec --dir %s -- PROGRAM\n", directory.c_str());
-    std::printf("ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
-    std::printf("debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
-                launch_setting(directory, "debug socket ip=", "192.168.1.1").c_str(),
-                launch_setting(directory, "debug socket port=", "7005").c_str());
-    std::fflush(stdout);
+    std::fprintf(out, "debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
+                 launch_setting(directory, "debug socket ip=", "192.168.1.1").c_str(),
+                 launch_setting(directory, "debug socket port=", "7005").c_str());
+    if (options.assistance) {
+        std::fprintf(out, "assistance server:      %s\n", launch_setting(directory, "XOD host=", "").c_str());
+    }
+    std::fflush(out);
 }
 
-std::string apply_faults(Board& board, const RunOptions& options) {
+std::string apply_faults(const ControlTarget& target, const RunOptions& options) {
     for (const auto& [name, value] : options.faults) {
-        std::string error = board_fault(board, name, value);
+        std::string error = assist_fault_is(name) && target.assist != nullptr
+                                ? assist_fault(*target.assist, name, value)
+                                : board_fault(*target.board, name, value);
         if (!error.empty()) {
             return error;
         }
@@ -82,7 +91,7 @@ void start_program(BoardServer& server, const RunOptions& options, const std::st
         become_program(options, directory, mask);
     }
     if (server.child < 0) {
-        server.quit = true;
+        server.target.quit = true;
         server.status = complain(std::string("can't start a process: ") + std::strerror(errno));
     }
 }
@@ -90,7 +99,9 @@ void start_program(BoardServer& server, const RunOptions& options, const std::st
 // From here on the directory is this board's.
 int serve(BoardServer& server, const RunOptions& options, const std::string& directory,
           const sigset_t& mask) {
-    const std::string problem = launch_configure(options, directory);
+    AssistServer* assist = server.target.assist;
+    std::string problem =
+        launch_configure(options, directory, assist == nullptr ? "" : assist_address(*assist));
     if (!problem.empty()) {
         return complain(problem);
     }
@@ -99,27 +110,80 @@ int serve(BoardServer& server, const RunOptions& options, const std::string& dir
     if (!options.program.empty()) {
         start_program(server, options, directory, mask);
     }
+    problem = assist == nullptr ? "" : assist_start(*assist); // threads: no process is made behind it
+    if (!problem.empty()) {
+        server.target.quit = true;
+        server.status = complain(problem);
+    }
     return server_run(server);
+}
+
+// The clock that the options ask for.
+void set_clock(BoardClock& clock, const RunOptions& options) {
+    int64_t utc = 0;
+    if (clock_parse(options.time, &utc)) {
+        board_clock_set_utc(clock, clock_host_time, utc);
+    }
+    if (options.speed != 1) {
+        board_clock_set_speed(clock, clock_host_time, options.speed);
+    }
+}
+
+// Puts the chip on the board's clock.
+void make_board(Board& board, const BoardClock& clock, BoardOptions options) {
+    const BoardTime zero = board_clock_now(clock, clock_host_time);
+    options.chip.utc_at_zero_us = static_cast<uint64_t>(zero.utc_ns / kNsPerUs);
+    options.clock_us = [&clock, zero] {
+        const BoardTime now = board_clock_now(clock, clock_host_time);
+        return static_cast<uint64_t>((now.monotonic_ns - zero.monotonic_ns) / kNsPerUs);
+    };
+    board_init(board, std::move(options));
+}
+
+// What makes up a board while it runs.
+struct Running {
+    BoardServer server;
+    ClockFile clock;
+    AssistServer assist;
+    Board board;
+
+    ~Running() {
+        server_close(server);
+        assist_close(assist);
+        clock_file_close(clock);
+    }
+};
+
+// Makes the board in its directory; no other runs there when the server has opened. Returns what went wrong.
+std::string open_board(Running& running, const RunOptions& options, const std::string& directory) {
+    std::string problem = server_open(running.server, directory);
+    if (problem.empty()) {
+        problem = clock_file_open(running.clock, directory);
+    }
+    if (!problem.empty()) {
+        return problem;
+    }
+    set_clock(*running.clock.clock, options);
+    make_board(running.board, *running.clock.clock, options.board);
+    running.server.target = {&running.board, running.clock.clock, nullptr, false};
+    problem = flash_file_load(running.board, directory);
+    if (problem.empty() && options.assistance) {
+        problem = assist_open(running.assist, *running.clock.clock, options.board.chip.seed);
+        running.server.target.assist = &running.assist;
+    }
+    return problem.empty() ? apply_faults(running.server.target, options) : problem;
 }
 
 int run_in(const RunOptions& options, const std::string& directory) {
     sigset_t mask;
     block_signals(&mask);
-    const auto board = std::make_unique<Board>();
-    board_init(*board, options.board);
-    std::string problem = apply_faults(*board, options);
+    const auto running = std::make_unique<Running>();
+    const std::string problem = open_board(*running, options, directory);
     if (!problem.empty()) {
         return complain(problem);
     }
-    BoardServer server;
-    problem = server_open(server, *board, directory);
-    if (!problem.empty()) {
-        server_close(server);
-        return complain(problem);
-    }
-    const int status = serve(server, options, directory, mask);
+    const int status = serve(running->server, options, directory, mask);
     launch_remove_queues(directory);
-    server_close(server);
     return status;
 }
 

@@ -2,12 +2,13 @@
 
 #include "interpose/wire.h"
 #include "server/board_socket.h"
-#include "server/control.h"
+#include "server/flash_file.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -122,7 +123,7 @@ void answer_spi_get(Board& board, ServerConnection& connection, const Request& r
 }
 
 void answer_control(BoardServer& server, const Request& request, Reply& reply) {
-    const std::string text = control_answer(*server.board, text_of(request), &server.quit);
+    const std::string text = control_answer(server.target, text_of(request));
     if (text.size() > kWirePayloadMax) {
         return refuse(reply, EMSGSIZE);
     }
@@ -144,16 +145,19 @@ void answer_node(BoardServer& server, ServerConnection& connection, const Reques
     }
     switch (request.header.operation) {
     case WIRE_READ:
-        return answer_read(*server.board, connection, request, reply);
+        return answer_read(*server.target.board, connection, request, reply);
     case WIRE_WRITE:
-        return set_result(
-            reply, board_node_write(*server.board, connection.file, request.payload, request.header.length));
+        return set_result(reply, board_node_write(*server.target.board, connection.file, request.payload,
+                                                  request.header.length));
     case WIRE_SPI_MESSAGE:
-        return answer_spi_message(*server.board, connection, request, reply);
+        return answer_spi_message(*server.target.board, connection, request, reply);
     case WIRE_SPI_SET:
-        return answer_spi_set(*server.board, connection, request, reply);
+        return answer_spi_set(*server.target.board, connection, request, reply);
     case WIRE_SPI_GET:
-        return answer_spi_get(*server.board, connection, request, reply);
+        return answer_spi_get(*server.target.board, connection, request, reply);
+    case WIRE_I2C_SLAVE:
+        return set_result(reply,
+                          board_i2c_select(*server.target.board, connection.file, request.header.number));
     default:
         return refuse(reply, ENOSYS);
     }
@@ -162,9 +166,9 @@ void answer_node(BoardServer& server, ServerConnection& connection, const Reques
 void answer(BoardServer& server, ServerConnection& connection, const Request& request, Reply& reply) {
     switch (request.header.operation) {
     case WIRE_OPEN:
-        return answer_open(*server.board, connection, request, reply);
+        return answer_open(*server.target.board, connection, request, reply);
     case WIRE_ACCESS:
-        return set_result(reply, board_access(*server.board, text_of(request)));
+        return set_result(reply, board_access(*server.target.board, text_of(request)));
     case WIRE_CONTROL:
         return answer_control(server, request, reply);
     default:
@@ -186,10 +190,18 @@ bool send_reply(int fd, Reply& reply) {
 void drop(BoardServer& server, int fd) {
     ServerConnection& connection = server.connections[fd];
     if (connection.open) {
-        board_close(*server.board, connection.file);
+        board_close(*server.target.board, connection.file);
     }
     server.connections.erase(fd);
     close(fd);
+}
+
+// Before the program learns that its block is written.
+void keep_flash(BoardServer& server) {
+    const std::string problem = flash_file_keep(*server.target.board, server.directory);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "tavor-board: %s\n", problem.c_str());
+    }
 }
 
 void serve(BoardServer& server, int fd) {
@@ -204,6 +216,7 @@ void serve(BoardServer& server, int fd) {
         Reply reply;
         if (request.header.length == static_cast<size_t>(size) - sizeof request.header) {
             answer(server, server.connections[fd], request, reply);
+            keep_flash(server);
             if (send_reply(fd, reply)) {
                 return;
             }
@@ -236,7 +249,7 @@ void reap_child(BoardServer& server) {
     int status = 0;
     if (server.child > 0 && waitpid(server.child, &status, WNOHANG) == server.child) {
         server.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        server.quit = true;
+        server.target.quit = true;
         server.child = -1;
     }
 }
@@ -251,7 +264,7 @@ void take_signal(BoardServer& server) {
     } else if (server.child > 0) {
         kill(server.child, static_cast<int>(info.ssi_signo));
     } else {
-        server.quit = true;
+        server.target.quit = true;
     }
 }
 
@@ -278,7 +291,7 @@ std::string listen_in(BoardServer& server, const std::string& directory) {
 
 // Whether there is nothing to wait for any more.
 bool is_over(const BoardServer& server) {
-    return server.quit && server.child <= 0;
+    return server.target.quit && server.child <= 0;
 }
 
 void handle_event(BoardServer& server, int fd) {
@@ -293,8 +306,8 @@ void handle_event(BoardServer& server, int fd) {
 
 } // namespace
 
-std::string server_open(BoardServer& server, Board& board, const std::string& directory) {
-    server.board = &board;
+std::string server_open(BoardServer& server, const std::string& directory) {
+    server.directory = directory;
     std::string error = listen_in(server, directory);
     if (!error.empty()) {
         return error;
@@ -323,7 +336,7 @@ int server_run(BoardServer& server) {
         for (int i = 0; i < count; ++i) {
             handle_event(server, events[static_cast<size_t>(i)].data.fd);
         }
-        if (server.quit && server.child > 0 && (!terminated || count == 0)) {
+        if (server.target.quit && server.child > 0 && (!terminated || count == 0)) {
             kill(server.child, terminated ? SIGKILL : SIGTERM);
             terminated = true;
         }

@@ -3,6 +3,7 @@
 #define TAVOR_BOARD_SERVER_H
 
 #include "devices/board_devices.h"
+#include "server/control.h"
 
 #include <map>
 #include <string>
@@ -15,20 +16,20 @@ struct ServerConnection {
 };
 
 struct BoardServer {
-    Board* board = nullptr;
+    ControlTarget target; // what is served
+    std::string directory;
     std::string socket_path; // of the listener, empty: none
     int listener = -1;
     int signals = -1;
     int events = -1;
     pid_t child = -1;
-    int status = 0;    // what the server ends with
-    bool quit = false; // the end was asked for; a child is still waited for
+    int status = 0; // what the server ends with
     std::map<int, ServerConnection> connections;
 };
 
-// Listens in the directory and takes over SIGINT, SIGTERM and SIGCHLD, which must be blocked. Returns what
-// went wrong, else empty.
-std::string server_open(BoardServer& server, Board& board, const std::string& directory);
+// Listens in the directory, for a board that may be made until server_run, and takes over SIGINT, SIGTERM and
+// SIGCHLD, which must be blocked. Returns what went wrong, else empty.
+std::string server_open(BoardServer& server, const std::string& directory);
 
 // Serves until the child has ended, or without one until SIGINT or SIGTERM; these go on to a child. A quit
 // request ends both. Returns the child's exit code, 128 + n when signal n ended it, else 0.

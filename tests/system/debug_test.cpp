@@ -194,18 +194,23 @@ TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
-TEST(DebugTcp, ModeSwitchesLeakNeitherDescriptorsNorThreads) {
+TEST(DebugTcp, AThousandModeSwitchesLeakNeitherDescriptorsNorThreads) {
+    constexpr int kRounds = 250;
+    const PseudoTerminal line;
     TcpOutlet outlet;
+    outlet.board.configure("debug port path", line.path);
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0);
     ASSERT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION)) << "the link is open: it counts below";
     const size_t threads = outlet.daemon.threads();
     const size_t descriptors = outlet.daemon.descriptors();
-    for (int i = 0; i < 50; ++i) {
-        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_TCP, TAVOR_CODE_DEBUG), 0) << i;
-        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0) << i;
-        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0) << i;
+    for (int i = 0; i < kRounds; ++i) {
+        for (const tavor_request_type mode : {TAVOR_REQUEST_DEBUG_TCP, TAVOR_REQUEST_DEBUG_FILE,
+                                              TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_REQUEST_DEBUG_OFF}) {
+            ASSERT_EQ(outlet.client.ask(mode, TAVOR_CODE_DEBUG), 0) << i << ", mode " << mode;
+        }
     }
-    EXPECT_EQ(outlet.daemon.threads(), threads);
+    EXPECT_TRUE(wait_until([&] { return outlet.daemon.threads() == threads; })) // joined, but not yet gone
+        << outlet.daemon.threads();
     EXPECT_EQ(outlet.daemon.descriptors(), descriptors);
 }
 

@@ -12,6 +12,10 @@ struct Fault {
     const char* value;
 };
 
+void PrintTo(const Fault& fault, std::ostream* out) {
+    *out << fault.name << "=" << fault.value;
+}
+
 constexpr int kCycles = 200;
 
 } // namespace

@@ -175,7 +175,8 @@ std::string SimulatedBoard::socket_path() const {
     return directory.path.string() + TAVOR_SOCKET_PATH;
 }
 
-DaemonOnBoard::DaemonOnBoard(const SimulatedBoard& on) : board(&on) {
+DaemonOnBoard::DaemonOnBoard(const SimulatedBoard& on, std::string daemon)
+    : board(&on), program(std::move(daemon)) {
     restart();
 }
 
@@ -183,8 +184,8 @@ void DaemonOnBoard::restart() {
     delete process;
     const std::string output = board->directory.path / "daemon.log";
     const size_t before = file_content(output).size();
-    process = new Child(
-        {TAVOR_BOARD_PROGRAM, "exec", "--dir", board->directory.path.string(), "--", TAVOR_PROGRAM}, output);
+    process = new Child({TAVOR_BOARD_PROGRAM, "exec", "--dir", board->directory.path.string(), "--", program},
+                        output);
     const bool started = wait_until([&] {
         return file_content(output).find("location_service_task_main", before) != std::string::npos ||
                !process->running();

@@ -66,7 +66,7 @@ struct SimulatedBoard {
 
 // The daemon on a board; its log goes to a file of the board's directory.
 struct DaemonOnBoard {
-    explicit DaemonOnBoard(const SimulatedBoard& on);
+    explicit DaemonOnBoard(const SimulatedBoard& on, std::string daemon = TAVOR_PROGRAM);
     ~DaemonOnBoard() {
         delete process;
     }
@@ -84,6 +84,7 @@ struct DaemonOnBoard {
     void restart();
 
     const SimulatedBoard* board;
+    std::string program;
     Child* process = nullptr;
 };
 

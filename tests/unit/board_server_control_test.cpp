@@ -1,5 +1,6 @@
 // Control requests on a board of this process.
 #include "interpose/wire.h"
+#include "server/clock_file.h"
 #include "server/control.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,7 @@ struct BoardControl : testing::Test {
     }
 
     json ask(const json& request) {
-        return json::parse(control_answer(board, request.dump(), &quit));
+        return json::parse(control_answer(target, request.dump()));
     }
 
     void power_on() {
@@ -32,7 +33,8 @@ struct BoardControl : testing::Test {
     }
 
     Board board;
-    bool quit = false;
+    BoardClock clock = {};
+    ControlTarget target = {&board, &clock, nullptr, false};
 };
 
 TEST_F(BoardControl, StatusHasTheNumbersOfTheChip) {
@@ -45,12 +47,53 @@ TEST_F(BoardControl, StatusHasTheNumbersOfTheChip) {
     EXPECT_EQ(status["aiding_position"]["verdict"], nullptr);
 }
 
+TEST_F(BoardControl, StatusTellsOfDownloads) {
+    const auto download = [this] { return ask({{"command", "status"}})["download"]; };
+    EXPECT_EQ(download()["state"], "off");
+    EXPECT_EQ(download()["result"], nullptr);
+    power_on();
+    EXPECT_EQ(download()["state"], "firmware");
+    EXPECT_EQ(download()["bootable"], true);
+    BoardFile file;
+    ASSERT_EQ(board_open(board, file, "/dev/spidev1.0", O_RDWR), 0);
+    ASSERT_EQ(board_spi_set(board, file, BoardSpiSetting::lsb_first, 1), 0);
+    const uint8_t wake[] = {0x0C};
+    ASSERT_EQ(board_node_write(board, file, wake, sizeof wake), 1);
+    EXPECT_EQ(download()["state"], "boot ROM");
+    EXPECT_EQ(download()["wake_ups"], 1);
+    EXPECT_EQ(download()["result"], "under way");
+}
+
 TEST_F(BoardControl, AFaultIsListedUntilItEnds) {
     EXPECT_EQ(ask({{"command", "fault"}, {"name", "silence"}, {"value", "on"}})["ok"], true);
     EXPECT_EQ(ask({{"command", "status"}})["faults"], json::array({"silence on"}));
     EXPECT_EQ(ask({{"command", "fault"}, {"name", "all"}, {"value", "off"}})["ok"], true);
     EXPECT_EQ(ask({{"command", "status"}})["faults"], json::array());
-    EXPECT_EQ(ask({{"command", "faults"}})["faults"].size(), chip_fault_table().size());
+    EXPECT_EQ(ask({{"command", "faults"}})["faults"].size(),
+              chip_fault_table().size() + assist_fault_table().size());
+}
+
+TEST_F(BoardControl, FaultsOfTheAssistanceServerNeedOne) {
+    const json fault = {{"command", "fault"}, {"name", "assist-stall"}, {"value", "on"}};
+    EXPECT_EQ(ask(fault)["ok"], false);
+    EXPECT_TRUE(ask({{"command", "status"}})["assist"].is_null());
+    AssistServer server;
+    target.assist = &server;
+    EXPECT_EQ(ask(fault)["ok"], true);
+    EXPECT_EQ(ask({{"command", "status"}})["assist"]["faults"], json::array({"assist-stall on"}));
+    EXPECT_EQ(ask({{"command", "fault"}, {"name", "all"}, {"value", "off"}})["ok"], true);
+    EXPECT_EQ(ask({{"command", "status"}})["assist"]["faults"], json::array());
+}
+
+TEST_F(BoardControl, StatusHasTheVerdictOnEachConstellation) {
+    board.chip.status.aiding_orbits[2].bad = 1;
+    board.chip.status.aiding_orbits[2].verdict = "record 3: satellite 4, not 5";
+    board.chip.status.first_fix_ms = 5200;
+    const json status = ask({{"command", "status"}});
+    EXPECT_EQ(status["aiding_orbits"]["galileo"]["verdict"], "record 3: satellite 4, not 5");
+    EXPECT_TRUE(status["aiding_orbits"]["beidou"]["verdict"].is_null());
+    EXPECT_EQ(status["first_fix_ms"], 5200);
+    EXPECT_EQ(status["assisted"], false);
 }
 
 TEST_F(BoardControl, AnInjectedSentenceIsCompleted) {
@@ -74,12 +117,53 @@ TEST_F(BoardControl, TheRateIsBounded) {
     EXPECT_EQ(board.chip.options.rate_hz, 7U);
 }
 
+TEST_F(BoardControl, TheClockIsShownAndPutForward) {
+    EXPECT_EQ(ask({{"command", "time"}})["speed"], 1);
+    EXPECT_LE(ask({{"command", "time"}})["ahead_s"], 1);
+    const json later = ask({{"command", "time"}, {"advance_s", 7200}});
+    EXPECT_EQ(later["ok"], true);
+    EXPECT_GE(later["ahead_s"], 7200);
+    EXPECT_EQ(ask({{"command", "time"}, {"speed", 60}})["speed"], 60);
+    const json there = ask({{"command", "time"}, {"set", "2100-02-28T23:59:59Z"}, {"speed", 1}});
+    EXPECT_EQ(there["time"].get<std::string>().substr(0, 10), "2100-02-28") << there;
+}
+
+TEST_F(BoardControl, AClockThatCantGoThereStays) {
+    for (const json& change :
+         {json{{"advance_s", -1}}, json{{"advance_s", 366LL * 86400 + 1}}, json{{"advance_s", INT64_MAX}},
+          json{{"set", "2001-01-01T00:00:00Z"}}, json{{"set", "2200-01-02T00:00:00Z"}},
+          json{{"set", "tomorrow"}}, json{{"speed", 0}}, json{{"speed", 100001}}, json{{"speed", "fast"}}}) {
+        json request = change;
+        request["command"] = "time";
+        EXPECT_EQ(ask(request)["ok"], false) << change;
+    }
+    EXPECT_FALSE(clock.own) << "it is the host's still";
+}
+
+TEST(ClockText, IsReadAsItIsWritten) {
+    for (const char* text :
+         {"1980-01-06T00:00:00Z", "2000-02-29T12:34:56Z", "2100-02-28T23:59:59Z", "2199-12-31T23:59:59Z"}) {
+        int64_t utc = 0;
+        ASSERT_TRUE(clock_parse(text, &utc)) << text;
+        EXPECT_EQ(clock_text(utc), text);
+        EXPECT_EQ(clock_text(utc + 999999999), text) << "rounded down";
+    }
+    int64_t utc = 0;
+    EXPECT_TRUE(clock_parse("2031-02-03T04:05:06", &utc));
+    EXPECT_EQ(utc, 1927857906LL * 1000000000);
+    for (const char* text :
+         {"", "2031", "2031-02-30T00:00:00Z", "2031-02-03T24:00:00Z", "2031-02-03 00:00:00",
+          "2031-02-03T00:00:00+1", "1979-12-31T23:59:59Z", "2201-01-01T00:00:00Z"}) {
+        EXPECT_FALSE(clock_parse(text, &utc)) << text;
+    }
+}
+
 TEST_F(BoardControl, OnlyQuitEndsTheBoard) {
     ask({{"command", "status"}});
     ask({{"command", "nope"}});
-    EXPECT_FALSE(quit);
+    EXPECT_FALSE(target.quit);
     ask({{"command", "quit"}});
-    EXPECT_TRUE(quit);
+    EXPECT_TRUE(target.quit);
 }
 
 TEST_F(BoardControl, AFullCommandLogFitsOneAnswer) {
@@ -88,7 +172,7 @@ TEST_F(BoardControl, AFullCommandLogFitsOneAnswer) {
     for (size_t i = 0; i < kChipCommandLogSize; ++i) {
         board.chip.commands.log.push_back({std::to_string(i) + body, false, 0});
     }
-    const std::string text = control_answer(board, R"({"command":"commands"})", &quit);
+    const std::string text = control_answer(target, R"({"command":"commands"})");
     EXPECT_LE(text.size(), kWirePayloadMax);
     const json answer = json::parse(text);
     const size_t count = answer["commands"].size();

@@ -42,6 +42,26 @@ TEST_F(BoardOptionsTest, TheDefaultsAreTheBoardsOwn) {
     EXPECT_TRUE(options.run.program.empty());
 }
 
+TEST_F(BoardOptionsTest, TheFlashAndItsBootRomAreChosen) {
+    ASSERT_EQ(read({"run", "--flash-size", "0x40000", "--flash-base", "0x10000000", "--flash-id", "0x123456",
+                    "--flash-empty", "--boot-window", "50", "--sleepy-polls", "7", "--msb-first", "--fault",
+                    "power-loss=3@write"}),
+              kGoOn)
+        << err;
+    const ChipOptions& chip = options.run.board.chip;
+    EXPECT_EQ(chip.flash_size, 0x40000U);
+    EXPECT_EQ(chip.flash_base, 0x10000000U);
+    EXPECT_EQ(chip.flash_id, 0x123456U);
+    EXPECT_TRUE(chip.flash_empty);
+    EXPECT_EQ(chip.boot_window_ms, 50U);
+    EXPECT_EQ(chip.sleepy_polls, 7U);
+    EXPECT_FALSE(options.run.board.lsb_first);
+    ASSERT_EQ(read({"run"}), kGoOn);
+    EXPECT_TRUE(options.run.board.lsb_first);
+    EXPECT_EQ(read({"run", "--flash-size", "1000"}), kUsageError);
+    EXPECT_NE(err.find("flash size"), std::string::npos) << err;
+}
+
 TEST_F(BoardOptionsTest, EverythingBehindTheDashesIsTheProgram) {
     ASSERT_EQ(read({"run", "--rate", "5", "--", "prog", "--rate", "7", "-x"}), kGoOn) << err;
     EXPECT_EQ(options.run.board.chip.rate_hz, 5U);
@@ -69,10 +89,28 @@ TEST_F(BoardOptionsTest, TheSourceIsATrajectoryALogOrNothing) {
 }
 
 TEST_F(BoardOptionsTest, ChipOptionsReachTheChip) {
-    ASSERT_EQ(read({"run",        "--sentences", "9",           "--rx-window", "64",          "--busy-polls",
-                    "3",          "--seed",      "4",           "--aiding",    "--first-fix", "500",
-                    "--latitude", "-33.5",       "--longitude", "-70.25",      "--altitude",  "520",
-                    "--speed",    "1.5",         "--course",    "90"}),
+    ASSERT_EQ(read({"run",
+                    "--sentences",
+                    "9",
+                    "--rx-window",
+                    "64",
+                    "--busy-polls",
+                    "3",
+                    "--seed",
+                    "4",
+                    "--aiding",
+                    "--first-fix",
+                    "500",
+                    "--latitude",
+                    "-33.5",
+                    "--longitude",
+                    "-70.25",
+                    "--altitude",
+                    "520",
+                    "--ground-speed",
+                    "1.5",
+                    "--course",
+                    "90"}),
               kGoOn)
         << err;
     const ChipOptions& chip = options.run.board.chip;

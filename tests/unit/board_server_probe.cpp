@@ -195,6 +195,32 @@ int probe_missing() {
     return 0;
 }
 
+std::atomic<bool> timer_fired = false;
+
+void on_timer(sigval) {
+    timer_fired = true;
+}
+
+// An hour on a timer, and another one asleep.
+int probe_hours() {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD;
+    event.sigev_notify_function = on_timer;
+    timer_t timer = nullptr;
+    const itimerspec hour = {{0, 0}, {3600, 0}};
+    const time_t begin = time(nullptr);
+    say("begin", begin);
+    timer_create(CLOCK_REALTIME, &event, &timer);
+    timer_settime(timer, 0, &hour, nullptr);
+    while (!timer_fired) {
+        usleep(1000000);
+    }
+    say("timer", time(nullptr) - begin >= 3600 ? 1 : 0);
+    sleep(3600);
+    say("sleep", time(nullptr) - begin >= 7200 ? 1 : 0);
+    return 0;
+}
+
 // A fault that a sanitizer finds, when this program was built with one.
 int probe_overrun() {
     constexpr size_t kRoom = 4;
@@ -213,7 +239,7 @@ int main(int argc, char** argv) {
         {"spi", probe_spi},         {"gpio", probe_gpio},         {"files", probe_files},
         {"socket", probe_socket},   {"queue", probe_queue},       {"wait", probe_wait},
         {"cancel", probe_cancel},   {"speed", probe_speed},       {"missing", probe_missing},
-        {"overrun", probe_overrun}, {"stubborn", probe_stubborn},
+        {"overrun", probe_overrun}, {"stubborn", probe_stubborn}, {"hours", probe_hours},
     };
     const auto probe = probes.find(argc > 1 ? argv[1] : "");
     if (probe == probes.end()) {

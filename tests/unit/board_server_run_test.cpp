@@ -98,9 +98,24 @@ TEST(BoardRun, FixedPathsLieInTheDirectory) {
 TEST(BoardRun, TheConfigurationFollowsTheOptions) {
     const RunResult result =
         run_probe({"files"}, {"--spi-path", "/dev/spidev3.1", "--power-gpio", "5", "--conf",
-                              "LOG path=/tmp/x", "--conf", "debug socket port=7105"});
+                              "LOG path=/tmp/x", "--conf", "debug socket port=7105", "--no-assist"});
     EXPECT_EQ(result.out, "LOG path=/tmp/x\ndebug socket port=7105\nSPI port path=/dev/spidev3.1\n"
                           "Power control gpio=5\ndebug socket ip=127.0.0.1\n");
+}
+
+TEST(BoardRun, WhereTheDebugOutletListensIsToldBesideTheProgramsOutput) {
+    const RunResult result = run_probe({"exit", "0"}, {"--conf", "debug socket ip=127.0.0.2", "--conf",
+                                                       "debug socket port=7105", "--no-assist"});
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "ready " + ready_directory(result.err) +
+                  "\ndebug outlet over TCP:  127.0.0.2:7105, once 'tavorctl debug tcp' has opened it\n");
+
+    const SimulatedBoard alone({"--conf", "debug socket port=7106"});
+    const std::string outlet =
+        "debug outlet over TCP:  127.0.0.1:7106, once 'tavorctl debug tcp' has opened it\n";
+    const auto told = [&] { return contains(alone.directory.read("board.log"), outlet); };
+    EXPECT_TRUE(wait_until(told));
 }
 
 TEST(BoardRun, AnExistingConfigurationIsKeptButForWhatContradicts) {
@@ -109,11 +124,33 @@ TEST(BoardRun, AnExistingConfigurationIsKeptButForWhatContradicts) {
     const std::string mine = "SPI port path=/dev/spidev1.0\nSPI frequency=1000000\nPower control gpio=17\n";
     place.write(file, mine);
 
-    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path}).status, 0);
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--no-assist", "--dir", place.path}).status, 0);
     EXPECT_EQ(place.read(file), mine);
-    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path, "--power-gpio", "4"}).status, 0);
-    ASSERT_EQ(run_probe({"exit", "0"}, {"--dir", place.path, "--power-gpio", "4"}).status, 0);
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--no-assist", "--dir", place.path, "--power-gpio", "4"}).status, 0);
+    ASSERT_EQ(run_probe({"exit", "0"}, {"--no-assist", "--dir", place.path, "--power-gpio", "4"}).status, 0);
     EXPECT_EQ(place.read(file), "Power control gpio=4\n" + mine) << "once";
+}
+
+TEST(BoardRun, TheAssistanceServerIsToldAndConfigured) {
+    const PrivateDir place;
+    const std::string file = "etc/default/tavor/tavor.conf";
+    std::string port;
+    for (int start = 0; start < 2; ++start) { // the second finds the first one's configuration
+        const RunResult result = run_probe({"exit", "0"}, {"--dir", place.path});
+        const std::string told = "assistance server:      127.0.0.1:";
+        ASSERT_TRUE(contains(result.err, told)) << result.err;
+        port = result.err.substr(result.err.find(told) + told.size());
+        EXPECT_EQ(place.read(file).rfind("XOD host=127.0.0.1:" + port +
+                                             "XOD vendor=tavor\nXOD project=board\n"
+                                             "XOD device id=0001\n",
+                                         0),
+                  0U)
+            << place.read(file);
+    }
+    EXPECT_EQ(place.read(file).rfind("XOD host="), 0U) << "one line only";
+    EXPECT_TRUE(std::filesystem::is_directory(place.path / "etc/default/tavor/xod"));
+    const RunResult mine = run_probe({"files"}, {"--conf", "XOD host=example.test"});
+    EXPECT_EQ(mine.out.rfind("XOD host=example.test\n", 0), 0U) << "an option wins";
 }
 
 TEST(BoardRun, AnotherNodeIsTheChipsWhenItIsAskedFor) {
@@ -300,6 +337,7 @@ TEST(BoardRun, ThePreloadLibraryRefusesAProgramWithoutABoard) {
 TEST(BoardControl, FaultsBeginAndEnd) {
     const SimulatedBoard board({"--fault", "silence=on"});
     EXPECT_TRUE(contains(board.ctl({"status"}), "silence on"));
+    EXPECT_TRUE(contains(board.ctl({"status"}), "\ndownload.state            off\n"));
     board.fault("silence", "off");
     EXPECT_FALSE(contains(board.ctl({"status"}), "silence on"));
     EXPECT_TRUE(contains(board.ctl({"fault", "--list"}), "never-ready"));
@@ -350,6 +388,44 @@ TEST(BoardControl, StatusIsOneJsonObject) {
     EXPECT_EQ(status["powered"], false);
     EXPECT_EQ(status["transfers"], 0);
     EXPECT_TRUE(status["aiding_time"]["verdict"].is_null());
+}
+
+TEST(BoardTime, AnHourOfTheProgramPassesInMilliseconds) {
+    const RunResult result = run_probe({"hours"}, {"--speed", "100000"});
+    EXPECT_TRUE(contains(result.out, "timer 1\nsleep 1\n")) << result.out;
+}
+
+TEST(BoardTime, StartsWhereTheOptionSays) {
+    const RunResult result = run_probe({"hours"}, {"--speed", "100000", "--time", "2031-02-03T04:05:06Z"});
+    EXPECT_TRUE(contains(result.out, "begin 19278")) << result.out; // that day and the next
+}
+
+TEST(BoardTime, ExecCanChangeTheSpeedOfTheBoard) {
+    const SimulatedBoard board;
+    const RunResult result = tool(
+        {"exec", "--dir", board.directory.path, "--speed", "100000", "--", TAVOR_PROBE_PROGRAM, "hours"});
+    EXPECT_TRUE(contains(result.out, "timer 1\nsleep 1\n")) << result.out;
+    EXPECT_EQ(nlohmann::json::parse(board.ctl({"time", "--json"}))["speed"], 100000);
+}
+
+TEST(BoardTime, ARunningProgramsClockCanBePutForward) {
+    const SimulatedBoard board;
+    const std::string log = board.directory.path / "hours.log";
+    Child program(
+        {TAVOR_BOARD_PROGRAM, "exec", "--dir", board.directory.path, "--", TAVOR_PROBE_PROGRAM, "hours"},
+        log);
+    ASSERT_TRUE(wait_until([&] { return contains(board.directory.read("hours.log"), "begin "); }));
+    EXPECT_TRUE(wait_until([&] {
+        board.ctl({"time", "--advance", "3600"}); // again and again: it may not wait yet
+        return !program.running();
+    }));
+    EXPECT_TRUE(contains(board.directory.read("hours.log"), "timer 1\nsleep 1\n"));
+}
+
+TEST(BoardTime, IsPutForwardToATime) {
+    const SimulatedBoard board({"--time", "2031-02-03T04:05:06Z"});
+    board.ctl({"time", "--set", "2031-06-07T08:09:10Z"});
+    EXPECT_TRUE(contains(board.ctl({"time"}), "2031-06-07T08:09:1"));
 }
 
 TEST(BoardSpeed, ATransferTakesWellUnderAMillisecond) {

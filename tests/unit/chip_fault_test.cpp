@@ -207,6 +207,19 @@ TEST(ChipFault, HostileLengthsAreServedWithPadding) {
     host.expect_works();
 }
 
+TEST(ChipFault, LengthsOfZeroKeepWhatWaits) {
+    FaultyHost host;
+    chip_queue(host.chip, "abc");
+    host.fault("zero-length", "on");
+    EXPECT_EQ(host.read_register(0x04), 0U);
+    EXPECT_EQ(host.read_register(0x08), 0U);
+    EXPECT_EQ(host.active(), Lines{"zero-length on"});
+    host.fault("zero-length", "rx");
+    EXPECT_EQ(host.read_all(), "abc");
+    host.fault("zero-length", "off");
+    host.expect_works();
+}
+
 TEST(ChipFault, BacklogWaitsAtOnceWhateverTheBufferSize) {
     FaultyHost host;
     host.fault("backlog", "200000");

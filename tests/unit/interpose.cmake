@@ -4,6 +4,8 @@ endforeach()
 
 if(TARGET tavor-board)
     tavor_test(board_server_options_test SOURCES board_server_options_test.cpp USES board_server)
+    tavor_test(board_server_flash_test SOURCES board_server_flash_test.cpp USES board_server)
+    tavor_test(board_assist_test SOURCES board_assist_test.cpp USES board_server)
     tavor_test(board_server_control_test SOURCES board_server_control_test.cpp USES board_server)
 
     # A program as it would run on the device; it knows nothing of boards.
