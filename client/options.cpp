@@ -58,14 +58,17 @@ constexpr CommandRow kCommands[] = {
      "Examples:\n  tavorctl send 353,1\n  tavorctl send 353,1 --wait 3 --json"},
     {"debug", Command::kDebug, "Switch the debug outlet",
      "Answer limit: 5 s.\n\nExamples:\n  tavorctl debug tcp\n  tavorctl debug off"},
-    {"assist", Command::kAssist, "Start the assistance download",
-     "Waits for the first download's result as long as --wait says; none is needed, and none comes, while the\n"
-     "stored data are fresh. The daemon goes on by itself.\n\n"
-     "Examples:\n  tavorctl assist\n  tavorctl assist --wait 0     don't wait for a download"},
+    {"assist", Command::kAssist, "Start the assistance download and follow its results",
+     "Answer limit: 5 s. Follows until interrupted; with --once until the first full cycle is over: a download\n"
+     "has failed, or none has ended for --wait seconds. None is needed, and no result comes, while the stored\n"
+     "data are fresh. The daemon goes on by itself.\n\n"
+     "Examples:\n  tavorctl assist\n  tavorctl assist --once --json\n"
+     "  tavorctl assist --wait 0     don't wait for a download"},
     {"download", Command::kDownload, "Write new firmware into the chip",
      "Limit: 20 min. Positioning is stopped and the chip off afterwards. Let no other client send requests\n"
-     "meanwhile: the answer would go there. Interrupting this tool does not stop the daemon.\n\n"
-     "Examples:\n  tavorctl download\n  tavorctl download --timeout 3600"},
+     "meanwhile: the answer would go there. Interrupting this tool does not stop the daemon. Progress is taken\n"
+     "from the daemon's log, where it can be read, and shown on standard error.\n\n"
+     "Examples:\n  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
 };
 
 // Problem of a text as seconds, empty when it is a number of them.
@@ -130,7 +133,13 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
             ->check(CLI::IsMember({"off", "file", "serial", "tcp"}));
         break;
     case Command::kAssist:
-        add_seconds(app, "--wait", options.wait_s, "How long to wait for the first download (60)");
+        app.add_flag("--once", options.once, "End after the first full cycle");
+        add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
+        break;
+    case Command::kDownload:
+        app.add_option("--log", options.log,
+                       "File that the daemon's log goes to (the journal of its service)")
+            ->type_name("FILE");
         break;
     default:
         break;

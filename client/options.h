@@ -20,8 +20,10 @@ struct Options {
     int64_t count = 0;                // watch: lines of output, 0 for no limit
     std::optional<double> duration_s; // watch: none or 0: no limit
     std::optional<double> wait_s;     // send, assist: none: the command's own default
+    bool once = false;                // assist: end after the first full cycle
     std::string body;                 // send
     std::string outlet;               // debug: off, file, serial or tcp
+    std::string log;                  // download: file with the daemon's log; empty: the journal
 };
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help

@@ -432,11 +432,60 @@ TEST(Assist, WaitsForTheFirstDownload) {
             d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
             d.send(make_response(TAVOR_CODE_ASSIST_RESULT, value));
         });
-        EXPECT_EQ(scene.run({"assist"}), value == 0 ? 0 : 1);
+        EXPECT_EQ(scene.run({"assist", "--wait", "0.2"}), value == 0 ? 0 : 1);
         EXPECT_EQ(lines_of(scene.out).at(0), "assistance download started");
         EXPECT_EQ(lines_of(scene.out).size(), value == 0 ? 2U : 1U);
         EXPECT_EQ(scene.err.empty(), value == 0) << scene.err;
     }
+}
+
+TEST(Assist, OnceShowsEveryFileOfTheCycle) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        for (int file = 0; file < 3; ++file) {
+            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+        }
+    });
+    EXPECT_EQ(scene.run({"assist", "--once", "--wait", "0.2"}), 0);
+    EXPECT_EQ(scene.out, "assistance download started\n" + std::string("assistance data downloaded\n") +
+                             "assistance data downloaded\nassistance data downloaded\n");
+    EXPECT_EQ(scene.err, "");
+}
+
+TEST(Assist, OnceEndsAtTheFirstFailure) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
+    });
+    EXPECT_EQ(scene.run({"assist", "--once", "--json", "--wait", "3600"}), 1);
+    ASSERT_EQ(lines_of(scene.out).size(), 3U) << scene.out;
+    EXPECT_EQ(Json::parse(lines_of(scene.out)[1]).at("ok"), true);
+    EXPECT_EQ(Json::parse(lines_of(scene.out)[2]).at("request"), "assist-download");
+    EXPECT_EQ(Json::parse(lines_of(scene.out)[2]).at("ok"), false);
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+}
+
+TEST(Assist, ARetryThatSucceedsIsASuccess) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+    });
+    EXPECT_EQ(scene.run({"assist", "--wait", "0.2"}), 0);
+    EXPECT_EQ(lines_of(scene.out).size(), 2U) << scene.out;
+    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+}
+
+TEST(Assist, FollowingEndsWithAnInterrupt) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+    });
+    Tool tool({TAVOR_CTL_PROGRAM, "--socket", scene.daemon.path, "assist"});
+    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 0) << tool.err;
 }
 
 TEST(Assist, NoDownloadInTheTimeIsStillAStart) {

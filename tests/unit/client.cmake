@@ -13,3 +13,7 @@ tavor_test(tavorctl_test LABEL system SOURCES ../system/tavorctl_test.cpp
 target_compile_definitions(client_options_test PRIVATE TAVOR_VERSION_FOR_TEST="${PROJECT_VERSION}")
 target_compile_definitions(tavorctl_test PRIVATE TAVOR_CTL_PROGRAM="$<TARGET_FILE:tavorctl>")
 add_dependencies(tavorctl_test tavorctl)
+tavor_test(client_download_log_test SOURCES client_download_log_test.cpp USES tavorctl_core)
+tavor_test(tavorctl_download_test LABEL system SOURCES ../system/tavorctl_download_test.cpp USES client_test_support)
+target_compile_definitions(tavorctl_download_test PRIVATE TAVOR_CTL_PROGRAM="$<TARGET_FILE:tavorctl>")
+add_dependencies(tavorctl_download_test tavorctl)

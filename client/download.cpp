@@ -1,0 +1,219 @@
+#include "client/download.h"
+
+#include "client/download_log.h"
+#include "client/download_view.h"
+#include "client/log_source.h"
+#include "client/print.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr double kDownloadLimitS = 20.0 * 60;
+constexpr double kLookS = 0.2;    // between two looks at the log
+constexpr double kSettleS = 1;    // for what the journal has not delivered when the answer comes
+constexpr double kNoAnswerS = 3;  // behind the end that the log tells: the answer has gone elsewhere
+constexpr double kJsonEveryS = 1; // within one step
+constexpr size_t kUsualWidth = 80;
+constexpr char kClearLine[] = "\r\033[K";
+
+// A download under way.
+struct Run {
+    Session& session;
+    LogSource log = {};
+    DownloadProgress progress = {};
+    bool heard = false; // the log speaks of it
+    bool terminal = false;
+    bool drawn = false;                        // a bar stands on the terminal
+    std::string step = download_view_step({}); // shown last
+    uint64_t told_done = 0;
+    Clock::time_point begin = Clock::now();
+    Clock::time_point step_begin = Clock::now();
+    Clock::time_point told_at = {};
+};
+
+double seconds_since(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+DownloadTimes times_of(const Run& run) {
+    return {seconds_since(run.begin), seconds_since(run.step_begin)};
+}
+
+std::optional<uint64_t> size_of_file(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    return static_cast<uint64_t>(status.st_size);
+}
+
+bool has_ended(const Run& run) {
+    return run.progress.phase == DownloadPhase::kDone || run.progress.phase == DownloadPhase::kFailed;
+}
+
+size_t terminal_width() {
+    winsize size = {};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+    return (known ? size.ws_col : kUsualWidth) - 1;
+}
+
+void open_log(Run& run) {
+    const std::string& path = run.session.options.log;
+    if (path.empty()) {
+        log_source_open_journal(run.log);
+    } else if (!log_source_open_file(run.log, path)) {
+        session_note("cannot read the log " + print_safe(path) + ": " + std::strerror(errno) +
+                     "; only the time is shown");
+    }
+}
+
+void clear_bar(Run& run) {
+    if (run.drawn) {
+        std::fputs(kClearLine, stderr);
+        run.drawn = false;
+    }
+}
+
+void draw_bar(Run& run) {
+    const std::string text = download_view_bar(run.progress, times_of(run), terminal_width());
+    std::fprintf(stderr, "%s%s", kClearLine, text.c_str());
+    run.drawn = true;
+}
+
+// A new step is always told, what happens within one from time to time.
+void tell_json(Run& run, bool new_step) {
+    const bool due = seconds_since(run.told_at) >= kJsonEveryS && run.progress.done != run.told_done;
+    if (run.heard && (new_step || due)) {
+        run.told_at = Clock::now();
+        run.told_done = run.progress.done;
+        session_emit(run.session, download_view_json(run.progress, times_of(run)));
+    }
+}
+
+void show(Run& run) {
+    const std::string step = download_view_step(run.progress);
+    const bool new_step = step != run.step;
+    if (new_step) {
+        run.step = step;
+        run.step_begin = Clock::now();
+    }
+    if (run.session.options.json) {
+        tell_json(run, new_step);
+    } else if (run.terminal) {
+        draw_bar(run);
+    } else if (new_step && !has_ended(run)) {
+        session_note(step); // of the end, the answer tells
+    }
+}
+
+// Every step that has passed since the last look is shown.
+void look(Run& run) {
+    log_source_read(run.log, [&](std::string_view line) {
+        if (!download_log_line(run.progress, line, size_of_file)) {
+            return;
+        }
+        run.heard = true;
+        if (download_view_step(run.progress) != run.step) {
+            show(run);
+        }
+    });
+    show(run);
+}
+
+void settle(Run& run) {
+    const Clock::time_point end = deadline_in(kSettleS);
+    look(run);
+    while (run.log.reader > 0 && !has_ended(run) && Clock::now() < end) {
+        const timespec pause = {0, 20'000'000};
+        nanosleep(&pause, nullptr);
+        look(run);
+    }
+}
+
+bool answer_is_lost(const Run& run) {
+    return has_ended(run) && seconds_since(run.step_begin) > kNoAnswerS;
+}
+
+Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Record>& answer) {
+    const Visitor visit = [&](const Record& record) {
+        const bool is_answer = record.kind == RecordKind::kResult && record.code == TAVOR_CODE_DOWNLOAD;
+        if (is_answer) {
+            answer = record;
+        }
+        return !is_answer;
+    };
+    Outcome outcome = Outcome::kTimeout;
+    while (outcome == Outcome::kTimeout && Clock::now() < deadline && !answer_is_lost(run)) {
+        look(run);
+        outcome = exchange_collect(run.session.connection, std::min(deadline, deadline_in(kLookS)), visit);
+    }
+    return outcome;
+}
+
+std::string failure_text(const Run& run) {
+    if (run.progress.error.empty()) {
+        return "the firmware could not be written: the daemon answered failure; check 'DA path=' and 'image path=' "
+               "and see 'journalctl -u tavor'";
+    }
+    return "the firmware could not be written: '" + print_safe(run.progress.error) + "'; " +
+           std::string(download_advice(run.progress.error));
+}
+
+int report(Run& run, const Record& answer) {
+    settle(run);
+    clear_bar(run);
+    if (!record_ok(answer) && run.session.options.json && !run.progress.error.empty()) {
+        session_emit(run.session, download_view_failure_json(run.progress));
+    }
+    return session_report(run.session, answer, failure_text(run));
+}
+
+// Another client's request has taken the answer: the log alone tells how it ended.
+int report_from_log(Run& run) {
+    session_note("the answer went to another client; the daemon's log tells how it ended");
+    if (run.progress.phase == DownloadPhase::kFailed) {
+        return session_fail(kExitFailed, failure_text(run));
+    }
+    if (!run.session.options.json) {
+        session_emit(run.session, "firmware written\n");
+    }
+    return session_output_status(run.session);
+}
+
+} // namespace
+
+// The request is sent once only: firmware is never written twice.
+int download_run(Session& session) {
+    Run run = {.session = session};
+    run.terminal = isatty(STDERR_FILENO) != 0;
+    open_log(run);
+    const double limit_s = session.options.timeout_s.value_or(kDownloadLimitS);
+    const Clock::time_point deadline = deadline_in(limit_s);
+    if (!connection_send(session.connection, TAVOR_REQUEST_DOWNLOAD, "", deadline)) {
+        const bool interrupted = session.connection.error.empty();
+        return session_end_status(session, interrupted ? Outcome::kInterrupted : Outcome::kUnreachable,
+                                  limit_s);
+    }
+    std::optional<Record> answer;
+    const Outcome outcome = wait_for_answer(run, deadline, answer);
+    if (answer) {
+        return report(run, *answer);
+    }
+    clear_bar(run);
+    if (outcome == Outcome::kTimeout && has_ended(run)) {
+        return report_from_log(run);
+    }
+    if (outcome == Outcome::kInterrupted) {
+        session_note(
+            "the daemon goes on writing firmware; leave the device on until 'journalctl -u tavor' says it is done");
+    }
+    return session_end_status(session, outcome, limit_s);
+}

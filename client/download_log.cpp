@@ -1,0 +1,259 @@
+#include "client/download_log.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+namespace {
+
+constexpr size_t kImagesMax = 1000; // remembered
+constexpr size_t kErrorMax = 400;   // characters kept
+constexpr size_t kTimeOfDaySize = 23;
+constexpr uint64_t kBlockSize = 4096;
+constexpr uint32_t kAgentLengthWord = 3; // behind the upload's command and the address
+
+struct Entry {
+    bool error;
+    std::string_view text;
+};
+
+struct Advice {
+    std::string_view begin; // of the error
+    std::string_view text;
+};
+
+constexpr std::string_view kLink =
+    "check power, wiring and the SPI settings of tavor.conf, lower 'SPI frequency=' and try again";
+
+constexpr Advice kAdvices[] = {
+    {"open file Failed:", "put the image list there or correct 'image path='"},
+    {"Parsing config image count", "the image list names no image: add a '- rom:' block"},
+    {"UnExpected line=", "correct this line of the image list: a block is file:, name: and begin_address:"},
+    {"Out of index", "remove '- rom:' from the comments of the image list"},
+    {"DA len is zero", "put the download agent's file at the place of 'DA path='"},
+    {"Open da file", "let the daemon read the download agent's file"},
+    {"Handshake timeout",
+     "the chip's boot ROM is silent: check power, 'Power control gpio=' and the SPI settings"},
+    {"========== Handshake fail",
+     "another client stopped it while the chip's boot ROM answered wrongly: check the "
+     "SPI settings and try again"},
+    {"btrom checksum", kLink},
+    {"hdl_brom", kLink},
+    {"[SPIM]", kLink},
+    {"SPI master", kLink},
+    {"1. SPI master", kLink},
+    {"hdl_flash_",
+     "the download agent does not answer: see that its file is the one for this chip and try again"},
+    {"format_sliding", "the flash was not erased in time: see that it is not protected and try again"},
+    {"FORMAT_TIMEOUT", "the flash was not erased in time: see that it is not protected and try again"},
+    {"download_image getFileSize", "an image file is empty or missing: put it beside the image list"},
+    {"can not open", "put the image file beside the image list, readable for the daemon"},
+    {"download_sliding", "blocks were not taken: see that begin_address lies inside the flash and try again"},
+    {"check_image_crc", "the flash holds something else: see that no image overlaps another and try again"},
+    {"hdl_finish_kite", "all images are written and checked: try 'tavorctl start'; if it fails, try again"},
+};
+
+constexpr std::string_view kOtherAdvice =
+    "try again: a chip whose download failed can be written anew at any time";
+
+// Lines that only sum up what another one has told better.
+constexpr std::string_view kSummaries[] = {"========== Handshake fail",
+                                           "Parsing config content",
+                                           "download_sliding_window_flow fail",
+                                           "format_sliding_window_flow fail",
+                                           "download /",
+                                           "check_image_crc /",
+                                           "echoU32 want"};
+
+bool begins_with(std::string_view text, std::string_view begin) {
+    return text.substr(0, begin.size()) == begin;
+}
+
+// The text behind the stamps "2024-05-01 12:00:00.123 [I][   1.234] "; a missing time of day is empty.
+std::optional<Entry> entry_of(std::string_view line) {
+    const size_t level = std::min(line.find(" [I]["), line.find(" [E]["));
+    if (level > kTimeOfDaySize) { // also when neither is found
+        return std::nullopt;
+    }
+    const size_t elapsed_end = line.find("] ", level + 5);
+    if (elapsed_end == std::string_view::npos) {
+        return std::nullopt;
+    }
+    std::string_view text = line.substr(elapsed_end + 2);
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) {
+        text.remove_suffix(1);
+    }
+    return Entry{line[level + 2] == 'E', text};
+}
+
+// The number behind the beginning, which the text must have.
+std::optional<uint32_t> number_behind(std::string_view text, std::string_view begin, int base) {
+    if (!begins_with(text, begin)) {
+        return std::nullopt;
+    }
+    text.remove_prefix(begin.size());
+    uint32_t value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    return result.ec == std::errc() ? std::optional(value) : std::nullopt;
+}
+
+void enter(DownloadProgress& progress, DownloadPhase phase) {
+    progress.phase = phase;
+    progress.image = 0;
+    progress.done = 0;
+    progress.total.reset();
+    progress.error.clear();
+}
+
+// Takes up the image with the number, from 1.
+void enter_image(DownloadProgress& progress, DownloadPhase phase, uint32_t image, const FileSize& size_of) {
+    enter(progress, phase);
+    progress.image = image;
+    if (phase == DownloadPhase::kWrite && image <= progress.paths.size()) {
+        progress.total = size_of(progress.paths[image - 1]);
+    }
+}
+
+void next_image(DownloadProgress& progress, const FileSize& size_of) {
+    if (progress.image < progress.images) {
+        enter_image(progress, progress.phase, progress.image + 1, size_of);
+    }
+}
+
+void count_to(DownloadProgress& progress, uint64_t done) {
+    progress.done = progress.total ? std::min(done, *progress.total) : done;
+    progress.error.clear(); // what failed before has been overcome
+}
+
+void take_error(DownloadProgress& progress, std::string_view text) {
+    const bool summary = std::any_of(std::begin(kSummaries), std::end(kSummaries),
+                                     [&](std::string_view begin) { return begins_with(text, begin); });
+    if (!summary || progress.error.empty()) {
+        progress.error = text.substr(0, kErrorMax);
+    }
+}
+
+void take_list(DownloadProgress& progress, std::string_view text) {
+    if (const auto count = number_behind(text, "image count=", 10)) {
+        progress.images = *count;
+    } else if (begins_with(text, "file name=") && progress.paths.size() < kImagesMax) {
+        progress.paths.emplace_back(text.substr(sizeof "file name=" - 1));
+    } else if (begins_with(text, "begin_address:[") && progress.begins.size() < kImagesMax) {
+        const size_t value = text.rfind("=> 0x");
+        const auto begin =
+            value == std::string_view::npos ? std::nullopt : number_behind(text.substr(value), "=> 0x", 16);
+        progress.begins.push_back(begin.value_or(0));
+    }
+}
+
+void take_agent(DownloadProgress& progress, std::string_view text) {
+    if (begins_with(text, "echoU8 Send 0xD7")) {
+        progress.agent_words = 1;
+    } else if (const auto word = number_behind(text, "echoU32 Send 0x", 16)) {
+        progress.agent_words += progress.agent_words > 0 ? 1 : 0;
+        if (progress.agent_words == kAgentLengthWord) {
+            progress.total = *word;
+        }
+    } else if (begins_with(text, "SEND ")) {
+        const size_t total = text.rfind("total ");
+        const auto done =
+            total == std::string_view::npos ? std::nullopt : number_behind(text.substr(total), "total ", 10);
+        count_to(progress, done.value_or(0));
+    } else if (const auto address = number_behind(text, "########## Flash address: 0x", 16)) {
+        progress.flash_begin = *address;
+    } else if (const auto size = number_behind(text, "########## Flash size: 0x", 16)) {
+        progress.flash_size = *size;
+    }
+}
+
+void take_erase(DownloadProgress& progress, std::string_view text) {
+    progress.total = progress.flash_size != 0 ? std::optional(progress.flash_size) : std::nullopt;
+    const auto address = number_behind(text, "Format resp address(0x", 16);
+    if (address && *address >= progress.flash_begin) {
+        count_to(progress, *address - progress.flash_begin);
+    }
+}
+
+void take_write(DownloadProgress& progress, std::string_view text) {
+    const auto address = number_behind(text, "Download resp address(0x", 16);
+    const size_t index = progress.image - 1;
+    if (address && index < progress.begins.size() && *address >= progress.begins[index]) {
+        count_to(progress, *address - progress.begins[index] + kBlockSize);
+    }
+}
+
+bool is_pass(std::string_view text, std::string_view begin) {
+    return begins_with(text, begin) && text.size() > 5 && text.substr(text.size() - 5) == " PASS";
+}
+
+// Lines that begin a phase, whatever the present one is. True when this is one.
+bool take_phase(DownloadProgress& progress, std::string_view text, const FileSize& size_of) {
+    if (begins_with(text, "========== Download start")) {
+        progress = {};
+    } else if (begins_with(text, "Please reboot chip again")) {
+        enter(progress, DownloadPhase::kHandshake);
+    } else if (begins_with(text, "========== Handshake pass")) {
+        enter(progress, DownloadPhase::kAgent);
+    } else if (begins_with(text, "Format time:")) {
+        enter_image(progress, DownloadPhase::kWrite, 1, size_of);
+    } else if (begins_with(text, "Download time:")) {
+        enter_image(progress, DownloadPhase::kCheck, 1, size_of);
+    } else if (begins_with(text, "Check image crc time:")) {
+        enter(progress, DownloadPhase::kFinish);
+    } else if (begins_with(text, "========== Download Finish")) {
+        enter(progress, DownloadPhase::kDone);
+    } else if (begins_with(text, "========== Download Fail")) {
+        progress.phase = DownloadPhase::kFailed;
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void take_within_phase(DownloadProgress& progress, std::string_view text, const FileSize& size_of) {
+    switch (progress.phase) {
+    case DownloadPhase::kWaiting:
+        return take_list(progress, text);
+    case DownloadPhase::kAgent:
+        if (begins_with(text, "########## Format send")) {
+            enter(progress, DownloadPhase::kErase);
+            return take_erase(progress, text);
+        }
+        return take_agent(progress, text);
+    case DownloadPhase::kErase:
+        return take_erase(progress, text);
+    case DownloadPhase::kWrite:
+        return is_pass(text, "download ") ? next_image(progress, size_of) : take_write(progress, text);
+    case DownloadPhase::kCheck:
+        return is_pass(text, "check_image_crc ") ? next_image(progress, size_of) : void();
+    default:
+        return;
+    }
+}
+
+} // namespace
+
+bool download_log_line(DownloadProgress& progress, std::string_view line, const FileSize& size_of) {
+    const std::optional<Entry> entry = entry_of(line);
+    if (!entry) {
+        return false;
+    }
+    if (entry->error) {
+        take_error(progress, entry->text);
+    } else if (!take_phase(progress, entry->text, size_of)) {
+        take_within_phase(progress, entry->text, size_of);
+    }
+    return true;
+}
+
+std::string_view download_phase_name(DownloadPhase phase) {
+    constexpr std::array<std::string_view, 9> kNames = {"waiting", "handshake", "agent", "erase", "write",
+                                                        "check",   "finish",    "done",  "failed"};
+    return kNames[static_cast<size_t>(phase)];
+}
+
+std::string_view download_advice(std::string_view error) {
+    const auto* advice = std::find_if(std::begin(kAdvices), std::end(kAdvices),
+                                      [&](const Advice& row) { return begins_with(error, row.begin); });
+    return advice == std::end(kAdvices) ? kOtherAdvice : advice->text;
+}

@@ -1,0 +1,42 @@
+// What the daemon's log says of a firmware download: pure parsing, no I/O. Any line may be hostile.
+#ifndef TAVOR_CLIENT_DOWNLOAD_LOG_H
+#define TAVOR_CLIENT_DOWNLOAD_LOG_H
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+enum class DownloadPhase { kWaiting, kHandshake, kAgent, kErase, kWrite, kCheck, kFinish, kDone, kFailed };
+
+struct DownloadProgress {
+    DownloadPhase phase = DownloadPhase::kWaiting;
+    uint32_t images = 0;           // in the list, 0 while unknown
+    uint32_t image = 0;            // being written or checked, from 1; 0 in other phases
+    uint64_t done = 0;             // bytes of this phase, of this image while writing
+    std::optional<uint64_t> total; // what done counts up to
+    std::string error;             // the line that tells best what went wrong; empty while nothing has
+
+    // What later lines are understood by.
+    std::vector<std::string> paths;
+    std::vector<uint32_t> begins;
+    uint64_t flash_begin = 0;
+    uint64_t flash_size = 0;
+    uint32_t agent_words = 0; // of the upload's announcement, its command included
+};
+
+// Bytes of a file, none when that can't be told.
+using FileSize = std::function<std::optional<uint64_t>(const std::string& path)>;
+
+// Takes one line of the log, without its line end. False when it is no line of a download.
+bool download_log_line(DownloadProgress& progress, std::string_view line, const FileSize& size_of);
+
+// "write", as in the tool's output.
+std::string_view download_phase_name(DownloadPhase phase);
+
+// What to do about an error of the log, one line.
+std::string_view download_advice(std::string_view error);
+
+#endif

@@ -1,0 +1,104 @@
+#include "client/download_view.h"
+
+#include "client/print.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr size_t kBarWidth = 24;
+constexpr double kRateFromS = 1; // before that a rate means nothing
+constexpr double kLongestLeftS = 99 * 60;
+
+std::string dump(const Json& object) {
+    return object.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n";
+}
+
+std::string clock_text(double seconds) {
+    const auto whole = static_cast<long>(std::max(0.0, seconds));
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%ld:%02ld", whole / 60, whole % 60);
+    return text.data();
+}
+
+std::string rate_text(double bytes_per_s) {
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%.1f kB/s", bytes_per_s / 1000);
+    return text.data();
+}
+
+std::string bar_text(double share) {
+    const auto filled = static_cast<size_t>(share * kBarWidth);
+    std::array<char, 16> percent = {};
+    std::snprintf(percent.data(), percent.size(), "%3d %%", static_cast<int>(share * 100));
+    return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " + percent.data();
+}
+
+std::string base_name(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+// Rate and time left, which need a while to mean something.
+std::string speed_text(const DownloadProgress& progress, double step_s) {
+    if (progress.done == 0 || step_s < kRateFromS) {
+        return "";
+    }
+    const double rate = static_cast<double>(progress.done) / step_s;
+    std::string text = "  " + rate_text(rate);
+    if (progress.total) {
+        const double left_s = static_cast<double>(*progress.total - progress.done) / rate;
+        text += left_s <= kLongestLeftS ? "  " + clock_text(left_s) + " left" : "";
+    }
+    return text;
+}
+
+} // namespace
+
+std::string download_view_step(const DownloadProgress& progress) {
+    if (progress.phase == DownloadPhase::kWaiting) {
+        return "writing firmware";
+    }
+    std::string text(download_phase_name(progress.phase));
+    if (progress.image > 0) {
+        text += " image " + std::to_string(progress.image) + " of " + std::to_string(progress.images);
+        if (progress.image <= progress.paths.size()) {
+            text += " (" + print_safe(base_name(progress.paths[progress.image - 1])) + ")";
+        }
+    }
+    return text;
+}
+
+std::string download_view_bar(const DownloadProgress& progress, const DownloadTimes& times, size_t width) {
+    std::string text = download_view_step(progress);
+    if (progress.total && *progress.total > 0) {
+        text += "  " + bar_text(static_cast<double>(progress.done) / static_cast<double>(*progress.total));
+    }
+    text += speed_text(progress, times.step_s) + "  " + clock_text(times.all_s);
+    return text.substr(0, width);
+}
+
+std::string download_view_json(const DownloadProgress& progress, const DownloadTimes& times) {
+    Json object;
+    object["type"] = "progress";
+    object["phase"] = download_phase_name(progress.phase);
+    object["image"] = progress.image > 0 ? Json(progress.image) : Json(nullptr);
+    object["images"] = progress.images > 0 ? Json(progress.images) : Json(nullptr);
+    object["done"] = progress.done;
+    object["total"] = progress.total ? Json(*progress.total) : Json(nullptr);
+    object["elapsed"] = std::round(times.all_s * 1000) / 1000;
+    return dump(object);
+}
+
+std::string download_view_failure_json(const DownloadProgress& progress) {
+    Json object;
+    object["type"] = "failure";
+    object["error"] = progress.error;
+    object["advice"] = download_advice(progress.error);
+    return dump(object);
+}

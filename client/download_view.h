@@ -1,0 +1,28 @@
+// Progress of a firmware download as text: pure. All results are ASCII without control characters.
+#ifndef TAVOR_CLIENT_DOWNLOAD_VIEW_H
+#define TAVOR_CLIENT_DOWNLOAD_VIEW_H
+
+#include "client/download_log.h"
+
+#include <string>
+
+// How long the download and its present step have lasted.
+struct DownloadTimes {
+    double all_s;
+    double step_s;
+};
+
+// What is being done: "handshake", "write image 1 of 2 (a.bin)"; "writing firmware" while that is not known.
+std::string download_view_step(const DownloadProgress& progress);
+
+// The step with bar, share, rate and time left where they are known, and the time since the start; cut to the
+// width in columns.
+std::string download_view_bar(const DownloadProgress& progress, const DownloadTimes& times, size_t width);
+
+// One line of JSON, type "progress", with its line end.
+std::string download_view_json(const DownloadProgress& progress, const DownloadTimes& times);
+
+// One line of JSON, type "failure": what the log says and what to do, with its line end.
+std::string download_view_failure_json(const DownloadProgress& progress);
+
+#endif

@@ -1,0 +1,111 @@
+#include "client/log_source.h"
+
+#include <array>
+#include <csignal>
+#include <ctime>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kLineMax = 4096;
+constexpr size_t kReadMax = size_t{1} << 20; // of one call: an endless log must not hold the tool up
+
+// A log that was emptied or replaced by a shorter one is read from its start.
+void follow_truncation(const LogSource& source) {
+    struct stat status = {};
+    const off_t at = lseek(source.fd, 0, SEEK_CUR);
+    if (source.reader < 0 && fstat(source.fd, &status) == 0 && status.st_size < at) {
+        lseek(source.fd, 0, SEEK_SET);
+    }
+}
+
+void take_byte(LogSource& source, char byte, const std::function<void(std::string_view)>& visit) {
+    if (byte != '\n') {
+        source.skips = source.skips || source.begun.size() == kLineMax;
+        if (!source.skips) {
+            source.begun += byte;
+        }
+        return;
+    }
+    visit(source.begun);
+    source.begun.clear();
+    source.skips = false;
+}
+
+} // namespace
+
+LogSource::~LogSource() {
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (reader > 0) {
+        kill(reader, SIGTERM);
+        waitpid(reader, nullptr, 0);
+    }
+}
+
+bool log_source_open_file(LogSource& source, const std::string& path) {
+    source.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (source.fd < 0) {
+        return false;
+    }
+    lseek(source.fd, 0, SEEK_END);
+    return true;
+}
+
+void log_source_open_journal(LogSource& source) {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return;
+    }
+    // The reader is not up at once: what is logged until then is asked for by its time.
+    std::string since = "--since=@" + std::to_string(std::time(nullptr));
+    std::string journalctl = "journalctl";
+    std::string unit = "--unit=tavor";
+    std::string follow = "--follow";
+    std::string all = "--no-tail";
+    std::string plain = "--output=cat";
+    std::array<char*, 7> argv = {journalctl.data(), unit.data(),  follow.data(), all.data(),
+                                 since.data(),      plain.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attributes, &none); // the tool holds its own signals back
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+    if (posix_spawnp(&source.reader, "journalctl", &actions, &attributes, argv.data(), environ) != 0) {
+        source.reader = -1;
+    }
+    posix_spawnattr_destroy(&attributes);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    source.fd = ends[0];
+}
+
+void log_source_read(LogSource& source, const std::function<void(std::string_view line)>& visit) {
+    if (source.fd < 0) {
+        return;
+    }
+    follow_truncation(source);
+    std::array<char, 4096> bytes = {};
+    for (size_t total = 0; total < kReadMax;) {
+        const ssize_t count = read(source.fd, bytes.data(), bytes.size());
+        if (count <= 0) {
+            return;
+        }
+        total += static_cast<size_t>(count);
+        for (const char byte : std::string_view(bytes.data(), static_cast<size_t>(count))) {
+            take_byte(source, byte, visit);
+        }
+    }
+}

@@ -1,0 +1,31 @@
+// The daemon's log while it is written: a file, or the service's journal.
+#ifndef TAVOR_CLIENT_LOG_SOURCE_H
+#define TAVOR_CLIENT_LOG_SOURCE_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+struct LogSource {
+    LogSource() = default;
+    ~LogSource(); // closes, and ends a journal reader
+    LogSource(const LogSource&) = delete;
+    LogSource& operator=(const LogSource&) = delete;
+
+    int fd = -1;        // -1: nothing is read
+    pid_t reader = -1;  // of the journal; -1 for a file
+    std::string begun;  // a line whose end has not come
+    bool skips = false; // the rest of a line that is too long
+};
+
+// Follows the file from its present end. False, with the error number in errno, when it can't be read.
+bool log_source_open_file(LogSource& source, const std::string& path);
+
+// Follows the journal of the service from now on. Without a journal nothing ever comes.
+void log_source_open_journal(LogSource& source);
+
+// Gives the visitor each whole line that has come, without waiting.
+void log_source_read(LogSource& source, const std::function<void(std::string_view line)>& visit);
+
+#endif

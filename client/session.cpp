@@ -1,0 +1,61 @@
+#include "client/session.h"
+
+#include "client/interrupt.h"
+#include "client/print.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+int session_fail(ExitStatus status, const std::string& text) {
+    std::fprintf(stderr, "tavorctl: %s\n", text.c_str());
+    return status;
+}
+
+void session_note(const std::string& text) {
+    std::fprintf(stderr, "tavorctl: %s\n", text.c_str());
+}
+
+bool session_emit(Session& session, const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+        session.output_error = session.output_error != 0 ? session.output_error : errno;
+        return false;
+    }
+    ++session.lines;
+    return true;
+}
+
+int session_output_status(const Session& session) {
+    if (session.output_error == 0 || session.output_error == EPIPE) {
+        return kExitSuccess;
+    }
+    return session_fail(kExitFailed, std::string("cannot write the output: ") +
+                                         std::strerror(session.output_error) +
+                                         "; free space or write elsewhere");
+}
+
+int session_end_status(Session& session, Outcome outcome, double limit_s) {
+    switch (outcome) {
+    case Outcome::kInterrupted:
+        return kExitSignal + interrupt_take(session.connection.interrupt);
+    case Outcome::kUnreachable:
+        return session_fail(kExitSilence, session.connection.error);
+    case Outcome::kTimeout:
+        return session_fail(
+            kExitSilence,
+            "no answer from the daemon at " + print_safe(session.connection.path) + " within " +
+                print_seconds(limit_s) +
+                " s; another client may have taken it: try again, or see 'journalctl -u tavor'");
+    default:
+        return session_output_status(session);
+    }
+}
+
+int session_report(Session& session, const Record& answer, const std::string& failure) {
+    if (session.options.json) {
+        session_emit(session, print_json(answer));
+    } else if (record_ok(answer)) {
+        session_emit(session, print_result(answer));
+    }
+    return record_ok(answer) ? session_output_status(session) : session_fail(kExitFailed, failure);
+}

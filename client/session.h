@@ -1,0 +1,38 @@
+// One run of the tool: its connection, what it has written, and how it ends.
+#ifndef TAVOR_CLIENT_SESSION_H
+#define TAVOR_CLIENT_SESSION_H
+
+#include "client/commands.h"
+#include "client/connection.h"
+#include "client/exchange.h"
+#include "client/options.h"
+#include "client/records.h"
+
+#include <cstdint>
+#include <string>
+
+struct Session {
+    const Options& options;
+    Connection connection;
+    int64_t lines = 0;         // of output written
+    int output_error = 0;      // error number of the first failed write
+    bool start_failed = false; // the daemon answered a start with failure
+};
+
+// One line on standard error. session_fail returns the status.
+int session_fail(ExitStatus status, const std::string& text);
+void session_note(const std::string& text);
+
+// Writes to standard output. False once that failed.
+bool session_emit(Session& session, const std::string& text);
+
+// Status of a run whose output is all; a reader that has gone away is an ordinary end.
+int session_output_status(const Session& session);
+
+// Status of a wait that ended without what was waited for.
+int session_end_status(Session& session, Outcome outcome, double limit_s);
+
+// Prints the answer; the failure is told when it is one.
+int session_report(Session& session, const Record& answer, const std::string& failure);
+
+#endif

@@ -1,0 +1,136 @@
+// 'tavorctl download' beside a log that is being written.
+#include "support/capture.h"
+#include "support/private_dir.h"
+#include "unit/client_fake_daemon.h"
+#include "unit/client_tool.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using std::string;
+
+const string kStamp = "2024-05-01 12:00:00.123 [I][   1.234] ";
+const string kErrorStamp = "2024-05-01 12:00:00.123 [E][   1.234] ";
+
+string info(const Lines& texts) {
+    string log;
+    for (const string& text : texts) {
+        log += kStamp + text + "\n";
+    }
+    return log;
+}
+
+const string kToTheErase =
+    info({"========== Download start ========", "image count=1", "file name=/none/a.bin",
+          "begin_address:[0]=> 0x0", "Please reboot chip again:", "========== Handshake pass ==========",
+          "########## Format send address(0x0)"});
+const string kToTheEnd = info({"Format time: 1 ms", "Download resp address(0x0)", "download /none/a.bin PASS",
+                               "Download time: 1 ms", "check_image_crc /none/a.bin PASS",
+                               "Check image crc time: 1 ms", "========== Download Finish ========"});
+
+// A daemon that writes this log when it is asked, and then answers, unless the value is none.
+struct Scene {
+    Scene(string log, std::optional<uint32_t> value)
+        : daemon((directory.path / "socket").string(),
+                 [this, log, value](FakeDaemon& d, const tavor_request&) {
+                     std::ofstream(log_path, std::ios::app) << log;
+                     if (value) {
+                         d.send(make_response(TAVOR_CODE_DOWNLOAD, *value));
+                     }
+                 }) {
+        directory.write("log", info({"Format time: 1 ms"})); // of an earlier download
+    }
+    int run(const Lines& arguments) {
+        Lines line = {TAVOR_CTL_PROGRAM, "--socket", daemon.path, "download"};
+        line.insert(line.end(), arguments.begin(), arguments.end());
+        Tool tool(line);
+        const int status = tool.end();
+        out = tool.out;
+        err = tool.err;
+        return status;
+    }
+
+    PrivateDir directory;
+    string log_path = directory.path / "log";
+    FakeDaemon daemon;
+    string out;
+    string err;
+};
+
+} // namespace
+
+TEST(Download, TellsEachStepOfTheLog) {
+    Scene scene(kToTheErase + kToTheEnd, 0);
+    EXPECT_EQ(scene.run({"--log", scene.log_path}), 0);
+    EXPECT_EQ(scene.out, "firmware written\n");
+    EXPECT_EQ(lines_of(scene.err), (Lines{"tavorctl: handshake", "tavorctl: agent", "tavorctl: erase",
+                                          "tavorctl: write image 1 of 1 (a.bin)",
+                                          "tavorctl: check image 1 of 1 (a.bin)", "tavorctl: finish"}));
+}
+
+TEST(Download, JsonTellsEachStepOnStandardOutput) {
+    Scene scene(kToTheErase + kToTheEnd, 0);
+    EXPECT_EQ(scene.run({"--json", "--log", scene.log_path}), 0);
+    const Lines lines = lines_of(scene.out);
+    ASSERT_EQ(lines.size(), 8U);
+    EXPECT_EQ(lines[3].substr(0, 57), R"({"type":"progress","phase":"write","image":1,"images":1,")");
+    EXPECT_NE(lines[6].find("\"phase\":\"done\""), string::npos);
+    EXPECT_NE(lines[7].find("\"type\":\"result\""), string::npos);
+    EXPECT_EQ(scene.err, "");
+}
+
+TEST(Download, FailureTellsTheDaemonsErrorAndWhatToDo) {
+    const string log = kToTheErase + kErrorStamp + "FORMAT_TIMEOUT\n" + kErrorStamp +
+                       "format_sliding_window_flow fail\n" + info({"========== Download Fail ========"});
+    Scene scene(log, TAVOR_VALUE_FAILED);
+    EXPECT_EQ(scene.run({"--log", scene.log_path}), 1);
+    EXPECT_EQ(scene.out, "");
+    EXPECT_EQ(
+        lines_of(scene.err).back(),
+        "tavorctl: the firmware could not be written: 'FORMAT_TIMEOUT'; the flash was not erased in time: see "
+        "that it is not protected and try again");
+
+    EXPECT_EQ(scene.run({"--json", "--log", scene.log_path}), 1);
+    const Lines lines = lines_of(scene.out);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_NE(lines[lines.size() - 2].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
+}
+
+TEST(Download, LogThatCantBeReadIsToldAndNotNeeded) {
+    Scene scene("", 0);
+    EXPECT_EQ(scene.run({"--log", "/none/log"}), 0);
+    EXPECT_EQ(scene.out, "firmware written\n");
+    EXPECT_EQ(scene.err,
+              "tavorctl: cannot read the log /none/log: No such file or directory; only the time is shown\n");
+}
+
+TEST(Download, AnswerThatWentElsewhereIsReplacedByTheLog) {
+    Scene scene(kToTheErase + kToTheEnd, std::nullopt);
+    EXPECT_EQ(scene.run({"--log", scene.log_path}), 0);
+    EXPECT_EQ(scene.out, "firmware written\n");
+    EXPECT_EQ(lines_of(scene.err).back(),
+              "tavorctl: the answer went to another client; the daemon's log tells how it ended");
+    Scene failing(kToTheErase + info({"========== Download Fail ========"}), std::nullopt);
+    EXPECT_EQ(failing.run({"--log", failing.log_path}), 1);
+}
+
+TEST(Download, JournalIsFollowedWithoutALog) {
+    Scene scene("", 0);
+    const string tools = scene.directory.path / "bin";
+    const string journal =
+        scene.directory.write("bin/journalctl", "#!/bin/sh\necho \"$*\" > \"$0.arguments\"\nprintf '%s' '" +
+                                                    kToTheErase + kToTheEnd + "'\nexec sleep 60\n");
+    ASSERT_EQ(chmod(journal.c_str(), 0700), 0);
+    Tool tool({"/usr/bin/env", "PATH=" + tools + ":/usr/bin:/bin", TAVOR_CTL_PROGRAM, "--socket",
+               scene.daemon.path, "download"});
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+    EXPECT_EQ(lines_of(tool.err).back(), "tavorctl: finish");
+    const string arguments = scene.directory.read("bin/journalctl.arguments");
+    EXPECT_EQ(arguments.find("--unit=tavor --follow --no-tail --since=@"), 0U) << arguments;
+}

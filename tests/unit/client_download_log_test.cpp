@@ -1,0 +1,236 @@
+// The daemon's log of a firmware download, line by line, and what is shown of it.
+#include "client/download_log.h"
+#include "client/download_view.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::string;
+
+std::optional<uint64_t> size_of(const string& path) {
+    return path == "/load/a.bin" ? std::optional<uint64_t>(10000) : std::nullopt;
+}
+
+struct DownloadLog : testing::Test {
+    void info(const string& text) {
+        EXPECT_TRUE(download_log_line(progress, "2024-05-01 12:00:00.123 [I][   1.234] " + text, size_of));
+    }
+    void error(const string& text) {
+        EXPECT_TRUE(download_log_line(progress, "2024-05-01 12:00:00.123 [E][   1.234] " + text, size_of));
+    }
+    void start() {
+        info("========== Download start ========");
+        info("image count=2");
+        info("file name=/load/a.bin");
+        info("begin_address:[0x8000000]=> 0x8000000");
+        info("file name=/load/b.bin");
+        info("begin_address:[0x8010000]=> 0x8010000");
+    }
+    void reach_agent() {
+        start();
+        info("Please reboot chip again:");
+        info("========== Handshake pass ==========");
+    }
+    void reach_erase() {
+        reach_agent();
+        info("########## Flash address: 0x8000000");
+        info("########## Flash size: 0x200000");
+        info("########## Format send address(0x8000000)");
+    }
+    void reach_write() {
+        reach_erase();
+        info("Format time: 10 ms");
+    }
+    string step() const {
+        return download_view_step(progress);
+    }
+
+    DownloadProgress progress;
+};
+
+} // namespace
+
+TEST_F(DownloadLog, OtherLinesAreNone) {
+    for (const char* line :
+         {"", "[LOCSERV] INF: location_service_download", "[I]UID:00:01", "The FW load directory is: /x",
+          "2024-05-01 12:00:00.123 [I][   1.234", "far too long for a time of day [E][   1.234] text"}) {
+        EXPECT_FALSE(download_log_line(progress, line, size_of)) << line;
+    }
+    EXPECT_EQ(progress.error, "");
+}
+
+TEST_F(DownloadLog, MissingTimeOfDayIsNoMatter) {
+    EXPECT_TRUE(download_log_line(progress, " [E][   1.234] DA len is zero!\r", size_of));
+    EXPECT_EQ(progress.error, "DA len is zero!");
+}
+
+TEST_F(DownloadLog, PhasesFollowEachOther) {
+    EXPECT_EQ(step(), "writing firmware");
+    start();
+    EXPECT_EQ(progress.images, 2U);
+    info("Please reboot chip again:");
+    EXPECT_EQ(step(), "handshake");
+    info("========== Handshake pass ==========");
+    EXPECT_EQ(step(), "agent");
+    info("########## Format send address(0x8000000)");
+    EXPECT_EQ(step(), "erase");
+    info("Format time: 10 ms");
+    EXPECT_EQ(step(), "write image 1 of 2 (a.bin)");
+    info("download /load/a.bin PASS");
+    EXPECT_EQ(step(), "write image 2 of 2 (b.bin)");
+    info("download /load/b.bin PASS");
+    EXPECT_EQ(step(), "write image 2 of 2 (b.bin)");
+    info("Download time: 10 ms");
+    EXPECT_EQ(step(), "check image 1 of 2 (a.bin)");
+    info("check_image_crc /load/a.bin PASS");
+    EXPECT_EQ(step(), "check image 2 of 2 (b.bin)");
+    info("Check image crc time: 10 ms");
+    EXPECT_EQ(step(), "finish");
+    info("========== Download Finish ========");
+    EXPECT_EQ(step(), "done");
+    EXPECT_EQ(progress.phase, DownloadPhase::kDone);
+}
+
+TEST_F(DownloadLog, NextDownloadStartsAnew) {
+    reach_write();
+    error("download_sliding_window_flow TIMEOUT");
+    info("========== Download Fail ========");
+    EXPECT_EQ(progress.phase, DownloadPhase::kFailed);
+    EXPECT_EQ(progress.error, "download_sliding_window_flow TIMEOUT");
+    info("========== Download start ========");
+    EXPECT_EQ(progress.phase, DownloadPhase::kWaiting);
+    EXPECT_EQ(progress.error, "");
+    EXPECT_TRUE(progress.paths.empty());
+}
+
+TEST_F(DownloadLog, AgentsUploadCountsToItsAnnouncedLength) {
+    reach_agent();
+    info("echoU32 Send 0xA2080000"); // a register's
+    info("echoU32 Send 0x1");
+    EXPECT_FALSE(progress.total);
+    info("echoU8 Send 0xD7");
+    info("echoU32 Send 0x4200000");
+    info("echoU32 Send 0x801");
+    info("echoU32 Send 0x0");
+    info("SEND 1024 bytes OK,total 1024");
+    EXPECT_EQ(progress.total, 2049U);
+    EXPECT_EQ(progress.done, 1024U);
+}
+
+TEST_F(DownloadLog, EraseCountsToTheFlashesSize) {
+    reach_erase();
+    EXPECT_EQ(progress.total, 0x200000U);
+    info("Format resp address(0x8010000)");
+    EXPECT_EQ(progress.done, 0x10000U);
+    info("Format resp address(0x7FFFFFF)"); // outside
+    EXPECT_EQ(progress.done, 0x10000U);
+}
+
+TEST_F(DownloadLog, WriteCountsToTheImagesSize) {
+    reach_write();
+    EXPECT_EQ(progress.total, 10000U);
+    info("Download resp address(0x8001000)");
+    EXPECT_EQ(progress.done, 8192U);
+    info("Download resp address(0x8002000)");
+    EXPECT_EQ(progress.done, 10000U); // the last block is filled up
+    info("download /load/a.bin PASS");
+    EXPECT_EQ(progress.done, 0U);
+    EXPECT_FALSE(progress.total); // of an image that can't be seen
+    info("Download resp address(0x8010000)");
+    EXPECT_EQ(progress.done, 4096U);
+}
+
+TEST_F(DownloadLog, MostTellingErrorIsKept) {
+    reach_write();
+    error("[SPIM] SPI master send WR command failed");
+    info("Download resp address(0x8001000)"); // overcome
+    EXPECT_EQ(progress.error, "");
+    error("download_sliding_window_flow TIMEOUT");
+    error("download_sliding_window_flow fail");
+    error("download /load/a.bin FAILED");
+    info("========== Download Fail ========");
+    EXPECT_EQ(progress.error, "download_sliding_window_flow TIMEOUT");
+}
+
+TEST_F(DownloadLog, SummaryAloneIsBetterThanNothing) {
+    start();
+    info("Please reboot chip again:");
+    error("========== Handshake fail ==========");
+    EXPECT_EQ(progress.error, "========== Handshake fail ==========");
+}
+
+TEST_F(DownloadLog, HostileLinesStayBounded) {
+    start();
+    for (int i = 0; i < 3000; ++i) {
+        info("file name=/x");
+        info("begin_address:[");
+    }
+    EXPECT_EQ(progress.paths.size(), 1000U);
+    EXPECT_LE(progress.begins.size(), 1000U);
+    info("image count=99999999999999999999");
+    EXPECT_EQ(progress.images, 2U);
+    error(string(100000, 'x'));
+    EXPECT_EQ(progress.error.size(), 400U);
+    info("image count=0");
+    info("Format time: 1 ms");
+    info("Download resp address(0x");
+    info("download  PASS");
+    info("SEND total ");
+    EXPECT_EQ(progress.phase, DownloadPhase::kWrite);
+}
+
+TEST_F(DownloadLog, EveryAdviceIsOneLine) {
+    for (const char* text :
+         {"open file Failed:/x", "UnExpected line=x", "DA len is zero!", "Handshake timeout, please retry!",
+          "btrom checksum fail, 0x1/0x2", "hdl_brom_set_register readU16 error", "FORMAT_TIMEOUT",
+          "can not open /x", "download_sliding_window_flow TIMEOUT", "check_image_crc error, ErrorCode:3",
+          "hdl_finish_kite error, ErrorCode:1", "[SPIM] Error Status=0xff , counter=0"}) {
+        EXPECT_NE(download_advice(text), download_advice("something else")) << text;
+        EXPECT_EQ(download_advice(text).find('\n'), string::npos);
+    }
+}
+
+TEST_F(DownloadLog, BarShowsShareRateAndTimeLeft) {
+    reach_write();
+    info("Download resp address(0x8000000)");
+    info("Download resp address(0x8000388)"); // 5000 bytes
+    EXPECT_EQ(download_view_bar(progress, {65, 2}, 200),
+              "write image 1 of 2 (a.bin)  [############............]  50 %  2.5 kB/s  0:02 left  1:05");
+    EXPECT_EQ(download_view_bar(progress, {65, 0.5}, 200),
+              "write image 1 of 2 (a.bin)  [############............]  50 %  1:05");
+    EXPECT_EQ(download_view_bar(progress, {65, 2}, 10), "write imag");
+}
+
+TEST_F(DownloadLog, BarWithoutATotalShowsTheTime) {
+    EXPECT_EQ(download_view_bar(progress, {125.9, 3}, 200), "writing firmware  2:05");
+    reach_write();
+    info("download /load/a.bin PASS");
+    EXPECT_EQ(download_view_bar(progress, {5, 3}, 200), "write image 2 of 2 (b.bin)  0:05");
+    info("Download resp address(0x8010000)");
+    EXPECT_EQ(download_view_bar(progress, {5, 2}, 200), "write image 2 of 2 (b.bin)  2.0 kB/s  0:05");
+}
+
+TEST_F(DownloadLog, NamesReachNoTerminalAsTheyAre) {
+    info("image count=1");
+    info("file name=/load/\x1B[2J.bin");
+    info("Format time: 1 ms");
+    EXPECT_EQ(step(), "write image 1 of 1 (\\x1b[2J.bin)");
+}
+
+TEST_F(DownloadLog, EventsAreJson) {
+    EXPECT_EQ(download_view_json(progress, {1.5, 0}),
+              "{\"type\":\"progress\",\"phase\":\"waiting\",\"image\":null,\"images\":null,\"done\":0,"
+              "\"total\":null,\"elapsed\":1.5}\n");
+    reach_write();
+    info("Download resp address(0x8000000)");
+    EXPECT_EQ(download_view_json(progress, {2.0004, 0}),
+              "{\"type\":\"progress\",\"phase\":\"write\",\"image\":1,\"images\":2,\"done\":4096,"
+              "\"total\":10000,\"elapsed\":2.0}\n");
+    error("can not open /\"x\"\x1B");
+    EXPECT_EQ(download_view_failure_json(progress),
+              "{\"type\":\"failure\",\"error\":\"can not open /\\\"x\\\"\\u001b\",\"advice\":\"put the image "
+              "file beside the image list, readable for the daemon\"}\n");
+}
