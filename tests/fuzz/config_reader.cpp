@@ -1,0 +1,151 @@
+// The configuration reader on a hostile file: what each key yields is what a model that cuts the file into
+// pieces of at most 255 characters finds, and nothing outside the text's room changes. The input is the file.
+#include "config/location_config.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kPiece = 255;
+constexpr size_t kLongestText = 127;
+constexpr size_t kRoom = 16;
+constexpr char kCanary = '#';
+constexpr char kDefaultText[] = "default text";
+constexpr int32_t kDefaultNumber = -4711;
+
+constexpr const char* kKeys[] = {"UART port path=",   "UART baudrate=",       "UART flow control=",
+                                 "debug port path=",  "debug port baudrate=", "debug port flow control=",
+                                 "debug socket ip=",  "debug socket port=",   "SPI port path=",
+                                 "SPI frequency=",    "SPI bit order=",       "SPI CPHA=",
+                                 "SPI CPOL=",         "Power control gpio=",  "Reset GNSS gpio=",
+                                 "Notify GNSS gpio=", "NMEA file path=",      "LOG path=",
+                                 "DA path=",          "image path=",          "XOD file path=",
+                                 "XOD host=",         "XOD vendor=",          "XOD project=",
+                                 "XOD device id="};
+
+struct ConfigFile {
+    std::string content;
+} file;
+
+void require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "config: %s\n", what);
+        std::abort();
+    }
+}
+
+// The lines that the reader logs hold whatever the file holds.
+struct SilentStdout {
+    SilentStdout() : saved(dup(STDOUT_FILENO)) {
+        std::fflush(stdout);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        require(null >= 0 && dup2(null, STDOUT_FILENO) >= 0, "no /dev/null");
+        close(null);
+    }
+    ~SilentStdout() {
+        std::fflush(stdout);
+        dup2(saved, STDOUT_FILENO);
+        close(saved);
+    }
+    SilentStdout(const SilentStdout&) = delete;
+    SilentStdout& operator=(const SilentStdout&) = delete;
+
+    int saved;
+};
+
+// The next piece of the file as text, up to its first NUL; removes it from the file.
+std::string take_piece(std::string* content) {
+    const size_t line = std::min(content->find('\n'), content->size() - 1) + 1;
+    const std::string piece = content->substr(0, std::min(line, kPiece));
+    content->erase(0, piece.size());
+    return piece.substr(0, piece.find('\0'));
+}
+
+std::optional<std::string> expected_value(std::string content, const std::string& key) {
+    while (!content.empty()) {
+        const std::string piece = take_piece(&content);
+        const size_t at = piece.find(key);
+        if (at == std::string::npos) {
+            continue;
+        }
+        std::string value = piece.substr(at + key.size());
+        if (!value.empty() && value.back() == '\n') {
+            value.pop_back();
+            if (!value.empty() && value.back() == '\r') {
+                value.pop_back();
+            }
+        }
+        return value;
+    }
+    return std::nullopt;
+}
+
+// The digits of the text, held at the limits of 64 bits; its low 32 bits are the setting.
+int32_t expected_number(const std::string& text) {
+    size_t at = std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size());
+    const bool negative = at < text.size() && text[at] == '-';
+    at += at < text.size() && (negative || text[at] == '+') ? 1 : 0;
+    const uint64_t limit = static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) + (negative ? 1 : 0);
+    uint64_t size = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+        const auto digit = static_cast<uint64_t>(text[at] - '0');
+        size = size > (limit - digit) / 10 ? limit : size * 10 + digit;
+    }
+    return static_cast<int32_t>(static_cast<uint32_t>(negative ? 0 - size : size));
+}
+
+void check_text(const char* key) {
+    char guarded[kRoom + kConfigTextSize + kRoom];
+    std::memset(guarded, kCanary, sizeof guarded);
+    location_config_get_path(guarded + kRoom, kDefaultText, key);
+    const std::string canaries(kRoom, kCanary);
+    require(std::string(guarded, kRoom) == canaries, "wrote before the text");
+    require(std::string(guarded + kRoom + kConfigTextSize, kRoom) == canaries, "wrote behind the text");
+    require(std::memchr(guarded + kRoom, '\0', kConfigTextSize) != nullptr, "text without an end");
+    const std::string expected = expected_value(file.content, key).value_or(kDefaultText);
+    require(std::string(guarded + kRoom) == expected.substr(0, kLongestText), "text differs");
+}
+
+void check_number(const char* key) {
+    int32_t number = 0;
+    location_config_get_num(&number, kDefaultNumber, key);
+    const std::optional<std::string> text = expected_value(file.content, key);
+    require(number == (text ? expected_number(*text) : kDefaultNumber), "number differs");
+}
+
+// A record whose last text runs on is found by the sanitizer: each stands alone on the heap.
+void fill_records() {
+    location_config_get_uart(std::make_unique<SerialPortConfig>().get());
+    location_config_get_debug_port(std::make_unique<SerialPortConfig>().get());
+    location_config_get_debug_socket(std::make_unique<DebugSocketConfig>().get());
+    location_config_get_spi(std::make_unique<SpiPortConfig>().get());
+    location_config_get_xod_server(std::make_unique<XodServerConfig>().get());
+}
+
+} // namespace
+
+// Every file that the reader opens is the input.
+extern "C" FILE* __wrap_fopen(const char* /*path*/, const char* /*mode*/) {
+    return fmemopen(file.content.data(), file.content.size(), "r");
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+    file.content.assign(reinterpret_cast<const char*>(bytes), size);
+    const SilentStdout silent;
+    for (const char* key : kKeys) {
+        check_text(key);
+        check_number(key);
+    }
+    fill_records();
+    return 0;
+}

@@ -1,0 +1,90 @@
+// Image list reader: any text is either refused with a log line or becomes a list that a model of the file
+// agrees with in length, with names that end within their room.
+#include "base/free_block.h"
+#include "download/hdl_image.h"
+#include "download/hdl_settings.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kLineSize = 255;
+
+void check(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "image list: %s\n", what);
+        std::abort();
+    }
+}
+
+// A file in memory, reached by its path as any other.
+int memory_file() {
+    static const int fd = memfd_create("flash_download.cfg", 0);
+    return fd;
+}
+
+void fill(const uint8_t* data, size_t size) {
+    check(ftruncate(memory_file(), 0) == 0, "can't empty the file");
+    check(pwrite(memory_file(), data, size, 0) == static_cast<ssize_t>(size), "can't fill the file");
+    std::snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path,
+                  "/proc/self/fd/%d", memory_file());
+}
+
+// Blocks that begin outside a comment. A line ends at its first line end or NUL, or after 255 characters.
+uint32_t count_blocks(const std::string& text) {
+    uint32_t count = 0;
+    for (size_t at = 0; at < text.size();) {
+        const size_t newline = text.find('\n', at);
+        const size_t whole = newline == std::string::npos ? text.size() - at : newline + 1 - at;
+        const size_t length = std::min(whole, kLineSize);
+        std::string line = text.substr(at, length);
+        line.resize(std::min(line.size(), line.find_first_of(std::string("\r\n\0", 3))));
+        const size_t first = line.find_first_not_of(" \t");
+        const bool comment = first != std::string::npos && line[first] == '#';
+        count += !comment && line.find("- rom:") != std::string::npos ? 1 : 0;
+        at += length;
+    }
+    return count;
+}
+
+void check_strip(const std::string& text) {
+    const std::string line = text.c_str();
+    std::string stripped(line.size() + 1, '?');
+    strip_spaces(line.c_str(), stripped.data());
+    check(stripped.find('\0') != std::string::npos, "stripped form has no end");
+    stripped.resize(stripped.find('\0'));
+    check(stripped.find(' ') == std::string::npos, "stripped form holds a blank");
+    check(stripped.empty() || std::strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr;
+    check(quiet, "can't silence the log");
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    check_strip(text);
+    fill(data, size);
+
+    uint32_t count = 0;
+    const std::unique_ptr<ImageEntry, FreeBlock> images(load_flash_download_cfg(&count));
+    check(count == count_blocks(text), "count differs");
+    if (images == nullptr) {
+        return 0;
+    }
+    check(count > 0, "list without images");
+    for (uint32_t i = 0; i < count; ++i) {
+        const ImageEntry& entry = images.get()[i];
+        check(std::memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name runs on");
+        check(entry.name[0] == '\0' || entry.name[0] == '/', "name is not absolute");
+    }
+    return 0;
+}

@@ -1,0 +1,216 @@
+// A daemon whose chip is on I2C, from the client's side; and the shipped one, which stays on SPI.
+#include "system/harness.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace {
+
+constexpr char kBanner[] = "TAVOR Version:V1.3\n";
+constexpr int kCycles = 10;
+constexpr char kFirstRead[] =
+    "[mux][i2c][master][rx]===>****** i2c master check whether slave is alive ******\n";
+
+// A board on whose I2C node the daemon looks for its chip.
+struct I2cBoard : SimulatedBoard {
+    explicit I2cBoard(const Arguments& options = {}) : SimulatedBoard(options) {
+        configure("SPI port path", "/dev/i2c-1");
+    }
+};
+
+struct I2cDaemon : DaemonOnBoard {
+    explicit I2cDaemon(const SimulatedBoard& on) : DaemonOnBoard(on, TAVOR_I2C_PROGRAM) {}
+};
+
+std::string checksum_text(const std::string& body) {
+    unsigned sum = 0;
+    for (const char byte : body) {
+        sum ^= static_cast<unsigned char>(byte);
+    }
+    char text[8];
+    std::snprintf(text, sizeof text, "*%02X", sum);
+    return text;
+}
+
+// Whether it is "$...*CS" and a line end, with the right checksum.
+bool is_valid(const std::string& sentence) {
+    const size_t star = sentence.find('*');
+    return sentence.rfind('$', 0) == 0 && star != std::string::npos &&
+           sentence.substr(star) == checksum_text(sentence.substr(1, star - 1)) + "\r\n";
+}
+
+} // namespace
+
+TEST(I2c, StartSentencesPositionCommandAndStop) {
+    const I2cBoard board({"--rate", "5"});
+    const I2cDaemon daemon(board);
+    const TestClient client(board.socket_path());
+
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    const auto banner = client.receive();
+    ASSERT_TRUE(banner);
+    EXPECT_EQ(payload_text(*banner), kBanner);
+    for (int i = 0; i < 20; ++i) {
+        const auto sentence = client.receive_code(TAVOR_CODE_NMEA);
+        ASSERT_TRUE(sentence);
+        EXPECT_TRUE(is_valid(payload_text(*sentence))) << payload_text(*sentence);
+    }
+    ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, "353,1"), 0);
+    const auto answer = client.receive_code(TAVOR_CODE_CHIP);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(payload_text(*answer).rfind("$PZUL001,353,0", 0), 0U) << payload_text(*answer);
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+
+    EXPECT_EQ(board.status("violations"), 0);
+    const std::string log = daemon.log();
+    EXPECT_NE(log.find("[mux][i2c][master][tx]===>Step 2_b:Send data to slave: success\r\n"),
+              std::string::npos);
+    EXPECT_EQ(log.find("mux_spi_master_demo"), std::string::npos);
+}
+
+TEST(I2c, ReadsOfTheLargestSizeLoseNothing) {
+    const I2cBoard board({"--source", "none"});
+    const I2cDaemon daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_TRUE(client.receive_code(TAVOR_CODE_NMEA)) << "the banner";
+    board.fault("backlog", "40000");
+    const long long produced = board.status("sentences_produced");
+    ASSERT_GT(produced, 300);
+    for (long long i = 0; i < produced; ++i) {
+        const auto response = client.receive_code(TAVOR_CODE_NMEA);
+        ASSERT_TRUE(response) << i << " of " << produced;
+        ASSERT_TRUE(is_valid(payload_text(*response))) << payload_text(*response);
+    }
+    EXPECT_NE(daemon.log().find("[mux][i2c][master][rx]===>step 2-b:Master recv slave data(slave_addr 0x54, "
+                                "rx_len = 4095)\r\n"),
+              std::string::npos);
+}
+
+TEST(I2c, CommandsOfManyLengthsReachTheChipIntact) {
+    const I2cBoard board({"--source", "none"});
+    const I2cDaemon daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_TRUE(daemon.wait_log(kFirstRead));
+    for (const size_t size : {1, 2, 15, 16, 63, 64, 255, 256, 343}) { // the daemon cuts longer ones
+        const std::string body = "353," + std::string(size, 'x');
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, body), 0) << size;
+        ASSERT_TRUE(client.receive_code(TAVOR_CODE_CHIP)) << size;
+        const std::string sentence = "PZUL" + body;
+        EXPECT_NE(board.ctl({"commands"}).find("$" + sentence + checksum_text(sentence) + "\n"),
+                  std::string::npos)
+            << size;
+    }
+}
+
+TEST(I2c, ShippedDaemonStaysOnSpi) {
+    const I2cBoard board;
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(daemon.wait_log("[LOCSERV] ERR: [spi]can't set spi mode: 0\n"));
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_EQ(daemon.log().find("[mux][i2c]"), std::string::npos);
+}
+
+namespace {
+
+struct Fault {
+    const char* test;
+    const char* name;
+    const char* value;
+    const char* line; // that the daemon reports, or the sign that it got over it
+};
+
+void PrintTo(const Fault& fault, std::ostream* out) {
+    *out << fault.name << "=" << fault.value;
+}
+
+constexpr char kProbeLimit[] =
+    "[mux][i2c][master][rx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!\r\n";
+constexpr char kProbeRetry[] = "[mux][i2c][master][rx]===>step_start:I2C master send err, try again...\r\n";
+constexpr char kLengthLimit[] =
+    "[mux][i2c][master][rx]===>step 1-b:###### too many ERROR counter 6, now restart!!!!!\r\n";
+constexpr char kWriteLimit[] =
+    "[mux][i2c][master][tx]===>Step 2_b: #### too many ERROR counter 6, now go to restart!!!!!\r\n";
+constexpr char kWriteRetry[] = "[mux][i2c][master][tx]===>Step 2_b:I2C master receive err, try again...\r\n";
+constexpr char kNothing[] =
+    "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r\n";
+constexpr char kTooBig[] =
+    "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len too big(expect:4095, actual:-1)\r\n";
+constexpr char kRead[] = "[mux][i2c][master][rx]===>step 2-b:Receive slave tx_buff data success\r\n";
+constexpr char kWritten[] = "[mux][i2c][master][tx]===>Step 2_b:Send data to slave: success\r\n";
+
+class I2cFault : public testing::TestWithParam<Fault> {
+protected:
+    void apply() const {
+        board.fault(GetParam().name, GetParam().value);
+    }
+
+    I2cBoard board{{"--rate", "10"}};
+};
+
+} // namespace
+
+TEST_P(I2cFault, IsReportedThenTheChipWorksAgain) {
+    const I2cDaemon daemon(board);
+    const TestClient client(board.socket_path());
+    apply();
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_TRUE(daemon.wait_log(kFirstRead)) << "a command before the link is open is lost";
+    ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
+    EXPECT_TRUE(daemon.wait_log(GetParam().line));
+    board.fault("all", "off");
+    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "without a start in between";
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_EQ(board.status("violations"), 0);
+}
+
+TEST_P(I2cFault, StartAndStopLeaveNothingBehind) {
+    const I2cDaemon daemon(board);
+    const TestClient client(board.socket_path());
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    const size_t threads = daemon.threads();
+    const size_t descriptors = daemon.descriptors();
+
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        apply();
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0) << "cycle " << cycle;
+        ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
+        std::this_thread::sleep_for(std::chrono::milliseconds(11 * cycle)); // stops at different places
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "cycle " << cycle;
+    }
+    EXPECT_EQ(daemon.threads(), threads);
+    EXPECT_EQ(daemon.descriptors(), descriptors);
+
+    board.fault("all", "off");
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, I2cFault,
+    testing::Values(Fault{"Silence", "silence", "on", kProbeLimit},
+                    Fault{"NobodyAtTheCommandPort", "i2c-nack", "always:0x50", kProbeLimit},
+                    Fault{"CommandPortComesBack", "i2c-nack", "5:0x50", kProbeRetry},
+                    Fault{"NobodyAtTheReadPort", "i2c-nack", "always:0x54", kLengthLimit},
+                    Fault{"ReadPortComesBack", "i2c-nack", "5:0x54", kRead},
+                    Fault{"NobodyAtTheWritePort", "i2c-nack", "always:0x58", kWriteLimit},
+                    Fault{"WritePortComesBack", "i2c-nack", "5:0x58", kWriteRetry},
+                    Fault{"EveryPortComesBack", "i2c-nack", "6", kProbeRetry},
+                    Fault{"ShortReads", "i2c-short", "read", kRead},
+                    Fault{"ShortWrites", "i2c-short", "write", kWritten},
+                    Fault{"LengthZero", "zero-length", "on", kNothing},
+                    Fault{"HostileLength", "hostile-length", "on", kTooBig},
+                    Fault{"Zero", "zero", "on", kNothing}, Fault{"Garbage", "garbage", "on", kRead},
+                    Fault{"GarbageData", "garbage", "data", kRead},
+                    Fault{"NeverReady", "never-ready", "on", kLengthLimit},
+                    Fault{"TransferFail", "transfer-fail", "always", kProbeLimit},
+                    Fault{"TransferFailOften", "transfer-fail", "every:3", kRead},
+                    Fault{"Bytewise", "bytewise", "on", kRead}),
+    [](const auto& fault) { return std::string(fault.param.test); });

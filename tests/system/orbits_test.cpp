@@ -1,0 +1,372 @@
+// Assistance from server to chip: the real daemon, a real HTTP server, and the chip's own verdict. Hours and
+// days pass by putting the board's clock forward.
+#include "system/harness.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+namespace {
+
+using nlohmann::json;
+
+constexpr char kDownloaded[] = "[LOCSERV] INF: [XOD]xod_download_handle_result:[";
+constexpr char kNextTimer[] = "start next download timer:";
+constexpr char kRetryTimer[] = "start retry timer:";
+constexpr int kTypes[] = {0, 2, 3};
+constexpr int kSecondsPerDay = 86400;
+
+size_t count_of(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
+        ++count;
+    }
+    return count;
+}
+
+// A downloaded file's outcome as the log tells it.
+struct Outcome {
+    int type;
+    int result;
+};
+
+std::vector<Outcome> outcomes(const std::string& log) {
+    std::vector<Outcome> list;
+    const std::string begin = kDownloaded;
+    for (size_t at = log.find(begin); at != std::string::npos; at = log.find(begin, at + 1)) {
+        Outcome outcome = {-1, -1};
+        if (std::sscanf(log.c_str() + at + begin.size(), "%d,%*d] %d\n", &outcome.type, &outcome.result) ==
+            2) {
+            list.push_back(outcome);
+        }
+    }
+    return list;
+}
+
+// A board whose chip sends nothing by itself, the daemon on it, and a client.
+struct Assistance {
+    explicit Assistance(const Arguments& options = {"--source", "none"})
+        : board(options), daemon(board), client(board.socket_path()) {}
+
+    json status() const {
+        return json::parse(board.ctl({"status", "--json"}));
+    }
+    void advance(int64_t seconds) const {
+        board.ctl({"time", "--advance", std::to_string(seconds)});
+    }
+    void start_assistance() const {
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_ASSIST, TAVOR_CODE_ASSIST), 0);
+    }
+    std::string path_of(const std::string& name) const {
+        return "etc/default/tavor/xod/" + name;
+    }
+    // The last number behind a text in the log; -1: there is none.
+    int64_t last_number(const std::string& text) const {
+        const std::string log = daemon.log();
+        const size_t at = log.rfind(text);
+        return at == std::string::npos ? -1 : std::strtoll(log.c_str() + at + text.size(), nullptr, 10);
+    }
+    bool wait_outcomes(size_t count) const {
+        return wait_until([&] { return outcomes(daemon.log()).size() >= count; });
+    }
+    // The chip's acknowledgements fill the client's queue: what it does not read would crowd out a reply.
+    void read_along() const {
+        while (client.receive(std::chrono::milliseconds(0))) {
+        }
+    }
+    // Lets the first three files come, which a start without any leads to.
+    void load_files() const {
+        start_assistance();
+        for (size_t file = 1; file <= std::size(kTypes); ++file) {
+            ASSERT_TRUE(daemon.wait_log(kNextTimer));
+            advance(3);
+            ASSERT_TRUE(wait_outcomes(file)) << daemon.log();
+            ASSERT_TRUE(wait_until([&] { return count_of(daemon.log(), kNextTimer) > file; }));
+        }
+    }
+
+    SimulatedBoard board;
+    DaemonOnBoard daemon;
+    TestClient client;
+};
+
+const std::map<std::string, std::string> kFiles = {
+    {"XOD_GR_3_1.DAT", "gps_glonass"}, {"XOD_BDS_3.DAT", "beidou"}, {"XOD_GAL_3.DAT", "galileo"}};
+
+} // namespace
+
+TEST(Orbits, AllEnabledFilesComeOneAfterTheOther) {
+    const Assistance scene;
+    scene.load_files();
+    const std::vector<Outcome> list = outcomes(scene.daemon.log());
+    ASSERT_EQ(list.size(), 3U);
+    for (size_t i = 0; i < list.size(); ++i) {
+        EXPECT_EQ(list[i].type, kTypes[i]);
+        EXPECT_EQ(list[i].result, 0);
+        EXPECT_EQ(scene.client.receive_code(TAVOR_CODE_ASSIST_RESULT)->value, 0U);
+    }
+    const json assist = scene.status()["assist"];
+    for (const auto& [name, counter] : kFiles) {
+        EXPECT_FALSE(scene.board.directory.read(scene.path_of(name)).empty()) << name;
+        EXPECT_EQ(assist[counter], 1) << name;
+    }
+    EXPECT_EQ(assist["refused"], 0);
+    EXPECT_EQ(assist["last_url"], "/XOD_GAL_3.DAT?vendor=tavor&project=board&device_id=0001");
+}
+
+TEST(Orbits, TheChipFindsEveryRecordIntact) {
+    const Assistance scene({"--source", "none", "--aiding"});
+    scene.load_files();
+    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    const auto good = [&](const json& status, const char* constellation) {
+        return status["aiding_orbits"][constellation]["verdict"] == "good";
+    };
+    json status;
+    EXPECT_TRUE(wait_until([&] {
+        status = scene.status();
+        return good(status, "gps") && good(status, "glonass") && good(status, "galileo") &&
+               good(status, "beidou");
+    })) << status;
+    EXPECT_EQ(status["aiding_time"]["verdict"], "good");
+    EXPECT_EQ(status["assisted"], true);
+    EXPECT_EQ(status["orbits_stray"], 0);
+    const std::string commands = scene.board.ctl({"commands"});
+    EXPECT_EQ(count_of(commands, "$PZUL471,0,"), 32U);
+    EXPECT_EQ(count_of(commands, "$PZUL471,1,"), 24U);
+    EXPECT_EQ(count_of(commands, "$PZUL471,2,FE,"), 1U);
+    EXPECT_EQ(count_of(commands, "$PZUL471,3,FF,"), 1U);
+    EXPECT_EQ(count_of(commands, "(bad)"), 0U);
+}
+
+TEST(Orbits, TheFirstFixComesEarlier) {
+    const Arguments options = {"--aiding", "--first-fix", "3600000", "--assisted-fix", "100", "--rate", "10"};
+    const Assistance scene(options);
+    scene.load_files();
+    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(wait_until([&] { return scene.status()["first_fix_ms"].is_number(); })) << scene.status();
+    EXPECT_LT(scene.status()["first_fix_ms"], 3600000);
+}
+
+TEST(Orbits, SegmentsFollowTheClockForThreeDays) {
+    const Assistance scene({"--source", "none", "--aiding", "--time", "2027-02-27T17:59:00Z"});
+    scene.load_files();
+    for (int part = 0; part < 3; ++part) {
+        ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+        const auto good = [&] {
+            scene.read_along();
+            const json orbits = scene.status()["aiding_orbits"];
+            return std::all_of(orbits.begin(), orbits.end(),
+                               [&](const json& orbit) { return orbit["good"] == part + 1; });
+        };
+        EXPECT_TRUE(wait_until(good)) << part << scene.status()["aiding_orbits"];
+        scene.read_along();
+        ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+        scene.board.fault("assist-not-found", "on"); // what has come must do
+        scene.advance(11 * 3600);
+    }
+}
+
+TEST(Orbits, AFailingFileIsTriedFiveTimesAndDropped) {
+    const Assistance scene({"--source", "none", "--fault", "assist-no-etag=on"});
+    scene.start_assistance();
+    ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
+    scene.advance(3);
+    constexpr int64_t kMinuteMs = 60000;
+    size_t tries = 1;
+    for (const int64_t minutes : {5, 10, 20, 40}) {
+        ASSERT_TRUE(wait_until([&] { return count_of(scene.daemon.log(), kRetryTimer) == tries; })) << tries;
+        EXPECT_EQ(scene.last_number(kRetryTimer), minutes * kMinuteMs);
+        scene.advance(minutes * 60 - 1);
+        EXPECT_EQ(outcomes(scene.daemon.log()).size(), tries) << "not before its time";
+        scene.advance(1);
+        ASSERT_TRUE(scene.wait_outcomes(++tries));
+    }
+    ASSERT_TRUE(wait_until([&] { return count_of(scene.daemon.log(), kNextTimer) == 2; })) << "dropped";
+    EXPECT_EQ(count_of(scene.daemon.log(), kRetryTimer), 4U);
+    for (size_t i = 0; i < tries; ++i) {
+        EXPECT_EQ(scene.client.receive_code(TAVOR_CODE_ASSIST_RESULT)->value, TAVOR_VALUE_FAILED);
+    }
+    scene.board.fault("all", "off");
+    scene.advance(3);
+    ASSERT_TRUE(scene.wait_outcomes(tries + 1));
+    EXPECT_EQ(outcomes(scene.daemon.log()).back().result, 0) << "the next cycle works again";
+}
+
+TEST(Orbits, AFortnightKeepsEveryFileFresh) {
+    const Assistance scene;
+    scene.load_files();
+    int64_t passed_s = 0;
+    std::map<int, int> refreshed;
+    for (size_t known = 3; passed_s < 14 * kSecondsPerDay; known = outcomes(scene.daemon.log()).size()) {
+        const size_t timers = count_of(scene.daemon.log(), kNextTimer);
+        const int64_t delay_ms = scene.last_number("XOD]valid:") >= 0 ? scene.last_number(kNextTimer) : -1;
+        // A delay that no timer takes is replaced by an hour.
+        const bool fits = delay_ms >= 0 && delay_ms <= INT32_MAX;
+        const int64_t step_s = fits ? delay_ms / 1000 + 1 : 3600;
+        scene.advance(step_s);
+        passed_s += step_s;
+        ASSERT_TRUE(scene.wait_outcomes(known + 1)) << "the refresh has died after " << passed_s << " s";
+        ASSERT_TRUE(wait_until([&] { return count_of(scene.daemon.log(), kNextTimer) > timers; }));
+        EXPECT_EQ(outcomes(scene.daemon.log()).back().result, 0);
+        ++refreshed[outcomes(scene.daemon.log()).back().type];
+        EXPECT_GT(scene.last_number("XOD]valid:"), 0) << "a file has run out after " << passed_s << " s";
+        ASSERT_LT(known, 400U) << "the refresh turns too fast";
+    }
+    for (const int type : kTypes) {
+        EXPECT_GE(refreshed[type], 4) << type;
+    }
+}
+
+struct ServerFault {
+    const char* name;
+    const char* value;
+    const char* line;
+    bool file_stays; // whatever it holds
+};
+
+void PrintTo(const ServerFault& fault, std::ostream* out) {
+    *out << fault.name;
+}
+
+class OrbitServerFault : public testing::TestWithParam<ServerFault> {};
+
+TEST_P(OrbitServerFault, IsToldRetriedAndHealed) {
+    const Assistance scene;
+    scene.board.fault(GetParam().name, GetParam().value);
+    scene.start_assistance();
+    ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
+    scene.advance(3);
+    ASSERT_TRUE(scene.daemon.wait_log(GetParam().line)) << scene.daemon.log();
+    ASSERT_TRUE(scene.daemon.wait_log(kRetryTimer));
+    EXPECT_EQ(scene.client.receive_code(TAVOR_CODE_ASSIST_RESULT)->value, TAVOR_VALUE_FAILED);
+    EXPECT_EQ(std::filesystem::exists(scene.board.directory.path / scene.path_of("XOD_GR_3_1.DAT")),
+              GetParam().file_stays);
+    scene.board.fault("all", "off");
+    scene.advance(300);
+    ASSERT_TRUE(scene.wait_outcomes(2));
+    EXPECT_EQ(outcomes(scene.daemon.log()).back().result, 0);
+    EXPECT_EQ(scene.board.directory.read(scene.path_of("XOD_GR_3_1.DAT")).size(), 12U * 56 * 72);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, OrbitServerFault,
+    testing::Values(
+        ServerFault{"assist-no-etag", "1", "xod_download_http get etag fail", true},
+        ServerFault{"assist-upper-etag", "1", "xod_download_http MD5 check fail, ETag:", false},
+        ServerFault{"assist-wrong-content", "1", "xod_download_http MD5 check fail, ETag:", false},
+        ServerFault{"assist-not-found", "1", "xod_download_http get etag fail", true},
+        ServerFault{"assist-reset", "1", "xod_download_http download fail, XOD_GR_3_1.DAT, status: ", true}),
+    [](const auto& fault) {
+        std::string name = fault.param.name;
+        std::replace(name.begin(), name.end(), '-', '_');
+        return name;
+    });
+
+TEST(Orbits, ASlowServerIsWaitedFor) {
+    const Assistance scene({"--source", "none", "--fault", "assist-slow=100000"});
+    scene.start_assistance();
+    ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
+    scene.advance(3);
+    ASSERT_TRUE(scene.wait_outcomes(1));
+    EXPECT_EQ(outcomes(scene.daemon.log()).back().result, 0);
+}
+
+TEST(Orbits, AStaleServerIsAskedAgainSoonButNotAllTheTime) {
+    const Assistance scene({"--source", "none", "--fault", "assist-stale=60"});
+    scene.load_files();
+    EXPECT_LT(scene.last_number("XOD]valid:"), 13);
+    EXPECT_NE(scene.last_number(kNextTimer), 3000);
+}
+
+TEST(Orbits, AStalledServerHoldsUpNoStopAndIsGivenUp) {
+    const Assistance scene({"--source", "none", "--aiding", "--fault", "assist-stall=on"});
+    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    scene.start_assistance();
+    ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
+    scene.advance(3);
+    ASSERT_TRUE(wait_until([&] { return scene.status()["assist"]["gps_glonass"] == 1; }));
+    EXPECT_EQ(scene.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "while the transfer hangs";
+    EXPECT_TRUE(outcomes(scene.daemon.log()).empty());
+    EXPECT_TRUE(wait_until([&] {
+        scene.advance(30); // the transfer moves nothing for a minute
+        return !outcomes(scene.daemon.log()).empty();
+    }));
+    EXPECT_EQ(outcomes(scene.daemon.log()).at(0).result, -1);
+    EXPECT_TRUE(scene.daemon.wait_log(kRetryTimer));
+}
+
+TEST(Orbits, ADownloadAndAnAidingRequestNeverMix) {
+    const Assistance scene({"--source", "none", "--aiding"});
+    scene.load_files();
+    // The files are fetched anew, slowly, while the chip asks for them.
+    scene.board.fault("assist-slow", "40000");
+    scene.advance(scene.last_number(kNextTimer) / 1000 + 1);
+    ASSERT_TRUE(wait_until([&] { return scene.status()["assist"]["gps_glonass"] == 2; }));
+    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    json orbits;
+    EXPECT_TRUE(wait_until([&] {
+        orbits = scene.status()["aiding_orbits"];
+        return std::all_of(orbits.begin(), orbits.end(),
+                           [](const json& orbit) { return orbit["good"] >= 1; });
+    })) << orbits;
+    for (const json& orbit : orbits) {
+        EXPECT_EQ(orbit["bad"], 0) << orbits;
+    }
+    EXPECT_EQ(outcomes(scene.daemon.log()).size(), 4U);
+}
+
+TEST(Orbits, AProxyOfTheEnvironmentDoesNotRedirect) {
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy"}) {
+        setenv(name, "http://127.0.0.1:1", 1);
+    }
+    {
+        const Assistance scene;
+        scene.load_files();
+        EXPECT_EQ(outcomes(scene.daemon.log()).at(0).result, 0);
+    }
+    for (const char* name : {"http_proxy", "HTTP_PROXY", "all_proxy"}) {
+        unsetenv(name);
+    }
+}
+
+TEST(Orbits, AMissingDirectoryIsToldAndRetried) {
+    const Assistance scene;
+    std::filesystem::remove_all(scene.board.directory.path / "etc/default/tavor/xod");
+    scene.start_assistance();
+    ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
+    scene.advance(3);
+    EXPECT_TRUE(
+        scene.daemon.wait_log("xod_download_http open fail, /etc/default/tavor/xod/XOD_GR_3_1.DAT\n"));
+    EXPECT_TRUE(scene.daemon.wait_log(kRetryTimer));
+    std::filesystem::create_directory(scene.board.directory.path / "etc/default/tavor/xod");
+    scene.advance(300);
+    ASSERT_TRUE(scene.wait_outcomes(2));
+    EXPECT_EQ(outcomes(scene.daemon.log()).back().result, 0);
+}
+
+TEST(Orbits, ASecondRequestWhileOneIsUnderWayDoesNoHarm) {
+    const Assistance scene({"--source", "none", "--fault", "assist-slow=200000"});
+    scene.start_assistance();
+    scene.advance(3);
+    ASSERT_TRUE(wait_until([&] { return scene.status()["assist"]["gps_glonass"] == 1; }));
+    for (int i = 0; i < 5; ++i) {
+        scene.start_assistance();
+        scene.advance(3);
+    }
+    EXPECT_TRUE(wait_until([&] {
+        scene.advance(3);
+        const std::string log = scene.daemon.log();
+        std::set<int> types;
+        for (const Outcome& outcome : outcomes(log)) {
+            EXPECT_EQ(outcome.result, 0);
+            types.insert(outcome.type);
+        }
+        return types.size() == std::size(kTypes);
+    }));
+    EXPECT_TRUE(scene.daemon.process->running());
+}
