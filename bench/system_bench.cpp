@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -27,9 +28,9 @@ double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// User and system time of a process so far, in seconds.
-double processor_seconds(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+// User and system time so far of the process or thread whose /proc directory this is, in seconds.
+double processor_seconds(const std::filesystem::path& directory) {
+    std::ifstream stat(directory / "stat");
     std::string text;
     std::getline(stat, text);
     unsigned long user = 0;
@@ -39,9 +40,30 @@ double processor_seconds(pid_t pid) {
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-double own_processor_seconds() {
+// The two threads of the daemon that work per sentence, by their place in the order of their start.
+struct ThreadSeconds {
+    double service = 0; // queue to client, one log line each
+    double receive = 0; // chip to queue; what the simulated bus costs is in here
+};
+
+ThreadSeconds thread_seconds(const std::filesystem::path& process) {
+    std::vector<int> threads;
+    for (const auto& entry : std::filesystem::directory_iterator(process / "task")) {
+        threads.push_back(std::stoi(entry.path().filename()));
+    }
+    std::sort(threads.begin(), threads.end());
+    if (threads.size() != 3) {
+        return {};
+    }
+    const auto seconds = [&](size_t i) {
+        return processor_seconds(process / "task" / std::to_string(threads[i]));
+    };
+    return {.service = seconds(1), .receive = seconds(2)};
+}
+
+double own_processor_seconds(int who) {
     rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
+    getrusage(who, &usage);
     const auto seconds = [](const timeval& time) {
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
     };
@@ -69,10 +91,11 @@ struct Record {
 
 // One process hands heap copies through a message queue to a thread that sends datagrams; another process
 // reads them.
-double prescribed_path_seconds() {
+ThreadSeconds prescribed_path_seconds() {
+    ThreadSeconds used;
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
-        return -1;
+        return used;
     }
     const pid_t reader = fork();
     if (reader == 0) {
@@ -82,8 +105,8 @@ double prescribed_path_seconds() {
         _exit(0);
     }
     const int queue = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-    const double before = own_processor_seconds();
     std::thread sender([&] {
+        const double before = own_processor_seconds(RUSAGE_THREAD);
         for (int i = 0; i < kSentences; ++i) {
             Record record = {};
             tavor_response response = {};
@@ -94,15 +117,17 @@ double prescribed_path_seconds() {
             send(sockets[0], &response, sizeof response, 0);
             std::free(record.body.data);
         }
+        used.service = own_processor_seconds(RUSAGE_THREAD) - before;
     });
+    const double before = own_processor_seconds(RUSAGE_THREAD);
     const std::string sentence(kSentenceSize, 'x');
     for (int i = 0; i < kSentences; ++i) {
         Record record = {1, {11, std::malloc(kSentenceSize + 1), kSentenceSize}};
         std::memcpy(record.body.data, sentence.c_str(), kSentenceSize + 1);
         msgsnd(queue, &record, sizeof record.body, 0);
     }
+    used.receive = own_processor_seconds(RUSAGE_THREAD) - before;
     sender.join();
-    const double used = own_processor_seconds() - before;
     msgctl(queue, IPC_RMID, nullptr);
     waitpid(reader, nullptr, 0);
     close(sockets[0]);
@@ -128,12 +153,20 @@ void report_flow() {
         sentences += response->code == TAVOR_CODE_NMEA && response->payload[0] == '$' ? 1 : 0;
     }
     const double elapsed = seconds_since(start);
-    const double reference = prescribed_path_seconds();
-    const double used = processor_seconds(pid);
+    const std::filesystem::path process = "/proc/" + std::to_string(pid);
+    const double used = processor_seconds(process);
+    const ThreadSeconds threads = thread_seconds(process);
+    const ThreadSeconds path = prescribed_path_seconds();
+    const double reference = path.service + path.receive;
     std::printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
-    std::printf("processor seconds per 100,000, daemon      %10.2f\n", used);
-    std::printf("processor seconds per 100,000, path alone  %10.2f   ratio %.2f\n", reference,
-                used / reference);
+    std::printf(
+        "processor seconds per 100,000, daemon      %10.2f   service thread %.2f, receive thread with the "
+        "simulated bus %.2f\n",
+        used, threads.service, threads.receive);
+    std::printf("processor seconds per 100,000, path alone  %10.2f   consumer %.2f, producer %.2f\n",
+                reference, path.service, path.receive);
+    std::printf("daemon to path alone                       %10.2f   service thread to consumer %.2f\n",
+                used / reference, threads.service / path.service);
     std::printf("resident memory                            %10ld KiB\n", resident_kib(pid));
     std::printf("private memory                             %10ld KiB\n", daemon.private_kib());
 }
