@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs the whole system on the simulated board: start, live positions, a command and its answer, save, the
-# location file, stop. Ends by itself and leaves nothing behind.
+# Sets up, builds and runs the whole system on the simulated board: cold start against assisted start, live positions, a command
+# and its answer, save, the location file, stop. Ends by itself and leaves nothing behind.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -73,6 +73,17 @@ show() {
     "$bin/$name" "$@"
 }
 
+# first_fix: waits for the first fix after the power-up and prints its milliseconds.
+first_fix() {
+    wait_for 30 has_fix
+    "$bin/tavor-board" ctl --dir "$dir" status --json | sed -n 's/.*"first_fix_ms":\([0-9]*\).*/\1/p'
+}
+
+has_fix() { "$bin/tavor-board" ctl --dir "$dir" status --json | grep -q '"first_fix_ms":[0-9]'; }
+
+# Whether all four constellations came through.
+all_good() { [ "$("$bin/tavor-board" ctl --dir "$dir" status --json | grep -o '"aiding_orbits":{.*"aiding_position"' | grep -o '"verdict":"good"' | wc -l)" = 4 ]; }
+
 free_port() {
     local port
     for port in $(seq 7005 7099); do
@@ -88,7 +99,8 @@ free_port() {
 socket=$dir/etc/default/tavor/tavor_sun_path
 port=$(free_port)
 
-"$bin/tavor-board" run --dir "$dir" --rate 5 --conf "debug socket ip=127.0.0.1" --conf "debug socket port=$port" \
+# The board's clock runs four times as fast as the host's: half a minute is over soon.
+"$bin/tavor-board" run --dir "$dir" --rate 5 --speed 4 --aiding --first-fix 30000 --assisted-fix 5000 --conf "debug socket ip=127.0.0.1" --conf "debug socket port=$port" \
     >"$dir/board.log" 2>&1 &
 board_pid=$!
 wait_for 10 grep -q '^ready ' "$dir/board.log"
@@ -96,7 +108,24 @@ wait_for 10 grep -q '^ready ' "$dir/board.log"
 daemon_pid=$!
 wait_for 10 test -S "$socket"
 
-say "A simulated board and the daemon run in a private directory. A client starts positioning and follows."
+say "A simulated board and the daemon run in a private directory. A cold start: the chip knows nothing and asks in vain."
+show tavorctl start --socket "$socket"
+cold=$(first_fix)
+echo "first fix after $cold ms of the board's time, which runs four times as fast as ours"
+show tavorctl stop --socket "$socket"
+
+say "The daemon fetches predicted orbits from the board's assistance server, one file after the other."
+show tavorctl assist --once --wait 3 --socket "$socket"
+(cd "$dir/etc/default/tavor/xod" && ls -l | awk 'NR > 1 {print "    " $NF ", " $5 " bytes"}')
+
+say "An assisted start: the chip asks for time and orbits again, and checks every word of every record."
+show tavorctl start --socket "$socket"
+assisted=$(first_fix)
+echo "first fix after $assisted ms; $cold ms without assistance"
+wait_for 20 all_good
+"$bin/tavor-board" ctl --dir "$dir" status | grep '^aiding_orbits'
+
+say "A client follows."
 show tavorctl watch --socket "$socket" --count 25
 
 say "The next position, for people and for programs."
@@ -105,7 +134,7 @@ show tavorctl position --json --socket "$socket"
 
 say "A command to the chip and its answer."
 show tavorctl send --wait 1 --socket "$socket" 353,1,1
-show tavor-board ctl --dir "$dir" commands
+show tavor-board ctl --dir "$dir" commands | sed -n '1p;$p' # the orbit data before it is long
 
 say "The debug outlet mirrors the chip to TCP clients: port $port, while the daemon's client goes on."
 show tavorctl debug tcp --socket "$socket"
