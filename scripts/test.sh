@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs everything that must hold: format, lint, and all tests plainly and under AddressSanitizer with
-# UndefinedBehaviorSanitizer. With --tsan also under ThreadSanitizer, with --quick only the plain tests.
+# UndefinedBehaviorSanitizer; also that what a device ships builds without a warning. With --tsan also under ThreadSanitizer, with --quick only the plain tests.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -31,6 +31,9 @@ esac
 scripts/setup.sh
 if [ "$quick" = no ]; then
     scripts/check.sh
+    echo "== release: build of the programs" # where the demo looks for them, too
+    cmake --preset release -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF -B build/demo >/dev/null
+    cmake --build build/demo
 fi
 for preset in "${presets[@]}"; do
     echo "== $preset: build"

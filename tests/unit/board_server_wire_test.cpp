@@ -181,10 +181,10 @@ TEST_F(BoardWire, DeepNestingIsNoHarm) {
 TEST_F(BoardWire, RandomMessagesAreNoHarm) {
     std::mt19937 engine(7);
     const auto random = [&] { return static_cast<uint32_t>(engine()); };
-    std::optional<Connection> connection;
+    std::unique_ptr<Connection> connection;
     for (int round = 0; round < 3000; ++round) {
         if (!connection || round % 50 == 0) {
-            connection.emplace(board);
+            connection = std::make_unique<Connection>(board);
             open_spi(*connection);
         }
         Bytes payload(random() % 80);

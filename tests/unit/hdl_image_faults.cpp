@@ -18,6 +18,15 @@ bool strikes(int* calls_before) {
     return armed && *calls_before != kNever && (*calls_before)-- == 0;
 }
 
+// A read that fails leaves the mark of a failed stream, as one of the system does.
+bool read_fails(FILE* file) {
+    const bool fails = strikes(&image_faults.fread);
+    if (fails) {
+        std::fputc('x', file); // opened for reading only
+    }
+    return fails;
+}
+
 } // namespace
 
 std::vector<std::string> log_of(const std::function<void()>& body) {
@@ -43,6 +52,7 @@ char* __real_realpath(const char* path, char* resolved);
 int __real_fclose(FILE* file);
 int __real_fseeko(FILE* file, off_t offset, int whence);
 size_t __real_fread(void* data, size_t size, size_t n, FILE* file);
+size_t __real___fread_chk(void* data, size_t room, size_t size, size_t n, FILE* file);
 char* __real_fgets(char* line, int size, FILE* file);
 
 void* __wrap_malloc(size_t size) {
@@ -70,13 +80,13 @@ int __wrap_fseeko(FILE* file, off_t offset, int whence) {
     return strikes(&image_faults.fseeko) ? -1 : __real_fseeko(file, offset, whence);
 }
 
-// A read that fails leaves the mark of a failed stream, as one of the system does.
 size_t __wrap_fread(void* data, size_t size, size_t n, FILE* file) {
-    if (!strikes(&image_faults.fread)) {
-        return __real_fread(data, size, n, file);
-    }
-    std::fputc('x', file); // opened for reading only
-    return 0;
+    return read_fails(file) ? 0 : __real_fread(data, size, n, file);
+}
+
+// What an optimised build calls.
+size_t __wrap___fread_chk(void* data, size_t room, size_t size, size_t n, FILE* file) {
+    return read_fails(file) ? 0 : __real___fread_chk(data, room, size, n, file);
 }
 
 char* __wrap_fgets(char* line, int size, FILE* file) {

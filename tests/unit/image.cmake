@@ -10,4 +10,4 @@ target_link_options(hdl_image_test PRIVATE
     ${TAVOR_CLOCK_WRAPS}
     -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk
     -Wl,--wrap=malloc -Wl,--wrap=calloc -Wl,--wrap=strdup -Wl,--wrap=realpath
-    -Wl,--wrap=fclose -Wl,--wrap=fseeko -Wl,--wrap=fread -Wl,--wrap=fgets)
+    -Wl,--wrap=fclose -Wl,--wrap=fseeko -Wl,--wrap=fread -Wl,--wrap=__fread_chk -Wl,--wrap=fgets)
