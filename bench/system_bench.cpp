@@ -171,6 +171,19 @@ void report_flow() {
     std::printf("private memory                             %10ld KiB\n", daemon.private_kib());
 }
 
+// With the HTTP library in the process, which comes with the first download.
+void report_assisted_memory() {
+    const SimulatedBoard board({"--source", "none"});
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+    if (client.ask(TAVOR_REQUEST_ASSIST, TAVOR_CODE_ASSIST) != 0 ||
+        !client.receive_code(TAVOR_CODE_ASSIST_RESULT)) {
+        std::printf("no download ended\n");
+        return;
+    }
+    std::printf("private memory, after a download           %10ld KiB\n", daemon.private_kib());
+}
+
 void report_first_answer() {
     const SimulatedBoard board;
     DaemonOnBoard daemon(board);
@@ -197,6 +210,7 @@ void report_first_answer() {
 
 int main() {
     report_flow();
+    report_assisted_memory();
     report_first_answer();
     return 0;
 }

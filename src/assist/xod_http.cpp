@@ -1,5 +1,6 @@
 #include "assist/xod_http.h"
 
+#include "assist/xod_curl.h"
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
 #include "config/location_config.h"
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <curl/curl.h>
 #include <mbedtls/md5.h>
 #include <memory>
 
@@ -30,8 +30,9 @@ constexpr curl_off_t kLargestBody = 4194304; // bytes; the real files have some 
 
 struct CurlCleanup {
     void operator()(CURL* handle) const {
-        curl_easy_cleanup(handle);
+        curl->easy_cleanup(handle);
     }
+    const XodCurl* curl = nullptr;
 };
 using CurlHandle = std::unique_ptr<CURL, CurlCleanup>;
 
@@ -58,29 +59,30 @@ int stop_large_body(void* /*unused*/, curl_off_t /*total*/, curl_off_t now, curl
     return now > kLargestBody ? 1 : 0;
 }
 
-bool set_limits(CURL* handle) {
-    return curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK && // also none of the environment
-           curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kStallSeconds) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_TIMEOUT, kTransferSeconds) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestBody) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, stop_large_body) == CURLE_OK &&
-           curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L) == CURLE_OK;
+bool set_limits(const XodCurl& curl, CURL* handle) {
+    return curl.easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK && // also none of the environment
+           curl.easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kStallSeconds) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_TIMEOUT, kTransferSeconds) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestBody) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, stop_large_body) == CURLE_OK &&
+           curl.easy_setopt(handle, CURLOPT_NOPROGRESS, 0L) == CURLE_OK;
 }
 
 CurlHandle make_handle(const Download& download) {
-    CurlHandle handle(curl_easy_init());
+    const XodCurl* curl = xod_curl();
+    CurlHandle handle(curl != nullptr ? curl->easy_init() : nullptr, CurlCleanup{curl});
     if (handle == nullptr) {
         std::printf("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, %s\n", download.name);
         return nullptr;
     }
-    if (curl_easy_setopt(handle.get(), CURLOPT_URL, download.url) != CURLE_OK) {
+    if (curl->easy_setopt(handle.get(), CURLOPT_URL, download.url) != CURLE_OK) {
         std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt url fail");
     }
-    if (!set_limits(handle.get())) {
+    if (!set_limits(*curl, handle.get())) {
         std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail");
         return nullptr;
     }
@@ -115,21 +117,22 @@ bool open_files(const Download& download, TransferFiles* files) {
 }
 
 // libcurl's own writer fills both files.
-CURLcode perform(CURL* handle, const TransferFiles& files) {
-    if (curl_easy_setopt(handle, CURLOPT_HEADERDATA, files.header) != CURLE_OK) {
+CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
+    const XodCurl& curl = *handle.get_deleter().curl;
+    if (curl.easy_setopt(handle.get(), CURLOPT_HEADERDATA, files.header) != CURLE_OK) {
         std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt headerfile fail");
     }
-    if (curl_easy_setopt(handle, CURLOPT_WRITEDATA, files.body) != CURLE_OK) {
+    if (curl.easy_setopt(handle.get(), CURLOPT_WRITEDATA, files.body) != CURLE_OK) {
         std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt bodyfile fail");
     }
-    const CURLcode result = curl_easy_perform(handle);
+    const CURLcode result = curl.easy_perform(handle.get());
     close_file(files.header);
     close_file(files.body);
     return result;
 }
 
 // Both files belong to the transfer until the lock is given back.
-bool transfer_locked(const Download& download, CURL* handle, CURLcode* result) {
+bool transfer_locked(const Download& download, const CurlHandle& handle, CURLcode* result) {
     TransferFiles files = {};
     xod_download_lock();
     const bool opened = open_files(download, &files);
@@ -146,7 +149,7 @@ bool transfer(const Download& download) {
         return false;
     }
     CURLcode result = CURLE_OK;
-    if (!transfer_locked(download, handle.get(), &result)) {
+    if (!transfer_locked(download, handle, &result)) {
         return false;
     }
     if (result != CURLE_OK) {
@@ -214,10 +217,6 @@ bool digest_of(FILE* file, uint8_t* digest) {
 }
 
 } // namespace
-
-void xod_http_init() {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-}
 
 int32_t xod_download_http(const DownloadItem* item) {
     Download download = {};

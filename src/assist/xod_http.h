@@ -7,9 +7,6 @@
 
 #include <cstdint>
 
-// Readies the HTTP library, once, while no other thread runs. What fails here shows at the first download.
-void xod_http_init();
-
 // Downloads the item's file over the old one and checks it. Holds the download lock over the transfer, which
 // ends by itself within five minutes. Returns 0, or -1 after logging why. A file with the wrong content is
 // deleted; what a broken transfer leaves stays.

@@ -2,7 +2,6 @@
 
 #include "assist/xod_download.h"
 #include "assist/xod_file.h"
-#include "assist/xod_http.h"
 #include "assist/xod_schedule.h"
 #include "base/free_block.h"
 #include "config/location_config.h"
@@ -151,7 +150,6 @@ void location_service_init(ResponseCallback response) {
     location_config_get_nmea_path(path);
     unlink(path);
     xod_mutex_init();
-    xod_http_init();
     location_debug_init();
     g_service_state.xod_enabled = 0;
     g_service_state.response = response;

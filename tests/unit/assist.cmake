@@ -19,8 +19,12 @@ tavor_test(xod_http_test
     USES tavor_assist board_interpose_local)
 target_link_options(xod_http_test PRIVATE
     -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk
-    -Wl,--wrap=curl_easy_init -Wl,--wrap=curl_easy_setopt -Wl,--wrap=curl_easy_cleanup
+    -Wl,--wrap=_Z8xod_curlv
     -Wl,--wrap=mbedtls_md5_starts_ret -Wl,--wrap=mbedtls_md5_update_ret -Wl,--wrap=mbedtls_md5_finish_ret)
+
+tavor_test(xod_curl_test SOURCES xod_curl_test.cpp "${TAVOR_ASSIST_DIR}/xod_curl.cpp" USES tavor_options ${CMAKE_DL_LIBS})
+target_include_directories(xod_curl_test SYSTEM PRIVATE "${CURL_INCLUDE_DIRS}")
+target_link_options(xod_curl_test PRIVATE -Wl,--wrap=dlopen -Wl,--wrap=dlsym)
 
 tavor_test(xod_file_test
     SOURCES xod_file_test.cpp "${TAVOR_ASSIST_DIR}/xod_file.cpp"

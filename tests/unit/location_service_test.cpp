@@ -265,14 +265,13 @@ TEST_F(ServiceTest, InitReplacesTheQueueDeletesTheLocationAndResetsTheState) {
     const std::string out = capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(6));
+        ASSERT_TRUE(fakes_wait_for(5));
     });
     EXPECT_NE(g_service_state.msqid, old_queue);
     EXPECT_EQ(g_service_state.xod_enabled, 0U);
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
     EXPECT_EQ(lines_of(out), (Texts{"[LOCSERV] INF: location_service_task_main", handle_line(4)}));
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init",
-                                    "debug_stop", "reply 4 0"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_stop", "reply 4 0"}));
 }
 
 TEST_F(ServiceTest, InitMakesTheQueueOpenToEverybody) {
@@ -293,7 +292,7 @@ TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndCarriesOn) {
         std::find(lines.begin(), lines.end(), "[LOCSERV] ERR: location_service_task_send_message, Fail!"),
         lines.end());
     EXPECT_EQ(g_service_state.msqid, -1);
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init"}));
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
 }
 
@@ -301,26 +300,26 @@ TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
     capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(10));
+        ASSERT_TRUE(fakes_wait_for(9));
         location_service_task_send_message(SERVICE_FRAME_NMEA, block("$GPGGA"), 6);
-        ASSERT_TRUE(fakes_wait_for(12));
+        ASSERT_TRUE(fakes_wait_for(11));
     });
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "xod_http_init", "debug_init",
-                                    "debug_start", "io_init", "power_on", "reply 0 0", "nmea 20:" + kBanner,
-                                    "reply 11 0 20:" + kBanner, "nmea 6:$GPGGA", "reply 11 0 6:$GPGGA"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_start", "io_init",
+                                    "power_on", "reply 0 0", "nmea 20:" + kBanner, "reply 11 0 20:" + kBanner,
+                                    "nmea 6:$GPGGA", "reply 11 0 6:$GPGGA"}));
 }
 
 TEST_F(ServiceTest, SecondStartSendsTheBannerAgain) {
     capture_stdout([&] {
         init();
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(10));
+        ASSERT_TRUE(fakes_wait_for(9));
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(16));
+        ASSERT_TRUE(fakes_wait_for(15));
     });
     const Texts texts = fakes_texts();
-    EXPECT_EQ(texts[13], "reply 0 0");
-    EXPECT_EQ(texts[15], "reply 11 0 20:" + kBanner);
+    EXPECT_EQ(texts[12], "reply 0 0");
+    EXPECT_EQ(texts[14], "reply 11 0 20:" + kBanner);
 }
 
 TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {
@@ -361,7 +360,7 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
             location_service_task_send_message(SERVICE_DOWNLOAD, nullptr, 0);
             location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
         }).join();
-        ASSERT_TRUE(fakes_wait_for(4 + 4 + 4 + 6 + 2));
+        ASSERT_TRUE(fakes_wait_for(4 + 3 + 4 + 6 + 2));
     });
     EXPECT_FALSE(stop_mark_raised());
 }

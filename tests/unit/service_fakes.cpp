@@ -2,7 +2,6 @@
 
 #include "assist/xod_download.h"
 #include "assist/xod_file.h"
-#include "assist/xod_http.h"
 #include "config/location_config.h"
 #include "debug/location_debug.h"
 #include "download/hdl_driver.h"
@@ -111,9 +110,6 @@ int32_t location_gpio_power_off() {
 }
 void xod_mutex_init() {
     record("xod_mutex_init");
-}
-void xod_http_init() {
-    record("xod_http_init");
 }
 void xod_download_init(uint8_t mask, int32_t count) {
     record("xod_init", std::to_string(mask) + " " + std::to_string(count));

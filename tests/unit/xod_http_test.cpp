@@ -1,5 +1,6 @@
 #include "assist/xod_http.h"
 
+#include "assist/xod_curl.h"
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
 #include "interpose/fail.h"
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
-#include <curl/curl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
@@ -24,15 +24,18 @@
 #include <string>
 #include <vector>
 
+extern "C" const XodCurl* __real__Z8xod_curlv();
+
 namespace {
 
 using std::string;
 namespace fs = std::filesystem;
 
-// Without it the first handle reads files of its own, which the tests that count openings see.
-[[maybe_unused]] const bool curl_ready = (xod_http_init(), true);
+// Loaded later it would read files of its own, which the tests that count openings see.
+[[maybe_unused]] const XodCurl* const ready = xod_curl();
 
 struct CurlFaults {
+    bool missing = false; // the whole library
     bool init_fails = false;
     CURLoption failing = CURLOPT_LASTENTRY;
     std::map<CURLoption, long> replaced;
@@ -152,25 +155,18 @@ const string kNoEtag =
     "[LOCSERV] ERR: [XOD]xod_download_http get etag fail, please check the http status code: "
     "/tmp/head.out\n";
 
-} // namespace
-
-extern "C" {
-
-CURL* __real_curl_easy_init();
-CURL* __wrap_curl_easy_init() {
-    CURL* handle = curl_faults.init_fails ? nullptr : __real_curl_easy_init();
+CURL* init_handle() {
+    CURL* handle = curl_faults.init_fails ? nullptr : __real__Z8xod_curlv()->easy_init();
     curl_faults.alive += handle == nullptr ? 0 : 1;
     return handle;
 }
 
-void __real_curl_easy_cleanup(CURL* handle);
-void __wrap_curl_easy_cleanup(CURL* handle) {
+void clean_up(CURL* handle) {
     --curl_faults.alive;
-    __real_curl_easy_cleanup(handle);
+    __real__Z8xod_curlv()->easy_cleanup(handle);
 }
 
-CURLcode __real_curl_easy_setopt(CURL* handle, CURLoption option, ...);
-CURLcode __wrap_curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+CURLcode set_option(CURL* handle, CURLoption option, ...) {
     va_list arguments;
     va_start(arguments, option);
     void* value = va_arg(arguments, void*); // a long has the same size and place here
@@ -181,9 +177,18 @@ CURLcode __wrap_curl_easy_setopt(CURL* handle, CURLoption option, ...) {
     curl_faults.numbers[option] = reinterpret_cast<long>(value);
     const auto replaced = curl_faults.replaced.find(option);
     if (replaced != curl_faults.replaced.end()) {
-        return __real_curl_easy_setopt(handle, option, replaced->second);
+        return __real__Z8xod_curlv()->easy_setopt(handle, option, replaced->second);
     }
-    return __real_curl_easy_setopt(handle, option, value);
+    return __real__Z8xod_curlv()->easy_setopt(handle, option, value);
+}
+
+} // namespace
+
+extern "C" {
+
+const XodCurl* __wrap__Z8xod_curlv() {
+    static const XodCurl functions = {init_handle, set_option, __real__Z8xod_curlv()->easy_perform, clean_up};
+    return curl_faults.missing ? nullptr : &functions;
 }
 
 int __real_mbedtls_md5_starts_ret(mbedtls_md5_context* context);
@@ -445,6 +450,14 @@ TEST_F(XodHttp, AddressThatCanNotBeFormattedFails) {
 TEST_F(XodHttp, MissingHandleFails) {
     serve_good();
     curl_faults.init_fails = true;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, MissingLibraryFailsLikeAMissingHandle) {
+    serve_good();
+    curl_faults.missing = true;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
     EXPECT_FALSE(exists());
