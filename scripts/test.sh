@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs everything that must hold: format, lint, and all tests plainly and under AddressSanitizer with
-# UndefinedBehaviorSanitizer; also that what a device ships builds without a warning. With --tsan also under ThreadSanitizer, with --quick only the plain tests.
+# UndefinedBehaviorSanitizer; and that what a device ships builds without a warning. With --tsan also under ThreadSanitizer,
+# with --quick only the plain tests.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
