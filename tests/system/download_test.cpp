@@ -396,6 +396,8 @@ INSTANTIATE_TEST_SUITE_P(
                     FaultCase{"checksum-bad", "once", -1, "btrom checksum fail, 0x"},
                     FaultCase{"status-error", "once:0x10", 0, "Handshake pass"},
                     FaultCase{"status-error", "9:0x08", 0, "Handshake pass"},
+                    FaultCase{"transfer-fail", "once", 0, "[SPIM] SPI master send CWR command failed\n"},
+                    FaultCase{"transfer-fail", "always", -1, "Handshake timeout, please retry!\n"},
                     FaultCase{"power-loss", "2@agent", -1, "Download Fail"}),
     case_name);
 
