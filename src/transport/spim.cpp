@@ -48,6 +48,7 @@ constexpr int64_t kWakeupPollMs = 1;
 constexpr int64_t kAfterWakeupMs = 10;
 constexpr uint32_t kMissesInARow = 21; // configurations that failed before the slave is woken
 constexpr uint32_t kDataTries = 6;     // data phases that failed before the slave is woken
+constexpr uint32_t kSureRestarts = 3;  // of a command, also while a stop waits
 constexpr uint32_t kDataPolls = 100;
 constexpr uint32_t kConfigurePolls = 5;
 
@@ -173,6 +174,12 @@ bool repeats_data(int32_t result, uint32_t* failures) {
     *failures = 0;
     spim_wakeup();
     return false;
+}
+
+// Whether a command whose data phase failed starts again. Data phases that keep failing would make it repeat
+// without limit: a stop is its end then. An error that passes is overcome all the same.
+bool starts_again(uint32_t* restarts) {
+    return ++*restarts <= kSureRestarts || !stop_mark_raised();
 }
 
 // Returns whether the write is over, well or not; else the command starts again.
@@ -324,14 +331,14 @@ void spim_wakeup() {
     tool_sleep_ms(kAfterWakeupMs);
 }
 
-// A slave whose data phases keep failing makes both repeat without limit: a stop is their end.
 void spim_write(const uint8_t* data, uint32_t n) {
     if (!is_one_transaction(data, n)) {
         return;
     }
     uint32_t wakeups = 0;
     uint32_t failures = 0;
-    while (configure_write(n, &wakeups) && !write_data(data, n, &failures) && !stop_mark_raised()) {
+    uint32_t restarts = 0;
+    while (configure_write(n, &wakeups) && !write_data(data, n, &failures) && starts_again(&restarts)) {
     }
 }
 
@@ -341,7 +348,8 @@ void spim_read(uint8_t* buffer, uint32_t n) {
     }
     uint32_t wakeups = 0;
     uint32_t failures = 0;
-    while (configure_read(n, &wakeups) && !read_data(buffer, n, &failures) && !stop_mark_raised()) {
+    uint32_t restarts = 0;
+    while (configure_read(n, &wakeups) && !read_data(buffer, n, &failures) && starts_again(&restarts)) {
     }
 }
 

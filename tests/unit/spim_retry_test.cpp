@@ -32,6 +32,14 @@ struct SpimRetry : SpimTest {
             return last == 0x06 || last == 0x81 ? status : last == 0x0E ? 0x01 : 0x04;
         };
     }
+    // Statuses of a slave that takes each configuration at the 22nd try, when it has been woken, and reports
+    // an error at each data phase.
+    static void queue_rounds(int n) {
+        for (int round = 0; round < n; ++round) {
+            spim_slave.statuses.insert(spim_slave.statuses.end(), 21 * 5 + 1, 0x01); // the last: it is awake
+            spim_slave.statuses.insert(spim_slave.statuses.end(), {0x04, 0x10, 0x01});
+        }
+    }
     // Announces a stop when so many frames with the opcode have been seen.
     void stop_at(uint8_t opcode, uint32_t count) {
         spim_slave.at_frame = [this, opcode, count] {
@@ -149,6 +157,14 @@ TEST_F(SpimRetry, FailedDataFrameEndsTheOperation) {
     EXPECT_EQ(buffer, (Bytes{0, 0}));
 }
 
+TEST_F(SpimRetry, FrameThatMovesNothingHasFailed) {
+    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x04; };
+    spim_slave.failed_result = 0;
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
+}
+
 TEST_F(SpimRetry, ConfigurationIsRepeatedUntilItIsTaken) {
     spim_slave.statuses = std::deque<int>(5 * 20, 0x01);
     write();
@@ -244,6 +260,29 @@ TEST_F(SpimRetry, MissesStartAnewWithTheCommand) {
     EXPECT_EQ(frames_with(0x0C), 1U); // of the error only
 }
 
+TEST_F(SpimRetry, FailedDataCountsOnBehindAnError) {
+    const Lines sixth = {"08 10", "0C", "0E"};
+    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x10, 0x01, 0x04, 0x80, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2} + times(6, {kWrite2}) + sixth +
+                                 Lines{kConfigureWrite2, kWrite2, "0C", "0E", kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, WakeupsOfAWriteCountOverItsRestarts) {
+    queue_rounds(11);
+    write();
+    EXPECT_EQ(frames_with(0x04), 10U * 22 + 21);
+    EXPECT_EQ(log.back(), "");
+    EXPECT_EQ(log.at(0), "[E] [SPIM] 1. SPI master CWR retry timeout, write failed\r");
+}
+
+TEST_F(SpimRetry, WakeupsOfAReadCountOverItsRestarts) {
+    queue_rounds(2);
+    read();
+    EXPECT_EQ(frames_with(0x02), 22U + 21);
+    EXPECT_EQ(log.at(0), "[E] 1. SPI master CRD retry timeout, read failed\r");
+}
+
 TEST_F(SpimRetry, EndlessErrorsOfAWriteEndWithAStop) {
     fail_data_with(0x08);
     stop_at(0x06, 50);
@@ -274,6 +313,30 @@ TEST_F(SpimRetry, AnnouncedStopFailsNothingThatWorks) {
     stop_at(0x04, 1);
     write();
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, AnnouncedStopLeavesAPassingErrorToBeOvercome) {
+    stop_at(0x04, 1);
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureWrite2, kWrite2, "08 10", "0C", "0E", kConfigureWrite2, kWrite2}));
+
+    spim_slave.frames.clear();
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    read();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureRead2, kRead2, "08 10", "0C", "0E", kConfigureRead2, kRead2}));
+}
+
+TEST_F(SpimRetry, AnnouncedStopEndsErrorsThatDoNotPass) {
+    fail_data_with(0x08);
+    stop_at(0x04, 1);
+    write();
+    EXPECT_EQ(frames_with(0x06), 4U);
+    fail_data_with(0x10);
+    read();
+    EXPECT_EQ(frames_with(0x81), 4U);
 }
 
 TEST_F(SpimRetry, AnnouncedStopLeavesTheLimitedRetries) {

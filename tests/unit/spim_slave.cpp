@@ -68,7 +68,7 @@ int32_t take_frame(const Bytes& frame, uint8_t* rx) {
     last_command = frame[0];
     spim_slave.at_frame();
     if (spim_slave.fails(frame)) {
-        return -1;
+        return spim_slave.failed_result;
     }
     if (frame[0] == 0x81) {
         for (size_t i = 1; i < frame.size(); ++i) {

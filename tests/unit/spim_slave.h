@@ -31,6 +31,7 @@ struct SpimSlave {
     // Answers to the next status reads; then those of a slave that does what it is told.
     std::deque<int> statuses;
     std::function<bool(const Bytes& frame)> fails = [](const Bytes&) { return false; };
+    int32_t failed_result = -1; // of a frame that fails
     std::function<void()> at_frame = [] {};
     std::function<int(uint8_t last)> status_after; // of a slave of the test's own
     Bytes data;                                    // that it sends
