@@ -69,8 +69,10 @@ uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* out
         output[written++] = pair->partner;
         ++pairs;
     }
-    std::fill(output + written, output + kToolEscapeSize, uint8_t{0});
-    return n + pairs;
+    const uint32_t result = n + pairs;
+    // Kept: where not all fitted, the place in which no pair could begin stays as it is.
+    std::fill(output + std::min(result, kToolEscapeSize), output + kToolEscapeSize, uint8_t{0});
+    return result;
 }
 
 uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
