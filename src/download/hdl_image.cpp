@@ -107,7 +107,7 @@ uint32_t count_images(FILE* file) {
             ++count;
         }
     }
-    return count;
+    return std::ferror(file) == 0 ? count : 0; // a part of the list is none
 }
 
 // The directory of the image list, absolute where the path can be resolved; null without memory.
@@ -291,7 +291,7 @@ ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
     }
     std::printf("The FW load directory is: %s\n", directory.get());
     Reading reading = {file, directory.get(), images.get(), count, 0};
-    return read_blocks(&reading) ? images.release() : nullptr;
+    return read_blocks(&reading) && std::ferror(file) == 0 ? images.release() : nullptr;
 }
 
 uint32_t image_crc32(const char* path) {

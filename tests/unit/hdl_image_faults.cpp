@@ -19,8 +19,8 @@ bool strikes(int* calls_before) {
 }
 
 // A read that fails leaves the mark of a failed stream, as one of the system does.
-bool read_fails(FILE* file) {
-    const bool fails = strikes(&image_faults.fread);
+bool read_fails(FILE* file, int* calls_before) {
+    const bool fails = strikes(calls_before);
     if (fails) {
         std::fputc('x', file); // opened for reading only
     }
@@ -81,15 +81,18 @@ int __wrap_fseeko(FILE* file, off_t offset, int whence) {
 }
 
 size_t __wrap_fread(void* data, size_t size, size_t n, FILE* file) {
-    return read_fails(file) ? 0 : __real_fread(data, size, n, file);
+    return read_fails(file, &image_faults.fread) ? 0 : __real_fread(data, size, n, file);
 }
 
 // What an optimised build calls.
 size_t __wrap___fread_chk(void* data, size_t room, size_t size, size_t n, FILE* file) {
-    return read_fails(file) ? 0 : __real___fread_chk(data, room, size, n, file);
+    return read_fails(file, &image_faults.fread) ? 0 : __real___fread_chk(data, room, size, n, file);
 }
 
 char* __wrap_fgets(char* line, int size, FILE* file) {
+    if (read_fails(file, &image_faults.fgets)) {
+        return nullptr;
+    }
     char* result = __real_fgets(line, size, file);
     if (armed && result != nullptr && image_faults.at_line) {
         image_faults.at_line(result);

@@ -18,6 +18,7 @@ struct ImageFaults {
     int fclose = kNever;
     int fseeko = kNever;
     int fread = kNever;
+    int fgets = kNever;
     std::function<void(const char*)> at_line; // sees each line that is read
 };
 

@@ -358,6 +358,20 @@ TEST_F(ImageList, FileThatGrowsBetweenTheTwoReadingsIsRefused) {
     EXPECT_EQ(log.back(), "[E] Out of index(0~)=1. Total image count= 1.");
 }
 
+TEST_F(ImageList, FileThatCanOnlyBeReadInPartIsRefused) {
+    const int lines = 4 + 4 + 1; // of a reading, the end included
+    for (int readable = 0; readable < lines; ++readable) {
+        image_faults.fgets = readable;
+        load(kBlockA + kBlockB);
+        EXPECT_EQ(images, nullptr) << readable;
+        EXPECT_EQ(log, (Lines{"[I] image count=0", "[E] Parsing config image count failed"})) << readable;
+        image_faults.fgets = lines + readable;
+        load(kBlockA + kBlockB);
+        EXPECT_EQ(images, nullptr) << readable;
+        EXPECT_EQ(log.at(0), "[I] image count=2") << readable;
+    }
+}
+
 TEST_F(ImageList, ReadingFillsOnlyTheCountedEntries) {
     read(kBlockA + kBlockB, 3);
     ASSERT_NE(images, nullptr);
