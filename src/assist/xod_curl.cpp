@@ -29,7 +29,7 @@ bool find_all(void* library) {
            find(library, "curl_easy_cleanup", &state.functions.easy_cleanup);
 }
 
-// Nothing extra: TLS, which plain HTTP does not need, would be most of it.
+// Nothing extra: plain HTTP needs none of it.
 bool start(void* library) {
     decltype(&curl_global_init) global_init = nullptr;
     if (!find(library, "curl_global_init", &global_init)) {

@@ -1,5 +1,6 @@
 #include "assist/xod_http.h"
 
+#include "assist/xod_bounded_file.h"
 #include "assist/xod_curl.h"
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
@@ -26,7 +27,7 @@ constexpr long kConnectSeconds = 30;
 constexpr long kStallSeconds = 60; // with less than a byte a second
 constexpr long kStallBytesPerSecond = 1;
 constexpr long kTransferSeconds = 300;
-constexpr curl_off_t kLargestBody = 4194304; // bytes; the real files have some 50,000
+constexpr curl_off_t kLargestFile = 4194304; // bytes, also of the header; the real files have some 50,000
 
 struct CurlCleanup {
     void operator()(CURL* handle) const {
@@ -53,12 +54,6 @@ bool describe(const DownloadItem& item, Download* download) {
                          server.vendor, server.project, server.device_id) >= 0;
 }
 
-// The size in the header bounds only a body that has one there.
-int stop_large_body(void* /*unused*/, curl_off_t /*total*/, curl_off_t now, curl_off_t /*upload_total*/,
-                    curl_off_t /*upload_now*/) {
-    return now > kLargestBody ? 1 : 0;
-}
-
 bool set_limits(const XodCurl& curl, CURL* handle) {
     return curl.easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK &&
@@ -67,9 +62,8 @@ bool set_limits(const XodCurl& curl, CURL* handle) {
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kStallSeconds) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_TIMEOUT, kTransferSeconds) == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestBody) == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, stop_large_body) == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_NOPROGRESS, 0L) == CURLE_OK;
+           curl.easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L) == CURLE_OK && // leaves a stuck name resolution
+           curl.easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestFile) == CURLE_OK;
 }
 
 CurlHandle make_handle(const Download& download) {
@@ -102,12 +96,12 @@ struct TransferFiles {
 
 // Opens both files, or neither, and empties them.
 bool open_files(const Download& download, TransferFiles* files) {
-    files->header = std::fopen(kHeaderPath, "wb");
+    files->header = xod_bounded_file_open(kHeaderPath, kLargestFile);
     if (files->header == nullptr) {
         std::printf("[LOCSERV] ERR: [XOD]xod_download_http fail, %s\n", kHeaderPath);
         return false;
     }
-    files->body = std::fopen(download.path, "wb");
+    files->body = xod_bounded_file_open(download.path, kLargestFile);
     if (files->body == nullptr) {
         close_file(files->header);
         std::printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.path);
@@ -116,7 +110,8 @@ bool open_files(const Download& download, TransferFiles* files) {
     return true;
 }
 
-// libcurl's own writer fills both files.
+// libcurl's own writer fills both files, which take only so much: neither what a packed body unpacks to nor a
+// trailer is announced.
 CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
     const XodCurl& curl = *handle.get_deleter().curl;
     if (curl.easy_setopt(handle.get(), CURLOPT_HEADERDATA, files.header) != CURLE_OK) {

@@ -14,9 +14,10 @@ foreach(test xod_download_test xod_download_threads_test xod_download_cycle_test
     target_link_options(${test} PRIVATE -Wl,--wrap=malloc)
 endforeach()
 
+find_package(ZLIB REQUIRED) # packs a body
 tavor_test(xod_http_test
     SOURCES xod_http_test.cpp ../support/http_server.cpp ../support/format_fault.cpp
-    USES tavor_assist board_interpose_local)
+    USES tavor_assist board_interpose_local ZLIB::ZLIB)
 target_link_options(xod_http_test PRIVATE
     -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk
     -Wl,--wrap=_Z8xod_curlv
@@ -24,7 +25,7 @@ target_link_options(xod_http_test PRIVATE
 
 tavor_test(xod_curl_test SOURCES xod_curl_test.cpp "${TAVOR_ASSIST_DIR}/xod_curl.cpp" USES tavor_options ${CMAKE_DL_LIBS})
 target_include_directories(xod_curl_test SYSTEM PRIVATE "${CURL_INCLUDE_DIRS}")
-target_link_options(xod_curl_test PRIVATE -Wl,--wrap=dlopen -Wl,--wrap=dlsym)
+target_link_options(xod_curl_test PRIVATE -Wl,--wrap=dlopen -Wl,--wrap=dlsym -Wl,--wrap=dlclose)
 
 tavor_test(xod_file_test
     SOURCES xod_file_test.cpp "${TAVOR_ASSIST_DIR}/xod_file.cpp"

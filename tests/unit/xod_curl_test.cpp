@@ -16,6 +16,7 @@ struct LoaderFaults {
     std::string without;      // the function that is not there
     bool start_fails = false; // of the library itself
     int opened = 0;
+    int closed = 0;
 } faults;
 
 CURLcode failing_start(long /*flags*/) {
@@ -41,6 +42,12 @@ void* __real_dlopen(const char* path, int flags);
 void* __wrap_dlopen(const char* path, int flags) {
     ++faults.opened;
     return __real_dlopen(faults.missing ? "libcurl-that-is-not-there.so.4" : path, flags);
+}
+
+int __real_dlclose(void* library);
+int __wrap_dlclose(void* library) {
+    ++faults.closed;
+    return __real_dlclose(library);
 }
 
 void* __real_dlsym(void* library, const char* name);
@@ -75,6 +82,7 @@ TEST_F(XodCurlTest, MissingFunctionIsTold) {
                   "[LOCSERV] ERR: [XOD]xod_curl, libcurl.so.4 has no " + std::string(name) + "\n");
         EXPECT_EQ(curl, nullptr);
     }
+    EXPECT_EQ(faults.closed, faults.opened);
 }
 
 TEST_F(XodCurlTest, LibraryThatDoesNotStartIsTold) {
@@ -82,6 +90,7 @@ TEST_F(XodCurlTest, LibraryThatDoesNotStartIsTold) {
     const XodCurl* curl = nullptr;
     EXPECT_EQ(log_of(&curl), "[LOCSERV] ERR: [XOD]xod_curl, curl_global_init, status: 2\n");
     EXPECT_EQ(curl, nullptr);
+    EXPECT_EQ(faults.closed, 1);
 }
 
 TEST_F(XodCurlTest, FailureIsNotForEverAndLoadingIsOnce) {
@@ -98,6 +107,7 @@ TEST_F(XodCurlTest, FailureIsNotForEverAndLoadingIsOnce) {
         thread.join();
     }
     EXPECT_EQ(faults.opened, 2);
+    EXPECT_EQ(faults.closed, 0);
     for (const XodCurl* answer : answers) {
         ASSERT_NE(answer, nullptr);
         EXPECT_EQ(answer, answers[0]);

@@ -23,6 +23,7 @@
 #include <mutex>
 #include <string>
 #include <vector>
+#include <zlib.h>
 
 extern "C" const XodCurl* __real__Z8xod_curlv();
 
@@ -150,6 +151,23 @@ struct XodHttp : testing::Test {
     string log;
     std::unique_ptr<HttpServer> server; // the last: its thread uses the others
 };
+
+constexpr size_t kLimit = 4194304; // bytes of a file
+
+string gzip_of(const string& text) {
+    string packed(compressBound(text.size()) + 64, '\0');
+    z_stream stream = {};
+    constexpr int kGzip = 16 + MAX_WBITS;
+    EXPECT_EQ(deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, kGzip, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+    stream.avail_out = static_cast<uInt>(packed.size());
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    packed.resize(stream.total_out);
+    deflateEnd(&stream);
+    return packed;
+}
 
 const string kNoEtag =
     "[LOCSERV] ERR: [XOD]xod_download_http get etag fail, please check the http status code: "
@@ -363,6 +381,29 @@ TEST_F(XodHttp, StalledTransferIsGivenUp) {
     EXPECT_EQ(log, failed(CURLE_OPERATION_TIMEDOUT));
 }
 
+TEST_F(XodHttp, PackedBodyThatUnpacksToTooMuchIsCut) {
+    const string packed = gzip_of(string(8 * kLimit, 'x'));
+    ASSERT_LT(packed.size(), kLimit / 10);
+    char size[32];
+    std::snprintf(size, sizeof size, "%zx\r\n", packed.size());
+    serve_text("HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\n\r\n" + (size + packed) +
+               "\r\n0\r\n\r\n");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(fs::file_size(path()), kLimit);
+}
+
+TEST_F(XodHttp, EndlessTrailerIsCut) {
+    string trailer;
+    while (trailer.size() < 2 * kLimit) {
+        trailer += "X-More: " + string(1000, 'x') + "\r\n";
+    }
+    serve_text("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n" + trailer + "\r\n");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(dir.read("tmp/head.out").size(), kLimit);
+}
+
 TEST_F(XodHttp, LimitsAreSet) {
     serve_good();
     download();
@@ -371,6 +412,7 @@ TEST_F(XodHttp, LimitsAreSet) {
     EXPECT_EQ(curl_faults.numbers.at(CURLOPT_LOW_SPEED_TIME), 60);
     EXPECT_EQ(curl_faults.numbers.at(CURLOPT_TIMEOUT), 300);
     EXPECT_EQ(curl_faults.numbers.at(CURLOPT_NOSIGNAL), 1);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_QUICK_EXIT), 1);
     EXPECT_EQ(curl_faults.numbers.at(CURLOPT_MAXFILESIZE_LARGE), 4194304);
     EXPECT_STREQ(reinterpret_cast<const char*>(curl_faults.numbers.at(CURLOPT_PROTOCOLS_STR)), "http");
     for (const CURLoption never : {CURLOPT_WRITEFUNCTION, CURLOPT_FOLLOWLOCATION, CURLOPT_USERAGENT}) {
@@ -389,8 +431,8 @@ TEST_F(XodHttp, LargeBodyOfUnknownSizeIsCutOff) {
     serve_text("HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nConnection: close\r\n\r\n" +
                string(20000000, 'a'));
     EXPECT_EQ(download(), -1);
-    EXPECT_EQ(log, failed(CURLE_ABORTED_BY_CALLBACK));
-    EXPECT_LT(content().size(), 6000000U);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(content().size(), kLimit);
 }
 
 TEST_F(XodHttp, LargestBodyIsTaken) {
@@ -490,10 +532,9 @@ TEST_F(XodHttp, BodyFileThatIsNotTakenFailsTheCheck) {
 
 TEST_F(XodHttp, WithoutItsLimitsNothingIsTransferred) {
     serve_good();
-    for (const CURLoption option :
-         {CURLOPT_NOSIGNAL, CURLOPT_PROTOCOLS_STR, CURLOPT_PROXY, CURLOPT_CONNECTTIMEOUT,
-          CURLOPT_LOW_SPEED_LIMIT, CURLOPT_LOW_SPEED_TIME, CURLOPT_TIMEOUT, CURLOPT_MAXFILESIZE_LARGE,
-          CURLOPT_XFERINFOFUNCTION, CURLOPT_NOPROGRESS}) {
+    for (const CURLoption option : {CURLOPT_NOSIGNAL, CURLOPT_PROTOCOLS_STR, CURLOPT_PROXY,
+                                    CURLOPT_CONNECTTIMEOUT, CURLOPT_LOW_SPEED_LIMIT, CURLOPT_LOW_SPEED_TIME,
+                                    CURLOPT_TIMEOUT, CURLOPT_MAXFILESIZE_LARGE, CURLOPT_QUICK_EXIT}) {
         curl_faults.failing = option;
         EXPECT_EQ(download(), -1);
         EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail\n");
@@ -549,7 +590,7 @@ TEST_F(XodHttp, FullDiskFailsTheTransfer) {
 
 TEST_F(XodHttp, FilesThatFailToCloseAreLoggedAndChecked) {
     serve_good();
-    for (const int nth : {6, 7}) {
+    for (const int nth : {6, 7, 8, 9}) { // the streams and the files behind them
         interpose_fail("fclose", nth, EIO);
         EXPECT_EQ(download(), 0);
         EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fclose fail\n" + good_log());
@@ -558,7 +599,7 @@ TEST_F(XodHttp, FilesThatFailToCloseAreLoggedAndChecked) {
 
 TEST_F(XodHttp, EtagThatFailsToCloseCounts) {
     serve_good();
-    interpose_fail("fclose", 8, EIO);
+    interpose_fail("fclose", 10, EIO);
     EXPECT_EQ(download(), 0);
     EXPECT_EQ(log, kEtagLine + "[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail\n" +
                        good_log().substr(kEtagLine.size()));
@@ -583,7 +624,7 @@ TEST_F(XodHttp, FileThatCanNotBeReadFailsTheCheck) {
 
 TEST_F(XodHttp, FileThatFailsToCloseBehindItsSumCounts) {
     serve_good();
-    interpose_fail("fclose", 9, EIO);
+    interpose_fail("fclose", 11, EIO);
     EXPECT_EQ(download(), 0);
     EXPECT_NE(log.find("MD5 check\n[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail\n"), string::npos)
         << log;
