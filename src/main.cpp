@@ -1,5 +1,10 @@
 #include "service/tavor.h"
 
+#include <cstdio>
+#include <unistd.h>
+
 int main() {
-    return tavor_run();
+    const int status = tavor_run();
+    std::fflush(stdout);
+    _exit(status); // the other threads still run: nothing is torn down under them
 }

@@ -54,6 +54,22 @@ int32_t download() {
     return location_service_download();
 }
 
+void* wait_to_be_cancelled(void* /*unused*/) {
+    for (;;) {
+        pause();
+    }
+}
+
+// The first cancellation in a process loads a library, and would wait for one that another thread is loading:
+// a stop for the HTTP library. Here nobody loads any.
+void make_first_cancellation() {
+    pthread_t thread = {};
+    if (pthread_create(&thread, nullptr, wait_to_be_cancelled, nullptr) == 0) {
+        pthread_cancel(thread);
+        pthread_join(thread, nullptr);
+    }
+}
+
 int32_t run_download() {
     location_service_stop();
     const int32_t result = download();
@@ -150,6 +166,7 @@ void location_service_init(ResponseCallback response) {
     location_config_get_nmea_path(path);
     unlink(path);
     xod_mutex_init();
+    make_first_cancellation();
     location_debug_init();
     g_service_state.xod_enabled = 0;
     g_service_state.response = response;
