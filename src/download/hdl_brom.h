@@ -1,5 +1,5 @@
-// The chip's boot ROM: an echo protocol that is alive shortly after power-up. All operations log their
-// failures and, unless told otherwise, return success.
+// The chip's boot ROM: an echo protocol that is alive shortly after power-up. Nearly all failures are
+// logged; unless told otherwise, operations return success.
 #ifndef TAVOR_HDL_BROM_H
 #define TAVOR_HDL_BROM_H
 
@@ -7,8 +7,8 @@
 
 inline constexpr uint32_t kBromUidSize = 16; // bytes
 
-// Power-cycles the chip and synchronises with its boot ROM. Fails when it stays silent for 10 s; while it
-// answers wrongly it repeats until a stop is announced (stop_mark.h).
+// Power-cycles the chip and synchronises with its boot ROM. Fails when its first byte is not answered rightly for
+// 10 s; wrong answers to the later ones make it repeat until a stop is announced (stop_mark.h).
 bool hdl_brom_handshake();
 
 // Reads the chip's identifier into uid (kBromUidSize bytes).
@@ -21,7 +21,8 @@ bool hdl_brom_set_registers();
 // Changes the line speed on both sides.
 bool hdl_brom_set_baudrate(uint32_t baud);
 
-// Uploads the download agent of g_download_settings. Returns whether the last status word read is not 0.
+// Uploads the download agent of g_download_settings. Returns whether the last status word read is not 0,
+// a good final status counting as 1.
 bool hdl_brom_send_da();
 
 // Starts the uploaded download agent.

@@ -260,6 +260,8 @@ uint32_t hdl_da_wait_data(uint16_t id, uint32_t* address, uint32_t* crc, uint8_t
     if (code == HDL_DA_OK) {
         *address = load_le32(pool->data + kKitePayloadAt);
         *crc = load_le32(pool->data + kCrcAt);
+    }
+    if (code == HDL_DA_OK && size > kDataAt) {
         memcpy(data, pool->data + kDataAt, size - kDataAt);
     }
     tool_rx_buffer_consume(pool, size);

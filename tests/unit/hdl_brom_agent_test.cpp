@@ -210,9 +210,9 @@ TEST_F(SendAgent, FirstStatusIsAwaited) {
 // Kept: the result is whether the last status word is not 0.
 TEST_F(SendAgent, ErrorInTheFirstStatusStopsButCountsAsSuccess) {
     use_file("abcde");
-    answer({word16(0x1D0D)}, {});
+    answer({word16(0x1000)}, {});
     EXPECT_TRUE(send());
-    EXPECT_EQ(last(), "[E] hdl_brom_send_da get status error 7437 (0x1D0D)");
+    EXPECT_EQ(last(), "[E] hdl_brom_send_da get status error 4096 (0x1000)");
     EXPECT_EQ(brom_link.sent.size(), 4U);
 }
 
@@ -242,11 +242,15 @@ TEST_F(SendAgent, ChecksumIsCompared) {
 }
 
 TEST_F(SendAgent, LostChunkShowsInTheChecksum) {
-    use_file("abcde");
-    answer({word16(0)}, {word16(0), word16(0)});
+    use_file("abcde" + content(1024));
+    ASSERT_EQ(chunks, 2U);
+    const auto other = static_cast<uint16_t>(checksum ^ 1U);
+    answer({word16(0)}, {word16(other), word16(0)});
     brom_link.failing_send = kFirstChunkSend;
     EXPECT_FALSE(send());
-    EXPECT_EQ(last(), "[E] hdl_brom_send_da read btrom_crc error");
+    char expected[64];
+    std::snprintf(expected, sizeof expected, "[E] btrom checksum fail, 0x%x/0x%x", checksum, other);
+    EXPECT_EQ(last(), expected);
 }
 
 TEST_F(SendAgent, FirstStatusDecidesWhereNoOtherIsRead) {

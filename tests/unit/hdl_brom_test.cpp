@@ -62,14 +62,15 @@ Bytes uid_response(uint16_t status) {
 
 TEST_F(Brom, HandshakePowerCyclesAndSynchronises) {
     answer_handshake(0);
+    brom_link.at_power_on = [] { std::puts("power on"); };
     EXPECT_TRUE(handshake());
     EXPECT_EQ(brom_link.power, (Lines{"off at 0 ms", "on at 500 ms"}));
     EXPECT_EQ(sent_as_text(), (Lines{"A0", "0A", "50", "05"}));
     EXPECT_EQ(fake_clock.slept, (Times{500, 20, 10, 20, 10, 20, 10, 20, 10, 20}));
-    EXPECT_EQ(log,
-              (Lines{"[I] Please reboot chip again:", "[I] echoU8 Send 0xA0", "[I] echoU8 receiveChar 0x5F",
-                     "[I] echoU8 Send 0xA", "[I] echoU8 receiveChar 0xF5", "[I] echoU8 Send 0x50",
-                     "[I] echoU8 receiveChar 0xAF", "[I] echoU8 Send 0x5", "[I] echoU8 receiveChar 0xFA"}));
+    EXPECT_EQ(log, (Lines{"[I] Please reboot chip again:", "power on", "[I] echoU8 Send 0xA0",
+                          "[I] echoU8 receiveChar 0x5F", "[I] echoU8 Send 0xA", "[I] echoU8 receiveChar 0xF5",
+                          "[I] echoU8 Send 0x50", "[I] echoU8 receiveChar 0xAF", "[I] echoU8 Send 0x5",
+                          "[I] echoU8 receiveChar 0xFA"}));
 }
 
 TEST_F(Brom, HandshakeRepeatsItsFirstByte) {
@@ -87,6 +88,14 @@ TEST_F(Brom, SilentChipEndsTheHandshakeBehind10Seconds) {
     EXPECT_EQ(brom_link.power, (Lines{"off at 0 ms", "on at 500 ms"}));
     EXPECT_EQ(fake_clock_slept(), 500 + 10040); // the first attempt to end past 10000 ms
     EXPECT_EQ(brom_link.sent.size(), 251U);
+    EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
+}
+
+TEST_F(Brom, HandshakeEndsOneMillisecondPast10Seconds) {
+    brom_link.silent = true;
+    brom_link.at_receive = [] { fake_clock.now_ms += brom_link.sent.size() == 250 ? 1 : 0; };
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(brom_link.sent.size(), 250U);
     EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
 }
 

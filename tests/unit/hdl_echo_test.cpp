@@ -45,6 +45,13 @@ TEST_F(Echo, ReadU16GivesUpPastOneSecond) {
     EXPECT_EQ(brom_link.asked.size(), 52U);
 }
 
+TEST_F(Echo, ReadU16GivesUpOneMillisecondPastOneSecond) {
+    brom_link.at_receive = [] { fake_clock.now_ms += brom_link.asked.size() == 51 ? 1 : 0; };
+    uint16_t value = 0;
+    EXPECT_FALSE(readU16(&value));
+    EXPECT_EQ(fake_clock_slept(), 1000);
+}
+
 TEST_F(Echo, ReadU16StillTakesTheLastPollsAnswer) {
     brom_link.arriving = std::deque<Bytes>(51);
     brom_link.arriving.push_back({1, 0});
