@@ -192,15 +192,17 @@ void report_first_answer() {
         daemon.kill();
         const TestClient client(board.socket_path());
         const Clock::time_point start = Clock::now();
-        std::thread restart([&] { daemon.restart(); });
-        tavor_request request = {};
-        request.type = TAVOR_REQUEST_DEBUG_OFF;
-        while (!client.send_bytes(&request, sizeof request) ||
-               !client.receive_code(TAVOR_CODE_DEBUG, std::chrono::milliseconds(100))) {
-            std::this_thread::yield();
-        }
-        times.push_back(seconds_since(start));
-        restart.join();
+        std::thread answered([&] { // the daemon lives no longer than the thread that starts it
+            tavor_request request = {};
+            request.type = TAVOR_REQUEST_DEBUG_OFF;
+            while (!client.send_bytes(&request, sizeof request) ||
+                   !client.receive_code(TAVOR_CODE_DEBUG, std::chrono::milliseconds(100))) {
+                std::this_thread::yield();
+            }
+            times.push_back(seconds_since(start));
+        });
+        daemon.restart();
+        answered.join();
     }
     std::sort(times.begin(), times.end());
     std::printf("process start to first answer, median      %10.1f ms\n", times[times.size() / 2] * 1000);

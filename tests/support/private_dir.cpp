@@ -38,17 +38,19 @@ void remove_stale(const std::filesystem::path& parent) {
     }
 }
 
-} // namespace
-
-PrivateDir::PrivateDir() {
+std::filesystem::path make_directory() {
     const std::filesystem::path parent = std::filesystem::temp_directory_path();
     [[maybe_unused]] static const bool once = (remove_stale(parent), true);
     std::string pattern = parent / (std::string(kName) + std::to_string(getpid()) + "-XXXXXX");
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("can't make a directory like " + pattern);
     }
-    path = pattern;
+    return pattern;
 }
+
+} // namespace
+
+PrivateDir::PrivateDir() : path(make_directory()) {}
 
 PrivateDir::~PrivateDir() {
     std::error_code ignored;

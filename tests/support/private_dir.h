@@ -18,7 +18,7 @@ struct PrivateDir {
     // Content of a file, empty when there is none.
     std::string read(const std::string& name) const;
 
-    std::filesystem::path path;
+    const std::filesystem::path path; // removed at the end: never another's
 };
 
 #endif

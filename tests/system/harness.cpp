@@ -9,14 +9,12 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace {
 
@@ -37,23 +35,50 @@ std::vector<char*> argument_pointers(const Arguments& arguments) {
     return pointers;
 }
 
+// Of the calls below a child may make only those that are safe behind a fork.
+void redirect(int descriptor, const char* path, int flags) {
+    const int file = path == nullptr ? descriptor : open(path, flags, 0600);
+    if (file != descriptor) {
+        dup2(file, descriptor);
+        close(file);
+    }
+}
+
+// Ends with the thread that started it: a test that is killed leaves no program behind.
+[[noreturn]] void become(char** argv, pid_t parent, const char* out, const char* err, int report) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(EXIT_FAILURE);
+    }
+    redirect(STDIN_FILENO, "/dev/null", O_RDONLY);
+    redirect(STDOUT_FILENO, out, O_WRONLY | O_CREAT | O_APPEND);
+    redirect(STDERR_FILENO, err, O_WRONLY | O_CREAT | O_APPEND);
+    execvp(argv[0], argv);
+    const int error = errno;
+    static_cast<void>(write(report, &error, sizeof error) + 1);
+    _exit(EXIT_FAILURE);
+}
+
+const char* or_null(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
 pid_t spawn(const Arguments& arguments, const std::string& out, const std::string& err) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    if (!out.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                         0600);
-    }
-    if (!err.empty()) {
-        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                         0600);
-    }
     std::vector<char*> argv = argument_pointers(arguments);
-    pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
+    int report[2]; // closed by a good exec
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        throw std::runtime_error(std::string("can't make a pipe: ") + std::strerror(errno));
+    }
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        become(argv.data(), parent, or_null(out), or_null(err), report[1]);
+    }
+    int error = pid < 0 ? errno : 0;
+    close(report[1]);
+    const bool failed = pid < 0 || read(report[0], &error, sizeof error) > 0;
+    close(report[0]);
+    if (failed) {
         throw std::runtime_error("can't start " + arguments[0] + ": " + std::strerror(error));
     }
     return pid;

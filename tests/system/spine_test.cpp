@@ -1,9 +1,14 @@
 // Requests, replies and the flow of sentences, from the client's side.
 #include "system/harness.h"
 
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -203,4 +208,25 @@ TEST(Spine, EleventhDatagramToAReaderThatSleepsIsNotLost) {
     for (int i = 0; i < 40; ++i) {
         ASSERT_TRUE(client.receive_code(TAVOR_CODE_SAVE_LOCATION)) << i;
     }
+}
+
+TEST(Harness, KilledTestLeavesNoProgramBehind) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t test = fork();
+    if (test == 0) {
+        const SimulatedBoard board;
+        while (write(ends[1], &board.process->pid, sizeof(pid_t)) > 0) {
+            pause();
+        }
+        _exit(EXIT_FAILURE);
+    }
+    close(ends[1]);
+    pid_t program = 0;
+    EXPECT_EQ(read(ends[0], &program, sizeof program), static_cast<ssize_t>(sizeof program));
+    close(ends[0]);
+    kill(test, SIGKILL);
+    waitpid(test, nullptr, 0);
+    ASSERT_GT(program, 0);
+    EXPECT_TRUE(wait_until([&] { return kill(program, 0) == -1 && errno == ESRCH; }));
 }

@@ -3,6 +3,8 @@
 #include "debug_fixture.h"
 
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <sys/stat.h>
 #include <thread>
 
@@ -11,11 +13,8 @@ namespace {
 const std::string kWriteFail = "[LOCSERV] ERR: [debug] write to file fail";
 
 std::string content_of(const std::string& path) {
-    PrivateDir reader; // reads any path: an absolute name replaces its own
-    reader.path = "/";
-    std::string content = reader.read(path);
-    reader.path.clear();
-    return content;
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace
