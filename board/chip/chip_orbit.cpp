@@ -93,8 +93,10 @@ void ask(Chip& chip, size_t number, uint64_t now_us) {
     ChipOrbitProgress& progress = chip.orbits.of[number];
     ChipAidingStatus& status = chip.status.aiding_orbits[number];
     if (progress.received > 0) { // the answer before broke off
-        progress.error = std::to_string(progress.received) + " of " +
-                         std::to_string(records_of(chip, constellation)) + " records";
+        if (progress.error.empty()) {
+            progress.error = std::to_string(progress.received) + " of " +
+                             std::to_string(records_of(chip, constellation)) + " records";
+        }
         judge(status, progress);
     }
     const uint64_t gps = chip_gps_seconds(chip_utc_us(chip, now_us));

@@ -4,6 +4,7 @@
 #include "assist/xod_schedule.h"
 #include "base/byte_order.h"
 #include "link/location_command.h"
+#include "link/stop_mark.h"
 
 #include <bit>
 #include <cstdio>
@@ -113,9 +114,20 @@ void format_command(int32_t constellation, const uint8_t* record, char* text) {
                   w[15], w[16], w[17]);
 }
 
+// A chip that asks without end fills the queue with requests of a second each: a stop waits for none of them.
+bool gives_way(bool pending = stop_mark_raised()) {
+    if (pending) {
+        std::puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
+    }
+    return pending;
+}
+
 void xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
     uint8_t record[kRecordSize];
     for (uint32_t i = 0; i < n; ++i) {
+        if (gives_way()) {
+            return;
+        }
         if (std::fread(record, sizeof record, 1, file) != 1) {
             std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_send_data, read fail");
             return;
@@ -266,8 +278,7 @@ uint32_t xod_host_aiding_sv_id(int32_t constellation, const uint8_t* record) {
 }
 
 int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
-    if (!xod_download_lock_unless_stopped()) {
-        std::puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
+    if (gives_way() || gives_way(!xod_download_lock_unless_stopped())) {
         return 0;
     }
     const int32_t result = xod_host_aiding_xod(constellation, week, tow_seconds);

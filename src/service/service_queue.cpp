@@ -116,6 +116,10 @@ bool service_queue_receive(ServiceMessage* message) {
     ServiceQueueState::is_consumer = true;
     QueueRecord record = {};
     const ssize_t received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, 0);
+    if (received == -1 && errno == E2BIG) { // of another process: it would stay in front for ever
+        msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, IPC_NOWAIT | MSG_NOERROR);
+        return false;
+    }
     if (received != static_cast<ssize_t>(kMessageBodySize)) {
         // Without a queue each try fails at once: the pause keeps the caller's retries from taking a whole
         // core.

@@ -1,5 +1,10 @@
 tavor_fuzz(agent_frames SOURCES agent_frames.cpp USES tavor_agent)
-tavor_fuzz(assistance_file SOURCES assistance_file.cpp "${PROJECT_SOURCE_DIR}/src/assist/xod_host_aiding.cpp" USES tavor_parse)
+tavor_fuzz(assistance_file
+    SOURCES
+        assistance_file.cpp
+        "${PROJECT_SOURCE_DIR}/src/assist/xod_host_aiding.cpp"
+        "${PROJECT_SOURCE_DIR}/src/link/stop_mark.cpp"
+    USES tavor_parse)
 target_link_options(fuzz_assistance_file PRIVATE -Wl,--wrap=fopen -Wl,--wrap=fclose -Wl,--wrap=usleep)
 tavor_fuzz(config_reader SOURCES config_reader.cpp USES tavor_config)
 target_link_options(fuzz_config_reader PRIVATE -Wl,--wrap=fopen)

@@ -288,7 +288,13 @@ TEST(Orbits, AStalledServerHoldsUpNoStopAndIsGivenUp) {
     ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
     scene.advance(3);
     ASSERT_TRUE(wait_until([&] { return scene.status()["assist"]["gps_glonass"] == 1; }));
+    scene.advance(6); // the chip asks again
+    ASSERT_TRUE(wait_until([&] {
+        const std::string log = scene.daemon.log();
+        return count_of(log, "$PZUL010,0,") > count_of(log, "without XOD file");
+    })) << "a request waits for the transfer";
     EXPECT_EQ(scene.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "while the transfer hangs";
+    EXPECT_TRUE(scene.daemon.wait_log("[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n"));
     EXPECT_TRUE(outcomes(scene.daemon.log()).empty());
     EXPECT_TRUE(wait_until([&] {
         scene.advance(30); // the transfer moves nothing for a minute

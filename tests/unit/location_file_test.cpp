@@ -180,6 +180,14 @@ TEST_F(LocationFile, ShortWriteIsReported) {
     EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location write fail\n");
 }
 
+TEST_F(LocationFile, FailedCloseBehindAShortWriteIsLoggedToo) {
+    faults.write_fails = true;
+    faults.close_fails = true;
+    EXPECT_EQ(save(example()), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location write fail\n"
+                   "[LOCSERV] ERR: location_service_save_location fclose fail\n");
+}
+
 TEST_F(LocationFile, FailedCloseBehindAGoodWriteIsLoggedOnly) {
     faults.close_fails = true;
     EXPECT_EQ(save(example()), 0);

@@ -117,6 +117,11 @@ TEST_F(LocationPosition, GstAndEpeShowInTheNextBlock) {
     EXPECT_EQ(text_at(block, 82), "2.25");
 }
 
+TEST_F(LocationPosition, GgaAnywhereInTheSentenceSendsABlock) {
+    nmea("$GPXYZ,1,2,GGA,4*00\r\n");
+    EXPECT_EQ(world.replies.size(), 1U);
+}
+
 TEST_F(LocationPosition, ShortGgaSendsTheUnchangedRecord) {
     nmea(kGga);
     nmea("$GPGGA,235959,1*00\r\n");

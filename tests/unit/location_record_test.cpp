@@ -1,6 +1,7 @@
 #include "service/location_record.h"
 
 #include "support/capture.h"
+#include "support/format_fault.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -268,4 +269,25 @@ TEST(LocationRecord, SentenceWithNulBytesStaysInside) {
     EXPECT_STREQ(guarded.record.utc, "1");
     EXPECT_STREQ(guarded.record.latitude, "48.117300");
     EXPECT_TRUE(guarded.intact());
+}
+
+TEST(LocationRecord, HeightThatCanNotBeFormattedIsTold) {
+    constexpr int kFormats = 3; // two coordinates and the height
+    string text;
+    for (int n = 0; n < kFormats; ++n) {
+        LocationRecord record = {};
+        text += capture_stdout([&] {
+            format_fault_arm(n);
+            EXPECT_EQ(update(&record, gga("1", kMunich, "1", "2")), 0);
+            format_fault_disarm();
+        });
+    }
+    EXPECT_EQ(text, "[LOCSERV] ERR: location_service_get_location_string get height fail\n");
+}
+
+TEST(LocationRecord, SentenceOfTwoKindsUpdatesBoth) {
+    LocationRecord record = {};
+    EXPECT_EQ(update(&record, "$GPGGA,GST,4807.038,N,01131.000,E,1,8,9,10,M,11,M,,*00\r\n"), 0);
+    EXPECT_STREQ(record.latitude, "48.117300");
+    EXPECT_STRNE(record.majorAxis, "");
 }

@@ -117,16 +117,18 @@ TEST_F(QueueTest, OpenThrowsAnOldQueueAwayWithItsMessages) {
 }
 
 TEST_F(QueueTest, MessageOfAnotherSizeIsNotTakenForOne) {
-    const struct {
-        long type;
-        char body[8];
-    } stray = {.type = 1, .body = {}};
-    ASSERT_EQ(msgsnd(g_service_state.msqid, &stray, sizeof stray.body, 0), 0);
-    ServiceMessage message = {};
-    bool received = true;
-    std::thread([&] { received = service_queue_receive(&message); }).join();
-    EXPECT_FALSE(received);
-    EXPECT_EQ(info().msg_qnum, 0U);
+    struct {
+        long type = 1;
+        char body[100] = {};
+    } stray;
+    for (const size_t size : {0U, 8U, 23U, 25U, 100U}) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &stray, size, 0), 0);
+        ServiceMessage message = {};
+        bool received = true;
+        std::thread([&] { received = service_queue_receive(&message); }).join();
+        EXPECT_FALSE(received) << size;
+        EXPECT_EQ(info().msg_qnum, 0U) << size;
+    }
 }
 
 TEST_F(QueueTest, ConsumersOwnSendToAFullQueueFailsAtOnce) {

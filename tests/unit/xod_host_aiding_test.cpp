@@ -27,6 +27,7 @@ struct World {
     std::vector<useconds_t> pauses;
     int failing_seek = 0; // number of the next seek that fails, from 1
     bool watch_lock = false;
+    size_t stop_at = 0; // a stop is announced with this command
     bool sent_without_lock = false;
 } world;
 
@@ -197,6 +198,9 @@ struct XodHostAiding : testing::Test {
 
 int32_t location_command_send(const char* body) {
     world.commands.emplace_back(body);
+    if (world.commands.size() == world.stop_at) {
+        stop_mark_raise();
+    }
     if (world.watch_lock) {
         stop_mark_raise(); // the lock gives way at once
         world.sent_without_lock = xod_download_lock_unless_stopped() || world.sent_without_lock;
@@ -539,6 +543,24 @@ TEST_F(XodHostAiding, WaitingRequestGivesWayToAStop) {
     xod_download_unlock();
     EXPECT_EQ(printed, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
     EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(XodHostAiding, RequestBehindWhichAStopWaitsSendsNothing) {
+    file("XOD_GR_3_1.DAT", mixed_file());
+    stop_mark_raise();
+    const string printed = capture_stdout([] { EXPECT_EQ(xod_host_aiding(0, kWeek, 48 * 3600), 0); });
+    stop_mark_lower();
+    EXPECT_EQ(printed, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSent) {
+    file("XOD_GR_3_1.DAT", mixed_file());
+    world.stop_at = 3;
+    const string printed = capture_stdout([] { xod_host_aiding(0, kWeek, 48 * 3600); });
+    stop_mark_lower();
+    EXPECT_EQ(world.commands.size(), 3U);
+    EXPECT_NE(printed.find("[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n"), string::npos);
 }
 
 TEST(XodSatellite, IsNumberedAsTheChipDoes) {
