@@ -107,7 +107,9 @@ void update_height(LocationRecord* record, const NmeaFields& fields) {
         read_number(number_text(fields.field[kGgaAltitude], kNmeaFieldSize),
                     "[LOCSERV] ERR: location_service_get_location_string sscanf height deg fail");
     char* height = reinterpret_cast<char*>(record) + offsetof(LocationRecord, height);
-    if (std::snprintf(height, kHeightRoom, "%lf", altitude + separation) < 0) {
+    // Volatile: the compiler takes for granted that a number can be formatted, and would drop the check.
+    const volatile int written = std::snprintf(height, kHeightRoom, "%lf", altitude + separation);
+    if (written < 0) {
         std::puts("[LOCSERV] ERR: location_service_get_location_string get height fail");
     }
 }
