@@ -34,15 +34,20 @@ bool show_download(Session& session, const Record& record, Downloads& downloads)
     return !(downloads.failed && session.options.once); // it is tried again in minutes only
 }
 
+// Status of a run whose failure, if any, has been told.
+int last_status(const Session& session, const Downloads& downloads) {
+    return downloads.failed ? kExitFailed : session_output_status(session);
+}
+
 int downloads_status(Session& session, const Downloads& downloads, double wait_s) {
-    if (downloads.failed) { // told already when the following went on behind it
-        return session.options.once ? session_fail(kExitFailed, kAssistFailure) : kExitFailed;
+    if (downloads.failed && session.options.once) {
+        return session_fail(kExitFailed, kAssistFailure);
     }
     if (downloads.count == 0) {
         session_note("no download ended within " + print_seconds(wait_s) +
                      " s: the stored data are fresh or the server is slow; the daemon goes on by itself");
     }
-    return session_output_status(session);
+    return last_status(session, downloads);
 }
 
 // Shows each download's outcome until none has come for wait_s seconds, 0: without end.
@@ -58,7 +63,7 @@ int follow_downloads(Session& session, double wait_s) {
                 return !is_result;
             });
         if (outcome == Outcome::kInterrupted && wait_s <= 0) {
-            return session_output_status(session); // the ordinary way to end it
+            return last_status(session, downloads); // the ordinary way to end it
         }
         if (outcome != Outcome::kDone && outcome != Outcome::kTimeout) {
             return session_end_status(session, outcome, wait_s);

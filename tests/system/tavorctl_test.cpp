@@ -488,6 +488,42 @@ TEST(Assist, FollowingEndsWithAnInterrupt) {
     EXPECT_EQ(tool.end(), 0) << tool.err;
 }
 
+TEST(Assist, AnInterruptAfterAFailedDownloadIsStatusOne) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
+    });
+    Tool tool(scene.line({"assist"}));
+    ASSERT_TRUE(tool.wait_err("could not be downloaded"));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 1);
+    EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
+}
+
+TEST(Assist, AnInterruptAfterARetryThatSucceededIsStatusZero) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+    });
+    Tool tool(scene.line({"assist"}));
+    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+}
+
+TEST(Assist, AnInterruptBeforeItsLimitIsSeenByTheShell) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_ASSIST, 0));
+        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+    });
+    Tool tool(scene.line({"assist", "--once", "--wait", "3600"}));
+    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 128 + SIGINT);
+}
+
 TEST(Assist, NoDownloadInTheTimeIsStillAStart) {
     Scene scene(answers(0));
     EXPECT_EQ(scene.run({"assist", "--wait", "0.1"}), 0);
