@@ -45,7 +45,8 @@ int downloads_status(Session& session, const Downloads& downloads, double wait_s
     }
     if (downloads.count == 0) {
         session_note("no download ended within " + print_seconds(wait_s) +
-                     " s: the stored data are fresh or the server is slow; the daemon goes on by itself");
+                     " s: the stored data are fresh, the server is slow, or a download that failed waits for "
+                     "its retry; the daemon goes on by itself and logs which");
     }
     return last_status(session, downloads);
 }

@@ -60,8 +60,8 @@ constexpr CommandRow kCommands[] = {
      "Answer limit: 5 s.\n\nExamples:\n  tavorctl debug tcp\n  tavorctl debug off"},
     {"assist", Command::kAssist, "Start the assistance download and follow its results",
      "Answer limit: 5 s. Follows until interrupted; with --once until the first full cycle is over: a download\n"
-     "has failed, or none has ended for --wait seconds. None is needed, and no result comes, while the stored\n"
-     "data are fresh. The daemon goes on by itself.\n\n"
+     "has failed, or none has ended for --wait seconds. No result comes, and that is a success, while the stored\n"
+     "data are fresh or a download that failed before waits for its retry. The daemon goes on by itself.\n\n"
      "Examples:\n  tavorctl assist\n  tavorctl assist --once --json\n"
      "  tavorctl assist --wait 0     don't wait for a download"},
     {"download", Command::kDownload, "Write new firmware into the chip",

@@ -528,6 +528,7 @@ TEST(Assist, NoDownloadInTheTimeIsStillAStart) {
     Scene scene(answers(0));
     EXPECT_EQ(scene.run({"assist", "--wait", "0.1"}), 0);
     EXPECT_NE(scene.err.find("no download ended within 0.1 s"), std::string::npos) << scene.err;
+    EXPECT_NE(scene.err.find("a download that failed waits for its retry"), std::string::npos) << scene.err;
 }
 
 TEST(Tavorctl, SocketComesFromTheEnvironment) {
