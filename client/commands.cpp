@@ -142,7 +142,7 @@ int watch_status(Session& session, const Followed& followed, double answer_s) {
         return session_output_status(session);
     }
     const int status = session_end_status(session, followed.outcome, answer_s);
-    const bool endless = session.options.count == 0 && session.options.duration_s.value_or(0) <= 0;
+    const bool endless = session.options.count == 0 && !session.options.duration_s;
     return followed.outcome == Outcome::kInterrupted && endless ? session_output_status(session) : status;
 }
 

@@ -71,13 +71,23 @@ constexpr CommandRow kCommands[] = {
      "Examples:\n  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
 };
 
-// Problem of a text as seconds, empty when it is a number of them.
-std::string check_seconds(const std::string& text) {
+// Text as a number of seconds, none when it is no such number.
+std::optional<double> read_seconds(const std::string& text) {
     double value = 0;
     const char* end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, value);
     const bool good = result.ec == std::errc() && result.ptr == end && value >= 0 && value <= kSecondsMax;
-    return good ? "" : print_safe(text) + " is no number of seconds";
+    return good ? std::optional(value) : std::nullopt;
+}
+
+// Problem of a text as seconds, empty when it is a number of them.
+std::string check_seconds(const std::string& text) {
+    return read_seconds(text) ? "" : print_safe(text) + " is no number of seconds";
+}
+
+// The same where 0 has no meaning.
+std::string check_positive_seconds(const std::string& text) {
+    return read_seconds(text).value_or(0) > 0 ? "" : print_safe(text) + " is no positive number of seconds";
 }
 
 // Problem of a text as a count, empty when it is a positive number.
@@ -91,11 +101,11 @@ std::string check_count(const std::string& text) {
 
 // Adds an option of seconds; the variable holds a number only when it was given.
 void add_seconds(CLI::App& app, const std::string& name, std::optional<double>& value,
-                 const std::string& help) {
+                 const std::string& help, std::string (*check)(const std::string&) = check_seconds) {
     app.add_option_function<double>(
            name, [&value](double seconds) { value = seconds; }, help)
         ->type_name("SECONDS")
-        ->check(CLI::Validator(check_seconds, ""));
+        ->check(CLI::Validator(check, ""));
 }
 
 // Options of the tool that may stand before and behind the command.
@@ -112,7 +122,7 @@ void add_watch_options(CLI::App& app, Options& options) {
     app.add_option("--count", options.count, "End after so many lines of output")
         ->type_name("LINES")
         ->check(CLI::Validator(check_count, ""));
-    add_seconds(app, "--duration", options.duration_s, "End after so many seconds");
+    add_seconds(app, "--duration", options.duration_s, "End after so many seconds", check_positive_seconds);
     app.add_flag("--stop", options.stop, "Stop positioning at the end");
 }
 

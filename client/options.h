@@ -18,7 +18,7 @@ struct Options {
     bool raw = false;                 // watch: NMEA sentences only
     bool stop = false;                // watch: stop positioning at the end
     int64_t count = 0;                // watch: lines of output, 0 for no limit
-    std::optional<double> duration_s; // watch: none or 0: no limit
+    std::optional<double> duration_s; // watch: above 0; none: no limit
     std::optional<double> wait_s;     // send, assist: none: the command's own default
     bool once = false;                // assist: end after the first full cycle
     std::string body;                 // send

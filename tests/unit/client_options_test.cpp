@@ -109,6 +109,10 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         {"watch", "--count", "-1"},
         {"watch", "--count", "1.5"},
         {"watch", "--count", "99999999999999999999"},
+        {"watch", "--duration", "0"},
+        {"watch", "--duration", "-0"},
+        {"watch", "--duration", "-1"},
+        {"watch", "--duration", "soon"},
         {"watch", "--raw", "--json"},
         {"--json", "watch", "--raw"},
         {"start", "--raw"},
@@ -129,6 +133,14 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         EXPECT_NE(parsed.err.find("--help'"), std::string::npos) << parsed.err;
         EXPECT_EQ(parsed.out, "") << shown;
     }
+}
+
+TEST(Options, DurationOfNothingIsRefusedByName) {
+    const Parsed parsed = parse({"watch", "--duration", "0"});
+    EXPECT_EQ(parsed.status, kExitUsage);
+    EXPECT_NE(parsed.err.find("--duration: 0 is no positive number of seconds"), std::string::npos)
+        << parsed.err;
+    EXPECT_EQ(parse({"watch", "--duration", "0.25"}).options.duration_s, 0.25);
 }
 
 TEST(Options, UnknownCommandIsNamed) {
