@@ -173,14 +173,26 @@ int run_watch(Session& session) {
     return options.stop && reachable ? stop_at_end(session, status) : status;
 }
 
+// Tells why there is no position: a chip without a fix sends sentences all the same.
+int no_position(double limit_s, bool chip_heard) {
+    const std::string reason =
+        chip_heard ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
+                     "'tavorctl watch'"
+                   : "nothing came from the chip; check its power and connection, see 'journalctl -u tavor', "
+                     "and that no other client stops it or takes its output";
+    return session_fail(kExitSilence, "no position within " + print_seconds(limit_s) + " s: " + reason);
+}
+
 int run_position(Session& session) {
     const double limit_s = session.options.timeout_s.value_or(kPositionLimitS);
     const double answer_s = limit_s > 0 ? std::min(limit_s, kAnswerLimitS) : kAnswerLimitS;
     std::optional<Position> position;
+    bool chip_heard = false;
     const Visitor visit = [&](const Record& record) {
         if (record.kind == RecordKind::kPosition) {
             position = record.position;
         }
+        chip_heard = chip_heard || record.kind == RecordKind::kNmea || record.kind == RecordKind::kChip;
         return !position && !is_failed_start(session, record);
     };
     const Followed followed =
@@ -194,10 +206,7 @@ int run_position(Session& session) {
         return start_failed_status();
     }
     if (followed.outcome == Outcome::kTimeout && followed.answered) {
-        return session_fail(kExitSilence,
-                            "no position within " + print_seconds(limit_s) +
-                                " s: the chip has no fix yet; see that the antenna has a view of the sky, or "
-                                "follow with 'tavorctl watch'");
+        return no_position(limit_s, chip_heard);
     }
     return session_end_status(session, followed.outcome, answer_s);
 }

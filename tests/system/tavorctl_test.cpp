@@ -188,10 +188,27 @@ TEST(Position, JsonHasNumbersAndNulls) {
 }
 
 TEST(Position, WithoutAFixIsStatusThree) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) { d.send(make_response(TAVOR_CODE_START, 0)); });
+    for (const auto& [code, sentence] : {std::pair(TAVOR_CODE_NMEA, kGga), {TAVOR_CODE_CHIP, kChipAnswer}}) {
+        Scene scene([code = code, sentence = sentence](FakeDaemon& d, const tavor_request&) {
+            d.send(make_response(TAVOR_CODE_START, 0));
+            d.send(make_response(code, 0, sentence));
+        });
+        EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 3);
+        EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
+        EXPECT_NE(scene.err.find("no position within 1 s: the chip has no fix yet"), std::string::npos)
+            << scene.err;
+    }
+}
+
+TEST(Position, ChipThatSendsNothingIsNotTakenForOneWithoutAFix) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_NMEA, 0, kBanner)); // the daemon's own line
+        d.send(make_response(TAVOR_CODE_START, 0));
+    });
     EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 3);
     EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
-    EXPECT_NE(scene.err.find("no position within 1 s"), std::string::npos) << scene.err;
+    EXPECT_NE(scene.err.find("no position within 1 s: nothing came from the chip"), std::string::npos)
+        << scene.err;
 }
 
 TEST(Watch, ShowsEverythingOneLineEach) {
