@@ -1,7 +1,7 @@
 // A firmware download on the simulated board: its time against the sum of the waits that the daemon asks for,
 // which are those of the protocol. The rest is what the daemon and the board need.
 #include "sleep_sum.h"
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // The whole chain on the simulated board: sentences per second from chip to client, processor time and memory
 // of the daemon, time from process start to the first answer; beside them the prescribed path alone (queue,
 // then a 520-byte datagram).
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // The assistance: the shipped daemon, an HTTP server of the test, and the board's clock put forward to every
 // timer.
+#include "support/harness.h"
 #include "support/http_server.h"
-#include "system/harness.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,5 +1,5 @@
 // The debug outlet from outside: TCP clients, a serial line and the log file, beside a client that follows.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <arpa/inet.h>
 #include <csignal>

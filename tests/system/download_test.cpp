@@ -1,6 +1,6 @@
 // Firmware downloads by the real daemon into the simulated flash: good ones, every fault and what comes after
 // it.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,5 @@
 // A stop is answered in every state of the chip, again and again, and nothing is left behind.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 #include <thread>

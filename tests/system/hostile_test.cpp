@@ -1,6 +1,6 @@
 // What must not stop the daemon: killed predecessors, random requests, random chip bytes, clients that do not
 // read.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 #include <random>

@@ -1,5 +1,5 @@
 // A daemon whose chip is on I2C, from the client's side; and the shipped one, which stays on SPI.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // Assistance from server to chip: the real daemon, a real HTTP server, and the chip's own verdict. Hours and
 // days pass by putting the board's clock forward.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Logs of receivers and generated floods through the whole chain: every valid sentence once, in order, byte
 // for byte.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <algorithm>
 #include <array>

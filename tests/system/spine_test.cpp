@@ -1,5 +1,5 @@
 // Requests, replies and the flow of sentences, from the client's side.
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,8 +1,8 @@
 // 'tavorctl download' beside a log that is being written.
 #include "support/capture.h"
+#include "support/client_fake_daemon.h"
+#include "support/client_tool.h"
 #include "support/private_dir.h"
-#include "unit/client_fake_daemon.h"
-#include "unit/client_tool.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

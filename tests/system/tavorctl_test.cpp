@@ -1,8 +1,8 @@
 // The tool itself, run as a process against a daemon that the test plays.
 #include "support/capture.h"
+#include "support/client_fake_daemon.h"
+#include "support/client_tool.h"
 #include "support/private_dir.h"
-#include "unit/client_fake_daemon.h"
-#include "unit/client_tool.h"
 
 #include <algorithm>
 #include <csignal>

@@ -1,6 +1,6 @@
 // A board and programs on it, from the command line.
 #include "interpose/paths.h"
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The board's socket against whatever comes in.
 #include "interpose/wire.h"
 #include "server/board_socket.h"
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-add_library(client_test_support STATIC client_fake_daemon.cpp client_tool.cpp)
+add_library(client_test_support STATIC ../support/client_fake_daemon.cpp ../support/client_tool.cpp)
 target_link_libraries(client_test_support PUBLIC tavorctl_core tavor_test_support)
 
 tavor_test(client_records_test SOURCES client_records_test.cpp USES tavorctl_core)

@@ -1,8 +1,8 @@
 // The client's end of the socket against a daemon that the test plays.
 #include "client/connection.h"
 
+#include "support/client_fake_daemon.h"
 #include "support/private_dir.h"
-#include "unit/client_fake_daemon.h"
 
 #include <array>
 #include <cerrno>

@@ -1,8 +1,8 @@
 // Waiting for answers: late, lost, among others, or none.
 #include "client/exchange.h"
 
+#include "support/client_fake_daemon.h"
 #include "support/private_dir.h"
-#include "unit/client_fake_daemon.h"
 
 #include <array>
 #include <atomic>

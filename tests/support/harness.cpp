@@ -1,4 +1,4 @@
-#include "system/harness.h"
+#include "support/harness.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "unit/client_tool.h"
+#include "support/client_tool.h"
 
 #include <array>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "unit/client_fake_daemon.h"
+#include "support/client_fake_daemon.h"
 
 #include <chrono>
 #include <cstddef>
