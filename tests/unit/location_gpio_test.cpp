@@ -4,6 +4,7 @@
 #include "interpose/local.h"
 #include "interpose/paths.h"
 #include "support/capture.h"
+#include "support/format_fault.h"
 #include "support/private_dir.h"
 
 #include <algorithm>
@@ -166,6 +167,30 @@ TEST_F(LocationGpio, ExportFailuresAreLogged) {
     EXPECT_EQ(run([] { return location_gpio_export(17); }), -1);
     EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"});
     EXPECT_EQ(sysfs.calls, (Lines{"open export w", "close export"}));
+}
+
+TEST_F(LocationGpio, NumberThatCanNotBeFormattedIsToldAndNothingIsWritten) {
+    const std::string start = "[LOCSERV] ERR: [GPIO]location_gpio_";
+    const auto fails = [&](int format, const std::function<int32_t()>& call, const std::string& line) {
+        EXPECT_EQ(run([&] {
+                      format_fault_arm(format);
+                      const int32_t result = call();
+                      format_fault_disarm();
+                      return result;
+                  }),
+                  -1);
+        EXPECT_EQ(log, Lines{start + line});
+        EXPECT_EQ(writes(), Lines{});
+    };
+    fails(
+        1, [] { return location_gpio_export(17); }, "export get pin fail"); // behind the node's path
+    make_node("17");
+    fails(
+        1, [] { return location_gpio_unexport(17); }, "unexport get pin fail");
+    fails(
+        0, [] { return location_gpio_config(17, -1, 1, -1); }, "config get pin fail");
+    fails(
+        1, [] { return location_gpio_config(17, -1, 1, -1); }, "config get vaule fail");
 }
 
 TEST_F(LocationGpio, UnexportOfAMissingNodeSaysSo) {

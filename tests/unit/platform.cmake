@@ -3,7 +3,8 @@ foreach(module spi i2c gpio timer)
 endforeach()
 tavor_test(port_platform_test SOURCES port_platform_test.cpp USES tavor_platform board_interpose_local)
 
-target_link_options(location_gpio_test PRIVATE -Wl,--wrap=usleep)
+target_sources(location_gpio_test PRIVATE ../support/format_fault.cpp)
+target_link_options(location_gpio_test PRIVATE -Wl,--wrap=usleep -Wl,--wrap=snprintf -Wl,--wrap=__snprintf_chk)
 target_link_options(location_timer_test PRIVATE -Wl,--wrap=timer_settime)
 target_link_options(port_platform_test PRIVATE
     -Wl,--wrap=usleep -Wl,--wrap=select -Wl,--wrap=malloc -Wl,--wrap=sem_destroy -Wl,--wrap=pthread_mutex_destroy)
