@@ -75,7 +75,7 @@ class ReplayLog : public testing::TestWithParam<const char*> {};
 TEST_P(ReplayLog, EverySentenceReachesTheClientOnceInOrder) {
     const std::string log = std::string(TAVOR_NMEA_LOGS) + "/" + GetParam() + ".nmea";
     if (!std::ifstream(log)) {
-        GTEST_SKIP() << "no log " << GetParam() << ".nmea beside the source tree";
+        GTEST_SKIP() << "no log " << GetParam() << ".nmea in TAVOR_NMEA_LOGS";
     }
     const std::vector<std::string> expected = standard_sentences(log);
     ASSERT_FALSE(expected.empty());

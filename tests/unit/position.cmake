@@ -22,4 +22,6 @@ tavor_test(location_position_test
         "${TAVOR_SERVICE_DIR}/location_position.cpp"
         "${TAVOR_SERVICE_DIR}/service_state.cpp"
     USES tavor_parse)
-target_compile_definitions(location_position_test PRIVATE TAVOR_NMEA_LOGS="${PROJECT_SOURCE_DIR}/../shared/data/nmea")
+target_compile_definitions(location_position_test PRIVATE
+    TAVOR_NMEA_LOGS="${TAVOR_NMEA_LOGS}"
+    TAVOR_REPLAY_DIR="${TAVOR_REPLAY_DIR}")
