@@ -383,6 +383,17 @@ TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
     EXPECT_TRUE(run(1));
 }
 
+TEST_P(EraseFlow, AClockThatIsSetBackBeginsTheLimitAnew) {
+    answer_nothing();
+    constexpr int64_t kStepMs = -3'600'000;
+    delay_response(0, kStepMs);
+    const int64_t stepped = g_fakes.now + kStepMs;
+    EXPECT_FALSE(run(100));
+    EXPECT_GT(g_fakes.now - stepped, 45000);
+    EXPECT_LT(g_fakes.now - stepped, 50000); // the wait for a response that had the step begins anew too
+    EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
+}
+
 TEST_P(EraseFlow, AClockThatIsSetBackDoesNotEndIt) {
     delay_response(0, -3'600'000);
     EXPECT_TRUE(run(2));
