@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <poll.h>
 #include <string_view>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -68,18 +70,39 @@ bool fail(Connection& connection, const std::string& text) {
     return false;
 }
 
+// Returns 0 or an error number.
+int connect_to(int socket, const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        return ENAMETOOLONG;
+    }
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
+}
+
+// A socket's time of change is set when it is made; reading, writing and other rights leave it.
+std::optional<SocketFile> socket_file(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return SocketFile{status.st_dev, status.st_ino, status.st_mtim};
+}
+
+bool same_file(const SocketFile& a, const SocketFile& b) {
+    return a.device == b.device && a.number == b.number && a.made.tv_sec == b.made.tv_sec &&
+           a.made.tv_nsec == b.made.tv_nsec;
+}
+
 // Connected rather than addressed: the kernel then takes datagrams from the daemon only, and tells by poll
 // whether the daemon's queue has room.
 bool reach(Connection& connection) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (connection.path.size() >= sizeof address.sun_path) {
-        return fail(connection, connection_error_text(connection.path, ENAMETOOLONG));
+    const int error = connect_to(connection.socket, connection.path);
+    if (error != 0) {
+        return fail(connection, connection_error_text(connection.path, error));
     }
-    connection.path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(connection.socket, generic(address), sizeof address) != 0) {
-        return fail(connection, connection_error_text(connection.path, errno));
-    }
+    connection.reached = socket_file(connection.path).value_or(SocketFile{});
     return true;
 }
 
@@ -173,6 +196,20 @@ Retaken connection_retake(Connection& connection, Clock::time_point deadline) {
     }
     const bool started = reach(connection) && connection_send(connection, TAVOR_REQUEST_START, "", deadline);
     return started ? Retaken::kNewDaemon : Retaken::kFailed;
+}
+
+Presence connection_presence(const Connection& connection) {
+    const int spare = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (spare < 0) {
+        return Presence::kSame;
+    }
+    const int error = connect_to(spare, connection.path);
+    close(spare);
+    if (error == ECONNREFUSED || error == ENOENT) {
+        return Presence::kGone;
+    }
+    const std::optional<SocketFile> present = socket_file(connection.path);
+    return !present || same_file(*present, connection.reached) ? Presence::kSame : Presence::kRestarted;
 }
 
 Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline) {

@@ -5,12 +5,21 @@
 #include "tavor/protocol.h"
 
 #include <chrono>
+#include <ctime>
 #include <string>
+#include <sys/types.h>
 
 using Clock = std::chrono::steady_clock;
 
 // The time that many seconds from now; 0 is never.
 Clock::time_point deadline_in(double seconds);
+
+// A socket's file. A number of before may be given to the next one; the time of its making is another then.
+struct SocketFile {
+    dev_t device = 0;
+    ino_t number = 0;
+    timespec made = {};
+};
 
 // One socket to one daemon; closed with its owner. Its address is abstract, so that nothing is left behind
 // however the process ends.
@@ -24,10 +33,12 @@ struct Connection {
     int interrupt = -1; // a wait ends when this descriptor is readable; -1 for none
     int output = -1;    // a wait ends when nobody reads behind this descriptor any more; -1 for none
     std::string path;   // of the daemon's socket
+    SocketFile reached; // what stood there when it was connected
     std::string error;  // what went wrong and what to do, one line
 };
 
 enum class Received { kResponse, kMalformed, kTimeout, kInterrupted, kOutputClosed, kFailed };
+enum class Presence { kSame, kGone, kRestarted };
 enum class Retaken { kSameDaemon, kNewDaemon, kFailed };
 
 // Binds an address and connects to the daemon's socket. False on failure, with error set.
@@ -43,6 +54,10 @@ bool connection_send(Connection& connection, tavor_request_type type, const std:
 // restarted since is asked to start positioning instead, for it can't have been started. Fails as
 // connection_send.
 Retaken connection_retake(Connection& connection, Clock::time_point deadline);
+
+// Whether the daemon that was reached is still there, without a request: nothing else tells its end to a
+// client that waits. What can't be told counts as kSame.
+Presence connection_presence(const Connection& connection);
 
 // The next datagram. One that has come is returned even when the deadline is over; one that has not 520 bytes
 // is taken off and told as kMalformed.

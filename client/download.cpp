@@ -18,7 +18,8 @@ namespace {
 
 constexpr double kDownloadLimitS = 20.0 * 60;
 constexpr double kLookS = 0.2;    // between two looks at the log
-constexpr double kSettleS = 1;    // for what the journal has not delivered when the answer comes
+constexpr double kSettleS = 1;    // for what the log has not delivered when the answer comes
+constexpr double kProbeS = 1;     // between two looks for the daemon
 constexpr double kNoAnswerS = 3;  // behind the end that the log tells: the answer has gone elsewhere
 constexpr double kJsonEveryS = 1; // within one step
 constexpr size_t kUsualWidth = 80;
@@ -29,7 +30,7 @@ struct Run {
     Session& session;
     LogSource log = {};
     DownloadProgress progress = {};
-    bool heard = false; // the log speaks of it
+    bool told_others = false; // that it waits behind another download
     bool terminal = false;
     bool drawn = false;                        // a bar stands on the terminal
     std::string step = download_view_step({}); // shown last
@@ -37,6 +38,8 @@ struct Run {
     Clock::time_point begin = Clock::now();
     Clock::time_point step_begin = Clock::now();
     Clock::time_point told_at = {};
+    Presence daemon = Presence::kSame;
+    Clock::time_point probed_at = Clock::now();
 };
 
 double seconds_since(Clock::time_point begin) {
@@ -53,10 +56,6 @@ std::optional<uint64_t> size_of_file(const std::string& path) {
         return std::nullopt;
     }
     return static_cast<uint64_t>(status.st_size);
-}
-
-bool has_ended(const Run& run) {
-    return run.progress.phase == DownloadPhase::kDone || run.progress.phase == DownloadPhase::kFailed;
 }
 
 size_t terminal_width() {
@@ -91,7 +90,7 @@ void draw_bar(Run& run) {
 // A new step is always told, what happens within one from time to time.
 void tell_json(Run& run, bool new_step) {
     const bool due = seconds_since(run.told_at) >= kJsonEveryS && run.progress.done != run.told_done;
-    if (run.heard && (new_step || due)) {
+    if (run.progress.begun && (new_step || due)) {
         run.told_at = Clock::now();
         run.told_done = run.progress.done;
         session_emit(run.session, download_view_json(run.progress, times_of(run)));
@@ -109,29 +108,35 @@ void show(Run& run) {
         tell_json(run, new_step);
     } else if (run.terminal) {
         draw_bar(run);
-    } else if (new_step && !has_ended(run)) {
+    } else if (new_step && !download_log_ended(run.progress)) {
         session_note(step); // of the end, the answer tells
+    }
+}
+
+void tell_others(Run& run) {
+    if (run.progress.others && !run.progress.begun && !run.told_others) {
+        run.told_others = true;
+        clear_bar(run);
+        session_note("another client's download is under way; this one begins behind it");
     }
 }
 
 // Every step that has passed since the last look is shown.
 void look(Run& run) {
     log_source_read(run.log, [&](std::string_view line) {
-        if (!download_log_line(run.progress, line, size_of_file)) {
-            return;
-        }
-        run.heard = true;
-        if (download_view_step(run.progress) != run.step) {
+        const bool own = download_log_line(run.progress, line, size_of_file);
+        if (own && download_view_step(run.progress) != run.step) {
             show(run);
         }
     });
+    tell_others(run);
     show(run);
 }
 
 void settle(Run& run) {
     const Clock::time_point end = deadline_in(kSettleS);
     look(run);
-    while (run.log.reader > 0 && !has_ended(run) && Clock::now() < end) {
+    while (run.log.fd >= 0 && !download_log_ended(run.progress) && Clock::now() < end) {
         const timespec pause = {0, 20'000'000};
         nanosleep(&pause, nullptr);
         look(run);
@@ -139,9 +144,30 @@ void settle(Run& run) {
 }
 
 bool answer_is_lost(const Run& run) {
-    return has_ended(run) && seconds_since(run.step_begin) > kNoAnswerS;
+    return download_log_ended(run.progress) && seconds_since(run.step_begin) > kNoAnswerS;
 }
 
+bool daemon_is_gone(Run& run) {
+    if (seconds_since(run.probed_at) >= kProbeS) {
+        run.probed_at = Clock::now();
+        run.daemon = connection_presence(run.session.connection);
+    }
+    return run.daemon != Presence::kSame;
+}
+
+// The daemon answers the client of the latest request, so the answer to another client's download comes here
+// when that one ends behind this request. It logs a download's start and end before it answers. begun: the
+// log told the start before, and nothing had come since.
+bool is_own(Run& run, const Record& answer, bool begun) {
+    settle(run);
+    if (download_log_ended(run.progress)) {
+        return record_ok(answer) == (run.progress.phase == DownloadPhase::kDone);
+    }
+    const bool log_is_silent = !run.progress.begun && !run.progress.others;
+    return log_is_silent || begun; // or the log has broken off
+}
+
+// Gives up when the daemon is gone, but not before what it sent until then is taken.
 Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Record>& answer) {
     const Visitor visit = [&](const Record& record) {
         const bool is_answer = record.kind == RecordKind::kResult && record.code == TAVOR_CODE_DOWNLOAD;
@@ -151,9 +177,16 @@ Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Reco
         return !is_answer;
     };
     Outcome outcome = Outcome::kTimeout;
-    while (outcome == Outcome::kTimeout && Clock::now() < deadline && !answer_is_lost(run)) {
+    bool gone = false;
+    while (outcome == Outcome::kTimeout && Clock::now() < deadline && !answer_is_lost(run) && !gone) {
+        gone = daemon_is_gone(run);
+        const bool begun = run.progress.begun;
         look(run);
         outcome = exchange_collect(run.session.connection, std::min(deadline, deadline_in(kLookS)), visit);
+        if (answer && !is_own(run, *answer, begun)) {
+            answer.reset();
+            outcome = Outcome::kTimeout;
+        }
     }
     return outcome;
 }
@@ -168,7 +201,6 @@ std::string failure_text(const Run& run) {
 }
 
 int report(Run& run, const Record& answer) {
-    settle(run);
     clear_bar(run);
     if (!record_ok(answer) && run.session.options.json && !run.progress.error.empty()) {
         session_emit(run.session, download_view_failure_json(run.progress));
@@ -176,16 +208,50 @@ int report(Run& run, const Record& answer) {
     return session_report(run.session, answer, failure_text(run));
 }
 
-// Another client's request has taken the answer: the log alone tells how it ended.
+// Another client's request has taken the answer, or the daemon ended before it: the log alone tells the
+// result.
 int report_from_log(Run& run) {
-    session_note("the answer went to another client; the daemon's log tells how it ended");
-    if (run.progress.phase == DownloadPhase::kFailed) {
-        return session_fail(kExitFailed, failure_text(run));
+    clear_bar(run);
+    session_note(run.daemon == Presence::kSame
+                     ? "the answer went to another client; the daemon's log tells how it ended"
+                     : "the daemon ended before its answer; its log tells how the download ended");
+    Record answer = {};
+    answer.kind = RecordKind::kResult;
+    answer.code = TAVOR_CODE_DOWNLOAD;
+    answer.value = run.progress.phase == DownloadPhase::kDone ? 0 : TAVOR_VALUE_FAILED;
+    return report(run, answer);
+}
+
+int report_gone(const Run& run) {
+    const std::string& path = run.session.connection.path;
+    if (run.daemon == Presence::kRestarted) {
+        return session_fail(kExitSilence, "the daemon at " + print_safe(path) +
+                                              " was restarted in mid-download; download again");
     }
-    if (!run.session.options.json) {
-        session_emit(run.session, "firmware written\n");
+    const std::string start =
+        path == TAVOR_SOCKET_PATH ? "start it with 'systemctl start tavor'" : "start it";
+    return session_fail(kExitSilence, "the daemon at " + print_safe(path) + " ended in mid-download; " +
+                                          start + " and download again");
+}
+
+int report_interrupted(Run& run) {
+    session_note(
+        "the daemon goes on writing firmware; leave the device on until 'journalctl -u tavor' says it is done");
+    return session_end_status(run.session, Outcome::kInterrupted, 0);
+}
+
+int report_end(Run& run, Outcome outcome, double limit_s) {
+    clear_bar(run);
+    if (outcome == Outcome::kInterrupted) {
+        return report_interrupted(run);
     }
-    return session_output_status(run.session);
+    if (outcome == Outcome::kTimeout && download_log_ended(run.progress)) {
+        return report_from_log(run);
+    }
+    if (outcome == Outcome::kTimeout && run.daemon != Presence::kSame) {
+        return report_gone(run);
+    }
+    return session_end_status(run.session, outcome, limit_s);
 }
 
 } // namespace
@@ -204,16 +270,5 @@ int download_run(Session& session) {
     }
     std::optional<Record> answer;
     const Outcome outcome = wait_for_answer(run, deadline, answer);
-    if (answer) {
-        return report(run, *answer);
-    }
-    clear_bar(run);
-    if (outcome == Outcome::kTimeout && has_ended(run)) {
-        return report_from_log(run);
-    }
-    if (outcome == Outcome::kInterrupted) {
-        session_note(
-            "the daemon goes on writing firmware; leave the device on until 'journalctl -u tavor' says it is done");
-    }
-    return session_end_status(session, outcome, limit_s);
+    return answer ? report(run, *answer) : report_end(run, outcome, limit_s);
 }

@@ -22,16 +22,34 @@ struct Advice {
     std::string_view text;
 };
 
+constexpr std::string_view kDevice = "[spi]"; // behind the service's own stamp, which has no time
+
 constexpr std::string_view kLink =
     "check power, wiring and the SPI settings of tavor.conf, lower 'SPI frequency=' and try again";
+
+constexpr std::string_view kLetReadAgent = "let the daemon read the download agent's file";
+constexpr std::string_view kMedium =
+    "look at the medium that holds the image list and its files and try again";
+constexpr std::string_view kMemory = "the daemon is short of memory: end other programs and try again";
 
 constexpr Advice kAdvices[] = {
     {"open file Failed:", "put the image list there or correct 'image path='"},
     {"Parsing config image count", "the image list names no image: add a '- rom:' block"},
-    {"UnExpected line=", "correct this line of the image list: a block is file:, name: and begin_address:"},
+    {"UnExpected line=", "correct this line of the image list: a block is file:, name: and begin_address:; "
+                         "write no '- rom:' into a comment"},
+    {"The file(", kMedium},
+    {"download_send_single_block The file(", kMedium},
+    {"read_cfg_file", kMemory},
+    {"concat malloc", kMemory},
+    {"da_format_flash malloc", kMemory},
+    {"download_image malloc", kMemory},
+    {"parsing_kite malloc", kMemory},
+    {"read_dma_to_pool",
+     "the chip sends more than an answer: see that the agent's file is the one for this chip and try again"},
     {"Out of index", "remove '- rom:' from the comments of the image list"},
     {"DA len is zero", "put the download agent's file at the place of 'DA path='"},
-    {"Open da file", "let the daemon read the download agent's file"},
+    {"Open da file", kLetReadAgent},
+    {"Reading error", kLetReadAgent},
     {"Handshake timeout",
      "the chip's boot ROM is silent: check power, 'Power control gpio=' and the SPI settings"},
     {"========== Handshake fail",
@@ -39,6 +57,8 @@ constexpr Advice kAdvices[] = {
      "SPI settings and try again"},
     {"btrom checksum", kLink},
     {"hdl_brom", kLink},
+    {"[spi]can't send", kLink},
+    {"[spi]", "check 'SPI port path=' and the daemon's right to open that device"},
     {"[SPIM]", kLink},
     {"SPI master", kLink},
     {"1. SPI master", kLink},
@@ -69,8 +89,12 @@ bool begins_with(std::string_view text, std::string_view begin) {
     return text.substr(0, begin.size()) == begin;
 }
 
+std::string_view without_line_end(std::string_view text) {
+    return text.substr(0, text.find_last_not_of("\r\n") + 1);
+}
+
 // The text behind the stamps "2024-05-01 12:00:00.123 [I][   1.234] "; a missing time of day is empty.
-std::optional<Entry> entry_of(std::string_view line) {
+std::optional<Entry> stamped_entry(std::string_view line) {
     const size_t level = std::min(line.find(" [I]["), line.find(" [E]["));
     if (level > kTimeOfDaySize) { // also when neither is found
         return std::nullopt;
@@ -79,11 +103,20 @@ std::optional<Entry> entry_of(std::string_view line) {
     if (elapsed_end == std::string_view::npos) {
         return std::nullopt;
     }
-    std::string_view text = line.substr(elapsed_end + 2);
-    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) {
-        text.remove_suffix(1);
+    return Entry{line[level + 2] == 'E', without_line_end(line.substr(elapsed_end + 2))};
+}
+
+// An error of the SPI device, which is the chip's link in positioning too.
+std::optional<Entry> device_entry(std::string_view line) {
+    constexpr std::string_view kServiceError = "[LOCSERV] ERR: ";
+    if (!begins_with(line, kServiceError) || !begins_with(line.substr(kServiceError.size()), kDevice)) {
+        return std::nullopt;
     }
-    return Entry{line[level + 2] == 'E', text};
+    return Entry{true, without_line_end(line.substr(kServiceError.size()))};
+}
+
+bool is_start(const Entry& entry) {
+    return !entry.error && begins_with(entry.text, "========== Download start");
 }
 
 // The number behind the beginning, which the text must have.
@@ -105,12 +138,17 @@ void enter(DownloadProgress& progress, DownloadPhase phase) {
     progress.error.clear();
 }
 
+void set_total(DownloadProgress& progress, std::optional<uint64_t> total) {
+    progress.total = total;
+    progress.done = std::min(progress.done, total.value_or(progress.done));
+}
+
 // Takes up the image with the number, from 1.
 void enter_image(DownloadProgress& progress, DownloadPhase phase, uint32_t image, const FileSize& size_of) {
     enter(progress, phase);
     progress.image = image;
     if (phase == DownloadPhase::kWrite && image <= progress.paths.size()) {
-        progress.total = size_of(progress.paths[image - 1]);
+        set_total(progress, size_of(progress.paths[image - 1]));
     }
 }
 
@@ -152,7 +190,7 @@ void take_agent(DownloadProgress& progress, std::string_view text) {
     } else if (const auto word = number_behind(text, "echoU32 Send 0x", 16)) {
         progress.agent_words += progress.agent_words > 0 ? 1 : 0;
         if (progress.agent_words == kAgentLengthWord) {
-            progress.total = *word;
+            set_total(progress, *word);
         }
     } else if (begins_with(text, "SEND ")) {
         const size_t total = text.rfind("total ");
@@ -167,7 +205,7 @@ void take_agent(DownloadProgress& progress, std::string_view text) {
 }
 
 void take_erase(DownloadProgress& progress, std::string_view text) {
-    progress.total = progress.flash_size != 0 ? std::optional(progress.flash_size) : std::nullopt;
+    set_total(progress, progress.flash_size != 0 ? std::optional(progress.flash_size) : std::nullopt);
     const auto address = number_behind(text, "Format resp address(0x", 16);
     if (address && *address >= progress.flash_begin) {
         count_to(progress, *address - progress.flash_begin);
@@ -188,9 +226,7 @@ bool is_pass(std::string_view text, std::string_view begin) {
 
 // Lines that begin a phase, whatever the present one is. True when this is one.
 bool take_phase(DownloadProgress& progress, std::string_view text, const FileSize& size_of) {
-    if (begins_with(text, "========== Download start")) {
-        progress = {};
-    } else if (begins_with(text, "Please reboot chip again")) {
+    if (begins_with(text, "Please reboot chip again")) {
         enter(progress, DownloadPhase::kHandshake);
     } else if (begins_with(text, "========== Handshake pass")) {
         enter(progress, DownloadPhase::kAgent);
@@ -231,19 +267,38 @@ void take_within_phase(DownloadProgress& progress, std::string_view text, const 
     }
 }
 
+void take(DownloadProgress& progress, const Entry& entry, const FileSize& size_of) {
+    if (entry.error) {
+        take_error(progress, entry.text);
+    } else if (!take_phase(progress, entry.text, size_of)) {
+        take_within_phase(progress, entry.text, size_of);
+    }
+}
+
 } // namespace
 
+bool download_log_ended(const DownloadProgress& progress) {
+    return progress.phase == DownloadPhase::kDone || progress.phase == DownloadPhase::kFailed;
+}
+
 bool download_log_line(DownloadProgress& progress, std::string_view line, const FileSize& size_of) {
-    const std::optional<Entry> entry = entry_of(line);
-    if (!entry) {
+    const std::optional<Entry> stamped = stamped_entry(line);
+    if (stamped && is_start(*stamped) && !download_log_ended(progress)) {
+        const bool others = progress.others;
+        progress = {};
+        progress.begun = true;
+        progress.others = others;
+        return true;
+    }
+    if (!progress.begun || download_log_ended(progress)) {
+        progress.others = progress.others || (stamped && !progress.begun);
         return false;
     }
-    if (entry->error) {
-        take_error(progress, entry->text);
-    } else if (!take_phase(progress, entry->text, size_of)) {
-        take_within_phase(progress, entry->text, size_of);
+    const std::optional<Entry> entry = stamped ? stamped : device_entry(line);
+    if (entry) {
+        take(progress, *entry, size_of);
     }
-    return true;
+    return entry.has_value();
 }
 
 std::string_view download_phase_name(DownloadPhase phase) {

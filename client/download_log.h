@@ -12,6 +12,8 @@
 enum class DownloadPhase { kWaiting, kHandshake, kAgent, kErase, kWrite, kCheck, kFinish, kDone, kFailed };
 
 struct DownloadProgress {
+    bool begun = false; // by its "Download start": no line before that one and none behind the end is its own
+    bool others = false; // lines of another download came before
     DownloadPhase phase = DownloadPhase::kWaiting;
     uint32_t images = 0;           // in the list, 0 while unknown
     uint32_t image = 0;            // being written or checked, from 1; 0 in other phases
@@ -30,7 +32,10 @@ struct DownloadProgress {
 // Bytes of a file, none when that can't be told.
 using FileSize = std::function<std::optional<uint64_t>(const std::string& path)>;
 
-// Takes one line of the log, without its line end. False when it is no line of a download.
+bool download_log_ended(const DownloadProgress& progress);
+
+// Takes one line of the log, without its line end. False when it is no line of this download: of the first
+// one that starts from now on.
 bool download_log_line(DownloadProgress& progress, std::string_view line, const FileSize& size_of);
 
 // "write", as in the tool's output.

@@ -33,7 +33,9 @@ std::string rate_text(double bytes_per_s) {
     return text.data();
 }
 
-std::string bar_text(double share) {
+// Nothing behind the end is drawn, whatever the counts say.
+std::string bar_text(uint64_t done, uint64_t total) {
+    const double share = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const auto filled = static_cast<size_t>(share * kBarWidth);
     std::array<char, 16> percent = {};
     std::snprintf(percent.data(), percent.size(), "%3d %%", static_cast<int>(share * 100));
@@ -52,7 +54,8 @@ std::string speed_text(const DownloadProgress& progress, double step_s) {
     const double rate = static_cast<double>(progress.done) / step_s;
     std::string text = "  " + rate_text(rate);
     if (progress.total) {
-        const double left_s = static_cast<double>(*progress.total - progress.done) / rate;
+        const double left_s =
+            static_cast<double>(*progress.total - std::min(progress.done, *progress.total)) / rate;
         text += left_s <= kLongestLeftS ? "  " + clock_text(left_s) + " left" : "";
     }
     return text;
@@ -77,7 +80,7 @@ std::string download_view_step(const DownloadProgress& progress) {
 std::string download_view_bar(const DownloadProgress& progress, const DownloadTimes& times, size_t width) {
     std::string text = download_view_step(progress);
     if (progress.total && *progress.total > 0) {
-        text += "  " + bar_text(static_cast<double>(progress.done) / static_cast<double>(*progress.total));
+        text += "  " + bar_text(progress.done, *progress.total);
     }
     text += speed_text(progress, times.step_s) + "  " + clock_text(times.all_s);
     return text.substr(0, width);

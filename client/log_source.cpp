@@ -1,8 +1,10 @@
 #include "client/log_source.h"
 
 #include <array>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <ctime>
+#include <cstdio>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -36,6 +38,17 @@ void take_byte(LogSource& source, char byte, const std::function<void(std::strin
     source.skips = false;
 }
 
+// Seconds since 1970 with their microseconds. The journal's reader is not up at once: what is logged until
+// then is asked for by its time, and a whole second would bring lines of before.
+std::string present_time() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+    std::array<char, 32> text = {};
+    std::snprintf(text.data(), text.size(), "%lld.%06lld", static_cast<long long>(us / 1000000),
+                  static_cast<long long>(us % 1000000));
+    return text.data();
+}
+
 } // namespace
 
 LogSource::~LogSource() {
@@ -53,6 +66,13 @@ bool log_source_open_file(LogSource& source, const std::string& path) {
     if (source.fd < 0) {
         return false;
     }
+    struct stat status = {};
+    if (fstat(source.fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        close(source.fd);
+        source.fd = -1;
+        errno = EISDIR;
+        return false;
+    }
     lseek(source.fd, 0, SEEK_END);
     return true;
 }
@@ -62,8 +82,7 @@ void log_source_open_journal(LogSource& source) {
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return;
     }
-    // The reader is not up at once: what is logged until then is asked for by its time.
-    std::string since = "--since=@" + std::to_string(std::time(nullptr));
+    std::string since = "--since=@" + present_time();
     std::string journalctl = "journalctl";
     std::string unit = "--unit=tavor";
     std::string follow = "--follow";

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 
@@ -104,6 +105,31 @@ struct Download : testing::Test {
     DownloadBoard board;
     DaemonOnBoard daemon;
     TestClient client;
+};
+
+// The client tool, whose progress comes from the daemon's log.
+struct ToolDownload : Download {
+    Arguments command() const {
+        return {TAVOR_CTL_PROGRAM, "--socket", board.socket_path(),
+                "download",        "--log",    board.directory.path / "daemon.log"};
+    }
+    std::string output_path(const std::string& name) const {
+        return board.directory.path / name;
+    }
+    // A tool that writes all its output into the file of this name; it has got as far as this text.
+    std::unique_ptr<Child> start_tool(const std::string& name, const std::string& text) const {
+        auto tool = std::make_unique<Child>(command(), output_path(name));
+        EXPECT_TRUE(wait_until([&] { return printed(name, text) || !tool->running(); }));
+        EXPECT_TRUE(printed(name, text)) << board.directory.read(name);
+        return tool;
+    }
+    bool printed(const std::string& name, const std::string& text) const {
+        return board.directory.read(name).find(text) != std::string::npos;
+    }
+    static int status_of(Child& tool) {
+        EXPECT_TRUE(wait_until([&] { return !tool.running(); }));
+        return tool.exit_code;
+    }
 };
 
 struct FaultCase {
@@ -332,6 +358,64 @@ TEST_F(Download, FlashOutlivesTheBoard) {
     daemon.restart();
     expect_good_download();
     expect_positions();
+}
+
+TEST_F(ToolDownload, TellsEveryStepAndTheEnd) {
+    const RunResult result = run_program(command());
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "firmware written\n");
+    EXPECT_EQ(result.err, "tavorctl: handshake\n"
+                          "tavorctl: agent\n"
+                          "tavorctl: erase\n"
+                          "tavorctl: write image 1 of 2 (first.bin)\n"
+                          "tavorctl: write image 2 of 2 (second.bin)\n"
+                          "tavorctl: check image 1 of 2 (first.bin)\n"
+                          "tavorctl: check image 2 of 2 (second.bin)\n"
+                          "tavorctl: finish\n");
+    EXPECT_EQ(board.directory.read("flash.bin"), board.expected_flash());
+}
+
+TEST_F(ToolDownload, FailureNamesTheDaemonsErrorAndWhatToDo) {
+    board.fault("checksum-bad", "once");
+    const RunResult result = run_program(command());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err.find("tavorctl: handshake\ntavorctl: agent\n"
+                              "tavorctl: the firmware could not be written: 'btrom checksum fail, 0x"),
+              0U)
+        << result.err;
+}
+
+TEST_F(ToolDownload, DeviceThatCantBeOpenedIsNamed) {
+    board.configure("SPI port path", "/none/spidev");
+    const RunResult result = run_program(command());
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "tavorctl: the firmware could not be written: '[spi]location_spi_init, open fail'; "
+                          "check 'SPI port path=' and the daemon's right to open that device\n");
+}
+
+// The second request ends the first download's handshake, and gets the answer to it.
+TEST_F(ToolDownload, TwoAtOnceTellEachItsOwnEnd) {
+    board.fault("handshake-bad", "2:always");
+    const auto first = start_tool("first.out", "tavorctl: handshake\n");
+    const auto second = start_tool("second.out", "tavorctl: handshake\n");
+    EXPECT_EQ(status_of(*first), 1);
+    EXPECT_TRUE(printed("first.out", "the answer went to another client"));
+    EXPECT_TRUE(printed("first.out", "tavorctl: the firmware could not be written: '"));
+    board.fault("all", "off");
+    EXPECT_EQ(status_of(*second), 0);
+    EXPECT_TRUE(printed("second.out", "tavorctl: finish\nfirmware written\n"));
+    EXPECT_EQ(board.directory.read("flash.bin"), board.expected_flash());
+}
+
+TEST_F(ToolDownload, DaemonThatEndsInTheMiddleIsNoticed) {
+    board.fault("handshake-bad", "2:always");
+    const auto tool = start_tool("tool.out", "tavorctl: handshake\n");
+    daemon.kill();
+    EXPECT_EQ(status_of(*tool), 3);
+    EXPECT_EQ(board.directory.read("tool.out"), "tavorctl: handshake\ntavorctl: the daemon at " +
+                                                    board.socket_path() +
+                                                    " ended in mid-download; start it and download again\n");
 }
 
 struct DownloadMsbFirst : Download {

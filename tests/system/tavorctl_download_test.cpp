@@ -5,9 +5,13 @@
 #include "support/private_dir.h"
 
 #include <fstream>
+#include <functional>
+#include <future>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -34,22 +38,36 @@ const string kToTheEnd = info({"Format time: 1 ms", "Download resp address(0x0)"
                                "Download time: 1 ms", "check_image_crc /none/a.bin PASS",
                                "Check image crc time: 1 ms", "========== Download Finish ========"});
 
-// A daemon that writes this log when it is asked, and then answers, unless the value is none.
+const string kFailure = kErrorStamp + "FORMAT_TIMEOUT\n" + info({"========== Download Fail ========"});
+
+// A daemon that does this when it is asked for a download.
 struct Scene {
-    Scene(string log, std::optional<uint32_t> value)
-        : daemon((directory.path / "socket").string(),
-                 [this, log, value](FakeDaemon& d, const tavor_request&) {
-                     std::ofstream(log_path, std::ios::app) << log;
-                     if (value) {
-                         d.send(make_response(TAVOR_CODE_DOWNLOAD, *value));
-                     }
-                 }) {
+    explicit Scene(std::function<void(Scene&)> play)
+        : daemon(std::make_unique<FakeDaemon>(
+              socket_path, [this, play](FakeDaemon&, const tavor_request&) { play(*this); })) {
         directory.write("log", info({"Format time: 1 ms"})); // of an earlier download
     }
-    int run(const Lines& arguments) {
-        Lines line = {TAVOR_CTL_PROGRAM, "--socket", daemon.path, "download"};
+    // Writes this log, and then answers, unless the value is none.
+    Scene(const string& log, std::optional<uint32_t> value)
+        : Scene([log, value](Scene& scene) {
+              scene.append(log);
+              if (value) {
+                  scene.answer(*value);
+              }
+          }) {}
+    void append(const string& log) const {
+        std::ofstream(log_path, std::ios::app) << log;
+    }
+    void answer(uint32_t value) const {
+        daemon->send(make_response(TAVOR_CODE_DOWNLOAD, value));
+    }
+    Lines command(const Lines& arguments) const {
+        Lines line = {TAVOR_CTL_PROGRAM, "--socket", socket_path, "download"};
         line.insert(line.end(), arguments.begin(), arguments.end());
-        Tool tool(line);
+        return line;
+    }
+    int run(const Lines& arguments) {
+        Tool tool(command(arguments));
         const int status = tool.end();
         out = tool.out;
         err = tool.err;
@@ -58,7 +76,8 @@ struct Scene {
 
     PrivateDir directory;
     string log_path = directory.path / "log";
-    FakeDaemon daemon;
+    string socket_path = directory.path / "socket";
+    std::unique_ptr<FakeDaemon> daemon;
     string out;
     string err;
 };
@@ -116,8 +135,108 @@ TEST(Download, AnswerThatWentElsewhereIsReplacedByTheLog) {
     EXPECT_EQ(scene.out, "firmware written\n");
     EXPECT_EQ(lines_of(scene.err).back(),
               "tavorctl: the answer went to another client; the daemon's log tells how it ended");
-    Scene failing(kToTheErase + info({"========== Download Fail ========"}), std::nullopt);
+    // What follows behind its end is another client's.
+    Scene failing(kToTheErase + kFailure + kToTheErase + kToTheEnd, std::nullopt);
     EXPECT_EQ(failing.run({"--log", failing.log_path}), 1);
+    EXPECT_NE(failing.err.find("'FORMAT_TIMEOUT'"), string::npos) << failing.err;
+}
+
+TEST(Download, JsonHasItsLastEventsWithoutAnAnswerToo) {
+    Scene scene(kToTheErase + kToTheEnd, std::nullopt);
+    EXPECT_EQ(scene.run({"--json", "--log", scene.log_path}), 0);
+    EXPECT_EQ(lines_of(scene.out).back(), R"({"type":"result","request":"download","ok":true,"value":0})");
+    Scene failing(kToTheErase + kFailure, std::nullopt);
+    EXPECT_EQ(failing.run({"--json", "--log", failing.log_path}), 1);
+    const Lines lines = lines_of(failing.out);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_NE(lines[lines.size() - 2].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
+    EXPECT_NE(lines.back().find(R"({"type":"result","request":"download","ok":false,)"), string::npos);
+}
+
+TEST(Download, AnotherClientsDownloadIsNotThisOne) {
+    std::promise<void> waits;
+    std::promise<void> erases;
+    Scene scene([&](Scene& s) {
+        s.append(info({"Download resp address(0x0)"}));
+        waits.get_future().wait();
+        s.append(info({"========== Download Finish ========"}));
+        s.answer(0); // it goes to the latest client
+        s.append(kToTheErase);
+        erases.get_future().wait();
+        s.append(kFailure);
+        s.answer(TAVOR_VALUE_FAILED);
+    });
+    Tool tool(scene.command({"--log", scene.log_path}));
+    EXPECT_TRUE(
+        tool.wait_err("tavorctl: another client's download is under way; this one begins behind it\n"));
+    waits.set_value();
+    EXPECT_TRUE(tool.wait_err("tavorctl: erase\n"));
+    erases.set_value();
+    EXPECT_EQ(tool.end(), 1);
+    EXPECT_EQ(tool.out, "");
+    EXPECT_NE(tool.err.find("'FORMAT_TIMEOUT'"), string::npos) << tool.err;
+}
+
+TEST(Download, AnswerThatContradictsTheLogIsAnothers) {
+    Scene scene([](Scene& s) {
+        s.answer(0);
+        s.append(kToTheErase + kFailure);
+        s.answer(TAVOR_VALUE_FAILED);
+    });
+    EXPECT_EQ(scene.run({"--log", scene.log_path}), 1);
+    EXPECT_NE(scene.err.find("'FORMAT_TIMEOUT'"), string::npos) << scene.err;
+}
+
+TEST(Download, LogThatBreaksOffLeavesTheAnswer) {
+    std::promise<void> erases;
+    Scene scene([&](Scene& s) {
+        s.append(kToTheErase);
+        erases.get_future().wait();
+        s.answer(0);
+    });
+    Tool tool(scene.command({"--timeout", "0", "--log", scene.log_path}));
+    EXPECT_TRUE(tool.wait_err("tavorctl: erase\n"));
+    erases.set_value();
+    EXPECT_EQ(tool.end(), 0);
+    EXPECT_EQ(tool.out, "firmware written\n");
+}
+
+TEST(Download, DaemonThatEndsIsNoticed) {
+    Scene scene(kToTheErase, std::nullopt);
+    Tool tool(scene.command({"--timeout", "0", "--log", scene.log_path}));
+    EXPECT_TRUE(tool.wait_err("tavorctl: erase\n"));
+    scene.daemon.reset();
+    EXPECT_EQ(tool.end(), 3);
+    EXPECT_EQ(lines_of(tool.err).back(), "tavorctl: the daemon at " + scene.socket_path +
+                                             " ended in mid-download; start it and download again");
+}
+
+TEST(Download, RestartedDaemonIsNoticed) {
+    Scene scene(kToTheErase, std::nullopt);
+    Tool tool(scene.command({"--timeout", "0", "--log", scene.log_path}));
+    EXPECT_TRUE(tool.wait_err("tavorctl: erase\n"));
+    ASSERT_EQ(unlink(scene.socket_path.c_str()), 0);
+    const FakeDaemon next(scene.socket_path, [](FakeDaemon&, const tavor_request&) {});
+    EXPECT_EQ(tool.end(), 3);
+    EXPECT_EQ(lines_of(tool.err).back(), "tavorctl: the daemon at " + scene.socket_path +
+                                             " was restarted in mid-download; download again");
+}
+
+TEST(Download, DaemonThatEndsBehindItsLastLineLeavesTheResult) {
+    Scene scene(kToTheErase + kToTheEnd, std::nullopt);
+    Tool tool(scene.command({"--timeout", "0", "--log", scene.log_path}));
+    EXPECT_TRUE(tool.wait_err("tavorctl: finish\n"));
+    scene.daemon.reset();
+    EXPECT_EQ(tool.end(), 0);
+    EXPECT_EQ(tool.out, "firmware written\n");
+}
+
+TEST(Download, DirectoryIsNoLog) {
+    Scene scene("", 0);
+    const string directory = scene.directory.path;
+    EXPECT_EQ(scene.run({"--log", directory}), 0);
+    EXPECT_EQ(scene.err,
+              "tavorctl: cannot read the log " + directory + ": Is a directory; only the time is shown\n");
 }
 
 TEST(Download, JournalIsFollowedWithoutALog) {
@@ -128,7 +247,7 @@ TEST(Download, JournalIsFollowedWithoutALog) {
                                                     kToTheErase + kToTheEnd + "'\nexec sleep 60\n");
     ASSERT_EQ(chmod(journal.c_str(), 0700), 0);
     Tool tool({"/usr/bin/env", "PATH=" + tools + ":/usr/bin:/bin", TAVOR_CTL_PROGRAM, "--socket",
-               scene.daemon.path, "download"});
+               scene.socket_path, "download"});
     EXPECT_EQ(tool.end(), 0) << tool.err;
     EXPECT_EQ(lines_of(tool.err).back(), "tavorctl: finish");
     const string arguments = scene.directory.read("bin/journalctl.arguments");

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -306,6 +307,34 @@ TEST(Connection, RestartedDaemonIsFoundAgain) {
     tavor_response response = {};
     ASSERT_TRUE(send(connection, TAVOR_REQUEST_STOP)) << connection.error;
     EXPECT_EQ(receive(connection, response), Received::kResponse);
+}
+
+TEST(Connection, PresenceIsToldWithoutARequest) {
+    const Directory directory;
+    auto daemon = std::make_unique<FakeDaemon>(directory.socket_path(), kSilent);
+    Connection connection;
+    ASSERT_TRUE(connection_open(connection, daemon->path));
+    EXPECT_EQ(connection_presence(connection), Presence::kSame);
+    ASSERT_EQ(chmod(daemon->path.c_str(), 0600), 0);
+    EXPECT_EQ(connection_presence(connection), Presence::kSame) << "other rights make no other socket";
+    EXPECT_TRUE(daemon->types().empty());
+    daemon.reset();
+    EXPECT_EQ(connection_presence(connection), Presence::kGone) << "no socket";
+    { const DeafSocket dead(directory.socket_path()); }
+    EXPECT_EQ(connection_presence(connection), Presence::kGone) << "a socket that nobody serves";
+}
+
+TEST(Connection, PresenceTellsARestartedDaemon) {
+    const Directory directory;
+    const DeafSocket before(directory.socket_path());
+    Connection connection;
+    ASSERT_TRUE(connection_open(connection, directory.socket_path()));
+    ASSERT_EQ(unlink(directory.socket_path().c_str()), 0);
+    const DeafSocket after(directory.socket_path());
+    EXPECT_EQ(connection_presence(connection), Presence::kRestarted);
+    Connection anew;
+    ASSERT_TRUE(connection_open(anew, directory.socket_path()));
+    EXPECT_EQ(connection_presence(anew), Presence::kSame);
 }
 
 TEST(Connection, RetakingTheOutputStartsNothingInARunningDaemon) {

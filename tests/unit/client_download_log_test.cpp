@@ -14,7 +14,12 @@ std::optional<uint64_t> size_of(const string& path) {
     return path == "/load/a.bin" ? std::optional<uint64_t>(10000) : std::nullopt;
 }
 
+const string kStamps = "2024-05-01 12:00:00.123 [I][   1.234] ";
+
 struct DownloadLog : testing::Test {
+    bool is_own(const string& line) {
+        return download_log_line(progress, line, size_of);
+    }
     void info(const string& text) {
         EXPECT_TRUE(download_log_line(progress, "2024-05-01 12:00:00.123 [I][   1.234] " + text, size_of));
     }
@@ -54,15 +59,44 @@ struct DownloadLog : testing::Test {
 } // namespace
 
 TEST_F(DownloadLog, OtherLinesAreNone) {
+    start();
     for (const char* line :
          {"", "[LOCSERV] INF: location_service_download", "[I]UID:00:01", "The FW load directory is: /x",
+          "[LOCSERV] ERR: recv error", "[LOCSERV] ERR: [i2c]x", "[spi]x",
           "2024-05-01 12:00:00.123 [I][   1.234", "far too long for a time of day [E][   1.234] text"}) {
         EXPECT_FALSE(download_log_line(progress, line, size_of)) << line;
     }
     EXPECT_EQ(progress.error, "");
 }
 
+TEST_F(DownloadLog, LinesBeforeTheStartAreOfAnotherDownload) {
+    EXPECT_FALSE(is_own("[LOCSERV] ERR: [spi]can't send spi message"));
+    EXPECT_FALSE(progress.others) << "positioning has such lines too";
+    EXPECT_FALSE(is_own(kStamps + "Format time: 10 ms"));
+    EXPECT_FALSE(is_own(" [E][   1.234] FORMAT_TIMEOUT"));
+    EXPECT_FALSE(is_own(kStamps + "========== Download Finish ========"));
+    EXPECT_TRUE(progress.others);
+    EXPECT_FALSE(progress.begun);
+    EXPECT_EQ(progress.phase, DownloadPhase::kWaiting);
+    EXPECT_EQ(progress.error, "");
+    start();
+    EXPECT_TRUE(progress.others);
+    EXPECT_TRUE(progress.begun);
+    EXPECT_EQ(progress.images, 2U);
+}
+
+TEST_F(DownloadLog, ErrorsOfTheDeviceCountWithinADownload) {
+    start();
+    EXPECT_TRUE(is_own("[LOCSERV] ERR: [spi]location_spi_init, open fail\r"));
+    info("========== Download Fail ========");
+    EXPECT_EQ(progress.error, "[spi]location_spi_init, open fail");
+    EXPECT_NE(download_advice(progress.error).find("'SPI port path='"), string::npos);
+    EXPECT_EQ(download_advice("[spi]can't send spi message"), download_advice("[SPIM] x"));
+    EXPECT_FALSE(is_own("[LOCSERV] ERR: [spi]can't send spi message")) << "behind the end";
+}
+
 TEST_F(DownloadLog, MissingTimeOfDayIsNoMatter) {
+    start();
     EXPECT_TRUE(download_log_line(progress, " [E][   1.234] DA len is zero!\r", size_of));
     EXPECT_EQ(progress.error, "DA len is zero!");
 }
@@ -94,16 +128,26 @@ TEST_F(DownloadLog, PhasesFollowEachOther) {
     EXPECT_EQ(progress.phase, DownloadPhase::kDone);
 }
 
-TEST_F(DownloadLog, NextDownloadStartsAnew) {
+TEST_F(DownloadLog, NextDownloadIsNotThisOne) {
     reach_write();
     error("download_sliding_window_flow TIMEOUT");
     info("========== Download Fail ========");
     EXPECT_EQ(progress.phase, DownloadPhase::kFailed);
+    EXPECT_FALSE(is_own(kStamps + "========== Download start ========"));
+    EXPECT_FALSE(is_own(kStamps + "========== Download Finish ========"));
+    EXPECT_EQ(progress.phase, DownloadPhase::kFailed);
     EXPECT_EQ(progress.error, "download_sliding_window_flow TIMEOUT");
+    EXPECT_FALSE(progress.others);
+}
+
+TEST_F(DownloadLog, StartBehindADownloadThatWasCutOffStartsAnew) {
+    reach_write();
+    error("download_sliding_window_flow TIMEOUT");
     info("========== Download start ========");
     EXPECT_EQ(progress.phase, DownloadPhase::kWaiting);
     EXPECT_EQ(progress.error, "");
     EXPECT_TRUE(progress.paths.empty());
+    EXPECT_TRUE(progress.begun);
 }
 
 TEST_F(DownloadLog, AgentsUploadCountsToItsAnnouncedLength) {
@@ -180,14 +224,65 @@ TEST_F(DownloadLog, HostileLinesStayBounded) {
     info("download  PASS");
     info("SEND total ");
     EXPECT_EQ(progress.phase, DownloadPhase::kWrite);
+    info("========== Handshake pass ==========");
+    for (const char* line : {"SEND total 4294967295", "echoU8 Send 0xD7", "echoU32 Send 0x0",
+                             "echoU32 Send 0x1", "SEND total 4294967295"}) {
+        info(line);
+        EXPECT_LE(download_view_bar(progress, {9, 4}, 80).size(), 80U) << line;
+    }
+}
+
+TEST_F(DownloadLog, CountsBeyondTheirTotalAreCutToIt) {
+    reach_agent();
+    info("SEND 9 bytes OK,total 4000000000");
+    EXPECT_EQ(progress.done, 4000000000U);
+    info("echoU8 Send 0xD7");
+    info("echoU32 Send 0x4200000");
+    info("echoU32 Send 0x10");
+    EXPECT_EQ(progress.done, 16U);
+    EXPECT_EQ(download_view_bar(progress, {9, 4}, 200),
+              "agent  [########################] 100 %  0.0 kB/s  0:00 left  0:09");
+    info("########## Flash size: 0x1");
+    info("########## Format send address(0x0)");
+    info("Format resp address(0xFFFFFFFF)");
+    EXPECT_EQ(progress.done, 1U);
+}
+
+TEST_F(DownloadLog, BarOfAnyCountsStaysOnItsLine) {
+    reach_agent();
+    progress.done = UINT64_MAX;
+    progress.total = 1;
+    EXPECT_EQ(download_view_bar(progress, {9, 0}, 200), "agent  [########################] 100 %  0:09");
+    EXPECT_NE(download_view_bar(progress, {9, 4}, 200).find("  0:00 left"), string::npos);
+    progress.done = 0;
+    progress.total = UINT64_MAX;
+    EXPECT_EQ(download_view_bar(progress, {9, 4}, 200), "agent  [........................]   0 %  0:09");
 }
 
 TEST_F(DownloadLog, EveryAdviceIsOneLine) {
-    for (const char* text :
-         {"open file Failed:/x", "UnExpected line=x", "DA len is zero!", "Handshake timeout, please retry!",
-          "btrom checksum fail, 0x1/0x2", "hdl_brom_set_register readU16 error", "FORMAT_TIMEOUT",
-          "can not open /x", "download_sliding_window_flow TIMEOUT", "check_image_crc error, ErrorCode:3",
-          "hdl_finish_kite error, ErrorCode:1", "[SPIM] Error Status=0xff , counter=0"}) {
+    for (const char* text : {"open file Failed:/x",
+                             "UnExpected line=x",
+                             "DA len is zero!",
+                             "Handshake timeout, please retry!",
+                             "btrom checksum fail, 0x1/0x2",
+                             "hdl_brom_set_register readU16 error",
+                             "FORMAT_TIMEOUT",
+                             "can not open /x",
+                             "download_sliding_window_flow TIMEOUT",
+                             "check_image_crc error, ErrorCode:3",
+                             "The file(/x) could not closed.",
+                             "read_cfg_file malloc cfg_list fail",
+                             "concat malloc fail",
+                             "da_format_flash malloc pData fail",
+                             "download_image malloc pData fail",
+                             "parsing_kite malloc con fail",
+                             "read_dma_to_pool overflow, need to clear rx pool!",
+                             "Reading error ( 0 )",
+                             "[spi]location_spi_init, open fail",
+                             "[spi]can't set spi mode: 3",
+                             "[spi]can't send spi message",
+                             "hdl_finish_kite error, ErrorCode:1",
+                             "[SPIM] Error Status=0xff , counter=0"}) {
         EXPECT_NE(download_advice(text), download_advice("something else")) << text;
         EXPECT_EQ(download_advice(text).find('\n'), string::npos);
     }
@@ -214,6 +309,7 @@ TEST_F(DownloadLog, BarWithoutATotalShowsTheTime) {
 }
 
 TEST_F(DownloadLog, NamesReachNoTerminalAsTheyAre) {
+    info("========== Download start ========");
     info("image count=1");
     info("file name=/load/\x1B[2J.bin");
     info("Format time: 1 ms");
