@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -44,7 +45,7 @@ FakeDaemon::FakeDaemon(std::string socket_path, Script run)
     unlink(path.c_str());
     socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        pipe2(quit, 0) != 0) {
+        pipe2(quit, O_CLOEXEC) != 0) {
         throw std::runtime_error("no fake daemon at " + path);
     }
     thread = std::thread([this] { serve(); });
