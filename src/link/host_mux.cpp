@@ -11,7 +11,8 @@ namespace {
 
 // Transfers share the bus, opening and closing it excludes them: it is closed only when no thread is inside.
 struct State {
-    pthread_rwlock_t bus = PTHREAD_RWLOCK_INITIALIZER;
+    pthread_rwlock_t bus =
+        PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP; // a close waits for no new transfer
 } state;
 
 struct SharedBus {

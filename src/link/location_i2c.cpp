@@ -8,7 +8,7 @@
 
 namespace {
 
-// Not checked: where the address is refused, the read or write that follows fails.
+// kept: not checked; where the address is refused, the transfer goes to the one set before.
 void select_slave(int32_t fd, uint8_t slave_addr) {
     ioctl(fd, I2C_SLAVE, static_cast<unsigned long>(slave_addr));
 }

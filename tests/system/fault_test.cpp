@@ -70,9 +70,10 @@ TEST_P(FaultState, StopIsAnsweredWhileACommandWaitsForTheChip) {
 INSTANTIATE_TEST_SUITE_P(
     States, FaultState,
     testing::Values(Fault{"None", "", ""}, Fault{"Silence", "silence", "on"}, Fault{"Zero", "zero", "on"},
-                    Fault{"Garbage", "garbage", "on"}, Fault{"GarbageStatus", "garbage", "status"},
-                    Fault{"GarbageData", "garbage", "data"}, Fault{"Unpowered", "unpowered", "on"},
-                    Fault{"NeverReady", "never-ready", "on"}, Fault{"StatusError", "status-error", "always"},
+                    Fault{"LengthZero", "zero-length", "on"}, Fault{"Garbage", "garbage", "on"},
+                    Fault{"GarbageStatus", "garbage", "status"}, Fault{"GarbageData", "garbage", "data"},
+                    Fault{"Unpowered", "unpowered", "on"}, Fault{"NeverReady", "never-ready", "on"},
+                    Fault{"StatusError", "status-error", "always"},
                     Fault{"StatusErrorOnce", "status-error", "once"},
                     Fault{"TransferFail", "transfer-fail", "always"},
                     Fault{"TransferFailOften", "transfer-fail", "every:3"},

@@ -1,6 +1,7 @@
 // Opening, closing and dispatch by bus type.
 #include "host_mux_fixture.h"
 #include "interpose/fail.h"
+#include "link/host_mux_i2c.h"
 
 #include <cerrno>
 
@@ -111,6 +112,7 @@ TEST_F(HostMuxOpen, UnknownBusTypeIsRefused) {
     EXPECT_EQ(init(), -1);
     EXPECT_TRUE(lines.empty());
     handle.id = 3;
+    g_host_mux_i2c_master_mutex = port_platform_create_mutex(); // the other bus would work
     uint8_t byte = 0;
     uint32_t length = 1;
     EXPECT_EQ(capture_stdout([&] {
@@ -119,6 +121,7 @@ TEST_F(HostMuxOpen, UnknownBusTypeIsRefused) {
                   EXPECT_EQ(host_mux_deinit(&handle), -1);
               }),
               "");
+    port_platform_destroy_mutex(&g_host_mux_i2c_master_mutex);
     handle.id = kHostMuxClosed;
 }
 
