@@ -55,7 +55,7 @@ int report(const SimulatedBoard& board, const SleepSum& sum) {
     std::printf("result of the download                     %10lld\n", static_cast<long long>(result));
     std::printf("bytes of the images                        %10zu\n", kFirstImage + kSecondImage);
     std::printf("time                                       %10.3f s\n", total);
-    std::printf("prescribed waits                           %10.3f s in %llu\n", waits,
+    std::printf("waits of the protocol                      %10.3f s in %llu\n", waits,
                 static_cast<unsigned long long>(sum.calls - calls_before));
     std::printf("SPI frames                                 %10lld\n",
                 board.status("transfers") - transfers_before);

@@ -1,4 +1,4 @@
-// CRC-32 of the firmware download, beside zlib's where it is installed: at least half its speed is asked for.
+// CRC-32 of the firmware download, beside zlib's where it is installed.
 #include "download/crc32_calc.h"
 
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
 // The whole chain on the simulated board: sentences per second from chip to client, processor time and memory
-// of the daemon, time from process start to the first answer; beside them the prescribed path alone (queue,
+// of the daemon, time from process start to the first answer; beside them the bare path (queue,
 // then a 520-byte datagram).
 #include "support/harness.h"
 
@@ -91,7 +91,7 @@ struct Record {
 
 // One process hands heap copies through a message queue to a thread that sends datagrams; another process
 // reads them.
-ThreadSeconds prescribed_path_seconds() {
+ThreadSeconds bare_path_seconds() {
     ThreadSeconds used;
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) {
@@ -156,7 +156,7 @@ void report_flow() {
     const std::filesystem::path process = "/proc/" + std::to_string(pid);
     const double used = processor_seconds(process);
     const ThreadSeconds threads = thread_seconds(process);
-    const ThreadSeconds path = prescribed_path_seconds();
+    const ThreadSeconds path = bare_path_seconds();
     const double reference = path.service + path.receive;
     std::printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
     std::printf(

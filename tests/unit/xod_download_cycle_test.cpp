@@ -65,7 +65,7 @@ TEST_F(XodDownloadCycle, KeepsAllTypesFreshForAFortnight) {
             least = std::min(least, files.least_valid());
         }
     }
-    EXPECT_TRUE(refused) << "the case that used to end the refresh did not come up";
+    EXPECT_TRUE(refused) << "a delay that no timer takes did not come up";
     EXPECT_GE(least, 12);
     for (const uint32_t type : kTypes) {
         EXPECT_GE(std::count(xod_fakes.transfers.begin(), xod_fakes.transfers.end(), std::pair{type, 1U}), 5)
