@@ -37,8 +37,8 @@ else()
     target_compile_options(tavor_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 endif()
 
-# tavor_library(NAME SOURCES file... [USES library...]): one static library per room of src/. What a room may
-# call is what it names in USES, so a call against the layering fails at link time.
+# tavor_library(NAME SOURCES file... [USES library...]): one static library of a room of src/. What it may
+# call is what it names in USES, and what that names; scripts/check_layers.sh checks the includes against that.
 function(tavor_library name)
     cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks format and lint of all sources. With --fix the format is put right instead.
+# Checks format, layers and lint of all sources. With --fix the format is put right instead.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -12,6 +12,9 @@ fi
 
 echo "check: format of ${#sources[@]} files"
 clang-format --dry-run --Werror "${sources[@]}"
+
+echo "check: layers"
+scripts/check_layers.sh
 
 echo "check: lint"
 # One file a run: behind another file the analyzer takes every va_list for uninitialized.
