@@ -12,11 +12,32 @@ packages=(
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
 
+# Without Debian's packages: the tools, and what CMake looks for, under whatever names they came.
+verify() {
+    local tool tree status=0
+    for tool in cmake ninja clang-format clang-tidy; do
+        if ! command -v "$tool" >/dev/null 2>&1; then
+            echo "setup: $tool is missing" >&2
+            status=1
+        fi
+    done
+    [ "$status" -eq 0 ] || return 1
+    tree=$(mktemp -d)
+    if ! cmake -S "$(dirname "${BASH_SOURCE[0]}")/.." -B "$tree" -G Ninja >"$tree/out" 2>&1; then
+        grep -A 3 'CMake Error' "$tree/out" >&2 || cat "$tree/out" >&2
+        status=1
+    fi
+    rm -rf "$tree"
+    return "$status"
+}
+
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then
-    echo "setup: this is no Debian system; install the counterparts of these packages and run again:" >&2
+    if verify; then
+        echo "setup: no Debian system, but all that is needed is there"
+        exit 0
+    fi
+    echo "setup: this is no Debian system: install the counterparts of these packages and run again:" >&2
     printf '  %s\n' "${packages[@]}" >&2
-    # Everything may be there already under other names: let the build say so.
-    command -v cmake >/dev/null 2>&1 && command -v ninja >/dev/null 2>&1 && exit 0
     exit 1
 fi
 
