@@ -186,6 +186,14 @@ const std::vector<ChipFaultInfo>& chip_download_fault_table() {
     return table;
 }
 
+std::string chip_download_fault_commands() {
+    std::string text;
+    for (const CommandName& entry : kCommandNames) {
+        text += (text.empty() ? "" : ", ") + std::string(entry.name);
+    }
+    return text;
+}
+
 bool chip_download_fault_known(const std::string& name) {
     const auto& table = chip_download_fault_table();
     return std::any_of(table.begin(), table.end(),

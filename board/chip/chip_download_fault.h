@@ -55,6 +55,9 @@ struct ChipAnswerFaultSet {
 const std::vector<ChipFaultInfo>& chip_download_fault_table();
 bool chip_download_fault_known(const std::string& name);
 
+// What COMMAND stands for in the table's values: "address, size, ...".
+std::string chip_download_fault_commands();
+
 // Sets a known fault; false when the value is none of it.
 bool chip_download_fault_set(ChipDownloadFaults& faults, const std::string& name, const std::string& value);
 

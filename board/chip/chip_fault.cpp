@@ -2,6 +2,7 @@
 
 #include "chip/chip.h"
 
+#include <cstring>
 #include <optional>
 
 namespace {
@@ -211,7 +212,9 @@ std::string chip_fault(Chip& chip, const std::string& name, const std::string& v
         return queue_backlog(chip, value, now_us);
     }
     if (!set_any(chip, name, value)) {
-        return "fault " + name + ": \"" + value + "\" is none of " + info->values;
+        const bool commands = std::strstr(info->values, "COMMAND") != nullptr;
+        return "fault " + name + ": \"" + value + "\" is none of " + info->values +
+               (commands ? "; COMMAND is one of " + chip_download_fault_commands() : "");
     }
     chip.slave.excused = true;
     chip_i2c_excuse(chip.i2c);

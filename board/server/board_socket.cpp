@@ -2,6 +2,7 @@
 
 #include "interpose/wire.h"
 
+#include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,12 +21,23 @@ bool board_socket_address(const std::string& directory, sockaddr_un* address) {
 int board_socket_connect(const std::string& directory) {
     sockaddr_un address;
     if (!board_socket_address(directory, &address)) {
+        errno = ENAMETOOLONG;
         return -1;
     }
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd >= 0 && connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const int reason = errno;
         close(fd);
+        errno = reason;
         return -1;
     }
     return fd;
+}
+
+std::string board_socket_no_board(const std::string& directory, int reason) {
+    if (reason == EACCES || reason == EPERM) {
+        return "may not reach the board in " + directory + ": " + std::strerror(reason) +
+               "; run as the user who started it";
+    }
+    return "no board runs in " + directory + ": start one with 'tavor-board run --dir " + directory + "'";
 }

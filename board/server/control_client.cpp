@@ -1,5 +1,6 @@
 #include "server/control_client.h"
 
+#include "chip/chip_download_fault.h"
 #include "interpose/wire.h"
 #include "server/board_socket.h"
 
@@ -129,6 +130,7 @@ void print_faults(const json& answer) {
         std::printf("%-16s %-40s %s\n", fault["name"].get<std::string>().c_str(),
                     fault["values"].get<std::string>().c_str(), fault["help"].get<std::string>().c_str());
     }
+    std::printf("COMMAND is one of %s.\n", chip_download_fault_commands().c_str());
 }
 
 // One value a line; those of an object with its name in front.
@@ -159,9 +161,12 @@ void print(const ControlOptions& options, const json& answer) {
 
 } // namespace
 
-std::string control_ask(const std::string& directory, const std::string& request) {
+std::string control_ask(const std::string& directory, const std::string& request, int* reason) {
     const int fd = board_socket_connect(directory);
     if (fd < 0) {
+        if (reason != nullptr) {
+            *reason = errno;
+        }
         return "";
     }
     std::string answer = send_request(fd, request) ? receive_answer(fd) : "";
@@ -182,10 +187,10 @@ int control_run(const ControlOptions& options) {
         std::fprintf(stderr, "tavor-board: too much at once: send it in smaller pieces\n");
         return kUsageError;
     }
-    const json answer = json::parse(control_ask(options.directory, text), nullptr, false);
+    int reason = 0;
+    const json answer = json::parse(control_ask(options.directory, text, &reason), nullptr, false);
     if (!answer.is_object()) {
-        std::fprintf(stderr, "tavor-board: no board runs in %s: start one with 'tavor-board run --dir %s'\n",
-                     options.directory.c_str(), options.directory.c_str());
+        std::fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
         return kNoBoard;
     }
     if (!answer.value("ok", false)) {

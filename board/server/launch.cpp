@@ -156,8 +156,8 @@ int launch_exec(const ExecOptions& options) {
     const std::string directory = fs::canonical(options.directory, error);
     const int fd = error ? -1 : board_socket_connect(directory);
     if (fd < 0) {
-        std::fprintf(stderr, "tavor-board: no board runs in %s: start one with 'tavor-board run --dir %s'\n",
-                     options.directory.c_str(), options.directory.c_str());
+        const int reason = error ? error.value() : errno;
+        std::fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
         return kNoBoard;
     }
     close(fd);

@@ -1,5 +1,6 @@
 #include "server/options.h"
 
+#include "chip/chip_download_fault.h"
 #include "server/assist_fault.h"
 #include "server/clock_file.h"
 
@@ -45,7 +46,7 @@ Examples:
   tavor-board ctl --dir /tmp/board commands
   tavor-board ctl --dir /tmp/board time --advance 3600
 
-Exit codes: 0 done, 1 the board refused, 2 usage, 3 no board runs there.)";
+Exit codes: 0 done, 1 the board refused, 2 usage, 3 no board runs there or can be reached.)";
 
 // What CLI11 fills and the options hold in another shape.
 struct Raw {
@@ -134,6 +135,7 @@ std::string run_footer() {
             text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
         }
     }
+    text << "COMMAND is one of " << chip_download_fault_commands() << ".\n";
     return text.str();
 }
 
@@ -216,7 +218,8 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     command
         ->add_option("--time", run.time, "UTC at the start, like 2026-11-21T10:00:00Z (default: the host's)")
         ->check(time_error);
-    command->add_flag("!--no-assist", run.assistance, "run no assistance server");
+    command->add_flag_callback(
+        "--no-assist", [&run] { run.assistance = false; }, "run no assistance server");
     command->add_option("--log", run.log, "file for the program's output");
     command->add_option("program", run.program, "program and its arguments, behind --");
     command->footer(run_footer());

@@ -189,6 +189,16 @@ TEST_F(BoardOptionsTest, HelpNamesEveryFault) {
     for (const ChipFaultInfo& fault : chip_fault_table()) {
         EXPECT_NE(out.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
+    EXPECT_NE(out.find("COMMAND is one of address, size"), std::string::npos) << out;
+}
+
+TEST_F(BoardOptionsTest, NoAssistTurnsTheServerOff) {
+    EXPECT_EQ(read({"run", "--help"}), 0);
+    EXPECT_EQ(out.find('{'), std::string::npos) << "a default of a flag stands in the help: " << out;
+    EXPECT_EQ(read({"run"}), -1);
+    EXPECT_TRUE(options.run.assistance);
+    EXPECT_EQ(read({"run", "--no-assist"}), -1);
+    EXPECT_FALSE(options.run.assistance);
 }
 
 } // namespace

@@ -1,13 +1,17 @@
 // A board and programs on it, from the command line.
 #include "interpose/paths.h"
+#include "server/control_client.h"
+#include "server/launch.h"
 #include "support/harness.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/msg.h>
+#include <unistd.h>
 
 namespace {
 
@@ -284,6 +288,29 @@ TEST(BoardRun, ExecNeedsABoard) {
     EXPECT_EQ(result.err, "tavor-board: no board runs in " + place.path.string() +
                               ": start one with 'tavor-board run --dir " + place.path.string() + "'\n");
     EXPECT_EQ(tool({"ctl", "--dir", place.path, "status"}).status, kNoBoard);
+}
+
+// Root may enter everywhere.
+void give_up_root() {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) {
+        std::abort();
+    }
+}
+
+TEST(BoardRun, ABoardThatMayNotBeReachedIsToldApart) {
+    const PrivateDir place;
+    std::filesystem::permissions(place.path, std::filesystem::perms::none);
+    ControlOptions ctl;
+    ctl.directory = place.path;
+    ctl.command = "status";
+    ExecOptions exec;
+    exec.directory = place.path;
+    exec.program = {"true"};
+    const std::string told = "tavor-board: may not reach the board in .*: Permission denied";
+    EXPECT_EXIT((give_up_root(), std::_Exit(control_run(ctl))), testing::ExitedWithCode(kNoBoard), told);
+    EXPECT_EXIT((give_up_root(), std::_Exit(launch_exec(exec))), testing::ExitedWithCode(kNoBoard), told);
+    std::filesystem::permissions(place.path, std::filesystem::perms::owner_all);
 }
 
 TEST(BoardRun, ACancelledThreadLeavesTheNodeInStep) {

@@ -299,6 +299,15 @@ TEST(ChipDownloadFault, BadValuesAreNamedAndChangeNothing) {
     EXPECT_EQ(chip_status(host.chip).faults, std::vector<std::string>{});
 }
 
+TEST(ChipDownloadFault, WrongCommandIsToldTheRightOnes) {
+    DownloadHost host;
+    EXPECT_EQ(chip_fault(host.chip, "response-lost", "once@foo", 0),
+              "fault response-lost: \"once@foo\" is none of once|N|always|every:N|off[@COMMAND]; "
+              "COMMAND is one of address, size, id, erase, write, check, finish, read");
+    EXPECT_EQ(chip_fault(host.chip, "checksum-bad", "on", 0),
+              "fault checksum-bad: \"on\" is none of once|N|always|off");
+}
+
 TEST(ChipDownloadFault, FaultsInForceAreTold) {
     DownloadHost host;
     const std::vector<std::pair<std::string, std::string>> faults = {
