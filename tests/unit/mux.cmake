@@ -9,9 +9,11 @@ tavor_test(host_mux_test
         host_mux_power_test.cpp
         host_mux_stop_test.cpp
         host_mux_threads_test.cpp
+        host_mux_turns_test.cpp
         host_mux_slave.cpp
     USES tavor_mux board_interpose_local)
-target_link_options(host_mux_test PRIVATE ${TAVOR_MUX_WRAPS})
+target_link_options(host_mux_test PRIVATE
+    ${TAVOR_MUX_WRAPS} -Wl,--wrap=_Z24port_platform_give_mutexP15pthread_mutex_t)
 
 tavor_test(location_serial_port_test
     SOURCES location_serial_port_test.cpp host_mux_slave.cpp
