@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
@@ -18,6 +19,9 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
+[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 // The chip's side of the bus: three addresses, two length registers, two buffers.
 struct I2cSlave {
@@ -593,8 +597,8 @@ TEST_F(HostMuxI2c, CancelledWhileAnotherThreadHoldsTheBusComesBack) {
 
 namespace {
 
-// A receive whose thread is cancelled in the middle: what came of it is told when it goes on behind.
-struct CancelledReceive {
+// An operation whose thread is cancelled in the middle: what came of it is told when it goes on behind.
+struct CancelledOperation {
     host_mux_handle* handle;
     int32_t result = -1;
     uint32_t length = 3;
@@ -602,35 +606,58 @@ struct CancelledReceive {
 };
 
 void* receive_cancelled(void* argument) {
-    auto* receive = static_cast<CancelledReceive*>(argument);
+    auto* receive = static_cast<CancelledOperation*>(argument);
     receive->result = host_mux_rx(receive->handle, receive->bytes, &receive->length);
+    pthread_testcancel();
+    return nullptr;
+}
+
+void* send_cancelled(void* argument) {
+    auto* send = static_cast<CancelledOperation*>(argument);
+    send->result = host_mux_tx(send->handle, send->bytes, &send->length);
     pthread_testcancel();
     return nullptr;
 }
 
 } // namespace
 
-TEST_F(HostMuxI2c, CancelledInAnOperationFinishesItFirst) {
+class HostMuxI2cCancelled : public HostMuxI2c {
+protected:
+    // Runs the operation on a thread that is cancelled as soon as it reaches the bus.
+    void run(void* (*body)(void*)) {
+        LocalDevices devices;
+        devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
+            pthread_cancel(pthread_self());
+            return slave_ioctl(request, argument);
+        };
+        devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
+        devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
+        local_devices(devices);
+        capture_stdout([&] {
+            pthread_t thread = {};
+            ASSERT_EQ(pthread_create(&thread, nullptr, body, &operation), 0);
+            ASSERT_EQ(pthread_join(thread, &thread_result), 0);
+        });
+        EXPECT_EQ(thread_result, PTHREAD_CANCELED);
+        EXPECT_EQ(operation.result, 0);
+        EXPECT_EQ(operation.length, 3U);
+        expect_mutex_free();
+    }
+
+    CancelledOperation operation = {.handle = &handle};
+    void* thread_result = nullptr;
+};
+
+TEST_F(HostMuxI2cCancelled, InAReceiveFinishesItFirst) {
     chip.tx_length = 3;
     chip.to_send = counted(3);
-    LocalDevices devices;
-    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-        pthread_cancel(pthread_self());
-        return slave_ioctl(request, argument);
-    };
-    devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
-    devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
-    local_devices(devices);
-    CancelledReceive receive = {.handle = &handle};
-    void* result = nullptr;
-    capture_stdout([&] {
-        pthread_t thread = {};
-        ASSERT_EQ(pthread_create(&thread, nullptr, receive_cancelled, &receive), 0);
-        ASSERT_EQ(pthread_join(thread, &result), 0);
-    });
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_EQ(receive.result, 0);
-    EXPECT_EQ(receive.length, 3U);
-    EXPECT_EQ(Bytes(receive.bytes, receive.bytes + 3), counted(3));
-    expect_mutex_free();
+    run(receive_cancelled);
+    EXPECT_EQ(Bytes(operation.bytes, operation.bytes + 3), counted(3));
+}
+
+TEST_F(HostMuxI2cCancelled, InASendFinishesItFirst) {
+    chip.rx_length = 3;
+    std::iota(operation.bytes, operation.bytes + 3, uint8_t{1});
+    run(send_cancelled);
+    EXPECT_EQ(chip.taken, counted(3));
 }
