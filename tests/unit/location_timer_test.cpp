@@ -9,9 +9,12 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <optional>
 #include <thread>
 
+extern "C" int __real_timer_create(clockid_t clock, sigevent* event, timer_t* timer);
 extern "C" int __real_timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old);
+extern "C" int __real_timer_gettime(timer_t timer, itimerspec* value);
 
 namespace {
 
@@ -33,6 +36,9 @@ struct LastSet {
     int calls;
 } last_set;
 
+clockid_t created_on;
+std::optional<timespec> remaining; // what the system tells instead of its own
+
 void on_fire(sigval value) {
     const std::lock_guard hold(fired.lock);
     ++fired.count;
@@ -53,6 +59,7 @@ protected:
         fired.count = 0;
         fired.value = this;
         last_set = {};
+        remaining.reset();
     }
     ~LocationTimer() override {
         interpose_fail_reset();
@@ -70,6 +77,19 @@ protected:
 };
 
 } // namespace
+
+extern "C" int __wrap_timer_create(clockid_t clock, sigevent* event, timer_t* timer) {
+    created_on = clock;
+    return __real_timer_create(clock, event, timer);
+}
+
+extern "C" int __wrap_timer_gettime(timer_t timer, itimerspec* value) {
+    if (remaining) {
+        *value = {.it_interval = {}, .it_value = *remaining};
+        return 0;
+    }
+    return __real_timer_gettime(timer, value);
+}
 
 extern "C" int __wrap_timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old) {
     last_set = {flags, *value, old != nullptr, last_set.calls + 1};
@@ -107,6 +127,22 @@ TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
               2);
     EXPECT_LE(seconds, 1000);
     EXPECT_GT(seconds, 900);
+}
+
+TEST_F(LocationTimer, RunsOnTheTimeOfDay) {
+    EXPECT_EQ(created_on, CLOCK_REALTIME);
+}
+
+TEST_F(LocationTimer, IsActiveWithWholeSecondsLeft) {
+    remaining = {1, 0};
+    EXPECT_EQ(is_active(), 0);
+    EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:1,0\n");
+}
+
+TEST_F(LocationTimer, IsActiveWithLessThanASecondLeft) {
+    remaining = {0, 1};
+    EXPECT_EQ(is_active(), 0);
+    EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:0,1\n");
 }
 
 TEST_F(LocationTimer, SetSplitsMillisecondsForOneShotFromNow) {
