@@ -2,8 +2,10 @@
 #include "host_mux_slave.h"
 #include "interpose/local.h"
 #include "interpose/paths.h"
+#include "link/location_serial_handle.h"
 #include "link/location_serial_port.h"
 #include "support/capture.h"
+#include "support/format_fault.h"
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +25,9 @@ struct SerialPort : testing::Test {
     }
 
     void TearDown() override {
+        format_fault_disarm();
         EXPECT_EQ(location_serial_port_gnss_deinit(), 0);
+        g_location_serial_handle.bus_type = HOST_MUX_BUS_SPI;
         interpose_set_root("");
     }
 
@@ -51,6 +55,11 @@ struct SerialPort : testing::Test {
 
     bool printed(const std::string& line) const {
         return std::find(lines.begin(), lines.end(), line) != lines.end();
+    }
+
+    std::vector<std::string> last_lines(size_t count) const {
+        const size_t first = lines.size() - std::min(count, lines.size());
+        return {lines.begin() + static_cast<std::ptrdiff_t>(first), lines.end()};
     }
 
     PrivateDir directory;
@@ -119,6 +128,20 @@ TEST_F(SerialPort, MissingDeviceFailsTheInit) {
     directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev9.9\n");
     EXPECT_EQ(init(), -1);
     EXPECT_TRUE(printed("host_mux_init, init fail"));
+}
+
+TEST_F(SerialPort, PathThatCanNotBeTakenIsToldAndFailsTheInit) {
+    const std::string told = "[LOCSERV] ERR: location_serial_port_gnss_init, get path fail";
+    format_fault_arm(1); // behind the reader of the configuration
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(last_lines(3),
+              (std::vector<std::string>{told, "[LOCSERV] ERR: [spi]location_spi_init, open fail",
+                                        "host_mux_init, init fail"}));
+    g_location_serial_handle.bus_type = HOST_MUX_BUS_I2C;
+    format_fault_arm(1);
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(last_lines(3), (std::vector<std::string>{told, "[LOCSERV] ERR: location_i2c_init, open fail",
+                                                       "host_mux_init, init fail"}));
 }
 
 TEST_F(SerialPort, SecondInitSucceedsWithoutOpening) {

@@ -3,6 +3,7 @@
 #include "interpose/fail.h"
 #include "interpose/local.h"
 #include "support/capture.h"
+#include "support/format_fault.h"
 
 #include <atomic>
 #include <cerrno>
@@ -106,6 +107,7 @@ protected:
         });
     }
     ~PortPlatform() override {
+        format_fault_disarm();
         interpose_fail_reset();
         local_devices({});
         wrapped = {};
@@ -199,6 +201,18 @@ TEST_F(PortPlatform, I2cInitOpensThePathBehindTheFirstWord) {
     EXPECT_EQ(calls, Lines{"open /dev/i2c-2"});
     EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd), 0);
     EXPECT_EQ(calls.back(), "close /dev/i2c-2");
+}
+
+TEST_F(PortPlatform, PathThatCanNotBeTakenIsToldAndNothingIsOpened) {
+    format_fault_arm(0);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); }),
+              "port_platform_bus_init, get path fail\n"
+              "[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
+    format_fault_arm(0);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c), -1); }),
+              "port_platform_bus_init, get path fail\n"
+              "[LOCSERV] ERR: location_i2c_init, open fail\n");
+    EXPECT_TRUE(calls.empty());
 }
 
 TEST_F(PortPlatform, FailedInitGivesMinusOneAndLeavesNothingOpen) {
