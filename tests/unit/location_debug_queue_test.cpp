@@ -59,6 +59,14 @@ TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
 }
 
+TEST_F(DebugQueueTest, NewQueueIsOpenToEveryUser) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    msqid_ds status{};
+    ASSERT_EQ(msgctl(debug_queue(), IPC_STAT, &status), 0);
+    EXPECT_EQ(status.msg_perm.mode & 0777, 0666);
+    EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_start, creat msg:"), 1U);
+}
+
 TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
     const auto client = start_with_client();
     const int queue = debug_queue();
