@@ -28,6 +28,7 @@ namespace {
 struct FailureState {
     std::atomic<bool> cancel = false;
     std::atomic<bool> epoll_create = false;
+    std::atomic<bool> epoll_interrupt = false; // once
     std::atomic<bool> short_writes = false;
     std::atomic<bool> malloc = false;
 } failure;
@@ -46,6 +47,15 @@ extern "C" void* __wrap_malloc(size_t size) {
 extern "C" ssize_t __real_write(int fd, const void* data, size_t length);
 extern "C" ssize_t __wrap_write(int fd, const void* data, size_t length) {
     return __real_write(fd, data, failure.short_writes ? std::min<size_t>(length, 2) : length);
+}
+
+extern "C" int __real_epoll_wait(int set, epoll_event* events, int most, int timeout_ms);
+extern "C" int __wrap_epoll_wait(int set, epoll_event* events, int most, int timeout_ms) {
+    if (failure.epoll_interrupt.exchange(false)) {
+        errno = EINTR;
+        return -1;
+    }
+    return __real_epoll_wait(set, events, most, timeout_ms);
 }
 
 extern "C" int pthread_cancel(pthread_t thread) {
@@ -78,7 +88,8 @@ int descriptor_of(const std::string& path) {
 
 struct DebugFailureTest : DebugTest {
     void TearDown() override {
-        failure.cancel = failure.epoll_create = failure.short_writes = failure.malloc = false;
+        failure.cancel = failure.epoll_create = failure.epoll_interrupt = false;
+        failure.short_writes = failure.malloc = false;
         interpose_fail_reset();
         DebugTest::TearDown();
     }
@@ -263,6 +274,20 @@ TEST_F(DebugFailureTest, ReceiveTaskEndsWhenItsEpollSetFails) {
                   "[LOCSERV] INF: [debug]location_debug_rx_task",
                   "[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[Bad file "
                   "descriptor]9"}));
+}
+
+TEST_F(DebugFailureTest, InterruptedWaitForClientsIsTakenUpAgain) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    const auto client = connect_listed(1);
+    client->send("abc");
+    ASSERT_TRUE(wait_until([] { return chip_received() == "abc"; }));
+    failure.epoll_interrupt = true; // the wait before or behind the next input
+    client->send("def");
+    EXPECT_TRUE(wait_until([] { return chip_received() == "abcdef"; })) << chip_received();
+    EXPECT_TRUE(wait_until([] { return !failure.epoll_interrupt; }));
+    client->send("ghi");
+    EXPECT_TRUE(wait_until([] { return chip_received() == "abcdefghi"; })) << chip_received();
+    EXPECT_EQ(log_count("epoll_wait failed"), 0U);
 }
 
 TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {

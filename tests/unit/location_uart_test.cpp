@@ -19,6 +19,10 @@ struct FailureState {
     bool tcsetattr = false;
 } failure;
 
+// A pseudo terminal always is a line of eight bits that receives. These flags it only seems not to have.
+tcflag_t hidden_control = 0;
+termios applied;
+
 } // namespace
 
 extern "C" {
@@ -33,8 +37,16 @@ int __wrap_fcntl(int fd, int command, long argument) { // every command used her
     return failure.fcntl ? -1 : __real_fcntl(fd, command, argument);
 }
 
+int __real_tcgetattr(int fd, termios* options);
+int __wrap_tcgetattr(int fd, termios* options) {
+    const int result = __real_tcgetattr(fd, options);
+    options->c_cflag &= ~hidden_control;
+    return result;
+}
+
 int __real_tcsetattr(int fd, int when, const termios* options);
 int __wrap_tcsetattr(int fd, int when, const termios* options) {
+    applied = *options;
     return failure.tcsetattr ? -1 : __real_tcsetattr(fd, when, options);
 }
 
@@ -56,6 +68,33 @@ termios options_of(int fd) {
     return options;
 }
 
+constexpr tcflag_t kLocalFlags = ISIG | ICANON | ECHO | ECHOE | ECHOK | ECHONL | NOFLSH;
+constexpr tcflag_t kInputFlags =
+    IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR | ICRNL | IXON | IXANY | IXOFF;
+constexpr tcflag_t kOutputFlags = OPOST | ONLCR;
+
+// Sets everything the other way round than a line with the flow control has it.
+void set_wrong_way_round(int fd, int32_t flow_control) {
+    termios options = options_of(fd);
+    options.c_cflag &= ~static_cast<tcflag_t>(CLOCAL | CRTSCTS);
+    options.c_cflag |= CSTOPB | PARENB | (flow_control == UART_FLOW_HARDWARE ? 0 : CRTSCTS);
+    options.c_lflag |= kLocalFlags;
+    options.c_iflag |= kInputFlags;
+    options.c_oflag |= kOutputFlags;
+    options.c_cc[VMIN] = 0;
+    options.c_cc[VTIME] = 7;
+    options.c_cc[VSTART] = 'a';
+    options.c_cc[VSTOP] = 'b';
+    ASSERT_EQ(tcsetattr(fd, TCSANOW, &options), 0);
+    const termios kept = options_of(fd);
+    ASSERT_EQ(kept.c_cflag & static_cast<tcflag_t>(CLOCAL | CRTSCTS | CSTOPB),
+              options.c_cflag & static_cast<tcflag_t>(CLOCAL | CRTSCTS | CSTOPB));
+    ASSERT_EQ(kept.c_lflag & kLocalFlags, kLocalFlags);
+    ASSERT_EQ(kept.c_iflag & kInputFlags, kInputFlags);
+    ASSERT_EQ(kept.c_oflag & kOutputFlags, kOutputFlags);
+    ASSERT_EQ(std::memcmp(kept.c_cc, options.c_cc, sizeof kept.c_cc), 0);
+}
+
 const uint8_t* bytes_of(const std::string& text) {
     return reinterpret_cast<const uint8_t*>(text.data());
 }
@@ -67,6 +106,7 @@ int32_t write_text(const std::string& text, UartHandle handle) {
 // An open line at a pseudo terminal.
 struct Line {
     explicit Line(int32_t flow_control, int32_t baud = 115200) {
+        set_wrong_way_round(terminal.slave, flow_control);
         const SerialPortConfig config = config_of(terminal.path, baud, flow_control);
         EXPECT_EQ(location_uart_init(&handle, &config), 0);
     }
@@ -91,11 +131,7 @@ struct Line {
 
 TEST(LocationUart, OpensARawBlockingEightBitLine) {
     PseudoTerminal terminal;
-    termios before = options_of(terminal.slave);
-    before.c_cflag |= CSTOPB | PARENB;
-    before.c_iflag |= ISTRIP | ICRNL | IXON | INLCR;
-    tcsetattr(terminal.slave, TCSANOW, &before);
-
+    set_wrong_way_round(terminal.slave, 0);
     UartHandle handle{.fd = -1, .flow_control = 7};
     const SerialPortConfig config = config_of(terminal.path, 9600, 0);
     ASSERT_EQ(location_uart_init(&handle, &config), 0);
@@ -104,12 +140,9 @@ TEST(LocationUart, OpensARawBlockingEightBitLine) {
     EXPECT_EQ(options.c_cflag & static_cast<tcflag_t>(CSIZE | PARENB | CSTOPB | CREAD | CLOCAL),
               CS8 | CREAD | CLOCAL);
     EXPECT_EQ(options.c_cflag & CRTSCTS, 0U);
-    EXPECT_EQ(options.c_lflag & static_cast<tcflag_t>(ISIG | ICANON | ECHO | ECHOE | ECHOK | ECHONL | NOFLSH),
-              0U);
-    EXPECT_EQ(options.c_iflag & static_cast<tcflag_t>(IGNBRK | BRKINT | PARMRK | ISTRIP | INLCR | IGNCR |
-                                                      ICRNL | IXON | IXANY | IXOFF),
-              0U);
-    EXPECT_EQ(options.c_oflag & static_cast<tcflag_t>(OPOST | ONLCR), 0U);
+    EXPECT_EQ(options.c_lflag & kLocalFlags, 0U);
+    EXPECT_EQ(options.c_iflag & kInputFlags, 0U);
+    EXPECT_EQ(options.c_oflag & kOutputFlags, 0U);
     EXPECT_EQ(options.c_cc[VMIN], 1);
     EXPECT_EQ(options.c_cc[VTIME], 0);
     EXPECT_EQ(cfgetospeed(&options), static_cast<speed_t>(B9600));
@@ -117,6 +150,14 @@ TEST(LocationUart, OpensARawBlockingEightBitLine) {
     EXPECT_EQ(fcntl(handle.fd, F_GETFL) & O_NONBLOCK, 0);
     EXPECT_EQ(handle.flow_control, 0U);
     EXPECT_EQ(location_uart_deinit(&handle), 0);
+}
+
+TEST(LocationUart, LineOfSevenBitsThatDoesNotReceiveIsSetToEightAndReceives) {
+    const PseudoTerminal terminal;
+    hidden_control = CREAD | (CS8 & ~CS7);
+    EXPECT_EQ(location_uart_config(terminal.slave, 9600, 0), 0);
+    hidden_control = 0;
+    EXPECT_EQ(applied.c_cflag & static_cast<tcflag_t>(CSIZE | CREAD), static_cast<tcflag_t>(CS8 | CREAD));
 }
 
 TEST(LocationUart, EachKnownRateIsSetAndAnyOtherIs115200) {
@@ -139,8 +180,7 @@ TEST(LocationUart, EachKnownRateIsSetAndAnyOtherIs115200) {
 TEST(LocationUart, SoftwareFlowControlSetsXonAndXoff) {
     const Line line(UART_FLOW_SOFTWARE);
     const termios options = options_of(line.handle.fd);
-    EXPECT_EQ(options.c_iflag & static_cast<tcflag_t>(IXON | IXOFF | IXANY),
-              static_cast<tcflag_t>(IXON | IXOFF));
+    EXPECT_EQ(options.c_iflag & kInputFlags, static_cast<tcflag_t>(IXON | IXOFF));
     EXPECT_EQ(options.c_cc[VSTART], 0x11);
     EXPECT_EQ(options.c_cc[VSTOP], 0x13);
     EXPECT_EQ(options.c_cflag & CRTSCTS, 0U);
@@ -150,7 +190,7 @@ TEST(LocationUart, HardwareFlowControlSetsRtsCts) {
     const Line line(UART_FLOW_HARDWARE);
     const termios options = options_of(line.handle.fd);
     EXPECT_EQ(options.c_cflag & CRTSCTS, CRTSCTS);
-    EXPECT_EQ(options.c_iflag & static_cast<tcflag_t>(IXON | IXOFF), 0U);
+    EXPECT_EQ(options.c_iflag & kInputFlags, 0U);
 }
 
 TEST(LocationUart, UnknownFlowControlLeavesRtsCtsAsItWas) {
