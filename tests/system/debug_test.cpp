@@ -223,7 +223,7 @@ TEST(DebugTcp, AThousandModeSwitchesLeakNeitherDescriptorsNorThreads) {
             ASSERT_EQ(outlet.client.ask(mode, TAVOR_CODE_DEBUG), 0) << i << ", mode " << mode;
         }
     }
-    EXPECT_TRUE(wait_until([&] { return outlet.daemon.threads() == threads; })) // joined, but not yet gone
+    EXPECT_TRUE(wait_until([&] { return outlet.daemon.threads() <= threads; })) // joined, but not yet gone
         << outlet.daemon.threads();
     EXPECT_EQ(outlet.daemon.descriptors(), descriptors);
 }

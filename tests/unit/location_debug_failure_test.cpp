@@ -111,7 +111,7 @@ TEST_F(DebugFailureTest, NoQueueFailsTheStart) {
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), -1);
     EXPECT_EQ(log_lines(),
               std::vector<std::string>{"[LOCSERV] ERR: [debug]location_debug_start, msgid fail"});
-    EXPECT_EQ(running_threads(), threads_before);
+    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
     EXPECT_EQ(location_debug_start(), 0);
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(line.master, 6), "$GPGGA");

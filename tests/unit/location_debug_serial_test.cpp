@@ -106,7 +106,7 @@ TEST_F(DebugSerialTest, LineThatCantBeOpenedFailsWithoutThreads) {
     EXPECT_EQ(log_lines(),
               (std::vector<std::string>{"[LOCSERV] ERR: [UART]location_uart_init, open fail: ",
                                         "[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1"}));
-    EXPECT_EQ(running_threads(), threads_before);
+    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
 }
 
 TEST_F(DebugSerialTest, SecondStartLeavesTheRunningOutletAlone) {
