@@ -1,8 +1,8 @@
 // How fast the daemon's own work on a sentence is: framing, field splitting and the update of the position
 // record.
-#include "link/location_frame.h"
-#include "service/location_nmea_fields.h"
-#include "service/location_record.h"
+#include "nmea/location_frame.h"
+#include "nmea/location_nmea_fields.h"
+#include "nmea/location_record.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>

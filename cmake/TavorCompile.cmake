@@ -37,10 +37,13 @@ else()
     target_compile_options(tavor_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 endif()
 
-# tavor_library(NAME SOURCES file... [USES library...]): one static library of a room of src/. What it may
-# call is what it names in USES, and what that names; scripts/check_layers.sh checks the includes against that.
-function(tavor_library name)
-    cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
-    add_library(${name} STATIC ${ARG_SOURCES})
-    target_link_libraries(${name} PUBLIC tavor_options ${ARG_USES})
+# tavor_layer(NAME SOURCES file...): the layer src/NAME as the static library tavor_NAME. It uses every layer made before it.
+function(tavor_layer name)
+    cmake_parse_arguments(ARG "" "" "SOURCES" ${ARGN})
+    list(TRANSFORM ARG_SOURCES PREPEND "${name}/")
+    add_library(tavor_${name} STATIC ${ARG_SOURCES})
+    get_property(lower GLOBAL PROPERTY TAVOR_LAYERS)
+    target_link_libraries(tavor_${name} PUBLIC tavor_options ${lower})
+    target_include_directories(tavor_${name} PUBLIC "${PROJECT_SOURCE_DIR}/src")
+    set_property(GLOBAL PROPERTY TAVOR_LAYERS tavor_${name} ${lower})
 endfunction()

@@ -14,7 +14,20 @@ echo "check: format of ${#sources[@]} files"
 clang-format --dry-run --Werror "${sources[@]}"
 
 echo "check: layers"
-scripts/check_layers.sh
+# A source of src/ includes no layer that stands behind its own in src/CMakeLists.txt. The programs and the board share only the
+# protocol: src/ is no include folder of theirs.
+above=main
+for layer in $(sed -n 's/^tavor_layer(\([a-z]*\) .*/\1/p' src/CMakeLists.txt | tac); do
+    if grep -rnE "^#include \"($above)/" "src/$layer"; then
+        echo "check: src/$layer may not include what stands above it" >&2
+        exit 1
+    fi
+    above="$above|$layer"
+done
+if grep -rnE '^#include "(src|tests|bench)/' src client board || grep -rn '^#include "board/' client; then
+    echo "check: only include/ is shared between the programs" >&2
+    exit 1
+fi
 
 echo "check: lint"
 # One file a run: behind another file the analyzer takes every va_list for uninitialized.

@@ -4,8 +4,8 @@
 #include "assist/xod_http.h"
 #include "assist/xod_list.h"
 #include "assist/xod_schedule.h"
-#include "link/location_timer.h"
-#include "service/service_queue.h"
+#include "device/location_timer.h"
+#include "queue/service_queue.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #include "assist/xod_schedule.h"
 #include "base/byte_order.h"
 #include "config/location_config.h"
-#include "link/host_mux_lock.h"
+#include "mux/host_mux_lock.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -3,8 +3,8 @@
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
 #include "base/byte_order.h"
+#include "base/stop_request.h"
 #include "link/location_command.h"
-#include "link/stop_mark.h"
 
 #include <bit>
 #include <cstdio>

@@ -7,8 +7,8 @@
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"
 #include "debug/location_debug_tasks.h"
-#include "debug/location_epoll.h"
-#include "debug/location_socket_server.h"
+#include "device/location_epoll.h"
+#include "device/location_socket_server.h"
 
 #include <chrono>
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "debug/location_debug_clients.h"
 
 #include "base/cancel_hold.h"
-#include "debug/location_epoll.h"
+#include "device/location_epoll.h"
 
 #include <algorithm>
 #include <cstdio>

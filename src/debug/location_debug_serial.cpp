@@ -1,7 +1,7 @@
 #include "debug/location_debug_serial.h"
 
 #include "config/location_config.h"
-#include "debug/location_uart.h"
+#include "device/location_uart.h"
 
 #include <mutex>
 #include <sys/ioctl.h>

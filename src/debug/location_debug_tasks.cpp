@@ -5,8 +5,8 @@
 #include "debug/location_debug_clients.h"
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"
-#include "debug/location_socket_server.h"
-#include "link/location_serial_port.h"
+#include "device/location_socket_server.h"
+#include "mux/location_serial_port.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,15 +1,15 @@
 #include "download/hdl_brom.h"
 
 #include "base/byte_order.h"
+#include "base/stop_request.h"
+#include "device/location_gpio.h"
 #include "download/hdl_echo.h"
 #include "download/hdl_image.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
-#include "link/location_gpio.h"
-#include "link/stop_mark.h"
-#include "transport/tool_log.h"
-#include "transport/tool_time.h"
+#include "download/tool_log.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdio>

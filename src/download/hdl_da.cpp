@@ -6,8 +6,8 @@
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
-#include "transport/tool_log.h"
-#include "transport/tool_rx_buffer.h"
+#include "download/tool_log.h"
+#include "download/tool_rx_buffer.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -7,9 +7,9 @@
 #include "download/hdl_image.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
-#include "transport/tool_log.h"
-#include "transport/tool_text.h"
-#include "transport/tool_time.h"
+#include "download/tool_log.h"
+#include "download/tool_text.h"
+#include "download/tool_time.h"
 
 #include <cstdio>
 #include <cstdlib>

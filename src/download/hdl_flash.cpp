@@ -6,7 +6,7 @@
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_window.h"
-#include "transport/tool_log.h"
+#include "download/tool_log.h"
 
 #include <cstdlib>
 #include <memory>

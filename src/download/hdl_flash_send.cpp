@@ -2,7 +2,7 @@
 
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
-#include "transport/tool_log.h"
+#include "download/tool_log.h"
 
 #include <cstdio>
 #include <cstring>

@@ -3,8 +3,8 @@
 #include "base/free_block.h"
 #include "download/crc32_calc.h"
 #include "download/hdl_settings.h"
-#include "transport/tool_log.h"
-#include "transport/tool_text.h"
+#include "download/tool_log.h"
+#include "download/tool_text.h"
 
 #include <algorithm>
 #include <cstring>

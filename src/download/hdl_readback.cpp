@@ -5,7 +5,7 @@
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
-#include "transport/tool_log.h"
+#include "download/tool_log.h"
 
 #include <algorithm>
 #include <cstdio>

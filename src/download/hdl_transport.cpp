@@ -1,6 +1,6 @@
 #include "download/hdl_transport.h"
 
-#include "transport/spim.h"
+#include "download/spim.h"
 
 bool hdl_transport_open() {
     return hdl_transport_prepare() && spim_open() == 1;

@@ -2,7 +2,7 @@
 #ifndef TAVOR_HDL_WAIT_H
 #define TAVOR_HDL_WAIT_H
 
-#include "transport/tool_time.h"
+#include "download/tool_time.h"
 
 #include <cstdint>
 

@@ -4,7 +4,7 @@
 #include "download/hdl_flash_send.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_wait.h"
-#include "transport/tool_log.h"
+#include "download/tool_log.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 #include "link/location_command.h"
 
-#include "link/location_frame.h"
-#include "link/location_serial_port.h"
+#include "mux/location_serial_port.h"
+#include "nmea/location_frame.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,9 +1,9 @@
 #include "link/location_io.h"
 
 #include "debug/location_debug.h"
-#include "link/location_frame.h"
-#include "link/location_serial_port.h"
-#include "service/service_queue.h"
+#include "mux/location_serial_port.h"
+#include "nmea/location_frame.h"
+#include "queue/service_queue.h"
 
 #include <algorithm>
 #include <cstdio>

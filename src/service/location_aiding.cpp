@@ -2,8 +2,8 @@
 
 #include "assist/xod_host_aiding.h"
 #include "link/location_command.h"
+#include "queue/service_state.h"
 #include "service/location_file.h"
-#include "service/service_state.h"
 
 #include <cstdio>
 #include <ctime>

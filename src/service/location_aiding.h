@@ -2,7 +2,7 @@
 #ifndef TAVOR_LOCATION_AIDING_H
 #define TAVOR_LOCATION_AIDING_H
 
-#include "service/location_nmea_fields.h"
+#include "nmea/location_nmea_fields.h"
 
 #include <cstdint>
 

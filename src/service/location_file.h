@@ -3,7 +3,7 @@
 #ifndef TAVOR_LOCATION_FILE_H
 #define TAVOR_LOCATION_FILE_H
 
-#include "service/location_record.h"
+#include "nmea/location_record.h"
 
 #include <cstdint>
 

@@ -1,10 +1,10 @@
 #include "service/location_position.h"
 
+#include "nmea/location_nmea_fields.h"
+#include "nmea/location_record.h"
+#include "queue/service_queue.h"
+#include "queue/service_state.h"
 #include "service/location_aiding.h"
-#include "service/location_nmea_fields.h"
-#include "service/location_record.h"
-#include "service/service_queue.h"
-#include "service/service_state.h"
 
 #include <cstdio>
 #include <cstring>

@@ -2,8 +2,8 @@
 #ifndef TAVOR_LOCATION_SERVICE_H
 #define TAVOR_LOCATION_SERVICE_H
 
-#include "service/service_queue.h"
-#include "service/service_state.h"
+#include "queue/service_queue.h"
+#include "queue/service_state.h"
 
 #include <cstdint>
 

@@ -1,7 +1,7 @@
 #include "service/tavor.h"
 
+#include "queue/service_queue.h"
 #include "service/location_service.h"
-#include "service/service_queue.h"
 #include "service/tavor_reply.h"
 #include "tavor/protocol.h"
 

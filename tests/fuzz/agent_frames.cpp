@@ -5,9 +5,9 @@
 #include "download/hdl_da.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
-#include "transport/tool_log.h"
-#include "transport/tool_rx_buffer.h"
-#include "transport/tool_time.h"
+#include "download/tool_log.h"
+#include "download/tool_rx_buffer.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdarg>

@@ -1,6 +1,6 @@
 // The frame parser on hostile bytes: every result lies inside the data, the stream is consumed, and what is
 // taken as a frame is one by the rules written down here anew.
-#include "link/location_frame.h"
+#include "nmea/location_frame.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -2,8 +2,8 @@
 // outside the caller's buffer is touched, every operation ends within its attempts, and the mutex is given
 // back.
 #include "interpose/local.h"
-#include "link/host_mux.h"
-#include "link/host_mux_i2c.h"
+#include "mux/host_mux.h"
+#include "mux/host_mux_i2c.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,10 +1,10 @@
 // Receive and send against a slave whose answers come from the input. Whatever it says, no byte outside the
 // caller's buffer is touched, every operation ends, and neither the mutex nor a power request stays behind.
+#include "base/stop_request.h"
 #include "interpose/local.h"
-#include "link/host_mux.h"
-#include "link/host_mux_spi.h"
-#include "link/host_mux_spi_slave.h"
-#include "link/stop_mark.h"
+#include "mux/host_mux.h"
+#include "mux/host_mux_spi.h"
+#include "mux/host_mux_spi_slave.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,7 +1,7 @@
 // Field splitter and record update on a hostile sentence: nothing outside the 94-byte record changes, every
 // field of the splitter ends inside its room, and the texts that are cut end with a NUL.
-#include "service/location_nmea_fields.h"
-#include "service/location_record.h"
+#include "nmea/location_nmea_fields.h"
+#include "nmea/location_record.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // Unescape of the firmware download against a model that follows each byte on its own. The input's first byte
 // cuts the rest into calls of that many bytes, so that the escape flag is carried over at every place.
-#include "transport/tool_text.h"
+#include "download/tool_text.h"
 
 #include <algorithm>
 #include <cstddef>

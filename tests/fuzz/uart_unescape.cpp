@@ -1,6 +1,6 @@
 // UART unescape against a model that follows each byte on its own. The input's first byte cuts the rest into
 // reads of that many bytes, so that the escape state is carried over at every place.
-#include "debug/location_uart_escape.h"
+#include "device/location_uart_escape.h"
 
 #include <algorithm>
 #include <cstdint>

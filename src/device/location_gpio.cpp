@@ -1,0 +1,235 @@
+#include "device/location_gpio.h"
+
+#include "base/descriptor_guard.h"
+#include "config/location_config.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kPathSize = 64;
+constexpr size_t kNumberSize = 12;  // any int32 and its NUL
+constexpr size_t kWordReadSize = 9; // room for the longest word, its newline and one byte more
+constexpr useconds_t kResetPulseUs = 5000;
+constexpr int32_t kDirectionOut = 0;
+constexpr int32_t kLow = 0;
+constexpr int32_t kHigh = 1;
+
+// A file that makes or removes the node of the pin whose number is written to it.
+struct PinControl {
+    const char* path;
+    const char* no_pin;
+    const char* no_open;
+    const char* no_write;
+};
+
+constexpr PinControl kExport = {
+    "/sys/class/gpio/export",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export get pin fail",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export open fail: export",
+    "[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export",
+};
+
+constexpr PinControl kUnexport = {
+    "/sys/class/gpio/unexport",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport get pin fail",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport open fail: unexport",
+    "[LOCSERV] ERR: [GPIO]location_gpio_unexport write fail: unexport",
+};
+
+// A file of the pin's node that holds one word out of a few.
+struct PinAttribute {
+    const char* name;
+    const char* no_open;
+    const char* no_write;
+};
+
+constexpr PinAttribute kDirection = {
+    "direction",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config open fail: direction",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction",
+};
+
+constexpr PinAttribute kEdge = {
+    "edge",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config open fail: edge",
+    "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: edge",
+};
+
+const char* direction_word(int32_t direction) {
+    return direction == kDirectionOut ? "out" : "in";
+}
+
+const char* edge_word(int32_t edge) {
+    switch (edge) {
+    case 1:
+        return "rising";
+    case 2:
+        return "falling";
+    case 3:
+        return "both";
+    default:
+        return "none";
+    }
+}
+
+bool format_number(char (&text)[kNumberSize], int32_t number) {
+    // Volatile: the compiler takes for granted that a number can be formatted, and would drop the check.
+    const volatile int written = std::snprintf(text, sizeof text, "%d", number);
+    return written >= 0;
+}
+
+bool node_exists(int32_t pin) {
+    char path[kPathSize];
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%d", pin);
+    return access(path, F_OK) == 0;
+}
+
+bool write_text(int fd, const char* text) {
+    const size_t length = std::strlen(text);
+    return write(fd, text, length) == static_cast<ssize_t>(length);
+}
+
+int32_t write_pin(const PinControl& control, int32_t pin) {
+    char number[kNumberSize];
+    if (!format_number(number, pin)) {
+        std::puts(control.no_pin);
+        return -1;
+    }
+    const DescriptorGuard file(open(control.path, O_WRONLY));
+    if (file.fd < 0) {
+        std::puts(control.no_open);
+        return -1;
+    }
+    if (!write_text(file.fd, number)) {
+        std::puts(control.no_write);
+        return -1;
+    }
+    return 0;
+}
+
+// Whether the attribute holds the word, behind which stands one character (the newline).
+bool holds_word(int fd, std::string_view word) {
+    char text[kWordReadSize];
+    const ssize_t count = read(fd, text, sizeof text);
+    return count > 0 && std::string_view(text, static_cast<size_t>(count) - 1) == word;
+}
+
+int32_t set_word(const PinAttribute& attribute, const char* number, const char* word) {
+    char path[kPathSize];
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/%s", number, attribute.name);
+    const DescriptorGuard file(open(path, O_RDWR));
+    if (file.fd < 0) {
+        std::puts(attribute.no_open);
+        return -1;
+    }
+    if (holds_word(file.fd, word)) {
+        return 0;
+    }
+    // kept: an error line for a normal change.
+    std::printf("[LOCSERV] ERR: [GPIO]%s\n", word);
+    if (!write_text(file.fd, word)) {
+        std::puts(attribute.no_write);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t set_value(const char* number, int32_t value) {
+    char level[kNumberSize];
+    if (!format_number(level, value)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
+        return -1;
+    }
+    char path[kPathSize];
+    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/value", number);
+    const DescriptorGuard file(open(path, O_WRONLY));
+    if (file.fd < 0) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
+        return -1;
+    }
+    if (!write_text(file.fd, level)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
+        return -1;
+    }
+    return 0;
+}
+
+int32_t export_and_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
+    if (location_gpio_export(pin) != 0) {
+        return -1;
+    }
+    return location_gpio_config(pin, direction, value, edge);
+}
+
+int32_t set_power(int32_t level) {
+    int32_t pin = 0;
+    location_config_get_power_gpio(&pin);
+    return location_gpio_set_output(pin, level);
+}
+
+} // namespace
+
+int32_t location_gpio_export(int32_t pin) {
+    return node_exists(pin) ? 0 : write_pin(kExport, pin);
+}
+
+int32_t location_gpio_unexport(int32_t pin) {
+    if (!node_exists(pin)) {
+        std::puts("[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist");
+        return 0;
+    }
+    return write_pin(kUnexport, pin);
+}
+
+int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
+    char number[kNumberSize];
+    if (!format_number(number, pin)) {
+        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
+        return -1;
+    }
+    if (direction != kGpioUnchanged && set_word(kDirection, number, direction_word(direction)) != 0) {
+        return -1;
+    }
+    if (value != kGpioUnchanged && set_value(number, value) != 0) {
+        return -1;
+    }
+    if (edge != kGpioUnchanged && set_word(kEdge, number, edge_word(edge)) != 0) {
+        return -1;
+    }
+    return 0;
+}
+
+int32_t location_gpio_set_output(int32_t pin, int32_t value) {
+    return export_and_config(pin, kDirectionOut, value, kGpioUnchanged);
+}
+
+int32_t location_gpio_set_direction(int32_t pin, int32_t direction) {
+    return export_and_config(pin, direction, kGpioUnchanged, kGpioUnchanged);
+}
+
+int32_t location_gpio_set_edge(int32_t pin, int32_t edge) {
+    return export_and_config(pin, kGpioUnchanged, kGpioUnchanged, edge);
+}
+
+int32_t location_gpio_power_on() {
+    return set_power(kHigh);
+}
+
+int32_t location_gpio_power_off() {
+    return set_power(kLow);
+}
+
+int32_t location_gpio_reset_chip() {
+    int32_t pin = 0;
+    location_config_get_reset_gpio(&pin);
+    if (location_gpio_set_output(pin, kLow) != 0) {
+        return -1;
+    }
+    usleep(kResetPulseUs);
+    return location_gpio_set_output(pin, kHigh);
+}

@@ -1,0 +1,126 @@
+#include "download/tool_text.h"
+
+#include "download/tool_log.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr uint8_t kEscape = 0x77;
+constexpr uint8_t kXon = 0x11;
+constexpr uint8_t kXoff = 0x13;
+
+struct Pair {
+    uint8_t plain;
+    uint8_t partner; // what follows the escape byte
+};
+
+constexpr Pair kPairs[] = {{kEscape, 0x88}, {kXon, 0xEE}, {kXoff, 0xEC}};
+
+struct State {
+    bool escaped = false; // the last byte seen was an escape byte
+} state;
+
+const Pair* pair_of_plain(uint8_t byte) {
+    for (const Pair& pair : kPairs) {
+        if (pair.plain == byte) {
+            return &pair;
+        }
+    }
+    return nullptr;
+}
+
+const Pair* pair_of_partner(uint8_t byte) {
+    for (const Pair& pair : kPairs) {
+        if (pair.partner == byte) {
+            return &pair;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+void tool_reverse_bytes(uint8_t* buffer, uint32_t n) {
+    if (buffer != nullptr) {
+        std::reverse(buffer, buffer + n);
+    }
+}
+
+uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* output) {
+    if (input == nullptr || output == nullptr || n == 0) {
+        return 0;
+    }
+    uint32_t pairs = 0;
+    uint32_t written = 0;
+    for (uint32_t i = 0; i < n; ++i) {
+        const Pair* pair = pair_of_plain(input[i]);
+        if (written + (pair == nullptr ? 1 : 2) > kToolEscapeSize) {
+            break;
+        }
+        if (pair == nullptr) {
+            output[written++] = input[i];
+            continue;
+        }
+        output[written++] = kEscape;
+        output[written++] = pair->partner;
+        ++pairs;
+    }
+    const uint32_t result = n + pairs;
+    // Kept: where not all fitted, the place in which no pair could begin stays as it is.
+    std::fill(output + std::min(result, kToolEscapeSize), output + kToolEscapeSize, uint8_t{0});
+    return result;
+}
+
+uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
+    if (buffer == nullptr || n == 0) {
+        return 0;
+    }
+    uint32_t length = n;
+    uint32_t written = 0;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint8_t byte = buffer[i];
+        if (byte == kEscape) {
+            state.escaped = true;
+            continue;
+        }
+        if (!state.escaped) {
+            buffer[written++] = byte;
+            continue;
+        }
+        state.escaped = false;
+        if (const Pair* pair = pair_of_partner(byte)) {
+            buffer[written] = pair->plain;
+            --length;
+        } else {
+            tool_log_error("unrecognized char 0x%X\n", byte);
+        }
+        ++written; // kept: behind an unknown pair this position keeps its earlier content
+    }
+    std::fill(buffer + length, buffer + n, uint8_t{0});
+    return length;
+}
+
+char* tool_concat(const char* a, const char* b) {
+    const size_t a_length = std::strlen(a);
+    const size_t b_size = std::strlen(b) + 1;
+    auto* text = static_cast<char*>(std::malloc(a_length + b_size));
+    if (text == nullptr) {
+        tool_log_error("concat malloc fail\n");
+        return nullptr;
+    }
+    std::copy_n(a, a_length, text);
+    std::copy_n(b, b_size, text + a_length);
+    return text;
+}
+
+void tool_hex_dump(const uint8_t* bytes, const char* label, uint32_t n) {
+    std::printf("[I]%s:", label);
+    for (uint32_t i = 0; i < n; ++i) {
+        std::printf(i == 0 ? "%02X" : ":%02X", bytes[i]);
+    }
+    std::putchar('\n');
+}

@@ -1,0 +1,649 @@
+#include "assist/xod_http.h"
+
+#include "assist/xod_curl.h"
+#include "assist/xod_file.h"
+#include "assist/xod_schedule.h"
+#include "base/stop_request.h"
+#include "interpose/fail.h"
+#include "interpose/paths.h"
+#include "support/capture.h"
+#include "support/format_fault.h"
+#include "support/http_server.h"
+#include "support/private_dir.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <map>
+#include <mbedtls/md5.h>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+#include <zlib.h>
+
+extern "C" const XodCurl* __real__Z8xod_curlv();
+
+namespace {
+
+using std::string;
+namespace fs = std::filesystem;
+
+// Loaded later it would read files of its own, which the tests that count openings see.
+[[maybe_unused]] const XodCurl* const ready = xod_curl();
+
+struct CurlFaults {
+    bool missing = false; // the whole library
+    bool init_fails = false;
+    CURLoption failing = CURLOPT_LASTENTRY;
+    std::map<CURLoption, long> replaced;
+    std::map<CURLoption, long> numbers; // as they were set
+    int alive = 0;                      // handles
+    bool md5_start_fails = false;
+    bool md5_update_fails = false;
+    bool md5_finish_fails = false;
+    bool locked_at_md5 = false;
+} curl_faults;
+
+// A pending stop makes the lock give way at once.
+bool is_locked() {
+    stop_mark_raise();
+    const bool taken = xod_download_lock_unless_stopped();
+    stop_mark_lower();
+    if (taken) {
+        xod_download_unlock();
+    }
+    return !taken;
+}
+
+const string kBody = "abc";
+const string kSum = "900150983cd24fb0d6963f7d28e17f72"; // of the body
+const string kHead = "/tmp/head.out";
+const string kEtagLine = "[LOCSERV] INF: [XOD]ETag:/tmp/head.out," + kSum + "\n";
+
+string answer_with(const string& etag_line, const string& body, const string& status = "200 OK") {
+    return "HTTP/1.1 " + status + "\r\n" + etag_line + "Content-Length: " + std::to_string(body.size()) +
+           "\r\nConnection: close\r\n\r\n" + body;
+}
+
+struct XodHttp : testing::Test {
+    XodHttp() {
+        curl_faults = {};
+        interpose_set_root(dir.path);
+        fs::create_directories(dir.path / "tmp");
+        fs::create_directories(dir.path / "xod");
+    }
+    ~XodHttp() override {
+        interpose_fail_reset();
+        format_fault_disarm();
+        interpose_set_root("");
+        EXPECT_EQ(curl_faults.alive, 0) << "a handle was not cleaned up";
+    }
+
+    void serve(const HttpServer::Answer& answer) {
+        server = std::make_unique<HttpServer>([this, answer](int connection, const string& request) {
+            {
+                const std::lock_guard<std::mutex> guard(lock);
+                seen.push_back(request);
+            }
+            answer(connection, request);
+        });
+        config(server->address());
+    }
+    void serve_text(const string& text) {
+        serve([text](int connection, const string&) { http_send(connection, text); });
+    }
+    void serve_good() {
+        serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
+    }
+    void config(const string& host, const string& vendor = "tavor", const string& path = "") const {
+        dir.write("/etc/default/tavor/tavor.conf",
+                  "XOD host=" + host + "\nXOD vendor=" + vendor +
+                      "\nXOD project=demo\nXOD device id=42\nXOD file path=" +
+                      (path.empty() ? files() : path) + "\n");
+    }
+    string files() const {
+        return (dir.path / "xod").string();
+    }
+    string path(const string& name = "XOD_GR_3_1.DAT") const {
+        return files() + "/" + name;
+    }
+    std::vector<string> requests() {
+        const std::lock_guard<std::mutex> guard(lock);
+        return seen;
+    }
+    // Downloads; the log then holds the lines of the assistance alone.
+    int32_t download(uint32_t type = XOD_GPS_GLONASS, uint32_t index = 1) {
+        const DownloadItem item = {nullptr, type, index};
+        int32_t result = 99;
+        const string all = capture_stdout([&] { result = xod_download_http(&item); });
+        log.clear();
+        for (const string& line : lines_of(all)) {
+            log += line.find("[CFG]") == string::npos ? line + "\n" : "";
+        }
+        EXPECT_FALSE(is_locked());
+        return result;
+    }
+    string md5_lines(const string& sum) const {
+        return "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] INF: [XOD]MD5:" + path() + "," + sum + "\n";
+    }
+    static string failed(int status) {
+        return "[LOCSERV] ERR: [XOD]xod_download_http download fail, XOD_GR_3_1.DAT, status: " +
+               std::to_string(status) + "\n";
+    }
+    string good_log() const {
+        return kEtagLine + md5_lines(kSum) +
+               "[LOCSERV] INF: [XOD]xod_download_http MD5 check success, XOD_GR_3_1.DAT\n";
+    }
+    string content(const string& name = "XOD_GR_3_1.DAT") const {
+        return dir.read("xod/" + name);
+    }
+    bool exists(const string& name = "XOD_GR_3_1.DAT") const {
+        return fs::exists(dir.path / "xod" / name);
+    }
+
+    PrivateDir dir;
+    std::mutex lock;
+    std::vector<string> seen; // requests
+    string log;
+    std::unique_ptr<HttpServer> server; // the last: its thread uses the others
+};
+
+constexpr size_t kLimit = 4194304; // bytes of a file
+
+string gzip_of(const string& text) {
+    string packed(compressBound(text.size()) + 64, '\0');
+    z_stream stream = {};
+    constexpr int kGzip = 16 + MAX_WBITS;
+    EXPECT_EQ(deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, kGzip, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    stream.avail_in = static_cast<uInt>(text.size());
+    stream.next_out = reinterpret_cast<Bytef*>(packed.data());
+    stream.avail_out = static_cast<uInt>(packed.size());
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    packed.resize(stream.total_out);
+    deflateEnd(&stream);
+    return packed;
+}
+
+const string kNoEtag =
+    "[LOCSERV] ERR: [XOD]xod_download_http get etag fail, please check the http status code: "
+    "/tmp/head.out\n";
+
+CURL* init_handle() {
+    CURL* handle = curl_faults.init_fails ? nullptr : __real__Z8xod_curlv()->easy_init();
+    curl_faults.alive += handle == nullptr ? 0 : 1;
+    return handle;
+}
+
+void clean_up(CURL* handle) {
+    --curl_faults.alive;
+    __real__Z8xod_curlv()->easy_cleanup(handle);
+}
+
+CURLcode set_option(CURL* handle, CURLoption option, ...) {
+    va_list arguments;
+    va_start(arguments, option);
+    void* value = va_arg(arguments, void*); // a long has the same size and place here
+    va_end(arguments);
+    if (option == curl_faults.failing) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    curl_faults.numbers[option] = reinterpret_cast<long>(value);
+    const auto replaced = curl_faults.replaced.find(option);
+    if (replaced != curl_faults.replaced.end()) {
+        return __real__Z8xod_curlv()->easy_setopt(handle, option, replaced->second);
+    }
+    return __real__Z8xod_curlv()->easy_setopt(handle, option, value);
+}
+
+} // namespace
+
+extern "C" {
+
+const XodCurl* __wrap__Z8xod_curlv() {
+    static const XodCurl functions = {init_handle, set_option, __real__Z8xod_curlv()->easy_perform, clean_up};
+    return curl_faults.missing ? nullptr : &functions;
+}
+
+int __real_mbedtls_md5_starts_ret(mbedtls_md5_context* context);
+int __wrap_mbedtls_md5_starts_ret(mbedtls_md5_context* context) {
+    curl_faults.locked_at_md5 = is_locked();
+    return curl_faults.md5_start_fails ? -1 : __real_mbedtls_md5_starts_ret(context);
+}
+
+int __real_mbedtls_md5_update_ret(mbedtls_md5_context* context, const unsigned char* data, size_t size);
+int __wrap_mbedtls_md5_update_ret(mbedtls_md5_context* context, const unsigned char* data, size_t size) {
+    return curl_faults.md5_update_fails ? -1 : __real_mbedtls_md5_update_ret(context, data, size);
+}
+
+int __real_mbedtls_md5_finish_ret(mbedtls_md5_context* context, unsigned char* digest);
+int __wrap_mbedtls_md5_finish_ret(mbedtls_md5_context* context, unsigned char* digest) {
+    return curl_faults.md5_finish_fails ? -1 : __real_mbedtls_md5_finish_ret(context, digest);
+}
+}
+
+TEST_F(XodHttp, GoodFileIsFetchedAndChecked) {
+    serve_good();
+    EXPECT_EQ(download(), 0);
+    EXPECT_EQ(log, good_log());
+    EXPECT_EQ(content(), kBody);
+    EXPECT_EQ(dir.read("tmp/head.out"),
+              "HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nContent-Length: 3\r\nConnection: close\r\n\r\n");
+    ASSERT_EQ(requests().size(), 1U);
+    const string request = requests()[0];
+    EXPECT_EQ(request.substr(0, request.find("\r\n")),
+              "GET /XOD_GR_3_1.DAT?vendor=tavor&project=demo&device_id=42 HTTP/1.1");
+}
+
+TEST_F(XodHttp, EachTypeHasItsOwnFile) {
+    serve_good();
+    EXPECT_EQ(download(XOD_GPS, 2), 0);
+    EXPECT_EQ(download(XOD_BEIDOU), 0);
+    EXPECT_EQ(download(XOD_GALILEO), 0);
+    for (const char* name : {"XOD_GPS_3_2.DAT", "XOD_BDS_3.DAT", "XOD_GAL_3.DAT"}) {
+        EXPECT_EQ(content(name), kBody) << name;
+    }
+}
+
+TEST_F(XodHttp, LongFileReplacesAnOldOne) {
+    dir.write("xod/XOD_GR_3_1.DAT", string(100000, 'o'));
+    const string body(50000, 'a');
+    serve_text(answer_with("ETag: \"dfef5c87b7e8a8cfde5f3d8f6f9ba2ac\"\r\n", body)); // not its sum
+    EXPECT_EQ(download(), -1);
+    EXPECT_NE(log.find("MD5 check fail, ETag:dfef5c87b7e8a8cfde5f3d8f6f9ba2ac,MD5:"), string::npos) << log;
+    const string sum = log.substr(log.find(",MD5:") + 5, 32);
+    server.reset();
+    serve_text(answer_with("ETag: \"" + sum + "\"\r\n", body));
+    EXPECT_EQ(download(), 0);
+    EXPECT_EQ(content(), body);
+}
+
+TEST_F(XodHttp, SumsAreThoseOfTheKnownTexts) {
+    const std::vector<std::pair<string, string>> known = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+        {string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"}};
+    for (const auto& [text, sum] : known) {
+        const string file = dir.write("text", text);
+        char out[kXodDigestSize] = {};
+        EXPECT_EQ(capture_stdout([&] { xod_download_md5_check(file.c_str(), out); }),
+                  "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] INF: [XOD]MD5:" + file + "," + sum + "\n");
+        EXPECT_EQ(out, sum);
+    }
+}
+
+TEST_F(XodHttp, AnswerWithoutAnEtagFails) {
+    serve_text(answer_with("", kBody));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kNoEtag);
+    EXPECT_EQ(content(), kBody); // stays, as nothing says that it is wrong
+}
+
+TEST_F(XodHttp, ErrorPageFailsForWantOfAnEtag) {
+    serve_text(answer_with("", "<html>not found</html>", "404 Not Found"));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kNoEtag);
+}
+
+TEST_F(XodHttp, StatusIsNotLookedAt) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", kBody, "500 Internal Server Error"));
+    EXPECT_EQ(download(), 0);
+}
+
+TEST_F(XodHttp, UpperCaseEtagDeletesTheFile) {
+    serve_text(answer_with("ETag: \"900150983CD24FB0D6963F7D28E17F72\"\r\n", kBody));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] INF: [XOD]ETag:/tmp/head.out,900150983CD24FB0D6963F7D28E17F72\n" +
+                       md5_lines(kSum) +
+                       "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, "
+                       "ETag:900150983CD24FB0D6963F7D28E17F72,MD5:" +
+                       kSum + "\n");
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, WrongContentDeletesTheFile) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", "abd"));
+    EXPECT_EQ(download(), -1);
+    EXPECT_NE(log.find("MD5 check fail, ETag:" + kSum + ",MD5:"), string::npos) << log;
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, ShortEtagFailsTheComparison) {
+    serve_text(answer_with("ETag: \"9001\"\r\n", kBody));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] INF: [XOD]ETag:/tmp/head.out,9001\"\n" + md5_lines(kSum) +
+                       "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:9001\",MD5:" + kSum +
+                       "\n");
+}
+
+TEST_F(XodHttp, EmptyEtagDoesNotMatchASumThatCouldNotBeMade) {
+    serve_text(answer_with("ETag: \r\nETag: \"\r\n", kBody));
+    curl_faults.md5_finish_fails = true;
+    EXPECT_EQ(download(), -1);
+}
+
+TEST_F(XodHttp, RedirectIsNotFollowed) {
+    serve_text(
+        "HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kNoEtag);
+    EXPECT_EQ(requests().size(), 1U);
+}
+
+TEST_F(XodHttp, ConnectionThatEndsEarlyLeavesThePart) {
+    serve([](int connection, const string&) {
+        http_send(connection, "HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nContent-Length: 100\r\n\r\nhalf");
+    });
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_PARTIAL_FILE));
+    EXPECT_EQ(content(), "half");
+}
+
+TEST_F(XodHttp, ResetInTheMiddleOfTheBodyFails) {
+    serve([](int connection, const string&) {
+        http_send(connection, "HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nContent-Length: 100\r\n\r\nhalf");
+        http_reset_at_close(connection);
+    });
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_RECV_ERROR));
+}
+
+TEST_F(XodHttp, ServerThatSaysNothingFails) {
+    serve([](int, const string&) {});
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_GOT_NOTHING));
+}
+
+TEST_F(XodHttp, NoServerFailsAndHasEmptiedTheOldFile) {
+    dir.write("xod/XOD_GR_3_1.DAT", "old");
+    serve_good();
+    server.reset(); // the port is free now
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_COULDNT_CONNECT));
+    EXPECT_TRUE(exists());
+    EXPECT_EQ(content(), "");
+}
+
+TEST_F(XodHttp, StalledTransferIsGivenUp) {
+    curl_faults.replaced[CURLOPT_LOW_SPEED_TIME] = 1;
+    serve([](int connection, const string&) {
+        http_send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf");
+        http_wait_for_end(connection);
+    });
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_OPERATION_TIMEDOUT));
+}
+
+TEST_F(XodHttp, PackedBodyThatUnpacksToTooMuchIsCut) {
+    const string packed = gzip_of(string(8 * kLimit, 'x'));
+    ASSERT_LT(packed.size(), kLimit / 10);
+    char size[32];
+    std::snprintf(size, sizeof size, "%zx\r\n", packed.size());
+    serve_text("HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\n\r\n" + (size + packed) +
+               "\r\n0\r\n\r\n");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(fs::file_size(path()), kLimit);
+}
+
+TEST_F(XodHttp, EndlessTrailerIsCut) {
+    string trailer;
+    while (trailer.size() < 2 * kLimit) {
+        trailer += "X-More: " + string(1000, 'x') + "\r\n";
+    }
+    serve_text("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n" + trailer + "\r\n");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(dir.read("tmp/head.out").size(), kLimit);
+}
+
+TEST_F(XodHttp, LimitsAreSet) {
+    serve_good();
+    download();
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_CONNECTTIMEOUT), 30);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_LOW_SPEED_LIMIT), 1);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_LOW_SPEED_TIME), 60);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_TIMEOUT), 300);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_NOSIGNAL), 1);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_QUICK_EXIT), 1);
+    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_MAXFILESIZE_LARGE), 4194304);
+    EXPECT_STREQ(reinterpret_cast<const char*>(curl_faults.numbers.at(CURLOPT_PROTOCOLS_STR)), "http");
+    for (const CURLoption never : {CURLOPT_WRITEFUNCTION, CURLOPT_FOLLOWLOCATION, CURLOPT_USERAGENT}) {
+        EXPECT_EQ(curl_faults.numbers.count(never), 0U);
+    }
+}
+
+TEST_F(XodHttp, LargeBodyIsRefused) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", string(4194305, 'a')));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_FILESIZE_EXCEEDED));
+    EXPECT_EQ(content(), "");
+}
+
+TEST_F(XodHttp, LargeBodyOfUnknownSizeIsCutOff) {
+    serve_text("HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nConnection: close\r\n\r\n" +
+               string(20000000, 'a'));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+    EXPECT_LE(content().size(), kLimit);
+}
+
+TEST_F(XodHttp, LargestBodyIsTaken) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", string(4194304, 'a')));
+    EXPECT_EQ(download(), -1);
+    EXPECT_NE(log.find("MD5 check fail"), string::npos) << log;
+}
+
+TEST_F(XodHttp, ProxyOfTheEnvironmentIsNotUsed) {
+    serve_good();
+    ASSERT_EQ(setenv("http_proxy", "http://127.0.0.1:1", 1), 0);
+    ASSERT_EQ(setenv("all_proxy", "http://127.0.0.1:1", 1), 0);
+    EXPECT_EQ(download(), 0);
+    unsetenv("http_proxy");
+    unsetenv("all_proxy");
+}
+
+TEST_F(XodHttp, AddressWithABlankIsRefused) {
+    serve_good();
+    config(server->address(), " ");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_URL_MALFORMAT));
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(XodHttp, LongestSettingsMakeOneAddress) {
+    serve_good();
+    config(server->address(), string(127, 'v'));
+    EXPECT_EQ(download(), 0);
+    EXPECT_NE(requests().at(0).find("?vendor=" + string(127, 'v') + "&project=demo"), string::npos);
+}
+
+TEST_F(XodHttp, LockIsHeldOverTheTransferAndGivenBackForTheCheck) {
+    std::atomic<bool> locked = false;
+    serve([&](int connection, const string&) {
+        locked = is_locked();
+        http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
+    });
+    curl_faults.locked_at_md5 = true;
+    EXPECT_EQ(download(), 0);
+    EXPECT_TRUE(locked);
+    EXPECT_FALSE(curl_faults.locked_at_md5);
+}
+
+TEST_F(XodHttp, AddressThatCanNotBeFormattedFails) {
+    serve_good();
+    int failures = 0;
+    for (int n = 0; n < 12; ++n) {
+        format_fault_arm(n);
+        download();
+        format_fault_disarm();
+        failures += log == "[LOCSERV] ERR: [XOD]xod_download_http get url fail\n" ? 1 : 0;
+    }
+    EXPECT_EQ(failures, 1);
+}
+
+TEST_F(XodHttp, MissingHandleFails) {
+    serve_good();
+    curl_faults.init_fails = true;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, MissingLibraryFailsLikeAMissingHandle) {
+    serve_good();
+    curl_faults.missing = true;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, AddressThatIsNotTakenIsTriedAllTheSame) {
+    serve_good();
+    curl_faults.failing = CURLOPT_URL;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt url fail\n" +
+                       failed(CURLE_URL_MALFORMAT));
+}
+
+TEST_F(XodHttp, HeaderFileThatIsNotTakenLeavesNoEtag) {
+    serve_good();
+    curl_faults.failing = CURLOPT_HEADERDATA;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt headerfile fail\n" + kNoEtag);
+}
+
+TEST_F(XodHttp, BodyFileThatIsNotTakenFailsTheCheck) {
+    serve_good();
+    curl_faults.failing = CURLOPT_WRITEDATA;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log.find("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt bodyfile fail\n"), 0U) << log;
+    EXPECT_NE(log.find("MD5 check fail, ETag:" + kSum + ",MD5:d41d8cd98f00b204e9800998ecf8427e\n"),
+              string::npos)
+        << log;
+}
+
+TEST_F(XodHttp, WithoutItsLimitsNothingIsTransferred) {
+    serve_good();
+    for (const CURLoption option : {CURLOPT_NOSIGNAL, CURLOPT_PROTOCOLS_STR, CURLOPT_PROXY,
+                                    CURLOPT_CONNECTTIMEOUT, CURLOPT_LOW_SPEED_LIMIT, CURLOPT_LOW_SPEED_TIME,
+                                    CURLOPT_TIMEOUT, CURLOPT_MAXFILESIZE_LARGE, CURLOPT_QUICK_EXIT}) {
+        curl_faults.failing = option;
+        EXPECT_EQ(download(), -1);
+        EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail\n");
+    }
+    EXPECT_TRUE(requests().empty());
+    EXPECT_FALSE(exists());
+}
+
+// One opening for the directory's setting, four for the server's, then the header and the file.
+TEST_F(XodHttp, HeaderThatCanNotBeOpenedFails) {
+    serve_good();
+    interpose_fail("fopen", 6, EACCES);
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fail, /tmp/head.out\n");
+    EXPECT_FALSE(exists());
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(XodHttp, FileThatCanNotBeOpenedFails) {
+    serve_good();
+    interpose_fail("fopen", 7, ENOSPC);
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http open fail, " + path() + "\n");
+    EXPECT_TRUE(requests().empty());
+}
+
+TEST_F(XodHttp, FileAndHeaderThatFailTogetherAreBothLogged) {
+    serve_good();
+    interpose_fail("fopen", 7, ENOSPC);
+    interpose_fail("fclose", 6, EIO);
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fclose fail\n"
+                   "[LOCSERV] ERR: [XOD]xod_download_http open fail, " +
+                       path() + "\n");
+}
+
+TEST_F(XodHttp, MissingDirectoryFails) {
+    serve_good();
+    config(server->address(), "tavor", files() + "/none");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http open fail, " + files() + "/none/XOD_GR_3_1.DAT\n");
+}
+
+TEST_F(XodHttp, FullDiskFailsTheTransfer) {
+    if (!fs::exists("/dev/full")) {
+        GTEST_SKIP() << "no /dev/full here";
+    }
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", string(100000, 'a')));
+    fs::create_symlink("/dev/full", path());
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
+}
+
+TEST_F(XodHttp, FilesThatFailToCloseAreLoggedAndChecked) {
+    serve_good();
+    for (const int nth : {6, 7, 8, 9}) { // the streams and the files behind them
+        interpose_fail("fclose", nth, EIO);
+        EXPECT_EQ(download(), 0);
+        EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fclose fail\n" + good_log());
+    }
+}
+
+TEST_F(XodHttp, EtagThatFailsToCloseCounts) {
+    serve_good();
+    interpose_fail("fclose", 10, EIO);
+    EXPECT_EQ(download(), 0);
+    EXPECT_EQ(log, kEtagLine + "[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail\n" +
+                       good_log().substr(kEtagLine.size()));
+}
+
+TEST_F(XodHttp, HeaderThatCanNotBeReadHasNoEtag) {
+    serve_good();
+    interpose_fail("fopen", 8, EACCES);
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]Open file fail, /tmp/head.out\n" + kNoEtag);
+}
+
+TEST_F(XodHttp, FileThatCanNotBeReadFailsTheCheck) {
+    serve_good();
+    interpose_fail("fopen", 9, EACCES);
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kEtagLine + "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] ERR: [XOD]Open file fail, " +
+                       path() + "\n[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum +
+                       ",MD5:\n");
+    EXPECT_FALSE(exists());
+}
+
+TEST_F(XodHttp, FileThatFailsToCloseBehindItsSumCounts) {
+    serve_good();
+    interpose_fail("fclose", 11, EIO);
+    EXPECT_EQ(download(), 0);
+    EXPECT_NE(log.find("MD5 check\n[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail\n"), string::npos)
+        << log;
+}
+
+TEST_F(XodHttp, SumThatCanNotBeMadeFailsTheCheck) {
+    serve_good();
+    for (bool CurlFaults::*fault :
+         {&CurlFaults::md5_start_fails, &CurlFaults::md5_update_fails, &CurlFaults::md5_finish_fails}) {
+        curl_faults.*fault = true;
+        EXPECT_EQ(download(), -1);
+        EXPECT_EQ(log, kEtagLine + md5_lines("") +
+                           "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum + ",MD5:\n");
+        curl_faults.*fault = false;
+    }
+}
+
+TEST_F(XodHttp, DirectoryInPlaceOfAFileHasNoSum) {
+    char out[kXodDigestSize] = {};
+    capture_stdout([&] { xod_download_md5_check(files().c_str(), out); });
+    EXPECT_STREQ(out, "");
+}

@@ -1,0 +1,423 @@
+// The device nodes as a program sees them: sysfs lines, spidev settings and messages, and the daemon's own
+// modules on them.
+#include "devices/board_devices.h"
+
+#include "device/location_gpio.h"
+#include "devices/board_local.h"
+#include "interpose/paths.h"
+#include "mux/location_serial_port.h"
+#include "support/capture.h"
+#include "support/private_dir.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/spi/spidev.h>
+#include <sys/ioctl.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr char kSpi[] = "/dev/spidev1.0";
+const std::string kGpio = "/sys/class/gpio/";
+
+struct TestBoard {
+    explicit TestBoard(BoardOptions options = {}) {
+        options.clock_us = [this] { return now_us; };
+        board_init(board, std::move(options));
+    }
+    // The errno of an open, 0 when it succeeds.
+    int open_error(const std::string& path, int flags = O_RDWR) {
+        BoardFile file;
+        return board_open(board, file, path, flags) == 0 ? 0 : errno;
+    }
+    // The errno of writing a text to a node, 0 when all of it was taken.
+    int write(const std::string& path, const std::string& text) {
+        BoardFile file;
+        if (board_open(board, file, path, O_WRONLY) != 0) {
+            return errno;
+        }
+        const ssize_t count = board_node_write(board, file, text.data(), text.size());
+        return count == static_cast<ssize_t>(text.size()) ? 0 : errno;
+    }
+    std::string read(const std::string& path) {
+        BoardFile file;
+        char text[64];
+        EXPECT_EQ(board_open(board, file, path, O_RDONLY), 0);
+        const ssize_t count = board_node_read(board, file, text, sizeof text);
+        EXPECT_GE(count, 0);
+        return std::string(text, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    }
+    void export_as_output(int pin) {
+        EXPECT_EQ(write(kGpio + "export", std::to_string(pin)), 0);
+        EXPECT_EQ(write(kGpio + "gpio" + std::to_string(pin) + "/direction", "out"), 0);
+    }
+    BoardFile open_spi(bool lsb_first = true) {
+        BoardFile file;
+        EXPECT_EQ(board_open(board, file, kSpi, O_RDWR), 0);
+        EXPECT_EQ(board_spi_set(board, file, BoardSpiSetting::lsb_first, lsb_first ? 1 : 0), 0);
+        return file;
+    }
+    std::vector<uint8_t> message(const BoardFile& file, const std::vector<uint8_t>& tx) {
+        std::vector<uint8_t> rx(tx.size());
+        const BoardTransfer transfer = {tx.data(), rx.data(), static_cast<uint32_t>(tx.size())};
+        EXPECT_EQ(board_spi_message(board, file, &transfer, 1), static_cast<ssize_t>(tx.size()));
+        return rx;
+    }
+
+    uint64_t now_us = 0;
+    Board board;
+};
+
+} // namespace
+
+TEST(BoardGpio, PinAppearsWithItsExport) {
+    TestBoard board;
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio17"), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(board.open_error(kGpio + "gpio17/value"), ENOENT);
+    EXPECT_EQ(board.write(kGpio + "export", "17"), 0);
+    for (const char* node : {"gpio17", "gpio17/value", "gpio17/direction", "gpio17/edge"}) {
+        EXPECT_EQ(board_access(board.board, kGpio + node), 0) << node;
+    }
+    EXPECT_EQ(board.open_error(kGpio + "gpio17/colour"), ENOENT);
+    EXPECT_EQ(board.write(kGpio + "unexport", "17\n"), 0);
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio17"), -1);
+}
+
+TEST(BoardGpio, ExportRefusesAsTheKernelDoes) {
+    TestBoard board;
+    EXPECT_EQ(board.write(kGpio + "export", "17"), 0);
+    EXPECT_EQ(board.write(kGpio + "export", "17"), EBUSY);
+    for (const char* text : {"999999", "512", "-1", "abc", "1 2", ""}) {
+        EXPECT_EQ(board.write(kGpio + "export", text), EINVAL) << text;
+    }
+    EXPECT_EQ(board.write(kGpio + "unexport", "18"), EINVAL);
+    EXPECT_EQ(board.open_error(kGpio + "import"), ENOENT);
+    EXPECT_EQ(board.open_error("/sys/class/gpio", O_RDWR), EISDIR);
+}
+
+TEST(BoardGpio, NewPinIsALowInput) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    EXPECT_EQ(board.read(kGpio + "gpio5/direction"), "in\n");
+    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
+    EXPECT_EQ(board.read(kGpio + "gpio5/edge"), "none\n");
+}
+
+TEST(BoardGpio, ValueIsWrittenOnOutputsOnly) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    EXPECT_EQ(board.write(kGpio + "gpio5/value", "1"), EPERM);
+    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "out\n"), 0);
+    EXPECT_EQ(board.write(kGpio + "gpio5/value", "1\n"), 0);
+    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "1\n");
+    EXPECT_EQ(board.write(kGpio + "gpio5/value", "on"), EINVAL);
+    EXPECT_EQ(board.write(kGpio + "gpio5/value", "0"), 0);
+    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
+}
+
+TEST(BoardGpio, DirectionWordsSetTheLevelToo) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "high"), 0);
+    EXPECT_EQ(board.read(kGpio + "gpio5/direction"), "out\n");
+    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "1\n");
+    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "out"), 0);
+    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
+    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "up"), EINVAL);
+}
+
+TEST(BoardGpio, EdgeTakesTheFourWordsAndNoneOnOutputs) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    for (const char* edge : {"rising", "falling", "both", "none"}) {
+        EXPECT_EQ(board.write(kGpio + "gpio5/edge", edge), 0);
+        EXPECT_EQ(board.read(kGpio + "gpio5/edge"), std::string(edge) + "\n");
+    }
+    EXPECT_EQ(board.write(kGpio + "gpio5/edge", "up"), EINVAL);
+    board.write(kGpio + "gpio5/direction", "out");
+    EXPECT_EQ(board.write(kGpio + "gpio5/edge", "rising"), EIO);
+}
+
+TEST(BoardGpio, ReadEndsAndAccessModeIsKept) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    BoardFile file;
+    ASSERT_EQ(board_open(board.board, file, kGpio + "gpio5/direction", O_RDONLY), 0);
+    char text[9];
+    EXPECT_EQ(board_node_read(board.board, file, text, 1), 1);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 2);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 0);
+    EXPECT_EQ(board_node_write(board.board, file, "out", 3), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(board_close(board.board, file), 0);
+    EXPECT_EQ(board_close(board.board, file), -1);
+}
+
+TEST(BoardGpio, ExportNodeIsNotReadable) {
+    TestBoard board;
+    BoardFile file;
+    char text[9];
+    ASSERT_EQ(board_open(board.board, file, kGpio + "export", O_RDWR), 0);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), -1);
+    EXPECT_EQ(errno, EIO);
+}
+
+TEST(BoardGpio, NodeUnexportedWhileOpenIsGone) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
+    BoardFile file;
+    ASSERT_EQ(board_open(board.board, file, kGpio + "gpio5/value", O_RDWR), 0);
+    board.write(kGpio + "unexport", "5");
+    char text[9];
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(board_node_write(board.board, file, "1", 1), -1);
+    EXPECT_EQ(errno, ENODEV);
+}
+
+TEST(BoardPower, LineBootsTheChipAndOnlyTheConfiguredOne) {
+    BoardOptions options;
+    options.power_pin = 40;
+    TestBoard board(options);
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    EXPECT_FALSE(board_status(board.board).powered);
+    board.export_as_output(40);
+    EXPECT_FALSE(board_status(board.board).powered);
+    board.write(kGpio + "gpio40/value", "1");
+    EXPECT_TRUE(board_status(board.board).powered);
+    board.write(kGpio + "gpio40/value", "1");
+    EXPECT_EQ(board_status(board.board).cold_boots, 1U);
+    board.write(kGpio + "gpio40/direction", "in");
+    EXPECT_FALSE(board_status(board.board).powered);
+}
+
+TEST(BoardPower, LevelOutlivesTheExport) {
+    TestBoard board;
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    board.write(kGpio + "unexport", "17");
+    EXPECT_TRUE(board_status(board.board).powered);
+    board.write(kGpio + "export", "17");
+    EXPECT_EQ(board.read(kGpio + "gpio17/direction"), "out\n");
+    EXPECT_EQ(board_status(board.board).cold_boots, 1U);
+}
+
+TEST(BoardSpi, OnlyTheConfiguredNodeExists) {
+    TestBoard board;
+    EXPECT_EQ(board.open_error(kSpi), 0);
+    EXPECT_EQ(board.open_error("/dev/spidev0.0"), ENOENT);
+    EXPECT_EQ(board_access(board.board, kSpi), 0);
+    EXPECT_EQ(board_access(board.board, "/dev/spidev0.0"), -1);
+}
+
+TEST(BoardSpi, SettingsAreKeptAsSpidevKeepsThem) {
+    TestBoard board;
+    const BoardFile file = board.open_spi();
+    EXPECT_EQ(board_spi(board.board).mode, static_cast<uint32_t>(SPI_LSB_FIRST));
+    EXPECT_EQ(board_spi_set(board.board, file, BoardSpiSetting::mode, SPI_MODE_3), 0);
+    EXPECT_EQ(board_spi(board.board).mode, static_cast<uint32_t>(SPI_MODE_3))
+        << "a new mode takes the bit order along";
+    EXPECT_EQ(board_spi_set(board.board, file, BoardSpiSetting::speed_hz, 24000000), 0);
+    uint32_t value = 0;
+    EXPECT_EQ(board_spi_get(board.board, file, BoardSpiSetting::speed_hz, value), 0);
+    EXPECT_EQ(value, 24000000U);
+    EXPECT_EQ(board_spi_set(board.board, file, BoardSpiSetting::bits_per_word, 8), 0);
+    for (const auto& [setting, bad] :
+         std::vector<std::pair<BoardSpiSetting, uint32_t>>{{BoardSpiSetting::bits_per_word, 9},
+                                                           {BoardSpiSetting::speed_hz, 0},
+                                                           {BoardSpiSetting::mode, 1U << 31}}) {
+        EXPECT_EQ(board_spi_set(board.board, file, setting, bad), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+}
+
+TEST(BoardSpi, OtherNodesTakeNoSpiRequests) {
+    TestBoard board;
+    BoardFile file;
+    ASSERT_EQ(board_open(board.board, file, kGpio + "export", O_WRONLY), 0);
+    const BoardTransfer transfer = {nullptr, nullptr, 1};
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(board_spi_set(board.board, file, BoardSpiSetting::mode, 0), -1);
+    EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST(BoardSpi, OtherBitOrderMirrorsEveryByte) {
+    TestBoard board;
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    const BoardFile right = board.open_spi();
+    board.message(right, {0x04});
+    EXPECT_EQ(board.message(right, {0x06, 0})[1], 0x01);
+    const BoardFile wrong = board.open_spi(false);
+    EXPECT_EQ(board.message(wrong, {0x60, 0})[1], 0x80);
+    board.message(wrong, {0x06, 0});
+    EXPECT_EQ(board_status(board.board).last_violation, "unknown opcode (0x60)");
+}
+
+TEST(BoardSpi, PartsOfAMessageAreOneFrame) {
+    TestBoard board;
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    const BoardFile file = board.open_spi();
+    board.message(file, {0x04});
+    const uint8_t opcode = 0x06;
+    uint8_t status = 0xEE;
+    const BoardTransfer parts[] = {{&opcode, nullptr, 1}, {nullptr, &status, 1}};
+    EXPECT_EQ(board_spi_message(board.board, file, parts, 2), 2);
+    EXPECT_EQ(status, 0x01);
+}
+
+TEST(BoardSpi, MessageAboveTheDriversBufferIsRefused) {
+    TestBoard board;
+    const BoardFile file = board.open_spi();
+    EXPECT_EQ(board.message(file, std::vector<uint8_t>(4096)).size(), 4096U);
+    const BoardTransfer transfer = {nullptr, nullptr, 4097};
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+    const BoardTransfer wrapping[] = {{nullptr, nullptr, 0xFFFFFFFF}, {nullptr, nullptr, 2}};
+    EXPECT_EQ(board_spi_message(board.board, file, wrapping, 2), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+}
+
+TEST(BoardSpi, FailingTransferIsAnInputOutputError) {
+    TestBoard board;
+    const BoardFile file = board.open_spi();
+    EXPECT_EQ(board_fault(board.board, "transfer-fail", "once"), "");
+    const BoardTransfer transfer = {nullptr, nullptr, 2};
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), 2);
+}
+
+TEST(BoardSpi, PlainReadAndWriteAreOneDirectionEach) {
+    TestBoard board;
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    BoardFile file = board.open_spi();
+    const uint8_t power_on = 0x04;
+    EXPECT_EQ(board_node_write(board.board, file, &power_on, 1), 1);
+    EXPECT_EQ(board.message(file, {0x06, 0})[1], 0x01);
+    std::vector<uint8_t> bytes(5000);
+    EXPECT_EQ(board_node_read(board.board, file, bytes.data(), 2), 2);
+    EXPECT_EQ(board_node_read(board.board, file, bytes.data(), bytes.size()), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+}
+
+TEST(BoardClock, DefaultClockStartsAtZeroAndUtcIsTheHosts) {
+    Board board;
+    board_init(board, {});
+    EXPECT_LT(board.options.clock_us(), 60000000U);
+    const uint64_t utc_s = (board.options.chip.utc_at_zero_us + board.options.clock_us()) / 1000000;
+    EXPECT_LE(std::abs(static_cast<long long>(utc_s) - static_cast<long long>(time(nullptr))), 1);
+}
+
+TEST(BoardThreads, NodesAndFaultsFromSeveralThreads) {
+    BoardOptions options;
+    options.chip.full_speed = true;
+    TestBoard board(options);
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    const BoardFile file = board.open_spi();
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&board, &file, i] {
+            for (int round = 0; round < 300; ++round) {
+                board.message(file, {0x06, 0});
+                board_status(board.board);
+                board_fault(board.board, "silence", i % 2 == 0 ? "on" : "off");
+                board.read(kGpio + "gpio17/value");
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(board_status(board.board).transfers, 1200U);
+}
+
+namespace {
+
+// The daemon's own modules on a board in this process.
+class DaemonLink : public testing::Test {
+protected:
+    void SetUp() override {
+        directory.write("etc/default/tavor/tavor.conf",
+                        "SPI port path=/dev/spidev1.0\nPower control gpio=17\n");
+        interpose_set_root(directory.path.string());
+        BoardOptions options;
+        options.chip.source = ChipSource::none;
+        board_init(board, options);
+        board_local_connect(board);
+    }
+    void TearDown() override {
+        location_serial_port_gnss_deinit();
+        board_local_disconnect();
+        interpose_set_root("");
+    }
+
+    PrivateDir directory;
+    Board board;
+};
+
+} // namespace
+
+TEST_F(DaemonLink, PowersTheChipAndMovesDataBothWaysWithoutAViolation) {
+    std::string read(4095, '\0');
+    const std::string log = capture_stdout([&] {
+        EXPECT_EQ(location_gpio_power_on(), 0);
+        EXPECT_EQ(location_serial_port_gnss_init(), 0);
+        EXPECT_EQ(board_queue(board, "$GPTXT*00\r\n"), "");
+        const auto count = location_serial_port_gnss_read(reinterpret_cast<uint8_t*>(read.data()), 4095);
+        read.resize(static_cast<size_t>(count));
+        const std::string command = "$PZUL353,1*3B\r\n";
+        EXPECT_EQ(location_serial_port_gnss_write(reinterpret_cast<const uint8_t*>(command.data()), 15), 15);
+    });
+    EXPECT_EQ(read, "$GPTXT*00\r\n") << log;
+    const ChipStatus status = board_status(board);
+    EXPECT_EQ(status.commands_good, 1U);
+    EXPECT_EQ(status.last_command, "$PZUL353,1*3B");
+    EXPECT_EQ(status.violations, 0U) << status.last_violation;
+    EXPECT_FALSE(status.interface_powered) << "switched off between operations";
+    EXPECT_EQ(board_spi(board).speed_hz, 24000000U);
+}
+
+TEST_F(DaemonLink, OtherBitOrderIsRefusedByTheSlave) {
+    directory.write("etc/default/tavor/tavor.conf", "SPI bit order=1\nPower control gpio=17\n");
+    capture_stdout([&] {
+        EXPECT_EQ(location_gpio_power_on(), 0);
+        EXPECT_EQ(location_serial_port_gnss_init(), 0);
+    });
+    EXPECT_EQ(board_spi(board).mode & SPI_LSB_FIRST, 0U);
+    EXPECT_EQ(board_pins(board).at(17).level, true);
+}
+
+TEST_F(DaemonLink, UnconfiguredPowerLineFails) {
+    directory.write("etc/default/tavor/tavor.conf", "");
+    const std::string log = capture_stdout([&] { EXPECT_EQ(location_gpio_power_on(), -1); });
+    EXPECT_NE(log.find("[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"), std::string::npos)
+        << log;
+}
+
+TEST_F(DaemonLink, SpidevReadRequestsAnswerOnTheNode) {
+    const int fd = open(kSpi, O_RDWR);
+    ASSERT_GE(fd, 0);
+    uint32_t mode = SPI_MODE_2;
+    uint8_t order = 1;
+    EXPECT_EQ(ioctl(fd, SPI_IOC_WR_MODE32, &mode), 0);
+    EXPECT_EQ(ioctl(fd, SPI_IOC_WR_LSB_FIRST, &order), 0);
+    mode = 0;
+    EXPECT_EQ(ioctl(fd, SPI_IOC_RD_MODE32, &mode), 0);
+    EXPECT_EQ(mode, static_cast<uint32_t>(SPI_MODE_2 | SPI_LSB_FIRST));
+    order = 0;
+    EXPECT_EQ(ioctl(fd, SPI_IOC_RD_LSB_FIRST, &order), 0);
+    EXPECT_EQ(order, 1);
+    EXPECT_EQ(ioctl(fd, SPI_IOC_MAGIC, nullptr), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(close(fd), 0);
+}

@@ -1,0 +1,430 @@
+#include "device/location_gpio.h"
+
+#include "interpose/fail.h"
+#include "interpose/local.h"
+#include "interpose/paths.h"
+#include "support/capture.h"
+#include "support/format_fault.h"
+#include "support/private_dir.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <map>
+#include <pthread.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
+[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+
+// sysfs as the daemon sees it: a map of files, and a record of what was done to them.
+struct FakeSysfs {
+    std::map<std::string, std::string> files = {{"export", ""}, {"unexport", ""}};
+    Lines calls;
+    int open_count = 0;
+    bool export_makes_node = true;
+    std::function<void()> refuse; // called by a write, which fails then
+} sysfs;
+
+std::string short_name(const std::string& path) {
+    return path.substr(std::strlen("/sys/class/gpio/"));
+}
+
+void make_node(const std::string& pin) {
+    sysfs.files["gpio" + pin] = "";
+    sysfs.files["gpio" + pin + "/direction"] = "in\n";
+    sysfs.files["gpio" + pin + "/value"] = "0\n";
+    sysfs.files["gpio" + pin + "/edge"] = "none\n";
+}
+
+int sysfs_open(const std::string& path, int flags) {
+    const std::string name = short_name(path);
+    if (!sysfs.files.contains(name)) {
+        errno = ENOENT;
+        return -1;
+    }
+    sysfs.calls.push_back("open " + name + (flags == O_RDWR ? " rw" : flags == O_WRONLY ? " w" : " ?"));
+    ++sysfs.open_count;
+    return 0;
+}
+
+ssize_t sysfs_read(const std::string& path, void* buffer, size_t length) {
+    const std::string& content = sysfs.files[short_name(path)];
+    sysfs.calls.push_back("read " + std::to_string(length));
+    const size_t count = std::min(length, content.size());
+    std::memcpy(buffer, content.data(), count);
+    return static_cast<ssize_t>(count);
+}
+
+ssize_t sysfs_write(const std::string& path, const void* data, size_t length) {
+    const std::string name = short_name(path);
+    const std::string text(static_cast<const char*>(data), length);
+    sysfs.calls.push_back("write " + name + " " + text);
+    if (sysfs.refuse) {
+        sysfs.refuse();
+        return -1;
+    }
+    if (name == "export" && sysfs.export_makes_node) {
+        make_node(text);
+    } else if (name == "unexport") {
+        std::erase_if(sysfs.files, [&](const auto& file) { return file.first.starts_with("gpio" + text); });
+    } else if (name != "export") {
+        sysfs.files[name] = text + "\n";
+    }
+    return static_cast<ssize_t>(length);
+}
+
+class LocationGpio : public testing::Test {
+protected:
+    LocationGpio() {
+        sysfs = {};
+        interpose_set_root(dir.path);
+        local_devices({
+            .open = sysfs_open,
+            .close =
+                [](const std::string& path) {
+                    --sysfs.open_count;
+                    sysfs.calls.push_back("close " + short_name(path));
+                },
+            .read = sysfs_read,
+            .write = sysfs_write,
+            .ioctl = {},
+            .access =
+                [](const std::string& path) {
+                    errno = ENOENT;
+                    return sysfs.files.contains(short_name(path)) ? 0 : -1;
+                },
+        });
+    }
+    ~LocationGpio() override {
+        EXPECT_EQ(sysfs.open_count, 0) << "descriptors left open";
+        interpose_fail_reset();
+        interpose_set_root("");
+        local_devices({});
+    }
+
+    // Runs a call with fresh records.
+    int32_t run(const std::function<int32_t()>& call) {
+        int32_t result = 0;
+        sysfs.calls.clear();
+        log = lines_of(capture_stdout([&] { result = call(); }));
+        return result;
+    }
+
+    Lines writes() const {
+        Lines result;
+        std::copy_if(
+            sysfs.calls.begin(), sysfs.calls.end(), std::back_inserter(result),
+            [](const std::string& call) { return call.starts_with("write ") || call.starts_with("sleep "); });
+        return result;
+    }
+
+    PrivateDir dir;
+    Lines log;
+};
+
+} // namespace
+
+extern "C" int __wrap_usleep(useconds_t us);
+extern "C" int __wrap_usleep(useconds_t us) {
+    sysfs.calls.push_back("sleep " + std::to_string(us));
+    return 0;
+}
+
+TEST_F(LocationGpio, ExportWritesTheNumberOfAMissingNode) {
+    EXPECT_EQ(run([] { return location_gpio_export(17); }), 0);
+    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));
+    EXPECT_TRUE(log.empty());
+}
+
+TEST_F(LocationGpio, ExportLeavesAnExistingNodeAlone) {
+    make_node("17");
+    EXPECT_EQ(run([] { return location_gpio_export(17); }), 0);
+    EXPECT_TRUE(sysfs.calls.empty());
+    EXPECT_TRUE(log.empty());
+}
+
+TEST_F(LocationGpio, ExportDoesNotWaitForTheNode) {
+    sysfs.export_makes_node = false;
+    EXPECT_EQ(run([] { return location_gpio_export(17); }), 0);
+    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));
+}
+
+TEST_F(LocationGpio, ExportFailuresAreLogged) {
+    interpose_fail("open", 1, EACCES);
+    EXPECT_EQ(run([] { return location_gpio_export(17); }), -1);
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export open fail: export"});
+    interpose_fail("write", 1, EINVAL);
+    EXPECT_EQ(run([] { return location_gpio_export(17); }), -1);
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"});
+    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "close export"}));
+}
+
+TEST_F(LocationGpio, NumberThatCanNotBeFormattedIsToldAndNothingIsWritten) {
+    const std::string start = "[LOCSERV] ERR: [GPIO]location_gpio_";
+    const auto fails = [&](int format, const std::function<int32_t()>& call, const std::string& line) {
+        EXPECT_EQ(run([&] {
+                      format_fault_arm(format);
+                      const int32_t result = call();
+                      format_fault_disarm();
+                      return result;
+                  }),
+                  -1);
+        EXPECT_EQ(log, Lines{start + line});
+        EXPECT_EQ(writes(), Lines{});
+    };
+    fails(
+        1, [] { return location_gpio_export(17); }, "export get pin fail"); // behind the node's path
+    make_node("17");
+    fails(
+        1, [] { return location_gpio_unexport(17); }, "unexport get pin fail");
+    fails(
+        0, [] { return location_gpio_config(17, -1, 1, -1); }, "config get pin fail");
+    fails(
+        1, [] { return location_gpio_config(17, -1, 1, -1); }, "config get vaule fail");
+}
+
+TEST_F(LocationGpio, UnexportOfAMissingNodeSaysSo) {
+    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), 0);
+    EXPECT_EQ(log, Lines{"[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist"});
+    EXPECT_TRUE(sysfs.calls.empty());
+}
+
+TEST_F(LocationGpio, UnexportWritesTheNumberOfAnExistingNode) {
+    make_node("17");
+    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), 0);
+    EXPECT_EQ(sysfs.calls, (Lines{"open unexport w", "write unexport 17", "close unexport"}));
+    EXPECT_TRUE(log.empty());
+    EXPECT_FALSE(sysfs.files.contains("gpio17"));
+}
+
+TEST_F(LocationGpio, UnexportFailuresAreLogged) {
+    make_node("17");
+    interpose_fail("open", 1, EACCES);
+    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), -1);
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_unexport open fail: unexport"});
+    interpose_fail("write", 1, EINVAL);
+    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), -1);
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_unexport write fail: unexport"});
+}
+
+TEST_F(LocationGpio, ConfigWithNothingToChangeTouchesNothing) {
+    EXPECT_EQ(run([] { return location_gpio_config(17, -1, -1, -1); }), 0);
+    EXPECT_TRUE(sysfs.calls.empty());
+    EXPECT_TRUE(log.empty());
+}
+
+TEST_F(LocationGpio, ConfigSetsDirectionValueAndEdgeInThisOrder) {
+    make_node("17");
+    EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 3); }), 0);
+    EXPECT_EQ(sysfs.calls, (Lines{"open gpio17/direction rw", "read 9", "write gpio17/direction out",
+                                  "close gpio17/direction", "open gpio17/value w", "write gpio17/value 1",
+                                  "close gpio17/value", "open gpio17/edge rw", "read 9",
+                                  "write gpio17/edge both", "close gpio17/edge"}));
+    EXPECT_EQ(log, (Lines{"[LOCSERV] ERR: [GPIO]out", "[LOCSERV] ERR: [GPIO]both"}));
+}
+
+TEST_F(LocationGpio, DirectionThatIsAlreadyOutIsNotRewrittenAndPrintsNothing) {
+    make_node("17");
+    sysfs.files["gpio17/direction"] = "out\n";
+    EXPECT_EQ(run([] { return location_gpio_config(17, 0, -1, -1); }), 0);
+    EXPECT_EQ(sysfs.calls, (Lines{"open gpio17/direction rw", "read 9", "close gpio17/direction"}));
+    EXPECT_TRUE(log.empty());
+}
+
+TEST_F(LocationGpio, AnyDirectionButZeroIsIn) {
+    make_node("17");
+    for (const int32_t direction : {1, 2, 99, -2}) {
+        sysfs.files["gpio17/direction"] = "out\n";
+        EXPECT_EQ(run([=] { return location_gpio_config(17, direction, -1, -1); }), 0);
+        EXPECT_EQ(writes(), Lines{"write gpio17/direction in"});
+        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]in"});
+    }
+}
+
+TEST_F(LocationGpio, EdgesHaveTheirWordsAndAllOthersAreNone) {
+    make_node("17");
+    const std::vector<std::pair<int32_t, std::string>> cases = {{1, "rising"}, {2, "falling"}, {3, "both"},
+                                                                {0, "none"},   {7, "none"},    {-2, "none"}};
+    for (const auto& [edge, word] : cases) {
+        sysfs.files["gpio17/edge"] = "?\n";
+        EXPECT_EQ(run([=] { return location_gpio_config(17, -1, -1, edge); }), 0);
+        EXPECT_EQ(writes(), Lines{"write gpio17/edge " + word});
+        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]" + word});
+        EXPECT_EQ(run([=] { return location_gpio_config(17, -1, -1, edge); }), 0);
+        EXPECT_TRUE(writes().empty());
+        EXPECT_TRUE(log.empty());
+    }
+}
+
+TEST_F(LocationGpio, WordIsComparedWithoutTheLastCharacterRead) {
+    make_node("17");
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {"out\n", true}, {"outx", true},     {"out", false},      {"", false},
+        {"\n", false},   {"out\n\n", false}, {"outside\n", false}};
+    for (const auto& [content, matches] : cases) {
+        sysfs.files["gpio17/direction"] = content;
+        EXPECT_EQ(run([] { return location_gpio_config(17, 0, -1, -1); }), 0);
+        EXPECT_EQ(writes().empty(), matches) << content;
+    }
+}
+
+TEST_F(LocationGpio, UnreadableWordIsWritten) {
+    make_node("17");
+    sysfs.files["gpio17/direction"] = "out\n";
+    interpose_fail("read", 1, EIO);
+    EXPECT_EQ(run([] { return location_gpio_config(17, 0, -1, -1); }), 0);
+    EXPECT_EQ(writes(), Lines{"write gpio17/direction out"});
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]out"});
+}
+
+TEST_F(LocationGpio, EachFailedOpenOfAnAttributeIsLoggedAndEndsTheCall) {
+    const std::vector<std::pair<std::string, Lines>> cases = {
+        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: direction", {}},
+        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value", {"write gpio17/direction out"}},
+        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: edge",
+         {"write gpio17/direction out", "write gpio17/value 1"}},
+    };
+    for (size_t nth = 1; nth <= cases.size(); ++nth) {
+        make_node("17");
+        interpose_fail("open", static_cast<int>(nth), EACCES);
+        EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 1); }), -1);
+        EXPECT_EQ(log.back(), cases[nth - 1].first);
+        EXPECT_EQ(writes(), cases[nth - 1].second);
+    }
+}
+
+TEST_F(LocationGpio, EachFailedWriteOfAnAttributeIsLoggedAndEndsTheCall) {
+    const Lines texts = {"[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction",
+                         "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value",
+                         "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: edge"};
+    for (size_t nth = 1; nth <= texts.size(); ++nth) {
+        make_node("17");
+        interpose_fail("write", static_cast<int>(nth), EPERM);
+        EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 1); }), -1);
+        EXPECT_EQ(log.back(), texts[nth - 1]);
+        EXPECT_EQ(writes().size(), nth - 1);
+        EXPECT_EQ(sysfs.open_count, 0);
+    }
+}
+
+TEST_F(LocationGpio, WantedWordIsPrintedBeforeItsWriteFails) {
+    make_node("17");
+    interpose_fail("write", 1, EPERM);
+    EXPECT_EQ(run([] { return location_gpio_config(17, 0, -1, -1); }), -1);
+    EXPECT_EQ(log, (Lines{"[LOCSERV] ERR: [GPIO]out",
+                          "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction"}));
+}
+
+TEST_F(LocationGpio, SettersExportThePinFirst) {
+    EXPECT_EQ(run([] { return location_gpio_set_output(5, 1); }), 0);
+    EXPECT_EQ(writes(), (Lines{"write export 5", "write gpio5/direction out", "write gpio5/value 1"}));
+    EXPECT_EQ(run([] { return location_gpio_set_direction(6, 1); }), 0);
+    EXPECT_EQ(writes(), Lines{"write export 6"}); // a new line is an input already
+    EXPECT_EQ(run([] { return location_gpio_set_edge(7, 2); }), 0);
+    EXPECT_EQ(writes(), (Lines{"write export 7", "write gpio7/edge falling"}));
+}
+
+TEST_F(LocationGpio, SettersStopWhenTheExportFails) {
+    const std::vector<int32_t (*)(int32_t, int32_t)> setters = {
+        location_gpio_set_output, location_gpio_set_direction, location_gpio_set_edge};
+    for (const auto setter : setters) {
+        interpose_fail("write", 1, EINVAL);
+        EXPECT_EQ(run([=] { return setter(17, 1); }), -1);
+        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"});
+        EXPECT_EQ(sysfs.calls, (Lines{"open export w", "close export"}));
+    }
+}
+
+TEST_F(LocationGpio, PowerOnDrivesTheConfiguredLineHigh) {
+    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    EXPECT_EQ(writes(), (Lines{"write export 42", "write gpio42/direction out", "write gpio42/value 1"}));
+    EXPECT_EQ(log, (Lines{"[LOCSERV] INF: [CFG]Power control gpio:42", "[LOCSERV] ERR: [GPIO]out"}));
+}
+
+TEST_F(LocationGpio, PowerOnTwiceWritesTheLevelAgainAndNothingElse) {
+    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    EXPECT_EQ(writes(), Lines{"write gpio42/value 1"});
+    EXPECT_EQ(log, Lines{"[LOCSERV] INF: [CFG]Power control gpio:42"});
+}
+
+TEST_F(LocationGpio, PowerOffDrivesTheConfiguredLineLow) {
+    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    EXPECT_EQ(run(location_gpio_power_off), 0);
+    EXPECT_EQ(writes(), (Lines{"write export 42", "write gpio42/direction out", "write gpio42/value 0"}));
+}
+
+TEST_F(LocationGpio, LineThatIsNotConfiguredIsTriedLikeAnyOther) {
+    dir.write("/etc/default/tavor/tavor.conf", "\n");
+    interpose_fail("write", 1, EINVAL);
+    EXPECT_EQ(run(location_gpio_power_on), -1);
+    EXPECT_EQ(log, (Lines{"[LOCSERV] INF: [CFG]Power control gpio:999999",
+                          "[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"}));
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    EXPECT_EQ(writes().front(), "write export 999999");
+}
+
+TEST_F(LocationGpio, PinIsReadAnewAtEveryCall) {
+    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=43\n");
+    EXPECT_EQ(run(location_gpio_power_off), 0);
+    EXPECT_EQ(writes().back(), "write gpio43/value 0");
+}
+
+TEST_F(LocationGpio, ResetIsALowPulseOfFiveMilliseconds) {
+    dir.write("/etc/default/tavor/tavor.conf", "Reset GNSS gpio=9\n");
+    EXPECT_EQ(run(location_gpio_reset_chip), 0);
+    EXPECT_EQ(writes(), (Lines{"write export 9", "write gpio9/direction out", "write gpio9/value 0",
+                               "sleep 5000", "write gpio9/value 1"}));
+    EXPECT_EQ(log, (Lines{"[LOCSERV] INF: [CFG]Reset GNSS gpio:9", "[LOCSERV] ERR: [GPIO]out"}));
+}
+
+TEST_F(LocationGpio, ResetEndsWhenTheLineCannotBeDrivenLow) {
+    dir.write("/etc/default/tavor/tavor.conf", "Reset GNSS gpio=9\n");
+    make_node("9");
+    interpose_fail("write", 2, EIO); // the level
+    EXPECT_EQ(run(location_gpio_reset_chip), -1);
+    EXPECT_EQ(writes(), Lines{"write gpio9/direction out"});
+}
+
+TEST_F(LocationGpio, ResetReportsALineThatStaysLow) {
+    dir.write("/etc/default/tavor/tavor.conf", "Reset GNSS gpio=9\n");
+    make_node("9");
+    interpose_fail("write", 3, EIO); // the level behind the pulse
+    EXPECT_EQ(run(location_gpio_reset_chip), -1);
+    EXPECT_EQ(writes().back(), "sleep 5000");
+}
+
+TEST_F(LocationGpio, ThreadCancelledWhileLoggingLeavesNoDescriptorOpen) {
+    sysfs.refuse = [] {
+        pthread_cancel(pthread_self());
+        errno = EINVAL;
+    };
+    void* end = nullptr;
+    run([&] {
+        pthread_t thread;
+        pthread_create(
+            &thread, nullptr,
+            [](void*) -> void* {
+                location_gpio_export(17);
+                return nullptr;
+            },
+            nullptr);
+        return pthread_join(thread, &end);
+    });
+    EXPECT_EQ(end, PTHREAD_CANCELED);
+    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));
+}

@@ -1,0 +1,237 @@
+#include "device/location_spi.h"
+
+#include "interpose/fail.h"
+#include "interpose/local.h"
+#include "support/capture.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <linux/spi/spidev.h>
+#include <pthread.h>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
+[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+
+struct Setting {
+    unsigned long request;
+    uint32_t value;
+    bool operator==(const Setting&) const = default;
+};
+
+void PrintTo(const Setting& setting, std::ostream* out) {
+    *out << std::hex << setting.request << "=" << std::dec << setting.value;
+}
+
+// The argument of a settings request, in the width that the request carries.
+uint32_t argument_value(unsigned long request, const void* argument) {
+    uint32_t value = 0;
+    std::memcpy(&value, argument, _IOC_SIZE(request));
+    return value;
+}
+
+class LocationSpi : public testing::Test {
+protected:
+    LocationSpi() {
+        local_devices({
+            .open =
+                [this](const std::string& path, int flags) {
+                    opened.push_back(path + ":" + std::to_string(flags));
+                    return 0;
+                },
+            .close = [this](const std::string& path) { closed.push_back(path); },
+            .read =
+                [](const std::string&, void* buffer, size_t length) {
+                    std::memset(buffer, 0x5A, length);
+                    return static_cast<ssize_t>(length - 1);
+                },
+            .write =
+                [this](const std::string&, const void* data, size_t length) {
+                    written.assign(static_cast<const char*>(data), length);
+                    return static_cast<ssize_t>(length - 2);
+                },
+            .ioctl = [this](const std::string&, unsigned long request,
+                            void* argument) { return control(request, argument); },
+            .access = {},
+        });
+    }
+    ~LocationSpi() override {
+        interpose_fail_reset();
+        local_devices({});
+    }
+
+    int control(unsigned long request, void* argument) {
+        if (request == SPI_IOC_MESSAGE(1)) {
+            std::memcpy(&message, argument, sizeof message);
+            return static_cast<int>(message.len) - transfer_lack;
+        }
+        if (refuse) {
+            refuse();
+            return -1;
+        }
+        settings.push_back({request, argument_value(request, argument)});
+        return 0;
+    }
+
+    int32_t init(int32_t* fd) {
+        int32_t result = 0;
+        log = lines_of(capture_stdout([&] { result = location_spi_init(fd, &config); }));
+        return result;
+    }
+
+    location_spi_config config = {3, 1, 8, 24000000, "/dev/spidev1.0"};
+    Lines opened, closed, log;
+    std::vector<Setting> settings;
+    std::string written;
+    spi_ioc_transfer message = {};
+    int transfer_lack = 0;
+    std::function<void()> refuse; // called by a setting, which fails then
+};
+
+} // namespace
+
+TEST_F(LocationSpi, InitOpensForReadingAndWritingAndWritesFourSettingsInOrder) {
+    int32_t fd = -1;
+    EXPECT_EQ(init(&fd), 0);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(opened, Lines{"/dev/spidev1.0:" + std::to_string(O_RDWR)});
+    EXPECT_EQ(settings, (std::vector<Setting>{{SPI_IOC_WR_MODE32, 3},
+                                              {SPI_IOC_WR_BITS_PER_WORD, 8},
+                                              {SPI_IOC_WR_LSB_FIRST, 1},
+                                              {SPI_IOC_WR_MAX_SPEED_HZ, 24000000}}));
+    EXPECT_TRUE(log.empty());
+    EXPECT_TRUE(closed.empty());
+    EXPECT_EQ(location_spi_deinit(fd), 0);
+    EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
+}
+
+TEST_F(LocationSpi, FailedOpenIsLoggedAndLeavesTheDescriptorAlone) {
+    interpose_fail("open", 1, ENOENT);
+    int32_t fd = -1;
+    EXPECT_EQ(init(&fd), -1);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [spi]location_spi_init, open fail"});
+    EXPECT_TRUE(settings.empty());
+    EXPECT_TRUE(closed.empty());
+}
+
+TEST_F(LocationSpi, EachFailedSettingIsLoggedWithItsValueAndEndsTheInit) {
+    const Lines texts = {"[LOCSERV] ERR: [spi]can't set spi mode: 3",
+                         "[LOCSERV] ERR: [spi]can't set bits per word: 8",
+                         "[LOCSERV] ERR: [spi]can't set LSB or MSB: 1",
+                         "[LOCSERV] ERR: [spi]can't set max speed hz: 24000000"};
+    for (size_t nth = 1; nth <= texts.size(); ++nth) {
+        settings.clear();
+        closed.clear();
+        interpose_fail("ioctl", static_cast<int>(nth), EINVAL);
+        int32_t fd = -1;
+        EXPECT_EQ(init(&fd), -1);
+        EXPECT_EQ(fd, -1);
+        EXPECT_EQ(log, Lines{texts[nth - 1]});
+        EXPECT_EQ(settings.size(), nth - 1);
+        EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
+    }
+}
+
+TEST_F(LocationSpi, SetConfigLeavesTheDescriptorOpenWhenItFails) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    interpose_fail("ioctl", 1, EINVAL);
+    capture_stdout([&] { EXPECT_EQ(location_spi_set_config(fd, &config), -1); });
+    EXPECT_TRUE(closed.empty());
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, TransferCarriesBuffersAndLengthAndNothingElse) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    const uint8_t tx[5] = {1, 2, 3, 4, 5};
+    uint8_t rx[5] = {};
+    EXPECT_EQ(location_spi_transfer(fd, tx, rx, 5), 5);
+
+    spi_ioc_transfer expected = {};
+    expected.tx_buf = reinterpret_cast<uintptr_t>(tx);
+    expected.rx_buf = reinterpret_cast<uintptr_t>(rx);
+    expected.len = 5;
+    EXPECT_EQ(std::memcmp(&message, &expected, sizeof expected), 0);
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, TransferTakesMissingBuffers) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    EXPECT_EQ(location_spi_transfer(fd, nullptr, nullptr, 4), 4);
+    EXPECT_EQ(message.tx_buf, 0U);
+    EXPECT_EQ(message.rx_buf, 0U);
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, TransferReturnsWhatTheDeviceMoved) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    transfer_lack = 3;
+    uint8_t rx[5] = {};
+    EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 5), 2);
+    EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 3), 0);
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, FailedTransferIsLogged) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    interpose_fail("ioctl", 1, EIO);
+    uint8_t rx[5] = {};
+    const Lines lines =
+        lines_of(capture_stdout([&] { EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 5), -1); }));
+    EXPECT_EQ(lines, Lines{"[LOCSERV] ERR: [spi]can't send spi message"});
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, ReadAndWriteArePlain) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    char buffer[4] = {};
+    EXPECT_EQ(location_spi_read(fd, buffer, sizeof buffer), 3);
+    EXPECT_EQ(buffer[3], 0x5A);
+    EXPECT_EQ(location_spi_write(fd, "abcd", 4), 2);
+    EXPECT_EQ(written, "abcd");
+    interpose_fail("read", 1, EIO);
+    EXPECT_EQ(location_spi_read(fd, buffer, sizeof buffer), -1);
+    interpose_fail("write", 1, EIO);
+    EXPECT_EQ(location_spi_write(fd, "abcd", 4), -1);
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, DeinitReturnsTheResultOfClose) {
+    EXPECT_EQ(location_spi_deinit(-1), -1);
+}
+
+TEST_F(LocationSpi, ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice) {
+    refuse = [] {
+        pthread_cancel(pthread_self());
+        errno = EINVAL;
+    };
+    void* end = nullptr;
+    capture_stdout([&] {
+        pthread_t thread;
+        pthread_create(
+            &thread, nullptr,
+            [](void* wanted) -> void* {
+                int32_t fd = -1;
+                location_spi_init(&fd, static_cast<const location_spi_config*>(wanted));
+                return nullptr;
+            },
+            &config);
+        pthread_join(thread, &end);
+    });
+    EXPECT_EQ(end, PTHREAD_CANCELED);
+    EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
+}

@@ -1,0 +1,438 @@
+#include "device/port_platform.h"
+
+#include "interpose/fail.h"
+#include "interpose/local.h"
+#include "support/capture.h"
+#include "support/format_fault.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <linux/i2c-dev.h>
+#include <linux/spi/spidev.h>
+#include <sys/select.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr uint32_t kUnknownBus = 2;
+
+struct Wrapped {
+    std::vector<useconds_t> sleeps;
+    std::vector<timeval> selects;
+    std::vector<int> select_errors; // taken from the front; then success
+    bool malloc_fails;
+    int destroy_result;
+} wrapped;
+
+} // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size);
+int __real_sem_destroy(sem_t* semaphore);
+int __wrap_sem_destroy(sem_t* semaphore);
+int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __wrap_usleep(useconds_t us);
+int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* err, timeval* timeout);
+
+void* __wrap_malloc(size_t size) {
+    return wrapped.malloc_fails ? nullptr : __real_malloc(size);
+}
+
+int __wrap_sem_destroy(sem_t* semaphore) {
+    const int result = __real_sem_destroy(semaphore);
+    return wrapped.destroy_result != 0 ? wrapped.destroy_result : result;
+}
+
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
+    const int result = __real_pthread_mutex_destroy(mutex);
+    return wrapped.destroy_result != 0 ? wrapped.destroy_result : result;
+}
+
+int __wrap_usleep(useconds_t us) {
+    wrapped.sleeps.push_back(us);
+    return 0;
+}
+
+// As the kernel does, an interrupted wait takes its time off: a third of it here.
+int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* err, timeval* timeout) {
+    EXPECT_EQ(count, 0);
+    EXPECT_TRUE(in == nullptr && out == nullptr && err == nullptr);
+    wrapped.selects.push_back(*timeout);
+    if (wrapped.select_errors.empty()) {
+        return 0;
+    }
+    timeout->tv_usec -= timeout->tv_usec / 3;
+    errno = wrapped.select_errors.front();
+    wrapped.select_errors.erase(wrapped.select_errors.begin());
+    return -1;
+}
+}
+
+namespace {
+
+class PortPlatform : public testing::Test {
+protected:
+    PortPlatform() {
+        wrapped = {};
+        local_devices({
+            .open =
+                [this](const std::string& path, int) {
+                    calls.push_back("open " + path);
+                    return 0;
+                },
+            .close = [this](const std::string& path) { calls.push_back("close " + path); },
+            .read =
+                [this](const std::string&, void*, size_t length) {
+                    calls.push_back("read " + std::to_string(length));
+                    return moved;
+                },
+            .write =
+                [this](const std::string&, const void*, size_t length) {
+                    calls.push_back("write " + std::to_string(length));
+                    return moved;
+                },
+            .ioctl = [this](const std::string&, unsigned long request,
+                            void* argument) { return control(request, argument); },
+            .access = {},
+        });
+    }
+    ~PortPlatform() override {
+        format_fault_disarm();
+        interpose_fail_reset();
+        local_devices({});
+        wrapped = {};
+    }
+
+    int control(unsigned long request, void* argument) {
+        if (request == I2C_SLAVE) {
+            calls.push_back("slave " + std::to_string(reinterpret_cast<uintptr_t>(argument)));
+            return 0;
+        }
+        if (request == SPI_IOC_MESSAGE(1)) {
+            std::memcpy(&message, argument, sizeof message);
+            calls.push_back("clock " + std::to_string(message.len));
+            return static_cast<int>(moved);
+        }
+        uint32_t value = 0;
+        std::memcpy(&value, argument, _IOC_SIZE(request));
+        const char* name = request == SPI_IOC_WR_MODE32          ? "mode "
+                           : request == SPI_IOC_WR_BITS_PER_WORD ? "bits "
+                           : request == SPI_IOC_WR_LSB_FIRST     ? "lsb "
+                           : request == SPI_IOC_WR_MAX_SPEED_HZ  ? "speed "
+                                                                 : "other ";
+        calls.push_back(name + std::to_string(value));
+        return 0;
+    }
+
+    int32_t open_spi() {
+        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
+        calls.clear();
+        return fd;
+    }
+
+    int32_t open_i2c() {
+        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c);
+        calls.clear();
+        return fd;
+    }
+
+    // Runs one transaction on an open bus and keeps its log.
+    int32_t transfer(uint32_t bus, int32_t fd, const port_platform_transfer& what) {
+        int32_t result = 0;
+        log = capture_stdout([&] { result = port_platform_bus_transfer(bus, fd, &what); });
+        return result;
+    }
+
+    host_mux_spi_port_config spi = {24000000, 0, 0, 0, "/dev/spidev1.0"};
+    host_mux_i2c_port_config i2c = {0, "/dev/i2c-2"};
+    ssize_t moved = 1;
+    Lines calls;
+    std::string log;
+    spi_ioc_transfer message = {};
+    uint8_t rx[8] = {};
+    uint8_t tx[8] = {};
+};
+
+} // namespace
+
+TEST_F(PortPlatform, SpiInitAppliesTheSettingsOfThePort) {
+    const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(calls, (Lines{"open /dev/spidev1.0", "mode 0", "bits 8", "lsb 1", "speed 24000000"}));
+    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd), 0);
+    EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
+}
+
+TEST_F(PortPlatform, BitOrderZeroIsLeastSignificantBitFirstAndAnyOtherIsNot) {
+    for (const uint8_t order : std::vector<uint8_t>{0, 1, 2, 255}) {
+        calls.clear();
+        spi.bit_order = order;
+        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
+        EXPECT_EQ(calls[3], order == 0 ? "lsb 1" : "lsb 0");
+        port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
+    }
+}
+
+TEST_F(PortPlatform, ClockPhaseIsBit0AndPolarityBit1OfTheMode) {
+    for (const uint8_t mode : std::vector<uint8_t>{0, 1, 2, 3}) {
+        calls.clear();
+        spi.cpha = mode & 1U;
+        spi.cpol = static_cast<uint8_t>(mode >> 1U);
+        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
+        EXPECT_EQ(calls[1], "mode " + std::to_string(mode));
+        port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
+    }
+}
+
+TEST_F(PortPlatform, I2cInitOpensThePathBehindTheFirstWord) {
+    static_assert(offsetof(host_mux_i2c_port_config, path) == 4);
+    const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(calls, Lines{"open /dev/i2c-2"});
+    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd), 0);
+    EXPECT_EQ(calls.back(), "close /dev/i2c-2");
+}
+
+TEST_F(PortPlatform, PathThatCanNotBeTakenIsToldAndNothingIsOpened) {
+    format_fault_arm(0);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); }),
+              "port_platform_bus_init, get path fail\n"
+              "[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
+    format_fault_arm(0);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c), -1); }),
+              "port_platform_bus_init, get path fail\n"
+              "[LOCSERV] ERR: location_i2c_init, open fail\n");
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(PortPlatform, FailedInitGivesMinusOneAndLeavesNothingOpen) {
+    interpose_fail("open", 1, ENOENT);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); }),
+              "[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
+    interpose_fail("open", 1, ENOENT);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c), -1); }),
+              "[LOCSERV] ERR: location_i2c_init, open fail\n");
+    EXPECT_TRUE(calls.empty());
+    interpose_fail("ioctl", 4, EINVAL);
+    capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); });
+    EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
+}
+
+TEST_F(PortPlatform, UnknownBusIsRejectedSilently) {
+    const port_platform_transfer both = {rx, tx, 1, 1, 0};
+    EXPECT_EQ(capture_stdout([&] {
+                  EXPECT_EQ(port_platform_bus_init(kUnknownBus, &spi), -1);
+                  EXPECT_EQ(port_platform_bus_transfer(kUnknownBus, 0, &both), -1);
+                  EXPECT_EQ(port_platform_bus_deinit(kUnknownBus, 0), -1);
+              }),
+              "");
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(PortPlatform, DeinitReturnsTheResultOfClose) {
+    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_SPI, -1), -1);
+    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_I2C, -1), -1);
+}
+
+TEST_F(PortPlatform, SpiTransferClocksTheLargerLength) {
+    const int32_t fd = open_spi();
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 1, 0}), 0);
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 2, 6, 0}), 0);
+    EXPECT_EQ(calls, (Lines{"clock 5", "clock 6"}));
+    EXPECT_EQ(message.tx_buf, reinterpret_cast<uintptr_t>(tx));
+    EXPECT_EQ(message.rx_buf, reinterpret_cast<uintptr_t>(rx));
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {nullptr, tx, 0, 6, 0}), 0);
+    EXPECT_EQ(message.rx_buf, 0U);
+    port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
+}
+
+TEST_F(PortPlatform, SpiTransferNeedsAtLeastOneByteMoved) {
+    const int32_t fd = open_spi();
+    for (const auto& [count, result] : std::vector<std::pair<ssize_t, int32_t>>{{5, 0}, {1, 0}, {0, -1}}) {
+        moved = count;
+        EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 5, 0}), result);
+        EXPECT_EQ(log, "");
+    }
+    interpose_fail("ioctl", 1, EIO);
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 5, 0}), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [spi]can't send spi message\n");
+    port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
+}
+
+TEST_F(PortPlatform, I2cTransferGoesInTheDirectionOfItsLength) {
+    const int32_t fd = open_i2c();
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, nullptr, 5, 0, 0x41}), 0);
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {nullptr, tx, 0, 6, 0x42}), 0);
+    EXPECT_EQ(calls, (Lines{"slave 65", "read 5", "slave 66", "write 6"}));
+    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
+}
+
+TEST_F(PortPlatform, I2cTransferWithBothLengthsTouchesNoDevice) {
+    const int32_t fd = open_i2c();
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 1, 1, 0x41}), -1);
+    EXPECT_EQ(log, "port_platform_bus_transfer, rx len > 0 and tx len > 0\n");
+    EXPECT_TRUE(calls.empty());
+    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
+}
+
+TEST_F(PortPlatform, I2cTransferWithNoLengthTouchesNoDevice) {
+    const int32_t fd = open_i2c();
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 0, 0, 0x41}), -1);
+    EXPECT_EQ(log, "port_platform_bus_transfer, len <= 0\n");
+    EXPECT_TRUE(calls.empty());
+    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
+}
+
+TEST_F(PortPlatform, I2cTransferNeedsAtLeastOneByteMoved) {
+    const int32_t fd = open_i2c();
+    for (const auto& [count, result] :
+         std::vector<std::pair<ssize_t, int32_t>>{{5, 0}, {1, 0}, {0, -1}, {-1, -1}}) {
+        moved = count;
+        EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, nullptr, 5, 0, 0x41}), result);
+        EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {nullptr, tx, 0, 5, 0x41}), result);
+        EXPECT_EQ(log, "");
+    }
+    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
+}
+
+TEST_F(PortPlatform, MallocGivesWritableMemoryOrNull) {
+    void* memory = port_platform_malloc(64);
+    ASSERT_NE(memory, nullptr);
+    std::memset(memory, 0xAA, 64);
+    port_platform_free(memory);
+    wrapped.malloc_fails = true;
+    EXPECT_EQ(port_platform_malloc(64), nullptr);
+    port_platform_free(nullptr);
+}
+
+TEST_F(PortPlatform, DelaysSleepTheirMicroseconds) {
+    port_platform_delay_us(50);
+    port_platform_delay_ms(3);
+    EXPECT_EQ(wrapped.sleeps, (std::vector<useconds_t>{50, 3000}));
+}
+
+TEST_F(PortPlatform, SleepWaitsInSelectWithSecondsAndMicroseconds) {
+    port_platform_sleep_ms(2345);
+    ASSERT_EQ(wrapped.selects.size(), 1U);
+    EXPECT_EQ(wrapped.selects[0].tv_sec, 2);
+    EXPECT_EQ(wrapped.selects[0].tv_usec, 345000);
+    EXPECT_TRUE(wrapped.sleeps.empty());
+}
+
+TEST_F(PortPlatform, InterruptedSleepGoesOnWithTheTimeLeft) {
+    wrapped.select_errors = {EINTR, EINTR};
+    port_platform_sleep_ms(900);
+    ASSERT_EQ(wrapped.selects.size(), 3U);
+    EXPECT_EQ(wrapped.selects[0].tv_usec, 900000);
+    EXPECT_EQ(wrapped.selects[1].tv_usec, 600000);
+    EXPECT_EQ(wrapped.selects[2].tv_usec, 400000);
+}
+
+TEST_F(PortPlatform, AnyOtherFailureEndsTheSleep) {
+    wrapped.select_errors = {EINTR, EINVAL};
+    port_platform_sleep_ms(900);
+    EXPECT_EQ(wrapped.selects.size(), 2U);
+}
+
+TEST_F(PortPlatform, SemaphoreStartsAtOneAndBlocksUntilGivenWhateverTheTimeout) {
+    port_platform_semaphore semaphore = port_platform_create_semaphore();
+    ASSERT_NE(semaphore, nullptr);
+    ASSERT_EQ(port_platform_take_semaphore(semaphore, 1), 0);
+
+    std::atomic<bool> given = false;
+    std::atomic<bool> taken_after_given = false;
+    std::atomic<bool> waiting = false;
+    std::thread taker([&] {
+        waiting = true;
+        EXPECT_EQ(port_platform_take_semaphore(semaphore, 1), 0);
+        taken_after_given = given.load();
+    });
+    while (!waiting) {
+        std::this_thread::yield();
+    }
+    // Longer than the timeout, and checked by the order of give and take, not by the time itself.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+    while (std::chrono::steady_clock::now() < until) {
+        std::this_thread::yield();
+    }
+    given = true;
+    EXPECT_EQ(port_platform_give_semaphore(semaphore), 0);
+    taker.join();
+    EXPECT_TRUE(taken_after_given);
+    port_platform_destroy_samphore(&semaphore);
+}
+
+TEST_F(PortPlatform, DestroyedSemaphoreIsNull) {
+    port_platform_semaphore semaphore = port_platform_create_semaphore();
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
+    EXPECT_EQ(semaphore, nullptr);
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
+}
+
+TEST_F(PortPlatform, FailedDestroyOfASemaphoreIsLoggedAndFreesIt) {
+    port_platform_semaphore semaphore = port_platform_create_semaphore();
+    wrapped.destroy_result = -1;
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }),
+              "port_platform_destroy_samphore fail, ret:-1\n");
+    EXPECT_EQ(semaphore, nullptr);
+}
+
+TEST_F(PortPlatform, FailedCreationOfASemaphoreGivesNullSilently) {
+    EXPECT_EQ(capture_stdout([] {
+                  interpose_fail("sem_init", 1, ENOSPC);
+                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
+                  wrapped.malloc_fails = true;
+                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
+                  wrapped.malloc_fails = false;
+              }),
+              "");
+}
+
+TEST_F(PortPlatform, MutexIsHeldUntilGiven) {
+    port_platform_mutex mutex = port_platform_create_mutex();
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_EQ(port_platform_take_mutex(mutex), 0);
+    EXPECT_EQ(pthread_mutex_trylock(mutex), EBUSY);
+    EXPECT_EQ(port_platform_give_mutex(mutex), 0);
+    EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
+    EXPECT_EQ(port_platform_give_mutex(mutex), 0);
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
+    EXPECT_EQ(mutex, nullptr);
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
+}
+
+TEST_F(PortPlatform, FailedDestroyOfAMutexIsLoggedAndFreesIt) {
+    port_platform_mutex mutex = port_platform_create_mutex();
+    wrapped.destroy_result = 16;
+    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }),
+              "port_platform_destroy_mutex fail, ret:16\n");
+    EXPECT_EQ(mutex, nullptr);
+}
+
+TEST_F(PortPlatform, FailedCreationOfAMutexGivesNullSilently) {
+    EXPECT_EQ(capture_stdout([] {
+                  interpose_fail("pthread_mutex_init", 1, ENOMEM);
+                  EXPECT_EQ(port_platform_create_mutex(), nullptr);
+                  wrapped.malloc_fails = true;
+                  EXPECT_EQ(port_platform_create_mutex(), nullptr);
+                  wrapped.malloc_fails = false;
+              }),
+              "");
+}
+
+TEST_F(PortPlatform, NullHandlesAreRefused) {
+    EXPECT_EQ(port_platform_give_semaphore(nullptr), -1);
+    EXPECT_EQ(port_platform_take_semaphore(nullptr, 0), -1);
+    EXPECT_EQ(port_platform_give_mutex(nullptr), -1);
+    EXPECT_EQ(port_platform_take_mutex(nullptr), -1);
+}

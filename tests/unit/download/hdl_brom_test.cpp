@@ -1,0 +1,436 @@
+#include "download/hdl_brom.h"
+
+#include "base/stop_request.h"
+#include "brom_link.h"
+#include "download/hdl_settings.h"
+#include "support/fake_clock.h"
+
+#include <numeric>
+#include <string>
+
+namespace {
+
+using std::string;
+
+constexpr uint16_t kError = 0x1D01;
+
+struct Brom : BromTest {
+    // Answers of a boot ROM that is in step: complements of the handshake bytes.
+    static void answer_handshake(size_t from) {
+        const uint8_t complements[] = {0x5F, 0xF5, 0xAF, 0xFA};
+        for (size_t i = 0; i < 4; ++i) {
+            brom_link.answers[from + i] = {{complements[i]}};
+        }
+    }
+    bool handshake() {
+        return run([] { return hdl_brom_handshake(); });
+    }
+    bool read_uid() {
+        return run([this] { return hdl_brom_read_uid(uid.data()); });
+    }
+    bool set_register() {
+        return run([] { return hdl_brom_set_register(0xA2080000, 0x10); });
+    }
+    bool set_baudrate() {
+        return run([] { return hdl_brom_set_baudrate(921600); });
+    }
+    bool jump() {
+        return run([] { return hdl_brom_jump_da(); });
+    }
+    string last() const {
+        return log.empty() ? "" : log.back();
+    }
+
+    Bytes uid = Bytes(kBromUidSize, 0x55);
+};
+
+void answer_register_statuses(uint16_t first, uint16_t second) {
+    brom_link.answers[2] = {word32(1), word16(first)};
+    brom_link.answers[3] = {word16(0x10), word16(second)};
+}
+
+Bytes uid_response(uint16_t status) {
+    Bytes response(19);
+    std::iota(response.begin(), response.end(), uint8_t{0});
+    response[0] = 0xE9;
+    response[17] = static_cast<uint8_t>(status >> 8U);
+    response[18] = static_cast<uint8_t>(status);
+    return response;
+}
+
+} // namespace
+
+TEST_F(Brom, HandshakePowerCyclesAndSynchronises) {
+    answer_handshake(0);
+    brom_link.at_power_on = [] { std::puts("power on"); };
+    EXPECT_TRUE(handshake());
+    EXPECT_EQ(brom_link.power, (Lines{"off at 0 ms", "on at 500 ms"}));
+    EXPECT_EQ(sent_as_text(), (Lines{"A0", "0A", "50", "05"}));
+    EXPECT_EQ(fake_clock.slept, (Times{500, 20, 10, 20, 10, 20, 10, 20, 10, 20}));
+    EXPECT_EQ(log, (Lines{"[I] Please reboot chip again:", "power on", "[I] echoU8 Send 0xA0",
+                          "[I] echoU8 receiveChar 0x5F", "[I] echoU8 Send 0xA", "[I] echoU8 receiveChar 0xF5",
+                          "[I] echoU8 Send 0x50", "[I] echoU8 receiveChar 0xAF", "[I] echoU8 Send 0x5",
+                          "[I] echoU8 receiveChar 0xFA"}));
+}
+
+TEST_F(Brom, HandshakeRepeatsItsFirstByte) {
+    brom_link.answers[0] = {};
+    brom_link.answers[1] = {{0x00}};
+    answer_handshake(2);
+    EXPECT_TRUE(handshake());
+    EXPECT_EQ(sent_as_text(), (Lines{"A0", "A0", "A0", "0A", "50", "05"}));
+    EXPECT_EQ(brom_link.power.size(), 2U);
+}
+
+TEST_F(Brom, SilentChipEndsTheHandshakeBehind10Seconds) {
+    brom_link.silent = true;
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(brom_link.power, (Lines{"off at 0 ms", "on at 500 ms"}));
+    EXPECT_EQ(fake_clock_slept(), 500 + 10040); // the first attempt to end past 10000 ms
+    EXPECT_EQ(brom_link.sent.size(), 251U);
+    EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
+}
+
+TEST_F(Brom, HandshakeEndsOneMillisecondPast10Seconds) {
+    brom_link.silent = true;
+    brom_link.at_receive = [] { fake_clock.now_ms += brom_link.sent.size() == 250 ? 1 : 0; };
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(brom_link.sent.size(), 250U);
+    EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
+}
+
+TEST_F(Brom, HandshakeEndsWithAClockThatIsSetBack) {
+    brom_link.silent = true;
+    brom_link.at_power_on = [] { fake_clock.now_ms -= kHourMs; };
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(fake_clock_slept(), 500 + 40 + 10040); // the limit begins anew behind the first attempt
+    EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
+}
+
+TEST_F(Brom, GarbledHandshakeByteStartsAllOverAgain) {
+    for (const size_t garbled : {1U, 2U, 3U}) {
+        brom_link = {};
+        answer_handshake(0);
+        brom_link.answers[garbled] = {{0x00}};
+        answer_handshake(garbled + 1); // the rest is skipped
+        fake_clock_start();
+        EXPECT_TRUE(handshake()) << garbled;
+        EXPECT_EQ(brom_link.sent.size(), garbled + 1 + 4);
+        const int64_t again = 500 + 30 * static_cast<int64_t>(garbled + 1) + 2000;
+        EXPECT_EQ(brom_link.power,
+                  (Lines{"off at 0 ms", "on at 500 ms", "off at " + std::to_string(again) + " ms",
+                         "on at " + std::to_string(again + 500) + " ms"}));
+    }
+}
+
+TEST_F(Brom, GarbledHandshakesAreRepeatedWithoutEnd) {
+    for (size_t i = 0; i < 100; ++i) { // more than 200 s: the limit starts afresh each time
+        brom_link.answers[2 * i] = {{0x5F}};
+        brom_link.answers[2 * i + 1] = {{0x00}};
+    }
+    answer_handshake(200);
+    EXPECT_TRUE(handshake());
+    EXPECT_EQ(brom_link.power.size(), 2 * 101U);
+}
+
+TEST_F(Brom, StopEndsTheRepetition) {
+    for (size_t i = 0; i < 100; ++i) {
+        brom_link.answers[2 * i] = {{0x5F}};
+        brom_link.answers[2 * i + 1] = {{0x00}};
+    }
+    brom_link.at_power_on = [] {
+        if (brom_link.power.size() == 6) {
+            stop_mark_raise();
+        }
+    };
+    EXPECT_FALSE(handshake());
+    stop_mark_lower();
+    EXPECT_EQ(brom_link.power.size(), 6U);
+    EXPECT_EQ(fake_clock.slept.back(), 2000);
+    EXPECT_EQ(last(), "[I] echoU8 receiveChar 0xF5");
+}
+
+TEST_F(Brom, StopFailsNoHandshakeThatWorks) {
+    brom_link.at_power_on = stop_mark_raise;
+    answer_handshake(0);
+    EXPECT_TRUE(handshake());
+    stop_mark_lower();
+}
+
+TEST_F(Brom, PowerLineThatCantBeDrivenLeavesTheTimeLimit) {
+    brom_link.power_result = -1;
+    brom_link.silent = true;
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(last(), "[E] Handshake timeout, please retry!");
+    brom_link = {};
+    brom_link.power_result = -1;
+    answer_handshake(0);
+    EXPECT_TRUE(handshake());
+}
+
+TEST_F(Brom, UidIsTheMiddleOfTheResponse) {
+    brom_link.answers[0] = {uid_response(0x1001)};
+    EXPECT_TRUE(read_uid());
+    EXPECT_EQ(sent_as_text(), (Lines{"E9"}));
+    EXPECT_EQ(uid, (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}));
+    EXPECT_EQ(fake_clock.slept, (Times{100}));
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(Brom, UidStatusIsInformationOnly) {
+    brom_link.answers[0] = {uid_response(0x1000)};
+    EXPECT_TRUE(read_uid());
+    EXPECT_EQ(log,
+              (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp, result = fail, error_code = 0x1000, error_message = "
+                     "response error code"}));
+    brom_link.answers[1] = {uid_response(0)};
+    EXPECT_TRUE(read_uid());
+    EXPECT_EQ(log, (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp, result = fail, error_code = 0x0, error_message = "
+                          "response error code"}));
+    brom_link.answers[2] = {uid_response(0x0234)};
+    EXPECT_TRUE(read_uid());
+    EXPECT_EQ(log,
+              (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp, result = fail, error_code = 0x234, error_message = "
+                     "response error code"}));
+}
+
+TEST_F(Brom, UidArrivesInPieces) {
+    const Bytes all = uid_response(0x2000);
+    brom_link.answers[0] = {{all[0]}, {}, Bytes(all.begin() + 1, all.begin() + 18), {all[18]}};
+    EXPECT_TRUE(read_uid());
+    EXPECT_EQ(uid, Bytes(all.begin() + 1, all.begin() + 17));
+    EXPECT_EQ(brom_link.asked, (std::vector<uint32_t>{19, 18, 18, 1}));
+}
+
+TEST_F(Brom, ForeignUidResponseFailsWithItsSecondByte) {
+    brom_link.answers[0] = {{0x42}, {0x01}, {0x02}};
+    EXPECT_FALSE(read_uid());
+    EXPECT_EQ(brom_link.asked.size(), 2U);
+    EXPECT_EQ(log,
+              (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp, result = fail, input_value = 0xE9, output_value = "
+                     "0x42, error_message = input output mismatch"}));
+    EXPECT_EQ(uid, Bytes(kBromUidSize, 0x55));
+}
+
+TEST_F(Brom, UidIsAwaitedHalfASecond) {
+    brom_link.answers[0] = {{0xE9}, Bytes(17, 1)};
+    EXPECT_FALSE(read_uid());
+    EXPECT_EQ(fake_clock_slept(), 100 + 500);
+    EXPECT_EQ(log, (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp timeout, please retry!"}));
+    EXPECT_EQ(uid, Bytes(kBromUidSize, 0x55));
+}
+
+TEST_F(Brom, UidEndsWithAClockThatIsSetBack) {
+    brom_link.answers[0] = {};
+    brom_link.at_receive = [] { fake_clock.now_ms -= brom_link.asked.size() == 1 ? kHourMs : 0; };
+    EXPECT_FALSE(read_uid());
+    EXPECT_EQ(fake_clock_slept(), 100 + 500);
+}
+
+TEST_F(Brom, OneForeignUidByteTimesOut) {
+    brom_link.answers[0] = {{0x42}};
+    EXPECT_FALSE(read_uid());
+    EXPECT_EQ(log, (Lines{"[E] BRom_1Bytes_req_19Bytes_rsp timeout, please retry!"}));
+}
+
+TEST_F(Brom, UidRequestThatCantBeSentFails) {
+    brom_link.failing_send = 0;
+    EXPECT_FALSE(read_uid());
+    EXPECT_TRUE(fake_clock.slept.empty());
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(Brom, RegisterIsWritten) {
+    answer_register_statuses(0, 0x0FFF);
+    EXPECT_TRUE(set_register());
+    EXPECT_EQ(sent_as_text(), (Lines{"D2", "000008A2", "01000000", "1000"}));
+    EXPECT_EQ(log, (Lines{"[I] hdl_brom_set_register addr(0xA2080000) val(0x10)", "[I] echoU8 Send 0xD2",
+                          "[I] echoU8 receiveChar 0xD2", "[I] echoU32 Send 0xA2080000",
+                          "[I] echoU32 Send 0x1", "[I] echoU16 Send 0x10"}));
+}
+
+TEST_F(Brom, RegisterIsWrittenInTheOrderOfASerialLine) {
+    g_download_settings.link_type = HDL_LINK_UART;
+    brom_link.answers[2] = {{0, 0, 0, 1}, {0x0F, 0xFF}};
+    brom_link.answers[3] = {{0x00, 0x10}, {0x00, 0x01}};
+    EXPECT_TRUE(set_register());
+    EXPECT_EQ(sent_as_text(), (Lines{"D2", "A2080000", "00000001", "0010"}));
+}
+
+TEST_F(Brom, EachStepOfARegisterWriteCanFail) {
+    const Lines texts = {"echoU8(0xD2)", "echoU32(0xA2080000)", "echoU32(0x1)", "echoU16(0x10)"};
+    for (uint32_t step = 0; step < texts.size(); ++step) {
+        brom_link = {};
+        answer_register_statuses(0, 0);
+        brom_link.failing_send = step;
+        EXPECT_FALSE(set_register());
+        EXPECT_EQ(last(), "[E] hdl_brom_set_register " + texts[step] + " error");
+        EXPECT_EQ(brom_link.sent.size(), step + 1);
+    }
+}
+
+TEST_F(Brom, RegisterStatusesAreAwaitedAndChecked) {
+    brom_link.answers[2] = {word32(1)};
+    EXPECT_FALSE(set_register());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_register readU16 error");
+    EXPECT_EQ(brom_link.sent.size(), 3U);
+
+    brom_link = {};
+    answer_register_statuses(0x1000, 0);
+    EXPECT_FALSE(set_register());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_register get status error 4096");
+    EXPECT_EQ(brom_link.sent.size(), 3U);
+
+    brom_link = {};
+    answer_register_statuses(0, 0);
+    brom_link.answers[3] = {word16(0x10)};
+    EXPECT_FALSE(set_register());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_register readU16 error");
+
+    brom_link = {};
+    answer_register_statuses(0, kError);
+    EXPECT_FALSE(set_register());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_register get status error 7425");
+}
+
+TEST_F(Brom, RegistersDependOnTheVariant) {
+    const auto set_registers = [this](uint32_t variant) {
+        brom_link = {};
+        answer_register_statuses(0, 0);
+        brom_link.answers[6] = {word32(1), word16(0)};
+        brom_link.answers[7] = {word16(0x40), word16(0)};
+        g_download_settings.chip_variant = variant;
+        return run([] { return hdl_brom_set_registers(); });
+    };
+    EXPECT_TRUE(set_registers(2));
+    EXPECT_EQ(sent_as_text(), Lines{});
+    EXPECT_TRUE(set_registers(0));
+    EXPECT_EQ(sent_as_text(), (Lines{"D2", "000008A2", "01000000", "1000"}));
+    EXPECT_TRUE(set_registers(1));
+    EXPECT_EQ(sent_as_text(),
+              (Lines{"D2", "000008A2", "01000000", "1000", "D2", "300008A2", "01000000", "4000"}));
+}
+
+TEST_F(Brom, FirstRegisterThatFailsIsTheLast) {
+    answer_register_statuses(0, kError);
+    EXPECT_FALSE(run([] { return hdl_brom_set_registers(); }));
+    EXPECT_EQ(brom_link.sent.size(), 4U);
+}
+
+TEST_F(Brom, BaudrateIsSetOnBothSides) {
+    brom_link.answers[1] = {word32(921600), word16(0x0FFF)};
+    EXPECT_TRUE(set_baudrate());
+    EXPECT_EQ(sent_as_text(), (Lines{"DC", "00100E00"}));
+    EXPECT_EQ(brom_link.speeds, (std::vector<uint32_t>{921600}));
+    EXPECT_EQ(fake_clock.slept, (Times{20, 10, 100}));
+}
+
+TEST_F(Brom, EachStepOfTheBaudrateCanFail) {
+    brom_link.failing_send = 0;
+    EXPECT_FALSE(set_baudrate());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate echoU8(0xDC) error");
+
+    brom_link = {};
+    brom_link.failing_send = 1;
+    EXPECT_FALSE(set_baudrate());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate echoU32(0xe1000) error");
+
+    brom_link = {};
+    EXPECT_FALSE(set_baudrate());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate readU16 error 0");
+
+    brom_link = {};
+    brom_link.answers[1] = {word32(921600), word16(0x1000)};
+    EXPECT_FALSE(set_baudrate());
+    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate get status error 4096");
+    EXPECT_TRUE(brom_link.speeds.empty());
+}
+
+TEST_F(Brom, BaudrateNeedsTheHostsSide) {
+    brom_link.answers[1] = {word32(921600), word16(0)};
+    brom_link.speed_result = false;
+    EXPECT_FALSE(set_baudrate());
+    EXPECT_EQ(fake_clock.slept, (Times{20, 10}));
+}
+
+TEST_F(Brom, JumpStartsTheAgent) {
+    brom_link.answers[1] = {word32(0x4200000), word16(0x0FFF)};
+    g_download_settings.high_speed = 1;
+    EXPECT_TRUE(jump());
+    EXPECT_EQ(sent_as_text(), (Lines{"D5", "00002004"}));
+    EXPECT_TRUE(brom_link.speeds.empty());
+    EXPECT_EQ(fake_clock.slept, (Times{20, 10}));
+    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xD5", "[I] echoU8 receiveChar 0xD5", "[I] echoU32 Send 0x4200000",
+                          "[I] Jump to DA OK"}));
+}
+
+TEST_F(Brom, AgentsAddressDependsOnVariantAndLink) {
+    const auto address = [this](uint32_t variant, uint32_t link) {
+        brom_link = {};
+        g_download_settings.chip_variant = variant;
+        g_download_settings.link_type = link;
+        jump();
+        return sent_as_text()[1];
+    };
+    EXPECT_EQ(address(1, HDL_LINK_SPI), "00002004");
+    EXPECT_EQ(address(1, HDL_LINK_UART), "04200000");
+    EXPECT_EQ(address(1, HDL_LINK_OTHER), "00002004");
+    EXPECT_EQ(address(0, HDL_LINK_SPI), "00002004");
+    EXPECT_EQ(address(0, HDL_LINK_UART), "04000000");
+    EXPECT_EQ(address(0, HDL_LINK_OTHER), "00000004");
+    EXPECT_EQ(address(2, HDL_LINK_SPI), "00000004");
+    EXPECT_EQ(address(2, HDL_LINK_UART), "04000000");
+}
+
+TEST_F(Brom, JumpOnAFastSerialLineGoesBackToItsFirstSpeed) {
+    g_download_settings.link_type = HDL_LINK_UART;
+    brom_link.answers[1] = {{0x04, 0x20, 0, 0}, {0, 0}};
+    EXPECT_TRUE(jump());
+    EXPECT_TRUE(brom_link.speeds.empty());
+
+    g_download_settings.high_speed = 1;
+    brom_link.answers[3] = brom_link.answers[1];
+    EXPECT_TRUE(jump());
+    EXPECT_EQ(brom_link.speeds, (std::vector<uint32_t>{115200}));
+    EXPECT_EQ(fake_clock.slept.back(), 100);
+
+    brom_link.answers[5] = brom_link.answers[1];
+    brom_link.speed_result = false;
+    EXPECT_FALSE(jump());
+    EXPECT_EQ(last(), "[I] echoU32 Send 0x4200000");
+}
+
+TEST_F(Brom, EachStepOfTheJumpCanFail) {
+    brom_link.failing_send = 0;
+    EXPECT_FALSE(jump());
+    EXPECT_EQ(last(), "[E] hdl_brom_jump_da echoU8(0xD5) error");
+
+    brom_link = {};
+    brom_link.failing_send = 1;
+    EXPECT_FALSE(jump());
+    EXPECT_EQ(last(), "[E] hdl_brom_jump_da echoU32(0x4200000) error");
+
+    brom_link = {};
+    EXPECT_FALSE(jump());
+    EXPECT_EQ(last(), "[E] hdl_brom_jump_da readU16 error");
+
+    brom_link = {};
+    brom_link.answers[1] = {word32(0x4200000), word16(kError)};
+    EXPECT_FALSE(jump());
+    EXPECT_EQ(last(), "[E] hdl_brom_jump_da get status error 7425");
+}
+
+TEST(BromChecksum, IsTheXorOfLittleEndianWords) {
+    const Bytes bytes = {1, 2, 3};
+    EXPECT_EQ(bromChecksum(bytes.data(), 3), 0x0202);
+    EXPECT_EQ(bromChecksum(bytes.data(), 2), 0x0201);
+    EXPECT_EQ(bromChecksum(bytes.data(), 1), 0x0001);
+    const Bytes more = {0xFF, 0x00, 0x0F, 0xF0, 0x00, 0x80};
+    EXPECT_EQ(bromChecksum(more.data(), 6), 0x70F0);
+}
+
+TEST(BromChecksum, NothingHasChecksumZero) {
+    const uint8_t byte = 1;
+    EXPECT_EQ(bromChecksum(nullptr, 4), 0);
+    EXPECT_EQ(bromChecksum(&byte, 0), 0);
+}

@@ -1,0 +1,179 @@
+#include "hdl_fakes.h"
+
+#include "download/crc32_calc.h"
+#include "download/hdl_settings.h"
+#include "download/hdl_transport.h"
+#include "download/tool_log.h"
+#include "download/tool_rx_buffer.h"
+#include "download/tool_time.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+HdlFakes g_fakes;
+DownloadSettings g_download_settings;
+
+namespace {
+
+ToolRxBuffer pool;
+
+__attribute__((format(printf, 2, 0))) void log_line(const char* level, const char* format, va_list values) {
+    char text[8192];
+    vsnprintf(text, sizeof text, format, values);
+    g_fakes.log.push_back(level + std::string(text));
+}
+
+} // namespace
+
+void hdl_fakes_reset() {
+    g_fakes = HdlFakes{};
+    g_download_settings = {};
+    g_download_settings.link_type = HDL_LINK_SPI;
+    pool.count = 0;
+}
+
+Texts hdl_fakes_log_with(const std::string& start) {
+    Texts found;
+    for (const std::string& line : g_fakes.log) {
+        if (line.rfind(start, 0) == 0) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+Bytes le16(uint32_t value) {
+    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
+}
+
+Bytes le32(uint32_t value) {
+    return le16(value) + le16(value >> 16);
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+uint32_t slow_crc32(const Bytes& data) {
+    uint32_t crc = ~0U;
+    for (const uint8_t byte : data) {
+        crc ^= byte;
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+        }
+    }
+    return ~crc;
+}
+
+Bytes with_crc(const Bytes& data) {
+    return data + le32(slow_crc32(data));
+}
+
+Bytes agent_frame(uint16_t id, uint8_t status, const Bytes& payload) {
+    const Bytes body = le16(id) + Bytes{status} + payload;
+    return raw_frame('[', static_cast<uint16_t>(body.size()), body);
+}
+
+Bytes raw_frame(char type, uint16_t length, const Bytes& body) {
+    return Bytes{0x05, static_cast<uint8_t>(type)} + le16(length) + body;
+}
+
+Bytes agent_log(const std::string& text) {
+    const Bytes body = le16(0x0F10) + Bytes(6, 0xEE) + Bytes(text.begin(), text.end());
+    return raw_frame(']', static_cast<uint16_t>(body.size()), body);
+}
+
+void tool_log_error(const char* format, ...) {
+    va_list values;
+    va_start(values, format);
+    log_line("[E] ", format, values);
+    va_end(values);
+}
+
+void tool_log_info(const char* format, ...) {
+    va_list values;
+    va_start(values, format);
+    log_line("[I] ", format, values);
+    va_end(values);
+}
+
+int64_t tool_time_now_ms() {
+    return g_fakes.now;
+}
+
+void tool_time_start() {
+    g_fakes.calls.emplace_back("time_start");
+}
+
+void tool_sleep_ms(int64_t ms) {
+    g_fakes.calls.push_back("sleep " + std::to_string(ms));
+    g_fakes.now += ms;
+}
+
+ToolRxBuffer* tool_rx_buffer_get() {
+    return &pool;
+}
+
+void tool_rx_buffer_clear() {
+    pool.count = 0;
+}
+
+bool tool_rx_buffer_append(ToolRxBuffer* buffer, const uint8_t* data, uint32_t n) {
+    if (n > kToolRxBufferSize - buffer->count) {
+        return false;
+    }
+    std::copy_n(data, n, buffer->data + buffer->count);
+    buffer->count += n;
+    return true;
+}
+
+uint32_t tool_rx_buffer_consume(ToolRxBuffer* buffer, uint32_t n) {
+    const uint32_t dropped = std::min(n, buffer->count);
+    buffer->count -= dropped;
+    memmove(buffer->data, buffer->data + dropped, buffer->count);
+    return buffer->count;
+}
+
+uint32_t crc32_calc(const uint8_t* data, uint32_t n) {
+    return data == nullptr || n == 0 ? 0 : slow_crc32(Bytes(data, data + n));
+}
+
+bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag) {
+    g_fakes.calls.push_back("send " + std::to_string(n) + " flag " + std::to_string(send_flag));
+    const Bytes frame(data, data + n);
+    g_fakes.sent.push_back(frame);
+    if (!g_fakes.accepts(frame)) {
+        return false;
+    }
+    g_fakes.on_send(frame);
+    return true;
+}
+
+uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n) {
+    g_fakes.calls.push_back("receive " + std::to_string(n));
+    g_fakes.on_receive();
+    if (g_fakes.arrives.empty()) {
+        g_fakes.now += g_fakes.receive_ms;
+        return 0;
+    }
+    Bytes& next = g_fakes.arrives.front();
+    const auto count = static_cast<uint32_t>(std::min<size_t>(n, next.size()));
+    std::copy_n(next.begin(), count, buffer);
+    next.erase(next.begin(), next.begin() + count);
+    if (next.empty()) {
+        g_fakes.arrives.pop_front();
+    }
+    return count;
+}
+
+bool hdl_transport_set_speed(uint32_t baud) {
+    g_fakes.calls.push_back("set_speed " + std::to_string(baud));
+    return g_fakes.set_speed_result;
+}
+
+void hdl_transport_link_hook(uint32_t value) {
+    g_fakes.calls.push_back("hook " + std::to_string(value));
+}

@@ -1,0 +1,381 @@
+#include "base/stop_request.h"
+#include "download/hdl_settings.h"
+#include "download/hdl_transport.h"
+#include "download/spim.h"
+#include "spim_slave.h"
+#include "support/fake_clock.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::string;
+
+const string kConfigureRead2 = "02 00 00 AA 55 01 00 00 00";
+const string kConfigureWrite2 = "04 00 00 AA 55 01 00 00 00";
+const string kWrite2 = "06 41 42";
+const string kRead2 = "81 00 00";
+
+struct SpimRetry : SpimTest {
+    void write() {
+        const uint8_t data[] = {0x41, 0x42};
+        run([&] { spim_write(data, sizeof data); });
+    }
+    void read() {
+        run([&] { spim_read(buffer.data(), 2); });
+    }
+    // The slave that answers every data phase with this status.
+    static void fail_data_with(int status) {
+        spim_slave.status_after = [status](uint8_t last) {
+            return last == 0x06 || last == 0x81 ? status : last == 0x0E ? 0x01 : 0x04;
+        };
+    }
+    // Statuses of a slave that takes each configuration at the 22nd try, when it has been woken, and reports
+    // an error at each data phase.
+    static void queue_rounds(int n) {
+        for (int round = 0; round < n; ++round) {
+            spim_slave.statuses.insert(spim_slave.statuses.end(), 21 * 5 + 1, 0x01); // the last: it is awake
+            spim_slave.statuses.insert(spim_slave.statuses.end(), {0x04, 0x10, 0x01});
+        }
+    }
+    // Announces a stop when so many frames with the opcode have been seen.
+    void stop_at(uint8_t opcode, uint32_t count) {
+        spim_slave.at_frame = [this, opcode, count] {
+            if (!stopped && frames_with(opcode) == count) {
+                stopped = true;
+                stop_mark_raise();
+            }
+        };
+    }
+    ~SpimRetry() override {
+        if (stopped) {
+            stop_mark_lower();
+        }
+    }
+
+    Bytes buffer = {0x55, 0x55};
+    bool stopped = false;
+};
+
+Lines times(uint32_t n, const Lines& frames) {
+    Lines all;
+    for (uint32_t i = 0; i < n; ++i) {
+        all.insert(all.end(), frames.begin(), frames.end());
+    }
+    return all;
+}
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+} // namespace
+
+TEST_F(SpimRetry, WriteIsConfigurationAndData) {
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
+
+    EXPECT_EQ(spim_slave.has_rx, (std::vector<bool>{false, false}));
+    EXPECT_EQ(fake_clock.slept, (std::vector<int64_t>{3, 3}));
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(SpimRetry, ReadIsConfigurationAndData) {
+    spim_slave.data = {0x61, 0x62};
+    read();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureRead2, kRead2}));
+
+    EXPECT_EQ(buffer, spim_slave.data);
+    EXPECT_EQ(fake_clock.slept, (std::vector<int64_t>{80, 1}));
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(SpimRetry, LengthTravelsLessOne) {
+    Bytes data(4095, 0x42);
+    run([&] {
+        spim_write(data.data(), 1);
+        spim_write(data.data(), 4095);
+        spim_read(data.data(), 257);
+    });
+    EXPECT_EQ(frames_as_text()[0], "04 00 00 AA 55 00 00 00 00");
+    EXPECT_EQ(frames_as_text()[2], "04 00 00 AA 55 FE 0F 00 00");
+    EXPECT_EQ(frames_as_text()[4], "02 00 00 AA 55 00 01 00 00");
+}
+
+TEST_F(SpimRetry, WhatFitsNoTransactionIsNotSent) {
+    uint8_t byte = 1;
+    run([&] {
+        spim_write(&byte, 0);
+        spim_write(&byte, 4096);
+        spim_write(nullptr, 1);
+        spim_read(&byte, 0);
+        spim_read(&byte, 4096);
+        spim_read(nullptr, 1);
+    });
+    EXPECT_TRUE(spim_slave.frames.empty());
+}
+
+TEST_F(SpimRetry, FramesAreBuiltAnewInBothBitOrders) {
+    for (const uint32_t order : {0U, 1U}) {
+        g_download_settings.spi_bit_order = order;
+        spim_slave.frames.clear();
+        spim_slave.data = {0x01, 0x02};
+        spim_slave.statuses = {0x80, 0x04, 0x80, 0x20, 0x80, 0x04, 0x80, 0x20};
+        write();
+        read();
+        EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kConfigureWrite2, kWrite2, kWrite2,
+                                           kConfigureRead2, kConfigureRead2, kRead2, kRead2}))
+            << order;
+        EXPECT_EQ(buffer, (Bytes{0x01, 0x02})) << order;
+    }
+}
+
+TEST_F(SpimRetry, FailedConfigurationFrameEndsTheOperation) {
+    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x02 || frame[0] == 0x04; };
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
+
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
+    read();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kConfigureRead2}));
+
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CR command failed"}));
+    EXPECT_EQ(buffer, (Bytes{0x55, 0x55}));
+}
+
+TEST_F(SpimRetry, FailedDataFrameEndsTheOperation) {
+    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x06 || frame[0] == 0x81; };
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
+
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send WR command failed"}));
+    read();
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send dma failed"}));
+    EXPECT_EQ(buffer, (Bytes{0, 0}));
+}
+
+TEST_F(SpimRetry, FrameThatMovesNothingHasFailed) {
+    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x04; };
+    spim_slave.failed_result = 0;
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
+}
+
+TEST_F(SpimRetry, ConfigurationIsRepeatedUntilItIsTaken) {
+    spim_slave.statuses = std::deque<int>(5 * 20, 0x01);
+    write();
+    EXPECT_EQ(frames_as_text(), (times(21, {kConfigureWrite2}) + Lines{kWrite2}));
+    EXPECT_EQ(fake_clock_slept(), 20 * 5 * 3 + 3 + 3);
+}
+
+TEST_F(SpimRetry, ConfigurationMissed21TimesWakesTheSlave) {
+    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (times(21, {kConfigureWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
+    spim_slave.frames.clear();
+    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
+    read();
+    EXPECT_EQ(frames_as_text(), (times(21, {kConfigureRead2}) + Lines{"0C", "0E", kConfigureRead2, kRead2}));
+}
+
+TEST_F(SpimRetry, WriteGivesUpBehind11Wakeups) {
+    spim_slave.status_after = [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; };
+    write();
+    EXPECT_EQ(frames_as_text(), (times(11, times(21, {kConfigureWrite2}) + Lines{"0C", "0E"})));
+    EXPECT_EQ(log, (Lines{"[E] [SPIM] 1. SPI master CWR retry timeout, write failed\r", ""}));
+}
+
+TEST_F(SpimRetry, ReadGivesUpBehindOneWakeup) {
+    spim_slave.status_after = [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; };
+    read();
+    EXPECT_EQ(frames_as_text(),
+              (times(21, {kConfigureRead2}) + Lines{"0C", "0E"} + times(21, {kConfigureRead2})));
+    EXPECT_EQ(fake_clock_slept(), 42 * 5 * 80 + 1 + 1 + 10);
+    EXPECT_EQ(log, (Lines{"[E] 1. SPI master CRD retry timeout, read failed\r", ""}));
+}
+
+TEST_F(SpimRetry, ErrorsAndFaultsOfAConfigurationAreMisses) {
+    spim_slave.statuses = {0x08, 0x01, 0x80, 0x01, 0x01, 0x01, 0x01, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, "08 08", "0C", "0E", kConfigureWrite2,
+                                       kConfigureWrite2, kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, DataIsRepeatedFiveTimesThenTheSlaveIsWoken) {
+    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureWrite2} + times(6, {kWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
+    spim_slave.frames.clear();
+    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01};
+    read();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureRead2} + times(6, {kRead2}) + Lines{"0C", "0E", kConfigureRead2, kRead2}));
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(SpimRetry, DataPhaseIsAwaited100Times) {
+    spim_slave.statuses = std::deque<int>(101, 0x04);
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2, kWrite2}));
+
+    EXPECT_EQ(fake_clock_slept(), 3 + 100 * 3 + 3);
+    fake_clock.slept.clear();
+    spim_slave.frames.clear();
+    spim_slave.statuses = std::deque<int>(101, 0x04);
+    read();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureRead2, kRead2, kRead2}));
+
+    EXPECT_EQ(fake_clock_slept(), 80 + 100 * 1 + 1);
+}
+
+TEST_F(SpimRetry, ErrorInTheDataPhaseStartsTheCommandAgain) {
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureWrite2, kWrite2, "08 10", "0C", "0E", kConfigureWrite2, kWrite2}));
+
+    spim_slave.frames.clear();
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    read();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureRead2, kRead2, "08 10", "0C", "0E", kConfigureRead2, kRead2}));
+}
+
+TEST_F(SpimRetry, MissesStartAnewWithTheCommand) {
+    spim_slave.statuses = std::deque<int>(5 * 20, 0x01);
+    for (const int status : {0x04, 0x10, 0x01}) { // taken at last; then the data phase fails
+        spim_slave.statuses.push_back(status);
+    }
+    for (int i = 0; i < 5 * 20; ++i) {
+        spim_slave.statuses.push_back(0x01);
+    }
+    write();
+    EXPECT_EQ(frames_with(0x04), 21U + 21U);
+    EXPECT_EQ(frames_with(0x0C), 1U); // of the error only
+}
+
+TEST_F(SpimRetry, FailedDataCountsOnBehindAnError) {
+    const Lines sixth = {"08 10", "0C", "0E"};
+    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x10, 0x01, 0x04, 0x80, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2} + times(6, {kWrite2}) + sixth +
+                                 Lines{kConfigureWrite2, kWrite2, "0C", "0E", kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, WakeupsOfAWriteCountOverItsRestarts) {
+    queue_rounds(11);
+    write();
+    EXPECT_EQ(frames_with(0x04), 10U * 22 + 21);
+    EXPECT_EQ(log.back(), "");
+    EXPECT_EQ(log.at(0), "[E] [SPIM] 1. SPI master CWR retry timeout, write failed\r");
+}
+
+TEST_F(SpimRetry, WakeupsOfAReadCountOverItsRestarts) {
+    queue_rounds(2);
+    read();
+    EXPECT_EQ(frames_with(0x02), 22U + 21);
+    EXPECT_EQ(log.at(0), "[E] 1. SPI master CRD retry timeout, read failed\r");
+}
+
+TEST_F(SpimRetry, EndlessErrorsOfAWriteEndWithAStop) {
+    fail_data_with(0x08);
+    stop_at(0x06, 50);
+    write();
+    EXPECT_EQ(frames_as_text(), times(50, {kConfigureWrite2, kWrite2, "08 08", "0C", "0E"}));
+
+    EXPECT_EQ(log, Lines{});
+}
+
+TEST_F(SpimRetry, EndlessErrorsOfAReadEndWithAStop) {
+    fail_data_with(0x10);
+    stop_at(0x81, 50);
+    read();
+    EXPECT_EQ(frames_with(0x81), 50U);
+    EXPECT_EQ(buffer, (Bytes{0, 0}));
+}
+
+TEST_F(SpimRetry, DataThatIsNeverTakenEndsWithAStop) {
+    fail_data_with(0x80);
+    stop_at(0x06, 600);
+    write();
+    EXPECT_EQ(frames_with(0x06), 600U);
+    EXPECT_EQ(frames_with(0x04), 100U);
+    EXPECT_EQ(frames_with(0x0C), 100U);
+}
+
+TEST_F(SpimRetry, AnnouncedStopFailsNothingThatWorks) {
+    stop_at(0x04, 1);
+    write();
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, AnnouncedStopLeavesAPassingErrorToBeOvercome) {
+    stop_at(0x04, 1);
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureWrite2, kWrite2, "08 10", "0C", "0E", kConfigureWrite2, kWrite2}));
+
+    spim_slave.frames.clear();
+    spim_slave.statuses = {0x04, 0x10, 0x01};
+    read();
+    EXPECT_EQ(frames_as_text(),
+              (Lines{kConfigureRead2, kRead2, "08 10", "0C", "0E", kConfigureRead2, kRead2}));
+}
+
+TEST_F(SpimRetry, AnnouncedStopEndsErrorsThatDoNotPass) {
+    fail_data_with(0x08);
+    stop_at(0x04, 1);
+    write();
+    EXPECT_EQ(frames_with(0x06), 4U);
+    fail_data_with(0x10);
+    read();
+    EXPECT_EQ(frames_with(0x81), 4U);
+}
+
+TEST_F(SpimRetry, AnnouncedStopLeavesTheLimitedRetries) {
+    stop_at(0x04, 1);
+    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
+    write();
+    EXPECT_EQ(frames_as_text(),
+              (times(21, {kConfigureWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
+}
+
+TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {
+    spim_close();
+    spim_slave = {};
+    EXPECT_TRUE(hdl_transport_open());
+    const uint8_t data[] = {0x41, 0x42};
+    EXPECT_TRUE(hdl_transport_send(data, 2, 0));
+    spim_slave.data = {0x61, 0x62};
+    EXPECT_EQ(hdl_transport_receive(buffer.data(), 2), 2U);
+    EXPECT_EQ(buffer, spim_slave.data);
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2, kConfigureRead2, kRead2}));
+
+    hdl_transport_close();
+    hdl_transport_close();
+    EXPECT_EQ(spim_slave.closed.size(), 1U);
+}
+
+TEST_F(SpimRetry, LinkTellsWhatCantBeMoved) {
+    EXPECT_FALSE(hdl_transport_send(nullptr, 2, 1));
+    EXPECT_FALSE(hdl_transport_send(buffer.data(), 0, 1));
+    EXPECT_EQ(hdl_transport_receive(nullptr, 2), 0U);
+    EXPECT_EQ(hdl_transport_receive(buffer.data(), 0), 0U);
+    spim_close();
+    spim_slave.open_result = -1;
+    EXPECT_FALSE(hdl_transport_open());
+}
+
+TEST_F(SpimRetry, LinkHooksDoNothing) {
+    EXPECT_TRUE(hdl_transport_prepare());
+    EXPECT_TRUE(hdl_transport_set_speed(921600));
+    hdl_transport_link_hook(1);
+    EXPECT_TRUE(spim_slave.frames.empty());
+}

@@ -1,0 +1,144 @@
+#include "spim_slave.h"
+
+#include "download/hdl_settings.h"
+#include "download/spim.h"
+#include "support/capture.h"
+#include "support/fake_clock.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+SpimSlave spim_slave;
+
+namespace {
+
+constexpr int32_t kDescriptor = 7;
+
+uint8_t last_command = 0; // that a status speaks of
+
+uint8_t reversed(uint8_t byte) {
+    unsigned result = 0;
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        result |= (byte >> bit & 1U) << (7 - bit);
+    }
+    return static_cast<uint8_t>(result);
+}
+
+// With bit order 1 the device runs most significant bit first, and both sides' bytes are turned around.
+uint8_t on_wire(uint8_t byte) {
+    return g_download_settings.spi_bit_order == 1 ? reversed(byte) : byte;
+}
+
+int obedient_status(uint8_t last) {
+    switch (last) {
+    case 0x02:
+    case 0x04:
+        return 0x05;
+    case 0x06:
+    case 0x81:
+        return 0x21;
+    default:
+        return 0x01;
+    }
+}
+
+int next_status() {
+    if (!spim_slave.statuses.empty()) {
+        const int status = spim_slave.statuses.front();
+        spim_slave.statuses.pop_front();
+        return status;
+    }
+    return spim_slave.status_after ? spim_slave.status_after(last_command) : obedient_status(last_command);
+}
+
+int32_t answer_status(uint8_t* rx, uint32_t len) {
+    ++spim_slave.status_reads;
+    const int status = next_status();
+    if (status == kFails) {
+        return -1;
+    }
+    rx[1] = on_wire(static_cast<uint8_t>(status));
+    return static_cast<int32_t>(len);
+}
+
+int32_t take_frame(const Bytes& frame, uint8_t* rx) {
+    spim_slave.frames.push_back(frame);
+    spim_slave.has_rx.push_back(rx != nullptr);
+    last_command = frame[0];
+    spim_slave.at_frame();
+    if (spim_slave.fails(frame)) {
+        return spim_slave.failed_result;
+    }
+    if (frame[0] == 0x81) {
+        for (size_t i = 1; i < frame.size(); ++i) {
+            rx[i] = on_wire(i <= spim_slave.data.size() ? spim_slave.data[i - 1] : uint8_t{0xEE});
+        }
+    }
+    return static_cast<int32_t>(frame.size());
+}
+
+} // namespace
+
+int32_t location_spi_init(int32_t* fd, const location_spi_config* config) {
+    spim_slave.opened.push_back(*config);
+    if (spim_slave.open_result == 0) {
+        *fd = kDescriptor;
+    }
+    return spim_slave.open_result;
+}
+
+int32_t location_spi_deinit(int32_t fd) {
+    spim_slave.closed.push_back(fd);
+    return spim_slave.close_result;
+}
+
+int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf, uint32_t len) {
+    EXPECT_EQ(fd, kDescriptor);
+    Bytes frame(tx_buf, tx_buf + len);
+    std::transform(frame.begin(), frame.end(), frame.begin(), on_wire);
+    if (frame[0] != 0x0A) {
+        return take_frame(frame, rx_buf);
+    }
+    EXPECT_EQ(frame, (Bytes{0x0A, 0x00}));
+    return answer_status(rx_buf, len);
+}
+
+SpimTest::SpimTest() {
+    fake_clock_start();
+    g_download_settings = {};
+    g_download_settings.spi_frequency = 5000000;
+    std::snprintf(g_download_settings.io_path, sizeof g_download_settings.io_path, "/dev/spidev0.0");
+    spim_slave = {};
+    last_command = 0;
+    spim_open();
+}
+
+SpimTest::~SpimTest() {
+    spim_close();
+    g_download_settings = {};
+    fake_clock_stop();
+}
+
+void SpimTest::run(const std::function<void()>& body) {
+    log = without_stamps(capture_stdout(body));
+}
+
+Lines frames_as_text() {
+    Lines texts;
+    for (const Bytes& frame : spim_slave.frames) {
+        std::string text;
+        for (const uint8_t byte : frame) {
+            char hex[4];
+            std::snprintf(hex, sizeof hex, text.empty() ? "%02X" : " %02X", byte);
+            text += hex;
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+uint32_t frames_with(uint8_t opcode) {
+    return static_cast<uint32_t>(std::count_if(spim_slave.frames.begin(), spim_slave.frames.end(),
+                                               [opcode](const Bytes& frame) { return frame[0] == opcode; }));
+}

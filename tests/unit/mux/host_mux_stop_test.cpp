@@ -1,0 +1,396 @@
+// No wait holds up a stop: cancellation and the mark of a pending stop end each of them and leave nothing
+// behind.
+#include "base/stop_request.h"
+#include "host_mux_fixture.h"
+#include "mux/host_mux_lock.h"
+
+#include <chrono>
+#include <cstdio>
+#include <pthread.h>
+
+namespace {
+
+// As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
+[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+
+constexpr auto kLimit = std::chrono::seconds(60);
+
+struct StopMark {
+    StopMark() {
+        stop_mark_raise();
+    }
+    ~StopMark() {
+        stop_mark_lower();
+    }
+};
+
+// One operation on a thread of its own.
+struct Worker {
+    enum Kind { kReceive, kSend };
+
+    Worker(host_mux_handle* mux, Kind operation) : handle(mux), kind(operation) {
+        EXPECT_EQ(pthread_create(&thread, nullptr, run, this), 0);
+    }
+
+    static void* run(void* self) {
+        auto* worker = static_cast<Worker*>(self);
+        worker->started = true;
+        const int32_t result = worker->kind == kReceive
+                                   ? host_mux_rx(worker->handle, worker->buffer, &worker->length)
+                                   : host_mux_tx(worker->handle, worker->buffer, &worker->length);
+        return result == 0 ? nullptr : &worker->failed;
+    }
+
+    void* join() {
+        void* result = nullptr;
+        EXPECT_EQ(pthread_join(thread, &result), 0);
+        return result;
+    }
+
+    void* cancel_and_join() {
+        EXPECT_EQ(pthread_cancel(thread), 0);
+        return join();
+    }
+
+    bool join_failed() {
+        return join() == &failed;
+    }
+
+    host_mux_handle* handle;
+    Kind kind;
+    uint8_t buffer[64] = {};
+    uint32_t length = sizeof buffer;
+    int failed = 0;
+    std::atomic<bool> started{false};
+    pthread_t thread{};
+};
+
+// Status queries of an operation that goes well.
+size_t queries_of(Worker::Kind kind) {
+    return kind == Worker::kReceive ? 5 : 6;
+}
+
+bool wait_until(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + kLimit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    return true;
+}
+
+struct HostMuxStop : HostMux {
+    bool wait_for_transfers(size_t more) {
+        const size_t goal = slave.transfers + more;
+        return wait_until([&] { return slave.transfers >= goal; });
+    }
+
+    void make_silent() {
+        slave.status_answer = [](uint8_t) { return uint8_t{0xFF}; };
+    }
+    void make_stuck_in_errors() {
+        slave.status_answer = [](uint8_t) { return uint8_t{0x19}; };
+    }
+    void make_stuck_on() {
+        slave.status_answer = [](uint8_t honest) { return static_cast<uint8_t>(honest | 0x01); };
+    }
+
+    // The slave is well until this many status queries were answered.
+    void turn_into_errors_after(size_t queries) {
+        slave.status_answer = [queries, count = size_t{0}](uint8_t honest) mutable {
+            return ++count > queries ? uint8_t{0x19} : honest;
+        };
+    }
+};
+
+} // namespace
+
+TEST_F(HostMuxStop, CancelledWhileTheSlaveIsSilent) {
+    make_silent();
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        void* result = nullptr;
+        capture_stdout([&] {
+            Worker worker(&handle, kind);
+            EXPECT_TRUE(wait_for_transfers(20));
+            result = worker.cancel_and_join();
+        });
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+        EXPECT_EQ(host_mux_spi_power_counter(), 0);
+    }
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancelledWhileTheSlaveNeverSwitchesOn) {
+    slave.ignores_power = true;
+    void* result = nullptr;
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_for_transfers(110));
+        result = worker.cancel_and_join();
+    });
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancelledWhileErrorsDoNotEnd) {
+    make_stuck_in_errors();
+    void* result = nullptr;
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_for_transfers(300));
+        result = worker.cancel_and_join();
+    });
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, ErrorNestingStartsAnewAfterACancellation) {
+    make_stuck_in_errors();
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_for_transfers(300));
+        EXPECT_EQ(worker.cancel_and_join(), PTHREAD_CANCELED);
+    });
+    slave.frames.clear();
+    slave.status_answer = [left = 2](uint8_t honest) mutable { return left-- > 0 ? uint8_t{0x19} : honest; };
+    capture_stdout([&] { host_mux_spi_power_on_without_counter(handle.id); });
+    EXPECT_EQ(frames_of(0x02), 3U);
+    EXPECT_EQ(frames_of(0x04), 4U);
+    capture_stdout([&] { portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(handle.id); });
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancelledInTheMiddleOfAnOperation) {
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        for (size_t queries = 1; queries < queries_of(kind); ++queries) {
+            slave.to_host = counted_bytes(10);
+            turn_into_errors_after(queries);
+            void* result = nullptr;
+            capture_stdout([&] {
+                Worker worker(&handle, kind);
+                EXPECT_TRUE(wait_for_transfers(300));
+                result = worker.cancel_and_join();
+            });
+            EXPECT_EQ(result, PTHREAD_CANCELED) << queries;
+            expect_usable();
+        }
+    }
+}
+
+TEST_F(HostMuxStop, CancelledWhileTheSlaveNeverSwitchesOff) {
+    make_stuck_on();
+    void* result = nullptr;
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_for_transfers(250));
+        result = worker.cancel_and_join();
+    });
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancelledWhileAnotherThreadHoldsTheMutex) {
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        ASSERT_EQ(pthread_mutex_lock(g_host_mux_spi_master_mutex), 0);
+        Worker worker(&handle, kind);
+        EXPECT_TRUE(wait_until([&] { return worker.started.load(); }));
+        EXPECT_EQ(worker.cancel_and_join(), PTHREAD_CANCELED);
+        EXPECT_EQ(slave.transfers, 0U);
+        pthread_mutex_unlock(g_host_mux_spi_master_mutex);
+    }
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancellationWaitsForTheEndOfAnOperationThatGoesWell) {
+    slave.to_host = counted_bytes(10);
+    std::atomic<bool> cancelled{false};
+    slave.status_answer = [&](uint8_t honest) {
+        EXPECT_TRUE(wait_until([&] { return cancelled.load(); }));
+        return honest;
+    };
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_EQ(pthread_cancel(worker.thread), 0);
+        cancelled = true;
+        EXPECT_EQ(worker.join(), nullptr);
+        EXPECT_EQ(worker.length, 10U);
+    });
+    EXPECT_EQ(slave.frames.size(), 11U);
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CallerThatForbidsCancellationIsNotCancelled) {
+    make_silent();
+    capture_stdout([&] {
+        std::atomic<pthread_t> self{};
+        std::atomic<bool> returned{false};
+        std::thread thread([&] {
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+            self = pthread_self();
+            uint8_t byte = 0;
+            uint32_t length = 1;
+            EXPECT_EQ(host_mux_rx(&handle, &byte, &length), 1);
+            returned = true;
+        });
+        EXPECT_TRUE(wait_for_transfers(10));
+        pthread_cancel(self);
+        EXPECT_TRUE(wait_for_transfers(50));
+        const StopMark stop;
+        thread.join();
+        EXPECT_TRUE(returned);
+    });
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, PendingStopEndsAnOperationOnASilentSlave) {
+    make_silent();
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        capture_stdout([&] {
+            Worker worker(&handle, kind);
+            EXPECT_TRUE(wait_for_transfers(20));
+            const StopMark stop;
+            EXPECT_TRUE(worker.join_failed());
+        });
+        EXPECT_EQ(host_mux_spi_power_counter(), 0);
+    }
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, PendingStopEndsAnOperationOnASlaveThatNeverSwitchesOn) {
+    slave.ignores_power = true;
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kSend);
+        EXPECT_TRUE(wait_for_transfers(110));
+        const StopMark stop;
+        EXPECT_TRUE(worker.join_failed());
+    });
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, PendingStopEndsErrorsThatDoNotEnd) {
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        for (size_t queries = 0; queries < queries_of(kind); ++queries) {
+            slave.to_host = counted_bytes(10);
+            turn_into_errors_after(queries);
+            capture_stdout([&] {
+                Worker worker(&handle, kind);
+                EXPECT_TRUE(wait_for_transfers(300));
+                const StopMark stop;
+                const size_t before = slave.transfers;
+                worker.join();
+                EXPECT_LT(slave.transfers - before, 300U);
+            });
+            EXPECT_EQ(host_mux_spi_power_counter(), 0);
+            expect_usable();
+        }
+    }
+}
+
+TEST_F(HostMuxStop, PendingStopEndsAPowerOffThatIsNeverConfirmed) {
+    make_stuck_on();
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kSend);
+        EXPECT_TRUE(wait_for_transfers(250));
+        const StopMark stop;
+        EXPECT_EQ(worker.join(), nullptr); // the data was sent
+    });
+    EXPECT_EQ(host_mux_spi_power_counter(), 0);
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, PendingStopDoesNotFailTheWaitForTheMutex) {
+    slave.to_host = {'a'};
+    ASSERT_EQ(pthread_mutex_lock(g_host_mux_spi_master_mutex), 0);
+    capture_stdout([&] {
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_until([&] { return worker.started.load(); }));
+        const StopMark stop;
+        pthread_mutex_unlock(g_host_mux_spi_master_mutex);
+        EXPECT_EQ(worker.join(), nullptr);
+        EXPECT_EQ(worker.length, 1U);
+    });
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, PendingStopDoesNotHoldUpAnOperationThatGoesWell) {
+    const StopMark stop;
+    slave.to_host = {'a'};
+    EXPECT_TRUE(receive());
+    EXPECT_EQ(received, Bytes({'a'}));
+    EXPECT_TRUE(send({'b'}));
+    EXPECT_FALSE(slave.powered);
+}
+
+TEST_F(HostMuxStop, SlaveThatIsAboutToBeStoppedIsNotSwitchedOnAgain) {
+    const StopMark stop;
+    slave.to_host = {'a'};
+    slave.status_answer = [count = 0](uint8_t honest) mutable {
+        return ++count == 2 ? uint8_t{0x09} : honest;
+    };
+    EXPECT_FALSE(receive());
+    EXPECT_EQ(frames_of(0x04), 1U);
+    EXPECT_FALSE(slave.powered);
+    EXPECT_EQ(host_mux_spi_power_counter(), 0);
+}
+
+TEST_F(HostMuxStop, ClosingEndsAnOperationThatHangs) {
+    make_silent();
+    const std::string text = capture_stdout([&] {
+        Worker worker(&handle, Worker::kSend);
+        EXPECT_TRUE(wait_for_transfers(20));
+        EXPECT_EQ(host_mux_deinit(&handle), 0);
+        EXPECT_TRUE(worker.join_failed());
+    });
+    EXPECT_EQ(text.find("destroy_mutex fail"), std::string::npos) << "closed under the operation";
+    EXPECT_EQ(g_host_mux_spi_master_mutex, nullptr);
+    EXPECT_FALSE(stop_mark_raised());
+}
+
+TEST_F(HostMuxStop, CancelledOperationTakesBackItsOwnPowerRequestOnly) {
+    turn_into_errors_after(1);
+    capture_stdout([&] {
+        host_mux_spi_power_on(handle.id);
+        Worker worker(&handle, Worker::kReceive);
+        EXPECT_TRUE(wait_for_transfers(300));
+        EXPECT_EQ(host_mux_spi_power_counter(), 2);
+        EXPECT_EQ(worker.cancel_and_join(), PTHREAD_CANCELED);
+        EXPECT_EQ(host_mux_spi_power_counter(), 1);
+        slave.status_answer = nullptr;
+        portable_HAL_SPI_POWER_OFF(handle.id);
+    });
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CancelHoldGivesBackTheStateOfItsCaller) {
+    int state = -1;
+    {
+        const HostMuxCancelHold outer;
+        { const HostMuxCancelHold inner; }
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+        EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
+    }
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
+}
+
+TEST_F(HostMuxStop, RoundInsideTwoHoldsIsCancelledWhenTheirCallerAllowsIt) {
+    pthread_t thread{};
+    const auto body = [](void*) -> void* {
+        const HostMuxCancelHold outer;
+        const HostMuxCancelHold inner;
+        for (int round = 0; round < 20000 && host_mux_next_round(); ++round) {
+        }
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
+    pthread_cancel(thread);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+TEST_F(HostMuxStop, WithoutAMutexNothingIsTaken) {
+    EXPECT_FALSE(host_mux_take(nullptr));
+}

@@ -1,0 +1,233 @@
+// The chip link as a serial port: settings, clamps, results.
+#include "host_mux_slave.h"
+#include "interpose/local.h"
+#include "interpose/paths.h"
+#include "mux/location_serial_handle.h"
+#include "mux/location_serial_port.h"
+#include "support/capture.h"
+#include "support/format_fault.h"
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <linux/spi/spidev.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct SerialPort : testing::Test {
+    void SetUp() override {
+        interpose_set_root(directory.path.string());
+        mux_slave_attach(&slave);
+        reset_sleeps();
+    }
+
+    void TearDown() override {
+        format_fault_disarm();
+        EXPECT_EQ(location_serial_port_gnss_deinit(), 0);
+        g_location_serial_handle.bus_type = HOST_MUX_BUS_SPI;
+        interpose_set_root("");
+    }
+
+    int32_t init() {
+        int32_t result = 0;
+        lines = lines_of(capture_stdout([&] { result = location_serial_port_gnss_init(); }));
+        return result;
+    }
+
+    int32_t read(uint32_t capacity) {
+        int32_t result = 0;
+        buffer.assign(capacity, 0xEE);
+        lines = lines_of(
+            capture_stdout([&] { result = location_serial_port_gnss_read(buffer.data(), capacity); }));
+        return result;
+    }
+
+    int32_t write(const Bytes& data) {
+        int32_t result = 0;
+        lines = lines_of(capture_stdout([&] {
+            result = location_serial_port_gnss_write(data.data(), static_cast<uint32_t>(data.size()));
+        }));
+        return result;
+    }
+
+    bool printed(const std::string& line) const {
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    }
+
+    std::vector<std::string> last_lines(size_t count) const {
+        const size_t first = lines.size() - std::min(count, lines.size());
+        return {lines.begin() + static_cast<std::ptrdiff_t>(first), lines.end()};
+    }
+
+    PrivateDir directory;
+    MuxSlave slave;
+    Bytes buffer;
+    std::vector<std::string> lines;
+};
+
+// What the device was opened as and told.
+struct DeviceLog {
+    std::string path;
+    uint32_t mode = 99;
+    uint32_t speed = 0;
+    int lsb_first = -1;
+};
+
+void attach_log(DeviceLog* log) {
+    LocalDevices devices;
+    devices.open = [log](const std::string& path, int) {
+        log->path = path;
+        return 0;
+    };
+    devices.ioctl = [log](const std::string&, unsigned long request, void* argument) {
+        if (request == SPI_IOC_WR_MODE32) {
+            log->mode = *static_cast<uint32_t*>(argument);
+        }
+        if (request == SPI_IOC_WR_MAX_SPEED_HZ) {
+            log->speed = *static_cast<uint32_t*>(argument);
+        }
+        if (request == SPI_IOC_WR_LSB_FIRST) {
+            log->lsb_first = *static_cast<uint8_t*>(argument);
+        }
+        return 0;
+    };
+    local_devices(devices);
+}
+
+} // namespace
+
+TEST_F(SerialPort, OpensTheConfiguredBus) {
+    directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev2.1\n"
+                                                    "SPI frequency=8000000\n"
+                                                    "SPI bit order=1\n"
+                                                    "SPI CPHA=1\n"
+                                                    "SPI CPOL=1\n");
+    DeviceLog log;
+    attach_log(&log);
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(log.path, "/dev/spidev2.1");
+    EXPECT_EQ(log.mode, 3U);
+    EXPECT_EQ(log.speed, 8000000U);
+    EXPECT_EQ(log.lsb_first, 0);
+}
+
+TEST_F(SerialPort, OpensTheDefaultBusWithoutAConfiguration) {
+    DeviceLog log;
+    attach_log(&log);
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(log.path, "/dev/spidev1.0");
+    EXPECT_EQ(log.mode, 0U);
+    EXPECT_EQ(log.speed, 24000000U);
+    EXPECT_EQ(log.lsb_first, 1);
+}
+
+TEST_F(SerialPort, MissingDeviceFailsTheInit) {
+    directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev9.9\n");
+    EXPECT_EQ(init(), -1);
+    EXPECT_TRUE(printed("host_mux_init, init fail"));
+}
+
+TEST_F(SerialPort, PathThatCanNotBeTakenIsToldAndFailsTheInit) {
+    const std::string told = "[LOCSERV] ERR: location_serial_port_gnss_init, get path fail";
+    format_fault_arm(1); // behind the reader of the configuration
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(last_lines(3),
+              (std::vector<std::string>{told, "[LOCSERV] ERR: [spi]location_spi_init, open fail",
+                                        "host_mux_init, init fail"}));
+    g_location_serial_handle.bus_type = HOST_MUX_BUS_I2C;
+    format_fault_arm(1);
+    EXPECT_EQ(init(), -1);
+    EXPECT_EQ(last_lines(3), (std::vector<std::string>{told, "[LOCSERV] ERR: location_i2c_init, open fail",
+                                                       "host_mux_init, init fail"}));
+}
+
+TEST_F(SerialPort, SecondInitSucceedsWithoutOpening) {
+    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(lines.back(), "host_mux_init, mux exist");
+}
+
+TEST_F(SerialPort, ClosedLinkMovesNothing) {
+    EXPECT_EQ(read(10), 0);
+    EXPECT_EQ(lines, std::vector<std::string>({"host_mux_rx, mux not open"}));
+    EXPECT_EQ(write({'a'}), 0);
+    EXPECT_EQ(lines, std::vector<std::string>({"host_mux_tx, mux not open"}));
+}
+
+TEST_F(SerialPort, ReadGivesTheCount) {
+    ASSERT_EQ(init(), 0);
+    slave.to_host = {'a', 'b', 'c'};
+    EXPECT_EQ(read(15360), 3);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 4), Bytes({'a', 'b', 'c', 0xEE}));
+    EXPECT_EQ(read(15360), 0);
+}
+
+TEST_F(SerialPort, ReadMovesAtMost4095Bytes) {
+    ASSERT_EQ(init(), 0);
+    for (const uint32_t capacity : {4095U, 4096U, 15360U}) {
+        slave.to_host = Bytes(5000, 'x');
+        EXPECT_EQ(read(capacity), 4095);
+        EXPECT_TRUE(printed(
+            "mux_spi_master_demo_receive-Step1_c: slave data len too big, request 4095 B firstly;\r"));
+    }
+}
+
+TEST_F(SerialPort, WriteOf5000BytesIsCutTo4095) {
+    ASSERT_EQ(init(), 0);
+    slave.room = 10000;
+    EXPECT_EQ(write(Bytes(5000, 'x')), 4095);
+    EXPECT_EQ(slave.from_host, Bytes(4095, 'x'));
+    EXPECT_EQ(slave.frames[6], Bytes({0x0C, 0x00, 0x10, 0, 0, 0xFE, 0x0F, 0, 0}));
+    EXPECT_TRUE(
+        printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:10000, but master "
+                "just want to send:4095\r"));
+}
+
+TEST_F(SerialPort, WriteGivesWhatTheChipTook) {
+    ASSERT_EQ(init(), 0);
+    slave.room = 2;
+    EXPECT_EQ(write({'a', 'b', 'c'}), 2);
+    slave.room = 0;
+    EXPECT_EQ(write({'a'}), 0);
+}
+
+TEST_F(SerialPort, FailedStepMovesNothing) {
+    ASSERT_EQ(init(), 0);
+    slave.to_host = {'a'};
+    slave.failing_transfer = 3;
+    EXPECT_EQ(read(10), 0);
+    slave.failing_transfer = slave.transfers + 3;
+    EXPECT_EQ(write({'a'}), 0);
+}
+
+TEST_F(SerialPort, LinkCanBeReopened) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(init(), 0);
+        slave.to_host = {'a'};
+        EXPECT_EQ(read(10), 1);
+        ASSERT_EQ(location_serial_port_gnss_deinit(), 0);
+    }
+}
+
+TEST_F(SerialPort, ResetPulsesOutputLineZeroLowFor10Ms) {
+    std::vector<std::string> written;
+    LocalDevices devices;
+    devices.access = [](const std::string&) { return 0; };
+    devices.open = [](const std::string&, int) { return 0; };
+    devices.read = [](const std::string&, void* to, size_t) {
+        std::copy_n("out\n", 4, static_cast<char*>(to));
+        return ssize_t{4};
+    };
+    devices.write = [&](const std::string& path, const void* data, size_t length) {
+        written.push_back(path + " " + std::string(static_cast<const char*>(data), length) + " after " +
+                          std::to_string(slept_us()));
+        return static_cast<ssize_t>(length);
+    };
+    local_devices(devices);
+    capture_stdout([] { location_serial_port_gnss_reset(); });
+    EXPECT_EQ(written, std::vector<std::string>({"/sys/class/gpio/gpio0/value 0 after 0",
+                                                 "/sys/class/gpio/gpio0/value 1 after 10000"}));
+}

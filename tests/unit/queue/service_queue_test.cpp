@@ -1,0 +1,329 @@
+#include "base/stop_request.h"
+#include "interpose/fail.h"
+#include "interpose/paths.h"
+#include "queue/service_queue.h"
+#include "queue/service_state.h"
+#include "support/capture.h"
+#include "support/private_dir.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <map>
+#include <sys/msg.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr key_t kServiceQueueKey = 1234;
+constexpr unsigned kSmallQueue = 4; // messages
+constexpr size_t kBodySize = 24;
+
+const std::vector<std::string> kFailLine = {"[LOCSERV] ERR: location_service_task_send_message, Fail!"};
+
+struct QueueTest : testing::Test {
+    void SetUp() override {
+        interpose_set_root(dir.path.string());
+        ASSERT_NE(service_queue_open(), -1);
+    }
+    void TearDown() override {
+        interpose_fail_reset();
+        msgctl(g_service_state.msqid, IPC_RMID, nullptr);
+    }
+    static msqid_ds info() {
+        msqid_ds found = {};
+        EXPECT_EQ(msgctl(g_service_state.msqid, IPC_STAT, &found), 0);
+        return found;
+    }
+    static void shrink() {
+        msqid_ds small = info();
+        small.msg_qbytes = kSmallQueue * kBodySize;
+        ASSERT_EQ(msgctl(g_service_state.msqid, IPC_SET, &small), 0);
+    }
+    static void send_number(uint32_t number) {
+        void* data = malloc(sizeof number);
+        memcpy(data, &number, sizeof number);
+        location_service_task_send_message(SERVICE_FRAME_NMEA, data, sizeof number);
+    }
+    // Takes a message off the queue, on a thread of its own so that the test's does not become the consumer.
+    static ServiceMessage receive() {
+        ServiceMessage message = {};
+        std::thread([&] { EXPECT_TRUE(service_queue_receive(&message)); }).join();
+        return message;
+    }
+    static uint32_t number_of(const ServiceMessage& message) {
+        uint32_t number = 0;
+        memcpy(&number, message.data, sizeof number);
+        free(message.data);
+        return number;
+    }
+    static void fill() {
+        shrink();
+        for (uint32_t i = 0; i < kSmallQueue; i++) {
+            send_number(i);
+        }
+        ASSERT_EQ(info().msg_qnum, kSmallQueue);
+    }
+
+    PrivateDir dir;
+};
+
+void* send_one(void* /*unused*/) {
+    QueueTest::send_number(1000);
+    return nullptr;
+}
+
+} // namespace
+
+TEST_F(QueueTest, MessageArrivesWithIdDataAndLength) {
+    void* data = malloc(10);
+    location_service_task_send_message(SERVICE_FRAME_BINARY, data, 10);
+    EXPECT_EQ(info().__msg_cbytes, kBodySize);
+    const ServiceMessage message = receive();
+    EXPECT_EQ(message.id, SERVICE_FRAME_BINARY);
+    EXPECT_EQ(message.data, data);
+    EXPECT_EQ(message.length, 10U);
+    free(message.data);
+}
+
+TEST_F(QueueTest, RecordIsTypeOneAndTheMessageAsItLiesInMemory) {
+    location_service_task_send_message(SERVICE_COMMAND, nullptr, 7);
+    struct {
+        long type;
+        ServiceMessage body;
+    } record = {};
+    ASSERT_EQ(msgrcv(g_service_state.msqid, &record, kBodySize, 1, IPC_NOWAIT),
+              static_cast<ssize_t>(kBodySize));
+    EXPECT_EQ(record.type, 1);
+    EXPECT_EQ(record.body.id, SERVICE_COMMAND);
+    EXPECT_EQ(record.body.data, nullptr);
+    EXPECT_EQ(record.body.length, 7U);
+}
+
+TEST_F(QueueTest, OpenThrowsAnOldQueueAwayWithItsMessages) {
+    const int32_t old_queue = g_service_state.msqid;
+    location_service_task_send_message(SERVICE_START, nullptr, 0);
+
+    ASSERT_NE(service_queue_open(), -1);
+    EXPECT_NE(g_service_state.msqid, old_queue);
+    EXPECT_EQ(info().msg_qnum, 0U);
+    EXPECT_EQ(info().msg_perm.mode & 0777U, 0666U);
+    msqid_ds gone = {};
+    EXPECT_EQ(msgctl(old_queue, IPC_STAT, &gone), -1);
+    EXPECT_EQ(msgget(kServiceQueueKey, 0), g_service_state.msqid);
+}
+
+TEST_F(QueueTest, MessageOfAnotherSizeIsNotTakenForOne) {
+    struct {
+        long type = 1;
+        char body[100] = {};
+    } stray;
+    for (const size_t size : {0U, 8U, 23U, 25U, 100U}) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &stray, size, 0), 0);
+        ServiceMessage message = {};
+        bool received = true;
+        std::thread([&] { received = service_queue_receive(&message); }).join();
+        EXPECT_FALSE(received) << size;
+        EXPECT_EQ(info().msg_qnum, 0U) << size;
+    }
+}
+
+TEST_F(QueueTest, ConsumersOwnSendToAFullQueueFailsAtOnce) {
+    fill();
+    std::vector<std::string> lines;
+    std::thread([&] {
+        ServiceMessage message = {};
+        EXPECT_TRUE(service_queue_receive(&message));
+        EXPECT_EQ(number_of(message), 0U);
+        send_number(100); // takes the place that has become free
+        lines = lines_of(capture_stdout([] { send_number(101); }));
+    }).join();
+    EXPECT_EQ(lines, kFailLine);
+    for (const uint32_t expected : {1U, 2U, 3U, 100U}) {
+        EXPECT_EQ(number_of(receive()), expected);
+    }
+    EXPECT_EQ(info().msg_qnum, 0U);
+}
+
+TEST_F(QueueTest, OtherThreadsWaitForRoomAndLoseNothing) {
+    fill();
+    std::thread sender([] {
+        for (uint32_t i = kSmallQueue; i < 200; i++) {
+            send_number(i);
+        }
+    });
+    std::vector<uint32_t> numbers;
+    std::thread([&] {
+        for (ServiceMessage message = {}; numbers.size() < 200 && service_queue_receive(&message);) {
+            numbers.push_back(number_of(message));
+        }
+    }).join();
+    sender.join();
+    ASSERT_EQ(numbers.size(), 200U);
+    for (uint32_t i = 0; i < 200; i++) {
+        EXPECT_EQ(numbers[i], i);
+    }
+}
+
+TEST_F(QueueTest, SendToARemovedQueueFailsAlsoWhileWaiting) {
+    fill();
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        free(receive().data);
+        location_service_task_send_message(SERVICE_START, nullptr, 0);
+    }
+    std::atomic<bool> done = false;
+    const std::string out = capture_stdout([&] {
+        std::thread sender([&] {
+            send_number(9);
+            done = true;
+        });
+        EXPECT_FALSE(done);
+        msgctl(g_service_state.msqid, IPC_RMID, nullptr);
+        sender.join();
+    });
+    EXPECT_EQ(lines_of(out), kFailLine);
+}
+
+TEST_F(QueueTest, CancellationWhileWaitingFreesTheBlockAndSendsNothing) {
+    fill();
+    pthread_t sender = {};
+    ASSERT_EQ(pthread_create(&sender, nullptr, send_one, nullptr), 0);
+    pthread_cancel(sender);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(sender, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(info().msg_qnum, kSmallQueue);
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        EXPECT_EQ(number_of(receive()), i);
+    }
+}
+
+TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
+    shrink();
+    std::map<uint32_t, int> seen;
+    std::thread consumer([&] {
+        for (ServiceMessage message = {};;) {
+            if (!service_queue_receive(&message)) {
+                continue;
+            }
+            if (message.data == nullptr) {
+                return;
+            }
+            seen[number_of(message)]++;
+        }
+    });
+    static std::atomic<uint32_t> next = 0;
+    next = 0;
+    for (int round = 0; round < 200; round++) {
+        pthread_t sender = {};
+        ASSERT_EQ(pthread_create(
+                      &sender, nullptr,
+                      [](void*) -> void* {
+                          for (;;) {
+                              send_number(next++);
+                              pthread_testcancel();
+                          }
+                      },
+                      nullptr),
+                  0);
+        const uint32_t goal = next + static_cast<uint32_t>(round) % 7;
+        while (next < goal) {
+            std::this_thread::yield();
+        }
+        pthread_cancel(sender);
+        ASSERT_EQ(pthread_join(sender, nullptr), 0);
+    }
+    location_service_task_send_message(SERVICE_START, nullptr, 0);
+    consumer.join();
+    EXPECT_FALSE(seen.empty());
+    for (const auto& [number, times] : seen) {
+        EXPECT_EQ(times, 1) << number;
+    }
+}
+
+TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilHandled) {
+    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
+        EXPECT_FALSE(stop_mark_raised());
+        location_service_task_send_message(id, nullptr, 0);
+        EXPECT_TRUE(stop_mark_raised());
+        service_queue_handled(receive().id);
+        EXPECT_FALSE(stop_mark_raised());
+    }
+}
+
+TEST_F(QueueTest, TwoStopsAreAnnouncedUntilTheSecondIsHandled) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    service_queue_handled(receive().id);
+    EXPECT_TRUE(stop_mark_raised());
+    service_queue_handled(receive().id);
+    EXPECT_FALSE(stop_mark_raised());
+}
+
+TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
+    for (uint32_t id = 0; id < 18; id++) {
+        if (id == SERVICE_STOP || id == SERVICE_DOWNLOAD) {
+            continue;
+        }
+        location_service_task_send_message(id, nullptr, 0);
+        EXPECT_FALSE(stop_mark_raised()) << id;
+        service_queue_handled(receive().id);
+    }
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised());
+    stop_mark_lower();
+}
+
+TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
+    fill();
+    pthread_t sender = {};
+    const auto send_stop = [](void*) -> void* {
+        location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&sender, nullptr, send_stop, nullptr), 0);
+    pthread_cancel(sender);
+    ASSERT_EQ(pthread_join(sender, nullptr), 0);
+    EXPECT_FALSE(stop_mark_raised());
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised());
+    stop_mark_lower();
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        free(receive().data);
+    }
+}
+
+TEST_F(QueueTest, WithoutAQueueEachSendFailsWithALineAndFreesItsData) {
+    interpose_fail("msgget", 2, ENOSPC); // the first one looks for an old queue
+    EXPECT_EQ(service_queue_open(), -1);
+    EXPECT_EQ(g_service_state.msqid, -1);
+    const std::string out = capture_stdout([] {
+        for (uint32_t i = 0; i < 3; i++) {
+            send_number(i);
+            location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+        }
+    });
+    EXPECT_EQ(lines_of(out), std::vector<std::string>(6, kFailLine.front()));
+    EXPECT_FALSE(stop_mark_raised());
+    stop_mark_raise();
+    EXPECT_TRUE(stop_mark_raised()); // each failed stop took back just what it had announced
+    stop_mark_lower();
+}
+
+TEST_F(QueueTest, WithoutAQueueReceiveComesBackWithNothing) {
+    interpose_fail("msgget", 2, ENOSPC);
+    EXPECT_EQ(service_queue_open(), -1);
+    ServiceMessage message = {};
+    bool received = true;
+    std::thread([&] { received = service_queue_receive(&message); }).join();
+    EXPECT_FALSE(received);
+}
+
+TEST_F(QueueTest, InterruptedSendIsRepeated) {
+    interpose_fail("msgsnd", 1, EINTR);
+    send_number(5);
+    EXPECT_EQ(number_of(receive()), 5U);
+}

@@ -1,0 +1,228 @@
+#include "service/location_aiding.h"
+
+#include "assist/xod_host_aiding.h"
+#include "config/location_config.h"
+#include "link/location_command.h"
+#include "queue/service_state.h"
+#include "service/location_file.h"
+#include "support/capture.h"
+#include "support/private_dir.h"
+
+#include <cstring>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::string;
+
+struct World {
+    string path;
+    bool clock_set = false;
+    time_t now = 0;
+    std::vector<string> commands;
+    std::vector<string> orbits; // asked for: constellation, week, time of week
+} world;
+
+struct LocationAiding : testing::Test {
+    LocationAiding() {
+        world = {};
+        world.path = dir.path / "location.dat";
+        g_service_state.xod_enabled = 0;
+    }
+    ~LocationAiding() override {
+        world = {};
+    }
+
+    static void set_clock(time_t now) {
+        world.now = now;
+        world.clock_set = true;
+    }
+    // Answers a request of this kind; returns what was printed.
+    static string answer(const string& kind) {
+        NmeaFields fields = {};
+        fields.count = 3;
+        std::strcpy(fields.field[0], "010");
+        kind.copy(fields.field[1], kNmeaFieldSize - 1);
+        return capture_stdout([&] { location_aiding_answer(&fields); });
+    }
+
+    // Answers a request for orbit data with these three fields.
+    static void answer_orbit(const std::vector<string>& numbers) {
+        NmeaFields fields = {};
+        fields.count = static_cast<int32_t>(numbers.size()) + 2;
+        std::strcpy(fields.field[1], "0");
+        for (size_t i = 0; i < numbers.size(); ++i) {
+            numbers[i].copy(fields.field[i + 2], kNmeaFieldSize - 1);
+        }
+        location_aiding_answer(&fields);
+    }
+
+    PrivateDir dir;
+};
+
+constexpr time_t kNewYearsEve = 1735689599; // 2024-12-31 23:59:59
+
+uint64_t packed(uint64_t year, uint64_t month, uint64_t day, uint64_t hour, uint64_t minute,
+                uint64_t second) {
+    return year | month << 16 | day << 24 | hour << 32 | minute << 40 | second << 48;
+}
+
+} // namespace
+
+void location_config_get_nmea_path(char* path) {
+    path[world.path.copy(path, kConfigTextSize - 1)] = '\0';
+}
+
+int32_t location_command_send(const char* body) {
+    world.commands.emplace_back(body);
+    return 0;
+}
+
+int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
+    world.orbits.push_back(std::to_string(constellation) + " " + std::to_string(week) + " " +
+                           std::to_string(tow_seconds));
+    return 0;
+}
+
+extern "C" {
+
+time_t __real_time(time_t* out);
+
+time_t __wrap_time(time_t* out) {
+    return world.clock_set ? world.now : __real_time(out);
+}
+}
+
+TEST_F(LocationAiding, UtcIsPacked) {
+    set_clock(kNewYearsEve);
+    EXPECT_EQ(location_service_get_utc(), packed(2024, 12, 31, 23, 59, 59));
+    set_clock(0);
+    EXPECT_EQ(location_service_get_utc(), packed(1970, 1, 1, 0, 0, 0));
+}
+
+TEST_F(LocationAiding, UtcIsNow) {
+    const time_t before = std::time(nullptr);
+    const uint64_t utc = location_service_get_utc();
+    const time_t after = std::time(nullptr);
+    tm fields = {};
+    fields.tm_year = static_cast<int>(utc & 0xFFFF) - 1900;
+    fields.tm_mon = static_cast<int>(utc >> 16 & 0xFF) - 1;
+    fields.tm_mday = static_cast<int>(utc >> 24 & 0xFF);
+    fields.tm_hour = static_cast<int>(utc >> 32 & 0xFF);
+    fields.tm_min = static_cast<int>(utc >> 40 & 0xFF);
+    fields.tm_sec = static_cast<int>(utc >> 48 & 0xFF);
+    EXPECT_GE(timegm(&fields), before);
+    EXPECT_LE(timegm(&fields), after);
+}
+
+TEST_F(LocationAiding, ClockThatFailsGivesNoUtc) {
+    set_clock(-1);
+    uint64_t utc = 99;
+    EXPECT_EQ(capture_stdout([&] { utc = location_service_get_utc(); }),
+              "[LOCSERV] ERR: location_service_get_utc time error\n");
+    EXPECT_EQ(utc, 0U);
+}
+
+TEST_F(LocationAiding, TimeThatIsNoDateGivesNoUtc) {
+    set_clock(std::numeric_limits<time_t>::max());
+    uint64_t utc = 99;
+    EXPECT_EQ(capture_stdout([&] { utc = location_service_get_utc(); }),
+              "[LOCSERV] ERR: location_service_get_utc gmtime error\n");
+    EXPECT_EQ(utc, 0U);
+}
+
+TEST_F(LocationAiding, TimeIsAnsweredOnceAssistanceIsEnabled) {
+    set_clock(1704164645); // 2024-01-02 03:04:05
+    EXPECT_EQ(answer("1"), "");
+    EXPECT_TRUE(world.commands.empty());
+    g_service_state.xod_enabled = 1;
+    EXPECT_EQ(answer("1"), "");
+    EXPECT_EQ(world.commands, std::vector<string>{"590,2024,01,02,03,04,05"});
+    g_service_state.xod_enabled = 2;
+    answer("1");
+    EXPECT_EQ(world.commands.size(), 1U);
+}
+
+TEST_F(LocationAiding, ClockThatFailsIsAnsweredWithZeros) {
+    set_clock(-1);
+    g_service_state.xod_enabled = 1;
+    EXPECT_EQ(answer("1"), "[LOCSERV] ERR: location_service_get_utc time error\n");
+    EXPECT_EQ(world.commands, std::vector<string>{"590,0000,00,00,00,00,00"});
+}
+
+TEST_F(LocationAiding, PositionIsAnsweredFromTheFile) {
+    dir.write("location.dat", "longitude=-11.5166671\nlatitude=48.1173\nmajorAxis=8.75\nminorAxis=4.7\n"
+                              "orientation=132.3\nheight=592.26\nverticalUncertainty=2\n");
+    EXPECT_EQ(answer("2"), "[LOCSERV] INF: aiding reference position: "
+                           "48.117300,-11.516667,592.3,8.8,4.7,132.3,2.0\n");
+    EXPECT_EQ(world.commands, std::vector<string>{"600,48.117300,-11.516667,592.3,8.8,4.7,132.3,2.0"});
+}
+
+TEST_F(LocationAiding, PositionWithoutAFileIsLoggedWithZeros) {
+    EXPECT_EQ(answer("2"),
+              "[LOCSERV] ERR: location_service_get_position open fail, " + world.path +
+                  "\n[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, HalfAPositionIsLoggedAndNotSent) {
+    dir.write("location.dat", "longitude=1.5\nlatitude=2.5\n");
+    EXPECT_EQ(answer("2"),
+              "[LOCSERV] INF: aiding reference position: 2.500000,1.500000,0.0,0.0,0.0,0.0,0.0\n");
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, PositionSavedBeforeAnyFixIsNotSent) {
+    const LocationRecord no_fix = {};
+    ASSERT_EQ(location_service_save_location(&no_fix), 0);
+    EXPECT_EQ(answer("2"),
+              "[LOCSERV] ERR: location_service_get_position sscanf lon fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf lat fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_maj fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_min fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf bear fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf alt fail\n"
+              "[LOCSERV] ERR: location_service_get_position sscanf acc_vert fail\n"
+              "[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, HugePositionIsCutAtTheCommandsSize) {
+    string text;
+    for (const string key : {"longitude", "latitude", "majorAxis", "minorAxis", "orientation", "height",
+                             "verticalUncertainty"}) {
+        text += key + "=1e300\n";
+    }
+    dir.write("location.dat", text);
+    answer("2");
+    ASSERT_EQ(world.commands.size(), 1U);
+    EXPECT_EQ(world.commands[0].size(), 351U);
+}
+
+TEST_F(LocationAiding, OrbitDataIsSentWithoutAssistanceEnabled) {
+    for (const string kind : {"0", "", "x"}) {
+        EXPECT_EQ(answer(kind), "");
+    }
+    EXPECT_EQ(world.orbits, std::vector<string>(3, "0 0 0"));
+    EXPECT_TRUE(world.commands.empty());
+}
+
+TEST_F(LocationAiding, OrbitDataIsForConstellationWeekAndTimeOfWeek) {
+    answer_orbit({"3", "2391", "518400"});
+    answer_orbit({"-1", "4294967295", "-3600"});
+    answer_orbit({"258", "x", ""}); // a constellation is one byte
+    EXPECT_EQ(world.orbits, (std::vector<string>{"3 2391 518400", "-1 2147483647 -3600", "2 0 0"}));
+}
+
+TEST_F(LocationAiding, OtherKindsAreIgnored) {
+    g_service_state.xod_enabled = 1;
+    for (const string kind : {"3", "-1", "10", "9999999999999999999", "4294967297", "4294967298"}) {
+        EXPECT_EQ(answer(kind), "") << kind;
+    }
+    EXPECT_TRUE(world.orbits.empty());
+    EXPECT_TRUE(world.commands.empty());
+}
