@@ -52,17 +52,17 @@ int report(const SimulatedBoard& board, const SleepSum& sum) {
     const double total = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double waits = static_cast<double>(sum.requested_ns - slept_before) / 1e9;
     const double overslept = static_cast<double>(sum.slept_ns - sum.requested_ns - overslept_before) / 1e9;
-    std::printf("result of the download                     %10lld\n", static_cast<long long>(result));
-    std::printf("bytes of the images                        %10zu\n", kFirstImage + kSecondImage);
-    std::printf("time                                       %10.3f s\n", total);
-    std::printf("waits of the protocol                      %10.3f s in %llu\n", waits,
-                static_cast<unsigned long long>(sum.calls - calls_before));
-    std::printf("SPI frames                                 %10lld\n",
-                board.status("transfers") - transfers_before);
-    std::printf("rest                                       %10.3f s, %.2f %% of the waits\n", total - waits,
-                100 * (total - waits) / waits);
-    std::printf("  of it late ends of the waits             %10.3f s\n", overslept);
-    std::printf("  of it work of daemon and board           %10.3f s\n", total - waits - overslept);
+    printf("result of the download                     %10lld\n", static_cast<long long>(result));
+    printf("bytes of the images                        %10zu\n", kFirstImage + kSecondImage);
+    printf("time                                       %10.3f s\n", total);
+    printf("waits of the protocol                      %10.3f s in %llu\n", waits,
+           static_cast<unsigned long long>(sum.calls - calls_before));
+    printf("SPI frames                                 %10lld\n",
+           board.status("transfers") - transfers_before);
+    printf("rest                                       %10.3f s, %.2f %% of the waits\n", total - waits,
+           100 * (total - waits) / waits);
+    printf("  of it late ends of the waits             %10.3f s\n", overslept);
+    printf("  of it work of daemon and board           %10.3f s\n", total - waits - overslept);
     return result == 0 ? 0 : 1;
 }
 
@@ -74,7 +74,7 @@ int main() {
     const std::string path = board.directory.path / "sleeps";
     const SleepSum* sum = make_sum(path);
     if (sum == nullptr) {
-        std::fprintf(stderr, "download_bench: can't map %s\n", path.c_str());
+        fprintf(stderr, "download_bench: can't map %s\n", path.c_str());
         return 1;
     }
     setenv("LD_PRELOAD", TAVOR_SLEEP_SUM_LIBRARY, 1);

@@ -21,7 +21,7 @@ std::string sentence(const std::string& body) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(body.data());
     const unsigned sum = location_nmea_checksum(bytes, static_cast<int32_t>(body.size()));
     char tail[6];
-    std::snprintf(tail, sizeof tail, "*%02X\r\n", sum);
+    snprintf(tail, sizeof tail, "*%02X\r\n", sum);
     return "$" + body + tail;
 }
 
@@ -30,23 +30,21 @@ std::vector<std::string> second_of_output(int second) {
     char body[128];
     std::vector<std::string> sentences;
     const auto add = [&](const char* rest) { sentences.push_back(sentence(body + std::string(rest))); };
-    std::snprintf(body, sizeof body,
-                  "GNGGA,1235%02d.000,48%02d.0384,N,01131.%04d,E,1,12,0.8,545.4,M,46.9,M,,", second, second,
-                  second * 7);
+    snprintf(body, sizeof body, "GNGGA,1235%02d.000,48%02d.0384,N,01131.%04d,E,1,12,0.8,545.4,M,46.9,M,,",
+             second, second, second * 7);
     add("");
-    std::snprintf(body, sizeof body, "GNRMC,1235%02d.000,A,48%02d.0384,N,01131.%04d,E", second, second,
-                  second * 7);
+    snprintf(body, sizeof body, "GNRMC,1235%02d.000,A,48%02d.0384,N,01131.%04d,E", second, second,
+             second * 7);
     add(",022.4,084.4,230394,,,A,V");
     body[0] = '\0';
     add("GNGSA,A,3,02,05,12,15,20,21,25,29,,,,,1.41,0.80,1.16,1");
     for (const char* talker : {"GP", "GL", "GA", "GB"}) {
         for (int part = 1; part <= 3; ++part) {
-            std::snprintf(body, sizeof body, "%sGSV,3,%d,12,%02d,65,%03d,41", talker, part, part * 4,
-                          second * 3);
+            snprintf(body, sizeof body, "%sGSV,3,%d,12,%02d,65,%03d,41", talker, part, part * 4, second * 3);
             add(",02,25,123,38,03,11,294,30,04,72,012,44,1");
         }
     }
-    std::snprintf(body, sizeof body, "GNGST,1235%02d.000,4.0,8.7,4.7,132.3,6.8,7.2,9.1", second);
+    snprintf(body, sizeof body, "GNGST,1235%02d.000,4.0,8.7,4.7,132.3,6.8,7.2,9.1", second);
     add("");
     body[0] = '\0';
     add("GNEPE,1.52,2.25");

@@ -16,7 +16,7 @@ constexpr uint64_t kNsPerSecond = 1000000000;
 constexpr uint64_t kNsPerUs = 1000;
 
 SleepSum* open_sum() {
-    const char* path = std::getenv(kSleepSumVariable);
+    const char* path = getenv(kSleepSumVariable);
     const int fd = path == nullptr ? -1 : open(path, O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         return nullptr;

@@ -35,8 +35,8 @@ double processor_seconds(const std::filesystem::path& directory) {
     std::getline(stat, text);
     unsigned long user = 0;
     unsigned long system = 0;
-    std::sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu",
-                &user, &system);
+    sscanf(text.c_str() + text.rfind(')') + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+           &system);
     return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
@@ -74,7 +74,7 @@ long resident_kib(pid_t pid) {
     std::ifstream status("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(status, line);) {
         if (line.rfind("VmRSS:", 0) == 0) {
-            return std::strtol(line.c_str() + 6, nullptr, 10);
+            return strtol(line.c_str() + 6, nullptr, 10);
         }
     }
     return -1;
@@ -113,17 +113,17 @@ ThreadSeconds bare_path_seconds() {
             if (msgrcv(queue, &record, sizeof record.body, 0, 0) < 0) {
                 return;
             }
-            std::memcpy(response.payload, record.body.data, record.body.length);
+            memcpy(response.payload, record.body.data, record.body.length);
             send(sockets[0], &response, sizeof response, 0);
-            std::free(record.body.data);
+            free(record.body.data);
         }
         used.service = own_processor_seconds(RUSAGE_THREAD) - before;
     });
     const double before = own_processor_seconds(RUSAGE_THREAD);
     const std::string sentence(kSentenceSize, 'x');
     for (int i = 0; i < kSentences; ++i) {
-        Record record = {1, {11, std::malloc(kSentenceSize + 1), kSentenceSize}};
-        std::memcpy(record.body.data, sentence.c_str(), kSentenceSize + 1);
+        Record record = {1, {11, malloc(kSentenceSize + 1), kSentenceSize}};
+        memcpy(record.body.data, sentence.c_str(), kSentenceSize + 1);
         msgsnd(queue, &record, sizeof record.body, 0);
     }
     used.receive = own_processor_seconds(RUSAGE_THREAD) - before;
@@ -147,7 +147,7 @@ void report_flow() {
     while (sentences < kSentences) {
         const auto response = client.receive();
         if (!response) {
-            std::printf("lost sentences: only %d of %d arrived\n", sentences, kSentences);
+            printf("lost sentences: only %d of %d arrived\n", sentences, kSentences);
             return;
         }
         sentences += response->code == TAVOR_CODE_NMEA && response->payload[0] == '$' ? 1 : 0;
@@ -158,17 +158,16 @@ void report_flow() {
     const ThreadSeconds threads = thread_seconds(process);
     const ThreadSeconds path = bare_path_seconds();
     const double reference = path.service + path.receive;
-    std::printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
-    std::printf(
-        "processor seconds per 100,000, daemon      %10.2f   service thread %.2f, receive thread with the "
-        "simulated bus %.2f\n",
-        used, threads.service, threads.receive);
-    std::printf("processor seconds per 100,000, path alone  %10.2f   consumer %.2f, producer %.2f\n",
-                reference, path.service, path.receive);
-    std::printf("daemon to path alone                       %10.2f   service thread to consumer %.2f\n",
-                used / reference, threads.service / path.service);
-    std::printf("resident memory                            %10ld KiB\n", resident_kib(pid));
-    std::printf("private memory                             %10ld KiB\n", daemon.private_kib());
+    printf("sentences per second, chip to client       %10.0f\n", sentences / elapsed);
+    printf("processor seconds per 100,000, daemon      %10.2f   service thread %.2f, receive thread with the "
+           "simulated bus %.2f\n",
+           used, threads.service, threads.receive);
+    printf("processor seconds per 100,000, path alone  %10.2f   consumer %.2f, producer %.2f\n", reference,
+           path.service, path.receive);
+    printf("daemon to path alone                       %10.2f   service thread to consumer %.2f\n",
+           used / reference, threads.service / path.service);
+    printf("resident memory                            %10ld KiB\n", resident_kib(pid));
+    printf("private memory                             %10ld KiB\n", daemon.private_kib());
 }
 
 // With the HTTP library in the process, which comes with the first download.
@@ -178,10 +177,10 @@ void report_assisted_memory() {
     const TestClient client(board.socket_path());
     if (client.ask(TAVOR_REQUEST_ASSIST, TAVOR_CODE_ASSIST) != 0 ||
         !client.receive_code(TAVOR_CODE_ASSIST_RESULT)) {
-        std::printf("no download ended\n");
+        printf("no download ended\n");
         return;
     }
-    std::printf("private memory, after a download           %10ld KiB\n", daemon.private_kib());
+    printf("private memory, after a download           %10ld KiB\n", daemon.private_kib());
 }
 
 void report_first_answer() {
@@ -205,7 +204,7 @@ void report_first_answer() {
         answered.join();
     }
     std::sort(times.begin(), times.end());
-    std::printf("process start to first answer, median      %10.1f ms\n", times[times.size() / 2] * 1000);
+    printf("process start to first answer, median      %10.1f ms\n", times[times.size() / 2] * 1000);
 }
 
 } // namespace

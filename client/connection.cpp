@@ -53,8 +53,8 @@ bool bind_full_length(int socket) {
         }
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavorctl-%d-%016llx",
-                      static_cast<int>(getpid()), static_cast<unsigned long long>(random));
+        snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavorctl-%d-%016llx",
+                 static_cast<int>(getpid()), static_cast<unsigned long long>(random));
         if (bind(socket, generic(address), sizeof address) == 0) {
             return true;
         }
@@ -150,7 +150,7 @@ Received read_response(Connection& connection, tavor_response& response) {
         return Received::kMalformed;
     }
     fail(connection, "cannot receive from the daemon at " + print_safe(connection.path) + ": " +
-                         std::strerror(errno) + "; try again");
+                         strerror(errno) + "; try again");
     return Received::kFailed;
 }
 
@@ -173,7 +173,7 @@ bool connection_open(Connection& connection, const std::string& path) {
     connection.path = path;
     connection.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (connection.socket < 0 || !bind_full_length(connection.socket)) {
-        return fail(connection, std::string("cannot make a socket for the answers: ") + std::strerror(errno) +
+        return fail(connection, std::string("cannot make a socket for the answers: ") + strerror(errno) +
                                     "; close other programs and try again");
     }
     return reach(connection);
@@ -217,8 +217,7 @@ Received connection_receive(Connection& connection, tavor_response& response, Cl
         {{connection.socket, POLLIN, 0}, {connection.interrupt, POLLIN, 0}, {connection.output, 0, 0}}};
     do {
         if (poll(waits.data(), waits.size(), poll_time(deadline)) < 0 && errno != EINTR) {
-            fail(connection,
-                 std::string("cannot wait for the daemon: ") + std::strerror(errno) + "; try again");
+            fail(connection, std::string("cannot wait for the daemon: ") + strerror(errno) + "; try again");
             return Received::kFailed;
         }
         if (waits[1].revents != 0) {
@@ -235,7 +234,7 @@ Received connection_receive(Connection& connection, tavor_response& response, Cl
 }
 
 std::string connection_error_text(const std::string& path, int error) {
-    const std::string place = print_safe(path) + ": " + std::strerror(error);
+    const std::string place = print_safe(path) + ": " + strerror(error);
     const bool usual = path == TAVOR_SOCKET_PATH;
     switch (error) {
     case ENOENT:

@@ -69,21 +69,21 @@ void open_log(Run& run) {
     if (path.empty()) {
         log_source_open_journal(run.log);
     } else if (!log_source_open_file(run.log, path)) {
-        session_note("cannot read the log " + print_safe(path) + ": " + std::strerror(errno) +
+        session_note("cannot read the log " + print_safe(path) + ": " + strerror(errno) +
                      "; only the time is shown");
     }
 }
 
 void clear_bar(Run& run) {
     if (run.drawn) {
-        std::fputs(kClearLine, stderr);
+        fputs(kClearLine, stderr);
         run.drawn = false;
     }
 }
 
 void draw_bar(Run& run) {
     const std::string text = download_view_bar(run.progress, times_of(run), terminal_width());
-    std::fprintf(stderr, "%s%s", kClearLine, text.c_str());
+    fprintf(stderr, "%s%s", kClearLine, text.c_str());
     run.drawn = true;
 }
 

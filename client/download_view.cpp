@@ -23,13 +23,13 @@ std::string dump(const Json& object) {
 std::string clock_text(double seconds) {
     const auto whole = static_cast<long>(std::max(0.0, seconds));
     std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%ld:%02ld", whole / 60, whole % 60);
+    snprintf(text.data(), text.size(), "%ld:%02ld", whole / 60, whole % 60);
     return text.data();
 }
 
 std::string rate_text(double bytes_per_s) {
     std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%.1f kB/s", bytes_per_s / 1000);
+    snprintf(text.data(), text.size(), "%.1f kB/s", bytes_per_s / 1000);
     return text.data();
 }
 
@@ -38,7 +38,7 @@ std::string bar_text(uint64_t done, uint64_t total) {
     const double share = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const auto filled = static_cast<size_t>(share * kBarWidth);
     std::array<char, 16> percent = {};
-    std::snprintf(percent.data(), percent.size(), "%3d %%", static_cast<int>(share * 100));
+    snprintf(percent.data(), percent.size(), "%3d %%", static_cast<int>(share * 100));
     return "[" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " + percent.data();
 }
 

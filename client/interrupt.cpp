@@ -44,8 +44,8 @@ void interrupt_end(int signal) {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, signal);
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
+    ::signal(signal, SIG_DFL);
+    raise(signal);
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     _exit(kSignalStatusBase + signal);
 }

@@ -44,8 +44,8 @@ std::string present_time() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
     std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%lld.%06lld", static_cast<long long>(us / 1000000),
-                  static_cast<long long>(us % 1000000));
+    snprintf(text.data(), text.size(), "%lld.%06lld", static_cast<long long>(us / 1000000),
+             static_cast<long long>(us % 1000000));
     return text.data();
 }
 

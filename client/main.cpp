@@ -39,8 +39,8 @@ int main(int argc, char** argv) {
     if (!hold_standard_descriptors()) {
         return kExitFailed;
     }
-    std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    signal(SIGPIPE, SIG_IGN);
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     try {
         const int status = run(argc, argv);
         if (status > kExitSignal) {
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
         }
         return status;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "tavorctl: %s; free memory and try again\n", error.what());
+        fprintf(stderr, "tavorctl: %s; free memory and try again\n", error.what());
         return kExitFailed;
     }
 }

@@ -185,8 +185,7 @@ int usage_error(const CLI::App& app, std::string problem) {
     std::replace(problem.begin(), problem.end(), '\n', ' ');
     const auto used = app.get_subcommands();
     const std::string name = used.empty() ? "" : used.front()->get_name() + " ";
-    std::fprintf(stderr, "tavorctl: %s; see 'tavorctl %s--help'\n", print_safe(problem).c_str(),
-                 name.c_str());
+    fprintf(stderr, "tavorctl: %s; see 'tavorctl %s--help'\n", print_safe(problem).c_str(), name.c_str());
     return kExitUsage;
 }
 
@@ -211,7 +210,7 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     app.set_version_flag("--version", "tavorctl " TAVOR_VERSION);
     app.footer(kFooter);
     app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
-    if (const char* socket = std::getenv("TAVOR_SOCKET")) {
+    if (const char* socket = getenv("TAVOR_SOCKET")) {
         options.socket = socket;
     }
     add_common(app, options);

@@ -52,7 +52,7 @@ std::string quantity(const std::optional<double>& value, int decimals, const cha
         return std::string(kUnknown);
     }
     std::array<char, 400> text = {}; // the largest double has 309 digits before its point
-    std::snprintf(text.data(), text.size(), "%.*f%s", decimals, *value, unit);
+    snprintf(text.data(), text.size(), "%.*f%s", decimals, *value, unit);
     return text.data();
 }
 
@@ -125,8 +125,7 @@ std::string print_safe(std::string_view text) {
             continue;
         }
         std::array<char, 5> escaped = {};
-        std::snprintf(escaped.data(), escaped.size(), "\\x%02x",
-                      static_cast<unsigned>(static_cast<uint8_t>(c)));
+        snprintf(escaped.data(), escaped.size(), "\\x%02x", static_cast<unsigned>(static_cast<uint8_t>(c)));
         safe += escaped.data();
     }
     return safe;
@@ -134,7 +133,7 @@ std::string print_safe(std::string_view text) {
 
 std::string print_seconds(double seconds) {
     std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%.9g", seconds);
+    snprintf(text.data(), text.size(), "%.9g", seconds);
     return text.data();
 }
 

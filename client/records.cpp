@@ -98,7 +98,7 @@ Record record_parse(const tavor_response& response) {
     record.kind = kind_of(response.code, text);
     if (record.kind == RecordKind::kPosition) {
         tavor_location_record location = {};
-        std::memcpy(&location, response.payload, sizeof location);
+        memcpy(&location, response.payload, sizeof location);
         record.position = record_position(location);
     } else if (record.kind != RecordKind::kResult && record.kind != RecordKind::kUnknown) {
         record.text = std::move(text);
@@ -108,7 +108,7 @@ Record record_parse(const tavor_response& response) {
 
 Position record_position(const tavor_location_record& record) {
     RecordBytes bytes = {};
-    std::memcpy(bytes.data(), &record, bytes.size());
+    memcpy(bytes.data(), &record, bytes.size());
     const Height height = parse_height(bytes);
     const auto number_at = [&](size_t offset, size_t size) {
         const bool under_height = offset > kHeightOffset && offset < height.end;

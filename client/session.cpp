@@ -8,16 +8,16 @@
 #include <cstring>
 
 int session_fail(ExitStatus status, const std::string& text) {
-    std::fprintf(stderr, "tavorctl: %s\n", text.c_str());
+    fprintf(stderr, "tavorctl: %s\n", text.c_str());
     return status;
 }
 
 void session_note(const std::string& text) {
-    std::fprintf(stderr, "tavorctl: %s\n", text.c_str());
+    fprintf(stderr, "tavorctl: %s\n", text.c_str());
 }
 
 bool session_emit(Session& session, const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
+    if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
         session.output_error = session.output_error != 0 ? session.output_error : errno;
         return false;
     }
@@ -30,8 +30,7 @@ int session_output_status(const Session& session) {
         return kExitSuccess;
     }
     return session_fail(kExitFailed, std::string("cannot write the output: ") +
-                                         std::strerror(session.output_error) +
-                                         "; free space or write elsewhere");
+                                         strerror(session.output_error) + "; free space or write elsewhere");
 }
 
 int session_end_status(Session& session, Outcome outcome, double limit_s) {

@@ -5,6 +5,6 @@
 
 int main() {
     const int status = tavor_run();
-    std::fflush(stdout);
+    fflush(stdout);
     _exit(status); // the other threads still run: nothing is torn down under them
 }

@@ -49,7 +49,7 @@ bool is_decimal(const std::string& text, size_t decimals) {
 }
 
 int number(const std::string& text) {
-    return std::atoi(text.c_str()); // at most four digits, all checked
+    return atoi(text.c_str()); // at most four digits, all checked
 }
 
 void ask(Chip& chip, const char* body, uint64_t& due_us, ChipAidingStatus& status, uint64_t now_us) {
@@ -134,7 +134,7 @@ std::string chip_position_error(const std::vector<std::string>& fields) {
             return std::string(rule.name) + " is not a number with " + std::to_string(rule.decimals) +
                    " decimals";
         }
-        const double value = std::strtod(fields[i].c_str(), nullptr);
+        const double value = strtod(fields[i].c_str(), nullptr);
         if (value < rule.low || value > rule.high) {
             return std::string(rule.name) + " is out of range";
         }

@@ -212,7 +212,7 @@ std::string chip_fault(Chip& chip, const std::string& name, const std::string& v
         return queue_backlog(chip, value, now_us);
     }
     if (!set_any(chip, name, value)) {
-        const bool commands = std::strstr(info->values, "COMMAND") != nullptr;
+        const bool commands = strstr(info->values, "COMMAND") != nullptr;
         return "fault " + name + ": \"" + value + "\" is none of " + info->values +
                (commands ? "; COMMAND is one of " + chip_download_fault_commands() : "");
     }

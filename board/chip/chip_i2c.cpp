@@ -29,7 +29,7 @@ constexpr uint8_t kFloatingLine = 0xFF; // what the host reads behind the end of
 std::nullopt_t refuse(Chip& chip, const char* what, uint32_t number, bool direction_excused = false) {
     if (!chip.i2c.excused && !direction_excused) {
         std::array<char, 128> text{};
-        std::snprintf(text.data(), text.size(), "%s (0x%x)", what, number);
+        snprintf(text.data(), text.size(), "%s (0x%x)", what, number);
         ++chip.status.violations;
         chip.status.last_violation = text.data();
     }

@@ -24,12 +24,12 @@ struct Expected {
 
 std::string hex(uint32_t word) {
     char text[16];
-    std::snprintf(text, sizeof text, "%X", word);
+    snprintf(text, sizeof text, "%X", word);
     return text;
 }
 
 uint32_t hour_of(const std::string& word) {
-    return static_cast<uint32_t>(std::strtoul(word.c_str(), nullptr, 16)) & kHourMask;
+    return static_cast<uint32_t>(strtoul(word.c_str(), nullptr, 16)) & kHourMask;
 }
 
 size_t records_of(const Chip& chip, ChipConstellation constellation) {

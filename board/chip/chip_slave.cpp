@@ -52,7 +52,7 @@ void refuse(Chip& chip, const char* what, uint32_t number) {
         return;
     }
     std::array<char, 128> text{};
-    std::snprintf(text.data(), text.size(), "%s (0x%x)", what, number);
+    snprintf(text.data(), text.size(), "%s (0x%x)", what, number);
     ++chip.status.violations;
     chip.status.last_violation = text.data();
 }

@@ -28,7 +28,7 @@ constexpr size_t kMaxBody = 128;
     va_list arguments;
     va_start(arguments, format);
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): clang 14 does not see va_start
-    std::vsnprintf(text.data(), text.size(), format, arguments);
+    vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
     return text.data();
 }

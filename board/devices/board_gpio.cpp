@@ -179,7 +179,7 @@ ssize_t board_gpio_read(const BoardGpio& gpio, const std::string& path, size_t p
     }
     const std::string text = text_of(*node, gpio.pins.at(node->pin));
     const size_t count = std::min(length, text.size() - std::min(position, text.size()));
-    std::memcpy(buffer, text.data() + std::min(position, text.size()), count);
+    memcpy(buffer, text.data() + std::min(position, text.size()), count);
     return static_cast<ssize_t>(count);
 }
 

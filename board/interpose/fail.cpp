@@ -59,7 +59,7 @@ thread_local int uncounted = 0;
 
 Order* find(const char* function) {
     for (Order& order : state.orders) {
-        if (std::strcmp(order.function, function) == 0) {
+        if (strcmp(order.function, function) == 0) {
             return &order;
         }
     }
@@ -72,8 +72,8 @@ void interpose_fail(const char* function, int nth, int error) {
     const std::lock_guard hold(state.lock);
     Order* order = find(function);
     if (order == nullptr || nth < 1) {
-        std::fprintf(stderr, "interpose_fail: no function %s, or no call %d\n", function, nth);
-        std::abort();
+        fprintf(stderr, "interpose_fail: no function %s, or no call %d\n", function, nth);
+        abort();
     }
     state.orders_open += order->calls_left == 0 ? 1 : 0;
     order->calls_left = nth;

@@ -42,16 +42,16 @@ void map_address(HookAddress& hooked, const sockaddr* address, socklen_t size) {
     }
     const std::string target = interpose_map(path.c_str());
     if (target.size() >= sizeof hooked.mapped.sun_path) {
-        std::fprintf(stderr,
-                     "board: socket path %s has %zu characters, at most %zu are possible: use a shorter "
-                     "directory\n",
-                     target.c_str(), target.size(), sizeof hooked.mapped.sun_path - 1);
+        fprintf(stderr,
+                "board: socket path %s has %zu characters, at most %zu are possible: use a shorter "
+                "directory\n",
+                target.c_str(), target.size(), sizeof hooked.mapped.sun_path - 1);
         errno = ENAMETOOLONG;
         hooked.fits = false;
         return;
     }
     hooked.mapped.sun_family = AF_UNIX;
-    std::memcpy(hooked.mapped.sun_path, target.c_str(), target.size());
+    memcpy(hooked.mapped.sun_path, target.c_str(), target.size());
     hooked.address = reinterpret_cast<const sockaddr*>(&hooked.mapped);
     hooked.size = sizeof hooked.mapped;
 }

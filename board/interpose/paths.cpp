@@ -34,16 +34,16 @@ bool is_ours(const Root& root) {
 }
 
 bool is_below(const char* path, const char* directory) {
-    const size_t size = std::strlen(directory);
-    return std::strncmp(path, directory, size) == 0 && (path[size] == '/' || path[size] == '\0');
+    const size_t size = strlen(directory);
+    return strncmp(path, directory, size) == 0 && (path[size] == '/' || path[size] == '\0');
 }
 
 bool begins(const char* path, const char* start) {
-    return std::strncmp(path, start, std::strlen(start)) == 0;
+    return strncmp(path, start, strlen(start)) == 0;
 }
 
 bool is_fixed(const char* path) {
-    return is_below(path, "/etc/default/tavor") || std::strcmp(path, "/tmp/head.out") == 0;
+    return is_below(path, "/etc/default/tavor") || strcmp(path, "/tmp/head.out") == 0;
 }
 
 uint64_t hash_of(const std::string& text) {

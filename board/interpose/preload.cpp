@@ -18,9 +18,8 @@ namespace {
 // A program that was meant for a board must not run on the host's own files and devices.
 [[noreturn]] void refuse(const char* directory) {
     constexpr int kNotStarted = 127;
-    std::fprintf(stderr,
-                 "tavor_board: TAVOR_BOARD_DIR is \"%s\", it must name the directory of a running board\n",
-                 directory == nullptr ? "" : directory);
+    fprintf(stderr, "tavor_board: TAVOR_BOARD_DIR is \"%s\", it must name the directory of a running board\n",
+            directory == nullptr ? "" : directory);
     _exit(kNotStarted);
 }
 
@@ -40,7 +39,7 @@ BoardClock* map_clock(const std::string& directory) {
 }
 
 __attribute__((constructor)) void preload_start() {
-    const char* directory = std::getenv("TAVOR_BOARD_DIR");
+    const char* directory = getenv("TAVOR_BOARD_DIR");
     if (directory == nullptr || *directory != '/' || !remote_set_server(directory)) {
         refuse(directory);
     }

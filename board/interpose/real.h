@@ -24,7 +24,7 @@ template <SymbolName Name, typename Function> Function* real() {
     if (function == nullptr) {
         function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, Name.text));
         if (function == nullptr) {
-            std::abort(); // not reached with a C library that the program could be linked with
+            abort(); // not reached with a C library that the program could be linked with
         }
         found.store(function, std::memory_order_release);
     }

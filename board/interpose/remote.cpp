@@ -111,7 +111,7 @@ int connect_server() {
 }
 
 Piece text_piece(const char* text) {
-    return {const_cast<char*>(text), std::strlen(text)};
+    return {const_cast<char*>(text), strlen(text)};
 }
 
 const uint8_t* address_of(uint64_t word) {

@@ -199,7 +199,7 @@ MHD_Result answer(AssistServer& server, MHD_Connection* connection, const std::s
 MHD_Result take_request(void* argument, MHD_Connection* connection, const char* url, const char* method,
                         const char*, const char*, size_t*, void**) {
     AssistServer& server = *static_cast<AssistServer*>(argument);
-    if (std::strcmp(method, MHD_HTTP_METHOD_GET) != 0) {
+    if (strcmp(method, MHD_HTTP_METHOD_GET) != 0) {
         return refuse(server, connection, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET\n");
     }
     {
@@ -236,7 +236,7 @@ std::string assist_open(AssistServer& server, const BoardClock& clock, uint32_t 
     if (server.listener < 0 || bind(server.listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
         listen(server.listener, kBacklog) != 0 ||
         getsockname(server.listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        return std::string("can't listen for the assistance server: ") + std::strerror(errno);
+        return std::string("can't listen for the assistance server: ") + strerror(errno);
     }
     server.port = ntohs(address.sin_port);
     return "";

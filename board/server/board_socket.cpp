@@ -14,7 +14,7 @@ bool board_socket_address(const std::string& directory, sockaddr_un* address) {
     if (path.size() >= sizeof address->sun_path) {
         return false;
     }
-    std::memcpy(address->sun_path, path.c_str(), path.size());
+    memcpy(address->sun_path, path.c_str(), path.size());
     return true;
 }
 
@@ -36,7 +36,7 @@ int board_socket_connect(const std::string& directory) {
 
 std::string board_socket_no_board(const std::string& directory, int reason) {
     if (reason == EACCES || reason == EPERM) {
-        return "may not reach the board in " + directory + ": " + std::strerror(reason) +
+        return "may not reach the board in " + directory + ": " + strerror(reason) +
                "; run as the user who started it";
     }
     return "no board runs in " + directory + ": start one with 'tavor-board run --dir " + directory + "'";

@@ -47,7 +47,7 @@ std::string clock_file_open(ClockFile& file, const std::string& directory) {
     file.path = directory + "/" + kBoardClockName;
     void* memory = map_new(file.path);
     if (memory == nullptr) {
-        return "can't make the clock " + file.path + ": " + std::strerror(errno);
+        return "can't make the clock " + file.path + ": " + strerror(errno);
     }
     file.clock = new (memory) BoardClock();
     return "";
@@ -75,10 +75,10 @@ std::string clock_text(int64_t utc_ns) {
     const year_month_day date(day);
     const hh_mm_ss time(moment - day);
     char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                  static_cast<int>(time.seconds().count()));
+    snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
+             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+             static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+             static_cast<int>(time.seconds().count()));
     return text;
 }
 
@@ -90,7 +90,7 @@ bool clock_parse(const std::string& text, int64_t* utc_ns) {
     unsigned mi = 0;
     unsigned s = 0;
     int end = 0;
-    if (std::sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u%n", &y, &mo, &d, &h, &mi, &s, &end) != 6 ||
+    if (sscanf(text.c_str(), "%4d-%2u-%2uT%2u:%2u:%2u%n", &y, &mo, &d, &h, &mi, &s, &end) != 6 ||
         (text.substr(static_cast<size_t>(end)) != "Z" && text.size() != static_cast<size_t>(end))) {
         return false;
     }

@@ -25,7 +25,7 @@ constexpr time_t kAnswerLimitS = 10;
 
 int hex_digit(char digit) {
     const char* digits = "0123456789abcdef";
-    const char* found = std::strchr(digits, digit >= 'A' && digit <= 'F' ? digit + ('a' - 'A') : digit);
+    const char* found = strchr(digits, digit >= 'A' && digit <= 'F' ? digit + ('a' - 'A') : digit);
     return digit != '\0' && found != nullptr ? static_cast<int>(found - digits) : -1;
 }
 
@@ -117,20 +117,20 @@ std::string receive_answer(int fd) {
 
 void print_commands(const json& answer) {
     if (answer.value("left_out", 0) > 0) {
-        std::printf("(%d earlier ones left out)\n", answer.value("left_out", 0));
+        printf("(%d earlier ones left out)\n", answer.value("left_out", 0));
     }
     for (const json& command : answer["commands"]) {
-        std::printf("%s%s\n", command["text"].get<std::string>().c_str(),
-                    command["good"].get<bool>() ? "" : "  (bad)");
+        printf("%s%s\n", command["text"].get<std::string>().c_str(),
+               command["good"].get<bool>() ? "" : "  (bad)");
     }
 }
 
 void print_faults(const json& answer) {
     for (const json& fault : answer["faults"]) {
-        std::printf("%-16s %-40s %s\n", fault["name"].get<std::string>().c_str(),
-                    fault["values"].get<std::string>().c_str(), fault["help"].get<std::string>().c_str());
+        printf("%-16s %-40s %s\n", fault["name"].get<std::string>().c_str(),
+               fault["values"].get<std::string>().c_str(), fault["help"].get<std::string>().c_str());
     }
-    std::printf("COMMAND is one of %s.\n", chip_download_fault_commands().c_str());
+    printf("COMMAND is one of %s.\n", chip_download_fault_commands().c_str());
 }
 
 // One value a line; those of an object with its name in front.
@@ -139,17 +139,17 @@ void print_status(const json& answer, const std::string& prefix = "") {
         if (value.is_object()) {
             print_status(value, prefix + key + ".");
         } else if (key != "ok") {
-            std::printf("%-25s %s\n", (prefix + key).c_str(),
-                        (value.is_string() ? value.get<std::string>() : value.dump()).c_str());
+            printf("%-25s %s\n", (prefix + key).c_str(),
+                   (value.is_string() ? value.get<std::string>() : value.dump()).c_str());
         }
     }
 }
 
 void print(const ControlOptions& options, const json& answer) {
     if (options.json) {
-        std::printf("%s\n", answer.dump().c_str());
+        printf("%s\n", answer.dump().c_str());
     } else if (options.command == "power") {
-        std::printf("%s\n", answer["powered"].get<bool>() ? "on" : "off");
+        printf("%s\n", answer["powered"].get<bool>() ? "on" : "off");
     } else if (answer.contains("commands")) {
         print_commands(answer);
     } else if (options.list) {
@@ -177,24 +177,24 @@ std::string control_ask(const std::string& directory, const std::string& request
 int control_run(const ControlOptions& options) {
     json request;
     if (!make_request(options, request)) {
-        std::fprintf(stderr, options.command == "fault"
-                                 ? "tavor-board: fault takes a name and a value; see fault --list\n"
-                                 : "tavor-board: --hex takes two hexadecimal digits a byte\n");
+        fprintf(stderr, options.command == "fault"
+                            ? "tavor-board: fault takes a name and a value; see fault --list\n"
+                            : "tavor-board: --hex takes two hexadecimal digits a byte\n");
         return kUsageError;
     }
     const std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace);
     if (text.size() > kWirePayloadMax) {
-        std::fprintf(stderr, "tavor-board: too much at once: send it in smaller pieces\n");
+        fprintf(stderr, "tavor-board: too much at once: send it in smaller pieces\n");
         return kUsageError;
     }
     int reason = 0;
     const json answer = json::parse(control_ask(options.directory, text, &reason), nullptr, false);
     if (!answer.is_object()) {
-        std::fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
+        fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
         return kNoBoard;
     }
     if (!answer.value("ok", false)) {
-        std::fprintf(stderr, "tavor-board: %s\n", answer.value("error", "refused").c_str());
+        fprintf(stderr, "tavor-board: %s\n", answer.value("error", "refused").c_str());
         return kRefused;
     }
     print(options, answer);

@@ -22,7 +22,7 @@ std::string state_path(const std::string& directory) {
 }
 
 std::string failure(const std::string& path) {
-    return "can't write " + path + ": " + std::strerror(errno);
+    return "can't write " + path + ": " + strerror(errno);
 }
 
 std::string write_range(const std::string& path, const ChipFlash& flash, size_t begin, size_t end) {

@@ -59,7 +59,7 @@ std::string sanitizer_runtime() {
 }
 
 void put_in_front(const char* name, const std::string& value, char separator) {
-    const char* old = std::getenv(name);
+    const char* old = getenv(name);
     setenv(name, (old == nullptr || *old == '\0' ? value : value + separator + old).c_str(), 1);
 }
 
@@ -78,7 +78,7 @@ void set_environment(const std::string& directory, const std::string& library) {
 std::string make_own_directory(std::string* directory) {
     std::string pattern = kDirectoryPattern;
     if (mkdtemp(pattern.data()) == nullptr) {
-        return "can't make a directory like " + pattern + ": " + std::strerror(errno);
+        return "can't make a directory like " + pattern + ": " + strerror(errno);
     }
     *directory = pattern;
     return "";
@@ -148,7 +148,7 @@ std::string launch_replace(const std::string& directory, const std::vector<std::
     }
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
-    return "can't start " + program[0] + ": " + std::strerror(errno);
+    return "can't start " + program[0] + ": " + strerror(errno);
 }
 
 int launch_exec(const ExecOptions& options) {
@@ -157,14 +157,14 @@ int launch_exec(const ExecOptions& options) {
     const int fd = error ? -1 : board_socket_connect(directory);
     if (fd < 0) {
         const int reason = error ? error.value() : errno;
-        std::fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
+        fprintf(stderr, "tavor-board: %s\n", board_socket_no_board(options.directory, reason).c_str());
         return kNoBoard;
     }
     close(fd);
     if (options.speed != 0) {
         control_ask(directory, R"({"command": "time", "speed": )" + std::to_string(options.speed) + "}");
     }
-    std::fprintf(stderr, "tavor-board: %s\n", launch_replace(directory, options.program).c_str());
+    fprintf(stderr, "tavor-board: %s\n", launch_replace(directory, options.program).c_str());
     return kNotStarted;
 }
 

@@ -24,7 +24,7 @@ constexpr mode_t kLogMode = 0644;
 constexpr int64_t kNsPerUs = 1000;
 
 int complain(const std::string& problem) {
-    std::fprintf(stderr, "tavor-board: %s\n", problem.c_str());
+    fprintf(stderr, "tavor-board: %s\n", problem.c_str());
     return kFailed;
 }
 
@@ -35,7 +35,7 @@ void block_signals(sigset_t* before) {
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGCHLD);
     sigprocmask(SIG_BLOCK, &set, before);
-    std::signal(SIGCHLD, SIG_DFL); // ignored, the child's end would not be told
+    signal(SIGCHLD, SIG_DFL); // ignored, the child's end would not be told
 }
 
 // Runs in the child: never returns.
@@ -46,7 +46,7 @@ void block_signals(sigset_t* before) {
     if (!options.log.empty()) {
         const int fd = open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
         if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) {
-            complain("can't write " + options.log + ": " + std::strerror(errno));
+            complain("can't write " + options.log + ": " + strerror(errno));
             _exit(kNotStarted);
         }
     }
@@ -57,19 +57,18 @@ void block_signals(sigset_t* before) {
 void tell_ready(const RunOptions& options, const std::string& directory) {
     const bool alone = options.program.empty();
     FILE* const out = alone ? stdout : stderr; // standard output belongs to the program
-    std::fprintf(out, "ready %s\n", directory.c_str());
+    fprintf(out, "ready %s\n", directory.c_str());
     if (alone) {
-        std::fprintf(out, "start a program on it:  tavor-board exec --dir %s -- PROGRAM\n",
-                     directory.c_str());
-        std::fprintf(out, "ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
+        fprintf(out, "start a program on it:  tavor-board exec --dir %s -- PROGRAM\n", directory.c_str());
+        fprintf(out, "ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
     }
-    std::fprintf(out, "debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
-                 launch_setting(directory, "debug socket ip=", "192.168.1.1").c_str(),
-                 launch_setting(directory, "debug socket port=", "7005").c_str());
+    fprintf(out, "debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
+            launch_setting(directory, "debug socket ip=", "192.168.1.1").c_str(),
+            launch_setting(directory, "debug socket port=", "7005").c_str());
     if (options.assistance) {
-        std::fprintf(out, "assistance server:      %s\n", launch_setting(directory, "XOD host=", "").c_str());
+        fprintf(out, "assistance server:      %s\n", launch_setting(directory, "XOD host=", "").c_str());
     }
-    std::fflush(out);
+    fflush(out);
 }
 
 std::string apply_faults(const ControlTarget& target, const RunOptions& options) {
@@ -92,7 +91,7 @@ void start_program(BoardServer& server, const RunOptions& options, const std::st
     }
     if (server.child < 0) {
         server.target.quit = true;
-        server.status = complain(std::string("can't start a process: ") + std::strerror(errno));
+        server.status = complain(std::string("can't start a process: ") + strerror(errno));
     }
 }
 

@@ -66,7 +66,7 @@ bool take_parts(const Request& request, std::vector<BoardTransfer>& parts, Bytes
         return false;
     }
     std::array<WirePart, kWirePartsMax> wire = {};
-    std::memcpy(wire.data(), request.payload, count * sizeof(WirePart));
+    memcpy(wire.data(), request.payload, count * sizeof(WirePart));
     size_t sends = 0;
     size_t receives = 0;
     for (size_t i = 0; i < count; ++i) {
@@ -106,7 +106,7 @@ void answer_spi_set(Board& board, ServerConnection& connection, const Request& r
     if (request.header.length != sizeof value || !is_setting(request.header.number)) {
         return refuse(reply, EINVAL);
     }
-    std::memcpy(&value, request.payload, sizeof value);
+    memcpy(&value, request.payload, sizeof value);
     set_result(reply, board_spi_set(board, connection.file,
                                     static_cast<BoardSpiSetting>(request.header.number), value));
 }
@@ -119,7 +119,7 @@ void answer_spi_get(Board& board, ServerConnection& connection, const Request& r
     set_result(reply, board_spi_get(board, connection.file,
                                     static_cast<BoardSpiSetting>(request.header.number), value));
     reply.payload.resize(sizeof value);
-    std::memcpy(reply.payload.data(), &value, sizeof value);
+    memcpy(reply.payload.data(), &value, sizeof value);
 }
 
 void answer_control(BoardServer& server, const Request& request, Reply& reply) {
@@ -200,7 +200,7 @@ void drop(BoardServer& server, int fd) {
 void keep_flash(BoardServer& server) {
     const std::string problem = flash_file_keep(*server.target.board, server.directory);
     if (!problem.empty()) {
-        std::fprintf(stderr, "tavor-board: %s\n", problem.c_str());
+        fprintf(stderr, "tavor-board: %s\n", problem.c_str());
     }
 }
 
@@ -212,7 +212,7 @@ void serve(BoardServer& server, int fd) {
     }
     Request request = {{}, buffer.data() + sizeof(WireRequest)};
     if (size >= static_cast<ssize_t>(sizeof request.header) && size <= static_cast<ssize_t>(buffer.size())) {
-        std::memcpy(&request.header, buffer.data(), sizeof request.header);
+        memcpy(&request.header, buffer.data(), sizeof request.header);
         Reply reply;
         if (request.header.length == static_cast<size_t>(size) - sizeof request.header) {
             answer(server, server.connections[fd], request, reply);
@@ -283,7 +283,7 @@ std::string listen_in(BoardServer& server, const std::string& directory) {
     if (server.listener < 0 ||
         bind(server.listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(server.listener, kBacklog) != 0) {
-        return std::string("can't listen at ") + address.sun_path + ": " + std::strerror(errno);
+        return std::string("can't listen at ") + address.sun_path + ": " + strerror(errno);
     }
     server.socket_path = address.sun_path;
     return "";
@@ -320,7 +320,7 @@ std::string server_open(BoardServer& server, const std::string& directory) {
     server.signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     server.events = epoll_create1(EPOLL_CLOEXEC);
     if (server.signals < 0 || server.events < 0) {
-        return std::string("can't wait for events: ") + std::strerror(errno);
+        return std::string("can't wait for events: ") + strerror(errno);
     }
     watch(server, server.listener);
     watch(server, server.signals);

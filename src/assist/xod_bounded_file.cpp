@@ -19,14 +19,14 @@ ssize_t write_bounded(void* cookie, const char* data, size_t size) {
         errno = EFBIG;
         return 0;
     }
-    const size_t written = std::fwrite(data, 1, size, bounded->file);
+    const size_t written = fwrite(data, 1, size, bounded->file);
     bounded->room -= written;
     return static_cast<ssize_t>(written);
 }
 
 int close_bounded(void* cookie) {
     const std::unique_ptr<BoundedFile> bounded(static_cast<BoundedFile*>(cookie));
-    return std::fclose(bounded->file);
+    return fclose(bounded->file);
 }
 
 FILE* open_stream(FILE* file, size_t limit) {
@@ -44,14 +44,14 @@ FILE* open_stream(FILE* file, size_t limit) {
 } // namespace
 
 FILE* xod_bounded_file_open(const char* path, size_t limit) {
-    FILE* file = std::fopen(path, "wb");
+    FILE* file = fopen(path, "wb");
     if (file == nullptr) {
         return nullptr;
     }
-    std::setvbuf(file, nullptr, _IONBF, 0);
+    setvbuf(file, nullptr, _IONBF, 0);
     FILE* stream = open_stream(file, limit);
     if (stream == nullptr) {
-        std::fclose(file);
+        fclose(file);
         errno = ENOMEM;
     }
     return stream;

@@ -17,7 +17,7 @@ struct CurlState {
 template <typename Function> bool find(void* library, const char* name, Function* function) {
     *function = reinterpret_cast<Function>(dlsym(library, name));
     if (*function == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_curl, %s has no %s\n", kLibrary, name);
+        printf("[LOCSERV] ERR: [XOD]xod_curl, %s has no %s\n", kLibrary, name);
     }
     return *function != nullptr;
 }
@@ -37,7 +37,7 @@ bool start(void* library) {
     }
     const CURLcode result = global_init(CURL_GLOBAL_NOTHING);
     if (result != CURLE_OK) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_curl, curl_global_init, status: %d\n", static_cast<int>(result));
+        printf("[LOCSERV] ERR: [XOD]xod_curl, curl_global_init, status: %d\n", static_cast<int>(result));
     }
     return result == CURLE_OK;
 }
@@ -46,7 +46,7 @@ bool start(void* library) {
 bool load() {
     void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_curl, %s\n", dlerror());
+        printf("[LOCSERV] ERR: [XOD]xod_curl, %s\n", dlerror());
         return false;
     }
     if (find_all(library) && start(library)) {

@@ -44,18 +44,18 @@ bool is_armed(timer_t timer) {
 }
 
 void print_selection(const XodSelection& selection) {
-    std::printf("[LOCSERV] INF: [XOD]valid:%d,max:%d\n", static_cast<int32_t>(selection.valid),
-                static_cast<int32_t>(selection.end));
+    printf("[LOCSERV] INF: [XOD]valid:%d,max:%d\n", static_cast<int32_t>(selection.valid),
+           static_cast<int32_t>(selection.end));
 }
 
 uint32_t xod_download_get_next_download_time(uint32_t valid, uint32_t end, uint32_t retries) {
     if (valid != 0 && end != 0 && xod_clamped_hours(valid) != valid) {
-        std::puts("[LOCSERV] ERR: [XOD]valid hours > 72, check local time or xod file!");
+        puts("[LOCSERV] ERR: [XOD]valid hours > 72, check local time or xod file!");
         valid = xod_clamped_hours(valid);
     }
     const uint32_t delay = xod_next_download_ms(valid, end, retries);
-    std::printf("[LOCSERV] INF: [XOD]xod_download_get_next_download_time:%d [%d,%d]\n",
-                static_cast<int32_t>(delay), static_cast<int32_t>(valid), static_cast<int32_t>(end));
+    printf("[LOCSERV] INF: [XOD]xod_download_get_next_download_time:%d [%d,%d]\n",
+           static_cast<int32_t>(delay), static_cast<int32_t>(valid), static_cast<int32_t>(end));
     return delay;
 }
 
@@ -78,13 +78,13 @@ bool arm_next_timer(uint32_t delay) {
 
 void arm_next_timer_instead(int32_t ms) {
     if (location_timer_start(state.next_timer, ms) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]next download timer start fail");
+        puts("[LOCSERV] ERR: [XOD]next download timer start fail");
     }
 }
 
 // With few hours left the delay is more than a timer takes: the refresh must go on nevertheless.
 void arm_next_timer_anyway() {
-    std::printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
+    printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
     arm_next_timer_instead(kRefusedMs);
 }
 
@@ -95,8 +95,8 @@ void schedule_next(Lock* lock) {
     const XodSelection selection = xod_download_select_type(lock);
     const uint32_t delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
     const bool armed = arm_next_timer(delay);
-    std::printf("[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:%d\n",
-                static_cast<int32_t>(delay));
+    printf("[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:%d\n",
+           static_cast<int32_t>(delay));
     if (!armed && state.started) {
         arm_next_timer_anyway();
     }
@@ -110,9 +110,9 @@ void retry_later(DownloadItem* item) {
     }
     const auto delay = static_cast<int32_t>(xod_retry_ms(state.retries));
     const bool armed = location_timer_start(state.retry_timer, delay) == 0;
-    std::printf("[LOCSERV] INF: [XOD]xod_download_handle_result,start retry timer:%d\n", delay);
+    printf("[LOCSERV] INF: [XOD]xod_download_handle_result,start retry timer:%d\n", delay);
     if (!armed && state.started) {
-        std::puts("[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead");
+        puts("[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead");
         arm_next_timer_instead(delay);
     }
     ++state.retries;
@@ -120,23 +120,23 @@ void retry_later(DownloadItem* item) {
 
 // Disposes of an item that is in no list. Returns whether to go on at once.
 bool xod_download_handle_result(DownloadItem* item, int32_t result) {
-    std::printf("[LOCSERV] INF: [XOD]xod_download_handle_result:[%d,%d] %d\n",
-                static_cast<int32_t>(item->type), static_cast<int32_t>(item->index), result);
+    printf("[LOCSERV] INF: [XOD]xod_download_handle_result:[%d,%d] %d\n", static_cast<int32_t>(item->type),
+           static_cast<int32_t>(item->index), result);
     if (result != 0 && state.retries < kMaxRetries) {
         retry_later(item);
         return false;
     }
-    std::free(item);
+    free(item);
     state.retries = 0;
     return true;
 }
 
 void send_result(int32_t result) {
-    void* data = std::malloc(sizeof result);
+    void* data = malloc(sizeof result);
     if (data == nullptr) {
         return;
     }
-    std::memcpy(data, &result, sizeof result);
+    memcpy(data, &result, sizeof result);
     location_service_task_send_message(SERVICE_ASSIST_RESULT, data, sizeof result);
 }
 
@@ -186,7 +186,7 @@ void append_item(uint32_t type, uint32_t index) {
     if (xod_download_list_holds(state.pending, type, index)) {
         return;
     }
-    auto* item = static_cast<DownloadItem*>(std::malloc(sizeof(DownloadItem)));
+    auto* item = static_cast<DownloadItem*>(malloc(sizeof(DownloadItem)));
     if (item == nullptr) {
         return;
     }
@@ -221,17 +221,17 @@ void renew_timers() {
 
 void free_pending() {
     while (state.pending != nullptr) {
-        std::free(xod_download_list_take(&state.pending));
+        free(xod_download_list_take(&state.pending));
     }
 }
 
 } // namespace
 
 void xod_download_init(uint8_t mask, int32_t count) {
-    std::printf("[LOCSERV] INF: [XOD]xod_download_init:%d,%d\n", mask, count);
+    printf("[LOCSERV] INF: [XOD]xod_download_init:%d,%d\n", mask, count);
     Lock lock(state.lock);
     if (is_armed(state.retry_timer) || is_armed(state.next_timer)) {
-        std::puts("[LOCSERV] INF: [XOD]xod_download_init, already init");
+        puts("[LOCSERV] INF: [XOD]xod_download_init, already init");
         return;
     }
     state.mask = mask;
@@ -245,15 +245,15 @@ void xod_download_init(uint8_t mask, int32_t count) {
         delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
     }
     const bool armed = arm_next_timer(delay);
-    std::printf("[LOCSERV] INF: [XOD]xod_download_init, start next download timer:%d\n",
-                static_cast<int32_t>(delay));
+    printf("[LOCSERV] INF: [XOD]xod_download_init, start next download timer:%d\n",
+           static_cast<int32_t>(delay));
     if (!armed && state.started) {
         arm_next_timer_anyway();
     }
 }
 
 void xod_download_deinit() {
-    std::puts("[LOCSERV] INF: [XOD]xod_download_deinit");
+    puts("[LOCSERV] INF: [XOD]xod_download_deinit");
     Lock lock(state.lock);
     state.started = false;
     free_pending();

@@ -2,8 +2,9 @@
 
 #include "assist/xod_schedule.h"
 #include "base/byte_order.h"
+#include "base/format.h"
+#include "base/stop_lock.h"
 #include "config/location_config.h"
-#include "mux/host_mux_lock.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -23,38 +24,38 @@ struct XodFileState {
 FILE* open_file(uint32_t type, uint32_t index) {
     char path[kXodPathSize];
     xod_download_file_path(type, index, path);
-    return std::fopen(path, "rb");
+    return fopen(path, "rb");
 }
 
 // Stores the GPS hour of now; false when the time can't be told.
 bool read_clock(int32_t* now) {
-    const time_t seconds = std::time(nullptr);
+    const time_t seconds = time(nullptr);
     if (seconds < 0) {
-        std::puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours time error");
+        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours time error");
         return false;
     }
     tm utc = {};
     if (gmtime_r(&seconds, &utc) == nullptr) {
-        std::puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours gmtime error");
+        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours gmtime error");
         return false;
     }
     const int year = utc.tm_year + kTmYearBase;
     *now = gps_hour_from_utc(year, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
-    std::printf("[LOCSERV] INF: [XOD]%d-%d-%d-%d\n", year, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
+    printf("[LOCSERV] INF: [XOD]%d-%d-%d-%d\n", year, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
     return true;
 }
 
 // Reads the start hour at the file's position; false, with 0, for fewer bytes than that takes.
 bool read_start(FILE* file, uint32_t* start) {
     uint8_t word[kWordSize] = {};
-    const bool whole = std::fread(word, sizeof word, 1, file) == 1;
+    const bool whole = fread(word, sizeof word, 1, file) == 1;
     *start = whole ? xod_start_hour(load_le32(word)) : 0;
     return whole;
 }
 
 void close_file(FILE* file) {
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours fclose fail");
     }
 }
 
@@ -65,7 +66,7 @@ uint32_t numbered_start(uint32_t type, uint32_t index) {
     }
     uint32_t start = 0;
     if (!read_start(file, &start)) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours, fread fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours, fread fail");
     }
     close_file(file);
     return start;
@@ -77,12 +78,12 @@ uint32_t headed_start(uint32_t type) {
     if (file == nullptr) {
         return 0;
     }
-    if (std::fseek(file, kRecordSize, SEEK_SET) != 0) {
-        std::puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fseek fail");
+    if (fseek(file, kRecordSize, SEEK_SET) != 0) {
+        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fseek fail");
     }
     uint32_t start = 0;
     if (!read_start(file, &start)) {
-        std::puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fread fail");
+        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fread fail");
     }
     close_file(file);
     return start;
@@ -113,7 +114,7 @@ uint32_t start_of(uint32_t type, uint32_t count) {
 
 void xod_mutex_init() {
     if (pthread_mutex_init(&state.lock, nullptr) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_mutex_init, mutex init fail");
+        puts("[LOCSERV] ERR: [XOD]xod_mutex_init, mutex init fail");
     }
 }
 
@@ -126,7 +127,7 @@ void xod_download_unlock() {
 }
 
 bool xod_download_lock_unless_stopped() {
-    return host_mux_take_unless_stopped(&state.lock);
+    return stop_lock_take(&state.lock);
 }
 
 void xod_download_file_path(uint32_t type, uint32_t index, char* dst) {
@@ -135,8 +136,8 @@ void xod_download_file_path(uint32_t type, uint32_t index, char* dst) {
     char name[kXodNameSize] = {};
     xod_download_file_name(type, index, name);
     dst[0] = '\0';
-    if (std::snprintf(dst, kXodPathSize, "%s/%s", directory, name) >= static_cast<int>(kXodPathSize)) {
-        std::printf("[LOCSERV] WRN: [XOD]file path cut, %s\n", dst);
+    if (format(dst, kXodPathSize, "%s/%s", directory, name) >= static_cast<int>(kXodPathSize)) {
+        printf("[LOCSERV] WRN: [XOD]file path cut, %s\n", dst);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
 #include "base/byte_order.h"
+#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "link/location_command.h"
 
@@ -48,25 +49,23 @@ constexpr uint32_t kLateBeidouTo = 198;
 constexpr uint32_t kFirstLateBeidou = 135;
 
 void close_file(FILE* file) {
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, close file_handle fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, close file_handle fail");
     }
 }
 
 // An assistance file that is being read.
-struct OrbitFile {
+struct OrbitFile : private NonCopyable {
     OrbitFile() = default;
     ~OrbitFile() {
         close();
     }
-    OrbitFile(const OrbitFile&) = delete;
-    OrbitFile& operator=(const OrbitFile&) = delete;
 
     bool open(uint32_t type, uint32_t index) {
         close();
         char path[kXodPathSize];
         xod_download_file_path(type, index, path);
-        file = std::fopen(path, "rb");
+        file = fopen(path, "rb");
         return file != nullptr;
     }
     void close() {
@@ -85,8 +84,8 @@ struct OrbitFile {
 
 // What a failed read leaves in the buffer counts.
 void read_or_log(FILE* file, uint8_t* buffer, size_t size) {
-    if (std::fread(buffer, size, 1, file) != 1) {
-        std::puts("[LOCSERV] ERR: xod_host_aiding_xod, fread fail");
+    if (fread(buffer, size, 1, file) != 1) {
+        puts("[LOCSERV] ERR: xod_host_aiding_xod, fread fail");
     }
 }
 
@@ -108,16 +107,16 @@ void format_command(int32_t constellation, const uint8_t* record, char* text) {
     for (size_t i = 0; i < kRecordWords; ++i) {
         w[i] = load_le32(record + i * kWordSize);
     }
-    std::snprintf(text, kCommandSize, "471,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X",
-                  static_cast<uint32_t>(constellation), xod_host_aiding_sv_id(constellation, record), w[0],
-                  w[1], w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14],
-                  w[15], w[16], w[17]);
+    snprintf(text, kCommandSize, "471,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X,%X",
+             static_cast<uint32_t>(constellation), xod_host_aiding_sv_id(constellation, record), w[0], w[1],
+             w[2], w[3], w[4], w[5], w[6], w[7], w[8], w[9], w[10], w[11], w[12], w[13], w[14], w[15], w[16],
+             w[17]);
 }
 
 // A chip that asks without end fills the queue with requests of a second each: a stop waits for none of them.
-bool gives_way(bool pending = stop_mark_raised()) {
+bool gives_way(bool pending = stop_request_pending()) {
     if (pending) {
-        std::puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
+        puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
     }
     return pending;
 }
@@ -128,8 +127,8 @@ void xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
         if (gives_way()) {
             return;
         }
-        if (std::fread(record, sizeof record, 1, file) != 1) {
-            std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_send_data, read fail");
+        if (fread(record, sizeof record, 1, file) != 1) {
+            puts("[LOCSERV] ERR: [XOD] xod_host_aiding_send_data, read fail");
             return;
         }
         char text[kCommandSize] = {};
@@ -140,7 +139,7 @@ void xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
 }
 
 int32_t without_file(int32_t constellation) {
-    std::printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, without XOD file\n", constellation);
+    printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, without XOD file\n", constellation);
     return 0;
 }
 
@@ -172,7 +171,7 @@ int64_t numbered_offset(int32_t constellation, const OrbitFile& file, int32_t se
 int32_t send_segment(int32_t constellation, OrbitFile* file, int32_t segment) {
     if (!file->seek(numbered_offset(constellation, *file, segment))) {
         file->close();
-        std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
+        puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
         return 0;
     }
     xod_host_aiding_send_data(
@@ -197,7 +196,7 @@ int32_t aid_from_numbered(int32_t constellation, int32_t now) {
     }
     if (!is_in_file(segment)) {
         file.close();
-        std::printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, invalid xod\n", constellation);
+        printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, invalid xod\n", constellation);
         return 0;
     }
     return send_segment(constellation, &file, segment);
@@ -220,16 +219,16 @@ int32_t aid_from_headed(int32_t constellation, int32_t now) {
     int32_t hours = 0;
     const int32_t segment = read_segment(&file, now, &hours);
     if (!is_in_file(segment)) {
-        std::printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, invalid xod\n", constellation);
+        printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod: %d, invalid xod\n", constellation);
         return 0;
     }
     if (!file.seek(0)) {
-        std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
+        puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
     }
     xod_host_aiding_send_data(file.file, 1, constellation);
     if (!file.seek(kRecordSize + int64_t{segment} * count * kRecordSize)) {
         file.close();
-        std::puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
+        puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
         return 0;
     }
     xod_host_aiding_send_data(file.file, count, constellation);
@@ -247,7 +246,7 @@ int32_t xod_host_aiding_xod(int32_t constellation, uint32_t week, int32_t tow_se
     case XOD_CONSTELLATION_BEIDOU:
         return aid_from_headed(constellation, now);
     default:
-        std::printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, type wrong:%d\n", constellation);
+        printf("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, type wrong:%d\n", constellation);
         return 0;
     }
 }
@@ -283,7 +282,7 @@ int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds
     }
     const int32_t result = xod_host_aiding_xod(constellation, week, tow_seconds);
     if (result != 0) {
-        std::printf("[LOCSERV] INF: [XOD] host aiding xod finish:%d\n", constellation);
+        printf("[LOCSERV] INF: [XOD] host aiding xod finish:%d\n", constellation);
     }
     xod_download_unlock();
     return result;

@@ -4,6 +4,7 @@
 #include "assist/xod_curl.h"
 #include "assist/xod_file.h"
 #include "assist/xod_schedule.h"
+#include "base/format.h"
 #include "config/location_config.h"
 
 #include <algorithm>
@@ -49,9 +50,8 @@ bool describe(const DownloadItem& item, Download* download) {
     xod_download_file_path(item.type, item.index, download->path);
     XodServerConfig server = {};
     location_config_get_xod_server(&server);
-    return std::snprintf(download->url, sizeof download->url,
-                         "http://%s/%s?vendor=%s&project=%s&device_id=%s", server.host, download->name,
-                         server.vendor, server.project, server.device_id) >= 0;
+    return format(download->url, sizeof download->url, "http://%s/%s?vendor=%s&project=%s&device_id=%s",
+                  server.host, download->name, server.vendor, server.project, server.device_id) >= 0;
 }
 
 bool set_limits(const XodCurl& curl, CURL* handle) {
@@ -70,22 +70,22 @@ CurlHandle make_handle(const Download& download) {
     const XodCurl* curl = xod_curl();
     CurlHandle handle(curl != nullptr ? curl->easy_init() : nullptr, CurlCleanup{curl});
     if (handle == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, %s\n", download.name);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, %s\n", download.name);
         return nullptr;
     }
     if (curl->easy_setopt(handle.get(), CURLOPT_URL, download.url) != CURLE_OK) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt url fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt url fail");
     }
     if (!set_limits(*curl, handle.get())) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail");
         return nullptr;
     }
     return handle;
 }
 
 void close_file(FILE* file) {
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: [XOD]xod_download_http fclose fail");
     }
 }
 
@@ -98,13 +98,13 @@ struct TransferFiles {
 bool open_files(const Download& download, TransferFiles* files) {
     files->header = xod_bounded_file_open(kHeaderPath, kLargestFile);
     if (files->header == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http fail, %s\n", kHeaderPath);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http fail, %s\n", kHeaderPath);
         return false;
     }
     files->body = xod_bounded_file_open(download.path, kLargestFile);
     if (files->body == nullptr) {
         close_file(files->header);
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.path);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.path);
         return false;
     }
     return true;
@@ -115,10 +115,10 @@ bool open_files(const Download& download, TransferFiles* files) {
 CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
     const XodCurl& curl = *handle.get_deleter().curl;
     if (curl.easy_setopt(handle.get(), CURLOPT_HEADERDATA, files.header) != CURLE_OK) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt headerfile fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt headerfile fail");
     }
     if (curl.easy_setopt(handle.get(), CURLOPT_WRITEDATA, files.body) != CURLE_OK) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt bodyfile fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt bodyfile fail");
     }
     const CURLcode result = curl.easy_perform(handle.get());
     close_file(files.header);
@@ -148,8 +148,8 @@ bool transfer(const Download& download) {
         return false;
     }
     if (result != CURLE_OK) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http download fail, %s, status: %d\n", download.name,
-                    static_cast<int>(result));
+        printf("[LOCSERV] ERR: [XOD]xod_download_http download fail, %s, status: %d\n", download.name,
+               static_cast<int>(result));
         return false;
     }
     return true;
@@ -157,26 +157,26 @@ bool transfer(const Download& download) {
 
 bool same_sum(const char* etag, const char* md5) {
     // A sum that could not be made is empty, and so may the server's be.
-    return md5[0] != '\0' && std::memcmp(etag, md5, kDigestLength) == 0;
+    return md5[0] != '\0' && memcmp(etag, md5, kDigestLength) == 0;
 }
 
 // The status of the answer is not looked at: an error page has no ETag, or not that of its content.
 bool check(const Download& download) {
     char etag[kXodDigestSize] = {};
     if (xod_download_get_etag(kHeaderPath, etag) != 0) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http get etag fail, please check the http status code: "
-                    "%s\n",
-                    kHeaderPath);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http get etag fail, please check the http status code: "
+               "%s\n",
+               kHeaderPath);
         return false;
     }
     char md5[kXodDigestSize] = {};
     xod_download_md5_check(download.path, md5);
     if (!same_sum(etag, md5)) {
-        std::printf("[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:%s,MD5:%s\n", etag, md5);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:%s,MD5:%s\n", etag, md5);
         std::remove(download.path);
         return false;
     }
-    std::printf("[LOCSERV] INF: [XOD]xod_download_http MD5 check success, %s\n", download.name);
+    printf("[LOCSERV] INF: [XOD]xod_download_http MD5 check success, %s\n", download.name);
     return true;
 }
 
@@ -192,9 +192,9 @@ void write_hex(const uint8_t* digest, char* out) {
 bool add_content(FILE* file, mbedtls_md5_context* context) {
     uint8_t chunk[kChunkSize];
     for (;;) {
-        const size_t size = std::fread(chunk, 1, sizeof chunk, file);
+        const size_t size = fread(chunk, 1, sizeof chunk, file);
         if (size == 0) {
-            return std::ferror(file) == 0;
+            return ferror(file) == 0;
         }
         if (mbedtls_md5_update_ret(context, chunk, size) != 0) {
             return false;
@@ -216,41 +216,41 @@ bool digest_of(FILE* file, uint8_t* digest) {
 int32_t xod_download_http(const DownloadItem* item) {
     Download download = {};
     if (!describe(*item, &download)) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_http get url fail");
+        puts("[LOCSERV] ERR: [XOD]xod_download_http get url fail");
         return -1;
     }
     return transfer(download) && check(download) ? 0 : -1;
 }
 
 int32_t xod_download_get_etag(const char* path, char* out) {
-    FILE* file = std::fopen(path, "r");
+    FILE* file = fopen(path, "r");
     if (file == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
+        printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
         return -1;
     }
     const bool found = xod_etag_read(file, out);
     if (found) {
-        std::printf("[LOCSERV] INF: [XOD]ETag:%s,%s\n", path, out);
+        printf("[LOCSERV] INF: [XOD]ETag:%s,%s\n", path, out);
     }
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail");
     }
     return found ? 0 : -1;
 }
 
 void xod_download_md5_check(const char* path, char* out) {
-    std::puts("[LOCSERV] INF: [XOD]MD5 check");
-    FILE* file = std::fopen(path, "r");
+    puts("[LOCSERV] INF: [XOD]MD5 check");
+    FILE* file = fopen(path, "r");
     if (file == nullptr) {
-        std::printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
+        printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
         return;
     }
     uint8_t digest[kDigestBytes] = {};
     if (digest_of(file, digest)) {
         write_hex(digest, out);
     }
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail");
     }
-    std::printf("[LOCSERV] INF: [XOD]MD5:%s,%s\n", path, out);
+    printf("[LOCSERV] INF: [XOD]MD5:%s,%s\n", path, out);
 }

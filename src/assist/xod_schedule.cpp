@@ -64,28 +64,28 @@ void xod_download_file_name(uint32_t type, uint32_t index, char* dst) {
     const auto number = static_cast<int32_t>(index);
     switch (type) {
     case XOD_GPS_GLONASS:
-        std::snprintf(dst, kXodNameSize, "XOD_GR_3_%d.DAT", number);
+        snprintf(dst, kXodNameSize, "XOD_GR_3_%d.DAT", number);
         break;
     case XOD_GPS:
-        std::snprintf(dst, kXodNameSize, "XOD_GPS_3_%d.DAT", number);
+        snprintf(dst, kXodNameSize, "XOD_GPS_3_%d.DAT", number);
         break;
     case XOD_BEIDOU:
-        std::snprintf(dst, kXodNameSize, "XOD_BDS_3.DAT");
+        snprintf(dst, kXodNameSize, "XOD_BDS_3.DAT");
         break;
     case XOD_GALILEO:
-        std::snprintf(dst, kXodNameSize, "XOD_GAL_3.DAT");
+        snprintf(dst, kXodNameSize, "XOD_GAL_3.DAT");
         break;
     case XOD_QUICK_GPS_GLONASS:
-        std::snprintf(dst, kXodNameSize, "ZG_R.DAT");
+        snprintf(dst, kXodNameSize, "ZG_R.DAT");
         break;
     case XOD_QUICK_GPS:
-        std::snprintf(dst, kXodNameSize, "ZGPS.DAT");
+        snprintf(dst, kXodNameSize, "ZGPS.DAT");
         break;
     case XOD_QUICK_BEIDOU:
-        std::snprintf(dst, kXodNameSize, "ZBD2.DAT");
+        snprintf(dst, kXodNameSize, "ZBD2.DAT");
         break;
     case XOD_QUICK_GALILEO:
-        std::snprintf(dst, kXodNameSize, "ZGA.DAT");
+        snprintf(dst, kXodNameSize, "ZGA.DAT");
         break;
     default:
         break;

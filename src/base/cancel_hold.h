@@ -1,20 +1,17 @@
-// Holds cancellation of this thread off for a scope that owns something at a cancellation point.
+// Cancellation of a thread, held off for a scope that owns something at a cancellation point.
 #ifndef TAVOR_CANCEL_HOLD_H
 #define TAVOR_CANCEL_HOLD_H
 
-#include <pthread.h>
+#include "base/non_copyable.h"
 
-struct CancelHold {
-    CancelHold() {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous_state);
-    }
-    ~CancelHold() {
-        pthread_setcancelstate(previous_state, nullptr);
-    }
-    CancelHold(const CancelHold&) = delete;
-    CancelHold& operator=(const CancelHold&) = delete;
-
-    int previous_state = PTHREAD_CANCEL_ENABLE;
+// Holds may nest; the outermost one gives back what the thread had before it.
+struct CancelHold : private NonCopyable {
+    CancelHold();
+    ~CancelHold();
 };
+
+// A cancellation point inside of holds, where all that they protect is held by guards: acts on a cancellation
+// unless it was held off before the outermost hold.
+void cancel_hold_offer();
 
 #endif

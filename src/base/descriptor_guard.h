@@ -7,7 +7,7 @@
 #include <unistd.h>
 #include <utility>
 
-struct DescriptorGuard {
+struct DescriptorGuard : private NonCopyable {
     explicit DescriptorGuard(int descriptor) : fd(descriptor) {}
     // close is a cancellation point and a destructor must not be left by one, so cancellation is held off.
     ~DescriptorGuard() {
@@ -16,8 +16,6 @@ struct DescriptorGuard {
             close(fd);
         }
     }
-    DescriptorGuard(const DescriptorGuard&) = delete;
-    DescriptorGuard& operator=(const DescriptorGuard&) = delete;
 
     // Hands the descriptor to the caller.
     int release() {

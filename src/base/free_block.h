@@ -6,7 +6,7 @@
 
 struct FreeBlock {
     void operator()(void* block) const {
-        std::free(block);
+        free(block);
     }
 };
 

@@ -10,22 +10,30 @@ struct State {
 
 } // namespace
 
-void stop_mark_raise() {
+void stop_request_announce() {
     state.announced.fetch_add(1);
 }
 
-void stop_mark_lower() {
+void stop_request_withdraw() {
     state.announced.fetch_sub(1);
 }
 
-bool stop_mark_raised() {
+bool stop_request_pending() {
     return state.announced.load() > 0;
 }
 
-StopMarkAside::StopMarkAside() {
-    stop_mark_lower();
+StopRequest::StopRequest() {
+    stop_request_announce();
 }
 
-StopMarkAside::~StopMarkAside() {
-    stop_mark_raise();
+StopRequest::~StopRequest() {
+    stop_request_withdraw();
+}
+
+StopRequestAside::StopRequestAside() {
+    stop_request_withdraw();
+}
+
+StopRequestAside::~StopRequestAside() {
+    stop_request_announce();
 }

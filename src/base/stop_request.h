@@ -1,22 +1,37 @@
-// The mark that a stop of the link is about to happen. The service thread can't be cancelled: what it repeats
-// without limit of its own looks at the mark and gives up.
-#ifndef TAVOR_STOP_MARK_H
-#define TAVOR_STOP_MARK_H
+// The stop request: a counter of those who want the chip's link left alone soon.
+//
+// The service thread can't be cancelled, and some of what it does with the chip has no limit of its own: each
+// such loop asks stop_request_pending() and gives up. Announcements and withdrawals pair up:
+//  - The service queue announces each stop and each download request when it is enqueued, and withdraws it
+//  when the request has
+//    been handled or could not be enqueued. So whatever is queued before that request comes back soon.
+//  - Closing the bus announces for as long as it takes (StopRequest), so that transfers of other threads come
+//  back.
+//  - While a download runs, its own announcement is set aside (StopRequestAside): it must not end itself,
+//  only the next request
+//    may.
+#ifndef TAVOR_STOP_REQUEST_H
+#define TAVOR_STOP_REQUEST_H
 
-// Announces a stop, and that it has been. Calls pair up; any thread.
-void stop_mark_raise();
-void stop_mark_lower();
+#include "base/non_copyable.h"
 
-// Whether at least one stop is announced.
-bool stop_mark_raised();
+// Announce a stop and withdraw the announcement. Any thread.
+void stop_request_announce();
+void stop_request_withdraw();
 
-// Takes one announcement aside for its lifetime: that of the request which is being served, while it does
-// what only another request is to end.
-struct StopMarkAside {
-    StopMarkAside();
-    ~StopMarkAside();
-    StopMarkAside(const StopMarkAside&) = delete;
-    StopMarkAside& operator=(const StopMarkAside&) = delete;
+// Whether at least one stop is announced. Any thread.
+bool stop_request_pending();
+
+// Announces a stop for its lifetime.
+struct StopRequest : private NonCopyable {
+    StopRequest();
+    ~StopRequest();
+};
+
+// Sets one announcement aside for its lifetime: that of the request that is being served.
+struct StopRequestAside : private NonCopyable {
+    StopRequestAside();
+    ~StopRequestAside();
 };
 
 #endif

@@ -1,5 +1,7 @@
 #include "config/location_config.h"
 
+#include "base/format.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,19 +30,19 @@ constexpr char kNotConfigured[] = " ";
 // Only for a thread that ends inside a reader: the readers themselves close the file and look at the result.
 struct CloseFile {
     void operator()(FILE* file) const {
-        std::fclose(file);
+        fclose(file);
     }
 };
 using ConfigFile = std::unique_ptr<FILE, CloseFile>;
 
 void copy_text(char* dst, const char* text) {
-    if (std::snprintf(dst, kConfigTextSize, "%s", text) < 0) {
-        std::puts("[LOCSERV] ERR: location_config_get_path get path fail");
+    if (format(dst, kConfigTextSize, "%s", text) < 0) {
+        puts("[LOCSERV] ERR: location_config_get_path get path fail");
     }
 }
 
 void cut_line_end(char* match) {
-    char* const newline = std::strchr(match, '\n');
+    char* const newline = strchr(match, '\n');
     if (newline == nullptr) {
         return;
     }
@@ -54,11 +56,11 @@ void cut_line_end(char* match) {
 // Returns what stands behind the key in the first line that holds it anywhere, or null. line has kLineSize
 // bytes.
 const char* find_value(FILE* file, const char* key, char* line) {
-    while (std::fgets(line, kLineSize, file) != nullptr) {
-        char* const match = std::strstr(line, key);
+    while (fgets(line, kLineSize, file) != nullptr) {
+        char* const match = strstr(line, key);
         if (match != nullptr) {
             cut_line_end(match);
-            return match + std::strlen(key);
+            return match + strlen(key);
         }
     }
     return nullptr;
@@ -66,27 +68,27 @@ const char* find_value(FILE* file, const char* key, char* line) {
 
 // As atoi, but with a result for any number of digits.
 int32_t to_number(const char* text) {
-    return static_cast<int32_t>(std::strtol(text, nullptr, 10));
+    return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
 void close_after_path(ConfigFile& file) {
-    if (std::fclose(file.release()) != 0) {
-        std::puts("[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail");
+    if (fclose(file.release()) != 0) {
+        puts("[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail");
     }
 }
 
 void close_after_num(ConfigFile& file) {
-    if (std::fclose(file.release()) != 0) {
-        std::puts("[LOCSERV] ERR: [CFG]location_config_get_num, fclose fail");
+    if (fclose(file.release()) != 0) {
+        puts("[LOCSERV] ERR: [CFG]location_config_get_num, fclose fail");
     }
 }
 
 } // namespace
 
 void location_config_get_path(char* dst, const char* default_text, const char* key) {
-    ConfigFile file(std::fopen(kConfigPath, kReadMode));
+    ConfigFile file(fopen(kConfigPath, kReadMode));
     if (file == nullptr) {
-        std::puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
+        puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
         copy_text(dst, default_text);
         return;
     }
@@ -102,10 +104,10 @@ void location_config_get_path(char* dst, const char* default_text, const char* k
 }
 
 void location_config_get_num(int32_t* dst, int32_t default_value, const char* key) {
-    ConfigFile file(std::fopen(kConfigPath, kReadMode));
+    ConfigFile file(fopen(kConfigPath, kReadMode));
     if (file == nullptr) {
         // kept: the text of the path reader.
-        std::puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
+        puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
         *dst = default_value;
         return;
     }
@@ -117,33 +119,33 @@ void location_config_get_num(int32_t* dst, int32_t default_value, const char* ke
 
 void location_config_get_uart_path(char* path) {
     location_config_get_path(path, "/dev/ttyS1", "UART port path=");
-    std::printf("[LOCSERV] INF: [CFG]UART path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]UART path:%s\n", path);
 }
 
 void location_config_get_uart(SerialPortConfig* config) {
     location_config_get_path(config->path, "/dev/ttyS1", "UART port path=");
     location_config_get_num(&config->baud_rate, kDefaultBaudRate, "UART baudrate=");
     location_config_get_num(&config->flow_control, kDefaultFlowControl, "UART flow control=");
-    std::printf("[LOCSERV] INF: [CFG]UART path:%s\n", config->path);
-    std::printf("[LOCSERV] INF: [CFG]UART baudrate:%d\n", config->baud_rate);
-    std::printf("[LOCSERV] INF: [CFG]UART flow control:%d\n", config->flow_control);
+    printf("[LOCSERV] INF: [CFG]UART path:%s\n", config->path);
+    printf("[LOCSERV] INF: [CFG]UART baudrate:%d\n", config->baud_rate);
+    printf("[LOCSERV] INF: [CFG]UART flow control:%d\n", config->flow_control);
 }
 
 void location_config_get_debug_port(SerialPortConfig* config) {
     location_config_get_path(config->path, kNotConfigured, "debug port path=");
     location_config_get_num(&config->baud_rate, kDefaultBaudRate, "debug port baudrate=");
     location_config_get_num(&config->flow_control, kDefaultFlowControl, "debug port flow control=");
-    std::printf("[LOCSERV] INF: [CFG]debug port path:%s\n", config->path);
-    std::printf("[LOCSERV] INF: [CFG]debug port baudrate:%d\n", config->baud_rate);
-    std::printf("[LOCSERV] INF: [CFG]debug port flow control:%d\n", config->flow_control);
+    printf("[LOCSERV] INF: [CFG]debug port path:%s\n", config->path);
+    printf("[LOCSERV] INF: [CFG]debug port baudrate:%d\n", config->baud_rate);
+    printf("[LOCSERV] INF: [CFG]debug port flow control:%d\n", config->flow_control);
 }
 
 void location_config_get_debug_socket(DebugSocketConfig* config) {
     location_config_get_path(config->ip, "192.168.1.1", "debug socket ip=");
     location_config_get_num(&config->port, kDefaultDebugSocketPort, "debug socket port=");
-    std::printf("[LOCSERV] INF: [CFG]debug socket ip:%s\n", config->ip);
+    printf("[LOCSERV] INF: [CFG]debug socket ip:%s\n", config->ip);
     // kept: readers of the log know the port under this text.
-    std::printf("[LOCSERV] INF: [CFG]debug port baudrate:%d\n", config->port);
+    printf("[LOCSERV] INF: [CFG]debug port baudrate:%d\n", config->port);
 }
 
 void location_config_get_spi(SpiPortConfig* config) {
@@ -152,51 +154,51 @@ void location_config_get_spi(SpiPortConfig* config) {
     location_config_get_num(&config->bit_order, kDefaultSpiBitOrder, "SPI bit order=");
     location_config_get_num(&config->cpha, kDefaultSpiCpha, "SPI CPHA=");
     location_config_get_num(&config->cpol, kDefaultSpiCpol, "SPI CPOL=");
-    std::printf("[LOCSERV] INF: [CFG]spi port path:%s\n", config->path);
-    std::printf("[LOCSERV] INF: [CFG]spi frequencey:%d\n", config->frequency);
-    std::printf("[LOCSERV] INF: [CFG]spi bit order:%d\n", config->bit_order);
-    std::printf("[LOCSERV] INF: [CFG]spi cpha:%d\n", config->cpha);
-    std::printf("[LOCSERV] INF: [CFG]spi cpol:%d\n", config->cpol);
+    printf("[LOCSERV] INF: [CFG]spi port path:%s\n", config->path);
+    printf("[LOCSERV] INF: [CFG]spi frequencey:%d\n", config->frequency);
+    printf("[LOCSERV] INF: [CFG]spi bit order:%d\n", config->bit_order);
+    printf("[LOCSERV] INF: [CFG]spi cpha:%d\n", config->cpha);
+    printf("[LOCSERV] INF: [CFG]spi cpol:%d\n", config->cpol);
 }
 
 void location_config_get_power_gpio(int32_t* gpio) {
     location_config_get_num(gpio, kGpioNotConfigured, "Power control gpio=");
-    std::printf("[LOCSERV] INF: [CFG]Power control gpio:%d\n", *gpio);
+    printf("[LOCSERV] INF: [CFG]Power control gpio:%d\n", *gpio);
 }
 
 void location_config_get_reset_gpio(int32_t* gpio) {
     location_config_get_num(gpio, kGpioNotConfigured, "Reset GNSS gpio=");
-    std::printf("[LOCSERV] INF: [CFG]Reset GNSS gpio:%d\n", *gpio);
+    printf("[LOCSERV] INF: [CFG]Reset GNSS gpio:%d\n", *gpio);
 }
 
 void location_config_get_notify_gpio(int32_t* gpio) {
     location_config_get_num(gpio, kGpioNotConfigured, "Notify GNSS gpio=");
-    std::printf("[LOCSERV] INF: [CFG]Notify GNSS gpio:%d\n", *gpio);
+    printf("[LOCSERV] INF: [CFG]Notify GNSS gpio:%d\n", *gpio);
 }
 
 void location_config_get_nmea_path(char* path) {
     location_config_get_path(path, "/etc/default/tavor/location.dat", "NMEA file path=");
-    std::printf("[LOCSERV] INF: [CFG]nmea path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]nmea path:%s\n", path);
 }
 
 void location_config_get_log_path(char* path) {
     location_config_get_path(path, "/etc/default/tavor/log.dat", "LOG path=");
-    std::printf("[LOCSERV] INF: [CFG]log path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]log path:%s\n", path);
 }
 
 void location_config_get_da_path(char* path) {
     location_config_get_path(path, "/etc/default/tavor/da/qx7710_da.bin", "DA path=");
-    std::printf("[LOCSERV] INF: [CFG]DA path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]DA path:%s\n", path);
 }
 
 void location_config_get_image_path(char* path) {
     location_config_get_path(path, "/etc/default/tavor/load/flash_download.cfg", "image path=");
-    std::printf("[LOCSERV] INF: [CFG]image path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]image path:%s\n", path);
 }
 
 void location_config_get_xod_path(char* path) {
     location_config_get_path(path, "/etc/default/tavor/xod", "XOD file path=");
-    std::printf("[LOCSERV] INF: [CFG]XOD file path:%s\n", path);
+    printf("[LOCSERV] INF: [CFG]XOD file path:%s\n", path);
 }
 
 void location_config_get_xod_server(XodServerConfig* config) {
@@ -204,8 +206,8 @@ void location_config_get_xod_server(XodServerConfig* config) {
     location_config_get_path(config->vendor, kNotConfigured, "XOD vendor=");
     location_config_get_path(config->project, kNotConfigured, "XOD project=");
     location_config_get_path(config->device_id, kNotConfigured, "XOD device id=");
-    std::printf("[LOCSERV] INF: [CFG]XOD host:%s\n", config->host);
-    std::printf("[LOCSERV] INF: [CFG]XOD vendor:%s\n", config->vendor);
-    std::printf("[LOCSERV] INF: [CFG]XOD project:%s\n", config->project);
-    std::printf("[LOCSERV] INF: [CFG]XOD device id:%s\n", config->device_id);
+    printf("[LOCSERV] INF: [CFG]XOD host:%s\n", config->host);
+    printf("[LOCSERV] INF: [CFG]XOD vendor:%s\n", config->vendor);
+    printf("[LOCSERV] INF: [CFG]XOD project:%s\n", config->project);
+    printf("[LOCSERV] INF: [CFG]XOD device id:%s\n", config->device_id);
 }

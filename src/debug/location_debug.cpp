@@ -64,7 +64,7 @@ int32_t open_listen_socket() {
     const int32_t fd = location_socket_server_create_tcp(config.ip, static_cast<uint16_t>(config.port));
     if (fd < 0) {
         if (close_fd(&state.outlet.epoll_fd) != 0) {
-            std::puts("[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
+            puts("[LOCSERV] ERR: [debug]location_debug_start close epfd fail");
         }
         return -1;
     }
@@ -77,7 +77,7 @@ int32_t open_server() {
     if (state.outlet.epoll_fd == -1) {
         state.outlet.epoll_fd = epoll_create(kEpollSizeHint);
         if (state.outlet.epoll_fd == -1) {
-            std::puts("[LOCSERV] ERR: [debug]location_debug_start epoll_create fail");
+            puts("[LOCSERV] ERR: [debug]location_debug_start epoll_create fail");
             return -1;
         }
     }
@@ -95,12 +95,12 @@ void close_server() {
 
 int32_t start_tx_thread() {
     if (state.tx.exists) {
-        std::puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
+        puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
         return 0;
     }
     ++state.outlet.taken; // a new outlet gets its full time, however long the one before took nothing
     if (pthread_create(&state.tx.id, nullptr, location_debug_tx_task, &state.outlet) != 0) {
-        std::puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
+        puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
         return -1;
     }
     state.tx.exists = true;
@@ -109,11 +109,11 @@ int32_t start_tx_thread() {
 
 int32_t start_rx_thread() {
     if (state.rx.exists) {
-        std::puts("[LOCSERV] INF: [debug]location_debug_start, rx tid exist");
+        puts("[LOCSERV] INF: [debug]location_debug_start, rx tid exist");
         return 0;
     }
     if (pthread_create(&state.rx.id, nullptr, location_debug_rx_task, &state.outlet) != 0) {
-        std::puts("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail");
+        puts("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail");
         return -1;
     }
     state.rx.exists = true;
@@ -126,7 +126,7 @@ bool stop_thread(DebugThread* thread) {
         return true;
     }
     if (pthread_cancel(thread->id) != 0) {
-        std::puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
+        puts("[LOCSERV] ERR: [IO]location_debug_close, fail");
         return false;
     }
     pthread_join(thread->id, nullptr);
@@ -175,17 +175,17 @@ bool send_block(DebugBlockPtr* block) {
 
 void hand_over(const uint8_t* data, uint32_t length) {
     if (!location_debug_queue_is_open()) {
-        std::puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
+        puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
         return;
     }
     DebugBlockPtr block = location_debug_block_copy(data, length);
     if (!block) {
-        std::puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
+        puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
         return;
     }
     if (!send_block(&block)) {
         const CancelHold hold;
-        std::puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
+        puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
     }
 }
 

@@ -31,7 +31,7 @@ bool list_client(int32_t fd, int32_t* count) {
 
 int32_t location_debug_add_client(DebugClientList* list, int32_t fd) {
     if (list->count >= kDebugClientMax) {
-        std::printf("[LOCSERV] ERR: location_debug_add_client, %d >= %d\n", list->count, kDebugClientMax);
+        printf("[LOCSERV] ERR: location_debug_add_client, %d >= %d\n", list->count, kDebugClientMax);
         return -1;
     }
     list->fds[list->count++] = fd;
@@ -78,7 +78,7 @@ void location_debug_clients_admit(int32_t epfd, int32_t fd) {
         return;
     }
     location_epoll_add_fd(epfd, fd, EPOLLIN);
-    std::printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd, count);
+    printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd, count);
 }
 
 void location_debug_clients_drop(int32_t epfd, int32_t fd) {

@@ -45,14 +45,14 @@ bool write_all(int32_t fd, const uint8_t* data, uint32_t length) {
 int32_t location_debug_log_open() {
     const std::lock_guard guard(state.lock);
     if (state.fd != -1) {
-        std::puts("[LOCSERV] INF: [debug]location_debug_start, already open");
+        puts("[LOCSERV] INF: [debug]location_debug_start, already open");
         return 0;
     }
     char path[kConfigTextSize];
     location_config_get_log_path(path);
     state.fd = open_for_appending(path);
     if (state.fd == -1) {
-        std::printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
+        printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
         return -1;
     }
     return 0;
@@ -62,7 +62,7 @@ void location_debug_log_write(const uint8_t* data, uint32_t length) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
     if (state.fd != -1 && !write_all(state.fd, data, length)) {
-        std::puts("[LOCSERV] ERR: [debug] write to file fail");
+        puts("[LOCSERV] ERR: [debug] write to file fail");
     }
 }
 

@@ -40,7 +40,7 @@ struct DebugQueueState {
 
 void free_blocks(DebugBlock* block) {
     while (block != nullptr) {
-        std::free(std::exchange(block, block->next));
+        free(std::exchange(block, block->next));
     }
 }
 
@@ -102,22 +102,22 @@ void location_debug_queue_init() {
 
 int32_t location_debug_queue_open() {
     if (state.id != -1) {
-        std::puts("[LOCSERV] INF: [debug]location_debug_start, msgid exist");
+        puts("[LOCSERV] INF: [debug]location_debug_start, msgid exist");
         return 0;
     }
     int32_t id = msgget(kQueueKey, 0);
     if (id != -1) {
-        std::printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
+        printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
         throw_away_messages(id);
         state.id = id;
         return 0;
     }
     id = msgget(kQueueKey, IPC_CREAT | IPC_EXCL | kQueuePermissions);
     if (id == -1) {
-        std::puts("[LOCSERV] ERR: [debug]location_debug_start, msgid fail");
+        puts("[LOCSERV] ERR: [debug]location_debug_start, msgid fail");
         return -1;
     }
-    std::printf("[LOCSERV] INF: [debug]location_debug_start, creat msg:%d\n", id);
+    printf("[LOCSERV] INF: [debug]location_debug_start, creat msg:%d\n", id);
     state.id = id;
     return 0;
 }
@@ -137,7 +137,7 @@ bool location_debug_queue_is_open() {
 }
 
 DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length) {
-    DebugBlockPtr block(static_cast<DebugBlock*>(std::malloc(sizeof(DebugBlock) + length)));
+    DebugBlockPtr block(static_cast<DebugBlock*>(malloc(sizeof(DebugBlock) + length)));
     if (block) {
         *block = {.next = nullptr, .length = length};
         std::copy_n(data, length, reinterpret_cast<uint8_t*>(block.get() + 1));

@@ -69,7 +69,7 @@ void serve_line(ReceiveState* receive) {
 bool accept_client(const DebugOutlet* outlet) {
     const int32_t fd = location_socket_server_accept_new_tcp_connect(outlet->listen_fd);
     if (fd < 0) {
-        std::puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
+        puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
         return false;
     }
     location_debug_clients_admit(outlet->epoll_fd, fd);
@@ -95,7 +95,7 @@ bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_e
         return accept_client(outlet);
     }
     if (!location_debug_clients_have(fd)) {
-        std::printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
+        printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
         return false;
     }
     if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
@@ -123,8 +123,8 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
         if (error == EINTR) {
             return true;
         }
-        std::printf("[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[%s]%d\n",
-                    std::strerror(error), error);
+        printf("[LOCSERV] ERR: [debug]location_debug_rx_task, epoll_wait failed reason=[%s]%d\n",
+               strerror(error), error);
         return false;
     }
     const bool all_served = serve_events(receive, outlet, events, count);
@@ -141,7 +141,7 @@ void* location_debug_tx_task(void* argument) {
     auto* const outlet = static_cast<DebugOutlet*>(argument);
     {
         const CancelHold hold; // else a task that is stopped at once prints its line late or twice
-        std::puts("[LOCSERV] INF: [debug]location_debug_tx_task");
+        puts("[LOCSERV] INF: [debug]location_debug_tx_task");
     }
     while (true) {
         const DebugBlockPtr block = location_debug_queue_receive();
@@ -156,7 +156,7 @@ void* location_debug_rx_task(void* argument) {
     const auto* const outlet = static_cast<DebugOutlet*>(argument);
     {
         const CancelHold hold;
-        std::puts("[LOCSERV] INF: [debug]location_debug_rx_task");
+        puts("[LOCSERV] INF: [debug]location_debug_rx_task");
     }
     ReceiveState receive{};
     while (true) {

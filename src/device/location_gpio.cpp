@@ -1,6 +1,7 @@
 #include "device/location_gpio.h"
 
 #include "base/descriptor_guard.h"
+#include "base/format.h"
 #include "config/location_config.h"
 
 #include <cstdio>
@@ -78,35 +79,33 @@ const char* edge_word(int32_t edge) {
 }
 
 bool format_number(char (&text)[kNumberSize], int32_t number) {
-    // Volatile: the compiler takes for granted that a number can be formatted, and would drop the check.
-    const volatile int written = std::snprintf(text, sizeof text, "%d", number);
-    return written >= 0;
+    return format(text, sizeof text, "%d", number) >= 0;
 }
 
 bool node_exists(int32_t pin) {
     char path[kPathSize];
-    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%d", pin);
+    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d", pin);
     return access(path, F_OK) == 0;
 }
 
 bool write_text(int fd, const char* text) {
-    const size_t length = std::strlen(text);
+    const size_t length = strlen(text);
     return write(fd, text, length) == static_cast<ssize_t>(length);
 }
 
 int32_t write_pin(const PinControl& control, int32_t pin) {
     char number[kNumberSize];
     if (!format_number(number, pin)) {
-        std::puts(control.no_pin);
+        puts(control.no_pin);
         return -1;
     }
     const DescriptorGuard file(open(control.path, O_WRONLY));
     if (file.fd < 0) {
-        std::puts(control.no_open);
+        puts(control.no_open);
         return -1;
     }
     if (!write_text(file.fd, number)) {
-        std::puts(control.no_write);
+        puts(control.no_write);
         return -1;
     }
     return 0;
@@ -121,19 +120,19 @@ bool holds_word(int fd, std::string_view word) {
 
 int32_t set_word(const PinAttribute& attribute, const char* number, const char* word) {
     char path[kPathSize];
-    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/%s", number, attribute.name);
+    snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/%s", number, attribute.name);
     const DescriptorGuard file(open(path, O_RDWR));
     if (file.fd < 0) {
-        std::puts(attribute.no_open);
+        puts(attribute.no_open);
         return -1;
     }
     if (holds_word(file.fd, word)) {
         return 0;
     }
     // kept: an error line for a normal change.
-    std::printf("[LOCSERV] ERR: [GPIO]%s\n", word);
+    printf("[LOCSERV] ERR: [GPIO]%s\n", word);
     if (!write_text(file.fd, word)) {
-        std::puts(attribute.no_write);
+        puts(attribute.no_write);
         return -1;
     }
     return 0;
@@ -142,18 +141,18 @@ int32_t set_word(const PinAttribute& attribute, const char* number, const char* 
 int32_t set_value(const char* number, int32_t value) {
     char level[kNumberSize];
     if (!format_number(level, value)) {
-        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
+        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
         return -1;
     }
     char path[kPathSize];
-    std::snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/value", number);
+    snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/value", number);
     const DescriptorGuard file(open(path, O_WRONLY));
     if (file.fd < 0) {
-        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
+        puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
         return -1;
     }
     if (!write_text(file.fd, level)) {
-        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
+        puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
         return -1;
     }
     return 0;
@@ -180,7 +179,7 @@ int32_t location_gpio_export(int32_t pin) {
 
 int32_t location_gpio_unexport(int32_t pin) {
     if (!node_exists(pin)) {
-        std::puts("[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist");
+        puts("[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist");
         return 0;
     }
     return write_pin(kUnexport, pin);
@@ -189,7 +188,7 @@ int32_t location_gpio_unexport(int32_t pin) {
 int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
     char number[kNumberSize];
     if (!format_number(number, pin)) {
-        std::puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
+        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
         return -1;
     }
     if (direction != kGpioUnchanged && set_word(kDirection, number, direction_word(direction)) != 0) {

@@ -18,7 +18,7 @@ void select_slave(int32_t fd, uint8_t slave_addr) {
 int32_t location_i2c_init(int32_t* fd, const location_i2c_config* config) {
     const int device = open(config->path, O_RDWR);
     if (device < 0) {
-        std::puts("[LOCSERV] ERR: location_i2c_init, open fail");
+        puts("[LOCSERV] ERR: location_i2c_init, open fail");
         return -1;
     }
     *fd = device;

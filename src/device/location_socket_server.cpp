@@ -27,28 +27,27 @@ int32_t location_socket_server_create_tcp(const char* ip, uint16_t port) {
     const int32_t fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
         const int error = errno;
-        std::printf("[LOCSERV] ERR: location_socket_server_create_tcp, socket fail, port=%d reason=[%s]%d\n",
-                    port, std::strerror(error), error);
+        printf("[LOCSERV] ERR: location_socket_server_create_tcp, socket fail, port=%d reason=[%s]%d\n", port,
+               strerror(error), error);
         return -1;
     }
     const int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
         const int error = errno;
-        std::printf(
-            "[LOCSERV] ERR: location_socket_server_create_tcp, setsockopt fail, port=%d reason=[%s]%d\n",
-            port, std::strerror(error), error);
+        printf("[LOCSERV] ERR: location_socket_server_create_tcp, setsockopt fail, port=%d reason=[%s]%d\n",
+               port, strerror(error), error);
     }
     if (!bind_to(fd, ip, port)) {
         const int error = errno;
-        std::printf("[LOCSERV] ERR: location_socket_server_create_tcp, bind fail, port=%d reason=[%s]%d\n",
-                    port, std::strerror(error), error);
+        printf("[LOCSERV] ERR: location_socket_server_create_tcp, bind fail, port=%d reason=[%s]%d\n", port,
+               strerror(error), error);
         close(fd);
         return -1;
     }
     if (listen(fd, kBacklog) != 0) { // kept: the socket is returned all the same
         const int error = errno;
-        std::printf("[LOCSERV] ERR: location_socket_server_create_tcp, listen fail, port=%d reason=[%s]%d\n",
-                    port, std::strerror(error), error);
+        printf("[LOCSERV] ERR: location_socket_server_create_tcp, listen fail, port=%d reason=[%s]%d\n", port,
+               strerror(error), error);
     }
     return fd;
 }
@@ -59,9 +58,9 @@ int32_t location_socket_server_accept_new_tcp_connect(int32_t fd) {
     const int32_t client = accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peer_size, SOCK_CLOEXEC);
     if (client < 0) {
         const int error = errno;
-        std::printf(
+        printf(
             "[LOCSERV] ERR: location_socket_server_accept_new_tcp_connect, accept fail, serverfd=%d reason=[%s]%d\n",
-            fd, std::strerror(error), error);
+            fd, strerror(error), error);
         return -1;
     }
     return client;

@@ -19,7 +19,7 @@ uint64_t address_of(const uint8_t* buffer) {
 int32_t location_spi_init(int32_t* fd, const location_spi_config* config) {
     DescriptorGuard device(open(config->path, O_RDWR));
     if (device.fd < 0) {
-        std::puts("[LOCSERV] ERR: [spi]location_spi_init, open fail");
+        puts("[LOCSERV] ERR: [spi]location_spi_init, open fail");
         return -1;
     }
     if (location_spi_set_config(device.fd, config) != 0) {
@@ -31,20 +31,19 @@ int32_t location_spi_init(int32_t* fd, const location_spi_config* config) {
 
 int32_t location_spi_set_config(int32_t fd, const location_spi_config* config) {
     if (ioctl(fd, SPI_IOC_WR_MODE32, &config->mode) < 0) {
-        std::printf("[LOCSERV] ERR: [spi]can't set spi mode: %d\n", static_cast<int>(config->mode));
+        printf("[LOCSERV] ERR: [spi]can't set spi mode: %d\n", static_cast<int>(config->mode));
         return -1;
     }
     if (ioctl(fd, SPI_IOC_WR_BITS_PER_WORD, &config->bits_per_word) < 0) {
-        std::printf("[LOCSERV] ERR: [spi]can't set bits per word: %d\n", config->bits_per_word);
+        printf("[LOCSERV] ERR: [spi]can't set bits per word: %d\n", config->bits_per_word);
         return -1;
     }
     if (ioctl(fd, SPI_IOC_WR_LSB_FIRST, &config->lsb_first) < 0) {
-        std::printf("[LOCSERV] ERR: [spi]can't set LSB or MSB: %d\n", config->lsb_first);
+        printf("[LOCSERV] ERR: [spi]can't set LSB or MSB: %d\n", config->lsb_first);
         return -1;
     }
     if (ioctl(fd, SPI_IOC_WR_MAX_SPEED_HZ, &config->max_speed_hz) < 0) {
-        std::printf("[LOCSERV] ERR: [spi]can't set max speed hz: %d\n",
-                    static_cast<int>(config->max_speed_hz));
+        printf("[LOCSERV] ERR: [spi]can't set max speed hz: %d\n", static_cast<int>(config->max_speed_hz));
         return -1;
     }
     return 0;
@@ -58,7 +57,7 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
     message.len = len;
     const int moved = ioctl(fd, SPI_IOC_MESSAGE(1), &message);
     if (moved < 0) {
-        std::puts("[LOCSERV] ERR: [spi]can't send spi message");
+        puts("[LOCSERV] ERR: [spi]can't send spi message");
         return -1;
     }
     return moved;

@@ -47,15 +47,15 @@ int32_t location_timer_stop(timer_t timer) {
 
 int32_t location_timer_is_active(timer_t timer) {
     if (timer == nullptr) {
-        std::puts("[LOCSERV] INF: [timer] location_timer_is_active, timer is invalid");
+        puts("[LOCSERV] INF: [timer] location_timer_is_active, timer is invalid");
         return -1;
     }
     itimerspec spec = {};
     if (timer_gettime(timer, &spec) != 0) {
         return -1;
     }
-    std::printf("[LOCSERV] INF: [timer]interval:%ld,%ld value:%ld,%ld\n", spec.it_interval.tv_sec,
-                spec.it_interval.tv_nsec, spec.it_value.tv_sec, spec.it_value.tv_nsec);
+    printf("[LOCSERV] INF: [timer]interval:%ld,%ld value:%ld,%ld\n", spec.it_interval.tv_sec,
+           spec.it_interval.tv_nsec, spec.it_value.tv_sec, spec.it_value.tv_nsec);
     return spec.it_value.tv_nsec != 0 || spec.it_value.tv_sec != 0 ? 0 : -1;
 }
 

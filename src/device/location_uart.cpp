@@ -102,9 +102,9 @@ void drain_or_drop(int32_t fd) {
 int32_t write_escaped(const uint8_t* data, uint32_t length, int32_t fd) {
     length = std::min(length, kUartEscapedWriteMax);
     const size_t capacity = std::clamp(2 * length, 1U, kEscapedBufferMax);
-    const std::unique_ptr<uint8_t, FreeBlock> escaped(static_cast<uint8_t*>(std::malloc(capacity)));
+    const std::unique_ptr<uint8_t, FreeBlock> escaped(static_cast<uint8_t*>(malloc(capacity)));
     if (!escaped) {
-        std::puts("[LOCSERV] ERR: location_uart_write, malloc fail");
+        puts("[LOCSERV] ERR: location_uart_write, malloc fail");
         return -1;
     }
     const uint32_t count = location_uart_escape(data, length, escaped.get());
@@ -115,13 +115,13 @@ int32_t write_escaped(const uint8_t* data, uint32_t length, int32_t fd) {
 
 int32_t location_uart_init(UartHandle* handle, const SerialPortConfig* config) {
     if (handle->fd != -1) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_init, uart exist");
+        puts("[LOCSERV] ERR: [UART]location_uart_init, uart exist");
         return 0;
     }
     handle->fd = open(config->path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     handle->flow_control = static_cast<uint32_t>(config->flow_control);
     if (handle->fd < 0) {
-        std::printf("[LOCSERV] ERR: [UART]location_uart_init, open fail:%s\n", config->path);
+        printf("[LOCSERV] ERR: [UART]location_uart_init, open fail:%s\n", config->path);
         return -1;
     }
     if (location_uart_config(handle->fd, config->baud_rate, handle->flow_control) != 0) {
@@ -135,19 +135,19 @@ int32_t location_uart_init(UartHandle* handle, const SerialPortConfig* config) {
 int32_t location_uart_config(int32_t fd, int32_t baud, uint32_t flow_control) {
     termios options{};
     if (tcgetattr(fd, &options) != 0) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_config, get options error");
+        puts("[LOCSERV] ERR: [UART]location_uart_config, get options error");
         return -1;
     }
     cfsetispeed(&options, speed_of(baud));
     cfsetospeed(&options, speed_of(baud));
     if (fcntl(fd, F_SETFL, 0) != 0) {
-        std::puts("[LOCSERV] WRN: [UART]location_uart_config, set blocking fail");
+        puts("[LOCSERV] WRN: [UART]location_uart_config, set blocking fail");
     }
     set_raw(&options);
     set_flow_control(&options, flow_control);
     tcflush(fd, TCIFLUSH);
     if (tcsetattr(fd, TCSANOW, &options) != 0) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_config, set uart error");
+        puts("[LOCSERV] ERR: [UART]location_uart_config, set uart error");
         return -1;
     }
     return 0;
@@ -155,7 +155,7 @@ int32_t location_uart_config(int32_t fd, int32_t baud, uint32_t flow_control) {
 
 int32_t location_uart_read(uint8_t* buffer, uint32_t length, UartHandle handle, uint32_t* escape_state) {
     if (handle.fd == -1) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_read fail, uart not open");
+        puts("[LOCSERV] ERR: [UART]location_uart_read fail, uart not open");
         return 0;
     }
     const auto count = static_cast<int32_t>(read(handle.fd, buffer, length));
@@ -168,7 +168,7 @@ int32_t location_uart_read(uint8_t* buffer, uint32_t length, UartHandle handle, 
 
 int32_t location_uart_write(const uint8_t* data, uint32_t length, UartHandle handle) {
     if (handle.fd == -1) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_write fail, uart not open");
+        puts("[LOCSERV] ERR: [UART]location_uart_write fail, uart not open");
         return 0;
     }
     if (handle.flow_control == UART_FLOW_SOFTWARE) {
@@ -184,7 +184,7 @@ int32_t location_uart_deinit(UartHandle* handle) {
     drain_or_drop(handle->fd);
     const int32_t result = close(handle->fd);
     if (result != 0) {
-        std::puts("[LOCSERV] ERR: [UART]location_uart_deinit, fail");
+        puts("[LOCSERV] ERR: [UART]location_uart_deinit, fail");
         return result;
     }
     handle->fd = -1;

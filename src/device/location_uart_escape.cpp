@@ -70,7 +70,7 @@ uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_st
         *escape_state = 0;
         const uint8_t plain = plain_of(byte);
         if (plain == 0) {
-            std::printf("[LOCSERV] ERR: [UART]unrecognized char 0x%x\n", byte);
+            printf("[LOCSERV] ERR: [UART]unrecognized char 0x%x\n", byte);
             ++position; // kept: the slot counts as delivered, with whatever stood in it
             continue;
         }
@@ -81,7 +81,7 @@ uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_st
         --count;
     }
     if (count < n) {
-        std::memset(buffer + count, 0, n - count);
+        memset(buffer + count, 0, n - count);
     }
     return count;
 }

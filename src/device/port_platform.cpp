@@ -1,5 +1,6 @@
 #include "device/port_platform.h"
 
+#include "base/format.h"
 #include "base/free_block.h"
 #include "device/location_i2c.h"
 #include "device/location_spi.h"
@@ -22,8 +23,8 @@ constexpr int kProcessPrivate = 0;
 constexpr unsigned kInitialCount = 1;
 
 template <size_t Size> void copy_path(char (&dst)[Size], const char* path) {
-    if (std::snprintf(dst, Size, "%s", path) < 0) {
-        std::puts("port_platform_bus_init, get path fail");
+    if (format(dst, Size, "%s", path) < 0) {
+        puts("port_platform_bus_init, get path fail");
     }
 }
 
@@ -53,7 +54,7 @@ int32_t spi_transfer(int32_t fd, const port_platform_transfer& transfer) {
 
 int32_t i2c_transfer(int32_t fd, const port_platform_transfer& transfer) {
     if (transfer.rx_len > 0 && transfer.tx_len > 0) {
-        std::puts("port_platform_bus_transfer, rx len > 0 and tx len > 0");
+        puts("port_platform_bus_transfer, rx len > 0 and tx len > 0");
         return -1;
     }
     if (transfer.rx_len > 0) {
@@ -62,7 +63,7 @@ int32_t i2c_transfer(int32_t fd, const port_platform_transfer& transfer) {
     if (transfer.tx_len > 0) {
         return location_i2c_write(fd, transfer.slave_addr, transfer.tx_buf, transfer.tx_len) >= 1 ? 0 : -1;
     }
-    std::puts("port_platform_bus_transfer, len <= 0");
+    puts("port_platform_bus_transfer, len <= 0");
     return -1;
 }
 
@@ -102,11 +103,11 @@ int32_t port_platform_bus_transfer(uint32_t bus_type, int32_t fd, const port_pla
 }
 
 void* port_platform_malloc(size_t size) {
-    return std::malloc(size);
+    return malloc(size);
 }
 
 void port_platform_free(void* memory) {
-    std::free(memory);
+    free(memory);
 }
 
 void port_platform_delay_us(uint32_t us) {
@@ -127,7 +128,7 @@ void port_platform_sleep_ms(uint32_t ms) {
 }
 
 port_platform_semaphore port_platform_create_semaphore() {
-    std::unique_ptr<sem_t, FreeBlock> semaphore(static_cast<sem_t*>(std::malloc(sizeof(sem_t))));
+    std::unique_ptr<sem_t, FreeBlock> semaphore(static_cast<sem_t*>(malloc(sizeof(sem_t))));
     if (semaphore == nullptr || sem_init(semaphore.get(), kProcessPrivate, kInitialCount) != 0) {
         return nullptr;
     }
@@ -151,13 +152,13 @@ void port_platform_destroy_samphore(port_platform_semaphore* semaphore) {
     *semaphore = nullptr;
     const int ret = sem_destroy(memory.get());
     if (ret != 0) {
-        std::printf("port_platform_destroy_samphore fail, ret:%d\n", ret);
+        printf("port_platform_destroy_samphore fail, ret:%d\n", ret);
     }
 }
 
 port_platform_mutex port_platform_create_mutex() {
     std::unique_ptr<pthread_mutex_t, FreeBlock> mutex(
-        static_cast<pthread_mutex_t*>(std::malloc(sizeof(pthread_mutex_t))));
+        static_cast<pthread_mutex_t*>(malloc(sizeof(pthread_mutex_t))));
     if (mutex == nullptr || pthread_mutex_init(mutex.get(), nullptr) != 0) {
         return nullptr;
     }
@@ -180,6 +181,6 @@ void port_platform_destroy_mutex(port_platform_mutex* mutex) {
     *mutex = nullptr;
     const int ret = pthread_mutex_destroy(memory.get());
     if (ret != 0) {
-        std::printf("port_platform_destroy_mutex fail, ret:%d\n", ret);
+        printf("port_platform_destroy_mutex fail, ret:%d\n", ret);
     }
 }

@@ -56,7 +56,7 @@ constexpr int64_t kAfterBaudMs = 100;
 
 struct CloseFile {
     void operator()(FILE* file) const {
-        std::fclose(file);
+        fclose(file);
     }
 };
 using File = std::unique_ptr<FILE, CloseFile>;
@@ -209,8 +209,8 @@ uint16_t send_agent_file(FILE* file, uint32_t size) {
     uint16_t checksum = 0;
     for (uint32_t total = 0; total < size;) {
         const uint32_t chunk_size = std::min(kChunkSize, size - total);
-        std::memset(chunk, 0, sizeof chunk);
-        if (std::fread(chunk, 1, chunk_size, file) != chunk_size) {
+        memset(chunk, 0, sizeof chunk);
+        if (fread(chunk, 1, chunk_size, file) != chunk_size) {
             tool_log_error("Reading error ( %d )\n", 0);
         }
         total += chunk_size;
@@ -260,7 +260,7 @@ bool hdl_brom_handshake() {
             return true;
         }
         tool_sleep_ms(kHandshakeAgainMs);
-        if (stop_mark_raised()) {
+        if (stop_request_pending()) {
             return false; // nothing else would end it
         }
     }
@@ -276,7 +276,7 @@ bool hdl_brom_read_uid(uint8_t* uid) {
     if (!collect_uid(response)) {
         return false;
     }
-    std::memcpy(uid, response + 1, kBromUidSize);
+    memcpy(uid, response + 1, kBromUidSize);
     const uint8_t* end = response + 1 + kBromUidSize;
     const auto status = static_cast<uint16_t>(end[0] << 8U | end[1]);
     if (status <= kFirstErrorStatus) { // kept: the wrong way round, and for information only
@@ -325,7 +325,7 @@ bool hdl_brom_send_da() {
         tool_log_error("DA len is zero!\n");
         return false;
     }
-    const File file(std::fopen(path, "rb"));
+    const File file(fopen(path, "rb"));
     if (file == nullptr) {
         tool_log_error("Open da file %s fail\n", path);
         return false;

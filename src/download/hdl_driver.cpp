@@ -1,5 +1,6 @@
 #include "download/hdl_driver.h"
 
+#include "base/format.h"
 #include "config/location_config.h"
 #include "download/hdl_brom.h"
 #include "download/hdl_da.h"
@@ -147,7 +148,7 @@ void hdl_config_slave_chip() {
     location_config_get_spi(&spi);
     settings.spi_frequency = static_cast<uint32_t>(spi.frequency);
     settings.spi_bit_order = static_cast<uint32_t>(spi.bit_order);
-    if (snprintf(settings.io_path, sizeof settings.io_path, "%s", spi.path) < 0) {
+    if (format(settings.io_path, sizeof settings.io_path, "%s", spi.path) < 0) {
         tool_log_error("hdl_config_slave_chip, get io path fail\n");
     }
 

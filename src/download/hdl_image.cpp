@@ -1,5 +1,6 @@
 #include "download/hdl_image.h"
 
+#include "base/format.h"
 #include "base/free_block.h"
 #include "download/crc32_calc.h"
 #include "download/hdl_settings.h"
@@ -50,11 +51,11 @@ FILE* open_to_read(const char* path, const char* mode) {
     if (stat(path, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
         return nullptr;
     }
-    return std::fopen(path, mode);
+    return fopen(path, mode);
 }
 
 bool close_logged(FILE* file, const char* path) {
-    if (std::fclose(file) == 0) {
+    if (fclose(file) == 0) {
         return true;
     }
     tool_log_error("The file(%s) could not closed.\n", path);
@@ -73,10 +74,10 @@ bool is_blank(char c) {
 }
 
 bool next_line(FILE* file, Line* line) {
-    if (std::fgets(line->raw, sizeof line->raw, file) == nullptr) {
+    if (fgets(line->raw, sizeof line->raw, file) == nullptr) {
         return false;
     }
-    line->raw[std::strcspn(line->raw, "\r\n")] = '\0';
+    line->raw[strcspn(line->raw, "\r\n")] = '\0';
     strip_spaces(line->raw, line->stripped);
     return true;
 }
@@ -86,17 +87,17 @@ bool is_comment(const Line& line) {
 }
 
 bool starts_block(const Line& line) {
-    return std::strstr(line.raw, kBlockStart) != nullptr;
+    return strstr(line.raw, kBlockStart) != nullptr;
 }
 
 bool has_key(const Line& line, const char* key) {
-    return std::strstr(line.stripped, key) != nullptr;
+    return strstr(line.stripped, key) != nullptr;
 }
 
 // What stands behind a key at the line's start. Kept: the key is looked for anywhere in the line, so a line
 // that holds it is at least as long.
 const char* value_of(const Line& line, const char* key) {
-    return line.stripped + std::strlen(key);
+    return line.stripped + strlen(key);
 }
 
 uint32_t count_images(FILE* file) {
@@ -107,7 +108,7 @@ uint32_t count_images(FILE* file) {
             ++count;
         }
     }
-    return std::ferror(file) == 0 ? count : 0; // a part of the list is none
+    return ferror(file) == 0 ? count : 0; // a part of the list is none
 }
 
 // The directory of the image list, absolute where the path can be resolved; null without memory.
@@ -128,7 +129,7 @@ bool set_name(const Reading& reading, const char* file_name) {
         return false;
     }
     ImageEntry* entry = &reading.images[reading.index];
-    if (std::snprintf(entry->name, sizeof entry->name, "%s", path.get()) < 0) {
+    if (format(entry->name, sizeof entry->name, "%s", path.get()) < 0) {
         tool_log_error("read_cfg_file snprintf ERROR\n\n");
     }
     tool_log_info("file name=%s\n\n", entry->name);
@@ -137,7 +138,7 @@ bool set_name(const Reading& reading, const char* file_name) {
 
 // A number that 32 bits can't hold becomes the highest address, which no flash has, on every machine.
 void set_begin_address(const Reading& reading, const char* text) {
-    const unsigned long long value = std::strtoull(text, nullptr, 0);
+    const unsigned long long value = strtoull(text, nullptr, 0);
     const auto address = static_cast<uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
     reading.images[reading.index].begin_address = address;
     tool_log_info("begin_address:[%s]=> 0x%x\n\n", text, address);
@@ -208,20 +209,20 @@ ImageEntry* read_counted(FILE* file, uint32_t count) {
         tool_log_error("Parsing config image count failed\n");
         return nullptr;
     }
-    std::rewind(file);
+    rewind(file);
     return read_cfg_file(file, count);
 }
 
 // Reads size bytes at the offset as they will stand in flash.
 bool read_chunk(FILE* file, uint64_t offset, uint32_t size, bool last, uint8_t (&chunk)[kChunkSize]) {
-    std::memset(chunk, kErased, sizeof chunk);
+    memset(chunk, kErased, sizeof chunk);
     if (fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0) {
         return false;
     }
-    if (std::fread(chunk, 1, size, file) == size) {
+    if (fread(chunk, 1, size, file) == size) {
         return true;
     }
-    if (!last || std::ferror(file) != 0) {
+    if (!last || ferror(file) != 0) {
         return false; // the file has become shorter, or can't be read
     }
     tool_log_info("Fill up 4-byte. ( %d )\n", 0);
@@ -279,7 +280,7 @@ ImageEntry* load_flash_download_cfg(uint32_t* count) {
 }
 
 ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
-    Images images(static_cast<ImageEntry*>(std::calloc(count, sizeof(ImageEntry))));
+    Images images(static_cast<ImageEntry*>(calloc(count, sizeof(ImageEntry))));
     if (images == nullptr) {
         tool_log_error("read_cfg_file malloc cfg_list fail\n");
         return nullptr;
@@ -289,9 +290,9 @@ ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
         tool_log_error("read_cfg_file concat ERROR\n\n");
         return nullptr;
     }
-    std::printf("The FW load directory is: %s\n", directory.get());
+    printf("The FW load directory is: %s\n", directory.get());
     Reading reading = {file, directory.get(), images.get(), count, 0};
-    return read_blocks(&reading) && std::ferror(file) == 0 ? images.release() : nullptr;
+    return read_blocks(&reading) && ferror(file) == 0 ? images.release() : nullptr;
 }
 
 uint32_t image_crc32(const char* path) {

@@ -108,13 +108,13 @@ int32_t send_configure(uint8_t opcode, uint32_t n) {
 
 int32_t send_data(const uint8_t* data, uint32_t n) {
     state.tx[0] = kWriteData;
-    std::memcpy(state.tx + 1, data, n);
+    memcpy(state.tx + 1, data, n);
     spim_transfer transfer = {state.tx, n + 1, nullptr, 0};
     return spim_transfer_full(&transfer);
 }
 
 int32_t receive_data(uint32_t n) {
-    std::memset(state.tx, 0, n + 1);
+    memset(state.tx, 0, n + 1);
     state.tx[0] = kReadData;
     spim_transfer transfer = {state.tx, 1, state.rx, n + 1};
     return spim_transfer_full(&transfer);
@@ -179,7 +179,7 @@ bool repeats_data(int32_t result, uint32_t* failures) {
 // Whether a command whose data phase failed starts again. Data phases that keep failing would make it repeat
 // without limit: a stop is its end then. An error that passes is overcome all the same.
 bool starts_again(uint32_t* restarts) {
-    return ++*restarts <= kSureRestarts || !stop_mark_raised();
+    return ++*restarts <= kSureRestarts || !stop_request_pending();
 }
 
 // Returns whether the write is over, well or not; else the command starts again.
@@ -201,14 +201,14 @@ bool write_data(const uint8_t* data, uint32_t n, uint32_t* failures) {
 
 bool read_data(uint8_t* buffer, uint32_t n, uint32_t* failures) {
     for (;;) {
-        std::memset(buffer, 0, n);
+        memset(buffer, 0, n);
         if (receive_data(n) != 0) {
             tool_log_error("[SPIM] SPI master send dma failed\n");
             return true;
         }
         const int32_t result = spim_wait_status(kDataDone, kDataPolls, kReadDataDelayMs);
         if (result == kReached) {
-            std::memcpy(buffer, state.rx + 1, n);
+            memcpy(buffer, state.rx + 1, n);
             return true;
         }
         if (!repeats_data(result, failures)) {
@@ -260,7 +260,7 @@ int32_t spim_open() {
     config.lsb_first = g_download_settings.spi_bit_order == 0 ? 1 : 0;
     config.bits_per_word = 8;
     config.max_speed_hz = g_download_settings.spi_frequency;
-    std::snprintf(config.path, sizeof config.path, "%s", g_download_settings.io_path);
+    snprintf(config.path, sizeof config.path, "%s", g_download_settings.io_path);
     int32_t fd = kClosed;
     if (location_spi_init(&fd, &config) != 0) {
         return 0;
@@ -359,9 +359,9 @@ uint32_t spim_read_chunked(uint8_t* buffer, uint32_t n) {
     }
     for (uint32_t at = 0; at < n;) {
         const uint32_t piece = std::min(n - at, kSpimMaxData);
-        std::memset(state.bounce, 0, sizeof state.bounce);
+        memset(state.bounce, 0, sizeof state.bounce);
         spim_read(state.bounce, piece);
-        std::memcpy(buffer + at, state.bounce, piece);
+        memcpy(buffer + at, state.bounce, piece);
         at += piece;
     }
     return n;

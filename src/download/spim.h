@@ -37,7 +37,7 @@ void spim_wakeup();
 
 // Move n (1 to kSpimMaxData) bytes with every retry of the protocol. Failures are only logged; a read that
 // fails behind its configuration leaves zeros. While the slave fails each data phase they repeat until a stop
-// is announced (stop_mark.h).
+// is announced (base/stop_request.h).
 void spim_write(const uint8_t* data, uint32_t n);
 void spim_read(uint8_t* buffer, uint32_t n);
 

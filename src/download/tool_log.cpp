@@ -13,7 +13,7 @@ void begin_line(const char* level) {
     const char* timestamp = tool_log_timestamp();
     const char* elapsed = tool_log_elapsed();
     flockfile(stdout);
-    std::printf("%s [%s]%s ", timestamp == nullptr ? "" : timestamp, level, elapsed);
+    printf("%s [%s]%s ", timestamp == nullptr ? "" : timestamp, level, elapsed);
 }
 
 } // namespace
@@ -22,7 +22,7 @@ void tool_log_error(const char* format, ...) {
     begin_line("E");
     va_list arguments;
     va_start(arguments, format);
-    std::vprintf(format, arguments);
+    vprintf(format, arguments);
     va_end(arguments);
     funlockfile(stdout);
 }
@@ -31,7 +31,7 @@ void tool_log_info(const char* format, ...) {
     begin_line("I");
     va_list arguments;
     va_start(arguments, format);
-    std::vprintf(format, arguments);
+    vprintf(format, arguments);
     va_end(arguments);
     funlockfile(stdout);
 }

@@ -22,7 +22,7 @@ bool tool_rx_buffer_append(ToolRxBuffer* buffer, const uint8_t* data, uint32_t n
         return false;
     }
     if (n > 0) {
-        std::memmove(buffer->data + buffer->count, data, n);
+        memmove(buffer->data + buffer->count, data, n);
     }
     buffer->count += n;
     return true;
@@ -31,6 +31,6 @@ bool tool_rx_buffer_append(ToolRxBuffer* buffer, const uint8_t* data, uint32_t n
 uint32_t tool_rx_buffer_consume(ToolRxBuffer* buffer, uint32_t n) {
     const uint32_t dropped = std::min(n, buffer->count);
     buffer->count -= dropped;
-    std::memmove(buffer->data, buffer->data + dropped, buffer->count);
+    memmove(buffer->data, buffer->data + dropped, buffer->count);
     return buffer->count;
 }

@@ -105,9 +105,9 @@ uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
 }
 
 char* tool_concat(const char* a, const char* b) {
-    const size_t a_length = std::strlen(a);
-    const size_t b_size = std::strlen(b) + 1;
-    auto* text = static_cast<char*>(std::malloc(a_length + b_size));
+    const size_t a_length = strlen(a);
+    const size_t b_size = strlen(b) + 1;
+    auto* text = static_cast<char*>(malloc(a_length + b_size));
     if (text == nullptr) {
         tool_log_error("concat malloc fail\n");
         return nullptr;
@@ -118,9 +118,9 @@ char* tool_concat(const char* a, const char* b) {
 }
 
 void tool_hex_dump(const uint8_t* bytes, const char* label, uint32_t n) {
-    std::printf("[I]%s:", label);
+    printf("[I]%s:", label);
     for (uint32_t i = 0; i < n; ++i) {
-        std::printf(i == 0 ? "%02X" : ":%02X", bytes[i]);
+        printf(i == 0 ? "%02X" : ":%02X", bytes[i]);
     }
-    std::putchar('\n');
+    putchar('\n');
 }

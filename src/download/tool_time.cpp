@@ -49,16 +49,16 @@ const char* tool_log_timestamp() {
         return nullptr;
     }
     const int64_t milliseconds = nanoseconds_now() / kNsPerMs;
-    std::snprintf(state.timestamp, sizeof state.timestamp, "%04u-%02u-%02u %02u:%02u:%02u.%03u",
-                  field(local.tm_year + 1900LL, 10000), field(local.tm_mon + 1, 100),
-                  field(local.tm_mday, 100), field(local.tm_hour, 100), field(local.tm_min, 100),
-                  field(local.tm_sec, 100), field(milliseconds, 1000));
+    snprintf(state.timestamp, sizeof state.timestamp, "%04u-%02u-%02u %02u:%02u:%02u.%03u",
+             field(local.tm_year + 1900LL, 10000), field(local.tm_mon + 1, 100), field(local.tm_mday, 100),
+             field(local.tm_hour, 100), field(local.tm_min, 100), field(local.tm_sec, 100),
+             field(milliseconds, 1000));
     return state.timestamp;
 }
 
 const char* tool_log_elapsed() {
     const auto elapsed_ms = static_cast<double>(tool_time_now_ms() - state.start_ms);
-    std::snprintf(state.elapsed, sizeof state.elapsed, "[%8.3f]", elapsed_ms / kMsPerSecond);
+    snprintf(state.elapsed, sizeof state.elapsed, "[%8.3f]", elapsed_ms / kMsPerSecond);
     return state.elapsed;
 }
 

@@ -33,7 +33,7 @@ void drop_full_buffer() {
 void compact(uint32_t used) {
     state.fill -= used;
     if (used > 0 && state.fill > 0) {
-        std::memmove(state.buffer, state.buffer + used, state.fill);
+        memmove(state.buffer, state.buffer + used, state.fill);
     }
 }
 
@@ -58,8 +58,8 @@ void take_in(int32_t received) {
     state.fill += n;
     location_debug_handle(fresh, std::min(n, room));
     if (state.fill > kReceiveBufferSize) {
-        std::printf("[LOCSERV] ERR: [IO] location_io_rx_task, read len wrong:%d, %d\n", received,
-                    static_cast<int32_t>(state.fill));
+        printf("[LOCSERV] ERR: [IO] location_io_rx_task, read len wrong:%d, %d\n", received,
+               static_cast<int32_t>(state.fill));
         state.fill = kReceiveBufferSize;
     }
 }
@@ -68,12 +68,12 @@ void take_in(int32_t received) {
 
 int32_t location_io_thread_init() {
     if (state.tid != 0) {
-        std::puts("[LOCSERV] INF: [IO]location_io_thread_init, tid exist");
+        puts("[LOCSERV] INF: [IO]location_io_thread_init, tid exist");
         return 0;
     }
     pthread_t tid = 0;
     if (pthread_create(&tid, nullptr, location_io_rx_task, nullptr) != 0) {
-        std::puts("[LOCSERV] ERR: [IO]location_io_thread_init, thread create fail");
+        puts("[LOCSERV] ERR: [IO]location_io_thread_init, thread create fail");
         return -1;
     }
     state.tid = tid;
@@ -83,7 +83,7 @@ int32_t location_io_thread_init() {
 int32_t location_io_thread_deinit() {
     if (state.tid != 0) {
         if (pthread_cancel(state.tid) != 0) {
-            std::puts("[LOCSERV] ERR: [IO]location_io_thread_deinit, fail");
+            puts("[LOCSERV] ERR: [IO]location_io_thread_deinit, fail");
             location_serial_port_gnss_deinit();
             return -1;
         }
@@ -94,11 +94,11 @@ int32_t location_io_thread_deinit() {
 }
 
 void* location_io_rx_task(void* /*unused*/) {
-    std::puts("[LOCSERV] INF: [IO]location_io_rx_task");
+    puts("[LOCSERV] INF: [IO]location_io_rx_task");
     if (location_serial_port_gnss_init() < 0) {
         return nullptr;
     }
-    std::memset(state.buffer, 0, sizeof state.buffer);
+    memset(state.buffer, 0, sizeof state.buffer);
     state.fill = 0;
     for (;;) {
         pthread_testcancel(); // a chip that always has data keeps the thread from every other such point
@@ -118,12 +118,12 @@ void location_io_data_handle(uint32_t type, const uint8_t* data, int32_t length)
         return;
     }
     const auto size = static_cast<size_t>(length);
-    auto* copy = static_cast<uint8_t*>(std::malloc(size + 1));
+    auto* copy = static_cast<uint8_t*>(malloc(size + 1));
     if (copy == nullptr) {
-        std::puts("[LOCSERV] ERR: [IO] location_io_data_handle, malloc fail");
+        puts("[LOCSERV] ERR: [IO] location_io_data_handle, malloc fail");
         return;
     }
-    std::memcpy(copy, data, size);
+    memcpy(copy, data, size);
     copy[size] = '\0'; // the service reads sentences as C strings
     location_service_task_send_message(SERVICE_FRAME_NONE + type, copy, static_cast<uint32_t>(length));
 }

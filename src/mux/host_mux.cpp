@@ -1,5 +1,6 @@
 #include "mux/host_mux.h"
 
+#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "mux/host_mux_i2c.h"
 #include "mux/host_mux_spi.h"
@@ -15,40 +16,24 @@ struct State {
         PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP; // a close waits for no new transfer
 } state;
 
-struct SharedBus {
+struct SharedBus : private NonCopyable {
     SharedBus() : taken(pthread_rwlock_tryrdlock(&state.bus) == 0) {}
     ~SharedBus() {
         if (taken) {
             pthread_rwlock_unlock(&state.bus);
         }
     }
-    SharedBus(const SharedBus&) = delete;
-    SharedBus& operator=(const SharedBus&) = delete;
 
     const bool taken; // not while the bus is being opened or closed
 };
 
-struct ExclusiveBus {
+struct ExclusiveBus : private NonCopyable {
     ExclusiveBus() {
         pthread_rwlock_wrlock(&state.bus);
     }
     ~ExclusiveBus() {
         pthread_rwlock_unlock(&state.bus);
     }
-    ExclusiveBus(const ExclusiveBus&) = delete;
-    ExclusiveBus& operator=(const ExclusiveBus&) = delete;
-};
-
-// Makes transfers of other threads come back while the bus is being closed.
-struct StopMark {
-    StopMark() {
-        stop_mark_raise();
-    }
-    ~StopMark() {
-        stop_mark_lower();
-    }
-    StopMark(const StopMark&) = delete;
-    StopMark& operator=(const StopMark&) = delete;
 };
 
 bool is_known(uint32_t bus_type) {
@@ -97,7 +82,7 @@ int32_t host_mux_init(host_mux_handle* handle, const void* config) {
 }
 
 int32_t host_mux_deinit(host_mux_handle* handle) {
-    const StopMark stop;
+    const StopRequest stop; // transfers of other threads come back
     const ExclusiveBus bus;
     if (handle->id == kHostMuxClosed) {
         return 0;

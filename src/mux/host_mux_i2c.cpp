@@ -1,6 +1,8 @@
 #include "mux/host_mux_i2c.h"
 
 #include "base/byte_order.h"
+#include "base/cancel_hold.h"
+#include "base/non_copyable.h"
 #include "mux/host_mux_i2c_step.h"
 #include "mux/host_mux_lock.h"
 
@@ -37,13 +39,11 @@ struct I2cMuxState {
 } state;
 
 // The mutex of one operation.
-struct MutexHold {
+struct MutexHold : private NonCopyable {
     MutexHold() : held(host_mux_take(g_host_mux_i2c_master_mutex)) {}
     ~MutexHold() {
         release();
     }
-    MutexHold(const MutexHold&) = delete;
-    MutexHold& operator=(const MutexHold&) = delete;
 
     void release() {
         if (held) {
@@ -138,8 +138,8 @@ int32_t receive_ask_data(uint32_t bus, uint32_t length) {
 }
 
 int32_t receive_data(uint32_t bus, uint8_t* buffer, uint32_t length) {
-    std::memset(buffer, 0,
-                length); // a short read counts as a full one: what it leaves out must not be old data
+    memset(buffer, 0,
+           length); // a short read counts as a full one: what it leaves out must not be old data
     printf("[mux][i2c][master][rx]===>step 2-b:Master recv slave data(slave_addr 0x%x, rx_len = %d)\r\n",
            kReadPort, static_cast<int>(length));
     if (receive_step(I2cStep::kReceiveData, bus, read_transfer(kReadPort, buffer, length)) != 0) {
@@ -237,7 +237,7 @@ int32_t host_mux_i2c_master_deinit(uint32_t bus) {
 // kept: the receive holds the mutex for its whole run; only the send lets another thread in between its
 // phases.
 int32_t mux_i2c_master_demo_receive(uint32_t bus, uint8_t* buffer, uint32_t* length) {
-    const HostMuxCancelHold hold;
+    const CancelHold hold;
     MutexHold mutex;
     uint32_t ready = 0;
     if (!mutex.held || receive_probe(bus) != 0 || receive_ask_length(bus) != 0 ||
@@ -265,7 +265,7 @@ int32_t mux_i2c_master_demo_receive(uint32_t bus, uint8_t* buffer, uint32_t* len
 }
 
 int32_t mux_i2c_master_demo_send(uint32_t bus, const uint8_t* data, uint32_t* length) {
-    const HostMuxCancelHold hold;
+    const CancelHold hold;
     MutexHold mutex;
     uint32_t room = 0;
     if (!mutex.held || send_probe(bus) != 0 || send_ask_length(bus) != 0 || send_length(bus, &room) != 0) {

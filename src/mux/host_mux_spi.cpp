@@ -1,5 +1,7 @@
 #include "mux/host_mux_spi.h"
 
+#include "base/cancel_hold.h"
+#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "mux/host_mux_lock.h"
 #include "mux/host_mux_spi_slave.h"
@@ -17,7 +19,7 @@ namespace {
 constexpr uint32_t kNoTimeout = 0xFFFFFFFFu;
 
 // One receive or send. Gives mutex and power count back when it is cancelled or stopped on the way.
-struct Operation {
+struct Operation : private NonCopyable {
     explicit Operation(uint32_t bus_id) : bus(bus_id) {}
     ~Operation() {
         if (counted) {
@@ -27,10 +29,8 @@ struct Operation {
             port_platform_give_mutex(g_host_mux_spi_master_mutex);
         }
     }
-    Operation(const Operation&) = delete;
-    Operation& operator=(const Operation&) = delete;
 
-    const HostMuxCancelHold hold; // first: cancellation is allowed again when all else is given back
+    const CancelHold hold; // first: cancellation is allowed again when all else is given back
     const uint32_t bus;
     bool locked = false;  // this thread holds the mutex
     bool counted = false; // a power-on request of this operation is open
@@ -64,7 +64,7 @@ void finish(Operation& operation) {
         return;
     }
     const bool still_open = portable_HAL_SPI_POWER_OFF(operation.bus) != 0;
-    operation.counted = operation.counted && still_open && stop_mark_raised();
+    operation.counted = operation.counted && still_open && stop_request_pending();
 }
 
 bool receive(Operation& operation, uint8_t* buffer, uint32_t* length) {

@@ -1,5 +1,6 @@
 #include "mux/host_mux_spi_slave.h"
 
+#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "device/port_platform.h"
 #include "mux/host_mux_lock.h"
@@ -57,20 +58,18 @@ int32_t switch_power(uint32_t bus, const PowerSwitch& to) {
 // The slave is left off when it is about to be stopped anyway.
 void cycle_power(uint32_t bus) {
     portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(bus);
-    if (!stop_mark_raised()) {
+    if (!stop_request_pending()) {
         host_mux_spi_power_on_without_counter(bus);
     }
 }
 
-struct Nested {
+struct Nested : private NonCopyable {
     Nested() {
         ++state.nesting;
     }
     ~Nested() {
         --state.nesting;
     }
-    Nested(const Nested&) = delete;
-    Nested& operator=(const Nested&) = delete;
 };
 
 // The power cycle queries the status, which may bring the next error. Nested deep enough, only the error is

@@ -1,10 +1,11 @@
 #include "mux/location_serial_port.h"
 
+#include "base/cancel_hold.h"
+#include "base/format.h"
 #include "config/location_config.h"
 #include "device/location_gpio.h"
 #include "device/port_platform.h"
 #include "mux/host_mux.h"
-#include "mux/host_mux_lock.h"
 #include "mux/location_serial_handle.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@ constexpr int32_t kResetLine = 0;
 constexpr uint32_t kResetPulseMs = 10;
 
 template <size_t Size> void copy_path(char (&dst)[Size], const SpiPortConfig& settings) {
-    if (snprintf(dst, Size, "%s", settings.path) < 0) {
+    if (format(dst, Size, "%s", settings.path) < 0) {
         puts("[LOCSERV] ERR: location_serial_port_gnss_init, get path fail");
     }
 }
@@ -41,7 +42,7 @@ int32_t open_i2c(const SpiPortConfig& settings) {
 } // namespace
 
 int32_t location_serial_port_gnss_init() {
-    const HostMuxCancelHold hold; // a cancelled opening would leave a descriptor behind
+    const CancelHold hold; // a cancelled opening would leave a descriptor behind
     SpiPortConfig settings{};
     location_config_get_spi(&settings);
     return g_location_serial_handle.bus_type == HOST_MUX_BUS_I2C ? open_i2c(settings) : open_spi(settings);

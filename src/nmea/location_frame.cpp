@@ -69,11 +69,11 @@ uint32_t parse_binary(const uint8_t* buffer, uint32_t length, uint32_t* type) {
 
 // The type that a sentence's address announces; at least four bytes are readable.
 uint32_t sentence_type(const uint8_t* address) {
-    if (std::memcmp(address, kPzul, sizeof kPzul - 1) == 0) {
+    if (memcmp(address, kPzul, sizeof kPzul - 1) == 0) {
         return FRAME_PZUL;
     }
     for (const auto& talker : kTalkers) {
-        if (std::memcmp(address, talker, sizeof talker - 1) == 0) {
+        if (memcmp(address, talker, sizeof talker - 1) == 0) {
             return FRAME_NMEA;
         }
     }
@@ -96,7 +96,7 @@ uint32_t parse_sentence(const uint8_t* buffer, uint32_t length, uint32_t* type) 
     if (announced == FRAME_NONE) {
         return 1;
     }
-    const auto* star = static_cast<const uint8_t*>(std::memchr(buffer, '*', length));
+    const auto* star = static_cast<const uint8_t*>(memchr(buffer, '*', length));
     if (star == nullptr) {
         return 0;
     }

@@ -25,7 +25,7 @@ int32_t hex_value(char c) {
 } // namespace
 
 void location_nmea_split_fields(const char* sentence, int32_t length, NmeaFields* out) {
-    std::memset(out, 0, sizeof *out);
+    memset(out, 0, sizeof *out);
     int32_t at = 0; // in the current field
     for (int32_t i = kFirstField; i < length; ++i) {
         const char c = sentence[i];
@@ -49,6 +49,6 @@ bool location_nmea_contains(const char* sentence, uint32_t length, const char* t
 
 int32_t location_nmea_number(const char* field) {
     using Limits = std::numeric_limits<int32_t>;
-    const long value = std::strtol(field, nullptr, 10); // atoi is undefined out of range
+    const long value = strtol(field, nullptr, 10); // atoi is undefined out of range
     return static_cast<int32_t>(std::clamp<long>(value, Limits::min(), Limits::max()));
 }

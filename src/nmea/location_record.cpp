@@ -1,5 +1,6 @@
 #include "nmea/location_record.h"
 
+#include "base/format.h"
 #include "nmea/location_nmea_fields.h"
 
 #include <algorithm>
@@ -58,27 +59,27 @@ struct CoordinateTexts {
 
 NumberText number_text(const char* begin, size_t length) {
     NumberText number = {};
-    std::memcpy(number.text, begin, std::min(length, kNumberTextSize - 1));
+    memcpy(number.text, begin, std::min(length, kNumberTextSize - 1));
     return number;
 }
 
 // Reads the number; where there is none the failure is printed and the number is 0.
 double read_number(const NumberText& number, const char* failure) {
     double value = 0.0;
-    if (std::sscanf(number.text, "%lf", &value) != 1) {
-        std::puts(failure);
+    if (sscanf(number.text, "%lf", &value) != 1) {
+        puts(failure);
     }
     return value;
 }
 
 bool cut_coordinate(const char* field, CoordinateTexts* out) {
-    const char* point = std::strchr(field, '.');
+    const char* point = strchr(field, '.');
     if (point == nullptr || point - field < kMinuteDigits) {
         return false;
     }
     const char* minutes = point - kMinuteDigits;
     out->degrees = number_text(field, static_cast<size_t>(minutes - field));
-    out->minutes = number_text(minutes, std::strlen(minutes));
+    out->minutes = number_text(minutes, strlen(minutes));
     return true;
 }
 
@@ -93,7 +94,7 @@ bool update_coordinate(char (&dst)[N], const CoordinateKind& kind, const NmeaFie
     const double minutes = read_number(texts.minutes, kind.minutes_failure);
     const double degrees = read_number(texts.degrees, kind.degrees_failure);
     const char* sign = fields.field[kind.field + 1][0] == kind.positive ? "" : "-";
-    std::snprintf(dst, N, "%s%lf", sign, degrees + minutes / kMinutesPerDegree);
+    snprintf(dst, N, "%s%lf", sign, degrees + minutes / kMinutesPerDegree);
     return true;
 }
 
@@ -107,17 +108,15 @@ void update_height(LocationRecord* record, const NmeaFields& fields) {
         read_number(number_text(fields.field[kGgaAltitude], kNmeaFieldSize),
                     "[LOCSERV] ERR: location_service_get_location_string sscanf height deg fail");
     char* height = reinterpret_cast<char*>(record) + offsetof(LocationRecord, height);
-    // Volatile: the compiler takes for granted that a number can be formatted, and would drop the check.
-    const volatile int written = std::snprintf(height, kHeightRoom, "%lf", altitude + separation);
-    if (written < 0) {
-        std::puts("[LOCSERV] ERR: location_service_get_location_string get height fail");
+    if (format(height, kHeightRoom, "%lf", altitude + separation) < 0) {
+        puts("[LOCSERV] ERR: location_service_get_location_string get height fail");
     }
 }
 
 // Copies as much of the field as fits with its NUL.
 template <size_t N> void copy_field(char (&dst)[N], const char* field) {
     const size_t length = strnlen(field, N - 1);
-    std::memcpy(dst, field, length);
+    memcpy(dst, field, length);
     dst[length] = '\0';
 }
 

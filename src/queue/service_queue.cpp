@@ -1,6 +1,7 @@
 #include "queue/service_queue.h"
 
 #include "base/cancel_hold.h"
+#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "queue/service_state.h"
 
@@ -43,10 +44,10 @@ bool stops_link(uint32_t id) {
 }
 
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
-struct UnsentMessage {
+struct UnsentMessage : private NonCopyable {
     UnsentMessage(uint32_t message_id, void* message_data) : id(message_id), data(message_data) {
         if (stops_link(id)) {
-            stop_mark_raise();
+            stop_request_announce();
         }
     }
     ~UnsentMessage() {
@@ -56,8 +57,6 @@ struct UnsentMessage {
         free(data);
         service_queue_handled(id);
     }
-    UnsentMessage(const UnsentMessage&) = delete;
-    UnsentMessage& operator=(const UnsentMessage&) = delete;
 
     uint32_t id;
     void* data;
@@ -133,6 +132,6 @@ bool service_queue_receive(ServiceMessage* message) {
 
 void service_queue_handled(uint32_t id) {
     if (stops_link(id)) {
-        stop_mark_lower();
+        stop_request_withdraw();
     }
 }

@@ -45,9 +45,9 @@ int unpacked(uint64_t utc, uint32_t shift) {
 void answer_time() {
     const uint64_t t = location_service_get_utc();
     char command[kCommandSize];
-    std::snprintf(command, sizeof command, "590,%04d,%02d,%02d,%02d,%02d,%02d",
-                  static_cast<int>(t & kYearMask), unpacked(t, kMonthShift), unpacked(t, kDayShift),
-                  unpacked(t, kHourShift), unpacked(t, kMinuteShift), unpacked(t, kSecondShift));
+    snprintf(command, sizeof command, "590,%04d,%02d,%02d,%02d,%02d,%02d", static_cast<int>(t & kYearMask),
+             unpacked(t, kMonthShift), unpacked(t, kDayShift), unpacked(t, kHourShift),
+             unpacked(t, kMinuteShift), unpacked(t, kSecondShift));
     location_command_send(command);
 }
 
@@ -55,12 +55,12 @@ void answer_position() {
     AidingPosition p;
     if (location_service_get_position(&p) == 0) {
         char command[kCommandSize];
-        std::snprintf(command, sizeof command, "600,%.6f,%.6f,%.1f,%.1f,%.1f,%.1f,%.1f", p.latitude,
-                      p.longitude, p.height, p.majorAxis, p.minorAxis, p.orientation, p.verticalUncertainty);
+        snprintf(command, sizeof command, "600,%.6f,%.6f,%.1f,%.1f,%.1f,%.1f,%.1f", p.latitude, p.longitude,
+                 p.height, p.majorAxis, p.minorAxis, p.orientation, p.verticalUncertainty);
         location_command_send(command);
     }
-    std::printf("[LOCSERV] INF: aiding reference position: %.6f,%.6f,%.1f,%.1f,%.1f,%.1f,%.1f\n", p.latitude,
-                p.longitude, p.height, p.majorAxis, p.minorAxis, p.orientation, p.verticalUncertainty);
+    printf("[LOCSERV] INF: aiding reference position: %.6f,%.6f,%.1f,%.1f,%.1f,%.1f,%.1f\n", p.latitude,
+           p.longitude, p.height, p.majorAxis, p.minorAxis, p.orientation, p.verticalUncertainty);
 }
 
 // Also before a client has started the assistance download: the files may be there from an earlier run.
@@ -73,14 +73,14 @@ void answer_orbit(const NmeaFields& fields) {
 } // namespace
 
 uint64_t location_service_get_utc() {
-    const time_t now = std::time(nullptr);
+    const time_t now = time(nullptr);
     if (now < 0) {
-        std::puts("[LOCSERV] ERR: location_service_get_utc time error");
+        puts("[LOCSERV] ERR: location_service_get_utc time error");
         return 0;
     }
     tm utc = {};
     if (gmtime_r(&now, &utc) == nullptr) {
-        std::puts("[LOCSERV] ERR: location_service_get_utc gmtime error");
+        puts("[LOCSERV] ERR: location_service_get_utc gmtime error");
         return 0;
     }
     return packed(utc.tm_year + kTmYearBase, kYearMask, 0) | packed(utc.tm_mon + 1, kByteMask, kMonthShift) |

@@ -1,5 +1,6 @@
 #include "service/location_file.h"
 
+#include "base/format.h"
 #include "config/location_config.h"
 
 #include <algorithm>
@@ -77,7 +78,7 @@ constexpr FileValue kFileValues[] = {
 // Appends one line, cut where the text is full. Returns false when formatting fails.
 bool append_line(FileText* out, const char* key, const char* value) {
     const size_t room = sizeof out->text - out->length;
-    const int written = std::snprintf(out->text + out->length, room, "%s%s\n", key, value);
+    const int written = format(out->text + out->length, room, "%s%s\n", key, value);
     if (written < 0) {
         return false;
     }
@@ -90,7 +91,7 @@ bool build_text(const LocationRecord* record, FileText* out) {
     const char* texts = reinterpret_cast<const char*>(&copy);
     for (const FileLine& line : kFileLines) {
         if (!append_line(out, line.key, texts + line.offset)) {
-            std::puts(line.failure);
+            puts(line.failure);
             return false;
         }
     }
@@ -99,12 +100,12 @@ bool build_text(const LocationRecord* record, FileText* out) {
 
 int32_t write_text(FILE* file, const FileText& text) {
     int32_t result = 0;
-    if (std::fwrite(text.text, 1, text.length, file) != text.length) {
-        std::puts("[LOCSERV] ERR: location_service_save_location write fail");
+    if (fwrite(text.text, 1, text.length, file) != text.length) {
+        puts("[LOCSERV] ERR: location_service_save_location write fail");
         result = -1;
     }
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: location_service_save_location fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: location_service_save_location fclose fail");
     }
     return result;
 }
@@ -112,14 +113,14 @@ int32_t write_text(FILE* file, const FileText& text) {
 // Reads the line's value, if it has one. Returns 1 when it counts as read.
 int32_t read_line(const char* line, AidingPosition* out) {
     for (const FileValue& row : kFileValues) {
-        const char* at = std::strstr(line, row.key);
+        const char* at = strstr(line, row.key);
         if (at == nullptr) {
             continue;
         }
         // Kept: a text that is no number counts as read and leaves the value as it is; only a missing one
         // doesn't count.
-        if (std::sscanf(at + std::strlen(row.key), "%lf", &(out->*row.value)) == EOF) {
-            std::puts(row.failure);
+        if (sscanf(at + strlen(row.key), "%lf", &(out->*row.value)) == EOF) {
+            puts(row.failure);
             return 0;
         }
         return 1;
@@ -136,9 +137,9 @@ int32_t location_service_save_location(const LocationRecord* record) {
     }
     char path[kConfigTextSize];
     location_config_get_nmea_path(path);
-    FILE* file = std::fopen(path, "w");
+    FILE* file = fopen(path, "w");
     if (file == nullptr) {
-        std::printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);
+        printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);
         return -1;
     }
     return write_text(file, text);
@@ -148,18 +149,18 @@ int32_t location_service_get_position(AidingPosition* out) {
     *out = {};
     char path[kConfigTextSize];
     location_config_get_nmea_path(path);
-    FILE* file = std::fopen(path, "r");
+    FILE* file = fopen(path, "r");
     if (file == nullptr) {
-        std::printf("[LOCSERV] ERR: location_service_get_position open fail, %s\n", path);
+        printf("[LOCSERV] ERR: location_service_get_position open fail, %s\n", path);
         return -1;
     }
     char line[kLineSize];
     int32_t values = 0;
-    while (std::fgets(line, sizeof line, file) != nullptr) {
+    while (fgets(line, sizeof line, file) != nullptr) {
         values += read_line(line, out);
     }
-    if (std::fclose(file) != 0) {
-        std::puts("[LOCSERV] ERR: location_service_get_position fclose fail");
+    if (fclose(file) != 0) {
+        puts("[LOCSERV] ERR: location_service_get_position fclose fail");
     }
     return values == kValuesWanted ? 0 : -1;
 }

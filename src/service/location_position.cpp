@@ -17,7 +17,7 @@ constexpr int32_t kAidingFieldsMin = 3;
 
 void send_position_block() {
     uint8_t block[TAVOR_POSITION_BLOCK_SIZE] = {};
-    std::memcpy(block, &g_service_state.location, sizeof g_service_state.location);
+    memcpy(block, &g_service_state.location, sizeof g_service_state.location);
     g_service_state.response(SERVICE_POSITION, 0, block, sizeof block);
 }
 
@@ -25,8 +25,7 @@ void handle_aiding_request(const NmeaFields& fields) {
     if (fields.count < kAidingFieldsMin) {
         // Kept: the number is the request's, not the count of its fields, and the request is answered all the
         // same.
-        std::printf("[LOCSERV] ERR: location_demo_app_cmd_rsp_callback, param number error: %d\n",
-                    kAidingRequest);
+        printf("[LOCSERV] ERR: location_demo_app_cmd_rsp_callback, param number error: %d\n", kAidingRequest);
     }
     location_aiding_answer(&fields);
 }
@@ -51,7 +50,7 @@ void location_service_pzul_handle(const char* sentence, uint32_t length) {
 }
 
 void location_demo_app_cmd_rsp_callback(const char* sentence, uint32_t length) {
-    std::printf("[LOCSERV] INF: %s, %d\n", sentence, static_cast<int32_t>(length));
+    printf("[LOCSERV] INF: %s, %d\n", sentence, static_cast<int32_t>(length));
     NmeaFields fields;
     location_nmea_split_fields(sentence, static_cast<int32_t>(length), &fields);
     if (location_nmea_number(fields.field[0]) == kAidingRequest) {

@@ -50,7 +50,7 @@ void send_version_banner() {
 
 // Of what the download repeats without limit, only another request is the end.
 int32_t download() {
-    const StopMarkAside own;
+    const StopRequestAside own;
     return location_service_download();
 }
 

@@ -35,8 +35,8 @@ struct World {
 
 void check(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "agent_frames: %s\n", what);
-        std::abort();
+        fprintf(stderr, "agent_frames: %s\n", what);
+        abort();
     }
 }
 

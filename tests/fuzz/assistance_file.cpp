@@ -31,8 +31,8 @@ struct Fuzzed {
 
 void require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "assistance_file: %s\n", what);
-        std::abort();
+        fprintf(stderr, "assistance_file: %s\n", what);
+        abort();
     }
 }
 
@@ -46,7 +46,7 @@ std::string words_at(size_t offset) {
     std::string text;
     char number[16];
     for (size_t i = 0; i < kRecordSize; i += 4) {
-        std::snprintf(number, sizeof number, ",%X", load_le32(fuzzed.file.data() + offset + i));
+        snprintf(number, sizeof number, ",%X", load_le32(fuzzed.file.data() + offset + i));
         text += number;
     }
     return text;
@@ -66,7 +66,7 @@ bool is_in_the_file(const std::string& command) {
 } // namespace
 
 void xod_download_file_path(uint32_t /*type*/, uint32_t /*index*/, char* dst) {
-    std::strcpy(dst, "file");
+    strcpy(dst, "file");
 }
 
 bool xod_download_lock_unless_stopped() {

@@ -39,21 +39,21 @@ struct ConfigFile {
 
 void require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "config: %s\n", what);
-        std::abort();
+        fprintf(stderr, "config: %s\n", what);
+        abort();
     }
 }
 
 // The lines that the reader logs hold whatever the file holds.
 struct SilentStdout {
     SilentStdout() : saved(dup(STDOUT_FILENO)) {
-        std::fflush(stdout);
+        fflush(stdout);
         const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
         require(null >= 0 && dup2(null, STDOUT_FILENO) >= 0, "no /dev/null");
         close(null);
     }
     ~SilentStdout() {
-        std::fflush(stdout);
+        fflush(stdout);
         dup2(saved, STDOUT_FILENO);
         close(saved);
     }
@@ -106,12 +106,12 @@ int32_t expected_number(const std::string& text) {
 
 void check_text(const char* key) {
     char guarded[kRoom + kConfigTextSize + kRoom];
-    std::memset(guarded, kCanary, sizeof guarded);
+    memset(guarded, kCanary, sizeof guarded);
     location_config_get_path(guarded + kRoom, kDefaultText, key);
     const std::string canaries(kRoom, kCanary);
     require(std::string(guarded, kRoom) == canaries, "wrote before the text");
     require(std::string(guarded + kRoom + kConfigTextSize, kRoom) == canaries, "wrote behind the text");
-    require(std::memchr(guarded + kRoom, '\0', kConfigTextSize) != nullptr, "text without an end");
+    require(memchr(guarded + kRoom, '\0', kConfigTextSize) != nullptr, "text without an end");
     const std::string expected = expected_value(file.content, key).value_or(kDefaultText);
     require(std::string(guarded + kRoom) == expected.substr(0, kLongestText), "text differs");
 }

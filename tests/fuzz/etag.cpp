@@ -19,8 +19,8 @@ constexpr char kCanary = '#';
 
 void require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "etag: %s\n", what);
-        std::abort();
+        fprintf(stderr, "etag: %s\n", what);
+        abort();
     }
 }
 
@@ -54,7 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     require(file != nullptr, "no file in memory");
 
     char guarded[kRoom + kXodDigestSize + kRoom];
-    std::memset(guarded, kCanary, sizeof guarded);
+    memset(guarded, kCanary, sizeof guarded);
     char* out = guarded + kRoom;
     const bool found = xod_etag_read(file.get(), out);
     const std::string canaries(kRoom, kCanary);

@@ -15,8 +15,8 @@ constexpr std::string_view kGood = "$GPGGA,1,2,3*4A\r\n";
 
 void require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "frame_parser: %s\n", what);
-        std::abort();
+        fprintf(stderr, "frame_parser: %s\n", what);
+        abort();
     }
 }
 
@@ -38,7 +38,7 @@ bool is_sentence(std::string_view frame, uint32_t type) {
         return false;
     }
     char digits[3];
-    std::snprintf(digits, sizeof digits, "%02X", xor_of(frame.substr(1, star - 1)) & 0xFF);
+    snprintf(digits, sizeof digits, "%02X", xor_of(frame.substr(1, star - 1)) & 0xFF);
     return frame.substr(star + 1, 2) == digits;
 }
 

@@ -45,7 +45,7 @@ uint8_t take_byte() {
     }
     if (!input.stop_begun) {
         input.stop_begun = true;
-        stop_mark_raise();
+        stop_request_announce();
     }
     return 0xFF;
 }
@@ -150,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     run_operations(&handle);
     if (input.stop_begun) {
-        stop_mark_lower();
+        stop_request_withdraw();
     }
     if (host_mux_deinit(&handle) != 0 || host_mux_spi_power_counter() != 0) {
         fail("can't close the bus");

@@ -20,8 +20,8 @@ constexpr size_t kLineSize = 255;
 
 void check(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "image list: %s\n", what);
-        std::abort();
+        fprintf(stderr, "image list: %s\n", what);
+        abort();
     }
 }
 
@@ -34,8 +34,8 @@ int memory_file() {
 void fill(const uint8_t* data, size_t size) {
     check(ftruncate(memory_file(), 0) == 0, "can't empty the file");
     check(pwrite(memory_file(), data, size, 0) == static_cast<ssize_t>(size), "can't fill the file");
-    std::snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path,
-                  "/proc/self/fd/%d", memory_file());
+    snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path,
+             "/proc/self/fd/%d", memory_file());
 }
 
 // Blocks that begin outside a comment. A line ends at its first line end or NUL, or after 255 characters.
@@ -62,13 +62,13 @@ void check_strip(const std::string& text) {
     check(stripped.find('\0') != std::string::npos, "stripped form has no end");
     stripped.resize(stripped.find('\0'));
     check(stripped.find(' ') == std::string::npos, "stripped form holds a blank");
-    check(stripped.empty() || std::strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
+    check(stripped.empty() || strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr;
+    static const bool quiet = freopen("/dev/null", "w", stdout) != nullptr;
     check(quiet, "can't silence the log");
     const std::string text(reinterpret_cast<const char*>(data), size);
     check_strip(text);
@@ -83,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(count > 0, "list without images");
     for (uint32_t i = 0; i < count; ++i) {
         const ImageEntry& entry = images.get()[i];
-        check(std::memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name runs on");
+        check(memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name runs on");
         check(entry.name[0] == '\0' || entry.name[0] == '/', "name is not absolute");
     }
     return 0;

@@ -25,8 +25,8 @@ struct Guarded {
 
 void require(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "position_update: %s\n", what);
-        std::abort();
+        fprintf(stderr, "position_update: %s\n", what);
+        abort();
     }
 }
 
@@ -42,11 +42,11 @@ bool all_canary(const char* bytes, size_t n) {
 
 void check_split(const char* sentence, int32_t length) {
     NmeaFields fields;
-    std::memset(&fields, kCanary, sizeof fields);
+    memset(&fields, kCanary, sizeof fields);
     location_nmea_split_fields(sentence, length, &fields);
     require(fields.count >= 0 && fields.count < kNmeaFieldsMax, "field count");
     for (const auto& field : fields.field) {
-        require(std::memchr(field, '\0', sizeof field) != nullptr, "field without its NUL");
+        require(memchr(field, '\0', sizeof field) != nullptr, "field without its NUL");
     }
 }
 
@@ -56,11 +56,9 @@ void check_update(Guarded* guarded, const char* sentence, uint32_t length) {
     require(all_canary(guarded->before, sizeof guarded->before), "bytes before the record");
     require(all_canary(guarded->behind, sizeof guarded->behind), "bytes behind the record");
     const LocationRecord& record = guarded->record;
-    require(std::memchr(record.utc, '\0', sizeof record.utc) != nullptr, "utc without its NUL");
-    require(std::memchr(record.latitude, '\0', sizeof record.latitude) != nullptr,
-            "latitude without its NUL");
-    require(std::memchr(record.longitude, '\0', sizeof record.longitude) != nullptr,
-            "longitude without its NUL");
+    require(memchr(record.utc, '\0', sizeof record.utc) != nullptr, "utc without its NUL");
+    require(memchr(record.latitude, '\0', sizeof record.latitude) != nullptr, "latitude without its NUL");
+    require(memchr(record.longitude, '\0', sizeof record.longitude) != nullptr, "longitude without its NUL");
     require(record.verticalUncertainty[sizeof record.verticalUncertainty - 1] == '\0',
             "record without its NUL");
 }
@@ -72,16 +70,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     static const bool silent = silence();
     require(silent, "no /dev/null");
     Guarded guarded;
-    std::memset(&guarded, kCanary, sizeof guarded);
+    memset(&guarded, kCanary, sizeof guarded);
     guarded.record = {};
     const char* at = reinterpret_cast<const char*>(bytes);
     const char* end = at + (size < kLongestSentence ? size : kLongestSentence);
     while (at < end) {
-        const auto* newline = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at)));
+        const auto* newline = static_cast<const char*>(memchr(at, '\n', static_cast<size_t>(end - at)));
         const size_t length = static_cast<size_t>((newline == nullptr ? end : newline + 1) - at);
         // A block of the exact size, so that a sanitizer sees every read past it.
         const auto sentence = std::make_unique<char[]>(length + 1);
-        std::memcpy(sentence.get(), at, length);
+        memcpy(sentence.get(), at, length);
         check_split(sentence.get(), static_cast<int32_t>(length));
         check_update(&guarded, sentence.get(), static_cast<uint32_t>(length));
         at += length;

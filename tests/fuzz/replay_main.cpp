@@ -65,12 +65,12 @@ void mutate(Bytes& bytes, const std::vector<Bytes>& corpus, std::mt19937& random
 
 int main(int argc, char** argv) {
     if (argc != 2 || !std::filesystem::is_directory(argv[1])) {
-        std::fprintf(stderr, "usage: %s CORPUS_DIRECTORY\n", argv[0]);
+        fprintf(stderr, "usage: %s CORPUS_DIRECTORY\n", argv[0]);
         return 2;
     }
     const std::vector<Bytes> corpus = read_corpus(argv[1]);
     if (corpus.empty()) {
-        std::fprintf(stderr, "%s: no seeds in %s\n", argv[0], argv[1]);
+        fprintf(stderr, "%s: no seeds in %s\n", argv[0], argv[1]);
         return 2;
     }
     std::mt19937 random(1); // fixed: every run replays the same inputs
@@ -83,6 +83,6 @@ int main(int argc, char** argv) {
             LLVMFuzzerTestOneInput(input.data(), input.size());
         }
     }
-    std::fprintf(stderr, "%zu seeds and %zu mutations\n", corpus.size(), runs);
+    fprintf(stderr, "%zu seeds and %zu mutations\n", corpus.size(), runs);
     return 0;
 }

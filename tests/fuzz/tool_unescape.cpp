@@ -18,8 +18,8 @@ constexpr uint8_t kCanary = 0xA5;
 
 void check(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "tool unescape: %s\n", what);
-        std::abort();
+        fprintf(stderr, "tool unescape: %s\n", what);
+        abort();
     }
 }
 
@@ -100,7 +100,7 @@ void check_round_trip(const Bytes& plain) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = std::freopen("/dev/null", "w", stdout) != nullptr;
+    static const bool quiet = freopen("/dev/null", "w", stdout) != nullptr;
     check(quiet, "can't silence the log");
     if (size == 0) {
         return 0;

@@ -17,8 +17,8 @@ constexpr uint8_t kCanary = 0xA5;
 
 void check(bool holds, const char* what) {
     if (!holds) {
-        std::fprintf(stderr, "unescape: %s\n", what);
-        std::abort();
+        fprintf(stderr, "unescape: %s\n", what);
+        abort();
     }
 }
 

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 std::string capture_stdout(const std::function<void()>& body) {
-    std::fflush(stdout);
+    fflush(stdout);
     const int saved = dup(STDOUT_FILENO);
-    FILE* file = std::tmpfile();
+    FILE* file = tmpfile();
     if (saved < 0 || file == nullptr) {
         throw std::runtime_error("capture_stdout: can't redirect standard output");
     }
@@ -15,17 +15,17 @@ std::string capture_stdout(const std::function<void()>& body) {
 
     body();
 
-    std::fflush(stdout);
+    fflush(stdout);
     dup2(saved, STDOUT_FILENO);
     close(saved);
 
     std::string text;
-    std::rewind(file);
+    rewind(file);
     char buffer[4096];
-    for (size_t n = 0; (n = std::fread(buffer, 1, sizeof buffer, file)) > 0;) {
+    for (size_t n = 0; (n = fread(buffer, 1, sizeof buffer, file)) > 0;) {
         text.append(buffer, n);
     }
-    std::fclose(file);
+    fclose(file);
     return text;
 }
 

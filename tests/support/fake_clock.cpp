@@ -20,7 +20,7 @@ bool has_form(const std::string& line, const std::string& form) {
         return false;
     }
     for (size_t i = 0; i < form.size(); ++i) {
-        const bool digit = std::isdigit(static_cast<unsigned char>(line[i])) != 0;
+        const bool digit = isdigit(static_cast<unsigned char>(line[i])) != 0;
         if (form[i] == '0' ? !digit : line[i] != form[i]) {
             return false;
         }

@@ -67,7 +67,7 @@ pid_t spawn(const Arguments& arguments, const std::string& out, const std::strin
     std::vector<char*> argv = argument_pointers(arguments);
     int report[2]; // closed by a good exec
     if (pipe2(report, O_CLOEXEC) != 0) {
-        throw std::runtime_error(std::string("can't make a pipe: ") + std::strerror(errno));
+        throw std::runtime_error(std::string("can't make a pipe: ") + strerror(errno));
     }
     const pid_t parent = getpid();
     const pid_t pid = fork();
@@ -79,7 +79,7 @@ pid_t spawn(const Arguments& arguments, const std::string& out, const std::strin
     const bool failed = pid < 0 || read(report[0], &error, sizeof error) > 0;
     close(report[0]);
     if (failed) {
-        throw std::runtime_error("can't start " + arguments[0] + ": " + std::strerror(error));
+        throw std::runtime_error("can't start " + arguments[0] + ": " + strerror(error));
     }
     return pid;
 }
@@ -241,7 +241,7 @@ long DaemonOnBoard::private_kib() const {
     long total = 0;
     for (std::string line; std::getline(rollup, line);) {
         if (line.rfind("Private_", 0) == 0 && line.find("Hugetlb") == std::string::npos) {
-            total += std::strtol(line.c_str() + line.find(':') + 1, nullptr, 10);
+            total += strtol(line.c_str() + line.find(':') + 1, nullptr, 10);
         }
     }
     return total;
@@ -256,7 +256,7 @@ TestClient::TestClient(std::string daemon_socket) : daemon(std::move(daemon_sock
     fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavor-test-%d-%d", getpid(), ++number);
+    snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavor-test-%d-%d", getpid(), ++number);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::runtime_error("can't bind a client address");
     }
@@ -269,7 +269,7 @@ TestClient::~TestClient() {
 bool TestClient::send_bytes(const void* data, size_t size) const {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", daemon.c_str());
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", daemon.c_str());
     return sendto(fd, data, size, 0, reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
            static_cast<ssize_t>(size);
 }
@@ -277,7 +277,7 @@ bool TestClient::send_bytes(const void* data, size_t size) const {
 bool TestClient::send(tavor_request_type type, const std::string& text) const {
     tavor_request request = {};
     request.type = type;
-    std::memcpy(request.text, text.data(), std::min(text.size(), sizeof request.text));
+    memcpy(request.text, text.data(), std::min(text.size(), sizeof request.text));
     return send_bytes(&request, sizeof request);
 }
 

@@ -13,7 +13,7 @@ constexpr size_t kChunkSize = 4096;
 
 void require(bool holds) {
     if (!holds) {
-        std::abort();
+        abort();
     }
 }
 

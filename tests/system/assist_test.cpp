@@ -241,7 +241,7 @@ TEST_F(Assistance, OrbitDataReachesTheChipAsTheServerHasIt) {
     board.ctl({"send", "PZUL010,0,1," + when});
     ASSERT_TRUE(daemon.wait_log("[LOCSERV] INF: [XOD] host aiding xod finish:1\n"));
     char last[32];
-    std::snprintf(last, sizeof last, "$PZUL471,1,18,58%06X,13701,", static_cast<unsigned>(hour / 6 * 6));
+    snprintf(last, sizeof last, "$PZUL471,1,18,58%06X,13701,", static_cast<unsigned>(hour / 6 * 6));
     EXPECT_TRUE(wait_until([&] { return board.ctl({"commands"}).find(last) != string::npos; })) << last;
 }
 

@@ -26,8 +26,8 @@ constexpr key_t kQueue = 1234;
 constexpr unsigned long kUnknownRequest = 0x40046BFF;
 
 void say(const char* what, long long value) {
-    std::printf("%s %lld\n", what, value);
-    std::fflush(stdout);
+    printf("%s %lld\n", what, value);
+    fflush(stdout);
 }
 
 int open_spi() {
@@ -71,7 +71,7 @@ int probe_spi() {
 
 void write_text(const char* path, const char* text) {
     const int fd = open(path, O_WRONLY);
-    say(path, write(fd, text, std::strlen(text)));
+    say(path, write(fd, text, strlen(text)));
     close(fd);
 }
 
@@ -84,35 +84,35 @@ int probe_gpio() {
     write_text("/sys/class/gpio/gpio17/value", "1");
     const int fd = open("/sys/class/gpio/gpio17/direction", O_RDWR);
     say("read", read(fd, direction, sizeof direction - 1));
-    std::printf("direction %s", direction);
+    printf("direction %s", direction);
     return close(fd);
 }
 
 int probe_files() {
     char line[256] = "";
-    FILE* file = std::fopen("/etc/default/tavor/tavor.conf", "r");
-    while (file != nullptr && std::fgets(line, sizeof line, file) != nullptr) {
-        std::fputs(line, stdout);
+    FILE* file = fopen("/etc/default/tavor/tavor.conf", "r");
+    while (file != nullptr && fgets(line, sizeof line, file) != nullptr) {
+        fputs(line, stdout);
     }
-    FILE* header = std::fopen("/tmp/head.out", "w");
+    FILE* header = fopen("/tmp/head.out", "w");
     if (file == nullptr || header == nullptr) {
         return 1;
     }
-    std::fputs("header", header);
-    std::fclose(header);
-    return std::fclose(file);
+    fputs("header", header);
+    fclose(header);
+    return fclose(file);
 }
 
 int probe_socket() {
     sockaddr_un address = {};
     socklen_t size = sizeof address;
     address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, kSocket, sizeof kSocket);
+    memcpy(address.sun_path, kSocket, sizeof kSocket);
     const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
     unlink(kSocket);
     say("bind", bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    std::puts(address.sun_path);
+    puts(address.sun_path);
     return close(fd);
 }
 
@@ -225,10 +225,10 @@ int probe_hours() {
 int probe_overrun() {
     constexpr size_t kRoom = 4;
     const volatile size_t more_than_room = kRoom + 1;
-    void* bytes = std::malloc(kRoom);
+    void* bytes = malloc(kRoom);
     const int fd = open("/dev/zero", O_RDONLY);
     say("read", read(fd, bytes, more_than_room));
-    std::free(bytes);
+    free(bytes);
     return 0;
 }
 
@@ -243,7 +243,7 @@ int main(int argc, char** argv) {
     };
     const auto probe = probes.find(argc > 1 ? argv[1] : "");
     if (probe == probes.end()) {
-        return argc > 2 ? std::atoi(argv[2]) : 0; // "exit N"
+        return argc > 2 ? atoi(argv[2]) : 0; // "exit N"
     }
     return probe->second();
 }

@@ -294,7 +294,7 @@ TEST(BoardRun, ExecNeedsABoard) {
 void give_up_root() {
     constexpr uid_t kNobody = 65534;
     if (geteuid() == 0 && setresuid(kNobody, kNobody, kNobody) != 0) {
-        std::abort();
+        abort();
     }
 }
 

@@ -44,7 +44,7 @@ struct Connection {
             return std::nullopt;
         }
         WireReply reply = {};
-        std::memcpy(&reply, bytes.data(), sizeof reply);
+        memcpy(&reply, bytes.data(), sizeof reply);
         if (payload != nullptr) {
             payload->assign(bytes.begin() + sizeof reply, bytes.begin() + size);
         }
@@ -55,7 +55,7 @@ struct Connection {
                                  Bytes* answer = nullptr) const {
         const WireRequest header = {operation, number, static_cast<uint32_t>(payload.size())};
         Bytes bytes(sizeof header);
-        std::memcpy(bytes.data(), &header, sizeof header);
+        memcpy(bytes.data(), &header, sizeof header);
         bytes.insert(bytes.end(), payload.begin(), payload.end());
         return send_bytes(bytes) ? reply(answer) : std::nullopt;
     }
@@ -69,7 +69,7 @@ Bytes bytes_of(const std::string& text) {
 
 Bytes parts_of(std::initializer_list<WirePart> parts, size_t sent) {
     Bytes bytes(parts.size() * sizeof(WirePart) + sent);
-    std::memcpy(bytes.data(), parts.begin(), parts.size() * sizeof(WirePart));
+    memcpy(bytes.data(), parts.begin(), parts.size() * sizeof(WirePart));
     return bytes;
 }
 
@@ -101,7 +101,7 @@ void expect_refused(const std::optional<WireReply>& reply, int error) {
 TEST_F(BoardWire, WhatIsNoRequestIsHungUpOn) {
     const WireRequest longer = {WIRE_ACCESS, 0, 5};
     Bytes contradicting(sizeof longer + 4);
-    std::memcpy(contradicting.data(), &longer, sizeof longer);
+    memcpy(contradicting.data(), &longer, sizeof longer);
     for (const Bytes& bytes : {Bytes(1), Bytes(sizeof(WireRequest) - 1), contradicting,
                                Bytes(sizeof(WireRequest) + kWirePayloadMax + 1)}) {
         const Connection connection(board);
@@ -200,7 +200,7 @@ TEST_F(BoardWire, AClientThatDoesNotReadIsDroppedAndOthersAreServed) {
     const Connection lazy(board);
     const WireRequest header = {WIRE_CONTROL, 0, 0};
     Bytes request(sizeof header);
-    std::memcpy(request.data(), &header, sizeof header);
+    memcpy(request.data(), &header, sizeof header);
     EXPECT_TRUE(wait_until([&] {
         return send(lazy.fd, request.data(), request.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
                errno != EAGAIN;

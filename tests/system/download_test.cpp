@@ -93,7 +93,7 @@ struct Download : testing::Test {
         const size_t at = log.find(text);
         const size_t bracket = at == std::string::npos ? at : log.rfind('[', at);
         EXPECT_NE(bracket, std::string::npos) << text;
-        return bracket == std::string::npos ? 0 : std::strtod(log.c_str() + bracket + 1, nullptr);
+        return bracket == std::string::npos ? 0 : strtod(log.c_str() + bracket + 1, nullptr);
     }
     // Place of a text in the log; the test fails without it.
     size_t place(const std::string& text) const {
@@ -149,10 +149,10 @@ std::string case_name(const testing::TestParamInfo<FaultCase>& info) {
     std::string name;
     bool upper = true;
     for (const char c : std::string(info.param.name) + "-" + info.param.value) {
-        if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
-            name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+        if (isalnum(static_cast<unsigned char>(c)) != 0) {
+            name += upper ? static_cast<char>(toupper(static_cast<unsigned char>(c))) : c;
         }
-        upper = std::isalnum(static_cast<unsigned char>(c)) == 0;
+        upper = isalnum(static_cast<unsigned char>(c)) == 0;
     }
     return name;
 }

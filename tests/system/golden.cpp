@@ -50,7 +50,7 @@ std::string escaped(uint8_t byte) {
         return {static_cast<char>(byte)};
     }
     std::array<char, 5> text{};
-    std::snprintf(text.data(), text.size(), "\\x%02X", static_cast<unsigned>(byte));
+    snprintf(text.data(), text.size(), "\\x%02X", static_cast<unsigned>(byte));
     return text.data();
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 void print_replay(const char* log_path) {
     for (const std::string& line : golden_replay(log_path)) {
-        std::puts(line.c_str());
+        puts(line.c_str());
     }
 }
 
@@ -23,14 +23,14 @@ bool harness_failed() {
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     if (argc != 2) {
-        std::fprintf(stderr, "usage: %s LOG\n", argv[0]);
+        fprintf(stderr, "usage: %s LOG\n", argv[0]);
         return 2;
     }
     try {
         print_replay(argv[1]);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s: %s\n", argv[1], error.what());
+        fprintf(stderr, "%s: %s\n", argv[1], error.what());
         return 1;
     }
-    return harness_failed() || std::fflush(stdout) != 0 ? 1 : 0;
+    return harness_failed() || fflush(stdout) != 0 ? 1 : 0;
 }

@@ -12,7 +12,7 @@ tavor_response response_of(uint32_t code, uint32_t value, const std::string& pay
     tavor_response response = {};
     response.code = code;
     response.value = value;
-    std::memcpy(response.payload, payload.data(), payload.size());
+    memcpy(response.payload, payload.data(), payload.size());
     return response;
 }
 

@@ -30,7 +30,7 @@ std::string checksum_text(const std::string& body) {
         sum ^= static_cast<unsigned char>(byte);
     }
     char text[8];
-    std::snprintf(text, sizeof text, "*%02X", sum);
+    snprintf(text, sizeof text, "*%02X", sum);
     return text;
 }
 

@@ -40,8 +40,7 @@ std::vector<Outcome> outcomes(const std::string& log) {
     const std::string begin = kDownloaded;
     for (size_t at = log.find(begin); at != std::string::npos; at = log.find(begin, at + 1)) {
         Outcome outcome = {-1, -1};
-        if (std::sscanf(log.c_str() + at + begin.size(), "%d,%*d] %d\n", &outcome.type, &outcome.result) ==
-            2) {
+        if (sscanf(log.c_str() + at + begin.size(), "%d,%*d] %d\n", &outcome.type, &outcome.result) == 2) {
             list.push_back(outcome);
         }
     }
@@ -69,7 +68,7 @@ struct Assistance {
     int64_t last_number(const std::string& text) const {
         const std::string log = daemon.log();
         const size_t at = log.rfind(text);
-        return at == std::string::npos ? -1 : std::strtoll(log.c_str() + at + text.size(), nullptr, 10);
+        return at == std::string::npos ? -1 : strtoll(log.c_str() + at + text.size(), nullptr, 10);
     }
     bool wait_outcomes(size_t count) const {
         return wait_until([&] { return outcomes(daemon.log()).size() >= count; });

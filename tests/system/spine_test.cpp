@@ -68,7 +68,7 @@ TEST(Spine, PositionBlockHoldsTheRecordThenZeros) {
         const auto response = client.receive_code(TAVOR_CODE_POSITION);
         if (response) {
             block = *response;
-            std::memcpy(&record, block.payload, sizeof record);
+            memcpy(&record, block.payload, sizeof record);
         }
         return record.latitude[0] != '\0' && record.minorAxis[0] != '\0' &&
                record.verticalUncertainty[0] != '\0';

@@ -135,8 +135,8 @@ int32_t xod_download_http(const DownloadItem* item) {
 
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length) {
     uint32_t value = 0;
-    std::memcpy(&value, data, std::min<size_t>(length, sizeof value));
-    std::free(data);
+    memcpy(&value, data, std::min<size_t>(length, sizeof value));
+    free(data);
     const Guard guard(xod_fakes.lock);
     xod_fakes.messages.push_back({id, length, value, left(xod_download_handle)});
 }

@@ -19,11 +19,11 @@ Found read(const std::string& header) {
     std::string copy = header;
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fmemopen(copy.data(), copy.size(), "r"), std::fclose);
     char out[kXodDigestSize + 1];
-    std::memset(out, '#', sizeof out);
+    memset(out, '#', sizeof out);
     const bool found = xod_etag_read(file.get(), out);
     EXPECT_EQ(out[kXodDigestSize], '#') << "wrote behind the value";
     out[kXodDigestSize] = '\0';
-    return {found, out, std::string(out + std::strlen(out), out + kXodDigestSize)};
+    return {found, out, std::string(out + strlen(out), out + kXodDigestSize)};
 }
 
 } // namespace

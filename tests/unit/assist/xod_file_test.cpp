@@ -75,7 +75,7 @@ struct XodFile : testing::Test {
     }
     string path(uint32_t type, uint32_t index) {
         char dst[kXodPathSize + 1];
-        std::memset(dst, '#', sizeof dst);
+        memset(dst, '#', sizeof dst);
         collect([&] { xod_download_file_path(type, index, dst); });
         EXPECT_EQ(dst[kXodPathSize], '#');
         return dst;
@@ -241,9 +241,9 @@ TEST_F(XodFile, MutexThatCanNotBeMadeIsLogged) {
 }
 
 TEST_F(XodFile, FreeLockIsTakenEvenWhileAStopIsPending) {
-    stop_mark_raise();
+    stop_request_announce();
     EXPECT_TRUE(xod_download_lock_unless_stopped());
-    stop_mark_lower();
+    stop_request_withdraw();
     xod_download_unlock();
 }
 
@@ -251,9 +251,9 @@ TEST_F(XodFile, WaitForTheLockGivesWayToAStop) {
     xod_download_lock();
     std::atomic<bool> taken = true;
     std::thread waiting([&] { taken = xod_download_lock_unless_stopped(); });
-    stop_mark_raise();
+    stop_request_announce();
     waiting.join();
-    stop_mark_lower();
+    stop_request_withdraw();
     EXPECT_FALSE(taken);
     xod_download_unlock();
 }

@@ -63,7 +63,7 @@ string command(uint32_t constellation, uint32_t satellite, const Record& record)
     char number[16];
     string text = "471";
     const auto add = [&](uint32_t value) {
-        std::snprintf(number, sizeof number, ",%X", value);
+        snprintf(number, sizeof number, ",%X", value);
         text += number;
     };
     add(constellation);
@@ -199,12 +199,12 @@ struct XodHostAiding : testing::Test {
 int32_t location_command_send(const char* body) {
     world.commands.emplace_back(body);
     if (world.commands.size() == world.stop_at) {
-        stop_mark_raise();
+        stop_request_announce();
     }
     if (world.watch_lock) {
-        stop_mark_raise(); // the lock gives way at once
+        stop_request_announce(); // the lock gives way at once
         world.sent_without_lock = xod_download_lock_unless_stopped() || world.sent_without_lock;
-        stop_mark_lower();
+        stop_request_withdraw();
     }
     return -1; // of no consequence
 }
@@ -537,9 +537,9 @@ TEST_F(XodHostAiding, WaitingRequestGivesWayToAStop) {
     xod_download_lock();
     std::thread service(
         [&] { printed = capture_stdout([] { EXPECT_EQ(xod_host_aiding(0, kWeek, 48 * 3600), 0); }); });
-    stop_mark_raise();
+    stop_request_announce();
     service.join();
-    stop_mark_lower();
+    stop_request_withdraw();
     xod_download_unlock();
     EXPECT_EQ(printed, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
     EXPECT_TRUE(world.commands.empty());
@@ -547,9 +547,9 @@ TEST_F(XodHostAiding, WaitingRequestGivesWayToAStop) {
 
 TEST_F(XodHostAiding, RequestBehindWhichAStopWaitsSendsNothing) {
     file("XOD_GR_3_1.DAT", mixed_file());
-    stop_mark_raise();
+    stop_request_announce();
     const string printed = capture_stdout([] { EXPECT_EQ(xod_host_aiding(0, kWeek, 48 * 3600), 0); });
-    stop_mark_lower();
+    stop_request_withdraw();
     EXPECT_EQ(printed, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
     EXPECT_TRUE(world.commands.empty());
 }
@@ -558,7 +558,7 @@ TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSent) {
     file("XOD_GR_3_1.DAT", mixed_file());
     world.stop_at = 3;
     const string printed = capture_stdout([] { xod_host_aiding(0, kWeek, 48 * 3600); });
-    stop_mark_lower();
+    stop_request_withdraw();
     EXPECT_EQ(world.commands.size(), 3U);
     EXPECT_NE(printed.find("[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n"), string::npos);
 }

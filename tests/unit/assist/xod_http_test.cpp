@@ -50,9 +50,9 @@ struct CurlFaults {
 
 // A pending stop makes the lock give way at once.
 bool is_locked() {
-    stop_mark_raise();
+    stop_request_announce();
     const bool taken = xod_download_lock_unless_stopped();
-    stop_mark_lower();
+    stop_request_withdraw();
     if (taken) {
         xod_download_unlock();
     }
@@ -385,7 +385,7 @@ TEST_F(XodHttp, PackedBodyThatUnpacksToTooMuchIsCut) {
     const string packed = gzip_of(string(8 * kLimit, 'x'));
     ASSERT_LT(packed.size(), kLimit / 10);
     char size[32];
-    std::snprintf(size, sizeof size, "%zx\r\n", packed.size());
+    snprintf(size, sizeof size, "%zx\r\n", packed.size());
     serve_text("HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\n\r\n" + (size + packed) +
                "\r\n0\r\n\r\n");
     EXPECT_EQ(download(), -1);

@@ -2,26 +2,26 @@
 
 #include <gtest/gtest.h>
 
-TEST(StopMark, StandsUntilEachAnnouncementIsTakenBack) {
-    EXPECT_FALSE(stop_mark_raised());
-    stop_mark_raise();
-    stop_mark_raise();
-    stop_mark_lower();
-    EXPECT_TRUE(stop_mark_raised());
-    stop_mark_lower();
-    EXPECT_FALSE(stop_mark_raised());
+TEST(StopRequest, StandsUntilEachAnnouncementIsTakenBack) {
+    EXPECT_FALSE(stop_request_pending());
+    stop_request_announce();
+    stop_request_announce();
+    stop_request_withdraw();
+    EXPECT_TRUE(stop_request_pending());
+    stop_request_withdraw();
+    EXPECT_FALSE(stop_request_pending());
 }
 
-TEST(StopMark, AnnouncementTakenAsideLeavesOnlyThoseOfOthers) {
-    stop_mark_raise();
+TEST(StopRequest, AnnouncementTakenAsideLeavesOnlyThoseOfOthers) {
+    stop_request_announce();
     {
-        const StopMarkAside own;
-        EXPECT_FALSE(stop_mark_raised());
-        stop_mark_raise();
-        EXPECT_TRUE(stop_mark_raised());
-        stop_mark_lower();
+        const StopRequestAside own;
+        EXPECT_FALSE(stop_request_pending());
+        stop_request_announce();
+        EXPECT_TRUE(stop_request_pending());
+        stop_request_withdraw();
     }
-    EXPECT_TRUE(stop_mark_raised());
-    stop_mark_lower();
-    EXPECT_FALSE(stop_mark_raised());
+    EXPECT_TRUE(stop_request_pending());
+    stop_request_withdraw();
+    EXPECT_FALSE(stop_request_pending());
 }

@@ -96,7 +96,7 @@ TEST(Connection, AddressIsAbstractAndFillsAll110Bytes) {
 
     EXPECT_EQ(daemon.sender_length(), 110U);
     EXPECT_EQ(daemon.sender().sun_path[0], '\0');
-    EXPECT_EQ(std::strncmp(daemon.sender().sun_path + 1, "tavorctl-", 9), 0);
+    EXPECT_EQ(strncmp(daemon.sender().sun_path + 1, "tavorctl-", 9), 0);
 }
 
 TEST(Connection, RequestHoldsTypeAndText) {

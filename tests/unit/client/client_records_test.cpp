@@ -27,7 +27,7 @@ tavor_location_record record_of(const Texts& texts) {
     put(82, texts.verticalUncertainty);
     put(42, texts.height);
     tavor_location_record record = {};
-    std::memcpy(&record, bytes.data(), sizeof record);
+    memcpy(&record, bytes.data(), sizeof record);
     return record;
 }
 
@@ -39,7 +39,7 @@ tavor_response response_of(uint32_t code, uint32_t value, const std::string& pay
     tavor_response response = {};
     response.code = code;
     response.value = value;
-    std::memcpy(response.payload, payload.data(), payload.size());
+    memcpy(response.payload, payload.data(), payload.size());
     return response;
 }
 
@@ -139,7 +139,7 @@ TEST(PositionRecord, HeightThatLostItsPointIsAbsent) {
 
 TEST(PositionRecord, UnterminatedFieldsEndAtTheirSize) {
     tavor_location_record record = {};
-    std::memset(&record, '7', sizeof record);
+    memset(&record, '7', sizeof record);
     const Position p = record_position(record);
     EXPECT_EQ(p.utc, std::string(12, '7'));
     EXPECT_EQ(p.latitude, 777777777777777.0);
@@ -204,7 +204,7 @@ TEST(Record, NulInsideASentenceIsKept) {
 TEST(Record, PositionIsReadFromItsBlock) {
     const tavor_location_record location = record_of({"123519", "48.5", "11.5", "1.0", "", "", "", ""});
     tavor_response response = response_of(TAVOR_CODE_POSITION, 0);
-    std::memcpy(response.payload, &location, sizeof location);
+    memcpy(response.payload, &location, sizeof location);
     const Record record = record_parse(response);
     EXPECT_EQ(record.kind, RecordKind::kPosition);
     EXPECT_EQ(record.position.latitude, 48.5);

@@ -100,7 +100,7 @@ void DebugTest::SetUp() {
     chip_forget();
     run_a_thread();
     threads_before = running_threads();
-    std::fflush(stdout);
+    fflush(stdout);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     saved_stdout = dup(STDOUT_FILENO);
     const int file = open((directory.path / "stdout").c_str(), O_RDWR | O_CREAT | O_APPEND, 0600);
@@ -115,7 +115,7 @@ void DebugTest::TearDown() {
     EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
     EXPECT_EQ(debug_queue(), -1) << "the queue was left behind";
     if (HasFailure()) {
-        std::fprintf(stderr, "%s", log().c_str());
+        fprintf(stderr, "%s", log().c_str());
     }
     dup2(saved_stdout, STDOUT_FILENO);
     close(saved_stdout);
@@ -130,7 +130,7 @@ void DebugTest::configure() const {
 }
 
 std::string DebugTest::log() const {
-    std::fflush(stdout);
+    fflush(stdout);
     std::string text;
     char buffer[4096];
     for (ssize_t got = 0; // without a descriptor of its own: a test may have run out of them

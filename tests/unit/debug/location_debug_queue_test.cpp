@@ -34,7 +34,7 @@ struct DebugQueueTest : DebugTest {
 void send_foreign(int queue, long type, size_t size) {
     ForeignMessage message{};
     message.type = type;
-    std::memset(message.body, 0x5A, sizeof message.body); // no pointer of anybody
+    memset(message.body, 0x5A, sizeof message.body); // no pointer of anybody
     ASSERT_EQ(msgsnd(queue, &message, size, 0), 0);
 }
 

@@ -22,8 +22,8 @@ struct DebugTcpTest : DebugTest {
         size_t seen = 0;
         for (const std::string& entry : log_lines()) {
             int fd = -1;
-            if (std::sscanf(entry.c_str(), "[LOCSERV] INF: [debug]socket AT new client connected fd=[%d]",
-                            &fd) == 1 &&
+            if (sscanf(entry.c_str(), "[LOCSERV] INF: [debug]socket AT new client connected fd=[%d]", &fd) ==
+                    1 &&
                 seen++ == n) {
                 return fd;
             }

@@ -24,7 +24,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 // sysfs as the daemon sees it: a map of files, and a record of what was done to them.
 struct FakeSysfs {
@@ -36,7 +36,7 @@ struct FakeSysfs {
 } sysfs;
 
 std::string short_name(const std::string& path) {
-    return path.substr(std::strlen("/sys/class/gpio/"));
+    return path.substr(strlen("/sys/class/gpio/"));
 }
 
 void make_node(const std::string& pin) {
@@ -61,7 +61,7 @@ ssize_t sysfs_read(const std::string& path, void* buffer, size_t length) {
     const std::string& content = sysfs.files[short_name(path)];
     sysfs.calls.push_back("read " + std::to_string(length));
     const size_t count = std::min(length, content.size());
-    std::memcpy(buffer, content.data(), count);
+    memcpy(buffer, content.data(), count);
     return static_cast<ssize_t>(count);
 }
 
@@ -183,10 +183,10 @@ TEST_F(LocationGpio, NumberThatCanNotBeFormattedIsToldAndNothingIsWritten) {
         EXPECT_EQ(writes(), Lines{});
     };
     fails(
-        1, [] { return location_gpio_export(17); }, "export get pin fail"); // behind the node's path
+        0, [] { return location_gpio_export(17); }, "export get pin fail");
     make_node("17");
     fails(
-        1, [] { return location_gpio_unexport(17); }, "unexport get pin fail");
+        0, [] { return location_gpio_unexport(17); }, "unexport get pin fail");
     fails(
         0, [] { return location_gpio_config(17, -1, 1, -1); }, "config get pin fail");
     fails(

@@ -28,7 +28,7 @@ protected:
             .read =
                 [this](const std::string&, void* buffer, size_t length) {
                     calls.push_back("read " + std::to_string(length));
-                    std::memset(buffer, 0x5A, length);
+                    memset(buffer, 0x5A, length);
                     return static_cast<ssize_t>(length - 1);
                 },
             .write =

@@ -19,7 +19,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 struct Setting {
     unsigned long request;
@@ -34,7 +34,7 @@ void PrintTo(const Setting& setting, std::ostream* out) {
 // The argument of a settings request, in the width that the request carries.
 uint32_t argument_value(unsigned long request, const void* argument) {
     uint32_t value = 0;
-    std::memcpy(&value, argument, _IOC_SIZE(request));
+    memcpy(&value, argument, _IOC_SIZE(request));
     return value;
 }
 
@@ -50,7 +50,7 @@ protected:
             .close = [this](const std::string& path) { closed.push_back(path); },
             .read =
                 [](const std::string&, void* buffer, size_t length) {
-                    std::memset(buffer, 0x5A, length);
+                    memset(buffer, 0x5A, length);
                     return static_cast<ssize_t>(length - 1);
                 },
             .write =
@@ -70,7 +70,7 @@ protected:
 
     int control(unsigned long request, void* argument) {
         if (request == SPI_IOC_MESSAGE(1)) {
-            std::memcpy(&message, argument, sizeof message);
+            memcpy(&message, argument, sizeof message);
             return static_cast<int>(message.len) - transfer_lack;
         }
         if (refuse) {
@@ -161,7 +161,7 @@ TEST_F(LocationSpi, TransferCarriesBuffersAndLengthAndNothingElse) {
     expected.tx_buf = reinterpret_cast<uintptr_t>(tx);
     expected.rx_buf = reinterpret_cast<uintptr_t>(rx);
     expected.len = 5;
-    EXPECT_EQ(std::memcmp(&message, &expected, sizeof expected), 0);
+    EXPECT_EQ(memcmp(&message, &expected, sizeof expected), 0);
     location_spi_deinit(fd);
 }
 

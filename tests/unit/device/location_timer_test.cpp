@@ -122,9 +122,8 @@ TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
     EXPECT_EQ(is_active(), 0);
     long seconds = 0;
     long nanoseconds = 0;
-    ASSERT_EQ(std::sscanf(log.c_str(), "[LOCSERV] INF: [timer]interval:0,0 value:%ld,%ld\n", &seconds,
-                          &nanoseconds),
-              2);
+    ASSERT_EQ(
+        sscanf(log.c_str(), "[LOCSERV] INF: [timer]interval:0,0 value:%ld,%ld\n", &seconds, &nanoseconds), 2);
     EXPECT_LE(seconds, 1000);
     EXPECT_GT(seconds, 900);
 }

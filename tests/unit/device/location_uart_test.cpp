@@ -56,7 +56,7 @@ namespace {
 
 SerialPortConfig config_of(const std::string& path, int32_t baud, int32_t flow_control) {
     SerialPortConfig config{};
-    std::strncpy(config.path, path.c_str(), sizeof config.path - 1);
+    strncpy(config.path, path.c_str(), sizeof config.path - 1);
     config.baud_rate = baud;
     config.flow_control = flow_control;
     return config;
@@ -92,7 +92,7 @@ void set_wrong_way_round(int fd, int32_t flow_control) {
     ASSERT_EQ(kept.c_lflag & kLocalFlags, kLocalFlags);
     ASSERT_EQ(kept.c_iflag & kInputFlags, kInputFlags);
     ASSERT_EQ(kept.c_oflag & kOutputFlags, kOutputFlags);
-    ASSERT_EQ(std::memcmp(kept.c_cc, options.c_cc, sizeof kept.c_cc), 0);
+    ASSERT_EQ(memcmp(kept.c_cc, options.c_cc, sizeof kept.c_cc), 0);
 }
 
 const uint8_t* bytes_of(const std::string& text) {

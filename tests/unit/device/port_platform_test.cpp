@@ -119,12 +119,12 @@ protected:
             return 0;
         }
         if (request == SPI_IOC_MESSAGE(1)) {
-            std::memcpy(&message, argument, sizeof message);
+            memcpy(&message, argument, sizeof message);
             calls.push_back("clock " + std::to_string(message.len));
             return static_cast<int>(moved);
         }
         uint32_t value = 0;
-        std::memcpy(&value, argument, _IOC_SIZE(request));
+        memcpy(&value, argument, _IOC_SIZE(request));
         const char* name = request == SPI_IOC_WR_MODE32          ? "mode "
                            : request == SPI_IOC_WR_BITS_PER_WORD ? "bits "
                            : request == SPI_IOC_WR_LSB_FIRST     ? "lsb "
@@ -308,7 +308,7 @@ TEST_F(PortPlatform, I2cTransferNeedsAtLeastOneByteMoved) {
 TEST_F(PortPlatform, MallocGivesWritableMemoryOrNull) {
     void* memory = port_platform_malloc(64);
     ASSERT_NE(memory, nullptr);
-    std::memset(memory, 0xAA, 64);
+    memset(memory, 0xAA, 64);
     port_platform_free(memory);
     wrapped.malloc_fails = true;
     EXPECT_EQ(port_platform_malloc(64), nullptr);

@@ -103,7 +103,7 @@ Lines sent_as_text() {
         std::string text;
         for (const uint8_t byte : bytes) {
             char hex[3];
-            std::snprintf(hex, sizeof hex, "%02X", byte);
+            snprintf(hex, sizeof hex, "%02X", byte);
             text += hex;
         }
         texts.push_back(text);

@@ -33,7 +33,7 @@ struct SendAgent : BromTest {
     }
     void use_file(const string& content) {
         const string path = dir.write("da.bin", content);
-        std::snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", path.c_str());
+        snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", path.c_str());
         chunks = (content.size() + 1023) / 1024;
         checksum = bromChecksum(reinterpret_cast<const uint8_t*>(content.data()),
                                 static_cast<uint32_t>(content.size()));
@@ -174,7 +174,7 @@ TEST_F(SendAgent, MissingOrEmptyFileIsNotAnnounced) {
 }
 
 TEST_F(SendAgent, DirectoryIsNotAnnounced) {
-    std::snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", dir.path.c_str());
+    snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", dir.path.c_str());
     EXPECT_FALSE(send());
     EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
 }
@@ -249,7 +249,7 @@ TEST_F(SendAgent, LostChunkShowsInTheChecksum) {
     brom_link.failing_send = kFirstChunkSend;
     EXPECT_FALSE(send());
     char expected[64];
-    std::snprintf(expected, sizeof expected, "[E] btrom checksum fail, 0x%x/0x%x", checksum, other);
+    snprintf(expected, sizeof expected, "[E] btrom checksum fail, 0x%x/0x%x", checksum, other);
     EXPECT_EQ(last(), expected);
 }
 

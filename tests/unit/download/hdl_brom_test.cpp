@@ -62,7 +62,7 @@ Bytes uid_response(uint16_t status) {
 
 TEST_F(Brom, HandshakePowerCyclesAndSynchronises) {
     answer_handshake(0);
-    brom_link.at_power_on = [] { std::puts("power on"); };
+    brom_link.at_power_on = [] { puts("power on"); };
     EXPECT_TRUE(handshake());
     EXPECT_EQ(brom_link.power, (Lines{"off at 0 ms", "on at 500 ms"}));
     EXPECT_EQ(sent_as_text(), (Lines{"A0", "0A", "50", "05"}));
@@ -140,21 +140,21 @@ TEST_F(Brom, StopEndsTheRepetition) {
     }
     brom_link.at_power_on = [] {
         if (brom_link.power.size() == 6) {
-            stop_mark_raise();
+            stop_request_announce();
         }
     };
     EXPECT_FALSE(handshake());
-    stop_mark_lower();
+    stop_request_withdraw();
     EXPECT_EQ(brom_link.power.size(), 6U);
     EXPECT_EQ(fake_clock.slept.back(), 2000);
     EXPECT_EQ(last(), "[I] echoU8 receiveChar 0xF5");
 }
 
 TEST_F(Brom, StopFailsNoHandshakeThatWorks) {
-    brom_link.at_power_on = stop_mark_raise;
+    brom_link.at_power_on = stop_request_announce;
     answer_handshake(0);
     EXPECT_TRUE(handshake());
-    stop_mark_lower();
+    stop_request_withdraw();
 }
 
 TEST_F(Brom, PowerLineThatCantBeDrivenLeavesTheTimeLimit) {

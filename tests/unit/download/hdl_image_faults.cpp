@@ -22,7 +22,7 @@ bool strikes(int* calls_before) {
 bool read_fails(FILE* file, int* calls_before) {
     const bool fails = strikes(calls_before);
     if (fails) {
-        std::fputc('x', file); // opened for reading only
+        fputc('x', file); // opened for reading only
     }
     return fails;
 }

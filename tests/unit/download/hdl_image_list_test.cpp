@@ -33,8 +33,8 @@ struct ImageList : testing::Test {
     }
 
     static void use(const string& path) {
-        std::snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path, "%s",
-                      path.c_str());
+        snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path, "%s",
+                 path.c_str());
     }
     void load(const string& content) {
         dir.write("flash_download.cfg", content);
@@ -46,7 +46,7 @@ struct ImageList : testing::Test {
     // The reading alone, told a count of its own.
     void read(const string& content, uint32_t told) {
         dir.write("flash_download.cfg", content);
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(g_download_settings.image_cfg_path, "r"),
+        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(g_download_settings.image_cfg_path, "r"),
                                                          std::fclose);
         log = log_of([&] { images.reset(read_cfg_file(file.get(), told)); });
     }
@@ -331,9 +331,7 @@ TEST_F(ImageList, EachJoinNeedsMemory) {
 
 TEST_F(ImageList, FailedFormattingOfANameIsPassedOver) {
     dir.write("flash_download.cfg", kBlockA);
-    // The name's formatting comes when the stamps of the count's line have been made.
-    const auto formats_of_a_line = 2;
-    image_faults.format = formats_of_a_line;
+    image_faults.format = 0; // the name's
     load();
     ASSERT_NE(images, nullptr);
     EXPECT_STREQ(images.get()->name, "");
@@ -346,11 +344,11 @@ TEST_F(ImageList, FileThatGrowsBetweenTheTwoReadingsIsRefused) {
     const string path = cfg();
     bool grown = false;
     image_faults.at_line = [&](const char* line) {
-        if (std::strncmp(line, "last", 4) == 0 && !grown) {
+        if (strncmp(line, "last", 4) == 0 && !grown) {
             grown = true;
-            std::FILE* file = std::fopen(path.c_str(), "w");
-            std::fputs((kBlockA + kBlockB).c_str(), file);
-            std::fclose(file);
+            std::FILE* file = fopen(path.c_str(), "w");
+            fputs((kBlockA + kBlockB).c_str(), file);
+            fclose(file);
         }
     };
     load(kBlockA + "last\n");

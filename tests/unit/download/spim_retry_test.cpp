@@ -45,13 +45,13 @@ struct SpimRetry : SpimTest {
         spim_slave.at_frame = [this, opcode, count] {
             if (!stopped && frames_with(opcode) == count) {
                 stopped = true;
-                stop_mark_raise();
+                stop_request_announce();
             }
         };
     }
     ~SpimRetry() override {
         if (stopped) {
-            stop_mark_lower();
+            stop_request_withdraw();
         }
     }
 

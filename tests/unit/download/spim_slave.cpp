@@ -108,7 +108,7 @@ SpimTest::SpimTest() {
     fake_clock_start();
     g_download_settings = {};
     g_download_settings.spi_frequency = 5000000;
-    std::snprintf(g_download_settings.io_path, sizeof g_download_settings.io_path, "/dev/spidev0.0");
+    snprintf(g_download_settings.io_path, sizeof g_download_settings.io_path, "/dev/spidev0.0");
     spim_slave = {};
     last_command = 0;
     spim_open();
@@ -130,7 +130,7 @@ Lines frames_as_text() {
         std::string text;
         for (const uint8_t byte : frame) {
             char hex[4];
-            std::snprintf(hex, sizeof hex, text.empty() ? "%02X" : " %02X", byte);
+            snprintf(hex, sizeof hex, text.empty() ? "%02X" : " %02X", byte);
             text += hex;
         }
         texts.push_back(text);

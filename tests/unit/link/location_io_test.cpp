@@ -117,8 +117,7 @@ void end_sleep() {
 string sentence(const string& body) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(body.data());
     char digits[3];
-    std::snprintf(digits, sizeof digits, "%02X",
-                  location_nmea_checksum(bytes, static_cast<int32_t>(body.size())));
+    snprintf(digits, sizeof digits, "%02X", location_nmea_checksum(bytes, static_cast<int32_t>(body.size())));
     return "$" + body + "*" + digits + "\r\n";
 }
 
@@ -162,7 +161,7 @@ struct LocationIo : testing::Test {
 struct FreeData {
     void* data;
     ~FreeData() {
-        std::free(data);
+        free(data);
     }
 };
 
@@ -197,7 +196,7 @@ int32_t location_serial_port_gnss_read(uint8_t* buffer, uint32_t capacity) {
         if (!world->input.empty()) {
             string& front = world->input.front();
             const size_t n = std::min<size_t>(front.size(), capacity);
-            std::memcpy(buffer, front.data(), n);
+            memcpy(buffer, front.data(), n);
             front.erase(0, n);
             result = static_cast<int32_t>(n) + world->read_surplus;
             if (front.empty()) {

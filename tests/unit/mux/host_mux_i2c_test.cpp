@@ -21,7 +21,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 // The chip's side of the bus: three addresses, two length registers, two buffers.
 struct I2cSlave {
@@ -48,7 +48,7 @@ Events events;
 // A transaction of the host, which holds the mutex meanwhile.
 void note(const char* what) {
     char text[16];
-    std::snprintf(text, sizeof text, "%s %02x", what, slave->address);
+    snprintf(text, sizeof text, "%s %02x", what, slave->address);
     events.emplace_back(text);
     EXPECT_EQ(pthread_mutex_trylock(g_host_mux_i2c_master_mutex), EBUSY) << text;
 }
@@ -92,11 +92,11 @@ ssize_t slave_read(void* buffer, size_t length) {
     const bool data_phase = slave->command[1] == 0x20;
     if (!data_phase) {
         const uint32_t value = slave->command[0] == 0x08 ? slave->tx_length : slave->rx_length;
-        std::memcpy(buffer, &value, std::min(length, sizeof value));
+        memcpy(buffer, &value, std::min(length, sizeof value));
         return static_cast<ssize_t>(length);
     }
     const size_t count = std::min(length, slave->to_send.size()) - slave->short_by;
-    std::memcpy(buffer, slave->to_send.data(), count);
+    memcpy(buffer, slave->to_send.data(), count);
     return static_cast<ssize_t>(count);
 }
 
@@ -130,7 +130,7 @@ protected:
         devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
         devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
         local_devices(devices);
-        std::snprintf(config.path, sizeof config.path, "/dev/i2c-1");
+        snprintf(config.path, sizeof config.path, "/dev/i2c-1");
         ASSERT_EQ(host_mux_init(&handle, &config), 0);
         events.clear();
     }

@@ -11,18 +11,9 @@
 namespace {
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
-[[maybe_unused]] const int line_buffered = std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 constexpr auto kLimit = std::chrono::seconds(60);
-
-struct StopMark {
-    StopMark() {
-        stop_mark_raise();
-    }
-    ~StopMark() {
-        stop_mark_lower();
-    }
-};
 
 // One operation on a thread of its own.
 struct Worker {
@@ -237,7 +228,7 @@ TEST_F(HostMuxStop, CallerThatForbidsCancellationIsNotCancelled) {
         EXPECT_TRUE(wait_for_transfers(10));
         pthread_cancel(self);
         EXPECT_TRUE(wait_for_transfers(50));
-        const StopMark stop;
+        const StopRequest stop;
         thread.join();
         EXPECT_TRUE(returned);
     });
@@ -250,7 +241,7 @@ TEST_F(HostMuxStop, PendingStopEndsAnOperationOnASilentSlave) {
         capture_stdout([&] {
             Worker worker(&handle, kind);
             EXPECT_TRUE(wait_for_transfers(20));
-            const StopMark stop;
+            const StopRequest stop;
             EXPECT_TRUE(worker.join_failed());
         });
         EXPECT_EQ(host_mux_spi_power_counter(), 0);
@@ -263,7 +254,7 @@ TEST_F(HostMuxStop, PendingStopEndsAnOperationOnASlaveThatNeverSwitchesOn) {
     capture_stdout([&] {
         Worker worker(&handle, Worker::kSend);
         EXPECT_TRUE(wait_for_transfers(110));
-        const StopMark stop;
+        const StopRequest stop;
         EXPECT_TRUE(worker.join_failed());
     });
     expect_usable();
@@ -277,7 +268,7 @@ TEST_F(HostMuxStop, PendingStopEndsErrorsThatDoNotEnd) {
             capture_stdout([&] {
                 Worker worker(&handle, kind);
                 EXPECT_TRUE(wait_for_transfers(300));
-                const StopMark stop;
+                const StopRequest stop;
                 const size_t before = slave.transfers;
                 worker.join();
                 EXPECT_LT(slave.transfers - before, 300U);
@@ -293,7 +284,7 @@ TEST_F(HostMuxStop, PendingStopEndsAPowerOffThatIsNeverConfirmed) {
     capture_stdout([&] {
         Worker worker(&handle, Worker::kSend);
         EXPECT_TRUE(wait_for_transfers(250));
-        const StopMark stop;
+        const StopRequest stop;
         EXPECT_EQ(worker.join(), nullptr); // the data was sent
     });
     EXPECT_EQ(host_mux_spi_power_counter(), 0);
@@ -306,7 +297,7 @@ TEST_F(HostMuxStop, PendingStopDoesNotFailTheWaitForTheMutex) {
     capture_stdout([&] {
         Worker worker(&handle, Worker::kReceive);
         EXPECT_TRUE(wait_until([&] { return worker.started.load(); }));
-        const StopMark stop;
+        const StopRequest stop;
         pthread_mutex_unlock(g_host_mux_spi_master_mutex);
         EXPECT_EQ(worker.join(), nullptr);
         EXPECT_EQ(worker.length, 1U);
@@ -315,7 +306,7 @@ TEST_F(HostMuxStop, PendingStopDoesNotFailTheWaitForTheMutex) {
 }
 
 TEST_F(HostMuxStop, PendingStopDoesNotHoldUpAnOperationThatGoesWell) {
-    const StopMark stop;
+    const StopRequest stop;
     slave.to_host = {'a'};
     EXPECT_TRUE(receive());
     EXPECT_EQ(received, Bytes({'a'}));
@@ -324,7 +315,7 @@ TEST_F(HostMuxStop, PendingStopDoesNotHoldUpAnOperationThatGoesWell) {
 }
 
 TEST_F(HostMuxStop, SlaveThatIsAboutToBeStoppedIsNotSwitchedOnAgain) {
-    const StopMark stop;
+    const StopRequest stop;
     slave.to_host = {'a'};
     slave.status_answer = [count = 0](uint8_t honest) mutable {
         return ++count == 2 ? uint8_t{0x09} : honest;
@@ -345,7 +336,7 @@ TEST_F(HostMuxStop, ClosingEndsAnOperationThatHangs) {
     });
     EXPECT_EQ(text.find("destroy_mutex fail"), std::string::npos) << "closed under the operation";
     EXPECT_EQ(g_host_mux_spi_master_mutex, nullptr);
-    EXPECT_FALSE(stop_mark_raised());
+    EXPECT_FALSE(stop_request_pending());
 }
 
 TEST_F(HostMuxStop, CancelledOperationTakesBackItsOwnPowerRequestOnly) {
@@ -361,34 +352,6 @@ TEST_F(HostMuxStop, CancelledOperationTakesBackItsOwnPowerRequestOnly) {
         portable_HAL_SPI_POWER_OFF(handle.id);
     });
     expect_usable();
-}
-
-TEST_F(HostMuxStop, CancelHoldGivesBackTheStateOfItsCaller) {
-    int state = -1;
-    {
-        const HostMuxCancelHold outer;
-        { const HostMuxCancelHold inner; }
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-        EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
-    }
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
-    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
-}
-
-TEST_F(HostMuxStop, RoundInsideTwoHoldsIsCancelledWhenTheirCallerAllowsIt) {
-    pthread_t thread{};
-    const auto body = [](void*) -> void* {
-        const HostMuxCancelHold outer;
-        const HostMuxCancelHold inner;
-        for (int round = 0; round < 20000 && host_mux_next_round(); ++round) {
-        }
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, nullptr, body, nullptr), 0);
-    pthread_cancel(thread);
-    void* result = nullptr;
-    ASSERT_EQ(pthread_join(thread, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
 }
 
 TEST_F(HostMuxStop, WithoutAMutexNothingIsTaken) {

@@ -49,7 +49,7 @@ string sentence(const string& body, const char* format = "%02X") {
     char digits[3];
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    std::snprintf(digits, sizeof digits, format, xor_of(body));
+    snprintf(digits, sizeof digits, format, xor_of(body));
 #pragma GCC diagnostic pop
     return "$" + body + "*" + digits + "\r\n";
 }

@@ -15,9 +15,9 @@ using std::string_literals::operator""s;
 // The sentence lies in a block of its exact size, so that a sanitizer sees every read past it.
 NmeaFields split(const string& sentence) {
     const auto exact = std::make_unique<char[]>(sentence.size() + 1);
-    std::memcpy(exact.get(), sentence.data(), sentence.size());
+    memcpy(exact.get(), sentence.data(), sentence.size());
     NmeaFields fields;
-    std::memset(&fields, 'x', sizeof fields);
+    memset(&fields, 'x', sizeof fields);
     location_nmea_split_fields(exact.get(), static_cast<int32_t>(sentence.size()), &fields);
     return fields;
 }

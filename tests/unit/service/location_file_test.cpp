@@ -63,14 +63,14 @@ bool LocationFile::armed = false;
 
 LocationRecord example() {
     LocationRecord record = {};
-    std::strcpy(record.utc, "123519.000");
-    std::strcpy(record.latitude, "48.117300");
-    std::strcpy(record.longitude, "-11.516667");
-    std::strcpy(record.height, "92.300000");
-    std::strcpy(record.majorAxis, "008.7");
-    std::strcpy(record.minorAxis, "004.7");
-    std::strcpy(record.orientation, "132.3");
-    std::strcpy(record.verticalUncertainty, "2.25");
+    strcpy(record.utc, "123519.000");
+    strcpy(record.latitude, "48.117300");
+    strcpy(record.longitude, "-11.516667");
+    strcpy(record.height, "92.300000");
+    strcpy(record.majorAxis, "008.7");
+    strcpy(record.minorAxis, "004.7");
+    strcpy(record.orientation, "132.3");
+    strcpy(record.verticalUncertainty, "2.25");
     return record;
 }
 
@@ -132,7 +132,7 @@ TEST_F(LocationFile, SavingReplacesTheFile) {
 
 TEST_F(LocationFile, HeightThatRunsOnIsSavedAsOneText) {
     LocationRecord record = {};
-    std::memcpy(record.height, "1280.500000", 12);
+    memcpy(record.height, "1280.500000", 12);
     EXPECT_EQ(save(record), 0);
     EXPECT_NE(saved().find("\nheight=1280.500000\n"), string::npos);
     EXPECT_NE(saved().find("\nmajorAxis=0\n"), string::npos);
@@ -140,7 +140,7 @@ TEST_F(LocationFile, HeightThatRunsOnIsSavedAsOneText) {
 
 TEST_F(LocationFile, RecordWithoutANulIsReadToItsEnd) {
     LocationRecord record;
-    std::memset(&record, '7', sizeof record);
+    memset(&record, '7', sizeof record);
     EXPECT_EQ(save(record), 0);
     const std::vector<string> lines = lines_of(saved());
     ASSERT_EQ(lines.size(), 9U);

@@ -324,34 +324,34 @@ TEST_F(ServiceTest, SecondStartSendsTheBannerAgain) {
 
 TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {
     capture_stdout([&] {
-        fakes_during("io_deinit", [] { EXPECT_TRUE(stop_mark_raised()); });
+        fakes_during("io_deinit", [] { EXPECT_TRUE(stop_request_pending()); });
         fakes_during("firmware_download", [] {
-            EXPECT_FALSE(stop_mark_raised());
+            EXPECT_FALSE(stop_request_pending());
             location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-            EXPECT_TRUE(stop_mark_raised());
+            EXPECT_TRUE(stop_request_pending());
         });
         location_service_task_send_message(SERVICE_DOWNLOAD, nullptr, 0);
         ServiceMessage message = {};
         ASSERT_TRUE(service_queue_receive(&message));
         location_service_message_handle(&message);
         service_queue_handled(message.id);
-        EXPECT_TRUE(stop_mark_raised()); // of the stop that waits
+        EXPECT_TRUE(stop_request_pending()); // of the stop that waits
         ASSERT_TRUE(service_queue_receive(&message));
         service_queue_handled(message.id);
-        EXPECT_FALSE(stop_mark_raised());
+        EXPECT_FALSE(stop_request_pending());
     });
 }
 
 TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
     capture_stdout([&] {
         location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-        EXPECT_TRUE(stop_mark_raised());
+        EXPECT_TRUE(stop_request_pending());
         ServiceMessage stop = {};
         ASSERT_TRUE(service_queue_receive(&stop));
         location_service_message_handle(&stop);
-        EXPECT_TRUE(stop_mark_raised()); // handling alone, without the queue's loop, ends nothing
+        EXPECT_TRUE(stop_request_pending()); // handling alone, without the queue's loop, ends nothing
         service_queue_handled(stop.id);
-        EXPECT_FALSE(stop_mark_raised());
+        EXPECT_FALSE(stop_request_pending());
 
         init();
         // From another thread: this one has become the old queue's consumer.
@@ -362,5 +362,5 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
         }).join();
         ASSERT_TRUE(fakes_wait_for(4 + 3 + 4 + 6 + 2));
     });
-    EXPECT_FALSE(stop_mark_raised());
+    EXPECT_FALSE(stop_request_pending());
 }

@@ -30,10 +30,10 @@ std::string file_of(ChipOrbitFile file, uint32_t hour = kStartHour) {
 std::string command(int constellation, uint32_t satellite, const std::string& file, size_t offset) {
     char text[352];
     int length =
-        std::snprintf(text, sizeof text, "PZUL471,%X,%X", static_cast<unsigned>(constellation), satellite);
+        snprintf(text, sizeof text, "PZUL471,%X,%X", static_cast<unsigned>(constellation), satellite);
     for (size_t i = 0; i < kRecord; i += 4) {
-        length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ",%X",
-                                word_at(file, offset + i));
+        length += snprintf(text + length, sizeof text - static_cast<size_t>(length), ",%X",
+                           word_at(file, offset + i));
     }
     return chip_sentence(text);
 }
@@ -219,7 +219,7 @@ TEST(ChipOrbits, EveryFaultOfARecordIsTold) {
     spoiled[2304 + 5 * kRecord + 71] ^= 1;
     const uint32_t last = word_at(file, 2304 + 5 * kRecord + 68);
     char words[64];
-    std::snprintf(words, sizeof words, "record 6: word 17 is %X, not %X", last ^ 0x1000000, last);
+    snprintf(words, sizeof words, "record 6: word 17 is %X, not %X", last ^ 0x1000000, last);
     for (const Fault& fault : {Fault{0, command(1, 65, file, 2304), "record 1: satellite 41, not 1"},
                                Fault{5, command(1, 6, spoiled, 2304 + 5 * kRecord), words},
                                Fault{23, good[22], "record 24: satellite 17, not 18"}}) {

@@ -97,7 +97,7 @@ bool is_valid_sentence(const std::string& sentence) {
         sum ^= static_cast<unsigned char>(sentence[i]);
     }
     char tail[8];
-    std::snprintf(tail, sizeof tail, "*%02X\r\n", sum);
+    snprintf(tail, sizeof tail, "*%02X\r\n", sum);
     return sentence.substr(star) == tail;
 }
 

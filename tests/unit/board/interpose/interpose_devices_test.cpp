@@ -32,7 +32,7 @@ struct InterposeDevices : testing::Test {
             .read =
                 [this](const std::string& path, void* buffer, size_t length) {
                     calls.push_back("read " + path);
-                    std::memset(buffer, 'r', length);
+                    memset(buffer, 'r', length);
                     return static_cast<ssize_t>(length);
                 },
             .write =

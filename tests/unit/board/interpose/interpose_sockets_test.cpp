@@ -104,7 +104,7 @@ TEST_F(InterposeSockets, OtherAddressesAreNotTouched) {
     EXPECT_EQ(name_of(server), outside);
 
     sockaddr_un abstract = address_of("");
-    std::snprintf(abstract.sun_path + 1, sizeof abstract.sun_path - 1, "%s-%d", TAVOR_SOCKET_PATH, getpid());
+    snprintf(abstract.sun_path + 1, sizeof abstract.sun_path - 1, "%s-%d", TAVOR_SOCKET_PATH, getpid());
     ASSERT_EQ(bind_to(client, abstract), 0);
     EXPECT_EQ(name_of(client), "");
 }

@@ -24,7 +24,7 @@ struct Answer {
     bool ended = false;
 
     unsigned status() const {
-        return static_cast<unsigned>(std::strtoul(head.c_str() + head.find(' '), nullptr, 10));
+        return static_cast<unsigned>(strtoul(head.c_str() + head.find(' '), nullptr, 10));
     }
     // Value of a header line, empty when there is none. The name's case counts.
     std::string header(const std::string& name) const {
