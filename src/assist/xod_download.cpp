@@ -1,8 +1,8 @@
 #include "assist/xod_download.h"
 
 #include "assist/xod_file.h"
+#include "assist/xod_hours.h"
 #include "assist/xod_http.h"
-#include "assist/xod_list.h"
 #include "assist/xod_schedule.h"
 #include "device/location_timer.h"
 #include "queue/service_queue.h"
@@ -39,6 +39,38 @@ XodDownloadState state;
 
 using Lock = std::unique_lock<std::mutex>;
 
+// Lists of queued downloads, whose blocks come from malloc. An item that is put into one is in no other.
+void append(DownloadItem** list, DownloadItem* item) {
+    while (*list != nullptr) {
+        list = &(*list)->next;
+    }
+    item->next = nullptr;
+    *list = item;
+}
+
+void push(DownloadItem** list, DownloadItem* item) {
+    item->next = *list;
+    *list = item;
+}
+
+DownloadItem* take(DownloadItem** list) {
+    DownloadItem* first = *list;
+    if (first != nullptr) {
+        *list = first->next;
+        first->next = nullptr;
+    }
+    return first;
+}
+
+bool holds(const DownloadItem* list, uint32_t type, uint32_t index) {
+    for (const DownloadItem* item = list; item != nullptr; item = item->next) {
+        if (item->type == type && item->index == index) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool is_armed(timer_t timer) {
     return location_timer_is_active(timer) == 0;
 }
@@ -72,20 +104,20 @@ XodSelection xod_download_select_type(Lock* lock) {
     return selection;
 }
 
-bool arm_next_timer(uint32_t delay) {
-    return location_timer_start(state.next_timer, static_cast<int32_t>(delay)) == 0;
-}
-
-void arm_next_timer_instead(int32_t ms) {
-    if (location_timer_start(state.next_timer, ms) != 0) {
+// Arms the next-download timer. With few hours left the delay is more than a timer takes: one hour stands in
+// for it then, because the refresh must go on.
+void arm_next_timer(int32_t ms) {
+    bool armed = location_timer_start(state.next_timer, ms) == 0;
+    if (!state.started) {
+        return; // taken down while the files were read: there is no timer
+    }
+    if (!armed && ms < 0) {
+        printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
+        armed = location_timer_start(state.next_timer, kRefusedMs) == 0;
+    }
+    if (!armed) {
         puts("[LOCSERV] ERR: [XOD]next download timer start fail");
     }
-}
-
-// With few hours left the delay is more than a timer takes: the refresh must go on nevertheless.
-void arm_next_timer_anyway() {
-    printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
-    arm_next_timer_instead(kRefusedMs);
 }
 
 void schedule_next(Lock* lock) {
@@ -93,18 +125,15 @@ void schedule_next(Lock* lock) {
         return;
     }
     const XodSelection selection = xod_download_select_type(lock);
-    const uint32_t delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
-    const bool armed = arm_next_timer(delay);
-    printf("[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:%d\n",
-           static_cast<int32_t>(delay));
-    if (!armed && state.started) {
-        arm_next_timer_anyway();
-    }
+    const auto delay = static_cast<int32_t>(
+        xod_download_get_next_download_time(selection.valid, selection.end, state.retries));
+    printf("[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:%d\n", delay);
+    arm_next_timer(delay);
 }
 
 // Only the types of the mask are ever queued, and all of them are tried again.
 void retry_later(DownloadItem* item) {
-    xod_download_list_push(&state.pending, item);
+    push(&state.pending, item);
     if (is_armed(state.retry_timer)) {
         return;
     }
@@ -113,7 +142,7 @@ void retry_later(DownloadItem* item) {
     printf("[LOCSERV] INF: [XOD]xod_download_handle_result,start retry timer:%d\n", delay);
     if (!armed && state.started) {
         puts("[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead");
-        arm_next_timer_instead(delay);
+        arm_next_timer(delay);
     }
     ++state.retries;
 }
@@ -155,7 +184,7 @@ bool handle_one(Lock* lock) {
         schedule_next(lock);
         return false;
     }
-    state.current = xod_download_list_take(&state.pending);
+    state.current = take(&state.pending);
     const DownloadItem item = *state.current; // the block may be gone without the lock
     lock->unlock();
     const int32_t result = xod_download_http(&item);
@@ -183,7 +212,7 @@ void handle(Lock* lock) {
 
 // Not a second time while the file still waits: a client may ask as often as it likes.
 void append_item(uint32_t type, uint32_t index) {
-    if (xod_download_list_holds(state.pending, type, index)) {
+    if (holds(state.pending, type, index)) {
         return;
     }
     auto* item = static_cast<DownloadItem*>(malloc(sizeof(DownloadItem)));
@@ -191,7 +220,7 @@ void append_item(uint32_t type, uint32_t index) {
         return;
     }
     *item = {.next = nullptr, .type = type, .index = index};
-    xod_download_list_append(&state.pending, item);
+    append(&state.pending, item);
 }
 
 void append_selected() {
@@ -221,7 +250,7 @@ void renew_timers() {
 
 void free_pending() {
     while (state.pending != nullptr) {
-        free(xod_download_list_take(&state.pending));
+        free(take(&state.pending));
     }
 }
 
@@ -244,12 +273,9 @@ void xod_download_init(uint8_t mask, int32_t count) {
     if (selection.valid >= kFullHours) {
         delay = xod_download_get_next_download_time(selection.valid, selection.end, state.retries);
     }
-    const bool armed = arm_next_timer(delay);
     printf("[LOCSERV] INF: [XOD]xod_download_init, start next download timer:%d\n",
            static_cast<int32_t>(delay));
-    if (!armed && state.started) {
-        arm_next_timer_anyway();
-    }
+    arm_next_timer(static_cast<int32_t>(delay));
 }
 
 void xod_download_deinit() {

@@ -9,14 +9,16 @@
 // timer of an earlier start is armed; during a transfer everything starts again, and what runs goes on.
 void xod_download_init(uint8_t mask, int32_t count);
 
-// Takes everything down. A transfer under way ends on its own and is reported, but leads to nothing more.
-void xod_download_deinit();
-
 // Callback of the next-download timer: queues the files of the selected type, then as xod_download_handle.
 void xod_download_enqueue(sigval unused);
 
 // Callback of the retry timer: downloads what is queued, or schedules the next download when nothing is.
 // While another thread does so, leaves it to that one. Nothing after xod_download_deinit.
 void xod_download_handle(sigval unused);
+
+// Part of the interface; the daemon does not call it.
+
+// Takes everything down. A transfer under way ends on its own and is reported, but leads to nothing more.
+void xod_download_deinit();
 
 #endif

@@ -1,116 +1,68 @@
 #include "assist/xod_file.h"
 
-#include "assist/xod_schedule.h"
-#include "base/byte_order.h"
 #include "base/format.h"
+#include "base/regular_file.h"
 #include "base/stop_lock.h"
 #include "config/location_config.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <ctime>
 #include <pthread.h>
 
 namespace {
-
-constexpr long kRecordSize = 72; // bytes, also of the header in front of BeiDou's and Galileo's records
-constexpr size_t kWordSize = 4;
-constexpr int kTmYearBase = 1900;
 
 struct XodFileState {
     pthread_mutex_t lock;
 } state = {PTHREAD_MUTEX_INITIALIZER};
 
-FILE* open_file(uint32_t type, uint32_t index) {
-    char path[kXodPathSize];
-    xod_download_file_path(type, index, path);
-    return fopen(path, "rb");
-}
+} // namespace
 
-// Stores the GPS hour of now; false when the time can't be told.
-bool read_clock(int32_t* now) {
-    const time_t seconds = time(nullptr);
-    if (seconds < 0) {
-        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours time error");
-        return false;
-    }
-    tm utc = {};
-    if (gmtime_r(&seconds, &utc) == nullptr) {
-        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours gmtime error");
-        return false;
-    }
-    const int year = utc.tm_year + kTmYearBase;
-    *now = gps_hour_from_utc(year, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
-    printf("[LOCSERV] INF: [XOD]%d-%d-%d-%d\n", year, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
-    return true;
-}
-
-// Reads the start hour at the file's position; false, with 0, for fewer bytes than that takes.
-bool read_start(FILE* file, uint32_t* start) {
-    uint8_t word[kWordSize] = {};
-    const bool whole = fread(word, sizeof word, 1, file) == 1;
-    *start = whole ? xod_start_hour(load_le32(word)) : 0;
-    return whole;
-}
-
-void close_file(FILE* file) {
-    if (fclose(file) != 0) {
-        puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours fclose fail");
-    }
-}
-
-uint32_t numbered_start(uint32_t type, uint32_t index) {
-    FILE* file = open_file(type, index);
-    if (file == nullptr) {
-        return 0;
-    }
-    uint32_t start = 0;
-    if (!read_start(file, &start)) {
-        puts("[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours, fread fail");
-    }
-    close_file(file);
-    return start;
-}
-
-// Behind a header. Kept: after a failed seek the header's own first word is taken.
-uint32_t headed_start(uint32_t type) {
-    FILE* file = open_file(type, 0);
-    if (file == nullptr) {
-        return 0;
-    }
-    if (fseek(file, kRecordSize, SEEK_SET) != 0) {
-        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fseek fail");
-    }
-    uint32_t start = 0;
-    if (!read_start(file, &start)) {
-        puts("[LOCSERV] ERR: xod_download_get_3d_valid_hours, fread fail");
-    }
-    close_file(file);
-    return start;
-}
-
-uint32_t latest_start(uint32_t type, uint32_t count) {
-    uint32_t latest = 0;
-    for (uint32_t number = 0; number < count; ++number) {
-        latest = std::max(latest, numbered_start(type, number + 1));
-    }
-    return latest;
-}
-
-uint32_t start_of(uint32_t type, uint32_t count) {
+void xod_download_file_name(uint32_t type, uint32_t index, char* dst) {
+    const auto number = static_cast<int32_t>(index);
     switch (type) {
     case XOD_GPS_GLONASS:
+        snprintf(dst, kXodNameSize, "XOD_GR_3_%d.DAT", number);
+        break;
     case XOD_GPS:
-        return latest_start(type, count);
+        snprintf(dst, kXodNameSize, "XOD_GPS_3_%d.DAT", number);
+        break;
     case XOD_BEIDOU:
+        snprintf(dst, kXodNameSize, "XOD_BDS_3.DAT");
+        break;
     case XOD_GALILEO:
-        return headed_start(type);
+        snprintf(dst, kXodNameSize, "XOD_GAL_3.DAT");
+        break;
+    case XOD_QUICK_GPS_GLONASS:
+        snprintf(dst, kXodNameSize, "ZG_R.DAT");
+        break;
+    case XOD_QUICK_GPS:
+        snprintf(dst, kXodNameSize, "ZGPS.DAT");
+        break;
+    case XOD_QUICK_BEIDOU:
+        snprintf(dst, kXodNameSize, "ZBD2.DAT");
+        break;
+    case XOD_QUICK_GALILEO:
+        snprintf(dst, kXodNameSize, "ZGA.DAT");
+        break;
     default:
-        return 0;
+        break;
     }
 }
 
-} // namespace
+void xod_download_file_path(uint32_t type, uint32_t index, char* dst) {
+    char directory[kConfigTextSize] = {};
+    location_config_get_xod_path(directory);
+    char name[kXodNameSize] = {};
+    xod_download_file_name(type, index, name);
+    dst[0] = '\0';
+    if (format(dst, kXodPathSize, "%s/%s", directory, name) >= static_cast<int>(kXodPathSize)) {
+        printf("[LOCSERV] WRN: [XOD]file path cut, %s\n", dst);
+    }
+}
+
+FILE* xod_download_file_open(uint32_t type, uint32_t index) {
+    char path[kXodPathSize];
+    xod_download_file_path(type, index, path);
+    return regular_file_read(path);
+}
 
 void xod_mutex_init() {
     if (pthread_mutex_init(&state.lock, nullptr) != 0) {
@@ -128,23 +80,4 @@ void xod_download_unlock() {
 
 bool xod_download_lock_unless_stopped() {
     return stop_lock_take(&state.lock);
-}
-
-void xod_download_file_path(uint32_t type, uint32_t index, char* dst) {
-    char directory[kConfigTextSize] = {};
-    location_config_get_xod_path(directory);
-    char name[kXodNameSize] = {};
-    xod_download_file_name(type, index, name);
-    dst[0] = '\0';
-    if (format(dst, kXodPathSize, "%s/%s", directory, name) >= static_cast<int>(kXodPathSize)) {
-        printf("[LOCSERV] WRN: [XOD]file path cut, %s\n", dst);
-    }
-}
-
-int32_t xod_download_get_3d_valid_hours(uint32_t type, uint32_t count, uint32_t* end_out) {
-    int32_t now = 0;
-    if (!read_clock(&now)) {
-        return 0;
-    }
-    return xod_valid_hours(start_of(type, count), now, end_out);
 }

@@ -63,9 +63,7 @@ struct OrbitFile : private NonCopyable {
 
     bool open(uint32_t type, uint32_t index) {
         close();
-        char path[kXodPathSize];
-        xod_download_file_path(type, index, path);
-        file = fopen(path, "rb");
+        file = xod_download_file_open(type, index);
         return file != nullptr;
     }
     void close() {

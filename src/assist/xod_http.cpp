@@ -1,33 +1,31 @@
 #include "assist/xod_http.h"
 
-#include "assist/xod_bounded_file.h"
+#include "assist/xod_check.h"
 #include "assist/xod_curl.h"
 #include "assist/xod_file.h"
-#include "assist/xod_schedule.h"
+#include "base/descriptor_guard.h"
 #include "base/format.h"
+#include "base/regular_file.h"
 #include "config/location_config.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <mbedtls/md5.h>
+#include <fcntl.h>
 #include <memory>
+#include <new>
+#include <optional>
+#include <unistd.h>
 
 namespace {
 
 constexpr char kHeaderPath[] = "/tmp/head.out";
 constexpr size_t kUrlSize = 1024;
-constexpr size_t kDigestBytes = 16;
-constexpr size_t kDigestLength = kXodDigestSize - 1;
-constexpr size_t kChunkSize = 2048;
-constexpr uint32_t kNibbleBits = 4;
-constexpr uint32_t kNibbleMask = 15;
-
 // A transfer must not hold the lock for ever, whatever the server does.
 constexpr long kConnectSeconds = 30;
 constexpr long kStallSeconds = 60; // with less than a byte a second
 constexpr long kStallBytesPerSecond = 1;
 constexpr long kTransferSeconds = 300;
+constexpr mode_t kFileMode = 0666;           // less what the process masks, as fopen makes a file
 constexpr curl_off_t kLargestFile = 4194304; // bytes, also of the header; the real files have some 50,000
 
 struct CurlCleanup {
@@ -37,6 +35,15 @@ struct CurlCleanup {
     const XodCurl* curl = nullptr;
 };
 using CurlHandle = std::unique_ptr<CURL, CurlCleanup>;
+
+struct FileLock : private NonCopyable {
+    FileLock() {
+        xod_download_lock();
+    }
+    ~FileLock() {
+        xod_download_unlock();
+    }
+};
 
 struct Download {
     char name[kXodNameSize];
@@ -89,6 +96,51 @@ void close_file(FILE* file) {
     }
 }
 
+// The file behind a stream that takes no more than so many bytes, whatever a server sends.
+struct BoundedFile {
+    DescriptorGuard file;
+    size_t left; // bytes
+};
+
+// Returns 0 for a failure, as a stream's function has to.
+ssize_t write_bounded(void* cookie, const char* data, size_t size) {
+    auto* bounded = static_cast<BoundedFile*>(cookie);
+    if (size > bounded->left) {
+        errno = EFBIG;
+        return 0;
+    }
+    const ssize_t written = write(bounded->file.fd, data, size);
+    if (written < 0) {
+        return 0;
+    }
+    bounded->left -= static_cast<size_t>(written);
+    return written;
+}
+
+int close_bounded(void* cookie) {
+    const std::unique_ptr<BoundedFile> bounded(static_cast<BoundedFile*>(cookie));
+    return close(bounded->file.release());
+}
+
+// Opens a file for writing and empties it. No symbolic link is followed: the header lies in /tmp, where
+// others could place one.
+FILE* open_bounded(const char* path) {
+    DescriptorGuard file(regular_file_open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kFileMode));
+    if (file.fd < 0) {
+        return nullptr;
+    }
+    auto bounded = std::unique_ptr<BoundedFile>(
+        new (std::nothrow) BoundedFile{DescriptorGuard(file.release()), kLargestFile});
+    if (bounded == nullptr) {
+        return nullptr;
+    }
+    FILE* stream = fopencookie(bounded.get(), "wb", {nullptr, write_bounded, nullptr, close_bounded});
+    if (stream != nullptr) {
+        static_cast<void>(bounded.release()); // the stream's
+    }
+    return stream;
+}
+
 struct TransferFiles {
     FILE* header;
     FILE* body;
@@ -96,12 +148,12 @@ struct TransferFiles {
 
 // Opens both files, or neither, and empties them.
 bool open_files(const Download& download, TransferFiles* files) {
-    files->header = xod_bounded_file_open(kHeaderPath, kLargestFile);
+    files->header = open_bounded(kHeaderPath);
     if (files->header == nullptr) {
         printf("[LOCSERV] ERR: [XOD]xod_download_http fail, %s\n", kHeaderPath);
         return false;
     }
-    files->body = xod_bounded_file_open(download.path, kLargestFile);
+    files->body = open_bounded(download.path);
     if (files->body == nullptr) {
         close_file(files->header);
         printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.path);
@@ -126,38 +178,28 @@ CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
     return result;
 }
 
-// Both files belong to the transfer until the lock is given back.
-bool transfer_locked(const Download& download, const CurlHandle& handle, CURLcode* result) {
-    TransferFiles files = {};
-    xod_download_lock();
-    const bool opened = open_files(download, &files);
-    if (opened) {
-        *result = perform(handle, files);
-    }
-    xod_download_unlock();
-    return opened;
-}
-
-bool transfer(const Download& download) {
+// The transfer's result, or nothing when it could not begin. Both files belong to it until the lock is given
+// back.
+std::optional<CURLcode> transfer(const Download& download) {
     const CurlHandle handle = make_handle(download);
     if (handle == nullptr) {
-        return false;
+        return std::nullopt;
     }
-    CURLcode result = CURLE_OK;
-    if (!transfer_locked(download, handle, &result)) {
-        return false;
+    const FileLock lock;
+    TransferFiles files = {};
+    if (!open_files(download, &files)) {
+        return std::nullopt;
     }
-    if (result != CURLE_OK) {
-        printf("[LOCSERV] ERR: [XOD]xod_download_http download fail, %s, status: %d\n", download.name,
-               static_cast<int>(result));
-        return false;
-    }
-    return true;
+    return perform(handle, files);
 }
 
-bool same_sum(const char* etag, const char* md5) {
-    // A sum that could not be made is empty, and so may the server's be.
-    return md5[0] != '\0' && memcmp(etag, md5, kDigestLength) == 0;
+bool fetch(const Download& download) {
+    const std::optional<CURLcode> result = transfer(download);
+    if (result && *result != CURLE_OK) {
+        printf("[LOCSERV] ERR: [XOD]xod_download_http download fail, %s, status: %d\n", download.name,
+               static_cast<int>(*result));
+    }
+    return result == CURLE_OK;
 }
 
 // The status of the answer is not looked at: an error page has no ETag, or not that of its content.
@@ -171,44 +213,13 @@ bool check(const Download& download) {
     }
     char md5[kXodDigestSize] = {};
     xod_download_md5_check(download.path, md5);
-    if (!same_sum(etag, md5)) {
+    if (!xod_download_same_sum(etag, md5)) {
         printf("[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:%s,MD5:%s\n", etag, md5);
         std::remove(download.path);
         return false;
     }
     printf("[LOCSERV] INF: [XOD]xod_download_http MD5 check success, %s\n", download.name);
     return true;
-}
-
-void write_hex(const uint8_t* digest, char* out) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    for (size_t i = 0; i < kDigestBytes; ++i) {
-        out[2 * i] = kDigits[digest[i] >> kNibbleBits];
-        out[2 * i + 1] = kDigits[digest[i] & kNibbleMask];
-    }
-    out[kDigestLength] = '\0';
-}
-
-bool add_content(FILE* file, mbedtls_md5_context* context) {
-    uint8_t chunk[kChunkSize];
-    for (;;) {
-        const size_t size = fread(chunk, 1, sizeof chunk, file);
-        if (size == 0) {
-            return ferror(file) == 0;
-        }
-        if (mbedtls_md5_update_ret(context, chunk, size) != 0) {
-            return false;
-        }
-    }
-}
-
-bool digest_of(FILE* file, uint8_t* digest) {
-    mbedtls_md5_context context;
-    mbedtls_md5_init(&context);
-    const bool done = mbedtls_md5_starts_ret(&context) == 0 && add_content(file, &context) &&
-                      mbedtls_md5_finish_ret(&context, digest) == 0;
-    mbedtls_md5_free(&context);
-    return done;
 }
 
 } // namespace
@@ -219,38 +230,5 @@ int32_t xod_download_http(const DownloadItem* item) {
         puts("[LOCSERV] ERR: [XOD]xod_download_http get url fail");
         return -1;
     }
-    return transfer(download) && check(download) ? 0 : -1;
-}
-
-int32_t xod_download_get_etag(const char* path, char* out) {
-    FILE* file = fopen(path, "r");
-    if (file == nullptr) {
-        printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
-        return -1;
-    }
-    const bool found = xod_etag_read(file, out);
-    if (found) {
-        printf("[LOCSERV] INF: [XOD]ETag:%s,%s\n", path, out);
-    }
-    if (fclose(file) != 0) {
-        puts("[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail");
-    }
-    return found ? 0 : -1;
-}
-
-void xod_download_md5_check(const char* path, char* out) {
-    puts("[LOCSERV] INF: [XOD]MD5 check");
-    FILE* file = fopen(path, "r");
-    if (file == nullptr) {
-        printf("[LOCSERV] ERR: [XOD]Open file fail, %s\n", path);
-        return;
-    }
-    uint8_t digest[kDigestBytes] = {};
-    if (digest_of(file, digest)) {
-        write_hex(digest, out);
-    }
-    if (fclose(file) != 0) {
-        puts("[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail");
-    }
-    printf("[LOCSERV] INF: [XOD]MD5:%s,%s\n", path, out);
+    return fetch(download) && check(download) ? 0 : -1;
 }

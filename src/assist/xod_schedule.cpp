@@ -1,7 +1,6 @@
 #include "assist/xod_schedule.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <limits>
 
 namespace {
@@ -59,38 +58,6 @@ bool consider(uint32_t type, uint32_t count, xod_hours_reader read_hours, int32_
 }
 
 } // namespace
-
-void xod_download_file_name(uint32_t type, uint32_t index, char* dst) {
-    const auto number = static_cast<int32_t>(index);
-    switch (type) {
-    case XOD_GPS_GLONASS:
-        snprintf(dst, kXodNameSize, "XOD_GR_3_%d.DAT", number);
-        break;
-    case XOD_GPS:
-        snprintf(dst, kXodNameSize, "XOD_GPS_3_%d.DAT", number);
-        break;
-    case XOD_BEIDOU:
-        snprintf(dst, kXodNameSize, "XOD_BDS_3.DAT");
-        break;
-    case XOD_GALILEO:
-        snprintf(dst, kXodNameSize, "XOD_GAL_3.DAT");
-        break;
-    case XOD_QUICK_GPS_GLONASS:
-        snprintf(dst, kXodNameSize, "ZG_R.DAT");
-        break;
-    case XOD_QUICK_GPS:
-        snprintf(dst, kXodNameSize, "ZGPS.DAT");
-        break;
-    case XOD_QUICK_BEIDOU:
-        snprintf(dst, kXodNameSize, "ZBD2.DAT");
-        break;
-    case XOD_QUICK_GALILEO:
-        snprintf(dst, kXodNameSize, "ZGA.DAT");
-        break;
-    default:
-        break;
-    }
-}
 
 int32_t gps_hour_from_utc(int32_t year, int32_t month, int32_t day, int32_t hour) {
     const bool before_leap_day = is_leap(year) && month <= kFebruary;

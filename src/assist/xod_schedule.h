@@ -2,19 +2,9 @@
 #ifndef TAVOR_XOD_SCHEDULE_H
 #define TAVOR_XOD_SCHEDULE_H
 
-#include <cstddef>
-#include <cstdint>
+#include "assist/xod_file.h"
 
-enum xod_file_type : uint32_t {
-    XOD_GPS_GLONASS = 0,
-    XOD_GPS = 1,
-    XOD_BEIDOU = 2,
-    XOD_GALILEO = 3,
-    XOD_QUICK_GPS_GLONASS = 4,
-    XOD_QUICK_GPS = 5,
-    XOD_QUICK_BEIDOU = 6,
-    XOD_QUICK_GALILEO = 7,
-};
+#include <cstdint>
 
 // Bits of the constellation mask.
 enum xod_mask : uint32_t {
@@ -23,12 +13,6 @@ enum xod_mask : uint32_t {
     XOD_MASK_BEIDOU = 4,
     XOD_MASK_GALILEO = 8,
 };
-
-inline constexpr size_t kXodNameSize = 32; // bytes of a file name, its NUL included
-
-// Writes the file's name (kXodNameSize bytes). The index counts where the name has a number; an unknown type
-// leaves dst as it is.
-void xod_download_file_name(uint32_t type, uint32_t index, char* dst);
 
 // Hours from 1980-01-06 00:00 UTC; month 1 to 12, day 1 to 31, hour 0 to 23.
 int32_t gps_hour_from_utc(int32_t year, int32_t month, int32_t day, int32_t hour);

@@ -65,8 +65,9 @@ bool is_in_the_file(const std::string& command) {
 
 } // namespace
 
-void xod_download_file_path(uint32_t /*type*/, uint32_t /*index*/, char* dst) {
-    strcpy(dst, "file");
+FILE* xod_download_file_open(uint32_t /*type*/, uint32_t /*index*/) {
+    ++fuzzed.open_files;
+    return fmemopen(fuzzed.file.data(), fuzzed.file.size(), "r");
 }
 
 bool xod_download_lock_unless_stopped() {
@@ -89,11 +90,6 @@ int32_t location_command_send(const char* body) {
 }
 
 extern "C" {
-
-FILE* __wrap_fopen(const char* /*path*/, const char* mode) {
-    ++fuzzed.open_files;
-    return fmemopen(fuzzed.file.data(), fuzzed.file.size(), mode);
-}
 
 int __real_fclose(FILE* file);
 int __wrap_fclose(FILE* file) {

@@ -1,6 +1,6 @@
 // The ETag reader on a hostile header: nothing outside the value's room changes, the value ends inside it,
 // and what is found is what the pieces of at most 127 characters hold.
-#include "assist/xod_etag.h"
+#include "assist/xod_check.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "xod_download_fixture.h"
 
-#include "assist/xod_file.h"
+#include "assist/xod_hours.h"
 #include "assist/xod_http.h"
 #include "queue/service_queue.h"
 #include "support/capture.h"

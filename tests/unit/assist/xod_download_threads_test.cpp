@@ -122,8 +122,8 @@ TEST_F(XodDownloadThreads, WithoutTimersATransferThatFailsSaysSo) {
                          xod_fakes.failing_creates = {3, 4};
                          xod_download_init(15, 1);
                      }),
-              kInit + "[LOCSERV] WRN: [XOD]next download timer refused, started with 3600000\n" + kNoTimer +
-                  kFailed + "[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead\n" +
+              kInit + kNoTimer + kFailed +
+                  "[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead\n" +
                   kNoTimer);
     EXPECT_EQ(init(), kInit);
     gate.open = true;

@@ -1,10 +1,11 @@
 #include "assist/xod_file.h"
 
-#include "assist/xod_schedule.h"
+#include "assist/xod_hours.h"
 #include "base/stop_request.h"
 #include "interpose/fail.h"
 #include "interpose/paths.h"
 #include "support/capture.h"
+#include "support/close_fault.h"
 #include "support/private_dir.h"
 
 #include <atomic>
@@ -162,9 +163,10 @@ TEST_F(XodFile, GpsFilesStartWithTheirHour) {
 TEST_F(XodFile, LatestNumberedFileCounts) {
     file("XOD_GR_3_1.DAT", word(kNowHour - 30));
     file("XOD_GR_3_3.DAT", word(kNowHour - 10)); // the second is missing
-    file("XOD_GR_3_4.DAT", word(kNowHour));
-    EXPECT_EQ(valid(XOD_GPS_GLONASS, 3), 62);
+    file("XOD_GR_3_4.DAT", word(kNowHour - 20));
     EXPECT_EQ(valid(XOD_GPS_GLONASS, 2), 42);
+    EXPECT_EQ(valid(XOD_GPS_GLONASS, 3), 62);
+    EXPECT_EQ(valid(XOD_GPS_GLONASS, 4), 62);
     EXPECT_EQ(valid(XOD_GPS_GLONASS, 0), 0);
 }
 
@@ -210,7 +212,7 @@ TEST_F(XodFile, FailedCloseIsLoggedAndTheHourCounts) {
     file("XOD_GR_3_1.DAT", word(kNowHour));
     file("XOD_GAL_3.DAT", headed(kNowHour));
     for (const uint32_t type : {0U, 3U}) {
-        interpose_fail("fclose", 2, EIO); // the first closes the configuration
+        close_fault_arm(".DAT");
         EXPECT_EQ(valid(type), 72);
         EXPECT_EQ(log, kNowLine + "[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours fclose fail\n");
     }

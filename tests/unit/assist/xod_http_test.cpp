@@ -1,19 +1,20 @@
 #include "assist/xod_http.h"
 
+#include "assist/xod_check.h"
 #include "assist/xod_curl.h"
 #include "assist/xod_file.h"
-#include "assist/xod_schedule.h"
 #include "base/stop_request.h"
-#include "interpose/fail.h"
 #include "interpose/paths.h"
 #include "support/capture.h"
+#include "support/fifo.h"
 #include "support/format_fault.h"
 #include "support/http_server.h"
 #include "support/private_dir.h"
 
 #include <atomic>
-#include <cerrno>
+#include <csignal>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -22,20 +23,16 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 #include <zlib.h>
-
-extern "C" const XodCurl* __real__Z8xod_curlv();
 
 namespace {
 
 using std::string;
 namespace fs = std::filesystem;
 
-// Loaded later it would read files of its own, which the tests that count openings see.
-[[maybe_unused]] const XodCurl* const ready = xod_curl();
-
-struct CurlFaults {
+struct Faults {
     bool missing = false; // the whole library
     bool init_fails = false;
     CURLoption failing = CURLOPT_LASTENTRY;
@@ -46,7 +43,11 @@ struct CurlFaults {
     bool md5_update_fails = false;
     bool md5_finish_fails = false;
     bool locked_at_md5 = false;
-} curl_faults;
+    int unlocked_openings = 0; // of files to be written
+    int unlocked_closings = 0;
+    int failing_writer = 0; // number of the next closing of a written file that fails, from 1
+    string failing_reader;  // end of the path of the read file whose closing fails
+} faults;
 
 // A pending stop makes the lock give way at once.
 bool is_locked() {
@@ -71,16 +72,15 @@ string answer_with(const string& etag_line, const string& body, const string& st
 
 struct XodHttp : testing::Test {
     XodHttp() {
-        curl_faults = {};
+        faults = {};
         interpose_set_root(dir.path);
         fs::create_directories(dir.path / "tmp");
         fs::create_directories(dir.path / "xod");
     }
     ~XodHttp() override {
-        interpose_fail_reset();
         format_fault_disarm();
         interpose_set_root("");
-        EXPECT_EQ(curl_faults.alive, 0) << "a handle was not cleaned up";
+        EXPECT_EQ(faults.alive, 0) << "a handle was not cleaned up";
     }
 
     void serve(const HttpServer::Answer& answer) {
@@ -154,6 +154,23 @@ struct XodHttp : testing::Test {
 
 constexpr size_t kLimit = 4194304; // bytes of a file
 
+// No file grows further while it lives, as on a full disk.
+struct FileSizeLimit {
+    explicit FileSizeLimit(rlim_t bytes) {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit limit = {bytes, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+    rlimit before = {};
+};
+
 string gzip_of(const string& text) {
     string packed(compressBound(text.size()) + 64, '\0');
     z_stream stream = {};
@@ -174,14 +191,14 @@ const string kNoEtag =
     "/tmp/head.out\n";
 
 CURL* init_handle() {
-    CURL* handle = curl_faults.init_fails ? nullptr : __real__Z8xod_curlv()->easy_init();
-    curl_faults.alive += handle == nullptr ? 0 : 1;
+    CURL* handle = faults.init_fails ? nullptr : curl_easy_init();
+    faults.alive += handle == nullptr ? 0 : 1;
     return handle;
 }
 
 void clean_up(CURL* handle) {
-    --curl_faults.alive;
-    __real__Z8xod_curlv()->easy_cleanup(handle);
+    --faults.alive;
+    curl_easy_cleanup(handle);
 }
 
 CURLcode set_option(CURL* handle, CURLoption option, ...) {
@@ -189,40 +206,63 @@ CURLcode set_option(CURL* handle, CURLoption option, ...) {
     va_start(arguments, option);
     void* value = va_arg(arguments, void*); // a long has the same size and place here
     va_end(arguments);
-    if (option == curl_faults.failing) {
+    if (option == faults.failing) {
         return CURLE_OUT_OF_MEMORY;
     }
-    curl_faults.numbers[option] = reinterpret_cast<long>(value);
-    const auto replaced = curl_faults.replaced.find(option);
-    if (replaced != curl_faults.replaced.end()) {
-        return __real__Z8xod_curlv()->easy_setopt(handle, option, replaced->second);
+    faults.numbers[option] = reinterpret_cast<long>(value);
+    const auto replaced = faults.replaced.find(option);
+    if (replaced != faults.replaced.end()) {
+        return curl_easy_setopt(handle, option, replaced->second);
     }
-    return __real__Z8xod_curlv()->easy_setopt(handle, option, value);
+    return curl_easy_setopt(handle, option, value);
 }
 
 } // namespace
 
+// In place of the loader: the same library, linked, with the faults before it.
+const XodCurl* xod_curl() {
+    static const XodCurl functions = {init_handle, set_option, curl_easy_perform, clean_up};
+    return faults.missing ? nullptr : &functions;
+}
+
 extern "C" {
 
-const XodCurl* __wrap__Z8xod_curlv() {
-    static const XodCurl functions = {init_handle, set_option, __real__Z8xod_curlv()->easy_perform, clean_up};
-    return curl_faults.missing ? nullptr : &functions;
+FILE* __real_fopencookie(void* cookie, const char* mode, cookie_io_functions_t functions);
+FILE* __wrap_fopencookie(void* cookie, const char* mode, cookie_io_functions_t functions) {
+    faults.unlocked_openings += is_locked() ? 0 : 1;
+    return __real_fopencookie(cookie, mode, functions);
+}
+
+// Only the files that a transfer writes have no descriptor that the stream knows.
+int __real_fclose(FILE* file);
+int __wrap_fclose(FILE* file) {
+    const int fd = fileno(file);
+    bool fails = false;
+    if (fd < 0) {
+        faults.unlocked_closings += is_locked() ? 0 : 1;
+        fails = faults.failing_writer > 0 && --faults.failing_writer == 0;
+    } else if (!faults.failing_reader.empty()) {
+        const string path = fs::read_symlink("/proc/self/fd/" + std::to_string(fd));
+        fails = path.ends_with(faults.failing_reader);
+    }
+    const int result = __real_fclose(file);
+    return fails ? EOF : result;
 }
 
 int __real_mbedtls_md5_starts_ret(mbedtls_md5_context* context);
 int __wrap_mbedtls_md5_starts_ret(mbedtls_md5_context* context) {
-    curl_faults.locked_at_md5 = is_locked();
-    return curl_faults.md5_start_fails ? -1 : __real_mbedtls_md5_starts_ret(context);
+    faults.locked_at_md5 = is_locked();
+    return faults.md5_start_fails ? -1 : __real_mbedtls_md5_starts_ret(context);
 }
 
 int __real_mbedtls_md5_update_ret(mbedtls_md5_context* context, const unsigned char* data, size_t size);
 int __wrap_mbedtls_md5_update_ret(mbedtls_md5_context* context, const unsigned char* data, size_t size) {
-    return curl_faults.md5_update_fails ? -1 : __real_mbedtls_md5_update_ret(context, data, size);
+    return faults.md5_update_fails ? -1 : __real_mbedtls_md5_update_ret(context, data, size);
 }
 
 int __real_mbedtls_md5_finish_ret(mbedtls_md5_context* context, unsigned char* digest);
 int __wrap_mbedtls_md5_finish_ret(mbedtls_md5_context* context, unsigned char* digest) {
-    return curl_faults.md5_finish_fails ? -1 : __real_mbedtls_md5_finish_ret(context, digest);
+    return faults.md5_finish_fails ? -1 : __real_mbedtls_md5_finish_ret(context, digest);
 }
 }
 
@@ -262,23 +302,6 @@ TEST_F(XodHttp, LongFileReplacesAnOldOne) {
     EXPECT_EQ(content(), body);
 }
 
-TEST_F(XodHttp, SumsAreThoseOfTheKnownTexts) {
-    const std::vector<std::pair<string, string>> known = {
-        {"", "d41d8cd98f00b204e9800998ecf8427e"},
-        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
-         "57edf4a22be3c955ac49da2e2107b67a"},
-        {string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"}};
-    for (const auto& [text, sum] : known) {
-        const string file = dir.write("text", text);
-        char out[kXodDigestSize] = {};
-        EXPECT_EQ(capture_stdout([&] { xod_download_md5_check(file.c_str(), out); }),
-                  "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] INF: [XOD]MD5:" + file + "," + sum + "\n");
-        EXPECT_EQ(out, sum);
-    }
-}
-
 TEST_F(XodHttp, AnswerWithoutAnEtagFails) {
     serve_text(answer_with("", kBody));
     EXPECT_EQ(download(), -1);
@@ -315,17 +338,19 @@ TEST_F(XodHttp, WrongContentDeletesTheFile) {
     EXPECT_FALSE(exists());
 }
 
-TEST_F(XodHttp, ShortEtagFailsTheComparison) {
-    serve_text(answer_with("ETag: \"9001\"\r\n", kBody));
-    EXPECT_EQ(download(), -1);
-    EXPECT_EQ(log, "[LOCSERV] INF: [XOD]ETag:/tmp/head.out,9001\"\n" + md5_lines(kSum) +
-                       "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:9001\",MD5:" + kSum +
-                       "\n");
+TEST_F(XodHttp, EtagThatIsNoWholeSumMatchesNoFile) {
+    const string most = kSum.substr(0, 31);
+    for (const string& etag : std::vector<string>{"", "\"", "\"9001\"", "\"" + most + "3\"", "\"" + most}) {
+        serve_text(answer_with("ETag: " + etag + "\r\n", kBody));
+        EXPECT_EQ(download(), -1) << etag;
+        EXPECT_NE(log.find("[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:"), string::npos);
+        EXPECT_FALSE(exists());
+    }
 }
 
 TEST_F(XodHttp, EmptyEtagDoesNotMatchASumThatCouldNotBeMade) {
-    serve_text(answer_with("ETag: \r\nETag: \"\r\n", kBody));
-    curl_faults.md5_finish_fails = true;
+    serve_text(answer_with("ETag: \r\n", kBody));
+    faults.md5_finish_fails = true;
     EXPECT_EQ(download(), -1);
 }
 
@@ -372,7 +397,7 @@ TEST_F(XodHttp, NoServerFailsAndHasEmptiedTheOldFile) {
 }
 
 TEST_F(XodHttp, StalledTransferIsGivenUp) {
-    curl_faults.replaced[CURLOPT_LOW_SPEED_TIME] = 1;
+    faults.replaced[CURLOPT_LOW_SPEED_TIME] = 1;
     serve([](int connection, const string&) {
         http_send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf");
         http_wait_for_end(connection);
@@ -407,16 +432,16 @@ TEST_F(XodHttp, EndlessTrailerIsCut) {
 TEST_F(XodHttp, LimitsAreSet) {
     serve_good();
     download();
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_CONNECTTIMEOUT), 30);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_LOW_SPEED_LIMIT), 1);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_LOW_SPEED_TIME), 60);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_TIMEOUT), 300);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_NOSIGNAL), 1);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_QUICK_EXIT), 1);
-    EXPECT_EQ(curl_faults.numbers.at(CURLOPT_MAXFILESIZE_LARGE), 4194304);
-    EXPECT_STREQ(reinterpret_cast<const char*>(curl_faults.numbers.at(CURLOPT_PROTOCOLS_STR)), "http");
+    EXPECT_EQ(faults.numbers.at(CURLOPT_CONNECTTIMEOUT), 30);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_LOW_SPEED_LIMIT), 1);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_LOW_SPEED_TIME), 60);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_TIMEOUT), 300);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_NOSIGNAL), 1);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_QUICK_EXIT), 1);
+    EXPECT_EQ(faults.numbers.at(CURLOPT_MAXFILESIZE_LARGE), 4194304);
+    EXPECT_STREQ(reinterpret_cast<const char*>(faults.numbers.at(CURLOPT_PROTOCOLS_STR)), "http");
     for (const CURLoption never : {CURLOPT_WRITEFUNCTION, CURLOPT_FOLLOWLOCATION, CURLOPT_USERAGENT}) {
-        EXPECT_EQ(curl_faults.numbers.count(never), 0U);
+        EXPECT_EQ(faults.numbers.count(never), 0U);
     }
 }
 
@@ -465,16 +490,18 @@ TEST_F(XodHttp, LongestSettingsMakeOneAddress) {
     EXPECT_NE(requests().at(0).find("?vendor=" + string(127, 'v') + "&project=demo"), string::npos);
 }
 
-TEST_F(XodHttp, LockIsHeldOverTheTransferAndGivenBackForTheCheck) {
+TEST_F(XodHttp, LockIsHeldFromOpeningToClosingAndGivenBackForTheCheck) {
     std::atomic<bool> locked = false;
     serve([&](int connection, const string&) {
         locked = is_locked();
         http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
     });
-    curl_faults.locked_at_md5 = true;
+    faults.locked_at_md5 = true;
     EXPECT_EQ(download(), 0);
     EXPECT_TRUE(locked);
-    EXPECT_FALSE(curl_faults.locked_at_md5);
+    EXPECT_EQ(faults.unlocked_openings, 0);
+    EXPECT_EQ(faults.unlocked_closings, 0);
+    EXPECT_FALSE(faults.locked_at_md5);
 }
 
 TEST_F(XodHttp, AddressThatCanNotBeFormattedFails) {
@@ -491,7 +518,7 @@ TEST_F(XodHttp, AddressThatCanNotBeFormattedFails) {
 
 TEST_F(XodHttp, MissingHandleFails) {
     serve_good();
-    curl_faults.init_fails = true;
+    faults.init_fails = true;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
     EXPECT_FALSE(exists());
@@ -499,7 +526,7 @@ TEST_F(XodHttp, MissingHandleFails) {
 
 TEST_F(XodHttp, MissingLibraryFailsLikeAMissingHandle) {
     serve_good();
-    curl_faults.missing = true;
+    faults.missing = true;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_init fail, XOD_GR_3_1.DAT\n");
     EXPECT_FALSE(exists());
@@ -507,7 +534,7 @@ TEST_F(XodHttp, MissingLibraryFailsLikeAMissingHandle) {
 
 TEST_F(XodHttp, AddressThatIsNotTakenIsTriedAllTheSame) {
     serve_good();
-    curl_faults.failing = CURLOPT_URL;
+    faults.failing = CURLOPT_URL;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt url fail\n" +
                        failed(CURLE_URL_MALFORMAT));
@@ -515,14 +542,14 @@ TEST_F(XodHttp, AddressThatIsNotTakenIsTriedAllTheSame) {
 
 TEST_F(XodHttp, HeaderFileThatIsNotTakenLeavesNoEtag) {
     serve_good();
-    curl_faults.failing = CURLOPT_HEADERDATA;
+    faults.failing = CURLOPT_HEADERDATA;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt headerfile fail\n" + kNoEtag);
 }
 
 TEST_F(XodHttp, BodyFileThatIsNotTakenFailsTheCheck) {
     serve_good();
-    curl_faults.failing = CURLOPT_WRITEDATA;
+    faults.failing = CURLOPT_WRITEDATA;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log.find("[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt bodyfile fail\n"), 0U) << log;
     EXPECT_NE(log.find("MD5 check fail, ETag:" + kSum + ",MD5:d41d8cd98f00b204e9800998ecf8427e\n"),
@@ -535,7 +562,7 @@ TEST_F(XodHttp, WithoutItsLimitsNothingIsTransferred) {
     for (const CURLoption option : {CURLOPT_NOSIGNAL, CURLOPT_PROTOCOLS_STR, CURLOPT_PROXY,
                                     CURLOPT_CONNECTTIMEOUT, CURLOPT_LOW_SPEED_LIMIT, CURLOPT_LOW_SPEED_TIME,
                                     CURLOPT_TIMEOUT, CURLOPT_MAXFILESIZE_LARGE, CURLOPT_QUICK_EXIT}) {
-        curl_faults.failing = option;
+        faults.failing = option;
         EXPECT_EQ(download(), -1);
         EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http curl_easy_setopt limits fail\n");
     }
@@ -543,19 +570,32 @@ TEST_F(XodHttp, WithoutItsLimitsNothingIsTransferred) {
     EXPECT_FALSE(exists());
 }
 
-// One opening for the directory's setting, four for the server's, then the header and the file.
 TEST_F(XodHttp, HeaderThatCanNotBeOpenedFails) {
     serve_good();
-    interpose_fail("fopen", 6, EACCES);
+    fs::create_directories(dir.path / "tmp/head.out");
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fail, /tmp/head.out\n");
     EXPECT_FALSE(exists());
     EXPECT_TRUE(requests().empty());
 }
 
-TEST_F(XodHttp, FileThatCanNotBeOpenedFails) {
+TEST_F(XodHttp, HeaderIsWrittenToNoFifoAndThroughNoLink) {
     serve_good();
-    interpose_fail("fopen", 7, ENOSPC);
+    expect_no_wait_for_fifo(dir.path / "tmp/head.out", [&] { EXPECT_EQ(download(), -1); });
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fail, /tmp/head.out\n");
+    fs::remove(dir.path / "tmp/head.out");
+    fs::create_symlink(dir.write("victim", "whole"), dir.path / "tmp/head.out");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fail, /tmp/head.out\n");
+    EXPECT_EQ(dir.read("victim"), "whole");
+}
+
+TEST_F(XodHttp, FileIsWrittenToNoFifoAndNoDevice) {
+    serve_good();
+    expect_no_wait_for_fifo(path(), [&] { EXPECT_EQ(download(), -1); });
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http open fail, " + path() + "\n");
+    fs::remove(path());
+    fs::create_symlink("/dev/null", path());
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http open fail, " + path() + "\n");
     EXPECT_TRUE(requests().empty());
@@ -563,8 +603,8 @@ TEST_F(XodHttp, FileThatCanNotBeOpenedFails) {
 
 TEST_F(XodHttp, FileAndHeaderThatFailTogetherAreBothLogged) {
     serve_good();
-    interpose_fail("fopen", 7, ENOSPC);
-    interpose_fail("fclose", 6, EIO);
+    fs::create_directories(path());
+    faults.failing_writer = 1;
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fclose fail\n"
                    "[LOCSERV] ERR: [XOD]xod_download_http open fail, " +
@@ -579,71 +619,61 @@ TEST_F(XodHttp, MissingDirectoryFails) {
 }
 
 TEST_F(XodHttp, FullDiskFailsTheTransfer) {
-    if (!fs::exists("/dev/full")) {
-        GTEST_SKIP() << "no /dev/full here";
-    }
     serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", string(100000, 'a')));
-    fs::create_symlink("/dev/full", path());
+    const FileSizeLimit limit(50000);
     EXPECT_EQ(download(), -1);
     EXPECT_EQ(log, failed(CURLE_WRITE_ERROR));
 }
 
 TEST_F(XodHttp, FilesThatFailToCloseAreLoggedAndChecked) {
     serve_good();
-    for (const int nth : {6, 7, 8, 9}) { // the streams and the files behind them
-        interpose_fail("fclose", nth, EIO);
+    for (const int nth : {1, 2}) {
+        faults.failing_writer = nth;
         EXPECT_EQ(download(), 0);
         EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]xod_download_http fclose fail\n" + good_log());
     }
 }
 
-TEST_F(XodHttp, EtagThatFailsToCloseCounts) {
+TEST_F(XodHttp, ReadFilesThatFailToCloseCount) {
     serve_good();
-    interpose_fail("fclose", 10, EIO);
+    faults.failing_reader = "/head.out";
     EXPECT_EQ(download(), 0);
     EXPECT_EQ(log, kEtagLine + "[LOCSERV] ERR: [XOD]xod_download_get_etag, fclose fail\n" +
                        good_log().substr(kEtagLine.size()));
-}
-
-TEST_F(XodHttp, HeaderThatCanNotBeReadHasNoEtag) {
-    serve_good();
-    interpose_fail("fopen", 8, EACCES);
-    EXPECT_EQ(download(), -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]Open file fail, /tmp/head.out\n" + kNoEtag);
-}
-
-TEST_F(XodHttp, FileThatCanNotBeReadFailsTheCheck) {
-    serve_good();
-    interpose_fail("fopen", 9, EACCES);
-    EXPECT_EQ(download(), -1);
-    EXPECT_EQ(log, kEtagLine + "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] ERR: [XOD]Open file fail, " +
-                       path() + "\n[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum +
-                       ",MD5:\n");
-    EXPECT_FALSE(exists());
-}
-
-TEST_F(XodHttp, FileThatFailsToCloseBehindItsSumCounts) {
-    serve_good();
-    interpose_fail("fclose", 11, EIO);
+    faults.failing_reader = "/XOD_GR_3_1.DAT";
     EXPECT_EQ(download(), 0);
     EXPECT_NE(log.find("MD5 check\n[LOCSERV] ERR: [XOD]xod_download_md5_check fclose fail\n"), string::npos)
         << log;
 }
 
+TEST_F(XodHttp, HeaderThatCanNotBeReadHasNoEtag) {
+    serve([&](int connection, const string&) {
+        fs::remove(dir.path / "tmp/head.out");
+        http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
+    });
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: [XOD]Open file fail, /tmp/head.out\n" + kNoEtag);
+}
+
+TEST_F(XodHttp, FileThatCanNotBeReadFailsTheCheck) {
+    serve([&](int connection, const string&) {
+        fs::remove(path());
+        http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
+    });
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kEtagLine + "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] ERR: [XOD]Open file fail, " +
+                       path() + "\n[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum +
+                       ",MD5:\n");
+}
+
 TEST_F(XodHttp, SumThatCanNotBeMadeFailsTheCheck) {
     serve_good();
-    for (bool CurlFaults::*fault :
-         {&CurlFaults::md5_start_fails, &CurlFaults::md5_update_fails, &CurlFaults::md5_finish_fails}) {
-        curl_faults.*fault = true;
+    for (bool Faults::*fault :
+         {&Faults::md5_start_fails, &Faults::md5_update_fails, &Faults::md5_finish_fails}) {
+        faults.*fault = true;
         EXPECT_EQ(download(), -1);
         EXPECT_EQ(log, kEtagLine + md5_lines("") +
                            "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum + ",MD5:\n");
-        curl_faults.*fault = false;
+        faults.*fault = false;
     }
-}
-
-TEST_F(XodHttp, DirectoryInPlaceOfAFileHasNoSum) {
-    char out[kXodDigestSize] = {};
-    capture_stdout([&] { xod_download_md5_check(files().c_str(), out); });
-    EXPECT_STREQ(out, "");
 }

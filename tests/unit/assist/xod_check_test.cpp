@@ -1,9 +1,15 @@
-#include "assist/xod_etag.h"
+#include "assist/xod_check.h"
+
+#include "support/capture.h"
+#include "support/fifo.h"
+#include "support/private_dir.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -90,4 +96,34 @@ TEST(XodEtag, LinesAreReadInPiecesOf127Characters) {
 TEST(XodEtag, ZeroBytesEndALinesText) {
     EXPECT_FALSE(read(std::string("X\0ETag: \"abc\"\r\n", 15)).found);
     EXPECT_EQ(read(std::string("ETag: \"a\0bc\"\r\n", 14)).value, "a");
+}
+
+TEST(XodSum, IsThatOfTheKnownTexts) {
+    const PrivateDir dir;
+    const std::vector<std::pair<std::string, std::string>> known = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+        {std::string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"}};
+    for (const auto& [text, sum] : known) {
+        const std::string file = dir.write("text", text);
+        char out[kXodDigestSize] = {};
+        EXPECT_EQ(capture_stdout([&] { xod_download_md5_check(file.c_str(), out); }),
+                  "[LOCSERV] INF: [XOD]MD5 check\n[LOCSERV] INF: [XOD]MD5:" + file + "," + sum + "\n");
+        EXPECT_EQ(out, sum);
+    }
+}
+
+TEST(XodSum, IsNoneOfAFifoOrADirectory) {
+    const PrivateDir dir;
+    const std::string fifo = dir.path / "fifo";
+    char out[kXodDigestSize] = {};
+    capture_stdout([&] {
+        expect_no_wait_for_fifo(fifo, [&] { xod_download_md5_check(fifo.c_str(), out); });
+        expect_no_wait_for_fifo(fifo, [&] { EXPECT_EQ(xod_download_get_etag(fifo.c_str(), out), -1); });
+        xod_download_md5_check(dir.path.c_str(), out);
+    });
+    EXPECT_STREQ(out, "");
 }
