@@ -6,6 +6,7 @@ TEST(StopRequest, StandsUntilEachAnnouncementIsTakenBack) {
     EXPECT_FALSE(stop_request_pending());
     stop_request_announce();
     stop_request_announce();
+    EXPECT_TRUE(stop_request_pending());
     stop_request_withdraw();
     EXPECT_TRUE(stop_request_pending());
     stop_request_withdraw();
