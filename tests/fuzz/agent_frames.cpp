@@ -8,6 +8,7 @@
 #include "download/tool_log.h"
 #include "download/tool_rx_buffer.h"
 #include "download/tool_time.h"
+#include "support/bytes.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -16,11 +17,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 constexpr int64_t kWaitMs = 1000;
 constexpr int64_t kSilenceMs = 100;

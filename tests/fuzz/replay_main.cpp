@@ -1,5 +1,7 @@
 // Runs a fuzz target over the files of a corpus directory and a fixed number of seeded mutations of them, so
 // that the target is also a plain regression test.
+#include "support/bytes.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -16,8 +18,6 @@ namespace {
 
 constexpr int kMutationsPerSeed = 200;
 constexpr size_t kLargestMutation = 20000;
-
-using Bytes = std::vector<uint8_t>;
 
 std::vector<Bytes> read_corpus(const std::filesystem::path& directory) {
     std::vector<std::filesystem::path> files;

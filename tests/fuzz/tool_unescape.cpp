@@ -1,17 +1,15 @@
 // Unescape of the firmware download against a model that follows each byte on its own. The input's first byte
 // cuts the rest into calls of that many bytes, so that the escape flag is carried over at every place.
 #include "download/tool_text.h"
+#include "support/bytes.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kCanarySize = 16;
 constexpr uint8_t kCanary = 0xA5;

@@ -1,16 +1,14 @@
 // UART unescape against a model that follows each byte on its own. The input's first byte cuts the rest into
 // reads of that many bytes, so that the escape state is carried over at every place.
 #include "device/location_uart_escape.h"
+#include "support/bytes.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 constexpr size_t kCanarySize = 16;
 constexpr uint8_t kCanary = 0xA5;

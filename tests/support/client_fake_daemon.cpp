@@ -1,6 +1,7 @@
 #include "support/client_fake_daemon.h"
 
-#include <chrono>
+#include "support/wait.h"
+
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
@@ -10,8 +11,6 @@
 #include <utility>
 
 namespace {
-
-constexpr std::chrono::seconds kWaitLimit{60};
 
 void put(char* field, const std::string& text) {
     text.copy(field, text.size());

@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -42,17 +41,6 @@ void write_all(int fd, const std::string& bytes) {
 }
 
 } // namespace
-
-bool wait_until(const std::function<bool()>& condition) {
-    const auto limit = std::chrono::steady_clock::now() + kWaitLimit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 std::string read_bytes(int fd, size_t count) {
     std::string bytes;

@@ -2,16 +2,10 @@
 #ifndef TAVOR_TESTS_DEBUG_SUPPORT_H
 #define TAVOR_TESTS_DEBUG_SUPPORT_H
 
-#include <chrono>
+#include "support/wait.h"
+
 #include <cstdint>
-#include <functional>
 #include <string>
-
-// Limit of every wait: far more than is ever needed.
-inline constexpr std::chrono::seconds kWaitLimit{20};
-
-// Waits until the condition holds; returns false at the limit.
-bool wait_until(const std::function<bool()>& condition);
 
 // Reads from the descriptor until count bytes came, its end or the limit.
 std::string read_bytes(int fd, size_t count);

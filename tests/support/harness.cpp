@@ -13,12 +13,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
-
-constexpr std::chrono::milliseconds kPollPause{2};
 
 using Clock = std::chrono::steady_clock;
 
@@ -100,17 +97,6 @@ size_t entries(const std::string& directory) {
 }
 
 } // namespace
-
-bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    const Clock::time_point deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(kPollPause);
-    }
-    return true;
-}
 
 RunResult run_program(const Arguments& arguments, std::chrono::milliseconds limit) {
     const PrivateDir directory;

@@ -3,22 +3,16 @@
 #define TAVOR_TESTS_HARNESS_H
 
 #include "support/private_dir.h"
+#include "support/wait.h"
 #include "tavor/protocol.h"
 
 #include <chrono>
-#include <functional>
 #include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
 
-// Generous limit of every wait; a wait that reaches it fails its test.
-inline constexpr std::chrono::seconds kWaitLimit{60};
-
 using Arguments = std::vector<std::string>;
-
-// Polls until the condition holds. Returns false when the limit passed.
-bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds limit = kWaitLimit);
 
 struct RunResult {
     int status; // exit code, 128 + n when signal n ended it

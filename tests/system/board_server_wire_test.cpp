@@ -1,6 +1,7 @@
 // The board's socket against whatever comes in.
 #include "interpose/wire.h"
 #include "server/board_socket.h"
+#include "support/bytes.h"
 #include "support/harness.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,6 @@
 namespace {
 
 using nlohmann::json;
-using Bytes = std::vector<uint8_t>;
 
 struct Connection {
     explicit Connection(const SimulatedBoard& board) : fd(board_socket_connect(board.directory.path)) {

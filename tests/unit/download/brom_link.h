@@ -2,6 +2,8 @@
 #ifndef TAVOR_TESTS_BROM_LINK_H
 #define TAVOR_TESTS_BROM_LINK_H
 
+#include "support/bytes.h"
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -10,7 +12,6 @@
 #include <string>
 #include <vector>
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 using Times = std::vector<int64_t>;
 

@@ -1,14 +1,12 @@
 #include "download/crc32_calc.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 uint32_t crc_of(const std::string& text) {
     return crc32_calc(reinterpret_cast<const uint8_t*>(text.data()), static_cast<uint32_t>(text.size()));

@@ -3,13 +3,14 @@
 #ifndef TAVOR_TESTS_HDL_FAKES_H
 #define TAVOR_TESTS_HDL_FAKES_H
 
+#include "support/bytes.h"
+
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <string>
 #include <vector>
 
-using Bytes = std::vector<uint8_t>;
 using Texts = std::vector<std::string>;
 
 struct HdlFakes {

@@ -3,6 +3,7 @@
 #define TAVOR_TESTS_SPIM_SLAVE_H
 
 #include "device/location_spi.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <deque>
@@ -11,7 +12,6 @@
 #include <string>
 #include <vector>
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 inline constexpr int kFails = -1; // a status read that moves nothing

@@ -1,12 +1,10 @@
 #include "download/tool_rx_buffer.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 struct RxBuffer : testing::Test {
     RxBuffer() {

@@ -1,6 +1,7 @@
 #include "download/tool_text.h"
 
 #include "base/free_block.h"
+#include "support/bytes.h"
 #include "support/capture.h"
 #include "support/fake_clock.h"
 
@@ -13,7 +14,6 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using std::string;
 
 constexpr uint8_t kOld = 0xA5;

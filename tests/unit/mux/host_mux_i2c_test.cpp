@@ -2,6 +2,7 @@
 #include "interpose/local.h"
 #include "mux/host_mux.h"
 #include "mux/host_mux_i2c.h"
+#include "support/bytes.h"
 #include "support/capture.h"
 
 #include <algorithm>
@@ -17,8 +18,6 @@
 #include <vector>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
 [[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);

@@ -4,6 +4,8 @@
 #ifndef TAVOR_TESTS_HOST_MUX_SLAVE_H
 #define TAVOR_TESTS_HOST_MUX_SLAVE_H
 
+#include "support/bytes.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -11,8 +13,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-using Bytes = std::vector<uint8_t>;
 
 struct MuxSlave {
     // What the chip holds.

@@ -3,8 +3,8 @@
 #include "base/stop_request.h"
 #include "host_mux_fixture.h"
 #include "mux/host_mux_lock.h"
+#include "support/wait.h"
 
-#include <chrono>
 #include <cstdio>
 #include <pthread.h>
 
@@ -12,8 +12,6 @@ namespace {
 
 // As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
 [[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-
-constexpr auto kLimit = std::chrono::seconds(60);
 
 // One operation on a thread of its own.
 struct Worker {
@@ -59,17 +57,6 @@ struct Worker {
 // Status queries of an operation that goes well.
 size_t queries_of(Worker::Kind kind) {
     return kind == Worker::kReceive ? 5 : 6;
-}
-
-bool wait_until(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + kLimit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    }
-    return true;
 }
 
 struct HostMuxStop : HostMux {

@@ -3,12 +3,11 @@
 #define TAVOR_TESTS_CHIP_DOWNLOAD_WIRE_H
 
 #include "chip/chip.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
-
-using Bytes = std::vector<uint8_t>;
 
 // A response of the agent; identifier 0: none came.
 struct AgentResponse {

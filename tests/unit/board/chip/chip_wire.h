@@ -3,12 +3,11 @@
 #define TAVOR_TESTS_CHIP_WIRE_H
 
 #include "chip/chip.h"
+#include "support/bytes.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
-
-using Bytes = std::vector<uint8_t>;
 
 // Noon of a day in 2024, so that the texts of times and dates are known.
 inline constexpr uint64_t kNoonUs = 1718193600000000; // 2024-06-12 12:00:00 UTC
