@@ -3,7 +3,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-mapfile -t sources < <(find include src client board tests bench -name '*.h' -o -name '*.cpp' -o -name '*.c' | sort)
+# The kernel module keeps the kernel's style.
+mapfile -t sources < <(find include src client board tests bench -path board/kernel -prune -o \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print | sort)
 
 if [ "${1:-}" = "--fix" ]; then
     clang-format -i "${sources[@]}"

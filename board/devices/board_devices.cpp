@@ -209,6 +209,14 @@ int board_i2c_select(Board& board, BoardFile& file, uint64_t address) {
     return 0;
 }
 
+void board_drive_power(Board& board, bool output, bool level) {
+    const Guard guard(board.mutex);
+    BoardPin& pin = board.gpio.pins[board.options.power_pin];
+    pin.output = output;
+    pin.level = level;
+    apply_power(board);
+}
+
 ChipStatus board_status(Board& board) {
     const Guard guard(board.mutex);
     chip_run(board.chip, now(board));

@@ -63,6 +63,9 @@ int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, 
 // I2C_SLAVE of i2c-dev: the 7-bit address of the reads and writes that follow. Returns 0 or -1.
 int board_i2c_select(Board& board, BoardFile& file, uint64_t address);
 
+// The power line's state where it is no sysfs node of this board: an input does not power the chip.
+void board_drive_power(Board& board, bool output, bool level);
+
 // The chip's own functions, under the board's lock and on its clock.
 ChipStatus board_status(Board& board);
 std::vector<ChipCommand> board_commands(Board& board);

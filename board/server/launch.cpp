@@ -141,6 +141,10 @@ std::string launch_replace(const std::string& directory, const std::vector<std::
         return "can't preload " + library + ": its path has a blank or a colon";
     }
     set_environment(directory, library);
+    return launch_replace_plainly(program);
+}
+
+std::string launch_replace_plainly(const std::vector<std::string>& program) {
     std::vector<char*> arguments;
     arguments.reserve(program.size() + 1);
     for (const std::string& argument : program) {

@@ -11,7 +11,10 @@
 // wrong.
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program);
 
-// The same when a board runs there. Returns only on failure, which is printed: the exit code.
+// Replaces this process by the program as it is. Returns only on failure: what went wrong.
+std::string launch_replace_plainly(const std::vector<std::string>& program);
+
+// launch_replace when a board runs there. Returns only on failure, which is printed: the exit code.
 int launch_exec(const ExecOptions& options);
 
 // The board's directory as an absolute path, made where it is missing. Returns what went wrong, else empty.

@@ -220,6 +220,10 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         ->check(time_error);
     command->add_flag_callback(
         "--no-assist", [&run] { run.assistance = false; }, "run no assistance server");
+    command->add_option(
+        "--kernel-device", run.kernel_device,
+        "serve the kernel's own spidev, i2c-dev and GPIO through this device of the module in "
+        "board/kernel; the program is started without the preload library");
     command->add_option("--log", run.log, "file for the program's output");
     command->add_option("program", run.program, "program and its arguments, behind --");
     command->footer(run_footer());

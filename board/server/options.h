@@ -16,10 +16,12 @@ struct RunOptions {
     BoardOptions board;
     std::string directory; // empty: one of its own, removed at the end
     bool keep = false;
-    uint32_t speed = 1;                     // of the board's clock, times the host's
-    std::string time;                       // UTC at the start, empty: the host's
-    bool assistance = true;                 // a server of predicted orbits
-    std::string log;                        // file for the program's output, empty: passed through
+    std::string
+        kernel_device;      // serves the kernel's own devices through this one, empty: the preload library's
+    uint32_t speed = 1;     // of the board's clock, times the host's
+    std::string time;       // UTC at the start, empty: the host's
+    bool assistance = true; // a server of predicted orbits
+    std::string log;        // file for the program's output, empty: passed through
     std::vector<std::string> configuration; // KEY=VALUE lines in front of the board's own
     std::vector<std::pair<std::string, std::string>> faults;
     std::vector<std::string> program;

@@ -50,7 +50,8 @@ void block_signals(sigset_t* before) {
             _exit(kNotStarted);
         }
     }
-    complain(launch_replace(directory, options.program));
+    complain(options.kernel_device.empty() ? launch_replace(directory, options.program)
+                                           : launch_replace_plainly(options.program));
     _exit(kNotStarted);
 }
 
@@ -58,8 +59,13 @@ void tell_ready(const RunOptions& options, const std::string& directory) {
     const bool alone = options.program.empty();
     FILE* const out = alone ? stdout : stderr; // standard output belongs to the program
     fprintf(out, "ready %s\n", directory.c_str());
-    if (alone) {
+    if (!options.kernel_device.empty()) {
+        fprintf(out, "reached by the kernel:  %s/etc/default/tavor must stand at /etc/default/tavor\n",
+                directory.c_str());
+    } else if (alone) {
         fprintf(out, "start a program on it:  tavor-board exec --dir %s -- PROGRAM\n", directory.c_str());
+    }
+    if (alone) {
         fprintf(out, "ask or change it:       tavor-board ctl --dir %s --help\n", directory.c_str());
     }
     fprintf(out, "debug outlet over TCP:  %s:%s, once 'tavorctl debug tcp' has opened it\n",
@@ -166,6 +172,9 @@ std::string open_board(Running& running, const RunOptions& options, const std::s
     make_board(running.board, *running.clock.clock, options.board);
     running.server.target = {&running.board, running.clock.clock, nullptr, false};
     problem = flash_file_load(running.board, directory);
+    if (problem.empty() && !options.kernel_device.empty()) {
+        problem = server_open_kernel(running.server, options.kernel_device);
+    }
     if (problem.empty() && options.assistance) {
         problem = assist_open(running.assist, *running.clock.clock, options.board.chip.seed);
         running.server.target.assist = &running.assist;

@@ -225,6 +225,13 @@ void serve(BoardServer& server, int fd) {
     drop(server, fd); // closed, or no request of ours
 }
 
+void serve_kernel(BoardServer& server) {
+    if (kernel_device_take(server.kernel, *server.target.board)) {
+        keep_flash(server);
+        kernel_device_give(server.kernel);
+    }
+}
+
 void watch(BoardServer& server, int fd) {
     epoll_event event = {};
     event.events = EPOLLIN;
@@ -299,6 +306,8 @@ void handle_event(BoardServer& server, int fd) {
         take_connection(server);
     } else if (fd == server.signals) {
         take_signal(server);
+    } else if (fd == server.kernel.fd) {
+        serve_kernel(server);
     } else if (server.connections.count(fd) != 0) {
         serve(server, fd);
     }
@@ -327,6 +336,14 @@ std::string server_open(BoardServer& server, const std::string& directory) {
     return "";
 }
 
+std::string server_open_kernel(BoardServer& server, const std::string& path) {
+    std::string error = kernel_device_open(server.kernel, *server.target.board, path);
+    if (error.empty()) {
+        watch(server, server.kernel.fd);
+    }
+    return error;
+}
+
 int server_run(BoardServer& server) {
     bool terminated = false;
     while (!is_over(server)) {
@@ -348,6 +365,7 @@ void server_close(BoardServer& server) {
     while (!server.connections.empty()) {
         drop(server, server.connections.begin()->first);
     }
+    kernel_device_close(server.kernel);
     if (!server.socket_path.empty()) {
         unlink(server.socket_path.c_str());
     }

@@ -4,6 +4,7 @@
 
 #include "devices/board_devices.h"
 #include "server/control.h"
+#include "server/kernel_device.h"
 
 #include <map>
 #include <string>
@@ -19,6 +20,7 @@ struct BoardServer {
     ControlTarget target; // what is served
     std::string directory;
     std::string socket_path; // of the listener, empty: none
+    KernelDevice kernel;     // not open: none
     int listener = -1;
     int signals = -1;
     int events = -1;
@@ -30,6 +32,10 @@ struct BoardServer {
 // Listens in the directory, for a board that may be made until server_run, and takes over SIGINT, SIGTERM and
 // SIGCHLD, which must be blocked. Returns what went wrong, else empty.
 std::string server_open(BoardServer& server, const std::string& directory);
+
+// Serves the kernel's devices too, through the module's character device. Returns what went wrong, else
+// empty.
+std::string server_open_kernel(BoardServer& server, const std::string& path);
 
 // Serves until the child has ended, or without one until SIGINT or SIGTERM; these go on to a child. A quit
 // request ends both. Returns the child's exit code, 128 + n when signal n ended it, else 0.
