@@ -1,11 +1,11 @@
 #include "mux/host_mux_spi_slave.h"
 
-#include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "device/port_platform.h"
 #include "mux/host_mux_lock.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 
 namespace {
@@ -18,11 +18,10 @@ constexpr uint8_t kPowerOn = 0x04;
 constexpr int32_t kMaxPolls = 100;
 constexpr uint32_t kPollMs = 5;
 constexpr uint32_t kResetDelayUs = 100;
-constexpr int kMaxNesting = 16;
+constexpr size_t kMaxNesting = 16; // power cycles begun before the one that runs is through
 
 struct State {
     std::atomic<int32_t> power_counter{0}; // open power-on requests
-    int nesting = 0;                       // error recoveries in progress, each inside the one before
 } state;
 
 struct PowerSwitch {
@@ -39,59 +38,6 @@ constexpr PowerSwitch kSwitchOn = {kPowerOn, kSpiSlavePowered,
                                    "host_mux_spi_power_on_without_counter: transfer fail\r",
                                    "portable_HAL_SPI_POWER_ON_WITHOUT_COUNTER success!!!\r"};
 
-int32_t switch_power(uint32_t bus, const PowerSwitch& to) {
-    for (;;) {
-        if (host_mux_spi_transfer(bus, &to.opcode, 1, nullptr, 0) != 0) {
-            puts(to.failed);
-            return 1;
-        }
-        if (portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(bus, kSpiSlavePowered, to.expected) == 0) {
-            puts(to.done);
-            return 0;
-        }
-        if (!host_mux_next_round()) {
-            return 1;
-        }
-    }
-}
-
-// The slave is left off when it is about to be stopped anyway.
-void cycle_power(uint32_t bus) {
-    portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(bus);
-    if (!stop_request_pending()) {
-        host_mux_spi_power_on_without_counter(bus);
-    }
-}
-
-struct Nested : private NonCopyable {
-    Nested() {
-        ++state.nesting;
-    }
-    ~Nested() {
-        --state.nesting;
-    }
-};
-
-// The power cycle queries the status, which may bring the next error. Nested deep enough, only the error is
-// cleared: the power cycle in progress repeats anyway, and a slave that reports errors for ever costs rounds
-// instead of stack.
-void recover(uint32_t bus, uint8_t status) {
-    printf(
-        "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY,Slave tansfer Error:0x%x, need reset Slave \r\n",
-        status);
-    const uint8_t frame[] = {kWriteStatus, status};
-    if (host_mux_spi_transfer(bus, frame, sizeof frame, nullptr, 0) != 0) {
-        puts("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 1\r");
-        return;
-    }
-    puts("Transfer error, now Master reset Slave!!!\r");
-    port_platform_delay_us(kResetDelayUs);
-    if (state.nesting < kMaxNesting) {
-        const Nested nested;
-        cycle_power(bus);
-    }
-}
-
 bool read_status(uint32_t bus, uint8_t* status) {
     const uint8_t frame[] = {kReadStatus, 0x00};
     uint8_t answer[sizeof frame] = {};
@@ -104,7 +50,21 @@ bool read_status(uint32_t bus, uint8_t* status) {
     return true;
 }
 
-enum class Poll { kReached, kAgain, kFailed };
+bool clear_error(uint32_t bus, uint8_t status) {
+    printf(
+        "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY,Slave tansfer Error:0x%x, need reset Slave \r\n",
+        status);
+    const uint8_t frame[] = {kWriteStatus, status};
+    if (host_mux_spi_transfer(bus, frame, sizeof frame, nullptr, 0) != 0) {
+        puts("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 1\r");
+        return false;
+    }
+    puts("Transfer error, now Master reset Slave!!!\r");
+    port_platform_delay_us(kResetDelayUs);
+    return true;
+}
+
+enum class Poll { kReached, kAgain, kFailed, kNeedsPowerCycle };
 
 Poll poll_status(uint32_t bus, uint8_t mask, uint8_t expected, int32_t retries) {
     uint8_t status = 0;
@@ -115,8 +75,7 @@ Poll poll_status(uint32_t bus, uint8_t mask, uint8_t expected, int32_t retries) 
         return expected == 0 ? Poll::kReached : Poll::kFailed;
     }
     if ((status & kSpiSlaveError) != 0) {
-        recover(bus, status);
-        return Poll::kFailed;
+        return clear_error(bus, status) ? Poll::kNeedsPowerCycle : Poll::kFailed;
     }
     if ((status & mask) == expected) {
         printf("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY OK, retry counter:%d,\r\n", retries);
@@ -125,10 +84,66 @@ Poll poll_status(uint32_t bus, uint8_t mask, uint8_t expected, int32_t retries) 
     const bool needs_power = mask == kSpiSlaveConfigDone || mask == kSpiSlaveDataDone;
     if (needs_power && (status & kSpiSlavePowered) == 0) {
         puts("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY spi slave is power off!!!!!!\r");
-        cycle_power(bus);
-        return Poll::kFailed;
+        return Poll::kNeedsPowerCycle;
     }
     return Poll::kAgain;
+}
+
+Poll query(uint32_t bus, uint8_t mask, uint8_t expected) {
+    for (int32_t retries = 0; retries < kMaxPolls; ++retries) {
+        const Poll poll = poll_status(bus, mask, expected, retries);
+        if (poll != Poll::kAgain) {
+            return poll;
+        }
+        port_platform_delay_ms(kPollMs);
+    }
+    printf("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY, retry counter:%d,\r\n", kMaxPolls);
+    return Poll::kFailed;
+}
+
+enum class Switch { kDone, kFailed, kAgain, kNeedsPowerCycle };
+
+Switch try_switch(uint32_t bus, const PowerSwitch& to) {
+    if (host_mux_spi_transfer(bus, &to.opcode, 1, nullptr, 0) != 0) {
+        puts(to.failed);
+        return Switch::kFailed;
+    }
+    const Poll poll = query(bus, kSpiSlavePowered, to.expected);
+    if (poll == Poll::kReached) {
+        puts(to.done);
+        return Switch::kDone;
+    }
+    return poll == Poll::kNeedsPowerCycle ? Switch::kNeedsPowerCycle : Switch::kAgain;
+}
+
+// One power switch or, with then_on, a cycle of both.
+struct PowerTask {
+    const PowerSwitch* to;
+    bool then_on;
+};
+constexpr PowerTask kCycle = {&kSwitchOff, true};
+
+// Repeats each switch until the slave confirms it. An error of the slave puts a power cycle before the
+// repetition, whose own errors bring the next one. At most 16 wait for each other: further errors are only
+// cleared, so that a slave that reports errors for ever costs rounds, not memory. Returns 0, or 1 when a
+// transfer of the last switch fails or a stop is pending; the slave is then left as it is.
+int32_t run_power(uint32_t bus, PowerTask task) {
+    PowerTask tasks[kMaxNesting + 1] = {task};
+    for (PowerTask* top = tasks;;) {
+        const Switch result = try_switch(bus, *top->to);
+        const bool ended = result == Switch::kDone || result == Switch::kFailed;
+        if (ended && top->then_on && !stop_request_pending()) {
+            *top = {&kSwitchOn, false};
+        } else if (ended && top == tasks) {
+            return result == Switch::kDone ? 0 : 1;
+        } else if (ended) {
+            --top;
+        } else if (!host_mux_next_round()) {
+            return 1;
+        } else if (result == Switch::kNeedsPowerCycle && top != tasks + kMaxNesting) {
+            *++top = kCycle;
+        }
+    }
 }
 
 } // namespace
@@ -141,23 +156,19 @@ int32_t host_mux_spi_transfer(uint32_t bus, const uint8_t* tx, uint32_t tx_len, 
 }
 
 int32_t portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(uint32_t bus, uint8_t mask, uint8_t expected) {
-    for (int32_t retries = 0; retries < kMaxPolls; ++retries) {
-        const Poll poll = poll_status(bus, mask, expected, retries);
-        if (poll != Poll::kAgain) {
-            return poll == Poll::kReached ? 0 : 1;
-        }
-        port_platform_delay_ms(kPollMs);
+    const Poll poll = query(bus, mask, expected);
+    if (poll == Poll::kNeedsPowerCycle) {
+        run_power(bus, kCycle);
     }
-    printf("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY, retry counter:%d,\r\n", kMaxPolls);
-    return 1;
+    return poll == Poll::kReached ? 0 : 1;
 }
 
 int32_t portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(uint32_t bus) {
-    return switch_power(bus, kSwitchOff);
+    return run_power(bus, {&kSwitchOff, false});
 }
 
 int32_t host_mux_spi_power_on_without_counter(uint32_t bus) {
-    return switch_power(bus, kSwitchOn);
+    return run_power(bus, {&kSwitchOn, false});
 }
 
 int32_t host_mux_spi_power_on(uint32_t bus) {
