@@ -5,12 +5,13 @@
 #include "base/stop_lock.h"
 #include "base/stop_request.h"
 
+#include <algorithm>
 #include <atomic>
 #include <unistd.h>
 
 namespace {
 
-constexpr useconds_t kRoundUs = 5000;
+constexpr uint32_t kLongestPauseUs = 300000;
 constexpr useconds_t kLetInUs = 100;
 
 struct State {
@@ -28,11 +29,12 @@ struct Waiting : private NonCopyable {
 
 } // namespace
 
-bool host_mux_next_round() {
+bool host_mux_next_round(HostMuxPause* pause) {
     if (stop_request_pending()) {
         return false;
     }
-    usleep(kRoundUs); // under the hold: cancellation takes effect behind it
+    usleep(pause->us); // under the hold: cancellation takes effect behind it
+    pause->us = std::min(2 * pause->us, kLongestPauseUs);
     cancel_hold_offer();
     return !stop_request_pending();
 }

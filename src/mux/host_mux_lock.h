@@ -1,13 +1,21 @@
-// How a multiplexer operation waits without ever holding up a stop: it runs under a CancelHold, and each
-// round of a wait that has no limit of its own offers cancellation.
+// The waits of a multiplexer operation. None holds up a stop: the operation runs under a CancelHold, and each
+// round of a wait that has no limit of its own is a cancellation point.
 #ifndef TAVOR_HOST_MUX_LOCK_H
 #define TAVOR_HOST_MUX_LOCK_H
 
 #include "device/port_platform.h"
 
-// Pause (5 ms) between two rounds of an unlimited wait, a cancellation point. Returns false when a stop is
-// pending.
-bool host_mux_next_round();
+#include <cstdint>
+
+// Pause between two rounds of a wait without limit: 5 ms at first, for a slave that is about to answer, and
+// twice as long each time up to the 300 ms of the idle poll, for one that is absent.
+struct HostMuxPause {
+    uint32_t us = 5000;
+};
+
+// Pauses, then acts on a cancellation. Returns false when a stop is pending; a stop waits for one pause at
+// most.
+bool host_mux_next_round(HostMuxPause* pause);
 
 // Takes the mutex, a cancellation point while another thread holds it. A pending stop does not fail it: every
 // holder then comes back soon. Returns false for a null mutex only.

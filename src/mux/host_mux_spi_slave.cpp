@@ -95,6 +95,9 @@ Poll query(uint32_t bus, uint8_t mask, uint8_t expected) {
         if (poll != Poll::kAgain) {
             return poll;
         }
+        if (stop_request_pending()) {
+            return Poll::kFailed;
+        }
         port_platform_delay_ms(kPollMs);
     }
     printf("portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY, retry counter:%d,\r\n", kMaxPolls);
@@ -129,6 +132,7 @@ constexpr PowerTask kCycle = {&kSwitchOff, true};
 // transfer of the last switch fails or a stop is pending; the slave is then left as it is.
 int32_t run_power(uint32_t bus, PowerTask task) {
     PowerTask tasks[kMaxNesting + 1] = {task};
+    HostMuxPause pause;
     for (PowerTask* top = tasks;;) {
         const Switch result = try_switch(bus, *top->to);
         const bool ended = result == Switch::kDone || result == Switch::kFailed;
@@ -138,7 +142,7 @@ int32_t run_power(uint32_t bus, PowerTask task) {
             return result == Switch::kDone ? 0 : 1;
         } else if (ended) {
             --top;
-        } else if (!host_mux_next_round()) {
+        } else if (!host_mux_next_round(&pause)) {
             return 1;
         } else if (result == Switch::kNeedsPowerCycle && top != tasks + kMaxNesting) {
             *++top = kCycle;

@@ -16,7 +16,8 @@ inline constexpr uint8_t kSpiSlaveSilent = 0xFF;
 int32_t host_mux_spi_transfer(uint32_t bus, const uint8_t* tx, uint32_t tx_len, uint8_t* rx, uint32_t rx_len);
 
 // Polls the status, at most 100 times 5 ms apart, until (status & mask) == expected. Returns 0, or 1 after a
-// failure, an error status (the slave has then been reset) or the last poll.
+// failure, an error status (the slave has then been reset), the last poll, or the first one while a stop is
+// pending.
 int32_t portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(uint32_t bus, uint8_t mask, uint8_t expected);
 
 // Switch the slave's SPI interface and repeat until it confirms. Return 0, or 1 when a transfer fails or a

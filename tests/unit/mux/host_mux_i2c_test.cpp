@@ -1,3 +1,4 @@
+#include "base/stop_request.h"
 #include "interpose/fail.h"
 #include "interpose/local.h"
 #include "mux/host_mux.h"
@@ -350,6 +351,16 @@ TEST_F(HostMuxI2c, SilentChipCostsSixAttemptsOfTheProbe) {
     chip.tx_length = 1;
     chip.to_send = counted(1);
     capture_stdout([&] { EXPECT_EQ(receive(10), 0) << "the mutex was given back"; });
+}
+
+TEST_F(HostMuxI2c, FailedAttemptIsNotRepeatedWhileAStopIsPending) {
+    chip.silent = true;
+    const StopRequest stop;
+    capture_stdout([&] {
+        EXPECT_EQ(receive(10), 1);
+        EXPECT_EQ(send(counted(3)), 1);
+    });
+    EXPECT_EQ(events, (Events{"sleep 10", "write 50", "give", "sleep 10", "write 50", "give"}));
 }
 
 namespace {

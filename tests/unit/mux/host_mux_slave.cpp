@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned kSleepDivisor = 50;
+constexpr unsigned kSleepDivisor = 500;
 
 struct Sleeps {
     std::atomic<uint64_t> total_us{0};

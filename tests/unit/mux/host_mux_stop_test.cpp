@@ -71,6 +71,9 @@ struct HostMuxStop : HostMux {
     void make_stuck_in_errors() {
         slave.status_answer = [](uint8_t) { return uint8_t{0x19}; };
     }
+    void make_never_ready() {
+        slave.status_answer = [](uint8_t honest) { return static_cast<uint8_t>(honest & 0x01); };
+    }
     void make_stuck_on() {
         slave.status_answer = [](uint8_t honest) { return static_cast<uint8_t>(honest | 0x01); };
     }
@@ -117,7 +120,7 @@ TEST_F(HostMuxStop, CancelledWhileErrorsDoNotEnd) {
     void* result = nullptr;
     capture_stdout([&] {
         Worker worker(&handle, Worker::kReceive);
-        EXPECT_TRUE(wait_for_transfers(300));
+        EXPECT_TRUE(wait_for_transfers(100));
         result = worker.cancel_and_join();
     });
     EXPECT_EQ(result, PTHREAD_CANCELED);
@@ -128,7 +131,7 @@ TEST_F(HostMuxStop, ErrorNestingStartsAnewAfterACancellation) {
     make_stuck_in_errors();
     capture_stdout([&] {
         Worker worker(&handle, Worker::kReceive);
-        EXPECT_TRUE(wait_for_transfers(300));
+        EXPECT_TRUE(wait_for_transfers(100));
         EXPECT_EQ(worker.cancel_and_join(), PTHREAD_CANCELED);
     });
     slave.frames.clear();
@@ -148,7 +151,7 @@ TEST_F(HostMuxStop, CancelledInTheMiddleOfAnOperation) {
             void* result = nullptr;
             capture_stdout([&] {
                 Worker worker(&handle, kind);
-                EXPECT_TRUE(wait_for_transfers(300));
+                EXPECT_TRUE(wait_for_transfers(100));
                 result = worker.cancel_and_join();
             });
             EXPECT_EQ(result, PTHREAD_CANCELED) << queries;
@@ -247,6 +250,33 @@ TEST_F(HostMuxStop, PendingStopEndsAnOperationOnASlaveThatNeverSwitchesOn) {
     expect_usable();
 }
 
+TEST_F(HostMuxStop, PendingStopEndsTheStatusPollsOfASlaveThatIsNeverReady) {
+    make_never_ready();
+    for (const auto kind : {Worker::kReceive, Worker::kSend}) {
+        capture_stdout([&] {
+            Worker worker(&handle, kind);
+            EXPECT_TRUE(wait_for_transfers(20));
+            const StopRequest stop;
+            const size_t before = slave.transfers;
+            EXPECT_TRUE(worker.join_failed());
+            EXPECT_LT(slave.transfers - before, 10U);
+        });
+    }
+    expect_usable();
+}
+
+TEST_F(HostMuxStop, CommandsBeforeAPendingStopDoNotWaitForASlaveThatIsNeverReady) {
+    make_never_ready();
+    const StopRequest stop;
+    reset_sleeps();
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_FALSE(send({'a'}));
+    }
+    EXPECT_EQ(slept_us(), 0U);
+    EXPECT_LT(slave.transfers, 100 * 10U);
+    expect_usable();
+}
+
 TEST_F(HostMuxStop, PendingStopEndsErrorsThatDoNotEnd) {
     for (const auto kind : {Worker::kReceive, Worker::kSend}) {
         for (size_t queries = 0; queries < queries_of(kind); ++queries) {
@@ -254,11 +284,11 @@ TEST_F(HostMuxStop, PendingStopEndsErrorsThatDoNotEnd) {
             turn_into_errors_after(queries);
             capture_stdout([&] {
                 Worker worker(&handle, kind);
-                EXPECT_TRUE(wait_for_transfers(300));
+                EXPECT_TRUE(wait_for_transfers(100));
                 const StopRequest stop;
                 const size_t before = slave.transfers;
                 worker.join();
-                EXPECT_LT(slave.transfers - before, 300U);
+                EXPECT_LT(slave.transfers - before, 100U);
             });
             EXPECT_EQ(host_mux_spi_power_counter(), 0);
             expect_usable();
@@ -331,7 +361,7 @@ TEST_F(HostMuxStop, CancelledOperationTakesBackItsOwnPowerRequestOnly) {
     capture_stdout([&] {
         host_mux_spi_power_on(handle.id);
         Worker worker(&handle, Worker::kReceive);
-        EXPECT_TRUE(wait_for_transfers(300));
+        EXPECT_TRUE(wait_for_transfers(100));
         EXPECT_EQ(host_mux_spi_power_counter(), 2);
         EXPECT_EQ(worker.cancel_and_join(), PTHREAD_CANCELED);
         EXPECT_EQ(host_mux_spi_power_counter(), 1);
