@@ -6,6 +6,7 @@
 #include "queue/service_queue.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@ struct ReceiveState {
     uint8_t buffer[kReceiveBufferSize]; // of the receive thread alone
     uint32_t fill;                      // bytes in it
     pthread_t tid;                      // 0 when there is no thread to join
+    std::atomic<bool> ended;            // the link could not be opened: there is nothing but the join left
 } state;
 
 // Drops a buffer that is full without holding a complete frame.
@@ -64,9 +66,18 @@ void take_in(int32_t received) {
     }
 }
 
+void join_thread() {
+    pthread_join(state.tid, nullptr);
+    state.tid = 0;
+    state.ended = false;
+}
+
 } // namespace
 
 int32_t location_io_thread_init() {
+    if (state.ended) {
+        join_thread();
+    }
     if (state.tid != 0) {
         puts("[LOCSERV] INF: [IO]location_io_thread_init, tid exist");
         return 0;
@@ -87,8 +98,7 @@ int32_t location_io_thread_deinit() {
             location_serial_port_gnss_deinit();
             return -1;
         }
-        pthread_join(state.tid, nullptr);
-        state.tid = 0;
+        join_thread();
     }
     return location_serial_port_gnss_deinit() < 0 ? -1 : 0;
 }
@@ -96,6 +106,7 @@ int32_t location_io_thread_deinit() {
 void* location_io_rx_task(void* /*unused*/) {
     puts("[LOCSERV] INF: [IO]location_io_rx_task");
     if (location_serial_port_gnss_init() < 0) {
+        state.ended = true; // the next start begins anew
         return nullptr;
     }
     memset(state.buffer, 0, sizeof state.buffer);

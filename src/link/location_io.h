@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// Starts the thread unless it exists. Returns 0 or -1.
+// Starts the thread unless one is working. Returns 0 or -1.
 int32_t location_io_thread_init();
 
 // Ends the thread, if there is one, and closes the link. Returns 0 or -1.

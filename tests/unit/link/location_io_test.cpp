@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <string>
 #include <unistd.h>
@@ -26,7 +27,7 @@ namespace {
 using std::string;
 
 constexpr uint32_t kBufferSize = 15360;
-constexpr time_t kLimitSeconds = 60;
+constexpr time_t kLimitSeconds = 20;
 constexpr int kReadsAfterCancelMax = 1000; // then the chip falls silent, so that a failing test ends too
 
 struct Message {
@@ -56,6 +57,7 @@ struct FakeWorld {
 
     int opened = 0;
     int closed = 0;
+    int joins = 0;
     int reads = 0;
     int sends = 0;
     bool cancelled = false;
@@ -103,6 +105,20 @@ bool wait_for_messages(size_t n) {
 
 bool wait_for_sleeps(size_t n) {
     return wait_for([n] { return world->sleeps.size() >= n; });
+}
+
+// Starts again and again until the link has been opened n times: the thread before may not have ended yet.
+bool start_until_opened(int n) {
+    const time_t end = time(nullptr) + kLimitSeconds;
+    const auto opened = [] {
+        const std::lock_guard<std::mutex> lock(world->mutex);
+        return world->opened;
+    };
+    while (opened() < n && time(nullptr) < end) {
+        EXPECT_EQ(location_io_thread_init(), 0);
+        sched_yield();
+    }
+    return opened() == n;
 }
 
 void feed(const std::vector<string>& blocks) {
@@ -237,6 +253,7 @@ extern "C" {
 int __real_pthread_create(pthread_t* tid, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
 int __real_pthread_cancel(pthread_t tid);
+int __real_pthread_join(pthread_t tid, void** result);
 void* __real_malloc(size_t size);
 
 int __wrap_pthread_create(pthread_t* tid, const pthread_attr_t* attributes, void* (*body)(void*),
@@ -255,6 +272,11 @@ int __wrap_pthread_cancel(pthread_t tid) {
     const std::lock_guard<std::mutex> lock(world->mutex);
     world->cancelled = true;
     return result;
+}
+
+int __wrap_pthread_join(pthread_t tid, void** result) {
+    ++world->joins;
+    return __real_pthread_join(tid, result);
 }
 
 void* __wrap_malloc(size_t size) {
@@ -386,19 +408,29 @@ TEST_F(LocationIo, SecondStartFindsTheThread) {
     EXPECT_EQ(fake.opened, 1);
 }
 
-TEST_F(LocationIo, LinkThatCannotBeOpenedEndsTheThreadAndKeepsItsHandle) {
+TEST_F(LocationIo, StartAfterALinkThatCouldNotBeOpenedBeginsAnew) {
     fake.open_result = -1;
+    capture_stdout([&] {
+        EXPECT_TRUE(start_until_opened(1));
+        EXPECT_TRUE(start_until_opened(2));
+        const std::lock_guard<std::mutex> lock(fake.mutex);
+        fake.open_result = 0;
+    });
     const string log = with_thread([&] {
-        EXPECT_TRUE(wait_for([&] { return fake.opened == 1; }));
+        EXPECT_TRUE(start_until_opened(3));
+        EXPECT_TRUE(wait_for_sleeps(1));
         EXPECT_EQ(location_io_thread_init(), 0);
     });
-    EXPECT_EQ(log, "[LOCSERV] INF: [IO]location_io_rx_task\n"
-                   "[LOCSERV] INF: [IO]location_io_thread_init, tid exist\n");
-    EXPECT_EQ(fake.reads, 0);
+    EXPECT_EQ(lines_of(log).back(), "[LOCSERV] INF: [IO]location_io_thread_init, tid exist");
+    EXPECT_EQ(fake.opened, 3);
+    EXPECT_EQ(fake.joins, 3) << "each ended thread is joined";
+}
 
-    fake.open_result = 0;
-    with_thread([&] { EXPECT_TRUE(wait_for_sleeps(1)); });
-    EXPECT_EQ(fake.opened, 2) << "a stop makes room for a new thread";
+TEST_F(LocationIo, StopAfterALinkThatCouldNotBeOpenedJoinsTheThread) {
+    fake.open_result = -1;
+    with_thread([&] { EXPECT_TRUE(wait_for([&] { return fake.opened == 1; })); });
+    EXPECT_EQ(fake.joins, 1);
+    EXPECT_EQ(fake.reads, 0);
 }
 
 TEST_F(LocationIo, ThreadThatCannotBeMadeIsReported) {
