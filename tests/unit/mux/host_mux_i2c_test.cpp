@@ -108,14 +108,17 @@ Bytes counted(size_t size) {
 
 } // namespace
 
-extern "C" void __wrap__Z22port_platform_sleep_msj(uint32_t ms) {
-    events.push_back("sleep " + std::to_string(ms));
+extern "C" int __wrap_select(int, fd_set*, fd_set*, fd_set*, timeval* left) {
+    events.push_back("sleep " + std::to_string(left->tv_sec * 1000 + left->tv_usec / 1000));
+    return 0;
 }
 
-extern "C" int32_t __real__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex);
-extern "C" int32_t __wrap__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex) {
-    events.emplace_back("give");
-    return __real__Z24port_platform_give_mutexP15pthread_mutex_t(mutex);
+extern "C" int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    if (mutex == g_host_mux_i2c_master_mutex) {
+        events.emplace_back("give");
+    }
+    return __real_pthread_mutex_unlock(mutex);
 }
 
 class HostMuxI2c : public testing::Test {

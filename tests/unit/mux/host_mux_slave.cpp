@@ -155,7 +155,7 @@ void fail_allocations(bool fail) {
 extern "C" {
 
 int __real_usleep(useconds_t us);
-void* __real__Z20port_platform_mallocm(size_t size);
+void* __real_malloc(size_t size);
 
 int __wrap_usleep(useconds_t us) {
     sleeps.total_us.fetch_add(us, std::memory_order_relaxed);
@@ -165,7 +165,7 @@ int __wrap_usleep(useconds_t us) {
     return __real_usleep(us / kSleepDivisor);
 }
 
-void* __wrap__Z20port_platform_mallocm(size_t size) {
-    return allocations_fail ? nullptr : __real__Z20port_platform_mallocm(size);
+void* __wrap_malloc(size_t size) {
+    return allocations_fail ? nullptr : __real_malloc(size);
 }
 }

@@ -51,7 +51,7 @@ uint64_t slept_us();
 size_t sleeps_of(unsigned us);
 void reset_sleeps();
 
-// Makes allocations of the platform port fail.
+// Makes the allocations of the code under test fail.
 void fail_allocations(bool fail);
 
 #endif

@@ -39,13 +39,13 @@ struct HostMuxTurns : HostMux {
 } // namespace
 
 // The linker leads the calls of the code under test here.
-extern "C" int32_t __real__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex);
-extern "C" int32_t __wrap__Z24port_platform_give_mutexP15pthread_mutex_t(port_platform_mutex mutex) {
-    if (turns.slave != nullptr) {
+extern "C" int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    if (turns.slave != nullptr && mutex == g_host_mux_spi_master_mutex) {
         note_frames();
         turns.order.push_back(kGive);
     }
-    return __real__Z24port_platform_give_mutexP15pthread_mutex_t(mutex);
+    return __real_pthread_mutex_unlock(mutex);
 }
 
 TEST_F(HostMuxTurns, ReceiveGivesTheMutexBeforeAndBehindEachPhase) {
