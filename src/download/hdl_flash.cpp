@@ -2,12 +2,12 @@
 
 #include "base/free_block.h"
 #include "download/hdl_da.h"
-#include "download/hdl_flash_block.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_window.h"
 #include "download/tool_log.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -18,7 +18,25 @@ constexpr uint64_t kSmallestImage = 2; // kept: one byte is refused as well as n
 constexpr uint32_t kSendFlag = 1;
 constexpr uint32_t kCrcResponse = 11;
 
+constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
+
 using BlockTable = std::unique_ptr<FlashBlock[], FreeBlock>;
+
+struct Walk {
+    uint64_t address;
+    uint64_t end;
+    bool large_allowed; // kept: an erase shorter than a large block is made of small ones only
+};
+
+Walk walk_start(uint32_t start, uint32_t length) {
+    return {start, std::min(uint64_t{start} + length, kAddressEnd), length >= kFlashLargeBlockSize};
+}
+
+// Small blocks up to the first large boundary, large ones from there on: they stay on their boundary.
+uint32_t walk_length(const Walk& walk) {
+    const bool large = walk.large_allowed && walk.address % kFlashLargeBlockSize == 0;
+    return large ? kFlashLargeBlockSize : kFlashBlockSize;
+}
 
 BlockTable make_table(uint64_t count) {
     return BlockTable(static_cast<FlashBlock*>(calloc(count, sizeof(FlashBlock))));
@@ -35,6 +53,20 @@ BlockTable make_image_table(const ImageEntry& image, uint64_t count) {
 }
 
 } // namespace
+
+uint32_t hdl_erase_plan_count(uint32_t start, uint32_t length) {
+    uint32_t count = 0;
+    for (Walk walk = walk_start(start, length); walk.address < walk.end; walk.address += walk_length(walk)) {
+        ++count;
+    }
+    return count;
+}
+
+void hdl_erase_plan_fill(uint32_t start, uint32_t length, FormatBlock* blocks) {
+    for (Walk walk = walk_start(start, length); walk.address < walk.end; walk.address += walk_length(walk)) {
+        *blocks++ = {static_cast<uint32_t>(walk.address), walk_length(walk), 0, 0};
+    }
+}
 
 bool da_format_flash(uint32_t start, uint32_t length) {
     const uint32_t count = hdl_erase_plan_count(start, length);

@@ -3,8 +3,15 @@
 #define TAVOR_HDL_FLASH_H
 
 #include "download/hdl_image.h"
+#include "download/hdl_window.h"
 
 #include <cstdint>
+
+// How many blocks the erase of [start, start + length) takes. Nothing lies beyond the 32-bit addresses.
+uint32_t hdl_erase_plan_count(uint32_t start, uint32_t length);
+
+// Fills as many blocks, all neither sent nor acknowledged. The last one may reach beyond the range.
+void hdl_erase_plan_fill(uint32_t start, uint32_t length, FormatBlock* blocks);
 
 // Erases [start, start + length), rounded up to whole blocks; what lies beyond the 32-bit addresses is left
 // out. Nothing to erase is a failure. Returns success.

@@ -1,4 +1,4 @@
-#include "download/hdl_flash_block.h"
+#include "download/hdl_flash.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 #include "download/hdl_flash.h"
-#include "download/hdl_flash_send.h"
+#include "download/hdl_window.h"
 #include "hdl_fakes.h"
 #include "hdl_file_faults.h"
 #include "support/private_dir.h"
