@@ -22,14 +22,6 @@ struct FlashInfo {
     uint8_t id[kFlashIdSize];
 };
 
-// Drops noise from the head of the pool and prints log notifications. Returns the bytes of the complete frame
-// at the head, or 0.
-uint32_t parsing_kite();
-
-// Receives until a complete frame is at the head of the pool, for a second at most. expected: bytes to ask an
-// SPI link for, up to kKiteFrameSize. Stores the frame's bytes in size. Returns success.
-bool read_dma_to_pool(uint32_t expected, uint32_t* size);
-
 // Wait for one frame and take it from the pool; expected as above. What the kind of response carries goes to
 // the other arguments, with HDL_DA_OK only. Return an HdlDaCode.
 // out: uint32_t for addresses, sizes and CRCs, 3 bytes for the flash id, uint16_t for KITE_DFU_START, one

@@ -5,6 +5,7 @@
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
 #include "download/tool_log.h"
+#include "download/tool_sleep.h"
 #include "download/tool_text.h"
 #include "download/tool_time.h"
 

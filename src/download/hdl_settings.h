@@ -1,4 +1,5 @@
-// Settings of a firmware download, filled anew by each one.
+// Settings of a firmware download. The driver fills them anew for each one; boot ROM and download agent read
+// them. Whatever lies below (link, files) is handed what it needs.
 #ifndef TAVOR_HDL_SETTINGS_H
 #define TAVOR_HDL_SETTINGS_H
 
@@ -22,6 +23,6 @@ struct DownloadSettings {
     char io_path[128];
 };
 
-extern DownloadSettings g_download_settings;
+inline DownloadSettings g_download_settings;
 
 #endif

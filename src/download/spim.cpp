@@ -5,6 +5,7 @@
 #include "device/location_spi.h"
 #include "download/hdl_settings.h"
 #include "download/tool_log.h"
+#include "download/tool_sleep.h"
 #include "download/tool_time.h"
 
 #include <algorithm>

@@ -4,8 +4,34 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 
 namespace {
+
+constexpr size_t kTimestampSize = 24;
+constexpr size_t kElapsedSize = 20;
+constexpr double kMsPerSecond = 1000;
+constexpr int64_t kNsPerMs = 1'000'000;
+
+struct State {
+    char timestamp[kTimestampSize] = {};
+    char elapsed[kElapsedSize] = {};
+    bool reporting = false; // a clock that fails is reported once, not again by the report's own stamp
+} state;
+
+int64_t nanoseconds_now() {
+    timespec now = {};
+    if (timespec_get(&now, TIME_UTC) == 0 && !state.reporting) {
+        state.reporting = true;
+        tool_log_error("timespec_get ERROR!\n");
+        state.reporting = false;
+    }
+    return now.tv_nsec;
+}
+
+unsigned field(int64_t value, int64_t modulus) {
+    return static_cast<unsigned>(value % modulus);
+}
 
 // The stamps are made before the stream is taken: a clock that fails logs a line of its own. Holding the
 // stream until funlockfile keeps other threads' lines out of this one.
@@ -17,6 +43,30 @@ void begin_line(const char* level) {
 }
 
 } // namespace
+
+const char* tool_log_timestamp() {
+    const time_t seconds = time(nullptr);
+    if (seconds < 1) {
+        return nullptr;
+    }
+    tzset(); // localtime_r alone would not notice a changed time zone
+    tm local = {};
+    if (localtime_r(&seconds, &local) == nullptr) {
+        return nullptr;
+    }
+    const int64_t milliseconds = nanoseconds_now() / kNsPerMs;
+    snprintf(state.timestamp, sizeof state.timestamp, "%04u-%02u-%02u %02u:%02u:%02u.%03u",
+             field(local.tm_year + 1900LL, 10000), field(local.tm_mon + 1, 100), field(local.tm_mday, 100),
+             field(local.tm_hour, 100), field(local.tm_min, 100), field(local.tm_sec, 100),
+             field(milliseconds, 1000));
+    return state.timestamp;
+}
+
+const char* tool_log_elapsed() {
+    const auto seconds = static_cast<double>(tool_time_since_start_ms()) / kMsPerSecond;
+    snprintf(state.elapsed, sizeof state.elapsed, "[%8.3f]", seconds);
+    return state.elapsed;
+}
 
 void tool_log_error(const char* format, ...) {
     begin_line("E");

@@ -1,17 +1,23 @@
-// Log lines of the firmware download: the two stamps of tool_time.h, then the text.
+// Log lines of the firmware download: two stamps, then the text. The stamps live in static buffers: one
+// thread only.
 #ifndef TAVOR_TOOL_LOG_H
 #define TAVOR_TOOL_LOG_H
 
 #include <cstdint>
+
+// Local wall-clock time as "2024-05-01 12:00:00.123", valid until the next call; null when it can't be told.
+const char* tool_log_timestamp();
+
+// "[   1.234]": seconds since tool_time_start, valid until the next call. Meaningless before the first start.
+const char* tool_log_elapsed();
 
 // Print "TIMESTAMP [E]ELAPSED " or "TIMESTAMP [I]ELAPSED ", then the text as printf does; the line end
 // belongs to the text. A timestamp that can't be told is empty.
 void tool_log_error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void tool_log_info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The same with a text that is data, where one step is taken by many: its only conversion, if any, is of
-// value
-// (%X or %d). Never a text from outside.
+// The same for sequences whose texts are rows of data: the text is a format with one conversion of value (%X
+// or %d), or with none. Only for texts of this program, never for one that came from outside.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 inline void tool_log_error_text(const char* text, uint32_t value = 0) {

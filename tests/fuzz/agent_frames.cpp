@@ -3,10 +3,11 @@
 // wait ends. Input: the link, then for each round a waiter and what arrives meanwhile, in pieces of given
 // length (0: silence).
 #include "download/hdl_da.h"
+#include "download/hdl_pool.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/tool_log.h"
-#include "download/tool_rx_buffer.h"
+#include "download/tool_sleep.h"
 #include "download/tool_time.h"
 #include "support/bytes.h"
 

@@ -3,7 +3,7 @@
 #define TAVOR_TESTS_HDL_DA_FIXTURE_H
 
 #include "download/hdl_da.h"
-#include "download/tool_rx_buffer.h"
+#include "download/hdl_pool.h"
 #include "hdl_fakes.h"
 
 #include <gtest/gtest.h>

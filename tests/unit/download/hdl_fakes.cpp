@@ -1,23 +1,20 @@
 #include "hdl_fakes.h"
 
 #include "download/crc32_calc.h"
+#include "download/hdl_pool.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/tool_log.h"
-#include "download/tool_rx_buffer.h"
+#include "download/tool_sleep.h"
 #include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 HdlFakes g_fakes;
-DownloadSettings g_download_settings;
 
 namespace {
-
-ToolRxBuffer pool;
 
 __attribute__((format(printf, 2, 0))) void log_line(const char* level, const char* format, va_list values) {
     char text[8192];
@@ -31,7 +28,7 @@ void hdl_fakes_reset() {
     g_fakes = HdlFakes{};
     g_download_settings = {};
     g_download_settings.link_type = HDL_LINK_SPI;
-    pool.count = 0;
+    tool_rx_buffer_clear();
 }
 
 Texts hdl_fakes_log_with(const std::string& start) {
@@ -111,30 +108,6 @@ void tool_time_start() {
 void tool_sleep_ms(int64_t ms) {
     g_fakes.calls.push_back("sleep " + std::to_string(ms));
     g_fakes.now += ms;
-}
-
-ToolRxBuffer* tool_rx_buffer_get() {
-    return &pool;
-}
-
-void tool_rx_buffer_clear() {
-    pool.count = 0;
-}
-
-bool tool_rx_buffer_append(ToolRxBuffer* buffer, const uint8_t* data, uint32_t n) {
-    if (n > kToolRxBufferSize - buffer->count) {
-        return false;
-    }
-    std::copy_n(data, n, buffer->data + buffer->count);
-    buffer->count += n;
-    return true;
-}
-
-uint32_t tool_rx_buffer_consume(ToolRxBuffer* buffer, uint32_t n) {
-    const uint32_t dropped = std::min(n, buffer->count);
-    buffer->count -= dropped;
-    memmove(buffer->data, buffer->data + dropped, buffer->count);
-    return buffer->count;
 }
 
 uint32_t crc32_calc(const uint8_t* data, uint32_t n) {

@@ -1,3 +1,4 @@
+#include "download/tool_sleep.h"
 #include "download/tool_time.h"
 
 #include "download/tool_log.h"

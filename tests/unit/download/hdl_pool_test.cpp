@@ -1,4 +1,4 @@
-#include "download/tool_rx_buffer.h"
+#include "download/hdl_pool.h"
 #include "support/bytes.h"
 
 #include <cstdint>

@@ -1,3 +1,0 @@
-#include "download/hdl_settings.h"
-
-DownloadSettings g_download_settings = {};
