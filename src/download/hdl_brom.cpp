@@ -4,10 +4,10 @@
 #include "base/stop_request.h"
 #include "device/location_gpio.h"
 #include "download/hdl_echo.h"
-#include "download/hdl_image.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
+#include "download/tool_file.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_time.h"
@@ -19,7 +19,6 @@
 
 namespace {
 
-constexpr uint32_t kSendFlag = 1;
 constexpr uint32_t kChunkSize = 1024;
 constexpr uint16_t kFirstErrorStatus = 0x1000;
 
@@ -215,7 +214,7 @@ uint16_t send_agent_file(FILE* file, uint32_t size) {
             tool_log_error("Reading error ( %d )\n", 0);
         }
         total += chunk_size;
-        hdl_transport_send(chunk, chunk_size, kSendFlag); // what is lost shows in the checksum
+        hdl_transport_send(chunk, chunk_size, kHdlSendFlag); // what is lost shows in the checksum
         checksum ^= bromChecksum(chunk, chunk_size);
         tool_log_info("SEND %d bytes OK,total %d\n", static_cast<int>(chunk_size), static_cast<int>(total));
         tool_sleep_ms(kAfterChunkMs);
@@ -269,7 +268,7 @@ bool hdl_brom_handshake() {
 
 bool hdl_brom_read_uid(uint8_t* uid) {
     const uint8_t command = kReadUid;
-    if (!hdl_transport_send(&command, sizeof command, kSendFlag)) {
+    if (!hdl_transport_send(&command, sizeof command, kHdlSendFlag)) {
         return false;
     }
     tool_sleep_ms(kUidStartMs);
@@ -326,7 +325,7 @@ bool hdl_brom_send_da() {
         tool_log_error("DA len is zero!\n");
         return false;
     }
-    const File file(fopen(path, "rb"));
+    const File file(tool_file_open(path));
     if (file == nullptr) {
         tool_log_error("Open da file %s fail\n", path);
         return false;

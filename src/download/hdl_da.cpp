@@ -14,34 +14,24 @@ namespace {
 
 constexpr int64_t kAgentStartMs = 100;
 constexpr int64_t kSpeedChangeMs = 100;
-constexpr uint32_t kSendFlag = 1;
 constexpr uint32_t kFlowControlSendFlag = 0;
 constexpr uint32_t kLinkHookValue = 1;
 
-constexpr uint32_t kCrcAt = 11; // in a response with data
-constexpr uint32_t kDataAt = 15;
-
-// Sizes of responses to ask for.
-constexpr uint32_t kPlainResponse = 7;
-constexpr uint32_t kFlashIdResponse = 10;
-constexpr uint32_t kU32Response = 11;
-constexpr uint32_t kDfuResponse = 0; // kept: these responses are taken as they are
-
-uint32_t judge_response(const uint8_t* frame, uint32_t size, uint16_t id, uint32_t needed) {
+uint32_t judge_response(const uint8_t* frame, uint32_t size, uint16_t id, uint32_t least) {
     if (!kite_has_id(frame, size, id)) {
         return HDL_DA_FOREIGN;
     }
-    return size >= needed && frame[kKiteStatusAt] == 0 ? HDL_DA_OK : HDL_DA_FAILED;
+    return size >= least && frame[kKiteStatusAt] == 0 ? HDL_DA_OK : HDL_DA_FAILED;
 }
 
 // Waits for a frame and judges it. It stays at the head of the pool: the caller takes what it needs and drops
 // size bytes, none after a time-out.
-uint32_t wait_frame(uint16_t id, uint32_t expected, uint32_t needed, uint32_t* size) {
+uint32_t wait_frame(uint16_t id, uint32_t expected, uint32_t least, uint32_t* size) {
     *size = 0;
     if (!read_dma_to_pool(expected, size)) {
         return HDL_DA_TIMEOUT;
     }
-    return judge_response(tool_rx_buffer_get()->data, *size, id, needed);
+    return judge_response(tool_rx_buffer_get()->data, *size, id, least);
 }
 
 void copy_u32(const uint8_t* frame, void* out) {
@@ -54,29 +44,26 @@ void copy_dfu_result(const uint8_t* frame, void* out) {
     memcpy(out, &value, sizeof value);
 }
 
-void copy_payload(const uint8_t* frame, uint16_t id, void* out) {
-    switch (id) {
-    case KITE_WRITE_BLOCK:
-    case KITE_FORMAT:
-    case KITE_FLASH_ADDRESS:
-    case KITE_FLASH_SIZE:
-    case KITE_IMAGE_CRC:
+void copy_payload(const uint8_t* frame, KitePayload payload, void* out) {
+    switch (payload) {
+    case KitePayload::u32:
         return copy_u32(frame, out);
-    case KITE_FLASH_ID:
+    case KitePayload::flash_id:
         memcpy(out, frame + kKitePayloadAt, kFlashIdSize);
         return;
-    case KITE_DFU_START:
+    case KitePayload::dfu:
         return copy_dfu_result(frame, out);
-    case KITE_DFU_RESET:
+    case KitePayload::cleared:
         memset(out, 0, 1);
         return;
-    default:
+    case KitePayload::none:
+    case KitePayload::data:
         return;
     }
 }
 
-// The transport's answer is not asked for: a command that was not sent has no response.
-void send_command(const KiteCommand& command, uint32_t send_flag = kSendFlag) {
+// Whether it was sent is not asked: without its response the command has failed either way.
+void send_command(const KiteCommand& command, uint32_t send_flag = kHdlSendFlag) {
     hdl_transport_send(command.bytes, command.size, send_flag);
 }
 
@@ -87,9 +74,13 @@ void send_plain(uint16_t id) {
     send_command(command);
 }
 
+uint32_t wait_response(uint16_t id, void* out) {
+    return hdl_da_wait_response(id, out, kite_kind(id).expected);
+}
+
 uint32_t ask_u32(uint16_t id, uint32_t* out) {
     send_plain(id);
-    return hdl_da_wait_response(id, out, kU32Response);
+    return wait_response(id, out);
 }
 
 uint32_t ask_dfu(uint16_t id, uint8_t parameter, void* out) {
@@ -98,7 +89,7 @@ uint32_t ask_dfu(uint16_t id, uint8_t parameter, void* out) {
     kite_add_u8(&command, parameter);
     kite_end_with_crc(&command);
     send_command(command);
-    return hdl_da_wait_response(id, out, kDfuResponse);
+    return wait_response(id, out);
 }
 
 bool raise_serial_speed() {
@@ -141,9 +132,10 @@ bool ask_flash_info(FlashInfo* info) {
 uint32_t hdl_da_wait_response(uint16_t id, void* out, uint32_t expected) {
     ToolRxBuffer* pool = tool_rx_buffer_get();
     uint32_t size = 0;
-    const uint32_t code = wait_frame(id, expected, kite_response_size(id), &size);
+    const KiteKind& kind = kite_kind(id);
+    const uint32_t code = wait_frame(id, expected, kind.least, &size);
     if (code == HDL_DA_OK && out != nullptr) {
-        copy_payload(pool->data, id, out);
+        copy_payload(pool->data, kind.payload, out);
     }
     tool_rx_buffer_consume(pool, size);
     return code;
@@ -152,7 +144,8 @@ uint32_t hdl_da_wait_response(uint16_t id, void* out, uint32_t expected) {
 uint32_t hdl_da_wait_flash_id(uint16_t id, uint8_t* out) {
     ToolRxBuffer* pool = tool_rx_buffer_get();
     uint32_t size = 0;
-    const uint32_t code = wait_frame(id, kFlashIdResponse, kFlashIdResponse, &size);
+    const KiteKind& kind = kite_kind(KITE_FLASH_ID);
+    const uint32_t code = wait_frame(id, kind.expected, kind.least, &size);
     if (code == HDL_DA_OK) {
         memcpy(out, pool->data + kKitePayloadAt, kFlashIdSize);
     }
@@ -164,29 +157,19 @@ uint32_t hdl_da_wait_data(uint16_t id, uint32_t* address, uint32_t* crc, uint8_t
                           uint32_t expected) {
     ToolRxBuffer* pool = tool_rx_buffer_get();
     uint32_t size = 0;
-    uint32_t code = wait_frame(id, expected, kDataAt, &size);
-    if (code == HDL_DA_OK && size - kDataAt > room) {
+    uint32_t code = wait_frame(id, expected, kKiteDataAt, &size);
+    if (code == HDL_DA_OK && size - kKiteDataAt > room) {
         code = HDL_DA_FAILED;
     }
     if (code == HDL_DA_OK) {
         *address = load_le32(pool->data + kKitePayloadAt);
-        *crc = load_le32(pool->data + kCrcAt);
+        *crc = load_le32(pool->data + kKiteDataCrcAt);
     }
-    if (code == HDL_DA_OK && size > kDataAt) {
-        memcpy(data, pool->data + kDataAt, size - kDataAt);
+    if (code == HDL_DA_OK && size > kKiteDataAt) {
+        memcpy(data, pool->data + kKiteDataAt, size - kKiteDataAt);
     }
     tool_rx_buffer_consume(pool, size);
     return code;
-}
-
-uint32_t hdl_dfu_start_kite(uint8_t parameter, uint16_t* out) {
-    tool_log_info("hdl_dfu_start_kite start\n");
-    return ask_dfu(KITE_DFU_START, parameter, out);
-}
-
-uint32_t hdl_dfu_reset_kite(uint8_t parameter, uint8_t* out) {
-    tool_log_info("hdl_dfu_reset_kite start\n");
-    return ask_dfu(KITE_DFU_RESET, parameter, out);
 }
 
 uint32_t hdl_da_get_flash_address(uint32_t* out) {
@@ -215,7 +198,7 @@ bool hdl_speedup_slave_baudrate(uint32_t baud) {
     kite_add_u32(&command, baud);
     kite_end(&command);
     send_command(command);
-    const uint32_t code = hdl_da_wait_response(KITE_LINE_SPEED, nullptr, kPlainResponse);
+    const uint32_t code = wait_response(KITE_LINE_SPEED, nullptr);
     if (code != HDL_DA_OK) {
         tool_log_error("hdl_speedup_slave_baudrate error, ErrorCode:%d\n", static_cast<int>(code));
         return false;
@@ -230,28 +213,11 @@ bool hdl_finish_kite(uint8_t parameter) {
     kite_add_u8(&command, parameter);
     kite_end(&command);
     send_command(command);
-    const uint32_t code = hdl_da_wait_response(KITE_FINISH, nullptr, kPlainResponse);
+    const uint32_t code = wait_response(KITE_FINISH, nullptr);
     if (code != HDL_DA_OK) {
         tool_log_error("hdl_finish_kite error, ErrorCode:%d\n", static_cast<int>(code));
     }
     return code == HDL_DA_OK;
-}
-
-bool hdl_open_slave_flow_ctrl() {
-    constexpr uint8_t kOn = 1;
-    KiteCommand command;
-    kite_begin(&command, KITE_FLOW_CONTROL);
-    kite_add_u8(&command, kOn);
-    kite_end(&command);
-    send_command(command, kFlowControlSendFlag);
-    tool_log_info("hdl_open_slave_flow_ctrl start\n");
-    const uint32_t code = hdl_da_wait_response(KITE_FLOW_CONTROL, nullptr, kPlainResponse);
-    if (code != HDL_DA_OK) {
-        tool_log_error("hdl_open_slave_flow_ctrl error, ErrorCode:%d\n", static_cast<int>(code));
-        return false;
-    }
-    tool_log_info("hdl_open_slave_flow_ctrl res done\n");
-    return true;
 }
 
 bool hdl_da_get_flash_info(FlashInfo* info) {
@@ -266,5 +232,32 @@ bool hdl_da_get_flash_info(FlashInfo* info) {
     tool_log_info("########## Flash address: 0x%X\n", info->address);
     tool_log_info("########## Flash size: 0x%X\n", info->size);
     tool_log_info("########## Flash id: 0x%X%X%X\n", info->id[0], info->id[1], info->id[2]);
+    return true;
+}
+
+uint32_t hdl_dfu_start_kite(uint8_t parameter, uint16_t* out) {
+    tool_log_info("hdl_dfu_start_kite start\n");
+    return ask_dfu(KITE_DFU_START, parameter, out);
+}
+
+uint32_t hdl_dfu_reset_kite(uint8_t parameter, uint8_t* out) {
+    tool_log_info("hdl_dfu_reset_kite start\n");
+    return ask_dfu(KITE_DFU_RESET, parameter, out);
+}
+
+bool hdl_open_slave_flow_ctrl() {
+    constexpr uint8_t kOn = 1;
+    KiteCommand command;
+    kite_begin(&command, KITE_FLOW_CONTROL);
+    kite_add_u8(&command, kOn);
+    kite_end(&command);
+    send_command(command, kFlowControlSendFlag);
+    tool_log_info("hdl_open_slave_flow_ctrl start\n");
+    const uint32_t code = wait_response(KITE_FLOW_CONTROL, nullptr);
+    if (code != HDL_DA_OK) {
+        tool_log_error("hdl_open_slave_flow_ctrl error, ErrorCode:%d\n", static_cast<int>(code));
+        return false;
+    }
+    tool_log_info("hdl_open_slave_flow_ctrl res done\n");
     return true;
 }

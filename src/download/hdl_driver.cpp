@@ -1,6 +1,7 @@
 #include "download/hdl_driver.h"
 
 #include "base/format.h"
+#include "base/free_block.h"
 #include "config/location_config.h"
 #include "download/hdl_brom.h"
 #include "download/hdl_da.h"
@@ -13,8 +14,8 @@
 #include "download/tool_time.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -25,24 +26,15 @@ constexpr uint32_t kSlowBaud = 115200;
 constexpr uint8_t kFinishParameter = 0;
 constexpr int32_t kFailed = -1;
 
-// kept: a download that fails does not give its image list back. The next one does, so that one list at most
-// stays behind.
-struct State {
-    ImageEntry* images;
-    uint32_t count;
+// The images of a download, in their order.
+struct Images {
+    std::unique_ptr<ImageEntry[], FreeBlock> list;
+    uint32_t count = 0;
 };
 
-State state;
-
-void drop_images() {
-    free(state.images);
-    state = {};
-}
-
-bool load_images() {
-    drop_images();
-    state.images = load_flash_download_cfg(&state.count);
-    if (state.images == nullptr) {
+bool load_images(Images* images) {
+    images->list.reset(load_flash_download_cfg(g_download_settings.image_cfg_path, &images->count));
+    if (images->list == nullptr) {
         tool_log_error("Parsing config content failed\n");
         return false;
     }
@@ -100,10 +92,10 @@ bool erase_flash(const FlashInfo& info) {
     return true;
 }
 
-bool write_images() {
+bool write_images(const Images& images) {
     const int64_t start = tool_time_now_ms();
-    for (uint32_t i = 0; i < state.count; ++i) {
-        const ImageEntry image = state.images[i];
+    for (uint32_t i = 0; i < images.count; ++i) {
+        const ImageEntry image = images.list[i];
         if (!download_image(&image)) {
             tool_log_error("download %s FAILED\n", image.name);
             return false;
@@ -114,10 +106,10 @@ bool write_images() {
     return true;
 }
 
-bool check_images() {
+bool check_images(const Images& images) {
     const int64_t start = tool_time_now_ms();
-    for (uint32_t i = 0; i < state.count; ++i) {
-        const ImageEntry image = state.images[i];
+    for (uint32_t i = 0; i < images.count; ++i) {
+        const ImageEntry image = images.list[i];
         if (!check_image_crc(&image)) {
             tool_log_error("check_image_crc %s FAILED\n", image.name);
             return false;
@@ -129,10 +121,10 @@ bool check_images() {
 }
 
 // All images are written before the first is checked.
-bool run_on_open_transport() {
+bool run_on_open_transport(const Images& images) {
     FlashInfo info = {};
     return shake_hands() && prepare_serial_line() && start_agent(&info) && erase_flash(info) &&
-           write_images() && check_images() && hdl_finish_kite(kFinishParameter);
+           write_images(images) && check_images(images) && hdl_finish_kite(kFinishParameter);
 }
 
 } // namespace
@@ -171,13 +163,11 @@ int32_t hdl_firmware_download() {
 }
 
 bool hdl_download_flow() {
-    if (!load_images() || !hdl_transport_open()) {
+    Images images;
+    if (!load_images(&images) || !hdl_transport_open(g_download_settings)) {
         return false;
     }
-    const bool done = run_on_open_transport();
+    const bool done = run_on_open_transport(images);
     hdl_transport_close();
-    if (done) {
-        drop_images();
-    }
     return done;
 }

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr uint32_t kSendFlag = 1;
 constexpr int64_t kPollMs = 20;
 constexpr int64_t kAnsweredAtOnceMs = 10;
 constexpr int64_t kReadU16LimitMs = 1000;
@@ -25,7 +24,7 @@ void reverse_on_serial(uint8_t* word, uint32_t n) {
 
 bool send_word(uint8_t* word, uint32_t n) {
     reverse_on_serial(word, n);
-    return hdl_transport_send(word, n, kSendFlag);
+    return hdl_transport_send(word, n, kHdlSendFlag);
 }
 
 bool receive_within_limit(uint8_t* word, uint32_t n) {
@@ -81,7 +80,7 @@ bool readU32(uint32_t* value) {
 
 bool echoU8(uint8_t value, uint8_t expect) {
     tool_log_info("echoU8 Send 0x%X\n", value);
-    if (!hdl_transport_send(&value, sizeof value, kSendFlag)) {
+    if (!hdl_transport_send(&value, sizeof value, kHdlSendFlag)) {
         return false;
     }
     tool_sleep_ms(kPollMs);

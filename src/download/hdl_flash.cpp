@@ -5,6 +5,7 @@
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_window.h"
+#include "download/tool_file.h"
 #include "download/tool_log.h"
 
 #include <algorithm>
@@ -13,12 +14,9 @@
 
 namespace {
 
-constexpr uint64_t kMostBlocks = (uint64_t{1} << 32U) / kFlashBlockSize; // all that have an address
-constexpr uint64_t kSmallestImage = 2; // kept: one byte is refused as well as none
-constexpr uint32_t kSendFlag = 1;
-constexpr uint32_t kCrcResponse = 11;
-
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
+constexpr uint64_t kMostBlocks = kAddressEnd / kFlashBlockSize; // all that have an address
+constexpr uint64_t kSmallestImage = 2;                          // kept: one byte is refused as well as none
 
 using BlockTable = std::unique_ptr<FlashBlock[], FreeBlock>;
 
@@ -122,10 +120,10 @@ bool check_image_crc(const ImageEntry* image) {
     kite_add_u32(&command, static_cast<uint32_t>(getFileSize(image->name)));
     kite_add_u32(&command, image_crc32(image->name));
     kite_end_with_crc(&command);
-    hdl_transport_send(command.bytes, command.size, kSendFlag);
+    hdl_transport_send(command.bytes, command.size, kHdlSendFlag);
 
     uint32_t crc = 0;
-    const uint32_t code = hdl_da_wait_response(KITE_IMAGE_CRC, &crc, kCrcResponse);
+    const uint32_t code = hdl_da_wait_response(KITE_IMAGE_CRC, &crc, kite_kind(KITE_IMAGE_CRC).expected);
     if (code != HDL_DA_OK) {
         tool_log_error("check_image_crc error, ErrorCode:%d, res_crc=  0x%08X\n", static_cast<int>(code),
                        crc);

@@ -20,10 +20,11 @@ bool da_format_flash(uint32_t start, uint32_t length);
 // Writes one image of at least 2 bytes. Returns success.
 bool download_image(const ImageEntry* image);
 
-// Writes count images in their order, up to the first failure. Returns success.
-bool download_all_images(const ImageEntry* images, uint32_t count);
-
 // Has the agent compare an image's CRC with that of the flash. Returns whether it agreed.
 bool check_image_crc(const ImageEntry* image);
+
+// The interface, but no part of a download, which writes its images one by one: writes count images in their
+// order, up to the first failure. Returns success.
+bool download_all_images(const ImageEntry* images, uint32_t count);
 
 #endif

@@ -3,7 +3,7 @@
 #include "base/format.h"
 #include "base/free_block.h"
 #include "download/crc32_calc.h"
-#include "download/hdl_settings.h"
+#include "download/tool_file.h"
 #include "download/tool_log.h"
 #include "download/tool_text.h"
 
@@ -11,7 +11,6 @@
 #include <cstring>
 #include <libgen.h>
 #include <memory>
-#include <sys/stat.h>
 
 namespace {
 
@@ -44,31 +43,6 @@ struct Reading {
 
 enum class Block { whole, cut_short, end_of_file, refused };
 
-// Whoever opens a pipe waits for its writer, and a character device may give bytes without end: neither is
-// opened.
-FILE* open_to_read(const char* path, const char* mode) {
-    struct stat status = {};
-    if (stat(path, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
-        return nullptr;
-    }
-    return fopen(path, mode);
-}
-
-bool close_logged(FILE* file, const char* path) {
-    if (fclose(file) == 0) {
-        return true;
-    }
-    tool_log_error("The file(%s) could not closed.\n", path);
-    return false;
-}
-
-// Negative when the file has no size. A directory would tell one that means nothing.
-off_t size_of(FILE* file) {
-    struct stat status = {};
-    const bool directory = fstat(fileno(file), &status) == 0 && S_ISDIR(status.st_mode);
-    return directory || fseeko(file, 0, SEEK_END) != 0 ? -1 : ftello(file);
-}
-
 bool is_blank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
@@ -94,8 +68,9 @@ bool has_key(const Line& line, const char* key) {
     return strstr(line.stripped, key) != nullptr;
 }
 
-// What stands behind a key at the line's start. Kept: the key is looked for anywhere in the line, so a line
-// that holds it is at least as long.
+// The text behind a key that begins the line. Kept: the key may stand anywhere in the line, and the text
+// still begins behind as many characters as the key has; the line has at least that many, because it holds
+// the key.
 const char* value_of(const Line& line, const char* key) {
     return line.stripped + strlen(key);
 }
@@ -111,12 +86,11 @@ uint32_t count_images(FILE* file) {
     return ferror(file) == 0 ? count : 0; // a part of the list is none
 }
 
-// The directory of the image list, absolute where the path can be resolved; null without memory.
-Text image_directory() {
-    const char* path = g_download_settings.image_cfg_path;
-    Text resolved(realpath(path, nullptr));
+// The directory of the image list, absolute where the list's path can be resolved; null without memory.
+Text image_directory(const char* list_path) {
+    Text resolved(realpath(list_path, nullptr));
     if (resolved == nullptr) {
-        resolved.reset(strdup(path));
+        resolved.reset(strdup(list_path));
     }
     return Text(resolved == nullptr ? nullptr : strdup(dirname(resolved.get())));
 }
@@ -136,7 +110,7 @@ bool set_name(const Reading& reading, const char* file_name) {
     return true;
 }
 
-// A number that 32 bits can't hold becomes the highest address, which no flash has, on every machine.
+// A number that does not fit 32 bits becomes the highest address, which no flash has.
 void set_begin_address(const Reading& reading, const char* text) {
     const unsigned long long value = strtoull(text, nullptr, 0);
     const auto address = static_cast<uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
@@ -169,7 +143,7 @@ Block read_block(const Reading& reading) {
             tool_log_info("skip [%s]:\n", line.stripped);
             return Block::cut_short;
         }
-        // Reached by a block start in a comment: it is not counted, but read. kept
+        // Kept: a block start inside a comment is not counted, but read as a block.
         if (reading.index == reading.count) {
             const auto index = static_cast<int>(reading.index);
             tool_log_error("Out of index(0~)=%d. Total image count= %d.\n", index, index);
@@ -203,14 +177,14 @@ bool read_blocks(Reading* reading) {
     return true;
 }
 
-ImageEntry* read_counted(FILE* file, uint32_t count) {
+ImageEntry* read_counted(FILE* file, const char* path, uint32_t count) {
     tool_log_info("image count=%d\n", static_cast<int>(count));
     if (count == 0) {
         tool_log_error("Parsing config image count failed\n");
         return nullptr;
     }
     rewind(file);
-    return read_cfg_file(file, count);
+    return read_cfg_file(file, path, count);
 }
 
 // Reads size bytes at the offset as they will stand in flash.
@@ -245,16 +219,6 @@ bool take_file(FILE* file, uint64_t file_size, uint32_t* running) {
 
 } // namespace
 
-uint64_t getFileSize(const char* path) {
-    FILE* file = path == nullptr ? nullptr : open_to_read(path, "rb");
-    if (file == nullptr) {
-        return 0;
-    }
-    const off_t size = size_of(file);
-    const bool closed = close_logged(file, path);
-    return closed && size > 0 ? static_cast<uint64_t>(size) : 0;
-}
-
 void strip_spaces(const char* source, char* dst) {
     while (is_blank(*source)) {
         ++source;
@@ -267,25 +231,24 @@ void strip_spaces(const char* source, char* dst) {
     *dst = '\0';
 }
 
-ImageEntry* load_flash_download_cfg(uint32_t* count) {
-    const char* path = g_download_settings.image_cfg_path;
-    FILE* file = open_to_read(path, "r");
+ImageEntry* load_flash_download_cfg(const char* path, uint32_t* count) {
+    FILE* file = tool_file_open(path);
     if (file == nullptr) {
         tool_log_error("open file Failed:%s\n", path);
         return nullptr;
     }
     *count = count_images(file);
-    Images images(read_counted(file, *count));
-    return close_logged(file, path) ? images.release() : nullptr;
+    Images images(read_counted(file, path, *count));
+    return tool_file_close(file, path) ? images.release() : nullptr;
 }
 
-ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
+ImageEntry* read_cfg_file(FILE* file, const char* path, uint32_t count) {
     Images images(static_cast<ImageEntry*>(calloc(count, sizeof(ImageEntry))));
     if (images == nullptr) {
         tool_log_error("read_cfg_file malloc cfg_list fail\n");
         return nullptr;
     }
-    const Text directory = image_directory();
+    const Text directory = image_directory(path);
     if (directory == nullptr) {
         tool_log_error("read_cfg_file concat ERROR\n\n");
         return nullptr;
@@ -297,13 +260,13 @@ ImageEntry* read_cfg_file(FILE* file, uint32_t count) {
 
 uint32_t image_crc32(const char* path) {
     const uint64_t size = getFileSize(path);
-    FILE* file = path == nullptr ? nullptr : open_to_read(path, "rb");
+    FILE* file = tool_file_open(path);
     if (file == nullptr) {
         tool_log_error("can not open %s\n", path == nullptr ? "" : path);
         return 0;
     }
     uint32_t running = kCrc32Start;
     const bool taken = take_file(file, size, &running);
-    const bool closed = close_logged(file, path);
+    const bool closed = tool_file_close(file, path);
     return taken && closed ? ~running : 0;
 }

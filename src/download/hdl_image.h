@@ -12,20 +12,16 @@ struct ImageEntry {
 };
 static_assert(sizeof(ImageEntry) == 260);
 
-// Bytes of the file; 0 when path is null, a directory or can't be read.
-uint64_t getFileSize(const char* path);
-
 // Copies source without leading blanks, tabs and line ends, and without any other blank. dst: as large as
 // source.
 void strip_spaces(const char* source, char* dst);
 
-// Reads the list that g_download_settings names. Returns it (the caller frees it) and its count, or null
-// after logging why.
-ImageEntry* load_flash_download_cfg(uint32_t* count);
+// Reads the image list at path. Returns it (the caller frees it) and its count, or null after logging why.
+ImageEntry* load_flash_download_cfg(const char* path, uint32_t* count);
 
-// Reads count images from a file at its start. Returns the list (the caller frees it), or null after logging
-// why.
-ImageEntry* read_cfg_file(FILE* file, uint32_t count);
+// Reads count images from the opened list at path, from where it stands. Returns the list (the caller frees
+// it), or null after logging why.
+ImageEntry* read_cfg_file(FILE* file, const char* path, uint32_t count);
 
 // CRC-32 of the file, filled up with 0xFF to a multiple of 4 bytes; 0 on any failure.
 uint32_t image_crc32(const char* path);

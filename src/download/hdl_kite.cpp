@@ -3,7 +3,9 @@
 #include "base/byte_order.h"
 #include "download/crc32_calc.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -15,15 +17,42 @@ constexpr uint8_t kNotification = 0x5D;
 constexpr uint32_t kLengthAt = 2;
 constexpr uint32_t kIdAt = 4; // and what the length counts from
 
-constexpr uint32_t kU16PayloadEnd = 8; // from the status byte on
-constexpr uint32_t kIdPayloadEnd = 10;
-constexpr uint32_t kU32PayloadEnd = 11;
+constexpr uint32_t kPlain = kKitePayloadAt; // bytes of responses, by payload
+constexpr uint32_t kWithDfu = kPlain + 1;
+constexpr uint32_t kWithFlashId = kPlain + kFlashIdSize;
+constexpr uint32_t kWithU32 = kPlain + 4;
+constexpr uint32_t kWithData = kKiteDataAt;
+constexpr uint32_t kAsItComes = 0; // kept: an SPI link is asked for no byte of these
+
+constexpr KiteKind kKinds[] = {
+    {KITE_WRITE_BLOCK, KitePayload::u32, kWithU32, kWithU32},
+    {KITE_READ_BACK, KitePayload::data, kWithData, kWithData + kReadbackSize},
+    {KITE_FORMAT, KitePayload::u32, kWithU32, kWithU32},
+    {KITE_FINISH, KitePayload::none, kPlain, kPlain},
+    {KITE_READ_OTP, KitePayload::data, kWithData, kAsItComes},
+    {KITE_FLASH_ADDRESS, KitePayload::u32, kWithU32, kWithU32},
+    {KITE_FLASH_SIZE, KitePayload::u32, kWithU32, kWithU32},
+    {KITE_FLASH_ID, KitePayload::flash_id, kWithFlashId, kWithFlashId},
+    {KITE_LINE_SPEED, KitePayload::none, kPlain, kPlain},
+    {KITE_FLOW_CONTROL, KitePayload::none, kPlain, kPlain},
+    {KITE_IMAGE_CRC, KitePayload::u32, kWithU32, kWithU32},
+    {KITE_DFU_START, KitePayload::dfu, kWithDfu, kAsItComes},
+    {KITE_DFU_RESET, KitePayload::cleared, kPlain, kAsItComes},
+};
+
+constexpr KiteKind kNoCommand = {KITE_LOG, KitePayload::none, kPlain, kPlain};
 
 bool starts_frame(const uint8_t* data) {
     return data[0] == kStart && (data[1] == kResponse || data[1] == kNotification);
 }
 
 } // namespace
+
+const KiteKind& kite_kind(uint16_t id) {
+    const auto* kind =
+        std::find_if(std::begin(kKinds), std::end(kKinds), [id](const KiteKind& k) { return k.id == id; });
+    return kind == std::end(kKinds) ? kNoCommand : *kind;
+}
 
 void kite_begin(KiteCommand* command, uint16_t id) {
     command->bytes[0] = kStart;
@@ -90,21 +119,4 @@ bool kite_is_log(const uint8_t* frame, uint32_t size) {
 
 uint32_t kite_log_text_size(uint32_t size) {
     return size > kKiteLogTextAt ? size - kKiteLogTextAt : 0;
-}
-
-uint32_t kite_response_size(uint16_t id) {
-    switch (id) {
-    case KITE_WRITE_BLOCK:
-    case KITE_FORMAT:
-    case KITE_FLASH_ADDRESS:
-    case KITE_FLASH_SIZE:
-    case KITE_IMAGE_CRC:
-        return kU32PayloadEnd;
-    case KITE_FLASH_ID:
-        return kIdPayloadEnd;
-    case KITE_DFU_START:
-        return kU16PayloadEnd;
-    default:
-        return kKitePayloadAt;
-    }
 }

@@ -24,9 +24,35 @@ enum KiteId : uint16_t {
     KITE_DFU_RESET = 0x211C,
 };
 
+// What a response carries behind its status.
+enum class KitePayload : uint8_t {
+    none,
+    u32,      // an address, a size or a checksum
+    flash_id, // kFlashIdSize bytes
+    dfu,      // kept: one byte, which with the status before it makes a 16-bit word
+    cleared,  // kept: nothing, but the caller's first byte is cleared
+    data,     // an address, a CRC-32, the data
+};
+
+// A command of the agent.
+struct KiteKind {
+    KiteId id;
+    KitePayload payload; // of the response
+    uint32_t least;      // bytes of the shortest response; the data of a readback aside
+    uint32_t expected;   // bytes of the response that an SPI link is asked for
+};
+
+// The row of a command; that of a response without payload for an identifier that is none.
+const KiteKind& kite_kind(uint16_t id);
+
+inline constexpr uint32_t kFlashIdSize = 3;     // bytes: manufacturer, type, capacity
+inline constexpr uint32_t kReadbackSize = 2048; // bytes of data that one readback asks for
+
 // Places in an agent's frame.
 inline constexpr uint32_t kKiteStatusAt = 6;
 inline constexpr uint32_t kKitePayloadAt = 7;
+inline constexpr uint32_t kKiteDataCrcAt = 11; // in a response with data, behind its address
+inline constexpr uint32_t kKiteDataAt = 15;
 inline constexpr uint32_t kKiteLogTextAt = 12; // in a log notification
 
 inline constexpr uint32_t kKiteHeadSize = 6; // bytes that are needed to look at a frame
@@ -61,8 +87,5 @@ bool kite_is_log(const uint8_t* frame, uint32_t size);
 
 // Bytes of a log notification's text; 0 when the frame is too short for any.
 uint32_t kite_log_text_size(uint32_t size);
-
-// Bytes that a response to this command has at least; the data of a readback aside.
-uint32_t kite_response_size(uint16_t id);
 
 #endif

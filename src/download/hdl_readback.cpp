@@ -15,10 +15,7 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr int64_t kAttemptMs = 1000;
-constexpr uint32_t kSendFlag = 1;
-constexpr uint32_t kReadbackResponse = 2063; // bytes of the frame
-constexpr uint32_t kOtpResponse = 0;         // kept: taken as it is
-constexpr uint32_t kOtpStep = 4096;          // kept: twice what one request can carry
+constexpr uint32_t kOtpStep = 4096; // kept: twice what one request can carry
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
 struct Response {
@@ -31,7 +28,6 @@ struct Request {
     KiteId id;
     uint32_t address;
     uint32_t length; // bytes of data
-    uint32_t expected;
 };
 
 bool checksum_fits(const Request& request, const Response& response) {
@@ -49,7 +45,7 @@ bool wait_for_data(const Request& request, Response* response) {
     while (hdl_wait_elapsed(&start) < kAttemptMs) {
         *response = {};
         const uint32_t code = hdl_da_wait_data(request.id, &response->address, &response->crc, response->data,
-                                               sizeof response->data, request.expected);
+                                               sizeof response->data, kite_kind(request.id).expected);
         if (code == HDL_DA_OK && checksum_fits(request, *response)) {
             return true;
         }
@@ -60,7 +56,7 @@ bool wait_for_data(const Request& request, Response* response) {
 
 bool request_data(const Request& request, const KiteCommand& command, Response* response) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        hdl_transport_send(command.bytes, command.size, kSendFlag);
+        hdl_transport_send(command.bytes, command.size, kHdlSendFlag);
         if (wait_for_data(request, response)) {
             return true;
         }
@@ -130,7 +126,7 @@ uint64_t range_end(uint32_t start, uint32_t length) {
 } // namespace
 
 bool hdl_readback_kite(const char* path, uint32_t address) {
-    const Request request = {KITE_READ_BACK, address, kReadbackSize, kReadbackResponse};
+    const Request request = {KITE_READ_BACK, address, kReadbackSize};
     KiteCommand command;
     kite_begin(&command, request.id);
     kite_add_u32(&command, address);
@@ -148,7 +144,7 @@ bool hdl_read_otp_kite(const char* path, uint32_t address, uint32_t length) {
     if (length > kReadbackSize) {
         return false;
     }
-    const Request request = {KITE_READ_OTP, address, length, kOtpResponse};
+    const Request request = {KITE_READ_OTP, address, length};
     KiteCommand command;
     kite_begin(&command, request.id);
     kite_add_u32(&command, address);

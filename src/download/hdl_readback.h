@@ -1,10 +1,11 @@
-// Reading the flash and the one-time programmable area back into files. Failures are logged.
+// Reading the flash and the one-time programmable area back into files. Failures are logged. All of it is the
+// interface, but no part of a download.
 #ifndef TAVOR_HDL_READBACK_H
 #define TAVOR_HDL_READBACK_H
 
-#include <cstdint>
+#include "download/hdl_kite.h"
 
-inline constexpr uint32_t kReadbackSize = 2048; // bytes of one request
+#include <cstdint>
 
 // Appends kReadbackSize bytes of the flash from address on to a file. Returns success.
 bool hdl_readback_kite(const char* path, uint32_t address);

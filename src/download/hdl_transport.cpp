@@ -1,9 +1,11 @@
 #include "download/hdl_transport.h"
 
+#include "download/hdl_settings.h"
 #include "download/spim.h"
 
-bool hdl_transport_open() {
-    return hdl_transport_prepare() && spim_open() == 1;
+bool hdl_transport_open(const DownloadSettings& settings) {
+    const SpimPort port = {settings.io_path, settings.spi_frequency, settings.spi_bit_order};
+    return hdl_transport_prepare() && spim_open(port) == 1;
 }
 
 void hdl_transport_close() {

@@ -5,25 +5,32 @@
 
 #include <cstdint>
 
-// Opens the link by g_download_settings. Returns success.
-bool hdl_transport_open();
+struct DownloadSettings;
+
+inline constexpr uint32_t kHdlSendFlag = 1; // of every command but the one that opens flow control
+
+// Opens the link that the settings name. Returns success.
+bool hdl_transport_open(const DownloadSettings& settings);
 
 // Closing twice is harmless.
 void hdl_transport_close();
 
-// Sends n bytes. send_flag is of no use on SPI. Returns success.
+// Sends n bytes. send_flag belongs to the interface for links that need it; SPI does not use it. Returns
+// success.
 bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag);
 
 // Receives up to n bytes. Returns how many came, 0 when none.
 uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n);
 
-// Hook before the link opens: nothing to do on SPI. Returns success.
+// The rest is the interface for links other than SPI, and does nothing.
+
+// Hook before the link opens. Returns success.
 bool hdl_transport_prepare();
 
-// Switches the host's side of a serial line; nothing to do on SPI. Returns success.
+// Switches the host's side of a serial line to baud. Returns success.
 bool hdl_transport_set_speed(uint32_t baud);
 
-// Hook of the third kind of link: nothing to do.
+// Hook of the third kind of link.
 void hdl_transport_link_hook(uint32_t value);
 
 #endif

@@ -13,15 +13,13 @@
 namespace {
 
 constexpr int kSendAttempts = 3;
-constexpr uint32_t kSendFlag = 1;
 constexpr int kErased = 0xFF;
 constexpr int64_t kFormatLimitMs = 45000;
 constexpr int64_t kDownloadBlockLimitMs = 1000;
-constexpr uint32_t kResponseSize = 11;
 
 bool send_with_attempts(const KiteCommand& command) {
     for (int attempt = 0; attempt < kSendAttempts; ++attempt) {
-        if (hdl_transport_send(command.bytes, command.size, kSendFlag)) {
+        if (hdl_transport_send(command.bytes, command.size, kHdlSendFlag)) {
             return true;
         }
     }
@@ -156,7 +154,8 @@ bool acknowledge(const Window& window, uint32_t address) {
 // lost one does not stall it; the second pass only uses up a wait.
 bool wait_once(const Window& window) {
     uint32_t address = 0;
-    if (hdl_da_wait_response(window.rules.command, &address, kResponseSize) != HDL_DA_OK) {
+    const KiteId command = window.rules.command;
+    if (hdl_da_wait_response(command, &address, kite_kind(command).expected) != HDL_DA_OK) {
         return !window.resending && advance(window);
     }
     tool_log_info_text(window.rules.response, address);

@@ -3,7 +3,6 @@
 #include "base/byte_order.h"
 #include "base/stop_request.h"
 #include "device/location_spi.h"
-#include "download/hdl_settings.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_time.h"
@@ -19,7 +18,7 @@ constexpr uint32_t kFrameSize = 1 + kSpimMaxData; // opcode and data
 constexpr uint32_t kConfigureSize = 9;            // opcode, address, length
 constexpr uint32_t kDataAddress = 0x55AA0000;
 constexpr int32_t kClosed = -1;
-constexpr uint32_t kReversedBits = 1; // bit order of the settings
+constexpr uint32_t kReversedBits = 1; // bit order of the port
 
 constexpr uint8_t kConfigureRead = 0x02;
 constexpr uint8_t kConfigureWrite = 0x04;
@@ -63,6 +62,7 @@ constexpr uint32_t kReadWakeups = 1;
 
 struct State {
     int32_t fd = kClosed;
+    uint32_t bit_order = 0;
     uint8_t tx[kFrameSize] = {};
     uint8_t rx[kFrameSize] = {};
     uint8_t bounce[kSpimMaxData] = {};
@@ -83,7 +83,7 @@ constexpr std::array<uint8_t, 256> make_reversed() {
 constexpr std::array<uint8_t, 256> kReversed = make_reversed();
 
 void reverse_bits(uint8_t* bytes, uint32_t n) {
-    if (bytes != nullptr && g_download_settings.spi_bit_order == kReversedBits) {
+    if (bytes != nullptr && state.bit_order == kReversedBits) {
         std::transform(bytes, bytes + n, bytes, [](uint8_t byte) { return kReversed[byte]; });
     }
 }
@@ -255,18 +255,19 @@ void poll_wakeup() {
 
 } // namespace
 
-int32_t spim_open() {
+int32_t spim_open(const SpimPort& port) {
     location_spi_config config = {};
     config.mode = 0;
-    config.lsb_first = g_download_settings.spi_bit_order == 0 ? 1 : 0;
+    config.lsb_first = port.bit_order == 0 ? 1 : 0;
     config.bits_per_word = 8;
-    config.max_speed_hz = g_download_settings.spi_frequency;
-    snprintf(config.path, sizeof config.path, "%s", g_download_settings.io_path);
+    config.max_speed_hz = port.frequency;
+    snprintf(config.path, sizeof config.path, "%s", port.path);
     int32_t fd = kClosed;
     if (location_spi_init(&fd, &config) != 0) {
         return 0;
     }
     state.fd = fd;
+    state.bit_order = port.bit_order;
     return 1;
 }
 

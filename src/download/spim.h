@@ -14,8 +14,14 @@ struct spim_transfer {
     uint32_t rx_len;
 };
 
-// Opens and configures the device of g_download_settings. Returns 1, or 0 with nothing open.
-int32_t spim_open();
+struct SpimPort {
+    const char* path;   // of the device, up to 127 characters
+    uint32_t frequency; // Hz
+    uint32_t bit_order; // 0: the device turns the bits, 1: the bits are turned here, else: nobody turns them
+};
+
+// Opens and configures the device. Returns 1, or 0 with nothing open.
+int32_t spim_open(const SpimPort& port);
 
 // Returns 1 when the descriptor closed. Closing twice is harmless: 0.
 int32_t spim_close();

@@ -2,7 +2,6 @@
 // agrees with in length, with names that end within their room.
 #include "base/free_block.h"
 #include "download/hdl_image.h"
-#include "download/hdl_settings.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -17,6 +16,8 @@
 namespace {
 
 constexpr size_t kLineSize = 255;
+
+char list_path[32];
 
 void check(bool holds, const char* what) {
     if (!holds) {
@@ -34,8 +35,7 @@ int memory_file() {
 void fill(const uint8_t* data, size_t size) {
     check(ftruncate(memory_file(), 0) == 0, "can't empty the file");
     check(pwrite(memory_file(), data, size, 0) == static_cast<ssize_t>(size), "can't fill the file");
-    snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path,
-             "/proc/self/fd/%d", memory_file());
+    snprintf(list_path, sizeof list_path, "/proc/self/fd/%d", memory_file());
 }
 
 // Blocks that begin outside a comment. A line ends at its first line end or NUL, or after 255 characters.
@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fill(data, size);
 
     uint32_t count = 0;
-    const std::unique_ptr<ImageEntry, FreeBlock> images(load_flash_download_cfg(&count));
+    const std::unique_ptr<ImageEntry, FreeBlock> images(load_flash_download_cfg(list_path, &count));
     check(count == count_blocks(text), "count differs");
     if (images == nullptr) {
         return 0;

@@ -88,15 +88,15 @@ string as_text(const Bytes& bytes) {
 
 extern "C" {
 
-FILE* __real_fopen(const char* path, const char* mode);
+FILE* __real_fdopen(int fd, const char* mode);
 int __real_fclose(FILE* file);
 size_t __real_fread(void* data, size_t size, size_t n, FILE* file);
 
-FILE* __wrap_fopen(const char* path, const char* mode) {
+FILE* __wrap_fdopen(int fd, const char* mode) {
     if (files.armed && ++files.opens == files.failing_open) {
         return nullptr;
     }
-    FILE* file = __real_fopen(path, mode);
+    FILE* file = __real_fdopen(fd, mode);
     files.open += files.armed && file != nullptr ? 1 : 0;
     return file;
 }

@@ -1,5 +1,6 @@
 #include "download/hdl_flash.h"
 #include "download/hdl_window.h"
+#include "download/tool_file.h"
 #include "hdl_fakes.h"
 #include "hdl_file_faults.h"
 #include "support/private_dir.h"

@@ -1,6 +1,5 @@
 #include "base/free_block.h"
 #include "download/hdl_image.h"
-#include "download/hdl_settings.h"
 #include "hdl_image_faults.h"
 #include "support/fake_clock.h"
 #include "support/private_dir.h"
@@ -29,26 +28,23 @@ struct ImageList : testing::Test {
     }
     ~ImageList() override {
         fake_clock_stop();
-        g_download_settings = {};
     }
 
-    static void use(const string& path) {
-        snprintf(g_download_settings.image_cfg_path, sizeof g_download_settings.image_cfg_path, "%s",
-                 path.c_str());
+    void use(const string& path) {
+        list_path = path;
     }
     void load(const string& content) {
         dir.write("flash_download.cfg", content);
         load();
     }
     void load() {
-        log = log_of([&] { images.reset(load_flash_download_cfg(&count)); });
+        log = log_of([&] { images.reset(load_flash_download_cfg(list_path.c_str(), &count)); });
     }
     // The reading alone, told a count of its own.
     void read(const string& content, uint32_t told) {
         dir.write("flash_download.cfg", content);
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(g_download_settings.image_cfg_path, "r"),
-                                                         std::fclose);
-        log = log_of([&] { images.reset(read_cfg_file(file.get(), told)); });
+        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(list_path.c_str(), "r"), std::fclose);
+        log = log_of([&] { images.reset(read_cfg_file(file.get(), list_path.c_str(), told)); });
     }
     string in_dir(const string& name) const {
         return std::filesystem::canonical(dir.path).string() + "/" + name;
@@ -67,6 +63,7 @@ struct ImageList : testing::Test {
     }
 
     PrivateDir dir;
+    string list_path;
     uint32_t count = 99;
     std::unique_ptr<ImageEntry, FreeBlock> images;
     Lines log;
@@ -266,11 +263,11 @@ TEST_F(ImageList, DeviceIsNotRead) {
     EXPECT_EQ(log, (Lines{"[E] open file Failed:" + cfg()}));
 }
 
-TEST_F(ImageList, DirectoryHoldsNoImages) {
+TEST_F(ImageList, DirectoryIsNotRead) {
     std::filesystem::create_directory(cfg());
     load();
     EXPECT_EQ(images, nullptr);
-    EXPECT_EQ(log, (Lines{"[I] image count=0", "[E] Parsing config image count failed"}));
+    EXPECT_EQ(log, (Lines{"[E] open file Failed:" + cfg()}));
 }
 
 TEST_F(ImageList, ImagesLieBesideTheResolvedList) {

@@ -1,6 +1,7 @@
 #include "download/hdl_image.h"
 
 #include "download/crc32_calc.h"
+#include "download/tool_file.h"
 #include "hdl_image_faults.h"
 #include "support/fake_clock.h"
 #include "support/private_dir.h"

@@ -110,11 +110,11 @@ TEST(KiteFrame, ALogsTextBeginsAtItsThirteenthByte) {
 
 TEST(KiteResponse, IsAsLongAsWhatItCarries) {
     for (const uint16_t id : std::initializer_list<uint16_t>{0x2100, 0x2104, 0x210E, 0x210F, 0x211A}) {
-        EXPECT_EQ(kite_response_size(id), 11U) << std::hex << id;
+        EXPECT_EQ(kite_kind(id).least, 11U) << std::hex << id;
     }
-    EXPECT_EQ(kite_response_size(0x2110), 10U);
-    EXPECT_EQ(kite_response_size(0x211B), 8U);
+    EXPECT_EQ(kite_kind(0x2110).least, 10U);
+    EXPECT_EQ(kite_kind(0x211B).least, 8U);
     for (const uint16_t id : std::initializer_list<uint16_t>{0x2106, 0x2115, 0x2116, 0x211C, 0x1234}) {
-        EXPECT_EQ(kite_response_size(id), 7U) << std::hex << id;
+        EXPECT_EQ(kite_kind(id).least, 7U) << std::hex << id;
     }
 }

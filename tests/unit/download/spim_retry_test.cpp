@@ -6,6 +6,7 @@
 #include "support/fake_clock.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -120,7 +121,7 @@ TEST_F(SpimRetry, WhatFitsNoTransactionIsNotSent) {
 
 TEST_F(SpimRetry, FramesAreBuiltAnewInBothBitOrders) {
     for (const uint32_t order : {0U, 1U}) {
-        g_download_settings.spi_bit_order = order;
+        reopen(order);
         spim_slave.frames.clear();
         spim_slave.data = {0x01, 0x02};
         spim_slave.statuses = {0x80, 0x04, 0x80, 0x20, 0x80, 0x04, 0x80, 0x20};
@@ -350,7 +351,15 @@ TEST_F(SpimRetry, AnnouncedStopLeavesTheLimitedRetries) {
 TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {
     spim_close();
     spim_slave = {};
-    EXPECT_TRUE(hdl_transport_open());
+    DownloadSettings settings = {};
+    settings.spi_frequency = 1000;
+    settings.spi_bit_order = 1;
+    strcpy(settings.io_path, "/dev/spidev3.0");
+    spim_slave.port.bit_order = 1;
+    EXPECT_TRUE(hdl_transport_open(settings));
+    EXPECT_STREQ(spim_slave.opened.at(0).path, "/dev/spidev3.0");
+    EXPECT_EQ(spim_slave.opened.at(0).max_speed_hz, 1000U);
+    EXPECT_EQ(spim_slave.opened.at(0).lsb_first, 0);
     const uint8_t data[] = {0x41, 0x42};
     EXPECT_TRUE(hdl_transport_send(data, 2, 0));
     spim_slave.data = {0x61, 0x62};
@@ -370,7 +379,7 @@ TEST_F(SpimRetry, LinkTellsWhatCantBeMoved) {
     EXPECT_EQ(hdl_transport_receive(buffer.data(), 0), 0U);
     spim_close();
     spim_slave.open_result = -1;
-    EXPECT_FALSE(hdl_transport_open());
+    EXPECT_FALSE(hdl_transport_open(DownloadSettings{}));
 }
 
 TEST_F(SpimRetry, LinkHooksDoNothing) {

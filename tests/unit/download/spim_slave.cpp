@@ -1,7 +1,5 @@
 #include "spim_slave.h"
 
-#include "download/hdl_settings.h"
-#include "download/spim.h"
 #include "support/capture.h"
 #include "support/fake_clock.h"
 
@@ -27,7 +25,7 @@ uint8_t reversed(uint8_t byte) {
 
 // With bit order 1 the device runs most significant bit first, and both sides' bytes are turned around.
 uint8_t on_wire(uint8_t byte) {
-    return g_download_settings.spi_bit_order == 1 ? reversed(byte) : byte;
+    return spim_slave.port.bit_order == 1 ? reversed(byte) : byte;
 }
 
 int obedient_status(uint8_t last) {
@@ -106,18 +104,20 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
 
 SpimTest::SpimTest() {
     fake_clock_start();
-    g_download_settings = {};
-    g_download_settings.spi_frequency = 5000000;
-    snprintf(g_download_settings.io_path, sizeof g_download_settings.io_path, "/dev/spidev0.0");
     spim_slave = {};
     last_command = 0;
-    spim_open();
+    spim_open(spim_slave.port);
 }
 
 SpimTest::~SpimTest() {
     spim_close();
-    g_download_settings = {};
     fake_clock_stop();
+}
+
+int32_t SpimTest::reopen(uint32_t bit_order) {
+    spim_close();
+    spim_slave.port.bit_order = bit_order;
+    return spim_open(spim_slave.port);
 }
 
 void SpimTest::run(const std::function<void()>& body) {

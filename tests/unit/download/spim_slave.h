@@ -3,6 +3,7 @@
 #define TAVOR_TESTS_SPIM_SLAVE_H
 
 #include "device/location_spi.h"
+#include "download/spim.h"
 #include "support/bytes.h"
 
 #include <cstdint>
@@ -17,6 +18,8 @@ using Lines = std::vector<std::string>;
 inline constexpr int kFails = -1; // a status read that moves nothing
 
 struct SpimSlave {
+    SpimPort port = {"/dev/spidev0.0", 5000000, 0};
+
     // What the device is told and asked.
     std::vector<location_spi_config> opened;
     std::vector<int32_t> closed;
@@ -43,6 +46,8 @@ struct SpimTest : testing::Test {
     SpimTest();
     ~SpimTest() override;
 
+    // Opens the transport anew with this bit order; returns what opening says.
+    static int32_t reopen(uint32_t bit_order);
     // Runs the body with the log caught.
     void run(const std::function<void()>& body);
 

@@ -1,6 +1,5 @@
 #include "download/spim.h"
 
-#include "download/hdl_settings.h"
 #include "spim_slave.h"
 #include "support/fake_clock.h"
 
@@ -49,9 +48,7 @@ TEST_F(Spim, OpensTheConfiguredDeviceInMode0) {
 
 TEST_F(Spim, OnlyBitOrder0RunsTheDeviceLeastSignificantBitFirst) {
     for (const uint32_t order : {1U, 2U}) {
-        spim_close();
-        g_download_settings.spi_bit_order = order;
-        EXPECT_EQ(spim_open(), 1);
+        EXPECT_EQ(reopen(order), 1);
         EXPECT_EQ(spim_slave.opened.back().lsb_first, 0) << order;
     }
 }
@@ -59,9 +56,8 @@ TEST_F(Spim, OnlyBitOrder0RunsTheDeviceLeastSignificantBitFirst) {
 TEST_F(Spim, LongestPathFits) {
     spim_close();
     const string path(127, 'x');
-    path.copy(g_download_settings.io_path, path.size());
-    g_download_settings.io_path[path.size()] = '\0';
-    EXPECT_EQ(spim_open(), 1);
+    spim_slave.port.path = path.c_str();
+    EXPECT_EQ(spim_open(spim_slave.port), 1);
     EXPECT_EQ(spim_slave.opened.back().path, path);
 }
 
@@ -69,7 +65,7 @@ TEST_F(Spim, FailedOpenLeavesNothingToClose) {
     spim_close();
     spim_slave.open_result = -1;
     spim_slave.closed.clear();
-    EXPECT_EQ(spim_open(), 0);
+    EXPECT_EQ(spim_open(spim_slave.port), 0);
     EXPECT_EQ(spim_close(), 0);
     EXPECT_TRUE(spim_slave.closed.empty());
 }
@@ -108,7 +104,7 @@ TEST_F(Spim, FrameThatFailsIsTold) {
 }
 
 TEST_F(Spim, BitOrder1TurnsTheBitsInTheSendersBuffer) {
-    g_download_settings.spi_bit_order = 1;
+    reopen(1);
     uint8_t tx[5] = {0x06, 0x01, 0x80, 0xF0, 0x12};
     spim_transfer transfer = {tx, 5, nullptr, 0};
     EXPECT_EQ(spim_transfer_full(&transfer), 0);
@@ -117,7 +113,7 @@ TEST_F(Spim, BitOrder1TurnsTheBitsInTheSendersBuffer) {
 }
 
 TEST_F(Spim, BitOrder1TurnsReceivedBits) {
-    g_download_settings.spi_bit_order = 1;
+    reopen(1);
     spim_slave.data = {0x01, 0x35};
     uint8_t tx[3] = {0x81};
     uint8_t rx[3] = {};
@@ -128,7 +124,7 @@ TEST_F(Spim, BitOrder1TurnsReceivedBits) {
 }
 
 TEST_F(Spim, BitOrder1LeavesTheAnswerOfAFailedFrame) {
-    g_download_settings.spi_bit_order = 1;
+    reopen(1);
     spim_slave.fails = [](const Bytes&) { return true; };
     uint8_t tx[2] = {0x81};
     uint8_t rx[2] = {0x01, 0x01};
@@ -138,7 +134,7 @@ TEST_F(Spim, BitOrder1LeavesTheAnswerOfAFailedFrame) {
 }
 
 TEST_F(Spim, OtherBitOrdersTurnNothing) {
-    g_download_settings.spi_bit_order = 2;
+    reopen(2);
     uint8_t tx[2] = {0x06, 0x01};
     spim_transfer transfer = {tx, 2, nullptr, 0};
     EXPECT_EQ(spim_transfer_full(&transfer), 0);
@@ -147,7 +143,7 @@ TEST_F(Spim, OtherBitOrdersTurnNothing) {
 
 TEST_F(Spim, StatusIsTheSecondByte) {
     for (const uint32_t order : {0U, 1U}) {
-        g_download_settings.spi_bit_order = order;
+        reopen(order);
         spim_slave.statuses = {0x25};
         uint8_t status = 0;
         run([&] { spim_read_status(&status); });
