@@ -17,8 +17,14 @@ clang-format --dry-run --Werror "${sources[@]}"
 echo "check: layers"
 # A source of src/ includes no layer that stands behind its own in src/CMakeLists.txt. The programs and the board share only the
 # protocol: src/ is no include folder of theirs.
+layers=$(sed -n 's/^tavor_layer(\([a-z]*\) .*/\1/p' src/CMakeLists.txt)
+if [ "$layers" != "$(sed -n 's/^| `src\/\([a-z]*\)` |.*/\1/p' docs/architecture.md)" ] ||
+    [ "$(sort <<<"$layers")" != "$(find src -mindepth 1 -maxdepth 1 -type d -printf '%f\n' | sort)" ]; then
+    echo "check: src/, src/CMakeLists.txt and docs/architecture.md show different maps" >&2
+    exit 1
+fi
 above=main
-for layer in $(sed -n 's/^tavor_layer(\([a-z]*\) .*/\1/p' src/CMakeLists.txt | tac); do
+for layer in $(tac <<<"$layers"); do
     if grep -rnE "^#include \"($above)/" "src/$layer"; then
         echo "check: src/$layer may not include what stands above it" >&2
         exit 1
