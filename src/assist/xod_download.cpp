@@ -33,6 +33,7 @@ struct XodDownloadState {
     uint32_t retries = 0;
     timer_t retry_timer = nullptr;
     timer_t next_timer = nullptr;
+    bool next_stands_in = false; // armed with one hour in place of a delay that it refused
 };
 
 XodDownloadState state;
@@ -107,6 +108,7 @@ XodSelection xod_download_select_type(Lock* lock) {
 // Arms the next-download timer. With few hours left the delay is more than a timer takes: one hour stands in
 // for it then, because the refresh must go on.
 void arm_next_timer(int32_t ms) {
+    state.next_stands_in = false;
     bool armed = location_timer_start(state.next_timer, ms) == 0;
     if (!state.started) {
         return; // taken down while the files were read: there is no timer
@@ -114,6 +116,7 @@ void arm_next_timer(int32_t ms) {
     if (!armed && ms < 0) {
         printf("[LOCSERV] WRN: [XOD]next download timer refused, started with %d\n", kRefusedMs);
         armed = location_timer_start(state.next_timer, kRefusedMs) == 0;
+        state.next_stands_in = armed;
     }
     if (!armed) {
         puts("[LOCSERV] ERR: [XOD]next download timer start fail");
@@ -259,7 +262,7 @@ void free_pending() {
 void xod_download_init(uint8_t mask, int32_t count) {
     printf("[LOCSERV] INF: [XOD]xod_download_init:%d,%d\n", mask, count);
     Lock lock(state.lock);
-    if (is_armed(state.retry_timer) || is_armed(state.next_timer)) {
+    if (is_armed(state.retry_timer) || (is_armed(state.next_timer) && !state.next_stands_in)) {
         puts("[LOCSERV] INF: [XOD]xod_download_init, already init");
         return;
     }

@@ -6,7 +6,8 @@
 #include <cstdint>
 
 // Starts the downloads of the types in the mask (xod_mask), with so many numbered files. Does nothing while a
-// timer of an earlier start is armed; during a transfer everything starts again, and what runs goes on.
+// timer of an earlier start is armed, but for the hour that stands in for a delay that no timer takes; during
+// a transfer everything starts again, and what runs goes on.
 void xod_download_init(uint8_t mask, int32_t count);
 
 // Callback of the next-download timer: queues the files of the selected type, then as xod_download_handle.

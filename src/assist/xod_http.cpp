@@ -4,12 +4,14 @@
 #include "assist/xod_curl.h"
 #include "assist/xod_file.h"
 #include "base/descriptor_guard.h"
+#include "base/file_beside.h"
 #include "base/format.h"
 #include "base/regular_file.h"
 #include "config/location_config.h"
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <new>
@@ -48,6 +50,8 @@ struct FileLock : private NonCopyable {
 struct Download {
     char name[kXodNameSize];
     char path[kXodPathSize];
+    bool beside;                                  // the transfer leaves the file alone until it is replaced
+    char target[kXodPathSize + kFileBesideExtra]; // what the transfer writes
     char url[kUrlSize];
 };
 
@@ -55,6 +59,14 @@ struct Download {
 bool describe(const DownloadItem& item, Download* download) {
     xod_download_file_name(item.type, item.index, download->name);
     xod_download_file_path(item.type, item.index, download->path);
+    int32_t keep = 0;
+    location_config_get_keep_good_files(&keep);
+    download->beside = keep != 0;
+    if (download->beside) {
+        file_beside_path(download->path, download->target, sizeof download->target);
+    } else {
+        memcpy(download->target, download->path, sizeof download->path);
+    }
     XodServerConfig server = {};
     location_config_get_xod_server(&server);
     return format(download->url, sizeof download->url, "http://%s/%s?vendor=%s&project=%s&device_id=%s",
@@ -153,10 +165,10 @@ bool open_files(const Download& download, TransferFiles* files) {
         printf("[LOCSERV] ERR: [XOD]xod_download_http fail, %s\n", kHeaderPath);
         return false;
     }
-    files->body = open_bounded(download.path);
+    files->body = open_bounded(download.target);
     if (files->body == nullptr) {
         close_file(files->header);
-        printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.path);
+        printf("[LOCSERV] ERR: [XOD]xod_download_http open fail, %s\n", download.target);
         return false;
     }
     return true;
@@ -178,14 +190,17 @@ CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
     return result;
 }
 
-// The transfer's result, or nothing when it could not begin. Both files belong to it until the lock is given
-// back.
+// The transfer's result, or nothing when it could not begin. Readers of the file that it writes are locked
+// out from before that is emptied until it is closed; nobody reads one that is written beside.
 std::optional<CURLcode> transfer(const Download& download) {
     const CurlHandle handle = make_handle(download);
     if (handle == nullptr) {
         return std::nullopt;
     }
-    const FileLock lock;
+    std::optional<FileLock> lock;
+    if (!download.beside) {
+        lock.emplace();
+    }
     TransferFiles files = {};
     if (!open_files(download, &files)) {
         return std::nullopt;
@@ -212,14 +227,30 @@ bool check(const Download& download) {
         return false;
     }
     char md5[kXodDigestSize] = {};
-    xod_download_md5_check(download.path, md5);
+    xod_download_md5_check(download.target, md5);
     if (!xod_download_same_sum(etag, md5)) {
         printf("[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:%s,MD5:%s\n", etag, md5);
-        std::remove(download.path);
+        std::remove(download.target);
         return false;
     }
     printf("[LOCSERV] INF: [XOD]xod_download_http MD5 check success, %s\n", download.name);
     return true;
+}
+
+// The file beside takes the place of the old one, while nobody reads that.
+bool replace(const Download& download) {
+    if (!download.beside) {
+        return true;
+    }
+    bool replaced = file_beside_sync(download.target) == 0;
+    if (replaced) {
+        const FileLock lock;
+        replaced = rename(download.target, download.path) == 0;
+    }
+    if (!replaced) {
+        printf("[LOCSERV] ERR: [XOD]xod_download_http replace fail, %s\n", download.path);
+    }
+    return replaced;
 }
 
 } // namespace
@@ -230,5 +261,9 @@ int32_t xod_download_http(const DownloadItem* item) {
         puts("[LOCSERV] ERR: [XOD]xod_download_http get url fail");
         return -1;
     }
-    return fetch(download) && check(download) ? 0 : -1;
+    const bool good = fetch(download) && check(download) && replace(download);
+    if (!good && download.beside) {
+        std::remove(download.target);
+    }
+    return good ? 0 : -1;
 }

@@ -10,9 +10,10 @@ struct DownloadItem {
     uint32_t index;     // number of the file, from 1
 };
 
-// Downloads the item's file over the old one and checks it. Holds the download lock over the transfer, which
-// ends by itself within five minutes. Returns 0, or -1 after logging why. A file with the wrong content is
-// deleted; what a broken transfer leaves stays.
+// Downloads the item's file and checks it; a transfer ends by itself within five minutes. Returns 0, or -1
+// after logging why. With the setting "keep good files=" 0 the file is emptied first and the download lock
+// held over the transfer; one with the wrong content is deleted, what a broken transfer leaves stays. Else a
+// file beside it takes its place under the lock, when its sum is right, and nothing else of it stays.
 int32_t xod_download_http(const DownloadItem* item);
 
 #endif

@@ -23,6 +23,7 @@ constexpr int32_t kDefaultSpiFrequency = 24000000; // Hz
 constexpr int32_t kDefaultSpiBitOrder = 0;
 constexpr int32_t kDefaultSpiCpha = 0;
 constexpr int32_t kDefaultSpiCpol = 0;
+constexpr int32_t kDefaultKeepGoodFiles = 0;
 constexpr int32_t kGpioNotConfigured = 999999;
 // kept: a missing text is one blank, which no device and no server accepts.
 constexpr char kNotConfigured[] = " ";
@@ -210,4 +211,9 @@ void location_config_get_xod_server(XodServerConfig* config) {
     printf("[LOCSERV] INF: [CFG]XOD vendor:%s\n", config->vendor);
     printf("[LOCSERV] INF: [CFG]XOD project:%s\n", config->project);
     printf("[LOCSERV] INF: [CFG]XOD device id:%s\n", config->device_id);
+}
+
+void location_config_get_keep_good_files(int32_t* keep) {
+    location_config_get_num(keep, kDefaultKeepGoodFiles, "keep good files=");
+    printf("[LOCSERV] INF: [CFG]keep good files:%d\n", *keep);
 }

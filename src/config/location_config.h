@@ -58,5 +58,6 @@ void location_config_get_da_path(char* path);
 void location_config_get_image_path(char* path);
 void location_config_get_xod_path(char* path);
 void location_config_get_xod_server(XodServerConfig* config);
+void location_config_get_keep_good_files(int32_t* keep); // 0: files are emptied and written in their place
 
 #endif

@@ -1,18 +1,23 @@
 #include "service/location_file.h"
 
+#include "base/descriptor_guard.h"
+#include "base/file_beside.h"
 #include "base/format.h"
+#include "base/regular_file.h"
 #include "config/location_config.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 
 namespace {
 
 constexpr size_t kFileTextSize = 512;
 constexpr size_t kLineSize = 256; // a longer line is read in pieces
 constexpr int32_t kValuesWanted = 7;
+constexpr mode_t kFileMode = 0666; // less what the process masks, as fopen makes a file
 
 // The text of the file while it is built.
 struct FileText {
@@ -98,6 +103,17 @@ bool build_text(const LocationRecord* record, FileText* out) {
     return true;
 }
 
+FILE* open_emptied(const char* path) {
+    DescriptorGuard file(regular_file_open(path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode));
+    FILE* const stream = file.fd < 0 ? nullptr : fdopen(file.fd, "w");
+    if (stream == nullptr) {
+        printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);
+        return nullptr;
+    }
+    file.release();
+    return stream;
+}
+
 int32_t write_text(FILE* file, const FileText& text) {
     int32_t result = 0;
     if (fwrite(text.text, 1, text.length, file) != text.length) {
@@ -108,6 +124,35 @@ int32_t write_text(FILE* file, const FileText& text) {
         puts("[LOCSERV] ERR: location_service_save_location fclose fail");
     }
     return result;
+}
+
+int32_t save_in_place(const char* path, const FileText& text) {
+    FILE* file = open_emptied(path);
+    return file == nullptr ? -1 : write_text(file, text);
+}
+
+bool write_beside(const char* beside, const FileText& text) {
+    FILE* file = open_emptied(beside);
+    if (file == nullptr) {
+        return false;
+    }
+    setvbuf(file, nullptr, _IONBF, 0); // a full disk fails the write, not the close behind it
+    return write_text(file, text) == 0;
+}
+
+// The old file stays until the new one is whole and on the disk.
+int32_t save_beside(const char* path, const FileText& text) {
+    char beside[kConfigTextSize + kFileBesideExtra];
+    file_beside_path(path, beside, sizeof beside);
+    bool saved = write_beside(beside, text);
+    if (saved && (file_beside_sync(beside) != 0 || rename(beside, path) != 0)) {
+        printf("[LOCSERV] ERR: location_service_save_location replace fail, %s\n", path);
+        saved = false;
+    }
+    if (!saved) {
+        std::remove(beside);
+    }
+    return saved ? 0 : -1;
 }
 
 // Reads the line's value, if it has one. Returns 1 when it counts as read.
@@ -137,19 +182,16 @@ int32_t location_service_save_location(const LocationRecord* record) {
     }
     char path[kConfigTextSize];
     location_config_get_nmea_path(path);
-    FILE* file = fopen(path, "w");
-    if (file == nullptr) {
-        printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);
-        return -1;
-    }
-    return write_text(file, text);
+    int32_t keep = 0;
+    location_config_get_keep_good_files(&keep);
+    return keep != 0 ? save_beside(path, text) : save_in_place(path, text);
 }
 
 int32_t location_service_get_position(AidingPosition* out) {
     *out = {};
     char path[kConfigTextSize];
     location_config_get_nmea_path(path);
-    FILE* file = fopen(path, "r");
+    FILE* file = regular_file_read(path);
     if (file == nullptr) {
         printf("[LOCSERV] ERR: location_service_get_position open fail, %s\n", path);
         return -1;

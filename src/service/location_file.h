@@ -17,7 +17,8 @@ struct AidingPosition {
     double verticalUncertainty; // metres
 };
 
-// Writes the record to the configured file. Returns 0 or -1.
+// Writes the record to the configured file: in its place, or with the setting "keep good files=" 1 to a file
+// beside it that takes its place when it is whole. Returns 0 or -1.
 int32_t location_service_save_location(const LocationRecord* record);
 
 // Reads the configured file. Returns 0 when seven values were read, else -1; values not found are 0.

@@ -31,7 +31,7 @@ constexpr const char* kKeys[] = {"UART port path=",   "UART baudrate=",       "U
                                  "Notify GNSS gpio=", "NMEA file path=",      "LOG path=",
                                  "DA path=",          "image path=",          "XOD file path=",
                                  "XOD host=",         "XOD vendor=",          "XOD project=",
-                                 "XOD device id="};
+                                 "XOD device id=",    "keep good files="};
 
 struct ConfigFile {
     std::string content;

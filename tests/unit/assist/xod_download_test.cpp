@@ -252,6 +252,17 @@ TEST_F(XodDownload, DelayThatNoTimerTakesBecomesOneHour) {
     EXPECT_EQ(xod_fakes.transfers.size(), 2U);
 }
 
+TEST_F(XodDownload, RequestDuringTheHourThatStandsInStartsAnew) {
+    init();
+    all_valid(40, 1008);
+    fire();
+    ASSERT_EQ(next_in(), 3600000);
+    EXPECT_EQ(init(), kInit + selected(40, 1008) + kSoonFromInit);
+    EXPECT_EQ(next_in(), 3000);
+    EXPECT_EQ(timers_alive(), 2U);
+    EXPECT_EQ(init(), kInit + "[LOCSERV] INF: [XOD]xod_download_init, already init\n");
+}
+
 TEST_F(XodDownload, WithoutTimersSaysSoAndCanBeStartedAgain) {
     xod_fakes.failing_creates = {1, 2};
     EXPECT_EQ(init(),

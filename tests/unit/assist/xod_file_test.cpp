@@ -6,10 +6,12 @@
 #include "interpose/paths.h"
 #include "support/capture.h"
 #include "support/close_fault.h"
+#include "support/fifo.h"
 #include "support/private_dir.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -157,6 +159,22 @@ TEST_F(XodFile, GpsFilesStartWithTheirHour) {
     file("XOD_GPS_3_1.DAT", word(kNowHour - 71));
     EXPECT_EQ(valid(XOD_GPS), 1);
     EXPECT_EQ(end, kNowHour + 1);
+    EXPECT_EQ(log, kNowLine);
+}
+
+TEST_F(XodFile, HoursAreThoseOfUtcWhateverTheTimeZone) {
+    file("XOD_GR_3_1.DAT", word(kNowHour));
+    setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1); // New York's, without its file
+    tzset();
+    EXPECT_EQ(valid(XOD_GPS_GLONASS), 72);
+    EXPECT_EQ(log, kNowLine);
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(XodFile, FifoInPlaceOfAFileIsNone) {
+    expect_no_wait_for_fifo(dir.write("xod/XOD_GR_3_1.DAT", ""), [&] { EXPECT_EQ(valid(0), 0); });
+    expect_no_wait_for_fifo(dir.write("xod/XOD_GAL_3.DAT", ""), [&] { EXPECT_EQ(valid(3), 0); });
     EXPECT_EQ(log, kNowLine);
 }
 

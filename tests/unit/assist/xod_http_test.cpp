@@ -7,12 +7,12 @@
 #include "interpose/paths.h"
 #include "support/capture.h"
 #include "support/fifo.h"
+#include "support/file_size_limit.h"
 #include "support/format_fault.h"
 #include "support/http_server.h"
 #include "support/private_dir.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -23,7 +23,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <sys/resource.h>
 #include <vector>
 #include <zlib.h>
 
@@ -45,6 +44,9 @@ struct Faults {
     bool locked_at_md5 = false;
     int unlocked_openings = 0; // of files to be written
     int unlocked_closings = 0;
+    int unlocked_renames = 0;
+    bool fsync_fails = false;
+    string calls;           // of fsync and rename
     int failing_writer = 0; // number of the next closing of a written file that fails, from 1
     string failing_reader;  // end of the path of the read file whose closing fails
 } faults;
@@ -101,7 +103,7 @@ struct XodHttp : testing::Test {
     }
     void config(const string& host, const string& vendor = "tavor", const string& path = "") const {
         dir.write("/etc/default/tavor/tavor.conf",
-                  "XOD host=" + host + "\nXOD vendor=" + vendor +
+                  (keep ? "keep good files=1\nXOD host=" : "XOD host=") + host + "\nXOD vendor=" + vendor +
                       "\nXOD project=demo\nXOD device id=42\nXOD file path=" +
                       (path.empty() ? files() : path) + "\n");
     }
@@ -146,6 +148,7 @@ struct XodHttp : testing::Test {
     }
 
     PrivateDir dir;
+    bool keep = false; // the setting
     std::mutex lock;
     std::vector<string> seen; // requests
     string log;
@@ -153,23 +156,6 @@ struct XodHttp : testing::Test {
 };
 
 constexpr size_t kLimit = 4194304; // bytes of a file
-
-// No file grows further while it lives, as on a full disk.
-struct FileSizeLimit {
-    explicit FileSizeLimit(rlim_t bytes) {
-        signal(SIGXFSZ, SIG_IGN);
-        getrlimit(RLIMIT_FSIZE, &before);
-        const rlimit limit = {bytes, before.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &before);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-    rlimit before = {};
-};
 
 string gzip_of(const string& text) {
     string packed(compressBound(text.size()) + 64, '\0');
@@ -247,6 +233,19 @@ int __wrap_fclose(FILE* file) {
     }
     const int result = __real_fclose(file);
     return fails ? EOF : result;
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    faults.calls += "fsync ";
+    return faults.fsync_fails ? -1 : __real_fsync(fd);
+}
+
+int __real_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to) {
+    faults.calls += "rename ";
+    faults.unlocked_renames += is_locked() ? 0 : 1;
+    return __real_rename(from, to);
 }
 
 int __real_mbedtls_md5_starts_ret(mbedtls_md5_context* context);
@@ -676,4 +675,76 @@ TEST_F(XodHttp, SumThatCanNotBeMadeFailsTheCheck) {
                            "[LOCSERV] ERR: [XOD]xod_download_http MD5 check fail, ETag:" + kSum + ",MD5:\n");
         faults.*fault = false;
     }
+}
+
+// With the setting to keep good files.
+struct XodHttpKeep : XodHttp {
+    XodHttpKeep() {
+        keep = true;
+        dir.write("xod/XOD_GR_3_1.DAT", "old");
+    }
+    // The old file is whole, and nothing lies beside it.
+    void expect_old() const {
+        EXPECT_EQ(content(), "old");
+        EXPECT_FALSE(exists("XOD_GR_3_1.DAT.new"));
+    }
+    string replace_fail() const {
+        return "[LOCSERV] ERR: [XOD]xod_download_http replace fail, " + path() + "\n";
+    }
+};
+
+TEST_F(XodHttpKeep, GoodFileTakesThePlaceOfTheOld) {
+    dir.write("xod/XOD_GR_3_1.DAT.new", "longer, left by a daemon that was killed");
+    string during;
+    bool locked = true;
+    serve([&](int connection, const string&) {
+        during = content();
+        locked = is_locked();
+        http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
+    });
+    EXPECT_EQ(download(), 0);
+    EXPECT_EQ(during, "old");
+    EXPECT_FALSE(locked) << "a stalled server would hold up the readers";
+    EXPECT_EQ(faults.unlocked_renames, 0);
+    EXPECT_EQ(faults.calls, "fsync rename ") << "a loss of power could leave an empty file";
+    EXPECT_EQ(content(), kBody);
+    EXPECT_FALSE(exists("XOD_GR_3_1.DAT.new"));
+}
+
+TEST_F(XodHttpKeep, FailuresLeaveTheOldFile) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", "abd"));
+    EXPECT_EQ(download(), -1);
+    expect_old();
+    serve_text(answer_with("", kBody));
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, kNoEtag);
+    expect_old();
+    serve_text("HTTP/1.1 200 OK\r\nETag: \"" + kSum + "\"\r\nContent-Length: 100\r\n\r\nhalf");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(log, failed(CURLE_PARTIAL_FILE));
+    expect_old();
+    server.reset(); // nobody listens now
+    EXPECT_EQ(download(), -1);
+    expect_old();
+}
+
+TEST_F(XodHttpKeep, FullDiskLeavesTheOldFile) {
+    serve_text(answer_with("ETag: \"" + kSum + "\"\r\n", string(100000, 'a')));
+    const FileSizeLimit limit(50000);
+    EXPECT_EQ(download(), -1);
+    expect_old();
+}
+
+TEST_F(XodHttpKeep, FileThatDoesNotReachTheDiskOrThePlaceLeavesTheOld) {
+    serve_good();
+    faults.fsync_fails = true;
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(lines_of(log).back() + "\n", replace_fail());
+    expect_old();
+    faults.fsync_fails = false;
+    fs::remove(path());
+    fs::create_directories(path() + "/not empty");
+    EXPECT_EQ(download(), -1);
+    EXPECT_EQ(lines_of(log).back() + "\n", replace_fail());
+    EXPECT_FALSE(exists("XOD_GR_3_1.DAT.new"));
 }

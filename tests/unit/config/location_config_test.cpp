@@ -67,6 +67,7 @@ struct AllSettings {
     char nmea[kConfigTextSize], log[kConfigTextSize], da[kConfigTextSize], image[kConfigTextSize],
         xod[kConfigTextSize];
     XodServerConfig server;
+    int32_t keep;
 };
 
 void read_all(AllSettings* all) {
@@ -84,9 +85,10 @@ void read_all(AllSettings* all) {
     location_config_get_image_path(all->image);
     location_config_get_xod_path(all->xod);
     location_config_get_xod_server(&all->server);
+    location_config_get_keep_good_files(&all->keep);
 }
 
-void expect_defaults(const AllSettings& all, const std::string& host) {
+void expect_defaults(const AllSettings& all, const std::string& host, int32_t keep = 0) {
     EXPECT_STREQ(all.uart_path, "/dev/ttyS1");
     EXPECT_STREQ(all.uart.path, "/dev/ttyS1");
     EXPECT_EQ(all.uart.baud_rate, 921600);
@@ -113,6 +115,7 @@ void expect_defaults(const AllSettings& all, const std::string& host) {
     EXPECT_STREQ(all.server.vendor, " ");
     EXPECT_STREQ(all.server.project, " ");
     EXPECT_STREQ(all.server.device_id, " ");
+    EXPECT_EQ(all.keep, keep);
 }
 
 // The keys in the order in which read_all comes to them.
@@ -141,7 +144,8 @@ const Lines kKeys = {"UART port path=",
                      "XOD host=",
                      "XOD vendor=",
                      "XOD project=",
-                     "XOD device id="};
+                     "XOD device id=",
+                     "keep good files="};
 
 long open_files() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -216,6 +220,7 @@ TEST_F(LocationConfig, ReadsEveryKeyAndPrintsItsLine) {
                          "[LOCSERV] INF: [CFG]XOD vendor:123",
                          "[LOCSERV] INF: [CFG]XOD project:124",
                          "[LOCSERV] INF: [CFG]XOD device id:125",
+                         "[LOCSERV] INF: [CFG]keep good files:126",
                      }));
     EXPECT_STREQ(all.uart_path, "101");
     EXPECT_STREQ(all.uart.path, "101");
@@ -243,6 +248,7 @@ TEST_F(LocationConfig, ReadsEveryKeyAndPrintsItsLine) {
     EXPECT_STREQ(all.server.vendor, "123");
     EXPECT_STREQ(all.server.project, "124");
     EXPECT_STREQ(all.server.device_id, "125");
+    EXPECT_EQ(all.keep, 126);
 }
 
 TEST_F(LocationConfig, RecordsLogTheirOpenFailuresBeforeAnyValue) {
@@ -501,11 +507,11 @@ TEST_F(LocationConfig, ThreadCancelledBeforehandEndsAtTheLogLineWithTheFileClose
     EXPECT_EQ(open_files(), before);
 }
 
-TEST_F(LocationConfig, SampleHoldsEveryDefault) {
+TEST_F(LocationConfig, SampleHoldsEveryDefaultButKeepsGoodFiles) {
     config(sample());
     AllSettings all = {};
     const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
-    expect_defaults(all, "assist.tavor.example");
+    expect_defaults(all, "assist.tavor.example", 1);
     EXPECT_EQ(lines.size(), kKeys.size());
 }
 

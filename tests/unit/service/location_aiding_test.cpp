@@ -1,13 +1,12 @@
 #include "service/location_aiding.h"
 
 #include "assist/xod_host_aiding.h"
-#include "config/location_config.h"
 #include "link/location_command.h"
 #include "queue/service_state.h"
 #include "service/location_file.h"
 #include "support/capture.h"
-#include "support/private_dir.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <gtest/gtest.h>
@@ -20,7 +19,8 @@ namespace {
 using std::string;
 
 struct World {
-    string path;
+    AidingPosition position = {}; // of the file
+    int32_t position_result = 0;
     bool clock_set = false;
     time_t now = 0;
     std::vector<string> commands;
@@ -30,7 +30,6 @@ struct World {
 struct LocationAiding : testing::Test {
     LocationAiding() {
         world = {};
-        world.path = dir.path / "location.dat";
         g_service_state.xod_enabled = 0;
     }
     ~LocationAiding() override {
@@ -60,8 +59,6 @@ struct LocationAiding : testing::Test {
         }
         location_aiding_answer(&fields);
     }
-
-    PrivateDir dir;
 };
 
 constexpr time_t kNewYearsEve = 1735689599; // 2024-12-31 23:59:59
@@ -73,8 +70,9 @@ uint64_t packed(uint64_t year, uint64_t month, uint64_t day, uint64_t hour, uint
 
 } // namespace
 
-void location_config_get_nmea_path(char* path) {
-    path[world.path.copy(path, kConfigTextSize - 1)] = '\0';
+int32_t location_service_get_position(AidingPosition* out) {
+    *out = world.position;
+    return world.position_result;
 }
 
 int32_t location_command_send(const char* body) {
@@ -102,6 +100,15 @@ TEST_F(LocationAiding, UtcIsPacked) {
     EXPECT_EQ(location_service_get_utc(), packed(2024, 12, 31, 23, 59, 59));
     set_clock(0);
     EXPECT_EQ(location_service_get_utc(), packed(1970, 1, 1, 0, 0, 0));
+}
+
+TEST_F(LocationAiding, UtcIsThatOfNoTimeZone) {
+    set_clock(kNewYearsEve);
+    setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1); // New York's, without its file
+    tzset();
+    EXPECT_EQ(location_service_get_utc(), packed(2024, 12, 31, 23, 59, 59));
+    unsetenv("TZ");
+    tzset();
 }
 
 TEST_F(LocationAiding, UtcIsNow) {
@@ -155,49 +162,18 @@ TEST_F(LocationAiding, ClockThatFailsIsAnsweredWithZeros) {
 }
 
 TEST_F(LocationAiding, PositionIsAnsweredFromTheFile) {
-    dir.write("location.dat", "longitude=-11.5166671\nlatitude=48.1173\nmajorAxis=8.75\nminorAxis=4.7\n"
-                              "orientation=132.3\nheight=592.26\nverticalUncertainty=2\n");
-    EXPECT_EQ(answer("2"), "[LOCSERV] INF: aiding reference position: "
-                           "48.117300,-11.516667,592.3,8.8,4.7,132.3,2.0\n");
+    world.position = {48.1173, -11.5166671, 592.26, 8.75, 4.7, 132.3, 2};
+    const string line = "[LOCSERV] INF: aiding reference position: "
+                        "48.117300,-11.516667,592.3,8.8,4.7,132.3,2.0\n";
+    EXPECT_EQ(answer("2"), line);
     EXPECT_EQ(world.commands, std::vector<string>{"600,48.117300,-11.516667,592.3,8.8,4.7,132.3,2.0"});
-}
-
-TEST_F(LocationAiding, PositionWithoutAFileIsLoggedWithZeros) {
-    EXPECT_EQ(answer("2"),
-              "[LOCSERV] ERR: location_service_get_position open fail, " + world.path +
-                  "\n[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
-    EXPECT_TRUE(world.commands.empty());
-}
-
-TEST_F(LocationAiding, HalfAPositionIsLoggedAndNotSent) {
-    dir.write("location.dat", "longitude=1.5\nlatitude=2.5\n");
-    EXPECT_EQ(answer("2"),
-              "[LOCSERV] INF: aiding reference position: 2.500000,1.500000,0.0,0.0,0.0,0.0,0.0\n");
-    EXPECT_TRUE(world.commands.empty());
-}
-
-TEST_F(LocationAiding, PositionSavedBeforeAnyFixIsNotSent) {
-    const LocationRecord no_fix = {};
-    ASSERT_EQ(location_service_save_location(&no_fix), 0);
-    EXPECT_EQ(answer("2"),
-              "[LOCSERV] ERR: location_service_get_position sscanf lon fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf lat fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf acc_maj fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf acc_min fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf bear fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf alt fail\n"
-              "[LOCSERV] ERR: location_service_get_position sscanf acc_vert fail\n"
-              "[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
-    EXPECT_TRUE(world.commands.empty());
+    world.position_result = -1; // half a position is logged and not sent
+    EXPECT_EQ(answer("2"), line);
+    EXPECT_EQ(world.commands.size(), 1U);
 }
 
 TEST_F(LocationAiding, HugePositionIsCutAtTheCommandsSize) {
-    string text;
-    for (const string key : {"longitude", "latitude", "majorAxis", "minorAxis", "orientation", "height",
-                             "verticalUncertainty"}) {
-        text += key + "=1e300\n";
-    }
-    dir.write("location.dat", text);
+    world.position = {1e300, 1e300, 1e300, 1e300, 1e300, 1e300, 1e300};
     answer("2");
     ASSERT_EQ(world.commands.size(), 1U);
     EXPECT_EQ(world.commands[0].size(), 351U);

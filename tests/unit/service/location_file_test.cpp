@@ -2,6 +2,9 @@
 
 #include "config/location_config.h"
 #include "support/capture.h"
+#include "support/close_fault.h"
+#include "support/fifo.h"
+#include "support/file_size_limit.h"
 #include "support/format_fault.h"
 #include "support/private_dir.h"
 
@@ -16,30 +19,28 @@ namespace {
 
 using std::string;
 
-struct Faults {
+struct World {
     string path;
+    int32_t keep = 0; // the setting
     bool write_fails = false;
-    bool close_fails = false;
-} faults;
+    string calls; // of fsync and rename
+    bool fsync_fails = false;
+} world;
 
 struct LocationFile : testing::Test {
     LocationFile() {
-        faults = {};
-        faults.path = dir.path / "location.dat";
+        world = {};
+        world.path = dir.path / "location.dat";
     }
     ~LocationFile() override {
-        faults = {};
+        world = {};
         format_fault_disarm();
+        close_fault_disarm();
     }
 
-    // Runs an operation with the faults of the test; they are off while the test prints.
     int32_t run(const std::function<int32_t()>& operation) {
         int32_t result = 99;
-        log = capture_stdout([&] {
-            armed = true;
-            result = operation();
-            armed = false;
-        });
+        log = capture_stdout([&] { result = operation(); });
         return result;
     }
     int32_t save(const LocationRecord& record) {
@@ -52,14 +53,14 @@ struct LocationFile : testing::Test {
     string saved() const {
         return dir.read("location.dat");
     }
+    string open_fail(const string& path) const {
+        return "[LOCSERV] ERR: location_service_save_location open fail, " + path + "\n";
+    }
 
     PrivateDir dir;
     string log;
     AidingPosition position = {9, 9, 9, 9, 9, 9, 9};
-    static bool armed;
 };
-
-bool LocationFile::armed = false;
 
 LocationRecord example() {
     LocationRecord record = {};
@@ -95,21 +96,30 @@ std::vector<double> values_of(const AidingPosition& p) {
 } // namespace
 
 void location_config_get_nmea_path(char* path) {
-    path[faults.path.copy(path, kConfigTextSize - 1)] = '\0';
+    path[world.path.copy(path, kConfigTextSize - 1)] = '\0';
+}
+
+void location_config_get_keep_good_files(int32_t* keep) {
+    *keep = world.keep;
 }
 
 extern "C" {
 
 size_t __real_fwrite(const void* data, size_t size, size_t n, FILE* file);
-int __real_fclose(FILE* file);
-
 size_t __wrap_fwrite(const void* data, size_t size, size_t n, FILE* file) {
-    return LocationFile::armed && faults.write_fails ? n - 1 : __real_fwrite(data, size, n, file);
+    return world.write_fails ? n - 1 : __real_fwrite(data, size, n, file);
 }
 
-int __wrap_fclose(FILE* file) {
-    const int result = __real_fclose(file);
-    return LocationFile::armed && faults.close_fails ? EOF : result;
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) {
+    world.calls += "fsync ";
+    return world.fsync_fails ? -1 : __real_fsync(fd);
+}
+
+int __real_rename(const char* from, const char* to);
+int __wrap_rename(const char* from, const char* to) {
+    world.calls += "rename ";
+    return __real_rename(from, to);
 }
 }
 
@@ -169,35 +179,81 @@ TEST_F(LocationFile, EachLineThatCannotBeFormattedHasItsText) {
 }
 
 TEST_F(LocationFile, SavingToAPathThatCannotBeOpenedIsReported) {
-    faults.path = dir.path / "missing" / "location.dat";
-    EXPECT_EQ(save(example()), -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location open fail, " + faults.path + "\n");
+    world.path = dir.path / "missing" / "location.dat";
+    for (const int32_t keep : {0, 1}) {
+        world.keep = keep;
+        EXPECT_EQ(save(example()), -1);
+        EXPECT_EQ(log, open_fail(world.path + (keep == 0 ? "" : ".new")));
+    }
 }
 
-TEST_F(LocationFile, ShortWriteIsReported) {
-    faults.write_fails = true;
+TEST_F(LocationFile, ShortWriteIsReportedBeforeAFailedClose) {
+    world.write_fails = true;
     EXPECT_EQ(save(example()), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location write fail\n");
-}
-
-TEST_F(LocationFile, FailedCloseBehindAShortWriteIsLoggedToo) {
-    faults.write_fails = true;
-    faults.close_fails = true;
+    close_fault_arm("/location.dat");
     EXPECT_EQ(save(example()), -1);
     EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location write fail\n"
                    "[LOCSERV] ERR: location_service_save_location fclose fail\n");
 }
 
 TEST_F(LocationFile, FailedCloseBehindAGoodWriteIsLoggedOnly) {
-    faults.close_fails = true;
+    const FileSizeLimit full(100);
     EXPECT_EQ(save(example()), 0);
     EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location fclose fail\n");
 }
 
-TEST_F(LocationFile, FullDiskShowsAtTheClose) {
-    faults.path = "/dev/full";
+TEST_F(LocationFile, FifoOrDeviceIsNeitherWrittenNorRead) {
+    expect_no_wait_for_fifo(world.path, [&] { EXPECT_EQ(save(example()), -1); });
+    EXPECT_EQ(log, open_fail(world.path));
+    expect_no_wait_for_fifo(
+        world.path, [&] { EXPECT_EQ(run([&] { return location_service_get_position(&position); }), -1); });
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_get_position open fail, " + world.path + "\n");
+    world.path = "/dev/full";
+    EXPECT_EQ(save(example()), -1);
+    EXPECT_EQ(log, open_fail(world.path));
+}
+
+// With the setting to keep good files.
+struct LocationFileKeep : LocationFile {
+    LocationFileKeep() {
+        world.keep = 1;
+        dir.write("location.dat", "old");
+    }
+    void expect_old() const {
+        EXPECT_EQ(saved(), "old");
+        EXPECT_FALSE(std::filesystem::exists(world.path + ".new"));
+    }
+};
+
+TEST_F(LocationFileKeep, WholeFileTakesThePlaceOfTheOld) {
+    dir.write("location.dat.new", string(5000, 'x')); // left by a daemon that was killed
     EXPECT_EQ(save(example()), 0);
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location fclose fail\n");
+    EXPECT_EQ(saved(), kExampleText);
+    EXPECT_EQ(world.calls, "fsync rename ") << "a loss of power could leave an empty file";
+    EXPECT_EQ(log, "");
+    EXPECT_FALSE(std::filesystem::exists(world.path + ".new"));
+}
+
+TEST_F(LocationFileKeep, FullDiskIsAFailedSaveAndLeavesTheOldFile) {
+    const FileSizeLimit full(100);
+    EXPECT_EQ(save(example()), -1);
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_save_location write fail\n");
+    expect_old();
+}
+
+TEST_F(LocationFileKeep, FileThatDoesNotReachTheDiskOrThePlaceLeavesTheOld) {
+    const string fail = "[LOCSERV] ERR: location_service_save_location replace fail, " + world.path + "\n";
+    world.fsync_fails = true;
+    EXPECT_EQ(save(example()), -1);
+    EXPECT_EQ(log, fail);
+    expect_old();
+    world.fsync_fails = false;
+    std::filesystem::remove(world.path);
+    std::filesystem::create_directories(world.path + "/not empty");
+    EXPECT_EQ(save(example()), -1);
+    EXPECT_EQ(log, fail);
+    EXPECT_FALSE(std::filesystem::exists(world.path + ".new"));
 }
 
 TEST_F(LocationFile, ReadsBackWhatWasSaved) {
@@ -208,7 +264,7 @@ TEST_F(LocationFile, ReadsBackWhatWasSaved) {
 
 TEST_F(LocationFile, MissingFileIsReportedAndLeavesZeros) {
     EXPECT_EQ(run([&] { return location_service_get_position(&position); }), -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_get_position open fail, " + faults.path + "\n");
+    EXPECT_EQ(log, "[LOCSERV] ERR: location_service_get_position open fail, " + world.path + "\n");
     EXPECT_EQ(values_of(position), std::vector<double>(7, 0.0));
 }
 
@@ -274,7 +330,7 @@ TEST_F(LocationFile, HostileContentIsReadInPieces) {
 }
 
 TEST_F(LocationFile, FailedCloseOfAReadIsLoggedOnly) {
-    faults.close_fails = true;
+    close_fault_arm("/location.dat");
     EXPECT_EQ(load(kExampleText), 0);
     EXPECT_EQ(log, "[LOCSERV] ERR: location_service_get_position fclose fail\n");
 }

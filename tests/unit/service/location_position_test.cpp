@@ -79,6 +79,10 @@ void location_config_get_nmea_path(char* path) {
     path[world.path.copy(path, kConfigTextSize - 1)] = '\0';
 }
 
+void location_config_get_keep_good_files(int32_t* keep) {
+    *keep = 0;
+}
+
 int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
     world.orbits.push_back(std::to_string(constellation) + " " + std::to_string(week) + " " +
                            std::to_string(tow_seconds));
