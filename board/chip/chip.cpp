@@ -1,7 +1,6 @@
 #include "chip/chip.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 namespace {
@@ -56,12 +55,43 @@ void answer(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_
     }
 }
 
+// One SPI frame or I2C transfer begins; false: it fails.
+bool transfer_begins(Chip& chip, uint64_t now_us) {
+    chip_run(chip, now_us);
+    ++chip.status.transfers;
+    const bool fails = chip_fault_transfer(chip.faults);
+    chip.status.transfers_failed += fails ? 1 : 0;
+    return !fails;
+}
+
+// Whether the chip acknowledges its address on I2C.
+bool acknowledges(Chip& chip, uint8_t address, uint64_t now_us) {
+    if (!transfer_begins(chip, now_us) || chip.mode != ChipMode::firmware || chip.faults.silence) {
+        return false;
+    }
+    chip.listening_until_us = 0; // the host wants the firmware
+    return !chip_fault_nack(chip.faults, address) &&
+           (!chip.faults.never_ready || address == kChipI2cCommandPort);
+}
+
+std::string make_backlog(Chip& chip, uint64_t now_us) {
+    const auto bytes = static_cast<size_t>(std::exchange(chip.faults.backlog, 0));
+    if (chip.mode != ChipMode::firmware) {
+        return "the chip's firmware does not run: nothing can wait in it";
+    }
+    chip_source_backlog(chip, bytes, now_us);
+    return "";
+}
+
 } // namespace
 
 void chip_init(Chip& chip, ChipOptions options) {
     chip = {};
     chip.random.seed(options.seed);
     chip.options = std::move(options);
+    chip.transmit.limit = chip.options.tx_fifo_size;
+    chip.flash.base = chip.options.flash_base;
+    chip.flash.size = chip.options.flash_size;
     chip.flash.bootable = !chip.options.flash_empty;
 }
 
@@ -78,10 +108,7 @@ void chip_power(Chip& chip, bool high, uint64_t now_us) {
 }
 
 bool chip_spi_transfer(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
-    chip_run(chip, now_us);
-    ++chip.status.transfers;
-    if (chip_fault_transfer(chip.faults)) {
-        ++chip.status.transfers_failed;
+    if (!transfer_begins(chip, now_us)) {
         return false;
     }
     if (length == 0) {
@@ -93,17 +120,22 @@ bool chip_spi_transfer(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t leng
     return true;
 }
 
+std::optional<uint32_t> chip_i2c_write(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
+                                       uint64_t now_us) {
+    return acknowledges(chip, address, now_us) ? chip_i2c_take(chip, address, data, length, now_us)
+                                               : std::nullopt;
+}
+
+std::optional<uint32_t> chip_i2c_read(Chip& chip, uint8_t address, uint8_t* data, uint32_t length,
+                                      uint64_t now_us) {
+    return acknowledges(chip, address, now_us) ? chip_i2c_give(chip, address, data, length) : std::nullopt;
+}
+
 void chip_run(Chip& chip, uint64_t now_us) {
     if (chip.mode == ChipMode::firmware) {
         chip_source_run(chip, now_us);
         chip_aiding_run(chip, now_us);
         chip_orbit_run(chip, now_us);
-    }
-}
-
-void chip_send(Chip& chip, const std::string& sentence) {
-    if (chip_fifo_size(chip.transmit) + sentence.size() <= chip.options.tx_fifo_size) {
-        chip_fifo_push(chip.transmit, sentence, false);
     }
 }
 
@@ -114,17 +146,13 @@ std::string chip_queue(Chip& chip, const std::string& bytes) {
     if (chip.mode != ChipMode::firmware) {
         return "the chip's firmware does not run: it can't send";
     }
-    if (chip_fifo_size(chip.transmit) + bytes.size() > chip.options.tx_fifo_size) {
-        return "no room in the chip's transmit buffer";
-    }
-    chip_fifo_push(chip.transmit, bytes, false);
-    return "";
+    return chip_fifo_offer(chip.transmit, bytes) ? "" : "no room in the chip's transmit buffer";
 }
 
 ChipStatus chip_status(const Chip& chip) {
     ChipStatus status = chip.status;
     status.bytes_queued = chip_fifo_size(chip.transmit);
-    status.interface_powered = chip_slave_powered(chip);
+    status.interface_powered = chip.slave.powered;
     status.finished = status.cold_boots > 0 && chip.source.finished;
     status.download.state = chip_download_mode_text(chip.mode);
     status.download.bootable = chip.flash.bootable;
@@ -134,4 +162,19 @@ ChipStatus chip_status(const Chip& chip) {
 
 std::vector<ChipCommand> chip_commands(const Chip& chip) {
     return {chip.commands.log.begin(), chip.commands.log.end()};
+}
+
+std::string chip_fault(Chip& chip, const std::string& name, const std::string& value, uint64_t now_us) {
+    std::string error = chip_fault_set(chip.faults, name, value);
+    if (!error.empty()) {
+        return error;
+    }
+    if (chip.faults.backlog > 0) {
+        return make_backlog(chip, now_us);
+    }
+    chip.slave.powered = chip.slave.powered && !chip.faults.unpowered;
+    chip.slave.excused = true;
+    chip_i2c_excuse(chip.i2c);
+    chip.spim.excused = true;
+    return "";
 }

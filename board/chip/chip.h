@@ -8,7 +8,7 @@
 #include "chip/chip_boot_rom.h"
 #include "chip/chip_command.h"
 #include "chip/chip_download.h"
-#include "chip/chip_fault.h"
+#include "chip/chip_fault_table.h"
 #include "chip/chip_fifo.h"
 #include "chip/chip_flash.h"
 #include "chip/chip_i2c.h"
@@ -21,6 +21,7 @@
 #include "chip/chip_status.h"
 
 #include <cstdint>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -59,12 +60,16 @@ void chip_power(Chip& chip, bool high, uint64_t now_us);
 // null. Returns false when the transfer itself fails (the device node answers EIO); rx is then untouched.
 bool chip_spi_transfer(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);
 
+// One I2C write or read at a 7-bit address, start to stop. Return the bytes that the chip took or gave, which
+// may be fewer than length by fault; nothing when the address was not acknowledged or the transfer failed.
+std::optional<uint32_t> chip_i2c_write(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
+                                       uint64_t now_us);
+std::optional<uint32_t> chip_i2c_read(Chip& chip, uint8_t address, uint8_t* data, uint32_t length,
+                                      uint64_t now_us);
+
 // Lets the chip produce what is due by now. Transfers do it too; needed only to see current numbers without a
 // transfer.
 void chip_run(Chip& chip, uint64_t now_us);
-
-// Sends a sentence of the chip's own beside those of its source; lost when there is no room.
-void chip_send(Chip& chip, const std::string& sentence);
 
 // Puts raw bytes into the transmit buffer: sentences, binary frames, garbage. Returns what is wrong (chip
 // off, no room), else empty.
@@ -75,7 +80,7 @@ ChipStatus chip_status(const Chip& chip);
 // The last sentences from the host, oldest first, at most kChipCommandLogSize.
 std::vector<ChipCommand> chip_commands(const Chip& chip);
 
-// Starts, changes or ends a fault; chip_fault_table (chip_fault.h) lists names and values. "all" with "off"
+// Starts, changes or ends a fault; chip_fault_list lists names and values. "all" with "off"
 // ends every fault. Returns what is wrong with name or value, else empty.
 std::string chip_fault(Chip& chip, const std::string& name, const std::string& value, uint64_t now_us);
 

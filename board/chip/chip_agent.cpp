@@ -17,6 +17,10 @@ constexpr size_t kCrcSize = 4;
 constexpr uint32_t kReadSize = 2048; // bytes of a readback, and at most of the OTP area at once
 constexpr uint32_t kOtpSize = 4096;
 constexpr uint32_t kMinLength = 2; // the identifier
+constexpr size_t kGarbageSize = 8; // bytes
+constexpr uint16_t kForeignIdentifier = 0x21FF;
+constexpr uint16_t kLogIdentifier = 0x0F10;
+constexpr size_t kLogHeadSize = 6; // bytes between identifier and text
 
 struct Request {
     uint16_t identifier;
@@ -57,7 +61,7 @@ uint8_t status_of(ChipFlashResult result) {
 uint8_t erase(Chip& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     chip_append_le(response, address, 4);
-    const uint8_t status = status_of(chip_flash_erase(chip, address, chip_load_le(request + 4, 4)));
+    const uint8_t status = status_of(chip_flash_erase(chip.flash, address, chip_load_le(request + 4, 4)));
     chip.status.download.blocks_erased += status == kChipAgentGood ? 1 : 0;
     return status;
 }
@@ -68,7 +72,7 @@ uint8_t write(Chip& chip, const uint8_t* request, Payload& response) {
     if (chip_load_le(request + 4, 2) != kChipFlashBlock) {
         return kChipAgentBadRequest;
     }
-    const uint8_t status = status_of(chip_flash_write(chip, address, request + 6, kChipFlashBlock));
+    const uint8_t status = status_of(chip_flash_write(chip.flash, address, request + 6, kChipFlashBlock));
     if (status == kChipAgentGood) {
         ++chip.status.download.blocks_written;
         chip.status.download.bytes_written += kChipFlashBlock;
@@ -80,18 +84,18 @@ uint8_t write(Chip& chip, const uint8_t* request, Payload& response) {
 uint8_t check(Chip& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     const uint32_t size = chip_load_le(request + 4, 4);
-    if (size > chip.options.flash_size || !chip_flash_holds(chip, address, (size + 3) / 4 * 4)) {
+    if (size > chip.options.flash_size || !chip_flash_holds(chip.flash, address, (size + 3) / 4 * 4)) {
         chip_append_le(response, 0, 4);
         return kChipAgentBadPlace;
     }
-    const Payload image = chip_flash_read(chip, address, (size + 3) / 4 * 4);
+    const Payload image = chip_flash_read(chip.flash, address, (size + 3) / 4 * 4);
     const uint32_t crc = chip_crc32(image.data(), image.size());
     chip_append_le(response, crc, 4);
     if (crc != chip_load_le(request + 8, 4)) {
         return kChipAgentBadImage;
     }
     ++chip.status.download.images_checked;
-    chip_flash_checked(chip, address, size);
+    chip_flash_checked(chip.flash, address, size);
     return kChipAgentGood;
 }
 
@@ -104,10 +108,10 @@ void append_data(Payload& response, uint32_t address, const Payload& data) {
 uint8_t read_back(Chip& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     const uint32_t size = chip_load_le(request + 4, 2);
-    if (size != kReadSize || !chip_flash_holds(chip, address, size)) {
+    if (size != kReadSize || !chip_flash_holds(chip.flash, address, size)) {
         return size != kReadSize ? kChipAgentBadRequest : kChipAgentBadPlace;
     }
-    append_data(response, address, chip_flash_read(chip, address, size));
+    append_data(response, address, chip_flash_read(chip.flash, address, size));
     return kChipAgentGood;
 }
 
@@ -127,7 +131,7 @@ uint8_t read_otp(const uint8_t* request, Payload& response) {
 }
 
 uint8_t finish(Chip& chip) {
-    const bool complete = chip_flash_finish(chip);
+    const bool complete = chip_flash_finish(chip.flash);
     chip.agent.finished = true;
     chip.status.download.completed += complete ? 1 : 0;
     chip.status.download.result = complete ? "complete" : "unchecked";
@@ -165,15 +169,54 @@ uint8_t act(Chip& chip, const Request& request, Payload& response) {
     }
 }
 
+// One frame: type "[" (response) or "]" (notification), identifier, and what follows it.
+Payload frame_of(char type, uint16_t identifier, const Payload& body) {
+    Payload frame = {kFrameStart, static_cast<uint8_t>(type)};
+    chip_append_le(frame, static_cast<uint32_t>(sizeof identifier + body.size()), 2);
+    chip_append_le(frame, identifier, sizeof identifier);
+    frame.insert(frame.end(), body.begin(), body.end());
+    return frame;
+}
+
+Payload log_frame(uint16_t command) {
+    const std::string text = std::string("done: 0x") + "0123456789ABCDEF"[command & 0xF];
+    Payload body(kLogHeadSize);
+    body.insert(body.end(), text.begin(), text.end());
+    return frame_of(']', kLogIdentifier, body);
+}
+
+Payload garbage(std::mt19937& random) {
+    Payload bytes(kGarbageSize);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    std::replace(bytes.begin(), bytes.end(), kFrameStart, uint8_t{0}); // it might swallow the frame behind it
+    return bytes;
+}
+
+// A response and what befalls it, apart from its status.
+void send_befallen(Chip& chip, const ChipAnswerFaultSet& faults, uint16_t identifier, const Payload& frame,
+                   uint64_t now_us) {
+    const auto send = [&](bool wanted, const Payload& bytes) {
+        if (wanted) {
+            chip_spim_send(chip.spim, bytes, now_us + faults.late_us);
+        }
+    };
+    const auto& on = faults.on;
+    send(on[kChipAnswerGarbage], on[kChipAnswerGarbage] ? garbage(chip.random) : Payload{});
+    send(on[kChipAnswerLog], log_frame(identifier));
+    send(on[kChipAnswerForeign], frame_of('[', kForeignIdentifier, {0, 0, 0, 0, 0}));
+    send(!on[kChipAnswerLost], frame);
+    send(on[kChipAnswerTwice], frame);
+}
+
 void send_response(Chip& chip, uint16_t identifier, uint8_t status, const Payload& payload, uint64_t now_us) {
     Payload body = {status};
     body.insert(body.end(), payload.begin(), payload.end());
-    const ChipAnswerFaultSet faults = chip_download_fault_answer(chip.faults.download, identifier);
+    const ChipAnswerFaultSet faults = chip_fault_answer(chip.faults, identifier);
     if (faults.on[kChipAnswerStatus]) {
         body[0] = kChipAgentToldToFail;
     }
     chip.status.download.commands_failed += body[0] == kChipAgentGood ? 0 : 1;
-    chip_download_fault_send(chip, faults, chip_agent_frame('[', identifier, body), now_us);
+    send_befallen(chip, faults, identifier, frame_of('[', identifier, body), now_us);
 }
 
 void take_command(Chip& chip, const Shape* shape, const Payload& frame, uint64_t now_us) {
@@ -231,38 +274,31 @@ Payload next_frame(Payload& input) {
 }
 
 // The power fails in the middle of it: a block is written by half.
-void fail_power(Chip& chip, const Payload& frame) {
+ChipLoaderEnd fail_power(Chip& chip, const Payload& frame) {
     if (chip_load_le(frame.data() + kLengthFrom, 2) == kChipAgentWrite && frame.size() > kChipFlashBlock) {
-        chip_flash_write(chip, chip_load_le(frame.data() + kHeadSize, 4), frame.data() + kHeadSize + 6,
+        chip_flash_write(chip.flash, chip_load_le(frame.data() + kHeadSize, 4), frame.data() + kHeadSize + 6,
                          kChipFlashBlock / 2);
     }
-    chip_download_lose_power(chip);
+    return ChipLoaderEnd::power_lost;
 }
 
 } // namespace
 
-void chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
+ChipLoaderEnd chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
     if (chip.agent.finished) {
-        return;
+        return ChipLoaderEnd::none;
     }
     chip.agent.input.insert(chip.agent.input.end(), data, data + length);
     for (Payload frame = next_frame(chip.agent.input); !frame.empty(); frame = next_frame(chip.agent.input)) {
         const auto identifier = static_cast<uint16_t>(chip_load_le(frame.data() + kLengthFrom, 2));
         ++chip.status.download.commands;
-        if (chip_download_fault_power(chip.faults.download, identifier)) {
+        if (chip_fault_power(chip.faults, identifier)) {
             return fail_power(chip, frame);
         }
         take_command(chip, shape_of(identifier), frame, now_us);
         if (chip.agent.finished) {
-            return;
+            break;
         }
     }
-}
-
-std::vector<uint8_t> chip_agent_frame(char type, uint16_t identifier, const std::vector<uint8_t>& body) {
-    std::vector<uint8_t> frame = {kFrameStart, static_cast<uint8_t>(type)};
-    chip_append_le(frame, static_cast<uint32_t>(sizeof identifier + body.size()), 2);
-    chip_append_le(frame, identifier, sizeof identifier);
-    frame.insert(frame.end(), body.begin(), body.end());
-    return frame;
+    return ChipLoaderEnd::none;
 }

@@ -2,6 +2,8 @@
 #ifndef TAVOR_BOARD_CHIP_AGENT_H
 #define TAVOR_BOARD_CHIP_AGENT_H
 
+#include "chip/chip_boot_rom.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -44,9 +46,6 @@ struct ChipAgentState {
 };
 
 // Bytes of one block from the host.
-void chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
-
-// One agent frame: type "[" (response) or "]" (notification), identifier, and what follows it.
-std::vector<uint8_t> chip_agent_frame(char type, uint16_t identifier, const std::vector<uint8_t>& body);
+ChipLoaderEnd chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
 
 #endif

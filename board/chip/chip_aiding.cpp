@@ -53,7 +53,7 @@ int number(const std::string& text) {
 }
 
 void ask(Chip& chip, const char* body, uint64_t& due_us, ChipAidingStatus& status, uint64_t now_us) {
-    chip_send(chip, chip_sentence(body));
+    chip_fifo_offer(chip.transmit, chip_sentence(body));
     ++status.requests;
     due_us = now_us + kRepeatUs;
 }
@@ -96,7 +96,7 @@ void chip_aiding_run(Chip& chip, uint64_t now_us) {
 bool chip_aiding_answer(Chip& chip, const std::vector<std::string>& fields, uint64_t now_us) {
     const std::vector<std::string> values(fields.begin() + 1, fields.end());
     if (fields[0] == kReferenceTime) {
-        const uint64_t utc = chip_utc_us(chip, now_us);
+        const uint64_t utc = chip_utc_us(chip.options, now_us);
         return judge(chip.status.aiding_time, chip.aiding.time_known,
                      chip_time_error(values, utc, chip.options.aiding_tolerance_s));
     }

@@ -47,8 +47,8 @@ const Command* command_of(uint8_t byte) {
 }
 
 void send(Chip& chip, const std::vector<uint8_t>& bytes, uint64_t now_us) {
-    if (!chip.faults.download.boot_silent) {
-        chip_spim_send(chip, bytes, now_us);
+    if (!chip.faults.boot_silent) {
+        chip_spim_send(chip.spim, bytes, now_us);
     }
 }
 
@@ -60,7 +60,7 @@ void send_word(Chip& chip, uint16_t word, uint64_t now_us) {
 
 void echo(Chip& chip, std::vector<uint8_t> bytes, uint64_t now_us) {
     ++chip.boot_rom.echoes;
-    if (chip_download_fault_echo(chip.faults.download, chip.boot_rom.echoes)) {
+    if (chip_fault_echo(chip.faults, chip.boot_rom.echoes)) {
         bytes[0] ^= 0x01;
     }
     send(chip, bytes, now_us);
@@ -69,7 +69,7 @@ void echo(Chip& chip, std::vector<uint8_t> bytes, uint64_t now_us) {
 // Returns whether the status that went out is good.
 bool send_status(Chip& chip, uint16_t status, uint64_t now_us) {
     ++chip.boot_rom.words;
-    const bool wrong = chip_download_fault_word(chip.faults.download, chip.boot_rom.words);
+    const bool wrong = chip_fault_word(chip.faults, chip.boot_rom.words);
     const uint16_t shown = wrong ? kToldToFail : status;
     chip.status.download.boot_errors += shown == kGood ? 0 : 1;
     send_word(chip, shown, now_us);
@@ -121,7 +121,7 @@ bool jump(Chip& chip, uint64_t now_us) {
     const bool loaded = rom.agent_size > 0 && rom.agent_taken == rom.agent_size;
     const uint16_t status = rom.parameters[0] != kChipAgentAddress ? kBadAddress : loaded ? kGood : kNoAgent;
     if (send_status(chip, status, now_us)) {
-        chip_download_start_agent(chip); // the status still waits for the host
+        chip.boot_rom.jumps = true; // the status still waits for the host
     }
     return false;
 }
@@ -184,7 +184,7 @@ void take_agent_byte(Chip& chip, uint8_t byte, uint64_t now_us) {
     ++rom.agent_taken;
     ++chip.status.download.agent_bytes;
     if (rom.agent_taken == rom.agent_size) {
-        const bool wrong = chip_download_fault_checksum(chip.faults.download);
+        const bool wrong = chip_fault_checksum(chip.faults);
         send_word(chip, static_cast<uint16_t>(wrong ? rom.checksum ^ kChecksumFault : rom.checksum), now_us);
         send_status(chip, kGood, now_us);
     }
@@ -199,20 +199,19 @@ void take_handshake(Chip& chip, uint8_t byte, uint64_t now_us) {
         return;
     }
     rom.handshake = place + 1;
-    const bool garbled = chip_download_fault_handshake(chip.faults.download, rom.handshake);
+    const bool garbled = chip_fault_handshake(chip.faults, rom.handshake);
     send(chip, {static_cast<uint8_t>(garbled ? byte : ~byte)}, now_us);
     chip.status.download.handshakes += rom.handshake == kChipHandshakeSize ? 1 : 0;
 }
 
 } // namespace
 
-void chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
+ChipLoaderEnd chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
     const ChipBootRomState& rom = chip.boot_rom;
-    if (rom.agent_taken < rom.agent_size &&
-        chip_download_fault_power(chip.faults.download, kChipAgentUpload)) {
-        return chip_download_lose_power(chip);
+    if (rom.agent_taken < rom.agent_size && chip_fault_power(chip.faults, kChipAgentUpload)) {
+        return ChipLoaderEnd::power_lost;
     }
-    for (size_t i = 0; i < length && chip.mode == ChipMode::boot_rom; ++i) {
+    for (size_t i = 0; i < length && !rom.jumps; ++i) {
         if (rom.handshake < kChipHandshakeSize) {
             take_handshake(chip, data[i], now_us);
         } else if (rom.agent_taken < rom.agent_size) {
@@ -223,4 +222,5 @@ void chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint6
             take_command(chip, data[i], now_us);
         }
     }
+    return rom.jumps ? ChipLoaderEnd::jump : ChipLoaderEnd::none;
 }

@@ -27,10 +27,18 @@ struct ChipBootRomState {
     uint32_t agent_size = 0;
     uint32_t agent_taken = 0;
     uint16_t checksum = 0;
+    bool jumps = false; // to the agent: nothing more is taken
     std::map<uint32_t, uint16_t> registers;
 };
 
+// What becomes of the chip behind a block.
+enum class ChipLoaderEnd : uint8_t {
+    none,       // it goes on
+    jump,       // the boot ROM starts the agent
+    power_lost, // by fault
+};
+
 // Bytes of one block from the host.
-void chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
+ChipLoaderEnd chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
 
 #endif

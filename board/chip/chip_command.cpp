@@ -26,7 +26,8 @@ void log_command(Chip& chip, std::string_view sentence, bool good, uint64_t now_
 }
 
 void acknowledge(Chip& chip, const std::string& number, Result result) {
-    chip_send(chip, chip_sentence("PZUL001," + number + "," + std::to_string(static_cast<int>(result))));
+    chip_fifo_offer(chip.transmit,
+                    chip_sentence("PZUL001," + number + "," + std::to_string(static_cast<int>(result))));
 }
 
 Result carry_out(Chip& chip, const std::vector<std::string>& fields, uint64_t now_us) {
@@ -76,10 +77,6 @@ void byte_received(Chip& chip, char byte, uint64_t now_us) {
 }
 
 } // namespace
-
-void chip_command_reset(Chip& chip) {
-    chip.commands.line.clear();
-}
 
 void chip_command_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
     for (size_t i = 0; i < length; ++i) {

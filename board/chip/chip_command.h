@@ -16,12 +16,9 @@ inline constexpr size_t kChipCommandLogSize = 1000;
 inline constexpr size_t kChipCommandMaxSize = 512; // bytes of one sentence, CR LF included
 
 struct ChipCommandState {
-    std::string line; // what has come of the sentence that is not complete yet
+    std::string line; // what has come of the sentence that is not complete yet; power loss clears it
     std::deque<ChipCommand> log;
 };
-
-// Power is lost: a sentence that is not complete is forgotten.
-void chip_command_reset(Chip& chip);
 
 // Bytes of a data phase from the host.
 void chip_command_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);

@@ -29,9 +29,9 @@ void forget(Chip& chip) {
         chip.status.download.result = "cut off";
     }
     chip_fifo_clear(chip.transmit);
-    chip_slave_reset(chip);
+    chip.slave = {};
     chip.i2c = {};
-    chip_command_reset(chip);
+    chip.commands.line.clear();
     chip.spim = {};
     chip.boot_rom = {};
     chip.agent = {};
@@ -44,6 +44,27 @@ void enter_boot_rom(Chip& chip) {
     chip.mode = ChipMode::boot_rom;
     ++chip.status.download.started;
     chip.status.download.result = "under way";
+}
+
+void start_agent(Chip& chip) {
+    chip.mode = ChipMode::agent;
+    chip.agent = {};
+    chip.flash.unchecked.clear();
+    chip.flash.written = false;
+}
+
+// A block has come through the download transport.
+void receive(Chip& chip, const std::vector<uint8_t>& block, uint64_t now_us) {
+    chip.status.download.bytes_received += block.size();
+    const ChipLoaderEnd end = chip.mode == ChipMode::boot_rom
+                                  ? chip_boot_rom_receive(chip, block.data(), block.size(), now_us)
+                                  : chip_agent_receive(chip, block.data(), block.size(), now_us);
+    if (end == ChipLoaderEnd::jump) {
+        start_agent(chip);
+    } else if (end == ChipLoaderEnd::power_lost) { // silent until its power line has been low
+        forget(chip);
+        chip.mode = ChipMode::lost;
+    }
 }
 
 } // namespace
@@ -72,30 +93,14 @@ void chip_download_notice(Chip& chip, const uint8_t* tx, uint32_t length, uint64
 
 void chip_download_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
     chip_spim_frame(chip, as_received(chip, tx, length).data(), rx, length, now_us);
+    const std::vector<uint8_t> block = std::move(chip.spim.taken);
+    chip.spim.taken.clear();
+    if (!block.empty()) {
+        receive(chip, block, now_us);
+    }
     if (chip.options.boot_mirrored) {
         std::transform(rx, rx + length, rx, chip_mirrored);
     }
-}
-
-void chip_download_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
-    chip.status.download.bytes_received += length;
-    if (chip.mode == ChipMode::boot_rom) {
-        chip_boot_rom_receive(chip, data, length, now_us);
-    } else if (chip.mode == ChipMode::agent) {
-        chip_agent_receive(chip, data, length, now_us);
-    }
-}
-
-void chip_download_start_agent(Chip& chip) {
-    chip.mode = ChipMode::agent;
-    chip.agent = {};
-    chip.flash.unchecked.clear();
-    chip.flash.written = false;
-}
-
-void chip_download_lose_power(Chip& chip) {
-    forget(chip);
-    chip.mode = ChipMode::lost;
 }
 
 const char* chip_download_mode_text(ChipMode mode) {

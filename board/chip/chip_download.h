@@ -5,7 +5,6 @@
 #ifndef TAVOR_BOARD_CHIP_DOWNLOAD_H
 #define TAVOR_BOARD_CHIP_DOWNLOAD_H
 
-#include <cstddef>
 #include <cstdint>
 
 struct Chip;
@@ -28,15 +27,6 @@ void chip_download_notice(Chip& chip, const uint8_t* tx, uint32_t length, uint64
 // A frame of the download transport, in the multiplexer's order of bits; rx holds length bytes, all zero at
 // entry.
 void chip_download_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);
-
-// A block has come through the download transport.
-void chip_download_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
-
-// The boot ROM jumps.
-void chip_download_start_agent(Chip& chip);
-
-// The power fails inside the chip: it is silent until its power line has been low.
-void chip_download_lose_power(Chip& chip);
 
 // Name of the mode.
 const char* chip_download_mode_text(ChipMode mode);

@@ -28,7 +28,17 @@ size_t chip_fifo_size(const ChipFifo& fifo) {
 }
 
 void chip_fifo_clear(ChipFifo& fifo) {
+    const size_t limit = fifo.limit;
     fifo = {};
+    fifo.limit = limit;
+}
+
+bool chip_fifo_offer(ChipFifo& fifo, const std::string& bytes, bool is_sentence) {
+    const bool fits = chip_fifo_size(fifo) + bytes.size() <= fifo.limit;
+    if (fits) {
+        chip_fifo_push(fifo, bytes, is_sentence);
+    }
+    return fits;
 }
 
 void chip_fifo_push(ChipFifo& fifo, const std::string& bytes, bool is_sentence) {

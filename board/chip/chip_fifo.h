@@ -9,6 +9,7 @@
 #include <vector>
 
 struct ChipFifo {
+    size_t limit = 0;           // bytes that chip_fifo_offer fills it to
     std::vector<uint8_t> bytes; // from head on; what lies before has been read
     size_t head = 0;
     std::deque<uint64_t> sentence_ends; // counted in bytes since the start
@@ -22,6 +23,9 @@ void chip_fifo_clear(ChipFifo& fifo);
 
 // Appends the bytes; is_sentence marks their end for the count that chip_fifo_pop gives back.
 void chip_fifo_push(ChipFifo& fifo, const std::string& bytes, bool is_sentence);
+
+// The same when it has room for all of it, else nothing. Returns whether it had.
+bool chip_fifo_offer(ChipFifo& fifo, const std::string& bytes, bool is_sentence = false);
 
 // Moves up to length bytes to out; fewer when there are fewer. sentences: how many sentence ends were among
 // them. Returns the bytes moved.

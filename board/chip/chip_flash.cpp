@@ -1,7 +1,5 @@
 #include "chip/chip_flash.h"
 
-#include "chip/chip.h"
-
 #include <algorithm>
 
 namespace {
@@ -9,11 +7,11 @@ namespace {
 constexpr uint8_t kErased = 0xFF;
 
 // The flash's content, made when it is needed first.
-std::vector<uint8_t>& content(Chip& chip) {
-    if (chip.flash.bytes.empty()) {
-        chip.flash.bytes.assign(chip.options.flash_size, kErased);
+std::vector<uint8_t>& content(ChipFlash& flash) {
+    if (flash.bytes.empty()) {
+        flash.bytes.assign(flash.size, kErased);
     }
-    return chip.flash.bytes;
+    return flash.bytes;
 }
 
 void note_change(ChipFlash& flash, uint32_t begin, uint32_t end) {
@@ -33,59 +31,58 @@ bool is_block(uint32_t length) {
 
 } // namespace
 
-bool chip_flash_holds(const Chip& chip, uint32_t address, uint32_t length) {
-    const ChipOptions& options = chip.options;
-    return address >= options.flash_base && address - options.flash_base <= options.flash_size &&
-           length <= options.flash_size - (address - options.flash_base);
+bool chip_flash_holds(const ChipFlash& flash, uint32_t address, uint32_t length) {
+    return address >= flash.base && address - flash.base <= flash.size &&
+           length <= flash.size - (address - flash.base);
 }
 
-ChipFlashResult chip_flash_erase(Chip& chip, uint32_t address, uint32_t length) {
-    if (!is_block(length) || address % length != 0 || !chip_flash_holds(chip, address, 1)) {
+ChipFlashResult chip_flash_erase(ChipFlash& flash, uint32_t address, uint32_t length) {
+    if (!is_block(length) || address % length != 0 || !chip_flash_holds(flash, address, 1)) {
         return ChipFlashResult::misplaced;
     }
-    const uint32_t begin = address - chip.options.flash_base;
-    const uint32_t end = std::min(chip.options.flash_size, begin + length);
-    std::vector<uint8_t>& bytes = content(chip);
+    const uint32_t begin = address - flash.base;
+    const uint32_t end = std::min(flash.size, begin + length);
+    std::vector<uint8_t>& bytes = content(flash);
     std::fill(bytes.begin() + begin, bytes.begin() + end, kErased);
-    set_bootable(chip.flash, false);
-    note_change(chip.flash, begin, end);
+    set_bootable(flash, false);
+    note_change(flash, begin, end);
     return ChipFlashResult::ok;
 }
 
-ChipFlashResult chip_flash_write(Chip& chip, uint32_t address, const uint8_t* data, uint32_t length) {
-    if (!chip_flash_holds(chip, address, length)) {
+ChipFlashResult chip_flash_write(ChipFlash& flash, uint32_t address, const uint8_t* data, uint32_t length) {
+    if (!chip_flash_holds(flash, address, length)) {
         return ChipFlashResult::misplaced;
     }
-    const uint32_t begin = address - chip.options.flash_base;
-    uint8_t* cells = content(chip).data() + begin;
+    const uint32_t begin = address - flash.base;
+    uint8_t* cells = content(flash).data() + begin;
     std::transform(data, data + length, cells, cells,
                    [](uint8_t byte, uint8_t cell) { return static_cast<uint8_t>(byte & cell); });
-    set_bootable(chip.flash, false);
-    chip.flash.written = true;
-    chip.flash.unchecked.insert(address);
-    note_change(chip.flash, begin, begin + length);
+    set_bootable(flash, false);
+    flash.written = true;
+    flash.unchecked.insert(address);
+    note_change(flash, begin, begin + length);
     return std::equal(data, data + length, cells) ? ChipFlashResult::ok : ChipFlashResult::unerased;
 }
 
-std::vector<uint8_t> chip_flash_read(const Chip& chip, uint32_t address, uint32_t length) {
-    if (chip.flash.bytes.empty()) {
+std::vector<uint8_t> chip_flash_read(const ChipFlash& flash, uint32_t address, uint32_t length) {
+    if (flash.bytes.empty()) {
         return std::vector<uint8_t>(length, kErased);
     }
-    const uint8_t* cells = chip.flash.bytes.data() + (address - chip.options.flash_base);
+    const uint8_t* cells = flash.bytes.data() + (address - flash.base);
     return {cells, cells + length};
 }
 
-void chip_flash_checked(Chip& chip, uint32_t address, uint32_t length) {
-    std::set<uint32_t>& unchecked = chip.flash.unchecked;
+void chip_flash_checked(ChipFlash& flash, uint32_t address, uint32_t length) {
+    std::set<uint32_t>& unchecked = flash.unchecked;
     unchecked.erase(unchecked.lower_bound(address), unchecked.lower_bound(address + length));
 }
 
-bool chip_flash_finish(Chip& chip) {
-    if (!chip.flash.unchecked.empty()) {
+bool chip_flash_finish(ChipFlash& flash) {
+    if (!flash.unchecked.empty()) {
         return false;
     }
-    if (chip.flash.written) {
-        set_bootable(chip.flash, true);
+    if (flash.written) {
+        set_bootable(flash, true);
     }
-    return chip.flash.bootable;
+    return flash.bootable;
 }

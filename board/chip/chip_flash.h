@@ -7,8 +7,6 @@
 #include <set>
 #include <vector>
 
-struct Chip;
-
 inline constexpr uint32_t kChipFlashBlock =
     4096; // bytes: the smaller erase, and what one write command takes
 inline constexpr uint32_t kChipFlashLargeBlock = 65536; // the larger erase
@@ -20,6 +18,8 @@ enum class ChipFlashResult : uint8_t {
 };
 
 struct ChipFlash {
+    uint32_t base = 0;            // address
+    uint32_t size = 0;            // bytes, whole blocks of the smaller erase
     std::vector<uint8_t> bytes;   // empty while all of it is erased
     bool bootable = true;         // holds firmware that starts
     std::set<uint32_t> unchecked; // addresses of blocks written since their last good check
@@ -32,21 +32,21 @@ struct ChipFlash {
 };
 
 // Erases a block of either size; what reaches past the end of the flash is left out. The firmware is lost.
-ChipFlashResult chip_flash_erase(Chip& chip, uint32_t address, uint32_t length);
+ChipFlashResult chip_flash_erase(ChipFlash& flash, uint32_t address, uint32_t length);
 
 // Writes at any place; bits that are 0 already stay 0, also when the result tells so.
-ChipFlashResult chip_flash_write(Chip& chip, uint32_t address, const uint8_t* data, uint32_t length);
+ChipFlashResult chip_flash_write(ChipFlash& flash, uint32_t address, const uint8_t* data, uint32_t length);
 
 // Whether the range lies in the flash.
-bool chip_flash_holds(const Chip& chip, uint32_t address, uint32_t length);
+bool chip_flash_holds(const ChipFlash& flash, uint32_t address, uint32_t length);
 
 // A copy of a range that chip_flash_holds.
-std::vector<uint8_t> chip_flash_read(const Chip& chip, uint32_t address, uint32_t length);
+std::vector<uint8_t> chip_flash_read(const ChipFlash& flash, uint32_t address, uint32_t length);
 
 // An image at this place has passed its check: its blocks need none any more.
-void chip_flash_checked(Chip& chip, uint32_t address, uint32_t length);
+void chip_flash_checked(ChipFlash& flash, uint32_t address, uint32_t length);
 
 // The download is finished. True, and the flash is bootable, when everything that was written passed a check.
-bool chip_flash_finish(Chip& chip);
+bool chip_flash_finish(ChipFlash& flash);
 
 #endif

@@ -36,21 +36,6 @@ std::nullopt_t refuse(Chip& chip, const char* what, uint32_t number, bool direct
     return std::nullopt;
 }
 
-// Whether the chip acknowledges its address.
-bool acknowledges(Chip& chip, uint8_t address) {
-    ++chip.status.transfers;
-    if (chip_fault_transfer(chip.faults)) {
-        ++chip.status.transfers_failed;
-        return false;
-    }
-    if (chip.mode != ChipMode::firmware || chip.faults.silence) {
-        return false;
-    }
-    chip.listening_until_us = 0; // the host wants the firmware
-    return !chip_i2c_fault_nack(chip.faults.i2c, address) &&
-           (!chip.faults.never_ready || address == kChipI2cCommandPort);
-}
-
 // Faults that take everything and do nothing with it.
 bool is_deaf(const Chip& chip) {
     return chip.faults.zero || chip.faults.garbage == ChipGarbage::all;
@@ -134,7 +119,7 @@ std::optional<uint32_t> take_data(Chip& chip, const uint8_t* data, uint32_t leng
     if (chip.i2c.phase != ChipPhase::data_write || length != chip.i2c.length) {
         return refuse(chip, "I2C write without its command or of another length", length);
     }
-    const uint32_t count = phase_size(chip.faults.i2c.short_write, length);
+    const uint32_t count = phase_size(chip.faults.i2c_short_write, length);
     chip.i2c.phase = ChipPhase::idle;
     chip.i2c.announced_rx -= length;
     chip.status.bytes_received += count;
@@ -172,7 +157,7 @@ std::optional<uint32_t> give_data(Chip& chip, uint8_t* out, uint32_t length) {
     if ((!is_register && chip.i2c.phase != ChipPhase::data_read) || length != chip.i2c.length) {
         return refuse(chip, "I2C read without its command or of another length", length);
     }
-    const uint32_t count = phase_size(chip.faults.i2c.short_read, length);
+    const uint32_t count = phase_size(chip.faults.i2c_short_read, length);
     if (is_register) {
         fill_register(chip, out);
     } else {
@@ -190,12 +175,8 @@ void chip_i2c_excuse(ChipI2cState& slave) {
     slave.rx_excused = true;
 }
 
-std::optional<uint32_t> chip_i2c_write(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
-                                       uint64_t now_us) {
-    chip_run(chip, now_us);
-    if (!acknowledges(chip, address)) {
-        return std::nullopt;
-    }
+std::optional<uint32_t> chip_i2c_take(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
+                                      uint64_t now_us) {
     if (is_deaf(chip)) {
         return length;
     }
@@ -206,12 +187,7 @@ std::optional<uint32_t> chip_i2c_write(Chip& chip, uint8_t address, const uint8_
                                         : refuse(chip, "write to no I2C port for it", address);
 }
 
-std::optional<uint32_t> chip_i2c_read(Chip& chip, uint8_t address, uint8_t* data, uint32_t length,
-                                      uint64_t now_us) {
-    chip_run(chip, now_us);
-    if (!acknowledges(chip, address)) {
-        return std::nullopt;
-    }
+std::optional<uint32_t> chip_i2c_give(Chip& chip, uint8_t address, uint8_t* data, uint32_t length) {
     if (chip.faults.zero) {
         std::fill_n(data, length, uint8_t{0});
         return length;

@@ -26,11 +26,10 @@ struct ChipI2cState {
 // A fault has come or gone: the host may be out of step.
 void chip_i2c_excuse(ChipI2cState& slave);
 
-// One write or read at a 7-bit address, start to stop. Return the bytes that the chip took or gave, which may
-// be fewer than length by fault; nothing when the address was not acknowledged or the transfer failed.
-std::optional<uint32_t> chip_i2c_write(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
-                                       uint64_t now_us);
-std::optional<uint32_t> chip_i2c_read(Chip& chip, uint8_t address, uint8_t* data, uint32_t length,
+// A write or a read at an address that was acknowledged. Return the bytes that the chip took or gave, which
+// may be fewer than length by fault; nothing when the slave refuses it.
+std::optional<uint32_t> chip_i2c_take(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
                                       uint64_t now_us);
+std::optional<uint32_t> chip_i2c_give(Chip& chip, uint8_t address, uint8_t* data, uint32_t length);
 
 #endif

@@ -58,6 +58,10 @@ std::string motion_error(const ChipOptions& options) {
 
 } // namespace
 
+uint64_t chip_utc_us(const ChipOptions& options, uint64_t now_us) {
+    return options.utc_at_zero_us + now_us;
+}
+
 std::string chip_options_error(const ChipOptions& options) {
     if (options.rate_hz < 1 || options.rate_hz > kMaxRateHz) {
         return "rate is not within 1 to 10 Hz";

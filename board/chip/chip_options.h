@@ -52,6 +52,9 @@ struct ChipOptions {
     double turn_deg_per_s = 0.5; // 0: straight on
 };
 
+// UTC in microseconds since 1970 at a moment of the passed-in clock.
+uint64_t chip_utc_us(const ChipOptions& options, uint64_t now_us);
+
 // Says what is wrong with the options in one line; empty when nothing is.
 std::string chip_options_error(const ChipOptions& options);
 

@@ -99,14 +99,14 @@ void ask(Chip& chip, size_t number, uint64_t now_us) {
         }
         judge(status, progress);
     }
-    const uint64_t gps = chip_gps_seconds(chip_utc_us(chip, now_us));
+    const uint64_t gps = chip_gps_seconds(chip_utc_us(chip.options, now_us));
     progress.asked_hour = static_cast<uint32_t>(gps / kSecondsPerHour);
     progress.due_us = now_us + kRepeatUs;
     chip.orbits.next_request_us = now_us + kQuietUs;
     ++status.requests;
-    chip_send(chip, chip_sentence("PZUL010,0," + std::to_string(number) + "," +
-                                  std::to_string(gps / kSecondsPerWeek) + "," +
-                                  std::to_string(gps % kSecondsPerWeek)));
+    chip_fifo_offer(chip.transmit, chip_sentence("PZUL010,0," + std::to_string(number) + "," +
+                                                 std::to_string(gps / kSecondsPerWeek) + "," +
+                                                 std::to_string(gps % kSecondsPerWeek)));
 }
 
 // The constellation of a record; none: -1.

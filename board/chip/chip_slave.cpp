@@ -213,10 +213,6 @@ void powered_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, 
 
 } // namespace
 
-void chip_slave_reset(Chip& chip) {
-    chip.slave = {};
-}
-
 uint32_t chip_slave_tx_length(const Chip& chip) {
     if (chip.faults.hostile_tx || chip.faults.zero_tx) {
         return chip.faults.hostile_tx ? kHostileLength : 0;
@@ -230,10 +226,6 @@ uint32_t chip_slave_rx_length(const Chip& chip) {
         return chip.faults.hostile_rx ? kHostileLength : 0;
     }
     return chip.options.rx_window;
-}
-
-bool chip_slave_powered(const Chip& chip) {
-    return chip.slave.powered;
 }
 
 void chip_slave_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {

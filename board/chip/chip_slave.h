@@ -9,7 +9,7 @@ struct Chip;
 enum class ChipPhase : uint8_t { idle, register_read, data_read, data_write };
 
 struct ChipSlaveState {
-    bool powered = false;
+    bool powered = false;              // as status bit 0x01 says
     uint8_t errors = 0;                // latched error bits of the status byte
     ChipPhase phase = ChipPhase::idle; // data phase that the last configuration command prepared
     uint32_t address = 0;
@@ -24,17 +24,11 @@ struct ChipSlaveState {
                          // as a violation
 };
 
-// Power is lost: the interface is off and nothing is announced.
-void chip_slave_reset(Chip& chip);
-
 // One frame of at least one byte; rx holds length bytes, all zero at entry.
 void chip_slave_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);
 
 // What the length registers say, on SPI and on I2C: bytes that the host can read and can write now.
 uint32_t chip_slave_tx_length(const Chip& chip);
 uint32_t chip_slave_rx_length(const Chip& chip);
-
-// Whether status bit 0x01 is set.
-bool chip_slave_powered(const Chip& chip);
 
 #endif

@@ -38,7 +38,7 @@ uint64_t first_fix_utc_us(const Chip& chip) {
     const uint64_t alone = chip.boot_us + chip.options.time_to_first_fix_ms * kUsPerMs;
     const uint64_t assisted =
         std::max(chip.boot_us + chip.options.assisted_first_fix_ms * kUsPerMs, chip.aiding.assisted_us);
-    return chip_utc_us(chip, chip.status.assisted ? std::min(alone, assisted) : alone);
+    return chip_utc_us(chip.options, chip.status.assisted ? std::min(alone, assisted) : alone);
 }
 
 bool has_fix(const Chip& chip, uint64_t utc_us) {
@@ -47,7 +47,7 @@ bool has_fix(const Chip& chip, uint64_t utc_us) {
 
 void note_fix(Chip& chip, uint64_t utc_us) {
     if (!chip.status.first_fix_ms) {
-        chip.status.first_fix_ms = (utc_us - chip_utc_us(chip, chip.boot_us)) / kUsPerMs;
+        chip.status.first_fix_ms = (utc_us - chip_utc_us(chip.options, chip.boot_us)) / kUsPerMs;
     }
 }
 
@@ -82,9 +82,9 @@ bool stage_epoch(Chip& chip) {
 void produce_staged(Chip& chip, bool elastic) {
     const std::string& sentence = chip.source.staged[chip.source.staged_next++];
     ++chip.status.sentences_produced;
-    if (elastic || chip_fifo_size(chip.transmit) + sentence.size() <= chip.options.tx_fifo_size) {
+    if (elastic) {
         chip_fifo_push(chip.transmit, sentence, true);
-    } else {
+    } else if (!chip_fifo_offer(chip.transmit, sentence, true)) {
         ++chip.status.sentences_dropped;
     }
     chip.source.finished = limit_reached(chip);
@@ -105,7 +105,7 @@ void run_full_speed(Chip& chip) {
 }
 
 void run_paced(Chip& chip, uint64_t now_us) {
-    const uint64_t utc = chip_utc_us(chip, now_us);
+    const uint64_t utc = chip_utc_us(chip.options, now_us);
     const uint64_t oldest = utc - std::min(utc, kMaxOverdueSeconds * kUsPerSecond);
     chip.source.epoch = std::max(chip.source.epoch, epoch_at_or_after(chip, oldest));
     while (!chip.source.finished && epoch_utc_us(chip, chip.source.epoch) <= utc && stage_epoch(chip)) {
@@ -117,14 +117,10 @@ void run_paced(Chip& chip, uint64_t now_us) {
 
 } // namespace
 
-uint64_t chip_utc_us(const Chip& chip, uint64_t now_us) {
-    return chip.options.utc_at_zero_us + now_us;
-}
-
 void chip_source_boot(Chip& chip, uint64_t now_us) {
     chip.source = {};
     chip.status.first_fix_ms.reset();
-    chip.source.epoch = epoch_at_or_after(chip, chip_utc_us(chip, now_us));
+    chip.source.epoch = epoch_at_or_after(chip, chip_utc_us(chip.options, now_us));
     chip.source.finished = chip.options.source == ChipSource::none || limit_reached(chip);
 }
 
@@ -140,7 +136,7 @@ void chip_source_run(Chip& chip, uint64_t now_us) {
 }
 
 void chip_source_backlog(Chip& chip, size_t bytes, uint64_t now_us) {
-    const uint64_t now = epoch_at_or_after(chip, chip_utc_us(chip, now_us));
+    const uint64_t now = epoch_at_or_after(chip, chip_utc_us(chip.options, now_us));
     const bool fix = has_fix(chip, epoch_utc_us(chip, now));
     uint64_t epoch = now - std::min<uint64_t>(now, bytes / kLeastEpochSize + 1);
     std::vector<std::string> sentences;

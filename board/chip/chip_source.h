@@ -27,7 +27,4 @@ void chip_source_run(Chip& chip, uint64_t now_us);
 // Produces sentences of the trajectory at once until at least this many bytes of them wait, room or not.
 void chip_source_backlog(Chip& chip, size_t bytes, uint64_t now_us);
 
-// UTC in microseconds since 1970.
-uint64_t chip_utc_us(const Chip& chip, uint64_t now_us);
-
 #endif

@@ -63,7 +63,7 @@ void poll_wake_up(Chip& chip) {
     if (spim.sleepy_polls > 0) {
         --spim.sleepy_polls;
     } else {
-        spim.awake = spim.awake || !chip.faults.download.asleep;
+        spim.awake = spim.awake || !chip.faults.asleep;
     }
 }
 
@@ -80,20 +80,16 @@ void drop_front(ChipSpimState& spim, uint32_t count) {
 }
 
 // The host has seen the data phase done.
-void confirm(Chip& chip, uint64_t now_us) {
-    ChipSpimState& spim = chip.spim;
-    const ChipSpimPhase phase = spim.phase;
-    const std::vector<uint8_t> received = std::move(spim.received);
-    const uint32_t offered = spim.offered;
-    end_phase(spim);
-    if (phase == ChipSpimPhase::read) {
-        drop_front(spim, offered);
-    } else if (phase == ChipSpimPhase::write) {
-        chip_download_receive(chip, received.data(), received.size(), now_us);
+void confirm(ChipSpimState& spim) {
+    if (spim.phase == ChipSpimPhase::read) {
+        drop_front(spim, spim.offered);
+    } else if (spim.phase == ChipSpimPhase::write) {
+        spim.taken = std::move(spim.received);
     }
+    end_phase(spim);
 }
 
-uint8_t read_status(Chip& chip, uint64_t now_us) {
+uint8_t read_status(Chip& chip) {
     ChipSpimState& spim = chip.spim;
     uint8_t status = spim.errors | chip_fault_status(chip.faults);
     if (!spim.awake) {
@@ -107,7 +103,7 @@ uint8_t read_status(Chip& chip, uint64_t now_us) {
         status |= spim.data_done ? kStatusDataDone : 0;
     }
     if ((status & kStatusDataDone) != 0 && (status & kStatusErrors) == 0) {
-        confirm(chip, now_us);
+        confirm(spim);
     }
     return status;
 }
@@ -201,11 +197,11 @@ void awake_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, ui
     }
 }
 
-void status_frame(Chip& chip, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void status_frame(Chip& chip, uint8_t* rx, uint32_t length) {
     if (length != kStatusFrameSize) {
         return refuse(chip, "status frame is not 2 bytes", length);
     }
-    rx[1] = read_status(chip, now_us);
+    rx[1] = read_status(chip);
     if (chip.faults.garbage == ChipGarbage::status) {
         rx[1] = static_cast<uint8_t>(chip.random());
     }
@@ -238,7 +234,7 @@ bool chip_spim_is_first_frame(const uint8_t* tx, uint32_t length) {
 void chip_spim_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
     switch (tx[0]) {
     case kOpReadStatus:
-        return status_frame(chip, rx, length, now_us);
+        return status_frame(chip, rx, length);
     case kOpClearError:
         return clear_frame(chip, tx, length);
     case kOpWakeStart:
@@ -252,6 +248,6 @@ void chip_spim_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length
     }
 }
 
-void chip_spim_send(Chip& chip, const std::vector<uint8_t>& bytes, uint64_t due_us) {
-    chip.spim.queue.push_back({due_us, bytes});
+void chip_spim_send(ChipSpimState& spim, const std::vector<uint8_t>& bytes, uint64_t due_us) {
+    spim.queue.push_back({due_us, bytes});
 }

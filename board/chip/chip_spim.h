@@ -29,6 +29,7 @@ struct ChipSpimState {
     bool data_done = false;
     uint32_t busy = 0;             // status reads left before the pending bit shows
     std::vector<uint8_t> received; // data phase that the host has not seen done yet
+    std::vector<uint8_t> taken;    // a block that the host has seen done: chip_download takes it
     uint32_t offered = 0;          // bytes of the queue that the last data phase showed
     std::deque<ChipSpimBlock> queue;
     bool excused = false; // out of step through no fault of the host: until its next wake-up nothing counts
@@ -42,6 +43,6 @@ bool chip_spim_is_first_frame(const uint8_t* tx, uint32_t length);
 void chip_spim_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);
 
 // Bytes for the host, behind those that wait; a read that asks for more than is due is filled up with zeros.
-void chip_spim_send(Chip& chip, const std::vector<uint8_t>& bytes, uint64_t due_us);
+void chip_spim_send(ChipSpimState& spim, const std::vector<uint8_t>& bytes, uint64_t due_us);
 
 #endif

@@ -2,7 +2,7 @@
 #ifndef TAVOR_BOARD_ASSIST_FAULT_H
 #define TAVOR_BOARD_ASSIST_FAULT_H
 
-#include "chip/chip_fault.h"
+#include "chip/chip_fault_table.h"
 
 #include <array>
 #include <cstdint>
@@ -31,7 +31,8 @@ struct AssistFaultState {
     }
 };
 
-const std::vector<ChipFaultInfo>& assist_fault_table();
+// Every fault that assist_fault_set knows.
+std::vector<ChipFaultInfo> assist_fault_list();
 
 // Whether the server has a fault of this name.
 bool assist_fault_is(const std::string& name);

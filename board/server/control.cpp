@@ -138,24 +138,10 @@ json commands_json(Board& board) {
 
 json faults_json() {
     json list = json::array();
-    for (const std::vector<ChipFaultInfo>* table : {&chip_fault_table(), &assist_fault_table()}) {
-        for (const ChipFaultInfo& fault : *table) {
-            list.push_back({{"name", fault.name}, {"values", fault.values}, {"help", fault.help}});
-        }
+    for (const ChipFaultInfo& fault : control_faults()) {
+        list.push_back({{"name", fault.name}, {"values", fault.values}, {"help", fault.help}});
     }
     return {{"ok", true}, {"faults", list}};
-}
-
-// Of the chip or of the assistance server; "all" is of both.
-json fault_answer(const ControlTarget& target, const std::string& name, const std::string& value) {
-    if (!assist_fault_is(name)) {
-        const std::string error = board_fault(*target.board, name, value);
-        if (!error.empty() || name != "all" || target.assist == nullptr) {
-            return result(error);
-        }
-    }
-    return target.assist == nullptr ? failure("the board has no assistance server")
-                                    : result(assist_fault(*target.assist, name, value));
 }
 
 json send_answer(Board& board, const json& request) {
@@ -237,8 +223,8 @@ json answer(ControlTarget& target, const json& request) {
         return faults_json();
     }
     if (command == "fault") {
-        return fault_answer(target, request.at("name").get<std::string>(),
-                            request.at("value").get<std::string>());
+        return result(control_fault(target, request.at("name").get<std::string>(),
+                                    request.at("value").get<std::string>()));
     }
     if (command == "send") {
         return send_answer(board, request);
@@ -257,6 +243,24 @@ json answer(ControlTarget& target, const json& request) {
 }
 
 } // namespace
+
+std::vector<ChipFaultInfo> control_faults() {
+    std::vector<ChipFaultInfo> faults = chip_fault_list();
+    const std::vector<ChipFaultInfo> more = assist_fault_list();
+    faults.insert(faults.end(), more.begin(), more.end());
+    return faults;
+}
+
+std::string control_fault(const ControlTarget& target, const std::string& name, const std::string& value) {
+    if (!assist_fault_is(name)) {
+        std::string error = board_fault(*target.board, name, value);
+        if (!error.empty() || name != "all" || target.assist == nullptr) {
+            return error;
+        }
+    }
+    return target.assist == nullptr ? "the board has no assistance server"
+                                    : assist_fault(*target.assist, name, value);
+}
 
 std::string control_answer(ControlTarget& target, const std::string& request) {
     json reply;

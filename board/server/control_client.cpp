@@ -1,6 +1,6 @@
 #include "server/control_client.h"
 
-#include "chip/chip_download_fault.h"
+#include "chip/chip_fault_table.h"
 #include "interpose/wire.h"
 #include "server/board_socket.h"
 
@@ -130,7 +130,7 @@ void print_faults(const json& answer) {
         printf("%-16s %-40s %s\n", fault["name"].get<std::string>().c_str(),
                fault["values"].get<std::string>().c_str(), fault["help"].get<std::string>().c_str());
     }
-    printf("COMMAND is one of %s.\n", chip_download_fault_commands().c_str());
+    printf("COMMAND is one of %s.\n", chip_fault_commands().c_str());
 }
 
 // One value a line; those of an object with its name in front.

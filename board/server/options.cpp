@@ -1,8 +1,7 @@
 #include "server/options.h"
 
-#include "chip/chip_download_fault.h"
-#include "server/assist_fault.h"
 #include "server/clock_file.h"
+#include "server/control.h"
 
 #include <CLI/CLI.hpp>
 #include <fstream>
@@ -130,12 +129,10 @@ void finish_run(const Raw& raw, RunOptions& run) {
 std::string run_footer() {
     std::ostringstream text;
     text << kRunExamples << "\n\nFaults (--fault NAME=VALUE, or ctl fault NAME VALUE):\n";
-    for (const std::vector<ChipFaultInfo>* table : {&chip_fault_table(), &assist_fault_table()}) {
-        for (const ChipFaultInfo& fault : *table) {
-            text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
-        }
+    for (const ChipFaultInfo& fault : control_faults()) {
+        text << "  " << fault.name << " " << fault.values << ": " << fault.help << "\n";
     }
-    text << "COMMAND is one of " << chip_download_fault_commands() << ".\n";
+    text << "COMMAND is one of " << chip_fault_commands() << ".\n";
     return text.str();
 }
 

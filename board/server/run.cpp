@@ -79,9 +79,7 @@ void tell_ready(const RunOptions& options, const std::string& directory) {
 
 std::string apply_faults(const ControlTarget& target, const RunOptions& options) {
     for (const auto& [name, value] : options.faults) {
-        std::string error = assist_fault_is(name) && target.assist != nullptr
-                                ? assist_fault(*target.assist, name, value)
-                                : board_fault(*target.board, name, value);
+        std::string error = control_fault(target, name, value);
         if (!error.empty()) {
             return error;
         }

@@ -22,7 +22,7 @@ Bytes pattern(size_t size) {
 }
 
 Bytes flash(const DownloadHost& host, uint32_t address, uint32_t length) {
-    return chip_flash_read(host.chip, address, length);
+    return chip_flash_read(host.chip.flash, address, length);
 }
 
 } // namespace

@@ -286,7 +286,7 @@ TEST(ChipFault, HostOutOfStepByAFaultBreaksNoRule) {
 }
 
 TEST(ChipFault, EveryFaultOfTheTableIsKnown) {
-    for (const ChipFaultInfo& info : chip_fault_table()) {
+    for (const ChipFaultInfo& info : chip_fault_list()) {
         FaultyHost host;
         const std::string error = chip_fault(host.chip, info.name, "?", 0);
         EXPECT_EQ(error.rfind(std::string("fault ") + info.name + ":", 0), 0U) << error;

@@ -70,7 +70,7 @@ TEST_F(BoardControl, AFaultIsListedUntilItEnds) {
     EXPECT_EQ(ask({{"command", "fault"}, {"name", "all"}, {"value", "off"}})["ok"], true);
     EXPECT_EQ(ask({{"command", "status"}})["faults"], json::array());
     EXPECT_EQ(ask({{"command", "faults"}})["faults"].size(),
-              chip_fault_table().size() + assist_fault_table().size());
+              chip_fault_list().size() + assist_fault_list().size());
 }
 
 TEST_F(BoardControl, FaultsOfTheAssistanceServerNeedOne) {

@@ -39,13 +39,13 @@ TEST_F(FlashFile, UntouchedFlashHasNoFiles) {
 }
 
 TEST_F(FlashFile, ContentIsKeptByteForByteAndTakenAgain) {
-    ASSERT_EQ(chip_flash_erase(board.chip, kBase, 4096), ChipFlashResult::ok);
+    ASSERT_EQ(chip_flash_erase(board.chip.flash, kBase, 4096), ChipFlashResult::ok);
     EXPECT_EQ(keep(), "");
     EXPECT_EQ(place.read("flash.bin"), std::string(kSize, '\xFF'));
     EXPECT_EQ(place.read("flash.state"), "no firmware\n");
     const uint8_t data[] = {1, 2, 3};
-    ASSERT_EQ(chip_flash_write(board.chip, kBase + 0x1FFFD, data, sizeof data), ChipFlashResult::ok);
-    ASSERT_EQ(chip_flash_write(board.chip, kBase + 5, data, sizeof data), ChipFlashResult::ok);
+    ASSERT_EQ(chip_flash_write(board.chip.flash, kBase + 0x1FFFD, data, sizeof data), ChipFlashResult::ok);
+    ASSERT_EQ(chip_flash_write(board.chip.flash, kBase + 5, data, sizeof data), ChipFlashResult::ok);
     EXPECT_EQ(keep(), "");
     std::string expected(kSize, '\xFF');
     expected.replace(5, 3, "\1\2\3").replace(0x1FFFD, 3, "\1\2\3");
@@ -58,21 +58,21 @@ TEST_F(FlashFile, ContentIsKeptByteForByteAndTakenAgain) {
 }
 
 TEST_F(FlashFile, FinishedDownloadIsKept) {
-    chip_flash_erase(board.chip, kBase, 4096);
+    chip_flash_erase(board.chip.flash, kBase, 4096);
     keep();
     const uint8_t data[] = {1};
-    chip_flash_write(board.chip, kBase, data, 1);
-    chip_flash_checked(board.chip, kBase, 1);
-    ASSERT_TRUE(chip_flash_finish(board.chip));
+    chip_flash_write(board.chip.flash, kBase, data, 1);
+    chip_flash_checked(board.chip.flash, kBase, 1);
+    ASSERT_TRUE(chip_flash_finish(board.chip.flash));
     EXPECT_EQ(keep(), "");
     EXPECT_EQ(place.read("flash.state"), "bootable\n");
 }
 
 TEST_F(FlashFile, OnlyWhatChangedIsWritten) {
-    chip_flash_erase(board.chip, kBase, 4096);
+    chip_flash_erase(board.chip.flash, kBase, 4096);
     keep();
     place.write("flash.bin", std::string(kSize, 'x'));
-    chip_flash_erase(board.chip, kBase + 4096, 4096);
+    chip_flash_erase(board.chip.flash, kBase + 4096, 4096);
     keep();
     EXPECT_EQ(place.read("flash.bin"),
               std::string(4096, 'x') + std::string(4096, '\xFF') + std::string(kSize - 8192, 'x'));
@@ -88,7 +88,7 @@ TEST_F(FlashFile, FileOfAnotherSizeIsRefused) {
 
 TEST_F(FlashFile, FileThatCantBeWrittenIsNamed) {
     std::filesystem::create_directory(place.path / "flash.bin");
-    chip_flash_erase(board.chip, kBase, 4096);
+    chip_flash_erase(board.chip.flash, kBase, 4096);
     EXPECT_EQ(keep(), "can't write " + (place.path / "flash.bin").string() + ": Is a directory");
     EXPECT_EQ(keep(), "") << "once";
 }

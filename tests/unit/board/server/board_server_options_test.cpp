@@ -186,7 +186,7 @@ TEST_F(BoardOptionsTest, HelpHasExamplesEverywhere) {
 
 TEST_F(BoardOptionsTest, HelpNamesEveryFault) {
     ASSERT_EQ(read({"run", "--help"}), 0);
-    for (const ChipFaultInfo& fault : chip_fault_table()) {
+    for (const ChipFaultInfo& fault : chip_fault_list()) {
         EXPECT_NE(out.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
     EXPECT_NE(out.find("COMMAND is one of address, size"), std::string::npos) << out;
