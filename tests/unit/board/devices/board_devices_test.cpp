@@ -3,9 +3,9 @@
 #include "devices/board_devices.h"
 
 #include "device/location_gpio.h"
-#include "devices/board_local.h"
 #include "interpose/paths.h"
 #include "mux/location_serial_port.h"
+#include "support/board_local.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
 

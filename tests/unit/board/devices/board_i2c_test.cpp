@@ -1,7 +1,7 @@
 // The I2C node as a program sees it, and the daemon's multiplexer on it, down to the chip.
 #include "devices/board_devices.h"
-#include "devices/board_local.h"
 #include "mux/host_mux.h"
+#include "support/board_local.h"
 #include "support/capture.h"
 
 #include <algorithm>

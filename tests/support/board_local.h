@@ -1,6 +1,6 @@
 // Puts a board behind the device nodes of this process, for tests of the daemon's own modules.
-#ifndef TAVOR_BOARD_BOARD_LOCAL_H
-#define TAVOR_BOARD_BOARD_LOCAL_H
+#ifndef TAVOR_TESTS_BOARD_LOCAL_H
+#define TAVOR_TESTS_BOARD_LOCAL_H
 
 #include "devices/board_devices.h"
 

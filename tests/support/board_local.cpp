@@ -1,4 +1,4 @@
-#include "devices/board_local.h"
+#include "support/board_local.h"
 
 #include "interpose/local.h"
 
