@@ -15,22 +15,26 @@ echo "check: format of ${#sources[@]} files"
 clang-format --dry-run --Werror "${sources[@]}"
 
 echo "check: layers"
-# A source of src/ includes no layer that stands behind its own in src/CMakeLists.txt. The programs and the board share only the
-# protocol: src/ is no include folder of theirs.
+# A source includes no layer that stands behind its own in the CMakeLists.txt of src/ or board/. The programs and the board share
+# only the protocol: src/ is no include folder of theirs.
+check_layers() { # folder, function that makes a layer
+    local above=main layer
+    for layer in $(sed -n "s/^$2(\([a-z]*\) .*/\1/p" "$1/CMakeLists.txt" | tac); do
+        if grep -rnE "^#include \"($above)/" "$1/$layer"; then
+            echo "check: $1/$layer may not include what stands above it" >&2
+            exit 1
+        fi
+        above="$above|$layer"
+    done
+}
 layers=$(sed -n 's/^tavor_layer(\([a-z]*\) .*/\1/p' src/CMakeLists.txt)
 if [ "$layers" != "$(sed -n 's/^| `src\/\([a-z]*\)` |.*/\1/p' docs/architecture.md)" ] ||
     [ "$(sort <<<"$layers")" != "$(find src -mindepth 1 -maxdepth 1 -type d -printf '%f\n' | sort)" ]; then
     echo "check: src/, src/CMakeLists.txt and docs/architecture.md show different maps" >&2
     exit 1
 fi
-above=main
-for layer in $(tac <<<"$layers"); do
-    if grep -rnE "^#include \"($above)/" "src/$layer"; then
-        echo "check: src/$layer may not include what stands above it" >&2
-        exit 1
-    fi
-    above="$above|$layer"
-done
+check_layers src tavor_layer
+check_layers board board_layer
 if grep -rnE '^#include "(src|tests|bench)/' src client board || grep -rn '^#include "board/' client; then
     echo "check: only include/ is shared between the programs" >&2
     exit 1
