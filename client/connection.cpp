@@ -81,7 +81,7 @@ int connect_to(int socket, const std::string& path) {
     return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
 }
 
-// A socket's time of change is set when it is made; reading, writing and other rights leave it.
+// The time of modification of a socket stays that of its making: neither use nor chmod changes it.
 std::optional<SocketFile> socket_file(const std::string& path) {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {

@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock;
 // The time that many seconds from now; 0 is never.
 Clock::time_point deadline_in(double seconds);
 
-// A socket's file. A number of before may be given to the next one; the time of its making is another then.
+// Which file a socket is. File systems give inode numbers out again, so the time of its making counts too.
 struct SocketFile {
     dev_t device = 0;
     ino_t number = 0;

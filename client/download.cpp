@@ -18,9 +18,9 @@ namespace {
 
 constexpr double kDownloadLimitS = 20.0 * 60;
 constexpr double kLookS = 0.2;    // between two looks at the log
-constexpr double kSettleS = 1;    // for what the log has not delivered when the answer comes
+constexpr double kSettleS = 1;    // that the log may lag behind the answer
 constexpr double kProbeS = 1;     // between two looks for the daemon
-constexpr double kNoAnswerS = 3;  // behind the end that the log tells: the answer has gone elsewhere
+constexpr double kNoAnswerS = 3;  // after the log told the end; no answer by then: another client got it
 constexpr double kJsonEveryS = 1; // within one step
 constexpr size_t kUsualWidth = 80;
 constexpr char kClearLine[] = "\r\033[K";
@@ -121,7 +121,7 @@ void tell_others(Run& run) {
     }
 }
 
-// Every step that has passed since the last look is shown.
+// Shows every step that has begun since the last look.
 void look(Run& run) {
     log_source_read(run.log, [&](std::string_view line) {
         const bool own = download_log_line(run.progress, line, size_of_file);
@@ -155,19 +155,21 @@ bool daemon_is_gone(Run& run) {
     return run.daemon != Presence::kSame;
 }
 
-// The daemon answers the client of the latest request, so the answer to another client's download comes here
-// when that one ends behind this request. It logs a download's start and end before it answers. begun: the
-// log told the start before, and nothing had come since.
+// Whether the answer is that of this tool's own download. The daemon answers the client of the latest
+// request, so the answer to another client's download comes here too when that one ends after this request
+// was sent. The daemon logs the start and end of a download before it answers it, so the log decides: an end
+// must agree with the answer, and an answer without an end is ours only when the log can't be read or had
+// told our start before the answer came (begun).
 bool is_own(Run& run, const Record& answer, bool begun) {
     settle(run);
     if (download_log_ended(run.progress)) {
         return record_ok(answer) == (run.progress.phase == DownloadPhase::kDone);
     }
     const bool log_is_silent = !run.progress.begun && !run.progress.others;
-    return log_is_silent || begun; // or the log has broken off
+    return log_is_silent || begun;
 }
 
-// Gives up when the daemon is gone, but not before what it sent until then is taken.
+// Ends when the daemon is gone, after one more look for what it had sent before.
 Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Record>& answer) {
     const Visitor visit = [&](const Record& record) {
         const bool is_answer = record.kind == RecordKind::kResult && record.code == TAVOR_CODE_DOWNLOAD;

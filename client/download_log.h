@@ -12,7 +12,7 @@
 enum class DownloadPhase { kWaiting, kHandshake, kAgent, kErase, kWrite, kCheck, kFinish, kDone, kFailed };
 
 struct DownloadProgress {
-    bool begun = false; // by its "Download start": no line before that one and none behind the end is its own
+    bool begun = false;  // its "Download start" has come; lines before that and after its end are another's
     bool others = false; // lines of another download came before
     DownloadPhase phase = DownloadPhase::kWaiting;
     uint32_t images = 0;           // in the list, 0 while unknown
@@ -21,7 +21,7 @@ struct DownloadProgress {
     std::optional<uint64_t> total; // what done counts up to
     std::string error;             // the line that tells best what went wrong; empty while nothing has
 
-    // What later lines are understood by.
+    // Kept from earlier lines to understand later ones.
     std::vector<std::string> paths;
     std::vector<uint32_t> begins;
     uint64_t flash_begin = 0;

@@ -6,9 +6,10 @@ namespace {
 
 constexpr double kLongestRepeatS = 2.5;
 constexpr double kLongestSilenceS = 60;
-// Output that has flowed for so many silence limits is stable: the next silence is a first one again.
+// Once output has flowed for so many silence limits, the limit starts again from its first value.
 constexpr int kStableLimits = 4;
-// Datagrams still read after a deadline: what was queued while the process slept, and no endless stream.
+// Datagrams still read after a deadline: enough for what was queued while the process was not running, few
+// enough that a steady stream can't hold it up.
 constexpr int kLateDatagrams = 16;
 
 // State of one exchange_follow.

@@ -45,10 +45,10 @@ Outcome exchange_ask(Connection& connection, const Request& request, const Visit
 // Gives the visitor every record until the deadline.
 Outcome exchange_collect(Connection& connection, Clock::time_point deadline, const Visitor& visit);
 
-// Gives the visitor every record, however long it takes. Any request of another client takes the output away
-// without a word, so a silence is answered by taking it back. Silences that go on are given twice the time
-// before the next try, up to a minute, so that two tools that follow don't snatch it from each other all the
-// time.
+// Gives the visitor every record, however long it takes. A request of another client makes that one the
+// receiver, and nothing tells this one; so after a silence it makes itself the receiver again. While silences
+// go on, the wait before the next try doubles, up to a minute, so that two tools that follow don't take the
+// output from each other all the time.
 Outcome exchange_follow(Connection& connection, const Follow& follow, const Visitor& visit);
 
 #endif

@@ -22,7 +22,7 @@ int interrupt_open() {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : kEndingSignals) {
-        if (!is_ignored(signal)) { // a blocked signal would come through although nohup had it ignored
+        if (!is_ignored(signal)) { // taking one that nohup has ignored would undo nohup
             sigaddset(&signals, signal);
         }
     }

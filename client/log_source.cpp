@@ -38,8 +38,8 @@ void take_byte(LogSource& source, char byte, const std::function<void(std::strin
     source.skips = false;
 }
 
-// Seconds since 1970 with their microseconds. The journal's reader is not up at once: what is logged until
-// then is asked for by its time, and a whole second would bring lines of before.
+// Seconds since 1970 with their microseconds. The journal's reader takes a moment to start, and what is
+// logged meanwhile is found by this time; whole seconds would bring older lines too.
 std::string present_time() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto us = std::chrono::duration_cast<std::chrono::microseconds>(now).count();

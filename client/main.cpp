@@ -1,5 +1,6 @@
 // tavorctl, the command-line client of the location daemon.
 #include "client/commands.h"
+#include "client/exit_status.h"
 #include "client/interrupt.h"
 #include "client/options.h"
 

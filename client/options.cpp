@@ -1,6 +1,6 @@
 #include "client/options.h"
 
-#include "client/commands.h"
+#include "client/exit_status.h"
 #include "client/print.h"
 
 #include <CLI/CLI.hpp>

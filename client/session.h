@@ -2,9 +2,9 @@
 #ifndef TAVOR_CLIENT_SESSION_H
 #define TAVOR_CLIENT_SESSION_H
 
-#include "client/commands.h"
 #include "client/connection.h"
 #include "client/exchange.h"
+#include "client/exit_status.h"
 #include "client/options.h"
 #include "client/records.h"
 

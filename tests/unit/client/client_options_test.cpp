@@ -1,7 +1,7 @@
 // The command line.
 #include "client/options.h"
 
-#include "client/commands.h"
+#include "client/exit_status.h"
 #include "support/capture.h"
 
 #include <cstdlib>
