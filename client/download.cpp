@@ -198,8 +198,7 @@ std::string failure_text(const Run& run) {
         return "the firmware could not be written: the daemon answered failure; check 'DA path=' and 'image path=' "
                "and see 'journalctl -u tavor'";
     }
-    return "the firmware could not be written: '" + print_safe(run.progress.error) + "'; " +
-           std::string(download_advice(run.progress.error));
+    return "the firmware could not be written: " + download_view_failure(run.progress);
 }
 
 int report(Run& run, const Record& answer) {

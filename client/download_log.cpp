@@ -10,7 +10,9 @@ constexpr size_t kImagesMax = 1000; // remembered
 constexpr size_t kErrorMax = 400;   // characters kept
 constexpr size_t kTimeOfDaySize = 23;
 constexpr uint64_t kBlockSize = 4096;
-constexpr uint32_t kAgentLengthWord = 3; // behind the upload's command and the address
+constexpr uint64_t kLargeBlockSize = 65536; // erased at once where it fits
+constexpr uint32_t kManyDeviceErrors = 3;   // fewer may be passing ones
+constexpr uint32_t kAgentLengthWord = 3;    // behind the upload's command and the address
 
 struct Entry {
     bool error;
@@ -130,12 +132,20 @@ std::optional<uint32_t> number_behind(std::string_view text, std::string_view be
     return result.ec == std::errc() ? std::optional(value) : std::nullopt;
 }
 
+// What failed before has been overcome.
+void forget_errors(DownloadProgress& progress) {
+    progress.error.clear();
+    progress.device_error.clear();
+    progress.device_errors = 0;
+}
+
 void enter(DownloadProgress& progress, DownloadPhase phase) {
     progress.phase = phase;
     progress.image = 0;
     progress.done = 0;
     progress.total.reset();
-    progress.error.clear();
+    progress.again = 0;
+    forget_errors(progress);
 }
 
 void set_total(DownloadProgress& progress, std::optional<uint64_t> total) {
@@ -147,8 +157,8 @@ void set_total(DownloadProgress& progress, std::optional<uint64_t> total) {
 void enter_image(DownloadProgress& progress, DownloadPhase phase, uint32_t image, const FileSize& size_of) {
     enter(progress, phase);
     progress.image = image;
-    if (phase == DownloadPhase::kWrite && image <= progress.paths.size()) {
-        set_total(progress, size_of(progress.paths[image - 1]));
+    if (phase == DownloadPhase::kWrite && image <= progress.list.size()) {
+        set_total(progress, size_of(progress.list[image - 1].path));
     }
 }
 
@@ -158,12 +168,18 @@ void next_image(DownloadProgress& progress, const FileSize& size_of) {
     }
 }
 
+// A second pass and a response that comes twice don't take it back.
 void count_to(DownloadProgress& progress, uint64_t done) {
+    done = std::max(done, progress.done);
     progress.done = progress.total ? std::min(done, *progress.total) : done;
-    progress.error.clear(); // what failed before has been overcome
+    forget_errors(progress);
 }
 
 void take_error(DownloadProgress& progress, std::string_view text) {
+    if (begins_with(text, kDevice)) {
+        progress.device_error = text.substr(0, kErrorMax);
+        ++progress.device_errors;
+    }
     const bool summary = std::any_of(std::begin(kSummaries), std::end(kSummaries),
                                      [&](std::string_view begin) { return begins_with(text, begin); });
     if (!summary || progress.error.empty()) {
@@ -171,16 +187,38 @@ void take_error(DownloadProgress& progress, std::string_view text) {
     }
 }
 
+// The number at the end of "begin_address:[TEXT]=> 0xNUMBER", 0 when there is none.
+uint32_t begin_address(std::string_view text) {
+    const size_t value = text.rfind("=> 0x");
+    return value == std::string_view::npos ? 0 : number_behind(text.substr(value), "=> 0x", 16).value_or(0);
+}
+
+// Takes a line about the current entry, which is whole with both of its lines.
+void take_entry(DownloadProgress& progress, std::string_view text) {
+    constexpr std::string_view kName = "file name=";
+    const bool name = begins_with(text, kName);
+    if (!name && !begins_with(text, "begin_address:[")) {
+        return;
+    }
+    progress.list.resize(std::max(progress.list.size(), progress.list_index + 1));
+    DownloadImage& entry = progress.list[progress.list_index];
+    if (name) {
+        entry.path = text.substr(kName.size());
+    } else {
+        entry.begin = begin_address(text);
+    }
+    (name ? entry.has_path : entry.has_begin) = true;
+    progress.list_index += entry.has_path && entry.has_begin ? 1 : 0;
+}
+
 void take_list(DownloadProgress& progress, std::string_view text) {
     if (const auto count = number_behind(text, "image count=", 10)) {
         progress.images = *count;
-    } else if (begins_with(text, "file name=") && progress.paths.size() < kImagesMax) {
-        progress.paths.emplace_back(text.substr(sizeof "file name=" - 1));
-    } else if (begins_with(text, "begin_address:[") && progress.begins.size() < kImagesMax) {
-        const size_t value = text.rfind("=> 0x");
-        const auto begin =
-            value == std::string_view::npos ? std::nullopt : number_behind(text.substr(value), "=> 0x", 16);
-        progress.begins.push_back(begin.value_or(0));
+    } else if (begins_with(text, "skip [") && progress.list_index < progress.list.size()) {
+        DownloadImage& entry = progress.list[progress.list_index];
+        entry.has_path = entry.has_begin = false; // a comment cut the block short: the next takes its place
+    } else if (progress.list_index < kImagesMax) {
+        take_entry(progress, text);
     }
 }
 
@@ -204,20 +242,27 @@ void take_agent(DownloadProgress& progress, std::string_view text) {
     }
 }
 
+void take_second_pass(DownloadProgress& progress, std::string_view text, std::string_view begin) {
+    progress.again = number_behind(text, begin, 10).value_or(progress.again);
+}
+
 void take_erase(DownloadProgress& progress, std::string_view text) {
     set_total(progress, progress.flash_size != 0 ? std::optional(progress.flash_size) : std::nullopt);
     const auto address = number_behind(text, "Format resp address(0x", 16);
     if (address && *address >= progress.flash_begin) {
-        count_to(progress, *address - progress.flash_begin);
+        const bool large = progress.flash_size >= kLargeBlockSize && *address % kLargeBlockSize == 0;
+        count_to(progress, *address - progress.flash_begin + (large ? kLargeBlockSize : kBlockSize));
     }
+    take_second_pass(progress, text, "FORMAT Re-Send: count = ");
 }
 
 void take_write(DownloadProgress& progress, std::string_view text) {
     const auto address = number_behind(text, "Download resp address(0x", 16);
     const size_t index = progress.image - 1;
-    if (address && index < progress.begins.size() && *address >= progress.begins[index]) {
-        count_to(progress, *address - progress.begins[index] + kBlockSize);
+    if (address && index < progress.list.size() && *address >= progress.list[index].begin) {
+        count_to(progress, *address - progress.list[index].begin + kBlockSize);
     }
+    take_second_pass(progress, text, "DOWNLOAD Re-Send: count = ");
 }
 
 bool is_pass(std::string_view text, std::string_view begin) {
@@ -299,6 +344,10 @@ bool download_log_line(DownloadProgress& progress, std::string_view line, const 
         take(progress, *entry, size_of);
     }
     return entry.has_value();
+}
+
+std::string_view download_log_cause(const DownloadProgress& progress) {
+    return progress.device_errors >= kManyDeviceErrors ? progress.device_error : progress.error;
 }
 
 std::string_view download_phase_name(DownloadPhase phase) {

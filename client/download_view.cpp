@@ -46,9 +46,10 @@ std::string base_name(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// Rate and time left, which need a while to mean something.
+// Rate and time left, which need a while to mean something; nothing in a second pass, which counts no new
+// bytes.
 std::string speed_text(const DownloadProgress& progress, double step_s) {
-    if (progress.done == 0 || step_s < kRateFromS) {
+    if (progress.done == 0 || progress.again > 0 || step_s < kRateFromS) {
         return "";
     }
     const double rate = static_cast<double>(progress.done) / step_s;
@@ -70,9 +71,13 @@ std::string download_view_step(const DownloadProgress& progress) {
     std::string text(download_phase_name(progress.phase));
     if (progress.image > 0) {
         text += " image " + std::to_string(progress.image) + " of " + std::to_string(progress.images);
-        if (progress.image <= progress.paths.size()) {
-            text += " (" + print_safe(base_name(progress.paths[progress.image - 1])) + ")";
+        if (progress.image <= progress.list.size()) {
+            text += " (" + print_safe(base_name(progress.list[progress.image - 1].path)) + ")";
         }
+    }
+    if (progress.again > 0) {
+        text +=
+            ", second pass: " + std::to_string(progress.again) + (progress.again == 1 ? " block" : " blocks");
     }
     return text;
 }
@@ -94,14 +99,25 @@ std::string download_view_json(const DownloadProgress& progress, const DownloadT
     object["images"] = progress.images > 0 ? Json(progress.images) : Json(nullptr);
     object["done"] = progress.done;
     object["total"] = progress.total ? Json(*progress.total) : Json(nullptr);
+    object["again"] = progress.again;
     object["elapsed"] = std::round(times.all_s * 1000) / 1000;
     return dump(object);
+}
+
+std::string download_view_failure(const DownloadProgress& progress) {
+    const std::string cause(download_log_cause(progress));
+    std::string text = "'" + print_safe(cause) + "'";
+    if (cause != progress.error) {
+        text += " (" + std::to_string(progress.device_errors) + " times), then '" +
+                print_safe(progress.error) + "'";
+    }
+    return text + "; " + std::string(download_advice(cause));
 }
 
 std::string download_view_failure_json(const DownloadProgress& progress) {
     Json object;
     object["type"] = "failure";
-    object["error"] = progress.error;
-    object["advice"] = download_advice(progress.error);
+    object["error"] = download_log_cause(progress);
+    object["advice"] = download_advice(download_log_cause(progress));
     return dump(object);
 }

@@ -146,7 +146,7 @@ TEST_F(DownloadLog, StartBehindADownloadThatWasCutOffStartsAnew) {
     info("========== Download start ========");
     EXPECT_EQ(progress.phase, DownloadPhase::kWaiting);
     EXPECT_EQ(progress.error, "");
-    EXPECT_TRUE(progress.paths.empty());
+    EXPECT_TRUE(progress.list.empty());
     EXPECT_TRUE(progress.begun);
 }
 
@@ -168,9 +168,9 @@ TEST_F(DownloadLog, EraseCountsToTheFlashesSize) {
     reach_erase();
     EXPECT_EQ(progress.total, 0x200000U);
     info("Format resp address(0x8010000)");
-    EXPECT_EQ(progress.done, 0x10000U);
+    EXPECT_EQ(progress.done, 0x20000U);
     info("Format resp address(0x7FFFFFF)"); // outside
-    EXPECT_EQ(progress.done, 0x10000U);
+    EXPECT_EQ(progress.done, 0x20000U);
 }
 
 TEST_F(DownloadLog, WriteCountsToTheImagesSize) {
@@ -185,6 +185,93 @@ TEST_F(DownloadLog, WriteCountsToTheImagesSize) {
     EXPECT_FALSE(progress.total); // of an image that can't be seen
     info("Download resp address(0x8010000)");
     EXPECT_EQ(progress.done, 4096U);
+}
+
+TEST_F(DownloadLog, EraseCountsEachBlockByItsSize) {
+    reach_agent();
+    info("########## Flash address: 0x800E000");
+    info("########## Flash size: 0x32000");
+    info("########## Format send address(0x800E000)");
+    info("Format resp address(0x800E000)");
+    EXPECT_EQ(progress.done, 0x1000U) << "a small block before the first border of a large one";
+    info("Format resp address(0x8010000)");
+    EXPECT_EQ(progress.done, 0x12000U);
+    info("Format resp address(0x8030000)");
+    EXPECT_EQ(progress.done, 0x32000U) << "the end";
+    EXPECT_EQ(progress.total, 0x32000U);
+}
+
+TEST_F(DownloadLog, EraseOfASmallFlashCountsSmallBlocks) {
+    reach_agent();
+    info("########## Flash address: 0x8000000");
+    info("########## Flash size: 0x8000");
+    info("########## Format send address(0x8000000)");
+    info("Format resp address(0x8000000)");
+    EXPECT_EQ(progress.done, 0x1000U);
+}
+
+TEST_F(DownloadLog, ASecondPassSaysSoAndDoesNotGoBack) {
+    reach_write();
+    info("Download resp address(0x8001000)");
+    EXPECT_EQ(progress.done, 8192U);
+    info("DOWNLOAD Re-Send: count = 1");
+    EXPECT_EQ(step(), "write image 1 of 2 (a.bin), second pass: 1 block");
+    info("Download resp address(0x8000000)");
+    EXPECT_EQ(progress.done, 8192U);
+    EXPECT_EQ(download_view_bar(progress, {65, 5}, 200),
+              "write image 1 of 2 (a.bin), second pass: 1 block  [###################.....]  81 %  1:05")
+        << "no rate: it counts nothing new";
+    EXPECT_NE(download_view_json(progress, {1, 0}).find("\"again\":1"), string::npos);
+    info("download /load/a.bin PASS");
+    EXPECT_EQ(step(), "write image 2 of 2 (b.bin)");
+}
+
+TEST_F(DownloadLog, ASecondPassOfTheEraseSaysSo) {
+    reach_erase();
+    info("Format resp address(0x8010000)");
+    info("FORMAT Re-Send: count = 12");
+    info("Format resp address(0x8000000)");
+    EXPECT_EQ(step(), "erase, second pass: 12 blocks");
+    EXPECT_EQ(progress.done, 0x20000U);
+}
+
+TEST_F(DownloadLog, AListBlockCutByACommentGivesItsPlaceToTheNext) {
+    info("========== Download start ========");
+    info("image count=3");
+    info("file name=/load/cut.bin");
+    info("skip [#comment]:");
+    info("file name=/load/a.bin");
+    info("begin_address:[0x8000000]=> 0x8000000");
+    info("skip [#behind the start of a block]:");
+    info("file name=/load/b.bin");
+    info("begin_address:[0x8010000]=> 0x8010000");
+    info("Format time: 10 ms");
+    EXPECT_EQ(step(), "write image 1 of 3 (a.bin)");
+    EXPECT_EQ(progress.total, 10000U);
+    info("download /load/a.bin PASS");
+    EXPECT_EQ(step(), "write image 2 of 3 (b.bin)");
+    info("Download resp address(0x8010000)");
+    EXPECT_EQ(progress.done, 4096U);
+}
+
+TEST_F(DownloadLog, FailuresOfTheDeviceAreNamedFirstWhenTheLogIsFullOfThem) {
+    start();
+    info("Please reboot chip again:");
+    const string device = "[LOCSERV] ERR: [spi]can't send spi message";
+    EXPECT_TRUE(is_own(device));
+    EXPECT_TRUE(is_own(device));
+    error("Handshake timeout, please retry!");
+    EXPECT_EQ(download_log_cause(progress), "Handshake timeout, please retry!") << "two may be passing ones";
+    EXPECT_TRUE(is_own(device));
+    error("Handshake timeout, please retry!");
+    EXPECT_EQ(download_log_cause(progress), "[spi]can't send spi message");
+    EXPECT_EQ(download_view_failure(progress),
+              "'[spi]can't send spi message' (3 times), then 'Handshake timeout, please retry!'; " +
+                  string(download_advice("[spi]can't send spi message")));
+    EXPECT_NE(download_view_failure_json(progress).find("\"error\":\"[spi]can't send"), string::npos);
+    info("========== Handshake pass ==========");
+    error("DA len is zero!");
+    EXPECT_EQ(download_log_cause(progress), "DA len is zero!") << "those of a step that was passed";
 }
 
 TEST_F(DownloadLog, MostTellingErrorIsKept) {
@@ -212,8 +299,7 @@ TEST_F(DownloadLog, HostileLinesStayBounded) {
         info("file name=/x");
         info("begin_address:[");
     }
-    EXPECT_EQ(progress.paths.size(), 1000U);
-    EXPECT_LE(progress.begins.size(), 1000U);
+    EXPECT_EQ(progress.list.size(), 1000U);
     info("image count=99999999999999999999");
     EXPECT_EQ(progress.images, 2U);
     error(string(100000, 'x'));
@@ -319,12 +405,12 @@ TEST_F(DownloadLog, NamesReachNoTerminalAsTheyAre) {
 TEST_F(DownloadLog, EventsAreJson) {
     EXPECT_EQ(download_view_json(progress, {1.5, 0}),
               "{\"type\":\"progress\",\"phase\":\"waiting\",\"image\":null,\"images\":null,\"done\":0,"
-              "\"total\":null,\"elapsed\":1.5}\n");
+              "\"total\":null,\"again\":0,\"elapsed\":1.5}\n");
     reach_write();
     info("Download resp address(0x8000000)");
     EXPECT_EQ(download_view_json(progress, {2.0004, 0}),
               "{\"type\":\"progress\",\"phase\":\"write\",\"image\":1,\"images\":2,\"done\":4096,"
-              "\"total\":10000,\"elapsed\":2.0}\n");
+              "\"total\":10000,\"again\":0,\"elapsed\":2.0}\n");
     error("can not open /\"x\"\x1B");
     EXPECT_EQ(download_view_failure_json(progress),
               "{\"type\":\"failure\",\"error\":\"can not open /\\\"x\\\"\\u001b\",\"advice\":\"put the image "
