@@ -251,3 +251,14 @@ void location_debug_handle(const uint8_t* data, uint32_t length) {
         break;
     }
 }
+
+int32_t location_debug_close_fd(int32_t* fd) {
+    if (*fd == -1 || *fd == -2) {
+        return 0;
+    }
+    const int32_t result = close(*fd);
+    if (result == 0) {
+        *fd = -1;
+    }
+    return result;
+}

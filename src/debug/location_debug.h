@@ -3,14 +3,9 @@
 #ifndef TAVOR_LOCATION_DEBUG_H
 #define TAVOR_LOCATION_DEBUG_H
 
-#include <cstdint>
+#include "debug/location_debug_mode.h"
 
-enum location_debug_mode : uint32_t {
-    DEBUG_MODE_OFF = 0,
-    DEBUG_MODE_FILE = 1,
-    DEBUG_MODE_SERIAL = 2,
-    DEBUG_MODE_TCP = 3,
-};
+#include <cstdint>
 
 // Sets the start values; called once.
 void location_debug_init();
@@ -29,5 +24,10 @@ int32_t location_debug_set_mode(uint32_t mode);
 
 // Hands length bytes of the chip's output to the outlet; called by the receive thread.
 void location_debug_handle(const uint8_t* data, uint32_t length);
+
+// Part of the interface, called by the outlet alone.
+
+// Closes *fd unless it is -1 or -2, and sets it to -1 on success. Returns 0 or the failing result of close.
+int32_t location_debug_close_fd(int32_t* fd);
 
 #endif

@@ -54,17 +54,6 @@ int32_t location_debug_find_client(const DebugClientList* list, int32_t fd) {
     return std::find(list->fds, end, fd) == end ? -1 : 0;
 }
 
-int32_t location_debug_close_fd(int32_t* fd) {
-    if (*fd == -1 || *fd == -2) {
-        return 0;
-    }
-    const int32_t result = close(*fd);
-    if (result == 0) {
-        *fd = -1;
-    }
-    return result;
-}
-
 void location_debug_clients_init() {
     const std::lock_guard guard(state.lock);
     state.list = {};

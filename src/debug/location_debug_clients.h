@@ -20,9 +20,6 @@ int32_t location_debug_del_client(DebugClientList* list, int32_t fd);
 // Returns 0 when fd is listed, else -1.
 int32_t location_debug_find_client(const DebugClientList* list, int32_t fd);
 
-// Closes *fd unless it is -1 or -2, and sets it to -1 on success. Returns 0 or the failing result of close.
-int32_t location_debug_close_fd(int32_t* fd);
-
 // The functions below work on the one list that the receive and the transmit task share.
 
 // Empties the list.

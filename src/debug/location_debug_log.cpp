@@ -1,8 +1,8 @@
 #include "debug/location_debug_log.h"
 
 #include "base/cancel_hold.h"
+#include "base/descriptor_guard.h"
 #include "config/location_config.h"
-#include "debug/location_debug_clients.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -74,10 +74,6 @@ void location_debug_log_close() {
     if (state.fd == -1) {
         return;
     }
-    int32_t spare = fcntl(state.fd, F_DUPFD_CLOEXEC, 0);
-    if (location_debug_close_fd(&state.fd) != 0) {
-        state.fd = spare;
-        return;
-    }
-    location_debug_close_fd(&spare);
+    DescriptorGuard spare(fcntl(state.fd, F_DUPFD_CLOEXEC, 0));
+    state.fd = close(state.fd) == 0 ? -1 : spare.release();
 }

@@ -1,7 +1,6 @@
 #include "debug/location_debug_tasks.h"
 
 #include "base/cancel_hold.h"
-#include "debug/location_debug.h"
 #include "debug/location_debug_clients.h"
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"

@@ -2,6 +2,8 @@
 #ifndef TAVOR_LOCATION_DEBUG_TASKS_H
 #define TAVOR_LOCATION_DEBUG_TASKS_H
 
+#include "debug/location_debug_mode.h"
+
 #include <atomic>
 #include <cstdint>
 

@@ -2,9 +2,7 @@
 
 #include "support/capture.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -55,21 +53,4 @@ TEST(LocationDebugClients, OnlyListedOnesAreFound) {
     EXPECT_EQ(location_debug_find_client(&list, 4), 0);
     EXPECT_EQ(location_debug_find_client(&list, 5), 0);
     EXPECT_EQ(location_debug_find_client(&list, 0), -1); // the empty places hold it
-}
-
-TEST(LocationDebugClients, ClosedDescriptorsAreNotClosedAgain) {
-    for (int32_t fd : {-1, -2}) {
-        const int32_t before = fd;
-        EXPECT_EQ(location_debug_close_fd(&fd), 0);
-        EXPECT_EQ(fd, before);
-    }
-}
-
-TEST(LocationDebugClients, DescriptorIsForgottenOnlyWhenClosingWorks) {
-    int32_t fd = open("/dev/null", O_RDWR);
-    EXPECT_EQ(location_debug_close_fd(&fd), 0);
-    EXPECT_EQ(fd, -1);
-    fd = 1'000'000;
-    EXPECT_EQ(location_debug_close_fd(&fd), -1);
-    EXPECT_EQ(fd, 1'000'000);
 }

@@ -3,10 +3,12 @@
 #include "debug_fixture.h"
 
 #include <atomic>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -109,4 +111,21 @@ TEST_F(DebugTest, LogFileIsSwitchedWhileTheStreamRuns) {
     ends = true;
     receive.join();
     EXPECT_EQ(content_of(log_path).size() % 10, 0U);
+}
+
+TEST(LocationDebugCloseFd, ClosedDescriptorsAreNotClosedAgain) {
+    for (int32_t fd : {-1, -2}) {
+        const int32_t before = fd;
+        EXPECT_EQ(location_debug_close_fd(&fd), 0);
+        EXPECT_EQ(fd, before);
+    }
+}
+
+TEST(LocationDebugCloseFd, DescriptorIsForgottenOnlyWhenClosingWorks) {
+    int32_t fd = open("/dev/null", O_RDWR);
+    EXPECT_EQ(location_debug_close_fd(&fd), 0);
+    EXPECT_EQ(fd, -1);
+    fd = 1'000'000;
+    EXPECT_EQ(location_debug_close_fd(&fd), -1);
+    EXPECT_EQ(fd, 1'000'000);
 }
