@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/ipc.h>
+#include <sys/msg.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +34,11 @@ int checked(int result, const char* what) {
     return result;
 }
 
+bool readable(int fd, int limit_ms = static_cast<int>(std::chrono::milliseconds(kWaitLimit).count())) {
+    pollfd input{.fd = fd, .events = POLLIN, .revents = 0};
+    return poll(&input, 1, limit_ms) == 1;
+}
+
 void write_all(int fd, const std::string& bytes) {
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t written = ::write(fd, bytes.data() + done, bytes.size() - done);
@@ -44,12 +51,7 @@ void write_all(int fd, const std::string& bytes) {
 
 std::string read_bytes(int fd, size_t count) {
     std::string bytes;
-    const int limit_ms = static_cast<int>(std::chrono::milliseconds(kWaitLimit).count());
-    while (bytes.size() < count) {
-        pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
-        if (poll(&readable, 1, limit_ms) < 1) {
-            break;
-        }
+    while (bytes.size() < count && readable(fd)) {
         char buffer[4096];
         const ssize_t got = read(fd, buffer, std::min(sizeof buffer, count - bytes.size()));
         if (got < 1) {
@@ -58,6 +60,25 @@ std::string read_bytes(int fd, size_t count) {
         bytes.append(buffer, static_cast<size_t>(got));
     }
     return bytes;
+}
+
+std::string read_until(int fd, const std::string& text) {
+    std::string bytes;
+    const auto end = std::chrono::steady_clock::now() + kWaitLimit;
+    while (bytes.find(text) == std::string::npos && std::chrono::steady_clock::now() < end) {
+        const std::string piece = read_bytes(fd, 1);
+        if (piece.empty()) {
+            break;
+        }
+        bytes += piece + read_now(fd);
+    }
+    return bytes;
+}
+
+std::string read_now(int fd) {
+    char buffer[65536];
+    const ssize_t got = readable(fd, 0) ? read(fd, buffer, sizeof buffer) : 0;
+    return {buffer, got > 0 ? static_cast<size_t>(got) : 0};
 }
 
 std::string binary_data() {
@@ -74,6 +95,14 @@ size_t open_descriptors() {
 
 size_t running_threads() {
     return entries_of("/proc/self/task");
+}
+
+void limit_queue_to_one(int queue) {
+    constexpr msglen_t kBodySize = 16;
+    msqid_ds status{};
+    ASSERT_EQ(msgctl(queue, IPC_STAT, &status), 0);
+    status.msg_qbytes = kBodySize;
+    ASSERT_EQ(msgctl(queue, IPC_SET, &status), 0);
 }
 
 PseudoTerminal::PseudoTerminal() : master(checked(posix_openpt(O_RDWR | O_NOCTTY), "posix_openpt")) {
@@ -136,11 +165,13 @@ void TcpClient::send(const std::string& bytes) const {
     write_all(fd, bytes);
 }
 
+bool TcpClient::gets(const std::string& text) const {
+    return read_until(fd, text).find(text) != std::string::npos;
+}
+
 bool TcpClient::ends() const {
-    const int limit_ms = static_cast<int>(std::chrono::milliseconds(kWaitLimit).count());
-    pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
     char byte = 0;
-    return poll(&readable, 1, limit_ms) == 1 && read(fd, &byte, 1) < 1;
+    return readable(fd) && read(fd, &byte, 1) < 1;
 }
 
 void TcpClient::reset() {

@@ -1,4 +1,4 @@
-// Peers of the debug outlet: pseudo terminals, TCP clients, and waits for what they see.
+// Peers of the debug outlet: pseudo terminals and TCP clients.
 #ifndef TAVOR_TESTS_DEBUG_SUPPORT_H
 #define TAVOR_TESTS_DEBUG_SUPPORT_H
 
@@ -9,6 +9,10 @@
 
 // Reads from the descriptor until count bytes came, its end or the limit.
 std::string read_bytes(int fd, size_t count);
+// Reads until the text has come; returns all that came with it, for less at its end or at the limit.
+std::string read_until(int fd, const std::string& text);
+// Reads what is there without waiting, at most 64 KiB.
+std::string read_now(int fd);
 
 // All 256 byte values, the flow control characters and the escape byte among them, some of them in a row.
 std::string binary_data();
@@ -16,6 +20,9 @@ std::string binary_data();
 // Entries of /proc/self/fd and /proc/self/task.
 size_t open_descriptors();
 size_t running_threads();
+
+// Makes the message queue full with one message in it.
+void limit_queue_to_one(int queue);
 
 // A pseudo terminal: the tests hold the master, the outlet opens the path. The slave is held open too, so
 // that the master never sees a hang-up.
@@ -45,8 +52,9 @@ struct TcpClient {
     TcpClient& operator=(const TcpClient&) = delete;
 
     void send(const std::string& bytes) const;
-    bool ends() const; // waits for the end of the connection
-    void reset();      // closes with a reset instead of an end
+    bool gets(const std::string& text) const; // waits for the text
+    bool ends() const;                        // waits for the end of the connection
+    void reset();                             // closes with a reset instead of an end
     void close();
 
     int fd;

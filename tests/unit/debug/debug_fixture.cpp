@@ -87,13 +87,6 @@ size_t messages_in_queue() {
     return msgctl(debug_queue(), IPC_STAT, &status) == 0 ? status.msg_qnum : 0;
 }
 
-void hold_one_message() {
-    msqid_ds status{};
-    ASSERT_EQ(msgctl(debug_queue(), IPC_STAT, &status), 0);
-    status.msg_qbytes = 16;
-    ASSERT_EQ(msgctl(debug_queue(), IPC_SET, &status), 0);
-}
-
 void DebugTest::SetUp() {
     interpose_set_root(directory.path.string());
     configure();

@@ -24,8 +24,6 @@ void handle_text(const std::string& bytes);
 // The outlet's message queue, -1 when there is none, and the messages in it.
 int debug_queue();
 size_t messages_in_queue();
-// Makes the queue full with one message in it.
-void hold_one_message();
 
 struct DebugTest : testing::Test {
     void SetUp() override;

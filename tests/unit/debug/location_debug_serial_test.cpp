@@ -162,7 +162,7 @@ TEST_F(DebugSerialTest, SlowLineLosesNothingHoweverLongABlockWaits) {
 
 TEST_F(DebugSerialTest, LargeBlockOnASlowLineIsNotTakenForAStall) {
     open_line();
-    hold_one_message();
+    limit_queue_to_one(debug_queue());
     std::atomic<bool> ends = false;
     std::thread reader([&] { // 50 kB a second: a block takes longer than the limit
         while (!ends) {
@@ -199,7 +199,7 @@ TEST_F(DebugSerialTest, BlockIsDroppedWhenNothingWasTakenForASecondAndLaterOnesA
 
 TEST_F(DebugSerialTest, NewOutletGetsItsFullSecond) {
     open_line();
-    hold_one_message();
+    limit_queue_to_one(debug_queue());
     const std::string block(60'000, 'x'); // more than the line holds
     for (int round = 0; round < 3; ++round) {
         const auto start = Clock::now();
@@ -210,7 +210,7 @@ TEST_F(DebugSerialTest, NewOutletGetsItsFullSecond) {
         EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900)) << round;
         location_debug_close();
         ASSERT_EQ(location_debug_start(), 0);
-        hold_one_message();
+        limit_queue_to_one(debug_queue());
     }
 }
 
@@ -232,7 +232,7 @@ TEST_F(DebugSerialTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
 
 TEST_F(DebugSerialTest, HandingOverIsCancelledWhileTheLineTakesNothing) {
     open_line();
-    hold_one_message();
+    limit_queue_to_one(debug_queue());
     std::string block(60'000, 'x'); // more than the line holds
     handle_text(block);
     ASSERT_TRUE(wait_until([] { return messages_in_queue() == 0; })); // the line has it

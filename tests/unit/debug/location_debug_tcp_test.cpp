@@ -138,7 +138,7 @@ TEST_F(DebugTcpTest, ClientThatNeverReadsHoldsUpNobody) {
 
 TEST_F(DebugTcpTest, StreamFasterThanTheTaskWaitsAndLosesNothing) {
     const auto client = connect_listed(1);
-    hold_one_message();
+    limit_queue_to_one(debug_queue());
     const std::string block(20, 'b');
     size_t blocks = 0;
     const auto start = std::chrono::steady_clock::now();
