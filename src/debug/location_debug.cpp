@@ -10,41 +10,29 @@
 #include "device/location_epoll.h"
 #include "device/location_socket_server.h"
 
-#include <chrono>
+#include <atomic>
 #include <cstdio>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr int kEpollSizeHint = 10;
-constexpr useconds_t kSendRetryUs = 1'000;
-constexpr std::chrono::seconds kStallLimit{1};
 
 struct DebugThread {
     pthread_t id;
     bool exists;
 };
 
-// When the outlet was last seen to take something; the receive thread's own.
-struct StallWatch {
-    uint32_t taken;
-    int32_t unsent;
-    Clock::time_point since;
-};
-
 struct DebugPortState {
     DebugOutlet outlet;
     DebugThread tx;
     DebugThread rx;
-    StallWatch watch;
-} state{.outlet = {.mode = DEBUG_MODE_OFF, .listen_fd = -1, .epoll_fd = -1, .taken = 0},
-        .tx = {},
-        .rx = {},
-        .watch = {}};
+    std::atomic<uint32_t> dropped; // blocks since the outlet could not take one; 0 while it keeps up
+} state{
+    .outlet = {.mode = DEBUG_MODE_OFF, .listen_fd = -1, .epoll_fd = -1}, .tx = {}, .rx = {}, .dropped = 0};
 
 bool has_threads(uint32_t mode) {
     return mode == DEBUG_MODE_SERIAL || mode == DEBUG_MODE_TCP;
@@ -98,7 +86,6 @@ int32_t start_tx_thread() {
         puts("[LOCSERV] INF: [debug]location_debug_start, tx tid exist");
         return 0;
     }
-    ++state.outlet.taken; // a new outlet gets its full time, however long the one before took nothing
     if (pthread_create(&state.tx.id, nullptr, location_debug_tx_task, &state.outlet) != 0) {
         puts("[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
         return -1;
@@ -150,32 +137,27 @@ void close_threaded_outlet(uint32_t mode) {
     }
 }
 
-// Whether the outlet has taken nothing for too long. A slow line counts as taking data as long as bytes leave
-// it.
-bool outlet_stalls() {
-    const uint32_t taken = state.outlet.taken;
-    const int32_t unsent = location_debug_serial_unsent();
-    const Clock::time_point now = Clock::now();
-    if (taken != state.watch.taken || unsent != state.watch.unsent) {
-        state.watch = {.taken = taken, .unsent = unsent, .since = now};
-    }
-    return now - state.watch.since >= kStallLimit;
+void tell_loss_begins() {
+    const CancelHold hold;
+    puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
 }
 
-// Waits, cancellable, while the queue is full and the outlet is taking data. Returns false when the block was
-// not sent.
-bool send_block(DebugBlockPtr* block) {
-    location_debug_send_result result = location_debug_queue_send(block);
-    while (result == DEBUG_SEND_FULL && !outlet_stalls()) {
-        usleep(kSendRetryUs);
-        result = location_debug_queue_send(block);
+void tell_loss_ended() {
+    if (const uint32_t blocks = state.dropped.exchange(0); blocks != 0) {
+        const CancelHold hold;
+        printf("[LOCSERV] INF: [debug]location_debug_handle, %u blocks dropped\n", blocks);
     }
-    return result == DEBUG_SEND_OK;
 }
 
+// Never waits: the receive thread feeds the service. An outlet that could not take a block gets none until it
+// has taken all that waits for it.
 void hand_over(const uint8_t* data, uint32_t length) {
     if (!location_debug_queue_is_open()) {
         puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
+        return;
+    }
+    if (state.dropped != 0 && !location_debug_queue_is_empty()) {
+        ++state.dropped;
         return;
     }
     DebugBlockPtr block = location_debug_block_copy(data, length);
@@ -183,9 +165,10 @@ void hand_over(const uint8_t* data, uint32_t length) {
         puts("[LOCSERV] ERR: [debug] location_debug_handle, malloc fail");
         return;
     }
-    if (!send_block(&block)) {
-        const CancelHold hold;
-        puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
+    if (location_debug_queue_send(std::move(block))) {
+        tell_loss_ended();
+    } else if (state.dropped++ == 0) {
+        tell_loss_begins();
     }
 }
 
@@ -221,6 +204,7 @@ void location_debug_close() {
     }
     if (has_threads(mode)) {
         close_threaded_outlet(mode);
+        tell_loss_ended();
     }
 }
 

@@ -4,19 +4,32 @@
 #include "device/location_epoll.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <linux/sockios.h>
+#include <map>
 #include <mutex>
+#include <string>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
+
+// What is sent to one client.
+struct ClientOutput {
+    std::string rest;     // of a block of which it took a part
+    uint32_t dropped = 0; // blocks since it could not take one; 0 while it keeps up
+};
 
 // No peer is waited for under the lock: sends and closes return at once. A line of the log may wait for its
 // reader. Nobody is cancelled under the lock.
 struct ClientsState {
     std::mutex lock;
     DebugClientList list;
+    std::map<int32_t, ClientOutput> outputs; // of the listed clients, by their descriptors
 } state;
 
 // Stores the new number of clients; returns false when there are too many.
@@ -25,6 +38,50 @@ bool list_client(int32_t fd, int32_t* count) {
     const bool listed = location_debug_add_client(&state.list, fd) == 0;
     *count = state.list.count;
     return listed;
+}
+
+// Sends without waiting. Returns the bytes taken, and a client that is gone takes them all: the receive task
+// is about to drop it.
+size_t send_now(int32_t fd, const void* data, size_t length) {
+    const ssize_t sent = send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0) {
+        return errno == EAGAIN ? 0 : length;
+    }
+    return static_cast<size_t>(sent);
+}
+
+bool has_taken_all(int32_t fd) {
+    int unsent = 0;
+    return ioctl(fd, SIOCOUTQ, &unsent) == 0 && unsent == 0;
+}
+
+void drop_block(int32_t fd, ClientOutput* output) {
+    if (output->dropped++ == 0) {
+        printf("[LOCSERV] WRN: [debug]socket AT client fd=[%d] is too slow, blocks are dropped\n", fd);
+    }
+}
+
+void tell_loss_ended(int32_t fd, ClientOutput* output) {
+    if (const uint32_t blocks = std::exchange(output->dropped, 0); blocks != 0) {
+        printf("[LOCSERV] INF: [debug]socket AT client fd=[%d], %u blocks dropped\n", fd, blocks);
+    }
+}
+
+// A client gets whole blocks, so the rest of one that it took in part goes first. One that could not take a
+// block gets none until it has taken all that was sent to it.
+void write_to_client(int32_t fd, ClientOutput* output, const uint8_t* data, uint64_t length) {
+    if (output->dropped != 0 && !has_taken_all(fd)) {
+        drop_block(fd, output);
+        return;
+    }
+    output->rest.erase(0, send_now(fd, output->rest.data(), output->rest.size()));
+    const size_t sent = output->rest.empty() ? send_now(fd, data, length) : 0;
+    if (sent == 0) {
+        drop_block(fd, output);
+        return;
+    }
+    output->rest.assign(reinterpret_cast<const char*>(data) + sent, length - sent);
+    tell_loss_ended(fd, output);
 }
 
 } // namespace
@@ -57,6 +114,7 @@ int32_t location_debug_find_client(const DebugClientList* list, int32_t fd) {
 void location_debug_clients_init() {
     const std::lock_guard guard(state.lock);
     state.list = {};
+    state.outputs.clear();
 }
 
 void location_debug_clients_admit(int32_t epfd, int32_t fd) {
@@ -74,16 +132,21 @@ void location_debug_clients_drop(int32_t epfd, int32_t fd) {
     const CancelHold hold;
     location_epoll_remove_fd(epfd, fd);
     const std::lock_guard guard(state.lock);
-    close(fd);
+    tell_loss_ended(fd, &state.outputs[fd]);
+    state.outputs.erase(fd);
     location_debug_del_client(&state.list, fd);
+    close(fd);
 }
 
 void location_debug_clients_forget(int32_t epfd) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
     for (int32_t i = 0; i < state.list.count; ++i) {
-        location_epoll_remove_fd(epfd, state.list.fds[i]);
+        const int32_t fd = state.list.fds[i];
+        location_epoll_remove_fd(epfd, fd);
+        tell_loss_ended(fd, &state.outputs[fd]);
     }
+    state.outputs.clear();
     state.list = {}; // kept: the sockets stay open, a client sees silence and no end of the connection
 }
 
@@ -97,6 +160,7 @@ void location_debug_clients_write(const uint8_t* data, uint64_t length) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
     for (int32_t i = 0; i < state.list.count; ++i) {
-        send(state.list.fds[i], data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        const int32_t fd = state.list.fds[i];
+        write_to_client(fd, &state.outputs[fd], data, length);
     }
 }

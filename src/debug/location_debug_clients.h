@@ -38,7 +38,8 @@ void location_debug_clients_forget(int32_t epfd);
 // Whether fd is listed.
 bool location_debug_clients_have(int32_t fd);
 
-// Writes the data to each client without waiting: a client that can't take it loses it.
+// Writes a block to each client without waiting. A client that can't take it loses it whole; the log tells
+// when that begins and, with the number of blocks, when it ends.
 void location_debug_clients_write(const uint8_t* data, uint64_t length);
 
 #endif

@@ -136,6 +136,11 @@ bool location_debug_queue_is_open() {
     return state.id != -1;
 }
 
+bool location_debug_queue_is_empty() {
+    msqid_ds status{};
+    return msgctl(state.id, IPC_STAT, &status) == 0 && status.msg_qnum == 0;
+}
+
 DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length) {
     DebugBlockPtr block(static_cast<DebugBlock*>(malloc(sizeof(DebugBlock) + length)));
     if (block) {
@@ -149,18 +154,15 @@ const uint8_t* location_debug_block_data(const DebugBlock* block) {
     return reinterpret_cast<const uint8_t*>(block + 1);
 }
 
-location_debug_send_result location_debug_queue_send(DebugBlockPtr* block) {
-    const DebugMessage message{.type = kMessageType, .data = block->get(), .length = (*block)->length};
+bool location_debug_queue_send(DebugBlockPtr block) {
+    const DebugMessage message{.type = kMessageType, .data = block.get(), .length = block->length};
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    if (state.id == -1) {
-        return DEBUG_SEND_FAIL;
-    }
     if (msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) != 0) {
-        return errno == EAGAIN ? DEBUG_SEND_FULL : DEBUG_SEND_FAIL;
+        return false;
     }
-    append(block->release()); // the receiver claims it under this lock, so not before now
-    return DEBUG_SEND_OK;
+    append(block.release()); // the receiver claims it under this lock, so not before now
+    return true;
 }
 
 DebugBlockPtr location_debug_queue_receive() {

@@ -17,12 +17,6 @@ struct DebugBlock {
 
 using DebugBlockPtr = std::unique_ptr<DebugBlock, FreeBlock>;
 
-enum location_debug_send_result {
-    DEBUG_SEND_OK,
-    DEBUG_SEND_FULL, // the queue has no room at the moment
-    DEBUG_SEND_FAIL,
-};
-
 // Forgets the queue, for the start of the process.
 void location_debug_queue_init();
 
@@ -32,8 +26,9 @@ int32_t location_debug_queue_open();
 // Removes the queue and frees the blocks that were not taken.
 void location_debug_queue_close();
 
-// Whether the queue is open.
+// Whether the queue is open, and whether it is open and holds no message.
 bool location_debug_queue_is_open();
+bool location_debug_queue_is_empty();
 
 // A block with a copy of the data; null when there is no memory.
 DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length);
@@ -41,8 +36,8 @@ DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length);
 // The bytes of a block.
 const uint8_t* location_debug_block_data(const DebugBlock* block);
 
-// Hands the block over without waiting; on DEBUG_SEND_OK it is the queue's, else it stays with the caller.
-location_debug_send_result location_debug_queue_send(DebugBlockPtr* block);
+// Hands the block over without waiting. Returns false when the queue can't take it; the block is freed then.
+bool location_debug_queue_send(DebugBlockPtr block);
 
 // Waits for a message. Returns its block, null when receiving failed or the message is none of this process.
 // A cancellation point.

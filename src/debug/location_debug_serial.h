@@ -17,7 +17,4 @@ int32_t location_debug_serial_write(const uint8_t* data, uint32_t length);
 // Closes the line; neither read nor write may run. Returns 0 or the failing result of close.
 int32_t location_debug_serial_deinit();
 
-// Bytes that were written and have not left yet; 0 when closed. Any thread, any time.
-int32_t location_debug_serial_unsent();
-
 #endif

@@ -5,6 +5,7 @@
 #include "debug/location_debug_queue.h"
 #include "debug/location_debug_serial.h"
 #include "device/location_socket_server.h"
+#include "device/location_uart.h"
 #include "mux/location_serial_port.h"
 
 #include <algorithm>
@@ -21,9 +22,6 @@ constexpr uint32_t kReceiveBufferSize = 256;
 constexpr int kEventsPerWait = 10;
 constexpr useconds_t kIdlePauseUs = 300'000; // after a read or accept that gave nothing
 
-// A slow line takes a block piece by piece, so that it can be told from a line that takes nothing.
-constexpr uint64_t kSerialPieceSize = 256;
-
 // Kept: the count of the last read stays, and what it counts goes to the chip again with the next wake-up,
 // whatever that was for. Of several clients that sent data only the one read last is heard.
 struct ReceiveState {
@@ -31,18 +29,18 @@ struct ReceiveState {
     int32_t count;
 };
 
-void write_to_line(DebugOutlet* outlet, const uint8_t* data, uint64_t length) {
-    for (uint64_t done = 0; done < length; done += kSerialPieceSize) {
-        const uint64_t piece = std::min(kSerialPieceSize, length - done);
+// In pieces, because an escaped write is cut at its limit.
+void write_to_line(const uint8_t* data, uint64_t length) {
+    for (uint64_t done = 0; done < length; done += kUartEscapedWriteMax) {
+        const uint64_t piece = std::min<uint64_t>(kUartEscapedWriteMax, length - done);
         location_debug_serial_write(data + done, static_cast<uint32_t>(piece));
-        ++outlet->taken;
     }
 }
 
-void write_to_outlet(DebugOutlet* outlet, const DebugBlock* block) {
+void write_to_outlet(const DebugOutlet* outlet, const DebugBlock* block) {
     const uint8_t* const data = location_debug_block_data(block);
     if (outlet->mode == DEBUG_MODE_SERIAL) {
-        write_to_line(outlet, data, block->length);
+        write_to_line(data, block->length);
     }
     if (outlet->mode == DEBUG_MODE_TCP) {
         location_debug_clients_write(data, block->length);
@@ -137,7 +135,7 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
 } // namespace
 
 void* location_debug_tx_task(void* argument) {
-    auto* const outlet = static_cast<DebugOutlet*>(argument);
+    const auto* const outlet = static_cast<const DebugOutlet*>(argument);
     {
         const CancelHold hold; // else a task that is stopped at once prints its line late or twice
         puts("[LOCSERV] INF: [debug]location_debug_tx_task");
@@ -146,13 +144,12 @@ void* location_debug_tx_task(void* argument) {
         const DebugBlockPtr block = location_debug_queue_receive();
         if (block) {
             write_to_outlet(outlet, block.get());
-            ++outlet->taken;
         }
     }
 }
 
 void* location_debug_rx_task(void* argument) {
-    const auto* const outlet = static_cast<DebugOutlet*>(argument);
+    const auto* const outlet = static_cast<const DebugOutlet*>(argument);
     {
         const CancelHold hold;
         puts("[LOCSERV] INF: [debug]location_debug_rx_task");

@@ -12,7 +12,6 @@ struct DebugOutlet {
     std::atomic<uint32_t> mode;
     std::atomic<int32_t> listen_fd; // -1 when there is none
     std::atomic<int32_t> epoll_fd;  // -1 when there is none
-    std::atomic<uint32_t> taken;    // pieces of output that the outlet has taken; wraps
 };
 
 // Mirrors the queued blocks to the outlet. The argument is the DebugOutlet.

@@ -97,11 +97,11 @@ size_t running_threads() {
     return entries_of("/proc/self/task");
 }
 
-void limit_queue_to_one(int queue) {
-    constexpr msglen_t kBodySize = 16;
+void limit_queue(int queue, unsigned messages) {
+    constexpr unsigned kBodySize = 16;
     msqid_ds status{};
     ASSERT_EQ(msgctl(queue, IPC_STAT, &status), 0);
-    status.msg_qbytes = kBodySize;
+    status.msg_qbytes = messages * kBodySize;
     ASSERT_EQ(msgctl(queue, IPC_SET, &status), 0);
 }
 

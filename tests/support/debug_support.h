@@ -21,8 +21,8 @@ std::string binary_data();
 size_t open_descriptors();
 size_t running_threads();
 
-// Makes the message queue full with one message in it.
-void limit_queue_to_one(int queue);
+// Makes the message queue of the outlet full with so many messages in it.
+void limit_queue(int queue, unsigned messages);
 
 // A pseudo terminal: the tests hold the master, the outlet opens the path. The slave is held open too, so
 // that the master never sees a hang-up.

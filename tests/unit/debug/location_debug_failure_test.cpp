@@ -267,7 +267,7 @@ TEST_F(DebugFailureTest, ThreadsThatCantBeCancelledAreReportedAndLeft) {
 }
 
 TEST_F(DebugFailureTest, ReceiveTaskEndsWhenItsEpollSetFails) {
-    DebugOutlet outlet{.mode = DEBUG_MODE_TCP, .listen_fd = -1, .epoll_fd = -1, .taken = 0};
+    DebugOutlet outlet{.mode = DEBUG_MODE_TCP, .listen_fd = -1, .epoll_fd = -1};
     location_debug_rx_task(&outlet);
     EXPECT_EQ(log_lines(),
               (std::vector<std::string>{
@@ -293,7 +293,7 @@ TEST_F(DebugFailureTest, InterruptedWaitForClientsIsTakenUpAgain) {
 TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    DebugOutlet outlet{.mode = DEBUG_MODE_TCP, .listen_fd = -1, .epoll_fd = epoll_create(10), .taken = 0};
+    DebugOutlet outlet{.mode = DEBUG_MODE_TCP, .listen_fd = -1, .epoll_fd = epoll_create(10)};
     ASSERT_EQ(location_epoll_add_fd(outlet.epoll_fd, ends[0], EPOLLIN), 0);
     ASSERT_EQ(write(ends[1], "x", 1), 1);
     pthread_t task{};
@@ -310,8 +310,7 @@ TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {
 TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsTheLastInputAgain) {
     DebugOutlet outlet{.mode = DEBUG_MODE_TCP,
                        .listen_fd = location_socket_server_create_tcp("127.0.0.1", port),
-                       .epoll_fd = epoll_create(10),
-                       .taken = 0};
+                       .epoll_fd = epoll_create(10)};
     ASSERT_EQ(location_epoll_add_fd(outlet.epoll_fd, outlet.listen_fd, EPOLLIN), 0);
     pthread_t task{};
     ASSERT_EQ(pthread_create(&task, nullptr, location_debug_rx_task, &outlet), 0);

@@ -13,6 +13,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const std::string kSendFail = "[LOCSERV] ERR: [debug]location_debug_handle, send Fail!";
+const std::string kDropped = " blocks dropped";
+const std::string kMoreThanTheLineHolds(60'000, 'm');
 
 struct DebugSerialTest : DebugTest {
     void open_line(int32_t wanted_flow_control = 0) {
@@ -21,14 +23,11 @@ struct DebugSerialTest : DebugTest {
         ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     }
 
-    // Hands over blocks until one is dropped; returns their number.
-    int fill_until_dropped(const std::string& block) const {
-        int blocks = 0;
-        while (log_count(kSendFail) == 0) {
+    void fill_until_dropped(const std::string& block) const {
+        EXPECT_TRUE(wait_until([&] {
             handle_text(block);
-            ++blocks;
-        }
-        return blocks;
+            return log_count(kSendFail) > 0;
+        }));
     }
 };
 
@@ -133,85 +132,56 @@ TEST_F(DebugSerialTest, LineThatHangsUpMakesNoBusyLoop) {
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
 }
 
-TEST_F(DebugSerialTest, SlowLineLosesNothingHoweverLongABlockWaits) {
-    open_line();
-    const std::string block(64, 's');
-    const int blocks = 2000; // more than line and queue hold
-    std::atomic<size_t> seen = 0;
-    std::thread reader([&] {
-        const size_t all = block.size() * blocks;
-        while (seen < all) {
-            const std::string piece = read_bytes(line.master, std::min<size_t>(1024, all - seen));
-            if (piece.empty()) {
-                return;
-            }
-            seen += piece.size();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20)); // the line's speed
-        }
-    });
-    const auto start = Clock::now();
-    for (int i = 0; i < blocks; ++i) {
-        handle_text(block);
-    }
-    const auto waited = Clock::now() - start;
-    reader.join();
-    EXPECT_EQ(seen, block.size() * blocks);
-    EXPECT_EQ(log_count(kSendFail), 0U);
-    EXPECT_GT(waited, std::chrono::milliseconds(500)); // the blocks did wait for the line
+TEST_F(DebugSerialTest, LongBlockPassesWholeWhenEachByteIsEscaped) {
+    open_line(1);
+    const std::string block(20'000, '\x77');
+    handle_text(block);
+    EXPECT_EQ(read_bytes(line.master, 2 * block.size()), escaped(block));
 }
 
-TEST_F(DebugSerialTest, LargeBlockOnASlowLineIsNotTakenForAStall) {
+TEST_F(DebugSerialTest, WhatTheLineCantTakeIsDroppedInWholeBlocksAndToldOnce) {
     open_line();
-    limit_queue_to_one(debug_queue());
-    std::atomic<bool> ends = false;
-    std::thread reader([&] { // 50 kB a second: a block takes longer than the limit
-        while (!ends) {
-            read_bytes(line.master, 5000);
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-    });
-    const std::string block(120'000, 'l');
+    limit_queue(debug_queue(), 4);
+    handle_text(kMoreThanTheLineHolds);
+    ASSERT_TRUE(wait_until([] { return messages_in_queue() == 0; })); // the line has it
     const auto start = Clock::now();
-    for (int i = 0; i < 3; ++i) { // one on its way, one in the queue, one that waits
-        handle_text(block);
+    for (int i = 0; i < 300; ++i) { // the first four wait in the queue
+        handle_text(kMoreThanTheLineHolds);
     }
-    EXPECT_GT(Clock::now() - start, std::chrono::milliseconds(1200));
-    EXPECT_EQ(log_count(kSendFail), 0U);
-    ends = true;
-    reader.join();
-}
-
-TEST_F(DebugSerialTest, BlockIsDroppedWhenNothingWasTakenForASecondAndLaterOnesAtOnce) {
-    open_line();
-    const std::string block(1024, 'x');
-    const auto start = Clock::now();
-    fill_until_dropped(block);
-    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900));
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(log_count(kSendFail), 1U);
 
-    const auto later = Clock::now();
-    for (int i = 0; i < 20; ++i) {
-        handle_text(block);
-    }
-    EXPECT_LT(Clock::now() - later, std::chrono::milliseconds(900));
-    EXPECT_EQ(log_count(kSendFail), 21U);
+    std::string seen;
+    ASSERT_TRUE(wait_until([&] { // room again, but blocks still wait
+        seen += read_bytes(line.master, 100);
+        return messages_in_queue() < 4;
+    }));
+    handle_text("[too early]");
+    ASSERT_TRUE(wait_until([&] {
+        seen += read_now(line.master);
+        return messages_in_queue() == 0;
+    }));
+    EXPECT_EQ(log_count(kDropped), 0U);
+    handle_text("[last]");
+    seen += read_until(line.master, "[last]");
+    EXPECT_EQ(seen.size(), 5 * kMoreThanTheLineHolds.size() + 6);
+    EXPECT_EQ(seen.find('['), 5 * kMoreThanTheLineHolds.size());
+    EXPECT_EQ(log_count(kSendFail), 1U);
+    EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_handle, 297" + kDropped), 1U);
 }
 
-TEST_F(DebugSerialTest, NewOutletGetsItsFullSecond) {
+TEST_F(DebugSerialTest, LossThatLastsIsToldWhenTheOutletCloses) {
     open_line();
-    limit_queue_to_one(debug_queue());
-    const std::string block(60'000, 'x'); // more than the line holds
-    for (int round = 0; round < 3; ++round) {
-        const auto start = Clock::now();
-        const size_t dropped = log_count(kSendFail);
-        while (log_count(kSendFail) == dropped) {
-            handle_text(block);
-        }
-        EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(900)) << round;
-        location_debug_close();
-        ASSERT_EQ(location_debug_start(), 0);
-        limit_queue_to_one(debug_queue());
-    }
+    limit_queue(debug_queue(), 1);
+    fill_until_dropped(kMoreThanTheLineHolds);
+    handle_text("dropped too");
+    EXPECT_EQ(log_count(kDropped), 0U);
+    location_debug_close();
+    EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_handle, 2" + kDropped), 1U);
+    ASSERT_EQ(location_debug_start(), 0);
+    handle_text("new"); // a new outlet starts without the loss of the one before
+    EXPECT_EQ(log_count(kDropped), 1U);
+    EXPECT_EQ(log_count(kSendFail), 1U);
 }
 
 TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {
@@ -228,22 +198,6 @@ TEST_F(DebugSerialTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
     line.write("x");
     ASSERT_TRUE(wait_until([] { return chip_writes().size() == 1; }));
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
-}
-
-TEST_F(DebugSerialTest, HandingOverIsCancelledWhileTheLineTakesNothing) {
-    open_line();
-    limit_queue_to_one(debug_queue());
-    std::string block(60'000, 'x'); // more than the line holds
-    handle_text(block);
-    ASSERT_TRUE(wait_until([] { return messages_in_queue() == 0; })); // the line has it
-    handle_text(block);
-    const auto start = Clock::now();
-    pthread_t receive{};
-    ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
-    ASSERT_EQ(pthread_cancel(receive), 0);
-    ASSERT_EQ(pthread_join(receive, nullptr), 0);
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(900)); // before the block is dropped
-    EXPECT_EQ(log_count(kSendFail), 0U);
 }
 
 TEST_F(DebugSerialTest, OutletIsSwitchedWhileTheStreamRuns) {

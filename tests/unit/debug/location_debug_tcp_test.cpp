@@ -11,6 +11,9 @@
 
 namespace {
 
+const std::string kTooSlow = " is too slow, blocks are dropped";
+const std::string kDropped = " blocks dropped";
+
 struct DebugTcpTest : DebugTest {
     void SetUp() override {
         DebugTest::SetUp();
@@ -36,6 +39,20 @@ struct DebugTcpTest : DebugTest {
         return ioctl(descriptor_of(n), FIONREAD, &waiting) == 0 && waiting == bytes;
     }
 };
+
+std::string numbered_block(int number) {
+    return "<" + std::to_string(100'000 + number) + std::string(1000, 'x') + ">";
+}
+
+// How many such blocks stand whole and in order at the start of the stream.
+int whole_blocks(const std::string& stream) {
+    const size_t size = numbered_block(0).size();
+    int number = 0;
+    while (stream.compare(static_cast<size_t>(number) * size, size, numbered_block(number)) == 0) {
+        ++number;
+    }
+    return number;
+}
 
 bool has_input(int fd) {
     pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
@@ -136,19 +153,49 @@ TEST_F(DebugTcpTest, ClientThatNeverReadsHoldsUpNobody) {
     EXPECT_EQ(log_count("Fail"), 0U);
 }
 
-TEST_F(DebugTcpTest, StreamFasterThanTheTaskWaitsAndLosesNothing) {
-    const auto client = connect_listed(1);
-    limit_queue_to_one(debug_queue());
-    const std::string block(20, 'b');
-    size_t blocks = 0;
-    const auto start = std::chrono::steady_clock::now();
-    while (std::chrono::steady_clock::now() - start <
-           std::chrono::seconds(2)) { // longer than a stall may last
+TEST_F(DebugTcpTest, SlowClientGetsWholeBlocksAndItsLossIsToldOnce) {
+    const auto slow = connect_listed(1, 4096);
+    const auto quick = connect_listed(2);
+    const std::string name = "[debug]socket AT client fd=[" + std::to_string(descriptor_of(0)) + "]";
+    int blocks = 0;
+    const auto pass_a_block = [&] {
+        const std::string block = numbered_block(blocks++);
         handle_text(block);
-        ++blocks;
-    }
-    EXPECT_EQ(read_bytes(client->fd, blocks * block.size()).size(), blocks * block.size());
-    EXPECT_EQ(log_count("Fail"), 0U);
+        ASSERT_TRUE(read_bytes(quick->fd, block.size()) == block); // who is quick loses nothing
+    };
+    ASSERT_TRUE(wait_until([&] {
+        pass_a_block();
+        return HasFatalFailure() || log_count(kTooSlow) > 0;
+    }));
+    const int passed = blocks - 1;
+    pass_a_block();
+    EXPECT_EQ(log_count("[LOCSERV] WRN: " + name + kTooSlow), 1U);
+    EXPECT_EQ(log_count(kDropped), 0U);
+
+    std::string seen;
+    ASSERT_TRUE(wait_until([&] {
+        pass_a_block();
+        seen += read_now(slow->fd);
+        return HasFatalFailure() || log_count(kDropped) > 0;
+    }));
+    handle_text("[last]");
+    seen += read_until(slow->fd, "[last]");
+    EXPECT_EQ(whole_blocks(seen), passed);
+    EXPECT_EQ(seen.substr(static_cast<size_t>(passed) * numbered_block(0).size()),
+              numbered_block(blocks - 1) + "[last]");
+    EXPECT_EQ(log_count("[LOCSERV] INF: " + name + ", " + std::to_string(blocks - 1 - passed) + kDropped),
+              1U);
+    EXPECT_EQ(log_count(kTooSlow), 1U);
+}
+
+TEST_F(DebugTcpTest, LossOfAClientThatLeavesIsTold) {
+    const auto slow = connect_listed(1, 4096);
+    ASSERT_TRUE(wait_until([&] {
+        handle_text(std::string(60'000, 'x'));
+        return log_count(kTooSlow) > 0;
+    }));
+    slow->close();
+    EXPECT_TRUE(wait_until([&] { return log_count(kDropped) > 0; }));
 }
 
 TEST_F(DebugTcpTest, NewClientMakesTheLastInputGoToTheChipAgain) {
