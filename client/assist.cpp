@@ -11,8 +11,8 @@ constexpr double kAnswerLimitS = 5;
 constexpr double kAssistWaitS = 30; // the daemon starts the next due download after three seconds
 
 constexpr char kAssistFailure[] =
-    "assistance data could not be downloaded: the daemon answered failure and tries again later; check 'XOD host=' "
-    "and the network";
+    "assistance data could not be downloaded: the daemon answered failure and tries again later; check the "
+    "identity ('XOD vendor=', 'XOD project=', 'XOD device id='), 'XOD host=' and the network";
 
 // What following the downloads has seen.
 struct Downloads {

@@ -176,10 +176,11 @@ int run_watch(Session& session) {
 // Tells why there is no position: a chip without a fix sends sentences all the same.
 int no_position(double limit_s, bool chip_heard) {
     const std::string reason =
-        chip_heard ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
-                     "'tavorctl watch'"
-                   : "nothing came from the chip; check its power and connection, see 'journalctl -u tavor', "
-                     "and that no other client stops it or takes its output";
+        chip_heard
+            ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
+              "'tavorctl watch'"
+            : "nothing came from the chip; check its power and connection, and that no other client stops it or "
+              "takes its output, and see 'journalctl -u tavor'";
     return session_fail(kExitSilence, "no position within " + print_seconds(limit_s) + " s: " + reason);
 }
 

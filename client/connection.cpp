@@ -248,7 +248,7 @@ std::string connection_error_text(const std::string& path, int error) {
     case ETIMEDOUT:
     case EAGAIN:
         return "no request is taken by the daemon at " + place +
-               "; look at its log with 'journalctl -u tavor' or restart it";
+               "; restart it, or look at its log with 'journalctl -u tavor'";
     default:
         return "cannot reach the daemon at " + place + "; check --socket";
     }

@@ -66,7 +66,9 @@ size_t terminal_width() {
 
 void open_log(Run& run) {
     const std::string& path = run.session.options.log;
-    if (path.empty()) {
+    if (path.empty() && !log_source_journal_is_readable()) {
+        session_note("only the time is shown: the steps are in 'journalctl -u tavor'");
+    } else if (path.empty()) {
         log_source_open_journal(run.log);
     } else if (!log_source_open_file(run.log, path)) {
         session_note("cannot read the log " + print_safe(path) + ": " + strerror(errno) +
@@ -237,7 +239,7 @@ int report_gone(const Run& run) {
 
 int report_interrupted(Run& run) {
     session_note(
-        "the daemon goes on writing firmware; leave the device on until 'journalctl -u tavor' says it is done");
+        "the daemon goes on writing firmware; leave the device on until it is done: see 'journalctl -u tavor'");
     return session_end_status(run.session, Outcome::kInterrupted, 0);
 }
 

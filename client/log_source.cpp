@@ -1,18 +1,22 @@
 #include "client/log_source.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <grp.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
+constexpr const char* kJournalGroups[] = {"systemd-journal", "adm", "wheel"}; // as systemd sets it up
 constexpr size_t kLineMax = 4096;
 constexpr size_t kReadMax = size_t{1} << 20; // of one call: an endless log must not hold the tool up
 
@@ -109,6 +113,19 @@ void log_source_open_journal(LogSource& source) {
     close(ends[1]);
     fcntl(ends[0], F_SETFL, O_NONBLOCK);
     source.fd = ends[0];
+}
+
+bool log_source_journal_is_readable() {
+    std::vector<gid_t> groups(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
+    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<size_t>(std::max(count, 0)));
+    groups.push_back(getegid());
+    return geteuid() == 0 ||
+           std::any_of(std::begin(kJournalGroups), std::end(kJournalGroups), [&](const char* name) {
+               const group* entry = getgrnam(name);
+               return entry != nullptr &&
+                      std::find(groups.begin(), groups.end(), entry->gr_gid) != groups.end();
+           });
 }
 
 void log_source_read(LogSource& source, const std::function<void(std::string_view line)>& visit) {

@@ -25,6 +25,9 @@ bool log_source_open_file(LogSource& source, const std::string& path);
 // Follows the journal of the service from now on. Without a journal nothing ever comes.
 void log_source_open_journal(LogSource& source);
 
+// Whether this user may read the journal of a service: root, or a member of a group that has the right.
+bool log_source_journal_is_readable();
+
 // Gives the visitor each whole line that has come, without waiting.
 void log_source_read(LogSource& source, const std::function<void(std::string_view line)>& visit);
 

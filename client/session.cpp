@@ -1,19 +1,37 @@
 #include "client/session.h"
 
 #include "client/interrupt.h"
+#include "client/log_source.h"
 #include "client/print.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view kJournal = "'journalctl -u tavor'";
+
+// A hint at the journal says what a user without the right to read it sees there.
+std::string with_journal_hint(std::string text) {
+    const size_t at = text.find(kJournal);
+    if (at != std::string::npos && !log_source_journal_is_readable()) {
+        text.insert(at + kJournal.size(), ", which shows you no line of the daemon: use sudo, or join group "
+                                          "systemd-journal and log in again");
+    }
+    return text;
+}
+
+} // namespace
 
 int session_fail(ExitStatus status, const std::string& text) {
-    fprintf(stderr, "tavorctl: %s\n", text.c_str());
+    session_note(text);
     return status;
 }
 
 void session_note(const std::string& text) {
-    fprintf(stderr, "tavorctl: %s\n", text.c_str());
+    fprintf(stderr, "tavorctl: %s\n", with_journal_hint(text).c_str());
 }
 
 bool session_emit(Session& session, const std::string& text) {

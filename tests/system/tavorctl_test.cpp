@@ -513,6 +513,7 @@ TEST(Assist, AnInterruptAfterAFailedDownloadIsStatusOne) {
     });
     Tool tool(scene.line({"assist"}));
     ASSERT_TRUE(tool.wait_err("could not be downloaded"));
+    ASSERT_TRUE(tool.wait_err("('XOD vendor=', 'XOD project=', 'XOD device id=')"));
     tool.signal(SIGINT);
     EXPECT_EQ(tool.end(), 1);
     EXPECT_TRUE(is_one_line(tool.err)) << tool.err;

@@ -2,6 +2,7 @@
 #include "client/connection.h"
 
 #include "support/client_fake_daemon.h"
+#include "support/nobody.h"
 #include "support/private_dir.h"
 
 #include <array>
@@ -10,13 +11,11 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr double kLimitS = 60;
-constexpr uid_t kNobody = 65534;
 
 const FakeDaemon::Script kSilent = [](FakeDaemon&, const tavor_request&) {};
 
@@ -70,16 +69,6 @@ bool send(Connection& connection, tavor_request_type type, const std::string& te
 
 Received receive(Connection& connection, tavor_response& response) {
     return connection_receive(connection, response, deadline_in(kLimitS));
-}
-
-// Runs on a thread of its own with the rights of nobody, when this process may give its rights away.
-void as_nobody(const std::function<void()>& body) {
-    std::thread([&] {
-        if (geteuid() == 0) {
-            ASSERT_EQ(syscall(SYS_setresuid, kNobody, kNobody, kNobody), 0);
-        }
-        body();
-    }).join();
 }
 
 } // namespace
