@@ -157,12 +157,6 @@ TEST(BoardRun, TheAssistanceServerIsToldAndConfigured) {
     EXPECT_EQ(mine.out.rfind("XOD host=example.test\n", 0), 0U) << "an option wins";
 }
 
-TEST(BoardRun, AnotherNodeIsTheChipsWhenItIsAskedFor) {
-    EXPECT_FALSE(contains(run_probe({"missing"}).out, "open -1"));
-    const RunResult moved = run_probe({"missing"}, {"--spi-path", "/dev/spidev0.0"});
-    EXPECT_EQ(moved.out, "open -1\nerror 2\n");
-}
-
 TEST(BoardRun, TheExitCodeIsTheProgramsOwn) {
     EXPECT_EQ(run_probe({"exit", "0"}).status, 0);
     EXPECT_EQ(run_probe({"exit", "42"}).status, 42);
@@ -386,45 +380,9 @@ TEST(BoardControl, SentencesAreInjected) {
     EXPECT_EQ(board.status("bytes_queued"), 34);
 }
 
-TEST(BoardControl, WrongCommandsAreUsageErrors) {
-    const SimulatedBoard board;
-    const std::string path = board.directory.path;
-    for (const Arguments& wrong : std::vector<Arguments>{{},
-                                                         {"nope"},
-                                                         {"fault", "silence"},
-                                                         {"send"},
-                                                         {"send", "--hex", "0"},
-                                                         {"send", "--hex", "zz"},
-                                                         {"send", "--file", "/missing"},
-                                                         {"send", "A", "--hex", "00"},
-                                                         {"rate"},
-                                                         {"rate", "fast"}}) {
-        Arguments all = {"ctl", "--dir", path};
-        all.insert(all.end(), wrong.begin(), wrong.end());
-        const RunResult result = tool(all);
-        EXPECT_EQ(result.status, kUsageError) << testing::PrintToString(wrong);
-        EXPECT_FALSE(result.err.empty()) << testing::PrintToString(wrong);
-    }
-    EXPECT_EQ(tool({"ctl", "--dir", path, "rate", "11"}).status, 1) << "the board refuses";
-    EXPECT_EQ(tool({"ctl", "--dir", path, "rate", "10"}).status, 0);
-}
-
-TEST(BoardControl, StatusIsOneJsonObject) {
-    const SimulatedBoard board;
-    const auto status = nlohmann::json::parse(board.ctl({"status", "--json"}));
-    EXPECT_EQ(status["powered"], false);
-    EXPECT_EQ(status["transfers"], 0);
-    EXPECT_TRUE(status["aiding_time"]["verdict"].is_null());
-}
-
 TEST(BoardTime, AnHourOfTheProgramPassesInMilliseconds) {
     const RunResult result = run_probe({"hours"}, {"--speed", "100000"});
     EXPECT_TRUE(contains(result.out, "timer 1\nsleep 1\n")) << result.out;
-}
-
-TEST(BoardTime, StartsWhereTheOptionSays) {
-    const RunResult result = run_probe({"hours"}, {"--speed", "100000", "--time", "2031-02-03T04:05:06Z"});
-    EXPECT_TRUE(contains(result.out, "begin 19278")) << result.out; // that day and the next
 }
 
 TEST(BoardTime, ExecCanChangeTheSpeedOfTheBoard) {
@@ -447,12 +405,6 @@ TEST(BoardTime, ARunningProgramsClockCanBePutForward) {
         return !program.running();
     }));
     EXPECT_TRUE(contains(board.directory.read("hours.log"), "timer 1\nsleep 1\n"));
-}
-
-TEST(BoardTime, IsPutForwardToATime) {
-    const SimulatedBoard board({"--time", "2031-02-03T04:05:06Z"});
-    board.ctl({"time", "--set", "2031-06-07T08:09:10Z"});
-    EXPECT_TRUE(contains(board.ctl({"time"}), "2031-06-07T08:09:1"));
 }
 
 TEST(BoardSpeed, ATransferTakesWellUnderAMillisecond) {

@@ -174,19 +174,6 @@ TEST(Position, IsPrintedWithUnitsOnceOneComes) {
     EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
 }
 
-TEST(Position, JsonHasNumbersAndNulls) {
-    Scene scene(answers(0));
-    EXPECT_EQ(scene.run({"position", "--json"}), 0) << scene.err;
-    EXPECT_EQ(Json::parse(scene.out), (Json{{"utc", "123519.000"},
-                                            {"latitude", 48.1173},
-                                            {"longitude", 11.516667},
-                                            {"height", 1592.3},
-                                            {"majorAxis", nullptr},
-                                            {"minorAxis", nullptr},
-                                            {"orientation", nullptr},
-                                            {"verticalUncertainty", nullptr}}));
-}
-
 TEST(Position, WithoutAFixIsStatusThree) {
     for (const auto& [code, sentence] : {std::pair(TAVOR_CODE_NMEA, kGga), {TAVOR_CODE_CHIP, kChipAnswer}}) {
         Scene scene([code = code, sentence = sentence](FakeDaemon& d, const tavor_request&) {
@@ -227,16 +214,6 @@ TEST(Watch, RawIsTheChipsSentencesByteForByte) {
     Scene scene(answers(0));
     EXPECT_EQ(scene.run({"watch", "--raw", "--count", "1"}), 0);
     EXPECT_EQ(scene.out, kGga);
-}
-
-TEST(Watch, JsonIsOneObjectALine) {
-    Scene scene(answers(0));
-    EXPECT_EQ(scene.run({"watch", "--json", "--count", "5"}), 0);
-    std::vector<std::string> types;
-    for (const std::string& line : lines_of(scene.out)) {
-        types.push_back(Json::parse(line).at("type"));
-    }
-    EXPECT_EQ(types, (std::vector<std::string>{"result", "banner", "position", "nmea", "chip"}));
 }
 
 TEST(Watch, EndsAfterItsDurationAndLeavesPositioningOn) {
@@ -420,17 +397,6 @@ TEST(Send, ChipThatAnswersNothingIsNoFailure) {
     EXPECT_NE(scene.err.find("answered nothing within 0.1 s"), std::string::npos) << scene.err;
 }
 
-TEST(Send, InterruptWhileTheChipIsAwaitedIsSeenByTheShell) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_CHIP, 0));
-        d.send(make_response(TAVOR_CODE_CHIP, 0, kChipAnswer));
-    });
-    Tool waiting(scene.line({"send", "353,1", "--wait", "60"}));
-    ASSERT_TRUE(waiting.wait_out("$PZUL001"));
-    waiting.signal(SIGTERM);
-    EXPECT_EQ(waiting.end(), 128 + SIGTERM);
-}
-
 TEST(Send, JsonHasTheResultAndTheAnswers) {
     Scene scene([](FakeDaemon& d, const tavor_request&) {
         d.send(make_response(TAVOR_CODE_CHIP, 0));
@@ -442,107 +408,78 @@ TEST(Send, JsonHasTheResultAndTheAnswers) {
     EXPECT_EQ(Json::parse(lines_of(scene.out)[1]).at("sentence"), "$PZUL001,353,3*3B");
 }
 
-TEST(Assist, WaitsForTheFirstDownload) {
-    for (const uint32_t value : {0U, TAVOR_VALUE_FAILED}) {
-        Scene scene([value](FakeDaemon& d, const tavor_request&) {
-            d.send(make_response(TAVOR_CODE_ASSIST, 0));
-            d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
-            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, value));
-        });
-        EXPECT_EQ(scene.run({"assist", "--wait", "0.2"}), value == 0 ? 0 : 1);
-        EXPECT_EQ(lines_of(scene.out).at(0), "assistance download started");
-        EXPECT_EQ(lines_of(scene.out).size(), value == 0 ? 2U : 1U);
-        EXPECT_EQ(scene.err.empty(), value == 0) << scene.err;
-    }
+namespace {
+
+// What comes behind the start of the assistance download, and how the tool ends.
+struct Assisted {
+    const char* test;
+    std::vector<uint32_t> results; // 0 or failure, in order
+    Arguments options;
+    std::string interrupt; // text on either output after which it is interrupted; empty: it ends by itself
+    int status;
+    size_t downloaded; // lines that tell a good download
+    bool failure;      // is told on standard error
+};
+
+void PrintTo(const Assisted& assisted, std::ostream* out) {
+    *out << assisted.test;
 }
 
-TEST(Assist, OnceShowsEveryFileOfTheCycle) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
+class Assist : public testing::TestWithParam<Assisted> {};
+
+constexpr uint32_t kBad = TAVOR_VALUE_FAILED;
+constexpr char kDownloaded[] = "assistance data downloaded\n";
+
+} // namespace
+
+TEST_P(Assist, EndsWithTheStatusOfTheLastDownload) {
+    const Assisted& assisted = GetParam();
+    Scene scene([&](FakeDaemon& d, const tavor_request&) {
         d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        for (int file = 0; file < 3; ++file) {
-            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
+        d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+        for (const uint32_t result : assisted.results) {
+            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, result));
         }
     });
-    EXPECT_EQ(scene.run({"assist", "--once", "--wait", "0.2"}), 0);
-    EXPECT_EQ(scene.out, "assistance download started\n" + std::string("assistance data downloaded\n") +
-                             "assistance data downloaded\nassistance data downloaded\n");
-    EXPECT_EQ(scene.err, "");
+    Arguments arguments = {"assist"};
+    arguments.insert(arguments.end(), assisted.options.begin(), assisted.options.end());
+    Tool tool(scene.line(arguments));
+    if (!assisted.interrupt.empty()) {
+        ASSERT_TRUE(assisted.failure && assisted.status == 1 ? tool.wait_err(assisted.interrupt)
+                                                             : tool.wait_out(assisted.interrupt));
+        tool.signal(SIGINT);
+    }
+    EXPECT_EQ(tool.end(), assisted.status) << tool.err;
+    std::string expected = "assistance download started\n";
+    for (size_t i = 0; i < assisted.downloaded; ++i) {
+        expected += kDownloaded;
+    }
+    EXPECT_EQ(tool.out, expected);
+    EXPECT_EQ(is_one_line(tool.err), assisted.failure) << tool.err;
+    EXPECT_EQ(tool.err.find("'XOD device id='") != std::string::npos, assisted.failure) << tool.err;
 }
 
-TEST(Assist, OnceEndsAtTheFirstFailure) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
-    });
-    EXPECT_EQ(scene.run({"assist", "--once", "--json", "--wait", "3600"}), 1);
-    ASSERT_EQ(lines_of(scene.out).size(), 3U) << scene.out;
-    EXPECT_EQ(Json::parse(lines_of(scene.out)[1]).at("ok"), true);
-    EXPECT_EQ(Json::parse(lines_of(scene.out)[2]).at("request"), "assist-download");
-    EXPECT_EQ(Json::parse(lines_of(scene.out)[2]).at("ok"), false);
-    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
-}
+INSTANTIATE_TEST_SUITE_P(
+    Downloads, Assist,
+    testing::Values(Assisted{"Good", {0}, {"--wait", "0.2"}, "", 0, 1, false},
+                    Assisted{"Failed", {kBad}, {"--wait", "0.2"}, "", 1, 0, true},
+                    Assisted{"AWholeCycle", {0, 0, 0}, {"--once", "--wait", "0.2"}, "", 0, 3, false},
+                    Assisted{"OnceEndsAtAFailure", {0, kBad}, {"--once", "--wait", "3600"}, "", 1, 1, true},
+                    Assisted{"RetriedWell", {kBad, 0}, {"--wait", "0.2"}, "", 0, 1, true},
+                    Assisted{"InterruptedAfterAGoodOne", {0}, {}, kDownloaded, 0, 1, false},
+                    Assisted{
+                        "InterruptedAfterAFailedOne", {0, kBad}, {}, "could not be downloaded", 1, 1, true},
+                    Assisted{"InterruptedAfterAGoodRetry", {kBad, 0}, {}, kDownloaded, 0, 1, true},
+                    Assisted{"InterruptedBeforeItsLimit",
+                             {0},
+                             {"--once", "--wait", "3600"},
+                             kDownloaded,
+                             128 + SIGINT,
+                             1,
+                             false}),
+    [](const auto& assisted) { return std::string(assisted.param.test); });
 
-TEST(Assist, ARetryThatSucceedsIsASuccess) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-    });
-    EXPECT_EQ(scene.run({"assist", "--wait", "0.2"}), 0);
-    EXPECT_EQ(lines_of(scene.out).size(), 2U) << scene.out;
-    EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
-}
-
-TEST(Assist, FollowingEndsWithAnInterrupt) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-    });
-    Tool tool({TAVOR_CTL_PROGRAM, "--socket", scene.daemon.path, "assist"});
-    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.end(), 0) << tool.err;
-}
-
-TEST(Assist, AnInterruptAfterAFailedDownloadIsStatusOne) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
-    });
-    Tool tool(scene.line({"assist"}));
-    ASSERT_TRUE(tool.wait_err("could not be downloaded"));
-    ASSERT_TRUE(tool.wait_err("('XOD vendor=', 'XOD project=', 'XOD device id=')"));
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.end(), 1);
-    EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
-}
-
-TEST(Assist, AnInterruptAfterARetryThatSucceededIsStatusZero) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, TAVOR_VALUE_FAILED));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-    });
-    Tool tool(scene.line({"assist"}));
-    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.end(), 0) << tool.err;
-}
-
-TEST(Assist, AnInterruptBeforeItsLimitIsSeenByTheShell) {
-    Scene scene([](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(make_response(TAVOR_CODE_ASSIST_RESULT, 0));
-    });
-    Tool tool(scene.line({"assist", "--once", "--wait", "3600"}));
-    ASSERT_TRUE(tool.wait_out("assistance data downloaded\n"));
-    tool.signal(SIGINT);
-    EXPECT_EQ(tool.end(), 128 + SIGINT);
-}
-
-TEST(Assist, NoDownloadInTheTimeIsStillAStart) {
+TEST(AssistWait, NoDownloadInTheTimeIsStillAStart) {
     Scene scene(answers(0));
     EXPECT_EQ(scene.run({"assist", "--wait", "0.1"}), 0);
     EXPECT_NE(scene.err.find("no download ended within 0.1 s"), std::string::npos) << scene.err;

@@ -163,18 +163,6 @@ TEST(Ask, EndlessStreamDoesNotStretchTheLimit) {
     pair->connection.socket = -1;
 }
 
-TEST(Ask, EndlessStreamOfMalformedDatagramsDoesNotStretchTheLimit) {
-    auto pair = std::make_unique<Pair>([](FakeDaemon& d, const tavor_request&) {
-        while (d.send_bytes("x", 1)) {
-        }
-    });
-    Request request = save(kShortS);
-    request.repeatable = false;
-    EXPECT_EQ(pair->ask(request), Outcome::kTimeout);
-    close(pair->connection.socket);
-    pair->connection.socket = -1;
-}
-
 TEST(Ask, DaemonThatIsGoneIsTold) {
     PrivateDir directory;
     Connection connection;
@@ -185,17 +173,6 @@ TEST(Ask, DaemonThatIsGoneIsTold) {
     std::optional<Record> answer;
     EXPECT_EQ(exchange_ask(connection, save(kLimitS), kSkip, answer), Outcome::kUnreachable);
     EXPECT_NE(connection.error, "");
-}
-
-TEST(Ask, SignalEndsIt) {
-    Pair pair(kSilent);
-    std::array<int, 2> ends = {};
-    ASSERT_EQ(pipe(ends.data()), 0);
-    ASSERT_EQ(write(ends[1], "x", 1), 1);
-    pair.connection.interrupt = ends[0];
-    EXPECT_EQ(pair.ask(save(kLimitS)), Outcome::kInterrupted);
-    close(ends[0]);
-    close(ends[1]);
 }
 
 TEST(Follow, OutputThatAnotherClientTookIsTakenBack) {
@@ -252,17 +229,6 @@ TEST(Follow, RestartedDaemonIsStartedAgain) {
               Outcome::kDone);
     EXPECT_EQ(second.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
     EXPECT_EQ(silences.restarted, std::vector<bool>{true});
-}
-
-TEST(Follow, DaemonThatIsGoneEndsIt) {
-    PrivateDir directory;
-    Connection connection;
-    {
-        FakeDaemon daemon((directory.path / "socket").string(), kSilent);
-        ASSERT_TRUE(connection_open(connection, daemon.path));
-    }
-    Silences silences;
-    EXPECT_EQ(exchange_follow(connection, silences.follow(0.02), kSkip), Outcome::kUnreachable);
 }
 
 TEST(Follow, ItsEndComesInTheMiddleOfAStream) {

@@ -70,71 +70,36 @@ TEST(PositionRecord, EmptyFieldsAreAbsent) {
                  p.orientation || p.verticalUncertainty);
 }
 
-TEST(PositionRecord, HeightOfNineCharactersLeavesTheAxisAlone) {
-    const Position p = position_of({"", "", "", "99.999999", "2.5", "", "", ""});
-    EXPECT_EQ(p.height, 99.999999);
-    EXPECT_EQ(p.majorAxis, 2.5);
-}
-
-TEST(PositionRecord, HeightOfTenCharactersEndsTheAxisWithItsNul) {
-    const Position p = position_of({"", "", "", "545.400000", "", "1.5", "", ""});
-    EXPECT_EQ(p.height, 545.4);
-    EXPECT_FALSE(p.majorAxis);
-    EXPECT_EQ(p.minorAxis, 1.5);
-}
-
-TEST(PositionRecord, HeightThatRunsOnIsReadWholeAndTheAxisIsAbsent) {
-    const Position p =
-        position_of({"", "", "", std::string("1545.412345") + '\0' + "9.9", "", "1.5", "", ""});
-    EXPECT_EQ(p.height, 1545.412345);
-    EXPECT_FALSE(p.majorAxis);
-    EXPECT_EQ(p.minorAxis, 1.5);
-}
-
-TEST(PositionRecord, NegativeHeightRunsOnToo) {
-    const Position p = position_of({"", "", "", "-1545.412345", "", "", "", ""});
-    EXPECT_EQ(p.height, -1545.412345);
-    EXPECT_FALSE(p.majorAxis);
-}
-
-TEST(PositionRecord, HugeHeightTakesTheMinorAxisToo) {
-    const Position p = position_of({"", "", "", "999999999999999.000000", "", "", "45.0", ""});
-    EXPECT_EQ(p.height, 999999999999999.0);
-    EXPECT_FALSE(p.majorAxis);
-    EXPECT_FALSE(p.minorAxis);
-    EXPECT_EQ(p.orientation, 45.0);
-}
-
-TEST(PositionRecord, HeightWhoseNulEndsTheAxisLeavesTheMinorAxisAlone) {
-    const Position p = position_of({"", "", "", "123456789012.123456", "", "1.5", "", ""});
-    EXPECT_EQ(p.height, 123456789012.123456);
-    EXPECT_FALSE(p.majorAxis);
-    EXPECT_EQ(p.minorAxis, 1.5);
-}
-
-TEST(PositionRecord, HeightOfTwentyCharactersEndsTheMinorAxisWithItsNul) {
-    const Position p = position_of({"", "", "", "1234567890123.123456", "", "", "", ""});
-    EXPECT_EQ(p.height, 1234567890123.123456);
-    EXPECT_FALSE(p.majorAxis);
-    EXPECT_FALSE(p.minorAxis);
+TEST(PositionRecord, HeightTakesAsManyAxesAsItReachesWithItsNul) {
+    struct Case {
+        std::string text, majorAxis, minorAxis;
+        double height;
+        std::optional<double> major, minor;
+    };
+    const Case cases[] = {
+        {"99.999999", "2.5", "1.5", 99.999999, 2.5, 1.5},
+        {"545.400000", "", "1.5", 545.4, {}, 1.5},
+        {std::string("1545.412345") + '\0' + "9.9", "", "1.5", 1545.412345, {}, 1.5},
+        {"-1545.412345", "", "1.5", -1545.412345, {}, 1.5},
+        {"123456789012.123456", "", "1.5", 123456789012.123456, {}, 1.5},
+        {"1234567890123.123456", "", "", 1234567890123.123456, {}, {}},
+        {"999999999999999.000000", "", "", 999999999999999.0, {}, {}},
+    };
+    for (const Case& c : cases) {
+        const Position p = position_of({"", "", "", c.text, c.majorAxis, c.minorAxis, "45.0", ""});
+        EXPECT_EQ(p.height, c.height);
+        EXPECT_EQ(p.majorAxis, c.major) << c.text;
+        EXPECT_EQ(p.minorAxis, c.minor) << c.text;
+        EXPECT_EQ(p.orientation, 45.0) << c.text;
+    }
 }
 
 TEST(PositionRecord, RewrittenAxisIsReadAndTheHeightIsWhatIsLeftOfIt) {
     const Position p = rewritten("1545.412345", "2.5");
     EXPECT_EQ(p.height, 1545.41234);
     EXPECT_EQ(p.majorAxis, 2.5);
-}
-
-TEST(PositionRecord, AxisRewrittenWithNothingIsAbsent) {
-    const Position p = rewritten("1545.412345", "");
-    EXPECT_EQ(p.height, 1545.41234);
-    EXPECT_FALSE(p.majorAxis);
-}
-
-TEST(PositionRecord, HeightThatLostItsPointIsAbsent) {
-    const Position p = rewritten("1234567890.123456", "2.5");
-    EXPECT_FALSE(p.height);
-    EXPECT_EQ(p.majorAxis, 2.5);
+    EXPECT_FALSE(rewritten("1545.412345", "").majorAxis);
+    EXPECT_FALSE(rewritten("1234567890.123456", "2.5").height) << "its point is lost";
 }
 
 TEST(PositionRecord, UnterminatedFieldsEndAtTheirSize) {

@@ -1,21 +1,11 @@
-// The device nodes as a program sees them: sysfs lines, spidev settings and messages, and the daemon's own
-// modules on them.
+// The device nodes as a program sees them: sysfs lines, spidev settings and messages.
 #include "devices/board_devices.h"
-
-#include "device/location_gpio.h"
-#include "interpose/paths.h"
-#include "mux/location_serial_port.h"
-#include "support/board_local.h"
-#include "support/capture.h"
-#include "support/private_dir.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/spi/spidev.h>
-#include <sys/ioctl.h>
 #include <thread>
-#include <unistd.h>
 
 namespace {
 
@@ -339,85 +329,4 @@ TEST(BoardThreads, NodesAndFaultsFromSeveralThreads) {
         thread.join();
     }
     EXPECT_EQ(board_status(board.board).transfers, 1200U);
-}
-
-namespace {
-
-// The daemon's own modules on a board in this process.
-class DaemonLink : public testing::Test {
-protected:
-    void SetUp() override {
-        directory.write("etc/default/tavor/tavor.conf",
-                        "SPI port path=/dev/spidev1.0\nPower control gpio=17\n");
-        interpose_set_root(directory.path.string());
-        BoardOptions options;
-        options.chip.source = ChipSource::none;
-        board_init(board, options);
-        board_local_connect(board);
-    }
-    void TearDown() override {
-        location_serial_port_gnss_deinit();
-        board_local_disconnect();
-        interpose_set_root("");
-    }
-
-    PrivateDir directory;
-    Board board;
-};
-
-} // namespace
-
-TEST_F(DaemonLink, PowersTheChipAndMovesDataBothWaysWithoutAViolation) {
-    std::string read(4095, '\0');
-    const std::string log = capture_stdout([&] {
-        EXPECT_EQ(location_gpio_power_on(), 0);
-        EXPECT_EQ(location_serial_port_gnss_init(), 0);
-        EXPECT_EQ(board_queue(board, "$GPTXT*00\r\n"), "");
-        const auto count = location_serial_port_gnss_read(reinterpret_cast<uint8_t*>(read.data()), 4095);
-        read.resize(static_cast<size_t>(count));
-        const std::string command = "$PZUL353,1*3B\r\n";
-        EXPECT_EQ(location_serial_port_gnss_write(reinterpret_cast<const uint8_t*>(command.data()), 15), 15);
-    });
-    EXPECT_EQ(read, "$GPTXT*00\r\n") << log;
-    const ChipStatus status = board_status(board);
-    EXPECT_EQ(status.commands_good, 1U);
-    EXPECT_EQ(status.last_command, "$PZUL353,1*3B");
-    EXPECT_EQ(status.violations, 0U) << status.last_violation;
-    EXPECT_FALSE(status.interface_powered) << "switched off between operations";
-    EXPECT_EQ(board_spi(board).speed_hz, 24000000U);
-}
-
-TEST_F(DaemonLink, OtherBitOrderIsRefusedByTheSlave) {
-    directory.write("etc/default/tavor/tavor.conf", "SPI bit order=1\nPower control gpio=17\n");
-    capture_stdout([&] {
-        EXPECT_EQ(location_gpio_power_on(), 0);
-        EXPECT_EQ(location_serial_port_gnss_init(), 0);
-    });
-    EXPECT_EQ(board_spi(board).mode & SPI_LSB_FIRST, 0U);
-    EXPECT_EQ(board_pins(board).at(17).level, true);
-}
-
-TEST_F(DaemonLink, UnconfiguredPowerLineFails) {
-    directory.write("etc/default/tavor/tavor.conf", "");
-    const std::string log = capture_stdout([&] { EXPECT_EQ(location_gpio_power_on(), -1); });
-    EXPECT_NE(log.find("[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"), std::string::npos)
-        << log;
-}
-
-TEST_F(DaemonLink, SpidevReadRequestsAnswerOnTheNode) {
-    const int fd = open(kSpi, O_RDWR);
-    ASSERT_GE(fd, 0);
-    uint32_t mode = SPI_MODE_2;
-    uint8_t order = 1;
-    EXPECT_EQ(ioctl(fd, SPI_IOC_WR_MODE32, &mode), 0);
-    EXPECT_EQ(ioctl(fd, SPI_IOC_WR_LSB_FIRST, &order), 0);
-    mode = 0;
-    EXPECT_EQ(ioctl(fd, SPI_IOC_RD_MODE32, &mode), 0);
-    EXPECT_EQ(mode, static_cast<uint32_t>(SPI_MODE_2 | SPI_LSB_FIRST));
-    order = 0;
-    EXPECT_EQ(ioctl(fd, SPI_IOC_RD_LSB_FIRST, &order), 0);
-    EXPECT_EQ(order, 1);
-    EXPECT_EQ(ioctl(fd, SPI_IOC_MAGIC, nullptr), -1);
-    EXPECT_EQ(errno, ENOTTY);
-    EXPECT_EQ(close(fd), 0);
 }
