@@ -71,9 +71,7 @@ TEST_F(XodDownload, FewerThan48HoursAreRefreshedAlmostAtOnce) {
     all_valid(47, 1000);
     EXPECT_EQ(init(), kInit + selected(47, 1000) + kSoonFromInit);
     EXPECT_EQ(next_in(), 3000);
-}
-
-TEST_F(XodDownload, FortyEightHoursAreEnough) {
+    deinit();
     all_valid(48, 1007);
     // 3600 + 0 + 15 * 4 = 3660, & 7 = 4: 3660 + 4 * 3600
     EXPECT_EQ(init(), kInit + selected(48, 1007) + next_time(18060000, 48, 1007) + init_started(18060000));
@@ -95,14 +93,6 @@ TEST_F(XodDownload, SecondInitWhileATimerIsArmedDoesNothing) {
     ASSERT_GT(retry_in(), 0);
     EXPECT_EQ(init(), kInit + "[LOCSERV] INF: [XOD]xod_download_init, already init\n");
     EXPECT_EQ(xod_fakes.timers.size(), 2U);
-}
-
-TEST_F(XodDownload, MaskDecidesWhatIsLookedAt) {
-    xod_fakes.hours[3] = {50, 77};
-    init(8, 1);
-    EXPECT_EQ(next_in(), static_cast<int64_t>((3 * 3600 + 2 * 420 + 13 * 4 + (4 + 2) * 3600)) * 1000);
-    fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{3, 1}}));
 }
 
 TEST_F(XodDownload, GoodDownloadIsReportedAndTheNextOneScheduled) {
@@ -136,22 +126,13 @@ TEST_F(XodDownload, EveryNumberedFileIsFetchedInOrder) {
 }
 
 TEST_F(XodDownload, EmptyMaskAsksForTheFirstType) {
+    init(8, 2);
+    fire();
+    deinit();
     init(0, 1);
     EXPECT_EQ(next_in(), 3000);
     fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}}));
-}
-
-TEST_F(XodDownload, CountWithoutFilesFetchesNothing) {
-    init(15, 0);
-    EXPECT_EQ(fire(), kNothingValid + next_time(3000, 0, 0) + next_started(3000));
-    EXPECT_TRUE(xod_fakes.transfers.empty());
-}
-
-TEST_F(XodDownload, GpsFilesAreNumberedToo) {
-    init(1, 2);
-    fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{1, 1}, {1, 2}}));
+    EXPECT_EQ(xod_fakes.transfers, (Transfers{{3, 1}, {0, 1}}));
 }
 
 TEST_F(XodDownload, BeidouAndGalileoHaveOneFileEach) {
@@ -175,6 +156,15 @@ TEST_F(XodDownload, FirstCycleFetchesEveryMissingTypeInTurn) {
     fire();
     EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}, {2, 1}, {3, 1}}));
     EXPECT_EQ(next_in(), 90000000);
+}
+
+TEST_F(XodDownload, FailedFileIsTriedAgainBeforeTheOthers) {
+    init(1, 3);
+    xod_fakes.results = {0, -1, -1, 0, -1};
+    fire();
+    fire();
+    EXPECT_EQ(fire(), result_line(1, 2, 0) + result_line(1, 3, -1) + retry_started(300000));
+    EXPECT_EQ(xod_fakes.transfers, (Transfers{{1, 1}, {1, 2}, {1, 2}, {1, 2}, {1, 3}}));
 }
 
 TEST_F(XodDownload, FailedDownloadIsTriedFiveTimesAndDropped) {
@@ -204,14 +194,6 @@ TEST_F(XodDownload, DroppedFileGivesWayToTheNextAtOnceWithFreshRetries) {
     EXPECT_EQ(xod_fakes.transfers.back(), (std::pair{0U, 2U}));
 }
 
-TEST_F(XodDownload, GoodRetryResetsTheCounterAndGoesOn) {
-    init(15, 2);
-    xod_fakes.results = {-1, -1, 0, -1};
-    fire();
-    fire();
-    EXPECT_EQ(fire(), result_line(0, 1, 0) + result_line(0, 2, -1) + retry_started(300000));
-}
-
 TEST_F(XodDownload, ResultThatFindsNoMemoryIsNotSent) {
     init();
     fake_malloc_fails(2); // the first is the item
@@ -232,12 +214,6 @@ TEST_F(XodDownload, WithoutMemoryForAnyItemTheNextDownloadIsScheduled) {
     fake_malloc_fails(1);
     EXPECT_EQ(fire(), kNothingValid + next_time(3000, 0, 0) + next_started(3000));
     EXPECT_TRUE(xod_fakes.transfers.empty());
-}
-
-TEST_F(XodDownload, NextTimerThatIsArmedAlreadyIsLeftAlone) {
-    init();
-    EXPECT_EQ(handle(), "");
-    EXPECT_EQ(next_in(), 3000);
 }
 
 TEST_F(XodDownload, DelayThatNoTimerTakesBecomesOneHour) {
@@ -294,10 +270,6 @@ TEST_F(XodDownload, InitWhileTheTimersAreIdleReplacesThem) {
     EXPECT_EQ(log, kInit + kNothingValid + kSoonFromInit + result_line(0, 1, 0));
     EXPECT_EQ(timers_alive(), 2U);
     EXPECT_EQ(next_in(), 3000);
-}
-
-TEST_F(XodDownload, DeinitOfNothingOnlySaysSo) {
-    EXPECT_EQ(deinit(), "[LOCSERV] INF: [XOD]xod_download_deinit\n");
 }
 
 TEST_F(XodDownload, DeinitDeletesBothTimers) {

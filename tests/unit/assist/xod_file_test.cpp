@@ -116,15 +116,6 @@ TEST_F(XodFile, PathIsDirectoryAndName) {
     EXPECT_EQ(log, "");
 }
 
-TEST_F(XodFile, DirectoryHasADefault) {
-    dir.write("/etc/default/tavor/tavor.conf", "");
-    EXPECT_EQ(path(XOD_GALILEO, 0), "/etc/default/tavor/xod/XOD_GAL_3.DAT");
-}
-
-TEST_F(XodFile, UnknownTypeHasNoName) {
-    EXPECT_EQ(path(8, 0), files() + "/");
-}
-
 TEST_F(XodFile, LongPathIsCutAt127CharactersAndSaidSo) {
     const string directory = "/" + string(112, 'd');
     config(directory);
@@ -137,19 +128,14 @@ TEST_F(XodFile, LongPathIsCutAt127CharactersAndSaidSo) {
     EXPECT_EQ(path(XOD_GALILEO, 0), "/" + string(126, 'd'));
 }
 
-TEST_F(XodFile, WithoutAFileNoHoursAreLeft) {
-    for (const uint32_t type : {0U, 1U, 2U, 3U}) {
+TEST_F(XodFile, MissingFilesAndOtherTypesHaveNoHours) {
+    file("ZGPS.DAT", word(kNowHour));
+    EXPECT_EQ(valid(5), 0);
+    for (const uint32_t type : {0U, 1U, 2U, 3U, 99U}) {
         EXPECT_EQ(valid(type), 0);
         EXPECT_EQ(end, 0U);
         EXPECT_EQ(log, kNowLine);
     }
-}
-
-TEST_F(XodFile, OtherTypesHaveNoHours) {
-    file("ZGPS.DAT", word(kNowHour));
-    EXPECT_EQ(valid(5), 0);
-    EXPECT_EQ(valid(99), 0);
-    EXPECT_EQ(log, kNowLine);
 }
 
 TEST_F(XodFile, GpsFilesStartWithTheirHour) {
@@ -196,11 +182,6 @@ TEST_F(XodFile, BeidouAndGalileoHaveTheirHourBehindTheHeader) {
     EXPECT_EQ(valid(XOD_GALILEO), 0);
     EXPECT_EQ(end, 0U);
     EXPECT_EQ(log, kNowLine);
-}
-
-TEST_F(XodFile, FileOfTheFutureHasMoreThan72Hours) {
-    file("XOD_GR_3_1.DAT", word(kNowHour + 28));
-    EXPECT_EQ(valid(XOD_GPS_GLONASS), 100);
 }
 
 TEST_F(XodFile, ShortReadOfANumberedFileIsHourZero) {
@@ -276,16 +257,4 @@ TEST_F(XodFile, WaitForTheLockGivesWayToAStop) {
     stop_request_withdraw();
     EXPECT_FALSE(taken);
     xod_download_unlock();
-}
-
-TEST_F(XodFile, WaitForTheLockEndsWhenItIsGivenBack) {
-    xod_download_lock();
-    std::atomic<bool> taken = false;
-    std::thread waiting([&] {
-        taken = xod_download_lock_unless_stopped();
-        xod_download_unlock();
-    });
-    xod_download_unlock();
-    waiting.join();
-    EXPECT_TRUE(taken);
 }
