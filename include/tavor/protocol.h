@@ -29,6 +29,17 @@
  * Bytes of the address that a client should bind: the whole sockaddr_un. The daemon gives each receive the
  * length of the previous sender's address, so a longer address is cut for one datagram, and its answer goes
  * astray.
+ *
+ * Best is an abstract address: a NUL, a name of one's own, NULs up to the end.
+ *
+ *     C:       struct sockaddr_un own = {.sun_family = AF_UNIX};
+ *              snprintf(own.sun_path + 1, sizeof own.sun_path - 1, "example-%d", (int)getpid());
+ *              bind(fd, (struct sockaddr*)&own, sizeof own);
+ *     Python:  s.bind((b"\0example-%d" % os.getpid()).ljust(108, b"\0"))
+ *
+ * A path counts only up to its NUL: it takes slashes to make it 107 characters long ("/run/x///...//name").
+ * It must not lie in /tmp, /var/tmp, /home, /root or /run/user: the daemon's service does not see those of
+ * others.
  */
 #define TAVOR_ADDRESS_SIZE 110
 
@@ -84,7 +95,7 @@ struct tavor_response {
  * a height of ten or more characters runs on into majorAxis until the next GST sentence rewrites that field.
  */
 struct tavor_location_record {
-    char utc[12];                 /**< time of the fix as the chip sent it, hhmmss.sss */
+    char utc[12];                 /**< time of the fix as the chip sent it, hhmmss.ss */
     char latitude[15];            /**< decimal degrees, south negative */
     char longitude[15];           /**< decimal degrees, west negative */
     char height[10];              /**< metres above the ellipsoid */
