@@ -1,8 +1,10 @@
 #include "device/location_spi.h"
 
 #include "base/descriptor_guard.h"
+#include "base/error_row.h"
 
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
@@ -10,8 +12,32 @@
 
 namespace {
 
+struct State {
+    ErrorRow transfer; // transfers that failed
+} state;
+
 uint64_t address_of(const uint8_t* buffer) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(buffer));
+}
+
+int64_t now_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+// A link that fails may fail thousands of times a second: one line a second tells it. Transfers come one at a
+// time: who shares the device holds a lock of its own.
+void log_transfer(bool moved) {
+    uint32_t left_out = 0;
+    if (moved) {
+        left_out = error_row_end(&state.transfer);
+    } else if (error_row_tell(&state.transfer, now_ms(), &left_out) && left_out == 0) {
+        puts("[LOCSERV] ERR: [spi]can't send spi message");
+    }
+    if (left_out > 0) {
+        printf("[LOCSERV] ERR: [spi]can't send spi message (%u left out)\n", left_out);
+    }
 }
 
 } // namespace
@@ -56,11 +82,8 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
     message.rx_buf = address_of(rx_buf);
     message.len = len;
     const int moved = ioctl(fd, SPI_IOC_MESSAGE(1), &message);
-    if (moved < 0) {
-        puts("[LOCSERV] ERR: [spi]can't send spi message");
-        return -1;
-    }
-    return moved;
+    log_transfer(moved >= 0);
+    return moved < 0 ? -1 : moved;
 }
 
 ssize_t location_spi_read(int32_t fd, void* buffer, size_t len) {

@@ -195,6 +195,23 @@ TEST_F(LocationSpi, FailedTransferIsLogged) {
     location_spi_deinit(fd);
 }
 
+TEST_F(LocationSpi, TransfersThatFailInARowAreToldOnceASecondAndCounted) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    uint8_t rx[5] = {};
+    location_spi_transfer(fd, nullptr, rx, 5); // ends an earlier row
+    const Lines lines = lines_of(capture_stdout([&] {
+        for (int i = 0; i < 5; ++i) {
+            interpose_fail("ioctl", 1, EIO);
+            location_spi_transfer(fd, nullptr, rx, 5);
+        }
+        location_spi_transfer(fd, nullptr, rx, 5);
+    }));
+    const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
+    EXPECT_EQ(lines, (Lines{failed, failed + " (4 left out)"}));
+    location_spi_deinit(fd);
+}
+
 TEST_F(LocationSpi, ReadAndWriteArePlain) {
     int32_t fd = -1;
     ASSERT_EQ(init(&fd), 0);
