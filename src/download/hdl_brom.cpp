@@ -1,16 +1,15 @@
 #include "download/hdl_brom.h"
 
 #include "base/byte_order.h"
-#include "base/stop_request.h"
 #include "device/location_gpio.h"
 #include "download/hdl_echo.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
 #include "download/tool_file.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
-#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -35,6 +34,7 @@ constexpr int64_t kPowerOffMs = 500;
 constexpr int64_t kHandshakeLimitMs = 10000;
 constexpr int64_t kHandshakeDoneMs = 20;
 constexpr int64_t kHandshakeAgainMs = 2000;
+constexpr int64_t kPauseStepMs = 100;
 
 constexpr uint32_t kUidResponseSize = 1 + kBromUidSize + 2; // command, identifier, status
 constexpr int64_t kUidStartMs = 100;
@@ -62,21 +62,38 @@ struct CloseFile {
 using File = std::unique_ptr<FILE, CloseFile>;
 
 // A line that can't be driven has logged it; the time limit then ends the handshake.
-int64_t power_cycle() {
+HdlWait power_cycle() {
     location_gpio_power_off();
     tool_sleep_ms(kPowerOffMs);
-    const int64_t start = tool_time_now_ms();
+    const HdlWait start = hdl_wait_start();
     tool_log_info("Please reboot chip again:\n");
     location_gpio_power_on();
+    hdl_progress_mark();
     return start;
 }
 
-bool synchronise(int64_t start) {
+bool synchronise(HdlWait start) {
     while (!echoU8(kSync, kSyncAnswer)) {
         if (hdl_wait_elapsed(&start) > kHandshakeLimitMs) {
             tool_log_error("Handshake timeout, please retry!\n");
             return false;
         }
+        if (hdl_progress_given_up()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The pause before the next round. One garbled byte is overcome whatever waits; a handshake that is garbled
+// round after round acknowledges its first byte each time, so that the second such round ends it when a stop
+// waits. Returns false to end it.
+bool pause_before_next_round(bool garbled_before) {
+    for (int64_t slept = 0; slept < kHandshakeAgainMs; slept += kPauseStepMs) {
+        if (garbled_before && hdl_progress_give_up_now()) {
+            return false;
+        }
+        tool_sleep_ms(kPauseStepMs);
     }
     return true;
 }
@@ -162,7 +179,7 @@ bool uid_mismatch(uint8_t answer) {
 }
 
 bool collect_uid(uint8_t (&response)[kUidResponseSize]) {
-    int64_t start = tool_time_now_ms();
+    HdlWait start = hdl_wait_start();
     for (uint32_t count = 0;;) {
         const uint32_t room = kUidResponseSize - count;
         const uint32_t received = std::min(hdl_transport_receive(response + count, room), room);
@@ -207,7 +224,7 @@ bool announce_agent(uint32_t size, uint16_t* status) {
 uint16_t send_agent_file(FILE* file, uint32_t size) {
     uint8_t chunk[kChunkSize];
     uint16_t checksum = 0;
-    for (uint32_t total = 0; total < size;) {
+    for (uint32_t total = 0; total < size && !hdl_progress_given_up();) {
         const uint32_t chunk_size = std::min(kChunkSize, size - total);
         memset(chunk, 0, sizeof chunk);
         if (fread(chunk, 1, chunk_size, file) != chunk_size) {
@@ -215,6 +232,9 @@ uint16_t send_agent_file(FILE* file, uint32_t size) {
         }
         total += chunk_size;
         hdl_transport_send(chunk, chunk_size, kHdlSendFlag); // what is lost shows in the checksum
+        if (hdl_transport_taken()) {
+            hdl_progress_mark();
+        }
         checksum ^= bromChecksum(chunk, chunk_size);
         tool_log_info("SEND %d bytes OK,total %d\n", static_cast<int>(chunk_size), static_cast<int>(total));
         tool_sleep_ms(kAfterChunkMs);
@@ -251,7 +271,7 @@ uint16_t upload_agent(FILE* file, uint32_t size) {
 } // namespace
 
 bool hdl_brom_handshake() {
-    for (;;) {
+    for (bool garbled = false;; garbled = true) {
         if (!synchronise(power_cycle())) {
             return false;
         }
@@ -259,9 +279,8 @@ bool hdl_brom_handshake() {
             tool_sleep_ms(kHandshakeDoneMs);
             return true;
         }
-        tool_sleep_ms(kHandshakeAgainMs);
-        if (stop_request_pending()) {
-            return false; // nothing else would end it
+        if (!pause_before_next_round(garbled)) {
+            return false;
         }
     }
 }

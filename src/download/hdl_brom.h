@@ -8,7 +8,7 @@
 inline constexpr uint32_t kBromUidSize = 16; // bytes
 
 // Power-cycles the chip and synchronises with its boot ROM. Fails when its first byte is not answered rightly
-// for 10 s; wrong answers to the later ones make it repeat until a stop is announced (base/stop_request.h).
+// for 10 s; wrong answers to the later ones make it repeat until a stop is announced (hdl_progress.h).
 bool hdl_brom_handshake();
 
 // Reads the chip's identifier into uid (kBromUidSize bytes).

@@ -3,6 +3,7 @@
 #include "base/byte_order.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_pool.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/tool_log.h"
@@ -64,6 +65,7 @@ void copy_payload(const uint8_t* frame, KitePayload payload, void* out) {
 
 // Whether it was sent is not asked: without its response the command has failed either way.
 void send_command(const KiteCommand& command, uint32_t send_flag = kHdlSendFlag) {
+    hdl_progress_mark();
     hdl_transport_send(command.bytes, command.size, send_flag);
 }
 

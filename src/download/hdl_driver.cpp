@@ -7,6 +7,7 @@
 #include "download/hdl_da.h"
 #include "download/hdl_flash.h"
 #include "download/hdl_image.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/tool_log.h"
@@ -14,6 +15,7 @@
 #include "download/tool_time.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -29,6 +31,7 @@ constexpr int32_t kFailed = -1;
 // The images of a download, in their order.
 struct Images {
     std::unique_ptr<ImageEntry[], FreeBlock> list;
+    std::unique_ptr<uint64_t[], FreeBlock> sizes; // bytes that were written of each
     uint32_t count = 0;
 };
 
@@ -36,6 +39,11 @@ bool load_images(Images* images) {
     images->list.reset(load_flash_download_cfg(g_download_settings.image_cfg_path, &images->count));
     if (images->list == nullptr) {
         tool_log_error("Parsing config content failed\n");
+        return false;
+    }
+    images->sizes.reset(static_cast<uint64_t*>(calloc(images->count, sizeof(uint64_t))));
+    if (images->sizes == nullptr) {
+        tool_log_error("hdl_download_flow malloc sizes fail\n");
         return false;
     }
     return true;
@@ -96,7 +104,7 @@ bool write_images(const Images& images) {
     const int64_t start = tool_time_now_ms();
     for (uint32_t i = 0; i < images.count; ++i) {
         const ImageEntry image = images.list[i];
-        if (!download_image(&image)) {
+        if (!download_image(&image, &images.sizes[i])) {
             tool_log_error("download %s FAILED\n", image.name);
             return false;
         }
@@ -110,7 +118,7 @@ bool check_images(const Images& images) {
     const int64_t start = tool_time_now_ms();
     for (uint32_t i = 0; i < images.count; ++i) {
         const ImageEntry image = images.list[i];
-        if (!check_image_crc(&image)) {
+        if (!check_image_crc(&image, images.sizes[i])) {
             tool_log_error("check_image_crc %s FAILED\n", image.name);
             return false;
         }
@@ -163,6 +171,7 @@ int32_t hdl_firmware_download() {
 }
 
 bool hdl_download_flow() {
+    hdl_progress_start();
     Images images;
     if (!load_images(&images) || !hdl_transport_open(g_download_settings)) {
         return false;

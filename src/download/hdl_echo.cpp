@@ -1,13 +1,13 @@
 #include "download/hdl_echo.h"
 
 #include "base/byte_order.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_text.h"
-#include "download/tool_time.h"
 
 namespace {
 
@@ -28,9 +28,9 @@ bool send_word(uint8_t* word, uint32_t n) {
 }
 
 bool receive_within_limit(uint8_t* word, uint32_t n) {
-    int64_t start = tool_time_now_ms();
+    HdlWait start = hdl_wait_start();
     while (hdl_transport_receive(word, n) == 0) {
-        if (hdl_wait_elapsed(&start) > kReadU16LimitMs) {
+        if (hdl_wait_elapsed(&start) > kReadU16LimitMs || hdl_progress_given_up()) {
             return false;
         }
         tool_sleep_ms(kPollMs);
@@ -44,6 +44,14 @@ bool receive_in_two_tries(uint8_t* word, uint32_t n) {
     }
     tool_sleep_ms(kPollMs);
     return hdl_transport_receive(word, n) > 0;
+}
+
+// An echo that is the expected one is progress.
+bool is_echo(uint32_t received, uint32_t expect) {
+    if (received == expect) {
+        hdl_progress_mark();
+    }
+    return received == expect;
 }
 
 // An answer that came at once is followed by a pause of its own.
@@ -89,7 +97,7 @@ bool echoU8(uint8_t value, uint8_t expect) {
         return false;
     }
     tool_log_info("echoU8 receiveChar 0x%X\n", expect); // kept: not what was received
-    return received == expect;
+    return is_echo(received, expect);
 }
 
 bool echoU16(uint16_t value, uint16_t expect) {
@@ -97,7 +105,7 @@ bool echoU16(uint16_t value, uint16_t expect) {
     uint8_t word[sizeof value];
     store_le16(word, value);
     uint16_t received = 0;
-    return send_word(word, sizeof word) && readU16(&received) && received == expect;
+    return send_word(word, sizeof word) && readU16(&received) && is_echo(received, expect);
 }
 
 bool echoU32(uint32_t value, uint32_t expect) {
@@ -108,7 +116,7 @@ bool echoU32(uint32_t value, uint32_t expect) {
     if (!send_word(word, sizeof word) || !readU32(&received)) {
         return false;
     }
-    if (received != expect) {
+    if (!is_echo(received, expect)) {
         tool_log_error("echoU32 want receiveChar 0x%X8,  receiveChar 0x%X8\n", expect, received);
         return false;
     }

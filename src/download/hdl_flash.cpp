@@ -3,6 +3,7 @@
 #include "base/free_block.h"
 #include "download/hdl_da.h"
 #include "download/hdl_kite.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_window.h"
 #include "download/tool_file.h"
@@ -84,19 +85,19 @@ bool da_format_flash(uint32_t start, uint32_t length) {
     return true;
 }
 
-bool download_image(const ImageEntry* image) {
-    const uint64_t size = getFileSize(image->name);
-    if (size < kSmallestImage) {
+bool download_image(const ImageEntry* image, uint64_t* size) {
+    *size = getFileSize(image->name);
+    if (*size < kSmallestImage) {
         tool_log_error("download_image getFileSize fail, image length smaller than 1 byte.\n");
         return false;
     }
-    const uint64_t count = (size - 1) / kFlashBlockSize + 1;
+    const uint64_t count = (*size - 1) / kFlashBlockSize + 1;
     const BlockTable table = make_image_table(*image, count);
     if (table == nullptr) {
         tool_log_error("download_image malloc pData fail\n");
         return false;
     }
-    if (!download_sliding_window_flow(table.get(), static_cast<uint32_t>(count), image)) {
+    if (!download_sliding_window_flow(table.get(), static_cast<uint32_t>(count), image, *size)) {
         tool_log_error("download_sliding_window_flow fail\n");
         return false;
     }
@@ -105,7 +106,8 @@ bool download_image(const ImageEntry* image) {
 
 bool download_all_images(const ImageEntry* images, uint32_t count) {
     for (const ImageEntry* image = images; image != images + count; ++image) {
-        if (!download_image(image)) {
+        uint64_t size = 0;
+        if (!download_image(image, &size)) {
             tool_log_error("download %s FAILED\n", image->name);
             return false;
         }
@@ -113,13 +115,18 @@ bool download_all_images(const ImageEntry* images, uint32_t count) {
     return true;
 }
 
-bool check_image_crc(const ImageEntry* image) {
+bool check_image_crc(const ImageEntry* image, uint64_t size) {
+    const uint32_t own_crc = image_crc32(image->name);
+    if (!tool_file_unchanged(image->name, size)) {
+        return false;
+    }
     KiteCommand command;
     kite_begin(&command, KITE_IMAGE_CRC);
     kite_add_u32(&command, image->begin_address);
-    kite_add_u32(&command, static_cast<uint32_t>(getFileSize(image->name)));
-    kite_add_u32(&command, image_crc32(image->name));
+    kite_add_u32(&command, static_cast<uint32_t>(size));
+    kite_add_u32(&command, own_crc);
     kite_end_with_crc(&command);
+    hdl_progress_mark();
     hdl_transport_send(command.bytes, command.size, kHdlSendFlag);
 
     uint32_t crc = 0;

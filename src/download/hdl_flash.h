@@ -17,11 +17,13 @@ void hdl_erase_plan_fill(uint32_t start, uint32_t length, FormatBlock* blocks);
 // out. Nothing to erase is a failure. Returns success.
 bool da_format_flash(uint32_t start, uint32_t length);
 
-// Writes one image of at least 2 bytes. Returns success.
-bool download_image(const ImageEntry* image);
+// Writes one image of at least 2 bytes and stores the size that its file has from start to end. Returns
+// success.
+bool download_image(const ImageEntry* image, uint64_t* size);
 
-// Has the agent compare an image's CRC with that of the flash. Returns whether it agreed.
-bool check_image_crc(const ImageEntry* image);
+// Has the agent compare an image's CRC with that of the flash. size: what was written; a file that has
+// another one fails. Returns whether the agent agreed.
+bool check_image_crc(const ImageEntry* image, uint64_t size);
 
 // The interface, but no part of a download, which writes its images one by one: writes count images in their
 // order, up to the first failure. Returns success.

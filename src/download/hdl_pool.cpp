@@ -2,12 +2,12 @@
 
 #include "base/free_block.h"
 #include "download/hdl_kite.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
-#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -116,12 +116,15 @@ bool read_dma_to_pool(uint32_t expected, uint32_t* size) {
         return false;
     }
     ToolRxBuffer* pool = tool_rx_buffer_get();
-    int64_t start = tool_time_now_ms();
+    HdlWait start = hdl_wait_start();
     for (int64_t elapsed = 0; elapsed <= kFrameLimitMs; elapsed = hdl_wait_elapsed(&start)) {
         const uint32_t found = receive_once(pool, expected);
         if (found != 0) {
             *size = found;
             return true;
+        }
+        if (hdl_progress_given_up()) {
+            return false;
         }
         if (hdl_wait_elapsed(&start) == elapsed) {
             tool_sleep_ms(kInstantRoundMs); // a link that fails at once would fill the log

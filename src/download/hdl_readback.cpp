@@ -1,21 +1,26 @@
 #include "download/hdl_readback.h"
 
+#include "base/descriptor_guard.h"
+#include "base/regular_file.h"
 #include "download/crc32_calc.h"
 #include "download/hdl_da.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
+#include "download/tool_file.h"
 #include "download/tool_log.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 
 namespace {
 
 constexpr int kAttempts = 3;
 constexpr int64_t kAttemptMs = 1000;
 constexpr uint32_t kOtpStep = 4096; // kept: twice what one request can carry
+constexpr mode_t kFileMode = 0666;
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
 struct Response {
@@ -41,7 +46,7 @@ bool checksum_fits(const Request& request, const Response& response) {
 }
 
 bool wait_for_data(const Request& request, Response* response) {
-    int64_t start = tool_time_now_ms();
+    HdlWait start = hdl_wait_start();
     while (hdl_wait_elapsed(&start) < kAttemptMs) {
         *response = {};
         const uint32_t code = hdl_da_wait_data(request.id, &response->address, &response->crc, response->data,
@@ -65,10 +70,13 @@ bool request_data(const Request& request, const KiteCommand& command, Response* 
 }
 
 FILE* open_to_append(const char* path) {
-    FILE* file = fopen(path, "ab");
+    DescriptorGuard descriptor(regular_file_open(path, O_WRONLY | O_CREAT | O_APPEND, kFileMode));
+    FILE* file = descriptor.fd < 0 ? nullptr : fdopen(descriptor.fd, "a");
     if (file == nullptr) {
         tool_log_error("can not open %s\n", path);
+        return nullptr;
     }
+    descriptor.release();
     return file;
 }
 
@@ -103,12 +111,11 @@ bool append_otp(const char* path, const Response& response, uint32_t length) {
 
 // A file that opens is there.
 bool delete_old_file(const char* path) {
-    FILE* file = fopen(path, "r");
+    FILE* file = tool_file_open(path);
     if (file == nullptr) {
         return true;
     }
-    if (fclose(file) != 0) {
-        tool_log_error("The file(%s) could not closed.\n", path);
+    if (!tool_file_close(file, path)) {
         return false;
     }
     if (remove(path) != 0) {

@@ -16,6 +16,10 @@ bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t /*send_flag*/)
     return spim_write_chunked(data, n) == 1;
 }
 
+bool hdl_transport_taken() {
+    return spim_write_taken();
+}
+
 uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n) {
     return spim_read_chunked(buffer, n);
 }

@@ -19,6 +19,9 @@ void hdl_transport_close();
 // success.
 bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag);
 
+// Whether the chip's side of the link has taken the end of what was sent last.
+bool hdl_transport_taken();
+
 // Receives up to n bytes. Returns how many came, 0 when none.
 uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n);
 

@@ -6,14 +6,29 @@
 
 #include <cstdint>
 
-// Milliseconds since *start. The clock is the wall's: when it was set back meanwhile, the wait begins anew,
-// so that it ends all the same.
-inline int64_t hdl_wait_elapsed(int64_t* start) {
+// Longer than a round of any wait takes: the longest, an echo over a slave that hardly wakes, takes 97 s.
+inline constexpr int64_t kLongestRoundMs = 120'000;
+
+// A wait that is looked at once a round.
+struct HdlWait {
+    int64_t start;
+    int64_t last; // when it was looked at
+};
+
+inline HdlWait hdl_wait_start() {
     const int64_t now = tool_time_now_ms();
-    if (now < *start) {
-        *start = now;
+    return {now, now};
+}
+
+// Milliseconds since the start. The clock is the time of day and may be set meanwhile: back, or further
+// forward than a round can take, begins the wait anew, so that it neither lasts for ever nor ends at once.
+inline int64_t hdl_wait_elapsed(HdlWait* wait) {
+    const int64_t now = tool_time_now_ms();
+    if (now < wait->last || now - wait->last > kLongestRoundMs) {
+        wait->start = now;
     }
-    return now - *start;
+    wait->last = now;
+    return now - wait->start;
 }
 
 #endif

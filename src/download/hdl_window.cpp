@@ -2,8 +2,10 @@
 
 #include "download/hdl_da.h"
 #include "download/hdl_kite.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_transport.h"
 #include "download/hdl_wait.h"
+#include "download/tool_file.h"
 #include "download/tool_log.h"
 
 #include <algorithm>
@@ -29,9 +31,7 @@ bool send_with_attempts(const KiteCommand& command) {
 // Reads from offset on; what the file does not hold is left. Returns success.
 bool read_at(FILE* file, uint32_t offset, uint8_t* data, const char* name) {
     if (fseek(file, static_cast<long>(offset), SEEK_SET) != 0) {
-        if (fclose(file) != 0) {
-            tool_log_error("The file(%s) could not closed.\n", name);
-        }
+        tool_file_close(file, name);
         return false;
     }
     if (fread(data, 1, kFlashBlockSize, file) != kFlashBlockSize) {
@@ -45,7 +45,7 @@ bool read_at(FILE* file, uint32_t offset, uint8_t* data, const char* name) {
 }
 
 bool read_image_block(const char* name, uint32_t offset, uint8_t* data) {
-    FILE* file = fopen(name, "rb");
+    FILE* file = tool_file_open(name);
     if (file == nullptr) {
         tool_log_error("can not open %s\n", name);
         return false;
@@ -90,12 +90,13 @@ struct Window {
     FlashBlock* blocks;
     uint32_t count;
     const ImageEntry* image; // null for an erase
+    uint64_t image_size;     // when its first block was read
     int64_t limit_ms;
-    int64_t start; // of the first pass
+    HdlWait start; // of the first pass
     bool resending;
 };
 
-enum class Outcome { kDone, kTimeout, kUsedUp };
+enum class Outcome { kDone, kEnded, kUsedUp };
 
 bool send_block(const Window& window, FlashBlock* block) {
     tool_log_info_text(window.rules.send, block->address);
@@ -147,6 +148,7 @@ bool acknowledge(const Window& window, uint32_t address) {
         return false;
     }
     block->acked = 1;
+    hdl_progress_mark();
     return true;
 }
 
@@ -156,17 +158,24 @@ bool wait_once(const Window& window) {
     uint32_t address = 0;
     const KiteId command = window.rules.command;
     if (hdl_da_wait_response(command, &address, kite_kind(command).expected) != HDL_DA_OK) {
-        return !window.resending && advance(window);
+        return !window.resending && !hdl_progress_given_up() && advance(window);
     }
     tool_log_info_text(window.rules.response, address);
     return acknowledge(window, address) && advance(window);
+}
+
+bool image_unchanged(const Window& window) {
+    return window.image == nullptr || tool_file_unchanged(window.image->name, window.image_size);
 }
 
 Outcome run_pass(Window* window, uint32_t waits) {
     for (uint32_t wait = 0; wait < waits; ++wait) {
         if (hdl_wait_elapsed(&window->start) > window->limit_ms) {
             tool_log_error_text(window->rules.timeout);
-            return Outcome::kTimeout;
+            return Outcome::kEnded;
+        }
+        if (hdl_progress_given_up() || !image_unchanged(*window)) {
+            return Outcome::kEnded;
         }
         if (wait_once(*window)) {
             return Outcome::kDone;
@@ -202,7 +211,7 @@ bool run(Window* window) {
     if (!send_first(*window)) {
         return false;
     }
-    window->start = tool_time_now_ms();
+    window->start = hdl_wait_start();
     Outcome outcome = run_pass(window, window->count);
     if (outcome == Outcome::kUsedUp) {
         outcome = resend(window);
@@ -210,7 +219,7 @@ bool run(Window* window) {
     if (outcome == Outcome::kUsedUp && window->rules.exhausted != nullptr) {
         tool_log_error_text(window->rules.exhausted);
     }
-    return outcome == Outcome::kDone;
+    return outcome == Outcome::kDone && image_unchanged(*window);
 }
 
 } // namespace
@@ -242,11 +251,13 @@ bool download_send_single_block(uint32_t address, const ImageEntry* image) {
 }
 
 bool format_sliding_window_flow(FormatBlock* blocks, uint32_t count) {
-    Window window = {kFormatRules, blocks, count, nullptr, kFormatLimitMs, 0, false};
+    Window window = {kFormatRules, blocks, count, nullptr, 0, kFormatLimitMs, {}, false};
     return run(&window);
 }
 
-bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image) {
-    Window window = {kDownloadRules, blocks, count, image, count * kDownloadBlockLimitMs, 0, false};
+bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image,
+                                  uint64_t size) {
+    const int64_t limit_ms = count * kDownloadBlockLimitMs;
+    Window window = {kDownloadRules, blocks, count, image, size, limit_ms, {}, false};
     return run(&window);
 }

@@ -30,7 +30,9 @@ bool download_send_single_block(uint32_t address, const ImageEntry* image);
 // Erases the blocks within 45 s. Returns whether the agent acknowledged all.
 bool format_sliding_window_flow(FormatBlock* blocks, uint32_t count);
 
-// Writes the blocks of an image, one second allowed for each. Returns whether the agent acknowledged all.
-bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image);
+// Writes the blocks of an image whose file has this size, one second allowed for each. Returns whether the
+// agent acknowledged all and the file kept its size to the end; a change ends it at once.
+bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image,
+                                  uint64_t size);
 
 #endif

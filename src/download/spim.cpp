@@ -1,8 +1,9 @@
 #include "download/spim.h"
 
 #include "base/byte_order.h"
-#include "base/stop_request.h"
+#include "base/error_row.h"
 #include "device/location_spi.h"
+#include "download/hdl_progress.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_time.h"
@@ -48,21 +49,85 @@ constexpr int64_t kWakeupPollMs = 1;
 constexpr int64_t kAfterWakeupMs = 10;
 constexpr uint32_t kMissesInARow = 21; // configurations that failed before the slave is woken
 constexpr uint32_t kDataTries = 6;     // data phases that failed before the slave is woken
-constexpr uint32_t kSureRestarts = 3;  // of a command, also while a stop waits
 constexpr uint32_t kDataPolls = 100;
 constexpr uint32_t kConfigurePolls = 5;
 
-// Kept: reading and writing wait and give up deliberately unlike each other.
-constexpr uint32_t kWriteConfigureDelayMs = 3;
-constexpr uint32_t kReadConfigureDelayMs = 80;
-constexpr uint32_t kWriteDataDelayMs = 3;
-constexpr uint32_t kReadDataDelayMs = 1;
-constexpr uint32_t kWriteWakeups = 10;
-constexpr uint32_t kReadWakeups = 1;
+// What may fail in the kernel, each with its line of the log.
+enum Call : uint8_t {
+    kConfigureReadCall,
+    kConfigureWriteCall,
+    kReadDataCall,
+    kWriteDataCall,
+    kReadStatusCall,
+    kClearErrorCall,
+    kWakeupCall,
+    kWakeupPollCall,
+    kCalls,
+};
+
+constexpr const char* kFailed[kCalls] = {
+    "[SPIM] SPI master send CR command failed",
+    "[SPIM] SPI master send CWR command failed",
+    "[SPIM] SPI master send dma failed",
+    "[SPIM] SPI master send WR command failed",
+    "[SPIM] SPI master query status of slaver failed",
+    "[SPIM] SPI master query status of slaver failed",
+    "[SPIM] SPI master query status of slaver failed",
+    "SPI master query status of slaver failed",
+};
+
+// What tells reading and writing apart. Kept: they wait and give up deliberately unlike each other.
+struct Direction {
+    uint8_t configure; // opcodes
+    uint8_t move;
+    Call configure_call;
+    Call move_call;
+    uint32_t configure_delay_ms; // before each status read
+    uint32_t move_delay_ms;
+    uint32_t wakeups;      // in which its configuration is tried again
+    bool wakes_before_end; // also when it is not tried again
+    const char* exhausted;
+};
+
+constexpr Direction kRead = {
+    kConfigureRead,
+    kReadData,
+    kConfigureReadCall,
+    kReadDataCall,
+    80,
+    1,
+    1,
+    false,
+    "1. SPI master CRD retry timeout, read failed\r\n\n",
+};
+
+constexpr Direction kWrite = {
+    kConfigureWrite,
+    kWriteData,
+    kConfigureWriteCall,
+    kWriteDataCall,
+    3,
+    3,
+    10,
+    true,
+    "[SPIM] 1. SPI master CWR retry timeout, write failed\r\n\n",
+};
+
+// One read or write with all its retries.
+struct Transaction {
+    const Direction& direction;
+    const uint8_t* data; // to send, or null
+    uint8_t* buffer;     // to fill, or null
+    uint32_t n;
+    uint32_t wakeups = 0;  // by configurations that were missed
+    uint32_t failures = 0; // of the data phase since the slave was woken for them
+};
 
 struct State {
     int32_t fd = kClosed;
     uint32_t bit_order = 0;
+    bool taken = false; // the last write
+    ErrorRow failing[kCalls] = {};
     uint8_t tx[kFrameSize] = {};
     uint8_t rx[kFrameSize] = {};
     uint8_t bounce[kSpimMaxData] = {};
@@ -88,79 +153,75 @@ void reverse_bits(uint8_t* bytes, uint32_t n) {
     }
 }
 
-int32_t send_byte(uint8_t byte) {
-    spim_transfer transfer = {&byte, 1, nullptr, 0};
-    return spim_transfer_full(&transfer);
+// One frame; its failure is logged, at most once a second while it repeats. Returns success.
+bool exchange(Call call, spim_transfer transfer) {
+    ErrorRow* row = &state.failing[call];
+    uint32_t left_out = 0;
+    const bool moved = spim_transfer_full(&transfer) == 0;
+    if (moved) {
+        left_out = error_row_end(row);
+    } else if (error_row_tell(row, tool_time_now_ms(), &left_out) && left_out == 0) {
+        tool_log_error("%s\n", kFailed[call]);
+    }
+    if (left_out > 0) {
+        tool_log_error("%s (%u left out)\n", kFailed[call], left_out);
+    }
+    return moved;
 }
 
-int32_t send_clear_error(uint8_t status) {
+bool send_byte(Call call, uint8_t byte) {
+    return exchange(call, {&byte, 1, nullptr, 0});
+}
+
+bool send_clear_error(uint8_t status) {
     uint8_t frame[] = {kClearError, static_cast<uint8_t>(status & kErrors)};
-    spim_transfer transfer = {frame, sizeof frame, nullptr, 0};
-    return spim_transfer_full(&transfer);
+    return exchange(kClearErrorCall, {frame, sizeof frame, nullptr, 0});
 }
 
-int32_t send_configure(uint8_t opcode, uint32_t n) {
-    uint8_t frame[kConfigureSize] = {opcode};
+bool send_configure(const Direction& direction, uint32_t n) {
+    uint8_t frame[kConfigureSize] = {direction.configure};
     store_le32(frame + 1, kDataAddress);
     store_le32(frame + 5, n - 1);
-    spim_transfer transfer = {frame, sizeof frame, nullptr, 0};
-    return spim_transfer_full(&transfer);
+    return exchange(direction.configure_call, {frame, sizeof frame, nullptr, 0});
 }
 
-int32_t send_data(const uint8_t* data, uint32_t n) {
-    state.tx[0] = kWriteData;
-    memcpy(state.tx + 1, data, n);
-    spim_transfer transfer = {state.tx, n + 1, nullptr, 0};
-    return spim_transfer_full(&transfer);
-}
-
-int32_t receive_data(uint32_t n) {
-    memset(state.tx, 0, n + 1);
-    state.tx[0] = kReadData;
-    spim_transfer transfer = {state.tx, 1, state.rx, n + 1};
-    return spim_transfer_full(&transfer);
-}
-
-// Repeats the configuration until the slave has taken it. wakeups: those of the whole write so far.
-bool configure_write(uint32_t n, uint32_t* wakeups) {
-    for (uint32_t misses = 0;;) {
-        if (send_configure(kConfigureWrite, n) != 0) {
-            tool_log_error("[SPIM] SPI master send CWR command failed\n");
-            return false;
-        }
-        if (spim_wait_status(kConfigured, kConfigurePolls, kWriteConfigureDelayMs) == kReached) {
-            return true;
-        }
-        if (++misses < kMissesInARow) {
-            continue;
-        }
-        misses = 0;
-        spim_wakeup();
-        if (++*wakeups > kWriteWakeups) {
-            tool_log_error("[SPIM] 1. SPI master CWR retry timeout, write failed\r\n\n");
-            return false;
-        }
+// The data phase, in a frame that the staging buffers hold.
+bool move_data(const Transaction& t) {
+    memset(state.tx, 0, t.n + 1);
+    state.tx[0] = t.direction.move;
+    if (t.buffer != nullptr) {
+        memset(t.buffer, 0, t.n);
+        return exchange(t.direction.move_call, {state.tx, 1, state.rx, t.n + 1});
     }
+    memcpy(state.tx + 1, t.data, t.n);
+    return exchange(t.direction.move_call, {state.tx, t.n + 1, nullptr, 0});
 }
 
-bool configure_read(uint32_t n, uint32_t* wakeups) {
+// Repeats the configuration until the slave has taken it. Returns success.
+bool configure(Transaction* t) {
+    const Direction& direction = t->direction;
     for (uint32_t misses = 0;;) {
-        if (send_configure(kConfigureRead, n) != 0) {
-            tool_log_error("[SPIM] SPI master send CR command failed\n");
+        if (!send_configure(direction, t->n)) {
             return false;
         }
-        if (spim_wait_status(kConfigured, kConfigurePolls, kReadConfigureDelayMs) == kReached) {
+        if (spim_wait_status(kConfigured, kConfigurePolls, direction.configure_delay_ms) == kReached) {
             return true;
+        }
+        if (hdl_progress_given_up()) {
+            return false;
         }
         if (++misses < kMissesInARow) {
             continue;
         }
         misses = 0;
-        if (++*wakeups > kReadWakeups) {
-            tool_log_error("1. SPI master CRD retry timeout, read failed\r\n\n");
+        const bool exhausted = ++t->wakeups > direction.wakeups;
+        if (!exhausted || direction.wakes_before_end) {
+            spim_wakeup();
+        }
+        if (exhausted) {
+            tool_log_error_text(direction.exhausted);
             return false;
         }
-        spim_wakeup();
     }
 }
 
@@ -177,66 +238,46 @@ bool repeats_data(int32_t result, uint32_t* failures) {
     return false;
 }
 
-// Whether a command whose data phase failed starts again. Data phases that keep failing would make it repeat
-// without limit: a stop is its end then. An error that passes is overcome all the same.
-bool starts_again(uint32_t* restarts) {
-    return ++*restarts <= kSureRestarts || !stop_request_pending();
-}
-
-// Returns whether the write is over, well or not; else the command starts again.
-bool write_data(const uint8_t* data, uint32_t n, uint32_t* failures) {
+// Returns whether the transaction is over, well or not; else its command starts again.
+bool finish(Transaction* t) {
     for (;;) {
-        if (send_data(data, n) != 0) {
-            tool_log_error("[SPIM] SPI master send WR command failed\n");
+        if (!move_data(*t)) {
             return true;
         }
-        const int32_t result = spim_wait_status(kDataDone, kDataPolls, kWriteDataDelayMs);
+        const int32_t result = spim_wait_status(kDataDone, kDataPolls, t->direction.move_delay_ms);
         if (result == kReached) {
+            state.taken = t->data != nullptr;
+            if (t->buffer != nullptr) {
+                memcpy(t->buffer, state.rx + 1, t->n);
+            }
             return true;
         }
-        if (!repeats_data(result, failures)) {
+        if (!repeats_data(result, &t->failures)) {
             return false;
         }
     }
 }
 
-bool read_data(uint8_t* buffer, uint32_t n, uint32_t* failures) {
-    for (;;) {
-        memset(buffer, 0, n);
-        if (receive_data(n) != 0) {
-            tool_log_error("[SPIM] SPI master send dma failed\n");
-            return true;
-        }
-        const int32_t result = spim_wait_status(kDataDone, kDataPolls, kReadDataDelayMs);
-        if (result == kReached) {
-            memcpy(buffer, state.rx + 1, n);
-            return true;
-        }
-        if (!repeats_data(result, failures)) {
-            return false;
-        }
+// A slave that fails each data phase makes the command start again without limit: a download that is given up
+// is its end.
+void run(Transaction t) {
+    const bool usable = (t.data != nullptr || t.buffer != nullptr) && t.n > 0 && t.n <= kSpimMaxData;
+    while (usable && configure(&t) && !finish(&t) && !hdl_progress_given_up()) {
     }
-}
-
-bool is_one_transaction(const uint8_t* buffer, uint32_t n) {
-    return buffer != nullptr && n > 0 && n <= kSpimMaxData;
 }
 
 // Clears the slave's error and resets it.
 int32_t recover(uint8_t status) {
-    if (send_clear_error(status) != 0) {
-        tool_log_error("[SPIM] SPI master query status of slaver failed\n");
-    }
+    send_clear_error(status);
     spim_wakeup();
     return kErrorCleared;
 }
 
-// Polls until the slave is awake, or its polls are used up.
+// Polls until the slave is awake, its polls are used up or the download is given up.
 void poll_wakeup() {
     uint8_t status = 0;
     for (uint32_t polls = 0;; ++polls) {
-        if (send_byte(kWakeupPoll) != 0) {
-            tool_log_error("SPI master query status of slaver failed\n");
+        if (!send_byte(kWakeupPollCall, kWakeupPoll)) {
             return;
         }
         if (polls == kWakeupPolls) {
@@ -248,6 +289,9 @@ void poll_wakeup() {
         if (status == kNotAwake) {
             status = 0; // although its ready bit is set
         } else if ((status & kReady) != 0) {
+            return;
+        }
+        if (hdl_progress_given_up()) {
             return;
         }
     }
@@ -294,12 +338,9 @@ int32_t spim_transfer_full(spim_transfer* transfer) {
 void spim_read_status(uint8_t* status) {
     uint8_t frame[] = {kReadStatus, 0};
     uint8_t answer[sizeof frame] = {};
-    spim_transfer transfer = {frame, sizeof frame, answer, sizeof answer};
-    if (spim_transfer_full(&transfer) != 0) {
-        tool_log_error("[SPIM] SPI master query status of slaver failed\n");
-        return;
+    if (exchange(kReadStatusCall, {frame, sizeof frame, answer, sizeof answer})) {
+        *status = answer[1];
     }
-    *status = answer[1];
 }
 
 int32_t spim_wait_status(uint8_t mask, uint32_t tries, uint32_t delay_ms) {
@@ -309,50 +350,38 @@ int32_t spim_wait_status(uint8_t mask, uint32_t tries, uint32_t delay_ms) {
         spim_read_status(&status);
         if (status == kNobody) {
             tool_log_error("[SPIM] Error Status=0x%x , counter=%d\n", status, static_cast<int>(counter));
-            continue;
-        }
-        if ((status & kErrors) != 0) {
+        } else if ((status & kErrors) != 0) {
             return recover(status);
-        }
-        if (status > kHighestValid) {
+        } else if (status > kHighestValid) {
             return kFault;
-        }
-        if ((status & mask) == mask) {
+        } else if ((status & mask) == mask) {
             return kReached;
+        }
+        if (hdl_progress_given_up()) {
+            break;
         }
     }
     return kTriesUsedUp;
 }
 
 void spim_wakeup() {
-    if (send_byte(kWakeup) != 0) {
-        tool_log_error("[SPIM] SPI master query status of slaver failed\n");
-    }
+    send_byte(kWakeupCall, kWakeup);
     tool_sleep_ms(kWakeupPollMs);
     poll_wakeup();
     tool_sleep_ms(kAfterWakeupMs);
 }
 
 void spim_write(const uint8_t* data, uint32_t n) {
-    if (!is_one_transaction(data, n)) {
-        return;
-    }
-    uint32_t wakeups = 0;
-    uint32_t failures = 0;
-    uint32_t restarts = 0;
-    while (configure_write(n, &wakeups) && !write_data(data, n, &failures) && starts_again(&restarts)) {
-    }
+    state.taken = false;
+    run({kWrite, data, nullptr, n});
+}
+
+bool spim_write_taken() {
+    return state.taken;
 }
 
 void spim_read(uint8_t* buffer, uint32_t n) {
-    if (!is_one_transaction(buffer, n)) {
-        return;
-    }
-    uint32_t wakeups = 0;
-    uint32_t failures = 0;
-    uint32_t restarts = 0;
-    while (configure_read(n, &wakeups) && !read_data(buffer, n, &failures) && starts_again(&restarts)) {
-    }
+    run({kRead, nullptr, buffer, n});
 }
 
 uint32_t spim_read_chunked(uint8_t* buffer, uint32_t n) {

@@ -25,3 +25,11 @@ bool tool_file_close(FILE* file, const char* path) {
     tool_log_error("The file(%s) could not closed.\n", path);
     return false;
 }
+
+bool tool_file_unchanged(const char* path, uint64_t size) {
+    if (getFileSize(path) == size) {
+        return true;
+    }
+    tool_log_error("The file(%s) changed during the download.\n", path);
+    return false;
+}

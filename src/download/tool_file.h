@@ -14,4 +14,7 @@ FILE* tool_file_open(const char* path);
 // Closes a file. Returns success; a failure is logged with the path.
 bool tool_file_close(FILE* file, const char* path);
 
+// Whether the file still has the size that it had; a change is logged with the path.
+bool tool_file_unchanged(const char* path, uint64_t size);
+
 #endif

@@ -19,14 +19,19 @@ struct State {
     bool reporting = false; // a clock that fails is reported once, not again by the report's own stamp
 } state;
 
-int64_t nanoseconds_now() {
+// Seconds and the fraction of the second from one reading: two readings could fall into different seconds,
+// and the stamp would jump back by one.
+timespec read_clock() {
     timespec now = {};
-    if (timespec_get(&now, TIME_UTC) == 0 && !state.reporting) {
+    if (timespec_get(&now, TIME_UTC) != 0) {
+        return now;
+    }
+    if (!state.reporting) {
         state.reporting = true;
         tool_log_error("timespec_get ERROR!\n");
         state.reporting = false;
     }
-    return now.tv_nsec;
+    return {time(nullptr), 0};
 }
 
 unsigned field(int64_t value, int64_t modulus) {
@@ -45,20 +50,19 @@ void begin_line(const char* level) {
 } // namespace
 
 const char* tool_log_timestamp() {
-    const time_t seconds = time(nullptr);
-    if (seconds < 1) {
+    const timespec now = read_clock();
+    if (now.tv_sec < 1) {
         return nullptr;
     }
     tzset(); // localtime_r alone would not notice a changed time zone
     tm local = {};
-    if (localtime_r(&seconds, &local) == nullptr) {
+    if (localtime_r(&now.tv_sec, &local) == nullptr) {
         return nullptr;
     }
-    const int64_t milliseconds = nanoseconds_now() / kNsPerMs;
     snprintf(state.timestamp, sizeof state.timestamp, "%04u-%02u-%02u %02u:%02u:%02u.%03u",
              field(local.tm_year + 1900LL, 10000), field(local.tm_mon + 1, 100), field(local.tm_mday, 100),
              field(local.tm_hour, 100), field(local.tm_min, 100), field(local.tm_sec, 100),
-             field(milliseconds, 1000));
+             field(now.tv_nsec / kNsPerMs, 1000));
     return state.timestamp;
 }
 

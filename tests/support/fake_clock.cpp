@@ -72,6 +72,7 @@ time_t __wrap_time(time_t* now) {
         return __real_time(now);
     }
     const time_t seconds = fake_clock.time_fails ? -1 : static_cast<time_t>(fake_clock.now_ms / 1000);
+    fake_clock.now_ms += fake_clock.between_readings_ms;
     if (now != nullptr) {
         *now = seconds;
     }
@@ -87,6 +88,7 @@ int __wrap_timespec_get(timespec* now, int base) {
     }
     now->tv_sec = static_cast<time_t>(fake_clock.now_ms / 1000);
     now->tv_nsec = static_cast<long>(fake_clock.now_ms % 1000 * 1000000);
+    fake_clock.now_ms += fake_clock.between_readings_ms;
     return base;
 }
 
@@ -110,6 +112,7 @@ int __wrap_nanosleep(const timespec* duration, timespec* rest) {
     const int64_t ms = static_cast<int64_t>(duration->tv_sec) * 1000 + duration->tv_nsec / 1000000;
     fake_clock.slept.push_back(ms);
     fake_clock.now_ms += ms;
+    fake_clock.at_sleep();
     return 0;
 }
 }

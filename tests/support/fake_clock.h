@@ -4,6 +4,7 @@
 #define TAVOR_TESTS_FAKE_CLOCK_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,8 @@ struct FakeClock {
     bool time_fails = false;
     bool timespec_fails = false;
     bool sleep_fails = false;
+    std::function<void()> at_sleep = [] {}; // behind each sleep
+    int64_t between_readings_ms = 0;        // passes behind each reading of the clock
 };
 
 extern FakeClock fake_clock;

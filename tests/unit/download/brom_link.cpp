@@ -2,6 +2,7 @@
 
 #include "base/byte_order.h"
 #include "device/location_gpio.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "support/capture.h"
@@ -38,6 +39,10 @@ bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag) {
     return true;
 }
 
+bool hdl_transport_taken() {
+    return brom_link.taken;
+}
+
 uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n) {
     brom_link.asked.push_back(n);
     brom_link.at_receive();
@@ -72,6 +77,7 @@ BromTest::BromTest() {
     g_download_settings.chip_variant = 1;
     g_download_settings.link_type = HDL_LINK_SPI;
     brom_link = {};
+    hdl_progress_start();
 }
 
 BromTest::~BromTest() {

@@ -26,6 +26,7 @@ struct BromLink {
     std::map<size_t, std::vector<Bytes>> answers; // by the number of what was sent; else its echo
     uint32_t failing_send = kNever;               // number of the send that fails
     bool silent = false;                          // nothing is answered
+    bool taken = true;                            // what is sent reaches the chip
     std::vector<uint32_t> speeds;
     bool speed_result = true;
 

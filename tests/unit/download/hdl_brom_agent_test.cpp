@@ -1,3 +1,4 @@
+#include "base/stop_request.h"
 #include "brom_link.h"
 #include "download/hdl_brom.h"
 #include "download/hdl_settings.h"
@@ -282,4 +283,20 @@ TEST_F(SendAgent, HighestGoodStatusIsGood) {
     answer({word16(0x0FFF)}, {word16(checksum), word16(0x0FFF)});
     EXPECT_TRUE(send());
     EXPECT_EQ(last(), "[I] send DA successful");
+}
+
+TEST_F(SendAgent, UploadWhoseChunksAreTakenIsNeverGivenUp) {
+    use_file(content(300 * 1024)); // without an echo for more than three seconds
+    answer_well();
+    const StopRequest stop;
+    EXPECT_TRUE(send());
+}
+
+TEST_F(SendAgent, UploadThatIsNotTakenIsGivenUp) {
+    use_file(content(300 * 1024));
+    answer_well();
+    brom_link.taken = false;
+    const StopRequest stop;
+    EXPECT_FALSE(send());
+    EXPECT_LE(brom_link.sent.size(), kFirstChunkSend + 201) << "200 chunks take two seconds";
 }

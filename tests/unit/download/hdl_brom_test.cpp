@@ -2,10 +2,14 @@
 
 #include "base/stop_request.h"
 #include "brom_link.h"
+#include "download/hdl_echo.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "support/fake_clock.h"
 
+#include <algorithm>
 #include <numeric>
+#include <optional>
 #include <string>
 
 namespace {
@@ -13,6 +17,7 @@ namespace {
 using std::string;
 
 constexpr uint16_t kError = 0x1D01;
+const string kGivenUp = "[E] download given up: another request waits and the chip makes no progress";
 
 struct Brom : BromTest {
     // Answers of a boot ROM that is in step: complements of the handshake bytes.
@@ -133,28 +138,73 @@ TEST_F(Brom, GarbledHandshakesAreRepeatedWithoutEnd) {
     EXPECT_EQ(brom_link.power.size(), 2 * 101U);
 }
 
-TEST_F(Brom, StopEndsTheRepetition) {
+TEST_F(Brom, HandshakesGarbledInARowEndWhenAStopWaits) {
     for (size_t i = 0; i < 100; ++i) {
         brom_link.answers[2 * i] = {{0x5F}};
         brom_link.answers[2 * i + 1] = {{0x00}};
     }
-    brom_link.at_power_on = [] {
-        if (brom_link.power.size() == 6) {
-            stop_request_announce();
+    const StopRequest stop;
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(brom_link.power.size(), 4U) << "one round more than the first that was garbled";
+    EXPECT_EQ(last(), kGivenUp);
+}
+
+TEST_F(Brom, StopThatComesInThePauseBetweenHandshakesEndsIt) {
+    for (size_t i = 0; i < 100; ++i) {
+        brom_link.answers[2 * i] = {{0x5F}};
+        brom_link.answers[2 * i + 1] = {{0x00}};
+    }
+    std::optional<StopRequest> stop;
+    fake_clock.at_sleep = [&stop] {
+        if (brom_link.power.size() == 6 && brom_link.sent.size() == 6 && fake_clock.slept.back() == 100) {
+            stop.emplace();
         }
     };
     EXPECT_FALSE(handshake());
-    stop_request_withdraw();
     EXPECT_EQ(brom_link.power.size(), 6U);
-    EXPECT_EQ(fake_clock.slept.back(), 2000);
-    EXPECT_EQ(last(), "[I] echoU8 receiveChar 0xF5");
+    EXPECT_EQ(std::count(fake_clock.slept.begin(), fake_clock.slept.end(), 100), 20 + 20 + 1);
 }
 
-TEST_F(Brom, StopFailsNoHandshakeThatWorks) {
-    brom_link.at_power_on = stop_request_announce;
+TEST_F(Brom, OneGarbledHandshakeByteIsOvercomeWhileAStopWaits) {
+    answer_handshake(0);
+    brom_link.answers[1] = {{0x00}};
+    for (size_t i = 2; i < 20; ++i) { // the chip needs a while to come up again
+        brom_link.answers[i] = {};
+    }
+    answer_handshake(20);
+    const StopRequest stop;
+    EXPECT_TRUE(handshake());
+}
+
+TEST_F(Brom, SilentChipIsGivenUpTwoSecondsAfterItsPowerWhenAStopWaits) {
+    brom_link.silent = true;
+    const StopRequest stop;
+    EXPECT_FALSE(handshake());
+    EXPECT_EQ(fake_clock_slept(), 500 + 2000);
+    EXPECT_EQ(last(), kGivenUp);
+}
+
+TEST_F(Brom, StopThatWaitsFailsNoHandshakeThatWorks) {
+    const StopRequest stop;
     answer_handshake(0);
     EXPECT_TRUE(handshake());
-    stop_request_withdraw();
+}
+
+TEST_F(Brom, WordIsGivenUpWithTheDownload) {
+    const StopRequest stop;
+    hdl_progress_mark();
+    fake_clock.now_ms += 1500;
+    uint16_t word = 0;
+    EXPECT_FALSE(run([&word] { return readU16(&word); }));
+    EXPECT_EQ(fake_clock_slept(), 500);
+}
+
+TEST_F(Brom, HandshakeOutlivesAClockThatIsSetForward) {
+    brom_link.answers[0] = {};
+    brom_link.at_receive = [] { fake_clock.now_ms += brom_link.asked.size() == 1 ? 2 * kHourMs : 0; };
+    answer_handshake(1);
+    EXPECT_TRUE(handshake());
+    EXPECT_EQ(sent_as_text(), (Lines{"A0", "A0", "0A", "50", "05"}));
 }
 
 TEST_F(Brom, PowerLineThatCantBeDrivenLeavesTheTimeLimit) {

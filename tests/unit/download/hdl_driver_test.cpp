@@ -26,6 +26,8 @@ struct Chip {
     const void* list = nullptr; // the last one handed out
     bool list_freed = false;
     int64_t write_ms = 20; // of one image
+    uint64_t next_size = 7000;
+    std::vector<uint64_t> checked_sizes;
 } chip;
 
 bool call(const std::string& text) {
@@ -137,11 +139,13 @@ bool da_format_flash(uint32_t start, uint32_t length) {
     g_fakes.now += 1500;
     return call("format " + std::to_string(start) + " " + std::to_string(length));
 }
-bool download_image(const ImageEntry* written) {
+bool download_image(const ImageEntry* written, uint64_t* size) {
+    *size = chip.next_size++;
     g_fakes.now += chip.write_ms;
     return call("download " + entry(written));
 }
-bool check_image_crc(const ImageEntry* checked) {
+bool check_image_crc(const ImageEntry* checked, uint64_t size) {
+    chip.checked_sizes.push_back(size);
     g_fakes.now += 3;
     return call("check " + entry(checked));
 }
@@ -173,6 +177,7 @@ TEST_F(Driver, ADownloadIsItsStepsInTheirOrder) {
     EXPECT_EQ(g_fakes.calls, kConfigured + kBrom + kFlash + Texts{"close"});
     EXPECT_EQ(g_fakes.log, kGoodLog);
     EXPECT_EQ(chip.list_path, "/flash_download.cfg");
+    EXPECT_EQ(chip.checked_sizes, (std::vector<uint64_t>{7000, 7001})) << "those that were written";
 }
 
 TEST_F(Driver, EveryFailedStepClosesTheTransportAndEndsIt) {

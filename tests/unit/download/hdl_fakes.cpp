@@ -1,7 +1,7 @@
 #include "hdl_fakes.h"
 
-#include "download/crc32_calc.h"
 #include "download/hdl_pool.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/tool_log.h"
@@ -29,6 +29,7 @@ void hdl_fakes_reset() {
     g_download_settings = {};
     g_download_settings.link_type = HDL_LINK_SPI;
     tool_rx_buffer_clear();
+    hdl_progress_start();
 }
 
 Texts hdl_fakes_log_with(const std::string& start) {
@@ -110,10 +111,6 @@ void tool_sleep_ms(int64_t ms) {
     g_fakes.now += ms;
 }
 
-uint32_t crc32_calc(const uint8_t* data, uint32_t n) {
-    return data == nullptr || n == 0 ? 0 : slow_crc32(Bytes(data, data + n));
-}
-
 bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag) {
     g_fakes.calls.push_back("send " + std::to_string(n) + " flag " + std::to_string(send_flag));
     const Bytes frame(data, data + n);
@@ -122,6 +119,10 @@ bool hdl_transport_send(const uint8_t* data, uint32_t n, uint32_t send_flag) {
         return false;
     }
     g_fakes.on_send(frame);
+    return true;
+}
+
+bool hdl_transport_taken() {
     return true;
 }
 

@@ -1,5 +1,5 @@
 // What the firmware download stands on, replaced: a link with a scripted other end, a clock that moves only
-// when somebody waits, log lines as texts, and CRCs calculated the slow way.
+// when somebody waits, and log lines as texts.
 #ifndef TAVOR_TESTS_HDL_FAKES_H
 #define TAVOR_TESTS_HDL_FAKES_H
 

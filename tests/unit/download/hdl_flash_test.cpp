@@ -1,6 +1,5 @@
 #include "download/hdl_flash.h"
 #include "download/hdl_window.h"
-#include "download/tool_file.h"
 #include "hdl_fakes.h"
 #include "hdl_file_faults.h"
 #include "support/private_dir.h"
@@ -8,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <sys/stat.h>
 
 extern "C" void* __real_calloc(size_t count, size_t size);
 extern "C" void* __wrap_calloc(size_t count, size_t size) {
@@ -15,13 +16,6 @@ extern "C" void* __wrap_calloc(size_t count, size_t size) {
 }
 
 namespace {
-
-// Answers of the image module, which is replaced.
-struct Images {
-    uint64_t size = 0;
-    uint32_t crc = 0;
-    Texts asked;
-} images;
 
 // The frame's identifier or address.
 uint32_t field(const Bytes& frame, size_t at, int bytes) {
@@ -50,7 +44,6 @@ struct FlashTest : testing::Test {
         hdl_fakes_reset();
         g_fakes.receive_ms = 1000;
         g_file_faults = {};
-        images = {};
         image.begin_address = 0x8000;
     }
     void TearDown() override {
@@ -59,10 +52,13 @@ struct FlashTest : testing::Test {
     void image_holds(const std::string& content) {
         path = dir.write("image.bin", content);
         strcpy(image.name, path.c_str());
-        images.size = content.size();
+    }
+    bool write_image() {
+        return download_image(&image, &size);
     }
     PrivateDir dir;
     std::string path;
+    uint64_t size = 0;
     ImageEntry image = {};
 };
 
@@ -74,16 +70,6 @@ using ImageCheck = FlashTest;
 const std::string kNotAligned = "[I] Not-4K-Alignment ( 0 )\n";
 
 } // namespace
-
-uint64_t getFileSize(const char* path) {
-    images.asked.push_back(std::string("size ") + path);
-    return images.size;
-}
-
-uint32_t image_crc32(const char* path) {
-    images.asked.push_back(std::string("crc ") + path);
-    return images.crc;
-}
 
 TEST_F(Erase, ErasesEveryBlockOfThePlan) {
     answer_all();
@@ -196,7 +182,8 @@ TEST_F(Block, IsSentUpToThreeTimes) {
 TEST_F(Image, ABytePastABlockTakesASecondOne) {
     answer_all();
     image_holds(std::string(4096, 'a') + "b");
-    EXPECT_TRUE(download_image(&image));
+    EXPECT_TRUE(write_image());
+    EXPECT_EQ(size, 4097U);
     EXPECT_EQ(g_fakes.sent,
               (std::vector<Bytes>{block_frame(0x8000, Bytes(4096, 'a')), block_frame(0x9000, {'b'})}));
     EXPECT_EQ(g_fakes.log,
@@ -208,21 +195,21 @@ TEST_F(Image, ABytePastABlockTakesASecondOne) {
 TEST_F(Image, AWholeNumberOfBlocksTakesNoMore) {
     answer_all();
     image_holds(std::string(8192, 'a'));
-    EXPECT_TRUE(download_image(&image));
+    EXPECT_TRUE(write_image());
     EXPECT_EQ(g_fakes.sent.size(), 2U);
 }
 
 TEST_F(Image, TwoBytesAreEnough) {
     answer_all();
     image_holds("ab");
-    EXPECT_TRUE(download_image(&image));
+    EXPECT_TRUE(write_image());
 }
 
 TEST_F(Image, OneByteAndNoneAreRefused) {
     for (const char* content : {"", "a"}) {
         hdl_fakes_reset();
         image_holds(content);
-        EXPECT_FALSE(download_image(&image));
+        EXPECT_FALSE(write_image());
         EXPECT_EQ(g_fakes.log,
                   Texts{"[E] download_image getFileSize fail, image length smaller than 1 byte.\n"});
         EXPECT_EQ(g_fakes.calls, Texts{});
@@ -232,25 +219,23 @@ TEST_F(Image, OneByteAndNoneAreRefused) {
 TEST_F(Image, NoMemoryFails) {
     image_holds("ab");
     g_fakes.calloc_fails = true;
-    EXPECT_FALSE(download_image(&image));
+    EXPECT_FALSE(write_image());
     g_fakes.calloc_fails = false;
     EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
 }
 
 TEST_F(Image, NoTableIsMadeForMoreThanAnyFlash) {
-    for (const uint64_t size : {0x100000001ULL, 0xFFFFFFFFFFFFFFFFULL}) {
-        hdl_fakes_reset();
-        images.size = size;
-        EXPECT_FALSE(download_image(&image));
-        EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
-    }
+    image_holds("");
+    std::filesystem::resize_file(path, 0x100000001);
+    EXPECT_FALSE(write_image());
+    EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
 }
 
 TEST_F(Image, BlocksBeyondTheAddressesAreNotSent) {
     answer_all();
     image_holds(std::string(4097, 'a'));
     image.begin_address = 0xFFFFF000;
-    EXPECT_FALSE(download_image(&image));
+    EXPECT_FALSE(write_image());
     EXPECT_EQ(g_fakes.sent.size(), 1U);
     EXPECT_EQ(hdl_fakes_log_with("[E]"), Texts{"[E] download_sliding_window_flow fail\n"});
 }
@@ -258,7 +243,7 @@ TEST_F(Image, BlocksBeyondTheAddressesAreNotSent) {
 TEST_F(Image, AFailedFlowFails) {
     answer_all(1);
     image_holds("ab");
-    EXPECT_FALSE(download_image(&image));
+    EXPECT_FALSE(write_image());
     EXPECT_EQ(g_fakes.log.back(), "[E] download_sliding_window_flow fail\n");
 }
 
@@ -284,26 +269,40 @@ TEST_F(Image, TheFirstFailureStopsAll) {
 }
 
 TEST_F(ImageCheck, SendsAddressSizeAndChecksum) {
-    strcpy(image.name, "/etc/a.bin");
-    images.size = 0x12345;
-    images.crc = 0xA1B2C3D4;
+    image_holds("abcde");
     g_fakes.on_send = [](const Bytes&) { g_fakes.arrives.push_back(agent_frame(0x211A, 0, le32(0xBC))); };
-    EXPECT_TRUE(check_image_crc(&image));
+    EXPECT_TRUE(check_image_crc(&image, 5));
+    const uint32_t crc = slow_crc32({'a', 'b', 'c', 'd', 'e', 0xFF, 0xFF, 0xFF});
     EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{with_crc(Bytes{0x05, 0x5A, 18, 0, 0x1A, 0x21} + le32(0x8000) +
-                                                        le32(0x12345) + le32(0xA1B2C3D4))});
+                                                        le32(5) + le32(crc))});
     EXPECT_EQ(g_fakes.calls, (Texts{"send 22 flag 1", "receive 11"}));
     // The agent's status decides, not its CRC.
-    EXPECT_EQ(g_fakes.log,
-              Texts{"[I] check_image_crc done, image name:/etc/a.bin, response_crc=  0x000000BC\n"});
-    EXPECT_EQ(images.asked, (Texts{"size /etc/a.bin", "crc /etc/a.bin"}));
+    EXPECT_EQ(g_fakes.log.back(),
+              "[I] check_image_crc done, image name:" + path + ", response_crc=  0x000000BC\n");
 }
 
 TEST_F(ImageCheck, AnyOtherCodeFails) {
-    EXPECT_FALSE(check_image_crc(&image));
+    image_holds("abcd");
+    EXPECT_FALSE(check_image_crc(&image, 4));
     EXPECT_EQ(g_fakes.sent.size(), 1U);
     EXPECT_EQ(g_fakes.log, Texts{"[E] check_image_crc error, ErrorCode:1, res_crc=  0x00000000\n"});
     g_fakes.log.clear();
     answer_all(5);
-    EXPECT_FALSE(check_image_crc(&image));
+    EXPECT_FALSE(check_image_crc(&image, 4));
     EXPECT_EQ(g_fakes.log, Texts{"[E] check_image_crc error, ErrorCode:3, res_crc=  0x00000000\n"});
+}
+
+TEST_F(ImageCheck, AFileThatChangedSinceItWasWrittenIsNotAskedFor) {
+    answer_all();
+    for (const char* now : {"", "abcd", "abcdef"}) {
+        image_holds(now);
+        EXPECT_FALSE(check_image_crc(&image, 5)) << now;
+        EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+    }
+    std::filesystem::remove(path);
+    EXPECT_FALSE(check_image_crc(&image, 5));
+    EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(check_image_crc(&image, 5));
+    EXPECT_EQ(g_fakes.sent.size(), 0U);
 }

@@ -20,6 +20,9 @@ bool strikes(int* calls_before) {
 
 // A read that fails leaves the mark of a failed stream, as one of the system does.
 bool read_fails(FILE* file, int* calls_before) {
+    if (armed && calls_before == &image_faults.fread && image_faults.at_read) {
+        image_faults.at_read();
+    }
     const bool fails = strikes(calls_before);
     if (fails) {
         fputc('x', file); // opened for reading only

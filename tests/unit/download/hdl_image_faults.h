@@ -19,6 +19,7 @@ struct ImageFaults {
     int fseeko = kNever;
     int fread = kNever;
     int fgets = kNever;
+    std::function<void()> at_read;            // before each read of a block
     std::function<void(const char*)> at_line; // sees each line that is read
 };
 

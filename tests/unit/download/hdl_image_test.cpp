@@ -7,6 +7,7 @@
 #include "support/private_dir.h"
 
 #include <cstdint>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
@@ -101,6 +102,20 @@ TEST_F(ImageFile, OnlyTheLastChunkIsFilledUp) {
         EXPECT_EQ(crc_of_file(dir.write("a", content(size))), crc_of(filled)) << size;
         EXPECT_EQ(log, (Lines{kFilled})) << size;
     }
+}
+
+TEST_F(ImageFile, FileThatBecomesShorterInTheMiddleHasNoCrc) {
+    const string path = dir.write("a", content(3072));
+    image_faults.at_read = [&] { std::filesystem::resize_file(path, 1500); };
+    EXPECT_EQ(crc_of_file(path), 0U);
+    EXPECT_EQ(log, Lines{}) << "only the last chunk is filled up";
+}
+
+TEST_F(ImageFile, LastChunkIsFilledUpAlsoWhenItIsAWholeOne) {
+    const string path = dir.write("a", content(2048));
+    image_faults.at_read = [&] { std::filesystem::resize_file(path, 1500); };
+    EXPECT_EQ(crc_of_file(path), crc_of(content(1500) + string(548, '\xFF')));
+    EXPECT_EQ(log, (Lines{kFilled}));
 }
 
 TEST_F(ImageFile, EmptyFileHasCrcZero) {

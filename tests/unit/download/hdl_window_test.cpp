@@ -1,4 +1,6 @@
 #include "download/hdl_window.h"
+
+#include "base/stop_request.h"
 #include "hdl_fakes.h"
 #include "support/private_dir.h"
 
@@ -6,9 +8,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <sys/stat.h>
 
 namespace {
 
+constexpr size_t kImageSize = 0x10000;
 constexpr uint32_t kFirst = 0x1A000; // address of block 0; the others follow
 
 // One of the two users of the window.
@@ -37,6 +42,8 @@ const User kWrite = {"Write",
                      "[E] download_sliding_window_flow TIMEOUT\n",
                      {}};
 
+const std::string kGivenUp = "[E] download given up: another request waits and the chip makes no progress\n";
+
 uint32_t address_of(uint32_t index) {
     return kFirst + index * 0x1000;
 }
@@ -56,7 +63,7 @@ struct Flow : testing::TestWithParam<const User*> {
     void SetUp() override {
         hdl_fakes_reset();
         g_fakes.receive_ms = 1000; // one receive in silence is a whole wait
-        const std::string path = dir.write("image.bin", std::string(0x100000, 'i'));
+        const std::string path = dir.write("image.bin", std::string(kImageSize, 'i'));
         strcpy(image.name, path.c_str());
         image.begin_address = kFirst;
         answer_with({});
@@ -95,7 +102,7 @@ struct Flow : testing::TestWithParam<const User*> {
     bool run_blocks() {
         const auto count = static_cast<uint32_t>(blocks.size());
         return GetParam() == &kErase ? format_sliding_window_flow(blocks.data(), count)
-                                     : download_sliding_window_flow(blocks.data(), count, &image);
+                                     : download_sliding_window_flow(blocks.data(), count, &image, kImageSize);
     }
     // "s0 r0 R2 T X" as log lines: send, response, re-send count, time-out, nothing left to try.
     Texts lines(const std::string& short_form) const {
@@ -399,6 +406,46 @@ TEST_P(EraseFlow, AClockThatIsSetBackDoesNotEndIt) {
     EXPECT_TRUE(run(2));
 }
 
+TEST_P(EraseFlow, AClockThatIsSetForwardDoesNotEndIt) {
+    delay_response(0, 7'200'000);
+    EXPECT_TRUE(run(3));
+    delay_response(0, 7'200'000);
+    answer_nothing();
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(run(100));
+    EXPECT_LT(g_fakes.now - start, 7'200'000 + 50'000) << "its limit begins anew, once";
+}
+
+TEST_P(Flow, ASilentAgentIsGivenUpTwoSecondsAfterItsLastAcknowledgementWhenAStopWaits) {
+    answer_with({{response(0)}, {response(1)}, kLost, kLost, kLost, kLost});
+    const StopRequest stop;
+    g_fakes.receive_ms = 100;
+    const int64_t start = g_fakes.now;
+    EXPECT_FALSE(run(8));
+    EXPECT_EQ(g_fakes.now - start, 2000);
+    EXPECT_EQ(g_fakes.log.back(), kGivenUp);
+    EXPECT_EQ(g_fakes.sent.size(), 4U) << "the third, and the next one behind its second";
+}
+
+TEST_P(Flow, AnAgentThatAnswersIsNeverGivenUp) {
+    const StopRequest stop;
+    g_fakes.on_receive = [] { g_fakes.now += 1900; };
+    g_fakes.receive_ms = 0;
+    EXPECT_TRUE(run(8) || GetParam() == &kWrite) << "the limit of a write is shorter";
+    EXPECT_EQ(hdl_fakes_log_with(kGivenUp), Texts{});
+}
+
+TEST_P(Flow, DuplicatesAreNoProgress) {
+    const StopRequest stop;
+    g_fakes.on_send = [](const Bytes&) {};
+    g_fakes.on_receive = [this] {
+        g_fakes.now += 300;
+        g_fakes.arrives = {response(0)};
+    };
+    EXPECT_FALSE(run(50));
+    EXPECT_EQ(g_fakes.log.back(), kGivenUp);
+}
+
 TEST_P(EraseFlow, SendsAddressLengthAndChecksum) {
     blocks = {{0x10000, 0x10000, 0, 0}};
     EXPECT_TRUE(run_blocks());
@@ -424,18 +471,32 @@ TEST_P(WriteFlow, SilenceEndsInTheSecondPass) {
     EXPECT_EQ(g_fakes.log, lines("s0 s1 s2 R3 s0 T"));
 }
 
-TEST_P(WriteFlow, ABlockWhoseFileIsGoneStaysUnsent) {
-    g_fakes.on_receive = [this] { std::filesystem::remove(dir.path / "image.bin"); };
-    EXPECT_FALSE(run(2));
-    const std::string gone = "[E] can not open " + dir.path.string() + "/image.bin\n";
-    Texts expected = lines("s0 r0 s1");
-    expected.push_back(gone);
-    expected.push_back(lines("s1").at(0));
-    expected.push_back(gone);
-    expected.push_back(lines("R1").at(0));
-    expected.push_back(lines("s1").at(0));
-    expected.push_back(gone);
-    EXPECT_EQ(g_fakes.log, expected);
+TEST_P(WriteFlow, AFileThatChangesEndsItAtOnceAndIsNamed) {
+    const std::string path = dir.path / "image.bin";
+    const std::function<void()> changes[] = {
+        [&] { std::filesystem::resize_file(path, 0); },
+        [&] { std::filesystem::resize_file(path, kImageSize - 1); },
+        [&] { std::filesystem::resize_file(path, kImageSize + 1); },
+        [&] { std::filesystem::remove(path); },
+        [&] {
+            std::filesystem::remove(path);
+            ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        },
+    };
+    for (const auto& change : changes) {
+        for (const size_t at : {1, 3}) { // in the middle; behind the last block
+            SetUp();
+            g_fakes.on_receive = [&, receives = size_t{0}]() mutable {
+                if (++receives == at) {
+                    change();
+                }
+            };
+            EXPECT_FALSE(run(3));
+            EXPECT_LE(g_fakes.sent.size(), at + 1);
+            EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+            std::filesystem::remove(path);
+        }
+    }
 }
 
 TEST_P(WriteFlow, SendsTheImagesBytes) {

@@ -1,4 +1,5 @@
 #include "base/stop_request.h"
+#include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
 #include "download/spim.h"
@@ -18,6 +19,7 @@ const string kConfigureRead2 = "02 00 00 AA 55 01 00 00 00";
 const string kConfigureWrite2 = "04 00 00 AA 55 01 00 00 00";
 const string kWrite2 = "06 41 42";
 const string kRead2 = "81 00 00";
+const string kGivenUp = "[E] download given up: another request waits and the chip makes no progress";
 
 struct SpimRetry : SpimTest {
     void write() {
@@ -41,23 +43,7 @@ struct SpimRetry : SpimTest {
             spim_slave.statuses.insert(spim_slave.statuses.end(), {0x04, 0x10, 0x01});
         }
     }
-    // Announces a stop when so many frames with the opcode have been seen.
-    void stop_at(uint8_t opcode, uint32_t count) {
-        spim_slave.at_frame = [this, opcode, count] {
-            if (!stopped && frames_with(opcode) == count) {
-                stopped = true;
-                stop_request_announce();
-            }
-        };
-    }
-    ~SpimRetry() override {
-        if (stopped) {
-            stop_request_withdraw();
-        }
-    }
-
     Bytes buffer = {0x55, 0x55};
-    bool stopped = false;
 };
 
 Lines times(uint32_t n, const Lines& frames) {
@@ -284,68 +270,95 @@ TEST_F(SpimRetry, WakeupsOfAReadCountOverItsRestarts) {
     EXPECT_EQ(log.at(0), "[E] 1. SPI master CRD retry timeout, read failed\r");
 }
 
-TEST_F(SpimRetry, EndlessErrorsOfAWriteEndWithAStop) {
-    fail_data_with(0x08);
-    stop_at(0x06, 50);
+TEST_F(SpimRetry, AnErrorThatPassesIsOvercomeWhileAStopWaits) {
+    const StopRequest stop;
+    fail_data_with(0x10);
+    spim_slave.at_frame = [] {
+        if (frames_with(0x06) == 50 || frames_with(0x81) == 10) {
+            spim_slave.status_after = nullptr;
+        }
+    };
     write();
-    EXPECT_EQ(frames_as_text(), times(50, {kConfigureWrite2, kWrite2, "08 08", "0C", "0E"}));
-
+    EXPECT_EQ(frames_with(0x06), 50U);
+    EXPECT_TRUE(spim_write_taken());
+    spim_slave.frames.clear();
+    fail_data_with(0x10);
+    hdl_progress_mark();
+    read();
+    EXPECT_EQ(frames_with(0x81), 10U);
     EXPECT_EQ(log, Lines{});
 }
 
-TEST_F(SpimRetry, EndlessErrorsOfAReadEndWithAStop) {
-    fail_data_with(0x10);
-    stop_at(0x81, 50);
-    read();
-    EXPECT_EQ(frames_with(0x81), 50U);
-    EXPECT_EQ(buffer, (Bytes{0, 0}));
+TEST_F(SpimRetry, EveryLoopEndsTwoSecondsAfterTheLastProgressWhenAStopWaits) {
+    const StopRequest stop;
+    const struct {
+        const char* name;
+        std::function<int(uint8_t last)> status;
+    } slaves[] = {
+        {"nobody", [](uint8_t) { return 0xFF; }},
+        {"never configured", [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; }},
+        {"never awake", [](uint8_t) { return 0x08; }},
+        {"errors",
+         [](uint8_t last) { return last == 0x06 || last == 0x81 ? 0x08
+                                   : last == 0x0E               ? 0x01
+                                                                : 0x04; }},
+        {"data never done", [](uint8_t last) { return last == 0x0E ? 0x01 : 0x04; }},
+        {"data at fault",
+         [](uint8_t last) { return last == 0x06 || last == 0x81 ? 0x80
+                                   : last == 0x0E               ? 0x01
+                                                                : 0x04; }},
+    };
+    for (const auto& slave : slaves) {
+        for (const bool writes : {true, false}) {
+            hdl_progress_start();
+            fake_clock.slept.clear();
+            spim_slave.status_after = slave.status;
+            writes ? write() : read();
+            EXPECT_GE(fake_clock_slept(), 2000) << slave.name << writes;
+            EXPECT_LE(fake_clock_slept(), 2100) << slave.name << writes;
+            EXPECT_EQ(log.back(), kGivenUp) << slave.name << writes;
+            EXPECT_FALSE(spim_write_taken());
+            fake_clock.slept.clear();
+            read(); // ends at its first miss from then on
+            EXPECT_LE(fake_clock_slept(), 110) << slave.name << writes;
+        }
+    }
 }
 
-TEST_F(SpimRetry, DataThatIsNeverTakenEndsWithAStop) {
+TEST_F(SpimRetry, WithoutAStopNothingIsGivenUp) {
     fail_data_with(0x80);
-    stop_at(0x06, 600);
+    spim_slave.at_frame = [] {
+        if (frames_with(0x06) == 600) {
+            spim_slave.status_after = nullptr;
+        }
+    };
     write();
     EXPECT_EQ(frames_with(0x06), 600U);
     EXPECT_EQ(frames_with(0x04), 100U);
-    EXPECT_EQ(frames_with(0x0C), 100U);
+    EXPECT_EQ(frames_with(0x0C), 99U);
+    EXPECT_EQ(log, Lines{});
 }
 
-TEST_F(SpimRetry, AnnouncedStopFailsNothingThatWorks) {
-    stop_at(0x04, 1);
-    write();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
-}
+TEST_F(SpimRetry, AFailingCallIsLoggedOnceASecondWithTheCountOfThoseLeftOut) {
+    const string failed = "[E] [SPIM] SPI master send CWR command failed";
+    spim_slave.fails = [](const Bytes&) { return true; };
+    const uint8_t byte = 0;
+    const auto write_for = [&byte](int64_t ms) {
+        for (int64_t i = 0; i < ms; ++i) {
+            spim_write(&byte, 1);
+            ++fake_clock.now_ms;
+        }
+    };
+    run([&] { write_for(2500); });
+    EXPECT_EQ(log, (Lines{failed, failed + " (999 left out)", failed + " (999 left out)"}));
 
-TEST_F(SpimRetry, AnnouncedStopLeavesAPassingErrorToBeOvercome) {
-    stop_at(0x04, 1);
-    spim_slave.statuses = {0x04, 0x10, 0x01};
-    write();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureWrite2, kWrite2, "08 10", "0C", "0E", kConfigureWrite2, kWrite2}));
-
-    spim_slave.frames.clear();
-    spim_slave.statuses = {0x04, 0x10, 0x01};
-    read();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureRead2, kRead2, "08 10", "0C", "0E", kConfigureRead2, kRead2}));
-}
-
-TEST_F(SpimRetry, AnnouncedStopEndsErrorsThatDoNotPass) {
-    fail_data_with(0x08);
-    stop_at(0x04, 1);
-    write();
-    EXPECT_EQ(frames_with(0x06), 4U);
-    fail_data_with(0x10);
-    read();
-    EXPECT_EQ(frames_with(0x81), 4U);
-}
-
-TEST_F(SpimRetry, AnnouncedStopLeavesTheLimitedRetries) {
-    stop_at(0x04, 1);
-    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
-    write();
-    EXPECT_EQ(frames_as_text(),
-              (times(21, {kConfigureWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
+    // The first success of the call tells the rest and ends the row.
+    spim_slave.fails = [](const Bytes&) { return false; };
+    run([&] { write_for(2); });
+    EXPECT_EQ(log, (Lines{failed + " (499 left out)"}));
+    spim_slave.fails = [](const Bytes&) { return true; };
+    run([&] { write_for(1); });
+    EXPECT_EQ(log, (Lines{failed}));
 }
 
 TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {

@@ -1,5 +1,6 @@
 #include "spim_slave.h"
 
+#include "download/hdl_progress.h"
 #include "support/capture.h"
 #include "support/fake_clock.h"
 
@@ -104,6 +105,7 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
 
 SpimTest::SpimTest() {
     fake_clock_start();
+    hdl_progress_start();
     spim_slave = {};
     last_command = 0;
     spim_open(spim_slave.port);

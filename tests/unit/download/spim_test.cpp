@@ -197,11 +197,11 @@ TEST_F(Spim, WaitGoesOnBehindNobody) {
 TEST_F(Spim, StatusThatCantBeReadCountsAsTheLastOne) {
     spim_slave.statuses = {kFails, kFails};
     EXPECT_EQ(wait(0x04, 2, 1), 1);
-    EXPECT_EQ(log, (Lines{kQueryFailed, kQueryFailed}));
+    EXPECT_EQ(log, (Lines{kQueryFailed}));
     spim_slave.statuses = {0xFF, kFails};
     EXPECT_EQ(wait(0x04, 2, 1), 1);
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] Error Status=0xff , counter=0", kQueryFailed,
-                          "[E] [SPIM] Error Status=0xff , counter=1"}));
+    EXPECT_EQ(log, (Lines{kQueryFailed + " (1 left out)", "[E] [SPIM] Error Status=0xff , counter=0",
+                          kQueryFailed, "[E] [SPIM] Error Status=0xff , counter=1"}));
 }
 
 TEST_F(Spim, FaultStatusEndsTheWait) {

@@ -70,10 +70,17 @@ TEST_F(ToolTime, YearIsReducedToFourDigits) {
     EXPECT_STREQ(tool_log_timestamp(), "0345-05-01 12:00:00.123");
 }
 
+TEST_F(ToolTime, TimestampIsOneReadingOfTheClock) {
+    fake_clock.now_ms += 876; // 12:00:00.999
+    fake_clock.between_readings_ms = 2;
+    EXPECT_STREQ(tool_log_timestamp(), "2024-05-01 12:00:00.999");
+    EXPECT_STREQ(tool_log_timestamp(), "2024-05-01 12:00:01.001");
+}
+
 TEST_F(ToolTime, ThereIsNoTimestampWithoutClockOrCalendar) {
-    fake_clock.time_fails = true;
-    EXPECT_EQ(tool_log_timestamp(), nullptr);
-    fake_clock.time_fails = false;
+    fake_clock.timespec_fails = fake_clock.time_fails = true;
+    capture_stdout([] { EXPECT_EQ(tool_log_timestamp(), nullptr); });
+    fake_clock.timespec_fails = fake_clock.time_fails = false;
     fake_clock.now_ms = 999; // second 0
     EXPECT_EQ(tool_log_timestamp(), nullptr);
     fake_clock.now_ms = kFakeNoonMs;
@@ -82,7 +89,7 @@ TEST_F(ToolTime, ThereIsNoTimestampWithoutClockOrCalendar) {
 }
 
 TEST_F(ToolTime, MissingTimestampIsAnEmptyText) {
-    fake_clock.time_fails = true;
+    fake_clock.now_ms = 999;
     const string log = capture_stdout([] { tool_log_error("%s\n", "text"); });
     EXPECT_EQ(log.substr(0, 5), " [E][");
     EXPECT_EQ(log.substr(log.size() - 7), "] text\n");

@@ -1,0 +1,20 @@
+// Whether a firmware download still makes progress. Some of its retries have no limit and others last
+// minutes, so each loop that waits for the chip asks hdl_progress_given_up(): while a stop or another
+// download is announced, a download that has had nothing acknowledged for 2 s ends. One that makes progress
+// is never cut, because a half-written flash is worse than a wait. One thread only.
+#ifndef TAVOR_HDL_PROGRESS_H
+#define TAVOR_HDL_PROGRESS_H
+
+// A download begins: forgets the last one.
+void hdl_progress_start();
+
+// The chip has acknowledged something, or is asked something new that has a limit of its own.
+void hdl_progress_mark();
+
+// Whether the download is to end. Once it is, it stays so until the next one; the first time it is logged.
+bool hdl_progress_given_up();
+
+// The same without the 2 s, for rounds that fail although each of them begins well.
+bool hdl_progress_give_up_now();
+
+#endif
