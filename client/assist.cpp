@@ -35,13 +35,13 @@ bool show_download(Session& session, const Record& record, Downloads& downloads)
 }
 
 // Status of a run whose failure, if any, has been told.
-int last_status(const Session& session, const Downloads& downloads) {
+int last_status(Session& session, const Downloads& downloads) {
     return downloads.failed ? kExitFailed : session_output_status(session);
 }
 
 int downloads_status(Session& session, const Downloads& downloads, double wait_s) {
     if (downloads.failed && session.options.once) {
-        return session_fail(kExitFailed, kAssistFailure);
+        return session_fail(session, kExitFailed, kAssistFailure);
     }
     if (downloads.count == 0) {
         session_note("no download ended within " + print_seconds(wait_s) +

@@ -112,8 +112,8 @@ bool is_failed_start(Session& session, const Record& record) {
     return failed;
 }
 
-int start_failed_status() {
-    return session_fail(kExitFailed, kSimpleRows[0].failure);
+int start_failed_status(Session& session) {
+    return session_fail(session, kExitFailed, kSimpleRows[0].failure);
 }
 
 std::string watch_text(const Options& options, const Record& record) {
@@ -136,7 +136,7 @@ bool watch_record(Session& session, const Record& record) {
 // Status of a watch that ended. Interrupting one that has no limit of its own is the ordinary way to end it.
 int watch_status(Session& session, const Followed& followed, double answer_s) {
     if (session.start_failed) {
-        return start_failed_status();
+        return start_failed_status(session);
     }
     if (followed.outcome == Outcome::kTimeout && followed.answered) {
         return session_output_status(session);
@@ -154,7 +154,7 @@ int stop_at_end(Session& session, int status) {
     if (!answer) {
         return session_end_status(session, outcome, kAnswerLimitS);
     }
-    return record_ok(*answer) ? status : session_fail(kExitFailed, kSimpleRows[1].failure);
+    return record_ok(*answer) ? status : session_fail(session, kExitFailed, kSimpleRows[1].failure);
 }
 
 int run_watch(Session& session) {
@@ -174,14 +174,15 @@ int run_watch(Session& session) {
 }
 
 // Tells why there is no position: a chip without a fix sends sentences all the same.
-int no_position(double limit_s, bool chip_heard) {
+int no_position(Session& session, double limit_s, bool chip_heard) {
     const std::string reason =
         chip_heard
             ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
               "'tavorctl watch'"
             : "nothing came from the chip; check its power and connection, and that no other client stops it or "
               "takes its output, and see 'journalctl -u tavor'";
-    return session_fail(kExitSilence, "no position within " + print_seconds(limit_s) + " s: " + reason);
+    return session_fail(session, chip_heard ? kExitNoFix : kExitSilentChip,
+                        "no position within " + print_seconds(limit_s) + " s: " + reason);
 }
 
 int run_position(Session& session) {
@@ -204,10 +205,10 @@ int run_position(Session& session) {
         return session_output_status(session);
     }
     if (session.start_failed) {
-        return start_failed_status();
+        return start_failed_status(session);
     }
     if (followed.outcome == Outcome::kTimeout && followed.answered) {
-        return no_position(limit_s, chip_heard);
+        return no_position(session, limit_s, chip_heard);
     }
     return session_end_status(session, followed.outcome, answer_s);
 }
@@ -232,7 +233,7 @@ int run_send(Session& session) {
         session_emit(session, print_json(*answer));
     }
     if (!record_ok(*answer)) {
-        return session_fail(kExitFailed,
+        return session_fail(session, kExitFailed,
                             "the command could not be sent: the link to the chip is closed or fails; start "
                             "positioning with 'tavorctl start'");
     }
@@ -253,7 +254,8 @@ int commands_run(const Options& options, int interrupt) {
     Session session = {options, {}, 0, 0, false};
     session.connection.interrupt = interrupt;
     if (!connection_open(session.connection, options.socket)) {
-        return session_fail(kExitSilence, session.connection.error);
+        const bool interrupted = session.connection.error.empty();
+        return session_end_status(session, interrupted ? Outcome::kInterrupted : Outcome::kUnreachable, 0);
     }
     switch (options.command) {
     case Command::kWatch:

@@ -20,6 +20,8 @@ namespace {
 
 constexpr int kBindAttempts = 16;
 constexpr std::chrono::milliseconds kLongestPoll{60000};
+constexpr std::chrono::milliseconds kRestartLimit{2000};
+constexpr std::chrono::milliseconds kRestartLook{50};
 // No request has this number: the daemon logs it, answers nothing and takes the sender as receiver of all
 // output.
 constexpr uint32_t kNoRequest = 0xFFFFFFFF;
@@ -95,15 +97,37 @@ bool same_file(const SocketFile& a, const SocketFile& b) {
            a.made.tv_nsec == b.made.tv_nsec;
 }
 
-// Connected rather than addressed: the kernel then takes datagrams from the daemon only, and tells by poll
-// whether the daemon's queue has room.
-bool reach(Connection& connection) {
-    const int error = connect_to(connection.socket, connection.path);
-    if (error != 0) {
-        return fail(connection, connection_error_text(connection.path, error));
+// Tries again while there is no daemon: one that is being restarted is gone for a moment. Returns 0 or an
+// error number; EINTR when the user interrupted.
+int connect_patiently(const Connection& connection) {
+    const Clock::time_point end = Clock::now() + kRestartLimit;
+    int error = connect_to(connection.socket, connection.path);
+    while ((error == ENOENT || error == ECONNREFUSED) && Clock::now() < end) {
+        pollfd interrupt = {connection.interrupt, POLLIN, 0};
+        if (poll(&interrupt, 1, static_cast<int>(kRestartLook.count())) > 0) {
+            return EINTR;
+        }
+        error = connect_to(connection.socket, connection.path);
     }
-    connection.reached = socket_file(connection.path).value_or(SocketFile{});
-    return true;
+    return error;
+}
+
+bool report_error(Connection& connection, int error) {
+    connection.busy = error == ETIMEDOUT;
+    if (error == 0) {
+        return true;
+    }
+    return fail(connection, error == EINTR ? "" : connection_error_text(connection.path, error));
+}
+
+// Connects rather than addresses: the kernel then takes datagrams from the daemon only, and tells by poll
+// whether the daemon's queue has room. Returns 0 or an error number, as connect_patiently.
+int reach(Connection& connection) {
+    const int error = connect_patiently(connection);
+    if (error == 0) {
+        connection.reached = socket_file(connection.path).value_or(SocketFile{});
+    }
+    return error;
 }
 
 // Sends the bytes, waiting while the daemon's queue is full. Returns 0 or an error number; ETIMEDOUT after
@@ -131,14 +155,8 @@ int send_or_reach(Connection& connection, const tavor_request& request, Clock::t
     if (error != ECONNREFUSED) {
         return error;
     }
-    return reach(connection) ? send_bytes(connection, request, deadline) : ECONNREFUSED;
-}
-
-bool report_send(Connection& connection, int error) {
-    if (error == 0) {
-        return true;
-    }
-    return fail(connection, error == EINTR ? "" : connection_error_text(connection.path, error));
+    const int reached = reach(connection);
+    return reached == 0 ? send_bytes(connection, request, deadline) : reached;
 }
 
 Received read_response(Connection& connection, tavor_response& response) {
@@ -176,7 +194,7 @@ bool connection_open(Connection& connection, const std::string& path) {
         return fail(connection, std::string("cannot make a socket for the answers: ") + strerror(errno) +
                                     "; close other programs and try again");
     }
-    return reach(connection);
+    return report_error(connection, reach(connection));
 }
 
 bool connection_send(Connection& connection, tavor_request_type type, const std::string& text,
@@ -184,7 +202,7 @@ bool connection_send(Connection& connection, tavor_request_type type, const std:
     tavor_request request = {};
     request.type = static_cast<uint32_t>(type);
     text.copy(request.text, sizeof request.text - 1);
-    return report_send(connection, send_or_reach(connection, request, deadline));
+    return report_error(connection, send_or_reach(connection, request, deadline));
 }
 
 Retaken connection_retake(Connection& connection, Clock::time_point deadline) {
@@ -192,9 +210,10 @@ Retaken connection_retake(Connection& connection, Clock::time_point deadline) {
     request.type = kNoRequest;
     const int error = send_bytes(connection, request, deadline);
     if (error != ECONNREFUSED) {
-        return report_send(connection, error) ? Retaken::kSameDaemon : Retaken::kFailed;
+        return report_error(connection, error) ? Retaken::kSameDaemon : Retaken::kFailed;
     }
-    const bool started = reach(connection) && connection_send(connection, TAVOR_REQUEST_START, "", deadline);
+    const bool started = report_error(connection, reach(connection)) &&
+                         connection_send(connection, TAVOR_REQUEST_START, "", deadline);
     return started ? Retaken::kNewDaemon : Retaken::kFailed;
 }
 

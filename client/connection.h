@@ -35,13 +35,15 @@ struct Connection {
     std::string path;   // of the daemon's socket
     SocketFile reached; // what stood there when it was connected
     std::string error;  // what went wrong and what to do, one line
+    bool busy = false;  // the daemon is there and takes no request
 };
 
 enum class Received { kResponse, kMalformed, kTimeout, kInterrupted, kOutputClosed, kFailed };
 enum class Presence { kSame, kGone, kRestarted };
 enum class Retaken { kSameDaemon, kNewDaemon, kFailed };
 
-// Binds an address and connects to the daemon's socket. False on failure, with error set.
+// Binds an address and connects to the daemon's socket; a daemon that is being restarted is waited for, two
+// seconds at most. False on failure, with error set, and when interrupted, with error empty.
 bool connection_open(Connection& connection, const std::string& path);
 
 // Sends one request; the text is cut to 511 bytes. Waits until the deadline while the daemon's queue is full.

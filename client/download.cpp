@@ -228,13 +228,15 @@ int report_from_log(Run& run) {
 int report_gone(const Run& run) {
     const std::string& path = run.session.connection.path;
     if (run.daemon == Presence::kRestarted) {
-        return session_fail(kExitSilence, "the daemon at " + print_safe(path) +
-                                              " was restarted in mid-download; download again");
+        return session_fail(run.session, kExitNoDaemon,
+                            "the daemon at " + print_safe(path) +
+                                " was restarted in mid-download; download again");
     }
     const std::string start =
         path == TAVOR_SOCKET_PATH ? "start it with 'systemctl start tavor'" : "start it";
-    return session_fail(kExitSilence, "the daemon at " + print_safe(path) + " ended in mid-download; " +
-                                          start + " and download again");
+    return session_fail(run.session, kExitNoDaemon,
+                        "the daemon at " + print_safe(path) + " ended in mid-download; " + start +
+                            " and download again");
 }
 
 int report_interrupted(Run& run) {

@@ -8,12 +8,17 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <numeric>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace {
 
 constexpr size_t kSocketPathMax = 107;
 // The daemon cuts a command at 351 characters, the talker "PZUL" included.
 constexpr size_t kBodyMax = 347;
+constexpr size_t kMistypedMax = 2; // letters
 constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
 
 struct CommandRow {
@@ -23,12 +28,7 @@ struct CommandRow {
     const char* footer;
 };
 
-constexpr char kFooter[] = R"(Exit status:
-  0  success
-  1  the daemon answered failure
-  2  the command line is wrong
-  3  no daemon or no answer
-
+constexpr char kExamples[] = R"(
 Examples:
   tavorctl watch                     start positioning and follow the output
   tavorctl position --json           the next position as one JSON object
@@ -70,6 +70,14 @@ constexpr CommandRow kCommands[] = {
      "from the daemon's log, where it can be read, and shown on standard error.\n\n"
      "Examples:\n  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
 };
+
+std::string footer() {
+    std::string text = "Exit status:\n";
+    for (const ExitMeaning& meaning : kExitMeanings) {
+        text += "  " + std::to_string(meaning.status) + "  " + meaning.text + "\n";
+    }
+    return text + kExamples;
+}
 
 // Text as a number of seconds, none when it is no such number.
 std::optional<double> read_seconds(const std::string& text) {
@@ -180,12 +188,51 @@ std::string check_together(const CLI::App& app, const Options& options) {
     return "";
 }
 
+// Single changes of letters that make one word of the other.
+size_t distance(std::string_view from, std::string_view to) {
+    std::vector<size_t> row(to.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 1; i <= from.size(); ++i) {
+        size_t before = std::exchange(row[0], i);
+        for (size_t j = 1; j <= to.size(); ++j) {
+            const size_t changed = before + (from[i - 1] == to[j - 1] ? 0 : 1);
+            before = row[j];
+            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+// ", but 'start' is" when a command is called almost like the word.
+std::string suggestion(const std::string& word) {
+    const auto by_distance = [&](const CommandRow& a, const CommandRow& b) {
+        return distance(word, a.name) < distance(word, b.name);
+    };
+    const CommandRow& nearest = *std::min_element(std::begin(kCommands), std::end(kCommands), by_distance);
+    const bool near = distance(word, nearest.name) <= kMistypedMax && word.size() > kMistypedMax;
+    return near ? std::string(", but '") + nearest.name + "' is" : "";
+}
+
+// What the parser says, or which command there is not.
+std::string parse_problem(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> rest =
+        app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
+    if (rest.empty() || rest.front().empty() || rest.front().front() == '-') {
+        return error.what();
+    }
+    return "no command is called '" + rest.front() + "'" + suggestion(rest.front());
+}
+
 // One line, whatever the parser's text holds.
-int usage_error(const CLI::App& app, std::string problem) {
+int usage_error(const CLI::App& app, std::string problem, bool json) {
     std::replace(problem.begin(), problem.end(), '\n', ' ');
     const auto used = app.get_subcommands();
     const std::string name = used.empty() ? "" : used.front()->get_name() + " ";
-    fprintf(stderr, "tavorctl: %s; see 'tavorctl %s--help'\n", print_safe(problem).c_str(), name.c_str());
+    const std::string text = print_safe(problem) + "; see 'tavorctl " + name + "--help'";
+    if (json) {
+        fputs(print_error_json(kExitUsage, text).c_str(), stdout);
+    }
+    fprintf(stderr, "tavorctl: %s\n", text.c_str());
     return kExitUsage;
 }
 
@@ -208,21 +255,23 @@ std::string options_check_body(const std::string& body) {
 std::optional<int> options_parse(int argc, const char* const* argv, Options& options) {
     CLI::App app("Drives the location daemon tavor.", "tavorctl");
     app.set_version_flag("--version", "tavorctl " TAVOR_VERSION);
-    app.footer(kFooter);
+    app.footer(footer());
     app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
     if (const char* socket = getenv("TAVOR_SOCKET")) {
         options.socket = socket;
     }
     add_common(app, options);
     add_commands(app, options);
+    const bool json =
+        std::find(argv, argv + argc, std::string_view("--json")) != argv + argc; // also of a wrong line
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             return app.exit(error);
         }
-        return usage_error(app, error.what());
+        return usage_error(app, parse_problem(app, error), json);
     }
     const std::string problem = check_together(app, options);
-    return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem));
+    return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem, json));
 }

@@ -212,6 +212,15 @@ std::string print_position_json(const Position& position) {
     return dump(object);
 }
 
+std::string print_error_json(ExitStatus status, const std::string& message) {
+    Json object;
+    object["type"] = "error";
+    object["error"] = kExitMeanings[status].name;
+    object["exit"] = static_cast<int>(status);
+    object["message"] = message;
+    return dump(object);
+}
+
 std::string print_raw(const Record& record) {
     const bool ended = !record.text.empty() && record.text.back() == '\n';
     return ended ? record.text : record.text + "\r\n";

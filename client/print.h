@@ -4,6 +4,7 @@
 #ifndef TAVOR_CLIENT_PRINT_H
 #define TAVOR_CLIENT_PRINT_H
 
+#include "client/exit_status.h"
 #include "client/records.h"
 
 #include <string>
@@ -32,6 +33,9 @@ std::string print_position(const Position& position);
 
 // A position as one line of JSON; what is not known is null.
 std::string print_position_json(const Position& position);
+
+// What went wrong as one line of JSON, type "error".
+std::string print_error_json(ExitStatus status, const std::string& message);
 
 // An NMEA sentence for other programs: its bytes as they are; ends with a line end.
 std::string print_raw(const Record& record);

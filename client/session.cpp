@@ -25,7 +25,10 @@ std::string with_journal_hint(std::string text) {
 
 } // namespace
 
-int session_fail(ExitStatus status, const std::string& text) {
+int session_fail(Session& session, ExitStatus status, const std::string& text) {
+    if (session.options.json && session.output_error == 0) {
+        session_emit(session, print_error_json(status, text));
+    }
     session_note(text);
     return status;
 }
@@ -43,12 +46,13 @@ bool session_emit(Session& session, const std::string& text) {
     return true;
 }
 
-int session_output_status(const Session& session) {
+int session_output_status(Session& session) {
     if (session.output_error == 0 || session.output_error == EPIPE) {
         return kExitSuccess;
     }
-    return session_fail(kExitFailed, std::string("cannot write the output: ") +
-                                         strerror(session.output_error) + "; free space or write elsewhere");
+    return session_fail(session, kExitFailed,
+                        std::string("cannot write the output: ") + strerror(session.output_error) +
+                            "; free space or write elsewhere");
 }
 
 int session_end_status(Session& session, Outcome outcome, double limit_s) {
@@ -56,13 +60,15 @@ int session_end_status(Session& session, Outcome outcome, double limit_s) {
     case Outcome::kInterrupted:
         return kExitSignal + interrupt_take(session.connection.interrupt);
     case Outcome::kUnreachable:
-        return session_fail(kExitSilence, session.connection.error);
+        return session_fail(session, session.connection.busy ? kExitBusy : kExitNoDaemon,
+                            session.connection.error);
     case Outcome::kTimeout:
         return session_fail(
-            kExitSilence,
+            session, kExitBusy,
             "no answer from the daemon at " + print_safe(session.connection.path) + " within " +
                 print_seconds(limit_s) +
-                " s; another client may have taken it: try again, or see 'journalctl -u tavor'");
+                " s; it writes firmware or waits for a chip that does not answer, or another client "
+                "has taken the answer: try again, or see 'journalctl -u tavor'");
     default:
         return session_output_status(session);
     }
@@ -74,5 +80,5 @@ int session_report(Session& session, const Record& answer, const std::string& fa
     } else if (record_ok(answer)) {
         session_emit(session, print_result(answer));
     }
-    return record_ok(answer) ? session_output_status(session) : session_fail(kExitFailed, failure);
+    return record_ok(answer) ? session_output_status(session) : session_fail(session, kExitFailed, failure);
 }

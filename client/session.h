@@ -19,15 +19,16 @@ struct Session {
     bool start_failed = false; // the daemon answered a start with failure
 };
 
-// One line on standard error. session_fail returns the status.
-int session_fail(ExitStatus status, const std::string& text);
+// One line on standard error. session_fail prints it as an object of JSON too where that is asked for, and
+// returns the status.
+int session_fail(Session& session, ExitStatus status, const std::string& text);
 void session_note(const std::string& text);
 
 // Writes to standard output. False once that failed.
 bool session_emit(Session& session, const std::string& text);
 
 // Status of a run whose output is all; a reader that has gone away is an ordinary end.
-int session_output_status(const Session& session);
+int session_output_status(Session& session);
 
 // Status of a wait that ended without what was waited for.
 int session_end_status(Session& session, Outcome outcome, double limit_s);

@@ -118,8 +118,8 @@ TEST(Download, FailureTellsTheDaemonsErrorAndWhatToDo) {
 
     EXPECT_EQ(scene.run({"--json", "--log", scene.log_path}), 1);
     const Lines lines = lines_of(scene.out);
-    ASSERT_GE(lines.size(), 2U);
-    EXPECT_NE(lines[lines.size() - 2].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_NE(lines[lines.size() - 3].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
 }
 
 TEST(Download, LogThatCantBeReadIsToldAndNotNeeded) {
@@ -149,9 +149,11 @@ TEST(Download, JsonHasItsLastEventsWithoutAnAnswerToo) {
     Scene failing(kToTheErase + kFailure, std::nullopt);
     EXPECT_EQ(failing.run({"--json", "--log", failing.log_path}), 1);
     const Lines lines = lines_of(failing.out);
-    ASSERT_GE(lines.size(), 2U);
-    EXPECT_NE(lines[lines.size() - 2].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
-    EXPECT_NE(lines.back().find(R"({"type":"result","request":"download","ok":false,)"), string::npos);
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_NE(lines[lines.size() - 3].find(R"({"type":"failure","error":"FORMAT_TIMEOUT")"), string::npos);
+    EXPECT_NE(lines[lines.size() - 2].find(R"({"type":"result","request":"download","ok":false,)"),
+              string::npos);
+    EXPECT_NE(lines.back().find(R"({"type":"error","error":"failed","exit":1,)"), string::npos);
 }
 
 TEST(Download, AnotherClientsDownloadIsNotThisOne) {

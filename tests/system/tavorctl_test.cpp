@@ -128,23 +128,20 @@ TEST(Tavorctl, WrongCommandLineIsStatusTwo) {
 
 TEST(Tavorctl, NoDaemonIsStatusThree) {
     const PrivateDir directory;
-    for (const Simple& simple : kSimple) {
-        Arguments arguments = simple.arguments;
-        arguments.insert(arguments.begin(), {TAVOR_CTL_PROGRAM, "--socket", directory.path / "none"});
-        Tool tool(arguments);
-        EXPECT_EQ(tool.end(), 3);
-        EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
-        EXPECT_NE(tool.err.find("no daemon at"), std::string::npos) << tool.err;
-    }
+    Tool tool({TAVOR_CTL_PROGRAM, "--json", "--socket", directory.path / "none", "start"});
+    EXPECT_EQ(tool.end(), 3);
+    EXPECT_TRUE(is_one_line(tool.err)) << tool.err;
+    EXPECT_NE(tool.err.find("no daemon at"), std::string::npos) << tool.err;
+    EXPECT_EQ(Json::parse(tool.out).at("error"), "no-daemon");
 }
 
-TEST(Tavorctl, NoAnswerIsStatusThreeAndOnlyHarmlessRequestsAreRepeated) {
+TEST(Tavorctl, NoAnswerIsStatusFourAndOnlyHarmlessRequestsAreRepeated) {
     const std::vector<uint32_t> harmless = {0, 1, 3, 4};
     for (const Simple& simple : kSimple) {
         Scene scene([](FakeDaemon&, const tavor_request&) {});
         Arguments arguments = simple.arguments;
         arguments.insert(arguments.end(), {"--timeout", "0.5"});
-        EXPECT_EQ(scene.run(arguments), 3) << simple.arguments[0];
+        EXPECT_EQ(scene.run(arguments), 4) << simple.arguments[0];
         EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
         EXPECT_NE(scene.err.find("within 0.5 s"), std::string::npos) << scene.err;
         const bool repeated = std::find(harmless.begin(), harmless.end(), simple.type) != harmless.end();
@@ -161,8 +158,14 @@ TEST(Tavorctl, ResultsAreJsonOnRequest) {
               (Json{{"type", "result"}, {"request", "save"}, {"ok", true}, {"value", 0}}));
     Scene bad(answers(TAVOR_VALUE_FAILED));
     EXPECT_EQ(bad.run({"--json", "save"}), 1);
-    EXPECT_EQ(Json::parse(bad.out),
+    ASSERT_EQ(lines_of(bad.out).size(), 2U) << bad.out;
+    EXPECT_EQ(Json::parse(lines_of(bad.out)[0]),
               (Json{{"type", "result"}, {"request", "save"}, {"ok", false}, {"value", -1}}));
+    const Json error = Json::parse(lines_of(bad.out)[1]);
+    EXPECT_EQ(error.at("type"), "error");
+    EXPECT_EQ(error.at("error"), "failed");
+    EXPECT_EQ(error.at("exit"), 1);
+    EXPECT_EQ("tavorctl: " + error.at("message").get<std::string>() + "\n", bad.err);
 }
 
 TEST(Position, IsPrintedWithUnitsOnceOneComes) {
@@ -174,13 +177,13 @@ TEST(Position, IsPrintedWithUnitsOnceOneComes) {
     EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
 }
 
-TEST(Position, WithoutAFixIsStatusThree) {
+TEST(Position, WithoutAFixIsStatusSix) {
     for (const auto& [code, sentence] : {std::pair(TAVOR_CODE_NMEA, kGga), {TAVOR_CODE_CHIP, kChipAnswer}}) {
         Scene scene([code = code, sentence = sentence](FakeDaemon& d, const tavor_request&) {
             d.send(make_response(TAVOR_CODE_START, 0));
             d.send(make_response(code, 0, sentence));
         });
-        EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 3);
+        EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 6);
         EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
         EXPECT_NE(scene.err.find("no position within 1 s: the chip has no fix yet"), std::string::npos)
             << scene.err;
@@ -192,7 +195,7 @@ TEST(Position, ChipThatSendsNothingIsNotTakenForOneWithoutAFix) {
         d.send(make_response(TAVOR_CODE_NMEA, 0, kBanner)); // the daemon's own line
         d.send(make_response(TAVOR_CODE_START, 0));
     });
-    EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 3);
+    EXPECT_EQ(scene.run({"position", "--timeout", "1"}), 5);
     EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
     EXPECT_NE(scene.err.find("no position within 1 s: nothing came from the chip"), std::string::npos)
         << scene.err;
@@ -238,9 +241,9 @@ TEST(Watch, StopsPositioningAlsoWhenInterrupted) {
     EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_STOP}));
 }
 
-TEST(Watch, WithoutAnAnswerIsStatusThree) {
+TEST(Watch, WithoutAnAnswerIsStatusFour) {
     Scene scene([](FakeDaemon&, const tavor_request&) {});
-    EXPECT_EQ(scene.run({"watch", "--stop", "--timeout", "0.3"}), 3);
+    EXPECT_EQ(scene.run({"watch", "--stop", "--timeout", "0.3"}), 4);
     EXPECT_TRUE(is_one_line(scene.err)) << scene.err;
     EXPECT_TRUE(scene.daemon.wait_requests(2));
     EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_START}));

@@ -4,10 +4,12 @@
 #include "support/client_fake_daemon.h"
 #include "support/nobody.h"
 #include "support/private_dir.h"
+#include "support/wait.h"
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
@@ -266,6 +268,7 @@ TEST(Connection, DaemonThatReadsNoRequestsIsGivenUpAtTheDeadline) {
         ++sent;
     }
     EXPECT_FALSE(connection_send(connection, TAVOR_REQUEST_START, "", deadline_in(0.05)));
+    EXPECT_TRUE(connection.busy);
     EXPECT_EQ(connection.error.rfind("no request is taken by the daemon at " + place.socket_path(), 0), 0U)
         << connection.error;
 }
@@ -296,6 +299,33 @@ TEST(Connection, RestartedDaemonIsFoundAgain) {
     tavor_response response = {};
     ASSERT_TRUE(send(connection, TAVOR_REQUEST_STOP)) << connection.error;
     EXPECT_EQ(receive(connection, response), Received::kResponse);
+}
+
+TEST(Connection, DaemonThatIsBeingRestartedIsWaitedFor) {
+    const Directory place;
+    const std::string own = "@tavorctl-" + std::to_string(getpid()) + "-";
+    std::unique_ptr<FakeDaemon> daemon;
+    std::thread restart([&] {
+        EXPECT_TRUE(wait_until([&] { // its address stands before it connects
+            std::ifstream sockets("/proc/net/unix");
+            const std::string all(std::istreambuf_iterator<char>(sockets), {});
+            return all.find(own) != std::string::npos;
+        }));
+        daemon = std::make_unique<FakeDaemon>(place.socket_path(), kSilent);
+    });
+    Connection connection;
+    EXPECT_TRUE(connection_open(connection, place.socket_path())) << connection.error;
+    restart.join();
+}
+
+TEST(Connection, InterruptEndsTheWaitForADaemon) {
+    const Directory place;
+    Pipe interrupt;
+    Connection connection;
+    connection.interrupt = interrupt.ends[0];
+    ASSERT_EQ(write(interrupt.ends[1], "x", 1), 1);
+    EXPECT_FALSE(connection_open(connection, place.socket_path()));
+    EXPECT_EQ(connection.error, "");
 }
 
 TEST(Connection, PresenceIsToldWithoutARequest) {
