@@ -13,7 +13,8 @@ struct location_i2c_config {
 // Opens the device into *fd. Returns 0 or -1.
 int32_t location_i2c_init(int32_t* fd, const location_i2c_config* config);
 
-// Reads or writes len bytes at the 7-bit slave address. Return the bytes moved or -1.
+// Reads or writes len bytes at the 7-bit slave address. Return the bytes moved, or -1, also when the address
+// is refused.
 ssize_t location_i2c_read(int32_t fd, uint8_t slave_addr, void* buffer, size_t len);
 ssize_t location_i2c_write(int32_t fd, uint8_t slave_addr, const void* buffer, size_t len);
 

@@ -3,6 +3,8 @@
 #include "base/descriptor_guard.h"
 #include "base/error_row.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
@@ -12,9 +14,27 @@
 
 namespace {
 
+// Settings and commands are shorter: a controller that takes these and refuses a longer message has a limit.
+constexpr uint32_t kShortMessage = 32; // bytes
+
 struct State {
     ErrorRow transfer; // transfers that failed
+    std::atomic<bool> told_too_long{false};
 } state;
+
+// spidev has a buffer (EMSGSIZE), and a controller may have a limit of its own below it (often EINVAL).
+bool is_too_long(int error, uint32_t len) {
+    return error == EMSGSIZE || (error == EINVAL && len > kShortMessage);
+}
+
+void tell_too_long(uint32_t len) {
+    if (!state.told_too_long.exchange(true)) {
+        printf(
+            "[LOCSERV] WRN: [spi]no message of %u bytes is taken: enlarge the buffer of spidev "
+            "(spidev.bufsiz=65536 on the kernel's command line); the controller may have a limit of its own\n",
+            len);
+    }
+}
 
 uint64_t address_of(const uint8_t* buffer) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(buffer));
@@ -66,6 +86,9 @@ int32_t location_spi_set_config(int32_t fd, const location_spi_config* config) {
     }
     if (ioctl(fd, SPI_IOC_WR_LSB_FIRST, &config->lsb_first) < 0) {
         printf("[LOCSERV] ERR: [spi]can't set LSB or MSB: %d\n", config->lsb_first);
+        printf(
+            "[LOCSERV] WRN: [spi]the controller has no such bit order: try \"SPI bit order=%d\" in tavor.conf\n",
+            config->lsb_first != 0 ? 1 : 0); // the setting's 0 selects least significant bit first
         return -1;
     }
     if (ioctl(fd, SPI_IOC_WR_MAX_SPEED_HZ, &config->max_speed_hz) < 0) {
@@ -82,8 +105,17 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
     message.rx_buf = address_of(rx_buf);
     message.len = len;
     const int moved = ioctl(fd, SPI_IOC_MESSAGE(1), &message);
+    const int error = errno;
     log_transfer(moved >= 0);
-    return moved < 0 ? -1 : moved;
+    if (moved >= 0) {
+        return moved;
+    }
+    errno = error;
+    if (is_too_long(error, len)) {
+        tell_too_long(len);
+        errno = EMSGSIZE;
+    }
+    return -1;
 }
 
 ssize_t location_spi_read(int32_t fd, void* buffer, size_t len) {

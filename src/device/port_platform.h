@@ -39,7 +39,8 @@ struct port_platform_transfer {
 int32_t port_platform_bus_init(uint32_t bus_type, const void* config);
 // Closes a bus. Returns the result of close, -1 for an unknown type.
 int32_t port_platform_bus_deinit(uint32_t bus_type, int32_t fd);
-// Runs one transaction. Returns 0 when at least one byte moved, else -1.
+// Runs one transaction. Returns 0 when at least one byte moved, else -1; errno is what the device left,
+// EMSGSIZE for a transaction that is too long.
 int32_t port_platform_bus_transfer(uint32_t bus_type, int32_t fd, const port_platform_transfer* transfer);
 
 void* port_platform_malloc(size_t size);

@@ -132,6 +132,7 @@ int32_t host_mux_spi_master_init(const host_mux_spi_port_config* config) {
                           "g_host_mux_spi_master_wait_receive_done_xSemaphore create error\r")) {
         return -1;
     }
+    host_mux_spi_longest_read_reset();
     return port_platform_bus_init(HOST_MUX_BUS_SPI, config);
 }
 

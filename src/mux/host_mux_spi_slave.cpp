@@ -5,6 +5,7 @@
 #include "mux/host_mux_lock.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 
@@ -156,6 +157,7 @@ int32_t host_mux_spi_transfer(uint32_t bus, const uint8_t* tx, uint32_t tx_len, 
                               uint32_t rx_len) {
     const port_platform_transfer transfer = {
         .rx_buf = rx, .tx_buf = tx, .rx_len = rx_len, .tx_len = tx_len, .slave_addr = 0};
+    errno = 0;
     return port_platform_bus_transfer(HOST_MUX_BUS_SPI, static_cast<int32_t>(bus), &transfer);
 }
 

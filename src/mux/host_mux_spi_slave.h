@@ -12,7 +12,8 @@ inline constexpr uint8_t kSpiSlaveError = 0x18;
 inline constexpr uint8_t kSpiSlaveDataDone = 0x20;
 inline constexpr uint8_t kSpiSlaveSilent = 0xFF;
 
-// Clocks max(rx_len, tx_len) bytes; both buffers hold that many. Returns 0 or -1.
+// Clocks max(rx_len, tx_len) bytes; both buffers hold that many. Returns 0, or -1 with errno as the device
+// left it, 0 when it left none.
 int32_t host_mux_spi_transfer(uint32_t bus, const uint8_t* tx, uint32_t tx_len, uint8_t* rx, uint32_t rx_len);
 
 // Polls the status, at most 100 times 5 ms apart, until (status & mask) == expected. Returns 0, or 1 after a

@@ -5,6 +5,7 @@
 #include "mux/host_mux_spi_slave.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -28,12 +29,14 @@ constexpr uint32_t kCommandSize = 9;
 constexpr uint32_t kRegisterSize = 4;
 constexpr uint32_t kStagingSize = 4096; // a data frame: opcode and data
 constexpr uint32_t kRegisterBufferSize = 1024;
+constexpr uint32_t kShortestRead = kOpcodeSize + 1;
 static_assert(kStagingSize == kOpcodeSize + kHostMuxSpiDataMax);
 
 // Used with the mutex held only.
 struct State {
     uint8_t command[kStagingSize];
     uint8_t registers[kRegisterBufferSize];
+    uint32_t longest_read = kStagingSize; // bytes of a frame that is read: what the device takes
 } state;
 
 struct FreeMemory {
@@ -135,6 +138,9 @@ void say(const char* text) {
 bool run(uint32_t bus, const Step& step, uint32_t tx_len, uint8_t* rx, uint32_t rx_len) {
     say(step.intent);
     if (host_mux_spi_transfer(bus, state.command, tx_len, rx, rx_len) != 0) {
+        if (errno == EMSGSIZE && rx_len > 0) {
+            state.longest_read = std::max(rx_len / 2, kShortestRead);
+        }
         puts(step.failed);
         return false;
     }
@@ -199,11 +205,16 @@ bool send_frame(uint32_t bus, const uint8_t* data, uint32_t length) {
 
 } // namespace
 
+void host_mux_spi_longest_read_reset() {
+    state.longest_read = kStagingSize;
+}
+
 bool host_mux_spi_receive_length(uint32_t bus, uint32_t capacity, uint32_t* count) {
     uint32_t value = 0;
     if (!run_register(bus, kReceiveStep1a, kReceiveStep1c, &value)) {
         return false;
     }
+    capacity = std::min(capacity, state.longest_read - kOpcodeSize);
     printf("mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value:0x%x. success!!!\r\n",
            value);
     if (value > capacity) {

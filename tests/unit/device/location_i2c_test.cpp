@@ -83,13 +83,20 @@ TEST_F(LocationI2c, EveryReadAndWriteSelectsItsSlaveFirst) {
     location_i2c_deinit(fd);
 }
 
-TEST_F(LocationI2c, RefusedSlaveAddressDoesNotStopTheTransfer) {
+TEST_F(LocationI2c, RefusedSlaveAddressIsToldAndMovesNothing) {
     ASSERT_EQ(location_i2c_init(&fd, &config), 0);
+    calls.clear();
     char buffer[4] = {};
-    interpose_fail("ioctl", 1, EBUSY);
-    EXPECT_EQ(location_i2c_read(fd, 0x41, buffer, sizeof buffer), 3);
-    interpose_fail("ioctl", 1, EBUSY);
-    EXPECT_EQ(location_i2c_write(fd, 0x41, "abcd", 4), 2);
+    const std::string told =
+        "[LOCSERV] ERR: [i2c]can't select slave 0x41: a driver of the kernel may own it\n";
+    EXPECT_EQ(capture_stdout([&] {
+                  interpose_fail("ioctl", 1, EBUSY);
+                  EXPECT_EQ(location_i2c_read(fd, 0x41, buffer, sizeof buffer), -1);
+                  interpose_fail("ioctl", 1, EBUSY);
+                  EXPECT_EQ(location_i2c_write(fd, 0x41, "abcd", 4), -1);
+              }),
+              told + told);
+    EXPECT_EQ(calls, Lines{});
     location_i2c_deinit(fd);
 }
 

@@ -135,9 +135,23 @@ TEST_F(LocationSpi, EachFailedSettingIsLoggedWithItsValueAndEndsTheInit) {
         int32_t fd = -1;
         EXPECT_EQ(init(&fd), -1);
         EXPECT_EQ(fd, -1);
-        EXPECT_EQ(log, Lines{texts[nth - 1]});
+        ASSERT_FALSE(log.empty());
+        EXPECT_EQ(log[0], texts[nth - 1]);
+        EXPECT_EQ(log.size(), nth == 3 ? 2U : 1U);
         EXPECT_EQ(settings.size(), nth - 1);
         EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
+    }
+}
+
+TEST_F(LocationSpi, RefusedBitOrderNamesTheSettingToTry) {
+    for (const uint8_t lsb_first : {uint8_t{1}, uint8_t{0}}) {
+        config.lsb_first = lsb_first;
+        interpose_fail("ioctl", 3, EINVAL);
+        int32_t fd = -1;
+        EXPECT_EQ(init(&fd), -1);
+        EXPECT_EQ(log.back(),
+                  "[LOCSERV] WRN: [spi]the controller has no such bit order: try \"SPI bit order=" +
+                      std::to_string(lsb_first) + "\" in tavor.conf");
     }
 }
 
@@ -209,6 +223,31 @@ TEST_F(LocationSpi, TransfersThatFailInARowAreToldOnceASecondAndCounted) {
     }));
     const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
     EXPECT_EQ(lines, (Lines{failed, failed + " (4 left out)"}));
+    location_spi_deinit(fd);
+}
+
+TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    const auto failing = [&](int error, uint32_t length) {
+        location_spi_transfer(fd, nullptr, nullptr, 1); // no row of failures: each is told
+        interpose_fail("ioctl", 1, error);
+        EXPECT_EQ(location_spi_transfer(fd, nullptr, nullptr, length), -1);
+        return errno;
+    };
+    const Lines lines = lines_of(capture_stdout([&] {
+        EXPECT_EQ(failing(EINVAL, 32), EINVAL) << "a short one is refused for another reason";
+        EXPECT_EQ(failing(EINVAL, 4096), EMSGSIZE);
+        EXPECT_EQ(failing(EMSGSIZE, 4096), EMSGSIZE);
+        EXPECT_EQ(failing(EIO, 4096), EIO);
+    }));
+    const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
+    EXPECT_EQ(lines,
+              (Lines{failed, failed,
+                     "[LOCSERV] WRN: [spi]no message of 4096 bytes is taken: enlarge the buffer of spidev "
+                     "(spidev.bufsiz=65536 on the kernel's command line); the controller may have a limit "
+                     "of its own",
+                     failed, failed}));
     location_spi_deinit(fd);
 }
 

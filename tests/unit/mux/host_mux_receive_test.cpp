@@ -103,6 +103,33 @@ TEST_F(HostMuxReceive, OneDataPhaseMovesAtMost4095Bytes) {
     EXPECT_EQ(slave.frames[7].size(), 4096U);
 }
 
+TEST_F(HostMuxReceive, WhatIsTooLongForTheDeviceIsReadInShorterPieces) {
+    slave.longest = 1024;
+    slave.to_host = counted_bytes(4095);
+    EXPECT_FALSE(receive()) << "4096 bytes";
+    EXPECT_FALSE(receive()) << "2048 bytes";
+    Bytes all;
+    while (all.size() < 4095) {
+        ASSERT_TRUE(receive());
+        EXPECT_LE(received.size(), 1023U);
+        all.insert(all.end(), received.begin(), received.end());
+    }
+    EXPECT_EQ(all, counted_bytes(4095));
+    EXPECT_TRUE(send(counted_bytes(1023)));
+    EXPECT_FALSE(send(counted_bytes(1024))) << "not cut";
+}
+
+TEST_F(HostMuxReceive, LongReadsAreTriedAgainOnAReopenedBus) {
+    slave.longest = 1024;
+    slave.to_host = counted_bytes(4095);
+    EXPECT_FALSE(receive());
+    EXPECT_EQ(host_mux_deinit(&handle), 0);
+    slave.longest = 4096;
+    SetUp();
+    EXPECT_TRUE(receive());
+    EXPECT_EQ(received, counted_bytes(4095));
+}
+
 TEST_F(HostMuxReceive, CapacityZeroMovesNothing) {
     slave.to_host = {'a'};
     ASSERT_TRUE(receive(0));

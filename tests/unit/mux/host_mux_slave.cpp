@@ -90,6 +90,10 @@ int spi_ioctl(MuxSlave* slave, unsigned long request, void* argument) {
     const auto* message = static_cast<const spi_ioc_transfer*>(argument);
     const auto* out = std::bit_cast<const uint8_t*>(uintptr_t{message->tx_buf});
     auto* in = std::bit_cast<uint8_t*>(uintptr_t{message->rx_buf});
+    if (message->len > slave->longest) {
+        errno = EMSGSIZE;
+        return -1;
+    }
     if (!mux_slave_transfer(slave, out, in, message->len)) {
         errno = EIO;
         return -1;

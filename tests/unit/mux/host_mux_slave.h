@@ -27,6 +27,7 @@ struct MuxSlave {
     std::function<uint8_t(uint8_t honest)> status_answer; // replaces the status byte
     std::optional<uint32_t> announced;                    // replaces both length registers
     bool ignores_power = false;
+    size_t longest = 4096; // bytes; the device refuses a longer frame
 
     // What it saw.
     std::vector<Bytes> frames;
