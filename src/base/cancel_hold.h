@@ -10,8 +10,8 @@ struct CancelHold : private NonCopyable {
     ~CancelHold();
 };
 
-// A cancellation point inside of holds, where all that they protect is held by guards: acts on a cancellation
-// unless it was held off before the outermost hold.
+// A cancellation point in spite of the holds around it, unless the thread had cancellation disabled before
+// the outermost one. Only for places where guards own all that must be given back.
 void cancel_hold_offer();
 
 #endif

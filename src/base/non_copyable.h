@@ -1,4 +1,4 @@
-// Base of guards: what gives something back at its end has one owner.
+// Base of guards: a copy would give the same thing back twice.
 #ifndef TAVOR_NON_COPYABLE_H
 #define TAVOR_NON_COPYABLE_H
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kPathSize = 64;
 constexpr size_t kNumberSize = 12;  // any int32 and its NUL
-constexpr size_t kWordReadSize = 9; // room for the longest word, its newline and one byte more
+constexpr size_t kWordReadSize = 9; // holds the longest word, its newline and one byte more
 constexpr useconds_t kResetPulseUs = 5000;
 constexpr int32_t kDirectionOut = 0;
 constexpr int32_t kLow = 0;
@@ -129,7 +129,7 @@ int32_t set_word(const PinAttribute& attribute, const char* number, const char* 
     if (holds_word(file.fd, word)) {
         return 0;
     }
-    // kept: an error line for a normal change.
+    // Kept: an error line for a normal change.
     printf("[LOCSERV] ERR: [GPIO]%s\n", word);
     if (!write_text(file.fd, word)) {
         puts(attribute.no_write);

@@ -4,29 +4,33 @@
 
 #include <cstdint>
 
-// An argument of location_gpio_config that leaves its attribute as it is.
-inline constexpr int32_t kGpioUnchanged = -1;
-
 // All return 0, or -1 after logging what failed.
-
-// Makes the pin's node exist, or removes it.
-int32_t location_gpio_export(int32_t pin);
-int32_t location_gpio_unexport(int32_t pin);
-
-// Writes the attributes that are not kGpioUnchanged. direction: 0 out, else in; value: the level; edge: 1
-// rising, 2 falling, 3 both, else none. Direction and edge are written only where they differ.
-int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge);
-
-// Each exports the pin first.
-int32_t location_gpio_set_output(int32_t pin, int32_t value);
-int32_t location_gpio_set_direction(int32_t pin, int32_t direction);
-int32_t location_gpio_set_edge(int32_t pin, int32_t edge);
 
 // Drives the configured power line; high means powered.
 int32_t location_gpio_power_on();
 int32_t location_gpio_power_off();
 
+// Makes the pin an output of this level; its node is made when it is missing.
+int32_t location_gpio_set_output(int32_t pin, int32_t value);
+
+// The rest completes the interface; the daemon does not call it.
+
 // A 5 ms low pulse on the configured reset line.
 int32_t location_gpio_reset_chip();
+
+// Makes the pin's node exist, or removes it.
+int32_t location_gpio_export(int32_t pin);
+int32_t location_gpio_unexport(int32_t pin);
+
+// An argument of location_gpio_config that leaves its attribute as it is.
+inline constexpr int32_t kGpioUnchanged = -1;
+
+// Writes the attributes that are not kGpioUnchanged. direction: 0 out, else in; value: the level; edge: 1
+// rising, 2 falling, 3 both, else none. Direction and edge are written only where they differ.
+int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge);
+
+// Make the pin's node when it is missing, then set the one attribute.
+int32_t location_gpio_set_direction(int32_t pin, int32_t direction);
+int32_t location_gpio_set_edge(int32_t pin, int32_t edge);
 
 #endif

@@ -44,7 +44,7 @@ int32_t location_socket_server_create_tcp(const char* ip, uint16_t port) {
         close(fd);
         return -1;
     }
-    if (listen(fd, kBacklog) != 0) { // kept: the socket is returned all the same
+    if (listen(fd, kBacklog) != 0) { // Kept: the socket is returned all the same.
         const int error = errno;
         printf("[LOCSERV] ERR: location_socket_server_create_tcp, listen fail, port=%d reason=[%s]%d\n", port,
                strerror(error), error);

@@ -12,9 +12,8 @@ using location_timer_callback = void (*)(sigval);
 // Returns a disarmed timer, or null when the system has none left.
 timer_t location_timer_create(location_timer_callback callback);
 
-// Arms the timer ms milliseconds from now, anew when it is armed; 0 disarms. Return the result of
+// Arms the timer ms milliseconds from now, anew when it is armed; 0 disarms. Returns the result of
 // timer_settime.
-int32_t location_timer_set(timer_t timer, int32_t ms);
 int32_t location_timer_start(timer_t timer, int32_t ms);
 
 // Disarms the timer. Returns the result of timer_settime.
@@ -25,5 +24,10 @@ int32_t location_timer_is_active(timer_t timer);
 
 // Returns the result of timer_delete.
 int32_t location_timer_delete(timer_t timer);
+
+// The rest completes the interface; the daemon does not call it.
+
+// The same as location_timer_start.
+int32_t location_timer_set(timer_t timer, int32_t ms);
 
 #endif

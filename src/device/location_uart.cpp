@@ -46,7 +46,7 @@ speed_t speed_of(int32_t baud) {
         return B460800;
     case 921600:
         return B921600;
-    default: // 115200, and kept: any rate that isn't known
+    default: // 115200. Kept: any rate that isn't known counts as this.
         return B115200;
     }
 }

@@ -71,7 +71,7 @@ uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_st
         const uint8_t plain = plain_of(byte);
         if (plain == 0) {
             printf("[LOCSERV] ERR: [UART]unrecognized char 0x%x\n", byte);
-            ++position; // kept: the slot counts as delivered, with whatever stood in it
+            ++position; // Kept: the slot counts as delivered, with whatever stood in it.
             continue;
         }
         buffer[position++] = plain;

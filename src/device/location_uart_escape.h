@@ -13,9 +13,9 @@ inline constexpr uint8_t kUartEscape = 0x77;
 uint32_t location_uart_escape(const uint8_t* input, uint32_t length, uint8_t* output);
 
 // Decodes n bytes of buffer in place and zeroes what becomes free behind them. *escape_state (0 at the start
-// of a stream) carries an escape byte over to the next call. Returns the decoded length: at most n, and n + 1
-// when the partner of an escape byte of the call before is unknown, so a caller that reads on checks it
-// against its buffer.
+// of a stream) carries an escape byte over to the next call. Returns the decoded length: at most n, or n + 1
+// when an escape byte that ended the call before is followed by a byte it can't stand before. So check the
+// result against the buffer's size before reading on.
 uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_state);
 
 #endif

@@ -31,7 +31,7 @@ template <size_t Size> void copy_path(char (&dst)[Size], const char* path) {
 int32_t spi_init(const host_mux_spi_port_config& config) {
     location_spi_config settings = {};
     settings.mode = config.cpha + kCpolWeight * config.cpol;
-    // kept: the order is turned round here; the default 0 means least significant bit first.
+    // Kept: the order is turned round here; the default 0 means least significant bit first.
     settings.lsb_first = config.bit_order == 0 ? 1 : 0;
     settings.bits_per_word = kBitsPerWord;
     settings.max_speed_hz = config.frequency;

@@ -56,17 +56,23 @@ using port_platform_mutex = pthread_mutex_t*;
 
 // A process-private semaphore with count 1, or null.
 port_platform_semaphore port_platform_create_semaphore();
-int32_t port_platform_give_semaphore(port_platform_semaphore semaphore);
-// Waits without limit, whatever timeout_ms says. Returns 0, -1 for a null handle.
-int32_t port_platform_take_semaphore(port_platform_semaphore semaphore, uint32_t timeout_ms);
 // Frees the semaphore and sets the handle to null.
 void port_platform_destroy_samphore(port_platform_semaphore* semaphore);
 
 // A mutex that is not recursive, or null.
 port_platform_mutex port_platform_create_mutex();
+// Returns 0, -1 for a null handle.
 int32_t port_platform_give_mutex(port_platform_mutex mutex);
-int32_t port_platform_take_mutex(port_platform_mutex mutex);
 // Frees the mutex and sets the handle to null.
 void port_platform_destroy_mutex(port_platform_mutex* mutex);
+
+// The rest completes the interface; the daemon does not call it.
+
+// Waits without limit, no cancellation point. Returns 0, -1 for a null handle.
+int32_t port_platform_take_mutex(port_platform_mutex mutex);
+// Adds one. Returns 0, -1 for a null handle.
+int32_t port_platform_give_semaphore(port_platform_semaphore semaphore);
+// Waits without limit, whatever timeout_ms says. Returns 0, -1 for a null handle.
+int32_t port_platform_take_semaphore(port_platform_semaphore semaphore, uint32_t timeout_ms);
 
 #endif

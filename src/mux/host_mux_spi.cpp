@@ -41,7 +41,7 @@ bool take(Operation& operation) {
     return operation.locked;
 }
 
-// A point where the other direction may get in.
+// Lets the other direction in.
 bool give_and_take(Operation& operation) {
     port_platform_give_mutex(g_host_mux_spi_master_mutex);
     operation.locked = false;
@@ -57,8 +57,8 @@ bool start(Operation& operation) {
     return give_and_take(operation);
 }
 
-// A request that could not be closed stays open, and the slave on, for the next operation; none stays behind
-// a stop.
+// A failed power-off leaves the request open and the slave on for the next operation; while a stop is pending
+// the request is dropped, because there will be no next one.
 void finish(Operation& operation) {
     if (!operation.locked) {
         return;
@@ -162,7 +162,7 @@ int32_t mux_spi_master_demo_send(uint32_t bus, const uint8_t* data, uint32_t* le
     return done ? 0 : 1;
 }
 
-// kept: the texts of both waits say error when the wait succeeded
+// Kept: the texts of both waits say error when the wait succeeded.
 void portable_HOST_MUX_SPI_MASTER_wait_for_send_done() {
     if (port_platform_take_semaphore(g_host_mux_spi_master_wait_send_done_xSemaphore, kNoTimeout) == 0) {
         puts("portable_HOST_MUX_SPI_MASTER_wait_for_send_done: error!!!");

@@ -20,8 +20,9 @@ int32_t host_mux_spi_master_deinit(uint32_t bus);
 int32_t mux_spi_master_demo_receive(uint32_t bus, uint8_t* buffer, uint32_t* length);
 int32_t mux_spi_master_demo_send(uint32_t bus, const uint8_t* data, uint32_t* length);
 
-// Wait for and signal the end of a transfer. Kept for ports that transfer in the background; not used on
-// Linux.
+// The rest completes the interface; the daemon does not call it.
+
+// Wait for and signal the end of a transfer, for ports that transfer in the background.
 void portable_HOST_MUX_SPI_MASTER_wait_for_send_done();
 void portable_HOST_MUX_SPI_MASTER_send_done();
 void portable_HOST_MUX_SPI_MASTER_wait_for_receive_done();

@@ -21,7 +21,9 @@ int32_t location_serial_port_gnss_write(const uint8_t* data, uint32_t length);
 // Closes the link. Returns 0 (also when not open) or -1.
 int32_t location_serial_port_gnss_deinit();
 
-// A 10 ms low pulse on output line 0. Nothing calls it; kept for boards that wire the chip's reset there.
+// The rest completes the interface; the daemon does not call it.
+
+// A 10 ms low pulse on output line 0, for boards that wire the chip's reset there.
 void location_serial_port_gnss_reset();
 
 #endif
