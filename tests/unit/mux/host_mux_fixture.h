@@ -73,22 +73,35 @@ struct HostMux : testing::Test {
         EXPECT_EQ(host_mux_spi_power_counter(), counter);
         ASSERT_EQ(pthread_mutex_trylock(g_host_mux_spi_master_mutex), 0);
         pthread_mutex_unlock(g_host_mux_spi_master_mutex);
-        slave.failing_transfer = 0;
+        slave.failing_transfer = slave.empty_transfer = 0;
         slave.status_answer = nullptr;
-        slave.announced.reset();
-        slave.ignores_power = false;
-        slave.to_host = {'o', 'k'};
+        slave.chip.faults = {};
+
+        slave.give({'o', 'k'});
         EXPECT_TRUE(receive());
         EXPECT_EQ(received, Bytes({'o', 'k'}));
         EXPECT_EQ(host_mux_spi_power_counter(), counter);
     }
 
+    const TestLimit limit;
     MuxSlave slave;
     host_mux_handle handle{HOST_MUX_BUS_SPI, kHostMuxClosed};
     Lines lines;
     Bytes received;
     uint32_t sent = 0;
 };
+
+// A transfer of an operation that fails, and what is printed about it.
+struct FailingTransfer {
+    size_t number; // counted from 1
+    const char* text;
+    bool fails;          // the operation
+    int32_t counter = 0; // power-on requests afterwards
+};
+
+inline void PrintTo(const FailingTransfer& transfer, std::ostream* out) {
+    *out << "transfer " << transfer.number;
+}
 
 inline Bytes counted_bytes(size_t count) {
     Bytes bytes(count);

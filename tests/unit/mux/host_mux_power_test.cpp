@@ -1,16 +1,18 @@
 // Status polling, error recovery and power of the slave's interface.
 #include "host_mux_fixture.h"
 
+#include <optional>
+
 namespace {
 
 const std::string kQuery = "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY";
 
 struct HostMuxPower : HostMux {
-    // The first `times` answers to a status query are this status.
-    void answer_with(uint8_t status, size_t times) {
-        slave.status_answer = [status, left = times](uint8_t honest) mutable {
+    // The first `times` answers to a status query are this status; then comes the other, or the true one.
+    void answer_with(uint8_t status, size_t times, std::optional<uint8_t> then = {}) {
+        slave.status_answer = [status, then, left = times](uint8_t honest) mutable {
             if (left == 0) {
-                return honest;
+                return then.value_or(honest);
             }
             --left;
             return status;
@@ -42,8 +44,7 @@ void append(Frames& frames, size_t times, const Frames& more) {
 } // namespace
 
 TEST_F(HostMuxPower, StatusIsPolledEvery5MsAndTheRetriesAreCounted) {
-    answer_with(0x01, 7);
-    slave.status = 0x05;
+    answer_with(0x01, 7, 0x05);
     EXPECT_EQ(query(0x04, 0x04), 0);
     EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:7,\r");
     EXPECT_EQ(times_printed(kQuery + "  Status receive: 0x1\r"), 7U);
@@ -51,7 +52,7 @@ TEST_F(HostMuxPower, StatusIsPolledEvery5MsAndTheRetriesAreCounted) {
 }
 
 TEST_F(HostMuxPower, StatusThatIsNeverReachedEndsAfter100Polls) {
-    slave.status = 0x01;
+    answer_with(0x01, 200);
     EXPECT_EQ(query(0x20, 0x20), 1);
     EXPECT_EQ(lines.back(), kQuery + ", retry counter:100,\r");
     EXPECT_EQ(slave.frames, Frames(100, kStatusFrame));
@@ -59,8 +60,7 @@ TEST_F(HostMuxPower, StatusThatIsNeverReachedEndsAfter100Polls) {
 }
 
 TEST_F(HostMuxPower, OneHundredthPollMaySucceed) {
-    answer_with(0x01, 99);
-    slave.status = 0x05;
+    answer_with(0x01, 99, 0x05);
     EXPECT_EQ(query(0x04, 0x04), 0);
     EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:99,\r");
 }
@@ -81,7 +81,6 @@ TEST_F(HostMuxPower, SilentSlaveCountsAsOff) {
 }
 
 TEST_F(HostMuxPower, UnpoweredSlaveIsSwitchedOffAndOn) {
-    slave.status = 0x00;
     EXPECT_EQ(query(0x04, 0x04), 1);
     EXPECT_EQ(lines, joined({{kQuery + "  Status receive: 0x0\r", kQuery + " spi slave is power off!!!!!!\r"},
                              answered_at_once("0x0"),
@@ -92,8 +91,7 @@ TEST_F(HostMuxPower, UnpoweredSlaveIsSwitchedOffAndOn) {
 }
 
 TEST_F(HostMuxPower, PowerIsNotCheckedWhileWaitingForPower) {
-    answer_with(0x00, 2);
-    slave.status = 0x01;
+    answer_with(0x00, 2, 0x01);
     EXPECT_EQ(query(0x01, 0x01), 0);
     EXPECT_EQ(slave.frames, Frames(3, kStatusFrame));
 }
@@ -182,7 +180,6 @@ TEST_F(HostMuxPower, PauseBetweenRoundsGrowsFrom5To300MsAndStartsAnew) {
 
 TEST_F(HostMuxPower, PowerOffRepeatsUntilTheSlaveIsOff) {
     answer_with(0x01, 250);
-    slave.status = 0x00;
     capture_stdout([&] { EXPECT_EQ(portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(handle.id), 0); });
     EXPECT_EQ(frames_of(0x02), 3U);
     EXPECT_EQ(frames_of(0x06), 251U);
@@ -250,7 +247,7 @@ constexpr uint8_t kFailingStatus[] = {0xFF, 0x09, 0x11, 0x00};
 TEST_F(HostMuxPower, EveryWaitOfAReceiveFailsTheOperation) {
     for (const Wait& wait : kReceiveWaits) {
         for (const uint8_t status : kFailingStatus) {
-            slave.to_host = {'a', 'b'};
+            slave.give({'a', 'b'});
             answer_nth_with(wait.query, status);
             EXPECT_FALSE(receive());
             EXPECT_EQ(times_printed(wait.text), 1U) << wait.query << " " << int{status};
@@ -276,12 +273,12 @@ TEST_F(HostMuxPower, SlaveThatIsNeverReadyFailsTheOperation) {
     EXPECT_TRUE(printed(kQuery + ", retry counter:100,\r"));
     EXPECT_TRUE(
         printed("mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"));
-    EXPECT_FALSE(slave.powered);
+    EXPECT_FALSE(slave.chip.slave.powered);
     expect_usable();
 }
 
 TEST_F(HostMuxPower, ResetInsideAnOperationLeavesThePowerOffToItsEnd) {
-    slave.to_host = {'a'};
+    slave.give({'a'});
     answer_nth_with(2, 0x09);
     EXPECT_FALSE(receive());
     EXPECT_EQ(frames_of(0x08), 1U);

@@ -1,7 +1,9 @@
 // Opening, closing and dispatch by bus type.
 #include "host_mux_fixture.h"
 #include "interpose/fail.h"
+#include "interpose/local.h"
 #include "mux/host_mux_i2c.h"
+#include "support/wait.h"
 
 #include <cerrno>
 
@@ -23,6 +25,7 @@ struct HostMuxOpen : testing::Test {
         return result;
     }
 
+    const TestLimit limit;
     MuxSlave slave;
     host_mux_spi_port_config config{};
     host_mux_handle handle{HOST_MUX_BUS_SPI, kHostMuxClosed};
@@ -105,6 +108,26 @@ TEST_F(HostMuxOpen, TransfersNeedAnOpenBus) {
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(host_mux_tx(&handle, &byte, &length), 1); }),
               "host_mux_tx, mux not open\n");
     EXPECT_EQ(slave.transfers, 0U);
+}
+
+TEST_F(HostMuxOpen, TransferDoesNotWaitWhileTheBusIsBeingOpened) {
+    std::atomic<bool> refused{false};
+    std::thread transfer;
+    LocalDevices devices;
+    devices.open = [&](const std::string&, int) {
+        transfer = std::thread([&] {
+            uint8_t byte = 0;
+            uint32_t length = 1;
+            refused = host_mux_rx(&handle, &byte, &length) == 1;
+        });
+        EXPECT_TRUE(wait_until([&] { return refused.load(); }, std::chrono::seconds(10)));
+        return 0;
+    };
+    devices.ioctl = [](const std::string&, unsigned long, void*) { return 0; };
+    local_devices(devices);
+    EXPECT_EQ(init(), 0);
+    transfer.join();
+    EXPECT_EQ(lines, Lines({"host_mux_rx, mux not open"}));
 }
 
 TEST_F(HostMuxOpen, UnknownBusTypeIsRefused) {

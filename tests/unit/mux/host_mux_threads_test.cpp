@@ -39,8 +39,8 @@ struct HostMuxThreads : HostMux {
 TEST_F(HostMuxThreads, BothDirectionsAtOnceKeepTheirBytes) {
     const Bytes down = counted_bytes(40000);
     const Bytes up = counted_bytes(20000);
-    slave.to_host = down;
-    slave.room = 257;
+    slave.give(down);
+    slave.chip.options.rx_window = 257;
     Bytes got;
     capture_stdout([&] {
         std::thread sender([&] { send_all(up); });
@@ -49,7 +49,7 @@ TEST_F(HostMuxThreads, BothDirectionsAtOnceKeepTheirBytes) {
         receiver.join();
     });
     EXPECT_EQ(got, down);
-    EXPECT_EQ(slave.from_host, up);
+    EXPECT_EQ(slave.taken(), up);
     expect_usable();
 }
 

@@ -49,7 +49,7 @@ extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 }
 
 TEST_F(HostMuxTurns, ReceiveGivesTheMutexBeforeAndBehindEachPhase) {
-    slave.to_host = {'a', 'b', 'c'};
+    slave.give({'a', 'b', 'c'});
     ASSERT_TRUE(receive());
     note_frames();
     EXPECT_EQ(turns.order, Frames({kOnFrame,

@@ -11,7 +11,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <functional>
 #include <linux/spi/spidev.h>
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -62,6 +66,7 @@ struct SerialPort : testing::Test {
         return {lines.begin() + static_cast<std::ptrdiff_t>(first), lines.end()};
     }
 
+    const TestLimit limit;
     PrivateDir directory;
     MuxSlave slave;
     Bytes buffer;
@@ -76,13 +81,15 @@ struct DeviceLog {
     int lsb_first = -1;
 };
 
-void attach_log(DeviceLog* log) {
+void attach_log(
+    DeviceLog* log, const std::function<void()>& meanwhile = [] {}) {
     LocalDevices devices;
     devices.open = [log](const std::string& path, int) {
         log->path = path;
         return 0;
     };
-    devices.ioctl = [log](const std::string&, unsigned long request, void* argument) {
+    devices.ioctl = [log, meanwhile](const std::string&, unsigned long request, void* argument) {
+        meanwhile();
         if (request == SPI_IOC_WR_MODE32) {
             log->mode = *static_cast<uint32_t*>(argument);
         }
@@ -159,7 +166,7 @@ TEST_F(SerialPort, ClosedLinkMovesNothing) {
 
 TEST_F(SerialPort, ReadGivesTheCount) {
     ASSERT_EQ(init(), 0);
-    slave.to_host = {'a', 'b', 'c'};
+    slave.give({'a', 'b', 'c'});
     EXPECT_EQ(read(15360), 3);
     EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 4), Bytes({'a', 'b', 'c', 0xEE}));
     EXPECT_EQ(read(15360), 0);
@@ -168,7 +175,7 @@ TEST_F(SerialPort, ReadGivesTheCount) {
 TEST_F(SerialPort, ReadMovesAtMost4095Bytes) {
     ASSERT_EQ(init(), 0);
     for (const uint32_t capacity : {4095U, 4096U, 15360U}) {
-        slave.to_host = Bytes(5000, 'x');
+        slave.give(Bytes(5000, 'x'));
         EXPECT_EQ(read(capacity), 4095);
         EXPECT_TRUE(printed(
             "mux_spi_master_demo_receive-Step1_c: slave data len too big, request 4095 B firstly;\r"));
@@ -177,26 +184,73 @@ TEST_F(SerialPort, ReadMovesAtMost4095Bytes) {
 
 TEST_F(SerialPort, WriteOf5000BytesIsCutTo4095) {
     ASSERT_EQ(init(), 0);
-    slave.room = 10000;
+    slave.chip.options.rx_window = 10000;
     EXPECT_EQ(write(Bytes(5000, 'x')), 4095);
-    EXPECT_EQ(slave.from_host, Bytes(4095, 'x'));
+    EXPECT_EQ(slave.taken(), Bytes(4095, 'x'));
     EXPECT_EQ(slave.frames[6], Bytes({0x0C, 0x00, 0x10, 0, 0, 0xFE, 0x0F, 0, 0}));
     EXPECT_TRUE(
         printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:10000, but master "
                 "just want to send:4095\r"));
 }
 
+TEST_F(SerialPort, NoMoreThan4095BytesAreAskedForOnABusWithoutALimitOfItsOwn) {
+    std::vector<size_t> lengths; // of reads and writes
+    LocalDevices devices;
+    devices.open = [](const std::string&, int) { return 0; };
+    devices.ioctl = [](const std::string&, unsigned long, void*) { return 0; };
+    devices.read = [&](const std::string&, void* to, size_t length) {
+        lengths.push_back(length);
+        memset(to, 0x7F, length); // the chip has more than enough, and takes as much
+        return static_cast<ssize_t>(length);
+    };
+    devices.write = [&](const std::string&, const void*, size_t length) {
+        lengths.push_back(length);
+        return static_cast<ssize_t>(length);
+    };
+    local_devices(devices);
+    g_location_serial_handle.bus_type = HOST_MUX_BUS_I2C;
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(read(15360), 4095);
+    EXPECT_EQ(write(Bytes(5000, 'x')), 4095);
+    EXPECT_EQ(lengths, (std::vector<size_t>{1, 8, 4, 8, 4095, 1, 8, 4, 8, 4095}));
+}
+
+TEST_F(SerialPort, ThreadCancelledInTheInitFinishesItFirst) {
+    DeviceLog log;
+    attach_log(&log, [] { pthread_cancel(pthread_self()); });
+    std::atomic<int32_t> result{-1};
+    const std::function<void()> body = [&] { result = location_serial_port_gnss_init(); };
+    pthread_t thread{};
+    capture_stdout([&] {
+        ASSERT_EQ(pthread_create(
+                      &thread, nullptr,
+                      [](void* argument) -> void* {
+                          (*static_cast<const std::function<void()>*>(argument))();
+                          pthread_testcancel();
+                          return nullptr;
+                      },
+                      const_cast<std::function<void()>*>(&body)),
+                  0);
+        void* end = nullptr;
+        pthread_join(thread, &end);
+        EXPECT_EQ(end, PTHREAD_CANCELED);
+    });
+    EXPECT_EQ(result, 0);
+    ASSERT_EQ(init(), 0);
+    EXPECT_EQ(lines.back(), "host_mux_init, mux exist");
+}
+
 TEST_F(SerialPort, WriteGivesWhatTheChipTook) {
     ASSERT_EQ(init(), 0);
-    slave.room = 2;
+    slave.chip.options.rx_window = 2;
     EXPECT_EQ(write({'a', 'b', 'c'}), 2);
-    slave.room = 0;
+    slave.chip.options.rx_window = 0;
     EXPECT_EQ(write({'a'}), 0);
 }
 
 TEST_F(SerialPort, FailedStepMovesNothing) {
     ASSERT_EQ(init(), 0);
-    slave.to_host = {'a'};
+    slave.give({'a'});
     slave.failing_transfer = 3;
     EXPECT_EQ(read(10), 0);
     slave.failing_transfer = slave.transfers + 3;
@@ -206,7 +260,7 @@ TEST_F(SerialPort, FailedStepMovesNothing) {
 TEST_F(SerialPort, LinkCanBeReopened) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(init(), 0);
-        slave.to_host = {'a'};
+        slave.give({'a'});
         EXPECT_EQ(read(10), 1);
         ASSERT_EQ(location_serial_port_gnss_deinit(), 0);
     }
