@@ -5,6 +5,7 @@
 #include "nmea/location_frame.h"
 #include "queue/service_queue.h"
 #include "support/capture.h"
+#include "support/test_limit.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -171,6 +172,7 @@ struct LocationIo : testing::Test {
         });
     }
 
+    const TestLimit limit;
     FakeWorld fake;
 };
 

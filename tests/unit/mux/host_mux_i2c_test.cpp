@@ -1,19 +1,21 @@
 #include "base/stop_request.h"
+#include "chip/chip.h"
 #include "interpose/fail.h"
 #include "interpose/local.h"
 #include "mux/host_mux.h"
 #include "mux/host_mux_i2c.h"
 #include "support/bytes.h"
 #include "support/capture.h"
+#include "support/test_limit.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
-#include <map>
 #include <numeric>
+#include <optional>
 #include <pthread.h>
 #include <string>
 #include <vector>
@@ -23,18 +25,35 @@ namespace {
 // As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
 [[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
-// The chip's side of the bus: three addresses, two length registers, two buffers.
+// The board's chip behind the I2C node, and what is put over it.
 struct I2cSlave {
-    uint32_t tx_length = 0; // value of the register, also a lie
-    uint32_t rx_length = 0;
-    Bytes to_send;
-    Bytes taken;
-    std::map<uint8_t, int> refuse; // attempts not acknowledged yet, by address
-    bool silent = false;
-    size_t short_by = 0; // bytes that each data phase falls short
+    I2cSlave() {
+        ChipOptions options;
+        options.source = ChipSource::none;
+        chip_init(chip, options);
+        chip_power(chip, true, 0);
+    }
+    // These bytes wait for the host, which may write as many.
+    void give(const Bytes& bytes) {
+        chip_fifo_clear(chip.transmit);
+        chip_fifo_push(chip.transmit, std::string(bytes.begin(), bytes.end()), false);
+        chip.options.rx_window = static_cast<uint32_t>(bytes.size());
+    }
+    // The next transactions are acknowledged, those behind them not, the rest are again.
+    void refuse(int good_first, int bad_then) {
+        good = good_first;
+        bad = bad_then;
+    }
+    bool refuses() {
+        return good > 0 ? good-- < 0 : bad-- > 0;
+    }
 
+    Chip chip;
+    int good = 0;
+    int bad = 0;
+    size_t read_max = SIZE_MAX; // bytes of one read
     uint8_t address = 0;
-    Bytes command;
+    Bytes taken;                                    // what the host wrote as data
     std::vector<std::pair<uint8_t, Bytes>> written; // everything the host wrote
     std::vector<std::pair<uint8_t, size_t>> read;   // every read of the host
 };
@@ -53,51 +72,42 @@ void note(const char* what) {
     EXPECT_EQ(pthread_mutex_trylock(g_host_mux_i2c_master_mutex), EBUSY) << text;
 }
 
-bool refused() {
-    if (slave->silent || slave->refuse[slave->address] > 0) {
-        --slave->refuse[slave->address];
-        errno = EREMOTEIO;
-        return true;
-    }
-    return false;
-}
-
 int slave_ioctl(unsigned long request, void* argument) {
     EXPECT_EQ(request, static_cast<unsigned long>(I2C_SLAVE));
     slave->address = static_cast<uint8_t>(reinterpret_cast<uintptr_t>(argument));
     return 0;
 }
 
+ssize_t result_of(std::optional<uint32_t> moved) {
+    errno = EREMOTEIO;
+    return moved ? static_cast<ssize_t>(*moved) : -1;
+}
+
 ssize_t slave_write(const void* data, size_t length) {
     const auto* bytes = static_cast<const uint8_t*>(data);
     note("write");
-    if (refused()) {
-        return -1;
+    if (slave->refuses()) {
+        return result_of({});
     }
     slave->written.emplace_back(slave->address, Bytes(bytes, bytes + length));
-    if (slave->address == 0x50) {
-        slave->command.assign(bytes, bytes + length);
-    } else {
-        slave->taken.insert(slave->taken.end(), bytes, bytes + length - slave->short_by);
+    if (slave->address == 0x58) {
+        slave->taken.insert(slave->taken.end(), bytes, bytes + length);
     }
-    return static_cast<ssize_t>(length - (slave->address == 0x50 ? 0 : slave->short_by));
+    return result_of(chip_i2c_write(slave->chip, slave->address, bytes, static_cast<uint32_t>(length), 0));
 }
 
 ssize_t slave_read(void* buffer, size_t length) {
     note("read");
-    if (refused()) {
-        return -1;
+    if (slave->refuses()) {
+        return result_of({});
     }
     slave->read.emplace_back(slave->address, length);
-    const bool data_phase = slave->command[1] == 0x20;
-    if (!data_phase) {
-        const uint32_t value = slave->command[0] == 0x08 ? slave->tx_length : slave->rx_length;
-        memcpy(buffer, &value, std::min(length, sizeof value));
-        return static_cast<ssize_t>(length);
-    }
-    const size_t count = std::min(length, slave->to_send.size()) - slave->short_by;
-    memcpy(buffer, slave->to_send.data(), count);
-    return static_cast<ssize_t>(count);
+    Bytes all(length);
+    const ssize_t count =
+        result_of(chip_i2c_read(slave->chip, slave->address, all.data(), static_cast<uint32_t>(length), 0));
+    const size_t moved = std::min(slave->read_max, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    std::copy_n(all.begin(), moved, static_cast<uint8_t*>(buffer));
+    return count < 0 ? -1 : static_cast<ssize_t>(moved);
 }
 
 Bytes counted(size_t size) {
@@ -125,14 +135,8 @@ class HostMuxI2c : public testing::Test {
 protected:
     void SetUp() override {
         slave = &chip;
-        LocalDevices devices;
-        devices.open = [](const std::string&, int) { return 0; };
-        devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-            return slave_ioctl(request, argument);
-        };
-        devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
-        devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
-        local_devices(devices);
+        chip.give({});
+        attach([](unsigned long, void*) {});
         snprintf(config.path, sizeof config.path, "/dev/i2c-1");
         ASSERT_EQ(host_mux_init(&handle, &config), 0);
         events.clear();
@@ -143,6 +147,18 @@ protected:
         local_devices({});
     }
 
+    // meanwhile is called at each address that the host sets.
+    void attach(const std::function<void(unsigned long, void*)>& meanwhile) {
+        LocalDevices devices;
+        devices.open = [](const std::string&, int) { return 0; };
+        devices.ioctl = [meanwhile](const std::string&, unsigned long request, void* argument) {
+            meanwhile(request, argument);
+            return slave_ioctl(request, argument);
+        };
+        devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
+        devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
+        local_devices(devices);
+    }
     int32_t receive(size_t capacity) {
         buffer.assign(capacity, 0xEE);
         length = static_cast<uint32_t>(capacity);
@@ -157,6 +173,7 @@ protected:
         return host_mux_tx(&handle, data.data(), &length);
     }
 
+    const TestLimit limit;
     I2cSlave chip;
     host_mux_i2c_port_config config = {};
     host_mux_handle handle = {HOST_MUX_BUS_I2C, kHostMuxClosed};
@@ -165,12 +182,11 @@ protected:
 };
 
 TEST_F(HostMuxI2c, ReceiveAsksForTheLengthThenForThatManyBytes) {
-    chip.to_send = counted(5);
-    chip.tx_length = 5;
+    chip.give(counted(5));
     const std::string log = capture_stdout([&] { EXPECT_EQ(receive(100), 0); });
 
     EXPECT_EQ(length, 5U);
-    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 5), chip.to_send);
+    EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 5), counted(5));
     const std::vector<std::pair<uint8_t, Bytes>> written = {
         {0x50, {0x00}},
         {0x50, {0x08, 0x00, 0x51, 0xAA, 0x04, 0x00, 0x00, 0x00}},
@@ -194,8 +210,8 @@ TEST_F(HostMuxI2c, ReceiveAsksForTheLengthThenForThatManyBytes) {
         "[mux][i2c][master][rx]===>step 2-b:Receive slave tx_buff data success\r\n");
 }
 
-TEST_F(HostMuxI2c, SendAsksForTheRoomThenWritesThatManyBytes) {
-    chip.rx_length = 4096;
+TEST_F(HostMuxI2c, SendAsksHowMuchTheChipTakesThenWritesThatManyBytes) {
+    chip.chip.options.rx_window = 4096;
     const std::string log = capture_stdout([&] { EXPECT_EQ(send(counted(3)), 0); });
 
     EXPECT_EQ(length, 3U);
@@ -226,39 +242,36 @@ TEST_F(HostMuxI2c, SendAsksForTheRoomThenWritesThatManyBytes) {
 }
 
 TEST_F(HostMuxI2c, EverySizeArrivesIntactInBothDirections) {
-    for (size_t size = 1; size <= 4095; ++size) {
-        chip.to_send = counted(size);
-        chip.tx_length = chip.rx_length = static_cast<uint32_t>(size);
+    for (size_t size = 1; size <= 4095; size += size < 70 || size == 4094 ? 1 : 61) {
+        const Bytes bytes = counted(size);
+        chip.give(bytes);
         chip.taken.clear();
         capture_stdout([&] {
             ASSERT_EQ(receive(4095), 0);
-            EXPECT_EQ(length, size);
-            buffer.resize(size);
-            ASSERT_EQ(buffer, chip.to_send) << size;
-            ASSERT_EQ(send(chip.to_send), 0);
+            buffer.resize(length);
+            ASSERT_EQ(send(bytes), 0);
         });
-        ASSERT_EQ(chip.taken, chip.to_send) << size;
-        chip.written.clear();
-        events.clear();
+        ASSERT_EQ(buffer, bytes) << size;
+        ASSERT_EQ(chip.taken, bytes) << size;
     }
+    EXPECT_EQ(chip.chip.status.violations, 0U) << chip.chip.status.last_violation;
 }
 
 TEST_F(HostMuxI2c, ReceiveKeepsTheMutexForItsWholeRun) {
-    chip.to_send = counted(2);
-    chip.tx_length = 2;
+    chip.give(counted(2));
     capture_stdout([&] { EXPECT_EQ(receive(2), 0); });
     EXPECT_EQ(events, (Events{"sleep 10", "write 50", "sleep 10", "write 50", "sleep 10", "read 54",
                               "sleep 10", "write 50", "sleep 10", "read 54", "give"}));
 }
 
 TEST_F(HostMuxI2c, SendGivesTheMutexOnceBetweenItsPhases) {
-    chip.rx_length = 2;
+    chip.chip.options.rx_window = 2;
     capture_stdout([&] { EXPECT_EQ(send(counted(2)), 0); });
     EXPECT_EQ(events, (Events{"sleep 10", "write 50", "sleep 10", "write 50", "sleep 10", "read 54", "give",
                               "sleep 10", "write 50", "sleep 10", "write 58", "give"}));
 }
 
-TEST_F(HostMuxI2c, NoRoomOrNothingReadyGivesTheMutexOnce) {
+TEST_F(HostMuxI2c, NothingTakenOrReadyGivesTheMutexOnce) {
     capture_stdout([&] { EXPECT_EQ(send(counted(2)), 0); });
     EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
     events.clear();
@@ -275,7 +288,7 @@ TEST_F(HostMuxI2c, NothingReadyEndsWithOneZeroLengthLine) {
     EXPECT_EQ(chip.written.size(), 2U);
 }
 
-TEST_F(HostMuxI2c, NoRoomEndsTheSendSilently) {
+TEST_F(HostMuxI2c, ChipThatTakesNothingEndsTheSendSilently) {
     const std::string log = capture_stdout([&] { EXPECT_EQ(send(counted(3)), 0); });
     EXPECT_EQ(length, 0U);
     EXPECT_EQ(lines_of(log).back(),
@@ -283,8 +296,8 @@ TEST_F(HostMuxI2c, NoRoomEndsTheSendSilently) {
 }
 
 TEST_F(HostMuxI2c, HostileLengthIsBoundedByTheCallersCapacity) {
-    chip.tx_length = 0xFFFFFFFF;
-    chip.to_send = counted(100);
+    chip.give(counted(100));
+    chip.chip.faults.hostile_tx = true;
     const std::string log = capture_stdout([&] { EXPECT_EQ(receive(100), 0); });
     EXPECT_EQ(length, 100U);
     EXPECT_NE(log.find("step 1-b:I2c slave tx data len too big(expect:100, actual:-1)\r\n"),
@@ -293,7 +306,7 @@ TEST_F(HostMuxI2c, HostileLengthIsBoundedByTheCallersCapacity) {
 }
 
 TEST_F(HostMuxI2c, NoCapacityEndsAsIfNothingWereReady) {
-    chip.tx_length = 5;
+    chip.give(counted(5));
     const std::vector<std::string> lines = lines_of(capture_stdout([&] { EXPECT_EQ(receive(0), 0); }));
     EXPECT_EQ(length, 0U);
     ASSERT_GE(lines.size(), 2U);
@@ -303,15 +316,15 @@ TEST_F(HostMuxI2c, NoCapacityEndsAsIfNothingWereReady) {
               "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r");
 }
 
-TEST_F(HostMuxI2c, HostileRoomSendsTheCallersLength) {
-    chip.rx_length = 0xFFFFFFFF;
+TEST_F(HostMuxI2c, HostileLengthSendsTheCallersLength) {
+    chip.chip.faults.hostile_rx = true;
     capture_stdout([&] { EXPECT_EQ(send(counted(9)), 0); });
     EXPECT_EQ(length, 9U);
     EXPECT_EQ(chip.taken, counted(9));
 }
 
-TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCutToItsRoom) {
-    chip.rx_length = 4;
+TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCut) {
+    chip.chip.options.rx_window = 4;
     const std::string log = capture_stdout([&] { EXPECT_EQ(send(counted(9)), 0); });
     EXPECT_EQ(length, 4U);
     EXPECT_EQ(chip.taken, counted(4));
@@ -319,20 +332,19 @@ TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCutToItsRoom) {
 }
 
 TEST_F(HostMuxI2c, ShortDataPhasesCountAsFullOnesWithoutOldBytes) {
-    chip.tx_length = chip.rx_length = 10;
-    chip.to_send = counted(10);
-    chip.short_by = 3;
+    chip.give(counted(10));
+    chip.chip.faults.i2c.short_read = chip.chip.faults.i2c.short_write = true;
     capture_stdout([&] {
         EXPECT_EQ(receive(10), 0);
         EXPECT_EQ(length, 10U);
-        EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4, 5, 6, 7, 0, 0, 0}));
+        EXPECT_EQ(buffer, (Bytes{1, 2, 3, 4, 5, 0, 0, 0, 0, 0}));
         EXPECT_EQ(send(counted(10)), 0);
     });
     EXPECT_EQ(length, 10U);
 }
 
 TEST_F(HostMuxI2c, SilentChipCostsSixAttemptsOfTheProbe) {
-    chip.silent = true;
+    chip.chip.faults.silence = true;
     const std::string log = capture_stdout([&] { EXPECT_EQ(receive(10), 1); });
     std::string expected =
         "[mux][i2c][master][rx]===>****** i2c master check whether slave is alive ******\n"
@@ -350,14 +362,13 @@ TEST_F(HostMuxI2c, SilentChipCostsSixAttemptsOfTheProbe) {
     six.emplace_back("give");
     EXPECT_EQ(events, six);
 
-    chip.silent = false;
-    chip.tx_length = 1;
-    chip.to_send = counted(1);
+    chip.chip.faults.silence = false;
+    chip.give(counted(1));
     capture_stdout([&] { EXPECT_EQ(receive(10), 0) << "the mutex was given back"; });
 }
 
 TEST_F(HostMuxI2c, FailedAttemptIsNotRepeatedWhileAStopIsPending) {
-    chip.silent = true;
+    chip.chip.faults.silence = true;
     const StopRequest stop;
     capture_stdout([&] {
         EXPECT_EQ(receive(10), 1);
@@ -383,50 +394,21 @@ void PrintTo(const StepFailure& step, std::ostream* out) {
 
 } // namespace
 
-class HostMuxI2cStep : public HostMuxI2c, public testing::WithParamInterface<StepFailure> {
-protected:
-    // Refuses from the n-th transaction on, count times.
-    void refuse_from(int good, int count) {
-        left_good = good;
-        left_bad = count;
-        LocalDevices devices;
-        devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-            return slave_ioctl(request, argument);
-        };
-        const auto passes = [this] {
-            if (left_good > 0) {
-                --left_good;
-                return true;
-            }
-            errno = EREMOTEIO;
-            return left_bad-- <= 0;
-        };
-        devices.read = [passes](const std::string&, void* to, size_t n) {
-            return passes() ? slave_read(to, n) : -1;
-        };
-        devices.write = [passes](const std::string&, const void* from, size_t n) {
-            return passes() ? slave_write(from, n) : -1;
-        };
-        local_devices(devices);
-    }
-
-    int left_good = 0;
-    int left_bad = 0;
-};
+class HostMuxI2cStep : public HostMuxI2c, public testing::WithParamInterface<StepFailure> {};
 
 TEST_P(HostMuxI2cStep, FiveFailuresAreRetriedAndTheSixthEndsTheOperation) {
     const StepFailure& step = GetParam();
-    chip.tx_length = chip.rx_length = 5;
-    chip.to_send = counted(5);
+    chip.give(counted(5));
     const auto run = [&] { return step.sending ? send(counted(5)) : receive(5); };
 
-    refuse_from(step.good_before, 5);
+    chip.refuse(step.good_before, 5);
     const std::string retried = capture_stdout([&] { EXPECT_EQ(run(), 0); });
     EXPECT_EQ(length, 5U);
     EXPECT_EQ(retried.find("too many"), std::string::npos);
     EXPECT_NE(retried.find(step.retry[0]), std::string::npos);
 
-    refuse_from(step.good_before, 6);
+    chip.give(counted(5));
+    chip.refuse(step.good_before, 6);
     const std::vector<std::string> lines = lines_of(capture_stdout([&] { EXPECT_EQ(run(), 1); }));
     expect_mutex_free();
     EXPECT_EQ(events.back(), "give");
@@ -510,41 +492,20 @@ INSTANTIATE_TEST_SUITE_P(
             "[mux][i2c][master][tx]===>Step 2_b: #### too many ERROR counter 6, now go to restart!!!!!"}),
     [](const auto& step) { return std::string(step.param.name); });
 
-// Every step has its own six attempts.
-TEST_F(HostMuxI2c, ErrorsAreCountedFromZeroInEveryStep) {
-    chip.tx_length = chip.rx_length = 5;
-    chip.to_send = counted(5);
-    int attempt = 0;
-    LocalDevices devices;
-    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-        return slave_ioctl(request, argument);
-    };
-    const auto sixth = [&attempt] { return ++attempt % 6 == 0; };
-    devices.read = [&](const std::string&, void* to, size_t n) { return sixth() ? slave_read(to, n) : -1; };
-    devices.write = [&](const std::string&, const void* from, size_t n) {
-        return sixth() ? slave_write(from, n) : -1;
-    };
-    local_devices(devices);
-    capture_stdout([&] {
-        EXPECT_EQ(receive(5), 0);
-        EXPECT_EQ(send(counted(5)), 0);
-    });
-    EXPECT_EQ(length, 5U);
-    EXPECT_EQ(attempt, 2 * 5 * 6);
+TEST_F(HostMuxI2c, EveryStepHasItsOwnSixAttempts) {
+    for (const bool sending : {false, true}) {
+        chip.give(counted(5));
+        int attempts = 0;
+        attach([&](unsigned long, void*) { chip.refuse(0, ++attempts % 6 == 0 ? 0 : 1); });
+        capture_stdout([&] { EXPECT_EQ(sending ? send(counted(5)) : receive(5), 0); });
+        EXPECT_EQ(length, 5U);
+        EXPECT_EQ(attempts, 5 * 6);
+    }
 }
 
 TEST_F(HostMuxI2c, ShortLengthReadIsTakenWithZerosAboveIt) {
-    chip.to_send = counted(0x0203);
-    chip.tx_length = 0x0203;
-    LocalDevices devices;
-    devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-        return slave_ioctl(request, argument);
-    };
-    devices.read = [](const std::string&, void* to, size_t n) {
-        return n == 4 ? slave_read(to, 1) : slave_read(to, n);
-    };
-    devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
-    local_devices(devices);
+    chip.give(counted(0x0203));
+    chip.read_max = 1;
     capture_stdout([&] { EXPECT_EQ(receive(4095), 0); });
     EXPECT_EQ(length, 3U);
 }
@@ -582,95 +543,56 @@ TEST_F(HostMuxI2c, FailedCloseIsToldAndKeepsTheMutex) {
 
 namespace {
 
-void* receive_on_thread(void* argument) {
-    auto* handle = static_cast<host_mux_handle*>(argument);
-    uint8_t byte = 0;
-    uint32_t length = 1;
-    host_mux_rx(handle, &byte, &length);
-    return nullptr;
-}
+// An operation on a thread of its own, which ends behind it when it is cancelled.
+struct OnThread {
+    static void* run(void* argument) {
+        auto* self = static_cast<OnThread*>(argument);
+        self->result = self->operation();
+        pthread_testcancel();
+        return nullptr;
+    }
+    void start() {
+        ASSERT_EQ(pthread_create(&thread, nullptr, run, this), 0);
+    }
+    void* join() {
+        void* end = nullptr;
+        EXPECT_EQ(pthread_join(thread, &end), 0);
+        return end;
+    }
+
+    std::function<int32_t()> operation;
+    int32_t result = -1;
+    pthread_t thread{};
+};
 
 } // namespace
 
 TEST_F(HostMuxI2c, CancelledWhileAnotherThreadHoldsTheBusComesBack) {
+    OnThread operation{[&] { return receive(1); }};
     capture_stdout([&] {
-        ASSERT_EQ(port_platform_take_mutex(g_host_mux_i2c_master_mutex), 0);
-        pthread_t thread = {};
-        ASSERT_EQ(pthread_create(&thread, nullptr, receive_on_thread, &handle), 0);
-        ASSERT_EQ(pthread_cancel(thread), 0);
-        void* result = nullptr;
-        ASSERT_EQ(pthread_join(thread, &result), 0);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
-        port_platform_give_mutex(g_host_mux_i2c_master_mutex);
+        ASSERT_EQ(pthread_mutex_lock(g_host_mux_i2c_master_mutex), 0);
+        operation.start();
+        ASSERT_EQ(pthread_cancel(operation.thread), 0);
+        EXPECT_EQ(operation.join(), PTHREAD_CANCELED);
+        pthread_mutex_unlock(g_host_mux_i2c_master_mutex);
     });
-    chip.tx_length = 1;
-    chip.to_send = counted(1);
+    EXPECT_EQ(operation.result, -1) << "ended in the wait";
+    chip.give(counted(1));
     capture_stdout([&] { EXPECT_EQ(receive(1), 0); });
 }
 
-namespace {
-
-// An operation whose thread is cancelled in the middle: what came of it is told when it goes on behind.
-struct CancelledOperation {
-    host_mux_handle* handle;
-    int32_t result = -1;
-    uint32_t length = 3;
-    uint8_t bytes[3] = {};
-};
-
-void* receive_cancelled(void* argument) {
-    auto* receive = static_cast<CancelledOperation*>(argument);
-    receive->result = host_mux_rx(receive->handle, receive->bytes, &receive->length);
-    pthread_testcancel();
-    return nullptr;
-}
-
-void* send_cancelled(void* argument) {
-    auto* send = static_cast<CancelledOperation*>(argument);
-    send->result = host_mux_tx(send->handle, send->bytes, &send->length);
-    pthread_testcancel();
-    return nullptr;
-}
-
-} // namespace
-
-class HostMuxI2cCancelled : public HostMuxI2c {
-protected:
-    // Runs the operation on a thread that is cancelled as soon as it reaches the bus.
-    void run(void* (*body)(void*)) {
-        LocalDevices devices;
-        devices.ioctl = [](const std::string&, unsigned long request, void* argument) {
-            pthread_cancel(pthread_self());
-            return slave_ioctl(request, argument);
-        };
-        devices.read = [](const std::string&, void* to, size_t n) { return slave_read(to, n); };
-        devices.write = [](const std::string&, const void* from, size_t n) { return slave_write(from, n); };
-        local_devices(devices);
+TEST_F(HostMuxI2c, OperationThatIsCancelledOnTheBusIsFinishedFirst) {
+    for (const bool sending : {false, true}) {
+        chip.give(counted(3));
+        attach([](unsigned long, void*) { pthread_cancel(pthread_self()); });
+        OnThread operation{[&] { return sending ? send(counted(3)) : receive(3); }};
         capture_stdout([&] {
-            pthread_t thread = {};
-            ASSERT_EQ(pthread_create(&thread, nullptr, body, &operation), 0);
-            ASSERT_EQ(pthread_join(thread, &thread_result), 0);
+            operation.start();
+            EXPECT_EQ(operation.join(), PTHREAD_CANCELED);
         });
-        EXPECT_EQ(thread_result, PTHREAD_CANCELED);
         EXPECT_EQ(operation.result, 0);
-        EXPECT_EQ(operation.length, 3U);
+        EXPECT_EQ(length, 3U);
+        EXPECT_EQ(sending ? chip.taken : buffer, counted(3));
         expect_mutex_free();
     }
-
-    CancelledOperation operation = {.handle = &handle};
-    void* thread_result = nullptr;
-};
-
-TEST_F(HostMuxI2cCancelled, InAReceiveFinishesItFirst) {
-    chip.tx_length = 3;
-    chip.to_send = counted(3);
-    run(receive_cancelled);
-    EXPECT_EQ(Bytes(operation.bytes, operation.bytes + 3), counted(3));
-}
-
-TEST_F(HostMuxI2cCancelled, InASendFinishesItFirst) {
-    chip.rx_length = 3;
-    std::iota(operation.bytes, operation.bytes + 3, uint8_t{1});
-    run(send_cancelled);
-    EXPECT_EQ(chip.taken, counted(3));
 }

@@ -13,7 +13,6 @@
 namespace {
 
 constexpr unsigned kSleepDivisor = 500;
-constexpr unsigned kLimitSeconds = 120;
 constexpr uint8_t kReadStatus = 0x06;
 constexpr uint8_t kWriteData = 0x0E;
 
@@ -107,14 +106,6 @@ void reset_sleeps() {
 
 void fail_allocations(bool fail) {
     allocations_fail = fail;
-}
-
-TestLimit::TestLimit() {
-    alarm(kLimitSeconds);
-}
-
-TestLimit::~TestLimit() {
-    alarm(0);
 }
 
 // The linker leads the calls of the code under test here.

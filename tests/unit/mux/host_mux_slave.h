@@ -5,6 +5,7 @@
 
 #include "chip/chip.h"
 #include "support/bytes.h"
+#include "support/test_limit.h"
 
 #include <atomic>
 #include <cstddef>
@@ -47,13 +48,5 @@ void reset_sleeps();
 
 // Makes the allocations of the code under test fail.
 void fail_allocations(bool fail);
-
-// Ends the program when a test does not end by itself: it fails instead of hanging.
-struct TestLimit {
-    TestLimit();
-    ~TestLimit();
-    TestLimit(const TestLimit&) = delete;
-    TestLimit& operator=(const TestLimit&) = delete;
-};
 
 #endif
