@@ -14,7 +14,7 @@ struct TestLimit {
     TestLimit(const TestLimit&) = delete;
     TestLimit& operator=(const TestLimit&) = delete;
 
-    static constexpr unsigned kSeconds = 120;
+    static constexpr unsigned kSeconds = 60;
 };
 
 #endif

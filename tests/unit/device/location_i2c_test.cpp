@@ -99,17 +99,3 @@ TEST_F(LocationI2c, RefusedSlaveAddressIsToldAndMovesNothing) {
     EXPECT_EQ(calls, Lines{});
     location_i2c_deinit(fd);
 }
-
-TEST_F(LocationI2c, FailedReadOrWriteIsReturned) {
-    ASSERT_EQ(location_i2c_init(&fd, &config), 0);
-    char buffer[4] = {};
-    interpose_fail("read", 1, EIO);
-    EXPECT_EQ(location_i2c_read(fd, 0x41, buffer, sizeof buffer), -1);
-    interpose_fail("write", 1, EIO);
-    EXPECT_EQ(location_i2c_write(fd, 0x41, "abcd", 4), -1);
-    location_i2c_deinit(fd);
-}
-
-TEST_F(LocationI2c, DeinitReturnsTheResultOfClose) {
-    EXPECT_EQ(location_i2c_deinit(-1), -1);
-}

@@ -179,15 +179,6 @@ TEST_F(LocationSpi, TransferCarriesBuffersAndLengthAndNothingElse) {
     location_spi_deinit(fd);
 }
 
-TEST_F(LocationSpi, TransferTakesMissingBuffers) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
-    EXPECT_EQ(location_spi_transfer(fd, nullptr, nullptr, 4), 4);
-    EXPECT_EQ(message.tx_buf, 0U);
-    EXPECT_EQ(message.rx_buf, 0U);
-    location_spi_deinit(fd);
-}
-
 TEST_F(LocationSpi, TransferReturnsWhatTheDeviceMoved) {
     int32_t fd = -1;
     ASSERT_EQ(init(&fd), 0);
@@ -264,10 +255,6 @@ TEST_F(LocationSpi, ReadAndWriteArePlain) {
     interpose_fail("write", 1, EIO);
     EXPECT_EQ(location_spi_write(fd, "abcd", 4), -1);
     location_spi_deinit(fd);
-}
-
-TEST_F(LocationSpi, DeinitReturnsTheResultOfClose) {
-    EXPECT_EQ(location_spi_deinit(-1), -1);
 }
 
 TEST_F(LocationSpi, ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice) {

@@ -96,20 +96,16 @@ extern "C" int __wrap_timer_settime(timer_t timer, int flags, const itimerspec* 
     return __real_timer_settime(timer, flags, value, old);
 }
 
-TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwn) {
+TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwnByTheTimeOfDayAndIsInactiveThen) {
     ASSERT_NE(timer, nullptr);
-    ASSERT_EQ(location_timer_start(timer, 5), 0);
-    ASSERT_TRUE(wait_for_count(1));
-    const std::lock_guard hold(fired.lock);
-    EXPECT_EQ(fired.value, nullptr);
-    EXPECT_NE(fired.thread, std::this_thread::get_id());
-}
-
-TEST_F(LocationTimer, IsInactiveRightAfterItFired) {
+    EXPECT_EQ(created_on, CLOCK_REALTIME);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     ASSERT_TRUE(wait_for_count(1));
     EXPECT_EQ(is_active(), -1);
     EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:0,0\n");
+    const std::lock_guard hold(fired.lock);
+    EXPECT_EQ(fired.value, nullptr);
+    EXPECT_NE(fired.thread, std::this_thread::get_id());
 }
 
 TEST_F(LocationTimer, IsDisarmedWhenCreated) {
@@ -128,17 +124,10 @@ TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
     EXPECT_GT(seconds, 900);
 }
 
-TEST_F(LocationTimer, RunsOnTheTimeOfDay) {
-    EXPECT_EQ(created_on, CLOCK_REALTIME);
-}
-
-TEST_F(LocationTimer, IsActiveWithWholeSecondsLeft) {
+TEST_F(LocationTimer, IsActiveWithWholeSecondsOrPartsOfOneLeft) {
     remaining = {1, 0};
     EXPECT_EQ(is_active(), 0);
     EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:1,0\n");
-}
-
-TEST_F(LocationTimer, IsActiveWithLessThanASecondLeft) {
     remaining = {0, 1};
     EXPECT_EQ(is_active(), 0);
     EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:0,1\n");
@@ -152,13 +141,9 @@ TEST_F(LocationTimer, SetSplitsMillisecondsForOneShotFromNow) {
     EXPECT_EQ(last_set.value.it_interval.tv_sec, 0);
     EXPECT_EQ(last_set.value.it_interval.tv_nsec, 0);
     EXPECT_FALSE(last_set.asked_for_old);
-}
-
-TEST_F(LocationTimer, LongestTimeIsTaken) {
     ASSERT_EQ(location_timer_start(timer, 2147483647), 0);
     EXPECT_EQ(last_set.value.it_value.tv_sec, 2147483);
     EXPECT_EQ(last_set.value.it_value.tv_nsec, 647000000);
-    EXPECT_EQ(is_active(), 0);
 }
 
 TEST_F(LocationTimer, NegativeTimeIsRefusedAndLeavesTheTimerAsItIs) {
@@ -169,28 +154,20 @@ TEST_F(LocationTimer, NegativeTimeIsRefusedAndLeavesTheTimerAsItIs) {
     EXPECT_EQ(is_active(), 0);
 }
 
-TEST_F(LocationTimer, StartWithZeroDisarms) {
+TEST_F(LocationTimer, StopAndAStartWithZeroDisarm) {
+    ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
+    EXPECT_EQ(location_timer_stop(timer), 0);
+    EXPECT_EQ(is_active(), -1);
+    EXPECT_EQ(location_timer_stop(timer), 0);
     ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     EXPECT_EQ(location_timer_start(timer, 0), 0);
     EXPECT_EQ(is_active(), -1);
 }
 
-TEST_F(LocationTimer, StopDisarms) {
-    ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
-    EXPECT_EQ(location_timer_stop(timer), 0);
-    EXPECT_EQ(is_active(), -1);
-    EXPECT_EQ(location_timer_stop(timer), 0);
-}
-
-TEST_F(LocationTimer, StartOfAnArmedTimerArmsItAnew) {
+TEST_F(LocationTimer, StartOfAnArmedOrFiredTimerArmsItAnew) {
     ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     ASSERT_EQ(location_timer_start(timer, 5), 0);
     EXPECT_TRUE(wait_for_count(1));
-}
-
-TEST_F(LocationTimer, FiresAgainWhenStartedAgain) {
-    ASSERT_EQ(location_timer_start(timer, 1), 0);
-    ASSERT_TRUE(wait_for_count(1));
     ASSERT_EQ(location_timer_start(timer, 1), 0);
     EXPECT_TRUE(wait_for_count(2));
 }

@@ -173,23 +173,15 @@ TEST_F(PortPlatform, SpiInitAppliesTheSettingsOfThePort) {
     EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
 }
 
-TEST_F(PortPlatform, BitOrderZeroIsLeastSignificantBitFirstAndAnyOtherIsNot) {
+TEST_F(PortPlatform, BitOrderIsTurnedRoundAndPhaseAndPolarityMakeTheMode) {
     for (const uint8_t order : std::vector<uint8_t>{0, 1, 2, 255}) {
         calls.clear();
         spi.bit_order = order;
+        spi.cpha = order & 1U;
+        spi.cpol = order > 1 ? 1 : 0;
         const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
         EXPECT_EQ(calls[3], order == 0 ? "lsb 1" : "lsb 0");
-        port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
-    }
-}
-
-TEST_F(PortPlatform, ClockPhaseIsBit0AndPolarityBit1OfTheMode) {
-    for (const uint8_t mode : std::vector<uint8_t>{0, 1, 2, 3}) {
-        calls.clear();
-        spi.cpha = mode & 1U;
-        spi.cpol = static_cast<uint8_t>(mode >> 1U);
-        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
-        EXPECT_EQ(calls[1], "mode " + std::to_string(mode));
+        EXPECT_EQ(calls[1], "mode " + std::to_string(order == 255 ? 3 : order));
         port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
     }
 }
@@ -213,19 +205,6 @@ TEST_F(PortPlatform, PathThatCanNotBeTakenIsToldAndNothingIsOpened) {
               "port_platform_bus_init, get path fail\n"
               "[LOCSERV] ERR: location_i2c_init, open fail\n");
     EXPECT_TRUE(calls.empty());
-}
-
-TEST_F(PortPlatform, FailedInitGivesMinusOneAndLeavesNothingOpen) {
-    interpose_fail("open", 1, ENOENT);
-    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); }),
-              "[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
-    interpose_fail("open", 1, ENOENT);
-    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c), -1); }),
-              "[LOCSERV] ERR: location_i2c_init, open fail\n");
-    EXPECT_TRUE(calls.empty());
-    interpose_fail("ioctl", 4, EINVAL);
-    capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); });
-    EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
 }
 
 TEST_F(PortPlatform, UnknownBusIsRejectedSilently) {
@@ -277,16 +256,10 @@ TEST_F(PortPlatform, I2cTransferGoesInTheDirectionOfItsLength) {
     port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
 }
 
-TEST_F(PortPlatform, I2cTransferWithBothLengthsTouchesNoDevice) {
+TEST_F(PortPlatform, I2cTransferWithBothLengthsOrNoneTouchesNoDevice) {
     const int32_t fd = open_i2c();
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 1, 1, 0x41}), -1);
     EXPECT_EQ(log, "port_platform_bus_transfer, rx len > 0 and tx len > 0\n");
-    EXPECT_TRUE(calls.empty());
-    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
-}
-
-TEST_F(PortPlatform, I2cTransferWithNoLengthTouchesNoDevice) {
-    const int32_t fd = open_i2c();
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 0, 0, 0x41}), -1);
     EXPECT_EQ(log, "port_platform_bus_transfer, len <= 0\n");
     EXPECT_TRUE(calls.empty());
@@ -329,19 +302,13 @@ TEST_F(PortPlatform, SleepWaitsInSelectWithSecondsAndMicroseconds) {
     EXPECT_TRUE(wrapped.sleeps.empty());
 }
 
-TEST_F(PortPlatform, InterruptedSleepGoesOnWithTheTimeLeft) {
-    wrapped.select_errors = {EINTR, EINTR};
+TEST_F(PortPlatform, InterruptedSleepGoesOnWithTheTimeLeftUntilAnyOtherFailure) {
+    wrapped.select_errors = {EINTR, EINTR, EINVAL};
     port_platform_sleep_ms(900);
     ASSERT_EQ(wrapped.selects.size(), 3U);
     EXPECT_EQ(wrapped.selects[0].tv_usec, 900000);
     EXPECT_EQ(wrapped.selects[1].tv_usec, 600000);
     EXPECT_EQ(wrapped.selects[2].tv_usec, 400000);
-}
-
-TEST_F(PortPlatform, AnyOtherFailureEndsTheSleep) {
-    wrapped.select_errors = {EINTR, EINVAL};
-    port_platform_sleep_ms(900);
-    EXPECT_EQ(wrapped.selects.size(), 2U);
 }
 
 TEST_F(PortPlatform, SemaphoreStartsAtOneAndBlocksUntilGivenWhateverTheTimeout) {
@@ -379,25 +346,6 @@ TEST_F(PortPlatform, DestroyedSemaphoreIsNull) {
     EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
 }
 
-TEST_F(PortPlatform, FailedDestroyOfASemaphoreIsLoggedAndFreesIt) {
-    port_platform_semaphore semaphore = port_platform_create_semaphore();
-    wrapped.destroy_result = -1;
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }),
-              "port_platform_destroy_samphore fail, ret:-1\n");
-    EXPECT_EQ(semaphore, nullptr);
-}
-
-TEST_F(PortPlatform, FailedCreationOfASemaphoreGivesNullSilently) {
-    EXPECT_EQ(capture_stdout([] {
-                  interpose_fail("sem_init", 1, ENOSPC);
-                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
-                  wrapped.malloc_fails = true;
-                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
-                  wrapped.malloc_fails = false;
-              }),
-              "");
-}
-
 TEST_F(PortPlatform, MutexIsHeldUntilGiven) {
     port_platform_mutex mutex = port_platform_create_mutex();
     ASSERT_NE(mutex, nullptr);
@@ -411,19 +359,27 @@ TEST_F(PortPlatform, MutexIsHeldUntilGiven) {
     EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
 }
 
-TEST_F(PortPlatform, FailedDestroyOfAMutexIsLoggedAndFreesIt) {
+TEST_F(PortPlatform, FailedDestroyIsLoggedAndFrees) {
     port_platform_mutex mutex = port_platform_create_mutex();
+    port_platform_semaphore semaphore = port_platform_create_semaphore();
     wrapped.destroy_result = 16;
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }),
-              "port_platform_destroy_mutex fail, ret:16\n");
+    EXPECT_EQ(capture_stdout([&] {
+                  port_platform_destroy_mutex(&mutex);
+                  port_platform_destroy_samphore(&semaphore);
+              }),
+              "port_platform_destroy_mutex fail, ret:16\nport_platform_destroy_samphore fail, ret:16\n");
     EXPECT_EQ(mutex, nullptr);
+    EXPECT_EQ(semaphore, nullptr);
 }
 
-TEST_F(PortPlatform, FailedCreationOfAMutexGivesNullSilently) {
+TEST_F(PortPlatform, FailedCreationGivesNullSilently) {
     EXPECT_EQ(capture_stdout([] {
                   interpose_fail("pthread_mutex_init", 1, ENOMEM);
                   EXPECT_EQ(port_platform_create_mutex(), nullptr);
+                  interpose_fail("sem_init", 1, ENOSPC);
+                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
                   wrapped.malloc_fails = true;
+                  EXPECT_EQ(port_platform_create_semaphore(), nullptr);
                   EXPECT_EQ(port_platform_create_mutex(), nullptr);
                   wrapped.malloc_fails = false;
               }),

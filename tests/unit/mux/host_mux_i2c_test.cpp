@@ -333,7 +333,7 @@ TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCut) {
 
 TEST_F(HostMuxI2c, ShortDataPhasesCountAsFullOnesWithoutOldBytes) {
     chip.give(counted(10));
-    chip.chip.faults.i2c.short_read = chip.chip.faults.i2c.short_write = true;
+    EXPECT_EQ(chip_fault(chip.chip, "i2c-short", "on", 0), "");
     capture_stdout([&] {
         EXPECT_EQ(receive(10), 0);
         EXPECT_EQ(length, 10U);

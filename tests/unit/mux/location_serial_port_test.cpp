@@ -121,16 +121,6 @@ TEST_F(SerialPort, OpensTheConfiguredBus) {
     EXPECT_EQ(log.lsb_first, 0);
 }
 
-TEST_F(SerialPort, OpensTheDefaultBusWithoutAConfiguration) {
-    DeviceLog log;
-    attach_log(&log);
-    ASSERT_EQ(init(), 0);
-    EXPECT_EQ(log.path, "/dev/spidev1.0");
-    EXPECT_EQ(log.mode, 0U);
-    EXPECT_EQ(log.speed, 24000000U);
-    EXPECT_EQ(log.lsb_first, 1);
-}
-
 TEST_F(SerialPort, MissingDeviceFailsTheInit) {
     directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev9.9\n");
     EXPECT_EQ(init(), -1);
@@ -151,12 +141,6 @@ TEST_F(SerialPort, PathThatCanNotBeTakenIsToldAndFailsTheInit) {
                                                        "host_mux_init, init fail"}));
 }
 
-TEST_F(SerialPort, SecondInitSucceedsWithoutOpening) {
-    ASSERT_EQ(init(), 0);
-    ASSERT_EQ(init(), 0);
-    EXPECT_EQ(lines.back(), "host_mux_init, mux exist");
-}
-
 TEST_F(SerialPort, ClosedLinkMovesNothing) {
     EXPECT_EQ(read(10), 0);
     EXPECT_EQ(lines, std::vector<std::string>({"host_mux_rx, mux not open"}));
@@ -170,27 +154,6 @@ TEST_F(SerialPort, ReadGivesTheCount) {
     EXPECT_EQ(read(15360), 3);
     EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + 4), Bytes({'a', 'b', 'c', 0xEE}));
     EXPECT_EQ(read(15360), 0);
-}
-
-TEST_F(SerialPort, ReadMovesAtMost4095Bytes) {
-    ASSERT_EQ(init(), 0);
-    for (const uint32_t capacity : {4095U, 4096U, 15360U}) {
-        slave.give(Bytes(5000, 'x'));
-        EXPECT_EQ(read(capacity), 4095);
-        EXPECT_TRUE(printed(
-            "mux_spi_master_demo_receive-Step1_c: slave data len too big, request 4095 B firstly;\r"));
-    }
-}
-
-TEST_F(SerialPort, WriteOf5000BytesIsCutTo4095) {
-    ASSERT_EQ(init(), 0);
-    slave.chip.options.rx_window = 10000;
-    EXPECT_EQ(write(Bytes(5000, 'x')), 4095);
-    EXPECT_EQ(slave.taken(), Bytes(4095, 'x'));
-    EXPECT_EQ(slave.frames[6], Bytes({0x0C, 0x00, 0x10, 0, 0, 0xFE, 0x0F, 0, 0}));
-    EXPECT_TRUE(
-        printed("mux_spi_master_demo_send-Step1_c: Receive SPI slave Rx_len Reg value:10000, but master "
-                "just want to send:4095\r"));
 }
 
 TEST_F(SerialPort, NoMoreThan4095BytesAreAskedForOnABusWithoutALimitOfItsOwn) {
