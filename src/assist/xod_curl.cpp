@@ -29,7 +29,7 @@ bool find_all(void* library) {
            find(library, "curl_easy_cleanup", &state.functions.easy_cleanup);
 }
 
-// Nothing extra: plain HTTP needs none of it.
+// Plain HTTP needs none of the features (TLS and others) that could be started here.
 bool start(void* library) {
     decltype(&curl_global_init) global_init = nullptr;
     if (!find(library, "curl_global_init", &global_init)) {
@@ -42,7 +42,7 @@ bool start(void* library) {
     return result == CURLE_OK;
 }
 
-// A transfer may be on its way to the end of the process: the library is never unloaded.
+// Once it works the library is never unloaded: a transfer may still run while the process ends.
 bool load() {
     void* library = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {

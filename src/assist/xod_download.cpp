@@ -28,8 +28,8 @@ struct XodDownloadState {
     uint32_t file_count = 0; // numbered files of the GPS types
     DownloadItem* pending = nullptr;
     DownloadItem* current = nullptr; // in transfer
-    bool busy = false;               // a thread works on the list, the only one that begins a transfer
-    bool asked_again = false;        // somebody else wanted to meanwhile
+    bool busy = false;               // a thread works through the list; only that one begins transfers
+    bool asked_again = false;        // another thread found it busy: the busy one looks at the list again
     uint32_t retries = 0;
     timer_t retry_timer = nullptr;
     timer_t next_timer = nullptr;
@@ -92,7 +92,7 @@ uint32_t xod_download_get_next_download_time(uint32_t valid, uint32_t end, uint3
     return delay;
 }
 
-// Selects from the files, without the lock, and notes the type.
+// Chooses the type to be fetched next and stores it. Gives up the lock while it reads the files.
 XodSelection xod_download_select_type(Lock* lock) {
     XodSelection selection = {.type = state.selected_type, .valid = 0, .end = 0};
     const uint32_t mask = state.mask;
@@ -134,7 +134,7 @@ void schedule_next(Lock* lock) {
     arm_next_timer(delay);
 }
 
-// Only the types of the mask are ever queued, and all of them are tried again.
+// Puts a failed item back at the head of the queue and arms the retry timer.
 void retry_later(DownloadItem* item) {
     push(&state.pending, item);
     if (is_armed(state.retry_timer)) {
@@ -150,7 +150,7 @@ void retry_later(DownloadItem* item) {
     ++state.retries;
 }
 
-// Disposes of an item that is in no list. Returns whether to go on at once.
+// Acts on a finished download: queues it again, or frees it. Returns whether the next one begins at once.
 bool xod_download_handle_result(DownloadItem* item, int32_t result) {
     printf("[LOCSERV] INF: [XOD]xod_download_handle_result:[%d,%d] %d\n", static_cast<int32_t>(item->type),
            static_cast<int32_t>(item->index), result);
@@ -172,13 +172,15 @@ void send_result(int32_t result) {
     location_service_task_send_message(SERVICE_ASSIST_RESULT, data, sizeof result);
 }
 
-// Returns whether to go on at once. What was taken down during the transfer is no longer there.
+// Ends the transfer of the current item, unless xod_download_deinit has freed that meanwhile. Returns whether
+// the next one begins at once.
 bool end_transfer(int32_t result) {
     return state.current != nullptr &&
            xod_download_handle_result(std::exchange(state.current, nullptr), result);
 }
 
-// One download, or the schedule when none is queued. Returns whether to go on at once.
+// Downloads the first item, or arms the next-download timer when none is queued. Returns whether the next one
+// begins at once.
 bool handle_one(Lock* lock) {
     if (is_armed(state.retry_timer)) {
         location_timer_stop(state.retry_timer);
@@ -188,7 +190,7 @@ bool handle_one(Lock* lock) {
         return false;
     }
     state.current = take(&state.pending);
-    const DownloadItem item = *state.current; // the block may be gone without the lock
+    const DownloadItem item = *state.current; // xod_download_deinit may free the block during the transfer
     lock->unlock();
     const int32_t result = xod_download_http(&item);
     send_result(result);
@@ -198,7 +200,7 @@ bool handle_one(Lock* lock) {
 
 void handle(Lock* lock) {
     if (!state.started) {
-        return; // a timer's thread can come after the timer is gone
+        return; // a callback may still begin when its timer has been deleted
     }
     if (state.busy) {
         state.asked_again = true;
@@ -213,7 +215,7 @@ void handle(Lock* lock) {
     state.busy = false;
 }
 
-// Not a second time while the file still waits: a client may ask as often as it likes.
+// Queues the file unless it is queued already, so that repeated requests can't fill the queue.
 void append_item(uint32_t type, uint32_t index) {
     if (holds(state.pending, type, index)) {
         return;
@@ -269,7 +271,7 @@ void xod_download_init(uint8_t mask, int32_t count) {
     state.mask = mask;
     state.file_count = static_cast<uint32_t>(count);
     state.selected_type = 0;
-    renew_timers(); // before the lock is given up: what fails meanwhile waits for these
+    renew_timers(); // before the lock is given up: a transfer that fails then arms the new ones
     state.started = true;
     const XodSelection selection = xod_download_select_type(&lock);
     uint32_t delay = kSoonMs;
@@ -290,7 +292,7 @@ void xod_download_deinit() {
     if (state.current != nullptr && xod_download_handle_result(std::exchange(state.current, nullptr), 0)) {
         handle_one(&lock);
     }
-    if (!state.started) { // else started again while the files were read: the timers are new
+    if (!state.started) { // else xod_download_init ran while the files were read, and the timers are its own
         delete_timers();
     }
 }

@@ -31,7 +31,8 @@ void xod_download_file_path(uint32_t type, uint32_t index, char* dst);
 // Opens a file for reading. Null when it is missing, can't be read or is no regular file.
 FILE* xod_download_file_open(uint32_t type, uint32_t index);
 
-// Makes the lock, once, before the others are called. A failure is logged; the lock then works as it came.
+// Makes the lock, once, before the others are called. A failure is logged; the lock then works with its
+// static initialisation.
 void xod_mutex_init();
 
 // Takes the lock, however long a transfer holds it, and gives it back.

@@ -80,7 +80,7 @@ struct OrbitFile : private NonCopyable {
     uint8_t start_word[kWordSize] = {}; // as last read
 };
 
-// What a failed read leaves in the buffer counts.
+// A failed read is only logged: the caller goes on with what the buffer holds.
 void read_or_log(FILE* file, uint8_t* buffer, size_t size) {
     if (fread(buffer, size, 1, file) != 1) {
         puts("[LOCSERV] ERR: xod_host_aiding_xod, fread fail");
@@ -111,7 +111,8 @@ void format_command(int32_t constellation, const uint8_t* record, char* text) {
              w[17]);
 }
 
-// A chip that asks without end fills the queue with requests of a second each: a stop waits for none of them.
+// Each request takes about a second, and a chip may queue many of them: they end early while a stop is
+// announced.
 bool gives_way(bool pending = stop_request_pending()) {
     if (pending) {
         puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
@@ -149,7 +150,7 @@ bool open_first(int32_t constellation, OrbitFile* file) {
     return file->gps_only;
 }
 
-// Kept: what GPS finds at the second try is the same file, read with the layout of the other.
+// Kept: the second try for GPS opens the same file, but reads it with the layout of a GPS-only file.
 bool open_later(int32_t constellation, uint32_t index, OrbitFile* file) {
     file->gps_only = false;
     if (file->open(XOD_GPS_GLONASS, index)) {

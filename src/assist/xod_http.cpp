@@ -76,12 +76,13 @@ bool describe(const DownloadItem& item, Download* download) {
 bool set_limits(const XodCurl& curl, CURL* handle) {
     return curl.easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK && // also none of the environment
+           curl.easy_setopt(handle, CURLOPT_PROXY, "") == CURLE_OK && // not even one of the environment
            curl.easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, kConnectSeconds) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kStallSeconds) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_TIMEOUT, kTransferSeconds) == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L) == CURLE_OK && // leaves a stuck name resolution
+           curl.easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L) ==
+               CURLE_OK && // does not wait for a stuck name resolution
            curl.easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestFile) == CURLE_OK;
 }
 
@@ -114,7 +115,7 @@ struct BoundedFile {
     size_t left; // bytes
 };
 
-// Returns 0 for a failure, as a stream's function has to.
+// Write function of the stream: returns the bytes taken, 0 for a failure.
 ssize_t write_bounded(void* cookie, const char* data, size_t size) {
     auto* bounded = static_cast<BoundedFile*>(cookie);
     if (size > bounded->left) {
@@ -174,8 +175,8 @@ bool open_files(const Download& download, TransferFiles* files) {
     return true;
 }
 
-// libcurl's own writer fills both files, which take only so much: neither what a packed body unpacks to nor a
-// trailer is announced.
+// libcurl's own writer fills both files. Their own limit is needed: neither what a packed body unpacks to nor
+// the size of a trailer is known in advance.
 CURLcode perform(const CurlHandle& handle, const TransferFiles& files) {
     const XodCurl& curl = *handle.get_deleter().curl;
     if (curl.easy_setopt(handle.get(), CURLOPT_HEADERDATA, files.header) != CURLE_OK) {
@@ -217,7 +218,7 @@ bool fetch(const Download& download) {
     return result == CURLE_OK;
 }
 
-// The status of the answer is not looked at: an error page has no ETag, or not that of its content.
+// Kept: the status code is not looked at. An error page has no ETag, or another sum than that.
 bool check(const Download& download) {
     char etag[kXodDigestSize] = {};
     if (xod_download_get_etag(kHeaderPath, etag) != 0) {

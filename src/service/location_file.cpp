@@ -25,7 +25,8 @@ struct FileText {
     size_t length;
 };
 
-// The record with a NUL behind it: a field that runs on into its neighbours is one text up to there.
+// The record with a NUL behind it: a text may run on from its field into the next ones, and ends here at the
+// latest.
 struct TerminatedRecord {
     LocationRecord record;
     char end;
@@ -136,7 +137,7 @@ bool write_beside(const char* beside, const FileText& text) {
     if (file == nullptr) {
         return false;
     }
-    setvbuf(file, nullptr, _IONBF, 0); // a full disk fails the write, not the close behind it
+    setvbuf(file, nullptr, _IONBF, 0); // so that a full disk fails the write instead of the close
     return write_text(file, text) == 0;
 }
 
