@@ -148,15 +148,6 @@ TEST(Orbits, TheChipFindsEveryRecordIntact) {
     EXPECT_EQ(count_of(commands, "(bad)"), 0U);
 }
 
-TEST(Orbits, TheFirstFixComesEarlier) {
-    const Arguments options = {"--aiding", "--first-fix", "3600000", "--assisted-fix", "100", "--rate", "10"};
-    const Assistance scene(options);
-    scene.load_files();
-    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(wait_until([&] { return scene.status()["first_fix_ms"].is_number(); })) << scene.status();
-    EXPECT_LT(scene.status()["first_fix_ms"], 3600000);
-}
-
 // Without a server that answers: the good files are kept, and lost with the first refresh otherwise.
 TEST(Orbits, SegmentsFollowTheClockForThreeDays) {
     constexpr int kParts = 6;

@@ -107,15 +107,6 @@ TEST_F(XodDownload, GoodDownloadIsReportedAndTheNextOneScheduled) {
     EXPECT_EQ(next_in(), 62912000);
 }
 
-TEST_F(XodDownload, ResultIsSentBeforeItIsActedUpon) {
-    init();
-    xod_fakes.results = {-1};
-    fire();
-    ASSERT_EQ(xod_fakes.messages.size(), 1U);
-    EXPECT_EQ(xod_fakes.messages[0].retry_in, -1);
-    EXPECT_EQ(retry_in(), 300000);
-}
-
 TEST_F(XodDownload, EveryNumberedFileIsFetchedInOrder) {
     init(15, 3);
     all_valid(60, 1000);
@@ -148,16 +139,6 @@ TEST_F(XodDownload, BeidouAndGalileoHaveOneFileEach) {
     }
 }
 
-TEST_F(XodDownload, FirstCycleFetchesEveryMissingTypeInTurn) {
-    xod_fakes.during_transfer = [](uint32_t type) { xod_fakes.hours[type] = {72, 1008}; };
-    init();
-    EXPECT_EQ(fire(), result_line(0, 1, 0) + kNothingValid + next_time(3000, 0, 0) + next_started(3000));
-    fire();
-    fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}, {2, 1}, {3, 1}}));
-    EXPECT_EQ(next_in(), 90000000);
-}
-
 TEST_F(XodDownload, FailedFileIsTriedAgainBeforeTheOthers) {
     init(1, 3);
     xod_fakes.results = {0, -1, -1, 0, -1};
@@ -172,6 +153,7 @@ TEST_F(XodDownload, FailedDownloadIsTriedFiveTimesAndDropped) {
     xod_fakes.results = {-1, -1, -1, -1, -1};
     EXPECT_EQ(fire(), result_line(0, 1, -1) + retry_started(300000));
     EXPECT_EQ(next_in(), -1);
+    EXPECT_EQ(xod_fakes.messages.at(0).retry_in, -1) << "the result is sent before it is acted upon";
     EXPECT_EQ(fire(), result_line(0, 1, -1) + retry_started(600000));
     EXPECT_EQ(fire(), result_line(0, 1, -1) + retry_started(1200000));
     EXPECT_EQ(fire(), result_line(0, 1, -1) + retry_started(2400000));
@@ -207,13 +189,6 @@ TEST_F(XodDownload, ItemThatFindsNoMemoryIsSkipped) {
     fake_malloc_fails(2);
     fire();
     EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}, {0, 3}}));
-}
-
-TEST_F(XodDownload, WithoutMemoryForAnyItemTheNextDownloadIsScheduled) {
-    init();
-    fake_malloc_fails(1);
-    EXPECT_EQ(fire(), kNothingValid + next_time(3000, 0, 0) + next_started(3000));
-    EXPECT_TRUE(xod_fakes.transfers.empty());
 }
 
 TEST_F(XodDownload, DelayThatNoTimerTakesBecomesOneHour) {
@@ -258,20 +233,6 @@ TEST_F(XodDownload, WithoutARetryTimerTheOtherOneRetries) {
     EXPECT_EQ(xod_fakes.transfers, Transfers(2, {0, 1}));
 }
 
-TEST_F(XodDownload, InitWhileTheTimersAreIdleReplacesThem) {
-    xod_fakes.during_transfer = [](uint32_t) {
-        xod_fakes.during_transfer = nullptr;
-        EXPECT_EQ(retry_in(), -1);
-        EXPECT_EQ(next_in(), -1);
-        xod_download_init(15, 1);
-    };
-    init();
-    const string log = fire();
-    EXPECT_EQ(log, kInit + kNothingValid + kSoonFromInit + result_line(0, 1, 0));
-    EXPECT_EQ(timers_alive(), 2U);
-    EXPECT_EQ(next_in(), 3000);
-}
-
 TEST_F(XodDownload, DeinitDeletesBothTimers) {
     init();
     EXPECT_EQ(deinit(), "[LOCSERV] INF: [XOD]xod_download_deinit\n");
@@ -299,14 +260,6 @@ TEST_F(XodDownload, CallbackAfterDeinitDoesNothing) {
     EXPECT_EQ(handle(), "");
     EXPECT_TRUE(xod_fakes.transfers.empty());
     EXPECT_EQ(xod_fakes.starts, std::vector<int32_t>{3000});
-}
-
-TEST_F(XodDownload, RetryCallbackThatComesLateFindsNothingToDo) {
-    init();
-    all_valid(60, 1000);
-    fire();
-    EXPECT_EQ(handle(), "");
-    EXPECT_EQ(xod_fakes.transfers.size(), 1U);
 }
 
 TEST_F(XodDownload, EnqueueDuringARetryWaitTriesAtOnceAndOnlyOnce) {

@@ -83,27 +83,23 @@ Record glonass(uint32_t segment, uint32_t i, uint32_t start = kStart) {
     return record(65 + i, start + segment * 6, segment, 100 + i);
 }
 
-string mixed_file(uint32_t start = kStart) {
+string numbered_file(bool with_glonass, uint32_t start) {
     string bytes;
     for (uint32_t segment = 0; segment < 12; ++segment) {
         for (uint32_t i = 0; i < 32; ++i) {
             bytes += bytes_of(gps(segment, i, start));
         }
-        for (uint32_t i = 0; i < 24; ++i) {
+        for (uint32_t i = 0; with_glonass && i < 24; ++i) {
             bytes += bytes_of(glonass(segment, i, start));
         }
     }
     return bytes;
 }
-
+string mixed_file(uint32_t start = kStart) {
+    return numbered_file(true, start);
+}
 string gps_file(uint32_t start = kStart) {
-    string bytes;
-    for (uint32_t segment = 0; segment < 12; ++segment) {
-        for (uint32_t i = 0; i < 32; ++i) {
-            bytes += bytes_of(gps(segment, i, start));
-        }
-    }
-    return bytes;
+    return numbered_file(false, start);
 }
 
 Record header(uint32_t satellite, uint32_t first_mask, uint32_t second_mask) {
@@ -444,16 +440,12 @@ TEST_F(XodHostAiding, MostSatellitesThatMasksCanNameAreBounded) {
     EXPECT_EQ(world.commands.size(), 25U); // all that the file holds
 }
 
-TEST_F(XodHostAiding, FailedSeekToTheHeaderGoesOn) {
+TEST_F(XodHostAiding, FailedSeekToTheSegmentOfAHeadedFileEndsTheRequest) {
     file("XOD_GAL_3.DAT", headed_file(header(254, 1, 0), 101, 1));
-    world.failing_seek = 1;
+    world.failing_seek = 1; // to the header: goes on
     EXPECT_EQ(aid(2, 6), 1);
     EXPECT_EQ(log, kSeekFail + finish(2));
     EXPECT_EQ(world.commands.size(), 2U);
-}
-
-TEST_F(XodHostAiding, FailedSeekToTheSegmentEndsTheRequest) {
-    file("XOD_GAL_3.DAT", headed_file(header(254, 1, 0), 101, 1));
     world.failing_seek = 2;
     close_fault_arm(".DAT");
     EXPECT_EQ(aid(2, 6), 0);
@@ -519,26 +511,16 @@ TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSent) {
 }
 
 TEST(XodSatellite, IsNumberedAsTheChipDoes) {
-    const auto id = [](int32_t constellation, uint8_t b) {
-        const uint8_t record[72] = {1, 2, 3, b};
-        return xod_host_aiding_sv_id(constellation, record);
-    };
-    EXPECT_EQ(id(0, 32), 32U);
-    EXPECT_EQ(id(0, 255), 255U);
-    EXPECT_EQ(id(1, 65), 1U);
-    EXPECT_EQ(id(1, 10), 0xFFFFFFCAU);
-    EXPECT_EQ(id(2, 101), 1U);
-    EXPECT_EQ(id(2, 254), 254U);
-    EXPECT_EQ(id(2, 255), 155U);
-    EXPECT_EQ(id(2, 99), 0xFFFFFFFFU);
-    EXPECT_EQ(id(3, 255), 255U);
-    EXPECT_EQ(id(3, 254), 54U);
-    EXPECT_EQ(id(3, 201), 1U);
-    EXPECT_EQ(id(3, 190), 55U);
-    EXPECT_EQ(id(3, 198), 63U);
-    EXPECT_EQ(id(3, 199), 0xFFFFFFFFU);
-    EXPECT_EQ(id(3, 189), 0xFFFFFFF5U);
-    for (const int32_t other : {4, 255, -1, -128}) {
-        EXPECT_EQ(id(other, 77), 0U);
+    const struct {
+        int32_t constellation;
+        uint8_t in_file;
+        uint32_t expected;
+    } known[] = {{0, 32, 32},   {0, 255, 255}, {1, 65, 1},   {1, 10, 0xFFFFFFCA}, {2, 101, 1},
+                 {2, 254, 254}, {2, 255, 155}, {2, 99, ~0U}, {3, 255, 255},       {3, 254, 54},
+                 {3, 201, 1},   {3, 190, 55},  {3, 198, 63}, {3, 199, ~0U},       {3, 189, 0xFFFFFFF5},
+                 {4, 77, 0},    {255, 77, 0},  {-1, 77, 0},  {-128, 77, 0}};
+    for (const auto& [constellation, in_file, expected] : known) {
+        const uint8_t record[72] = {1, 2, 3, in_file};
+        EXPECT_EQ(xod_host_aiding_sv_id(constellation, record), expected) << constellation << ' ' << +in_file;
     }
 }

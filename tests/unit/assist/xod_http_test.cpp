@@ -604,6 +604,7 @@ TEST_F(XodHttpKeep, GoodFileTakesThePlaceOfTheOld) {
         http_send(connection, answer_with("ETag: \"" + kSum + "\"\r\n", kBody));
     });
     EXPECT_EQ(download(), 0);
+    server.reset(); // its thread has ended
     EXPECT_EQ(during, "old");
     EXPECT_FALSE(locked) << "a stalled server would hold up the readers";
     EXPECT_EQ(faults.unlocked_renames, 0);

@@ -41,20 +41,20 @@ int32_t read_stock(uint32_t type, uint32_t count, uint32_t* end_out) {
 
 constexpr uint32_t kUntouched = 77;
 
-XodSelection select(uint32_t mask, const std::map<uint32_t, int32_t>& valid) {
-    stock = {valid, {}, 0};
+using Types = std::vector<uint32_t>;
+
+// Selects with this mask from types with so many valid hours, two numbered files each.
+void expect_selection(uint32_t mask, const std::map<uint32_t, int32_t>& hours, const XodSelection& expected,
+                      const Types& asked) {
+    stock = {hours, {}, 0};
     XodSelection selection = {kUntouched, kUntouched, kUntouched};
     xod_select_type(mask, 2, read_stock, &selection);
-    return selection;
+    EXPECT_EQ(selection.type, expected.type);
+    EXPECT_EQ(selection.valid, expected.valid);
+    EXPECT_EQ(selection.end, expected.end);
+    EXPECT_EQ(stock.asked, asked);
 }
 
-void expect_selection(const XodSelection& selection, uint32_t type, uint32_t valid, uint32_t end) {
-    EXPECT_EQ(selection.type, type);
-    EXPECT_EQ(selection.valid, valid);
-    EXPECT_EQ(selection.end, end);
-}
-
-using Types = std::vector<uint32_t>;
 constexpr uint32_t kAll = 15;
 
 } // namespace
@@ -125,50 +125,30 @@ TEST(XodValidHours, OfTheFutureExceedThreeDays) {
     EXPECT_EQ(xod_valid_hours(0xFFFFFF, -87000, &end), 16777215 + 72 + 87000);
 }
 
-TEST(XodSelect, TakesTheTypeThatRunsOutFirst) {
-    expect_selection(select(kAll, {{0, 60}, {2, 50}, {3, 55}}), 2, 50, 1002);
-    expect_selection(select(kAll, {{0, 60}, {2, 50}, {3, 49}}), 3, 49, 1003);
-    expect_selection(select(kAll, {{0, 40}, {2, 50}, {3, 49}}), 0, 40, 1000);
-    EXPECT_EQ(stock.asked, (Types{0, 2, 3}));
+TEST(XodSelect, TakesTheTypeThatRunsOutFirstAndOnATieTheEarlier) {
+    expect_selection(kAll, {{0, 60}, {2, 50}, {3, 55}}, {2, 50, 1002}, {0, 2, 3});
+    expect_selection(kAll, {{0, 60}, {2, 50}, {3, 49}}, {3, 49, 1003}, {0, 2, 3});
+    expect_selection(kAll, {{0, 40}, {2, 50}, {3, 49}}, {0, 40, 1000}, {0, 2, 3});
     EXPECT_EQ(stock.count, 2U);
-}
-
-TEST(XodSelect, TieKeepsTheEarlierType) {
-    expect_selection(select(kAll, {{0, 60}, {2, 60}, {3, 60}}), 0, 60, 1000);
-    expect_selection(select(kAll, {{0, 61}, {2, 60}, {3, 60}}), 2, 60, 1002);
+    expect_selection(kAll, {{0, 60}, {2, 60}, {3, 60}}, {0, 60, 1000}, {0, 2, 3});
+    expect_selection(kAll, {{0, 61}, {2, 60}, {3, 60}}, {2, 60, 1002}, {0, 2, 3});
 }
 
 TEST(XodSelect, TypeThatHasRunOutEndsTheSearch) {
-    expect_selection(select(kAll, {{0, 0}, {2, 50}, {3, 55}}), 0, kUntouched, 1000);
-    EXPECT_EQ(stock.asked, Types{0});
-    expect_selection(select(kAll, {{0, 20}, {2, 0}, {3, 55}}), 2, kUntouched, 1002);
-    EXPECT_EQ(stock.asked, (Types{0, 2}));
-    expect_selection(select(kAll, {{0, 20}, {2, 30}, {3, 0}}), 3, kUntouched, 1003);
-    EXPECT_EQ(stock.asked, (Types{0, 2, 3}));
+    expect_selection(kAll, {{0, 0}, {2, 50}, {3, 55}}, {0, kUntouched, 1000}, {0});
+    expect_selection(kAll, {{0, 20}, {2, 0}, {3, 55}}, {2, kUntouched, 1002}, {0, 2});
+    expect_selection(kAll, {{0, 20}, {2, 30}, {3, 0}}, {3, kUntouched, 1003}, {0, 2, 3});
 }
 
-TEST(XodSelect, GlonassFileWinsOverTheGpsFile) {
-    expect_selection(select(XOD_MASK_GPS | XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}), 0, 60, 1000);
-    EXPECT_EQ(stock.asked, Types{0});
-    expect_selection(select(XOD_MASK_GPS, {{0, 60}, {1, 10}}), 1, 10, 1001);
-    EXPECT_EQ(stock.asked, Types{1});
-    expect_selection(select(XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}), 0, 60, 1000);
-    EXPECT_EQ(stock.asked, Types{0});
-}
-
-TEST(XodSelect, LooksOnlyAtEnabledTypes) {
-    expect_selection(select(XOD_MASK_BEIDOU, {{2, 33}}), 2, 33, 1002);
-    EXPECT_EQ(stock.asked, Types{2});
-    expect_selection(select(XOD_MASK_GALILEO, {{3, 44}}), 3, 44, 1003);
-    EXPECT_EQ(stock.asked, Types{3});
-    expect_selection(select(XOD_MASK_GPS | XOD_MASK_BEIDOU, {{1, 10}, {2, 33}}), 1, 10, 1001);
-    EXPECT_EQ(stock.asked, (Types{1, 2}));
-}
-
-TEST(XodSelect, NothingEnabledChangesNothing) {
-    expect_selection(select(0, {}), kUntouched, kUntouched, kUntouched);
-    expect_selection(select(0xF0, {}), kUntouched, kUntouched, kUntouched);
-    EXPECT_EQ(stock.asked, Types{});
+TEST(XodSelect, LooksOnlyAtEnabledTypesAndGlonassWinsOverGps) {
+    expect_selection(XOD_MASK_GPS | XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}, {0, 60, 1000}, {0});
+    expect_selection(XOD_MASK_GPS, {{0, 60}, {1, 10}}, {1, 10, 1001}, {1});
+    expect_selection(XOD_MASK_GPS_GLONASS, {{0, 60}, {1, 10}}, {0, 60, 1000}, {0});
+    expect_selection(XOD_MASK_BEIDOU, {{2, 33}}, {2, 33, 1002}, {2});
+    expect_selection(XOD_MASK_GALILEO, {{3, 44}}, {3, 44, 1003}, {3});
+    expect_selection(XOD_MASK_GPS | XOD_MASK_BEIDOU, {{1, 10}, {2, 33}}, {1, 10, 1001}, {1, 2});
+    expect_selection(0, {}, {kUntouched, kUntouched, kUntouched}, {});
+    expect_selection(0xF0, {}, {kUntouched, kUntouched, kUntouched}, {});
 }
 
 TEST(XodDelay, OfMissingHoursIsThreeSeconds) {
