@@ -206,6 +206,7 @@ void location_debug_close() {
         close_threaded_outlet(mode);
         tell_loss_ended();
     }
+    location_debug_clients_sweep();
 }
 
 void location_debug_stop() {

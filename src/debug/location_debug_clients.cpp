@@ -9,12 +9,14 @@
 #include <linux/sockios.h>
 #include <map>
 #include <mutex>
+#include <poll.h>
 #include <string>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -30,6 +32,7 @@ struct ClientsState {
     std::mutex lock;
     DebugClientList list;
     std::map<int32_t, ClientOutput> outputs; // of the listed clients, by their descriptors
+    std::vector<int32_t> kept;               // sockets of the clients of closed outlets
 } state;
 
 // Stores the new number of clients; returns false when there are too many.
@@ -53,6 +56,12 @@ size_t send_now(int32_t fd, const void* data, size_t length) {
 bool has_taken_all(int32_t fd) {
     int unsent = 0;
     return ioctl(fd, SIOCOUTQ, &unsent) == 0 && unsent == 0;
+}
+
+// Whether the peer has closed or reset the connection, however much of what it sent is unread.
+bool peer_is_gone(int32_t fd) {
+    pollfd peer{.fd = fd, .events = POLLRDHUP, .revents = 0};
+    return poll(&peer, 1, 0) == 1;
 }
 
 void drop_block(int32_t fd, ClientOutput* output) {
@@ -138,6 +147,8 @@ void location_debug_clients_drop(int32_t epfd, int32_t fd) {
     close(fd);
 }
 
+// Kept: clients of a closed outlet see silence and no end of the connection, so their sockets stay open. The
+// keepalive probes find peers that vanished without a word.
 void location_debug_clients_forget(int32_t epfd) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
@@ -145,9 +156,21 @@ void location_debug_clients_forget(int32_t epfd) {
         const int32_t fd = state.list.fds[i];
         location_epoll_remove_fd(epfd, fd);
         tell_loss_ended(fd, &state.outputs[fd]);
+        const int on = 1;
+        setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+        state.kept.push_back(fd);
     }
     state.outputs.clear();
-    state.list = {}; // kept: the sockets stay open, a client sees silence and no end of the connection
+    state.list = {};
+}
+
+void location_debug_clients_sweep() {
+    const CancelHold hold;
+    const std::lock_guard guard(state.lock);
+    const auto gone =
+        std::partition(state.kept.begin(), state.kept.end(), [](int32_t fd) { return !peer_is_gone(fd); });
+    std::for_each(gone, state.kept.end(), close);
+    state.kept.erase(gone, state.kept.end());
 }
 
 bool location_debug_clients_have(int32_t fd) {

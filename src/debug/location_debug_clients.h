@@ -32,8 +32,11 @@ void location_debug_clients_admit(int32_t epfd, int32_t fd);
 // Takes fd out of the set epfd, closes it and takes it off the list.
 void location_debug_clients_drop(int32_t epfd, int32_t fd);
 
-// Takes every client off the list and out of the set epfd; the sockets stay open.
+// Takes every client off the list and out of the set epfd; the sockets stay open until their peers are gone.
 void location_debug_clients_forget(int32_t epfd);
+
+// Closes the sockets of forgotten clients whose peers are gone.
+void location_debug_clients_sweep();
 
 // Whether fd is listed.
 bool location_debug_clients_have(int32_t fd);

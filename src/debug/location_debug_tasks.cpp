@@ -22,11 +22,12 @@ constexpr uint32_t kReceiveBufferSize = 256;
 constexpr int kEventsPerWait = 10;
 constexpr useconds_t kIdlePauseUs = 300'000; // after a read or accept that gave nothing
 
-// Kept: the count of the last read stays, and what it counts goes to the chip again with the next wake-up,
-// whatever that was for. Of several clients that sent data only the one read last is heard.
+// Kept: the count of the last read stays, so what was typed last goes to the chip again when a round only
+// accepts a client. Of several clients that sent data in one round only the one read last is heard.
 struct ReceiveState {
     uint8_t buffer[kReceiveBufferSize];
     int32_t count;
+    bool forwards; // whether this round accepted or read something
 };
 
 // In pieces, because an escaped write is cut at its limit.
@@ -63,13 +64,15 @@ void serve_line(ReceiveState* receive) {
 }
 
 // Returns false when no client came.
-bool accept_client(const DebugOutlet* outlet) {
+bool accept_client(ReceiveState* receive, const DebugOutlet* outlet) {
+    location_debug_clients_sweep(); // may give back the descriptor that the accept needs
     const int32_t fd = location_socket_server_accept_new_tcp_connect(outlet->listen_fd);
     if (fd < 0) {
         puts("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail");
         return false;
     }
     location_debug_clients_admit(outlet->epoll_fd, fd);
+    receive->forwards = true;
     return true;
 }
 
@@ -79,6 +82,7 @@ void read_client(ReceiveState* receive, const DebugOutlet* outlet, int32_t fd) {
         return; // woken for nothing
     }
     receive->count = count;
+    receive->forwards = true;
     if (count < 1) {
         location_debug_clients_drop(outlet->epoll_fd, fd);
     }
@@ -89,7 +93,7 @@ void read_client(ReceiveState* receive, const DebugOutlet* outlet, int32_t fd) {
 bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event& event) {
     const int32_t fd = event.data.fd;
     if (fd == outlet->listen_fd && (event.events & EPOLLIN) != 0) {
-        return accept_client(outlet);
+        return accept_client(receive, outlet);
     }
     if (!location_debug_clients_have(fd)) {
         printf("[LOCSERV] ERR: [debug]unexpected fd=%d coming\n", fd);
@@ -105,6 +109,7 @@ bool serve_event(ReceiveState* receive, const DebugOutlet* outlet, const epoll_e
 bool serve_events(ReceiveState* receive, const DebugOutlet* outlet, const epoll_event* events, int count) {
     const CancelHold hold;
     bool all_served = true;
+    receive->forwards = false;
     for (int i = 0; i < count; ++i) {
         all_served = serve_event(receive, outlet, events[i]) && all_served;
     }
@@ -125,7 +130,9 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
         return false;
     }
     const bool all_served = serve_events(receive, outlet, events, count);
-    forward_to_chip(receive);
+    if (receive->forwards) {
+        forward_to_chip(receive);
+    }
     if (!all_served) {
         usleep(kIdlePauseUs); // what woke the task is still there
     }

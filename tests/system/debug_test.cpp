@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -147,6 +148,23 @@ TEST(DebugTcp, AThousandModeSwitchesLeakNeitherDescriptorsNorThreads) {
     EXPECT_TRUE(wait_until([&] { return outlet.daemon.threads() <= threads; })) // joined, but not yet gone
         << outlet.daemon.threads();
     EXPECT_EQ(outlet.daemon.descriptors(), descriptors);
+}
+
+TEST(DebugTcp, ManyClosesWithClientsThatLeaveDoNotEndPositioning) {
+    constexpr size_t kRounds = 200;
+    const TcpOutlet outlet;
+    const rlimit few{.rlim_cur = 40, .rlim_max = 40};
+    ASSERT_EQ(prlimit(outlet.daemon.process->pid, RLIMIT_NOFILE, &few, nullptr), 0);
+    for (size_t i = 1; i <= kRounds; ++i) {
+        const TcpClient leaves(outlet.port);
+        ASSERT_TRUE(wait_until([&] { return count_of(outlet.daemon.log(), "new client connected") == i; }))
+            << i;
+        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0) << i;
+        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_TCP, TAVOR_CODE_DEBUG), 0) << i;
+    }
+    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION));
 }
 
 class DebugSerial : public testing::TestWithParam<int> {};

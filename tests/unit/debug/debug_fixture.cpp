@@ -66,6 +66,18 @@ void handle_text(const std::string& bytes) {
                           static_cast<uint32_t>(bytes.size()));
 }
 
+DescriptorLimit::DescriptorLimit(unsigned more) {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int next = dup(STDOUT_FILENO);
+    close(next);
+    const rlimit limit{.rlim_cur = static_cast<rlim_t>(next) + more, .rlim_max = before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+DescriptorLimit::~DescriptorLimit() {
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
 namespace {
 
 // Threads are counted: a sanitizer starts one of its own with the first, and a joined one is seen for a
@@ -104,6 +116,7 @@ void DebugTest::SetUp() {
 
 void DebugTest::TearDown() {
     location_debug_stop();
+    location_debug_close(); // the sockets of the test's clients, which are gone by now
     chip_silent(false);
     EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
     EXPECT_EQ(debug_queue(), -1) << "the queue was left behind";

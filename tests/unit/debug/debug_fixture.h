@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 // What was written to the chip, each write on its own.
@@ -20,6 +21,16 @@ void chip_silent(bool silent);
 
 // Hands the bytes to the outlet as the receive thread does.
 void handle_text(const std::string& bytes);
+
+// Leaves the process so many more descriptors than it has, for its lifetime.
+struct DescriptorLimit {
+    explicit DescriptorLimit(unsigned more);
+    ~DescriptorLimit();
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+    rlimit before{};
+};
 
 // The outlet's message queue, -1 when there is none, and the messages in it.
 int debug_queue();

@@ -94,15 +94,38 @@ TEST_F(DebugSwitchTest, AThousandSwitchesLeaveNothingBehind) {
     EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; }));
 }
 
-TEST_F(DebugSwitchTest, EachSwitchAwayFromTcpLeavesItsClientsSocketsOpenAndNothingElse) {
-    constexpr size_t kRounds = 20;
-    const size_t descriptors = open_descriptors();
-    std::vector<std::unique_ptr<TcpClient>> clients;
-    for (size_t i = 0; i < kRounds; ++i) {
-        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
-        clients.push_back(connect_listed(1));
-        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+TEST_F(DebugSwitchTest, ClosingKeepsTheClientsSocketsUntilTheirPeersAreGone) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    const auto leaves = connect_listed(1);
+    const auto resets = connect_listed(2);
+    const auto leaves_later = connect_listed(3);
+    const auto stays = connect_listed(4);
+    const size_t before = open_descriptors();
+    location_debug_close();
+    EXPECT_EQ(open_descriptors(), before - 2); // the server and the epoll set
+    leaves->close();
+    resets->reset();
+    location_debug_close(); // a close sees who has left
+    EXPECT_EQ(open_descriptors(), before - 2 - 4);
+    ASSERT_EQ(location_debug_start(), 0);
+    EXPECT_EQ(open_descriptors(), before - 4);
+    leaves_later->close();
+    const auto news = connect_listed(1); // an accept does so too
+    EXPECT_EQ(open_descriptors(), before - 4 - 2 + 2);
+    stays->send("unheard");
+    news->send("heard");
+    EXPECT_TRUE(wait_until([] { return chip_received() == "heard"; })) << chip_received();
+    EXPECT_EQ(read_now(stays->fd), "");
+    stays->send("still connected");
+}
+
+TEST_F(DebugSwitchTest, ManyClosesWithClientsThatLeaveUseUpNoDescriptors) {
+    const DescriptorLimit limit(30);
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0) << i;
+        const auto first = connect_listed(1);
+        const auto second = connect_listed(2);
+        ASSERT_FALSE(HasFailure()) << i;
+        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0) << i;
     }
-    clients.clear();
-    EXPECT_EQ(open_descriptors(), descriptors + kRounds);
 }
