@@ -2,6 +2,7 @@
 
 #include "base/cancel_hold.h"
 #include "base/descriptor_guard.h"
+#include "base/regular_file.h"
 #include "config/location_config.h"
 
 #include <cerrno>
@@ -19,11 +20,6 @@ struct DebugLogState {
     std::mutex lock;
     int32_t fd;
 } state{.lock = {}, .fd = -1};
-
-// Not blocking: a path that names a pipe without a reader must not hold up the service.
-int32_t open_for_appending(const char* path) {
-    return open(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, kLogFilePermissions);
-}
 
 bool write_all(int32_t fd, const uint8_t* data, uint32_t length) {
     while (length > 0) {
@@ -50,7 +46,7 @@ int32_t location_debug_log_open() {
     }
     char path[kConfigTextSize];
     location_config_get_log_path(path);
-    state.fd = open_for_appending(path);
+    state.fd = regular_file_open(path, O_WRONLY | O_APPEND | O_CREAT, kLogFilePermissions);
     if (state.fd == -1) {
         printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
         return -1;

@@ -6,7 +6,8 @@
 
 #include <cstdint>
 
-// Opens the configured file for appending, unless it is open. Returns 0 or -1.
+// Opens the configured file for appending, unless it is open; a pipe or a device is refused, because it could
+// hold up the receive thread. Returns 0 or -1.
 int32_t location_debug_log_open();
 
 // Appends length bytes if the file is open. Any thread; may run beside open and close.

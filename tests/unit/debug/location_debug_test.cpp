@@ -1,8 +1,10 @@
 #include "debug/location_debug.h"
 
 #include "debug_fixture.h"
+#include "interpose/fail.h"
 
 #include <atomic>
+#include <cerrno>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
@@ -73,19 +75,35 @@ TEST_F(DebugTest, UnwritableLogPathFailsAndTheStreamIsDropped) {
 }
 
 TEST_F(DebugTest, EachBlockThatAFullDiskRefusesIsReported) {
-    log_path = "/dev/full";
-    configure();
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
-    handle_text("one");
-    EXPECT_EQ(log_lines(), std::vector<std::string>{kWriteFail});
-    handle_text("two");
+    for (const char* const block : {"one", "two"}) {
+        interpose_fail("write", 1, ENOSPC);
+        handle_text(block);
+    }
     EXPECT_EQ(log_lines(), (std::vector<std::string>{kWriteFail, kWriteFail}));
+    handle_text("three");
+    EXPECT_EQ(content_of(log_path), "three");
 }
 
-TEST_F(DebugTest, PipeWithoutAReaderIsNoLogFileAndHoldsNothingUp) {
+TEST_F(DebugTest, PipeOrDeviceIsNoLogFileAndHoldsNothingUp) {
     ASSERT_EQ(mkfifo(log_path.c_str(), 0600), 0);
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), -1);
-    EXPECT_EQ(log_count("location_debug_start fail"), 1U);
+    const int reader = open(log_path.c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_EQ(location_debug_start(), -1) << "a pipe that somebody reads";
+    log_path = "/dev/full";
+    configure();
+    EXPECT_EQ(location_debug_start(), -1);
+    EXPECT_EQ(log_count("location_debug_start fail"), 3U);
+    close(reader);
+}
+
+TEST_F(DebugTest, NewLogFileIsOpenToEveryUserAsFarAsTheUmaskAllows) {
+    const mode_t before = umask(S_IWOTH);
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
+    umask(before);
+    struct stat status = {};
+    ASSERT_EQ(stat(log_path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0664U);
 }
 
 TEST_F(DebugTest, StoppingSwitchesOff) {
