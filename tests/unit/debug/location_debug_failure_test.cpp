@@ -19,6 +19,7 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ struct FailureState {
     std::atomic<bool> epoll_interrupt = false; // once
     std::atomic<bool> short_writes = false;
     std::atomic<bool> malloc = false;
+    std::atomic<bool> cancelled_accept = false; // once: the thread is cancelled when it has its client
 } failure;
 
 template <class Function> Function next_of(const char* name) {
@@ -56,6 +58,16 @@ extern "C" int __wrap_epoll_wait(int set, epoll_event* events, int most, int tim
         return -1;
     }
     return __real_epoll_wait(set, events, most, timeout_ms);
+}
+
+extern "C" int __real_accept4(int fd, sockaddr* address, socklen_t* size, int flags);
+extern "C" int __wrap_accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
+    const int client = __real_accept4(fd, address, size, flags);
+    if (client >= 0 && failure.cancelled_accept.exchange(false)) {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+    }
+    return client;
 }
 
 extern "C" int pthread_cancel(pthread_t thread) {
@@ -89,7 +101,7 @@ int descriptor_of(const std::string& path) {
 struct DebugFailureTest : DebugTest {
     void TearDown() override {
         failure.cancel = failure.epoll_create = failure.epoll_interrupt = false;
-        failure.short_writes = failure.malloc = false;
+        failure.short_writes = failure.malloc = failure.cancelled_accept = false;
         interpose_fail_reset();
         DebugTest::TearDown();
     }
@@ -288,6 +300,15 @@ TEST_F(DebugFailureTest, InterruptedWaitForClientsIsTakenUpAgain) {
     client->send("ghi");
     EXPECT_TRUE(wait_until([] { return chip_received() == "abcdefghi"; })) << chip_received();
     EXPECT_EQ(log_count("epoll_wait failed"), 0U);
+}
+
+TEST_F(DebugFailureTest, ClientThatIsAcceptedWhileTheTaskIsCancelledIsNotLost) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    failure.cancelled_accept = true;
+    connect_listed(1)->close();
+    const size_t before = open_descriptors();
+    location_debug_close(); // server, epoll set and the client's socket
+    EXPECT_EQ(open_descriptors(), before - 3);
 }
 
 TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {

@@ -1,18 +1,22 @@
 #include "debug/location_debug.h"
+#include "debug/location_debug_queue.h"
 
 #include "debug_fixture.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <thread>
 
 namespace {
 
 constexpr key_t kQueueKey = 1235;
 
 std::atomic<int> receives = 0; // attempts, of the transmit task above all
+std::atomic<int> refills = 0;  // messages that another process still puts in when one is taken out
 
 // What another process may put into the queue.
 struct ForeignMessage {
@@ -43,7 +47,12 @@ void send_foreign(int queue, long type, size_t size) {
 extern "C" ssize_t __real_msgrcv(int queue, void* message, size_t size, long type, int flags);
 extern "C" ssize_t __wrap_msgrcv(int queue, void* message, size_t size, long type, int flags) {
     ++receives;
-    return __real_msgrcv(queue, message, size, type, flags);
+    const ssize_t got = __real_msgrcv(queue, message, size, type, flags);
+    if (got >= 0 && refills > 0) {
+        --refills;
+        send_foreign(queue, 1, 16);
+    }
+    return got;
 }
 
 TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
@@ -57,6 +66,33 @@ TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
     EXPECT_EQ(messages_in_queue(), 0U);
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
+}
+
+TEST_F(DebugQueueTest, ProcessThatKeepsOnSendingDoesNotHoldUpTheStart) {
+    const int queue = make_queue();
+    send_foreign(queue, 1, 16);
+    send_foreign(queue, 1, 16);
+    refills = 100;
+    receives = 0;
+    ASSERT_EQ(location_debug_queue_open(), 0); // no task reads it yet
+    EXPECT_EQ(receives, 2);
+    refills = 0;
+    location_debug_queue_close();
+}
+
+TEST_F(DebugQueueTest, BlockIsHandedOverWholeWhileItsThreadIsBeingCancelled) {
+    ASSERT_EQ(location_debug_queue_open(), 0);
+    std::thread([] {
+        pthread_cancel(pthread_self());
+        location_debug_queue_send(location_debug_block_copy(reinterpret_cast<const uint8_t*>("whole"), 5));
+        pthread_testcancel();
+        ADD_FAILURE() << "not cancelled";
+    }).join();
+    ASSERT_EQ(messages_in_queue(), 1U);
+    const DebugBlockPtr block = location_debug_queue_receive();
+    ASSERT_TRUE(block);
+    EXPECT_EQ(memcmp(location_debug_block_data(block.get()), "whole", 5), 0);
+    location_debug_queue_close();
 }
 
 TEST_F(DebugQueueTest, NewQueueIsOpenToEveryUser) {

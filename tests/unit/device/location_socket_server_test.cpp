@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -66,6 +68,14 @@ TEST_F(SocketServerTest, ReusesTheAddressOfClosedConnections) {
     socklen_t size = sizeof on;
     ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, &size), 0);
     EXPECT_EQ(on, 1);
+}
+
+TEST_F(SocketServerTest, FiveClientsMayWaitToBeAccepted) {
+    ASSERT_GE(create(), 0);
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    ASSERT_EQ(getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size), 0);
+    EXPECT_EQ(info.tcpi_sacked, 5U); // of a listening socket that is its backlog
 }
 
 TEST_F(SocketServerTest, PortHeldByAnotherServerFailsAndClosesTheSocket) {

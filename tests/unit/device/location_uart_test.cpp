@@ -7,9 +7,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -18,6 +20,14 @@ struct FailureState {
     bool fcntl = false;
     bool tcsetattr = false;
 } failure;
+
+// What a serial line says that it has not sent yet, one number a question, the last one for ever; a pseudo
+// terminal has no such number.
+struct SendingLine {
+    std::vector<int> unsent;
+    useconds_t waited_us;
+    int drops;
+} sending;
 
 // A pseudo terminal always is a line of eight bits that receives. These flags it only seems not to have.
 tcflag_t hidden_control = 0;
@@ -48,6 +58,28 @@ int __real_tcsetattr(int fd, int when, const termios* options);
 int __wrap_tcsetattr(int fd, int when, const termios* options) {
     applied = *options;
     return failure.tcsetattr ? -1 : __real_tcsetattr(fd, when, options);
+}
+
+int __wrap_ioctl(int /*fd*/, unsigned long request, int* bytes) {
+    if (request != TIOCOUTQ || sending.unsent.empty()) {
+        return -1;
+    }
+    *bytes = sending.unsent.front();
+    if (sending.unsent.size() > 1) {
+        sending.unsent.erase(sending.unsent.begin());
+    }
+    return 0;
+}
+
+int __wrap_usleep(useconds_t us) {
+    sending.waited_us += us;
+    return 0;
+}
+
+int __real_tcflush(int fd, int queue);
+int __wrap_tcflush(int fd, int queue) {
+    sending.drops += queue == TCOFLUSH ? 1 : 0;
+    return __real_tcflush(fd, queue);
 }
 
 } // extern "C"
@@ -393,4 +425,36 @@ TEST(LocationUart, ClosingForgetsTheDescriptorOnlyWhenItWorks) {
     handle.fd = open("/dev/null", O_RDWR);
     EXPECT_EQ(location_uart_deinit(&handle), 0);
     EXPECT_EQ(handle.fd, -1);
+}
+
+TEST(LocationUart, ClosingWaitsForALineThatStillSendsAndDropsWhatAStoppedOneHolds) {
+    const struct {
+        std::vector<int> unsent;
+        useconds_t waits_us;
+        int drops;
+    } lines[] = {{{}, 0, 0}, {{0}, 0, 0}, {{30, 20, 10, 0}, 30'000, 0}, {{30, 20}, 500'000, 1}};
+    for (const auto& line : lines) {
+        sending = {};
+        {
+            const Line open_line(UART_FLOW_NONE);
+            sending = {.unsent = line.unsent, .waited_us = 0, .drops = 0};
+        }
+        EXPECT_EQ(sending.waited_us, line.waits_us) << line.unsent.size();
+        EXPECT_EQ(sending.drops, line.drops) << line.unsent.size();
+    }
+    sending = {};
+}
+
+// The process asks in a session of its own, in which the first terminal that is opened carelessly becomes the
+// controlling one.
+TEST(LocationUartDeathTest, LineDoesNotBecomeTheControllingTerminal) {
+    const PseudoTerminal terminal;
+    const auto ask = [&] {
+        setsid();
+        UartHandle handle{.fd = -1, .flow_control = 0};
+        const SerialPortConfig config = config_of(terminal.path, 115200, 0);
+        const bool opened = location_uart_init(&handle, &config) == 0;
+        _exit(opened && open("/dev/tty", O_RDWR) == -1 ? 0 : 1);
+    };
+    EXPECT_EXIT(ask(), testing::ExitedWithCode(0), "");
 }
