@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kMostClients = 10;
 constexpr size_t kMoreThanBuffersHold = 12'000'000; // a send buffer grows to 4 MB
-constexpr int kMostSentences = 2'000'000;           // ten times what that takes
+constexpr int kMostSentences = 600'000;             // three times what that takes
 
 // Seconds of the day that a sentence with its time in the first field tells.
 double seconds_of_day(const std::string& sentence) {
