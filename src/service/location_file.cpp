@@ -104,8 +104,9 @@ bool build_text(const LocationRecord* record, FileText* out) {
     return true;
 }
 
+// No symbolic link is followed: the file may be configured to lie where others can place one.
 FILE* open_emptied(const char* path) {
-    DescriptorGuard file(regular_file_open(path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode));
+    DescriptorGuard file(regular_file_open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kFileMode));
     FILE* const stream = file.fd < 0 ? nullptr : fdopen(file.fd, "w");
     if (stream == nullptr) {
         printf("[LOCSERV] ERR: location_service_save_location open fail, %s\n", path);

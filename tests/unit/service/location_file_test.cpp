@@ -209,6 +209,18 @@ TEST_F(LocationFile, FifoOrDeviceIsNeitherWrittenNorRead) {
     EXPECT_EQ(log, open_fail(world.path));
 }
 
+TEST_F(LocationFile, LinkIsNotWrittenThrough) {
+    const string victim = dir.write("victim", "whole");
+    for (const int32_t keep : {0, 1}) {
+        world.keep = keep;
+        const string link = world.path + (keep == 0 ? "" : ".new");
+        std::filesystem::create_symlink(victim, link);
+        EXPECT_EQ(save(example()), -1);
+        EXPECT_EQ(log, open_fail(link));
+        EXPECT_EQ(dir.read("victim"), "whole");
+    }
+}
+
 // With the setting to keep good files.
 struct LocationFileKeep : LocationFile {
     LocationFileKeep() {
