@@ -103,7 +103,7 @@ int64_t tool_time_now_ms() {
 }
 
 void tool_time_start() {
-    g_fakes.calls.emplace_back("time_start");
+    g_fakes.calls.emplace_back(g_fakes.log.empty() ? "time_start" : "time_start behind a line");
 }
 
 void tool_sleep_ms(int64_t ms) {

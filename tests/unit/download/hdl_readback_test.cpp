@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sys/stat.h>
 
 namespace {
 
@@ -122,15 +123,24 @@ TEST_F(Readback, ThreeAttemptsOfASecondEach) {
 TEST_F(Readback, AChecksumThatNeverFitsFailsAfterThreeAttempts) {
     const int64_t start = g_fakes.now;
     g_fakes.on_receive = [] {
-        g_fakes.now += 250;
+        g_fakes.now += 333; // three of them are no second yet
         g_fakes.arrives.push_back(data_response(0x2101, piece('y'), 1));
     };
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
-    EXPECT_EQ(g_fakes.now - start, 3000);
+    EXPECT_EQ(g_fakes.now - start, 3 * 4 * 333);
     EXPECT_EQ(g_fakes.sent.size(), 3U);
     EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 12U);
     EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite res retry: addr=0x0").size(), 3U);
     EXPECT_EQ(g_fakes.log.size(), 15U);
+}
+
+TEST_F(Readback, AClockThatIsSetBackDoesNotHoldAnAttempt) {
+    g_fakes.on_receive = [receives = 0]() mutable {
+        g_fakes.now += ++receives == 2 ? -3'600'000 : 250;
+        g_fakes.arrives.push_back(data_response(0x2101, piece('y'), 1));
+    };
+    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 2U + 4 + 4 + 4);
 }
 
 TEST_F(Readback, TheThirdAttemptMaySucceed) {
@@ -155,6 +165,13 @@ TEST_F(Readback, AFileThatCantBeOpenedFails) {
     answer(data_response(0x2101, piece('x')));
     EXPECT_FALSE(hdl_readback_kite("/nowhere/dump", 0));
     EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/dump\n"});
+}
+
+TEST_F(Readback, OnlyARegularFileIsWrittenOrReplaced) {
+    answer(data_response(0x2101, piece('x')));
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 2048));
+    EXPECT_EQ(g_fakes.log.at(0), "[E] can not open " + path + "\n");
 }
 
 TEST_F(Readback, AShortWriteFailsSilently) {
@@ -203,20 +220,6 @@ TEST_F(Otp, TheChecksumCoversTheLengthOnly) {
 TEST_F(Otp, ALongerLengthIsRefused) {
     EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2049));
     EXPECT_EQ(g_fakes.calls, Texts{});
-}
-
-TEST_F(Otp, FailuresAreToldAsThoseOfTheReadback) {
-    answer(data_response(0x210D, piece('o'), 1));
-    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0x100, 2048));
-    EXPECT_EQ(g_fakes.sent.size(), 3U);
-    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x100, crc_cal=0x").size(), 3U);
-    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite res retry: addr=0x100\n").size(), 3U);
-}
-
-TEST_F(Otp, AFileThatCantBeOpenedFails) {
-    answer(data_response(0x210D, piece('o')));
-    EXPECT_FALSE(hdl_read_otp_kite("/nowhere/dump", 0, 2048));
-    EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/dump\n"});
 }
 
 TEST_F(Otp, AFileThatCantBeClosedIsToldByWhatWasWritten) {
