@@ -45,6 +45,7 @@ constexpr Advice kAdvices[] = {
     {"concat malloc", kMemory},
     {"da_format_flash malloc", kMemory},
     {"download_image malloc", kMemory},
+    {"hdl_download_flow malloc", kMemory},
     {"parsing_kite malloc", kMemory},
     {"read_dma_to_pool",
      "the chip sends more than an answer: see that the agent's file is the one for this chip and try again"},
@@ -57,6 +58,9 @@ constexpr Advice kAdvices[] = {
     {"========== Handshake fail",
      "another client stopped it while the chip's boot ROM answered wrongly: check the "
      "SPI settings and try again"},
+    {"download given up",
+     "another request came while the chip acknowledged nothing: check power, wiring and the "
+     "download agent's file, and try again"},
     {"btrom checksum", kLink},
     {"hdl_brom", kLink},
     {"[spi]can't send", kLink},
@@ -69,6 +73,7 @@ constexpr Advice kAdvices[] = {
     {"format_sliding", "the flash was not erased in time: see that it is not protected and try again"},
     {"FORMAT_TIMEOUT", "the flash was not erased in time: see that it is not protected and try again"},
     {"download_image getFileSize", "an image file is empty or missing: put it beside the image list"},
+    {"image file changed", "leave the image files alone while they are written and try again"},
     {"can not open", "put the image file beside the image list, readable for the daemon"},
     {"download_sliding", "blocks were not taken: see that begin_address lies inside the flash and try again"},
     {"check_image_crc", "the flash holds something else: see that no image overlaps another and try again"},

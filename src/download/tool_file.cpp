@@ -30,6 +30,6 @@ bool tool_file_unchanged(const char* path, uint64_t size) {
     if (getFileSize(path) == size) {
         return true;
     }
-    tool_log_error("The file(%s) changed during the download.\n", path);
+    tool_log_error("image file changed during the download: %s\n", path);
     return false;
 }

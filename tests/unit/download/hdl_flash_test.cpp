@@ -297,11 +297,11 @@ TEST_F(ImageCheck, AFileThatChangedSinceItWasWrittenIsNotAskedFor) {
     for (const char* now : {"", "abcd", "abcdef"}) {
         image_holds(now);
         EXPECT_FALSE(check_image_crc(&image, 5)) << now;
-        EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+        EXPECT_EQ(g_fakes.log.back(), "[E] image file changed during the download: " + path + "\n");
     }
     std::filesystem::remove(path);
     EXPECT_FALSE(check_image_crc(&image, 5));
-    EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+    EXPECT_EQ(g_fakes.log.back(), "[E] image file changed during the download: " + path + "\n");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     EXPECT_FALSE(check_image_crc(&image, 5));
     EXPECT_EQ(g_fakes.sent.size(), 0U);

@@ -493,7 +493,7 @@ TEST_P(WriteFlow, AFileThatChangesEndsItAtOnceAndIsNamed) {
             };
             EXPECT_FALSE(run(3));
             EXPECT_LE(g_fakes.sent.size(), at + 1);
-            EXPECT_EQ(g_fakes.log.back(), "[E] The file(" + path + ") changed during the download.\n");
+            EXPECT_EQ(g_fakes.log.back(), "[E] image file changed during the download: " + path + "\n");
             std::filesystem::remove(path);
         }
     }
