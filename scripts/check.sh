@@ -49,4 +49,14 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_
 printf '%s\n' "${sources[@]}" | grep -E '^(src|client|board)/.*\.cpp$' |
     xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$build" 2>&1 |
     { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
+echo "check: manuals and error lines"
+scripts/check_error_lines.sh
+version=$(sed -n 's/^project(tavor VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+for page in docs/*.[1-8]; do
+    if ! head -n 1 "$page" | grep -q "^\.TH .* \"tavor $version\" "; then
+        echo "check: $page is not of version $version" >&2
+        exit 1
+    fi
+    mandoc -Tlint "$page"
+done
 echo "check: clean"

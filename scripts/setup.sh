@@ -7,7 +7,7 @@ packages=(
     libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev
     libcli11-dev nlohmann-json3-dev
     libgtest-dev libbenchmark-dev zlib1g-dev
-    clang-format clang-tidy patch
+    clang-format clang-tidy patch mandoc
 )
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }

@@ -1,0 +1,33 @@
+# What is installed, as components: a device takes daemon and client, a developer's machine board and dev too. The programs stand in
+# the lists of their folders.
+include(CMakePackageConfigHelpers)
+
+install(FILES packaging/tavor.service DESTINATION lib/systemd/system COMPONENT daemon)
+install(FILES packaging/tavor.sysusers DESTINATION lib/sysusers.d RENAME tavor.conf COMPONENT daemon)
+install(FILES packaging/tavor.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavor.conf COMPONENT daemon)
+install(FILES packaging/tavor.conf DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT daemon)
+install(FILES docs/firmware.md docs/troubleshooting.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon)
+
+install(FILES docs/tavor.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT daemon)
+install(FILES docs/tavor.conf.5 DESTINATION "${CMAKE_INSTALL_MANDIR}/man5" COMPONENT daemon)
+install(FILES docs/tavorctl.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT client)
+if(TARGET tavor-board)
+    install(FILES docs/tavor-board.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT board)
+endif()
+
+# The protocol's header for other clients: by pkg-config as "tavor", by find_package(tavor) as tavor::protocol.
+install(DIRECTORY include/tavor DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
+install(FILES docs/examples/client.c DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT dev)
+install(PROGRAMS docs/examples/client.py DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT dev)
+configure_file(cmake/tavor.pc.in "${CMAKE_CURRENT_BINARY_DIR}/tavor.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tavor.pc" DESTINATION "${CMAKE_INSTALL_DATADIR}/pkgconfig" COMPONENT dev)
+add_library(tavor_protocol INTERFACE)
+set_target_properties(tavor_protocol PROPERTIES EXPORT_NAME protocol)
+target_include_directories(tavor_protocol INTERFACE "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
+install(TARGETS tavor_protocol EXPORT tavor_protocol COMPONENT dev)
+install(EXPORT tavor_protocol NAMESPACE tavor:: FILE tavor-config.cmake
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/cmake/tavor" COMPONENT dev)
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/tavor-config-version.cmake"
+    COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tavor-config-version.cmake"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/cmake/tavor" COMPONENT dev)
