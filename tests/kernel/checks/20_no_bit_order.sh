@@ -1,0 +1,16 @@
+# A controller without LSB_FIRST refuses the default settings; with "SPI bit order=1" all is well.
+. /lib.sh
+
+module_load spi_mode_bits=0x07
+board_start --msb-first
+daemon_start
+ctl start # answered with success: the bus is opened behind it
+wait_for 20 logged "[LOCSERV] ERR: [spi]can't set LSB or MSB: 1"
+ctl stop
+expect 0 "$(cat /sys/class/gpio/gpio17/value)" "power line after the stop"
+daemon_end
+
+echo "SPI bit order=1" >>/etc/default/tavor/tavor.conf
+daemon_start
+ctl position >/dev/null
+ctl stop
