@@ -104,7 +104,7 @@ build_programs() {
     build=build/release
     scripts/setup.sh
     cmake --preset release >/dev/null
-    cmake --build $build --target tavor tavorctl tavor-board tavor-i2c
+    cmake --build $build --target tavor tavorctl tavor-board tavor-i2c kernel-probe
 }
 
 # put_program FILE: with the libraries that it needs.
@@ -127,13 +127,17 @@ make_initramfs() {
     rm -rf "$root"
     mkdir -p "$root"/{bin,proc,sys,dev,tmp,etc/default,lib64}
     install -t "$root/bin" "$(command -v busybox)"
-    for program in tavor tavorctl tavor-board tavor-i2c; do
+    for program in tavor tavorctl tavor-board tavor-i2c kernel-probe; do
         put_program "$build/bin/$program"
     done
     curl=$(ldconfig -p | sed -n 's/.*libcurl\.so\.4 .*=> //p' | sed -n 1p)
     install -D "$curl" "$root$curl" # loaded with the first download
     put_libraries "$curl"
     install -t "$root" "$work/$release/i2c-dev.ko" "$work/$release/module/tavor_board.ko" tests/kernel/init tests/kernel/lib.sh
+    install -D -t "$root/lib" "$build/lib/libtavor_board.so" # for the simulated devices beside the kernel's
+    strip --strip-debug "$root/lib/libtavor_board.so"
+    put_libraries "$build/lib/libtavor_board.so"
+    install -D -t "$root/probe" tests/kernel/probe/accepted
     install -D -t "$root/checks" tests/kernel/checks/*.sh
     printf '%s\n' "$mode" "${only[@]}" >"$root/order"
     (cd "$root" && find . | cpio -o -H newc --quiet) >"$machine/initramfs"
