@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <cstring>
 #include <fcntl.h>
 #include <optional>
 #include <utility>
@@ -13,6 +15,7 @@ using Guard = std::lock_guard<std::mutex>;
 
 constexpr size_t kBoardI2cBufferSize = 8192; // bytes of one read or write, as i2c-dev has it
 constexpr uint64_t kHighestI2cAddress = 0x7F;
+constexpr off_t kGpioNodeSize = 4096; // as sysfs says, whatever stands in it
 
 int fail(int error) {
     errno = error;
@@ -72,20 +75,37 @@ ssize_t i2c_result(std::optional<uint32_t> count) {
     return count ? static_cast<ssize_t>(*count) : fail(EREMOTEIO);
 }
 
-ssize_t i2c_read(Board& board, const BoardFile& file, void* buffer, size_t length) {
+ssize_t i2c_read(Board& board, uint8_t address, void* buffer, size_t length) {
     if (length == 0) {
         return fail(EOPNOTSUPP); // as with most adapters
     }
-    return i2c_result(chip_i2c_read(board.chip, file.i2c_address, static_cast<uint8_t*>(buffer),
-                                    i2c_size(length), now(board)));
+    return i2c_result(
+        chip_i2c_read(board.chip, address, static_cast<uint8_t*>(buffer), i2c_size(length), now(board)));
 }
 
-ssize_t i2c_write(Board& board, const BoardFile& file, const void* data, size_t length) {
+ssize_t i2c_write(Board& board, uint8_t address, const void* data, size_t length) {
     if (length == 0) {
         return fail(EOPNOTSUPP);
     }
-    return i2c_result(chip_i2c_write(board.chip, file.i2c_address, static_cast<const uint8_t*>(data),
-                                     i2c_size(length), now(board)));
+    return i2c_result(
+        chip_i2c_write(board.chip, address, static_cast<const uint8_t*>(data), i2c_size(length), now(board)));
+}
+
+// What the kernel refuses of every device node.
+int node_flags_error(int flags) {
+    if ((flags & O_DIRECTORY) != 0) {
+        return ENOTDIR;
+    }
+    return (flags & O_CREAT) != 0 && (flags & O_EXCL) != 0 ? EEXIST : 0;
+}
+
+int open_device(const Board& board, const std::string& path, int flags) {
+    const std::string node = path.substr(0, path.find('/', strlen("/dev/")));
+    if (!is_spi(board, node) && !is_i2c(board, node)) {
+        return fail(ENOENT);
+    }
+    const int error = node != path ? ENOTDIR : node_flags_error(flags);
+    return error != 0 ? fail(error) : 0;
 }
 
 bool readable(const BoardFile& file) {
@@ -109,6 +129,7 @@ void board_init(Board& board, BoardOptions options) {
     }
     board.options.chip.boot_mirrored = !board.options.lsb_first; // the boot ROM's order is fixed
     board.spi = {};
+    board.spi_users = 0;
     board.gpio = {};
     board.gpio.pin_count = board.options.pin_count;
     chip_init(board.chip, board.options.chip);
@@ -117,13 +138,12 @@ void board_init(Board& board, BoardOptions options) {
 
 int board_open(Board& board, BoardFile& file, const std::string& path, int flags) {
     const Guard guard(board.mutex);
-    if (board_gpio_is_path(path)) {
-        if (board_gpio_open(board.gpio, path, flags) != 0) {
-            return -1;
-        }
-    } else if (!is_spi(board, path) && !is_i2c(board, path)) {
-        return fail(ENOENT);
+    const int result =
+        board_gpio_is_path(path) ? board_gpio_open(board.gpio, path, flags) : open_device(board, path, flags);
+    if (result != 0) {
+        return -1;
     }
+    board.spi_users += is_spi(board, path) ? 1 : 0;
     file = {path, flags, 0, 0};
     return 0;
 }
@@ -132,6 +152,9 @@ int board_close(Board& board, BoardFile& file) {
     const Guard guard(board.mutex);
     if (file.path.empty()) {
         return fail(EBADF);
+    }
+    if (is_spi(board, file.path) && --board.spi_users == 0) {
+        board.spi.speed_hz = kBoardSpiSpeedHz; // spidev keeps the mode only
     }
     file = {};
     return 0;
@@ -154,7 +177,7 @@ ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t leng
         return spi_plain(board, nullptr, buffer, length);
     }
     if (is_i2c(board, file.path)) {
-        return i2c_read(board, file, buffer, length);
+        return i2c_read(board, file.i2c_address, buffer, length);
     }
     const ssize_t count = board_gpio_read(board.gpio, file.path, file.position, buffer, length);
     file.position += count > 0 ? static_cast<size_t>(count) : 0;
@@ -170,7 +193,7 @@ ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t
         return spi_plain(board, data, nullptr, length);
     }
     if (is_i2c(board, file.path)) {
-        return i2c_write(board, file, data, length);
+        return i2c_write(board, file.i2c_address, data, length);
     }
     const ssize_t count = board_gpio_write(board.gpio, file.path, data, length);
     file.position += count > 0 ? static_cast<size_t>(count) : 0;
@@ -181,6 +204,21 @@ ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t
 ssize_t board_spi_message(Board& board, const BoardFile& file, const BoardTransfer* transfers, size_t count) {
     const Guard guard(board.mutex);
     return is_spi(board, file.path) ? spi_frame(board, transfers, count) : fail(ENOTTY);
+}
+
+off_t board_node_seek(Board& board, BoardFile& file, off_t offset, int whence) {
+    const Guard guard(board.mutex);
+    if (!board_gpio_is_path(file.path)) {
+        return fail(file.path.empty() ? EBADF : ESPIPE);
+    }
+    const off_t from = whence == SEEK_CUR   ? static_cast<off_t>(file.position)
+                       : whence == SEEK_END ? kGpioNodeSize
+                                            : 0;
+    if (from + offset < 0) {
+        return fail(EINVAL);
+    }
+    file.position = static_cast<size_t>(from + offset);
+    return from + offset;
 }
 
 int board_spi_set(Board& board, const BoardFile& file, BoardSpiSetting setting, uint32_t value) {
@@ -207,6 +245,26 @@ int board_i2c_select(Board& board, BoardFile& file, uint64_t address) {
     }
     file.i2c_address = static_cast<uint8_t>(address);
     return 0;
+}
+
+ssize_t board_i2c_message(Board& board, const BoardFile& file, const BoardI2cMessage& message) {
+    const Guard guard(board.mutex);
+    if (!is_i2c(board, file.path)) {
+        return fail(ENOTTY);
+    }
+    if (message.length > kBoardI2cBufferSize) {
+        return fail(EINVAL);
+    }
+    return message.rx != nullptr ? i2c_read(board, message.address, message.rx, message.length)
+                                 : i2c_write(board, message.address, message.tx, message.length);
+}
+
+int board_i2c_set(Board& board, const BoardFile& file, BoardI2cSetting setting, uint64_t value) {
+    const Guard guard(board.mutex);
+    if (!is_i2c(board, file.path)) {
+        return fail(ENOTTY);
+    }
+    return setting == BoardI2cSetting::limit && value > INT_MAX ? fail(EINVAL) : 0;
 }
 
 void board_drive_power(Board& board, bool output, bool level) {

@@ -32,6 +32,7 @@ struct Board {
     BoardOptions options;
     Chip chip;
     BoardSpi spi;
+    int spi_users = 0; // open files of the SPI node
     BoardGpio gpio;
 };
 
@@ -51,6 +52,8 @@ int board_access(Board& board, const std::string& path); // 0 or -1 (ENOENT)
 ssize_t board_node_read(Board& board, BoardFile& file, void* buffer, size_t length);
 ssize_t board_node_write(Board& board, BoardFile& file, const void* data, size_t length);
 
+off_t board_node_seek(Board& board, BoardFile& file, off_t offset, int whence); // the new position or -1
+
 // All parts together are one frame on the wire (chip select stays low). Returns the bytes of all parts. Not
 // an SPI node: ENOTTY.
 ssize_t board_spi_message(Board& board, const BoardFile& file, const BoardTransfer* transfers, size_t count);
@@ -62,6 +65,23 @@ int board_spi_get(Board& board, const BoardFile& file, BoardSpiSetting setting, 
 
 // I2C_SLAVE of i2c-dev: the 7-bit address of the reads and writes that follow. Returns 0 or -1.
 int board_i2c_select(Board& board, BoardFile& file, uint64_t address);
+
+// One message of I2C_RDWR; rx null: a write. Returns the bytes moved or -1.
+struct BoardI2cMessage {
+    uint8_t address;
+    const uint8_t* tx;
+    uint8_t* rx;
+    size_t length;
+};
+ssize_t board_i2c_message(Board& board, const BoardFile& file, const BoardI2cMessage& message);
+
+// The settings of i2c-dev that change nothing here: ten-bit addresses and checksums that the chip doesn't
+// know, and limits (retries, time-out). Returns 0 or -1 as i2c-dev does.
+enum class BoardI2cSetting : uint8_t { flag, limit };
+int board_i2c_set(Board& board, const BoardFile& file, BoardI2cSetting setting, uint64_t value);
+
+// What I2C_FUNCS says: plain messages and what the kernel emulates with them, but none without a byte.
+inline constexpr unsigned long kBoardI2cFunctions = 0x0EFE0009;
 
 // The power line's state where it is no sysfs node of this board: an input does not power the chip.
 void board_drive_power(Board& board, bool output, bool level);

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
-#include <charconv>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
@@ -14,7 +16,7 @@ namespace {
 constexpr std::string_view kRoot = "/sys/class/gpio";
 constexpr std::array<std::string_view, 4> kEdges = {"none", "rising", "falling", "both"};
 
-enum class NodeKind { directory, export_node, unexport_node, direction, value, edge };
+enum class NodeKind { directory, export_node, unexport_node, direction, value, edge, active_low };
 
 struct Node {
     NodeKind kind;
@@ -26,11 +28,26 @@ int fail(int error) {
     return -1;
 }
 
-std::optional<int> number_of(std::string_view text) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool whole = error == std::errc() && end == text.data() + text.size();
-    return whole ? std::optional(value) : std::nullopt;
+// A number as the kernel reads it from a node: with a sign, hexadecimal or octal too. Nothing: errno tells
+// why.
+std::optional<long> number_of(std::string_view view) {
+    const std::string text(view);
+    char* end = nullptr;
+    errno = 0;
+    const long value = strtol(text.c_str(), &end, 0);
+    if (text.empty() || isspace(static_cast<unsigned char>(text[0])) != 0 || *end != '\0' ||
+        errno == EINVAL) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    return errno == 0 ? std::optional(value) : std::nullopt;
+}
+
+// A pin's number as it stands in the name of its directory.
+std::optional<int> pin_of(std::string_view name) {
+    const auto number = number_of(name);
+    const bool plain = number && *number >= 0 && *number <= INT_MAX && std::to_string(*number) == name;
+    return plain ? std::optional(static_cast<int>(*number)) : std::nullopt;
 }
 
 std::optional<NodeKind> attribute_of(std::string_view name) {
@@ -43,6 +60,9 @@ std::optional<NodeKind> attribute_of(std::string_view name) {
     if (name == "value") {
         return NodeKind::value;
     }
+    if (name == "active_low") {
+        return NodeKind::active_low;
+    }
     return name == "edge" ? std::optional(NodeKind::edge) : std::nullopt;
 }
 
@@ -52,7 +72,7 @@ std::optional<Node> pin_node(const BoardGpio& gpio, std::string_view name) {
         return std::nullopt;
     }
     const size_t slash = std::min(name.find('/'), name.size());
-    const auto pin = number_of(name.substr(kPrefix.size(), slash - kPrefix.size()));
+    const auto pin = pin_of(name.substr(kPrefix.size(), slash - kPrefix.size()));
     const auto kind = attribute_of(slash < name.size() ? name.substr(slash + 1) : "");
     const auto found = pin ? gpio.pins.find(*pin) : gpio.pins.end();
     if (!kind || found == gpio.pins.end() || !found->second.exported) {
@@ -79,24 +99,32 @@ std::string text_of(const Node& node, const BoardPin& pin) {
     if (node.kind == NodeKind::direction) {
         return pin.output ? "out\n" : "in\n";
     }
-    return node.kind == NodeKind::value ? (pin.level ? "1\n" : "0\n") : pin.edge + "\n";
+    if (node.kind == NodeKind::edge) {
+        return pin.edge + "\n";
+    }
+    const bool bit = node.kind == NodeKind::value ? pin.level != pin.active_low : pin.active_low;
+    return bit ? "1\n" : "0\n";
 }
 
 int set_exported(BoardGpio& gpio, std::string_view text, bool exported) {
     const auto number = number_of(text);
-    if (!number || *number < 0 || *number >= gpio.pin_count) {
+    if (!number) {
+        return -1;
+    }
+    if (*number < 0 || *number >= gpio.pin_count) {
         return fail(EINVAL);
     }
-    BoardPin& pin = gpio.pins[*number];
+    BoardPin& pin = gpio.pins[static_cast<int>(*number)];
     if (pin.exported == exported) {
         return fail(exported ? EBUSY : EINVAL);
     }
     pin.exported = exported;
     pin.edge = "none";
+    pin.active_low = false;
     return 0;
 }
 
-// "out" is low; "low" and "high" change direction and level in one step.
+// "out" is low; "low" and "high" change direction and level in one step, whatever active_low says.
 int set_direction(BoardPin& pin, std::string_view text) {
     if (text == "in") {
         pin.output = false;
@@ -116,9 +144,9 @@ int set_value(BoardPin& pin, std::string_view text) {
     }
     const auto value = number_of(text);
     if (!value) {
-        return fail(EINVAL);
+        return -1;
     }
-    pin.level = *value != 0;
+    pin.level = (*value != 0) != pin.active_low;
     return 0;
 }
 
@@ -130,6 +158,15 @@ int set_edge(BoardPin& pin, std::string_view text) {
         return fail(EIO); // an output can't be an interrupt
     }
     pin.edge = text;
+    return 0;
+}
+
+int set_active_low(BoardPin& pin, std::string_view text) {
+    const auto value = number_of(text);
+    if (!value) {
+        return -1;
+    }
+    pin.active_low = *value != 0;
     return 0;
 }
 
@@ -145,6 +182,8 @@ int write_text(BoardGpio& gpio, const Node& node, std::string_view text) {
         return set_value(gpio.pins[node.pin], text);
     case NodeKind::edge:
         return set_edge(gpio.pins[node.pin], text);
+    case NodeKind::active_low:
+        return set_active_low(gpio.pins[node.pin], text);
     default:
         return fail(EISDIR);
     }
@@ -159,7 +198,11 @@ bool board_gpio_is_path(const std::string& path) {
 int board_gpio_open(const BoardGpio& gpio, const std::string& path, int flags) {
     const auto node = node_of(gpio, path);
     if (!node) {
-        return fail(ENOENT);
+        return fail((flags & O_CREAT) != 0 ? EACCES : ENOENT); // nobody makes files there
+    }
+    const bool reads = (flags & O_ACCMODE) != O_WRONLY;
+    if (reads && (node->kind == NodeKind::export_node || node->kind == NodeKind::unexport_node)) {
+        return fail(EACCES);
     }
     return node->kind == NodeKind::directory && (flags & O_ACCMODE) != O_RDONLY ? fail(EISDIR) : 0;
 }
@@ -187,6 +230,9 @@ ssize_t board_gpio_write(BoardGpio& gpio, const std::string& path, const void* d
     const auto node = node_of(gpio, path);
     if (!node) {
         return fail(ENODEV);
+    }
+    if (length == 0) {
+        return 0; // the attribute never sees it
     }
     std::string_view text(static_cast<const char*>(data), length);
     if (text.ends_with('\n')) {

@@ -10,7 +10,8 @@
 struct BoardPin {
     bool exported = false;
     bool output = false;
-    bool level = false;
+    bool level = false;      // on the wire
+    bool active_low = false; // value shows the opposite of the level
     std::string edge = "none";
 };
 

@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr uint32_t kModeBits = SPI_CPHA | SPI_CPOL | SPI_CS_HIGH | SPI_LSB_FIRST | SPI_3WIRE | SPI_LOOP |
-                               SPI_NO_CS | SPI_READY | SPI_TX_DUAL | SPI_TX_QUAD | SPI_RX_DUAL | SPI_RX_QUAD;
+constexpr uint32_t kModeBits = SPI_CPHA | SPI_CPOL | SPI_CS_HIGH | SPI_LSB_FIRST;
+// Taken and dropped by the kernel where the controller has one data line each way.
+constexpr uint32_t kDroppedBits = SPI_TX_DUAL | SPI_TX_QUAD | SPI_RX_DUAL | SPI_RX_QUAD;
 constexpr uint32_t kBitsPerWord = 8;
 
 int fail(int error) {
@@ -20,15 +21,21 @@ int fail(int error) {
 }
 
 int change_mode(BoardSpi& spi, uint32_t mode) {
-    if ((mode & ~kModeBits) != 0) {
+    if ((mode & ~(kModeBits | kDroppedBits)) != 0) {
         return fail(EINVAL);
     }
-    spi.mode = mode;
+    spi.mode = mode & kModeBits;
     return 0;
 }
 
 void mirror(std::vector<uint8_t>& bytes) {
     std::transform(bytes.begin(), bytes.end(), bytes.begin(), chip_mirrored);
+}
+
+// As the kernel checks a part: the words that the controller has, over one data line.
+bool is_possible(const BoardTransfer& part) {
+    return (part.bits_per_word == 0 || part.bits_per_word == kBitsPerWord) && part.tx_lines <= 1 &&
+           part.rx_lines <= 1;
 }
 
 std::vector<uint8_t> gathered(const BoardTransfer* transfers, size_t count) {
@@ -96,6 +103,9 @@ ssize_t board_spi_frame(const BoardSpi& spi, bool lsb_first, Chip& chip, const B
     }
     if (total > kBoardSpiBufferSize) {
         return fail(EMSGSIZE);
+    }
+    if (!std::all_of(transfers, transfers + count, is_possible)) {
+        return fail(EINVAL);
     }
     std::vector<uint8_t> tx = gathered(transfers, count);
     std::vector<uint8_t> rx(total);

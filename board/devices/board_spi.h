@@ -8,11 +8,13 @@
 
 struct Chip;
 
+inline constexpr uint32_t kBoardSpiSpeedHz = 50000000; // of the device, until a program sets another
+
 // In the kernel's terms.
 struct BoardSpi {
     uint32_t mode = 0; // SPI_CPHA, SPI_CPOL, SPI_LSB_FIRST ...
     uint32_t bits_per_word = 8;
-    uint32_t speed_hz = 500000;
+    uint32_t speed_hz = kBoardSpiSpeedHz;
 };
 
 enum class BoardSpiSetting : uint8_t { mode, lsb_first, bits_per_word, speed_hz };
@@ -22,6 +24,9 @@ struct BoardTransfer {
     const uint8_t* tx;
     uint8_t* rx;
     uint32_t length;
+    uint8_t bits_per_word = 0; // 0: the device's
+    uint8_t tx_lines = 0;      // data lines, 0: one
+    uint8_t rx_lines = 0;
 };
 
 inline constexpr size_t kBoardSpiBufferSize = 4096; // bytes of one message, as spidev has it

@@ -14,6 +14,7 @@ int backend_close(int fd);
 ssize_t backend_read(int fd, void* buffer, size_t length);
 ssize_t backend_write(int fd, const void* data, size_t length);
 int backend_ioctl(int fd, unsigned long request, void* argument);
+off_t backend_seek(int fd, off_t offset, int whence);
 int backend_access(const char* path);
 
 // Whether the descriptor was opened by backend_open and is not closed yet.

@@ -23,6 +23,12 @@ ssize_t write_device(int fd, const void* data, size_t length) {
     return backend_write(fd, data, length);
 }
 
+// No cancellation point.
+off_t seek_device(int fd, off_t offset, int whence) {
+    const HookCancelHold hold;
+    return backend_seek(fd, offset, whence);
+}
+
 int close_device(int fd) {
     pthread_testcancel();
     const HookCancelHold hold;
@@ -87,6 +93,16 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     }
     const HookCancelHold hold;
     return backend_ioctl(fd, request, argument);
+}
+
+off_t lseek(int fd, off_t offset, int whence) noexcept {
+    return backend_owns(fd) ? seek_device(fd, offset, whence)
+                            : real<"lseek", off_t(int, off_t, int)>()(fd, offset, whence);
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
+    using Seek = off64_t(int, off64_t, int);
+    return backend_owns(fd) ? seek_device(fd, offset, whence) : real<"lseek64", Seek>()(fd, offset, whence);
 }
 
 size_t fwrite(const void* data, size_t size, size_t count, FILE* file) {

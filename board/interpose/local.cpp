@@ -135,6 +135,11 @@ int backend_access(const char* path) {
     return devices->access ? devices->access(path) : fail_with(ENOENT);
 }
 
+off_t backend_seek(int fd, off_t offset, int whence) {
+    const Devices devices = devices_now();
+    return devices->seek ? devices->seek(path_of(fd), offset, whence) : fail_with(ESPIPE);
+}
+
 bool backend_owns(int fd) {
     return fd >= 0 && fd < kMostDescriptors &&
            state.owned[static_cast<size_t>(fd)].load(std::memory_order_relaxed);

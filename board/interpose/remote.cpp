@@ -2,8 +2,9 @@
 // replaced functions hold cancellation off around these calls.
 #include "interpose/remote.h"
 
-#include "devices/board_spi.h"
+#include "devices/board_devices.h"
 #include "interpose/backend.h"
+#include "interpose/i2c_messages.h"
 #include "interpose/wire.h"
 
 #include <algorithm>
@@ -121,7 +122,7 @@ const uint8_t* address_of(uint64_t word) {
 
 // What an SPI message looks like on its way to the server.
 struct SpiMessage {
-    std::array<WirePart, kWirePartsMax> parts = {};
+    std::vector<WirePart> parts;
     std::vector<uint8_t> sent;
     std::vector<uint8_t> received;
 };
@@ -139,8 +140,9 @@ bool gather(SpiMessage& message, const spi_ioc_transfer* transfers, size_t count
     for (size_t i = 0; i < count; ++i) {
         const uint8_t* tx = address_of(transfers[i].tx_buf);
         const bool receives = transfers[i].rx_buf != 0;
-        message.parts[i] = {transfers[i].len,
-                            (tx != nullptr ? kWirePartSends : 0) | (receives ? kWirePartReceives : 0)};
+        const int flags = (tx != nullptr ? kWirePartSends : 0) | (receives ? kWirePartReceives : 0);
+        message.parts.push_back({transfers[i].len, static_cast<uint8_t>(flags), transfers[i].bits_per_word,
+                                 transfers[i].tx_nbits, transfers[i].rx_nbits});
         if (tx != nullptr) {
             message.sent.insert(message.sent.end(), tx, tx + transfers[i].len);
         }
@@ -162,7 +164,7 @@ void scatter(const SpiMessage& message, const spi_ioc_transfer* transfers, size_
 
 int spi_message(int fd, const spi_ioc_transfer* transfers, size_t count) {
     SpiMessage message;
-    if (count > kWirePartsMax || !gather(message, transfers, count)) {
+    if (!gather(message, transfers, count)) {
         return fail_with(EMSGSIZE);
     }
     const Request request = {WIRE_SPI_MESSAGE,
@@ -198,9 +200,110 @@ int i2c_select(int fd, uint64_t address) {
     return static_cast<int>(round_trip(fd, {WIRE_I2C_SLAVE, number}, {nullptr, 0}));
 }
 
+int i2c_set(int fd, BoardI2cSetting setting, uint64_t value) {
+    const Request request = {
+        WIRE_I2C_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0}};
+    return static_cast<int>(round_trip(fd, request, {nullptr, 0}));
+}
+
+int i2c_functions(int fd, void* argument) {
+    if (i2c_set(fd, BoardI2cSetting::flag, 0) < 0) {
+        return -1; // no I2C node
+    }
+    *static_cast<unsigned long*>(argument) = kBoardI2cFunctions;
+    return 0;
+}
+
+ssize_t i2c_message(int fd, const i2c_msg& message) {
+    if ((message.flags & I2C_M_RD) == 0) {
+        return round_trip(fd, {WIRE_I2C_WRITE, message.addr, {message.buf, message.len}}, {nullptr, 0});
+    }
+    const uint32_t number = message.addr | (uint32_t{message.len} << kWireLengthShift);
+    return round_trip(fd, {WIRE_I2C_READ, number}, {message.buf, message.len});
+}
+
+int i2c_transfer(int fd, const void* argument) {
+    if (i2c_set(fd, BoardI2cSetting::flag, 0) < 0) {
+        return -1;
+    }
+    return i2c_messages(static_cast<const i2c_rdwr_ioctl_data*>(argument),
+                        [fd](const i2c_msg& message) { return i2c_message(fd, message); });
+}
+
 bool is_spi_message(unsigned long request) {
-    return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == 0 && _IOC_DIR(request) == _IOC_WRITE &&
-           _IOC_SIZE(request) % sizeof(spi_ioc_transfer) == 0;
+    return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == 0 && _IOC_DIR(request) == _IOC_WRITE;
+}
+
+// What no request has as its result.
+constexpr int kNoRequest = -2;
+
+// The argument of most is the value itself.
+int i2c_request(int fd, unsigned long request, void* argument) {
+    const auto value = reinterpret_cast<uintptr_t>(argument);
+    switch (request) {
+    case I2C_SLAVE:
+    case I2C_SLAVE_FORCE:
+        return i2c_select(fd, value);
+    case I2C_TENBIT:
+    case I2C_PEC:
+        return i2c_set(fd, BoardI2cSetting::flag, value);
+    case I2C_RETRIES:
+    case I2C_TIMEOUT:
+        return i2c_set(fd, BoardI2cSetting::limit, value);
+    case I2C_FUNCS:
+        return argument == nullptr ? fail_with(EFAULT) : i2c_functions(fd, argument);
+    case I2C_RDWR:
+        return argument == nullptr ? fail_with(EFAULT) : i2c_transfer(fd, argument);
+    default:
+        return kNoRequest;
+    }
+}
+
+int spi_message_request(int fd, unsigned long request, const void* argument) {
+    if (_IOC_SIZE(request) % sizeof(spi_ioc_transfer) != 0) {
+        return fail_with(EINVAL);
+    }
+    const size_t count = _IOC_SIZE(request) / sizeof(spi_ioc_transfer);
+    if (count != 0 && argument == nullptr) {
+        return fail_with(EFAULT);
+    }
+    return spi_message(fd, static_cast<const spi_ioc_transfer*>(argument), count);
+}
+
+int spi_request(int fd, unsigned long request, void* argument) {
+    if (_IOC_TYPE(request) != SPI_IOC_MAGIC) {
+        return fail_with(ENOTTY);
+    }
+    if (is_spi_message(request)) {
+        return spi_message_request(fd, request, argument);
+    }
+    if (argument == nullptr) {
+        return fail_with(EFAULT);
+    }
+    switch (request) {
+    case SPI_IOC_WR_MODE:
+        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint8_t*>(argument));
+    case SPI_IOC_WR_MODE32:
+        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint32_t*>(argument));
+    case SPI_IOC_WR_LSB_FIRST:
+        return spi_set(fd, BoardSpiSetting::lsb_first, *static_cast<const uint8_t*>(argument));
+    case SPI_IOC_WR_BITS_PER_WORD:
+        return spi_set(fd, BoardSpiSetting::bits_per_word, *static_cast<const uint8_t*>(argument));
+    case SPI_IOC_WR_MAX_SPEED_HZ:
+        return spi_set(fd, BoardSpiSetting::speed_hz, *static_cast<const uint32_t*>(argument));
+    case SPI_IOC_RD_MODE:
+        return spi_get<uint8_t>(fd, BoardSpiSetting::mode, argument);
+    case SPI_IOC_RD_MODE32:
+        return spi_get<uint32_t>(fd, BoardSpiSetting::mode, argument);
+    case SPI_IOC_RD_LSB_FIRST:
+        return spi_get<uint8_t>(fd, BoardSpiSetting::lsb_first, argument);
+    case SPI_IOC_RD_BITS_PER_WORD:
+        return spi_get<uint8_t>(fd, BoardSpiSetting::bits_per_word, argument);
+    case SPI_IOC_RD_MAX_SPEED_HZ:
+        return spi_get<uint32_t>(fd, BoardSpiSetting::speed_hz, argument);
+    default:
+        return fail_with(ENOTTY);
+    }
 }
 
 } // namespace
@@ -243,40 +346,13 @@ ssize_t backend_write(int fd, const void* data, size_t length) {
 }
 
 int backend_ioctl(int fd, unsigned long request, void* argument) {
-    if (request == I2C_SLAVE) { // the argument is the address itself
-        return i2c_select(fd, reinterpret_cast<uintptr_t>(argument));
-    }
-    if (argument == nullptr) {
-        return fail_with(EFAULT);
-    }
-    if (is_spi_message(request)) {
-        return spi_message(fd, static_cast<const spi_ioc_transfer*>(argument),
-                           _IOC_SIZE(request) / sizeof(spi_ioc_transfer));
-    }
-    switch (request) {
-    case SPI_IOC_WR_MODE:
-        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_MODE32:
-        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint32_t*>(argument));
-    case SPI_IOC_WR_LSB_FIRST:
-        return spi_set(fd, BoardSpiSetting::lsb_first, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_BITS_PER_WORD:
-        return spi_set(fd, BoardSpiSetting::bits_per_word, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_MAX_SPEED_HZ:
-        return spi_set(fd, BoardSpiSetting::speed_hz, *static_cast<const uint32_t*>(argument));
-    case SPI_IOC_RD_MODE:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::mode, argument);
-    case SPI_IOC_RD_MODE32:
-        return spi_get<uint32_t>(fd, BoardSpiSetting::mode, argument);
-    case SPI_IOC_RD_LSB_FIRST:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::lsb_first, argument);
-    case SPI_IOC_RD_BITS_PER_WORD:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::bits_per_word, argument);
-    case SPI_IOC_RD_MAX_SPEED_HZ:
-        return spi_get<uint32_t>(fd, BoardSpiSetting::speed_hz, argument);
-    default:
-        return fail_with(ENOTTY);
-    }
+    const int result = i2c_request(fd, request, argument);
+    return result != kNoRequest ? result : spi_request(fd, request, argument);
+}
+
+off_t backend_seek(int fd, off_t offset, int whence) {
+    int64_t from = offset;
+    return round_trip(fd, {WIRE_SEEK, static_cast<uint32_t>(whence), {&from, sizeof from}}, {nullptr, 0});
 }
 
 int backend_access(const char* path) {

@@ -12,8 +12,8 @@ inline constexpr char kWireSocketName[] = "board.sock";
 // Most bytes behind a header.
 inline constexpr uint32_t kWirePayloadMax = 65536;
 
-// Most parts of one SPI message.
-inline constexpr uint32_t kWirePartsMax = 16;
+// Most parts of one SPI message: what the size in an ioctl request can say.
+inline constexpr uint32_t kWirePartsMax = 511;
 
 enum WireOperation : uint32_t {
     WIRE_OPEN = 1,        // number: flags; payload: path
@@ -26,6 +26,10 @@ enum WireOperation : uint32_t {
     WIRE_SPI_GET = 7,     // number: setting; reply payload: uint32 value
     WIRE_I2C_SLAVE = 9,   // number: address
     WIRE_CONTROL = 8,     // payload: a JSON object; reply payload: a JSON object
+    WIRE_SEEK = 10,       // number: SEEK_SET ...; payload: int64 offset
+    WIRE_I2C_SET = 11,    // number: setting (BoardI2cSetting); payload: uint64 value
+    WIRE_I2C_READ = 12,   // one message; number: address, length in the upper half; reply payload: the bytes
+    WIRE_I2C_WRITE = 13,  // one message; number: address; payload: the bytes
 };
 
 struct WireRequest {
@@ -34,13 +38,18 @@ struct WireRequest {
     uint32_t length; // of the payload
 };
 
-inline constexpr uint32_t kWirePartSends = 1;
-inline constexpr uint32_t kWirePartReceives = 2;
+inline constexpr uint8_t kWirePartSends = 1;
+inline constexpr uint8_t kWirePartReceives = 2;
 
 struct WirePart {
     uint32_t length;
-    uint32_t flags;
+    uint8_t flags;
+    uint8_t bits_per_word;
+    uint8_t tx_lines;
+    uint8_t rx_lines;
 };
+
+inline constexpr uint32_t kWireLengthShift = 16; // of WIRE_I2C_READ
 
 struct WireReply {
     int32_t result;  // of the system call

@@ -65,7 +65,7 @@ bool take_parts(const Request& request, std::vector<BoardTransfer>& parts, Bytes
     if (count > kWirePartsMax || request.header.length < count * sizeof(WirePart)) {
         return false;
     }
-    std::array<WirePart, kWirePartsMax> wire = {};
+    std::vector<WirePart> wire(count);
     memcpy(wire.data(), request.payload, count * sizeof(WirePart));
     size_t sends = 0;
     size_t receives = 0;
@@ -82,7 +82,8 @@ bool take_parts(const Request& request, std::vector<BoardTransfer>& parts, Bytes
     for (size_t i = 0; i < count; ++i) {
         const bool part_sends = (wire[i].flags & kWirePartSends) != 0;
         const bool part_receives = (wire[i].flags & kWirePartReceives) != 0;
-        parts.push_back({part_sends ? tx : nullptr, part_receives ? rx : nullptr, wire[i].length});
+        parts.push_back({part_sends ? tx : nullptr, part_receives ? rx : nullptr, wire[i].length,
+                         wire[i].bits_per_word, wire[i].tx_lines, wire[i].rx_lines});
         tx += part_sends ? wire[i].length : 0;
         rx += part_receives ? wire[i].length : 0;
     }
@@ -122,6 +123,41 @@ void answer_spi_get(Board& board, ServerConnection& connection, const Request& r
     memcpy(reply.payload.data(), &value, sizeof value);
 }
 
+void answer_seek(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
+    int64_t offset = 0;
+    if (request.header.length != sizeof offset) {
+        return refuse(reply, EINVAL);
+    }
+    memcpy(&offset, request.payload, sizeof offset);
+    set_result(reply,
+               board_node_seek(board, connection.file, offset, static_cast<int>(request.header.number)));
+}
+
+void answer_i2c_set(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
+    uint64_t value = 0;
+    if (request.header.length != sizeof value ||
+        request.header.number > static_cast<uint32_t>(BoardI2cSetting::limit)) {
+        return refuse(reply, EINVAL);
+    }
+    memcpy(&value, request.payload, sizeof value);
+    set_result(reply, board_i2c_set(board, connection.file,
+                                    static_cast<BoardI2cSetting>(request.header.number), value));
+}
+
+void answer_i2c_message(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
+    BoardI2cMessage message = {static_cast<uint8_t>(request.header.number), request.payload, nullptr,
+                               request.header.length};
+    if (request.header.operation == WIRE_I2C_READ) {
+        message.length = request.header.number >> kWireLengthShift;
+        reply.payload.resize(message.length);
+        message.rx = reply.payload.data();
+    }
+    set_result(reply, board_i2c_message(board, connection.file, message));
+    if (reply.header.result < 0) {
+        reply.payload.clear();
+    }
+}
+
 void answer_control(BoardServer& server, const Request& request, Reply& reply) {
     const std::string text = control_answer(server.target, text_of(request));
     if (text.size() > kWirePayloadMax) {
@@ -158,6 +194,13 @@ void answer_node(BoardServer& server, ServerConnection& connection, const Reques
     case WIRE_I2C_SLAVE:
         return set_result(reply,
                           board_i2c_select(*server.target.board, connection.file, request.header.number));
+    case WIRE_SEEK:
+        return answer_seek(*server.target.board, connection, request, reply);
+    case WIRE_I2C_SET:
+        return answer_i2c_set(*server.target.board, connection, request, reply);
+    case WIRE_I2C_READ:
+    case WIRE_I2C_WRITE:
+        return answer_i2c_message(*server.target.board, connection, request, reply);
     default:
         return refuse(reply, ENOSYS);
     }

@@ -1,19 +1,20 @@
 #include "support/board_local.h"
 
+#include "interpose/i2c_messages.h"
 #include "interpose/local.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <linux/i2c-dev.h>
 #include <linux/ioctl.h>
 #include <linux/spi/spidev.h>
 #include <map>
 #include <mutex>
+#include <vector>
 
 namespace {
 
-constexpr size_t kMaxTransfers = 64; // of one message
+constexpr unsigned kI2cType = _IOC_TYPE(I2C_SLAVE);
 
 // The nodes below are told by path alone, so that two descriptors of one path share a position. The daemon
 // never has two.
@@ -45,20 +46,21 @@ const uint8_t* address_of(uint64_t word) {
 }
 
 int message(Board& board, const BoardFile& file, const spi_ioc_transfer* parts, size_t count) {
-    std::array<BoardTransfer, kMaxTransfers> transfers{};
-    if (count > kMaxTransfers) {
-        return fail(EMSGSIZE);
-    }
+    std::vector<BoardTransfer> transfers(count);
     std::transform(parts, parts + count, transfers.begin(), [](const spi_ioc_transfer& part) {
-        return BoardTransfer{address_of(part.tx_buf), const_cast<uint8_t*>(address_of(part.rx_buf)),
-                             part.len};
+        return BoardTransfer{address_of(part.tx_buf),
+                             const_cast<uint8_t*>(address_of(part.rx_buf)),
+                             part.len,
+                             part.bits_per_word,
+                             part.tx_nbits,
+                             part.rx_nbits};
     });
     return static_cast<int>(board_spi_message(board, file, transfers.data(), count));
 }
 
 bool is_message(unsigned long request) {
     return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == _IOC_NR(SPI_IOC_MESSAGE(0)) &&
-           _IOC_DIR(request) == _IOC_WRITE && _IOC_SIZE(request) % sizeof(spi_ioc_transfer) == 0;
+           _IOC_DIR(request) == _IOC_WRITE;
 }
 
 int set_word(Board& board, const BoardFile& file, unsigned long request, uint32_t value) {
@@ -132,6 +134,57 @@ int local_i2c_select(Board& board, const std::string& path, const void* address)
     return result;
 }
 
+int i2c_functions(Board& board, const BoardFile& file, void* argument) {
+    if (board_i2c_set(board, file, BoardI2cSetting::flag, 0) != 0) {
+        return -1; // no I2C node
+    }
+    *static_cast<unsigned long*>(argument) = kBoardI2cFunctions;
+    return 0;
+}
+
+int i2c_transfer(Board& board, const BoardFile& file, const void* argument) {
+    if (board_i2c_set(board, file, BoardI2cSetting::flag, 0) != 0) {
+        return -1;
+    }
+    return i2c_messages(static_cast<const i2c_rdwr_ioctl_data*>(argument), [&](const i2c_msg& one) {
+        uint8_t* rx = (one.flags & I2C_M_RD) != 0 ? one.buf : nullptr;
+        return board_i2c_message(board, file, {static_cast<uint8_t>(one.addr), one.buf, rx, one.len});
+    });
+}
+
+int local_i2c_request(Board& board, const std::string& path, unsigned long request, void* argument) {
+    const auto value = reinterpret_cast<uintptr_t>(argument);
+    switch (request) {
+    case I2C_SLAVE:
+    case I2C_SLAVE_FORCE:
+        return local_i2c_select(board, path, argument);
+    case I2C_TENBIT:
+    case I2C_PEC:
+        return board_i2c_set(board, file_of(path), BoardI2cSetting::flag, value);
+    case I2C_RETRIES:
+    case I2C_TIMEOUT:
+        return board_i2c_set(board, file_of(path), BoardI2cSetting::limit, value);
+    case I2C_FUNCS:
+        return argument == nullptr ? fail(EFAULT) : i2c_functions(board, file_of(path), argument);
+    case I2C_RDWR:
+        return argument == nullptr ? fail(EFAULT) : i2c_transfer(board, file_of(path), argument);
+    default:
+        return fail(ENOTTY);
+    }
+}
+
+void local_close(Board& board, const std::string& path) {
+    BoardFile file = file_of(path);
+    board_close(board, file);
+}
+
+off_t local_seek(Board& board, const std::string& path, off_t offset, int whence) {
+    BoardFile file = file_of(path);
+    const off_t result = board_node_seek(board, file, offset, whence);
+    keep_file(path, file);
+    return result;
+}
+
 ssize_t local_read(Board& board, const std::string& path, void* buffer, size_t length) {
     BoardFile file = file_of(path);
     const ssize_t count = board_node_read(board, file, buffer, length);
@@ -152,12 +205,15 @@ int board_local_ioctl(Board& board, const BoardFile& file, unsigned long request
     if (_IOC_TYPE(request) != SPI_IOC_MAGIC) {
         return fail(ENOTTY);
     }
-    if (argument == nullptr) {
+    const size_t count = _IOC_SIZE(request) / sizeof(spi_ioc_transfer);
+    if (is_message(request) && _IOC_SIZE(request) % sizeof(spi_ioc_transfer) != 0) {
+        return fail(EINVAL);
+    }
+    if (argument == nullptr && !(is_message(request) && count == 0)) {
         return fail(EFAULT);
     }
     if (is_message(request)) {
-        return message(board, file, static_cast<const spi_ioc_transfer*>(argument),
-                       _IOC_SIZE(request) / sizeof(spi_ioc_transfer));
+        return message(board, file, static_cast<const spi_ioc_transfer*>(argument), count);
     }
     return _IOC_DIR(request) == _IOC_READ ? read_request(board, file, request, argument)
                                           : write_request(board, file, request, argument);
@@ -173,8 +229,12 @@ void board_local_connect(Board& board) {
         return local_write(board, path, data, length);
     };
     devices.ioctl = [&board](const std::string& path, unsigned long request, void* argument) {
-        return request == I2C_SLAVE ? local_i2c_select(board, path, argument)
-                                    : board_local_ioctl(board, file_of(path), request, argument);
+        return _IOC_TYPE(request) == kI2cType ? local_i2c_request(board, path, request, argument)
+                                              : board_local_ioctl(board, file_of(path), request, argument);
+    };
+    devices.close = [&board](const std::string& path) { local_close(board, path); };
+    devices.seek = [&board](const std::string& path, off_t offset, int whence) {
+        return local_seek(board, path, offset, whence);
     };
     devices.access = [&board](const std::string& path) { return board_access(board, path); };
     local_devices(std::move(devices));

@@ -80,7 +80,7 @@ TEST(BoardGpio, ExportRefusesAsTheKernelDoes) {
     TestBoard board;
     EXPECT_EQ(board.write(kGpio + "export", "17"), 0);
     EXPECT_EQ(board.write(kGpio + "export", "17"), EBUSY);
-    for (const char* text : {"999999", "512", "-1", "abc", "1 2", ""}) {
+    for (const char* text : {"999999", "512", "-1", "abc", "1 2", " 1"}) {
         EXPECT_EQ(board.write(kGpio + "export", text), EINVAL) << text;
     }
     EXPECT_EQ(board.write(kGpio + "unexport", "18"), EINVAL);
@@ -148,11 +148,43 @@ TEST(BoardGpio, ReadEndsAndAccessModeIsKept) {
 
 TEST(BoardGpio, ExportNodeIsNotReadable) {
     TestBoard board;
+    EXPECT_EQ(board.open_error(kGpio + "export", O_RDWR), EACCES);
+    EXPECT_EQ(board.open_error(kGpio + "unexport", O_RDONLY), EACCES);
+}
+
+TEST(BoardGpio, NumbersAreReadAsTheKernelReadsThem) {
+    TestBoard board;
+    EXPECT_EQ(board.write(kGpio + "export", "0x11"), 0);
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio17"), 0);
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio017"), -1);
+    EXPECT_EQ(board.write(kGpio + "export", "99999999999999999999"), ERANGE);
+}
+
+TEST(BoardGpio, ActiveLowTurnsTheValueOverAndNotTheLine) {
+    TestBoard board;
+    board.export_as_output(17);
+    board.write(kGpio + "gpio17/value", "1");
+    EXPECT_EQ(board.write(kGpio + "gpio17/active_low", "1"), 0);
+    EXPECT_EQ(board.read(kGpio + "gpio17/value"), "0\n");
+    EXPECT_TRUE(board_status(board.board).powered);
+    board.write(kGpio + "gpio17/value", "1");
+    EXPECT_FALSE(board_status(board.board).powered);
+    board.write(kGpio + "unexport", "17");
+    board.write(kGpio + "export", "17");
+    EXPECT_EQ(board.read(kGpio + "gpio17/active_low"), "0\n");
+}
+
+TEST(BoardGpio, SeekGoesBackToTheBegin) {
+    TestBoard board;
+    board.write(kGpio + "export", "5");
     BoardFile file;
     char text[9];
-    ASSERT_EQ(board_open(board.board, file, kGpio + "export", O_RDWR), 0);
-    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), -1);
-    EXPECT_EQ(errno, EIO);
+    ASSERT_EQ(board_open(board.board, file, kGpio + "gpio5/direction", O_RDONLY), 0);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
+    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_SET), 0);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
+    EXPECT_EQ(board_node_seek(board.board, file, -4, SEEK_CUR), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST(BoardGpio, NodeUnexportedWhileOpenIsGone) {
@@ -219,8 +251,33 @@ TEST(BoardSpi, SettingsAreKeptAsSpidevKeepsThem) {
     for (const auto& [setting, bad] :
          std::vector<std::pair<BoardSpiSetting, uint32_t>>{{BoardSpiSetting::bits_per_word, 9},
                                                            {BoardSpiSetting::speed_hz, 0},
+                                                           {BoardSpiSetting::mode, SPI_NO_CS},
                                                            {BoardSpiSetting::mode, 1U << 31}}) {
         EXPECT_EQ(board_spi_set(board.board, file, setting, bad), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+}
+
+TEST(BoardSpi, TheLastCloseForgetsTheSpeedAndKeepsTheMode) {
+    TestBoard board;
+    BoardFile first = board.open_spi();
+    BoardFile second = board.open_spi();
+    board_spi_set(board.board, first, BoardSpiSetting::speed_hz, 1000);
+    board_spi_set(board.board, first, BoardSpiSetting::mode, SPI_CPOL);
+    board_close(board.board, first);
+    EXPECT_EQ(board_spi(board.board).speed_hz, 1000U);
+    board_close(board.board, second);
+    EXPECT_EQ(board_spi(board.board).speed_hz, kBoardSpiSpeedHz);
+    EXPECT_EQ(board_spi(board.board).mode, uint32_t{SPI_CPOL});
+}
+
+TEST(BoardSpi, APartWithOtherWordsOrLinesIsRefused) {
+    TestBoard board;
+    const BoardFile file = board.open_spi();
+    for (const BoardTransfer& part :
+         {BoardTransfer{nullptr, nullptr, 2, 16}, BoardTransfer{nullptr, nullptr, 2, 8, 4},
+          BoardTransfer{nullptr, nullptr, 2, 8, 1, 2}}) {
+        EXPECT_EQ(board_spi_message(board.board, file, &part, 1), -1);
         EXPECT_EQ(errno, EINVAL);
     }
 }
