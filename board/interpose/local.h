@@ -17,7 +17,7 @@ struct LocalDevices {
     std::function<ssize_t(const std::string& path, const void* data, size_t length)> write;
     std::function<int(const std::string& path, unsigned long request, void* argument)> ioctl;
     std::function<int(const std::string& path)> access;
-    std::function<off_t(const std::string& path, off_t offset, int whence)> seek;
+    std::function<off_t(const std::string& path, off_t offset, int whence)> seek = {}; // not set: ESPIPE
 };
 
 // Installs the devices of this process; call it while no interposed call runs.

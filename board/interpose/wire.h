@@ -44,9 +44,9 @@ inline constexpr uint8_t kWirePartReceives = 2;
 struct WirePart {
     uint32_t length;
     uint8_t flags;
-    uint8_t bits_per_word;
-    uint8_t tx_lines;
-    uint8_t rx_lines;
+    uint8_t bits_per_word = 0; // 0: the device's
+    uint8_t tx_lines = 0;      // data lines, 0: one
+    uint8_t rx_lines = 0;
 };
 
 inline constexpr uint32_t kWireLengthShift = 16; // of WIRE_I2C_READ

@@ -88,7 +88,7 @@ TEST(BoardRun, TheChipCountsWhatComes) {
     exec_probe(board, "spi");
     EXPECT_EQ(board.status("transfers"), 1);
     EXPECT_EQ(board.status("spi_mode"), 3);
-    EXPECT_EQ(board.status("spi_speed_hz"), 12000000);
+    EXPECT_EQ(board.status("spi_speed_hz"), 50000000) << "forgotten with the last close";
     EXPECT_EQ(board.status("cold_boots"), 1);
 }
 

@@ -6,6 +6,7 @@ board_start --msb-first
 daemon_start
 ctl start # answered with success: the bus is opened behind it
 wait_for 20 logged "[LOCSERV] ERR: [spi]can't set LSB or MSB: 1"
+logged '[spi]the controller has no such bit order: try "SPI bit order=1" in tavor.conf' || fail "the log names no remedy"
 ctl stop
 expect 0 "$(cat /sys/class/gpio/gpio17/value)" "power line after the stop"
 daemon_end
