@@ -1,25 +1,59 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs everything that must hold: format, lint, and all tests plainly and under AddressSanitizer with
-# UndefinedBehaviorSanitizer; and that what a device ships builds without a warning. With --tsan also under ThreadSanitizer,
-# with --quick only the plain tests.
+# Sets up, builds and runs everything that must hold: format, layers, lint, manuals; that what a device ships builds without a warning;
+# all tests under AddressSanitizer with UndefinedBehaviorSanitizer and plainly; and under ThreadSanitizer those of the threads.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# Where threads meet: folders of unit tests, programs and suites of system tests.
+thread_folders=(queue mux link debug assist service)
+thread_programs=(system_spine_test system_debug_test)
+thread_suites='^system\.(Spine|Debug)'
 
 usage() {
     cat <<EOF
 usage: scripts/test.sh [--quick|--tsan]
   --quick   build and run the plain tests only, without format, lint and sanitizers
-  --tsan    build and run the tests under ThreadSanitizer too
+  --tsan    run all tests under ThreadSanitizer, not those of the threads only
 EOF
 }
 
-presets=(asan dev)
-quick=no
-less=()
+# run_all PRESET [OPTION...]: builds everything and runs all tests, or those that the options of ctest leave.
+run_all() {
+    echo "== $1: build"
+    cmake --preset "$1" >/dev/null
+    cmake --build --preset "$1"
+    echo "== $1: tests"
+    ctest --preset "$1" "${@:2}"
+}
+
+run_threads() {
+    local folders
+    folders=$(printf '|%s' "${thread_folders[@]}")
+    echo "== tsan: build of the threads' tests"
+    cmake --preset tsan >/dev/null
+    cmake --build --preset tsan --target "${thread_programs[@]}" $(printf 'tests/unit/%s/all ' "${thread_folders[@]}")
+    echo "== tsan: tests of the threads"
+    ctest --preset tsan -L "^unit\.(${folders#|})\$"
+    ctest --preset tsan -R "$thread_suites"
+}
+
+# build_for_device TREE TYPE: the programs without tests; a warning is an error.
+build_for_device() {
+    echo "== $2: build of the programs"
+    cmake -S . -B "build/$1" -G Ninja -DCMAKE_BUILD_TYPE="$2" -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF \
+        -DCMAKE_COMPILE_WARNING_AS_ERROR=ON >/dev/null
+    cmake --build "build/$1"
+}
+
+tsan=(run_threads)
 case "${1:-}" in
 "") ;;
---quick) quick=yes presets=(dev) less=(-LE kernel) ;;
---tsan) presets=(tsan asan dev) ;;
+--quick)
+    scripts/setup.sh
+    run_all dev -LE kernel
+    exit 0
+    ;;
+--tsan) tsan=(run_all tsan) ;;
 -h | --help)
     usage
     exit 0
@@ -31,17 +65,10 @@ case "${1:-}" in
 esac
 
 scripts/setup.sh
-if [ "$quick" = no ]; then
-    scripts/check.sh
-    echo "== release: build of the programs" # where the demo looks for them, too
-    cmake --preset release -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF -B build/demo >/dev/null
-    cmake --build build/demo
-    scripts/vm-test.sh --install || [ $? -eq 77 ] # else its tests are skipped
-fi
-for preset in "${presets[@]}"; do
-    echo "== $preset: build"
-    cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset"
-    echo "== $preset: tests"
-    ctest --preset "$preset" "${less[@]}"
-done
+scripts/check.sh
+build_for_device demo RelWithDebInfo # the type of the preset release, where the demo looks for the programs
+build_for_device plain Release
+scripts/vm-test.sh --install || [ $? -eq 77 ] # else its tests are skipped
+"${tsan[@]}"
+run_all asan
+run_all dev
