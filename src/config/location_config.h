@@ -44,14 +44,10 @@ void location_config_get_num(int32_t* dst, int32_t default_value, const char* ke
 
 // Each getter fills its record, text (kConfigTextSize bytes) or number and logs what it read. None fails:
 // what can't be read takes its default.
-void location_config_get_uart_path(char* path);
-void location_config_get_uart(SerialPortConfig* config);
 void location_config_get_debug_port(SerialPortConfig* config);
 void location_config_get_debug_socket(DebugSocketConfig* config);
 void location_config_get_spi(SpiPortConfig* config);
 void location_config_get_power_gpio(int32_t* gpio);
-void location_config_get_reset_gpio(int32_t* gpio);
-void location_config_get_notify_gpio(int32_t* gpio);
 void location_config_get_nmea_path(char* path);
 void location_config_get_log_path(char* path);
 void location_config_get_da_path(char* path);
@@ -59,5 +55,11 @@ void location_config_get_image_path(char* path);
 void location_config_get_xod_path(char* path);
 void location_config_get_xod_server(XodServerConfig* config);
 void location_config_get_keep_good_files(int32_t* keep); // 0: files are emptied and written in their place
+
+// Interface that the daemon does not call: settings of lines that it does not use.
+void location_config_get_uart_path(char* path);
+void location_config_get_uart(SerialPortConfig* config);
+void location_config_get_reset_gpio(int32_t* gpio);
+void location_config_get_notify_gpio(int32_t* gpio);
 
 #endif

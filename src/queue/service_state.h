@@ -11,13 +11,13 @@
 using ResponseCallback = void (*)(uint32_t id, uint32_t value, const void* payload, uint32_t length);
 
 struct ServiceState {
-    pthread_t tid;
-    int32_t msqid;        // -1 when the queue could not be made
-    uint32_t xod_enabled; // 1 once a client has started the assistance download
-    ResponseCallback response;
-    LocationRecord location;
+    pthread_t tid = {};
+    int32_t msqid = -1;       // -1 when the queue could not be made
+    uint32_t xod_enabled = 0; // 1 once a client has started the assistance download
+    ResponseCallback response = nullptr;
+    LocationRecord location = {};
 };
 
-extern ServiceState g_service_state;
+inline ServiceState g_service_state;
 
 #endif

@@ -48,7 +48,8 @@ void send_version_banner() {
     location_service_task_send_message(SERVICE_FRAME_NMEA, banner, sizeof kVersionBanner);
 }
 
-// Of what the download repeats without limit, only another request is the end.
+// Some download retries have no limit. Suspend this request's own stop request, so that only a later request
+// ends them.
 int32_t download() {
     const StopRequestAside own;
     return location_service_download();

@@ -3,6 +3,7 @@
 #include "queue/service_queue.h"
 #include "service/location_service.h"
 #include "service/tavor_reply.h"
+#include "service/tavor_rows.h"
 #include "tavor/protocol.h"
 
 #include <algorithm>
@@ -19,43 +20,6 @@
 
 namespace {
 
-constexpr int8_t kNothingSent = -1;
-// Response code by service message id.
-constexpr int8_t kResponseCodes[] = {
-    TAVOR_CODE_START,         // SERVICE_START
-    TAVOR_CODE_STOP,          // SERVICE_STOP
-    TAVOR_CODE_DOWNLOAD,      // SERVICE_DOWNLOAD
-    TAVOR_CODE_SAVE_LOCATION, // SERVICE_SAVE_LOCATION
-    TAVOR_CODE_DEBUG,         // SERVICE_DEBUG_OFF
-    TAVOR_CODE_DEBUG,         // SERVICE_DEBUG_FILE
-    TAVOR_CODE_DEBUG,         // SERVICE_DEBUG_SERIAL
-    TAVOR_CODE_CHIP,          // SERVICE_COMMAND
-    TAVOR_CODE_ASSIST,        // SERVICE_ASSIST
-    TAVOR_CODE_ASSIST_RESULT, // SERVICE_ASSIST_RESULT
-    kNothingSent,             // SERVICE_FRAME_NONE
-    TAVOR_CODE_NMEA,          // SERVICE_FRAME_NMEA
-    kNothingSent,             // SERVICE_FRAME_PZUL
-    kNothingSent,             // SERVICE_FRAME_BINARY
-    TAVOR_CODE_POSITION,      // SERVICE_POSITION
-    TAVOR_CODE_DEBUG,         // SERVICE_DEBUG_TCP
-};
-
-// Service message id by request type.
-constexpr uint32_t kRequestIds[] = {
-    SERVICE_START,         // TAVOR_REQUEST_START
-    SERVICE_STOP,          // TAVOR_REQUEST_STOP
-    SERVICE_DOWNLOAD,      // TAVOR_REQUEST_DOWNLOAD
-    SERVICE_SAVE_LOCATION, // TAVOR_REQUEST_SAVE_LOCATION
-    SERVICE_DEBUG_OFF,     // TAVOR_REQUEST_DEBUG_OFF
-    SERVICE_DEBUG_FILE,    // TAVOR_REQUEST_DEBUG_FILE
-    SERVICE_DEBUG_SERIAL,  // TAVOR_REQUEST_DEBUG_SERIAL
-    SERVICE_DEBUG_TCP,     // TAVOR_REQUEST_DEBUG_TCP
-    SERVICE_COMMAND,       // TAVOR_REQUEST_COMMAND
-    SERVICE_ASSIST,        // TAVOR_REQUEST_ASSIST
-};
-
-static_assert(sizeof kResponseCodes == SERVICE_DEBUG_TCP + 1);
-static_assert(sizeof kRequestIds / sizeof kRequestIds[0] == TAVOR_REQUEST_ASSIST + 1);
 static_assert(sizeof(tavor_request) == TAVOR_REQUEST_SIZE && offsetof(tavor_request, text) == 4);
 static_assert(sizeof(tavor_response) == TAVOR_RESPONSE_SIZE && offsetof(tavor_response, payload) == 8);
 static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
@@ -120,15 +84,16 @@ void enqueue_command() {
 
 void enqueue_request() {
     const uint32_t type = state.request.type;
-    if (type >= std::size(kRequestIds)) {
+    const TavorRow* row = tavor_row_of_type(type);
+    if (row == nullptr) {
         printf("[LOCSERV] ERR: [tavor]unkown message type:%d\n", static_cast<int32_t>(type));
         return;
     }
-    if (type == TAVOR_REQUEST_COMMAND) {
+    if (row->id == SERVICE_COMMAND) {
         enqueue_command();
         return;
     }
-    location_service_task_send_message(kRequestIds[type], nullptr, 0);
+    location_service_task_send_message(row->id, nullptr, 0);
 }
 
 uint64_t monotonic_us() {
@@ -206,11 +171,11 @@ int32_t tavor_receive() {
 }
 
 void tavor_send_response(uint32_t id, uint32_t value, const void* payload, uint32_t length) {
-    if (id >= std::size(kResponseCodes) || kResponseCodes[id] == kNothingSent) {
+    const TavorRow* row = tavor_row_of_id(id);
+    if (row == nullptr) {
         return;
     }
-    tavor_response response = {
-        .code = static_cast<uint32_t>(kResponseCodes[id]), .value = value, .payload = {}};
+    tavor_response response = {.code = row->code, .value = value, .payload = {}};
     if (payload != nullptr) {
         memcpy(response.payload, payload, std::min<uint32_t>(length, TAVOR_PAYLOAD_SIZE));
     }
