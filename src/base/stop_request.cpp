@@ -14,8 +14,11 @@ void stop_request_announce() {
     state.announced.fetch_add(1);
 }
 
-void stop_request_withdraw() {
-    state.announced.fetch_sub(1);
+bool stop_request_withdraw() {
+    int announced = state.announced;
+    while (announced > 0 && !state.announced.compare_exchange_weak(announced, announced - 1)) {
+    }
+    return announced > 0;
 }
 
 bool stop_request_pending() {
@@ -30,10 +33,10 @@ StopRequest::~StopRequest() {
     stop_request_withdraw();
 }
 
-StopRequestAside::StopRequestAside() {
-    stop_request_withdraw();
-}
+StopRequestAside::StopRequestAside() : taken(stop_request_withdraw()) {}
 
 StopRequestAside::~StopRequestAside() {
-    stop_request_announce();
+    if (taken) {
+        stop_request_announce();
+    }
 }

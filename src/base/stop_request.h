@@ -12,9 +12,9 @@
 
 #include "base/non_copyable.h"
 
-// Announce a stop and withdraw the announcement. Any thread.
+// Announce a stop and withdraw one announcement; withdraw returns false when there was none. Any thread.
 void stop_request_announce();
-void stop_request_withdraw();
+bool stop_request_withdraw();
 
 // Whether at least one stop is announced. Any thread.
 bool stop_request_pending();
@@ -25,10 +25,12 @@ struct StopRequest : private NonCopyable {
     ~StopRequest();
 };
 
-// Sets one announcement aside for its lifetime: that of the request that is being served.
+// Sets one announcement aside for its lifetime, if there is one: that of the request that is being served.
 struct StopRequestAside : private NonCopyable {
     StopRequestAside();
     ~StopRequestAside();
+
+    const bool taken;
 };
 
 #endif

@@ -23,6 +23,14 @@ constexpr long kMessageType = 1;
 constexpr size_t kMessageBodySize = 24; // bytes, also where pointers are shorter
 constexpr useconds_t kFullQueuePauseUs = 1000;
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
+constexpr useconds_t kEmptyQueuePauseUs = 10000;
+
+// Type of a record without a body, which stands for a stop or a download request when the queue is full: the
+// kernel counts bytes, and lets records of no bytes in until there are as many of them as the queue has
+// bytes.
+constexpr long bodiless_type(uint32_t id) {
+    return kMessageType + 1 + static_cast<long>(id);
+}
 
 struct QueueRecord {
     long type;
@@ -34,6 +42,7 @@ struct ServiceQueueState {
     // Carries the producer's writes over to the consumer: the language does not know that the kernel's queue
     // does.
     std::atomic<uint32_t> handovers = 0;
+    std::atomic<int> announced = 0; // stop and download requests that were announced and are not handled yet
     inline static thread_local bool is_consumer = false;
 };
 
@@ -43,11 +52,26 @@ bool stops_link(uint32_t id) {
     return id == SERVICE_STOP || id == SERVICE_DOWNLOAD;
 }
 
+void announce() {
+    ++state.announced;
+    stop_request_announce();
+}
+
+// Ends one announcement. There is none when the record came from another program.
+void withdraw() {
+    int announced = state.announced;
+    while (announced > 0 && !state.announced.compare_exchange_weak(announced, announced - 1)) {
+    }
+    if (announced > 0) {
+        stop_request_withdraw();
+    }
+}
+
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
 struct UnsentMessage : private NonCopyable {
     UnsentMessage(uint32_t message_id, void* message_data) : id(message_id), data(message_data) {
         if (stops_link(id)) {
-            stop_request_announce();
+            announce();
         }
     }
     ~UnsentMessage() {
@@ -71,27 +95,87 @@ QueueRecord make_record(const ServiceMessage& message) {
 
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
 // free a block that the consumer owns by then.
-int enqueue_now(const QueueRecord& record, UnsentMessage* message) {
+int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
     const CancelHold hold;
     int result = 0;
     do {
-        result = msgsnd(g_service_state.msqid, &record, kMessageBodySize, IPC_NOWAIT);
+        result = msgsnd(g_service_state.msqid, &record, size, IPC_NOWAIT);
     } while (result == -1 && errno == EINTR);
     message->sent = result == 0;
     return message->sent ? 0 : errno;
 }
 
-bool enqueue(const ServiceMessage& body) {
+// For a full queue: a stop or a download goes in all the same.
+int enqueue_bodiless(UnsentMessage* message) {
+    const QueueRecord record = {.type = bodiless_type(message->id), .body = {}};
+    return enqueue_now(record, 0, message);
+}
+
+// Whether a send that found the queue full tries again. pauses: how often it may, null: without limit.
+bool waits_for_room(int* pauses) {
+    return !ServiceQueueState::is_consumer && (pauses == nullptr || (*pauses)-- > 0);
+}
+
+bool enqueue(const ServiceMessage& body, int* pauses) {
     UnsentMessage message(body.id, body.data);
     const QueueRecord record = make_record(body);
     state.handovers.fetch_add(1, std::memory_order_release);
 
-    int error = enqueue_now(record, &message);
-    while (error == EAGAIN && !ServiceQueueState::is_consumer) {
+    int error = enqueue_now(record, kMessageBodySize, &message);
+    if (error == EAGAIN && stops_link(body.id)) {
+        error = enqueue_bodiless(&message);
+    }
+    while (error == EAGAIN && waits_for_room(pauses)) {
         usleep(kFullQueuePauseUs);
-        error = enqueue_now(record, &message);
+        error = enqueue_now(record, kMessageBodySize, &message);
     }
     return error == 0;
+}
+
+bool enqueue_or_log(const ServiceMessage& body, int* pauses) {
+    const bool sent = enqueue(body, pauses);
+    if (!sent) {
+        puts("[LOCSERV] ERR: location_service_task_send_message, Fail!");
+    }
+    return sent;
+}
+
+// A removed queue took its messages along: what they announced is over.
+void make_again() {
+    while (state.announced > 0) {
+        withdraw();
+    }
+    if (service_queue_open() != -1) {
+        puts("[LOCSERV] WRN: the service queue was gone and is made again");
+    }
+}
+
+bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
+    if (size == static_cast<ssize_t>(kMessageBodySize)) {
+        memcpy(message, record.body, sizeof *message);
+        return true;
+    }
+    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
+        if (size == 0 && record.type == bodiless_type(id)) {
+            *message = {.id = id, .data = nullptr, .length = 0};
+            return true;
+        }
+    }
+    return false;
+}
+
+// What to do about a receive that failed.
+void recover(int error) {
+    if (error == E2BIG) { // of another process: it would stay in front for ever
+        QueueRecord cut = {};
+        msgrcv(g_service_state.msqid, &cut, kMessageBodySize, 0, IPC_NOWAIT | MSG_NOERROR);
+        return;
+    }
+    if (error == EIDRM || error == EINVAL) {
+        make_again();
+    }
+    // The pause keeps the caller's retries from taking a whole core.
+    usleep(kBrokenQueuePauseUs);
 }
 
 } // namespace
@@ -106,32 +190,32 @@ int32_t service_queue_open() {
 }
 
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length) {
-    if (!enqueue({.id = id, .data = data, .length = length})) {
-        puts("[LOCSERV] ERR: location_service_task_send_message, Fail!");
-    }
+    enqueue_or_log({.id = id, .data = data, .length = length}, nullptr);
 }
 
-bool service_queue_receive(ServiceMessage* message) {
+bool service_queue_request(uint32_t id, void* data, uint32_t length, int* pauses) {
+    return enqueue_or_log({.id = id, .data = data, .length = length}, pauses);
+}
+
+bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
     ServiceQueueState::is_consumer = true;
     QueueRecord record = {};
-    const ssize_t received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, 0);
-    if (received == -1 && errno == E2BIG) { // of another process: it would stay in front for ever
-        msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, IPC_NOWAIT | MSG_NOERROR);
+    const int flags = wait == ServiceQueueWait::shortly ? IPC_NOWAIT : 0;
+    const ssize_t received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, flags);
+    if (received == -1 && errno == ENOMSG) {
+        usleep(kEmptyQueuePauseUs);
         return false;
     }
-    if (received != static_cast<ssize_t>(kMessageBodySize)) {
-        // Without a queue each try fails at once: the pause keeps the caller's retries from taking a whole
-        // core.
-        usleep(kBrokenQueuePauseUs);
+    if (received == -1) {
+        recover(errno);
         return false;
     }
     static_cast<void>(state.handovers.load(std::memory_order_acquire));
-    memcpy(message, record.body, sizeof *message);
-    return true;
+    return unpack(record, received, message);
 }
 
 void service_queue_handled(uint32_t id) {
     if (stops_link(id)) {
-        stop_request_withdraw();
+        withdraw();
     }
 }

@@ -1,5 +1,5 @@
-// The service queue: the message record and its ways in and out, nothing else, so that everything below the
-// service can enqueue without knowing it.
+// The service queue: every request, every frame of the chip and every assistance result is a message in it.
+// Senders need to know this header only, not the service that works the messages off.
 #ifndef TAVOR_SERVICE_QUEUE_H
 #define TAVOR_SERVICE_QUEUE_H
 
@@ -35,14 +35,26 @@ struct ServiceMessage {
 // Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.
 int32_t service_queue_open();
 
-// Enqueues; any thread. Waits while the queue is full (a cancellation point), except on the queue's consumer,
-// which must not wait for itself. On failure the data is freed and the failure logged. A stop or a download
-// is announced to the link at once, so that a send that waits for a silent chip comes back.
+// Enqueues; any thread. On failure the data is freed and the failure logged. While the queue is full it waits
+// (a cancellation point), except on the queue's consumer, which would wait for itself. A stop or a download
+// never waits: it finds its place in a full queue too. Both are announced (base/stop_request.h) from here
+// until they are handled, so that what is queued before them comes to an end soon.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
+// The same for a request of a client, whose sender must not be kept waiting: takes as many pauses of a
+// millisecond as *pauses allows and counts them off. Returns whether the request was enqueued.
+bool service_queue_request(uint32_t id, void* data, uint32_t length, int* pauses);
+
+enum class ServiceQueueWait {
+    until_one_comes,
+    shortly, // 10 ms
+};
+
 // Takes the next message into *message; waits for one. The calling thread becomes the queue's consumer.
-// Returns false, after a short pause, when nothing could be received.
-bool service_queue_receive(ServiceMessage* message);
+// Returns false, after a short pause, when nothing could be received. A queue that is gone is made again;
+// what it held is lost.
+bool service_queue_receive(ServiceMessage* message,
+                           ServiceQueueWait wait = ServiceQueueWait::until_one_comes);
 
 // Tells that a received message with this id has been handled: ends what its send announced.
 void service_queue_handled(uint32_t id);

@@ -1,9 +1,10 @@
-// State of the service, touched by the service thread only once it runs.
+// State of the service. Only msqid is read by other threads than the service's once that runs.
 #ifndef TAVOR_SERVICE_STATE_H
 #define TAVOR_SERVICE_STATE_H
 
 #include "nmea/location_record.h"
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 
@@ -12,8 +13,8 @@ using ResponseCallback = void (*)(uint32_t id, uint32_t value, const void* paylo
 
 struct ServiceState {
     pthread_t tid = {};
-    int32_t msqid = -1;       // -1 when the queue could not be made
-    uint32_t xod_enabled = 0; // 1 once a client has started the assistance download
+    std::atomic<int32_t> msqid = -1; // -1 when the queue could not be made
+    uint32_t xod_enabled = 0;        // 1 once a client has started the assistance download
     ResponseCallback response = nullptr;
     LocationRecord location = {};
 };

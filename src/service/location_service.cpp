@@ -13,6 +13,7 @@
 #include "link/location_io.h"
 #include "service/location_file.h"
 #include "service/location_position.h"
+#include "service/tavor_reply.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -84,8 +85,11 @@ void start_assistance() {
     xod_download_init(kAssistMask, kAssistFiles);
 }
 
+// A command that stands before an announced stop fails at once: with a chip that does not answer, each of
+// some hundred would hold the stop up.
 int32_t send_command(const void* body) {
-    return body == nullptr ? kFailed : location_command_send(static_cast<const char*>(body));
+    return body == nullptr || stop_request_pending() ? kFailed
+                                                     : location_command_send(static_cast<const char*>(body));
 }
 
 void report_assistance(const ServiceMessage& message) {
@@ -159,7 +163,7 @@ void handle_message(const ServiceMessage& message) {
 
 } // namespace
 
-void location_service_init(ResponseCallback response) {
+int32_t location_service_init(ResponseCallback response) {
     if (service_queue_open() == -1) {
         puts("[LOCSERV] ERR: location_service_init, msgid fail");
     }
@@ -171,14 +175,20 @@ void location_service_init(ResponseCallback response) {
     location_debug_init();
     g_service_state.xod_enabled = 0;
     g_service_state.response = response;
-    pthread_create(&g_service_state.tid, nullptr, location_service_task_main, nullptr);
+    if (pthread_create(&g_service_state.tid, nullptr, location_service_task_main, nullptr) != 0) {
+        puts("[LOCSERV] ERR: location_service_init, pthread_create fail");
+        return kFailed;
+    }
+    return 0;
 }
 
 void* location_service_task_main(void* /*unused*/) {
     puts("[LOCSERV] INF: location_service_task_main");
     for (;;) {
         ServiceMessage message = {};
-        if (service_queue_receive(&message)) {
+        const bool kept = tavor_reply_retry();
+        if (service_queue_receive(&message,
+                                  kept ? ServiceQueueWait::shortly : ServiceQueueWait::until_one_comes)) {
             location_service_message_handle(&message);
             service_queue_handled(message.id);
         }

@@ -7,8 +7,9 @@
 
 #include <cstdint>
 
-// Makes the queue, deletes the saved location and starts the service thread. Called once.
-void location_service_init(ResponseCallback response);
+// Makes the queue, deletes the saved location and starts the service thread. Called once. Returns 0, or -1
+// when there is no thread; a queue that can't be made yet is tried again by the thread.
+int32_t location_service_init(ResponseCallback response);
 
 // Body of the service thread; never returns.
 void* location_service_task_main(void* unused);

@@ -1,5 +1,6 @@
 #include "service/tavor.h"
 
+#include "base/descriptor_guard.h"
 #include "queue/service_queue.h"
 #include "service/location_service.h"
 #include "service/tavor_reply.h"
@@ -7,42 +8,42 @@
 #include "tavor/protocol.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <mutex>
-#include <sys/time.h>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
 static_assert(sizeof(tavor_request) == TAVOR_REQUEST_SIZE && offsetof(tavor_request, text) == 4);
-static_assert(sizeof(tavor_response) == TAVOR_RESPONSE_SIZE && offsetof(tavor_response, payload) == 8);
-static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
 
 // What clients have not read stays charged to the daemon's socket: with the default of 208 KiB and queues of
 // some hundred datagrams (net.unix.max_dgram_qlen) one client that does not read would leave no room for
 // anybody's replies. Bytes.
 constexpr int kSendBufferSize = 4 * 1024 * 1024;
-constexpr uint64_t kUsPerSecond = 1000000;
-constexpr uint64_t kNsPerUs = 1000;
+
+// Pauses of a millisecond for which requests wait for room in the service queue: those that wait together in
+// the socket share them, so that a stop behind them is received within a second.
+constexpr int kRoomPauses = 900;
+
+constexpr int kAlreadyRunning = 1; // exit status
 
 struct TavorState {
     int32_t socket = -1;
     tavor_request request =
         {};                // not cleared between receives: a short datagram is completed by the one before
-    TavorPeer sender = {}; // main thread only; each receive is given the length that the last one reported
-    std::mutex client_lock;
-    TavorPeer client = {};     // copy of sender for the service thread
-    ReplyBudgets budgets = {}; // service thread only
-    uint32_t send_wait_us = 0; // the socket's send time-out, 0: none set
+    TavorPeer sender = {}; // each receive is given the length that the last one reported
+    int room_pauses = kRoomPauses;
 };
 
-TavorState state;
+TavorState state; // of the main thread
 
 sockaddr_un socket_address() {
     sockaddr_un address = {};
@@ -59,27 +60,42 @@ void widen_send_buffer(int32_t fd) {
     }
 }
 
-void set_client(const TavorPeer& peer) {
-    const std::lock_guard<std::mutex> guard(state.client_lock);
-    state.client = peer;
+// Takes the directory of the socket for this process: the lock dies with it and leaves no file behind.
+// Returns the descriptor that holds it; -1 with EWOULDBLOCK when another daemon has it, with another error
+// when the directory can't be locked.
+int lock_directory() {
+    const std::string path = TAVOR_SOCKET_PATH;
+    DescriptorGuard directory(
+        open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return flock(directory.fd, LOCK_EX | LOCK_NB) == 0 ? directory.release() : -1;
 }
 
-TavorPeer get_client() {
-    const std::lock_guard<std::mutex> guard(state.client_lock);
-    return state.client;
+// The request, waiting for one.
+ssize_t receive_request() {
+    const auto receive = [](int flags) {
+        return recvfrom(state.socket, &state.request, sizeof state.request, flags,
+                        reinterpret_cast<sockaddr*>(&state.sender.address), &state.sender.length);
+    };
+    const ssize_t waiting = receive(MSG_DONTWAIT);
+    if (waiting != -1 || errno != EAGAIN) {
+        return waiting;
+    }
+    state.room_pauses = kRoomPauses;
+    return receive(0);
 }
 
-void enqueue_command() {
+// Returns whether the request needs no answer from here.
+bool enqueue_command() {
     char* text = state.request.text;
     text[TAVOR_TEXT_SIZE - 1] = '\0';
     const size_t length = strlen(text);
     void* body = malloc(length + 1);
     if (body == nullptr) {
         puts("[LOCSERV] ERR: [tavor]cmd buf, malloc fail");
-        return;
+        return true;
     }
     memcpy(body, text, length + 1);
-    location_service_task_send_message(SERVICE_COMMAND, body, static_cast<uint32_t>(length));
+    return service_queue_request(SERVICE_COMMAND, body, static_cast<uint32_t>(length), &state.room_pauses);
 }
 
 void enqueue_request() {
@@ -89,45 +105,12 @@ void enqueue_request() {
         printf("[LOCSERV] ERR: [tavor]unkown message type:%d\n", static_cast<int32_t>(type));
         return;
     }
-    if (row->id == SERVICE_COMMAND) {
-        enqueue_command();
-        return;
+    const bool enqueued = row->id == SERVICE_COMMAND
+                              ? enqueue_command()
+                              : service_queue_request(row->id, nullptr, 0, &state.room_pauses);
+    if (!enqueued) {
+        tavor_reply_failed(row->id);
     }
-    location_service_task_send_message(row->id, nullptr, 0);
-}
-
-uint64_t monotonic_us() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_nsec) / kNsPerUs;
-}
-
-// Returns the flags of a send that waits at most wait_us.
-int send_flags(uint32_t wait_us) {
-    if (wait_us == 0) {
-        return MSG_DONTWAIT; // a time-out of 0 would mean none
-    }
-    if (wait_us == state.send_wait_us) {
-        return 0;
-    }
-    const timeval timeout = {.tv_sec = static_cast<time_t>(wait_us / kUsPerSecond),
-                             .tv_usec = static_cast<suseconds_t>(wait_us % kUsPerSecond)};
-    if (setsockopt(state.socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
-        return MSG_DONTWAIT;
-    }
-    state.send_wait_us = wait_us;
-    return 0;
-}
-
-bool send_to_client(const tavor_response& response) {
-    const TavorPeer client = get_client();
-    const uint64_t started_us = monotonic_us();
-    ReplyBudget* budget = tavor_reply_budget(&state.budgets, client, started_us);
-    const int flags = send_flags(tavor_reply_wait(*budget));
-    const ssize_t sent = sendto(state.socket, &response, sizeof response, flags,
-                                reinterpret_cast<const sockaddr*>(&client.address), client.length);
-    tavor_reply_done(budget, started_us, monotonic_us(), sent != -1);
-    return sent != -1;
 }
 
 } // namespace
@@ -147,50 +130,35 @@ int32_t tavor_init() {
     }
     widen_send_buffer(fd);
     state.socket = fd;
-    state.send_wait_us = 0;
-    state.budgets = {};
     state.sender = {.address = {}, .length = sizeof(sockaddr_un)};
-    set_client(state.sender);
+    tavor_reply_open(fd);
     return fd;
 }
 
 int32_t tavor_receive() {
-    const ssize_t received =
-        recvfrom(state.socket, &state.request, sizeof state.request, 0,
-                 reinterpret_cast<sockaddr*>(&state.sender.address), &state.sender.length);
-    if (received == -1) {
+    if (receive_request() == -1) {
         puts("[LOCSERV] ERR: recv error");
         close(state.socket);
         return -1;
     }
     // The kernel counts a NUL that a path of the full 108 bytes has no room for.
     state.sender.length = std::min<socklen_t>(state.sender.length, sizeof state.sender.address);
-    set_client(state.sender);
+    tavor_reply_to(state.sender);
     enqueue_request();
     return 0;
-}
-
-void tavor_send_response(uint32_t id, uint32_t value, const void* payload, uint32_t length) {
-    const TavorRow* row = tavor_row_of_id(id);
-    if (row == nullptr) {
-        return;
-    }
-    tavor_response response = {.code = row->code, .value = value, .payload = {}};
-    if (payload != nullptr) {
-        memcpy(response.payload, payload, std::min<uint32_t>(length, TAVOR_PAYLOAD_SIZE));
-    }
-    if (!send_to_client(response)) {
-        puts("[LOCSERV] ERR: tavor_send_response, sendto error");
-    }
 }
 
 int tavor_run() {
     setvbuf(stdout, nullptr, _IOLBF, 0); // a supervisor sees each line when it happens
     signal(SIGPIPE, SIG_IGN);
-    if (tavor_init() == -1) {
+    const DescriptorGuard lock(lock_directory());
+    if (lock.fd == -1 && errno == EWOULDBLOCK) {
+        fputs("tavor is already running\n", stderr);
+        return kAlreadyRunning;
+    }
+    if (tavor_init() == -1 || location_service_init(tavor_send_response) == -1) {
         return -1;
     }
-    location_service_init(tavor_send_response);
     while (tavor_receive() == 0) {
     }
     return -1;

@@ -1,55 +1,250 @@
 #include "service/tavor_reply.h"
 
+#include "base/stop_request.h"
+#include "service/tavor_rows.h"
+#include "tavor/protocol.h"
+
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <mutex>
+#include <sys/time.h>
+
+static_assert(sizeof(tavor_response) == TAVOR_RESPONSE_SIZE && offsetof(tavor_response, payload) == 8);
+static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
 
 namespace {
 
+constexpr uint64_t kUsPerSecond = 1000000;
+constexpr uint64_t kNsPerUs = 1000;
+constexpr suseconds_t kRoundUs = 50000; // of waiting; after each one a stop may have been announced
+constexpr uint64_t kPatienceUs = kUsPerSecond;
+constexpr uint64_t kStopPatienceUs = kUsPerSecond / 2;
+constexpr uint64_t kKeptUs = 30 * kUsPerSecond;
+constexpr size_t kKeptMax = 16;
+constexpr size_t kStalledMax = 8; // with more of them at a time each may cost its second anew
+
+struct KeptResult {
+    TavorPeer peer;
+    tavor_response response;
+    uint64_t since_us;
+};
+
+struct ReplyState {
+    int32_t socket = -1;
+    bool waits = false; // the socket has its time-out: without one a send would wait for ever
+    std::mutex lock;    // of client and kept; nobody waits while holding it
+    TavorPeer client = {};
+    KeptResult kept[kKeptMax] = {}; // the oldest first
+    size_t kept_count = 0;
+    // Of the service's thread only:
+    TavorPeer stalled[kStalledMax] = {}; // readers that were waited for in vain, the oldest first
+    size_t stalled_count = 0;
+    uint64_t stop_since_us = 0; // the first send under the announced stop, 0: none is announced
+};
+
+ReplyState state;
+
+uint64_t monotonic_us() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_nsec) / kNsPerUs;
+}
+
 bool same_peer(const TavorPeer& a, const TavorPeer& b) {
-    return a.length == b.length &&
-           memcmp(&a.address, &b.address, std::min<size_t>(a.length, sizeof a.address)) == 0;
+    return a.length == b.length && memcmp(&a.address, &b.address, a.length) == 0;
 }
 
-uint64_t time_between(uint64_t from_us, uint64_t to_us) {
-    return to_us > from_us ? to_us - from_us : 0;
+void log_loss() {
+    puts("[LOCSERV] ERR: tavor_send_response, sendto error");
 }
 
-// Moves the client at this place to the front; the order of the others stays.
-ReplyBudget* bring_to_front(ReplyBudgets* budgets, size_t place) {
-    ReplyBudget* first = budgets->clients;
-    std::rotate(first, first + place, first + place + 1);
-    return first;
+bool is_result(const tavor_response& response) {
+    return response.code != TAVOR_CODE_NMEA && response.code != TAVOR_CODE_POSITION;
 }
 
-ReplyBudget* add_client(ReplyBudgets* budgets, const TavorPeer& peer, uint64_t now_us) {
-    budgets->count = std::min(budgets->count + 1, kReplyClients);
-    ReplyBudget* added = bring_to_front(budgets, budgets->count - 1);
-    *added = {.peer = peer, .left_us = kReplyBudgetUs, .since_us = now_us, .failing = false};
-    return added;
+// Whether the error may be gone at the next try: a full queue, or no memory.
+bool passes(int error) {
+    return error == EAGAIN || error == ENOBUFS || error == ENOMEM;
+}
+
+// Returns 0 or the error number.
+int send_once(const TavorPeer& peer, const tavor_response& response, int flags) {
+    ssize_t sent = 0;
+    do {
+        sent = sendto(state.socket, &response, sizeof response, flags,
+                      reinterpret_cast<const sockaddr*>(&peer.address), peer.length);
+    } while (sent == -1 && errno == EINTR);
+    return sent == -1 ? errno : 0;
+}
+
+TavorPeer* find_stalled(const TavorPeer& peer) {
+    TavorPeer* end = state.stalled + state.stalled_count;
+    TavorPeer* found =
+        std::find_if(state.stalled, end, [&](const auto& one) { return same_peer(one, peer); });
+    return found == end ? nullptr : found;
+}
+
+void forget_stalled(TavorPeer* peer) {
+    if (peer != nullptr) {
+        std::copy(peer + 1, state.stalled + state.stalled_count, peer);
+        --state.stalled_count;
+    }
+}
+
+void remember_stalled(const TavorPeer& peer) {
+    if (state.stalled_count == kStalledMax) {
+        forget_stalled(state.stalled);
+    }
+    state.stalled[state.stalled_count++] = peer;
+}
+
+bool stop_lets_wait(const tavor_response& response, uint64_t now_us) {
+    if (!stop_request_pending()) {
+        state.stop_since_us = 0;
+        return true;
+    }
+    if (state.stop_since_us == 0) {
+        state.stop_since_us = now_us;
+    }
+    return is_result(response) && now_us - state.stop_since_us < kStopPatienceUs;
+}
+
+// Returns 0 or the error number.
+int send_waiting(const TavorPeer& peer, const tavor_response& response) {
+    TavorPeer* const stalled = find_stalled(peer);
+    const uint64_t start_us = monotonic_us();
+    uint64_t now_us = start_us;
+    int error = EAGAIN;
+    for (bool waits = true; waits && error == EAGAIN; now_us = monotonic_us()) {
+        waits = state.waits && stalled == nullptr && now_us - start_us < kPatienceUs &&
+                stop_lets_wait(response, now_us);
+        error = send_once(peer, response, waits ? 0 : MSG_DONTWAIT);
+    }
+    if (error == 0) {
+        forget_stalled(stalled);
+    } else if (stalled == nullptr && now_us - start_us >= kPatienceUs) {
+        remember_stalled(peer);
+    }
+    return error;
+}
+
+bool has_kept_before(const TavorPeer& peer, size_t count) {
+    return std::any_of(state.kept, state.kept + count,
+                       [&](const KeptResult& kept) { return same_peer(kept.peer, peer); });
+}
+
+void keep(const TavorPeer& peer, const tavor_response& response) {
+    if (state.kept_count == kKeptMax) {
+        std::copy(state.kept + 1, state.kept + kKeptMax, state.kept);
+        --state.kept_count;
+        log_loss();
+    }
+    state.kept[state.kept_count++] = {peer, response, monotonic_us()};
+}
+
+// Whether a kept result is done with: sent or given up. before: those that are kept before it.
+bool settle(const KeptResult& kept, size_t before) {
+    if (monotonic_us() - kept.since_us >= kKeptUs) {
+        log_loss();
+        return true;
+    }
+    if (has_kept_before(kept.peer, before)) {
+        return false;
+    }
+    const int error = send_once(kept.peer, kept.response, MSG_DONTWAIT);
+    if (passes(error)) {
+        return false;
+    }
+    if (error != 0) {
+        log_loss();
+    }
+    forget_stalled(find_stalled(kept.peer));
+    return true;
+}
+
+void settle_kept() {
+    size_t left = 0;
+    for (size_t i = 0; i < state.kept_count; ++i) {
+        if (!settle(state.kept[i], left)) {
+            state.kept[left++] = state.kept[i];
+        }
+    }
+    state.kept_count = left;
+}
+
+// Takes over a response that could not be sent.
+void keep_or_lose(const TavorPeer& peer, const tavor_response& response, int error) {
+    if (passes(error) && is_result(response)) {
+        keep(peer, response);
+    } else {
+        log_loss();
+    }
+}
+
+// The client, and whether nothing that is kept has to go to it first.
+bool next_client(TavorPeer* client) {
+    const std::lock_guard<std::mutex> guard(state.lock);
+    settle_kept();
+    *client = state.client;
+    return !has_kept_before(*client, state.kept_count);
 }
 
 } // namespace
 
-ReplyBudget* tavor_reply_budget(ReplyBudgets* budgets, const TavorPeer& peer, uint64_t now_us) {
-    for (size_t i = 0; i < budgets->count; i++) {
-        if (same_peer(budgets->clients[i].peer, peer)) {
-            return bring_to_front(budgets, i);
-        }
-    }
-    return add_client(budgets, peer, now_us);
+void tavor_reply_open(int32_t socket) {
+    const std::lock_guard<std::mutex> guard(state.lock);
+    const timeval round = {.tv_sec = 0, .tv_usec = kRoundUs};
+    state.socket = socket;
+    state.waits = setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &round, sizeof round) == 0;
+    state.client = {.address = {}, .length = sizeof(sockaddr_un)};
+    state.kept_count = 0;
+    state.stalled_count = 0;
+    state.stop_since_us = 0;
 }
 
-uint32_t tavor_reply_wait(const ReplyBudget& budget) {
-    return (budget.left_us + kReplyWaitStepUs / 2) / kReplyWaitStepUs * kReplyWaitStepUs;
+void tavor_reply_to(const TavorPeer& client) {
+    const std::lock_guard<std::mutex> guard(state.lock);
+    state.client = client;
 }
 
-void tavor_reply_done(ReplyBudget* budget, uint64_t started_us, uint64_t ended_us, bool sent) {
-    uint64_t left = budget->left_us - std::min<uint64_t>(budget->left_us, time_between(started_us, ended_us));
-    if (sent) {
-        const uint64_t succeeding = budget->failing ? 0 : time_between(budget->since_us, ended_us);
-        left += kReplySentCreditUs + succeeding / kReplyElapsedCreditPart;
+void tavor_send_response(uint32_t id, uint32_t value, const void* payload, uint32_t length) {
+    const TavorRow* row = tavor_row_of_id(id);
+    if (row == nullptr) {
+        return;
     }
-    budget->left_us = static_cast<uint32_t>(std::min<uint64_t>(left, kReplyBudgetUs));
-    budget->since_us = ended_us;
-    budget->failing = !sent;
+    tavor_response response = {.code = row->code, .value = value, .payload = {}};
+    if (payload != nullptr) {
+        memcpy(response.payload, payload, std::min<uint32_t>(length, TAVOR_PAYLOAD_SIZE));
+    }
+    TavorPeer client = {};
+    const int error = next_client(&client) ? send_waiting(client, response) : EAGAIN;
+    if (error != 0) {
+        const std::lock_guard<std::mutex> guard(state.lock);
+        keep_or_lose(client, response, error);
+    }
+}
+
+void tavor_reply_failed(uint32_t id) {
+    const TavorRow* row = tavor_row_of_id(id);
+    if (row == nullptr) {
+        return;
+    }
+    const tavor_response response = {.code = row->code, .value = TAVOR_VALUE_FAILED, .payload = {}};
+    const std::lock_guard<std::mutex> guard(state.lock);
+    const int error = has_kept_before(state.client, state.kept_count)
+                          ? EAGAIN
+                          : send_once(state.client, response, MSG_DONTWAIT);
+    if (error != 0) {
+        keep_or_lose(state.client, response, error);
+    }
+}
+
+bool tavor_reply_retry() {
+    const std::lock_guard<std::mutex> guard(state.lock);
+    settle_kept();
+    return state.kept_count > 0;
 }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -244,23 +245,107 @@ TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
     }
 }
 
-TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilHandled) {
-    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        EXPECT_FALSE(stop_request_pending());
-        location_service_task_send_message(id, nullptr, 0);
-        EXPECT_TRUE(stop_request_pending());
-        service_queue_handled(receive().id);
-        EXPECT_FALSE(stop_request_pending());
+TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilTheLastIsHandled) {
+    const std::vector<uint32_t> ids = {SERVICE_STOP, SERVICE_DOWNLOAD, SERVICE_STOP};
+    for (size_t count = 1; count <= ids.size(); ++count) {
+        for (size_t i = 0; i < count; ++i) {
+            location_service_task_send_message(ids[i], nullptr, 0);
+            EXPECT_TRUE(stop_request_pending()) << i << " of " << count;
+        }
+        for (size_t i = 0; i < count; ++i) {
+            EXPECT_TRUE(stop_request_pending()) << i << " of " << count;
+            service_queue_handled(receive().id);
+        }
+        EXPECT_FALSE(stop_request_pending()) << count;
     }
 }
 
-TEST_F(QueueTest, TwoStopsAreAnnouncedUntilTheSecondIsHandled) {
+TEST_F(QueueTest, ForeignStopsLeaveNoDebt) {
+    const struct {
+        long type = 1;
+        ServiceMessage body = {.id = SERVICE_STOP, .data = nullptr, .length = 0};
+    } foreign;
+    static_assert(sizeof foreign.body == kBodySize);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &foreign, kBodySize, 0), 0);
+        service_queue_handled(receive().id);
+    }
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    service_queue_handled(receive().id);
     EXPECT_TRUE(stop_request_pending());
     service_queue_handled(receive().id);
     EXPECT_FALSE(stop_request_pending());
+}
+
+TEST_F(QueueTest, ForeignStopEndsNoOtherAnnouncement) {
+    const StopRequest closing;
+    service_queue_handled(SERVICE_STOP);
+    EXPECT_TRUE(stop_request_pending());
+}
+
+TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
+    fill();
+    const std::vector<uint32_t> ids = {SERVICE_STOP, SERVICE_DOWNLOAD, SERVICE_STOP};
+    for (const uint32_t id : ids) {
+        location_service_task_send_message(id, nullptr, 0);
+    }
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        EXPECT_EQ(number_of(receive()), i);
+    }
+    for (const uint32_t id : ids) {
+        EXPECT_TRUE(stop_request_pending());
+        const ServiceMessage message = receive();
+        EXPECT_EQ(message.id, id);
+        EXPECT_EQ(message.data, nullptr);
+        service_queue_handled(message.id);
+    }
+    EXPECT_FALSE(stop_request_pending());
+}
+
+TEST_F(QueueTest, RequestGivesUpAfterItsPausesAndCountsThemOff) {
+    fill();
+    int pauses = 3;
+    bool sent = true;
+    const auto request = [&] { sent = service_queue_request(SERVICE_COMMAND, malloc(5), 5, &pauses); };
+    EXPECT_EQ(lines_of(capture_stdout(request)), kFailLine);
+    EXPECT_FALSE(sent);
+    EXPECT_LE(pauses, 0);
+    free(receive().data);
+    pauses = 3;
+    request();
+    EXPECT_TRUE(sent);
+    EXPECT_EQ(pauses, 3);
+}
+
+TEST_F(QueueTest, RemovedQueueIsMadeAgainAndItsStopsAreOver) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    const StopRequest other;
+    const int32_t old_queue = g_service_state.msqid;
+    ASSERT_EQ(msgctl(old_queue, IPC_RMID, nullptr), 0);
+    ServiceMessage message = {};
+    std::vector<std::string> lines;
+    std::thread([&] {
+        lines = lines_of(capture_stdout([&] { EXPECT_FALSE(service_queue_receive(&message)); }));
+    }).join();
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{"[LOCSERV] WRN: the service queue was gone and is made again"}));
+    EXPECT_NE(g_service_state.msqid, old_queue);
+    EXPECT_TRUE(stop_request_pending()) << "announced elsewhere";
+    EXPECT_TRUE(stop_request_withdraw());
+    EXPECT_FALSE(stop_request_pending());
+    stop_request_announce();
+    send_number(5);
+    EXPECT_EQ(number_of(receive()), 5U);
+}
+
+TEST_F(QueueTest, ReceiveForAMomentComesBackFromAnEmptyQueue) {
+    ServiceMessage message = {};
+    std::thread([&] {
+        EXPECT_FALSE(service_queue_receive(&message, ServiceQueueWait::shortly));
+        send_number(5);
+        EXPECT_TRUE(service_queue_receive(&message, ServiceQueueWait::shortly));
+    }).join();
+    EXPECT_EQ(number_of(message), 5U);
 }
 
 TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
@@ -275,25 +360,6 @@ TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
     stop_request_announce();
     EXPECT_TRUE(stop_request_pending());
     stop_request_withdraw();
-}
-
-TEST_F(QueueTest, CancelledStopTakesItsAnnouncementBack) {
-    fill();
-    pthread_t sender = {};
-    const auto send_stop = [](void*) -> void* {
-        location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&sender, nullptr, send_stop, nullptr), 0);
-    pthread_cancel(sender);
-    ASSERT_EQ(pthread_join(sender, nullptr), 0);
-    EXPECT_FALSE(stop_request_pending());
-    stop_request_announce();
-    EXPECT_TRUE(stop_request_pending());
-    stop_request_withdraw();
-    for (uint32_t i = 0; i < kSmallQueue; i++) {
-        free(receive().data);
-    }
 }
 
 TEST_F(QueueTest, WithoutAQueueEachSendFailsWithALineAndFreesItsData) {
@@ -318,8 +384,16 @@ TEST_F(QueueTest, WithoutAQueueReceiveComesBackWithNothing) {
     EXPECT_EQ(service_queue_open(), -1);
     ServiceMessage message = {};
     bool received = true;
-    std::thread([&] { received = service_queue_receive(&message); }).join();
+    const auto tries = [&] {
+        for (int i = 0; i < 10; ++i) {
+            interpose_fail("msgget", 2, ENOSPC);
+            received = service_queue_receive(&message);
+        }
+    };
+    const auto start = std::chrono::steady_clock::now();
+    std::thread(tries).join();
     EXPECT_FALSE(received);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10)) << "no busy loop";
 }
 
 TEST_F(QueueTest, InterruptedSendIsRepeated) {

@@ -68,8 +68,8 @@ struct ServiceTest : testing::Test {
         }
     }
     void init() {
-        location_service_init(fakes_response);
-        running = true;
+        running = location_service_init(fakes_response) == 0;
+        ASSERT_TRUE(running);
     }
     // Handles one message directly and returns what it printed.
     static Texts handle(uint32_t id, void* data = nullptr, uint32_t length = 0) {
@@ -78,6 +78,12 @@ struct ServiceTest : testing::Test {
     }
     static Texts handle_text(uint32_t id, const std::string& text) {
         return handle(id, block(text), static_cast<uint32_t>(text.size()));
+    }
+    static bool wait_for_queue() {
+        for (int i = 0; i < 3000 && g_service_state.msqid == -1; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return g_service_state.msqid != -1;
     }
     static std::string handle_line(uint32_t id) {
         return "[LOCSERV] INF: location_service_message_handle:" + std::to_string(id);
@@ -281,19 +287,44 @@ TEST_F(ServiceTest, InitMakesTheQueueOpenToEverybody) {
     EXPECT_EQ(info.msg_perm.mode & 0777U, 0666U);
 }
 
-TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndCarriesOn) {
+TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndMakesItLater) {
     interpose_fail("msgget", 2, ENOSPC); // the first one looks for an old queue
     const Texts lines = lines_of(capture_stdout([&] {
         init();
-        location_service_task_send_message(SERVICE_START, nullptr, 0);
+        ASSERT_TRUE(wait_for_queue());
+        location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
+        ASSERT_TRUE(fakes_wait_for(5));
     }));
     EXPECT_EQ(lines.front(), "[LOCSERV] ERR: location_service_init, msgid fail");
-    EXPECT_NE(
-        std::find(lines.begin(), lines.end(), "[LOCSERV] ERR: location_service_task_send_message, Fail!"),
-        lines.end());
-    EXPECT_EQ(g_service_state.msqid, -1);
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init"}));
+    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_stop", "reply 4 0"}));
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
+}
+
+TEST_F(ServiceTest, InitWithoutAThreadFails) {
+    interpose_fail("pthread_create", 2, EAGAIN); // the first one is cancelled
+    int32_t result = 0;
+    const Texts lines = lines_of(capture_stdout([&] { result = location_service_init(fakes_response); }));
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(lines, Texts{"[LOCSERV] ERR: location_service_init, pthread_create fail"});
+}
+
+TEST_F(ServiceTest, CallbackIsThereBeforeTheThread) {
+    g_service_state.response = nullptr;
+    interpose_fail("pthread_create", 2, EAGAIN);
+    capture_stdout([] { location_service_init(fakes_response); });
+    EXPECT_EQ(g_service_state.response, &fakes_response);
+}
+
+TEST_F(ServiceTest, CommandBeforeAnAnnouncedStopFailsWithoutTheChip) {
+    for (const uint32_t stopping : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
+        fakes_reset();
+        location_service_task_send_message(stopping, nullptr, 0);
+        handle_text(SERVICE_COMMAND, "353,1");
+        EXPECT_EQ(fakes_texts(), Texts{"reply 7 4294967295"});
+        service_queue_handled(stopping);
+        handle_text(SERVICE_COMMAND, "353,1");
+        EXPECT_EQ(fakes_texts().back(), "reply 7 0");
+    }
 }
 
 TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
