@@ -1,20 +1,27 @@
 #include "config/location_config.h"
 
+#include "base/cancel_hold.h"
 #include "base/format.h"
+#include "base/free_block.h"
+#include "base/regular_file.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <sys/stat.h>
+#include <utility>
 
 namespace {
 
 constexpr char kConfigPath[] = "/etc/default/tavor/tavor.conf";
-// "c" keeps open and reads from being cancellation points: a thread that is stopped here leaves no half-made
-// stream.
-constexpr char kReadMode[] = "rce";
 // A longer line arrives in pieces, each searched as a line of its own.
-constexpr int kLineSize = 256;
+constexpr size_t kLineSize = 256;
+// Of a larger file no more is read, bytes.
+constexpr size_t kContentMax = 16UL * 1024 * 1024;
 
 constexpr int32_t kDefaultBaudRate = 921600;
 constexpr int32_t kDefaultFlowControl = 0;
@@ -25,16 +32,30 @@ constexpr int32_t kDefaultSpiCpha = 0;
 constexpr int32_t kDefaultSpiCpol = 0;
 constexpr int32_t kDefaultKeepGoodFiles = 0;
 constexpr int32_t kGpioNotConfigured = 999999;
-// kept: a missing text is one blank, which no device and no server accepts.
+// Kept: a missing text is one blank, which no device and no server accepts.
 constexpr char kNotConfigured[] = " ";
 
-// Only for a thread that ends inside a reader: the readers themselves close the file and look at the result.
-struct CloseFile {
-    void operator()(FILE* file) const {
-        fclose(file);
-    }
+using Bytes = std::unique_ptr<char, FreeBlock>;
+
+struct Content {
+    Bytes bytes;
+    size_t size = 0;
 };
-using ConfigFile = std::unique_ptr<FILE, CloseFile>;
+
+// What was read well the last time: it stands in for a file that can't be read now.
+struct ConfigState {
+    std::mutex lock;
+    Content last; // no bytes: the file has never been read, or was not there the last time
+};
+
+ConfigState state;
+
+// What came of reading the file, beside its content.
+struct Reading {
+    int error = 0; // why the file could not be opened or read
+    bool opened = false;
+    bool closed = true; // false: closing failed
+};
 
 void copy_text(char* dst, const char* text) {
     if (format(dst, kConfigTextSize, "%s", text) < 0) {
@@ -54,17 +75,102 @@ void cut_line_end(char* match) {
     }
 }
 
-// Returns what stands behind the key in the first line that holds it anywhere, or null. line has kLineSize
-// bytes.
-const char* find_value(FILE* file, const char* key, char* line) {
-    while (fgets(line, kLineSize, file) != nullptr) {
+bool read_all(FILE* file, Content* out) {
+    struct stat status = {};
+    if (fstat(fileno(file), &status) != 0) {
+        return false;
+    }
+    out->size = std::min(static_cast<size_t>(status.st_size), kContentMax);
+    out->bytes.reset(static_cast<char*>(malloc(out->size + 1)));
+    if (out->bytes == nullptr) {
+        return false;
+    }
+    out->size = fread(out->bytes.get(), 1, out->size, file);
+    return ferror(file) == 0;
+}
+
+// Reads the file into state.last. When it fails the content before stays, unless the file is not there.
+Reading read_file() {
+    Reading reading;
+    FILE* const file = regular_file_read(kConfigPath);
+    if (file == nullptr) {
+        reading.error = errno;
+        if (errno == ENOENT || errno == ENOTDIR) {
+            state.last = {};
+        }
+        return reading;
+    }
+    reading.opened = true;
+    Content content;
+    if (read_all(file, &content)) {
+        state.last = std::move(content);
+    } else {
+        reading.error = errno;
+    }
+    reading.closed = fclose(file) == 0;
+    return reading;
+}
+
+// The next line with its newline, or as much of it as fits into kLineSize bytes with a NUL. Returns false at
+// the end of the content.
+bool next_line(const Content& content, size_t* at, char* line) {
+    const char* from = content.bytes.get() + *at;
+    const size_t most = std::min(content.size - *at, kLineSize - 1);
+    const void* newline = memchr(from, '\n', most);
+    const size_t length =
+        newline == nullptr ? most : static_cast<size_t>(static_cast<const char*>(newline) - from) + 1;
+    memcpy(line, from, length);
+    line[length] = '\0';
+    *at += length;
+    return length > 0;
+}
+
+// Copies what stands behind the key in the first line that holds it anywhere to value (kLineSize bytes).
+bool find_value(const Content& content, const char* key, char* value) {
+    if (content.bytes == nullptr) {
+        return false;
+    }
+    char line[kLineSize];
+    for (size_t at = 0; next_line(content, &at, line);) {
         char* const match = strstr(line, key);
         if (match != nullptr) {
             cut_line_end(match);
-            return match + strlen(key);
+            strcpy(value, match + strlen(key));
+            return true;
         }
     }
-    return nullptr;
+    return false;
+}
+
+// Logs what went wrong. Any passing failure (no descriptor, no memory, a bad sector) must not mean defaults:
+// a download would write the image of the default path.
+void log_reading(const Reading& reading, bool stands_in, const char* close_failure) {
+    if (!reading.opened) {
+        puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
+    }
+    if (reading.error != 0 && stands_in) {
+        printf("[LOCSERV] WRN: [CFG]%s can't be read, error %d: its last content stands in\n", kConfigPath,
+               reading.error);
+    }
+    if (!reading.closed) {
+        puts(close_failure);
+    }
+}
+
+// Looks the key up, in the file as it is now or as it was read the last time.
+bool look_up(const char* key, char* value, const char* close_failure) {
+    Reading reading;
+    bool stands_in = false;
+    bool found = false;
+    {
+        const CancelHold hold; // a thread that is stopped here leaves no lock and no file behind
+        const std::lock_guard<std::mutex> guard(state.lock);
+        reading = read_file();
+        stands_in = state.last.bytes != nullptr;
+        found = find_value(state.last, key, value);
+    }
+    log_reading(reading, stands_in, close_failure);
+    return found;
 }
 
 // As atoi, but with a result for any number of digits.
@@ -72,50 +178,19 @@ int32_t to_number(const char* text) {
     return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
-void close_after_path(ConfigFile& file) {
-    if (fclose(file.release()) != 0) {
-        puts("[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail");
-    }
-}
-
-void close_after_num(ConfigFile& file) {
-    if (fclose(file.release()) != 0) {
-        puts("[LOCSERV] ERR: [CFG]location_config_get_num, fclose fail");
-    }
-}
-
 } // namespace
 
 void location_config_get_path(char* dst, const char* default_text, const char* key) {
-    ConfigFile file(fopen(kConfigPath, kReadMode));
-    if (file == nullptr) {
-        puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
-        copy_text(dst, default_text);
-        return;
-    }
-    char line[kLineSize];
-    const char* const value = find_value(file.get(), key, line);
-    if (value == nullptr) {
-        close_after_path(file);
-        copy_text(dst, default_text);
-        return;
-    }
-    copy_text(dst, value);
-    close_after_path(file);
+    char value[kLineSize];
+    const bool found = look_up(key, value, "[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail");
+    copy_text(dst, found ? value : default_text);
 }
 
+// Kept: a file that can't be opened is logged with the text of the path reader.
 void location_config_get_num(int32_t* dst, int32_t default_value, const char* key) {
-    ConfigFile file(fopen(kConfigPath, kReadMode));
-    if (file == nullptr) {
-        // kept: the text of the path reader.
-        puts("[LOCSERV] ERR: [CFG]location_config_get_path, open fail");
-        *dst = default_value;
-        return;
-    }
-    char line[kLineSize];
-    const char* const value = find_value(file.get(), key, line);
-    *dst = value != nullptr ? to_number(value) : default_value;
-    close_after_num(file);
+    char value[kLineSize];
+    const bool found = look_up(key, value, "[LOCSERV] ERR: [CFG]location_config_get_num, fclose fail");
+    *dst = found ? to_number(value) : default_value;
 }
 
 void location_config_get_uart_path(char* path) {
@@ -145,7 +220,7 @@ void location_config_get_debug_socket(DebugSocketConfig* config) {
     location_config_get_path(config->ip, "192.168.1.1", "debug socket ip=");
     location_config_get_num(&config->port, kDefaultDebugSocketPort, "debug socket port=");
     printf("[LOCSERV] INF: [CFG]debug socket ip:%s\n", config->ip);
-    // kept: readers of the log know the port under this text.
+    // Kept: readers of the log know the port under this text.
     printf("[LOCSERV] INF: [CFG]debug port baudrate:%d\n", config->port);
 }
 

@@ -43,7 +43,7 @@ void location_config_get_path(char* dst, const char* default_text, const char* k
 void location_config_get_num(int32_t* dst, int32_t default_value, const char* key);
 
 // Each getter fills its record, text (kConfigTextSize bytes) or number and logs what it read. None fails:
-// what can't be read takes its default.
+// while the file can't be read its last content stands in, and what is not there takes its default.
 void location_config_get_debug_port(SerialPortConfig* config);
 void location_config_get_debug_socket(DebugSocketConfig* config);
 void location_config_get_spi(SpiPortConfig* config);

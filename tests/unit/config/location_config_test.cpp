@@ -12,7 +12,36 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <utility>
 #include <vector>
+
+namespace {
+
+// Strike once.
+bool g_fread_fails = false;
+bool g_malloc_fails = false;
+
+} // namespace
+
+extern "C" size_t __real_fread(void* data, size_t size, size_t count, FILE* file);
+extern "C" size_t __wrap_fread(void* data, size_t size, size_t count, FILE* file) {
+    if (!std::exchange(g_fread_fails, false)) {
+        return __real_fread(data, size, count, file);
+    }
+    file->_flags |= _IO_ERR_SEEN;
+    errno = EIO;
+    return 0;
+}
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" void* __wrap_malloc(size_t size) {
+    if (!std::exchange(g_malloc_fails, false)) {
+        return __real_malloc(size);
+    }
+    errno = ENOMEM;
+    return nullptr;
+}
 
 namespace {
 
@@ -26,10 +55,16 @@ constexpr char kOpenFail[] = "[LOCSERV] ERR: [CFG]location_config_get_path, open
 constexpr char kPathCloseFail[] = "[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail";
 constexpr char kNumCloseFail[] = "[LOCSERV] ERR: [CFG]location_config_get_num, fclose fail";
 
+std::string stands_in(int error) {
+    return "[LOCSERV] WRN: [CFG]/etc/default/tavor/tavor.conf can't be read, error " + std::to_string(error) +
+           ": its last content stands in";
+}
+
 class LocationConfig : public testing::Test {
 protected:
     LocationConfig() {
         interpose_set_root(dir.path);
+        text(""); // there is no file: what an earlier test read is forgotten
     }
     ~LocationConfig() override {
         interpose_fail_reset();
@@ -410,12 +445,65 @@ TEST_F(LocationConfig, OpenFailureOfANumberIsLoggedWithThePathReadersText) {
     EXPECT_EQ(log, Lines{kOpenFail});
 }
 
-TEST_F(LocationConfig, UnreadableFileGivesDefaults) {
-    std::filesystem::create_directories(interpose_map(kConfig));
+TEST_F(LocationConfig, FileThatCanNotBeReadNowHasItsLastContentStandIn) {
+    const struct {
+        const char* function;
+        int error;
+    } failures[] = {{"open", EMFILE}, {"open", ENFILE}, {"open", ENOMEM}, {"open", EIO}, {"open", EACCES}};
+    config("DA path=/a\nSPI CPOL=1\n");
+    text("image path=");
+    for (const auto& failure : failures) {
+        interpose_fail(failure.function, 1, failure.error);
+        EXPECT_EQ(text("DA path="), "/a") << failure.error;
+        EXPECT_EQ(log, (Lines{kOpenFail, stands_in(failure.error)}));
+        interpose_fail(failure.function, 1, failure.error);
+        EXPECT_EQ(num("SPI CPOL="), 1) << failure.error;
+        interpose_fail(failure.function, 1, failure.error);
+        EXPECT_EQ(text("image path="), "default") << "the file names none";
+        EXPECT_EQ(num("SPI CPOL="), 1);
+        EXPECT_TRUE(log.empty());
+    }
+}
+
+TEST_F(LocationConfig, ContentThatCanNotBeReadIsNotTakenForTheFile) {
+    config("DA path=/a\n");
+    text("DA path=");
+    config("DA path=/b\n");
+    g_fread_fails = true;
+    EXPECT_EQ(text("DA path="), "/a");
+    EXPECT_EQ(log, Lines{stands_in(EIO)});
+    EXPECT_EQ(text("DA path="), "/b");
+    g_malloc_fails = true;
+    EXPECT_EQ(text("DA path="), "/b");
+    EXPECT_EQ(log, Lines{stands_in(ENOMEM)});
+}
+
+TEST_F(LocationConfig, FileThatIsGoneMeansDefaultsAlsoWhenItCanNotBeReadLater) {
+    config("DA path=/a\n");
+    text("DA path=");
+    std::filesystem::remove(interpose_map(kConfig));
+    for (const int error : {0, EMFILE}) {
+        if (error != 0) {
+            interpose_fail("open", 1, error);
+        }
+        EXPECT_EQ(text("DA path="), "default") << error;
+        EXPECT_EQ(log, Lines{kOpenFail}) << error;
+    }
+}
+
+TEST_F(LocationConfig, NothingButARegularFileIsRead) {
+    const std::string path = interpose_map(kConfig);
+    std::filesystem::create_directories(path);
     EXPECT_EQ(text("DA path="), "default");
-    EXPECT_TRUE(log.empty());
-    EXPECT_EQ(num("SPI CPOL="), 7);
-    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(log, Lines{kOpenFail});
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(num("SPI CPOL="), 7) << "without waiting for a writer";
+    EXPECT_EQ(log, Lines{kOpenFail});
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink("/dev/zero", path);
+    EXPECT_EQ(text("DA path="), "default");
+    EXPECT_EQ(log, Lines{kOpenFail});
 }
 
 TEST_F(LocationConfig, FoundTextIsKeptWhenClosingFails) {
@@ -446,19 +534,17 @@ TEST_F(LocationConfig, DefaultNumberIsStoredWhenClosingFails) {
     EXPECT_EQ(log, Lines{kNumCloseFail});
 }
 
-TEST_F(LocationConfig, FailedOpenOfOneKeyLeavesTheOthersAlone) {
+TEST_F(LocationConfig, FailedOpenOfEachKeyChangesNothing) {
     config("SPI port path=/dev/spidev0.0\nSPI frequency=1\nSPI bit order=1\nSPI CPHA=1\nSPI CPOL=1\n");
+    text("SPI port path=");
     for (int nth = 1; nth <= 5; ++nth) {
-        interpose_fail("fopen", nth, EMFILE);
+        interpose_fail("open", nth, EMFILE);
         SpiPortConfig spi = {};
         const Lines lines = lines_of(capture_stdout([&] { location_config_get_spi(&spi); }));
-        ASSERT_EQ(lines.size(), 6U);
+        ASSERT_EQ(lines.size(), 7U);
         EXPECT_EQ(lines[0], kOpenFail);
-        EXPECT_STREQ(spi.path, nth == 1 ? "/dev/spidev1.0" : "/dev/spidev0.0");
-        EXPECT_EQ(spi.frequency, nth == 2 ? 24000000 : 1);
-        EXPECT_EQ(spi.bit_order, nth == 3 ? 0 : 1);
-        EXPECT_EQ(spi.cpha, nth == 4 ? 0 : 1);
-        EXPECT_EQ(spi.cpol, nth == 5 ? 0 : 1);
+        EXPECT_STREQ(spi.path, "/dev/spidev0.0");
+        EXPECT_EQ(spi.frequency + spi.bit_order + spi.cpha + spi.cpol, 4);
     }
 }
 
