@@ -165,10 +165,33 @@ int32_t export_and_config(int32_t pin, int32_t direction, int32_t value, int32_t
     return location_gpio_config(pin, direction, value, edge);
 }
 
-int32_t set_power(int32_t level) {
-    int32_t pin = 0;
-    location_config_get_power_gpio(&pin);
-    return location_gpio_set_output(pin, level);
+constexpr int32_t kNoPin = -1;
+
+// The power line that was switched on. It can be switched off again whatever has become of the configuration
+// since, and with no descriptor free: its value file stays open. Of the service's thread only.
+struct PowerState {
+    int32_t pin = kNoPin;
+    int value_fd = -1;
+} power;
+
+void forget_power_line() {
+    const DescriptorGuard value(power.value_fd);
+    power = {};
+}
+
+void remember_power_line(int32_t pin) {
+    forget_power_line();
+    char path[kPathSize];
+    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d/value", pin);
+    power = {.pin = pin, .value_fd = open(path, O_WRONLY | O_CLOEXEC)};
+}
+
+int32_t switch_off_remembered() {
+    printf("[LOCSERV] WRN: [GPIO]power line %d is switched off as it was switched on\n", power.pin);
+    if (write_text(power.value_fd, "0")) {
+        return 0;
+    }
+    return location_gpio_set_output(power.pin, kLow);
 }
 
 } // namespace
@@ -216,11 +239,29 @@ int32_t location_gpio_set_edge(int32_t pin, int32_t edge) {
 }
 
 int32_t location_gpio_power_on() {
-    return set_power(kHigh);
+    int32_t pin = 0;
+    location_config_get_power_gpio(&pin);
+    if (power.pin != kNoPin && power.pin != pin) { // configured anew meanwhile
+        switch_off_remembered();
+    }
+    const int32_t result = location_gpio_set_output(pin, kHigh);
+    if (result == 0) {
+        remember_power_line(pin);
+    }
+    return result;
 }
 
 int32_t location_gpio_power_off() {
-    return set_power(kLow);
+    int32_t pin = 0;
+    location_config_get_power_gpio(&pin);
+    int32_t result = location_gpio_set_output(pin, kLow);
+    if (power.pin != kNoPin && (result != 0 || power.pin != pin)) {
+        result = switch_off_remembered();
+    }
+    if (result == 0) {
+        forget_power_line();
+    }
+    return result;
 }
 
 int32_t location_gpio_reset_chip() {

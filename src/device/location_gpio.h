@@ -6,7 +6,8 @@
 
 // All return 0, or -1 after logging what failed.
 
-// Drives the configured power line; high means powered.
+// Drives the configured power line; high means powered. Power-off switches off the line that was switched on,
+// also when the configuration names another one by then or can't be read, or no descriptor is free.
 int32_t location_gpio_power_on();
 int32_t location_gpio_power_off();
 

@@ -31,6 +31,7 @@ struct FakeSysfs {
     std::map<std::string, std::string> files = {{"export", ""}, {"unexport", ""}};
     Lines calls;
     int open_count = 0;
+    bool no_descriptor = false;
     std::function<void()> refuse; // called by a write, which fails then
 } sysfs;
 
@@ -47,8 +48,8 @@ void make_node(const std::string& pin) {
 
 int sysfs_open(const std::string& path, int flags) {
     const std::string name = short_name(path);
-    if (!sysfs.files.contains(name)) {
-        errno = ENOENT;
+    if (sysfs.no_descriptor || !sysfs.files.contains(name)) {
+        errno = sysfs.no_descriptor ? EMFILE : ENOENT;
         return -1;
     }
     sysfs.calls.push_back("open " + name + (flags == O_RDWR ? " rw" : flags == O_WRONLY ? " w" : " ?"));
@@ -105,8 +106,10 @@ protected:
         });
     }
     ~LocationGpio() override {
-        EXPECT_EQ(sysfs.open_count, 0) << "descriptors left open";
         interpose_fail_reset();
+        sysfs.refuse = nullptr;
+        run(location_gpio_power_off); // forgets the line that is on
+        EXPECT_EQ(sysfs.open_count, 0) << "descriptors left open";
         interpose_set_root("");
         local_devices({});
     }
@@ -117,6 +120,10 @@ protected:
         sysfs.calls.clear();
         log = lines_of(capture_stdout([&] { result = call(); }));
         return result;
+    }
+
+    void configure(const std::string& pin) const {
+        dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=" + pin + "\n");
     }
 
     Lines writes() const {
@@ -325,18 +332,17 @@ TEST_F(LocationGpio, SettersStopWhenTheExportFails) {
 }
 
 TEST_F(LocationGpio, PowerOnDrivesTheConfiguredLineHigh) {
-    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    configure("42");
     EXPECT_EQ(run(location_gpio_power_on), 0);
     EXPECT_EQ(writes(), (Lines{"write export 42", "write gpio42/direction out", "write gpio42/value 1"}));
     EXPECT_EQ(log, (Lines{"[LOCSERV] INF: [CFG]Power control gpio:42", "[LOCSERV] ERR: [GPIO]out"}));
 }
 
 TEST_F(LocationGpio, PowerOnTwiceWritesTheLevelAgainAndNothingElse) {
-    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+    configure("42");
     EXPECT_EQ(run(location_gpio_power_on), 0);
     EXPECT_EQ(run(location_gpio_power_on), 0);
-    EXPECT_EQ(sysfs.calls, (Lines{"open gpio42/direction rw", "read 9", "close gpio42/direction",
-                                  "open gpio42/value w", "write gpio42/value 1", "close gpio42/value"}));
+    EXPECT_EQ(writes(), Lines{"write gpio42/value 1"});
     EXPECT_EQ(log, Lines{"[LOCSERV] INF: [CFG]Power control gpio:42"});
 }
 
@@ -350,12 +356,62 @@ TEST_F(LocationGpio, LineThatIsNotConfiguredIsTriedLikeAnyOther) {
     EXPECT_EQ(writes().front(), "write export 999999");
 }
 
-TEST_F(LocationGpio, PinIsReadAnewAtEveryCall) {
-    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=42\n");
+TEST_F(LocationGpio, LineThatWasSwitchedOnIsSwitchedOffWhateverIsConfiguredByThen) {
+    configure("42");
     EXPECT_EQ(run(location_gpio_power_on), 0);
-    dir.write("/etc/default/tavor/tavor.conf", "Power control gpio=43\n");
+    configure("43");
     EXPECT_EQ(run(location_gpio_power_off), 0);
-    EXPECT_EQ(writes().back(), "write gpio43/value 0");
+    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
+    EXPECT_EQ(sysfs.files["gpio43/value"], "0\n");
+    EXPECT_EQ(log.back(), "[LOCSERV] WRN: [GPIO]power line 42 is switched off as it was switched on");
+    EXPECT_EQ(sysfs.open_count, 0);
+
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    configure("42");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    EXPECT_EQ(sysfs.files["gpio43/value"], "0\n");
+    EXPECT_EQ(sysfs.files["gpio42/value"], "1\n");
+    EXPECT_EQ(run(location_gpio_power_off), 0);
+    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
+    EXPECT_EQ(log, Lines{"[LOCSERV] INF: [CFG]Power control gpio:42"}) << "the other one is forgotten";
+}
+
+TEST_F(LocationGpio, PowerOffSurvivesAnySingleFailure) {
+    configure("42");
+    make_node("42");
+    for (const auto& [function, calls] :
+         {std::pair<const char*, int>{"open", 3}, {"read", 1}, {"write", 1}, {"access", 1}}) {
+        for (int nth = 1; nth <= calls; ++nth) {
+            EXPECT_EQ(run(location_gpio_power_on), 0);
+            EXPECT_EQ(sysfs.files["gpio42/value"], "1\n");
+            interpose_fail(function, nth, EMFILE);
+            EXPECT_EQ(run(location_gpio_power_off), 0) << function << nth;
+            interpose_fail_reset();
+            EXPECT_EQ(sysfs.files["gpio42/value"], "0\n") << function << nth;
+            EXPECT_EQ(sysfs.open_count, 0);
+        }
+    }
+}
+
+TEST_F(LocationGpio, PowerOffNeedsNoFreeDescriptorNorAConfiguration) {
+    configure("42");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    std::filesystem::remove(interpose_map("/etc/default/tavor/tavor.conf"));
+    sysfs.no_descriptor = true;
+    EXPECT_EQ(run(location_gpio_power_off), 0);
+    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
+}
+
+TEST_F(LocationGpio, PowerOffThatFailsIsTriedAgainAtTheNextOne) {
+    configure("42");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    std::filesystem::remove(interpose_map("/etc/default/tavor/tavor.conf"));
+    sysfs.refuse = [] { errno = EIO; };
+    EXPECT_EQ(run(location_gpio_power_off), -1);
+    EXPECT_EQ(sysfs.files["gpio42/value"], "1\n");
+    sysfs.refuse = nullptr;
+    run(location_gpio_power_off);
+    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
 }
 
 TEST_F(LocationGpio, ResetIsALowPulseOfFiveMilliseconds) {
