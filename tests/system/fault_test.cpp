@@ -2,6 +2,7 @@
 #include "support/harness.h"
 
 #include <gtest/gtest.h>
+#include <regex>
 #include <thread>
 
 namespace {
@@ -79,6 +80,41 @@ INSTANTIATE_TEST_SUITE_P(
                     Fault{"TransferFailOften", "transfer-fail", "every:3"},
                     Fault{"Bytewise", "bytewise", "on"}, Fault{"HostileLength", "hostile-length", "on"}),
     [](const auto& fault) { return std::string(fault.param.test); });
+
+// A chip that holds up each command for as long as it may, and how many commands stand before the stop.
+class QueuedCommands : public testing::TestWithParam<std::tuple<const char*, int>> {};
+
+TEST_P(QueuedCommands, StopIsAnsweredSoon) {
+    const auto& [fault, commands] = GetParam();
+    const SimulatedBoard board({"--source", "none"});
+    const DaemonOnBoard daemon(board);
+    const TestClient commander(board.socket_path());
+    ASSERT_EQ(commander.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    board.fault(fault, "on");
+    for (int i = 0; i < commands; ++i) {
+        ASSERT_TRUE(commander.send(TAVOR_REQUEST_COMMAND, "353,1"));
+    }
+    const TestClient client(board.socket_path());
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4)) << "two on an idle machine";
+    EXPECT_NE(board.ctl({"status", "--json"}).find("\"powered\":false"), std::string::npos);
+
+    board.fault("all", "off");
+    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_TRUE(wait_until([&] { // the link opens behind the answer; no stop is announced any more
+        return client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, "353,1") == 0;
+    }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, QueuedCommands,
+                         testing::Combine(testing::Values("zero", "silence", "garbage", "never-ready"),
+                                          testing::Values(20, 100, 700)),
+                         [](const auto& row) {
+                             const std::string fault = std::get<0>(row.param);
+                             return std::regex_replace(fault, std::regex("-"), "") +
+                                    std::to_string(std::get<1>(row.param));
+                         });
 
 TEST(Fault, LargeBacklogArrivesWhole) {
     const SimulatedBoard board({"--source", "none"});

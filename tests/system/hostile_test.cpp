@@ -2,8 +2,10 @@
 // read.
 #include "support/harness.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <random>
+#include <sched.h>
 
 namespace {
 
@@ -95,7 +97,18 @@ TEST(Hostile, RandomChipBytesAreSurvived) {
     EXPECT_TRUE(daemon.process->running());
 }
 
-TEST(Hostile, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
+// The kernel's default, and what systemd makes of it.
+class QueueLength : public testing::TestWithParam<int> {
+protected:
+    QueueLength() {
+        if (unshare(CLONE_NEWNET) != 0) {
+            return; // takes a right that not everybody has: the length is the host's then
+        }
+        std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << GetParam();
+    }
+};
+
+TEST_P(QueueLength, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
     const SimulatedBoard board({"--full-speed"});
     const DaemonOnBoard daemon(board);
     const TestClient deaf(board.socket_path());
@@ -105,9 +118,20 @@ TEST(Hostile, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
     ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(other.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
-    const auto waited = std::chrono::steady_clock::now() - before;
-    EXPECT_LT(waited, std::chrono::seconds(10)) << "one wait for each datagram owed would take minutes";
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
 }
+
+TEST_P(QueueLength, ResultForAClientThatPausesArrives) {
+    const SimulatedBoard board({"--rate", "10"});
+    const DaemonOnBoard daemon(board);
+    const TestClient client(board.socket_path());
+
+    ASSERT_TRUE(client.send(TAVOR_REQUEST_START));
+    ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, QueueLength, testing::Values(10, 512), testing::PrintToStringParamName());
 
 TEST(Hostile, VanishedClientCostsItsDatagramsOnly) {
     const SimulatedBoard board({"--rate", "10"});

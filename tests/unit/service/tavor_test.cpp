@@ -1,3 +1,4 @@
+#include "base/stop_request.h"
 #include "interpose/fail.h"
 #include "interpose/paths.h"
 #include "service/location_service.h"
@@ -134,6 +135,9 @@ struct TavorTest : testing::Test {
     }
     void TearDown() override {
         interpose_fail_reset();
+        while (stop_request_pending()) { // of what is still queued
+            service_queue_handled(SERVICE_STOP);
+        }
         close(fd);
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
     }
@@ -576,4 +580,46 @@ TEST_F(TavorTest, RequestsThatWaitTogetherShareOneSecond) {
     });
     EXPECT_LE(Clock::now() - start, milliseconds(3000));
     EXPECT_EQ(queued(), before + 1) << "the stop";
+}
+
+TEST_F(TavorTest, DeafClientOfTheRealKernelCostsAboutASecond) {
+    const Client deaf(Address("deaf"));
+    const Client other(Address("other"));
+    become_client(deaf);
+    Clock::duration took{};
+    const auto send_until_lost = [&] {
+        const Clock::time_point start = Clock::now();
+        const auto lost = [] {
+            return !capture_stdout([] { tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1); }).empty();
+        };
+        for (int i = 0; i < 20000 && !lost(); ++i) { // however long the kernel's queues are
+        }
+        took = Clock::now() - start;
+    };
+    send_until_lost();
+    EXPECT_GE(took, milliseconds(900));
+    send_until_lost();
+    EXPECT_LE(took, milliseconds(500));
+    become_client(other);
+    tavor_send_response(SERVICE_START, 0, nullptr, 0);
+    EXPECT_TRUE(other.receive().has_value());
+}
+
+TEST_F(TavorTest, SlowClientOfTheRealKernelLosesNothing) {
+    constexpr uint32_t kReplies = 600; // more than any usual queue
+    const Client client(Address("c"));
+    become_client(client);
+    const std::string out = capture_stdout([&] {
+        std::thread sender([] {
+            for (uint32_t i = 0; i < kReplies; i++) {
+                tavor_send_response(SERVICE_FRAME_NMEA, i, "$", 1);
+            }
+        });
+        for (uint32_t i = 0; i < kReplies; i++) {
+            std::this_thread::sleep_for(milliseconds(i == 5 ? 500 : 1)); // how slow it is
+            EXPECT_EQ(client.receive().value().value, i);
+        }
+        sender.join();
+    });
+    EXPECT_EQ(out, "");
 }
