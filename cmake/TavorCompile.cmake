@@ -22,6 +22,9 @@ check_pie_supported()
 add_library(tavor_options INTERFACE)
 target_include_directories(tavor_options INTERFACE "${PROJECT_SOURCE_DIR}/include")
 target_compile_definitions(tavor_options INTERFACE _GNU_SOURCE)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4) # times behind 2038, files past 2 GiB; where pointers have 64 bits both are so anyway
+    target_compile_definitions(tavor_options INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 # Warnings are errors in our presets (CMAKE_COMPILE_WARNING_AS_ERROR): another compiler's must stop nobody who only builds.
 target_compile_options(tavor_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
