@@ -54,8 +54,9 @@ int32_t location_timer_is_active(timer_t timer) {
     if (timer_gettime(timer, &spec) != 0) {
         return -1;
     }
-    printf("[LOCSERV] INF: [timer]interval:%ld,%ld value:%ld,%ld\n", spec.it_interval.tv_sec,
-           spec.it_interval.tv_nsec, spec.it_value.tv_sec, spec.it_value.tv_nsec);
+    printf("[LOCSERV] INF: [timer]interval:%lld,%ld value:%lld,%ld\n",
+           static_cast<long long>(spec.it_interval.tv_sec), spec.it_interval.tv_nsec,
+           static_cast<long long>(spec.it_value.tv_sec), spec.it_value.tv_nsec);
     return spec.it_value.tv_nsec != 0 || spec.it_value.tv_sec != 0 ? 0 : -1;
 }
 

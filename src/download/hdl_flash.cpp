@@ -38,7 +38,7 @@ uint32_t walk_length(const Walk& walk) {
 }
 
 BlockTable make_table(uint64_t count) {
-    return BlockTable(static_cast<FlashBlock*>(calloc(count, sizeof(FlashBlock))));
+    return BlockTable(static_cast<FlashBlock*>(calloc(static_cast<size_t>(count), sizeof(FlashBlock))));
 }
 
 // The blocks of an image of so many bytes, or null. No table is made for a file that no flash can hold.

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -111,23 +110,6 @@ TEST(Spine, CommandReachesTheChipAndItsAnswerComesBack) {
     EXPECT_NE(board.ctl({"commands"}).find("$PZUL353,1*"), std::string::npos);
 }
 
-TEST(Spine, SecondClientTakesOverAllOutput) {
-    const SimulatedBoard board({"--rate", "10"});
-    const DaemonOnBoard daemon(board);
-    const TestClient first(board.socket_path());
-    const TestClient second(board.socket_path());
-
-    ASSERT_EQ(first.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_TRUE(first.receive_code(TAVOR_CODE_POSITION));
-    ASSERT_EQ(second.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_TRUE(second.receive_code(TAVOR_CODE_POSITION));
-    while (first.receive(std::chrono::milliseconds(0))) {
-    }
-    ASSERT_TRUE(second.receive_code(TAVOR_CODE_POSITION));
-    ASSERT_TRUE(second.receive_code(TAVOR_CODE_POSITION));
-    EXPECT_FALSE(first.receive(std::chrono::milliseconds(0)));
-}
-
 TEST(Spine, SavedLocationIsGivenToTheChipAndDeletedAtTheNextDaemonStart) {
     const SimulatedBoard board({"--rate", "10"});
     DaemonOnBoard daemon(board);
@@ -194,20 +176,6 @@ TEST(Spine, BinaryFrameIsLoggedWithItsLengthAndNotSent) {
     EXPECT_NE(log.find("location_service_message_handle:10\n"), std::string::npos)
         << "the bad checksum is dropped";
     EXPECT_NE(log.find("location_service_message_handle:13\n"), std::string::npos);
-}
-
-TEST(Spine, EleventhDatagramToAReaderThatSleepsIsNotLost) {
-    const SimulatedBoard board({"--source", "none"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-
-    for (int i = 0; i < 40; ++i) {
-        ASSERT_TRUE(client.send(TAVOR_REQUEST_SAVE_LOCATION));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // the pause under test
-    for (int i = 0; i < 40; ++i) {
-        ASSERT_TRUE(client.receive_code(TAVOR_CODE_SAVE_LOCATION)) << i;
-    }
 }
 
 TEST(Harness, KilledTestLeavesNoProgramBehind) {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <random>
@@ -330,74 +328,4 @@ TEST(LocationFrame, SentencesBehindAnUnendingOneComeBackAfterAFullBuffer) {
     EXPECT_TRUE(frames_of({endless + kGga}) == expected);
     EXPECT_TRUE(frames_of(cut(endless + kGga, [] { return size_t{1}; })) == expected);
     EXPECT_TRUE(frames_of(cut(endless + kGga, [] { return size_t{4095}; })) == expected);
-}
-
-namespace {
-
-bool is_of_the_six(const string& line) {
-    const string talker = line.substr(0, 3);
-    return talker == "$GP" || talker == "$GL" || talker == "$GB" || talker == "$GA" || talker == "$GI" ||
-           talker == "$GN";
-}
-
-string read_file(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// The lines of a log whose checksums are all good.
-std::vector<Frame> sentences_of(const string& log) {
-    std::vector<Frame> sentences;
-    for (size_t at = 0; at < log.size();) {
-        const size_t end = log.find("\r\n", at) + 2;
-        if (is_of_the_six(log.substr(at, end - at))) {
-            sentences.push_back({FRAME_NMEA, log.substr(at, end - at)});
-        }
-        at = end;
-    }
-    return sentences;
-}
-
-void expect_frames_in_any_blocks(const string& log, const std::vector<Frame>& expected) {
-    EXPECT_TRUE(frames_of({log}) == expected);
-    EXPECT_TRUE(frames_of(cut(log, [] { return size_t{1}; })) == expected);
-    EXPECT_TRUE(frames_of(cut(log, [] { return size_t{4095}; })) == expected);
-}
-
-void expect_log_byte_for_byte(const std::filesystem::path& path) {
-    SCOPED_TRACE(path);
-    const string log = read_file(path);
-    const std::vector<Frame> expected = sentences_of(log);
-    ASSERT_FALSE(expected.empty());
-    expect_frames_in_any_blocks(log, expected);
-}
-
-} // namespace
-
-TEST(LocationFrame, ReplayedLogsComeOutByteForByte) {
-    if (!std::filesystem::is_directory(TAVOR_NMEA_LOGS)) {
-        GTEST_SKIP() << "no logs in TAVOR_NMEA_LOGS";
-    }
-    size_t logs = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(TAVOR_NMEA_LOGS)) {
-        if (entry.path().extension() == ".nmea") {
-            ++logs;
-            expect_log_byte_for_byte(entry.path());
-        }
-    }
-    EXPECT_GT(logs, 0U);
-}
-
-TEST(LocationFrame, OurOwnLogComesOutByteForByte) {
-    expect_log_byte_for_byte(TAVOR_REPLAY_DIR "/trajectory.nmea");
-}
-
-TEST(LocationFrame, OddLogComesOutTheSameInAnyBlocks) {
-    const string log = read_file(TAVOR_REPLAY_DIR "/odd.nmea");
-    const std::vector<Frame> whole = frames_of({log});
-    ASSERT_EQ(std::count_if(whole.begin(), whole.end(), [](const Frame& f) { return f.type == FRAME_PZUL; }),
-              8);
-    ASSERT_EQ(
-        std::count_if(whole.begin(), whole.end(), [](const Frame& f) { return f.type == FRAME_BINARY; }), 1);
-    expect_frames_in_any_blocks(log, whole);
 }

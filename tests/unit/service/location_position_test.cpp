@@ -7,10 +7,7 @@
 #include "support/capture.h"
 #include "support/private_dir.h"
 
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,17 +26,20 @@ struct World {
     std::vector<string> commands;
     std::vector<string> orbits; // asked for: constellation, week, time of week
     std::vector<Reply> replies;
+    size_t answered_before_reply = 0; // commands and orbits
 } world;
 
 void record_reply(uint32_t id, uint32_t value, const void* payload, uint32_t length) {
     world.replies.push_back({id, value, string(static_cast<const char*>(payload), length)});
+    world.answered_before_reply = world.commands.size() + world.orbits.size();
 }
 
 struct LocationPosition : testing::Test {
     LocationPosition() {
         world = {};
         world.path = dir.path / "location.dat";
-        g_service_state = {};
+        g_service_state.location = {};
+        g_service_state.xod_enabled = 0;
         g_service_state.response = record_reply;
     }
 
@@ -66,7 +66,6 @@ struct LocationPosition : testing::Test {
 };
 
 const string kGga = "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,45.4,M,46.9,M,,*47\r\n";
-const string kNoFile = "[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n";
 
 // The record as the client reads it: offset of each field and its text.
 string text_at(const string& block, size_t offset) {
@@ -170,27 +169,6 @@ TEST_F(LocationPosition, ResponsesOfOtherNumbersArePassedOnOnly) {
     EXPECT_TRUE(world.commands.empty());
 }
 
-TEST_F(LocationPosition, TimeRequestIsAnsweredOnlyOnceAssistanceIsEnabled) {
-    const string sentence = "$PZUL010,1,0*00\r\n";
-    EXPECT_EQ(pzul(sentence), seen(sentence));
-    EXPECT_TRUE(world.commands.empty());
-    expect_passed_on(sentence);
-
-    g_service_state.xod_enabled = 1;
-    pzul(sentence);
-    ASSERT_EQ(world.commands.size(), 1U);
-    EXPECT_EQ(world.commands[0].substr(0, 6), "590,20");
-    EXPECT_EQ(world.commands[0].size(), 23U);
-}
-
-TEST_F(LocationPosition, PositionRequestWithoutAFileIsPassedOn) {
-    const string sentence = "$PZUL010,2,0*00\r\n";
-    EXPECT_EQ(pzul(sentence), seen(sentence) + "[LOCSERV] ERR: location_service_get_position open fail, " +
-                                  world.path + "\n" + kNoFile);
-    EXPECT_TRUE(world.commands.empty());
-    expect_passed_on(sentence);
-}
-
 TEST_F(LocationPosition, RequestOfTwoFieldsIsLoggedAndAnswered) {
     const string sentence = "$PZUL010,2*00\r\n";
     dir.write("location.dat", "longitude=1\nlatitude=2\nmajorAxis=3\nminorAxis=4\norientation=5\nheight=6\n"
@@ -201,6 +179,7 @@ TEST_F(LocationPosition, RequestOfTwoFieldsIsLoggedAndAnswered) {
                   "[LOCSERV] INF: aiding reference position: 2.000000,1.000000,6.0,3.0,4.0,5.0,7.0\n");
     EXPECT_EQ(world.commands, std::vector<string>{"600,2.000000,1.000000,6.0,3.0,4.0,5.0,7.0"});
     expect_passed_on(sentence);
+    EXPECT_EQ(world.answered_before_reply, 1U) << "the chip comes first";
 }
 
 TEST_F(LocationPosition, RequestOfThreeFieldsIsNotAnError) {
@@ -221,48 +200,4 @@ TEST_F(LocationPosition, SentenceWithANulIsPassedOnWhole) {
     const string sentence("$PZUL123,a\0b*00\r\n", 17);
     EXPECT_EQ(pzul(sentence), "[LOCSERV] INF: $PZUL123,a, 17\n");
     expect_passed_on(sentence);
-}
-
-namespace {
-
-// Of a line of a log: whether it is a GGA sentence with latitude and longitude.
-bool has_position(const string& line) {
-    std::istringstream in(line);
-    std::vector<string> fields;
-    for (string field; std::getline(in, field, ',');) {
-        fields.push_back(field);
-    }
-    return fields.size() > 4 && fields[0].substr(3) == "GGA" && !fields[2].empty() && !fields[4].empty();
-}
-
-// Each GGA sentence of the log gives one block when it has a position. Returns how many do.
-size_t expect_blocks_of_log(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    size_t positions = 0;
-    for (string line; std::getline(in, line);) {
-        world.replies.clear();
-        LocationPosition::nmea(line + "\n");
-        EXPECT_EQ(world.replies.size(), has_position(line) ? 1U : 0U) << line;
-        positions += world.replies.size();
-    }
-    return positions;
-}
-
-} // namespace
-
-TEST_F(LocationPosition, ReplayedLogsGiveABlockForEachGgaWithAPosition) {
-    if (!std::filesystem::is_directory(TAVOR_NMEA_LOGS)) {
-        GTEST_SKIP() << "no logs in TAVOR_NMEA_LOGS";
-    }
-    size_t positions = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(TAVOR_NMEA_LOGS)) {
-        if (entry.path().extension() == ".nmea") {
-            positions += expect_blocks_of_log(entry.path());
-        }
-    }
-    EXPECT_GT(positions, 100U);
-}
-
-TEST_F(LocationPosition, OurOwnLogGivesABlockForEachGgaWithAPosition) {
-    EXPECT_EQ(expect_blocks_of_log(TAVOR_REPLAY_DIR "/trajectory.nmea"), 55U);
 }
