@@ -135,7 +135,8 @@ bool find_value(const Content& content, const char* key, char* value) {
         char* const match = strstr(line, key);
         if (match != nullptr) {
             cut_line_end(match);
-            strcpy(value, match + strlen(key));
+            const char* const text = match + strlen(key);
+            memcpy(value, text, strlen(text) + 1);
             return true;
         }
     }
