@@ -28,7 +28,7 @@ struct DebugMessage {
 };
 
 constexpr size_t kBodySize = sizeof(DebugMessage) - offsetof(DebugMessage, data);
-static_assert(offsetof(DebugMessage, data) == sizeof(long) && kBodySize == 16);
+static_assert(offsetof(DebugMessage, data) == sizeof(long) && (kBodySize == 16 || sizeof(void*) < 8));
 
 // Blocks in transit, oldest first. Nothing waits under the lock, and nobody is cancelled under it.
 struct DebugQueueState {
