@@ -22,6 +22,7 @@ constexpr int kQueueMode = 0666;
 constexpr long kMessageType = 1;
 constexpr size_t kMessageBodySize = 24; // bytes, also where pointers are shorter
 constexpr useconds_t kFullQueuePauseUs = 1000;
+constexpr useconds_t kRequestPauseUs = 10000; // longer, so that the number of pauses says how long they take
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
 constexpr useconds_t kEmptyQueuePauseUs = 10000;
 
@@ -126,7 +127,7 @@ bool enqueue(const ServiceMessage& body, int* pauses) {
         error = enqueue_bodiless(&message);
     }
     while (error == EAGAIN && waits_for_room(pauses)) {
-        usleep(kFullQueuePauseUs);
+        usleep(pauses == nullptr ? kFullQueuePauseUs : kRequestPauseUs);
         error = enqueue_now(record, kMessageBodySize, &message);
     }
     return error == 0;

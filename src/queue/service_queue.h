@@ -41,8 +41,8 @@ int32_t service_queue_open();
 // until they are handled, so that what is queued before them comes to an end soon.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
-// The same for a request of a client, whose sender must not be kept waiting: takes as many pauses of a
-// millisecond as *pauses allows and counts them off. Returns whether the request was enqueued.
+// The same for a request of a client, whose sender must not be kept waiting: takes as many pauses of 10 ms
+// as *pauses allows and counts them off. Returns whether the request was enqueued.
 bool service_queue_request(uint32_t id, void* data, uint32_t length, int* pauses);
 
 enum class ServiceQueueWait {

@@ -29,9 +29,9 @@ static_assert(sizeof(tavor_request) == TAVOR_REQUEST_SIZE && offsetof(tavor_requ
 // anybody's replies. Bytes.
 constexpr int kSendBufferSize = 4 * 1024 * 1024;
 
-// Pauses of a millisecond for which requests wait for room in the service queue: those that wait together in
+// Pauses of 10 ms for which requests wait for room in the service queue: those that wait together in
 // the socket share them, so that a stop behind them is received within a second.
-constexpr int kRoomPauses = 900;
+constexpr int kRoomPauses = 90;
 
 constexpr int kAlreadyRunning = 1; // exit status
 

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -63,10 +64,12 @@ std::string stands_in(int error) {
 class LocationConfig : public testing::Test {
 protected:
     LocationConfig() {
+        alarm(60); // opening a FIFO may wait for ever
         interpose_set_root(dir.path);
         text(""); // there is no file: what an earlier test read is forgotten
     }
     ~LocationConfig() override {
+        alarm(0);
         interpose_fail_reset();
         interpose_set_root("");
     }

@@ -15,6 +15,7 @@
 #include <map>
 #include <sys/msg.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -22,15 +23,18 @@ namespace {
 constexpr key_t kServiceQueueKey = 1234;
 constexpr unsigned kSmallQueue = 4; // messages
 constexpr size_t kBodySize = 24;
+constexpr unsigned kBoundSeconds = 60; // of a test: a send or a receive may wait for ever
 
 const std::vector<std::string> kFailLine = {"[LOCSERV] ERR: location_service_task_send_message, Fail!"};
 
 struct QueueTest : testing::Test {
     void SetUp() override {
+        alarm(kBoundSeconds);
         interpose_set_root(dir.path.string());
         ASSERT_NE(service_queue_open(), -1);
     }
     void TearDown() override {
+        alarm(0);
         interpose_fail_reset();
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
     }

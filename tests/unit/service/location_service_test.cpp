@@ -5,6 +5,7 @@
 #include "service_fakes.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
+#include "support/wait.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 #include <thread>
+#include <unistd.h>
 
 using Texts = std::vector<std::string>;
 
@@ -41,6 +43,7 @@ const std::string kBanner("TAVOR Version:V1.3\n\0", 20);
 
 struct ServiceTest : testing::Test {
     void SetUp() override {
+        alarm(60); // the service's thread waits for ever
         interpose_set_root(dir.path.string());
         fakes_reset();
         fakes_location_path(dir.write("location.dat", "utc=1\n"));
@@ -50,6 +53,7 @@ struct ServiceTest : testing::Test {
         service_queue_open();
     }
     void TearDown() override {
+        alarm(0);
         if (running) {
             pthread_cancel(g_service_state.tid);
             pthread_join(g_service_state.tid, nullptr);
@@ -78,12 +82,6 @@ struct ServiceTest : testing::Test {
     }
     static Texts handle_text(uint32_t id, const std::string& text) {
         return handle(id, block(text), static_cast<uint32_t>(text.size()));
-    }
-    static bool wait_for_queue() {
-        for (int i = 0; i < 3000 && g_service_state.msqid == -1; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return g_service_state.msqid != -1;
     }
     static std::string handle_line(uint32_t id) {
         return "[LOCSERV] INF: location_service_message_handle:" + std::to_string(id);
@@ -291,7 +289,7 @@ TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndMakesItLater) {
     interpose_fail("msgget", 2, ENOSPC); // the first one looks for an old queue
     const Texts lines = lines_of(capture_stdout([&] {
         init();
-        ASSERT_TRUE(wait_for_queue());
+        ASSERT_TRUE(wait_until([] { return g_service_state.msqid != -1; }));
         location_service_task_send_message(SERVICE_DEBUG_OFF, nullptr, 0);
         ASSERT_TRUE(fakes_wait_for(5));
     }));

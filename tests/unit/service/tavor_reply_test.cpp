@@ -7,6 +7,7 @@
 #include "support/capture.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/time.h>
+#include <thread>
 
 namespace {
 
@@ -452,4 +454,26 @@ TEST_F(ReplyTest, FailedRequestIsAnsweredBehindWhatIsKeptAndWithoutWaiting) {
     EXPECT_FALSE(retry());
     EXPECT_EQ(values_of(reader, TAVOR_CODE_CHIP), Values{TAVOR_VALUE_FAILED});
     EXPECT_EQ(values_of(reader, TAVOR_CODE_DEBUG), (Values{TAVOR_VALUE_FAILED, 1, TAVOR_VALUE_FAILED}));
+}
+
+TEST_F(ReplyTest, AddressOfTheClientIsReadWholeWhileItChanges) {
+    const std::string one(100, '1');
+    const std::string other(100, '2');
+    client(one, 0);
+    client(other, 0);
+    std::atomic<bool> ending = false;
+    std::thread changing([&] {
+        while (!ending) {
+            tavor_reply_to(peer(one));
+            tavor_reply_to(peer(other));
+        }
+    });
+    const std::string log = capture_stdout([] {
+        for (int i = 0; i < 200000; ++i) {
+            tavor_send_response(SERVICE_FRAME_NMEA, 0, nullptr, 0);
+        }
+    });
+    ending = true;
+    changing.join();
+    EXPECT_EQ(log, "") << "an address of two halves";
 }
