@@ -48,13 +48,13 @@ bool give_and_take(Operation& operation) {
     return take(operation);
 }
 
-// A slave that could not be switched on fails the next step.
+// A slave that could not be switched on fails the next step; while a stop is pending there is none.
 bool start(Operation& operation) {
     if (!take(operation)) {
         return false;
     }
     operation.counted = host_mux_spi_power_on(operation.bus) == 0;
-    return give_and_take(operation);
+    return give_and_take(operation) && (operation.counted || !stop_request_pending());
 }
 
 // A failed power-off leaves the request open and the slave on for the next operation; while a stop is pending

@@ -18,6 +18,7 @@ void PrintTo(const Fault& fault, std::ostream* out) {
 }
 
 constexpr int kCycles = 200;
+constexpr std::chrono::seconds kStopLimit(5); // on a busy machine; 2 s are promised on a quiet one
 
 } // namespace
 
@@ -54,14 +55,16 @@ TEST_P(FaultState, StartAndStopManyTimesLeavesNothingBehind) {
     EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
 }
 
-TEST_P(FaultState, StopIsAnsweredWhileACommandWaitsForTheChip) {
+TEST_P(FaultState, StopBehindHundredsOfCommandsIsAnsweredSoon) {
     const DaemonOnBoard daemon(board);
     const TestClient client(board.socket_path());
     ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
     ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
     apply();
-    ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    for (int i = 0; i < 600; ++i) {
+        ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
+    }
+    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, "", kStopLimit), 0);
 
     board.fault("all", "off");
     ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
