@@ -279,35 +279,21 @@ TEST_F(LocationGpio, UnreadableWordIsWritten) {
     EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]out"});
 }
 
-TEST_F(LocationGpio, EachFailedOpenOfAnAttributeIsLoggedAndEndsTheCall) {
-    const std::vector<std::pair<std::string, Lines>> cases = {
-        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: direction", {}},
-        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value", {"write gpio17/direction out"}},
-        {"[LOCSERV] ERR: [GPIO]location_gpio_config open fail: edge",
-         {"write gpio17/direction out", "write gpio17/value 1"}},
-    };
-    for (size_t nth = 1; nth <= cases.size(); ++nth) {
-        make_node("17");
-        interpose_fail("open", static_cast<int>(nth), EACCES);
-        EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 1); }), -1);
-        EXPECT_EQ(log.back(), cases[nth - 1].first);
-        EXPECT_EQ(writes(), cases[nth - 1].second);
-    }
-}
-
-TEST_F(LocationGpio, EachFailedWriteOfAnAttributeIsLoggedAndEndsTheCall) {
-    const Lines texts = {"[LOCSERV] ERR: [GPIO]location_gpio_config write fail: direction",
-                         "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value",
-                         "[LOCSERV] ERR: [GPIO]location_gpio_config write fail: edge"};
-    for (size_t nth = 1; nth <= texts.size(); ++nth) {
-        make_node("17");
-        interpose_fail("write", static_cast<int>(nth), EPERM);
-        EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 1); }), -1);
-        ASSERT_FALSE(log.empty());
-        EXPECT_EQ(log.back(), texts[nth - 1]);
-        EXPECT_EQ(log[0], "[LOCSERV] ERR: [GPIO]out") << "the wanted word, before its write";
-        EXPECT_EQ(writes().size(), nth - 1);
-        EXPECT_EQ(sysfs.open_count, 0);
+TEST_F(LocationGpio, EachFailedOpenOrWriteOfAnAttributeIsLoggedAndEndsTheCall) {
+    const Lines attributes = {"direction", "value", "edge"};
+    const Lines all_writes = {"write gpio17/direction out", "write gpio17/value 1"};
+    for (const std::string call : {"open", "write"}) {
+        for (size_t nth = 1; nth <= attributes.size(); ++nth) {
+            make_node("17");
+            interpose_fail(call.c_str(), static_cast<int>(nth), EACCES);
+            EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 1); }), -1);
+            ASSERT_FALSE(log.empty());
+            EXPECT_EQ(log.back(),
+                      "[LOCSERV] ERR: [GPIO]location_gpio_config " + call + " fail: " + attributes[nth - 1]);
+            EXPECT_EQ(log.size() > 1, call == "write" || nth > 1) << "the wanted word, before its write";
+            EXPECT_EQ(writes(), Lines(all_writes.begin(), all_writes.begin() + static_cast<int>(nth) - 1));
+            EXPECT_EQ(sysfs.open_count, 0);
+        }
     }
 }
 

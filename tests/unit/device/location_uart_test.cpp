@@ -209,20 +209,16 @@ TEST(LocationUart, EachKnownRateIsSetAndAnyOtherIs115200) {
     }
 }
 
-TEST(LocationUart, SoftwareFlowControlSetsXonAndXoff) {
+TEST(LocationUart, FlowControlSetsXonAndXoffOrRtsCts) {
     const Line line(UART_FLOW_SOFTWARE);
     const termios options = options_of(line.handle.fd);
     EXPECT_EQ(options.c_iflag & kInputFlags, static_cast<tcflag_t>(IXON | IXOFF));
     EXPECT_EQ(options.c_cc[VSTART], 0x11);
     EXPECT_EQ(options.c_cc[VSTOP], 0x13);
     EXPECT_EQ(options.c_cflag & CRTSCTS, 0U);
-}
-
-TEST(LocationUart, HardwareFlowControlSetsRtsCts) {
-    const Line line(UART_FLOW_HARDWARE);
-    const termios options = options_of(line.handle.fd);
-    EXPECT_EQ(options.c_cflag & CRTSCTS, CRTSCTS);
-    EXPECT_EQ(options.c_iflag & kInputFlags, 0U);
+    const Line hardware(UART_FLOW_HARDWARE);
+    EXPECT_EQ(options_of(hardware.handle.fd).c_cflag & CRTSCTS, CRTSCTS);
+    EXPECT_EQ(options_of(hardware.handle.fd).c_iflag & kInputFlags, 0U);
 }
 
 TEST(LocationUart, UnknownFlowControlLeavesRtsCtsAsItWas) {
@@ -264,22 +260,27 @@ TEST(LocationUart, OpenLineIsLeftAsItIs) {
     EXPECT_EQ(line.handle.flow_control, before.flow_control);
 }
 
-TEST(LocationUart, MissingDeviceFailsAndLeavesTheHandleClosed) {
-    UartHandle handle{.fd = -1, .flow_control = 0};
-    const SerialPortConfig config = config_of(" ", 9600, 0);
-    const std::string log = capture_stdout([&] { EXPECT_EQ(location_uart_init(&handle, &config), -1); });
-    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]location_uart_init, open fail: \n");
-    EXPECT_EQ(handle.fd, -1);
-}
-
-TEST(LocationUart, FileThatIsNoTerminalFailsAndIsClosedAgain) {
+TEST(LocationUart, LineThatCantBeOpenedOrSetFailsAndIsClosedAgain) {
+    const PseudoTerminal terminal;
+    const struct {
+        std::string path;
+        const char* told;
+    } lines[] = {{" ", "location_uart_init, open fail: "},
+                 {"/dev/null", "location_uart_config, get options error"}, // no terminal
+                 {terminal.path, "location_uart_config, set uart error"}};
     const size_t descriptors = open_descriptors();
-    UartHandle handle{.fd = -1, .flow_control = 0};
-    const SerialPortConfig config = config_of("/dev/null", 9600, 0);
-    const std::string log = capture_stdout([&] { EXPECT_EQ(location_uart_init(&handle, &config), -1); });
-    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]location_uart_config, get options error\n");
-    EXPECT_EQ(handle.fd, -1);
-    EXPECT_EQ(open_descriptors(), descriptors);
+    for (const auto& line : lines) {
+        UartHandle handle{.fd = -1, .flow_control = 0};
+        const SerialPortConfig config = config_of(line.path, 9600, 0);
+        const std::string log = capture_stdout([&] {
+            failure.tcsetattr = true;
+            EXPECT_EQ(location_uart_init(&handle, &config), -1);
+            failure.tcsetattr = false;
+        });
+        EXPECT_EQ(log, std::string("[LOCSERV] ERR: [UART]") + line.told + "\n");
+        EXPECT_EQ(handle.fd, -1);
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
 }
 
 TEST(LocationUart, LineThatCantBeMadeBlockingIsReportedAndUsedAllTheSame) {
@@ -296,21 +297,6 @@ TEST(LocationUart, LineThatCantBeMadeBlockingIsReportedAndUsedAllTheSame) {
     const termios options = options_of(handle.fd);
     EXPECT_EQ(cfgetospeed(&options), static_cast<speed_t>(B9600));
     location_uart_deinit(&handle);
-}
-
-TEST(LocationUart, LineThatRefusesItsSettingsFailsAndIsClosedAgain) {
-    const PseudoTerminal terminal;
-    const size_t descriptors = open_descriptors();
-    UartHandle handle{.fd = -1, .flow_control = 0};
-    const SerialPortConfig config = config_of(terminal.path, 9600, 0);
-    const std::string log = capture_stdout([&] {
-        failure.tcsetattr = true;
-        EXPECT_EQ(location_uart_init(&handle, &config), -1);
-        failure.tcsetattr = false;
-    });
-    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]location_uart_config, set uart error\n");
-    EXPECT_EQ(handle.fd, -1);
-    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(LocationUart, EscapedWriteWithoutMemoryFailsAndWritesNothing) {

@@ -112,14 +112,6 @@ TEST_F(HostMuxReceive, LongReadsAreTriedAgainOnAReopenedBus) {
     EXPECT_EQ(received, counted_bytes(4095));
 }
 
-TEST_F(HostMuxReceive, CapacityZeroMovesNothing) {
-    slave.give({'a'});
-    ASSERT_TRUE(receive(0));
-    EXPECT_TRUE(received.empty());
-    EXPECT_EQ(frames_of(0x81), 1U);
-    expect_usable();
-}
-
 TEST_F(HostMuxReceive, BytesThatTheDeviceLeavesOutAreZero) {
     slave.give({'a', 'b', 'c'});
     ASSERT_TRUE(receive());

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <linux/spi/spidev.h>
@@ -20,6 +21,9 @@
 #include <vector>
 
 namespace {
+
+// As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
+[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 struct SerialPort : testing::Test {
     void SetUp() override {
@@ -81,15 +85,13 @@ struct DeviceLog {
     int lsb_first = -1;
 };
 
-void attach_log(
-    DeviceLog* log, const std::function<void()>& meanwhile = [] {}) {
+void attach_log(DeviceLog* log) {
     LocalDevices devices;
     devices.open = [log](const std::string& path, int) {
         log->path = path;
         return 0;
     };
-    devices.ioctl = [log, meanwhile](const std::string&, unsigned long request, void* argument) {
-        meanwhile();
+    devices.ioctl = [log](const std::string&, unsigned long request, void* argument) {
         if (request == SPI_IOC_WR_MODE32) {
             log->mode = *static_cast<uint32_t*>(argument);
         }
@@ -180,9 +182,12 @@ TEST_F(SerialPort, NoMoreThan4095BytesAreAskedForOnABusWithoutALimitOfItsOwn) {
 
 TEST_F(SerialPort, ThreadCancelledInTheInitFinishesItFirst) {
     DeviceLog log;
-    attach_log(&log, [] { pthread_cancel(pthread_self()); });
+    attach_log(&log);
     std::atomic<int32_t> result{-1};
-    const std::function<void()> body = [&] { result = location_serial_port_gnss_init(); };
+    const std::function<void()> body = [&] {
+        pthread_cancel(pthread_self());
+        result = location_serial_port_gnss_init();
+    };
     pthread_t thread{};
     capture_stdout([&] {
         ASSERT_EQ(pthread_create(
