@@ -88,7 +88,9 @@ firmware_expect() {
 # After each check, whatever it has left: nothing of it reaches the next.
 if [ "${1:-}" = clean ]; then
     killall -9 tavor tavor-i2c tavor-board tavorctl kernel-probe
-    [ ! -e /sys/class/gpio/gpio17 ] || echo 17 >/sys/class/gpio/unexport
+    for line in $(cd /sys/class/gpio && ls -d gpio[0-9]*); do
+        echo "${line#gpio}" >/sys/class/gpio/unexport # it holds the module
+    done
     wait_for 10 rmmod tavor_board # not before the last of them has ended
     ipcrm -Q 1234 -Q 1235
     rm -rf /board /tmp/*

@@ -156,7 +156,7 @@ TEST(BoardGpio, NumbersAreReadAsTheKernelReadsThem) {
     TestBoard board;
     EXPECT_EQ(board.write(kGpio + "export", "0x11"), 0);
     EXPECT_EQ(board_access(board.board, kGpio + "gpio17"), 0);
-    EXPECT_EQ(board_access(board.board, kGpio + "gpio017"), -1);
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio0x11"), -1) << "a name has one shape";
     EXPECT_EQ(board.write(kGpio + "export", "99999999999999999999"), ERANGE);
 }
 
@@ -183,8 +183,9 @@ TEST(BoardGpio, SeekGoesBackToTheBegin) {
     EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
     EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_SET), 0);
     EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
-    EXPECT_EQ(board_node_seek(board.board, file, -4, SEEK_CUR), -1);
+    EXPECT_EQ(board_node_seek(board.board, file, -9, SEEK_CUR), -1);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_CUR), 3);
 }
 
 TEST(BoardGpio, NodeUnexportedWhileOpenIsGone) {
