@@ -1,6 +1,7 @@
 #include "support/debug_support.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -121,6 +122,13 @@ PseudoTerminal::~PseudoTerminal() {
 
 void PseudoTerminal::write(const std::string& bytes) const {
     write_all(master, bytes);
+}
+
+void PseudoTerminal::fill() const {
+    checked(fcntl(slave, F_SETFL, O_NONBLOCK), "fcntl");
+    while (::write(slave, "f", 1) == 1) {
+    }
+    EXPECT_EQ(errno, EAGAIN);
 }
 
 void PseudoTerminal::hang_up() {

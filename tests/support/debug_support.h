@@ -33,6 +33,7 @@ struct PseudoTerminal {
     PseudoTerminal& operator=(const PseudoTerminal&) = delete;
 
     void write(const std::string& bytes) const; // as the peer of the line
+    void fill() const;                          // until the line takes no more
     void hang_up();
 
     int master;

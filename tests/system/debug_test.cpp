@@ -8,12 +8,10 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int kMostClients = 10;
 constexpr size_t kMoreThanBuffersHold = 12'000'000; // a send buffer grows to 4 MB
 constexpr int kMostSentences = 600'000;             // three times what that takes
 
@@ -60,21 +58,14 @@ struct TcpOutlet {
 
 } // namespace
 
-TEST(DebugTcp, SeveralClientsSeeTheStreamBesideTheDaemonsClient) {
-    TcpOutlet outlet;
+TEST(DebugTcp, SeveralClientsSeeTheStreamAndWhatOneTypesReachesTheChip) {
+    const TcpOutlet outlet;
     const TcpClient first(outlet.port);
     const TcpClient second(outlet.port);
     EXPECT_TRUE(first.gets("GGA,"));
     EXPECT_TRUE(second.gets("GGA,"));
     EXPECT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION));
-}
-
-TEST(DebugTcp, WhatAClientTypesReachesTheChip) {
-    TcpOutlet outlet;
-    TcpClient engineer(outlet.port);
-    ASSERT_TRUE(engineer.gets("GGA,"));
-    const std::string command = "$PZUL353,1*3B\r\n";
-    engineer.send(command);
+    second.send("$PZUL353,1*3B\r\n");
     EXPECT_TRUE(
         wait_until([&] { return outlet.board.ctl({"commands"}).find("PZUL353,1") != std::string::npos; }));
 }
@@ -93,30 +84,6 @@ TEST(DebugTcp, ClientThatNeverReadsStopsNobody) {
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
-TEST(DebugTcp, ResetClientCostsNobodyAnything) {
-    TcpOutlet outlet;
-    TcpClient reset(outlet.port);
-    TcpClient stays(outlet.port);
-    ASSERT_TRUE(reset.gets("GGA,"));
-    reset.reset();
-    EXPECT_TRUE(stays.gets("GGA,"));
-    EXPECT_TRUE(stays.gets("RMC,"));
-    EXPECT_TRUE(outlet.daemon.process->running());
-}
-
-TEST(DebugTcp, EleventhClientIsClosedAtOnce) {
-    TcpOutlet outlet;
-    std::vector<std::unique_ptr<TcpClient>> clients;
-    for (int i = 0; i < kMostClients; ++i) {
-        clients.push_back(std::make_unique<TcpClient>(outlet.port));
-        ASSERT_TRUE(clients.back()->gets("$"));
-    }
-    TcpClient eleventh(outlet.port);
-    EXPECT_TRUE(eleventh.ends());
-    EXPECT_TRUE(outlet.daemon.wait_log("[LOCSERV] ERR: location_debug_add_client, 10 >= 10\n"));
-    EXPECT_TRUE(clients[0]->gets("GGA,"));
-}
-
 TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
     TcpOutlet outlet;
     TcpClient engineer(outlet.port);
@@ -130,94 +97,26 @@ TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
-TEST(DebugTcp, AThousandModeSwitchesLeakNeitherDescriptorsNorThreads) {
-    constexpr int kRounds = 250;
+TEST(DebugSerial, EscapedDataPassesBothWays) {
     const PseudoTerminal line;
-    TcpOutlet outlet;
-    outlet.board.configure("debug port path", line.path);
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0);
-    ASSERT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION)) << "the link is open: it counts below";
-    const size_t threads = outlet.daemon.threads();
-    const size_t descriptors = outlet.daemon.descriptors();
-    for (int i = 0; i < kRounds; ++i) {
-        for (const tavor_request_type mode : {TAVOR_REQUEST_DEBUG_TCP, TAVOR_REQUEST_DEBUG_FILE,
-                                              TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_REQUEST_DEBUG_OFF}) {
-            ASSERT_EQ(outlet.client.ask(mode, TAVOR_CODE_DEBUG), 0) << i << ", mode " << mode;
-        }
-    }
-    EXPECT_TRUE(wait_until([&] { return outlet.daemon.threads() <= threads; })) // joined, but not yet gone
-        << outlet.daemon.threads();
-    EXPECT_EQ(outlet.daemon.descriptors(), descriptors);
-}
-
-TEST(DebugTcp, ManyClosesWithClientsThatLeaveDoNotEndPositioning) {
-    constexpr size_t kRounds = 200;
-    const TcpOutlet outlet;
-    const rlimit few{.rlim_cur = 40, .rlim_max = 40};
-    ASSERT_EQ(prlimit(outlet.daemon.process->pid, RLIMIT_NOFILE, &few, nullptr), 0);
-    for (size_t i = 1; i <= kRounds; ++i) {
-        const TcpClient leaves(outlet.port);
-        ASSERT_TRUE(wait_until([&] { return count_of(outlet.daemon.log(), "new client connected") == i; }))
-            << i;
-        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0) << i;
-        ASSERT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_TCP, TAVOR_CODE_DEBUG), 0) << i;
-    }
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(outlet.client.receive_code(TAVOR_CODE_POSITION));
-}
-
-class DebugSerial : public testing::TestWithParam<int> {};
-
-TEST_P(DebugSerial, BinaryDataPassesBothWays) {
-    PseudoTerminal line;
     const SimulatedBoard board({"--source", "none"});
     board.configure("debug port path", line.path);
-    board.configure("debug port flow control", std::to_string(GetParam()));
+    board.configure("debug port flow control", "1");
     const DaemonOnBoard daemon(board);
     const TestClient client(board.socket_path());
     ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
     ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-
     board.ctl({"send", "--hex", "41111342774300ff"});
-    const bool escaped = GetParam() == 1;
-    const std::string seen = escaped ? std::string("A\x77\xEE\x77\xEC"
-                                                   "B\x77\x88"
-                                                   "C\0\xFF",
-                                                   11)
-                                     : std::string("A\x11\x13"
-                                                   "BwC\0\xFF",
-                                                   8);
+    const std::string seen("A\x77\xEE\x77\xEC\x42\x77\x88\x43\0\xFF", 11);
     EXPECT_EQ(read_bytes(line.master, seen.size()), seen);
-
-    const std::string typed = escaped ? "$PZUL353,\x77\x88*7D\r\n" : "$PZUL353,w*7D\r\n";
-    line.write(typed);
+    line.write("$PZUL353,\x77\x88*7D\r\n");
     EXPECT_TRUE(wait_until([&] { return board.ctl({"commands"}).find("PZUL353,w") != std::string::npos; }));
     EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(FlowControl, DebugSerial, testing::Values(0, 1, 2));
-
-TEST(DebugSerial, LineThatHangsUpLeavesStopAnswered) {
-    const SimulatedBoard board({"--rate", "10"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    {
-        const PseudoTerminal line;
-        board.configure("debug port path", line.path);
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
-    }
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
-    }
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-}
-
-// A pseudo terminal has no speed: its peer reads slowly instead, 1000 bytes a second. The queue is cut to 16
-// blocks, so that it is full within moments instead of minutes; it does not run empty in the time of the
-// test.
-TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsToldOnce) {
+// A pseudo terminal has no speed: it is full from the start, and its peer reads slowly, 1000 bytes a second.
+// The queue is cut to four blocks, so that it is full within moments instead of minutes.
+TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsTold) {
     constexpr int kRounds = 80; // of a tenth of a second each
     constexpr double kMostSecondsBehind = 1;
     constexpr double kSecondsPerDay = 86400;
@@ -227,7 +126,8 @@ TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsToldOnce) {
     const TestClient client(board.socket_path());
     board.configure("debug port path", line.path);
     ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
-    limit_queue(debug_queue(daemon), 16);
+    limit_queue(debug_queue(daemon), 4);
+    line.fill();
     ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
 
     std::optional<double> first; // host's clock less the chip's at the first position
@@ -246,11 +146,11 @@ TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsToldOnce) {
         first = first.value_or(ahead);
         ASSERT_LT(std::remainder(ahead - *first, kSecondsPerDay), kMostSecondsBehind) << "round " << round;
     }
-    EXPECT_EQ(count_of(daemon.log(), "location_debug_handle, send Fail!"), 1U);
-    EXPECT_EQ(count_of(daemon.log(), " blocks dropped"), 0U);
     EXPECT_EQ(client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0);
-    EXPECT_EQ(count_of(daemon.log(), "[LOCSERV] INF: [debug]location_debug_handle, "), 1U);
-    EXPECT_EQ(count_of(daemon.log(), " blocks dropped"), 1U);
+    const size_t begins = count_of(daemon.log(), "location_debug_handle, send Fail!");
+    EXPECT_GE(begins, 1U);
+    EXPECT_LE(begins, 8U) << "told each time the queue is full, not with each block";
+    EXPECT_EQ(count_of(daemon.log(), " blocks dropped"), begins);
 }
 
 TEST(DebugFile, LogFileHoldsWhatTheChipSentByteForByte) {
@@ -259,29 +159,9 @@ TEST(DebugFile, LogFileHoldsWhatTheChipSentByteForByte) {
     const TestClient client(board.socket_path());
     ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0);
     ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-
-    std::string sent;
-    for (int i = 0; i < 20; ++i) {
-        std::string block(static_cast<size_t>(i) * 37 + 1, static_cast<char>(i * 11));
-        block += "\r\n";
-        std::string text;
-        for (const char byte : block) {
-            constexpr char kDigits[] = "0123456789abcdef";
-            text += kDigits[static_cast<uint8_t>(byte) >> 4];
-            text += kDigits[static_cast<uint8_t>(byte) & 15];
-        }
-        board.ctl({"send", "--hex", text});
-        sent += block;
-    }
-    board.ctl({"send", "GNTXT,01,01,02,end"});
-    ASSERT_TRUE(wait_until([&] {
-        const auto sentence = client.receive_code(TAVOR_CODE_NMEA);
-        return sentence && payload_text(*sentence).rfind("$GNTXT", 0) == 0;
-    }));
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-    const std::string log = board.directory.read("etc/default/tavor/log.dat");
-    EXPECT_EQ(log.substr(0, sent.size()), sent);
-    EXPECT_EQ(log.substr(sent.size()).rfind("$GNTXT,01,01,02,end*", 0), 0U);
+    const std::string sent("\x00\x11\xFF\r\n$no sentence", 17);
+    board.ctl({"send", "--hex", "0011ff0d0a246e6f2073656e74656e6365"});
+    EXPECT_TRUE(wait_until([&] { return board.directory.read("etc/default/tavor/log.dat") == sent; }));
 }
 
 TEST(DebugTcp, GpsdGetsAFixFromTheOutlet) {

@@ -41,13 +41,6 @@ TEST(LocationDebugClients, RemovingTakesTheFirstEqualOneAndKeepsTheOrder) {
     EXPECT_EQ(fds_of(list), (std::vector<int32_t>{4, 6, 5}));
 }
 
-TEST(LocationDebugClients, RemovingFromAFullListMakesRoomForOne) {
-    DebugClientList list = list_of({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
-    EXPECT_EQ(location_debug_del_client(&list, 10), 0);
-    EXPECT_EQ(location_debug_add_client(&list, 11), 0);
-    EXPECT_EQ(fds_of(list), (std::vector<int32_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 11}));
-}
-
 TEST(LocationDebugClients, OnlyListedOnesAreFound) {
     const DebugClientList list = list_of({4, 5});
     EXPECT_EQ(location_debug_find_client(&list, 4), 0);

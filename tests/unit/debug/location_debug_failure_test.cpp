@@ -129,26 +129,6 @@ TEST_F(DebugFailureTest, NoQueueFailsTheStart) {
     EXPECT_EQ(read_bytes(line.master, 6), "$GPGGA");
 }
 
-TEST_F(DebugFailureTest, QueueFoundAtStartIsEmptiedBeforeATaskReadsIt) {
-    const int queue = msgget(1235, IPC_CREAT | IPC_EXCL | 0666);
-    const struct {
-        long type;
-        char body[16];
-    } left_over{.type = 1, .body = {}};
-    ASSERT_EQ(msgsnd(queue, &left_over, sizeof left_over.body, 0), 0);
-    interpose_fail("pthread_create", 1, EAGAIN);
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), -1);
-    EXPECT_EQ(messages_in_queue(), 0U);
-}
-
-TEST_F(DebugFailureTest, FailedAcceptIsReportedAndTriedAgain) {
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
-    interpose_fail("accept", 1, ECONNABORTED);
-    connect_listed(1);
-    EXPECT_EQ(log_count("location_socket_server_accept_new_tcp_connect, accept fail, serverfd="), 1U);
-    EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_rx_task, accept fail"), 1U);
-}
-
 TEST_F(DebugFailureTest, ServerThatDoesNotListenMakesNoBusyLoop) {
     interpose_fail("listen", 1, EADDRINUSE);
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);

@@ -136,15 +136,6 @@ TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive
     }
 }
 
-TEST_F(DebugQueueTest, WhatIsInTheQueueAtCloseIsFreed) {
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
-    while (messages_in_queue() < 20) {
-        handle_text(std::string(4095, 'x'));
-    }
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
-    EXPECT_EQ(debug_queue(), -1);
-}
-
 TEST_F(DebugQueueTest, QueueRemovedFromOutsideFailsTheSendAndMakesNoBusyLoop) {
     const auto client = start_with_client();
     ASSERT_EQ(msgctl(debug_queue(), IPC_RMID, nullptr), 0);

@@ -77,15 +77,6 @@ TEST_F(DebugSerialTest, StreamAndInputPassByteForByteInEachFlowControl) {
     }
 }
 
-TEST_F(DebugSerialTest, EscapeByteAndItsPartnerMayComeApart) {
-    open_line(1);
-    line.write("A\x77");
-    ASSERT_TRUE(wait_until([] { return chip_received() == "A"; }));
-    line.write("\x88\x42");
-    EXPECT_TRUE(wait_until([] { return chip_received().size() == 3; }));
-    EXPECT_EQ(chip_received(), "A\x77\x42");
-}
-
 TEST_F(DebugSerialTest, ReopenedLineStartsWithoutAPendingEscape) {
     open_line(1);
     line.write("A\x77");
@@ -190,14 +181,6 @@ TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {
     const auto start = Clock::now();
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-}
-
-TEST_F(DebugSerialTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
-    open_line();
-    chip_silent(true);
-    line.write("x");
-    ASSERT_TRUE(wait_until([] { return chip_writes().size() == 1; }));
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
 }
 
 TEST_F(DebugSerialTest, OutletIsSwitchedWhileTheStreamRuns) {

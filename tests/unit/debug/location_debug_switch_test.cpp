@@ -56,17 +56,6 @@ TEST_F(DebugSwitchTest, ClosingTwiceDoesNoHarm) {
     }
 }
 
-TEST_F(DebugSwitchTest, SecondStartWithTcpFindsEverythingThere) {
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
-    ASSERT_TRUE(wait_until([&] { return log_lines().size() == 3; }));
-    EXPECT_EQ(location_debug_start(), 0);
-    const std::vector<std::string> lines = log_lines();
-    EXPECT_EQ(std::vector<std::string>(lines.begin() + 3, lines.end()),
-              (std::vector<std::string>{"[LOCSERV] INF: [debug]location_debug_start, msgid exist",
-                                        "[LOCSERV] INF: [debug]location_debug_start, tx tid exist",
-                                        "[LOCSERV] INF: [debug]location_debug_start, rx tid exist"}));
-}
-
 TEST_F(DebugSwitchTest, TakenPortFailsAndALaterStartWorks) {
     const size_t descriptors = open_descriptors();
     const int blocker = hold_port(port);

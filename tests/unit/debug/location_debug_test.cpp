@@ -23,17 +23,13 @@ std::string content_of(const std::string& path) {
 
 } // namespace
 
-TEST_F(DebugTest, OffDropsTheStreamSilently) {
-    EXPECT_EQ(location_debug_start(), 0);
-    handle_text("$GPGGA");
-    location_debug_close();
-    EXPECT_EQ(log_lines(), std::vector<std::string>{});
-    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
-}
-
-TEST_F(DebugTest, UnknownModeDropsTheStreamSilently) {
-    EXPECT_EQ(location_debug_set_mode(4), 0);
-    handle_text("$GPGGA");
+TEST_F(DebugTest, OffAndUnknownModesDropTheStreamSilently) {
+    for (const uint32_t mode : {DEBUG_MODE_OFF + 0U, 4U}) {
+        EXPECT_EQ(location_debug_set_mode(mode), 0);
+        EXPECT_EQ(location_debug_start(), 0);
+        handle_text("$GPGGA");
+        location_debug_close();
+    }
     EXPECT_EQ(log_lines(), std::vector<std::string>{});
     EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
 }

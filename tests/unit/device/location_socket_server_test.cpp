@@ -135,6 +135,7 @@ TEST_F(SocketServerTest, AcceptingFromWhatIsNoServerIsReported) {
 
 TEST_F(SocketServerTest, AcceptingDoesNotWaitForAClient) {
     ASSERT_GE(create(), 0);
+    ASSERT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0); // else the accept below would wait for ever
     log = capture_stdout([&] { EXPECT_EQ(location_socket_server_accept_new_tcp_connect(fd), -1); });
     EXPECT_EQ(log, "[LOCSERV] ERR: location_socket_server_accept_new_tcp_connect, accept fail, serverfd=" +
                        std::to_string(fd) + " reason=[Resource temporarily unavailable]11\n");
