@@ -1,7 +1,6 @@
 #include "assist/xod_file.h"
 
 #include "assist/xod_hours.h"
-#include "base/stop_request.h"
 #include "interpose/fail.h"
 #include "interpose/paths.h"
 #include "support/capture.h"
@@ -9,7 +8,6 @@
 #include "support/fifo.h"
 #include "support/private_dir.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +16,6 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -238,23 +235,5 @@ TEST_F(XodFile, MutexThatCanNotBeMadeIsLogged) {
     EXPECT_EQ(capture_stdout([] { xod_mutex_init(); }),
               "[LOCSERV] ERR: [XOD]xod_mutex_init, mutex init fail\n");
     xod_download_lock();
-    xod_download_unlock();
-}
-
-TEST_F(XodFile, FreeLockIsTakenEvenWhileAStopIsPending) {
-    stop_request_announce();
-    EXPECT_TRUE(xod_download_lock_unless_stopped());
-    stop_request_withdraw();
-    xod_download_unlock();
-}
-
-TEST_F(XodFile, WaitForTheLockGivesWayToAStop) {
-    xod_download_lock();
-    std::atomic<bool> taken = true;
-    std::thread waiting([&] { taken = xod_download_lock_unless_stopped(); });
-    stop_request_announce();
-    waiting.join();
-    stop_request_withdraw();
-    EXPECT_FALSE(taken);
     xod_download_unlock();
 }
