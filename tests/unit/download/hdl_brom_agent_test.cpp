@@ -132,14 +132,6 @@ TEST_F(SendAgent, SerialLineTurnsWordsButNoData) {
     EXPECT_EQ(sent_as_text(), (Lines{"D7", "04200000", "00000005", "00000000", "6162636465"}));
 }
 
-TEST_F(SendAgent, OtherVariantsLoadLower) {
-    g_download_settings.chip_variant = 2;
-    use_file("abcde");
-    answer_well();
-    EXPECT_TRUE(send());
-    EXPECT_EQ(sent_as_text()[kAddressSend], "00000004");
-}
-
 TEST_F(SendAgent, FileGoesInChunks) {
     struct Sizes {
         size_t file;
@@ -165,19 +157,13 @@ TEST_F(SendAgent, FileGoesInChunks) {
                      "[I] SEND 453 bytes OK,total 2501"}));
 }
 
-TEST_F(SendAgent, MissingOrEmptyFileIsNotAnnounced) {
-    EXPECT_FALSE(send());
-    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
-    use_file("");
-    EXPECT_FALSE(send());
-    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
+TEST_F(SendAgent, WhatIsNoFileWithBytesIsNotAnnounced) {
+    for (const string& no_agent : {path(), dir.write("empty", ""), dir.path.string()}) {
+        snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", no_agent.c_str());
+        EXPECT_FALSE(send());
+        EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
+    }
     EXPECT_TRUE(brom_link.sent.empty());
-}
-
-TEST_F(SendAgent, DirectoryIsNotAnnounced) {
-    snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", dir.path.c_str());
-    EXPECT_FALSE(send());
-    EXPECT_EQ(log, (Lines{"[E] DA len is zero!"}));
 }
 
 TEST_F(SendAgent, FileThatCantBeOpenedIsLogged) {
@@ -225,13 +211,6 @@ TEST_F(SendAgent, ChunkThatCantBeReadIsSentAnyway) {
     EXPECT_EQ(as_text(brom_link.sent[kFirstChunkSend]), string(5, '\0'));
     EXPECT_EQ(log[5], "[E] Reading error ( 0 )");
     EXPECT_EQ(log[6], "[I] SEND 5 bytes OK,total 5");
-}
-
-TEST_F(SendAgent, ChecksumIsAwaited) {
-    use_file("abcde");
-    answer({word16(0)}, {});
-    EXPECT_FALSE(send());
-    EXPECT_EQ(last(), "[E] hdl_brom_send_da read btrom_crc error");
 }
 
 TEST_F(SendAgent, ChecksumIsCompared) {

@@ -307,42 +307,6 @@ TEST_F(Brom, RegisterIsWrittenInTheOrderOfASerialLine) {
     EXPECT_EQ(sent_as_text(), (Lines{"D2", "A2080000", "00000001", "0010"}));
 }
 
-TEST_F(Brom, EachStepOfARegisterWriteCanFail) {
-    const Lines texts = {"echoU8(0xD2)", "echoU32(0xA2080000)", "echoU32(0x1)", "echoU16(0x10)"};
-    for (uint32_t step = 0; step < texts.size(); ++step) {
-        brom_link = {};
-        answer_register_statuses(0, 0);
-        brom_link.failing_send = step;
-        EXPECT_FALSE(set_register());
-        EXPECT_EQ(last(), "[E] hdl_brom_set_register " + texts[step] + " error");
-        EXPECT_EQ(brom_link.sent.size(), step + 1);
-    }
-}
-
-TEST_F(Brom, RegisterStatusesAreAwaitedAndChecked) {
-    brom_link.answers[2] = {word32(1)};
-    EXPECT_FALSE(set_register());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_register readU16 error");
-    EXPECT_EQ(brom_link.sent.size(), 3U);
-
-    brom_link = {};
-    answer_register_statuses(0x1000, 0);
-    EXPECT_FALSE(set_register());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_register get status error 4096");
-    EXPECT_EQ(brom_link.sent.size(), 3U);
-
-    brom_link = {};
-    answer_register_statuses(0, 0);
-    brom_link.answers[3] = {word16(0x10)};
-    EXPECT_FALSE(set_register());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_register readU16 error");
-
-    brom_link = {};
-    answer_register_statuses(0, kError);
-    EXPECT_FALSE(set_register());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_register get status error 7425");
-}
-
 TEST_F(Brom, RegistersDependOnTheVariant) {
     const auto set_registers = [this](uint32_t variant) {
         brom_link = {};
@@ -373,27 +337,6 @@ TEST_F(Brom, BaudrateIsSetOnBothSides) {
     EXPECT_EQ(sent_as_text(), (Lines{"DC", "00100E00"}));
     EXPECT_EQ(brom_link.speeds, (std::vector<uint32_t>{921600}));
     EXPECT_EQ(fake_clock.slept, (Times{20, 10, 100}));
-}
-
-TEST_F(Brom, EachStepOfTheBaudrateCanFail) {
-    brom_link.failing_send = 0;
-    EXPECT_FALSE(set_baudrate());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate echoU8(0xDC) error");
-
-    brom_link = {};
-    brom_link.failing_send = 1;
-    EXPECT_FALSE(set_baudrate());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate echoU32(0xe1000) error");
-
-    brom_link = {};
-    EXPECT_FALSE(set_baudrate());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate readU16 error 0");
-
-    brom_link = {};
-    brom_link.answers[1] = {word32(921600), word16(0x1000)};
-    EXPECT_FALSE(set_baudrate());
-    EXPECT_EQ(last(), "[E] hdl_brom_set_baudrate get status error 4096");
-    EXPECT_TRUE(brom_link.speeds.empty());
 }
 
 TEST_F(Brom, BaudrateNeedsTheHostsSide) {
@@ -450,24 +393,53 @@ TEST_F(Brom, JumpOnAFastSerialLineGoesBackToItsFirstSpeed) {
     EXPECT_EQ(last(), "[I] echoU32 Send 0x4200000");
 }
 
-TEST_F(Brom, EachStepOfTheJumpCanFail) {
-    brom_link.failing_send = 0;
-    EXPECT_FALSE(jump());
-    EXPECT_EQ(last(), "[E] hdl_brom_jump_da echoU8(0xD5) error");
-
-    brom_link = {};
-    brom_link.failing_send = 1;
-    EXPECT_FALSE(jump());
-    EXPECT_EQ(last(), "[E] hdl_brom_jump_da echoU32(0x4200000) error");
-
-    brom_link = {};
-    EXPECT_FALSE(jump());
-    EXPECT_EQ(last(), "[E] hdl_brom_jump_da readU16 error");
-
-    brom_link = {};
-    brom_link.answers[1] = {word32(0x4200000), word16(kError)};
-    EXPECT_FALSE(jump());
-    EXPECT_EQ(last(), "[E] hdl_brom_jump_da get status error 7425");
+TEST_F(Brom, EachStepOfAnOperationCanFail) {
+    using Operation = bool (Brom::*)();
+    const struct {
+        Operation run;
+        uint32_t failing_send;                        // or kNever
+        std::map<size_t, std::vector<Bytes>> answers; // others than the echoes
+        const char* line;
+        size_t sent;
+    } rows[] = {
+        {&Brom::set_register, 0, {}, "set_register echoU8(0xD2) error", 1},
+        {&Brom::set_register, 1, {}, "set_register echoU32(0xA2080000) error", 2},
+        {&Brom::set_register, 2, {}, "set_register echoU32(0x1) error", 3},
+        {&Brom::set_register, kNever, {}, "set_register readU16 error", 3},
+        {&Brom::set_register,
+         kNever,
+         {{2, {word32(1), word16(0x1000)}}},
+         "set_register get status error 4096",
+         3},
+        {&Brom::set_register, 3, {{2, {word32(1), word16(0)}}}, "set_register echoU16(0x10) error", 4},
+        {&Brom::set_register, kNever, {{2, {word32(1), word16(0)}}}, "set_register readU16 error", 4},
+        {&Brom::set_register,
+         kNever,
+         {{2, {word32(1), word16(0)}}, {3, {word16(0x10), word16(kError)}}},
+         "set_register get status error 7425",
+         4},
+        {&Brom::set_baudrate, 0, {}, "set_baudrate echoU8(0xDC) error", 1},
+        {&Brom::set_baudrate, 1, {}, "set_baudrate echoU32(0xe1000) error", 2},
+        {&Brom::set_baudrate, kNever, {}, "set_baudrate readU16 error 0", 2},
+        {&Brom::set_baudrate,
+         kNever,
+         {{1, {word32(921600), word16(0x1000)}}},
+         "set_baudrate get status error 4096",
+         2},
+        {&Brom::jump, 0, {}, "jump_da echoU8(0xD5) error", 1},
+        {&Brom::jump, 1, {}, "jump_da echoU32(0x4200000) error", 2},
+        {&Brom::jump, kNever, {}, "jump_da readU16 error", 2},
+        {&Brom::jump, kNever, {{1, {word32(0x4200000), word16(kError)}}}, "jump_da get status error 7425", 2},
+    };
+    for (const auto& row : rows) {
+        brom_link = {};
+        brom_link.failing_send = row.failing_send;
+        brom_link.answers = row.answers;
+        EXPECT_FALSE((this->*row.run)()) << row.line;
+        EXPECT_EQ(last(), string("[E] hdl_brom_") + row.line);
+        EXPECT_EQ(brom_link.sent.size(), row.sent) << row.line;
+        EXPECT_TRUE(brom_link.speeds.empty());
+    }
 }
 
 TEST(BromChecksum, IsTheXorOfLittleEndianWords) {

@@ -8,13 +8,6 @@ using DataWaiter = Agent;
 
 } // namespace
 
-TEST_F(Waiter, ASuccessHandsOverThePayload) {
-    arrive(kDone + Bytes{0x05});
-    EXPECT_EQ(wait(), 0U);
-    EXPECT_EQ(out, 0x12345678U);
-    EXPECT_EQ(pool(), Bytes{0x05});
-}
-
 TEST_F(Waiter, SilenceIsCodeOneAndLeavesThePool) {
     arrive(Bytes{0x05, '[', 7});
     EXPECT_EQ(wait(), 1U);
@@ -27,11 +20,6 @@ TEST_F(Waiter, AnotherIdentifierIsCodeTwoAndTaken) {
     EXPECT_EQ(wait(), 2U);
     EXPECT_EQ(out, kUntouched);
     EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Waiter, AnotherIdentifierCountsBeforeItsStatus) {
-    arrive(agent_frame(0x2100, 9, le32(1)));
-    EXPECT_EQ(wait(), 2U);
 }
 
 TEST_F(Waiter, AnotherStatusIsCodeThreeAndTaken) {
@@ -98,13 +86,6 @@ TEST_F(Waiter, EveryAddressSizeAndChecksumIsFourBytes) {
     }
 }
 
-TEST_F(Waiter, TheFlashIdentifierIsThreeBytes) {
-    arrive(agent_frame(0x2110, 0, {0xC2, 0x25, 0x36}));
-    uint8_t id[4] = {9, 9, 9, 9};
-    EXPECT_EQ(hdl_da_wait_response(0x2110, id, 10), 0U);
-    EXPECT_EQ(Bytes(id, id + 4), (Bytes{0xC2, 0x25, 0x36, 9}));
-}
-
 TEST_F(Waiter, TheDfuStartResultBeginsWithTheStatus) {
     arrive(agent_frame(0x211B, 0, {0x12, 0x34}));
     uint16_t result = 0xFFFF;
@@ -132,12 +113,6 @@ TEST_F(Waiter, OtherResponsesCarryNothing) {
     EXPECT_EQ(out, kUntouched);
     arrive(agent_frame(0x2106, 0));
     EXPECT_EQ(hdl_da_wait_response(0x2106, nullptr, 7), 0U);
-}
-
-TEST_F(Waiter, APayloadWithoutAnAreaIsDropped) {
-    arrive(kDone);
-    EXPECT_EQ(hdl_da_wait_response(kFormat, nullptr, 11), 0U);
-    EXPECT_EQ(pool(), Bytes{});
 }
 
 TEST_F(Waiter, TheFlashIdWaiterAsksForTenBytes) {
@@ -222,14 +197,4 @@ TEST_F(DataWaiter, FramesTooShortForTheirFieldsAreRefused) {
     }
     arrive(raw_frame('[', 1, le16(0x2101)));
     EXPECT_EQ(Data().wait(), 2U);
-}
-
-TEST_F(DataWaiter, HasTheSameCodes) {
-    Data got;
-    EXPECT_EQ(got.wait(), 1U);
-    arrive(agent_frame(0x210D, 0, Bytes(16)));
-    EXPECT_EQ(got.wait(), 2U);
-    arrive(data_frame(Bytes(8), 1));
-    EXPECT_EQ(got.wait(), 3U);
-    EXPECT_TRUE(got.untouched());
 }

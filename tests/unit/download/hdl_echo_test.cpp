@@ -52,21 +52,6 @@ TEST_F(Echo, ReadU16GivesUpOneMillisecondPastOneSecond) {
     EXPECT_EQ(fake_clock_slept(), 1000);
 }
 
-TEST_F(Echo, ReadU16StillTakesTheLastPollsAnswer) {
-    brom_link.arriving = std::deque<Bytes>(51);
-    brom_link.arriving.push_back({1, 0});
-    uint16_t value = 0;
-    EXPECT_TRUE(readU16(&value));
-    EXPECT_EQ(value, 1);
-}
-
-TEST_F(Echo, ReadU16EndsWithAClockThatIsSetBack) {
-    brom_link.at_receive = [] { fake_clock.now_ms -= brom_link.asked.size() == 11 ? kHourMs : 0; };
-    uint16_t value = 0;
-    EXPECT_FALSE(readU16(&value));
-    EXPECT_EQ(fake_clock_slept(), 200 + 1020); // the limit begins anew
-}
-
 TEST_F(Echo, ReadU32TriesTwice) {
     brom_link.arriving = {{}, {1, 2, 3, 4}};
     uint32_t value = 0;

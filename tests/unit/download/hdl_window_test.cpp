@@ -151,61 +151,72 @@ INSTANTIATE_TEST_SUITE_P(Window, Flow, testing::Values(&kErase, &kWrite), name_o
 
 } // namespace
 
-TEST_P(Flow, EachResponseSendsTheNextBlock) {
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r1 s2 r2"));
-    expect_acked("111");
-    EXPECT_EQ(hdl_fakes_log_with("[E]"), Texts{});
-}
-
-TEST_P(Flow, OneBlockIsOneCommand) {
-    EXPECT_TRUE(run(1));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0"));
-    EXPECT_EQ(g_fakes.sent.size(), 1U);
+TEST_P(Flow, ResponsesMoveTheWindow) {
+    const auto r = [this](uint32_t index) { return response(index); };
+    const auto f = [this](uint32_t index) { return failure(index); };
+    const struct {
+        const char* what;
+        std::vector<std::vector<Bytes>> answers; // to the first commands; the others are answered well
+        const char* log;
+        const char* acked; // all of them: success
+    } rows[] = {
+        {"each response sends the next block", {}, "s0 r0 s1 r1 s2 r2", "111"},
+        {"one block is one command", {}, "s0 r0", "1"},
+        {"a lost response lets the next block go and is repeated in the end",
+         {kLost},
+         "s0 s1 r1 s2 r2 R1 s0 r0",
+         "111"},
+        {"the last response lost is repeated", {{r(0)}, {r(1)}, kLost}, "s0 r0 s1 r1 s2 R1 s2 r2", "111"},
+        // The third wait meets block 1; block 2's response is met only after it was sent again.
+        {"a late response keeps two blocks in flight",
+         {kLost, {r(0), r(1)}},
+         "s0 s1 r0 s2 r1 R1 s2 r2",
+         "111"},
+        {"a duplicate uses up a wait and sends nothing", {{r(0), r(0)}}, "s0 r0 s1 r0 r1 s2 R1 s2 r2", "111"},
+        {"a foreign frame sends the next block", {kForeign}, "s0 s1 r1 s2 r2 R1 s0 r0", "111"},
+        {"a failure of the agent sends the next block", {{f(0)}}, "s0 s1 r1 s2 r2 R1 s0 r0", "111"},
+        {"unknown addresses send nothing and all is repeated",
+         {{r(7), r(7), r(7)}},
+         "s0 r7 r7 r7 R3 s0 r0 s1 r1 s2 r2",
+         "111"},
+        {"a block that was not sent is not acknowledged", {{r(1), r(0)}}, "s0 r1 r0 s1 R1 s1 r1", "11"},
+        {"the second pass sends nothing after a lost response",
+         {{r(0)}, kLost, kLost, kLost},
+         "s0 r0 s1 s2 R2 s1 X",
+         "100"},
+        {"nor after foreign frames and failures",
+         {{f(0)}, {f(1)}, {kForeign[0], f(0)}},
+         "s0 s1 R2 s0 X",
+         "00"},
+        {"it takes no duplicates",
+         {{r(0)}, {f(1)}, {f(2)}, {r(0), r(1)}},
+         "s0 r0 s1 s2 R2 s1 r0 r1 s2 X",
+         "110"},
+        {"nor a late response before its block went out again",
+         {{f(0)}, {f(1)}, {r(1), r(0)}},
+         "s0 s1 R2 s0 r1 r0 s1 X",
+         "10"},
+        {"nor unknown addresses", {{f(0)}, {r(5)}}, "s0 R1 s0 r5 X", "0"},
+        {"it ends with its last acknowledgement",
+         {{f(0)}, {f(1)}, {f(2)}},
+         "s0 s1 s2 R3 s0 r0 s1 r1 s2 r2",
+         "111"},
+        {"there is no third pass", {{f(0)}, {f(0)}}, "s0 R1 s0 X", "0"},
+    };
+    for (const auto& row : rows) {
+        SetUp();
+        commands = 0;
+        answer_with(row.answers);
+        const std::string acked = row.acked;
+        EXPECT_EQ(run(static_cast<uint32_t>(acked.size())), acked.find('0') == std::string::npos) << row.what;
+        EXPECT_EQ(g_fakes.log, lines(row.log)) << row.what;
+        expect_acked(acked);
+    }
 }
 
 TEST_P(Flow, ElevenBytesAreAskedFor) {
     EXPECT_TRUE(run(1));
     EXPECT_EQ(g_fakes.calls.back(), "receive 11");
-}
-
-TEST_P(Flow, ALostResponseLetsTheNextBlockGoAndIsRepeatedInTheEnd) {
-    answer_with({kLost});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
-    expect_acked("111");
-}
-
-TEST_P(Flow, TheLastResponseLostIsRepeated) {
-    answer_with({{response(0)}, {response(1)}, kLost});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r1 s2 R1 s2 r2"));
-}
-
-TEST_P(Flow, ALateResponseKeepsTwoBlocksInFlight) {
-    answer_with({kLost, {response(0), response(1)}});
-    EXPECT_TRUE(run(3));
-    // The third wait meets block 1; block 2's response is met only after it was sent again.
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 r0 s2 r1 R1 s2 r2"));
-    expect_acked("111");
-}
-
-TEST_P(Flow, ADuplicateUsesUpAWaitAndSendsNothing) {
-    answer_with({{response(0), response(0)}});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r0 r1 s2 R1 s2 r2"));
-}
-
-TEST_P(Flow, AForeignFrameSendsTheNextBlock) {
-    answer_with({kForeign});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
-}
-
-TEST_P(Flow, AFailureOfTheAgentSendsTheNextBlock) {
-    answer_with({{failure(0)}});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 r1 s2 r2 R1 s0 r0"));
 }
 
 TEST_P(Flow, AllAcknowledgedIsSeenWithoutAResponseToo) {
@@ -221,19 +232,6 @@ TEST_P(Flow, AResponseThatAcknowledgesNothingTestsNothing) {
     EXPECT_EQ(g_fakes.log, lines("r0 X"));
 }
 
-TEST_P(Flow, UnknownAddressesSendNothingAndAllIsRepeated) {
-    const std::vector<Bytes> unknown(3, response(7));
-    answer_with({unknown});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r7 r7 r7 R3 s0 r0 s1 r1 s2 r2"));
-}
-
-TEST_P(Flow, AResponseForABlockThatWasNotSentIsNotTaken) {
-    answer_with({{response(1), response(0)}});
-    EXPECT_TRUE(run(2));
-    EXPECT_EQ(g_fakes.log, lines("s0 r1 r0 s1 R1 s1 r1"));
-}
-
 TEST_P(Flow, TheFirstOfTwoEqualAddressesIsAcknowledged) {
     blocks = {{kFirst, 0x1000, 0, 0}, {kFirst, 0x1000, 0, 0}};
     EXPECT_TRUE(run_blocks());
@@ -245,51 +243,6 @@ TEST_P(Flow, ABlockThatIsSentAlreadyIsWaitedFor) {
     g_fakes.arrives = {response(0)};
     EXPECT_TRUE(run_blocks());
     EXPECT_EQ(g_fakes.log, lines("r0 s1 r1"));
-}
-
-TEST_P(Flow, TheSecondPassDoesNotSendAfterALostResponse) {
-    answer_with({{response(0)}, kLost, kLost, kLost});
-    EXPECT_FALSE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s2 R2 s1 X"));
-    expect_acked("100");
-}
-
-TEST_P(Flow, TheSecondPassDoesNotSendAfterForeignFramesAndFailures) {
-    answer_with({{failure(0)}, {failure(1)}, {agent_frame(0x2106, 0), failure(0)}});
-    EXPECT_FALSE(run(2));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 R2 s0 X"));
-}
-
-TEST_P(Flow, TheSecondPassDoesNotTakeDuplicates) {
-    answer_with({{response(0)}, {failure(1)}, {failure(2)}, {response(0), response(1)}});
-    EXPECT_FALSE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s2 R2 s1 r0 r1 s2 X"));
-    expect_acked("110");
-}
-
-TEST_P(Flow, TheSecondPassDoesNotTakeALateResponseBeforeItsBlockWentOutAgain) {
-    answer_with({{failure(0)}, {failure(1)}, {response(1), response(0)}});
-    EXPECT_FALSE(run(2));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 R2 s0 r1 r0 s1 X"));
-}
-
-TEST_P(Flow, TheSecondPassDoesNotTakeUnknownAddresses) {
-    answer_with({{failure(0)}, {response(5)}});
-    EXPECT_FALSE(run(1));
-    EXPECT_EQ(g_fakes.log, lines("s0 R1 s0 r5 X"));
-}
-
-TEST_P(Flow, TheSecondPassEndsWithItsLastAcknowledgement) {
-    answer_with({{failure(0)}, {failure(1)}, {failure(2)}});
-    EXPECT_TRUE(run(3));
-    EXPECT_EQ(g_fakes.log, lines("s0 s1 s2 R3 s0 r0 s1 r1 s2 r2"));
-    expect_acked("111");
-}
-
-TEST_P(Flow, ThereIsNoThirdPass) {
-    answer_with({{failure(0)}, {failure(0)}});
-    EXPECT_FALSE(run(1));
-    EXPECT_EQ(g_fakes.log, lines("s0 R1 s0 X"));
 }
 
 TEST_P(Flow, TheFirstSendIsTriedThreeTimes) {

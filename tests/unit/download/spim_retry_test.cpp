@@ -144,14 +144,6 @@ TEST_F(SpimRetry, FailedDataFrameEndsTheOperation) {
     EXPECT_EQ(buffer, (Bytes{0, 0}));
 }
 
-TEST_F(SpimRetry, FrameThatMovesNothingHasFailed) {
-    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x04; };
-    spim_slave.failed_result = 0;
-    write();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
-}
-
 TEST_F(SpimRetry, ConfigurationIsRepeatedUntilItIsTaken) {
     spim_slave.statuses = std::deque<int>(5 * 20, 0x01);
     write();
@@ -219,19 +211,6 @@ TEST_F(SpimRetry, DataPhaseIsAwaited100Times) {
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureRead2, kRead2, kRead2}));
 
     EXPECT_EQ(fake_clock_slept(), 80 + 100 * 1 + 1);
-}
-
-TEST_F(SpimRetry, ErrorInTheDataPhaseStartsTheCommandAgain) {
-    spim_slave.statuses = {0x04, 0x10, 0x01};
-    write();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureWrite2, kWrite2, "08 10", "0C", "0E", kConfigureWrite2, kWrite2}));
-
-    spim_slave.frames.clear();
-    spim_slave.statuses = {0x04, 0x10, 0x01};
-    read();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureRead2, kRead2, "08 10", "0C", "0E", kConfigureRead2, kRead2}));
 }
 
 TEST_F(SpimRetry, MissesStartAnewWithTheCommand) {

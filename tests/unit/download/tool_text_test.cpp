@@ -34,6 +34,11 @@ Escaped escape(const Bytes& input) {
     return result;
 }
 
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
 Bytes filled_up(Bytes bytes) {
     bytes.resize(kToolEscapeSize, 0);
     return bytes;
@@ -105,59 +110,45 @@ TEST(ToolEscape, DoesNothingWithoutInputOrOutput) {
     EXPECT_EQ(byte, 0x11);
 }
 
-TEST(ToolEscape, StopsWhenTheOutputIsFull) {
-    const Escaped result = escape(Bytes(9001, 0x42));
-    EXPECT_EQ(result.length, 9001U); // more than was written: the sign that not all fitted
-    EXPECT_EQ(result.output, Bytes(9000, 0x42));
-}
+TEST(ToolEscape, EndsWithTheOutputAndSplitsNoPair) {
+    EXPECT_EQ(escape(Bytes(9001, 0x42)).length, 9001U) << "more than was written: not all fitted";
+    EXPECT_EQ(escape(Bytes(9001, 0x42)).output, Bytes(9000, 0x42));
 
-TEST(ToolEscape, LastPairEndsExactlyAtTheEnd) {
     Bytes input(8998, 0x42);
     input.push_back(0x13);
-    Bytes expected(8998, 0x42);
-    expected.insert(expected.end(), {0x77, 0xEC});
-    const Escaped result = escape(input);
-    EXPECT_EQ(result.length, 9000U);
-    EXPECT_EQ(result.output, expected);
+    EXPECT_EQ(escape(input).output, Bytes(8998, 0x42) + Bytes({0x77, 0xEC}));
+    EXPECT_EQ(escape(input).length, 9000U);
+
+    input.insert(input.begin(), 0x42);
+    input.push_back(0x42);
+    EXPECT_EQ(escape(input).output, Bytes(8999, 0x42) + Bytes{kOld}) << "kept as it was";
+    EXPECT_EQ(escape(input).length, 9001U);
 }
 
-TEST(ToolEscape, NoPairIsSplitAtTheEnd) {
-    Bytes input(8999, 0x42);
-    input.insert(input.end(), {0x13, 0x42});
-    const Escaped result = escape(input);
-    EXPECT_EQ(result.length, 9001U);
-    Bytes expected(8999, 0x42);
-    expected.push_back(kOld); // kept as it was
-    EXPECT_EQ(result.output, expected);
-}
-
-TEST_F(Unescape, RestoresEachPair) {
-    EXPECT_EQ(run({0x77, 0x88, 0x77, 0xEE, 0x77, 0xEC}), 3U);
-    EXPECT_EQ(bytes, (Bytes{0x77, 0x11, 0x13, 0, 0, 0}));
-    EXPECT_EQ(log, "");
-}
-
-TEST_F(Unescape, PlainBytesMoveUpAndTheRestIsZeroed) {
-    EXPECT_EQ(run({0x77, 0xEE, 0x41}), 2U);
-    EXPECT_EQ(bytes, (Bytes{0x11, 0x41, 0}));
-}
-
-TEST_F(Unescape, PartnersAloneArePlain) {
-    EXPECT_EQ(run({0x88, 0xEE, 0xEC}), 3U);
-    EXPECT_EQ(bytes, (Bytes{0x88, 0xEE, 0xEC}));
-}
-
-TEST_F(Unescape, EscapeAtTheEndPairsWithTheNextCall) {
-    EXPECT_EQ(run({0x41, 0x77}), 2U);
-    EXPECT_EQ(run({0xEC, 0x42, 0x43}), 2U);
-    EXPECT_EQ(bytes, (Bytes{0x13, 0x42, 0})); // kept: the pair lowers this call's length
-    EXPECT_EQ(run({0xEC}), 1U);
-    EXPECT_EQ(bytes, (Bytes{0xEC}));
-}
-
-TEST_F(Unescape, RepeatedEscapeIsStillOne) {
-    EXPECT_EQ(run({0x77, 0x77, 0x88, 0x88}), 3U);
-    EXPECT_EQ(bytes, (Bytes{0x77, 0x88, 0x88, 0}));
+TEST_F(Unescape, UndoesPairsAndZeroesTheRest) {
+    const struct {
+        Bytes input; // one call behind the other
+        uint32_t length;
+        Bytes output;
+    } rows[] = {
+        {{0x77, 0x88, 0x77, 0xEE, 0x77, 0xEC}, 3, {0x77, 0x11, 0x13, 0, 0, 0}},
+        {{0x77, 0xEE, 0x41}, 2, {0x11, 0x41, 0}},
+        {{0x88, 0xEE, 0xEC}, 3, {0x88, 0xEE, 0xEC}}, // partners alone are plain
+        {{0x77, 0x77, 0x88, 0x88}, 3, {0x77, 0x88, 0x88, 0}},
+        {{0x41, 0x77}, 2, {0x41, 0x77}},          // pairs with the next call
+        {{0xEC, 0x42, 0x43}, 2, {0x13, 0x42, 0}}, // kept: the pair lowers this call's length
+        {{0xEC}, 1, {0xEC}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(run(row.input), row.length);
+        EXPECT_EQ(bytes, row.output);
+        EXPECT_EQ(log, "");
+    }
+    uint8_t byte = 0x77;
+    EXPECT_EQ(tool_unescape_flow_control(nullptr, 1), 0U);
+    EXPECT_EQ(tool_unescape_flow_control(&byte, 0), 0U);
+    EXPECT_EQ(run({0x88}), 1U);
+    EXPECT_EQ(bytes, (Bytes{0x88})) << "no byte, no escape";
 }
 
 TEST_F(Unescape, UnknownPairIsLoggedAndSkipsOnePosition) {
@@ -166,14 +157,6 @@ TEST_F(Unescape, UnknownPairIsLoggedAndSkipsOnePosition) {
     EXPECT_EQ(without_stamps(log), (std::vector<string>{"[E] unrecognized char 0x41"}));
     EXPECT_EQ(run({0xEC}), 1U); // the flag is gone
     EXPECT_EQ(bytes, (Bytes{0xEC}));
-}
-
-TEST_F(Unescape, DoesNothingWithoutBytes) {
-    uint8_t byte = 0x77;
-    EXPECT_EQ(tool_unescape_flow_control(nullptr, 1), 0U);
-    EXPECT_EQ(tool_unescape_flow_control(&byte, 0), 0U);
-    EXPECT_EQ(run({0x88}), 1U);
-    EXPECT_EQ(bytes, (Bytes{0x88}));
 }
 
 TEST(ToolConcat, JoinsTwoTexts) {
