@@ -59,4 +59,12 @@ for page in docs/*.[1-8]; do
     fi
     mandoc -Tlint "$page"
 done
+if command -v systemd-analyze >/dev/null; then
+    echo "check: exposure of the service"
+    # 2.5 at most, of 10.
+    systemd-analyze security --offline=true --threshold=25 packaging/tavor.service >build/exposure 2>&1 || {
+        cat build/exposure >&2
+        exit 1
+    }
+fi
 echo "check: clean"
