@@ -256,8 +256,8 @@ bool compare_checksum(uint16_t own) {
     return true;
 }
 
-// Returns the last status word read, 1 after a success. Kept: a status that is an error or the first one's
-// value, when not 0, counts as success.
+// Returns the last status word that was read, or 1 after a success. Kept: the caller takes any value but 0
+// for success, so a status that is an error counts as success too.
 uint16_t upload_agent(FILE* file, uint32_t size) {
     uint16_t status = 0;
     if (!announce_agent(size, &status) || !compare_checksum(send_agent_file(file, size)) ||
@@ -298,7 +298,8 @@ bool hdl_brom_read_uid(uint8_t* uid) {
     memcpy(uid, response + 1, kBromUidSize);
     const uint8_t* end = response + 1 + kBromUidSize;
     const auto status = static_cast<uint16_t>(end[0] << 8U | end[1]);
-    if (status <= kFirstErrorStatus) { // kept: the wrong way round, and for information only
+    if (status <=
+        kFirstErrorStatus) { // Kept: a good status is logged as an error, and none fails the exchange
         tool_log_error("BRom_1Bytes_req_19Bytes_rsp, result = fail, error_code = 0x%X, error_message = "
                        "response error code\n",
                        status);

@@ -21,8 +21,8 @@ bool hdl_brom_set_registers();
 // Changes the line speed on both sides.
 bool hdl_brom_set_baudrate(uint32_t baud);
 
-// Uploads the download agent of g_download_settings. Returns whether the last status word read is not 0,
-// a good final status counting as 1.
+// Uploads the download agent that the settings name. Returns success. Kept: an error status of the boot ROM
+// before or behind the upload counts as success, and the next step fails.
 bool hdl_brom_send_da();
 
 // Starts the uploaded download agent.

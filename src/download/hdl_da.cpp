@@ -41,7 +41,7 @@ void copy_u32(const uint8_t* frame, void* out) {
 }
 
 void copy_dfu_result(const uint8_t* frame, void* out) {
-    const uint16_t value = load_le16(frame + kKiteStatusAt); // kept: the status is its low byte
+    const uint16_t value = load_le16(frame + kKiteStatusAt); // Kept: the status is its low byte
     memcpy(out, &value, sizeof value);
 }
 

@@ -96,7 +96,7 @@ bool echoU8(uint8_t value, uint8_t expect) {
     if (!receive_echo(&received)) {
         return false;
     }
-    tool_log_info("echoU8 receiveChar 0x%X\n", expect); // kept: not what was received
+    tool_log_info("echoU8 receiveChar 0x%X\n", expect); // Kept: not what was received
     return is_echo(received, expect);
 }
 

@@ -17,14 +17,14 @@ namespace {
 
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 constexpr uint64_t kMostBlocks = kAddressEnd / kFlashBlockSize; // all that have an address
-constexpr uint64_t kSmallestImage = 2;                          // kept: one byte is refused as well as none
+constexpr uint64_t kSmallestImage = 2;                          // Kept: one byte is refused as well as none
 
 using BlockTable = std::unique_ptr<FlashBlock[], FreeBlock>;
 
 struct Walk {
     uint64_t address;
     uint64_t end;
-    bool large_allowed; // kept: an erase shorter than a large block is made of small ones only
+    bool large_allowed; // Kept: an erase shorter than a large block is made of small ones only
 };
 
 Walk walk_start(uint32_t start, uint32_t length) {

@@ -22,7 +22,7 @@ constexpr uint32_t kWithDfu = kPlain + 1;
 constexpr uint32_t kWithFlashId = kPlain + kFlashIdSize;
 constexpr uint32_t kWithU32 = kPlain + 4;
 constexpr uint32_t kWithData = kKiteDataAt;
-constexpr uint32_t kAsItComes = 0; // kept: an SPI link is asked for no byte of these
+constexpr uint32_t kAsItComes = 0; // Kept: an SPI link is asked for no byte of these
 
 constexpr KiteKind kKinds[] = {
     {KITE_WRITE_BLOCK, KitePayload::u32, kWithU32, kWithU32},

@@ -29,8 +29,8 @@ enum class KitePayload : uint8_t {
     none,
     u32,      // an address, a size or a checksum
     flash_id, // kFlashIdSize bytes
-    dfu,      // kept: one byte, which with the status before it makes a 16-bit word
-    cleared,  // kept: nothing, but the caller's first byte is cleared
+    dfu,      // Kept: one byte, which with the status before it makes a 16-bit word
+    cleared,  // Kept: nothing, but the caller's first byte is cleared
     data,     // an address, a CRC-32, the data
 };
 

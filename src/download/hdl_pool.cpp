@@ -44,7 +44,7 @@ enum class Arrival { kNothing, kPooled, kOverflow };
 Arrival receive_to_pool(ToolRxBuffer* pool, uint32_t expected) {
     const uint32_t wanted = g_download_settings.link_type == HDL_LINK_SPI ? expected : kKiteFrameSize;
     const uint32_t n = hdl_transport_receive(state.received, wanted);
-    // kept: a pool that is filled to its last byte counts as overflown
+    // Kept: a pool that is filled to its last byte counts as overflown
     if (pool->count + n >= kToolRxBufferSize || !tool_rx_buffer_append(pool, state.received, n)) {
         return Arrival::kOverflow;
     }

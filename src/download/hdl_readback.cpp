@@ -19,12 +19,12 @@ namespace {
 
 constexpr int kAttempts = 3;
 constexpr int64_t kAttemptMs = 1000;
-constexpr uint32_t kOtpStep = 4096; // kept: twice what one request can carry
+constexpr uint32_t kOtpStep = 4096; // Kept: twice what one request can carry
 constexpr mode_t kFileMode = 0666;
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
 struct Response {
-    uint32_t address; // kept: not checked
+    uint32_t address; // Kept: not checked
     uint32_t crc;
     uint8_t data[kReadbackSize];
 };
@@ -98,7 +98,7 @@ bool append_otp(const char* path, const Response& response, uint32_t length) {
     if (file == nullptr) {
         return false;
     }
-    // kept: only a whole request counts as written
+    // Kept: only a whole request counts as written
     const bool whole = fwrite(response.data, 1, length, file) == kReadbackSize;
     const bool closed = fclose(file) == 0;
     if (!closed && whole) {
@@ -161,7 +161,8 @@ bool hdl_read_otp_kite(const char* path, uint32_t address, uint32_t length) {
     if (!request_data(request, command, &response) || !append_otp(path, response, length)) {
         return false;
     }
-    tool_log_info("hdl_readback_kite res done: addr=0x%X\n", address); // kept: shared with the readback
+    tool_log_info("hdl_readback_kite res done: addr=0x%X\n",
+                  address); // Kept: the same text as the readback's
     return true;
 }
 
@@ -185,7 +186,7 @@ bool hdl_read_otp_to_file(const char* path, uint32_t start, uint32_t length) {
     }
     for (uint64_t at = start; at < range_end(start, length); at += kOtpStep) {
         const auto address = static_cast<uint32_t>(at);
-        if (!hdl_read_otp_kite(path, address, length)) { // kept: the whole length at every step
+        if (!hdl_read_otp_kite(path, address, length)) { // Kept: the whole length at every step
             tool_log_error("hdl_read_otp_kite addr=0x%08X fail!\n", address);
             return false;
         }

@@ -70,7 +70,7 @@ uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* out
         ++pairs;
     }
     const uint32_t result = n + pairs;
-    // Kept: where not all fitted, the place in which no pair could begin stays as it is.
+    // Kept: a last position that has no room for a pair keeps its earlier content.
     std::fill(output + std::min(result, kToolEscapeSize), output + kToolEscapeSize, uint8_t{0});
     return result;
 }
@@ -98,7 +98,7 @@ uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
         } else {
             tool_log_error("unrecognized char 0x%X\n", byte);
         }
-        ++written; // kept: behind an unknown pair this position keeps its earlier content
+        ++written; // Kept: behind an unknown pair this position keeps its earlier content
     }
     std::fill(buffer + length, buffer + n, uint8_t{0});
     return length;

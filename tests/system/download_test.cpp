@@ -289,6 +289,23 @@ TEST_F(Download, StopEndsADownloadWhoseAgentHangs) {
     expect_good_download();
 }
 
+TEST_F(Download, StopEndsADownloadWhoseChipIsDead) {
+    size_t begun = 0; // place in the log
+    for (const char* fault : {"silence", "zero", "never-ready"}) {
+        board.fault(fault, "on");
+        ASSERT_TRUE(client.send(TAVOR_REQUEST_DOWNLOAD)) << fault;
+        const auto told = [&](const char* text) {
+            return daemon.log().find(text, begun) != std::string::npos;
+        };
+        ASSERT_TRUE(wait_until([&] { return told("Please reboot chip again:"); })) << fault;
+        EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << fault;
+        EXPECT_TRUE(told("download given up: ")) << fault << daemon.log();
+        begun = daemon.log().size();
+        board.fault("all", "off");
+    }
+    expect_good_download();
+}
+
 TEST_F(Download, ImageThatVanishesBehindItsBlocksFailsItByName) {
     board.run_at("4"); // so that it does not come to its end before
     ASSERT_TRUE(client.send(TAVOR_REQUEST_DOWNLOAD));
