@@ -144,7 +144,7 @@ TEST_F(DebugSerialTest, WhatTheLineCantTakeIsDroppedInWholeBlocksAndToldOnce) {
 
     std::string seen;
     ASSERT_TRUE(wait_until([&] { // room again, but blocks still wait
-        seen += read_bytes(line.master, 100);
+        seen += read_bytes(line.master, 1000);
         return messages_in_queue() < 4;
     }));
     handle_text("[too early]");
@@ -177,7 +177,8 @@ TEST_F(DebugSerialTest, LossThatLastsIsToldWhenTheOutletCloses) {
 
 TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {
     open_line();
-    fill_until_dropped(std::string(1024, 'x'));
+    limit_queue(debug_queue(), 1);
+    fill_until_dropped(kMoreThanTheLineHolds);
     const auto start = Clock::now();
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
