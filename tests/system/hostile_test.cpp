@@ -131,29 +131,6 @@ TEST_P(QueueLength, ResultForAClientThatPausesArrives) {
     EXPECT_EQ(client.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
 }
 
-TEST_P(QueueLength, ResultsForAClientThatPausesArriveWithoutAnythingElse) {
-    constexpr int kRequests = 25; // a queue of ten datagrams, and fewer than are kept
-    const SimulatedBoard board({"--source", "none"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-
-    for (int i = 0; i < kRequests; ++i) {
-        ASSERT_TRUE(client.send(TAVOR_REQUEST_SAVE_LOCATION));
-    }
-    ASSERT_TRUE(wait_until([&] {
-        const std::string log = daemon.log();
-        const std::string line = "location_service_message_handle:3\n";
-        int handled = 0;
-        for (size_t at = 0; (at = log.find(line, at)) != std::string::npos; at += line.size()) {
-            ++handled;
-        }
-        return handled == kRequests;
-    }));
-    for (int i = 0; i < kRequests; ++i) {
-        ASSERT_TRUE(client.receive_code(TAVOR_CODE_SAVE_LOCATION)) << i;
-    }
-}
-
 INSTANTIATE_TEST_SUITE_P(Lengths, QueueLength, testing::Values(10, 512), testing::PrintToStringParamName());
 
 TEST(Hostile, VanishedClientCostsItsDatagramsOnly) {

@@ -126,64 +126,72 @@ void read_all(AllSettings* all) {
     location_config_get_keep_good_files(&all->keep);
 }
 
-void expect_defaults(const AllSettings& all, const std::string& host, int32_t keep = 0) {
-    EXPECT_STREQ(all.uart_path, "/dev/ttyS1");
-    EXPECT_STREQ(all.uart.path, "/dev/ttyS1");
-    EXPECT_EQ(all.uart.baud_rate, 921600);
-    EXPECT_EQ(all.uart.flow_control, 0);
-    EXPECT_STREQ(all.debug_port.path, " ");
-    EXPECT_EQ(all.debug_port.baud_rate, 921600);
-    EXPECT_EQ(all.debug_port.flow_control, 0);
-    EXPECT_STREQ(all.debug_socket.ip, "192.168.1.1");
-    EXPECT_EQ(all.debug_socket.port, 7005);
-    EXPECT_STREQ(all.spi.path, "/dev/spidev1.0");
-    EXPECT_EQ(all.spi.frequency, 24000000);
-    EXPECT_EQ(all.spi.bit_order, 0);
-    EXPECT_EQ(all.spi.cpha, 0);
-    EXPECT_EQ(all.spi.cpol, 0);
-    EXPECT_EQ(all.power, 999999);
-    EXPECT_EQ(all.reset, 999999);
-    EXPECT_EQ(all.notify, 999999);
-    EXPECT_STREQ(all.nmea, "/etc/default/tavor/location.dat");
-    EXPECT_STREQ(all.log, "/etc/default/tavor/log.dat");
-    EXPECT_STREQ(all.da, "/etc/default/tavor/da/qx7710_da.bin");
-    EXPECT_STREQ(all.image, "/etc/default/tavor/load/flash_download.cfg");
-    EXPECT_STREQ(all.xod, "/etc/default/tavor/xod");
-    EXPECT_EQ(all.server.host, host);
-    EXPECT_STREQ(all.server.vendor, " ");
-    EXPECT_STREQ(all.server.project, " ");
-    EXPECT_STREQ(all.server.device_id, " ");
-    EXPECT_EQ(all.keep, keep);
+std::string show(const char* value) {
+    return value;
+}
+std::string show(int32_t value) {
+    return std::to_string(value);
 }
 
-// The keys in the order in which read_all comes to them.
-const Lines kKeys = {"UART port path=",
-                     "UART port path=",
-                     "UART baudrate=",
-                     "UART flow control=",
-                     "debug port path=",
-                     "debug port baudrate=",
-                     "debug port flow control=",
-                     "debug socket ip=",
-                     "debug socket port=",
-                     "SPI port path=",
-                     "SPI frequency=",
-                     "SPI bit order=",
-                     "SPI CPHA=",
-                     "SPI CPOL=",
-                     "Power control gpio=",
-                     "Reset GNSS gpio=",
-                     "Notify GNSS gpio=",
-                     "NMEA file path=",
-                     "LOG path=",
-                     "DA path=",
-                     "image path=",
-                     "XOD file path=",
-                     "XOD host=",
-                     "XOD vendor=",
-                     "XOD project=",
-                     "XOD device id=",
-                     "keep good files="};
+using All = AllSettings;
+struct Setting {
+    std::string key;
+    std::string line; // in the log, behind its start and before the value
+    std::string value;
+    std::string (*read)(const All& all);
+};
+
+// With their defaults, in the order in which read_all comes to them.
+const std::vector<Setting> kSettings = {
+    {"UART port path=", "UART path:", "/dev/ttyS1", [](const All& all) { return show(all.uart_path); }},
+    {"UART port path=", "UART path:", "/dev/ttyS1", [](const All& all) { return show(all.uart.path); }},
+    {"UART baudrate=", "UART baudrate:", "921600", [](const All& all) { return show(all.uart.baud_rate); }},
+    {"UART flow control=", "UART flow control:", "0",
+     [](const All& all) { return show(all.uart.flow_control); }},
+    {"debug port path=", "debug port path:", " ", [](const All& all) { return show(all.debug_port.path); }},
+    {"debug port baudrate=", "debug port baudrate:", "921600",
+     [](const All& all) { return show(all.debug_port.baud_rate); }},
+    {"debug port flow control=", "debug port flow control:", "0",
+     [](const All& all) { return show(all.debug_port.flow_control); }},
+    {"debug socket ip=", "debug socket ip:", "192.168.1.1",
+     [](const All& all) { return show(all.debug_socket.ip); }},
+    {"debug socket port=", "debug port baudrate:", "7005",
+     [](const All& all) { return show(all.debug_socket.port); }},
+    {"SPI port path=", "spi port path:", "/dev/spidev1.0", [](const All& all) { return show(all.spi.path); }},
+    {"SPI frequency=", "spi frequencey:", "24000000", [](const All& all) { return show(all.spi.frequency); }},
+    {"SPI bit order=", "spi bit order:", "0", [](const All& all) { return show(all.spi.bit_order); }},
+    {"SPI CPHA=", "spi cpha:", "0", [](const All& all) { return show(all.spi.cpha); }},
+    {"SPI CPOL=", "spi cpol:", "0", [](const All& all) { return show(all.spi.cpol); }},
+    {"Power control gpio=", "Power control gpio:", "999999", [](const All& all) { return show(all.power); }},
+    {"Reset GNSS gpio=", "Reset GNSS gpio:", "999999", [](const All& all) { return show(all.reset); }},
+    {"Notify GNSS gpio=", "Notify GNSS gpio:", "999999", [](const All& all) { return show(all.notify); }},
+    {"NMEA file path=", "nmea path:", "/etc/default/tavor/location.dat",
+     [](const All& all) { return show(all.nmea); }},
+    {"LOG path=", "log path:", "/etc/default/tavor/log.dat", [](const All& all) { return show(all.log); }},
+    {"DA path=", "DA path:", "/etc/default/tavor/da/qx7710_da.bin",
+     [](const All& all) { return show(all.da); }},
+    {"image path=", "image path:", "/etc/default/tavor/load/flash_download.cfg",
+     [](const All& all) { return show(all.image); }},
+    {"XOD file path=", "XOD file path:", "/etc/default/tavor/xod",
+     [](const All& all) { return show(all.xod); }},
+    {"XOD host=", "XOD host:", TAVOR_XOD_HOST, [](const All& all) { return show(all.server.host); }},
+    {"XOD vendor=", "XOD vendor:", " ", [](const All& all) { return show(all.server.vendor); }},
+    {"XOD project=", "XOD project:", " ", [](const All& all) { return show(all.server.project); }},
+    {"XOD device id=", "XOD device id:", " ", [](const All& all) { return show(all.server.device_id); }},
+    {"keep good files=", "keep good files:", "0", [](const All& all) { return show(all.keep); }},
+};
+
+// Reads everything and expects these values, in the records and in the log.
+void expect_values(const std::vector<Setting>& expected) {
+    AllSettings all = {};
+    Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
+    std::erase(lines, kOpenFail);
+    ASSERT_EQ(lines.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(expected[i].read(all), expected[i].value) << expected[i].key;
+        EXPECT_EQ(lines[i], "[LOCSERV] INF: [CFG]" + expected[i].line + expected[i].value);
+    }
+}
 
 long open_files() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -196,130 +204,41 @@ std::string sample() {
 
 } // namespace
 
-TEST_F(LocationConfig, EveryGetterFallsBackToItsDefaultWithoutAFile) {
-    AllSettings all = {};
-    const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
-    expect_defaults(all, TAVOR_XOD_HOST);
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), kOpenFail), static_cast<long>(kKeys.size()));
-    EXPECT_EQ(lines.size(), 2 * kKeys.size());
-}
-
-TEST_F(LocationConfig, EveryGetterFallsBackToItsDefaultWithoutItsKey) {
+TEST_F(LocationConfig, EveryGetterFallsBackToItsDefaultWithoutAFileOrItsKey) {
+    expect_values(kSettings);
     config("nothing to see\n");
-    AllSettings all = {};
-    const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
-    expect_defaults(all, TAVOR_XOD_HOST);
-    EXPECT_EQ(lines.size(), kKeys.size());
-}
-
-TEST_F(LocationConfig, PrintsOneLineAKeyAfterAllKeysOfTheRecordAreRead) {
-    Lines expected_open_fails(3, kOpenFail);
-    SerialPortConfig uart = {};
-    Lines lines = lines_of(capture_stdout([&] { location_config_get_uart(&uart); }));
-    expected_open_fails.insert(expected_open_fails.end(), {"[LOCSERV] INF: [CFG]UART path:/dev/ttyS1",
-                                                           "[LOCSERV] INF: [CFG]UART baudrate:921600",
-                                                           "[LOCSERV] INF: [CFG]UART flow control:0"});
-    EXPECT_EQ(lines, expected_open_fails);
+    expect_values(kSettings);
 }
 
 TEST_F(LocationConfig, ReadsEveryKeyAndPrintsItsLine) {
     // Each key's value is its place in the list, so that no two settings can be taken for each other.
+    std::vector<Setting> settings = kSettings;
     std::string content;
-    for (size_t i = 1; i < kKeys.size(); ++i) {
-        content += kKeys[i] + std::to_string(100 + i) + "\n";
+    for (size_t i = 1; i < settings.size(); ++i) {
+        settings[i].value = std::to_string(100 + i);
+        content += settings[i].key + settings[i].value + "\n";
     }
+    settings[0].value = settings[1].value; // the same key
     config(content);
-    AllSettings all = {};
-    const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
-    EXPECT_EQ(lines, (Lines{
-                         "[LOCSERV] INF: [CFG]UART path:101",
-                         "[LOCSERV] INF: [CFG]UART path:101",
-                         "[LOCSERV] INF: [CFG]UART baudrate:102",
-                         "[LOCSERV] INF: [CFG]UART flow control:103",
-                         "[LOCSERV] INF: [CFG]debug port path:104",
-                         "[LOCSERV] INF: [CFG]debug port baudrate:105",
-                         "[LOCSERV] INF: [CFG]debug port flow control:106",
-                         "[LOCSERV] INF: [CFG]debug socket ip:107",
-                         "[LOCSERV] INF: [CFG]debug port baudrate:108",
-                         "[LOCSERV] INF: [CFG]spi port path:109",
-                         "[LOCSERV] INF: [CFG]spi frequencey:110",
-                         "[LOCSERV] INF: [CFG]spi bit order:111",
-                         "[LOCSERV] INF: [CFG]spi cpha:112",
-                         "[LOCSERV] INF: [CFG]spi cpol:113",
-                         "[LOCSERV] INF: [CFG]Power control gpio:114",
-                         "[LOCSERV] INF: [CFG]Reset GNSS gpio:115",
-                         "[LOCSERV] INF: [CFG]Notify GNSS gpio:116",
-                         "[LOCSERV] INF: [CFG]nmea path:117",
-                         "[LOCSERV] INF: [CFG]log path:118",
-                         "[LOCSERV] INF: [CFG]DA path:119",
-                         "[LOCSERV] INF: [CFG]image path:120",
-                         "[LOCSERV] INF: [CFG]XOD file path:121",
-                         "[LOCSERV] INF: [CFG]XOD host:122",
-                         "[LOCSERV] INF: [CFG]XOD vendor:123",
-                         "[LOCSERV] INF: [CFG]XOD project:124",
-                         "[LOCSERV] INF: [CFG]XOD device id:125",
-                         "[LOCSERV] INF: [CFG]keep good files:126",
-                     }));
-    EXPECT_STREQ(all.uart_path, "101");
-    EXPECT_STREQ(all.uart.path, "101");
-    EXPECT_EQ(all.uart.baud_rate, 102);
-    EXPECT_EQ(all.uart.flow_control, 103);
-    EXPECT_STREQ(all.debug_port.path, "104");
-    EXPECT_EQ(all.debug_port.baud_rate, 105);
-    EXPECT_EQ(all.debug_port.flow_control, 106);
-    EXPECT_STREQ(all.debug_socket.ip, "107");
-    EXPECT_EQ(all.debug_socket.port, 108);
-    EXPECT_STREQ(all.spi.path, "109");
-    EXPECT_EQ(all.spi.frequency, 110);
-    EXPECT_EQ(all.spi.bit_order, 111);
-    EXPECT_EQ(all.spi.cpha, 112);
-    EXPECT_EQ(all.spi.cpol, 113);
-    EXPECT_EQ(all.power, 114);
-    EXPECT_EQ(all.reset, 115);
-    EXPECT_EQ(all.notify, 116);
-    EXPECT_STREQ(all.nmea, "117");
-    EXPECT_STREQ(all.log, "118");
-    EXPECT_STREQ(all.da, "119");
-    EXPECT_STREQ(all.image, "120");
-    EXPECT_STREQ(all.xod, "121");
-    EXPECT_STREQ(all.server.host, "122");
-    EXPECT_STREQ(all.server.vendor, "123");
-    EXPECT_STREQ(all.server.project, "124");
-    EXPECT_STREQ(all.server.device_id, "125");
-    EXPECT_EQ(all.keep, 126);
+    expect_values(settings);
 }
 
 TEST_F(LocationConfig, RecordsLogTheirOpenFailuresBeforeAnyValue) {
-    const std::vector<std::pair<size_t, void (*)()>> records = {
-        {3,
-         [] {
-             SerialPortConfig record;
-             location_config_get_debug_port(&record);
-         }},
-        {2,
-         [] {
-             DebugSocketConfig record;
-             location_config_get_debug_socket(&record);
-         }},
-        {5,
-         [] {
-             SpiPortConfig record;
-             location_config_get_spi(&record);
-         }},
-        {4,
-         [] {
-             XodServerConfig record;
-             location_config_get_xod_server(&record);
-         }},
-    };
-    for (const auto& [keys, getter] : records) {
-        const Lines lines = lines_of(capture_stdout(getter));
-        ASSERT_EQ(lines.size(), 2 * keys);
-        for (size_t i = 0; i < keys; ++i) {
-            EXPECT_EQ(lines[i], kOpenFail);
-            EXPECT_NE(lines[keys + i], kOpenFail);
-        }
+    AllSettings all = {};
+    const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
+    std::string kinds;
+    for (const std::string& line : lines) {
+        kinds += line == kOpenFail ? 'o' : 'v';
     }
+    EXPECT_EQ(kinds, "ov"
+                     "ooovvv"
+                     "ooovvv"
+                     "oovv"
+                     "ooooovvvvv"
+                     "ovovov"
+                     "ovovovovov"
+                     "oooovvvv"
+                     "ov");
 }
 
 TEST_F(LocationConfig, CommentedOutLineAboveTheLiveOneWins) {
@@ -598,22 +517,25 @@ TEST_F(LocationConfig, ThreadCancelledBeforehandEndsAtTheLogLineWithTheFileClose
 
 TEST_F(LocationConfig, SampleHoldsEveryDefaultButKeepsGoodFiles) {
     config(sample());
-    AllSettings all = {};
-    const Lines lines = lines_of(capture_stdout([&] { read_all(&all); }));
-    expect_defaults(all, "assist.tavor.example", 1);
-    EXPECT_EQ(lines.size(), kKeys.size());
+    std::vector<Setting> settings = kSettings;
+    for (Setting& setting : settings) {
+        setting.value = setting.key == "XOD host="          ? "assist.tavor.example"
+                        : setting.key == "keep good files=" ? "1"
+                                                            : setting.value;
+    }
+    expect_values(settings);
 }
 
 TEST_F(LocationConfig, SampleHoldsEachKeyOnceAndAtTheStartOfItsLine) {
     const Lines lines = lines_of(sample());
-    for (const std::string& key : kKeys) {
+    for (const Setting& setting : kSettings) {
         size_t found = 0;
         for (const std::string& line : lines) {
-            const size_t at = line.find(key);
+            const size_t at = line.find(setting.key);
             found += at == std::string::npos ? 0 : 1;
             EXPECT_TRUE(at == std::string::npos || at == 0) << line;
             EXPECT_LT(line.size(), 255U) << line;
         }
-        EXPECT_EQ(found, 1U) << key;
+        EXPECT_EQ(found, 1U) << setting.key;
     }
 }

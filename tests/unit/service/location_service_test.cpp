@@ -1,11 +1,14 @@
+#include "base/descriptor_guard.h"
 #include "base/stop_request.h"
 #include "interpose/fail.h"
 #include "interpose/paths.h"
 #include "service/location_service.h"
+#include "service/tavor_reply.h"
 #include "service_fakes.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
 #include "support/wait.h"
+#include "tavor/protocol.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +18,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/msg.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -43,7 +47,7 @@ const std::string kBanner("TAVOR Version:V1.3\n\0", 20);
 
 struct ServiceTest : testing::Test {
     void SetUp() override {
-        alarm(60); // the service's thread waits for ever
+        alarm(100); // the service's thread waits for ever
         interpose_set_root(dir.path.string());
         fakes_reset();
         fakes_location_path(dir.write("location.dat", "utc=1\n"));
@@ -392,4 +396,30 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
         ASSERT_TRUE(fakes_wait_for(4 + 3 + 4 + 6 + 2));
     });
     EXPECT_FALSE(stop_request_pending());
+}
+
+TEST_F(ServiceTest, KeptResultArrivesWithoutAnythingElseToDo) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
+    const DescriptorGuard daemon(ends[0]);
+    const DescriptorGuard client(ends[1]);
+    tavor_reply_open(daemon.fd);
+    tavor_reply_to({.address = {}, .length = 0}); // the other end
+    const auto lost = [] {
+        return !capture_stdout([] { tavor_send_response(SERVICE_FRAME_NMEA, 0, nullptr, 0); }).empty();
+    };
+    EXPECT_TRUE(wait_until(lost)) << "the client does not read";
+    tavor_send_response(SERVICE_SAVE_LOCATION, 7, nullptr, 0);
+
+    capture_stdout([&] {
+        init();
+        EXPECT_TRUE(wait_until(
+            [&] {
+                tavor_response response = {};
+                return recv(client.fd, &response, sizeof response, MSG_DONTWAIT) == sizeof response &&
+                       response.code == TAVOR_CODE_SAVE_LOCATION;
+            },
+            std::chrono::seconds(20)));
+    });
+    EXPECT_FALSE(tavor_reply_retry());
 }

@@ -272,7 +272,7 @@ TEST_F(ReplyTest, AddressesDifferByLengthAndByEachByteInUse) {
     noise_behind.address.sun_path[50] = 'x';
     tavor_reply_to(noise_behind);
     EXPECT_EQ(send_sentences(1), 0U);
-    fill(client("ab", kNever));
+    fill(client(std::string("a\0", 2), kNever));
     EXPECT_GE(send_sentences(1), kSecond);
 }
 
