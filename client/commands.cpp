@@ -2,6 +2,8 @@
 
 #include "client/assist.h"
 #include "client/download.h"
+#include "client/follow.h"
+#include "client/position.h"
 #include "client/print.h"
 #include "client/session.h"
 
@@ -10,11 +12,11 @@
 #include <cstdio>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr double kAnswerLimitS = 5;
-constexpr double kPositionLimitS = 60;
 constexpr double kChipAnswerWaitS = 1;
 
 // A request that is one question and one answer.
@@ -31,9 +33,7 @@ struct SimpleRow {
 };
 
 constexpr SimpleRow kSimpleRows[] = {
-    {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS,
-     "positioning could not be started: the daemon answered failure; check the device settings in "
-     "/etc/default/tavor/tavor.conf and see 'journalctl -u tavor'"},
+    {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS, kStartFailure},
     {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kAnswerLimitS,
      "positioning could not be stopped: the daemon answered failure; see 'journalctl -u tavor'"},
     {Command::kSave, TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION, true, "", kAnswerLimitS,
@@ -54,12 +54,6 @@ constexpr SimpleRow kSimpleRows[] = {
 
 const Visitor kSkip = [](const Record&) { return true; };
 
-// How starting and following ended.
-struct Followed {
-    Outcome outcome;
-    bool answered; // the daemon answered the start
-};
-
 const SimpleRow& simple_row(const Options& options) {
     return *std::find_if(std::begin(kSimpleRows), std::end(kSimpleRows), [&](const SimpleRow& row) {
         return row.command == options.command && row.outlet == options.outlet;
@@ -78,44 +72,6 @@ int run_simple(Session& session) {
     return session_end_status(session, outcome, limit_s);
 }
 
-void tell_silence(double seconds, int count, bool restarted) {
-    if (restarted) {
-        session_note("the daemon was restarted: started positioning again");
-    } else if (count == 1) {
-        session_note("no output for " + print_seconds(std::max(1.0, std::round(seconds))) +
-                     " s: another client took it or the chip is silent; taking it back");
-    } else if (count == 2) {
-        session_note(
-            "still no output: positioning is stopped or the chip is silent; 'tavorctl start' starts it");
-    }
-}
-
-// Starts positioning and gives the visitor everything that comes, the answer included.
-Followed start_and_follow(Session& session, double answer_s, const Follow& follow, const Visitor& visit) {
-    const Request start = {TAVOR_REQUEST_START, TAVOR_CODE_START, "", answer_s, true};
-    std::optional<Record> answer;
-    const Outcome outcome = exchange_ask(session.connection, start, visit, answer);
-    if (!answer) {
-        return {outcome, false};
-    }
-    if (!visit(*answer)) {
-        return {Outcome::kDone, true};
-    }
-    return {exchange_follow(session.connection, follow, visit), true};
-}
-
-// Notes a failed start, also one of a later try; true when the record is one.
-bool is_failed_start(Session& session, const Record& record) {
-    const bool failed =
-        record.kind == RecordKind::kResult && record.code == TAVOR_CODE_START && !record_ok(record);
-    session.start_failed = session.start_failed || failed;
-    return failed;
-}
-
-int start_failed_status(Session& session) {
-    return session_fail(session, kExitFailed, kSimpleRows[0].failure);
-}
-
 std::string watch_text(const Options& options, const Record& record) {
     if (options.json) {
         return print_json(record);
@@ -124,19 +80,46 @@ std::string watch_text(const Options& options, const Record& record) {
     return options.raw && isatty(STDOUT_FILENO) == 0 ? print_raw(record) : print_line(record);
 }
 
-bool watch_record(Session& session, const Record& record) {
-    const bool failed = is_failed_start(session, record);
-    const bool shown = !session.options.raw || record.kind == RecordKind::kNmea;
-    if (shown && !session_emit(session, watch_text(session.options, record))) {
+// A position that waits for the sentence behind it, its GGA, which tells the quality.
+struct Watched {
+    Fix fix;
+    std::optional<Record> position;
+};
+
+bool watch_emit(Session& session, const std::string& text) {
+    return session_emit(session, text) &&
+           (session.options.count == 0 || session.lines < session.options.count);
+}
+
+// Prints the position that waits. False when the watch has enough.
+bool watch_position(Session& session, Watched& watched) {
+    if (!watched.position) {
+        return true;
+    }
+    const Record record = *std::exchange(watched.position, std::nullopt);
+    return watch_emit(session, print_json(record, position_details(watched.fix, record.position)));
+}
+
+bool watch_record(Session& session, Watched& watched, const Record& record) {
+    if (record.kind == RecordKind::kNmea) {
+        nmea_take(watched.fix, record.text);
+    }
+    if (!watch_position(session, watched)) {
         return false;
     }
-    return !failed && (session.options.count == 0 || session.lines < session.options.count);
+    if (record.kind == RecordKind::kPosition && session.options.json) {
+        watched.position = record;
+        return true;
+    }
+    const bool failed = follow_is_failed_start(session, record);
+    const bool shown = !session.options.raw || record.kind == RecordKind::kNmea;
+    return (!shown || watch_emit(session, watch_text(session.options, record))) && !failed;
 }
 
 // Status of a watch that ended. Interrupting one that has no limit of its own is the ordinary way to end it.
 int watch_status(Session& session, const Followed& followed, double answer_s) {
     if (session.start_failed) {
-        return start_failed_status(session);
+        return follow_start_failed(session);
     }
     if (followed.outcome == Outcome::kTimeout && followed.answered) {
         return session_output_status(session);
@@ -164,53 +147,15 @@ int run_watch(Session& session) {
     const bool short_watch = duration_s > 0 && (limit_s <= 0 || duration_s < limit_s);
     const double answer_s = short_watch ? duration_s : limit_s;
     session.connection.output = STDOUT_FILENO;
+    Watched watched;
     const Followed followed =
-        start_and_follow(session, answer_s, {limit_s, deadline_in(duration_s), tell_silence},
-                         [&](const Record& record) { return watch_record(session, record); });
+        follow_start(session, answer_s, limit_s, deadline_in(duration_s),
+                     [&](const Record& record) { return watch_record(session, watched, record); });
+    watch_position(session, watched);
     const int status = watch_status(session, followed, answer_s);
     const bool reachable = followed.outcome != Outcome::kUnreachable &&
                            (followed.answered || followed.outcome != Outcome::kTimeout);
     return options.stop && reachable ? stop_at_end(session, status) : status;
-}
-
-// Tells why there is no position: a chip without a fix sends sentences all the same.
-int no_position(Session& session, double limit_s, bool chip_heard) {
-    const std::string reason =
-        chip_heard
-            ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
-              "'tavorctl watch'"
-            : "nothing came from the chip; check its power and connection, and that no other client stops it or "
-              "takes its output, and see 'journalctl -u tavor'";
-    return session_fail(session, chip_heard ? kExitNoFix : kExitSilentChip,
-                        "no position within " + print_seconds(limit_s) + " s: " + reason);
-}
-
-int run_position(Session& session) {
-    const double limit_s = session.options.timeout_s.value_or(kPositionLimitS);
-    const double answer_s = limit_s > 0 ? std::min(limit_s, kAnswerLimitS) : kAnswerLimitS;
-    std::optional<Position> position;
-    bool chip_heard = false;
-    const Visitor visit = [&](const Record& record) {
-        if (record.kind == RecordKind::kPosition) {
-            position = record.position;
-        }
-        chip_heard = chip_heard || record.kind == RecordKind::kNmea || record.kind == RecordKind::kChip;
-        return !position && !is_failed_start(session, record);
-    };
-    const Followed followed =
-        start_and_follow(session, answer_s, {kAnswerLimitS, deadline_in(limit_s), tell_silence}, visit);
-    if (position) {
-        session_emit(session,
-                     session.options.json ? print_position_json(*position) : print_position(*position));
-        return session_output_status(session);
-    }
-    if (session.start_failed) {
-        return start_failed_status(session);
-    }
-    if (followed.outcome == Outcome::kTimeout && followed.answered) {
-        return no_position(session, limit_s, chip_heard);
-    }
-    return session_end_status(session, followed.outcome, answer_s);
 }
 
 int run_send(Session& session) {
@@ -261,13 +206,15 @@ int commands_run(const Options& options, int interrupt) {
     case Command::kWatch:
         return run_watch(session);
     case Command::kPosition:
-        return run_position(session);
+        return position_run(session);
     case Command::kSend:
         return run_send(session);
     case Command::kAssist:
         return assist_run(session);
     case Command::kDownload:
         return download_run(session);
+    case Command::kStart:
+        return options.wait_s ? position_run_start(session) : run_simple(session);
     default:
         return run_simple(session);
     }

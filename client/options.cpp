@@ -19,6 +19,7 @@ constexpr size_t kSocketPathMax = 107;
 // The daemon cuts a command at 351 characters, the talker "PZUL" included.
 constexpr size_t kBodyMax = 347;
 constexpr size_t kMistypedMax = 2; // letters
+constexpr double kFixWaitS = 120;
 constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
 
 struct CommandRow {
@@ -39,8 +40,9 @@ Examples:
 
 constexpr CommandRow kCommands[] = {
     {"start", Command::kStart, "Start positioning",
-     "Answer limit: 5 s. Starting twice does no harm.\n\n"
-     "Examples:\n  tavorctl start\n  tavorctl start --json"},
+     "Answer limit: 5 s. Starting twice does no harm. With --wait it is a success only when the chip sends, with\n"
+     "--fix when it has a fix; else the most likely cause is told.\n\n"
+     "Examples:\n  tavorctl start\n  tavorctl start --wait=5\n  tavorctl start --fix --json"},
     {"stop", Command::kStop, "Stop positioning and switch the chip off",
      "Answer limit: 5 s.\n\nExamples:\n  tavorctl stop"},
     {"watch", Command::kWatch, "Start positioning and follow sentences, positions and answers of the chip",
@@ -49,8 +51,8 @@ constexpr CommandRow kCommands[] = {
      "Examples:\n  tavorctl watch\n  tavorctl watch --raw > track.nmea\n  tavorctl watch --duration 60 --stop\n"
      "  tavorctl watch --json | jq 'select(.type == \"position\")'"},
     {"position", Command::kPosition, "Start positioning, wait for the next position and print it",
-     "Limit: 60 s. Positioning goes on afterwards.\n\n"
-     "Examples:\n  tavorctl position\n  tavorctl position --json --timeout 120"},
+     "Limit: 60 s. Positioning goes on afterwards. The age is by this host's clock; one above 5 s is told.\n\n"
+     "Examples:\n  tavorctl position\n  tavorctl position --json --timeout 120\n  tavorctl position --max-age 2"},
     {"save", Command::kSave, "Write the last position to the location file",
      "Answer limit: 5 s.\n\nExamples:\n  tavorctl save"},
     {"send", Command::kSend, "Send a command to the chip and print its answers",
@@ -134,8 +136,22 @@ void add_watch_options(CLI::App& app, Options& options) {
     app.add_flag("--stop", options.stop, "Stop positioning at the end");
 }
 
+void add_start_options(CLI::App& app, Options& options) {
+    app.add_flag("--wait{10}", options.start_wait,
+                 "Wait until the chip sends, for --wait=S at most S seconds")
+        ->check(CLI::Validator(check_positive_seconds, ""));
+    app.add_flag("--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
+}
+
 void add_own_options(CLI::App& app, Command command, Options& options) {
     switch (command) {
+    case Command::kStart:
+        add_start_options(app, options);
+        break;
+    case Command::kPosition:
+        add_seconds(app, "--max-age", options.max_age_s, "Wait for a position that is no older",
+                    check_positive_seconds);
+        break;
     case Command::kWatch:
         add_watch_options(app, options);
         break;
@@ -271,6 +287,9 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
             return app.exit(error);
         }
         return usage_error(app, parse_problem(app, error), json);
+    }
+    if (options.fix || !options.start_wait.empty()) {
+        options.wait_s = options.start_wait.empty() ? kFixWaitS : read_seconds(options.start_wait);
     }
     const std::string problem = check_together(app, options);
     return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem, json));

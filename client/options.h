@@ -19,11 +19,14 @@ struct Options {
     bool stop = false;                // watch: stop positioning at the end
     int64_t count = 0;                // watch: lines of output, 0 for no limit
     std::optional<double> duration_s; // watch: above 0; none: no limit
-    std::optional<double> wait_s;     // send, assist: none: the command's own default
-    bool once = false;                // assist: end after the first full cycle
-    std::string body;                 // send
-    std::string outlet;               // debug: off, file, serial or tcp
-    std::string log;                  // download: file with the daemon's log; empty: the journal
+    std::optional<double> wait_s;    // start: none: not at all; send, assist: none: the command's own default
+    std::string start_wait;          // start: the text of wait_s; empty: not given
+    bool fix = false;                // start: wait for a fix
+    std::optional<double> max_age_s; // position: none: any
+    bool once = false;               // assist: end after the first full cycle
+    std::string body;                // send
+    std::string outlet;              // debug: off, file, serial or tcp
+    std::string log;                 // download: file with the daemon's log; empty: the journal
 };
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help

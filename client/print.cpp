@@ -76,6 +76,25 @@ std::string time_of_day(const std::optional<std::string>& utc) {
     return utc->substr(0, 2) + ":" + utc->substr(2, 2) + ":" + print_safe(utc->substr(4)) + " UTC";
 }
 
+// A labelled line of a position.
+std::string row(const char* label, const std::string& value) {
+    constexpr size_t kLabelWidth = 22;
+    std::string line = label;
+    line.resize(kLabelWidth, ' ');
+    return line + value + "\n";
+}
+
+std::string quality_text(const std::optional<int>& quality) {
+    constexpr std::array<const char*, 9> kQualities = {"none",      "autonomous", "differential",
+                                                       "PPS",       "RTK fixed",  "RTK float",
+                                                       "estimated", "manual",     "simulated"};
+    if (!quality) {
+        return std::string(kUnknown);
+    }
+    const auto index = static_cast<size_t>(*quality);
+    return index < kQualities.size() ? kQualities.at(index) : "quality " + std::to_string(*quality);
+}
+
 std::string position_line(const Position& p) {
     std::string line = "position: " + time_of_day(p.utc) + ", " + angle(p.latitude, " N", " S") + ", " +
                        angle(p.longitude, " E", " W") + ", height " + quantity(p.height, 1, " m");
@@ -89,8 +108,24 @@ std::string position_line(const Position& p) {
     return line;
 }
 
-Json json_of(const std::optional<double>& value) {
+template <class Value> Json json_of(const std::optional<Value>& value) {
     return value ? Json(*value) : Json(nullptr);
+}
+
+double rounded(double seconds) {
+    return std::round(seconds * 1000) / 1000;
+}
+
+void add_details(Json& object, const PositionDetails& details) {
+    object["time"] = details.time ? Json(nmea_iso(*details.time)) : Json(nullptr);
+    object["age"] = details.age_s ? Json(rounded(*details.age_s)) : Json(nullptr);
+    object["quality"] = json_of(details.fix.quality);
+    object["satellites"] = json_of(details.fix.satellites);
+    object["pdop"] = json_of(details.fix.pdop);
+    object["hdop"] = json_of(details.fix.hdop);
+    object["vdop"] = json_of(details.fix.vdop);
+    object["speed"] = details.fix.speed ? Json(rounded(*details.fix.speed)) : Json(nullptr);
+    object["course"] = json_of(details.fix.course);
 }
 
 void add_position(Json& object, const Position& p) {
@@ -164,7 +199,7 @@ std::string print_line(const Record& record) {
     return "daemon: response of unknown code " + std::to_string(record.code) + "\n";
 }
 
-std::string print_json(const Record& record) {
+std::string print_json(const Record& record, const PositionDetails& details) {
     const std::string text(without_line_end(record.text));
     Json object;
     switch (record.kind) {
@@ -187,6 +222,7 @@ std::string print_json(const Record& record) {
     case RecordKind::kPosition:
         object["type"] = "position";
         add_position(object, record.position);
+        add_details(object, details);
         break;
     case RecordKind::kUnknown:
         object["type"] = "unknown";
@@ -197,18 +233,37 @@ std::string print_json(const Record& record) {
     return dump(object);
 }
 
-std::string print_position(const Position& p) {
-    return "time                  " + time_of_day(p.utc) + "\nlatitude              " +
-           angle(p.latitude, " deg N", " deg S") + "\nlongitude             " +
-           angle(p.longitude, " deg E", " deg W") + "\nheight                " + quantity(p.height, 1, " m") +
-           "\nmajor axis            " + quantity(p.majorAxis, 1, " m") + "\nminor axis            " +
-           quantity(p.minorAxis, 1, " m") + "\norientation           " + quantity(p.orientation, 1, " deg") +
-           "\nvertical uncertainty  " + quantity(p.verticalUncertainty, 1, " m") + "\n";
+std::string print_position(const Position& p, const PositionDetails& details) {
+    const Fix& fix = details.fix;
+    return row("time", details.time ? nmea_iso(*details.time) : time_of_day(p.utc)) +
+           row("latitude", angle(p.latitude, " deg N", " deg S")) +
+           row("longitude", angle(p.longitude, " deg E", " deg W")) +
+           row("height", quantity(p.height, 1, " m")) + row("major axis", quantity(p.majorAxis, 1, " m")) +
+           row("minor axis", quantity(p.minorAxis, 1, " m")) +
+           row("orientation", quantity(p.orientation, 1, " deg")) +
+           row("vertical uncertainty", quantity(p.verticalUncertainty, 1, " m")) +
+           row("satellites used", fix.satellites ? std::to_string(*fix.satellites) : std::string(kUnknown)) +
+           row("fix", quality_text(fix.quality)) + row("position DOP", quantity(fix.pdop, 2, "")) +
+           row("horizontal DOP", quantity(fix.hdop, 2, "")) + row("vertical DOP", quantity(fix.vdop, 2, "")) +
+           row("speed", quantity(fix.speed, 1, " m/s")) + row("course", quantity(fix.course, 1, " deg")) +
+           row("age", quantity(details.age_s, 1, " s"));
 }
 
-std::string print_position_json(const Position& position) {
+std::string print_position_json(const Position& position, const PositionDetails& details) {
     Json object;
     add_position(object, position);
+    add_details(object, details);
+    return dump(object);
+}
+
+std::string print_ready(bool has_fix) {
+    return has_fix ? "the chip has a fix\n" : "the chip sends\n";
+}
+
+std::string print_ready_json(bool has_fix) {
+    Json object;
+    object["type"] = "ready";
+    object["fix"] = has_fix;
     return dump(object);
 }
 

@@ -5,10 +5,18 @@
 #define TAVOR_CLIENT_PRINT_H
 
 #include "client/exit_status.h"
+#include "client/nmea.h"
 #include "client/records.h"
 
 #include <string>
 #include <string_view>
+
+// What the chip's sentences add to a position block.
+struct PositionDetails {
+    Fix fix;
+    std::optional<Utc> time;     // of the position
+    std::optional<double> age_s; // by the clock of this host
+};
 
 // The text with every byte outside printable ASCII written as \xNN.
 std::string print_safe(std::string_view text);
@@ -25,14 +33,18 @@ std::string print_result(const Record& record);
 // A sentence of the chip alone, one line.
 std::string print_chip(const Record& record);
 
-// One line of JSON, an object with the key "type", with its line end.
-std::string print_json(const Record& record);
+// One line of JSON, an object with the key "type", with its line end. The details are a position's.
+std::string print_json(const Record& record, const PositionDetails& details = {});
 
 // A position as labelled lines with units; what is not known says so.
-std::string print_position(const Position& position);
+std::string print_position(const Position& position, const PositionDetails& details);
 
 // A position as one line of JSON; what is not known is null.
-std::string print_position_json(const Position& position);
+std::string print_position_json(const Position& position, const PositionDetails& details);
+
+// That the chip sends, or has a fix.
+std::string print_ready(bool has_fix);
+std::string print_ready_json(bool has_fix);
 
 // What went wrong as one line of JSON, type "error".
 std::string print_error_json(ExitStatus status, const std::string& message);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -175,6 +176,103 @@ TEST(Position, IsPrintedWithUnitsOnceOneComes) {
     EXPECT_EQ(lines_of(scene.out).at(3), "height                1592.3 m");
     EXPECT_EQ(lines_of(scene.out).at(4), "major axis            unknown");
     EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
+}
+
+namespace {
+
+// An RMC sentence of so many seconds ago; the first answers of a daemon whose chip sends this position.
+std::string rmc_of(int seconds_ago) {
+    const time_t then = time(nullptr) - seconds_ago;
+    tm utc = {};
+    gmtime_r(&then, &utc);
+    char text[100];
+    snprintf(text, sizeof text, "$GPRMC,%02d%02d%02d.00,A,,,,,10.0,90.5,%02d%02d%02d,,,A*00\r\n", utc.tm_hour,
+             utc.tm_min, utc.tm_sec, utc.tm_mday, utc.tm_mon + 1, utc.tm_year % 100);
+    return text;
+}
+
+void send_epoch(const FakeDaemon& d, int seconds_ago, int quality) {
+    const std::string rmc = rmc_of(seconds_ago);
+    const std::string time = rmc.substr(7, 9);
+    d.send(make_response(TAVOR_CODE_NMEA, 0, rmc));
+    d.send(make_position(time, "48.117300", quality == 0 ? "1.0" : "11.516667", "9.5"));
+    d.send(make_response(TAVOR_CODE_NMEA, 0,
+                         "$GPGGA," + time + ",4807.038,N,01131.000,E," + std::to_string(quality) +
+                             ",08,0.9,,,,,,*00\r\n"));
+    d.send(make_response(TAVOR_CODE_NMEA, 0, "$GPGSA,A,3,1,,,,,,,,,,,,1.5,0.9,1.2*00\r\n"));
+}
+
+} // namespace
+
+TEST(Position, HasWhatTheSentencesOfItsMomentTellAndPassesOverOnesWithoutAFix) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_START, 0));
+        send_epoch(d, 1, 0);
+        send_epoch(d, 0, 1);
+    });
+    ASSERT_EQ(scene.run({"position", "--json", "--timeout", "20"}), 0) << scene.err;
+    const Json position = Json::parse(scene.out);
+    EXPECT_EQ(position.at("longitude"), 11.516667);
+    EXPECT_EQ(position.at("quality"), 1);
+    EXPECT_EQ(position.at("satellites"), 8);
+    EXPECT_EQ(position.at("pdop"), 1.5);
+    EXPECT_EQ(position.at("speed"), 5.144);
+    EXPECT_EQ(position.at("course"), 90.5);
+    EXPECT_EQ(position.at("time").get<std::string>().size(), 24U);
+    EXPECT_LT(position.at("age"), 60);
+}
+
+TEST(Position, OldOneSaysSoOrIsPassedOver) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_START, 0));
+        send_epoch(d, 600, 1);
+    });
+    EXPECT_EQ(scene.run({"position", "--timeout", "20"}), 0);
+    EXPECT_EQ(scene.err.rfind("tavorctl: this position is 60", 0), 0U) << scene.err;
+    EXPECT_EQ(scene.run({"position", "--max-age", "60", "--timeout", "1"}), 6);
+    EXPECT_NE(scene.err.find("no position as young as asked for within 1 s: the last was 60"),
+              std::string::npos)
+        << scene.err;
+    Scene undated(answers(0));
+    EXPECT_EQ(undated.run({"position", "--max-age", "60", "--timeout", "1"}), 6);
+    EXPECT_NE(undated.err.find("its age can't be told"), std::string::npos) << undated.err;
+}
+
+TEST(Start, WaitIsASuccessOnlyWhenTheChipSends) {
+    Scene silent([](FakeDaemon& d, const tavor_request&) { d.send(make_response(TAVOR_CODE_START, 0)); });
+    EXPECT_EQ(silent.run({"start", "--wait=0.5", "--json"}), 5);
+    EXPECT_TRUE(is_one_line(silent.err)) << silent.err;
+    EXPECT_EQ(Json::parse(lines_of(silent.out).back()).at("error"), "silent-chip");
+    Scene good(answers(0));
+    EXPECT_EQ(good.run({"start", "--wait"}), 0) << good.err;
+    EXPECT_EQ(good.out, "positioning started\nthe chip has a fix\n");
+    Scene failing(answers(TAVOR_VALUE_FAILED));
+    EXPECT_EQ(failing.run({"start", "--wait"}), 1);
+}
+
+TEST(Start, FixIsASuccessOnlyWithAFix) {
+    for (const int quality : {0, 1}) {
+        Scene scene([quality](FakeDaemon& d, const tavor_request&) {
+            d.send(make_response(TAVOR_CODE_START, 0));
+            send_epoch(d, 0, quality);
+        });
+        EXPECT_EQ(scene.run({"start", "--fix", "--wait=0.5", "--json"}), quality == 0 ? 6 : 0);
+        EXPECT_EQ(scene.out.find(R"({"type":"ready","fix":true})") != std::string::npos, quality == 1)
+            << scene.out;
+    }
+}
+
+TEST(Watch, JsonPositionHasTheQualityOfTheSentenceBehindIt) {
+    Scene scene([](FakeDaemon& d, const tavor_request&) {
+        d.send(make_response(TAVOR_CODE_START, 0));
+        send_epoch(d, 0, 4);
+    });
+    EXPECT_EQ(scene.run({"watch", "--json", "--count", "4"}), 0);
+    ASSERT_EQ(lines_of(scene.out).size(), 4U) << scene.out;
+    const Json position = Json::parse(lines_of(scene.out)[2]);
+    EXPECT_EQ(position.at("type"), "position") << "before its sentence, as it comes";
+    EXPECT_EQ(position.at("quality"), 4);
+    EXPECT_NE(scene.out.find("GPGGA"), std::string::npos);
 }
 
 TEST(Position, WithoutAFixIsStatusSix) {

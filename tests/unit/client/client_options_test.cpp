@@ -71,6 +71,17 @@ TEST(Options, WatchTakesItsLimits) {
     EXPECT_EQ(parsed.options.timeout_s, 0.0);
 }
 
+TEST(Options, StartMayWait) {
+    EXPECT_FALSE(parse({"start"}).options.wait_s);
+    EXPECT_EQ(parse({"start", "--wait"}).options.wait_s, 10.0);
+    EXPECT_EQ(parse({"start", "--wait=2.5"}).options.wait_s, 2.5);
+    EXPECT_EQ(parse({"start", "--fix"}).options.wait_s, 120.0);
+    const Parsed both = parse({"start", "--fix", "--wait=5"});
+    EXPECT_TRUE(both.options.fix);
+    EXPECT_EQ(both.options.wait_s, 5.0);
+    EXPECT_EQ(parse({"position", "--max-age", "2"}).options.max_age_s, 2.0);
+}
+
 TEST(Options, BodyMayBeTheNameOfACommand) {
     const Parsed parsed = parse({"send", "stop", "--wait", "0"});
     EXPECT_FALSE(parsed.status) << parsed.err;
@@ -117,6 +128,9 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         {"watch", "--raw", "--json"},
         {"--json", "watch", "--raw"},
         {"start", "--raw"},
+        {"start", "--wait=0"},
+        {"start", "--wait=soon"},
+        {"position", "--max-age", "0"},
         {"debug"},
         {"debug", "udp"},
         {"send"},

@@ -31,6 +31,12 @@ Record position(const Position& p) {
 
 const Position kFull = {"123519.000", 48.1173, -11.516667, 545.4, 2.5, 1.5, 45.0, 3.25};
 
+const PositionDetails kDetails = {{2, 8, 1.5, 0.9, 1.2, 8.0, 45.5, {}},
+                                  Utc(std::chrono::sys_days(std::chrono::year(2026) / 11 / 21)) +
+                                      std::chrono::hours(12) + std::chrono::minutes(35) +
+                                      std::chrono::seconds(19),
+                                  0.5};
+
 bool is_terminal_safe(const std::string& text) {
     for (const char c : text) {
         if ((c < ' ' || c > '~') && c != '\n') {
@@ -94,8 +100,8 @@ TEST(PrintLine, NoByteOfTheChipReachesTheTerminalAsAControl) {
     hostile.utc = "123519\x1b[2J\x9b";
     EXPECT_EQ(print_line(position(hostile)),
               "position: 12:35:19\\x1b[2J\\x9b UTC, unknown, unknown, height unknown\n");
-    EXPECT_TRUE(is_terminal_safe(print_position(hostile)));
-    EXPECT_TRUE(is_terminal_safe(print_position_json(hostile)));
+    EXPECT_TRUE(is_terminal_safe(print_position(hostile, {})));
+    EXPECT_TRUE(is_terminal_safe(print_position_json(hostile, {})));
 }
 
 TEST(PrintLine, LineBreakInsideASentenceMakesNoSecondLine) {
@@ -113,12 +119,25 @@ TEST(PrintLine, LargestNumbersFit) {
 }
 
 TEST(PrintJson, PositionHasNumbersAndNulls) {
-    EXPECT_EQ(print_position_json(kFull),
+    EXPECT_EQ(print_position_json(kFull, kDetails),
               "{\"utc\":\"123519.000\",\"latitude\":48.1173,\"longitude\":-11.516667,\"height\":545.4,"
-              "\"majorAxis\":2.5,\"minorAxis\":1.5,\"orientation\":45.0,\"verticalUncertainty\":3.25}\n");
-    EXPECT_EQ(print_position_json({}),
-              "{\"utc\":null,\"latitude\":null,\"longitude\":null,\"height\":null,\"majorAxis\":null,"
-              "\"minorAxis\":null,\"orientation\":null,\"verticalUncertainty\":null}\n");
+              "\"majorAxis\":2.5,\"minorAxis\":1.5,\"orientation\":45.0,\"verticalUncertainty\":3.25,"
+              "\"time\":\"2026-11-21T12:35:19.000Z\",\"age\":0.5,\"quality\":2,\"satellites\":8,\"pdop\":1.5,"
+              "\"hdop\":0.9,\"vdop\":1.2,\"speed\":8.0,\"course\":45.5}\n");
+    EXPECT_EQ(
+        print_position_json({}, {}),
+        "{\"utc\":null,\"latitude\":null,\"longitude\":null,\"height\":null,\"majorAxis\":null,"
+        "\"minorAxis\":null,\"orientation\":null,\"verticalUncertainty\":null,\"time\":null,\"age\":null,"
+        "\"quality\":null,\"satellites\":null,\"pdop\":null,\"hdop\":null,\"vdop\":null,\"speed\":null,"
+        "\"course\":null}\n");
+}
+
+TEST(PrintJson, ErrorsNameTheirStatus) {
+    EXPECT_EQ(print_error_json(kExitBusy, "it \"waits\""),
+              "{\"type\":\"error\",\"error\":\"busy\",\"exit\":4,\"message\":\"it \\\"waits\\\"\"}\n");
+    for (const ExitMeaning& meaning : kExitMeanings) {
+        EXPECT_EQ(&meaning - kExitMeanings, meaning.status) << "the table is looked up by number";
+    }
 }
 
 TEST(PrintJson, RecordsSayTheirType) {
@@ -136,14 +155,31 @@ TEST(PrintJson, RecordsSayTheirType) {
 }
 
 TEST(PrintPosition, EveryLineHasItsUnit) {
-    EXPECT_EQ(print_position(kFull), "time                  12:35:19.000 UTC\n"
-                                     "latitude              48.117300 deg N\n"
-                                     "longitude             11.516667 deg W\n"
-                                     "height                545.4 m\n"
-                                     "major axis            2.5 m\n"
-                                     "minor axis            1.5 m\n"
-                                     "orientation           45.0 deg\n"
-                                     "vertical uncertainty  3.2 m\n");
+    const std::string known = "latitude              48.117300 deg N\n"
+                              "longitude             11.516667 deg W\n"
+                              "height                545.4 m\n"
+                              "major axis            2.5 m\n"
+                              "minor axis            1.5 m\n"
+                              "orientation           45.0 deg\n"
+                              "vertical uncertainty  3.2 m\n";
+    EXPECT_EQ(print_position(kFull, kDetails), "time                  2026-11-21T12:35:19.000Z\n" + known +
+                                                   "satellites used       8\n"
+                                                   "fix                   differential\n"
+                                                   "position DOP          1.50\n"
+                                                   "horizontal DOP        0.90\n"
+                                                   "vertical DOP          1.20\n"
+                                                   "speed                 8.0 m/s\n"
+                                                   "course                45.5 deg\n"
+                                                   "age                   0.5 s\n");
+    const std::string bare = print_position(kFull, {});
+    EXPECT_EQ(
+        bare.rfind("time                  12:35:19.000 UTC\n" + known + "satellites used       unknown\n", 0),
+        0U)
+        << bare;
+    Fix odd;
+    odd.quality = 42;
+    EXPECT_NE(print_position({}, {odd, {}, {}}).find("fix                   quality 42\n"),
+              std::string::npos);
 }
 
 TEST(PrintRaw, BytesAreAsTheChipSentThem) {

@@ -1,0 +1,39 @@
+// What the chip's sentences tell beside the position block: pure parsing, no I/O. Every byte of them may be
+// hostile; what is no good value is absent.
+#ifndef TAVOR_CLIENT_NMEA_H
+#define TAVOR_CLIENT_NMEA_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// A moment of UTC.
+using Utc = std::chrono::sys_time<std::chrono::milliseconds>;
+
+// What the latest sentences of each kind have told.
+struct Fix {
+    std::optional<int> quality;    // GGA: 0 without a fix
+    std::optional<int> satellites; // GGA: used
+    std::optional<double> pdop, hdop, vdop;
+    std::optional<double> speed;  // RMC: metres a second
+    std::optional<double> course; // RMC: degrees
+    std::optional<Utc> dated;     // RMC: its time with its date
+};
+
+enum class SentenceKind { kOther, kGga, kGsa, kRmc };
+
+// Takes a sentence, line end included or not.
+SentenceKind nmea_take(Fix& fix, std::string_view sentence);
+
+// The moment of a time hhmmss.sss, which is less than half a day away from that of the latest date.
+std::optional<Utc> nmea_moment(const Fix& fix, const std::string& time);
+
+// Seconds since that moment by the clock of this host, not below 0; none when they are more than a day apart,
+// for then the clock is not set, or the chip plays another day.
+std::optional<double> nmea_age(const std::optional<Utc>& moment, std::chrono::system_clock::time_point now);
+
+// "2026-11-21T15:16:20.000Z".
+std::string nmea_iso(Utc moment);
+
+#endif

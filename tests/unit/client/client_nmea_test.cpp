@@ -1,0 +1,84 @@
+// What sentences tell beside the position block.
+#include "client/nmea.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Fix fix_of(const std::vector<std::string>& sentences) {
+    Fix fix;
+    for (const std::string& sentence : sentences) {
+        nmea_take(fix, sentence);
+    }
+    return fix;
+}
+
+std::string iso(const Fix& fix, const std::string& time) {
+    const auto moment = nmea_moment(fix, time);
+    return moment ? nmea_iso(*moment) : "none";
+}
+
+constexpr char kRmc[] = "$GNRMC,151620.00,A,4317.71149,N,00521.92193,E,15.551,45.61,211126,,,A,V*02\r\n";
+
+} // namespace
+
+TEST(Nmea, EachSentenceTellsItsPart) {
+    const Fix fix =
+        fix_of({kRmc, "$GNGGA,151620.00,4317.71149,N,00521.92193,E,1,20,0.72,12.2,M,49.8,M,,*7D\r\n",
+                "$GNGSA,A,3,02,05,07,13,15,18,,,,,,,1.21,0.72,0.97,1*07\r\n"});
+    EXPECT_EQ(fix.quality, 1);
+    EXPECT_EQ(fix.satellites, 20);
+    EXPECT_EQ(fix.hdop, 0.72);
+    EXPECT_EQ(fix.pdop, 1.21);
+    EXPECT_EQ(fix.vdop, 0.97);
+    EXPECT_NEAR(fix.speed.value(), 8.0, 0.001);
+    EXPECT_EQ(fix.course, 45.61);
+    EXPECT_EQ(nmea_iso(fix.dated.value()), "2026-11-21T15:16:20.000Z");
+}
+
+TEST(Nmea, KindIsToldWhoeverTalks) {
+    Fix fix;
+    EXPECT_EQ(nmea_take(fix, "$GPGGA,,,,,,0,,,"), SentenceKind::kGga);
+    EXPECT_EQ(nmea_take(fix, "$BDGSA,A"), SentenceKind::kGsa);
+    EXPECT_EQ(nmea_take(fix, "$GARMC,"), SentenceKind::kRmc);
+    for (const char* other : {"", "$", "GGA", "$GPGGA", "$GPGSV,GGA", "$GPTXT,RMC"}) {
+        EXPECT_EQ(nmea_take(fix, other), SentenceKind::kOther) << other;
+    }
+}
+
+TEST(Nmea, DateGoesOverMidnightBothWays) {
+    const Fix late = fix_of({"$GNRMC,235959.50,A,,,,,0,0,311226,,,A*00"});
+    EXPECT_EQ(iso(late, "235959.50"), "2026-12-31T23:59:59.500Z");
+    EXPECT_EQ(iso(late, "000000.00"), "2027-01-01T00:00:00.000Z");
+    const Fix early = fix_of({"$GNRMC,000001,A,,,,,0,0,010324,,,A*00"});
+    EXPECT_EQ(iso(early, "235959"), "2024-02-29T23:59:59.000Z");
+    EXPECT_EQ(iso({}, "120000"), "none") << "no date";
+}
+
+TEST(Nmea, AgeIsByTheClockOfThisHost) {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const auto age_of = [&](auto since) { return nmea_age(floor<milliseconds>(now - since), now); };
+    EXPECT_NEAR(age_of(milliseconds(2500)).value(), 2.5, 0.01);
+    EXPECT_EQ(age_of(milliseconds(-2500)), 0.0) << "a clock a little behind";
+    EXPECT_TRUE(age_of(hours(23)));
+    EXPECT_FALSE(age_of(hours(25))) << "a clock that is not set";
+    EXPECT_FALSE(age_of(hours(-25)));
+    EXPECT_FALSE(nmea_age(std::nullopt, now));
+}
+
+TEST(Nmea, WhatIsNoGoodValueIsAbsent) {
+    const Fix fix = fix_of({kRmc, "$GNGGA,151620,,,,,x,-1,1e9,", "$GNGSA,A,3,,,,,,,,,,,,,nan,,inf",
+                            "$GNRMC,251620.00,A,,,,,1.2.3,,321326,"});
+    EXPECT_FALSE(fix.quality || fix.satellites || fix.hdop || fix.pdop || fix.vdop || fix.speed ||
+                 fix.course);
+    EXPECT_EQ(nmea_iso(fix.dated.value()), "2026-11-21T15:16:20.000Z") << "the last good one";
+    for (const char* time : {"", "1", "12345", "240000", "126000", "123461", "12a456", "123456x", "-12345"}) {
+        EXPECT_EQ(iso(fix, time), "none") << time;
+    }
+    for (const char* date : {"", "311126", "001126", "0111260", "aa1126"}) {
+        const Fix undated = fix_of({std::string("$GNRMC,120000,A,,,,,,,") + date + ","});
+        EXPECT_FALSE(undated.dated) << date;
+    }
+    fix_of({std::string(5000, ','), "$GPGGA" + std::string(5000, ',')});
+}
