@@ -272,7 +272,7 @@ TEST_F(ReplyTest, AddressesDifferByLengthAndByEachByteInUse) {
     noise_behind.address.sun_path[50] = 'x';
     tavor_reply_to(noise_behind);
     EXPECT_EQ(send_sentences(1), 0U);
-    fill(client(std::string("a\0", 2), kNever));
+    client(std::string("a\0", 2), kNever).queue.resize(kernel.queue_length + 1);
     EXPECT_GE(send_sentences(1), kSecond);
 }
 
@@ -350,6 +350,19 @@ TEST_F(ReplyTest, ResultForAClientThatPausesArrivesBeforeAnythingElse) {
     EXPECT_EQ(last[0].value, 99U);
     EXPECT_FALSE(retry());
     EXPECT_EQ(losses, lost + 2);
+}
+
+TEST_F(ReplyTest, KeptResultIsNotOvertakenByOneThatMayWait) {
+    Reader& reader = client("slow", 700 * kMs);
+    fill(reader);
+    stop_request_announce();
+    send(SERVICE_COMMAND, 1);
+    stop_request_withdraw();
+    send(SERVICE_COMMAND, 2);
+    reader.us_per_datagram = 0;
+    reader.free_at_us = kernel.now_us;
+    EXPECT_FALSE(retry());
+    EXPECT_EQ(values_of(reader, TAVOR_CODE_CHIP), (Values{1, 2}));
 }
 
 TEST_F(ReplyTest, KeptResultArrivesWithoutAnythingElseToSend) {
