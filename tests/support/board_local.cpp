@@ -59,7 +59,7 @@ int message(Board& board, const BoardFile& file, const spi_ioc_transfer* parts, 
 }
 
 bool is_message(unsigned long request) {
-    return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == _IOC_NR(SPI_IOC_MESSAGE(0)) &&
+    return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == _IOC_NR(SPI_IOC_MESSAGE(1)) &&
            _IOC_DIR(request) == _IOC_WRITE;
 }
 

@@ -247,7 +247,8 @@ TEST_F(LocationGpio, EdgesHaveTheirWordsAndAllOthersAreNone) {
     make_node("17");
     const std::vector<std::pair<int32_t, std::string>> cases = {{1, "rising"}, {2, "falling"}, {3, "both"},
                                                                 {0, "none"},   {7, "none"},    {-2, "none"}};
-    for (const auto& [edge, word] : cases) {
+    for (const auto& [number, word] : cases) {
+        const int32_t edge = number; // clang 14 captures no binding
         sysfs.files["gpio17/edge"] = "?\n";
         EXPECT_EQ(run([=] { return location_gpio_config(17, -1, -1, edge); }), 0);
         EXPECT_EQ(writes(), Lines{"write gpio17/edge " + word});
