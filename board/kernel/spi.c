@@ -20,7 +20,11 @@ MODULE_PARM_DESC(spi_mode_bits, "mode bits that the SPI controller supports");
 
 static uint spi_max_transfer;
 module_param(spi_max_transfer, uint, 0644);
-MODULE_PARM_DESC(spi_max_transfer, "longest SPI transfer in bytes, 0: any; longer ones get EINVAL");
+MODULE_PARM_DESC(spi_max_transfer, "longest SPI transfer in bytes, 0: any");
+
+static ushort spi_max_errno = EINVAL;
+module_param(spi_max_errno, ushort, 0644);
+MODULE_PARM_DESC(spi_max_errno, "what a longer one gets; 90 (EMSGSIZE) is what spidev's bufsiz gives");
 
 static bool spi_wire_time;
 module_param(spi_wire_time, bool, 0644);
@@ -104,7 +108,7 @@ static int message_exchange(struct spi_message *message)
 
 static int transfer_message(struct spi_controller *bus, struct spi_message *message)
 {
-	message->status = -EINVAL;
+	message->status = -spi_max_errno;
 	if (message_fits(message)) {
 		wait_for_wire(message);
 		message->status = message_exchange(message);

@@ -112,7 +112,8 @@ TEST_F(BoardWire, WhatIsNoRequestIsHungUpOn) {
 
 TEST_F(BoardWire, CallsNeedAnOpenNode) {
     const Connection connection(board);
-    for (const uint32_t operation : {WIRE_READ, WIRE_WRITE, WIRE_SPI_MESSAGE, WIRE_SPI_SET, WIRE_SPI_GET}) {
+    for (const uint32_t operation : {WIRE_READ, WIRE_WRITE, WIRE_SPI_MESSAGE, WIRE_SPI_SET, WIRE_SPI_GET,
+                                     WIRE_SEEK, WIRE_I2C_SET, WIRE_I2C_READ, WIRE_I2C_WRITE}) {
         expect_refused(connection.ask(operation, 1, {}), EBADF);
     }
     expect_refused(connection.ask(WIRE_OPEN, O_RDWR, bytes_of("/dev/null")), ENOENT);
@@ -147,6 +148,10 @@ TEST_F(BoardWire, PartsThatContradictTheirPayloadAreRefused) {
 TEST_F(BoardWire, SettingsAndSizesAreBounded) {
     const Connection connection(board);
     ASSERT_EQ(open_spi(connection)->result, 0);
+    expect_refused(connection.ask(WIRE_SEEK, SEEK_SET, Bytes(3)), EINVAL);
+    expect_refused(connection.ask(WIRE_I2C_SET, 0, Bytes(3)), EINVAL);
+    expect_refused(connection.ask(WIRE_I2C_SET, 99, Bytes(8)), EINVAL);
+    expect_refused(connection.ask(WIRE_I2C_READ, UINT32_MAX, {}), ENOTTY);
     expect_refused(connection.ask(WIRE_SPI_SET, 0, Bytes(3)), EINVAL);
     expect_refused(connection.ask(WIRE_SPI_SET, 4, Bytes(4, 1)), EINVAL);
     expect_refused(connection.ask(WIRE_SPI_SET, 256, Bytes(4, 1)), EINVAL);
