@@ -17,6 +17,8 @@
 namespace {
 
 constexpr double kAnswerLimitS = 5;
+// A stop waits for a transfer that hangs in the kernel's driver; drivers give up within 30 s as a rule.
+constexpr double kStopLimitS = 40;
 constexpr double kChipAnswerWaitS = 1;
 
 // A request that is one question and one answer.
@@ -34,7 +36,7 @@ struct SimpleRow {
 
 constexpr SimpleRow kSimpleRows[] = {
     {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS, kStartFailure},
-    {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kAnswerLimitS,
+    {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kStopLimitS,
      "positioning could not be stopped: the daemon answered failure; see 'journalctl -u tavor'"},
     {Command::kSave, TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION, true, "", kAnswerLimitS,
      "the location could not be saved: the daemon answered failure; check that the place of 'NMEA file path=' is "

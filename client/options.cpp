@@ -44,7 +44,8 @@ constexpr CommandRow kCommands[] = {
      "--fix when it has a fix; else the most likely cause is told.\n\n"
      "Examples:\n  tavorctl start\n  tavorctl start --wait=5\n  tavorctl start --fix --json"},
     {"stop", Command::kStop, "Stop positioning and switch the chip off",
-     "Answer limit: 5 s.\n\nExamples:\n  tavorctl stop"},
+     "Answer limit: 40 s. It waits for a transfer that hangs in the driver of the SPI controller, which nobody\n"
+     "can interrupt; most drivers give up within 30 s.\n\nExamples:\n  tavorctl stop"},
     {"watch", Command::kWatch, "Start positioning and follow sentences, positions and answers of the chip",
      "Silent for --timeout seconds (5), it takes the output back from another client. Positioning goes on at\n"
      "the end unless --stop is given. Binary frames of the chip are not passed to clients.\n\n"
