@@ -46,7 +46,7 @@ void tell_number(long result, const char* what, uint32_t number) {
 }
 
 int must_open(const char* path, int flags) {
-    const int fd = open(path, flags);
+    const int fd = open(path, flags, kMode);
     if (fd < 0) {
         fprintf(stderr, "kernel-probe: can't open %s: %s\n", path, strerror(errno));
         exit(1);

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <sys/types.h>
 
+inline constexpr mode_t kMode = 0600; // of files that an open would make
+
 // Prints "WHAT = RESULT", or "WHAT = -1 ENAME".
 __attribute__((format(printf, 2, 3))) void tell(long result, const char* what, ...);
 

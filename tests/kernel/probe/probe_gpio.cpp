@@ -14,7 +14,7 @@ namespace {
 const std::string kRoot = "/sys/class/gpio";
 
 void try_open(const std::string& name, int flags, const char* flags_text) {
-    const int fd = open((kRoot + name).c_str(), flags);
+    const int fd = open((kRoot + name).c_str(), flags, kMode);
     tell(fd < 0 ? -1 : 0, "open %s %s", name.c_str(), flags_text);
     if (fd >= 0) {
         close(fd);

@@ -21,7 +21,7 @@ constexpr uint16_t kNobody = 0x33;
 uint8_t probe_byte = 0; // what the chip takes as a question whether it is alive
 
 void try_open(const char* path, int flags, const char* flags_text) {
-    const int fd = open(path, flags);
+    const int fd = open(path, flags, kMode);
     tell(fd < 0 ? -1 : 0, "open %s %s", path, flags_text);
     if (fd >= 0) {
         close(fd);

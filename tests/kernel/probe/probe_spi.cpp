@@ -20,7 +20,7 @@ constexpr char kNode[] = "/dev/spidev1.0";
 constexpr uint32_t kSpeedHz = 1000000;
 
 void try_open(const char* path, int flags, const char* flags_text) {
-    const int fd = open(path, flags);
+    const int fd = open(path, flags, kMode);
     tell(fd < 0 ? -1 : 0, "open %s %s", path, flags_text);
     if (fd >= 0) {
         close(fd);
