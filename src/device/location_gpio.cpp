@@ -138,7 +138,8 @@ int32_t set_word(const PinAttribute& attribute, const char* number, const char* 
     return 0;
 }
 
-int32_t set_value(const char* number, int32_t value) {
+// value_fd: gets the descriptor that was written through, to be closed by the caller; null: nobody wants it.
+int32_t set_value(const char* number, int32_t value, int* value_fd) {
     char level[kNumberSize];
     if (!format_number(level, value)) {
         puts("[LOCSERV] ERR: [GPIO]location_gpio_config get vaule fail");
@@ -146,7 +147,7 @@ int32_t set_value(const char* number, int32_t value) {
     }
     char path[kPathSize];
     snprintf(path, sizeof path, "/sys/class/gpio/gpio%s/value", number);
-    const DescriptorGuard file(open(path, O_WRONLY));
+    DescriptorGuard file(open(path, O_WRONLY | O_CLOEXEC));
     if (file.fd < 0) {
         puts("[LOCSERV] ERR: [GPIO]location_gpio_config open fail: value");
         return -1;
@@ -155,20 +156,43 @@ int32_t set_value(const char* number, int32_t value) {
         puts("[LOCSERV] ERR: [GPIO]location_gpio_config write fail: value");
         return -1;
     }
+    if (value_fd != nullptr) {
+        *value_fd = file.release();
+    }
     return 0;
 }
 
-int32_t export_and_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
+int32_t configure(int32_t pin, int32_t direction, int32_t value, int32_t edge, int* value_fd = nullptr) {
+    char number[kNumberSize];
+    if (!format_number(number, pin)) {
+        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
+        return -1;
+    }
+    if (direction != kGpioUnchanged && set_word(kDirection, number, direction_word(direction)) != 0) {
+        return -1;
+    }
+    if (value != kGpioUnchanged && set_value(number, value, value_fd) != 0) {
+        return -1;
+    }
+    if (edge != kGpioUnchanged && set_word(kEdge, number, edge_word(edge)) != 0) {
+        return -1;
+    }
+    return 0;
+}
+
+int32_t export_and_config(int32_t pin, int32_t direction, int32_t value, int32_t edge,
+                          int* value_fd = nullptr) {
     if (location_gpio_export(pin) != 0) {
         return -1;
     }
-    return location_gpio_config(pin, direction, value, edge);
+    return configure(pin, direction, value, edge, value_fd);
 }
 
 constexpr int32_t kNoPin = -1;
 
 // The power line that was switched on. It can be switched off again whatever has become of the configuration
-// since, and with no descriptor free: its value file stays open. Of the service's thread only.
+// since, and with no descriptor free: the value file that it was switched on through stays open. Of the
+// service's thread only.
 struct PowerState {
     int32_t pin = kNoPin;
     int value_fd = -1;
@@ -177,13 +201,6 @@ struct PowerState {
 void forget_power_line() {
     const DescriptorGuard value(power.value_fd);
     power = {};
-}
-
-void remember_power_line(int32_t pin) {
-    forget_power_line();
-    char path[kPathSize];
-    snprintf(path, sizeof path, "/sys/class/gpio/gpio%d/value", pin);
-    power = {.pin = pin, .value_fd = open(path, O_WRONLY | O_CLOEXEC)};
 }
 
 int32_t switch_off_remembered() {
@@ -209,21 +226,7 @@ int32_t location_gpio_unexport(int32_t pin) {
 }
 
 int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge) {
-    char number[kNumberSize];
-    if (!format_number(number, pin)) {
-        puts("[LOCSERV] ERR: [GPIO]location_gpio_config get pin fail");
-        return -1;
-    }
-    if (direction != kGpioUnchanged && set_word(kDirection, number, direction_word(direction)) != 0) {
-        return -1;
-    }
-    if (value != kGpioUnchanged && set_value(number, value) != 0) {
-        return -1;
-    }
-    if (edge != kGpioUnchanged && set_word(kEdge, number, edge_word(edge)) != 0) {
-        return -1;
-    }
-    return 0;
+    return configure(pin, direction, value, edge);
 }
 
 int32_t location_gpio_set_output(int32_t pin, int32_t value) {
@@ -244,11 +247,13 @@ int32_t location_gpio_power_on() {
     if (power.pin != kNoPin && power.pin != pin) { // configured anew meanwhile
         switch_off_remembered();
     }
-    const int32_t result = location_gpio_set_output(pin, kHigh);
-    if (result == 0) {
-        remember_power_line(pin);
+    int value_fd = -1;
+    if (export_and_config(pin, kDirectionOut, kHigh, kGpioUnchanged, &value_fd) != 0) {
+        return -1;
     }
-    return result;
+    forget_power_line();
+    power = {.pin = pin, .value_fd = value_fd};
+    return 0;
 }
 
 int32_t location_gpio_power_off() {
@@ -262,6 +267,10 @@ int32_t location_gpio_power_off() {
         forget_power_line();
     }
     return result;
+}
+
+bool location_gpio_power_is_on() {
+    return power.pin != kNoPin;
 }
 
 int32_t location_gpio_reset_chip() {

@@ -4,12 +4,15 @@
 
 #include <cstdint>
 
-// All return 0, or -1 after logging what failed.
+// All but location_gpio_power_is_on return 0, or -1 after logging what failed.
 
 // Drives the configured power line; high means powered. Power-off switches off the line that was switched on,
 // also when the configuration names another one by then or can't be read, or no descriptor is free.
 int32_t location_gpio_power_on();
 int32_t location_gpio_power_off();
+
+// Whether a line was switched on and could not be switched off yet.
+bool location_gpio_power_is_on();
 
 // Makes the pin an output of this level; its node is made when it is missing.
 int32_t location_gpio_set_output(int32_t pin, int32_t value);

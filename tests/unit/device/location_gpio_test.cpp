@@ -32,6 +32,7 @@ struct FakeSysfs {
     Lines calls;
     int open_count = 0;
     bool no_descriptor = false;
+    int opens_left = -1;          // before no descriptor is free, -1: without limit
     std::function<void()> refuse; // called by a write, which fails then
 } sysfs;
 
@@ -48,6 +49,9 @@ void make_node(const std::string& pin) {
 
 int sysfs_open(const std::string& path, int flags) {
     const std::string name = short_name(path);
+    sysfs.no_descriptor = sysfs.no_descriptor || sysfs.opens_left == 0;
+    --sysfs.opens_left;
+    flags &= ~O_CLOEXEC;
     if (sysfs.no_descriptor || !sysfs.files.contains(name)) {
         errno = sysfs.no_descriptor ? EMFILE : ENOENT;
         return -1;
@@ -389,6 +393,25 @@ TEST_F(LocationGpio, PowerOffNeedsNoFreeDescriptorNorAConfiguration) {
     EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
 }
 
+TEST_F(LocationGpio, LineThatCouldBeSwitchedOnCanBeSwitchedOffWhenDescriptorsRunOut) {
+    configure("42");
+    make_node("42");
+    for (int opens = 0; opens < 5; ++opens) {
+        sysfs.opens_left = opens;
+        const bool on = run(location_gpio_power_on) == 0;
+        EXPECT_EQ(on, opens >= 2) << opens;
+        EXPECT_EQ(location_gpio_power_is_on(), on) << opens;
+        EXPECT_EQ(sysfs.files["gpio42/value"], on ? "1\n" : "0\n") << opens;
+        sysfs.no_descriptor = true;
+        EXPECT_EQ(run(location_gpio_power_off), on ? 0 : -1) << opens;
+        EXPECT_EQ(sysfs.files["gpio42/value"], "0\n") << opens;
+        EXPECT_FALSE(location_gpio_power_is_on());
+        EXPECT_EQ(sysfs.open_count, 0);
+        sysfs.no_descriptor = false;
+    }
+    sysfs.opens_left = -1;
+}
+
 TEST_F(LocationGpio, PowerOffThatFailsIsTriedAgainAtTheNextOne) {
     configure("42");
     EXPECT_EQ(run(location_gpio_power_on), 0);
@@ -396,6 +419,7 @@ TEST_F(LocationGpio, PowerOffThatFailsIsTriedAgainAtTheNextOne) {
     sysfs.refuse = [] { errno = EIO; };
     EXPECT_EQ(run(location_gpio_power_off), -1);
     EXPECT_EQ(sysfs.files["gpio42/value"], "1\n");
+    EXPECT_TRUE(location_gpio_power_is_on());
     sysfs.refuse = nullptr;
     run(location_gpio_power_off);
     EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
