@@ -215,7 +215,8 @@ int32_t location_service_stop() {
     puts("[LOCSERV] INF: location_service_stop");
     location_gpio_power_off();
     location_debug_close();
-    return location_io_thread_deinit();
+    const int32_t result = location_io_thread_deinit();
+    return location_gpio_power_is_on() ? kFailed : result;
 }
 
 int32_t location_service_download() {

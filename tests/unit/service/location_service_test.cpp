@@ -136,11 +136,16 @@ TEST_F(ServiceTest, StopSwitchesOffClosesDebugAndEndsTheReceiveThread) {
     EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "reply 1 0"}));
 }
 
-TEST_F(ServiceTest, StopReportsTheReceiveThreadsResultOnly) {
-    fakes_result("power_off", -1);
+TEST_F(ServiceTest, StopReportsTheReceiveThreadsResultAndALineThatIsStillOn) {
+    fakes_result("power_off", -1); // of a line that was never switched on
     EXPECT_EQ(location_service_stop(), 0);
     fakes_result("io_deinit", -1);
     EXPECT_EQ(location_service_stop(), -1);
+
+    fakes_reset();
+    fakes_result("power_is_on", 1);
+    handle(SERVICE_STOP);
+    EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "reply 1 4294967295"}));
 }
 
 TEST_F(ServiceTest, DownloadStopsDownloadsSwitchesOffAndRepliesAfterAPause) {

@@ -108,6 +108,10 @@ int32_t location_gpio_power_on() {
 int32_t location_gpio_power_off() {
     return record("power_off");
 }
+bool location_gpio_power_is_on() {
+    const std::lock_guard<std::mutex> guard(fakes.lock);
+    return fakes.results.contains("power_is_on");
+}
 void xod_mutex_init() {
     record("xod_mutex_init");
 }
