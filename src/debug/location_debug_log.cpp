@@ -46,7 +46,8 @@ int32_t location_debug_log_open() {
     }
     char path[kConfigTextSize];
     location_config_get_log_path(path);
-    state.fd = regular_file_open(path, O_WRONLY | O_APPEND | O_CREAT, kLogFilePermissions);
+    // The path may lie in /tmp, where anybody can make a link to a file of the daemon's.
+    state.fd = regular_file_open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, kLogFilePermissions);
     if (state.fd == -1) {
         printf("[LOCSERV] ERR: [debug]location_debug_start fail, %s\n", path);
         return -1;

@@ -173,7 +173,6 @@ void* location_debug_rx_task(void* argument) {
             }
             break;
         default:
-            forward_to_chip(&receive);
             usleep(kIdlePauseUs);
             break;
         }

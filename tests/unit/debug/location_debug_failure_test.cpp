@@ -33,6 +33,7 @@ struct FailureState {
     std::atomic<bool> short_writes = false;
     std::atomic<bool> malloc = false;
     std::atomic<bool> cancelled_accept = false; // once: the thread is cancelled when it has its client
+    std::atomic<int> pauses = 0;
 } failure;
 
 template <class Function> Function next_of(const char* name) {
@@ -58,6 +59,12 @@ extern "C" int __wrap_epoll_wait(int set, epoll_event* events, int most, int tim
         return -1;
     }
     return __real_epoll_wait(set, events, most, timeout_ms);
+}
+
+extern "C" int __real_usleep(useconds_t us);
+extern "C" int __wrap_usleep(useconds_t us) {
+    ++failure.pauses;
+    return __real_usleep(us);
 }
 
 extern "C" int __real_accept4(int fd, sockaddr* address, socklen_t* size, int flags);
@@ -308,7 +315,7 @@ TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {
     }
 }
 
-TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsTheLastInputAgain) {
+TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsNothingMore) {
     DebugOutlet outlet{.mode = DEBUG_MODE_TCP,
                        .listen_fd = location_socket_server_create_tcp("127.0.0.1", port),
                        .epoll_fd = epoll_create(10)};
@@ -318,9 +325,10 @@ TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsTheLastInputAgain
     const auto client = connect_listed(1);
     outlet.mode = DEBUG_MODE_OFF;
     client->send("abc");
-    EXPECT_TRUE(wait_until([] { return chip_writes().size() >= 3; }));
-    EXPECT_EQ(chip_writes()[0], "abc");
-    EXPECT_EQ(chip_writes()[2], "abc");
+    EXPECT_TRUE(wait_until([] { return !chip_writes().empty(); }));
+    const int before = failure.pauses;
+    EXPECT_TRUE(wait_until([=] { return failure.pauses >= before + 2; }));
+    EXPECT_EQ(chip_writes(), std::vector<std::string>{"abc"});
     pthread_cancel(task);
     pthread_join(task, nullptr);
     close(outlet.listen_fd);

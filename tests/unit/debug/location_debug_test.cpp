@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sys/stat.h>
@@ -91,6 +92,19 @@ TEST_F(DebugTest, PipeOrDeviceIsNoLogFileAndHoldsNothingUp) {
     EXPECT_EQ(location_debug_start(), -1);
     EXPECT_EQ(log_count("location_debug_start fail"), 3U);
     close(reader);
+}
+
+TEST_F(DebugTest, LinkInThePlaceOfTheLogFileIsNotFollowed) {
+    const std::string other = (directory.path / "other").string();
+    std::filesystem::create_symlink(other, log_path);
+    for (int i = 0; i < 2; ++i) {
+        location_debug_set_mode(DEBUG_MODE_FILE);
+        EXPECT_EQ(location_debug_start(), -1);
+        handle_text("abc");
+        EXPECT_EQ(content_of(other), "");
+        std::ofstream(other).flush(); // a link to nothing, then to a file
+    }
+    EXPECT_EQ(log_lines().back(), "[LOCSERV] ERR: [debug]location_debug_start fail, " + log_path);
 }
 
 TEST_F(DebugTest, NewLogFileIsOpenToEveryUserAsFarAsTheUmaskAllows) {
