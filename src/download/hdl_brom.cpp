@@ -260,8 +260,14 @@ bool compare_checksum(uint16_t own) {
 // for success, so a status that is an error counts as success too.
 uint16_t upload_agent(FILE* file, uint32_t size) {
     uint16_t status = 0;
-    if (!announce_agent(size, &status) || !compare_checksum(send_agent_file(file, size)) ||
-        !read_word(kSendAgentTexts, &status) || !is_good(kSendAgentTexts, status)) {
+    if (!announce_agent(size, &status)) {
+        return status;
+    }
+    const uint16_t own = send_agent_file(file, size);
+    if (hdl_progress_given_up()) { // nothing of it counts: a link that was given up reads as zeros
+        return 0;
+    }
+    if (!compare_checksum(own) || !read_word(kSendAgentTexts, &status) || !is_good(kSendAgentTexts, status)) {
         return status;
     }
     tool_log_info("send DA successful\n");

@@ -5,6 +5,7 @@
 #include "support/fake_clock.h"
 #include "support/private_dir.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -155,6 +156,19 @@ TEST_F(SendAgent, FileGoesInChunks) {
     EXPECT_EQ(Lines(log.begin() + 5, log.begin() + 8),
               (Lines{"[I] SEND 1024 bytes OK,total 1024", "[I] SEND 1024 bytes OK,total 2048",
                      "[I] SEND 453 bytes OK,total 2501"}));
+}
+
+TEST_F(SendAgent, GivenUpUploadIsNoSuccessAlthoughTheLinkReadsZeros) {
+    use_file("abcd");
+    answer({{0, 0}, {0, 0}, {0, 0}}, {}); // the status, and what a checksum and a last status would be
+    brom_link.at_receive = [] {
+        if (brom_link.arriving.size() == 3) { // the status comes late
+            fake_clock.now_ms += 2100;
+        }
+    };
+    const StopRequest stop;
+    EXPECT_FALSE(send());
+    EXPECT_EQ(std::count(log.begin(), log.end(), "[I] send DA successful"), 0);
 }
 
 TEST_F(SendAgent, WhatIsNoFileWithBytesIsNotAnnounced) {
