@@ -54,8 +54,8 @@ bool stops_link(uint32_t id) {
 }
 
 void announce() {
+    stop_request_announce(); // first: withdraw() goes the other way round and never meets a half announcement
     ++state.announced;
-    stop_request_announce();
 }
 
 // Ends one announcement. There is none when the record came from another program.
