@@ -1,10 +1,10 @@
 #include "chip/chip_agent.h"
 
-#include "chip/chip.h"
 #include "chip/chip_bytes.h"
 #include "chip/chip_crc32.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -58,7 +58,7 @@ uint8_t status_of(ChipFlashResult result) {
     return result == ChipFlashResult::misplaced ? kChipAgentBadPlace : kChipAgentUnerased;
 }
 
-uint8_t erase(Chip& chip, const uint8_t* request, Payload& response) {
+uint8_t erase(const ChipAgentParts& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     chip_append_le(response, address, 4);
     const uint8_t status = status_of(chip_flash_erase(chip.flash, address, chip_load_le(request + 4, 4)));
@@ -66,7 +66,7 @@ uint8_t erase(Chip& chip, const uint8_t* request, Payload& response) {
     return status;
 }
 
-uint8_t write(Chip& chip, const uint8_t* request, Payload& response) {
+uint8_t write(const ChipAgentParts& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     chip_append_le(response, address, 4);
     if (chip_load_le(request + 4, 2) != kChipFlashBlock) {
@@ -81,7 +81,7 @@ uint8_t write(Chip& chip, const uint8_t* request, Payload& response) {
 }
 
 // The CRC covers the image and what fills it up to a multiple of 4.
-uint8_t check(Chip& chip, const uint8_t* request, Payload& response) {
+uint8_t check(const ChipAgentParts& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     const uint32_t size = chip_load_le(request + 4, 4);
     if (size > chip.options.flash_size || !chip_flash_holds(chip.flash, address, (size + 3) / 4 * 4)) {
@@ -105,7 +105,7 @@ void append_data(Payload& response, uint32_t address, const Payload& data) {
     response.insert(response.end(), data.begin(), data.end());
 }
 
-uint8_t read_back(Chip& chip, const uint8_t* request, Payload& response) {
+uint8_t read_back(const ChipAgentParts& chip, const uint8_t* request, Payload& response) {
     const uint32_t address = chip_load_le(request, 4);
     const uint32_t size = chip_load_le(request + 4, 2);
     if (size != kReadSize || !chip_flash_holds(chip.flash, address, size)) {
@@ -130,7 +130,7 @@ uint8_t read_otp(const uint8_t* request, Payload& response) {
     return kChipAgentGood;
 }
 
-uint8_t finish(Chip& chip) {
+uint8_t finish(const ChipAgentParts& chip) {
     const bool complete = chip_flash_finish(chip.flash);
     chip.agent.finished = true;
     chip.status.download.completed += complete ? 1 : 0;
@@ -138,7 +138,7 @@ uint8_t finish(Chip& chip) {
     return complete ? kChipAgentGood : kChipAgentUnchecked;
 }
 
-uint8_t act(Chip& chip, const Request& request, Payload& response) {
+uint8_t act(const ChipAgentParts& chip, const Request& request, Payload& response) {
     switch (request.identifier) {
     case kChipAgentWrite:
         return write(chip, request.payload, response);
@@ -192,9 +192,10 @@ Payload garbage(std::mt19937& random) {
     return bytes;
 }
 
-// A response and what befalls it, apart from its status.
-void send_befallen(Chip& chip, const ChipAnswerFaultSet& faults, uint16_t identifier, const Payload& frame,
-                   uint64_t now_us) {
+// Sends a response as the faults in force want it: other bytes before it, late, twice, or not at all. The
+// status in it is the caller's affair.
+void send_with_faults(const ChipAgentParts& chip, const ChipAnswerFaultSet& faults, uint16_t identifier,
+                      const Payload& frame, uint64_t now_us) {
     const auto send = [&](bool wanted, const Payload& bytes) {
         if (wanted) {
             chip_spim_send(chip.spim, bytes, now_us + faults.late_us);
@@ -208,7 +209,8 @@ void send_befallen(Chip& chip, const ChipAnswerFaultSet& faults, uint16_t identi
     send(on[kChipAnswerTwice], frame);
 }
 
-void send_response(Chip& chip, uint16_t identifier, uint8_t status, const Payload& payload, uint64_t now_us) {
+void send_response(const ChipAgentParts& chip, uint16_t identifier, uint8_t status, const Payload& payload,
+                   uint64_t now_us) {
     Payload body = {status};
     body.insert(body.end(), payload.begin(), payload.end());
     const ChipAnswerFaultSet faults = chip_fault_answer(chip.faults, identifier);
@@ -216,10 +218,10 @@ void send_response(Chip& chip, uint16_t identifier, uint8_t status, const Payloa
         body[0] = kChipAgentToldToFail;
     }
     chip.status.download.commands_failed += body[0] == kChipAgentGood ? 0 : 1;
-    send_befallen(chip, faults, identifier, frame_of('[', identifier, body), now_us);
+    send_with_faults(chip, faults, identifier, frame_of('[', identifier, body), now_us);
 }
 
-void take_command(Chip& chip, const Shape* shape, const Payload& frame, uint64_t now_us) {
+void take_command(const ChipAgentParts& chip, const Shape* shape, const Payload& frame, uint64_t now_us) {
     const auto identifier = static_cast<uint16_t>(chip_load_le(frame.data() + kLengthFrom, 2));
     Payload payload;
     uint8_t status = kChipAgentBadRequest;
@@ -274,7 +276,7 @@ Payload next_frame(Payload& input) {
 }
 
 // The power fails in the middle of it: a block is written by half.
-ChipLoaderEnd fail_power(Chip& chip, const Payload& frame) {
+ChipLoaderEnd fail_power(const ChipAgentParts& chip, const Payload& frame) {
     if (chip_load_le(frame.data() + kLengthFrom, 2) == kChipAgentWrite && frame.size() > kChipFlashBlock) {
         chip_flash_write(chip.flash, chip_load_le(frame.data() + kHeadSize, 4), frame.data() + kHeadSize + 6,
                          kChipFlashBlock / 2);
@@ -284,7 +286,8 @@ ChipLoaderEnd fail_power(Chip& chip, const Payload& frame) {
 
 } // namespace
 
-ChipLoaderEnd chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
+ChipLoaderEnd chip_agent_receive(const ChipAgentParts& chip, const uint8_t* data, size_t length,
+                                 uint64_t now_us) {
     if (chip.agent.finished) {
         return ChipLoaderEnd::none;
     }

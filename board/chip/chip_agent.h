@@ -3,13 +3,17 @@
 #define TAVOR_BOARD_CHIP_AGENT_H
 
 #include "chip/chip_boot_rom.h"
+#include "chip/chip_fault.h"
+#include "chip/chip_flash.h"
+#include "chip/chip_options.h"
+#include "chip/chip_spim.h"
+#include "chip/chip_status.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
-
-struct Chip;
 
 // Identifiers of the commands, which their responses bear too.
 enum ChipAgentCommand : uint16_t {
@@ -45,7 +49,19 @@ struct ChipAgentState {
     bool finished = false;      // takes no more commands
 };
 
+// The parts of the chip that this works on.
+struct ChipAgentParts {
+    ChipAgentState& agent;
+    ChipFlash& flash;
+    const ChipOptions& options;
+    ChipFaultState& faults;
+    ChipSpimState& spim; // takes the responses
+    ChipStatus& status;
+    std::mt19937& random;
+};
+
 // Bytes of one block from the host.
-ChipLoaderEnd chip_agent_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
+ChipLoaderEnd chip_agent_receive(const ChipAgentParts& chip, const uint8_t* data, size_t length,
+                                 uint64_t now_us);
 
 #endif

@@ -1,6 +1,6 @@
 #include "chip/chip_aiding.h"
 
-#include "chip/chip.h"
+#include "chip/chip_sentence.h"
 
 #include <algorithm>
 #include <array>
@@ -52,8 +52,8 @@ int number(const std::string& text) {
     return atoi(text.c_str()); // at most four digits, all checked
 }
 
-void ask(Chip& chip, const char* body, uint64_t& due_us, ChipAidingStatus& status, uint64_t now_us) {
-    chip_fifo_offer(chip.transmit, chip_sentence(body));
+void ask(ChipFifo& transmit, const char* body, uint64_t& due_us, ChipAidingStatus& status, uint64_t now_us) {
+    chip_fifo_offer(transmit, chip_sentence(body));
     ++status.requests;
     due_us = now_us + kRepeatUs;
 }
@@ -68,14 +68,14 @@ bool judge(ChipAidingStatus& status, bool& known, const std::string& error) {
 
 } // namespace
 
-void chip_aiding_boot(Chip& chip, uint64_t now_us) {
-    chip.aiding = {};
-    chip.status.assisted = false;
-    chip.aiding.next_time_us = now_us;
-    chip.aiding.next_position_us = now_us;
+void chip_aiding_boot(ChipAidingState& aiding, ChipStatus& status, uint64_t now_us) {
+    aiding = {};
+    status.assisted = false;
+    aiding.next_time_us = now_us;
+    aiding.next_position_us = now_us;
 }
 
-void chip_aiding_run(Chip& chip, uint64_t now_us) {
+void chip_aiding_run(const ChipAidingParts& chip, uint64_t now_us) {
     const bool orbits_known = chip.orbits.of[static_cast<size_t>(ChipConstellation::gps)].known;
     if (!chip.status.assisted && chip.aiding.time_known && orbits_known) {
         chip.status.assisted = true;
@@ -86,14 +86,15 @@ void chip_aiding_run(Chip& chip, uint64_t now_us) {
     }
     ChipAidingState& aiding = chip.aiding;
     if (!aiding.time_known && now_us >= aiding.next_time_us) {
-        ask(chip, kTimeRequest, aiding.next_time_us, chip.status.aiding_time, now_us);
+        ask(chip.transmit, kTimeRequest, aiding.next_time_us, chip.status.aiding_time, now_us);
     }
     if (!aiding.position_known && now_us >= aiding.next_position_us) {
-        ask(chip, kPositionRequest, aiding.next_position_us, chip.status.aiding_position, now_us);
+        ask(chip.transmit, kPositionRequest, aiding.next_position_us, chip.status.aiding_position, now_us);
     }
 }
 
-bool chip_aiding_answer(Chip& chip, const std::vector<std::string>& fields, uint64_t now_us) {
+bool chip_aiding_answer(const ChipAidingParts& chip, const std::vector<std::string>& fields,
+                        uint64_t now_us) {
     const std::vector<std::string> values(fields.begin() + 1, fields.end());
     if (fields[0] == kReferenceTime) {
         const uint64_t utc = chip_utc_us(chip.options, now_us);

@@ -1,6 +1,5 @@
 #include "chip/chip_boot_rom.h"
 
-#include "chip/chip.h"
 #include "chip/chip_bytes.h"
 
 #include <algorithm>
@@ -46,19 +45,19 @@ const Command* command_of(uint8_t byte) {
     return found == std::end(kCommands) ? nullptr : found;
 }
 
-void send(Chip& chip, const std::vector<uint8_t>& bytes, uint64_t now_us) {
+void send(const ChipBootRomParts& chip, const std::vector<uint8_t>& bytes, uint64_t now_us) {
     if (!chip.faults.boot_silent) {
         chip_spim_send(chip.spim, bytes, now_us);
     }
 }
 
-void send_word(Chip& chip, uint16_t word, uint64_t now_us) {
+void send_word(const ChipBootRomParts& chip, uint16_t word, uint64_t now_us) {
     std::vector<uint8_t> bytes;
     chip_append_le(bytes, word, sizeof word);
     send(chip, bytes, now_us);
 }
 
-void echo(Chip& chip, std::vector<uint8_t> bytes, uint64_t now_us) {
+void echo(const ChipBootRomParts& chip, std::vector<uint8_t> bytes, uint64_t now_us) {
     ++chip.boot_rom.echoes;
     if (chip_fault_echo(chip.faults, chip.boot_rom.echoes)) {
         bytes[0] ^= 0x01;
@@ -67,7 +66,7 @@ void echo(Chip& chip, std::vector<uint8_t> bytes, uint64_t now_us) {
 }
 
 // Returns whether the status that went out is good.
-bool send_status(Chip& chip, uint16_t status, uint64_t now_us) {
+bool send_status(const ChipBootRomParts& chip, uint16_t status, uint64_t now_us) {
     ++chip.boot_rom.words;
     const bool wrong = chip_fault_word(chip.faults, chip.boot_rom.words);
     const uint16_t shown = wrong ? kToldToFail : status;
@@ -87,7 +86,7 @@ bool is_register(uint32_t address, uint32_t count) {
 }
 
 // The three act once the parameter of this index has come; false ends the command.
-bool write_register(Chip& chip, size_t index, uint64_t now_us) {
+bool write_register(const ChipBootRomParts& chip, size_t index, uint64_t now_us) {
     ChipBootRomState& rom = chip.boot_rom;
     if (index == 1) {
         const bool known = is_register(rom.parameters[0], rom.parameters[1]);
@@ -99,7 +98,7 @@ bool write_register(Chip& chip, size_t index, uint64_t now_us) {
     return index < 2;
 }
 
-bool send_agent(Chip& chip, size_t index, uint64_t now_us) {
+bool send_agent(const ChipBootRomParts& chip, size_t index, uint64_t now_us) {
     ChipBootRomState& rom = chip.boot_rom;
     if (index < 2) {
         return true;
@@ -116,7 +115,7 @@ bool send_agent(Chip& chip, size_t index, uint64_t now_us) {
     return false;
 }
 
-bool jump(Chip& chip, uint64_t now_us) {
+bool jump(const ChipBootRomParts& chip, uint64_t now_us) {
     const ChipBootRomState& rom = chip.boot_rom;
     const bool loaded = rom.agent_size > 0 && rom.agent_taken == rom.agent_size;
     const uint16_t status = rom.parameters[0] != kChipAgentAddress ? kBadAddress : loaded ? kGood : kNoAgent;
@@ -126,7 +125,7 @@ bool jump(Chip& chip, uint64_t now_us) {
     return false;
 }
 
-bool act(Chip& chip, size_t index, uint64_t now_us) {
+bool act(const ChipBootRomParts& chip, size_t index, uint64_t now_us) {
     switch (chip.boot_rom.command) {
     case kWriteRegister:
         return write_register(chip, index, now_us);
@@ -140,7 +139,7 @@ bool act(Chip& chip, size_t index, uint64_t now_us) {
     }
 }
 
-void send_identifier(Chip& chip, uint64_t now_us) {
+void send_identifier(const ChipBootRomParts& chip, uint64_t now_us) {
     std::vector<uint8_t> response = {kReadIdentifier};
     for (size_t i = 0; i < kIdentifierSize; ++i) {
         response.push_back(static_cast<uint8_t>(i));
@@ -149,7 +148,7 @@ void send_identifier(Chip& chip, uint64_t now_us) {
     send(chip, response, now_us);
 }
 
-void take_command(Chip& chip, uint8_t byte, uint64_t now_us) {
+void take_command(const ChipBootRomParts& chip, uint8_t byte, uint64_t now_us) {
     const Command* command = command_of(byte);
     if (command == nullptr) {
         send_status(chip, kUnknownCommand, now_us);
@@ -161,7 +160,7 @@ void take_command(Chip& chip, uint8_t byte, uint64_t now_us) {
     }
 }
 
-void take_parameter(Chip& chip, uint8_t byte, uint64_t now_us) {
+void take_parameter(const ChipBootRomParts& chip, uint8_t byte, uint64_t now_us) {
     ChipBootRomState& rom = chip.boot_rom;
     const Command* command = command_of(rom.command);
     rom.number.push_back(byte);
@@ -177,7 +176,7 @@ void take_parameter(Chip& chip, uint8_t byte, uint64_t now_us) {
     }
 }
 
-void take_agent_byte(Chip& chip, uint8_t byte, uint64_t now_us) {
+void take_agent_byte(const ChipBootRomParts& chip, uint8_t byte, uint64_t now_us) {
     ChipBootRomState& rom = chip.boot_rom;
     const unsigned shift = rom.agent_taken % 2 == 0 ? 0 : 8;
     rom.checksum = static_cast<uint16_t>(rom.checksum ^ byte << shift);
@@ -191,7 +190,7 @@ void take_agent_byte(Chip& chip, uint8_t byte, uint64_t now_us) {
 }
 
 // Until all four have come in order. The first one starts again at any time; a wrong one is not answered.
-void take_handshake(Chip& chip, uint8_t byte, uint64_t now_us) {
+void take_handshake(const ChipBootRomParts& chip, uint8_t byte, uint64_t now_us) {
     ChipBootRomState& rom = chip.boot_rom;
     const uint32_t place = byte == kHandshake[0] ? 0 : rom.handshake;
     if (byte != kHandshake[place]) {
@@ -206,7 +205,8 @@ void take_handshake(Chip& chip, uint8_t byte, uint64_t now_us) {
 
 } // namespace
 
-ChipLoaderEnd chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us) {
+ChipLoaderEnd chip_boot_rom_receive(const ChipBootRomParts& chip, const uint8_t* data, size_t length,
+                                    uint64_t now_us) {
     const ChipBootRomState& rom = chip.boot_rom;
     if (rom.agent_taken < rom.agent_size && chip_fault_power(chip.faults, kChipAgentUpload)) {
         return ChipLoaderEnd::power_lost;

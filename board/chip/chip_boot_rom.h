@@ -3,13 +3,15 @@
 #ifndef TAVOR_BOARD_CHIP_BOOT_ROM_H
 #define TAVOR_BOARD_CHIP_BOOT_ROM_H
 
+#include "chip/chip_fault.h"
+#include "chip/chip_spim.h"
+#include "chip/chip_status.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
-
-struct Chip;
 
 inline constexpr uint32_t kChipAgentAddress = 0x4200000;  // where the download agent runs
 inline constexpr uint32_t kChipAgentMaxSize = 256 * 1024; // bytes of RAM there
@@ -31,6 +33,14 @@ struct ChipBootRomState {
     std::map<uint32_t, uint16_t> registers;
 };
 
+// The parts of the chip that this works on.
+struct ChipBootRomParts {
+    ChipBootRomState& boot_rom;
+    ChipFaultState& faults;
+    ChipSpimState& spim; // takes the bytes for the host
+    ChipStatus& status;
+};
+
 // What becomes of the chip behind a block.
 enum class ChipLoaderEnd : uint8_t {
     none,       // it goes on
@@ -39,6 +49,7 @@ enum class ChipLoaderEnd : uint8_t {
 };
 
 // Bytes of one block from the host.
-ChipLoaderEnd chip_boot_rom_receive(Chip& chip, const uint8_t* data, size_t length, uint64_t now_us);
+ChipLoaderEnd chip_boot_rom_receive(const ChipBootRomParts& chip, const uint8_t* data, size_t length,
+                                    uint64_t now_us);
 
 #endif

@@ -76,7 +76,7 @@ struct ChipAnswerFaultSet {
     uint64_t late_us = 0;
 };
 
-// Whether a fault in force may bring a host out of step with the slave.
+// Whether a fault in force may make a host lose track of what the chip has taken and answered.
 bool chip_fault_disturbs(const ChipFaultState& faults);
 
 // Whether the fault strikes now; each counts it.

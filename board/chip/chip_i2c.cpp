@@ -1,6 +1,5 @@
 #include "chip/chip_i2c.h"
 
-#include "chip/chip.h"
 #include "chip/chip_bytes.h"
 
 #include <algorithm>
@@ -24,9 +23,10 @@ constexpr uint32_t kTransmitBuffer = 0x2000;
 constexpr uint32_t kRegisterSize = 4;
 constexpr uint8_t kFloatingLine = 0xFF; // what the host reads behind the end of the data
 
-// Who breaks the protocol gets no acknowledge. It counts unless a fault has brought the host out of step, in
-// this direction or at all.
-std::nullopt_t refuse(Chip& chip, const char* what, uint32_t number, bool direction_excused = false) {
+// A transfer that breaks the protocol is not acknowledged. It counts as a violation unless the host is
+// excused, at all or in this direction.
+std::nullopt_t refuse(const ChipI2cParts& chip, const char* what, uint32_t number,
+                      bool direction_excused = false) {
     if (!chip.i2c.excused && !direction_excused) {
         std::array<char, 128> text{};
         snprintf(text.data(), text.size(), "%s (0x%x)", what, number);
@@ -37,23 +37,23 @@ std::nullopt_t refuse(Chip& chip, const char* what, uint32_t number, bool direct
 }
 
 // Faults that take everything and do nothing with it.
-bool is_deaf(const Chip& chip) {
-    return chip.faults.zero || chip.faults.garbage == ChipGarbage::all;
+bool is_deaf(const ChipFaultState& faults) {
+    return faults.zero || faults.garbage == ChipGarbage::all;
 }
 
-void randomize(Chip& chip, uint8_t* bytes, uint32_t length) {
-    std::generate_n(bytes, length, [&] { return static_cast<uint8_t>(chip.random()); });
+void randomize(std::mt19937& random, uint8_t* bytes, uint32_t length) {
+    std::generate_n(bytes, length, [&] { return static_cast<uint8_t>(random()); });
 }
 
 uint32_t phase_size(bool falls_short, uint32_t length) {
     return falls_short ? std::max(length / 2, 1U) : length;
 }
 
-std::optional<uint32_t> probe(Chip& chip) {
-    chip.i2c.phase = ChipPhase::idle;
-    chip.i2c.excused = false;
-    if (chip_fault_disturbs(chip.faults)) {
-        chip_i2c_excuse(chip.i2c);
+std::optional<uint32_t> probe(ChipI2cState& slave, const ChipFaultState& faults) {
+    slave.phase = ChipPhase::idle;
+    slave.excused = false;
+    if (chip_fault_disturbs(faults)) {
+        chip_i2c_excuse(slave);
     }
     return 1;
 }
@@ -82,7 +82,7 @@ ChipPhase phase_of(uint32_t address) {
     return address == kReceiveBuffer ? ChipPhase::data_write : ChipPhase::register_read;
 }
 
-std::nullopt_t refuse_command(Chip& chip, const char* error, uint32_t address, uint32_t count) {
+std::nullopt_t refuse_command(const ChipI2cParts& chip, const char* error, uint32_t address, uint32_t count) {
     if (address == kTransmitBuffer) {
         return refuse(chip, error, count, chip.i2c.tx_excused);
     }
@@ -92,9 +92,9 @@ std::nullopt_t refuse_command(Chip& chip, const char* error, uint32_t address, u
     return refuse(chip, error, address);
 }
 
-std::optional<uint32_t> command(Chip& chip, const uint8_t* bytes, uint32_t length) {
+std::optional<uint32_t> command(const ChipI2cParts& chip, const uint8_t* bytes, uint32_t length) {
     if (length == 1 && bytes[0] == kProbe) {
-        return probe(chip);
+        return probe(chip.i2c, chip.faults);
     }
     if (length != kCommandSize) {
         return refuse(chip, "I2C command is not 8 bytes", length);
@@ -115,7 +115,8 @@ std::optional<uint32_t> command(Chip& chip, const uint8_t* bytes, uint32_t lengt
     return length;
 }
 
-std::optional<uint32_t> take_data(Chip& chip, const uint8_t* data, uint32_t length, uint64_t now_us) {
+std::optional<uint32_t> take_data(const ChipI2cParts& chip, const uint8_t* data, uint32_t length,
+                                  uint64_t now_us) {
     if (chip.i2c.phase != ChipPhase::data_write || length != chip.i2c.length) {
         return refuse(chip, "I2C write without its command or of another length", length);
     }
@@ -123,16 +124,19 @@ std::optional<uint32_t> take_data(Chip& chip, const uint8_t* data, uint32_t leng
     chip.i2c.phase = ChipPhase::idle;
     chip.i2c.announced_rx -= length;
     chip.status.bytes_received += count;
-    chip_command_receive(chip, data, count, now_us);
+    chip_command_receive(chip.commands, data, count, now_us);
     return count;
 }
 
-void fill_register(Chip& chip, uint8_t* out) {
+void fill_register(const ChipI2cParts& chip, uint8_t* out) {
     const bool tx = chip.i2c.address == kTxLenRegister;
     std::vector<uint8_t> bytes;
-    chip_append_le(bytes, tx ? chip_slave_tx_length(chip) : chip_slave_rx_length(chip), kRegisterSize);
+    chip_append_le(bytes,
+                   tx ? chip_slave_tx_length(chip.faults, chip.transmit)
+                      : chip_slave_rx_length(chip.faults, chip.options),
+                   kRegisterSize);
     if (chip.faults.garbage == ChipGarbage::data) {
-        randomize(chip, bytes.data(), kRegisterSize);
+        randomize(chip.random, bytes.data(), kRegisterSize);
     }
     (tx ? chip.i2c.announced_tx : chip.i2c.announced_rx) = chip_load_le(bytes.data(), kRegisterSize);
     (tx ? chip.i2c.tx_excused : chip.i2c.rx_excused) = chip_fault_disturbs(chip.faults);
@@ -140,7 +144,7 @@ void fill_register(Chip& chip, uint8_t* out) {
 }
 
 // count: the bytes that really move; the rest waits for the next command.
-void fill_data(Chip& chip, uint8_t* out, uint32_t count) {
+void fill_data(const ChipI2cParts& chip, uint8_t* out, uint32_t count) {
     uint64_t sentences = 0;
     const size_t popped = chip_fifo_pop(chip.transmit, out, count, sentences);
     std::fill(out + popped, out + count, kFloatingLine);
@@ -148,11 +152,11 @@ void fill_data(Chip& chip, uint8_t* out, uint32_t count) {
     chip.status.sentences_delivered += sentences;
     chip.i2c.announced_tx -= chip.i2c.length;
     if (chip.faults.garbage == ChipGarbage::data) {
-        randomize(chip, out, count);
+        randomize(chip.random, out, count);
     }
 }
 
-std::optional<uint32_t> give_data(Chip& chip, uint8_t* out, uint32_t length) {
+std::optional<uint32_t> give_data(const ChipI2cParts& chip, uint8_t* out, uint32_t length) {
     const bool is_register = chip.i2c.phase == ChipPhase::register_read;
     if ((!is_register && chip.i2c.phase != ChipPhase::data_read) || length != chip.i2c.length) {
         return refuse(chip, "I2C read without its command or of another length", length);
@@ -175,9 +179,9 @@ void chip_i2c_excuse(ChipI2cState& slave) {
     slave.rx_excused = true;
 }
 
-std::optional<uint32_t> chip_i2c_take(Chip& chip, uint8_t address, const uint8_t* data, uint32_t length,
-                                      uint64_t now_us) {
-    if (is_deaf(chip)) {
+std::optional<uint32_t> chip_i2c_take(const ChipI2cParts& chip, uint8_t address, const uint8_t* data,
+                                      uint32_t length, uint64_t now_us) {
+    if (is_deaf(chip.faults)) {
         return length;
     }
     if (address == kChipI2cCommandPort) {
@@ -187,13 +191,14 @@ std::optional<uint32_t> chip_i2c_take(Chip& chip, uint8_t address, const uint8_t
                                         : refuse(chip, "write to no I2C port for it", address);
 }
 
-std::optional<uint32_t> chip_i2c_give(Chip& chip, uint8_t address, uint8_t* data, uint32_t length) {
+std::optional<uint32_t> chip_i2c_give(const ChipI2cParts& chip, uint8_t address, uint8_t* data,
+                                      uint32_t length) {
     if (chip.faults.zero) {
         std::fill_n(data, length, uint8_t{0});
         return length;
     }
-    if (is_deaf(chip)) {
-        randomize(chip, data, length);
+    if (is_deaf(chip.faults)) {
+        randomize(chip.random, data, length);
         return length;
     }
     return address == kChipI2cReadPort ? give_data(chip, data, length)

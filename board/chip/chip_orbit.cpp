@@ -1,6 +1,6 @@
 #include "chip/chip_orbit.h"
 
-#include "chip/chip.h"
+#include "chip/chip_sentence.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -32,14 +32,12 @@ uint32_t hour_of(const std::string& word) {
     return static_cast<uint32_t>(strtoul(word.c_str(), nullptr, 16)) & kHourMask;
 }
 
-size_t records_of(const Chip& chip, ChipConstellation constellation) {
-    return chip_orbit_satellites(constellation, chip.options.seed).size() +
-           (chip_orbit_has_header(constellation) ? 1 : 0);
+size_t records_of(ChipConstellation constellation, uint32_t seed) {
+    return chip_orbit_satellites(constellation, seed).size() + (chip_orbit_has_header(constellation) ? 1 : 0);
 }
 
 // The record number index of an answer.
-Expected expected(const Chip& chip, ChipConstellation constellation, size_t index, uint32_t hour) {
-    const uint32_t seed = chip.options.seed;
+Expected expected(ChipConstellation constellation, size_t index, uint32_t hour, uint32_t seed) {
     const bool has_header = chip_orbit_has_header(constellation);
     if (has_header && index == 0) {
         return {chip_orbit_header_number(constellation), chip_orbit_header(constellation, hour, seed)};
@@ -53,8 +51,8 @@ bool covers(uint32_t hour, uint32_t hours, uint32_t moment) {
 }
 
 // What is wrong with a record, empty when nothing is. Keeps the hour of the first one of a segment.
-std::string record_error(const Chip& chip, ChipConstellation constellation, ChipOrbitProgress& progress,
-                         const std::vector<std::string>& fields) {
+std::string record_error(ChipConstellation constellation, ChipOrbitProgress& progress,
+                         const std::vector<std::string>& fields, uint32_t seed) {
     const bool is_header = chip_orbit_has_header(constellation) && progress.received == 0;
     const size_t first = chip_orbit_has_header(constellation) ? 1 : 0;
     const uint32_t hour = hour_of(fields[kFirstWordField]);
@@ -66,7 +64,7 @@ std::string record_error(const Chip& chip, ChipConstellation constellation, Chip
         return "of hour " + std::to_string(progress.hour) + ", asked for " +
                std::to_string(progress.asked_hour);
     }
-    const Expected due = expected(chip, constellation, progress.received, progress.hour);
+    const Expected due = expected(constellation, progress.received, progress.hour, seed);
     if (fields[2] != hex(due.satellite)) {
         return "satellite " + fields[2] + ", not " + hex(due.satellite);
     }
@@ -88,14 +86,14 @@ void judge(ChipAidingStatus& status, ChipOrbitProgress& progress) {
     progress.error.clear();
 }
 
-void ask(Chip& chip, size_t number, uint64_t now_us) {
+void ask(const ChipOrbitParts& chip, size_t number, uint64_t now_us) {
     const auto constellation = static_cast<ChipConstellation>(number);
     ChipOrbitProgress& progress = chip.orbits.of[number];
     ChipAidingStatus& status = chip.status.aiding_orbits[number];
     if (progress.received > 0) { // the answer before broke off
         if (progress.error.empty()) {
             progress.error = std::to_string(progress.received) + " of " +
-                             std::to_string(records_of(chip, constellation)) + " records";
+                             std::to_string(records_of(constellation, chip.options.seed)) + " records";
         }
         judge(status, progress);
     }
@@ -118,12 +116,12 @@ int constellation_of(const std::vector<std::string>& fields) {
 
 } // namespace
 
-void chip_orbit_boot(Chip& chip, uint64_t now_us) {
-    chip.orbits = {};
-    chip.orbits.next_request_us = now_us;
+void chip_orbit_boot(ChipOrbitState& orbits, uint64_t now_us) {
+    orbits = {};
+    orbits.next_request_us = now_us;
 }
 
-void chip_orbit_run(Chip& chip, uint64_t now_us) {
+void chip_orbit_run(const ChipOrbitParts& chip, uint64_t now_us) {
     if (!chip.options.orbit_requests || now_us < chip.orbits.next_request_us) {
         return;
     }
@@ -134,7 +132,7 @@ void chip_orbit_run(Chip& chip, uint64_t now_us) {
     }
 }
 
-bool chip_orbit_answer(Chip& chip, const std::vector<std::string>& fields, uint64_t now_us) {
+bool chip_orbit_answer(const ChipOrbitParts& chip, const std::vector<std::string>& fields, uint64_t now_us) {
     const int number = constellation_of(fields);
     if (number < 0 || chip.orbits.of[static_cast<size_t>(number)].asked_hour == 0) {
         ++chip.status.orbits_stray;
@@ -142,14 +140,14 @@ bool chip_orbit_answer(Chip& chip, const std::vector<std::string>& fields, uint6
     }
     const auto constellation = static_cast<ChipConstellation>(number);
     ChipOrbitProgress& progress = chip.orbits.of[static_cast<size_t>(number)];
-    const std::string error = record_error(chip, constellation, progress, fields);
+    const std::string error = record_error(constellation, progress, fields, chip.options.seed);
     ++progress.received;
     if (progress.error.empty() && !error.empty()) {
         progress.error = "record " + std::to_string(progress.received) + ": " + error;
     }
     progress.due_us = now_us + kRepeatUs;
     chip.orbits.next_request_us = now_us + kQuietUs;
-    if (progress.received == records_of(chip, constellation)) {
+    if (progress.received == records_of(constellation, chip.options.seed)) {
         chip.orbits.next_request_us = now_us;
         judge(chip.status.aiding_orbits[static_cast<size_t>(number)], progress);
     }

@@ -3,14 +3,15 @@
 #ifndef TAVOR_BOARD_CHIP_ORBIT_H
 #define TAVOR_BOARD_CHIP_ORBIT_H
 
+#include "chip/chip_fifo.h"
+#include "chip/chip_options.h"
 #include "chip/chip_orbit_file.h"
+#include "chip/chip_status.h"
 
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
-
-struct Chip;
 
 // One constellation.
 struct ChipOrbitProgress {
@@ -27,13 +28,21 @@ struct ChipOrbitState {
     uint64_t next_request_us = 0; // while an answer may come no other is asked for
 };
 
+// The parts of the chip that this works on.
+struct ChipOrbitParts {
+    ChipOrbitState& orbits;
+    const ChipOptions& options;
+    ChipFifo& transmit;
+    ChipStatus& status;
+};
+
 // Cold boot: everything is asked for again.
-void chip_orbit_boot(Chip& chip, uint64_t now_us);
+void chip_orbit_boot(ChipOrbitState& orbits, uint64_t now_us);
 
 // Sends the request that is due.
-void chip_orbit_run(Chip& chip, uint64_t now_us);
+void chip_orbit_run(const ChipOrbitParts& chip, uint64_t now_us);
 
 // Takes a record (471) with its fields, the number first. Returns whether it is the one that was due.
-bool chip_orbit_answer(Chip& chip, const std::vector<std::string>& fields, uint64_t now_us);
+bool chip_orbit_answer(const ChipOrbitParts& chip, const std::vector<std::string>& fields, uint64_t now_us);
 
 #endif

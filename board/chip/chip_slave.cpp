@@ -1,7 +1,5 @@
 #include "chip/chip_slave.h"
 
-#include "chip/chip.h"
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -44,9 +42,9 @@ void store_le32(uint8_t* bytes, uint32_t value) {
     }
 }
 
-// A frame that breaks the protocol has no effect but an error bit. It counts unless a fault has brought the
-// host out of step.
-void refuse(Chip& chip, const char* what, uint32_t number) {
+// A frame that breaks the protocol has no effect but an error bit. It counts as a violation unless the host
+// is excused.
+void refuse(const ChipSlaveParts& chip, const char* what, uint32_t number) {
     chip.slave.errors |= kStatusError;
     if (chip.slave.excused) {
         return;
@@ -64,7 +62,7 @@ void end_phase(ChipSlaveState& slave) {
     slave.busy = 0;
 }
 
-void switch_power(Chip& chip, bool on) {
+void switch_power(const ChipSlaveParts& chip, bool on) {
     end_phase(chip.slave);
     chip.slave.powered = on && !chip.faults.unpowered;
     if (on) {
@@ -72,7 +70,7 @@ void switch_power(Chip& chip, bool on) {
     }
 }
 
-uint8_t read_status(Chip& chip) {
+uint8_t read_status(const ChipSlaveParts& chip) {
     ChipSlaveState& slave = chip.slave;
     uint8_t status = slave.errors | chip_fault_status(chip.faults);
     if (!slave.powered) {
@@ -89,12 +87,12 @@ uint8_t read_status(Chip& chip) {
 }
 
 // What the host may ask for at this address; the text of the refusal, null when all is well.
-const char* config_error(const Chip& chip, bool write, uint32_t address, uint32_t length) {
+const char* config_error(const ChipSlaveState& slave, bool write, uint32_t address, uint32_t length) {
     if (address == kTransmitBuffer && !write) {
-        return length > chip.slave.announced_tx ? "read of more than Tx_len said" : nullptr;
+        return length > slave.announced_tx ? "read of more than Tx_len said" : nullptr;
     }
     if (address == kReceiveBuffer && write) {
-        return length > chip.slave.announced_rx ? "write of more than Rx_len said" : nullptr;
+        return length > slave.announced_rx ? "write of more than Rx_len said" : nullptr;
     }
     if ((address == kRxLenRegister || address == kTxLenRegister) && !write) {
         return length != kRegisterSize ? "register length is not 4" : nullptr;
@@ -109,7 +107,7 @@ ChipPhase phase_of(uint32_t address) {
     return address == kReceiveBuffer ? ChipPhase::data_write : ChipPhase::register_read;
 }
 
-void configure(Chip& chip, const uint8_t* tx, uint32_t length) {
+void configure(const ChipSlaveParts& chip, const uint8_t* tx, uint32_t length) {
     if (length != kConfigFrameSize) {
         return refuse(chip, "configuration frame is not 9 bytes", length);
     }
@@ -119,7 +117,7 @@ void configure(Chip& chip, const uint8_t* tx, uint32_t length) {
     if (last >= kMaxDataSize) {
         return refuse(chip, "length field too large", last);
     }
-    const char* error = config_error(chip, tx[0] == kOpConfigWrite, address, last + 1);
+    const char* error = config_error(slave, tx[0] == kOpConfigWrite, address, last + 1);
     if (error != nullptr) {
         return refuse(chip, error,
                       address == kTransmitBuffer || address == kReceiveBuffer ? last + 1 : address);
@@ -132,7 +130,7 @@ void configure(Chip& chip, const uint8_t* tx, uint32_t length) {
     slave.busy = chip.options.busy_polls;
 }
 
-bool data_phase_right(Chip& chip, bool phase_matches, uint32_t length) {
+bool data_phase_right(const ChipSlaveParts& chip, bool phase_matches, uint32_t length) {
     const ChipSlaveState& slave = chip.slave;
     if (!phase_matches) {
         refuse(chip, "data phase without its command", length);
@@ -146,26 +144,27 @@ bool data_phase_right(Chip& chip, bool phase_matches, uint32_t length) {
     return false;
 }
 
-void data_phase_done(Chip& chip) {
+void data_phase_done(const ChipSlaveParts& chip) {
     end_phase(chip.slave);
     chip.slave.data_done = true;
     chip.slave.busy = chip.options.busy_polls;
 }
 
-void randomize(Chip& chip, uint8_t* bytes, uint32_t length) {
-    std::generate_n(bytes, length, [&] { return static_cast<uint8_t>(chip.random()); });
+void randomize(std::mt19937& random, uint8_t* bytes, uint32_t length) {
+    std::generate_n(bytes, length, [&] { return static_cast<uint8_t>(random()); });
 }
 
-void read_register(Chip& chip, uint8_t* out) {
+void read_register(const ChipSlaveParts& chip, uint8_t* out) {
     const bool tx = chip.slave.address == kTxLenRegister;
-    store_le32(out, tx ? chip_slave_tx_length(chip) : chip_slave_rx_length(chip));
+    store_le32(out, tx ? chip_slave_tx_length(chip.faults, chip.transmit)
+                       : chip_slave_rx_length(chip.faults, chip.options));
     if (chip.faults.garbage == ChipGarbage::data) {
-        randomize(chip, out, kRegisterSize);
+        randomize(chip.random, out, kRegisterSize);
     }
     (tx ? chip.slave.announced_tx : chip.slave.announced_rx) = load_le32(out);
 }
 
-void read_data(Chip& chip, uint8_t* rx, uint32_t length) {
+void read_data(const ChipSlaveParts& chip, uint8_t* rx, uint32_t length) {
     const ChipPhase phase = chip.slave.phase;
     if (!data_phase_right(chip, phase == ChipPhase::register_read || phase == ChipPhase::data_read, length)) {
         return;
@@ -178,23 +177,24 @@ void read_data(Chip& chip, uint8_t* rx, uint32_t length) {
         chip.status.sentences_delivered += sentences;
         chip.slave.announced_tx -= chip.slave.length;
         if (chip.faults.garbage == ChipGarbage::data) {
-            randomize(chip, rx + 1, chip.slave.length);
+            randomize(chip.random, rx + 1, chip.slave.length);
         }
     }
     data_phase_done(chip);
 }
 
-void write_data(Chip& chip, const uint8_t* tx, uint32_t length, uint64_t now_us) {
+void write_data(const ChipSlaveParts& chip, const uint8_t* tx, uint32_t length, uint64_t now_us) {
     if (!data_phase_right(chip, chip.slave.phase == ChipPhase::data_write, length)) {
         return;
     }
     chip.status.bytes_received += length - 1;
-    chip_command_receive(chip, tx + 1, length - 1, now_us);
+    chip_command_receive(chip.commands, tx + 1, length - 1, now_us);
     chip.slave.announced_rx -= length - 1;
     data_phase_done(chip);
 }
 
-void powered_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void powered_frame(const ChipSlaveParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
+                   uint64_t now_us) {
     if (!chip.slave.powered) {
         return refuse(chip, "command to an unpowered interface", tx[0]);
     }
@@ -213,22 +213,23 @@ void powered_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, 
 
 } // namespace
 
-uint32_t chip_slave_tx_length(const Chip& chip) {
-    if (chip.faults.hostile_tx || chip.faults.zero_tx) {
-        return chip.faults.hostile_tx ? kHostileLength : 0;
+uint32_t chip_slave_tx_length(const ChipFaultState& faults, const ChipFifo& transmit) {
+    if (faults.hostile_tx || faults.zero_tx) {
+        return faults.hostile_tx ? kHostileLength : 0;
     }
-    const size_t waiting = chip_fifo_size(chip.transmit);
-    return static_cast<uint32_t>(std::min<size_t>(waiting, chip.faults.bytewise ? 1 : kMaxDataSize));
+    const size_t waiting = chip_fifo_size(transmit);
+    return static_cast<uint32_t>(std::min<size_t>(waiting, faults.bytewise ? 1 : kMaxDataSize));
 }
 
-uint32_t chip_slave_rx_length(const Chip& chip) {
-    if (chip.faults.hostile_rx || chip.faults.zero_rx) {
-        return chip.faults.hostile_rx ? kHostileLength : 0;
+uint32_t chip_slave_rx_length(const ChipFaultState& faults, const ChipOptions& options) {
+    if (faults.hostile_rx || faults.zero_rx) {
+        return faults.hostile_rx ? kHostileLength : 0;
     }
-    return chip.options.rx_window;
+    return options.rx_window;
 }
 
-void chip_slave_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void chip_slave_frame(const ChipSlaveParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
+                      uint64_t now_us) {
     switch (tx[0]) {
     case kOpReadStatus:
         if (length != kStatusFrameSize) {
@@ -236,7 +237,7 @@ void chip_slave_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t lengt
         }
         rx[1] = read_status(chip);
         if (chip.faults.garbage == ChipGarbage::status) {
-            randomize(chip, rx + 1, 1);
+            randomize(chip.random, rx + 1, 1);
         }
         return;
     case kOpWriteStatus:

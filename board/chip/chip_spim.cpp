@@ -1,6 +1,5 @@
 #include "chip/chip_spim.h"
 
-#include "chip/chip.h"
 #include "chip/chip_bytes.h"
 
 #include <algorithm>
@@ -30,7 +29,8 @@ constexpr uint32_t kConfigFrameSize = 9; // opcode, address, length - 1
 constexpr uint32_t kStatusFrameSize = 2;
 constexpr uint32_t kMaxDataSize = 4095; // bytes of one data phase
 
-void refuse(Chip& chip, const char* what, uint32_t number) {
+// Like the multiplexer's slave: an error bit, and a violation unless the host is excused.
+void refuse(const ChipSpimParts& chip, const char* what, uint32_t number) {
     chip.spim.errors |= kStatusError;
     if (chip.spim.excused) {
         return;
@@ -50,7 +50,7 @@ void end_phase(ChipSpimState& spim) {
     spim.offered = 0;
 }
 
-void start_wake_up(Chip& chip) {
+void start_wake_up(const ChipSpimParts& chip) {
     end_phase(chip.spim);
     chip.spim.awake = false;
     chip.spim.sleepy_polls = chip.options.sleepy_polls;
@@ -58,7 +58,7 @@ void start_wake_up(Chip& chip) {
     ++chip.status.download.wake_ups;
 }
 
-void poll_wake_up(Chip& chip) {
+void poll_wake_up(const ChipSpimParts& chip) {
     ChipSpimState& spim = chip.spim;
     if (spim.sleepy_polls > 0) {
         --spim.sleepy_polls;
@@ -89,7 +89,7 @@ void confirm(ChipSpimState& spim) {
     end_phase(spim);
 }
 
-uint8_t read_status(Chip& chip) {
+uint8_t read_status(const ChipSpimParts& chip) {
     ChipSpimState& spim = chip.spim;
     uint8_t status = spim.errors | chip_fault_status(chip.faults);
     if (!spim.awake) {
@@ -112,7 +112,7 @@ bool is_config_frame(const uint8_t* tx, uint32_t length) {
     return length == kConfigFrameSize && chip_load_le(tx + 1, 4) == kBlockAddress;
 }
 
-void configure(Chip& chip, const uint8_t* tx, uint32_t length) {
+void configure(const ChipSpimParts& chip, const uint8_t* tx, uint32_t length) {
     if (!is_config_frame(tx, length)) {
         return refuse(chip, "configuration frame is not 9 bytes with the block's address", length);
     }
@@ -128,7 +128,7 @@ void configure(Chip& chip, const uint8_t* tx, uint32_t length) {
     spim.busy = chip.options.busy_polls;
 }
 
-bool data_phase_right(Chip& chip, ChipSpimPhase phase, uint32_t length) {
+bool data_phase_right(const ChipSpimParts& chip, ChipSpimPhase phase, uint32_t length) {
     const ChipSpimState& spim = chip.spim;
     if (spim.phase != phase) {
         refuse(chip, "data phase without its command", length);
@@ -142,7 +142,7 @@ bool data_phase_right(Chip& chip, ChipSpimPhase phase, uint32_t length) {
     return false;
 }
 
-void data_phase_done(Chip& chip) {
+void data_phase_done(const ChipSpimParts& chip) {
     chip.spim.data_done = true;
     chip.spim.busy = chip.options.busy_polls;
 }
@@ -161,7 +161,7 @@ uint32_t show(const ChipSpimState& spim, uint8_t* out, uint32_t room, uint64_t n
     return shown;
 }
 
-void read_data(Chip& chip, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void read_data(const ChipSpimParts& chip, uint8_t* rx, uint32_t length, uint64_t now_us) {
     if (!data_phase_right(chip, ChipSpimPhase::read, length)) {
         return;
     }
@@ -172,7 +172,7 @@ void read_data(Chip& chip, uint8_t* rx, uint32_t length, uint64_t now_us) {
     data_phase_done(chip);
 }
 
-void write_data(Chip& chip, const uint8_t* tx, uint32_t length) {
+void write_data(const ChipSpimParts& chip, const uint8_t* tx, uint32_t length) {
     if (!data_phase_right(chip, ChipSpimPhase::write, length)) {
         return;
     }
@@ -180,7 +180,8 @@ void write_data(Chip& chip, const uint8_t* tx, uint32_t length) {
     data_phase_done(chip);
 }
 
-void awake_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void awake_frame(const ChipSpimParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
+                 uint64_t now_us) {
     if (!chip.spim.awake) {
         return; // nothing is taken; the status tells
     }
@@ -197,7 +198,7 @@ void awake_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, ui
     }
 }
 
-void status_frame(Chip& chip, uint8_t* rx, uint32_t length) {
+void status_frame(const ChipSpimParts& chip, uint8_t* rx, uint32_t length) {
     if (length != kStatusFrameSize) {
         return refuse(chip, "status frame is not 2 bytes", length);
     }
@@ -207,7 +208,7 @@ void status_frame(Chip& chip, uint8_t* rx, uint32_t length) {
     }
 }
 
-void clear_frame(Chip& chip, const uint8_t* tx, uint32_t length) {
+void clear_frame(const ChipSpimParts& chip, const uint8_t* tx, uint32_t length) {
     if (length != kStatusFrameSize || (tx[1] & ~uint32_t{kStatusErrors}) != 0) {
         return refuse(chip, "error bits to clear are not 0x08 or 0x10", length > 1 ? tx[1] : length);
     }
@@ -231,7 +232,8 @@ bool chip_spim_is_first_frame(const uint8_t* tx, uint32_t length) {
     }
 }
 
-void chip_spim_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us) {
+void chip_spim_frame(const ChipSpimParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
+                     uint64_t now_us) {
     switch (tx[0]) {
     case kOpReadStatus:
         return status_frame(chip, rx, length);

@@ -5,11 +5,14 @@
 #ifndef TAVOR_BOARD_CHIP_SPIM_H
 #define TAVOR_BOARD_CHIP_SPIM_H
 
+#include "chip/chip_fault.h"
+#include "chip/chip_options.h"
+#include "chip/chip_status.h"
+
 #include <cstdint>
 #include <deque>
+#include <random>
 #include <vector>
-
-struct Chip;
 
 enum class ChipSpimPhase : uint8_t { idle, read, write };
 
@@ -32,15 +35,26 @@ struct ChipSpimState {
     std::vector<uint8_t> taken;    // a block that the host has seen done: chip_download takes it
     uint32_t offered = 0;          // bytes of the queue that the last data phase showed
     std::deque<ChipSpimBlock> queue;
-    bool excused = false; // out of step through no fault of the host: until its next wake-up nothing counts
-                          // as a violation
+    // While set, no violation is counted: a fault has begun or ended, which the host can't know. Its next
+    // wake-up ends that, unless a fault is still in force that may confuse it (chip_fault_disturbs).
+    bool excused = false;
+};
+
+// The parts of the chip that this works on.
+struct ChipSpimParts {
+    ChipSpimState& spim;
+    const ChipOptions& options;
+    ChipFaultState& faults;
+    ChipStatus& status;
+    std::mt19937& random;
 };
 
 // Whether the frame can only be one of the download transport, among those that may come first.
 bool chip_spim_is_first_frame(const uint8_t* tx, uint32_t length);
 
 // One frame of at least one byte; rx holds length bytes, all zero at entry.
-void chip_spim_frame(Chip& chip, const uint8_t* tx, uint8_t* rx, uint32_t length, uint64_t now_us);
+void chip_spim_frame(const ChipSpimParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
+                     uint64_t now_us);
 
 // Bytes for the host, behind those that wait; a read that asks for more than is due is filled up with zeros.
 void chip_spim_send(ChipSpimState& spim, const std::vector<uint8_t>& bytes, uint64_t due_us);
