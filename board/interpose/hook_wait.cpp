@@ -1,5 +1,5 @@
-// Replaced functions that wait for something with a time-out. Not among them is pthread_cond_timedwait: whose
-// clock its deadline means is the condition's secret.
+// Replaced functions that wait for something with a time-out. pthread_cond_timedwait is not replaced: which
+// clock its deadline uses cannot be read from the condition variable.
 #undef _FORTIFY_SOURCE
 
 #include "interpose/clock.h"

@@ -22,8 +22,9 @@ constexpr int kNotStarted = 127;
 constexpr char kDirectoryPattern[] = "/tmp/tavor-board-XXXXXX";
 constexpr char kAssistanceDirectory[] = "xod";
 constexpr char kConfigurationPath[] = "etc/default/tavor/tavor.conf";
-// For a sanitized program. The library stands in front of its runtime; and a cancelled thread leaves marks of
-// its frames on the stack, over which the runtime falls when it takes down the thread's signal stack.
+// For a program built with AddressSanitizer. The first option lets the board's library be loaded before the
+// sanitizer's runtime. The second gives threads no signal stack: a cancelled thread leaves parts of its stack
+// marked as out of bounds, and the runtime reports an error when it then removes that thread's signal stack.
 constexpr char kAddressSanitizerOptions[] = "verify_asan_link_order=0:use_sigaltstack=0";
 constexpr char kLongestSocketPath[] =
     "/etc/default/tavor/tavor_sun_path"; // of those below a board's directory

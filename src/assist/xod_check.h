@@ -8,13 +8,10 @@
 
 inline constexpr size_t kXodDigestSize = 33; // an MD5 sum as hexadecimal text, its NUL included
 
-// Finds the first line with an ETag, in pieces of at most 127 characters, and writes its value
-// (kXodDigestSize bytes, filled up with zeros): the 32 characters behind the opening quotation mark, or what
-// the line has of them. The closing mark and the length are not checked. Returns whether there is such a
-// line.
-bool xod_etag_read(FILE* header, char* out);
-
-// The same from a saved header, logged. Returns 0, or -1 when there is none.
+// Finds the first line with an ETag in a saved header, in pieces of at most 127 characters, and writes its
+// value (kXodDigestSize bytes, filled up with zeros): the 32 characters behind the opening quotation mark, or
+// what the line has of them. The closing mark and the length are not checked. Returns 0, or -1 when there is
+// no such line; both are logged.
 int32_t xod_download_get_etag(const char* path, char* out);
 
 // Writes the MD5 sum of a file to out (kXodDigestSize bytes, zeroed by the caller) as lower-case hexadecimal
@@ -24,5 +21,10 @@ void xod_download_md5_check(const char* path, char* out);
 // Whether the two texts (kXodDigestSize bytes each) are the same sum: all 32 characters count. A sum that
 // could not be made is empty and is that of no file.
 bool xod_download_same_sum(const char* etag, const char* md5);
+
+// Called in this module only; here for its tests.
+
+// As xod_download_get_etag, from an open file and without its log. Returns whether there is such a line.
+bool xod_etag_read(FILE* header, char* out);
 
 #endif

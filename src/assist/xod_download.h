@@ -17,7 +17,7 @@ void xod_download_enqueue(sigval unused);
 // While another thread does so, leaves it to that one. Nothing after xod_download_deinit.
 void xod_download_handle(sigval unused);
 
-// Part of the interface; the daemon does not call it.
+// The rest completes the interface; the daemon does not call it.
 
 // Takes everything down. A transfer under way ends on its own and is reported, but leads to nothing more.
 void xod_download_deinit();

@@ -6,6 +6,7 @@
 #include "base/descriptor_guard.h"
 #include "base/file_beside.h"
 #include "base/format.h"
+#include "base/non_copyable.h"
 #include "base/regular_file.h"
 #include "config/location_config.h"
 

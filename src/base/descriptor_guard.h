@@ -3,6 +3,7 @@
 #define TAVOR_DESCRIPTOR_GUARD_H
 
 #include "base/cancel_hold.h"
+#include "base/non_copyable.h"
 
 #include <unistd.h>
 #include <utility>

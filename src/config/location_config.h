@@ -56,7 +56,8 @@ void location_config_get_xod_path(char* path);
 void location_config_get_xod_server(XodServerConfig* config);
 void location_config_get_keep_good_files(int32_t* keep); // 0: files are emptied and written in their place
 
-// Interface that the daemon does not call: settings of lines that it does not use.
+// The rest completes the interface; the daemon does not call it.
+
 void location_config_get_uart_path(char* path);
 void location_config_get_uart(SerialPortConfig* config);
 void location_config_get_reset_gpio(int32_t* gpio);

@@ -25,8 +25,6 @@ int32_t location_debug_set_mode(uint32_t mode);
 // Hands length bytes of the chip's output to the outlet; called by the receive thread.
 void location_debug_handle(const uint8_t* data, uint32_t length);
 
-// Part of the interface, called by the outlet alone.
-
 // Closes *fd unless it is -1 or -2, and sets it to -1 on success. Returns 0 or the failing result of close.
 int32_t location_debug_close_fd(int32_t* fd);
 

@@ -64,8 +64,8 @@ DebugBlockPtr pop() {
     return block;
 }
 
-// Takes the block that a message names. A name that isn't ours is not followed; older blocks, whose messages
-// somebody else took out of the queue, are freed.
+// Takes the block whose address the message carries. An address we never sent is ignored. Older blocks whose
+// messages were taken by another process are freed.
 DebugBlockPtr claim(const DebugBlock* wanted) {
     const std::lock_guard guard(state.lock);
     if (!in_transit(wanted)) {

@@ -17,11 +17,6 @@ bool location_gpio_power_is_on();
 // Makes the pin an output of this level; its node is made when it is missing.
 int32_t location_gpio_set_output(int32_t pin, int32_t value);
 
-// The rest completes the interface; the daemon does not call it.
-
-// A 5 ms low pulse on the configured reset line.
-int32_t location_gpio_reset_chip();
-
 // Makes the pin's node exist, or removes it.
 int32_t location_gpio_export(int32_t pin);
 int32_t location_gpio_unexport(int32_t pin);
@@ -32,6 +27,11 @@ inline constexpr int32_t kGpioUnchanged = -1;
 // Writes the attributes that are not kGpioUnchanged. direction: 0 out, else in; value: the level; edge: 1
 // rising, 2 falling, 3 both, else none. Direction and edge are written only where they differ.
 int32_t location_gpio_config(int32_t pin, int32_t direction, int32_t value, int32_t edge);
+
+// The rest completes the interface; the daemon does not call it.
+
+// A 5 ms low pulse on the configured reset line.
+int32_t location_gpio_reset_chip();
 
 // Make the pin's node when it is missing, then set the one attribute.
 int32_t location_gpio_set_direction(int32_t pin, int32_t direction);

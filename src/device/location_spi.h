@@ -17,6 +17,9 @@ struct location_spi_config {
 // Opens the device into *fd and applies the settings. Returns 0, or -1 with nothing left open.
 int32_t location_spi_init(int32_t* fd, const location_spi_config* config);
 
+// Writes mode, word size, bit order and clock, in this order. Returns 0, or -1 at the first that fails.
+int32_t location_spi_set_config(int32_t fd, const location_spi_config* config);
+
 // One full-duplex transfer of len bytes; both buffers hold len bytes, either may be null. Returns the bytes
 // moved, or -1 with errno set: EMSGSIZE when device or controller take no message as long as this.
 int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf, uint32_t len);
@@ -25,9 +28,6 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
 int32_t location_spi_deinit(int32_t fd);
 
 // The rest completes the interface; the daemon does not call it.
-
-// Writes mode, word size, bit order and clock, in this order. Returns 0, or -1 at the first that fails.
-int32_t location_spi_set_config(int32_t fd, const location_spi_config* config);
 
 // Plain read and write on the descriptor. Return the bytes moved or -1.
 ssize_t location_spi_read(int32_t fd, void* buffer, size_t len);

@@ -16,6 +16,9 @@ timer_t location_timer_create(location_timer_callback callback);
 // timer_settime.
 int32_t location_timer_start(timer_t timer, int32_t ms);
 
+// The same.
+int32_t location_timer_set(timer_t timer, int32_t ms);
+
 // Disarms the timer. Returns the result of timer_settime.
 int32_t location_timer_stop(timer_t timer);
 
@@ -24,10 +27,5 @@ int32_t location_timer_is_active(timer_t timer);
 
 // Returns the result of timer_delete.
 int32_t location_timer_delete(timer_t timer);
-
-// The rest completes the interface; the daemon does not call it.
-
-// The same as location_timer_start.
-int32_t location_timer_set(timer_t timer, int32_t ms);
 
 #endif

@@ -22,8 +22,9 @@ struct FlashInfo {
     uint8_t id[kFlashIdSize];
 };
 
-// Wait for one frame, a second at most, and take it from the pool. expected: bytes to ask an SPI link for
-// (those of kite_kind). What the response carries goes to the other arguments, with HDL_DA_OK only. Return an
+// Wait for one frame, a second at most, and take it from the pool. expected: bytes to ask an SPI link for;
+// it and the id of hdl_da_wait_flash_id are the interface's: the daemon gives those of kite_kind and
+// KITE_FLASH_ID. What the response carries goes to the other arguments, with HDL_DA_OK only. Return an
 // HdlDaCode. out: uint32_t for addresses, sizes and CRCs, 3 bytes for the flash id, uint16_t for
 // KITE_DFU_START, one byte for KITE_DFU_RESET; else unused. May be null.
 uint32_t hdl_da_wait_response(uint16_t id, void* out, uint32_t expected);
@@ -45,7 +46,7 @@ bool hdl_finish_kite(uint8_t parameter);
 // for the flash. Returns success.
 bool hdl_da_get_flash_info(FlashInfo* info);
 
-// The rest is the interface, but no part of a download.
+// The rest completes the interface; the daemon does not call it.
 
 // Single commands. The first two return an HdlDaCode, the last one success after logging its failure.
 uint32_t hdl_dfu_start_kite(uint8_t parameter, uint16_t* out);

@@ -7,12 +7,6 @@
 
 #include <cstdint>
 
-// How many blocks the erase of [start, start + length) takes. Nothing lies beyond the 32-bit addresses.
-uint32_t hdl_erase_plan_count(uint32_t start, uint32_t length);
-
-// Fills as many blocks, all neither sent nor acknowledged. The last one may reach beyond the range.
-void hdl_erase_plan_fill(uint32_t start, uint32_t length, FormatBlock* blocks);
-
 // Erases [start, start + length), rounded up to whole blocks; what lies beyond the 32-bit addresses is left
 // out. Nothing to erase is a failure. Returns success.
 bool da_format_flash(uint32_t start, uint32_t length);
@@ -25,8 +19,17 @@ bool download_image(const ImageEntry* image, uint64_t* size);
 // another one fails. Returns whether the agent agreed.
 bool check_image_crc(const ImageEntry* image, uint64_t size);
 
-// The interface, but no part of a download, which writes its images one by one: writes count images in their
-// order, up to the first failure. Returns success.
+// Called in this module only; here for its tests.
+
+// How many blocks the erase of [start, start + length) takes. Nothing lies beyond the 32-bit addresses.
+uint32_t hdl_erase_plan_count(uint32_t start, uint32_t length);
+
+// Fills as many blocks, all neither sent nor acknowledged. The last one may reach beyond the range.
+void hdl_erase_plan_fill(uint32_t start, uint32_t length, FormatBlock* blocks);
+
+// The rest completes the interface; the daemon does not call it.
+
+// Writes count images in their order, up to the first failure. Returns success.
 bool download_all_images(const ImageEntry* images, uint32_t count);
 
 #endif

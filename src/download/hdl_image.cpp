@@ -68,9 +68,8 @@ bool has_key(const Line& line, const char* key) {
     return strstr(line.stripped, key) != nullptr;
 }
 
-// The text behind a key that begins the line. Kept: the key may stand anywhere in the line, and the text
-// still begins behind as many characters as the key has; the line has at least that many, because it holds
-// the key.
+// The value behind a key. Kept: the value starts at column strlen(key), even when the key itself stands later
+// in the line. The line is long enough, because it holds the key.
 const char* value_of(const Line& line, const char* key) {
     return line.stripped + strlen(key);
 }

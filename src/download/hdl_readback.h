@@ -1,11 +1,12 @@
-// Reading the flash and the one-time programmable area back into files. Failures are logged. All of it is the
-// interface, but no part of a download.
+// Reading the flash and the one-time programmable area back into files. Failures are logged.
 #ifndef TAVOR_HDL_READBACK_H
 #define TAVOR_HDL_READBACK_H
 
 #include "download/hdl_kite.h"
 
 #include <cstdint>
+
+// The rest completes the interface; the daemon does not call it.
 
 // Appends kReadbackSize bytes of the flash from address on to a file. Returns success.
 bool hdl_readback_kite(const char* path, uint32_t address);

@@ -25,7 +25,7 @@ bool hdl_transport_taken();
 // Receives up to n bytes. Returns how many came, 0 when none.
 uint32_t hdl_transport_receive(uint8_t* buffer, uint32_t n);
 
-// The rest is the interface for links other than SPI, and does nothing.
+// For links other than SPI; on SPI they do nothing.
 
 // Hook before the link opens. Returns success.
 bool hdl_transport_prepare();

@@ -16,8 +16,8 @@ const char* tool_log_elapsed();
 void tool_log_error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void tool_log_info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The same for sequences whose texts are rows of data: the text is a format with one conversion of value (%X
-// or %d), or with none. Only for texts of this program, never for one that came from outside.
+// For log texts kept in tables. The text is a printf format with at most one %X or %d, for value. Never pass
+// text from outside.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 inline void tool_log_error_text(const char* text, uint32_t value = 0) {

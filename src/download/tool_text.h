@@ -13,13 +13,13 @@ char* tool_concat(const char* a, const char* b);
 // Prints "[I]LABEL:", the bytes in hexadecimal with ':' between, and a newline.
 void tool_hex_dump(const uint8_t* bytes, const char* label, uint32_t n);
 
-// The rest is the interface for serial lines with software flow control, which no download uses.
+// The rest completes the interface; the daemon does not call it.
 
 inline constexpr uint32_t kToolEscapeSize = 9000; // bytes of an escape's output
 
-// Escapes 0x77, XON and XOFF. output: kToolEscapeSize bytes, filled up with zeros; what does not fit ends it,
-// a pair is never split. Returns n plus the pairs written: the bytes written where all fitted, else
-// kToolEscapeSize or more. 0 for null or n = 0.
+// Escapes 0x77, XON and XOFF, for a serial line with software flow control. output: kToolEscapeSize bytes,
+// filled up with zeros; what does not fit ends it, a pair is never split. Returns n plus the pairs written:
+// the bytes written where all fitted, else kToolEscapeSize or more. 0 for null or n = 0.
 uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* output);
 
 // Undoes the escape in place. An escape byte at the end pairs with the first byte of the next call. Returns n

@@ -10,8 +10,6 @@ int32_t location_io_thread_init();
 // Ends the thread, if there is one, and closes the link. Returns 0 or -1.
 int32_t location_io_thread_deinit();
 
-// The rest completes the interface; the daemon calls it from the thread alone.
-
 // Body of the thread; returns only when the link can't be opened.
 void* location_io_rx_task(void* unused);
 

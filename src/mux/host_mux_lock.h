@@ -1,5 +1,5 @@
-// The waits of a multiplexer operation. None holds up a stop: the operation runs under a CancelHold, and each
-// round of a wait that has no limit of its own is a cancellation point.
+// Waits of a multiplexer operation. Each may be cancelled between two rounds, although the operation itself
+// holds cancellation off; waits for the chip also end when a stop is requested.
 #ifndef TAVOR_HOST_MUX_LOCK_H
 #define TAVOR_HOST_MUX_LOCK_H
 

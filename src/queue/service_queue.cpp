@@ -26,9 +26,8 @@ constexpr useconds_t kRequestPauseUs = 10000; // longer, so that the number of p
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
 constexpr useconds_t kEmptyQueuePauseUs = 10000;
 
-// Type of a record without a body, which stands for a stop or a download request when the queue is full: the
-// kernel counts bytes, and lets records of no bytes in until there are as many of them as the queue has
-// bytes.
+// Message type of an empty record, which stands for a stop or download request when the queue is full. The
+// kernel limits the bytes in a queue, so a record without bytes still fits.
 constexpr long bodiless_type(uint32_t id) {
     return kMessageType + 1 + static_cast<long>(id);
 }
@@ -40,8 +39,8 @@ struct QueueRecord {
 static_assert(sizeof(ServiceMessage) <= kMessageBodySize);
 
 struct ServiceQueueState {
-    // Carries the producer's writes over to the consumer: the language does not know that the kernel's queue
-    // does.
+    // Orders memory between threads: msgsnd and msgrcv do it in fact, but C++ (and ThreadSanitizer) only
+    // trusts atomics.
     std::atomic<uint32_t> handovers = 0;
     std::atomic<int> announced = 0; // stop and download requests that were announced and are not handled yet
     inline static thread_local bool is_consumer = false;

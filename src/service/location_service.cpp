@@ -45,7 +45,7 @@ void send_version_banner() {
         return;
     }
     memcpy(banner, kVersionBanner, sizeof kVersionBanner);
-    // kept: clients are used to the NUL being counted
+    // Kept: clients are used to the NUL being counted
     location_service_task_send_message(SERVICE_FRAME_NMEA, banner, sizeof kVersionBanner);
 }
 

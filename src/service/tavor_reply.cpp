@@ -146,7 +146,9 @@ void keep(const TavorPeer& peer, const tavor_response& response) {
     state.kept[state.kept_count++] = {peer, response, monotonic_us()};
 }
 
-// Whether a kept result is done with: sent or given up. before: those that are kept before it.
+// Tries to send a kept result, without waiting. Returns whether it needs to be kept no longer: it is sent,
+// too old, or its client is gone. A client gets its results in order, so this one waits while an older one of
+// the same client is kept; the older ones are the first `before` of state.kept.
 bool settle(const KeptResult& kept, size_t before) {
     if (monotonic_us() - kept.since_us >= kKeptUs) {
         log_loss();

@@ -144,7 +144,7 @@ TEST_F(ImageList, LongNameIsCutToItsRoom) {
 TEST_F(ImageList, KeyIsFoundAnywhereInItsLine) {
     load("-- rom: --\nmy_file:bin\nfile_name:x\nthe begin_address:  12\n");
     ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir("le:bin")); // kept: cut off by the length of the key
+    EXPECT_EQ(images.get()->name, in_dir("le:bin")); // Kept: cut off by the length of the key
     EXPECT_EQ(images.get()->begin_address, 0U);      // "ss:12"
 }
 
