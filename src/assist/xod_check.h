@@ -10,8 +10,8 @@ inline constexpr size_t kXodDigestSize = 33; // an MD5 sum as hexadecimal text, 
 
 // Finds the first line with an ETag in a saved header, in pieces of at most 127 characters, and writes its
 // value (kXodDigestSize bytes, filled up with zeros): the 32 characters behind the opening quotation mark, or
-// what the line has of them. The closing mark and the length are not checked. Returns 0, or -1 when there is
-// no such line; both are logged.
+// what the line has of them. The closing mark and the length are not checked. Returns 0 after logging the
+// value, or -1 when the file can't be read or has no such line.
 int32_t xod_download_get_etag(const char* path, char* out);
 
 // Writes the MD5 sum of a file to out (kXodDigestSize bytes, zeroed by the caller) as lower-case hexadecimal

@@ -59,7 +59,7 @@ struct MutexHold : private NonCopyable {
 
 // One step of an operation: a bus transaction at one port, and what is printed about it. The numbers that
 // never change, port and number of attempts, stand in the texts.
-struct Step {
+struct I2cStep {
     uint8_t port;
     const char* intent; // %d: bytes of the data phase
     const char* done;   // %d, %x: value of the register
@@ -69,7 +69,7 @@ struct Step {
 static_assert(kCommandPort == 0x50 && kReadPort == 0x54 && kWritePort == 0x58 && kAttempts == 6);
 
 // Kept: the spellings of a step's name differ from text to text.
-constexpr Step kReceiveStart = {
+constexpr I2cStep kReceiveStart = {
     .port = kCommandPort,
     .intent = "[mux][i2c][master][rx]===>****** i2c master check whether slave is alive ******\n"
               "[mux][i2c][master][rx]===>step_start:Send VG_I2C_SLAVE_CRD_CMD(slv addr:0x50, send:1B).\r\n",
@@ -78,7 +78,7 @@ constexpr Step kReceiveStart = {
     .limit =
         "[mux][i2c][master][rx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kReceiveAskLength = {
+constexpr I2cStep kReceiveAskLength = {
     .port = kCommandPort,
     .intent = "[mux][i2c][master][rx]===>****** i2c master read slave data code ******\n"
               "[mux][i2c][master][rx]===>step 1-a:Send VG_I2C_SLAVE_CRD_CMD(slv addr:0x50, send:8B).\r\n",
@@ -86,7 +86,7 @@ constexpr Step kReceiveAskLength = {
     .retry = "[mux][i2c][master][rx]===>step 1-a:I2C master send err, try again...\r\n",
     .limit = "[mux][i2c][master][rx]===>step1_a: #### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kReceiveLength = {
+constexpr I2cStep kReceiveLength = {
     .port = kReadPort,
     .intent =
         "[mux][i2c][master][rx]===>step 1-b:Get length of i2c slave tx buff (slv addr:0x54, send:4B).\r\n",
@@ -94,7 +94,7 @@ constexpr Step kReceiveLength = {
     .retry = "[mux][i2c][master][rx]===>step 1-b:Get length of i2c slave tx buff fail, try again...\r\n",
     .limit = "[mux][i2c][master][rx]===>step 1-b:###### too many ERROR counter 6, now restart!!!!!\r\n",
 };
-constexpr Step kReceiveAskData = {
+constexpr I2cStep kReceiveAskData = {
     .port = kCommandPort,
     .intent =
         "[mux][i2c][master][rx]===>step 2-a:Master send rx len to slave(slave addr 0x50).cmd is 8byte cmd.\r\n",
@@ -102,7 +102,7 @@ constexpr Step kReceiveAskData = {
     .retry = "[mux][i2c][master][rx]===>step 2-a:I2C master send err, try again...\r\n",
     .limit = "[mux][i2c][master][rx]===>step 2-a: #### too many ERROR counter 6, now restart!!!!!\r\n",
 };
-constexpr Step kReceiveData = {
+constexpr I2cStep kReceiveData = {
     .port = kReadPort,
     .intent = "[mux][i2c][master][rx]===>step 2-b:Master recv slave data(slave_addr 0x54, rx_len = %d)\r\n",
     .done = "[mux][i2c][master][rx]===>step 2-b:Receive slave tx_buff data success\r\n",
@@ -110,7 +110,7 @@ constexpr Step kReceiveData = {
              "[mux][i2c][master][rx]===>step 2-b:I2C master receive err,error_counter:%d, try again...\r\n",
     .limit = "[mux][i2c][master][rx]===>step 2-b:#### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kSendStart = {
+constexpr I2cStep kSendStart = {
     .port = kCommandPort,
     .intent = "[mux][i2c][master][tx]===>****** i2c master check whether slave is alive ******\n"
               "[mux][i2c][master][tx]===>step_start:Send VG_I2C_SLAVE_CRD_CMD(slv addr:0x50, send:1B).\r\n",
@@ -119,7 +119,7 @@ constexpr Step kSendStart = {
     .limit =
         "[mux][i2c][master][tx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kSendAskLength = {
+constexpr I2cStep kSendAskLength = {
     .port = kCommandPort,
     .intent = "[mux][i2c][master][tx]===>****** i2c master send data to slave code ******\n"
               "[mux][i2c][master][tx]===>step 1_a:Send VG_I2C_SLAVE_CRD_CMD(8 byte, slave_addr=0x50).\r\n",
@@ -127,7 +127,7 @@ constexpr Step kSendAskLength = {
     .retry = "[mux][i2c][master][tx]===>step 1_a: I2C master send fail, try again...\r\n",
     .limit = "[mux][i2c][master][tx]===>step 1_a: #### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kSendLength = {
+constexpr I2cStep kSendLength = {
     .port = kReadPort,
     .intent =
         "[mux][i2c][master][tx]===>Step 1_b:Get slave rx buffer length(master want recv 4byte,slave addr = 0x54).\r\n",
@@ -135,7 +135,7 @@ constexpr Step kSendLength = {
     .retry = "[mux][i2c][master][tx]===>step 1_b:Get slave rx buffer length fail, try again...\r\n",
     .limit = "[mux][i2c][master][tx]===>step 1_b:#### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kSendAnnounceData = {
+constexpr I2cStep kSendAnnounceData = {
     .port = kCommandPort,
     .intent =
         "[mux][i2c][master][tx]===>step 2_a:Send VG_I2C_SLAVE_WD_CMD.\r\n"
@@ -145,7 +145,7 @@ constexpr Step kSendAnnounceData = {
     .limit =
         "[mux][i2c][master][tx]===>step 2_a:Mux_i2c_master_demo_send-Step2_a: #### too many ERROR counter 6, now go to restart!!!!!\r\n",
 };
-constexpr Step kSendData = {
+constexpr I2cStep kSendData = {
     .port = kWritePort,
     .intent = "[mux][i2c][master][tx]===>step 2_b:Master send %d byte data to slave(slv_addr=0x58)\r\n",
     .done = "[mux][i2c][master][tx]===>Step 2_b:Send data to slave: success\r\n",
@@ -163,7 +163,7 @@ void say(const char* text, uint32_t number) {
 }
 
 // Tries the transaction at most six times; while a stop is announced a failure is not repeated.
-bool attempt(uint32_t bus, const Step& step, const port_platform_transfer& transfer) {
+bool attempt(uint32_t bus, const I2cStep& step, const port_platform_transfer& transfer) {
     for (uint32_t errors = 0; errors < kAttempts; ++errors) {
         port_platform_sleep_ms(kPauseMs);
         if (port_platform_bus_transfer(HOST_MUX_BUS_I2C, static_cast<int32_t>(bus), &transfer) == 0) {
@@ -178,7 +178,7 @@ bool attempt(uint32_t bus, const Step& step, const port_platform_transfer& trans
     return false;
 }
 
-bool write(uint32_t bus, const Step& step, const uint8_t* data, uint32_t size, uint32_t number) {
+bool write(uint32_t bus, const I2cStep& step, const uint8_t* data, uint32_t size, uint32_t number) {
     say(step.intent, number);
     if (!attempt(bus, step,
                  {.rx_buf = nullptr, .tx_buf = data, .rx_len = 0, .tx_len = size, .slave_addr = step.port})) {
@@ -188,7 +188,7 @@ bool write(uint32_t bus, const Step& step, const uint8_t* data, uint32_t size, u
     return true;
 }
 
-bool read(uint32_t bus, const Step& step, uint8_t* buffer, uint32_t size) {
+bool read(uint32_t bus, const I2cStep& step, uint8_t* buffer, uint32_t size) {
     memset(buffer, 0, size); // a short read counts as a full one: what it leaves out must not be old data
     say(step.intent, size);
     return attempt(
@@ -196,20 +196,20 @@ bool read(uint32_t bus, const Step& step, uint8_t* buffer, uint32_t size) {
         {.rx_buf = buffer, .tx_buf = nullptr, .rx_len = size, .tx_len = 0, .slave_addr = step.port});
 }
 
-bool probe(uint32_t bus, const Step& step) {
+bool probe(uint32_t bus, const I2cStep& step) {
     constexpr uint8_t kProbe = 0;
     return write(bus, step, &kProbe, sizeof kProbe, 0);
 }
 
 // length is the byte count itself; the SPI variant sends it less one.
-bool command(uint32_t bus, const Step& step, uint16_t address, uint8_t access, uint32_t length) {
+bool command(uint32_t bus, const I2cStep& step, uint16_t address, uint8_t access, uint32_t length) {
     uint8_t bytes[kCommandSize] = {0, 0, access, kCommandMarker};
     store_le16(bytes, address);
     store_le32(bytes + kCommandLengthOffset, length);
     return write(bus, step, bytes, sizeof bytes, length);
 }
 
-bool read_register(uint32_t bus, const Step& step, uint32_t* value) {
+bool read_register(uint32_t bus, const I2cStep& step, uint32_t* value) {
     uint8_t bytes[kRegisterSize];
     if (!read(bus, step, bytes, sizeof bytes)) {
         return false;

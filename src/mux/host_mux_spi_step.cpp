@@ -47,18 +47,19 @@ struct FreeMemory {
 
 // A transfer, the wait for the slave behind it, and their texts. The status in the texts is always 0: the
 // transfers of this port tell no more than that they failed.
-struct Step {
+struct SpiStep {
     const char* intent;
     const char* failed;
-    const char* done;      // of the transfer; null: nothing is printed
-    uint8_t status;        // that is waited for; 0: none
-    const char* not_ready; // when it does not come
+    const char* done;              // of the transfer; null: nothing is printed
+    uint8_t status;                // that is waited for; 0: none
+    const char* not_ready;         // when it does not come
+    const char* success = nullptr; // behind the wait; null: nothing is printed
 };
 
 struct CommandStep {
     uint8_t opcode;
     uint32_t address;
-    Step texts;
+    SpiStep texts;
 };
 
 constexpr CommandStep kReceiveStep1a = {
@@ -71,7 +72,7 @@ constexpr CommandStep kReceiveStep1a = {
              "mux_spi_master_demo_receive-Step1_b: wait slave CR done...\r",
      .status = kSpiSlaveConfigDone,
      .not_ready = "mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"}};
-constexpr Step kReceiveStep1c = { // no status is waited for, unlike in the send
+constexpr SpiStep kReceiveStep1c = { // no status is waited for, unlike in the send
     .intent = "mux_spi_master_demo_receive-Step1_c: Receive SPI slave Tx_len Reg value. \r\n"
               "mux_spi_master_demo_receive-Step1_c: Master want to receive 4B.\r",
     .failed = "mux_spi_master_demo_receive-Step1_c : SPI master receive err,status:0\r",
@@ -88,12 +89,13 @@ constexpr CommandStep kReceiveStep2a = {
              "mux_spi_master_demo_receive-Step2_b: wait slave CR done...\r",
      .status = kSpiSlaveConfigDone,
      .not_ready = "mux_spi_master_demo_receive-Step2_b: #### too many ERROR, now go to restart!!!!!\r"}};
-constexpr Step kReceiveStep2c = {
+constexpr SpiStep kReceiveStep2c = {
     .intent = nullptr,                     // names the length
     .failed = kReceiveStep2a.texts.failed, // Kept: the text of Step2_a.
     .done = nullptr,
     .status = kSpiSlaveDataDone,
-    .not_ready = "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r"};
+    .not_ready = "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r",
+    .success = "mux_spi_master_demo_receive-Step2_c: Receive Tx_buff data. success\r"};
 
 constexpr CommandStep kSendStep1a = {
     VG_SPI_SLAVE_CRD_CMD,
@@ -105,7 +107,7 @@ constexpr CommandStep kSendStep1a = {
              "mux_spi_master_demo_send-Step1_b: wait slave CR done...\r",
      .status = kSpiSlaveConfigDone,
      .not_ready = "mux_spi_master_demo_send-Step1_b: #### too many ERROR, now go to restart!!!!!\r"}};
-constexpr Step kSendStep1c = { // Kept: the first text names Tx_len, though the register is Rx_len.
+constexpr SpiStep kSendStep1c = { // Kept: the first text names Tx_len, though the register is Rx_len.
     .intent = "mux_spi_master_demo_send-Step1_c: receive SPI slave Tx_len Reg value.\r\n"
               "mux_spi_master_demo_send-Step1_c: Master want to receive 4B.\r",
     .failed = "mux_spi_master_demo_send-Step1_c: SPI master receive err, try again...status:0\r",
@@ -122,11 +124,13 @@ constexpr CommandStep kSendStep2a = {
              "mux_spi_master_demo_send-Step2_b: wait slave CR done...\r",
      .status = kSpiSlaveConfigDone,
      .not_ready = kSendStep1c.not_ready}}; // Kept: the text of Step1_d.
-constexpr Step kSendStep2c = {.intent = nullptr,
-                              .failed = "mux_spi_master_demo_send-Step2_c: send fail!!!status:0\r",
-                              .done = nullptr,
-                              .status = kSpiSlaveDataDone,
-                              .not_ready = kReceiveStep2c.not_ready}; // Kept: the text of the receive.
+constexpr SpiStep kSendStep2c = {.intent = nullptr,
+                                 .failed = "mux_spi_master_demo_send-Step2_c: send fail!!!status:0\r",
+                                 .done = nullptr,
+                                 .status = kSpiSlaveDataDone,
+                                 .not_ready = kReceiveStep2c.not_ready, // Kept: the text of the receive.
+                                 .success =
+                                     "mux_spi_master_demo_send-Step2_c: receive Tx_buff data. success\r"};
 
 void say(const char* text) {
     if (text != nullptr) {
@@ -135,7 +139,7 @@ void say(const char* text) {
 }
 
 // Transfers tx_len bytes of the command buffer, or as many as are to be received, and waits.
-bool run(uint32_t bus, const Step& step, uint32_t tx_len, uint8_t* rx, uint32_t rx_len) {
+bool run(uint32_t bus, const SpiStep& step, uint32_t tx_len, uint8_t* rx, uint32_t rx_len) {
     say(step.intent);
     if (host_mux_spi_transfer(bus, state.command, tx_len, rx, rx_len) != 0) {
         if (errno == EMSGSIZE && rx_len > 0) {
@@ -150,6 +154,7 @@ bool run(uint32_t bus, const Step& step, uint32_t tx_len, uint8_t* rx, uint32_t 
         puts(step.not_ready);
         return false;
     }
+    say(step.success);
     return true;
 }
 
@@ -161,14 +166,14 @@ bool run_command(uint32_t bus, const CommandStep& step, uint32_t length) {
 }
 
 // Clocks zeros behind the opcode; frame takes the opcode's place and length bytes.
-bool run_read(uint32_t bus, const Step& step, uint8_t* frame, uint32_t length) {
+bool run_read(uint32_t bus, const SpiStep& step, uint8_t* frame, uint32_t length) {
     memset(frame, 0, kOpcodeSize + length);
     memset(state.command, 0, sizeof state.command);
     state.command[0] = kReadData;
     return run(bus, step, kOpcodeSize, frame, kOpcodeSize + length);
 }
 
-bool run_register(uint32_t bus, const CommandStep& ask, const Step& step, uint32_t* value) {
+bool run_register(uint32_t bus, const CommandStep& ask, const SpiStep& step, uint32_t* value) {
     if (!run_command(bus, ask, kRegisterSize) || !run_read(bus, step, state.registers, kRegisterSize)) {
         return false;
     }
@@ -188,7 +193,6 @@ bool receive_frame(uint32_t bus, uint8_t* buffer, uint32_t length) {
     if (!run_read(bus, kReceiveStep2c, frame.get(), length)) {
         return false;
     }
-    puts("mux_spi_master_demo_receive-Step2_c: Receive Tx_buff data. success\r");
     memcpy(buffer, frame.get() + kOpcodeSize, length);
     return true;
 }
@@ -196,11 +200,7 @@ bool receive_frame(uint32_t bus, uint8_t* buffer, uint32_t length) {
 bool send_frame(uint32_t bus, const uint8_t* data, uint32_t length) {
     state.command[0] = kWriteData;
     memcpy(state.command + kOpcodeSize, data, length);
-    if (!run(bus, kSendStep2c, kOpcodeSize + length, nullptr, 0)) {
-        return false;
-    }
-    puts("mux_spi_master_demo_send-Step2_c: receive Tx_buff data. success\r");
-    return true;
+    return run(bus, kSendStep2c, kOpcodeSize + length, nullptr, 0);
 }
 
 } // namespace
