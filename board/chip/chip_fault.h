@@ -28,7 +28,7 @@ enum ChipAnswerFault : uint8_t {
     kChipAnswerFaults, // how many there are
 };
 
-// How often something is befallen.
+// How often a fault strikes.
 struct ChipFaultRule {
     uint64_t left = 0;  // so many times more, kChipAlways without end
     uint64_t every = 0; // or every n-th time; 0: none
@@ -70,7 +70,7 @@ struct ChipFaultState {
     uint16_t power_command = kChipAnyCommand;
 };
 
-// What befalls one response of the agent.
+// The faults that strike one response of the agent.
 struct ChipAnswerFaultSet {
     std::array<bool, kChipAnswerFaults> on = {};
     uint64_t late_us = 0;

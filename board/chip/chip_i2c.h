@@ -40,7 +40,7 @@ struct ChipI2cParts {
     std::mt19937& random;
 };
 
-// A fault has come or gone: the host may be out of step.
+// A fault has begun or ended: the host is excused in every way.
 void chip_i2c_excuse(ChipI2cState& slave);
 
 // A write or a read at an address that was acknowledged. Return the bytes that the chip took or gave, which

@@ -183,6 +183,27 @@ void add_flash_options(CLI::App* app, BoardOptions& board) {
         "the chip's multiplexer reads the most significant bit first (\"SPI bit order=1\")");
 }
 
+void add_device_options(CLI::App* command, BoardOptions& board) {
+    command->add_option("--spi-path", board.spi_path, "device node of the chip")
+        ->capture_default_str()
+        ->check(spi_node_error);
+    command->add_option("--i2c-path", board.i2c_path, "I2C node of the chip")
+        ->capture_default_str()
+        ->check(i2c_node_error);
+    command->add_option("--power-gpio", board.power_pin, "line that powers the chip")
+        ->capture_default_str()
+        ->check(CLI::Range(0, board.pin_count - 1));
+}
+
+void add_clock_options(CLI::App* command, RunOptions& run) {
+    command->add_option("--speed", run.speed, "how many times faster than the host's the clock runs")
+        ->capture_default_str()
+        ->check(CLI::Range(1U, kBoardClockFastest));
+    command
+        ->add_option("--time", run.time, "UTC at the start, like 2026-11-21T10:00:00Z (default: the host's)")
+        ->check(time_error);
+}
+
 CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     CLI::App* command = app.add_subcommand("run", "run a board, and a program on it");
     add_chip_options(command, run.board.chip, raw);
@@ -191,15 +212,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         ->type_name("NAME=VALUE")
         ->expected(1)
         ->take_all();
-    command->add_option("--spi-path", run.board.spi_path, "device node of the chip")
-        ->capture_default_str()
-        ->check(spi_node_error);
-    command->add_option("--i2c-path", run.board.i2c_path, "I2C node of the chip")
-        ->capture_default_str()
-        ->check(i2c_node_error);
-    command->add_option("--power-gpio", run.board.power_pin, "line that powers the chip")
-        ->capture_default_str()
-        ->check(CLI::Range(0, run.board.pin_count - 1));
+    add_device_options(command, run.board);
     command
         ->add_option("--conf", run.configuration,
                      "KEY=VALUE line of the daemon's configuration; may be repeated")
@@ -209,12 +222,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
     command->add_option("--dir", run.directory,
                         "the board's directory; kept at the end (default: one of its own)");
     command->add_flag("--keep", run.keep, "keep the directory at the end");
-    command->add_option("--speed", run.speed, "how many times faster than the host's the clock runs")
-        ->capture_default_str()
-        ->check(CLI::Range(1U, kBoardClockFastest));
-    command
-        ->add_option("--time", run.time, "UTC at the start, like 2026-11-21T10:00:00Z (default: the host's)")
-        ->check(time_error);
+    add_clock_options(command, run);
     command->add_flag_callback(
         "--no-assist", [&run] { run.assistance = false; }, "run no assistance server");
     command->add_option(
