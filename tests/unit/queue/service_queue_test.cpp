@@ -318,6 +318,9 @@ TEST_F(QueueTest, RequestGivesUpAfterItsPausesAndCountsThemOff) {
     request();
     EXPECT_TRUE(sent);
     EXPECT_EQ(pauses, 3);
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        free(receive().data);
+    }
 }
 
 TEST_F(QueueTest, RemovedQueueIsMadeAgainAndItsStopsAreOver) {
