@@ -1,5 +1,6 @@
 #include "device/location_spi.h"
 
+#include "base/cancel_hold.h"
 #include "base/descriptor_guard.h"
 #include "base/error_row.h"
 
@@ -46,6 +47,12 @@ int64_t now_ms() {
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
+void log_left_out(uint32_t left_out) {
+    if (left_out > 0) {
+        printf("[LOCSERV] ERR: [spi]can't send spi message (%u left out)\n", left_out);
+    }
+}
+
 // A link that fails may fail thousands of times a second: one line a second tells it. Transfers come one at a
 // time: who shares the device holds a lock of its own.
 void log_transfer(bool moved) {
@@ -55,9 +62,7 @@ void log_transfer(bool moved) {
     } else if (error_row_tell(&state.transfer, now_ms(), &left_out) && left_out == 0) {
         puts("[LOCSERV] ERR: [spi]can't send spi message");
     }
-    if (left_out > 0) {
-        printf("[LOCSERV] ERR: [spi]can't send spi message (%u left out)\n", left_out);
-    }
+    log_left_out(left_out);
 }
 
 } // namespace
@@ -127,5 +132,9 @@ ssize_t location_spi_write(int32_t fd, const void* buffer, size_t len) {
 }
 
 int32_t location_spi_deinit(int32_t fd) {
-    return close(fd);
+    const CancelHold
+        hold; // the log is a cancellation point: the caller knows the device as open until this ends
+    const int32_t result = close(fd);
+    log_left_out(error_row_end(&state.transfer));
+    return result;
 }

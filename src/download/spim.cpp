@@ -153,6 +153,19 @@ void reverse_bits(uint8_t* bytes, uint32_t n) {
     }
 }
 
+void log_left_out(Call call, uint32_t left_out) {
+    if (left_out > 0) {
+        tool_log_error("%s (%u left out)\n", kFailed[call], left_out);
+    }
+}
+
+// What was left out is told, and the next download's first failure is a first one.
+void end_rows() {
+    for (uint8_t call = 0; call < kCalls; ++call) {
+        log_left_out(static_cast<Call>(call), error_row_end(&state.failing[call]));
+    }
+}
+
 // One frame; its failure is logged, at most once a second while it repeats. Returns success.
 bool exchange(Call call, spim_transfer transfer) {
     ErrorRow* row = &state.failing[call];
@@ -163,9 +176,7 @@ bool exchange(Call call, spim_transfer transfer) {
     } else if (error_row_tell(row, tool_time_now_ms(), &left_out) && left_out == 0) {
         tool_log_error("%s\n", kFailed[call]);
     }
-    if (left_out > 0) {
-        tool_log_error("%s (%u left out)\n", kFailed[call], left_out);
-    }
+    log_left_out(call, left_out);
     return moved;
 }
 
@@ -319,6 +330,7 @@ int32_t spim_close() {
     if (state.fd == kClosed) {
         return 0;
     }
+    end_rows();
     const int32_t result = location_spi_deinit(state.fd);
     state.fd = kClosed;
     return result == 0 ? 1 : 0;

@@ -217,6 +217,22 @@ TEST_F(LocationSpi, TransfersThatFailInARowAreToldOnceASecondAndCounted) {
     location_spi_deinit(fd);
 }
 
+TEST_F(LocationSpi, DeinitTellsWhatWasLeftOutAndEndsTheRow) {
+    const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
+    for (int round = 0; round < 2; ++round) {
+        int32_t fd = -1;
+        ASSERT_EQ(init(&fd), 0);
+        const Lines lines = lines_of(capture_stdout([&] {
+            for (int i = 0; i < 3; ++i) {
+                interpose_fail("ioctl", 1, EIO);
+                location_spi_transfer(fd, nullptr, nullptr, 1);
+            }
+            location_spi_deinit(fd);
+        }));
+        EXPECT_EQ(lines, (Lines{failed, failed + " (2 left out)"})) << round;
+    }
+}
+
 TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
     int32_t fd = -1;
     ASSERT_EQ(init(&fd), 0);

@@ -341,6 +341,29 @@ TEST_F(SpimRetry, AFailingCallIsLoggedOnceASecondWithTheCountOfThoseLeftOut) {
     EXPECT_EQ(log, (Lines{failed}));
 }
 
+TEST_F(SpimRetry, ClosingTellsWhatWasLeftOutAndEndsTheRows) {
+    const string failed = "[E] [SPIM] SPI master send CWR command failed";
+    const string failed_read = "[E] [SPIM] SPI master send CR command failed";
+    spim_slave.fails = [](const Bytes&) { return true; };
+    const uint8_t byte = 0;
+    uint8_t read = 0;
+    run([&] {
+        for (int i = 0; i < 4; ++i) {
+            spim_write(&byte, 1);
+        }
+        spim_read(&read, 1);
+        spim_read(&read, 1);
+    });
+    EXPECT_EQ(log, (Lines{failed, failed_read}));
+    run([] { spim_close(); });
+    EXPECT_EQ(log, (Lines{failed_read + " (1 left out)", failed + " (3 left out)"}));
+    spim_open(spim_slave.port);
+    run([&] { spim_write(&byte, 1); });
+    EXPECT_EQ(log, (Lines{failed})) << "the next download tells its first failure";
+    run([] { spim_close(); });
+    EXPECT_EQ(log, Lines{});
+}
+
 TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {
     spim_close();
     spim_slave = {};
