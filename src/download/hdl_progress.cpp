@@ -1,15 +1,15 @@
 #include "download/hdl_progress.h"
 
 #include "base/stop_request.h"
-#include "download/hdl_wait.h"
 #include "download/tool_log.h"
+#include "download/tool_time.h"
 
 namespace {
 
 constexpr int64_t kLimitMs = 2000;
 
 struct State {
-    HdlWait since_mark = {};
+    int64_t mark_ms = 0;
     bool given_up = false;
 } state;
 
@@ -29,11 +29,11 @@ void hdl_progress_start() {
 }
 
 void hdl_progress_mark() {
-    state.since_mark = hdl_wait_start();
+    state.mark_ms = tool_time_passed_ms();
 }
 
 bool hdl_progress_given_up() {
-    return give_up_when(hdl_wait_elapsed(&state.since_mark) >= kLimitMs);
+    return give_up_when(tool_time_passed_ms() - state.mark_ms >= kLimitMs);
 }
 
 bool hdl_progress_give_up_now() {

@@ -1,7 +1,8 @@
 // Whether a firmware download still makes progress. Some of its retries have no limit and others last
 // minutes, so each loop that waits for the chip asks hdl_progress_given_up(): while a stop or another
 // download is announced, a download that has had nothing acknowledged for 2 s ends. One that makes progress
-// is never cut, because a half-written flash is worse than a wait. One thread only.
+// is never cut, because a half-written flash is worse than a wait; the 2 s pass whatever the time of day is
+// set to. One thread only.
 #ifndef TAVOR_HDL_PROGRESS_H
 #define TAVOR_HDL_PROGRESS_H
 

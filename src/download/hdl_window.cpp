@@ -30,7 +30,7 @@ bool send_with_attempts(const KiteCommand& command) {
 
 // Reads from offset on; what the file does not hold is left. Returns success.
 bool read_at(FILE* file, uint32_t offset, uint8_t* data, const char* name) {
-    if (fseek(file, static_cast<long>(offset), SEEK_SET) != 0) {
+    if (fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0) {
         tool_file_close(file, name);
         return false;
     }
@@ -164,6 +164,10 @@ bool wait_once(const Window& window) {
     return acknowledge(window, address) && advance(window);
 }
 
+bool image_changed(const Window& window) {
+    return window.image != nullptr && tool_file_changed(window.image->name, window.image_size);
+}
+
 bool image_unchanged(const Window& window) {
     return window.image == nullptr || tool_file_unchanged(window.image->name, window.image_size);
 }
@@ -174,7 +178,7 @@ Outcome run_pass(Window* window, uint32_t waits) {
             tool_log_error_text(window->rules.timeout);
             return Outcome::kEnded;
         }
-        if (hdl_progress_given_up() || !image_unchanged(*window)) {
+        if (hdl_progress_given_up() || image_changed(*window)) {
             return Outcome::kEnded;
         }
         if (wait_once(*window)) {

@@ -14,7 +14,11 @@ FILE* tool_file_open(const char* path);
 // Closes a file. Returns success; a failure is logged with the path.
 bool tool_file_close(FILE* file, const char* path);
 
-// Whether the file still has the size that it had; a change is logged with the path.
+// Whether the file is known to have another size than it had, or to be gone; that is logged with the path.
+// One that can't be looked at for the moment (no descriptor or memory is free, a read error) has not changed.
+bool tool_file_changed(const char* path, uint64_t size);
+
+// Whether the file is known to have the size that it had; else it is logged why not.
 bool tool_file_unchanged(const char* path, uint64_t size);
 
 #endif

@@ -1,5 +1,6 @@
 #include "download/tool_time.h"
 
+#include <ctime>
 #include <sys/time.h>
 
 namespace {
@@ -7,6 +8,7 @@ namespace {
 constexpr int64_t kUnset = -1;
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kUsPerMs = 1000;
+constexpr int64_t kNsPerMs = 1'000'000;
 
 struct State {
     int64_t start_ms = kUnset;
@@ -18,6 +20,12 @@ int64_t tool_time_now_ms() {
     timeval now = {};
     gettimeofday(&now, nullptr);
     return static_cast<int64_t>(now.tv_sec) * kMsPerSecond + now.tv_usec / kUsPerMs;
+}
+
+int64_t tool_time_passed_ms() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * kMsPerSecond + now.tv_nsec / kNsPerMs;
 }
 
 void tool_time_start() {

@@ -1,4 +1,4 @@
-// The clock of the firmware download: the time of day, in milliseconds.
+// The clock of the firmware download: the time of day, in milliseconds, and one that nobody sets.
 #ifndef TAVOR_TOOL_TIME_H
 #define TAVOR_TOOL_TIME_H
 
@@ -6,6 +6,9 @@
 
 // Milliseconds since the epoch.
 int64_t tool_time_now_ms();
+
+// Milliseconds that pass whatever the time of day is set to; only differences count.
+int64_t tool_time_passed_ms();
 
 // Sets the start mark to now, only if it is still unset.
 void tool_time_start();

@@ -230,6 +230,10 @@ int64_t tool_time_now_ms() {
     return world.now;
 }
 
+int64_t tool_time_passed_ms() {
+    return world.now;
+}
+
 void tool_sleep_ms(int64_t ms) {
     world.now += ms;
 }

@@ -28,6 +28,10 @@ bool has_form(const std::string& line, const std::string& form) {
     return true;
 }
 
+int64_t time_of_day_ms() {
+    return fake_clock.now_ms + fake_clock.set_ms;
+}
+
 } // namespace
 
 void fake_clock_start() {
@@ -65,13 +69,14 @@ extern "C" {
 time_t __real_time(time_t* now);
 int __real_timespec_get(timespec* now, int base);
 int __real_gettimeofday(timeval* now, void* zone);
+int __real_clock_gettime(clockid_t clock, timespec* now);
 int __real_nanosleep(const timespec* duration, timespec* rest);
 
 time_t __wrap_time(time_t* now) {
     if (!fake_clock.started) {
         return __real_time(now);
     }
-    const time_t seconds = fake_clock.time_fails ? -1 : static_cast<time_t>(fake_clock.now_ms / 1000);
+    const time_t seconds = fake_clock.time_fails ? -1 : static_cast<time_t>(time_of_day_ms() / 1000);
     fake_clock.now_ms += fake_clock.between_readings_ms;
     if (now != nullptr) {
         *now = seconds;
@@ -86,8 +91,8 @@ int __wrap_timespec_get(timespec* now, int base) {
     if (fake_clock.timespec_fails) {
         return 0;
     }
-    now->tv_sec = static_cast<time_t>(fake_clock.now_ms / 1000);
-    now->tv_nsec = static_cast<long>(fake_clock.now_ms % 1000 * 1000000);
+    now->tv_sec = static_cast<time_t>(time_of_day_ms() / 1000);
+    now->tv_nsec = static_cast<long>(time_of_day_ms() % 1000 * 1000000);
     fake_clock.now_ms += fake_clock.between_readings_ms;
     return base;
 }
@@ -96,8 +101,18 @@ int __wrap_gettimeofday(timeval* now, void* zone) {
     if (!fake_clock.started) {
         return __real_gettimeofday(now, zone);
     }
-    now->tv_sec = static_cast<time_t>(fake_clock.now_ms / 1000);
-    now->tv_usec = static_cast<suseconds_t>(fake_clock.now_ms % 1000 * 1000);
+    now->tv_sec = static_cast<time_t>(time_of_day_ms() / 1000);
+    now->tv_usec = static_cast<suseconds_t>(time_of_day_ms() % 1000 * 1000);
+    return 0;
+}
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    if (!fake_clock.started) {
+        return __real_clock_gettime(clock, now);
+    }
+    const int64_t ms = clock == CLOCK_MONOTONIC ? fake_clock.now_ms : time_of_day_ms();
+    now->tv_sec = static_cast<time_t>(ms / 1000);
+    now->tv_nsec = static_cast<long>(ms % 1000 * 1000000);
     return 0;
 }
 

@@ -1,5 +1,6 @@
-// A clock that only sleeping moves, for programs whose calls of time, timespec_get, gettimeofday and
-// nanosleep are wrapped by the linker (TAVOR_CLOCK_WRAPS). While it is not started the real functions run.
+// A clock that only sleeping moves, for programs whose calls of time, timespec_get, gettimeofday,
+// clock_gettime and nanosleep are wrapped by the linker (TAVOR_CLOCK_WRAPS). While it is not started the real
+// functions run.
 #ifndef TAVOR_TESTS_FAKE_CLOCK_H
 #define TAVOR_TESTS_FAKE_CLOCK_H
 
@@ -11,6 +12,7 @@
 struct FakeClock {
     bool started = false;
     int64_t now_ms = 0;
+    int64_t set_ms = 0;         // by how much the time of day was set: no time has passed
     std::vector<int64_t> slept; // milliseconds of each sleep, in order
     bool time_fails = false;
     bool timespec_fails = false;

@@ -15,6 +15,7 @@ using Texts = std::vector<std::string>;
 
 struct HdlFakes {
     int64_t now = 1'000'000;
+    int64_t set = 0;           // by how much the time of day was set: no time has passed
     int64_t receive_ms = 50;   // what a receive without bytes takes
     Texts log;                 // "[E] TEXT" or "[I] TEXT", line ends included
     Texts calls;               // "sleep 100", "set_speed 921600", "hook 1", "send 7 flag 1", "receive 11"

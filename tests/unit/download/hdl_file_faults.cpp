@@ -6,13 +6,13 @@
 HdlFileFaults g_file_faults;
 
 extern "C" {
-int __real_fseek(FILE* file, long offset, int whence);
+int __real_fseeko(FILE* file, off_t offset, int whence);
 size_t __real_fwrite(const void* data, size_t size, size_t count, FILE* file);
 int __real_fclose(FILE* file);
 int __real_remove(const char* path);
 
-int __wrap_fseek(FILE* file, long offset, int whence) {
-    return g_file_faults.fseek ? -1 : __real_fseek(file, offset, whence);
+int __wrap_fseeko(FILE* file, off_t offset, int whence) {
+    return g_file_faults.fseeko ? -1 : __real_fseeko(file, offset, whence);
 }
 
 size_t __wrap_fwrite(const void* data, size_t size, size_t count, FILE* file) {

@@ -3,7 +3,7 @@
 #define TAVOR_TESTS_HDL_FILE_FAULTS_H
 
 struct HdlFileFaults {
-    bool fseek = false;
+    bool fseeko = false;
     bool fwrite = false;
     bool fclose = false; // the file is closed all the same
     bool remove = false;

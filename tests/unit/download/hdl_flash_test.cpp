@@ -147,7 +147,7 @@ TEST_F(Block, AFileThatCantBeOpenedFails) {
 
 TEST_F(Block, AFileThatCantBePositionedFailsSilently) {
     image_holds("abc");
-    g_file_faults.fseek = true;
+    g_file_faults.fseeko = true;
     EXPECT_FALSE(download_send_single_block(0x8000, &image));
     EXPECT_EQ(g_fakes.log, Texts{});
     EXPECT_EQ(g_fakes.calls, Texts{});
@@ -155,7 +155,7 @@ TEST_F(Block, AFileThatCantBePositionedFailsSilently) {
 
 TEST_F(Block, AFileThatCantBePositionedNorClosedFails) {
     image_holds("abc");
-    g_file_faults.fseek = g_file_faults.fclose = true;
+    g_file_faults.fseeko = g_file_faults.fclose = true;
     EXPECT_FALSE(download_send_single_block(0x8000, &image));
     EXPECT_EQ(g_fakes.log, Texts{"[E] The file(" + path + ") could not closed.\n"});
 }

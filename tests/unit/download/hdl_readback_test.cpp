@@ -136,7 +136,8 @@ TEST_F(Readback, AChecksumThatNeverFitsFailsAfterThreeAttempts) {
 
 TEST_F(Readback, AClockThatIsSetBackDoesNotHoldAnAttempt) {
     g_fakes.on_receive = [receives = 0]() mutable {
-        g_fakes.now += ++receives == 2 ? -3'600'000 : 250;
+        g_fakes.now += 250;
+        g_fakes.set -= ++receives == 2 ? 3'600'000 : 0;
         g_fakes.arrives.push_back(data_response(0x2101, piece('y'), 1));
     };
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));

@@ -2,10 +2,12 @@
 
 #include "base/stop_request.h"
 #include "hdl_fakes.h"
+#include "interpose/fail.h"
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -296,6 +298,11 @@ void delay_response(size_t n, int64_t ms) {
     g_fakes.on_receive = [n, ms, receives = size_t{0}]() mutable { g_fakes.now += receives++ == n ? ms : 0; };
 }
 
+// The clock is set by so much before the n-th response.
+void set_clock_at_response(size_t n, int64_t ms) {
+    g_fakes.on_receive = [n, ms, receives = size_t{0}]() mutable { g_fakes.set += receives++ == n ? ms : 0; };
+}
+
 struct EraseFlow : Flow {};
 struct WriteFlow : Flow {};
 
@@ -345,28 +352,59 @@ TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
 
 TEST_P(EraseFlow, AClockThatIsSetBackBeginsTheLimitAnew) {
     answer_nothing();
-    constexpr int64_t kStepMs = -3'600'000;
-    delay_response(0, kStepMs);
-    const int64_t stepped = g_fakes.now + kStepMs;
+    set_clock_at_response(0, -3'600'000);
+    const int64_t start = g_fakes.now;
     EXPECT_FALSE(run(100));
-    EXPECT_GT(g_fakes.now - stepped, 45000);
-    EXPECT_LT(g_fakes.now - stepped, 50000); // the wait for a response that had the step begins anew too
+    EXPECT_GT(g_fakes.now - start, 45000);
+    EXPECT_LT(g_fakes.now - start, 50000); // the wait for a response that had the step begins anew too
     EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
 }
 
 TEST_P(EraseFlow, AClockThatIsSetBackDoesNotEndIt) {
-    delay_response(0, -3'600'000);
+    set_clock_at_response(0, -3'600'000);
     EXPECT_TRUE(run(2));
 }
 
 TEST_P(EraseFlow, AClockThatIsSetForwardDoesNotEndIt) {
-    delay_response(0, 7'200'000);
-    EXPECT_TRUE(run(3));
-    delay_response(0, 7'200'000);
+    for (const int64_t step_ms : {46'000, 60'000, 7'200'000}) {
+        SetUp();
+        set_clock_at_response(0, step_ms);
+        EXPECT_TRUE(run(3)) << step_ms;
+        SetUp();
+        set_clock_at_response(0, step_ms);
+        answer_nothing();
+        const int64_t start = g_fakes.now;
+        EXPECT_FALSE(run(100));
+        EXPECT_LT(g_fakes.now - start, 50'000) << "its limit begins anew, once";
+    }
+}
+
+TEST_P(Flow, AClockThatIsSetForwardIsNoLackOfProgress) {
+    const StopRequest stop;
+    g_fakes.receive_ms = 50;
     answer_nothing();
-    const int64_t start = g_fakes.now;
-    EXPECT_FALSE(run(100));
-    EXPECT_LT(g_fakes.now - start, 7'200'000 + 50'000) << "its limit begins anew, once";
+    g_fakes.on_receive = [this, receives = uint32_t{0}]() mutable {
+        if (++receives % 2 == 0) { // each response comes behind a receive without bytes
+            g_fakes.arrives.push_back(response(receives / 2 - 1));
+        }
+        g_fakes.set += receives == 3 ? 3000 : 0;
+    };
+    EXPECT_TRUE(run(8));
+    EXPECT_EQ(hdl_fakes_log_with(kGivenUp), Texts{});
+}
+
+TEST_P(Flow, AFrameThatIsLateIsAwaitedThoughTheClockIsSetForward) {
+    answer_nothing();
+    g_fakes.receive_ms = 100;
+    g_fakes.on_receive = [this, receives = 0]() mutable {
+        ++receives;
+        g_fakes.set += receives == 2 ? 2000 : 0;
+        if (receives == 5) {
+            g_fakes.arrives.push_back(response(0));
+        }
+    };
+    EXPECT_TRUE(run(1));
+    EXPECT_EQ(g_fakes.log, lines("s0 r0"));
 }
 
 TEST_P(Flow, ASilentAgentIsGivenUpTwoSecondsAfterItsLastAcknowledgementWhenAStopWaits) {
@@ -450,6 +488,33 @@ TEST_P(WriteFlow, AFileThatChangesEndsItAtOnceAndIsNamed) {
             std::filesystem::remove(path);
         }
     }
+}
+
+TEST_P(WriteFlow, AFileThatCantBeLookedAtForTheMomentEndsNoWrite) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EIO}) {
+        SetUp();
+        commands = 0;
+        answer_with({});
+        // Behind the first response the next block is read, then the file is looked at.
+        g_fakes.on_receive = [error, receives = 0]() mutable {
+            if (++receives == 1) {
+                interpose_fail("open", 2, error);
+            }
+        };
+        EXPECT_TRUE(run(3)) << error;
+        EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 r1 s2 r2")) << error;
+    }
+}
+
+TEST_P(WriteFlow, AFileThatCantBeLookedAtInTheEndIsNoSuccess) {
+    g_fakes.on_receive = [receives = 0]() mutable {
+        if (++receives == 3) {
+            interpose_fail("open", 1, EMFILE);
+        }
+    };
+    EXPECT_FALSE(run(3));
+    EXPECT_EQ(g_fakes.log.back(),
+              "[E] image file can't be looked at: " + (dir.path / "image.bin").string() + "\n");
 }
 
 TEST_P(WriteFlow, SendsTheImagesBytes) {

@@ -135,6 +135,15 @@ TEST_F(ToolTime, NowIsMillisecondsSinceTheEpoch) {
     EXPECT_EQ(tool_time_now_ms(), kFakeNoonMs);
 }
 
+TEST_F(ToolTime, TimeThatPassesIsNoMatterOfTheTimeOfDay) {
+    const int64_t start = tool_time_passed_ms();
+    fake_clock.set_ms = 3'600'000;
+    EXPECT_EQ(tool_time_passed_ms(), start);
+    fake_clock.now_ms += 1501;
+    EXPECT_EQ(tool_time_passed_ms(), start + 1501);
+    EXPECT_EQ(tool_time_now_ms(), kFakeNoonMs + 3'600'000 + 1501);
+}
+
 TEST_F(ToolTime, SleepsSecondsAndMilliseconds) {
     EXPECT_EQ(capture_stdout([] {
                   tool_sleep_ms(0);
