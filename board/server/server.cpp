@@ -66,7 +66,9 @@ bool take_parts(const Request& request, std::vector<BoardTransfer>& parts, Bytes
         return false;
     }
     std::vector<WirePart> wire(count);
-    memcpy(wire.data(), request.payload, count * sizeof(WirePart));
+    if (count > 0) { // an empty vector has no bytes to point at
+        memcpy(wire.data(), request.payload, count * sizeof(WirePart));
+    }
     size_t sends = 0;
     size_t receives = 0;
     for (size_t i = 0; i < count; ++i) {
