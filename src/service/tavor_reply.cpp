@@ -113,25 +113,6 @@ bool stop_lets_wait(const tavor_response& response, uint64_t now_us) {
     return is_result(response) && now_us - state.stop_since_us < kStopPatienceUs;
 }
 
-// Returns 0 or the error number.
-int send_waiting(const TavorPeer& peer, const tavor_response& response) {
-    TavorPeer* const stalled = find_stalled(peer);
-    const uint64_t start_us = monotonic_us();
-    uint64_t now_us = start_us;
-    int error = EAGAIN;
-    for (bool waits = true; waits && error == EAGAIN; now_us = monotonic_us()) {
-        waits = state.waits && stalled == nullptr && now_us - start_us < kPatienceUs &&
-                stop_lets_wait(response, now_us);
-        error = send_once(peer, response, waits ? 0 : MSG_DONTWAIT);
-    }
-    if (error == 0) {
-        forget_stalled(stalled);
-    } else if (stalled == nullptr && now_us - start_us >= kPatienceUs) {
-        remember_stalled(peer);
-    }
-    return error;
-}
-
 bool has_kept_before(const TavorPeer& peer, size_t count) {
     return std::any_of(state.kept, state.kept + count,
                        [&](const KeptResult& kept) { return same_peer(kept.peer, peer); });
@@ -150,21 +131,17 @@ void keep(const TavorPeer& peer, const tavor_response& response) {
 // too old, or its client is gone. A client gets its results in order, so this one waits while an older one of
 // the same client is kept; the older ones are the first `before` of state.kept.
 bool settle(const KeptResult& kept, size_t before) {
-    if (monotonic_us() - kept.since_us >= kKeptUs) {
-        log_loss();
-        return true;
-    }
-    if (has_kept_before(kept.peer, before)) {
-        return false;
-    }
-    const int error = send_once(kept.peer, kept.response, MSG_DONTWAIT);
-    if (passes(error)) {
+    const int error =
+        has_kept_before(kept.peer, before) ? EAGAIN : send_once(kept.peer, kept.response, MSG_DONTWAIT);
+    if (passes(error) && monotonic_us() - kept.since_us < kKeptUs) {
         return false;
     }
     if (error != 0) {
         log_loss();
     }
-    forget_stalled(find_stalled(kept.peer));
+    if (!passes(error)) {
+        forget_stalled(find_stalled(kept.peer));
+    }
     return true;
 }
 
@@ -187,12 +164,36 @@ void keep_or_lose(const TavorPeer& peer, const tavor_response& response, int err
     }
 }
 
-// The client, and whether nothing that is kept has to go to it first.
-bool next_client(TavorPeer* client) {
+TavorPeer current_client() {
+    const std::lock_guard<std::mutex> guard(state.lock);
+    return state.client;
+}
+
+// Whether nothing that is kept has to go to the peer first.
+bool is_next(const TavorPeer& peer) {
     const std::lock_guard<std::mutex> guard(state.lock);
     settle_kept();
-    *client = state.client;
-    return !has_kept_before(*client, state.kept_count);
+    return !has_kept_before(peer, state.kept_count);
+}
+
+// Returns 0 or the error number. While it waits the main thread may keep an answer for the same peer
+// (tavor_reply_failed), so each round looks anew.
+int send_waiting(const TavorPeer& peer, const tavor_response& response) {
+    const uint64_t start_us = monotonic_us();
+    uint64_t now_us = start_us;
+    int error = EAGAIN;
+    for (bool waits = true; waits && error == EAGAIN && is_next(peer); now_us = monotonic_us()) {
+        waits = state.waits && find_stalled(peer) == nullptr && now_us - start_us < kPatienceUs &&
+                stop_lets_wait(response, now_us);
+        error = send_once(peer, response, waits ? 0 : MSG_DONTWAIT);
+    }
+    TavorPeer* const stalled = find_stalled(peer);
+    if (error == 0) {
+        forget_stalled(stalled);
+    } else if (stalled == nullptr && now_us - start_us >= kPatienceUs) {
+        remember_stalled(peer);
+    }
+    return error;
 }
 
 } // namespace
@@ -222,8 +223,8 @@ void tavor_send_response(uint32_t id, uint32_t value, const void* payload, uint3
     if (payload != nullptr) {
         memcpy(response.payload, payload, std::min<uint32_t>(length, TAVOR_PAYLOAD_SIZE));
     }
-    TavorPeer client = {};
-    const int error = next_client(&client) ? send_waiting(client, response) : EAGAIN;
+    const TavorPeer client = current_client();
+    const int error = send_waiting(client, response);
     if (error != 0) {
         const std::lock_guard<std::mutex> guard(state.lock);
         keep_or_lose(client, response, error);

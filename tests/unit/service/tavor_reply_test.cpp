@@ -326,6 +326,7 @@ TEST_F(ReplyTest, ResultsWaitHalfASecondInAllWhileAStopIsAnnounced) {
         stop_request_withdraw();
         kernel.now_us += 60 * kSecond;
         EXPECT_FALSE(retry());
+        kernel.now_us += kSecond; // it reads what was kept
         fill(kernel.readers["slow"]);
     }
 }
@@ -428,6 +429,36 @@ TEST_F(ReplyTest, KeptResultIsGivenUpAfterThirtySeconds) {
     kernel.now_us = kept_at + 30 * kSecond;
     EXPECT_FALSE(retry());
     EXPECT_EQ(losses, 1U);
+}
+
+TEST_F(ReplyTest, OldResultIsTriedOnceMoreBeforeItIsGivenUp) {
+    Reader& reader = client("c", kNever);
+    fill(reader);
+    send(SERVICE_SAVE_LOCATION, 7); // afterwards the service is busy for a minute
+    kernel.now_us += 60 * kSecond;
+    reader.us_per_datagram = 0;
+    reader.free_at_us = kernel.now_us;
+    EXPECT_FALSE(retry());
+    EXPECT_EQ(values_of(reader, TAVOR_CODE_SAVE_LOCATION), Values{7});
+    EXPECT_EQ(losses, 0U);
+}
+
+TEST_F(ReplyTest, ResultThatIsKeptMeanwhileIsNotOvertakenByTheOneThatWaits) {
+    Reader& reader = client("slow", 700 * kMs);
+    fill(reader);
+    kernel.while_waiting = [] {
+        kernel.while_waiting = nullptr;
+        tavor_reply_failed(SERVICE_DEBUG_TCP);
+    };
+    send(SERVICE_COMMAND, 5);
+    reader.us_per_datagram = 0;
+    reader.free_at_us = kernel.now_us;
+    EXPECT_FALSE(retry());
+    let_read(reader);
+    ASSERT_GE(reader.read.size(), 2U);
+    EXPECT_EQ(reader.read.end()[-2].code, TAVOR_CODE_DEBUG + 0U);
+    EXPECT_EQ(reader.read.end()[-1].code, TAVOR_CODE_CHIP + 0U);
+    EXPECT_EQ(losses, 0U);
 }
 
 TEST_F(ReplyTest, ResultOfAClientThatIsGoneIsLostAtOnceAlsoWhenItWasKept) {
