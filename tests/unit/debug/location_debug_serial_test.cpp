@@ -1,6 +1,7 @@
 #include "debug/location_debug.h"
 
 #include "debug_fixture.h"
+#include "support/test_limit.h"
 
 #include <atomic>
 #include <chrono>
@@ -131,6 +132,7 @@ TEST_F(DebugSerialTest, LongBlockPassesWholeWhenEachByteIsEscaped) {
 }
 
 TEST_F(DebugSerialTest, WhatTheLineCantTakeIsDroppedInWholeBlocksAndToldOnce) {
+    const TestLimit limit; // a send that waits for room would wait for ever
     open_line();
     limit_queue(debug_queue(), 4);
     handle_text(kMoreThanTheLineHolds);
