@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -22,7 +23,6 @@ constexpr int kQueueMode = 0666;
 constexpr long kMessageType = 1;
 constexpr size_t kMessageBodySize = 24; // bytes, also where pointers are shorter
 constexpr useconds_t kFullQueuePauseUs = 1000;
-constexpr useconds_t kRequestPauseUs = 10000; // longer, so that the number of pauses says how long they take
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
 constexpr useconds_t kEmptyQueuePauseUs = 10000;
 
@@ -111,12 +111,23 @@ int enqueue_bodiless(UnsentMessage* message) {
     return enqueue_now(record, 0, message);
 }
 
-// Whether a send that found the queue full tries again. pauses: how often it may, null: without limit.
-bool waits_for_room(int* pauses) {
-    return !ServiceQueueState::is_consumer && (pauses == nullptr || (*pauses)-- > 0);
+bool lasts(ServiceQueuePatience* patience) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const uint64_t now_us =
+        static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    if (patience->until_us == 0) {
+        patience->until_us = now_us + patience->wait_us;
+    }
+    return now_us < patience->until_us;
 }
 
-bool enqueue(const ServiceMessage& body, int* pauses) {
+// Whether a send that found the queue full tries again. patience: null: without limit.
+bool waits_for_room(ServiceQueuePatience* patience) {
+    return !ServiceQueueState::is_consumer && (patience == nullptr || lasts(patience));
+}
+
+bool enqueue(const ServiceMessage& body, ServiceQueuePatience* patience) {
     UnsentMessage message(body.id, body.data);
     const QueueRecord record = make_record(body);
     state.handovers.fetch_add(1, std::memory_order_release);
@@ -125,15 +136,15 @@ bool enqueue(const ServiceMessage& body, int* pauses) {
     if (error == EAGAIN && stops_link(body.id)) {
         error = enqueue_bodiless(&message);
     }
-    while (error == EAGAIN && waits_for_room(pauses)) {
-        usleep(pauses == nullptr ? kFullQueuePauseUs : kRequestPauseUs);
+    while (error == EAGAIN && waits_for_room(patience)) {
+        usleep(kFullQueuePauseUs);
         error = enqueue_now(record, kMessageBodySize, &message);
     }
     return error == 0;
 }
 
-bool enqueue_or_log(const ServiceMessage& body, int* pauses) {
-    const bool sent = enqueue(body, pauses);
+bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) {
+    const bool sent = enqueue(body, patience);
     if (!sent) {
         puts("[LOCSERV] ERR: location_service_task_send_message, Fail!");
     }
@@ -193,8 +204,8 @@ void location_service_task_send_message(uint32_t id, void* data, uint32_t length
     enqueue_or_log({.id = id, .data = data, .length = length}, nullptr);
 }
 
-bool service_queue_request(uint32_t id, void* data, uint32_t length, int* pauses) {
-    return enqueue_or_log({.id = id, .data = data, .length = length}, pauses);
+bool service_queue_request(uint32_t id, void* data, uint32_t length, ServiceQueuePatience* patience) {
+    return enqueue_or_log({.id = id, .data = data, .length = length}, patience);
 }
 
 bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {

@@ -41,9 +41,15 @@ int32_t service_queue_open();
 // until they are handled, so that what is queued before them comes to an end soon.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
-// The same for a request of a client, whose sender must not be kept waiting: takes as many pauses of 10 ms
-// as *pauses allows and counts them off. Returns whether the request was enqueued.
-bool service_queue_request(uint32_t id, void* data, uint32_t length, int* pauses);
+// How long requests wait for room together: from the first one that waits on.
+struct ServiceQueuePatience {
+    uint64_t wait_us;
+    uint64_t until_us = 0; // CLOCK_MONOTONIC; 0 until one waits
+};
+
+// The same for a request of a client, whose sender must not be kept waiting longer than the patience lasts.
+// Returns whether the request was enqueued.
+bool service_queue_request(uint32_t id, void* data, uint32_t length, ServiceQueuePatience* patience);
 
 enum class ServiceQueueWait {
     until_one_comes,

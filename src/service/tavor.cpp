@@ -29,9 +29,9 @@ static_assert(sizeof(tavor_request) == TAVOR_REQUEST_SIZE && offsetof(tavor_requ
 // anybody's replies. Bytes.
 constexpr int kSendBufferSize = 4 * 1024 * 1024;
 
-// Pauses of 10 ms for which requests wait for room in the service queue: those that wait together in
-// the socket share them, so that a stop behind them is received within a second.
-constexpr int kRoomPauses = 90;
+// For which requests wait for room in the service queue: those that wait together in the socket share it, so
+// that a stop behind them is received soon enough to be answered within two seconds.
+constexpr uint64_t kRoomWaitUs = 500000;
 
 constexpr int kAlreadyRunning = 1; // exit status
 
@@ -40,7 +40,7 @@ struct TavorState {
     tavor_request request =
         {};                // not cleared between receives: a short datagram is completed by the one before
     TavorPeer sender = {}; // each receive is given the length that the last one reported
-    int room_pauses = kRoomPauses;
+    ServiceQueuePatience patience = {.wait_us = kRoomWaitUs};
 };
 
 TavorState state; // of the main thread
@@ -61,13 +61,25 @@ void widen_send_buffer(int32_t fd) {
 }
 
 // Takes the directory of the socket for this process: the lock dies with it and leaves no file behind.
-// Returns the descriptor that holds it; -1 with EWOULDBLOCK when another daemon has it, with another error
-// when the directory can't be locked.
+// Returns the descriptor that holds it; -1 with errno set, to EWOULDBLOCK when another daemon has it.
 int lock_directory() {
     const std::string path = TAVOR_SOCKET_PATH;
     DescriptorGuard directory(
         open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.fd == -1) {
+        return -1;
+    }
     return flock(directory.fd, LOCK_EX | LOCK_NB) == 0 ? directory.release() : -1;
+}
+
+// Tells why the daemon does not run. Returns the exit status.
+int report_no_lock(int error) {
+    if (error == EWOULDBLOCK) {
+        fputs("tavor is already running\n", stderr);
+        return kAlreadyRunning;
+    }
+    fprintf(stderr, "tavor: can't lock the directory of %s: %s\n", TAVOR_SOCKET_PATH, strerror(error));
+    return -1;
 }
 
 // The request, waiting for one.
@@ -80,7 +92,7 @@ ssize_t receive_request() {
     if (waiting != -1 || errno != EAGAIN) {
         return waiting;
     }
-    state.room_pauses = kRoomPauses;
+    state.patience = {.wait_us = kRoomWaitUs};
     return receive(0);
 }
 
@@ -95,7 +107,7 @@ bool enqueue_command() {
         return true;
     }
     memcpy(body, text, length + 1);
-    return service_queue_request(SERVICE_COMMAND, body, static_cast<uint32_t>(length), &state.room_pauses);
+    return service_queue_request(SERVICE_COMMAND, body, static_cast<uint32_t>(length), &state.patience);
 }
 
 void enqueue_request() {
@@ -107,7 +119,7 @@ void enqueue_request() {
     }
     const bool enqueued = row->id == SERVICE_COMMAND
                               ? enqueue_command()
-                              : service_queue_request(row->id, nullptr, 0, &state.room_pauses);
+                              : service_queue_request(row->id, nullptr, 0, &state.patience);
     if (!enqueued) {
         tavor_reply_failed(row->id);
     }
@@ -152,9 +164,8 @@ int tavor_run() {
     setvbuf(stdout, nullptr, _IOLBF, 0); // a supervisor sees each line when it happens
     signal(SIGPIPE, SIG_IGN);
     const DescriptorGuard lock(lock_directory());
-    if (lock.fd == -1 && errno == EWOULDBLOCK) {
-        fputs("tavor is already running\n", stderr);
-        return kAlreadyRunning;
+    if (lock.fd == -1 && errno != ENOENT) { // without its directory the socket can't be bound either
+        return report_no_lock(errno);
     }
     if (tavor_init() == -1 || location_service_init(tavor_send_response) == -1) {
         return -1;

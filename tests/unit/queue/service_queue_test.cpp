@@ -27,6 +27,19 @@ constexpr unsigned kBoundSeconds = 60; // of a test: a send or a receive may wai
 
 const std::vector<std::string> kFailLine = {"[LOCSERV] ERR: location_service_task_send_message, Fail!"};
 
+std::atomic<useconds_t> g_late_us = 0; // how much later each pause ends
+std::atomic<int> g_pauses = 0;
+
+} // namespace
+
+extern "C" int __real_usleep(useconds_t us);
+extern "C" int __wrap_usleep(useconds_t us) {
+    ++g_pauses;
+    return __real_usleep(us + g_late_us);
+}
+
+namespace {
+
 struct QueueTest : testing::Test {
     void SetUp() override {
         alarm(kBoundSeconds);
@@ -305,19 +318,40 @@ TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
     EXPECT_FALSE(stop_request_pending());
 }
 
-TEST_F(QueueTest, RequestGivesUpAfterItsPausesAndCountsThemOff) {
+TEST_F(QueueTest, RequestsGiveUpWhenTheirCommonPatienceIsOver) {
     fill();
-    int pauses = 3;
+    constexpr uint64_t kWaitUs = 200000;
+    ServiceQueuePatience patience = {.wait_us = kWaitUs};
     bool sent = true;
-    const auto request = [&] { sent = service_queue_request(SERVICE_COMMAND, malloc(5), 5, &pauses); };
+    const auto request = [&] { sent = service_queue_request(SERVICE_COMMAND, malloc(5), 5, &patience); };
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(lines_of(capture_stdout(request)), kFailLine);
     EXPECT_FALSE(sent);
-    EXPECT_LE(pauses, 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(kWaitUs));
+    const uint64_t until_us = patience.until_us;
+    EXPECT_NE(until_us, 0U);
+    EXPECT_EQ(lines_of(capture_stdout(request)), kFailLine);
+    EXPECT_EQ(patience.until_us, until_us) << "the second one has no time of its own";
     free(receive().data);
-    pauses = 3;
+    patience = {.wait_us = kWaitUs};
     request();
     EXPECT_TRUE(sent);
-    EXPECT_EQ(pauses, 3);
+    EXPECT_EQ(patience.until_us, 0U) << "it did not wait";
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        free(receive().data);
+    }
+}
+
+TEST_F(QueueTest, RequestsWaitNoLongerWhenPausesTakeLonger) {
+    fill();
+    g_late_us = 60000; // as on a machine that is busy
+    ServiceQueuePatience patience = {.wait_us = 200000};
+    const int before = g_pauses;
+    const std::string log = capture_stdout(
+        [&] { EXPECT_FALSE(service_queue_request(SERVICE_COMMAND, malloc(5), 5, &patience)); });
+    g_late_us = 0;
+    EXPECT_EQ(lines_of(log), kFailLine);
+    EXPECT_LE(g_pauses - before, 4);
     for (uint32_t i = 0; i < kSmallQueue; i++) {
         free(receive().data);
     }
