@@ -2,6 +2,7 @@
 
 #include "client/assist.h"
 #include "client/download.h"
+#include "client/download_check.h"
 #include "client/follow.h"
 #include "client/position.h"
 #include "client/print.h"
@@ -200,6 +201,9 @@ int run_send(Session& session) {
 int commands_run(const Options& options, int interrupt) {
     Session session = {options, {}, 0, 0, false};
     session.connection.interrupt = interrupt;
+    if (options.command == Command::kDownload && options.check) {
+        return download_check_run(session);
+    }
     if (!connection_open(session.connection, options.socket)) {
         const bool interrupted = session.connection.error.empty();
         return session_end_status(session, interrupted ? Outcome::kInterrupted : Outcome::kUnreachable, 0);

@@ -1,5 +1,6 @@
 #include "client/download.h"
 
+#include "client/download_check.h"
 #include "client/download_log.h"
 #include "client/download_view.h"
 #include "client/log_source.h"
@@ -28,6 +29,7 @@ constexpr char kClearLine[] = "\r\033[K";
 // A download under way.
 struct Run {
     Session& session;
+    DownloadPlan plan = {};
     LogSource log = {};
     DownloadProgress progress = {};
     bool told_others = false; // that it waits behind another download
@@ -37,6 +39,8 @@ struct Run {
     uint64_t told_done = 0;
     Clock::time_point begin = Clock::now();
     Clock::time_point step_begin = Clock::now();
+    Clock::time_point write_begin = {};
+    std::optional<double> write_s = {}; // how long all images took, once they are written
     Clock::time_point told_at = {};
     Presence daemon = Presence::kSame;
     Clock::time_point probed_at = Clock::now();
@@ -67,7 +71,10 @@ size_t terminal_width() {
 void open_log(Run& run) {
     const std::string& path = run.session.options.log;
     if (path.empty() && !log_source_journal_is_readable()) {
-        session_note("only the time is shown: the steps are in 'journalctl -u tavor'");
+        session_note(
+            "the daemon's log can't be read, so only the time is shown; for the steps, and the cause of "
+            "a failure, use sudo, or join group systemd-journal ('sudo usermod -a -G systemd-journal "
+            "$USER') and log in again, or name the log's file with --log");
     } else if (path.empty()) {
         log_source_open_journal(run.log);
     } else if (!log_source_open_file(run.log, path)) {
@@ -89,6 +96,16 @@ void draw_bar(Run& run) {
     run.drawn = true;
 }
 
+// Notes when the writing of the images begins and ends.
+void time_write(Run& run) {
+    const DownloadPhase phase = run.progress.phase;
+    if (phase == DownloadPhase::kWrite && run.write_begin == Clock::time_point{}) {
+        run.write_begin = Clock::now();
+    } else if (phase == DownloadPhase::kCheck && !run.write_s && run.write_begin != Clock::time_point{}) {
+        run.write_s = seconds_since(run.write_begin);
+    }
+}
+
 // A new step is always told, what happens within one from time to time.
 void tell_json(Run& run, bool new_step) {
     const bool due = seconds_since(run.told_at) >= kJsonEveryS && run.progress.done != run.told_done;
@@ -105,6 +122,7 @@ void show(Run& run) {
     if (new_step) {
         run.step = step;
         run.step_begin = Clock::now();
+        time_write(run);
     }
     if (run.session.options.json) {
         tell_json(run, new_step);
@@ -203,9 +221,45 @@ std::string failure_text(const Run& run) {
     return "the firmware could not be written: " + download_view_failure(run.progress);
 }
 
+// What was written: as the log tells, or else as the look at the files has told.
+DownloadSummary summary_of(const Run& run) {
+    const DownloadProgress& progress = run.progress;
+    DownloadSummary summary = {run.plan.images, std::nullopt, seconds_since(run.begin), run.write_s, {}};
+    if (run.plan.images > 0) {
+        summary.bytes = run.plan.bytes;
+    }
+    if (progress.images > 0) {
+        summary.images = progress.images;
+        summary.bytes = 0;
+        for (const DownloadImage& image : progress.list) {
+            const auto size = size_of_file(image.path);
+            summary.bytes = summary.bytes && size ? std::optional(*summary.bytes + *size) : std::nullopt;
+        }
+    }
+    if (progress.flash_size > 0) {
+        summary.flash = FlashRange{progress.flash_begin, progress.flash_size};
+    }
+    return summary;
+}
+
+int report_good(Run& run, const Record& answer) {
+    const DownloadSummary summary = summary_of(run);
+    if (run.session.options.json) {
+        session_emit(run.session, download_view_summary_json(summary));
+    }
+    const int status = session_report(run.session, answer, "");
+    if (!run.session.options.json && summary.images > 0) {
+        session_emit(run.session, download_view_summary(summary));
+    }
+    return status;
+}
+
 int report(Run& run, const Record& answer) {
     clear_bar(run);
-    if (!record_ok(answer) && run.session.options.json && !run.progress.error.empty()) {
+    if (record_ok(answer)) {
+        return report_good(run, answer);
+    }
+    if (run.session.options.json && !run.progress.error.empty()) {
         session_emit(run.session, download_view_failure_json(run.progress));
     }
     return session_report(run.session, answer, failure_text(run));
@@ -265,6 +319,9 @@ int report_end(Run& run, Outcome outcome, double limit_s) {
 int download_run(Session& session) {
     Run run = {.session = session};
     run.terminal = isatty(STDERR_FILENO) != 0;
+    if (const auto status = download_check_before(session, run.plan)) {
+        return *status;
+    }
     open_log(run);
     const double limit_s = session.options.timeout_s.value_or(kDownloadLimitS);
     const Clock::time_point deadline = deadline_in(limit_s);

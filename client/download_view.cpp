@@ -62,6 +62,20 @@ std::string speed_text(const DownloadProgress& progress, double step_s) {
     return text;
 }
 
+const char* grade_name(Grade grade) {
+    constexpr std::array<const char*, 3> kNames = {"good", "doubtful", "bad"};
+    return kNames.at(static_cast<size_t>(grade));
+}
+
+std::optional<double> write_rate(const DownloadSummary& summary) {
+    const bool known = summary.bytes && summary.write_s.value_or(0) > 0;
+    return known ? std::optional(static_cast<double>(*summary.bytes) / *summary.write_s) : std::nullopt;
+}
+
+double rounded(double value) {
+    return std::round(value * 1000) / 1000;
+}
+
 } // namespace
 
 std::string download_view_step(const DownloadProgress& progress) {
@@ -100,7 +114,7 @@ std::string download_view_json(const DownloadProgress& progress, const DownloadT
     object["done"] = progress.done;
     object["total"] = progress.total ? Json(*progress.total) : Json(nullptr);
     object["again"] = progress.again;
-    object["elapsed"] = std::round(times.all_s * 1000) / 1000;
+    object["elapsed"] = rounded(times.all_s);
     return dump(object);
 }
 
@@ -119,5 +133,53 @@ std::string download_view_failure_json(const DownloadProgress& progress) {
     object["type"] = "failure";
     object["error"] = download_log_cause(progress);
     object["advice"] = download_advice(download_log_cause(progress));
+    return dump(object);
+}
+
+std::string download_view_finding(const Finding& finding) {
+    constexpr size_t kGradeWidth = 10;
+    std::string line = grade_name(finding.grade);
+    line.resize(kGradeWidth, ' ');
+    return line + finding.subject + ": " + finding.text + "\n";
+}
+
+std::string download_view_finding_json(const Finding& finding) {
+    Json object;
+    object["type"] = "check";
+    object["subject"] = finding.subject;
+    object["grade"] = grade_name(finding.grade);
+    object["text"] = finding.text;
+    return dump(object);
+}
+
+std::string download_view_summary(const DownloadSummary& summary) {
+    std::string text = std::to_string(summary.images) + (summary.images == 1 ? " image" : " images");
+    text += summary.bytes ? ", " + std::to_string(*summary.bytes) + " bytes" : "";
+    std::array<char, 32> seconds = {};
+    snprintf(seconds.data(), seconds.size(), " in %.1f s", summary.all_s);
+    text += seconds.data();
+    if (const auto rate = write_rate(summary)) {
+        text += ", written at " + rate_text(*rate);
+    }
+    if (summary.flash) {
+        std::array<char, 64> flash = {};
+        snprintf(flash.data(), flash.size(), "; the flash is 0x%08llx+0x%llx",
+                 static_cast<unsigned long long>(summary.flash->begin),
+                 static_cast<unsigned long long>(summary.flash->size));
+        text += flash.data();
+    }
+    return text + "\n";
+}
+
+std::string download_view_summary_json(const DownloadSummary& summary) {
+    const auto rate = write_rate(summary);
+    Json object;
+    object["type"] = "summary";
+    object["images"] = summary.images > 0 ? Json(summary.images) : Json(nullptr);
+    object["bytes"] = summary.bytes ? Json(*summary.bytes) : Json(nullptr);
+    object["seconds"] = rounded(summary.all_s);
+    object["rate"] = rate ? Json(rounded(*rate)) : Json(nullptr);
+    object["flashBegin"] = summary.flash ? Json(summary.flash->begin) : Json(nullptr);
+    object["flashSize"] = summary.flash ? Json(summary.flash->size) : Json(nullptr);
     return dump(object);
 }

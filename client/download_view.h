@@ -2,6 +2,7 @@
 #ifndef TAVOR_CLIENT_DOWNLOAD_VIEW_H
 #define TAVOR_CLIENT_DOWNLOAD_VIEW_H
 
+#include "client/download_check.h"
 #include "client/download_log.h"
 
 #include <string>
@@ -10,6 +11,15 @@
 struct DownloadTimes {
     double all_s;
     double step_s;
+};
+
+// What a download that succeeded has done, as far as it is known.
+struct DownloadSummary {
+    uint32_t images = 0; // 0: not known
+    std::optional<uint64_t> bytes;
+    double all_s = 0;
+    std::optional<double> write_s; // of which spent writing
+    std::optional<FlashRange> flash;
 };
 
 // What is being done: "handshake", "write image 1 of 2 (a.bin)"; "writing firmware" while that is not known.
@@ -27,5 +37,14 @@ std::string download_view_failure(const DownloadProgress& progress);
 
 // One line of JSON, type "failure": what the log says and what to do, with its line end.
 std::string download_view_failure_json(const DownloadProgress& progress);
+
+// "good      agent: PATH: 1025 bytes" with its line end, and as one line of JSON, type "check".
+std::string download_view_finding(const Finding& finding);
+std::string download_view_finding_json(const Finding& finding);
+
+// "2 images, 61441 bytes in 42.1 s, written at 4.1 kB/s" with its line end, and as one line of JSON, type
+// "summary".
+std::string download_view_summary(const DownloadSummary& summary);
+std::string download_view_summary_json(const DownloadSummary& summary);
 
 #endif

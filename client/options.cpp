@@ -18,7 +18,8 @@ namespace {
 constexpr size_t kSocketPathMax = 107;
 // The daemon cuts a command at 351 characters, the talker "PZUL" included.
 constexpr size_t kBodyMax = 347;
-constexpr size_t kMistypedMax = 2; // letters
+constexpr size_t kMistypedMax = 2;                   // letters
+constexpr uint64_t kAddressEnd = uint64_t{1} << 32U; // of the chip
 constexpr double kFixWaitS = 120;
 constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
 
@@ -70,8 +71,10 @@ constexpr CommandRow kCommands[] = {
     {"download", Command::kDownload, "Write new firmware into the chip",
      "Limit: 20 min. Positioning is stopped and the chip off afterwards. Let no other client send requests\n"
      "meanwhile: the answer would go there. Interrupting this tool does not stop the daemon. Progress is taken\n"
-     "from the daemon's log, where it can be read, and shown on standard error.\n\n"
-     "Examples:\n  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
+     "from the daemon's log, where it can be read, and shown on standard error. List, agent and images are looked\n"
+     "at before the request; what is wrong ends the command, and nothing is requested.\n\n"
+     "Examples:\n  tavorctl download --check\n  tavorctl download --check --flash 0x08000000+0x200000\n"
+     "  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
 };
 
 std::string footer() {
@@ -108,6 +111,26 @@ std::string check_count(const std::string& text) {
     const auto result = std::from_chars(text.data(), end, value);
     const bool good = result.ec == std::errc() && result.ptr == end && value > 0;
     return good ? "" : print_safe(text) + " is no positive number";
+}
+
+// "BEGIN+SIZE" as a place in 32 bits of addresses, none when it is no such text.
+std::optional<FlashRange> read_flash(const std::string& text) {
+    char* end = nullptr;
+    FlashRange flash;
+    flash.begin = strtoull(text.c_str(), &end, 0);
+    const bool signs = text.find('-') != std::string::npos || text.find('+') != text.rfind('+');
+    if (end == text.c_str() || *end != '+' || signs) {
+        return std::nullopt;
+    }
+    const char* size = end + 1;
+    flash.size = strtoull(size, &end, 0);
+    const bool good = end != size && *end == '\0' && flash.size > 0 && flash.begin < kAddressEnd &&
+                      flash.size <= kAddressEnd - flash.begin;
+    return good ? std::optional(flash) : std::nullopt;
+}
+
+std::string check_flash(const std::string& text) {
+    return read_flash(text) ? "" : print_safe(text) + " is no flash: write BEGIN+SIZE as 0x08000000+0x200000";
 }
 
 // Adds an option of seconds; the variable holds a number only when it was given.
@@ -175,6 +198,12 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
         app.add_option("--log", options.log,
                        "File that the daemon's log goes to (the journal of its service)")
             ->type_name("FILE");
+        app.add_flag("--check", options.check, "Only look at list, agent and images; nothing is requested");
+        app.add_flag("--force", options.force, "Request it without that look");
+        app.add_option("--flash", options.flash_text,
+                       "Where the flash lies, for that look: 0x08000000+0x200000")
+            ->type_name("BEGIN+SIZE")
+            ->check(CLI::Validator(check_flash, ""));
         break;
     default:
         break;
@@ -292,6 +321,7 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     if (options.fix || !options.start_wait.empty()) {
         options.wait_s = options.start_wait.empty() ? kFixWaitS : read_seconds(options.start_wait);
     }
+    options.flash = read_flash(options.flash_text);
     const std::string problem = check_together(app, options);
     return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem, json));
 }

@@ -10,6 +10,12 @@
 
 enum class Command { kStart, kStop, kWatch, kPosition, kSave, kSend, kDebug, kAssist, kDownload };
 
+// Where a flash lies in the chip's addresses.
+struct FlashRange {
+    uint64_t begin = 0;
+    uint64_t size = 0; // bytes
+};
+
 struct Options {
     Command command = Command::kStart;
     std::string socket = TAVOR_SOCKET_PATH;
@@ -27,6 +33,10 @@ struct Options {
     std::string body;                // send
     std::string outlet;              // debug: off, file, serial or tcp
     std::string log;                 // download: file with the daemon's log; empty: the journal
+    bool check = false;              // download: look at the files only
+    bool force = false;              // download: don't look at them
+    std::string flash_text;          // download: the text of flash
+    std::optional<FlashRange> flash; // download: none: its bounds are not known
 };
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help

@@ -1,5 +1,7 @@
 // Image list reader: any text is either refused with a log line or becomes a list that a model of the file
-// agrees with in length, with names that end within their room.
+// agrees with in length, with names that end within their room. The client's reader, which looks at a list
+// before a download, must see the same.
+#include "client/image_list.h"
 #include "base/free_block.h"
 #include "download/hdl_image.h"
 
@@ -65,6 +67,16 @@ void check_strip(const std::string& text) {
     check(stripped.empty() || strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
 }
 
+void check_client(const std::string& text, const ImageEntry* images, uint32_t count) {
+    const ImageList list = image_list_read(text, "/proc/self/fd");
+    check(list.problem.empty() == (images != nullptr), "the client refuses something else");
+    check(list.images.size() == count, "the client counts something else");
+    for (uint32_t i = 0; images != nullptr && i < count; ++i) {
+        check(list.images[i].path == images[i].name, "the client reads another name");
+        check(list.images[i].begin == images[i].begin_address, "the client reads another address");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -77,6 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint32_t count = 0;
     const std::unique_ptr<ImageEntry, FreeBlock> images(load_flash_download_cfg(list_path, &count));
     check(count == count_blocks(text), "count differs");
+    check_client(text, images.get(), count);
     if (images == nullptr) {
         return 0;
     }

@@ -1,0 +1,48 @@
+// A look at the files of a firmware download from the client's side, before the chip is touched.
+#ifndef TAVOR_CLIENT_DOWNLOAD_CHECK_H
+#define TAVOR_CLIENT_DOWNLOAD_CHECK_H
+
+#include "client/image_list.h"
+#include "client/session.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+enum class Grade { kGood, kDoubtful, kBad };
+
+struct Finding {
+    Grade grade;
+    std::string subject; // settings, list, agent or image
+    std::string text;    // what was found, and what to do unless it is good
+};
+
+// What the system tells of a file.
+struct FileFacts {
+    int error = 0; // error number of the try to open it, 0 when it can be read
+    uint64_t size = 0;
+};
+
+struct DownloadPlan {
+    std::vector<Finding> findings;
+    uint32_t images = 0; // 0 while the list is not known
+    uint64_t bytes = 0;  // of all images
+};
+
+// Judges images whose files are known: pure. One fact for each image, flash where its bounds are known.
+std::vector<Finding> download_check_images(const std::vector<ListedImage>& images,
+                                           const std::vector<FileFacts>& facts,
+                                           const std::optional<FlashRange>& flash);
+
+// Looks at settings, list, agent and images of the daemon at the socket. Without any finding: where the
+// daemon's files are can't be told.
+DownloadPlan download_check_plan(const std::string& socket, const std::optional<FlashRange>& flash);
+
+// 'download --check': tells every finding. Returns an exit status.
+int download_check_run(Session& session);
+
+// The look before a request: tells what is not good. Returns an exit status when nothing shall be requested.
+std::optional<int> download_check_before(Session& session, DownloadPlan& plan);
+
+#endif
