@@ -2,11 +2,13 @@
 #include "brom_link.h"
 #include "download/hdl_brom.h"
 #include "download/hdl_settings.h"
+#include "support/call_fault.h"
 #include "support/fake_clock.h"
 #include "support/private_dir.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -18,21 +20,11 @@ constexpr size_t kAddressSend = 1;
 constexpr size_t kSignatureSend = 3;
 constexpr size_t kFirstChunkSend = 4;
 
-struct Files {
-    bool armed = false;
-    int failing_open = 0; // 1: the size's, 2: that of the sending
-    bool read_fails = false;
-    int opens = 0;
-    int open = 0;
-} files;
+auto open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 struct SendAgent : BromTest {
-    SendAgent() {
-        files = {};
-    }
-    ~SendAgent() override {
-        EXPECT_EQ(files.open, 0);
-    }
     void use_file(const string& content) {
         const string path = dir.write("da.bin", content);
         snprintf(g_download_settings.da_path, sizeof g_download_settings.da_path, "%s", path.c_str());
@@ -54,13 +46,15 @@ struct SendAgent : BromTest {
         answer({word16(0)}, {word16(checksum), word16(0)});
     }
     bool send() {
-        files.opens = 0;
-        return run([] {
-            files.armed = true;
-            const bool result = hdl_brom_send_da();
-            files.armed = false;
-            return result;
+        const auto open_before = open_descriptors();
+        const bool result = run([this] {
+            call_faults = faults;
+            const bool sent = hdl_brom_send_da();
+            call_faults = {};
+            return sent;
         });
+        EXPECT_EQ(open_descriptors(), open_before);
+        return result;
     }
     string last() const {
         return log.empty() ? "" : log.back();
@@ -70,6 +64,7 @@ struct SendAgent : BromTest {
     }
 
     PrivateDir dir;
+    CallFaults faults;
     size_t chunks = 0;
     uint16_t checksum = 0;
 };
@@ -87,31 +82,6 @@ string as_text(const Bytes& bytes) {
 }
 
 } // namespace
-
-extern "C" {
-
-FILE* __real_fdopen(int fd, const char* mode);
-int __real_fclose(FILE* file);
-size_t __real_fread(void* data, size_t size, size_t n, FILE* file);
-
-FILE* __wrap_fdopen(int fd, const char* mode) {
-    if (files.armed && ++files.opens == files.failing_open) {
-        return nullptr;
-    }
-    FILE* file = __real_fdopen(fd, mode);
-    files.open += files.armed && file != nullptr ? 1 : 0;
-    return file;
-}
-
-int __wrap_fclose(FILE* file) {
-    files.open -= files.armed ? 1 : 0;
-    return __real_fclose(file);
-}
-
-size_t __wrap_fread(void* data, size_t size, size_t n, FILE* file) {
-    return files.armed && files.read_fails ? 0 : __real_fread(data, size, n, file);
-}
-}
 
 TEST_F(SendAgent, AnnouncesAndSendsTheFile) {
     use_file("abcde");
@@ -182,7 +152,7 @@ TEST_F(SendAgent, WhatIsNoFileWithBytesIsNotAnnounced) {
 
 TEST_F(SendAgent, FileThatCantBeOpenedIsLogged) {
     use_file("abcde");
-    files.failing_open = 2;
+    faults.fdopen = 1; // the first is that of the size
     EXPECT_FALSE(send());
     EXPECT_EQ(log, (Lines{"[E] Open da file " + path() + " fail"}));
     EXPECT_TRUE(brom_link.sent.empty());
@@ -219,7 +189,7 @@ TEST_F(SendAgent, ErrorInTheFirstStatusStopsButCountsAsSuccess) {
 
 TEST_F(SendAgent, ChunkThatCantBeReadIsSentAnyway) {
     use_file("abcde");
-    files.read_fails = true;
+    faults.fread = kEachCall;
     answer({word16(0)}, {word16(0), word16(0)});
     EXPECT_TRUE(send());
     EXPECT_EQ(as_text(brom_link.sent[kFirstChunkSend]), string(5, '\0'));

@@ -1,34 +1,63 @@
 #include "download/hdl_settings.h"
 #include "hdl_da_fixture.h"
-
-extern "C" void* __real_calloc(size_t count, size_t size);
-extern "C" void* __wrap_calloc(size_t count, size_t size) {
-    return g_fakes.calloc_fails ? nullptr : __real_calloc(count, size);
-}
+#include "support/call_fault.h"
 
 namespace {
 
 using Parser = Agent;
-using Receiver = Agent;
+struct Receiver : Agent {
+    bool receive(uint32_t expected) {
+        return read_dma_to_pool(expected, &size);
+    }
+    uint32_t size = 7;
+};
 
 } // namespace
 
-TEST_F(Parser, FindsAFrameAndLeavesIt) {
-    pool_holds(kDone);
-    EXPECT_EQ(parsing_kite(), 11U);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Parser, DropsNoiseBeforeAFrame) {
-    pool_holds(Bytes{0x05, 0x05, '(', 7, '[', 0x05} + kDone);
-    EXPECT_EQ(parsing_kite(), 11U);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Parser, KeepsFiveBytesOfNoise) {
-    pool_holds(Bytes(16000, 7));
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(pool(), Bytes(5, 7));
+TEST_F(Parser, TakesFramesOutOfWhateverThePoolHolds) {
+    const Bytes longest = raw_frame('[', 4108, Bytes(4108));
+    const Bytes other_notice = raw_frame(']', 3, le16(0x0F11) + Bytes{0});
+    const Bytes answer_like_a_log = raw_frame('[', 2, le16(0x0F10));
+    const Bytes no_id = raw_frame(']', 0, le16(0x0F10));
+    const Bytes half_an_id = raw_frame(']', 1, le16(0x0F10));
+    const struct {
+        const char* what;
+        Bytes held;
+        uint32_t frame; // bytes
+        Bytes left;
+        Texts log;
+    } rows[] = {
+        {"a frame is left", kDone, 11, kDone, {}},
+        {"noise is dropped", Bytes{0x05, 0x05, '(', 7, '[', 0x05} + kDone, 11, kDone, {}},
+        {"but for five bytes", Bytes(16000, 7), 0, Bytes(5, 7), {}},
+        {"which are not looked at", {9, 9, 0x05, '[', 3, 0}, 0, {9, 0x05, '[', 3, 0}, {}},
+        {"an impossible length costs two bytes", raw_frame('[', 0x1100, kDone), 0, le16(0x1100) + kDone, {}},
+        {"so does the greatest", raw_frame('[', 0xFFFF, kDone), 0, le16(0xFFFF) + kDone, {}},
+        {"the longest frame", longest, 4112, longest, {}},
+        {"one byte more", raw_frame('[', 4109, Bytes(4109)), 0, le16(4109) + Bytes(4109), {}},
+        {"another notification", other_notice, 7, other_notice, {}},
+        {"a response with the log's identifier", answer_like_a_log, 6, answer_like_a_log, {}},
+        {"a frame without an identifier", no_id, 4, no_id, {}},
+        {"a frame with half of one", half_an_id, 5, half_an_id, {}},
+        {"a log", agent_log("twelve bytes") + Bytes{1, 2, 3}, 0, {1, 2, 3}, {"[I] [DA Log] twelve bytes\n"}},
+        {"the longest log",
+         agent_log(std::string(4100, 'x')),
+         0,
+         {},
+         {"[I] [DA Log] " + std::string(4100, 'x') + "\n"}},
+        {"a log ends at a NUL and is no format",
+         agent_log(std::string("100%s %n\0hidden", 15)),
+         0,
+         {},
+         {"[I] [DA Log] 100%s %n\n"}},
+    };
+    for (const auto& row : rows) {
+        hdl_fakes_reset();
+        pool_holds(row.held);
+        EXPECT_EQ(parsing_kite(), row.frame) << row.what;
+        EXPECT_EQ(pool(), row.left) << row.what;
+        EXPECT_EQ(g_fakes.log, row.log) << row.what;
+    }
 }
 
 TEST_F(Parser, WaitsForTheWholeFrame) {
@@ -38,57 +67,6 @@ TEST_F(Parser, WaitsForTheWholeFrame) {
         EXPECT_EQ(parsing_kite(), 0U) << n;
         EXPECT_EQ(pool(), part) << n;
     }
-}
-
-TEST_F(Parser, AnImpossibleLengthCostsTwoBytesAndTheCall) {
-    pool_holds(raw_frame('[', 0x1100, kDone));
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(pool(), le16(0x1100) + kDone);
-    EXPECT_EQ(parsing_kite(), 11U);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Parser, TheLongestFrameIsFourThousandOneHundredAndTwelveBytes) {
-    pool_holds(raw_frame('[', 4108, Bytes(4108)));
-    EXPECT_EQ(parsing_kite(), 4112U);
-    pool_holds(raw_frame('[', 4109, Bytes(4109)));
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(pool().size(), 4111U);
-}
-
-TEST_F(Parser, AnotherNotificationIsAFrame) {
-    const Bytes frame = raw_frame(']', 3, le16(0x0F11) + Bytes{0});
-    pool_holds(frame);
-    EXPECT_EQ(parsing_kite(), 7U);
-    EXPECT_EQ(pool(), frame);
-}
-
-TEST_F(Parser, FramesTooShortForAnIdentifierAreFrames) {
-    pool_holds(raw_frame(']', 0, le16(0x0F10)));
-    EXPECT_EQ(parsing_kite(), 4U);
-    pool_holds(raw_frame(']', 1, le16(0x0F10)));
-    EXPECT_EQ(parsing_kite(), 5U);
-    EXPECT_EQ(g_fakes.log, Texts{});
-}
-
-TEST_F(Parser, ALogIsPrintedAndDropped) {
-    pool_holds(agent_log("twelve bytes") + Bytes{1, 2, 3});
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(g_fakes.log, Texts{"[I] [DA Log] twelve bytes\n"});
-    EXPECT_EQ(pool(), (Bytes{1, 2, 3}));
-}
-
-TEST_F(Parser, TheLongestLogIsPrintedWhole) {
-    pool_holds(agent_log(std::string(4100, 'x')));
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(g_fakes.log, Texts{"[I] [DA Log] " + std::string(4100, 'x') + "\n"});
-}
-
-TEST_F(Parser, ALogsTextEndsAtANulAndIsNoFormat) {
-    pool_holds(agent_log(std::string("100%s %n\0hidden", 15)));
-    EXPECT_EQ(parsing_kite(), 0U);
-    EXPECT_EQ(g_fakes.log, Texts{"[I] [DA Log] 100%s %n\n"});
-    EXPECT_EQ(pool(), Bytes{});
 }
 
 TEST_F(Parser, ALogTooShortForATextIsAnEmptyOne) {
@@ -103,47 +81,37 @@ TEST_F(Parser, ALogTooShortForATextIsAnEmptyOne) {
 
 TEST_F(Parser, ALogWithoutMemoryStays) {
     pool_holds(agent_log("text"));
-    g_fakes.calloc_fails = true;
+    call_faults.calloc = kEachCall;
     EXPECT_EQ(parsing_kite(), 0U);
-    g_fakes.calloc_fails = false;
+    call_faults = {};
     EXPECT_EQ(g_fakes.log, Texts{"[E] parsing_kite malloc con fail\n"});
     EXPECT_EQ(pool(), agent_log("text"));
 }
 
 TEST_F(Receiver, RefusesToExpectMoreThanAFrame) {
-    uint32_t size = 7;
-    EXPECT_FALSE(read_dma_to_pool(4113, &size));
+    EXPECT_FALSE(receive(4113));
     EXPECT_EQ(g_fakes.calls, Texts{});
     EXPECT_EQ(size, 7U);
 }
 
-TEST_F(Receiver, AsksAnSpiLinkForWhatIsExpected) {
-    arrive(kDone);
-    uint32_t size = 0;
-    EXPECT_TRUE(read_dma_to_pool(11, &size));
-    EXPECT_EQ(g_fakes.calls, Texts{"receive 11"});
-    EXPECT_EQ(size, 11U);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Receiver, AsksOtherLinksForTheLongestFrame) {
-    for (const uint32_t link : {HDL_LINK_UART, HDL_LINK_OTHER}) {
+TEST_F(Receiver, AsksAnSpiLinkForWhatIsExpectedAndOthersForTheLongestFrame) {
+    for (const uint32_t link : {HDL_LINK_SPI, HDL_LINK_UART, HDL_LINK_OTHER}) {
         hdl_fakes_reset();
         g_download_settings.link_type = link;
         arrive(kDone);
-        uint32_t size = 0;
-        EXPECT_TRUE(read_dma_to_pool(11, &size));
-        EXPECT_EQ(g_fakes.calls, Texts{"receive 4112"});
+        EXPECT_TRUE(receive(11));
+        EXPECT_EQ(g_fakes.calls, Texts{link == HDL_LINK_SPI ? "receive 11" : "receive 4112"});
+        EXPECT_EQ(size, 11U);
+        EXPECT_EQ(pool(), kDone);
     }
 }
 
-TEST_F(Receiver, GivesUpAfterASecond) {
+TEST_F(Receiver, GivesUpAfterASecondInWhichItAsksAgainAtOnce) {
     g_fakes.receive_ms = 1;
     const int64_t start = g_fakes.now;
-    uint32_t size = 7;
-    EXPECT_FALSE(read_dma_to_pool(11, &size));
+    EXPECT_FALSE(receive(11));
     EXPECT_EQ(g_fakes.now - start, 1000);
-    EXPECT_EQ(g_fakes.calls.size(), 1000U);
+    EXPECT_EQ(g_fakes.calls, Texts(1000, "receive 11"));
     EXPECT_EQ(size, 7U);
 }
 
@@ -152,8 +120,7 @@ TEST_F(Receiver, AClockThatIsSetBackDoesNotHoldItForLong) {
     const int64_t start = g_fakes.now;
     int calls = 0;
     g_fakes.on_receive = [&] { g_fakes.now -= ++calls == 5 ? 3'600'000 : 0; };
-    uint32_t size = 0;
-    EXPECT_FALSE(read_dma_to_pool(11, &size));
+    EXPECT_FALSE(receive(11));
     EXPECT_EQ(g_fakes.now - start, 500 - 3'600'000 + 1000);
 }
 
@@ -161,59 +128,46 @@ TEST_F(Receiver, ALinkThatFailsAtOnceIsAskedOnceAMillisecond) {
     g_fakes.receive_ms = 0;
     int rounds = 0;
     g_fakes.on_receive = [&] { g_fakes.now += ++rounds > 5000 ? 1000 : 0; };
-    uint32_t size = 0;
-    EXPECT_FALSE(read_dma_to_pool(11, &size));
+    EXPECT_FALSE(receive(11));
     EXPECT_EQ(rounds, 1000);
     EXPECT_EQ(Texts(g_fakes.calls.begin(), g_fakes.calls.begin() + 4),
               (Texts{"receive 11", "sleep 1", "receive 11", "sleep 1"}));
 }
 
-TEST_F(Receiver, ALinkThatTakesItsTimeIsAskedAgainAtOnce) {
-    g_fakes.receive_ms = 1;
-    uint32_t size = 0;
-    EXPECT_FALSE(read_dma_to_pool(11, &size));
-    EXPECT_EQ(g_fakes.calls, Texts(1000, "receive 11"));
-}
-
-TEST_F(Receiver, JoinsPieces) {
-    arrive(Bytes(kDone.begin(), kDone.begin() + 5));
-    arrive(Bytes(kDone.begin() + 5, kDone.end()));
-    uint32_t size = 0;
-    EXPECT_TRUE(read_dma_to_pool(11, &size));
-    EXPECT_EQ(size, 11U);
-}
-
-TEST_F(Receiver, LooksAtThePoolWhenNothingArrives) {
-    pool_holds(kDone);
-    uint32_t size = 0;
-    EXPECT_TRUE(read_dma_to_pool(11, &size));
-    EXPECT_EQ(size, 11U);
-    EXPECT_EQ(g_fakes.calls, Texts{"receive 11"});
-}
-
-TEST_F(Receiver, SkipsAnImpossibleLengthInOneWait) {
-    pool_holds(raw_frame('[', 0x1100, kDone));
-    uint32_t size = 0;
-    EXPECT_TRUE(read_dma_to_pool(11, &size));
-    EXPECT_EQ(pool(), kDone);
+TEST_F(Receiver, LooksForAFrameBehindEachReceive) {
+    const Bytes first(kDone.begin(), kDone.begin() + 5);
+    const Bytes rest(kDone.begin() + 5, kDone.end());
+    const struct {
+        const char* what;
+        Bytes held;
+        std::deque<Bytes> arrives;
+    } rows[] = {
+        {"pieces are joined", {}, {first, rest}},
+        {"the pool is looked at when nothing arrives", kDone, {}},
+        {"an impossible length costs no other wait", raw_frame('[', 0x1100, kDone), {}},
+    };
+    for (const auto& row : rows) {
+        pool_holds(row.held);
+        g_fakes.arrives = row.arrives;
+        EXPECT_TRUE(receive(11)) << row.what;
+        EXPECT_EQ(size, 11U) << row.what;
+        EXPECT_EQ(pool(), kDone) << row.what;
+    }
 }
 
 TEST_F(Receiver, EmptiesAPoolThatWouldFill) {
     pool_holds(Bytes(16440, 7));
     arrive(Bytes(8, 7));
     arrive(kDone);
-    uint32_t size = 0;
-    EXPECT_TRUE(read_dma_to_pool(4112, &size));
+    EXPECT_TRUE(receive(4112));
     EXPECT_EQ(g_fakes.log, Texts{"[E] read_dma_to_pool overflow, need to clear rx pool!\n"});
     EXPECT_EQ(pool(), kDone);
-}
 
-TEST_F(Receiver, KeepsAPoolThatStaysBelowItsSize) {
+    hdl_fakes_reset();
     pool_holds(Bytes(16440, 7));
     arrive(Bytes(7, 7));
-    uint32_t size = 0;
-    EXPECT_FALSE(read_dma_to_pool(4112, &size));
-    EXPECT_EQ(g_fakes.log, Texts{});
+    EXPECT_FALSE(receive(4112));
+    EXPECT_EQ(g_fakes.log, Texts{}) << "it stays below its size";
     EXPECT_EQ(pool(), Bytes(5, 7));
 }
 

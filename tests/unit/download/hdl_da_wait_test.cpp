@@ -8,43 +8,44 @@ using DataWaiter = Agent;
 
 } // namespace
 
-TEST_F(Waiter, SilenceIsCodeOneAndLeavesThePool) {
-    arrive(Bytes{0x05, '[', 7});
-    EXPECT_EQ(wait(), 1U);
-    EXPECT_EQ(pool(), (Bytes{0x05, '[', 7}));
-    EXPECT_EQ(out, kUntouched);
-}
-
-TEST_F(Waiter, AnotherIdentifierIsCodeTwoAndTaken) {
-    arrive(agent_frame(0x2100, 0, le32(1)) + kDone);
-    EXPECT_EQ(wait(), 2U);
-    EXPECT_EQ(out, kUntouched);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Waiter, AnotherStatusIsCodeThreeAndTaken) {
-    arrive(agent_frame(kFormat, 1, le32(1)) + kDone);
-    EXPECT_EQ(wait(), 3U);
-    EXPECT_EQ(out, kUntouched);
-    EXPECT_EQ(pool(), kDone);
-}
-
-TEST_F(Waiter, FramesWithoutIdentifierAreForeign) {
-    for (const uint16_t length : std::initializer_list<uint16_t>{0, 1}) {
+TEST_F(Waiter, TellsWhyThereIsNoAnswer) {
+    const Bytes half = {0x05, '[', 7};
+    const struct {
+        const char* what;
+        Bytes arrives;
+        uint32_t code;
+        Bytes left;
+    } rows[] = {
+        {"silence leaves the pool", half, HDL_DA_TIMEOUT, half},
+        {"another identifier is taken", agent_frame(0x2100, 0, le32(1)) + kDone, HDL_DA_FOREIGN, kDone},
+        {"another status too", agent_frame(kFormat, 1, le32(1)) + kDone, HDL_DA_FAILED, kDone},
+        {"no identifier", raw_frame('[', 0, le16(kFormat)), HDL_DA_FOREIGN, le16(kFormat)},
+        {"half of one", raw_frame('[', 1, le16(kFormat)), HDL_DA_FOREIGN, {kFormat >> 8}},
+    };
+    for (const auto& row : rows) {
         hdl_fakes_reset();
-        arrive(raw_frame('[', length, le16(kFormat)));
-        EXPECT_EQ(wait(), 2U) << length;
-        EXPECT_EQ(pool().size(), 2U - length);
+        arrive(row.arrives);
+        EXPECT_EQ(wait(), row.code) << row.what;
+        EXPECT_EQ(pool(), row.left) << row.what;
+        EXPECT_EQ(out, kUntouched) << row.what;
     }
 }
 
 TEST_F(Waiter, AResponseShorterThanItsKindIsAFailure) {
-    for (uint16_t length = 2; length < 7; ++length) {
-        hdl_fakes_reset();
-        arrive(raw_frame('[', length, le16(kFormat) + Bytes(length - 2U)));
-        EXPECT_EQ(wait(), 3U) << length;
-        EXPECT_EQ(pool(), Bytes{}) << length;
-        EXPECT_EQ(out, kUntouched) << length;
+    const std::pair<uint16_t, uint16_t> least[] = {
+        // bytes behind the length field
+        {0x2100, 7}, {0x2104, 7}, {0x210E, 7}, {0x210F, 7}, {0x211A, 7}, {0x2110, 6},
+        {0x211B, 4}, {0x2106, 3}, {0x2115, 3}, {0x2116, 3}, {0x211C, 3}, {0x1234, 3},
+    };
+    for (const auto& [id, size] : least) {
+        for (uint16_t length = 2; length <= size; ++length) {
+            hdl_fakes_reset();
+            out = kUntouched;
+            arrive(raw_frame('[', length, le16(id) + Bytes(length - 2U)));
+            EXPECT_EQ(wait(id), length < size ? 3U : 0U) << std::hex << id << " " << length;
+            EXPECT_EQ(pool(), Bytes{}) << id << " " << length;
+            EXPECT_TRUE(length == size || out == kUntouched) << id << " " << length;
+        }
     }
 }
 
@@ -86,25 +87,15 @@ TEST_F(Waiter, EveryAddressSizeAndChecksumIsFourBytes) {
     }
 }
 
-TEST_F(Waiter, TheDfuStartResultBeginsWithTheStatus) {
+TEST_F(Waiter, TheDfuResponsesCarryWhatTheyDo) {
     arrive(agent_frame(0x211B, 0, {0x12, 0x34}));
     uint16_t result = 0xFFFF;
     EXPECT_EQ(hdl_da_wait_response(0x211B, &result, 9), 0U);
-    EXPECT_EQ(result, 0x1200);
-}
-
-TEST_F(Waiter, TheDfuStartResultNeedsItsSecondByte) {
-    arrive(agent_frame(0x211B, 0));
-    uint16_t result = 0xFFFF;
-    EXPECT_EQ(hdl_da_wait_response(0x211B, &result, 7), 3U);
-    EXPECT_EQ(result, 0xFFFF);
-}
-
-TEST_F(Waiter, DfuResetClearsOneByte) {
+    EXPECT_EQ(result, 0x1200) << "it begins with the status";
     arrive(agent_frame(0x211C, 0));
-    uint8_t result[2] = {9, 9};
-    EXPECT_EQ(hdl_da_wait_response(0x211C, result, 7), 0U);
-    EXPECT_EQ(Bytes(result, result + 2), (Bytes{0, 9}));
+    uint8_t cleared[2] = {9, 9};
+    EXPECT_EQ(hdl_da_wait_response(0x211C, cleared, 7), 0U);
+    EXPECT_EQ(Bytes(cleared, cleared + 2), (Bytes{0, 9}));
 }
 
 TEST_F(Waiter, OtherResponsesCarryNothing) {
@@ -113,14 +104,6 @@ TEST_F(Waiter, OtherResponsesCarryNothing) {
     EXPECT_EQ(out, kUntouched);
     arrive(agent_frame(0x2106, 0));
     EXPECT_EQ(hdl_da_wait_response(0x2106, nullptr, 7), 0U);
-}
-
-TEST_F(Waiter, TheFlashIdWaiterAsksForTenBytes) {
-    arrive(agent_frame(0x2110, 0, {1, 2, 3}));
-    uint8_t id[3] = {};
-    EXPECT_EQ(hdl_da_wait_flash_id(0x2110, id), 0U);
-    EXPECT_EQ(Bytes(id, id + 3), (Bytes{1, 2, 3}));
-    EXPECT_EQ(g_fakes.calls, Texts{"receive 10"});
 }
 
 TEST_F(Waiter, TheFlashIdWaiterHasTheSameCodes) {

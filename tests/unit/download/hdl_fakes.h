@@ -25,7 +25,6 @@ struct HdlFakes {
     std::function<void()> on_receive = [] {};
     std::function<bool(const Bytes&)> accepts = [](const Bytes&) { return true; };
     bool set_speed_result = true;
-    bool calloc_fails = false; // for programs that wrap calloc
 };
 
 extern HdlFakes g_fakes;

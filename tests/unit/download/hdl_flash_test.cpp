@@ -1,7 +1,7 @@
 #include "download/hdl_flash.h"
 #include "download/hdl_window.h"
 #include "hdl_fakes.h"
-#include "hdl_file_faults.h"
+#include "support/call_fault.h"
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
@@ -9,11 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
-
-extern "C" void* __real_calloc(size_t count, size_t size);
-extern "C" void* __wrap_calloc(size_t count, size_t size) {
-    return g_fakes.calloc_fails ? nullptr : __real_calloc(count, size);
-}
 
 namespace {
 
@@ -43,11 +38,11 @@ struct FlashTest : testing::Test {
     void SetUp() override {
         hdl_fakes_reset();
         g_fakes.receive_ms = 1000;
-        g_file_faults = {};
+        call_faults = {};
         image.begin_address = 0x8000;
     }
     void TearDown() override {
-        g_file_faults = {};
+        call_faults = {};
     }
     void image_holds(const std::string& content) {
         path = dir.write("image.bin", content);
@@ -89,16 +84,9 @@ TEST_F(Erase, NothingToEraseFailsSilently) {
     EXPECT_EQ(g_fakes.calls, Texts{});
 }
 
-TEST_F(Erase, EndsWithTheAddressesWithoutWrapping) {
-    answer_all();
-    EXPECT_TRUE(da_format_flash(0xFFFF0000, 0xFFFF0000));
-    EXPECT_EQ(g_fakes.sent.size(), 1U);
-}
-
 TEST_F(Erase, NoMemoryFails) {
-    g_fakes.calloc_fails = true;
+    call_faults.calloc = kEachCall;
     EXPECT_FALSE(da_format_flash(0, 0x10000));
-    g_fakes.calloc_fails = false;
     EXPECT_EQ(g_fakes.log, Texts{"[E] da_format_flash malloc pData fail\n"});
     EXPECT_EQ(g_fakes.calls, Texts{});
 }
@@ -110,73 +98,56 @@ TEST_F(Erase, AFailedFlowFails) {
               (Texts{"[E] FORMAT_TIMEOUT\n", "[E] format_sliding_window_flow fail\n"}));
 }
 
-TEST_F(Block, AWholeBlockIsReadFromItsPlace) {
-    image_holds(std::string(4096, 'a') + std::string(4096, 'b') + "c");
-    EXPECT_TRUE(download_send_single_block(0x9000, &image));
-    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0x9000, Bytes(4096, 'b'))});
-    EXPECT_EQ(g_fakes.log, Texts{});
+TEST_F(Block, IsReadFromItsPlaceAndFilledUpWithErasedFlash) {
+    const struct {
+        std::string content;
+        uint32_t address;
+        Bytes data;
+        Texts log;
+    } rows[] = {
+        {std::string(4096, 'a') + std::string(4096, 'b') + "c", 0x9000, Bytes(4096, 'b'), {}},
+        {std::string(4096, 'a') + "c", 0x9000, {'c'}, {kNotAligned}},
+        {"abc", 0xFFFFFFFF, {}, {kNotAligned}}, // behind the file
+    };
+    for (const auto& row : rows) {
+        hdl_fakes_reset();
+        image_holds(row.content);
+        EXPECT_TRUE(download_send_single_block(row.address, &image));
+        EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(row.address, row.data)});
+        EXPECT_EQ(g_fakes.log, row.log);
+    }
 }
 
-TEST_F(Block, TheRestOfTheLastBlockIsErasedFlash) {
-    image_holds(std::string(4096, 'a') + "c");
-    EXPECT_TRUE(download_send_single_block(0x9000, &image));
-    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0x9000, {'c'})});
-    EXPECT_EQ(g_fakes.log, Texts{kNotAligned});
-}
-
-TEST_F(Block, ABlockBehindTheFileIsErasedFlash) {
-    image_holds("abc");
-    EXPECT_TRUE(download_send_single_block(0xFFFFFFFF, &image));
-    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{block_frame(0xFFFFFFFF, {})});
-    EXPECT_EQ(g_fakes.log, Texts{kNotAligned});
-}
-
-TEST_F(Block, ABlockBeforeTheImageFailsSilently) {
-    image_holds("abc");
-    EXPECT_FALSE(download_send_single_block(0x7FFF, &image));
-    EXPECT_EQ(g_fakes.log, Texts{});
-    EXPECT_EQ(g_fakes.calls, Texts{});
-}
-
-TEST_F(Block, AFileThatCantBeOpenedFails) {
+TEST_F(Block, ThatCantBeReadIsNotSent) {
+    image_holds(std::string(4096, 'a'));
+    const struct {
+        const char* what;
+        uint32_t address;
+        CallFaults faults;
+        Texts log;
+    } rows[] = {
+        {"before the image", 0x7FFF, {}, {}},
+        {"no position", 0x8000, {.fseeko = kEachCall}, {}},
+        {"neither position nor close",
+         0x8000,
+         {.fclose = kEachCall, .fseeko = kEachCall},
+         {"[E] The file(" + path + ") could not closed.\n"}},
+        {"no close",
+         0x8000,
+         {.fclose = kEachCall},
+         {"[E] download_send_single_block The file(" + path + ") could not closed.\n"}},
+    };
+    for (const auto& row : rows) {
+        hdl_fakes_reset();
+        call_faults = row.faults;
+        EXPECT_FALSE(download_send_single_block(row.address, &image)) << row.what;
+        EXPECT_EQ(g_fakes.log, row.log) << row.what;
+        EXPECT_EQ(g_fakes.calls, Texts{}) << row.what;
+    }
+    hdl_fakes_reset();
     strcpy(image.name, "/nowhere/image.bin");
     EXPECT_FALSE(download_send_single_block(0x8000, &image));
     EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/image.bin\n"});
-    EXPECT_EQ(g_fakes.calls, Texts{});
-}
-
-TEST_F(Block, AFileThatCantBePositionedFailsSilently) {
-    image_holds("abc");
-    g_file_faults.fseeko = true;
-    EXPECT_FALSE(download_send_single_block(0x8000, &image));
-    EXPECT_EQ(g_fakes.log, Texts{});
-    EXPECT_EQ(g_fakes.calls, Texts{});
-}
-
-TEST_F(Block, AFileThatCantBePositionedNorClosedFails) {
-    image_holds("abc");
-    g_file_faults.fseeko = g_file_faults.fclose = true;
-    EXPECT_FALSE(download_send_single_block(0x8000, &image));
-    EXPECT_EQ(g_fakes.log, Texts{"[E] The file(" + path + ") could not closed.\n"});
-}
-
-TEST_F(Block, AFileThatCantBeClosedFails) {
-    image_holds(std::string(4096, 'a'));
-    g_file_faults.fclose = true;
-    EXPECT_FALSE(download_send_single_block(0x8000, &image));
-    EXPECT_EQ(g_fakes.log,
-              Texts{"[E] download_send_single_block The file(" + path + ") could not closed.\n"});
-    EXPECT_EQ(g_fakes.calls, Texts{});
-}
-
-TEST_F(Block, IsSentUpToThreeTimes) {
-    image_holds("abc");
-    g_fakes.accepts = [](const Bytes&) { return g_fakes.sent.size() == 2; };
-    EXPECT_TRUE(download_send_single_block(0x8000, &image));
-    EXPECT_EQ(g_fakes.sent.size(), 2U);
-    g_fakes.accepts = [](const Bytes&) { return false; };
-    EXPECT_FALSE(download_send_single_block(0x8000, &image));
-    EXPECT_EQ(g_fakes.sent.size(), 5U);
 }
 
 TEST_F(Image, ABytePastABlockTakesASecondOne) {
@@ -192,35 +163,25 @@ TEST_F(Image, ABytePastABlockTakesASecondOne) {
                      "[I] Download resp address(0x9000)\n"}));
 }
 
-TEST_F(Image, AWholeNumberOfBlocksTakesNoMore) {
-    answer_all();
-    image_holds(std::string(8192, 'a'));
-    EXPECT_TRUE(write_image());
-    EXPECT_EQ(g_fakes.sent.size(), 2U);
-}
-
-TEST_F(Image, TwoBytesAreEnough) {
-    answer_all();
-    image_holds("ab");
-    EXPECT_TRUE(write_image());
-}
-
-TEST_F(Image, OneByteAndNoneAreRefused) {
-    for (const char* content : {"", "a"}) {
+TEST_F(Image, TwoBytesAreTheLeast) {
+    for (const size_t length : {0U, 1U, 2U, 8192U}) {
         hdl_fakes_reset();
-        image_holds(content);
-        EXPECT_FALSE(write_image());
-        EXPECT_EQ(g_fakes.log,
-                  Texts{"[E] download_image getFileSize fail, image length smaller than 1 byte.\n"});
-        EXPECT_EQ(g_fakes.calls, Texts{});
+        answer_all();
+        image_holds(std::string(length, 'a'));
+        EXPECT_EQ(write_image(), length > 1) << length;
+        EXPECT_EQ(g_fakes.sent.size(), length > 1 ? (length + 4095) / 4096 : 0) << length;
+        EXPECT_EQ(
+            hdl_fakes_log_with("[E] download_image getFileSize fail, image length smaller than 1 byte.\n")
+                .size(),
+            length > 1 ? 0U : 1U)
+            << length;
     }
 }
 
 TEST_F(Image, NoMemoryFails) {
     image_holds("ab");
-    g_fakes.calloc_fails = true;
+    call_faults.calloc = kEachCall;
     EXPECT_FALSE(write_image());
-    g_fakes.calloc_fails = false;
     EXPECT_EQ(g_fakes.log, Texts{"[E] download_image malloc pData fail\n"});
 }
 

@@ -1,8 +1,6 @@
 #include "base/free_block.h"
 #include "download/hdl_image.h"
-#include "hdl_image_faults.h"
-#include "support/fake_clock.h"
-#include "support/private_dir.h"
+#include "hdl_image_log.h"
 
 #include <cstdio>
 #include <cstring>
@@ -15,36 +13,24 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
 using std::string;
 
 const string kBlockA = "- rom:\nfile: a.bin\nname: a\nbegin_address: 0x1000\n";
 const string kBlockB = "    - rom:\r\n        begin_address: 0x20000\r\n\tfile: b.bin\r\n        name: b\r\n";
 
-struct ImageList : testing::Test {
-    ImageList() {
-        fake_clock_start();
-        use(dir.path / "flash_download.cfg");
-    }
-    ~ImageList() override {
-        fake_clock_stop();
-    }
-
-    void use(const string& path) {
-        list_path = path;
-    }
+struct ImageList : ImageTest {
     void load(const string& content) {
         dir.write("flash_download.cfg", content);
         load();
     }
     void load() {
-        log = log_of([&] { images.reset(load_flash_download_cfg(list_path.c_str(), &count)); });
+        run([&] { images.reset(load_flash_download_cfg(cfg().c_str(), &count)); });
     }
     // The reading alone, told a count of its own.
     void read(const string& content, uint32_t told) {
         dir.write("flash_download.cfg", content);
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(list_path.c_str(), "r"), std::fclose);
-        log = log_of([&] { images.reset(read_cfg_file(file.get(), list_path.c_str(), told)); });
+        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(cfg().c_str(), "r"), std::fclose);
+        run([&] { images.reset(read_cfg_file(file.get(), cfg().c_str(), told)); });
     }
     string in_dir(const string& name) const {
         return std::filesystem::canonical(dir.path).string() + "/" + name;
@@ -62,11 +48,8 @@ struct ImageList : testing::Test {
         return lines;
     }
 
-    PrivateDir dir;
-    string list_path;
     uint32_t count = 99;
     std::unique_ptr<ImageEntry, FreeBlock> images;
-    Lines log;
 };
 
 string stripped(const string& source) {
@@ -103,56 +86,40 @@ TEST_F(ImageList, KeepsTheOrderOfTheFile) {
     EXPECT_EQ(images.get()[1].begin_address, 0x20000U);
 }
 
-TEST_F(ImageList, AddressIsACLiteral) {
-    const auto address_of = [&](const string& text) {
-        load("- rom:\nbegin_address:" + text + "\nname:\nfile:a\n");
-        return images == nullptr ? 0xDEADU : images.get()->begin_address;
+TEST_F(ImageList, BlockIsThreeLinesWithTheirKeysAnywhere) {
+    const struct {
+        const char* what;
+        string lines;
+        string name; // beside the list
+        uint32_t address;
+    } rows[] = {
+        {"a decimal number", "begin_address: 4096\nname:\nfile:a\n", "a", 4096},
+        {"an octal one", "begin_address: 010\nname:\nfile:a\n", "a", 8},
+        {"without its blanks", "begin_address: 0x 10 00\nname:\nfile:a\n", "a", 0x1000},
+        {"the highest", "begin_address:0xFFFFFFFF\nname:\nfile:a\n", "a", 0xFFFFFFFF},
+        {"beyond 32 bits", "begin_address: 0x100001000\nname:\nfile:a\n", "a", 0xFFFFFFFF},
+        {"text behind it", "begin_address:12 words\nname:\nfile:a\n", "a", 12},
+        {"none", "begin_address:\nname:\nfile:a\n", "a", 0},
+        {"blanks go first", " file : my image.bin\nname : a\nbegin_address : 1\n", "myimage.bin", 1},
+        {"an empty name is the directory", "file:\nname: a\nbegin_address: 1\n", "", 1},
+        // Kept: cut off by the length of the key; the address's text is "ss:12".
+        {"keys within words", "my_file:bin\nfile_name:x\nthe begin_address:  12\n", "le:bin", 0},
+        {"file before name before address", "file:name:begin_address:5\nname:begin_address:6\nname:\n",
+         "name:begin_address:5", 0},
+        {"a NUL ends its line", string("file: a\0.bin\nname: a\nbegin_address: 1\n", 40), "a", 1},
     };
-    EXPECT_EQ(address_of(" 4096"), 4096U);
-    EXPECT_EQ(address_of(" 010"), 8U);
-    EXPECT_EQ(address_of(" 0x 10 00"), 0x1000U); // without its blanks
-    EXPECT_EQ(address_of("0xFFFFFFFF"), 0xFFFFFFFFU);
-    EXPECT_EQ(address_of("12 words"), 12U);
-    EXPECT_EQ(address_of(""), 0U);
-}
-
-TEST_F(ImageList, AddressBeyond32BitsIsNoLowerAddress) {
-    load("- rom:\nbegin_address: 0x100001000\nfile:a\nname:\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->begin_address, 0xFFFFFFFFU);
-    EXPECT_EQ(log[2], "[I] begin_address:[0x100001000]=> 0xffffffff");
-}
-
-TEST_F(ImageList, LinesLoseTheirBlanksBeforeTheyAreRead) {
-    load("- rom:\n file : my image.bin\nname : a\nbegin_address : 1\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir("myimage.bin"));
-}
-
-TEST_F(ImageList, EmptyFileNameIsTheDirectory) {
-    load("- rom:\nfile:\nname: a\nbegin_address: 1\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir(""));
+    for (const auto& row : rows) {
+        load("-- rom: --\n" + row.lines);
+        ASSERT_NE(images, nullptr) << row.what;
+        EXPECT_EQ(images.get()->name, in_dir(row.name)) << row.what;
+        EXPECT_EQ(images.get()->begin_address, row.address) << row.what;
+    }
 }
 
 TEST_F(ImageList, LongNameIsCutToItsRoom) {
     load("- rom:\nfile:" + string(249, 'x') + "\nname: a\nbegin_address: 1\n");
     ASSERT_NE(images, nullptr);
     EXPECT_EQ(images.get()->name, in_dir(string(249, 'x')).substr(0, 255));
-}
-
-TEST_F(ImageList, KeyIsFoundAnywhereInItsLine) {
-    load("-- rom: --\nmy_file:bin\nfile_name:x\nthe begin_address:  12\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir("le:bin")); // Kept: cut off by the length of the key
-    EXPECT_EQ(images.get()->begin_address, 0U);      // "ss:12"
-}
-
-TEST_F(ImageList, FileGoesBeforeNameAndAddress) {
-    load("- rom:\nfile:name:begin_address:5\nname:begin_address:6\nname:\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir("name:begin_address:5"));
-    EXPECT_EQ(images.get()->begin_address, 0U);
 }
 
 TEST_F(ImageList, CommentEndsABlockEarly) {
@@ -171,10 +138,7 @@ TEST_F(ImageList, CutBlockStaysHalfFilled) {
     EXPECT_EQ(images.get()->name, in_dir("a.bin"));
     EXPECT_EQ(images.get()->begin_address, 0U);
     EXPECT_EQ(log.back(), "[I] skip [#]:");
-}
-
-TEST_F(ImageList, BlockAtTheEndOfTheFileStaysHalfFilled) {
-    load("- rom:\nbegin_address: 5");
+    load("- rom:\nbegin_address: 5"); // the end of the file
     ASSERT_NE(images, nullptr);
     EXPECT_STREQ(images.get()->name, "");
     EXPECT_EQ(images.get()->begin_address, 5U);
@@ -211,20 +175,9 @@ TEST_F(ImageList, ListThatIsNoneIsRefusedAndSaysWhy) {
     }
 }
 
-TEST_F(ImageList, NulBytesEndTheirLine) {
-    load(string("- rom:\nfile: a") + '\0' + ".bin\nname: a\nbegin_address: 1\n");
-    ASSERT_NE(images, nullptr);
-    EXPECT_EQ(images.get()->name, in_dir("a"));
-}
-
-TEST_F(ImageList, MissingFileIsLogged) {
-    load();
-    EXPECT_EQ(images, nullptr);
-    EXPECT_EQ(log, (Lines{"[E] open file Failed:" + cfg()}));
-}
-
 TEST_F(ImageList, OnlyARegularFileIsRead) {
     const std::function<void()> others[] = {
+        [] {}, // no file at all
         [this] { ASSERT_EQ(mkfifo(cfg().c_str(), 0600), 0); },
         [this] { std::filesystem::create_symlink("/dev/null", cfg()); },
         [this] { std::filesystem::create_directory(cfg()); },
@@ -248,55 +201,49 @@ TEST_F(ImageList, ImagesLieBesideTheResolvedList) {
 }
 
 TEST_F(ImageList, UnresolvedPathCountsAsItStands) {
-    image_faults.realpath = 0;
+    faults.realpath = 0;
     load(kBlockA);
     ASSERT_NE(images, nullptr);
     EXPECT_EQ(images.get()->name, dir.path.string() + "/a.bin");
 }
 
 TEST_F(ImageList, FailedCloseIsLogged) {
-    image_faults.fclose = 0;
+    faults.fclose = 0;
     load(kBlockA);
     EXPECT_EQ(images, nullptr);
     EXPECT_EQ(log.back(), "[E] The file(" + cfg() + ") could not closed.");
-    image_faults.fclose = 0;
+    faults.fclose = 0;
     load("");
     EXPECT_EQ(images, nullptr);
     EXPECT_EQ(log, (Lines{"[I] image count=0", "[E] Parsing config image count failed",
                           "[E] The file(" + cfg() + ") could not closed."}));
 }
 
-TEST_F(ImageList, ListNeedsMemory) {
-    image_faults.calloc = 0;
-    load(kBlockA);
-    EXPECT_EQ(images, nullptr);
-    EXPECT_EQ(log, (Lines{"[I] image count=1", "[E] read_cfg_file malloc cfg_list fail"}));
-}
-
-TEST_F(ImageList, DirectoryNeedsMemory) {
-    image_faults.strdup = 0;
-    load(kBlockA);
-    EXPECT_EQ(images, nullptr);
-    EXPECT_EQ(log, (Lines{"[I] image count=1", "[E] read_cfg_file concat ERROR", ""}));
-    image_faults.realpath = 0;
-    image_faults.strdup = 0;
-    load(kBlockA);
-    EXPECT_EQ(images, nullptr);
-    EXPECT_EQ(log, (Lines{"[I] image count=1", "[E] read_cfg_file concat ERROR", ""}));
-}
-
-TEST_F(ImageList, EachJoinNeedsMemory) {
-    for (const int call : {0, 1}) {
-        image_faults.malloc = call;
+TEST_F(ImageList, EachAllocationMayFail) {
+    const string counted = "[I] image count=1";
+    const string no_join = "[E] read_cfg_file concat ERROR";
+    const Lines no_text = log_with("1", {"[E] concat malloc fail", no_join, ""});
+    const struct {
+        std::function<void()> fault;
+        Lines log;
+    } rows[] = {
+        {[this] { faults.calloc = 0; }, {counted, "[E] read_cfg_file malloc cfg_list fail"}},
+        {[this] { faults.strdup = 0; }, {counted, no_join, ""}},
+        {[this] { faults.realpath = faults.strdup = 0; }, {counted, no_join, ""}},
+        {[this] { faults.malloc = 0; }, no_text},
+        {[this] { faults.malloc = 1; }, no_text},
+    };
+    for (const auto& row : rows) {
+        row.fault();
         load(kBlockA);
         EXPECT_EQ(images, nullptr);
-        EXPECT_EQ(log, log_with("1", {"[E] concat malloc fail", "[E] read_cfg_file concat ERROR", ""}));
+        EXPECT_EQ(log, row.log);
     }
 }
 
 TEST_F(ImageList, FailedFormattingOfANameIsPassedOver) {
     dir.write("flash_download.cfg", kBlockA);
-    image_faults.format = 0; // the name's
+    failing_format = 0; // the name's
     load();
     ASSERT_NE(images, nullptr);
     EXPECT_STREQ(images.get()->name, "");
@@ -308,7 +255,7 @@ TEST_F(ImageList, FailedFormattingOfANameIsPassedOver) {
 TEST_F(ImageList, FileThatGrowsBetweenTheTwoReadingsIsRefused) {
     const string path = cfg();
     bool grown = false;
-    image_faults.at_line = [&](const char* line) {
+    faults.at_line = [&](const char* line) {
         if (strncmp(line, "last", 4) == 0 && !grown) {
             grown = true;
             std::FILE* file = fopen(path.c_str(), "w");
@@ -324,11 +271,11 @@ TEST_F(ImageList, FileThatGrowsBetweenTheTwoReadingsIsRefused) {
 TEST_F(ImageList, FileThatCanOnlyBeReadInPartIsRefused) {
     const int lines = 4 + 4 + 1; // of a reading, the end included
     for (int readable = 0; readable < lines; ++readable) {
-        image_faults.fgets = readable;
+        faults.fgets = readable;
         load(kBlockA + kBlockB);
         EXPECT_EQ(images, nullptr) << readable;
         EXPECT_EQ(log, (Lines{"[I] image count=0", "[E] Parsing config image count failed"})) << readable;
-        image_faults.fgets = lines + readable;
+        faults.fgets = lines + readable;
         load(kBlockA + kBlockB);
         EXPECT_EQ(images, nullptr) << readable;
         EXPECT_EQ(log.at(0), "[I] image count=2") << readable;

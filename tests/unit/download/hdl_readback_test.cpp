@@ -1,7 +1,7 @@
 #include "download/hdl_readback.h"
 #include "download/hdl_settings.h"
 #include "hdl_fakes.h"
-#include "hdl_file_faults.h"
+#include "support/call_fault.h"
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
@@ -34,10 +34,10 @@ Bytes otp_command(uint32_t address, uint32_t length) {
 struct ReadbackTest : testing::Test {
     void SetUp() override {
         hdl_fakes_reset();
-        g_file_faults = {};
+        call_faults = {};
     }
     void TearDown() override {
-        g_file_faults = {};
+        call_faults = {};
     }
     void answer(const Bytes& frame) {
         g_fakes.on_send = [frame](const Bytes&) { g_fakes.arrives.push_back(frame); };
@@ -162,29 +162,21 @@ TEST_F(Readback, MoreDataThanAskedForAreRefused) {
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
 }
 
-TEST_F(Readback, AFileThatCantBeOpenedFails) {
+TEST_F(Readback, OnlyARegularFileIsWrittenOrReplaced) {
     answer(data_response(0x2101, piece('x')));
     EXPECT_FALSE(hdl_readback_kite("/nowhere/dump", 0));
     EXPECT_EQ(g_fakes.log, Texts{"[E] can not open /nowhere/dump\n"});
-}
-
-TEST_F(Readback, OnlyARegularFileIsWrittenOrReplaced) {
-    answer(data_response(0x2101, piece('x')));
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 2048));
-    EXPECT_EQ(g_fakes.log.at(0), "[E] can not open " + path + "\n");
+    EXPECT_EQ(g_fakes.log.at(1), "[E] can not open " + path + "\n");
 }
 
-TEST_F(Readback, AShortWriteFailsSilently) {
+TEST_F(Readback, AFileThatTakesNoPieceFails) {
     answer(data_response(0x2101, piece('x')));
-    g_file_faults.fwrite = true;
+    call_faults.fwrite = 0;
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
     EXPECT_EQ(g_fakes.log, Texts{});
-}
-
-TEST_F(Readback, AFileThatCantBeClosedFails) {
-    answer(data_response(0x2101, piece('x')));
-    g_file_faults.fclose = true;
+    call_faults.fclose = 0;
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
     EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_readback_kite The file(" + path + ") could not closed.\n"});
 }
@@ -204,18 +196,14 @@ TEST_F(Otp, AsksAnSpiLinkForNothing) {
     EXPECT_EQ(g_fakes.calls.at(1), "receive 0");
 }
 
-TEST_F(Otp, AShorterLengthIsWrittenButFails) {
-    answer(data_response(0x210D, Bytes(16, 'o')));
-    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 16));
-    EXPECT_EQ(dump(), std::string(16, 'o'));
-    EXPECT_EQ(g_fakes.log, Texts{});
-}
-
-TEST_F(Otp, TheChecksumCoversTheLengthOnly) {
-    answer(
-        agent_frame(0x210D, 0, le32(0) + le32(slow_crc32(Bytes(16, 'o'))) + Bytes(16, 'o') + Bytes(5, 'p')));
-    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 16));
-    EXPECT_EQ(dump(), std::string(16, 'o'));
+TEST_F(Otp, AShorterLengthIsCheckedAndWrittenButFails) {
+    for (const Bytes& behind : {Bytes{}, Bytes(5, 'p')}) { // no part of the checksum
+        dir.write("dump", "");
+        answer(agent_frame(0x210D, 0, le32(0) + le32(slow_crc32(Bytes(16, 'o'))) + Bytes(16, 'o') + behind));
+        EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 16));
+        EXPECT_EQ(dump(), std::string(16, 'o'));
+        EXPECT_EQ(g_fakes.log, Texts{});
+    }
 }
 
 TEST_F(Otp, ALongerLengthIsRefused) {
@@ -225,11 +213,11 @@ TEST_F(Otp, ALongerLengthIsRefused) {
 
 TEST_F(Otp, AFileThatCantBeClosedIsToldByWhatWasWritten) {
     answer(data_response(0x210D, piece('o')));
-    g_file_faults.fclose = true;
+    call_faults.fclose = kEachCall;
     EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2048));
     EXPECT_EQ(g_fakes.log, Texts{"[E] The file(" + path + ") could not closed.\n"});
     g_fakes.log.clear();
-    g_file_faults.fwrite = true;
+    call_faults.fwrite = kEachCall;
     EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2048));
     EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_read_otp_kite The file(" + path + ") could not closed.\n"});
 }
@@ -249,13 +237,10 @@ TEST_F(Dump, IsRoundedUpToAWholePiece) {
     answer_by_address();
     EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0, 2049));
     EXPECT_EQ(dump().size(), 4096U);
-}
-
-TEST_F(Dump, OfNothingIsNothing) {
+    hdl_fakes_reset();
     EXPECT_TRUE(hdl_readback_to_file(path.c_str(), 0x1000, 0));
     EXPECT_TRUE(hdl_read_otp_to_file(path.c_str(), 0x1000, 0));
     EXPECT_EQ(g_fakes.calls, Texts{});
-    EXPECT_EQ(g_fakes.log, Texts{});
 }
 
 TEST_F(Dump, EndsWithTheAddresses) {
@@ -270,23 +255,19 @@ TEST_F(Dump, AFailedPieceEndsIt) {
     EXPECT_EQ(g_fakes.log.back(), "[E] hdl_readback_kite addr=0x00000800 fail!\n");
 }
 
-TEST_F(Dump, AnOldFileThatCantBeClosedFails) {
-    dir.write("dump", "old");
-    g_file_faults.fclose = true;
-    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 4096));
-    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0, 4096));
-    EXPECT_EQ(g_fakes.log, Texts(2, "[E] The file(" + path + ") could not closed.\n"));
-    EXPECT_EQ(g_fakes.calls, Texts{});
-    EXPECT_EQ(dump(), "old");
-}
-
-TEST_F(Dump, AnOldFileThatCantBeDeletedFails) {
-    dir.write("dump", "old");
-    g_file_faults.remove = true;
-    EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 4096));
-    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0, 4096));
-    EXPECT_EQ(g_fakes.log, Texts(2, "[E] The file(" + path + ") is not deleted.\n"));
-    EXPECT_EQ(g_fakes.calls, Texts{});
+TEST_F(Dump, AnOldFileThatCantBeClosedOrDeletedFails) {
+    for (const bool closes : {false, true}) {
+        hdl_fakes_reset();
+        dir.write("dump", "old");
+        (closes ? call_faults.remove : call_faults.fclose) = kEachCall;
+        EXPECT_FALSE(hdl_readback_to_file(path.c_str(), 0, 4096));
+        EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0, 4096));
+        EXPECT_EQ(g_fakes.log, Texts(2, "[E] The file(" + path +
+                                            (closes ? ") is not deleted.\n" : ") could not closed.\n")));
+        EXPECT_EQ(g_fakes.calls, Texts{});
+        EXPECT_EQ(dump(), "old");
+        call_faults = {};
+    }
 }
 
 TEST_F(Dump, OfOtpIsAskedForWithTheWholeLengthAtEveryStep) {

@@ -2,6 +2,7 @@
 
 #include "base/free_block.h"
 #include "support/bytes.h"
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/fake_clock.h"
 
@@ -17,8 +18,6 @@ namespace {
 using std::string;
 
 constexpr uint8_t kOld = 0xA5;
-
-bool memory_fails = false;
 
 struct Escaped {
     uint32_t length;
@@ -62,15 +61,6 @@ struct Unescape : testing::Test {
 };
 
 } // namespace
-
-extern "C" {
-
-void* __real_malloc(size_t size);
-
-void* __wrap_malloc(size_t size) {
-    return memory_fails ? nullptr : __real_malloc(size);
-}
-}
 
 TEST(ToolReverse, TurnsAnyNumberOfBytesAround) {
     Bytes bytes = {1, 2, 3, 4, 5};
@@ -169,9 +159,8 @@ TEST(ToolConcat, JoinsTwoTexts) {
 TEST(ToolConcat, LogsThatThereIsNoMemory) {
     char* text = nullptr;
     const string log = capture_stdout([&] {
-        memory_fails = true;
+        call_faults.malloc = 0;
         text = tool_concat("a", "b");
-        memory_fails = false;
     });
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(without_stamps(log), (std::vector<string>{"[E] concat malloc fail"}));
