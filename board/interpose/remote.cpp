@@ -4,7 +4,7 @@
 
 #include "devices/board_devices.h"
 #include "interpose/backend.h"
-#include "interpose/i2c_messages.h"
+#include "interpose/node_ioctl.h"
 #include "interpose/wire.h"
 
 #include <algorithm>
@@ -13,8 +13,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <linux/i2c-dev.h>
-#include <linux/spi/spidev.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -115,11 +113,6 @@ Piece text_piece(const char* text) {
     return {const_cast<char*>(text), strlen(text)};
 }
 
-const uint8_t* address_of(uint64_t word) {
-    const auto address = static_cast<uintptr_t>(word);
-    return reinterpret_cast<const uint8_t*>(address); // NOLINT(performance-no-int-to-ptr)
-}
-
 // What an SPI message looks like on its way to the server.
 struct SpiMessage {
     std::vector<WirePart> parts;
@@ -138,7 +131,7 @@ bool gather(SpiMessage& message, const spi_ioc_transfer* transfers, size_t count
     }
     size_t wanted = 0;
     for (size_t i = 0; i < count; ++i) {
-        const uint8_t* tx = address_of(transfers[i].tx_buf);
+        const uint8_t* tx = node_address(transfers[i].tx_buf);
         const bool receives = transfers[i].rx_buf != 0;
         const int flags = (tx != nullptr ? kWirePartSends : 0) | (receives ? kWirePartReceives : 0);
         message.parts.push_back({transfers[i].len, static_cast<uint8_t>(flags), transfers[i].bits_per_word,
@@ -156,7 +149,7 @@ void scatter(const SpiMessage& message, const spi_ioc_transfer* transfers, size_
     const uint8_t* next = message.received.data();
     for (size_t i = 0; i < count; ++i) {
         if (transfers[i].rx_buf != 0 && transfers[i].len != 0) {
-            std::copy_n(next, transfers[i].len, const_cast<uint8_t*>(address_of(transfers[i].rx_buf)));
+            std::copy_n(next, transfers[i].len, node_address(transfers[i].rx_buf));
             next += transfers[i].len;
         }
     }
@@ -179,132 +172,38 @@ int spi_message(int fd, const spi_ioc_transfer* transfers, size_t count) {
     return result;
 }
 
-int spi_set(int fd, BoardSpiSetting setting, uint32_t value) {
-    const Request request = {
-        WIRE_SPI_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0}};
-    return static_cast<int>(round_trip(fd, request, {nullptr, 0}));
-}
-
-template <typename Value> int spi_get(int fd, BoardSpiSetting setting, void* argument) {
-    uint32_t value = 0;
-    const Request request = {WIRE_SPI_GET, static_cast<uint32_t>(setting)};
-    if (round_trip(fd, request, {&value, sizeof value}) < 0) {
-        return -1;
+// A descriptor as a node whose requests go to the server.
+struct RemoteNode {
+    int spi_message(const spi_ioc_transfer* transfers, size_t count) const {
+        return ::spi_message(fd, transfers, count);
     }
-    *static_cast<Value*>(argument) = static_cast<Value>(value);
-    return 0;
-}
-
-int i2c_select(int fd, uint64_t address) {
-    const auto number = static_cast<uint32_t>(std::min<uint64_t>(address, UINT32_MAX));
-    return static_cast<int>(round_trip(fd, {WIRE_I2C_SLAVE, number}, {nullptr, 0}));
-}
-
-int i2c_set(int fd, BoardI2cSetting setting, uint64_t value) {
-    const Request request = {
-        WIRE_I2C_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0}};
-    return static_cast<int>(round_trip(fd, request, {nullptr, 0}));
-}
-
-int i2c_functions(int fd, void* argument) {
-    if (i2c_set(fd, BoardI2cSetting::flag, 0) < 0) {
-        return -1; // no I2C node
+    int spi_set(BoardSpiSetting setting, uint32_t value) const {
+        return ask(WIRE_SPI_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0});
     }
-    *static_cast<unsigned long*>(argument) = kBoardI2cFunctions;
-    return 0;
-}
+    int spi_get(BoardSpiSetting setting, uint32_t& value) const {
+        return ask(WIRE_SPI_GET, static_cast<uint32_t>(setting), {nullptr, 0}, {&value, sizeof value});
+    }
+    int i2c_select(uint64_t address) const {
+        const auto number = static_cast<uint32_t>(std::min<uint64_t>(address, UINT32_MAX));
+        return ask(WIRE_I2C_SLAVE, number, {nullptr, 0}, {nullptr, 0});
+    }
+    int i2c_set(BoardI2cSetting setting, uint64_t value) const {
+        return ask(WIRE_I2C_SET, static_cast<uint32_t>(setting), {&value, sizeof value}, {nullptr, 0});
+    }
+    int i2c_message(const i2c_msg& message) const {
+        const Piece bytes = {message.buf, message.len};
+        if ((message.flags & I2C_M_RD) == 0) {
+            return ask(WIRE_I2C_WRITE, message.addr, bytes, {nullptr, 0});
+        }
+        const uint32_t number = message.addr | (uint32_t{message.len} << kWireLengthShift);
+        return ask(WIRE_I2C_READ, number, {nullptr, 0}, bytes);
+    }
+    int ask(WireOperation operation, uint32_t number, Piece sent, Piece received) const {
+        return static_cast<int>(round_trip(fd, {operation, number, sent, {nullptr, 0}}, received));
+    }
 
-ssize_t i2c_message(int fd, const i2c_msg& message) {
-    if ((message.flags & I2C_M_RD) == 0) {
-        return round_trip(fd, {WIRE_I2C_WRITE, message.addr, {message.buf, message.len}}, {nullptr, 0});
-    }
-    const uint32_t number = message.addr | (uint32_t{message.len} << kWireLengthShift);
-    return round_trip(fd, {WIRE_I2C_READ, number}, {message.buf, message.len});
-}
-
-int i2c_transfer(int fd, const void* argument) {
-    if (i2c_set(fd, BoardI2cSetting::flag, 0) < 0) {
-        return -1;
-    }
-    return i2c_messages(static_cast<const i2c_rdwr_ioctl_data*>(argument),
-                        [fd](const i2c_msg& message) { return i2c_message(fd, message); });
-}
-
-bool is_spi_message(unsigned long request) {
-    return _IOC_TYPE(request) == SPI_IOC_MAGIC && _IOC_NR(request) == 0 && _IOC_DIR(request) == _IOC_WRITE;
-}
-
-// What no request has as its result.
-constexpr int kNoRequest = -2;
-
-// The argument of most is the value itself.
-int i2c_request(int fd, unsigned long request, void* argument) {
-    const auto value = reinterpret_cast<uintptr_t>(argument);
-    switch (request) {
-    case I2C_SLAVE:
-    case I2C_SLAVE_FORCE:
-        return i2c_select(fd, value);
-    case I2C_TENBIT:
-    case I2C_PEC:
-        return i2c_set(fd, BoardI2cSetting::flag, value);
-    case I2C_RETRIES:
-    case I2C_TIMEOUT:
-        return i2c_set(fd, BoardI2cSetting::limit, value);
-    case I2C_FUNCS:
-        return argument == nullptr ? fail_with(EFAULT) : i2c_functions(fd, argument);
-    case I2C_RDWR:
-        return argument == nullptr ? fail_with(EFAULT) : i2c_transfer(fd, argument);
-    default:
-        return kNoRequest;
-    }
-}
-
-int spi_message_request(int fd, unsigned long request, const void* argument) {
-    if (_IOC_SIZE(request) % sizeof(spi_ioc_transfer) != 0) {
-        return fail_with(EINVAL);
-    }
-    const size_t count = _IOC_SIZE(request) / sizeof(spi_ioc_transfer);
-    if (count != 0 && argument == nullptr) {
-        return fail_with(EFAULT);
-    }
-    return spi_message(fd, static_cast<const spi_ioc_transfer*>(argument), count);
-}
-
-int spi_request(int fd, unsigned long request, void* argument) {
-    if (_IOC_TYPE(request) != SPI_IOC_MAGIC) {
-        return fail_with(ENOTTY);
-    }
-    if (is_spi_message(request)) {
-        return spi_message_request(fd, request, argument);
-    }
-    if (argument == nullptr) {
-        return fail_with(EFAULT);
-    }
-    switch (request) {
-    case SPI_IOC_WR_MODE:
-        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_MODE32:
-        return spi_set(fd, BoardSpiSetting::mode, *static_cast<const uint32_t*>(argument));
-    case SPI_IOC_WR_LSB_FIRST:
-        return spi_set(fd, BoardSpiSetting::lsb_first, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_BITS_PER_WORD:
-        return spi_set(fd, BoardSpiSetting::bits_per_word, *static_cast<const uint8_t*>(argument));
-    case SPI_IOC_WR_MAX_SPEED_HZ:
-        return spi_set(fd, BoardSpiSetting::speed_hz, *static_cast<const uint32_t*>(argument));
-    case SPI_IOC_RD_MODE:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::mode, argument);
-    case SPI_IOC_RD_MODE32:
-        return spi_get<uint32_t>(fd, BoardSpiSetting::mode, argument);
-    case SPI_IOC_RD_LSB_FIRST:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::lsb_first, argument);
-    case SPI_IOC_RD_BITS_PER_WORD:
-        return spi_get<uint8_t>(fd, BoardSpiSetting::bits_per_word, argument);
-    case SPI_IOC_RD_MAX_SPEED_HZ:
-        return spi_get<uint32_t>(fd, BoardSpiSetting::speed_hz, argument);
-    default:
-        return fail_with(ENOTTY);
-    }
-}
+    int fd;
+};
 
 } // namespace
 
@@ -346,8 +245,8 @@ ssize_t backend_write(int fd, const void* data, size_t length) {
 }
 
 int backend_ioctl(int fd, unsigned long request, void* argument) {
-    const int result = i2c_request(fd, request, argument);
-    return result != kNoRequest ? result : spi_request(fd, request, argument);
+    const RemoteNode node = {fd};
+    return node_ioctl(node, request, argument);
 }
 
 off_t backend_seek(int fd, off_t offset, int whence) {

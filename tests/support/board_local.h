@@ -11,7 +11,4 @@ void board_local_connect(Board& board);
 // The device nodes are gone: open fails with ENOENT.
 void board_local_disconnect();
 
-// An ioctl of spidev on an open node, with the argument as the program passes it.
-int board_local_ioctl(Board& board, const BoardFile& file, unsigned long request, void* argument);
-
 #endif
