@@ -9,15 +9,11 @@
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_time.h"
+#include "fuzz.h"
 #include "support/bytes.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -31,13 +27,6 @@ struct World {
     int64_t now;
     Bytes stream; // what came since the pool was emptied, less what was taken
 } world;
-
-void check(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "agent_frames: %s\n", what);
-        abort();
-    }
-}
 
 uint8_t take_byte() {
     return world.next < world.end ? *world.next++ : 0;
@@ -89,24 +78,24 @@ uint32_t model_code(const Bytes& frame, uint16_t id, size_t least, size_t most) 
 
 void check_pool() {
     const ToolRxBuffer* pool = tool_rx_buffer_get();
-    check(pool->count < kToolRxBufferSize, "a pool filled to its end");
-    check(pool->count <= world.stream.size() &&
-              std::equal(pool->data, pool->data + pool->count, world.stream.end() - pool->count),
-          "a pool that is not the end of the stream");
+    require(pool->count < kToolRxBufferSize, "a pool filled to its end");
+    require(pool->count <= world.stream.size() &&
+                std::equal(pool->data, pool->data + pool->count, world.stream.end() - pool->count),
+            "a pool that is not the end of the stream");
 }
 
 // After a wait: the frame that was taken, empty after a time-out.
 Bytes taken_frame(uint32_t code, int64_t start) {
-    check(code <= HDL_DA_FAILED, "an unknown code");
-    check(world.now - start <= kWaitMs + kSilenceMs, "a wait that does not end");
+    require(code <= HDL_DA_FAILED, "an unknown code");
+    require(world.now - start <= kWaitMs + kSilenceMs, "a wait that does not end");
     check_pool();
     if (code == HDL_DA_TIMEOUT) {
-        check(world.now - start >= kWaitMs, "a wait that ends early");
+        require(world.now - start >= kWaitMs, "a wait that ends early");
         return {};
     }
     Bytes frame = model_frame();
-    check(!frame.empty(), "a frame that never came");
-    check(world.stream.size() == tool_rx_buffer_get()->count, "a frame that was not taken whole");
+    require(!frame.empty(), "a frame that never came");
+    require(world.stream.size() == tool_rx_buffer_get()->count, "a frame that was not taken whole");
     return frame;
 }
 
@@ -117,14 +106,15 @@ void run_response(uint16_t id, uint32_t expected, size_t payload_at, size_t payl
     const uint32_t code = hdl_da_wait_response(id, payload_size == 0 ? nullptr : out.data(), expected);
     const Bytes frame = taken_frame(code, start);
     if (code != HDL_DA_TIMEOUT) {
-        check(code == model_code(frame, id, payload_at + payload_size, 4112), "another code for a response");
+        require(code == model_code(frame, id, payload_at + payload_size, 4112),
+                "another code for a response");
     }
     if (code != HDL_DA_OK) {
-        check(out == Bytes(payload_size, kUntouched), "a payload without success");
+        require(out == Bytes(payload_size, kUntouched), "a payload without success");
         return;
     }
-    check(std::equal(out.begin(), out.end(), frame.begin() + static_cast<std::ptrdiff_t>(payload_at)),
-          "another payload");
+    require(std::equal(out.begin(), out.end(), frame.begin() + static_cast<std::ptrdiff_t>(payload_at)),
+            "another payload");
 }
 
 void run_flash_id() {
@@ -132,8 +122,8 @@ void run_flash_id() {
     const int64_t start = world.now;
     const uint32_t code = hdl_da_wait_flash_id(0x2110, id.data());
     const Bytes frame = taken_frame(code, start);
-    check(code == HDL_DA_TIMEOUT || code == model_code(frame, 0x2110, 10, 4112), "another code for an id");
-    check(code != HDL_DA_OK || std::equal(id.begin(), id.end(), frame.begin() + 7), "another id");
+    require(code == HDL_DA_TIMEOUT || code == model_code(frame, 0x2110, 10, 4112), "another code for an id");
+    require(code != HDL_DA_OK || std::equal(id.begin(), id.end(), frame.begin() + 7), "another id");
 }
 
 void run_data(uint32_t room, uint32_t expected) {
@@ -144,14 +134,14 @@ void run_data(uint32_t room, uint32_t expected) {
     const uint32_t code = hdl_da_wait_data(0x2101, &address, &crc, data.data(), room, expected);
     const Bytes frame = taken_frame(code, start);
     if (code != HDL_DA_TIMEOUT) {
-        check(code == model_code(frame, 0x2101, 15, 15 + size_t{room}), "another code for data");
+        require(code == model_code(frame, 0x2101, 15, 15 + size_t{room}), "another code for data");
     }
     if (code != HDL_DA_OK) {
-        check(data == Bytes(room, kUntouched), "data without success");
+        require(data == Bytes(room, kUntouched), "data without success");
         return;
     }
-    check(address == le(frame, 7, 4) && crc == le(frame, 11, 4), "another address or checksum");
-    check(std::equal(frame.begin() + 15, frame.end(), data.begin()), "other data");
+    require(address == le(frame, 7, 4) && crc == le(frame, 11, 4), "another address or checksum");
+    require(std::equal(frame.begin() + 15, frame.end(), data.begin()), "other data");
 }
 
 // Questions one after the other; the pool is emptied first.
@@ -160,7 +150,7 @@ void run_flash_info() {
     FlashInfo info = {};
     const int64_t start = world.now;
     hdl_da_get_flash_info(&info);
-    check(world.now - start <= 6 * (kWaitMs + kSilenceMs), "questions that do not end");
+    require(world.now - start <= 6 * (kWaitMs + kSilenceMs), "questions that do not end");
     check_pool();
     const ToolRxBuffer* pool = tool_rx_buffer_get();
     world.stream.assign(pool->data, pool->data + pool->count);

@@ -4,14 +4,9 @@
 #include "assist/xod_file.h"
 #include "assist/xod_host_aiding.h"
 #include "base/byte_order.h"
+#include "fuzz.h"
 #include "link/location_command.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <string>
 #include <unistd.h>
 #include <vector>
 
@@ -28,18 +23,6 @@ struct Fuzzed {
     int open_files;
     bool locked;
 } fuzzed;
-
-void require(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "assistance_file: %s\n", what);
-        abort();
-    }
-}
-
-bool silence() {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    return null >= 0 && dup2(null, STDOUT_FILENO) >= 0 && close(null) == 0;
-}
 
 // The record's words as the command ends with them.
 std::string words_at(size_t offset) {
@@ -103,8 +86,7 @@ int __wrap_usleep(useconds_t /*us*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    static const bool silent = silence();
-    require(silent, "no /dev/null");
+    silence_log();
     if (size < kHeadSize) {
         return 0;
     }

@@ -1,17 +1,12 @@
 // The configuration reader on a hostile file: what each key yields is what a model that cuts the file into
 // pieces of at most 255 characters finds, and nothing outside the text's room changes. The input is the file.
 #include "config/location_config.h"
+#include "fuzz.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <limits>
 #include <memory>
 #include <optional>
-#include <string>
 #include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -39,43 +34,9 @@ struct ConfigFile {
     std::string content;
 } file;
 
-void require(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "config: %s\n", what);
-        abort();
-    }
-}
-
-// The lines that the reader logs hold whatever the file holds.
-struct SilentStdout {
-    SilentStdout() : saved(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        require(null >= 0 && dup2(null, STDOUT_FILENO) >= 0, "no /dev/null");
-        close(null);
-    }
-    ~SilentStdout() {
-        fflush(stdout);
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-    }
-    SilentStdout(const SilentStdout&) = delete;
-    SilentStdout& operator=(const SilentStdout&) = delete;
-
-    int saved;
-};
-
-// The next piece of the file as text, up to its first NUL; removes it from the file.
-std::string take_piece(std::string* content) {
-    const size_t line = std::min(content->find('\n'), content->size() - 1) + 1;
-    const std::string piece = content->substr(0, std::min(line, kPiece));
-    content->erase(0, piece.size());
-    return piece.substr(0, piece.find('\0'));
-}
-
 std::optional<std::string> expected_value(std::string content, const std::string& key) {
     while (!content.empty()) {
-        const std::string piece = take_piece(&content);
+        const std::string piece = take_piece(&content, kPiece);
         const size_t at = piece.find(key);
         if (at == std::string::npos) {
             continue;
@@ -136,12 +97,8 @@ void fill_records() {
 
 } // namespace
 
-extern "C" int __real_open(const char* path, int flags, mode_t mode);
 // The input is the configuration, whatever its path: a regular file in memory.
-extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
-    if (strcmp(path, "/dev/null") == 0) {
-        return __real_open(path, flags, mode);
-    }
+extern "C" int __wrap_open(const char* /*path*/, int /*flags*/, mode_t /*mode*/) {
     const int made = memfd_create("config", MFD_CLOEXEC);
     const size_t size = file.content.size();
     require(made >= 0 && write(made, file.content.data(), size) == static_cast<ssize_t>(size) &&
@@ -152,7 +109,7 @@ extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     file.content.assign(reinterpret_cast<const char*>(bytes), size);
-    const SilentStdout silent;
+    silence_log();
     for (const char* key : kKeys) {
         check_text(key);
         check_number(key);

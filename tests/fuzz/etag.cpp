@@ -1,15 +1,10 @@
 // The ETag reader on a hostile header: nothing outside the value's room changes, the value ends inside it,
 // and what is found is what the pieces of at most 127 characters hold.
 #include "assist/xod_check.h"
+#include "fuzz.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <optional>
-#include <string>
 
 namespace {
 
@@ -17,24 +12,9 @@ constexpr size_t kPiece = 127;
 constexpr size_t kRoom = 16;
 constexpr char kCanary = '#';
 
-void require(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "etag: %s\n", what);
-        abort();
-    }
-}
-
-// The next piece of the header as text, up to its first NUL; removes it from the header.
-std::string take_piece(std::string* header) {
-    const size_t line = std::min(header->find('\n'), header->size() - 1) + 1;
-    const std::string piece = header->substr(0, std::min(line, kPiece));
-    header->erase(0, piece.size());
-    return piece.substr(0, piece.find('\0'));
-}
-
 std::optional<std::string> expected_value(std::string header) {
     while (!header.empty()) {
-        const std::string piece = take_piece(&header);
+        const std::string piece = take_piece(&header, kPiece);
         const size_t key = piece.find("ETag: ");
         if (key != std::string::npos) {
             const std::string value = piece.substr(std::min(key + 7, piece.size()));

@@ -1,24 +1,14 @@
 // The frame parser on hostile bytes: every result lies inside the data, the stream is consumed, and what is
 // taken as a frame is one by the rules written down here anew.
+#include "fuzz.h"
 #include "nmea/location_frame.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <string_view>
 
 namespace {
 
 constexpr size_t kBufferSize = 15360; // of the receive thread
 constexpr std::string_view kGood = "$GPGGA,1,2,3*4A\r\n";
-
-void require(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "frame_parser: %s\n", what);
-        abort();
-    }
-}
 
 unsigned xor_of(std::string_view bytes) {
     unsigned sum = 0;

@@ -1,20 +1,13 @@
 // Receive and send against a slave whose answers come from the input. Whatever it says, no byte outside the
 // caller's buffer is touched, every operation ends, and neither the mutex nor a power request stays behind.
 #include "base/stop_request.h"
-#include "interpose/local.h"
-#include "mux/host_mux.h"
+#include "hostile_mux.h"
 #include "mux/host_mux_spi.h"
 #include "mux/host_mux_spi_slave.h"
 
-#include <algorithm>
 #include <bit>
-#include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <linux/spi/spidev.h>
 #include <unistd.h>
-#include <vector>
 
 // The code under test need not wait for a slave that lives in the same thread.
 extern "C" int usleep(useconds_t) {
@@ -32,11 +25,6 @@ struct Input {
     size_t transfers;
     uint8_t opcode; // of the last frame that was not a status query
 } input;
-
-void fail(const char* what) {
-    fprintf(stderr, "host_mux_hostile_slave: %s\n", what);
-    abort();
-}
 
 // The next byte of the input. An input that is used up is followed by a stop.
 uint8_t take_byte() {
@@ -86,9 +74,7 @@ int spi_ioctl(unsigned long request, void* argument) {
     if (request != SPI_IOC_MESSAGE(1)) {
         return 0;
     }
-    if (++input.transfers > kMostTransfers) {
-        fail("an operation does not end");
-    }
+    require(++input.transfers <= kMostTransfers, "an operation does not end");
     const auto* message = static_cast<const spi_ioc_transfer*>(argument);
     if (!answer(std::bit_cast<const uint8_t*>(uintptr_t{message->tx_buf}),
                 std::bit_cast<uint8_t*>(uintptr_t{message->rx_buf}), message->len)) {
@@ -105,35 +91,12 @@ void attach() {
         return spi_ioctl(request, argument);
     };
     local_devices(devices);
-    if (freopen("/dev/null", "w", stdout) == nullptr) {
-        fail("can't silence the log");
-    }
+    silence_log();
 }
 
 void expect_nothing_left() {
-    if (pthread_mutex_trylock(g_host_mux_spi_master_mutex) != 0) {
-        fail("the mutex stayed taken");
-    }
-    pthread_mutex_unlock(g_host_mux_spi_master_mutex);
-    if (host_mux_spi_power_counter() < 0) {
-        fail("more power requests were closed than opened");
-    }
-}
-
-void run_operations(host_mux_handle* handle) {
-    for (const uint32_t capacity : {1U, 100U, 4095U, 6000U}) {
-        std::vector<uint8_t> buffer(capacity); // exactly as long as it says
-        uint32_t length = capacity;
-        if (host_mux_rx(handle, buffer.data(), &length) == 0 && length > capacity) {
-            fail("more was received than the buffer holds");
-        }
-        expect_nothing_left();
-        length = capacity;
-        if (host_mux_tx(handle, buffer.data(), &length) == 0 && length > capacity) {
-            fail("more was sent than there was");
-        }
-        expect_nothing_left();
-    }
+    require_free(g_host_mux_spi_master_mutex);
+    require(host_mux_spi_power_counter() >= 0, "more power requests were closed than opened");
 }
 
 } // namespace
@@ -145,15 +108,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     host_mux_handle handle{HOST_MUX_BUS_SPI, kHostMuxClosed};
     host_mux_spi_port_config config{};
     snprintf(config.path, sizeof config.path, "/dev/spidev1.0");
-    if (host_mux_init(&handle, &config) != 0) {
-        fail("can't open the bus");
-    }
-    run_operations(&handle);
+    require(host_mux_init(&handle, &config) == 0, "can't open the bus");
+    run_operations(
+        &handle, [] {}, expect_nothing_left);
     if (input.stop_begun) {
         stop_request_withdraw();
     }
-    if (host_mux_deinit(&handle) != 0 || host_mux_spi_power_counter() != 0) {
-        fail("can't close the bus");
-    }
+    require(host_mux_deinit(&handle) == 0 && host_mux_spi_power_counter() == 0, "can't close the bus");
     return 0;
 }

@@ -4,14 +4,9 @@
 #include "client/image_list.h"
 #include "base/free_block.h"
 #include "download/hdl_image.h"
+#include "fuzz.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -21,13 +16,6 @@ constexpr size_t kLineSize = 255;
 
 char list_path[32];
 
-void check(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "image list: %s\n", what);
-        abort();
-    }
-}
-
 // A file in memory, reached by its path as any other.
 int memory_file() {
     static const int fd = memfd_create("flash_download.cfg", 0);
@@ -35,8 +23,8 @@ int memory_file() {
 }
 
 void fill(const uint8_t* data, size_t size) {
-    check(ftruncate(memory_file(), 0) == 0, "can't empty the file");
-    check(pwrite(memory_file(), data, size, 0) == static_cast<ssize_t>(size), "can't fill the file");
+    require(ftruncate(memory_file(), 0) == 0, "can't empty the file");
+    require(pwrite(memory_file(), data, size, 0) == static_cast<ssize_t>(size), "can't fill the file");
     snprintf(list_path, sizeof list_path, "/proc/self/fd/%d", memory_file());
 }
 
@@ -61,43 +49,42 @@ void check_strip(const std::string& text) {
     const std::string line = text.c_str();
     std::string stripped(line.size() + 1, '?');
     strip_spaces(line.c_str(), stripped.data());
-    check(stripped.find('\0') != std::string::npos, "stripped form has no end");
+    require(stripped.find('\0') != std::string::npos, "stripped form has no end");
     stripped.resize(stripped.find('\0'));
-    check(stripped.find(' ') == std::string::npos, "stripped form holds a blank");
-    check(stripped.empty() || strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
+    require(stripped.find(' ') == std::string::npos, "stripped form holds a blank");
+    require(stripped.empty() || strchr("\t\r\n", stripped[0]) == nullptr, "stripped form begins blank");
 }
 
 void check_client(const std::string& text, const ImageEntry* images, uint32_t count) {
     const ImageList list = image_list_read(text, "/proc/self/fd");
-    check(list.problem.empty() == (images != nullptr), "the client refuses something else");
-    check(list.images.size() == count, "the client counts something else");
+    require(list.problem.empty() == (images != nullptr), "the client refuses something else");
+    require(list.images.size() == count, "the client counts something else");
     for (uint32_t i = 0; images != nullptr && i < count; ++i) {
-        check(list.images[i].path == images[i].name, "the client reads another name");
-        check(list.images[i].begin == images[i].begin_address, "the client reads another address");
+        require(list.images[i].path == images[i].name, "the client reads another name");
+        require(list.images[i].begin == images[i].begin_address, "the client reads another address");
     }
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = freopen("/dev/null", "w", stdout) != nullptr;
-    check(quiet, "can't silence the log");
+    silence_log();
     const std::string text(reinterpret_cast<const char*>(data), size);
     check_strip(text);
     fill(data, size);
 
     uint32_t count = 0;
     const std::unique_ptr<ImageEntry, FreeBlock> images(load_flash_download_cfg(list_path, &count));
-    check(count == count_blocks(text), "count differs");
+    require(count == count_blocks(text), "count differs");
     check_client(text, images.get(), count);
     if (images == nullptr) {
         return 0;
     }
-    check(count > 0, "list without images");
+    require(count > 0, "list without images");
     for (uint32_t i = 0; i < count; ++i) {
         const ImageEntry& entry = images.get()[i];
-        check(memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name runs on");
-        check(entry.name[0] == '\0' || entry.name[0] == '/', "name is not absolute");
+        require(memchr(entry.name, '\0', sizeof entry.name) != nullptr, "name runs on");
+        require(entry.name[0] == '\0' || entry.name[0] == '/', "name is not absolute");
     }
     return 0;
 }

@@ -1,16 +1,10 @@
 // Field splitter and record update on a hostile sentence: nothing outside the 94-byte record changes, every
 // field of the splitter ends inside its room, and the texts that are cut end with a NUL.
+#include "fuzz.h"
 #include "nmea/location_nmea_fields.h"
 #include "nmea/location_record.h"
 
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -22,19 +16,6 @@ struct Guarded {
     LocationRecord record;
     char behind[64];
 };
-
-void require(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "position_update: %s\n", what);
-        abort();
-    }
-}
-
-// The log lines of unreadable numbers would be most of the run.
-bool silence() {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    return null >= 0 && dup2(null, STDOUT_FILENO) >= 0 && close(null) == 0;
-}
 
 bool all_canary(const char* bytes, size_t n) {
     return std::string(bytes, n) == std::string(n, kCanary);
@@ -67,8 +48,7 @@ void check_update(Guarded* guarded, const char* sentence, uint32_t length) {
 
 // Every line of the input is a sentence for the same record.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    static const bool silent = silence();
-    require(silent, "no /dev/null");
+    silence_log();
     Guarded guarded;
     memset(&guarded, kCanary, sizeof guarded);
     guarded.record = {};

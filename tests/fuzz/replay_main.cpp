@@ -1,18 +1,13 @@
 // Runs a fuzz target over the files of a corpus directory and a fixed number of seeded mutations of them, so
 // that the target is also a plain regression test.
+#include "fuzz.h"
 #include "support/bytes.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <string>
 #include <vector>
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 

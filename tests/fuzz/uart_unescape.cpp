@@ -1,24 +1,13 @@
 // UART unescape against a model that follows each byte on its own. The input's first byte cuts the rest into
 // reads of that many bytes, so that the escape state is carried over at every place.
 #include "device/location_uart_escape.h"
+#include "fuzz.h"
 #include "support/bytes.h"
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 
 namespace {
 
 constexpr size_t kCanarySize = 16;
 constexpr uint8_t kCanary = 0xA5;
-
-void check(bool holds, const char* what) {
-    if (!holds) {
-        fprintf(stderr, "unescape: %s\n", what);
-        abort();
-    }
-}
 
 // A read as the model decodes it: a slot without a value keeps its old content.
 struct Model {
@@ -63,8 +52,8 @@ uint32_t unescape(Bytes* bytes, uint32_t* state) {
     const uint32_t count =
         location_uart_unescape(guarded.data() + kCanarySize, static_cast<uint32_t>(bytes->size()), state);
     const auto is_canary = [](uint8_t byte) { return byte == kCanary; };
-    check(std::all_of(guarded.begin(), begin, is_canary), "wrote before the buffer");
-    check(std::all_of(end, guarded.end(), is_canary), "wrote behind the buffer");
+    require(std::all_of(guarded.begin(), begin, is_canary), "wrote before the buffer");
+    require(std::all_of(end, guarded.end(), is_canary), "wrote behind the buffer");
     bytes->assign(begin, end);
     return count;
 }
@@ -74,10 +63,10 @@ void check_read(Bytes bytes, Model* model, uint32_t* state) {
     const bool carried_over = *state == 1;
     const size_t expected_count = model->decode(&expected);
     const uint32_t count = unescape(&bytes, state);
-    check(count == expected_count, "count differs");
-    check(count <= bytes.size() + (carried_over ? 1 : 0), "count exceeds what was read");
-    check(bytes == expected, "bytes differ");
-    check(*state == (model->escaped ? 1U : 0U), "state differs");
+    require(count == expected_count, "count differs");
+    require(count <= bytes.size() + (carried_over ? 1 : 0), "count exceeds what was read");
+    require(bytes == expected, "bytes differ");
+    require(*state == (model->escaped ? 1U : 0U), "state differs");
 }
 
 void check_round_trip(const Bytes& plain) {
@@ -85,8 +74,8 @@ void check_round_trip(const Bytes& plain) {
     escaped.resize(location_uart_escape(plain.data(), static_cast<uint32_t>(plain.size()), escaped.data()));
     uint32_t state = 0;
     const uint32_t count = unescape(&escaped, &state);
-    check(count == plain.size() && state == 0, "a round trip changes the length");
-    check(std::equal(plain.begin(), plain.end(), escaped.begin()), "a round trip changes bytes");
+    require(count == plain.size() && state == 0, "a round trip changes the length");
+    require(std::equal(plain.begin(), plain.end(), escaped.begin()), "a round trip changes bytes");
 }
 
 } // namespace

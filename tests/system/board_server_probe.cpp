@@ -14,14 +14,11 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/msg.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr char kSpi[] = "/dev/spidev1.0";
-constexpr char kSocket[] = "/etc/default/tavor/tavor_sun_path";
 constexpr key_t kQueue = 1234;
 constexpr unsigned long kUnknownRequest = 0x40046BFF;
 
@@ -101,19 +98,6 @@ int probe_files() {
     fputs("header", header);
     fclose(header);
     return fclose(file);
-}
-
-int probe_socket() {
-    sockaddr_un address = {};
-    socklen_t size = sizeof address;
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, kSocket, sizeof kSocket);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    unlink(kSocket);
-    say("bind", bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-    puts(address.sun_path);
-    return close(fd);
 }
 
 // Leaves its queue behind, as a program does that is killed.
@@ -236,10 +220,10 @@ int probe_overrun() {
 
 int main(int argc, char** argv) {
     const std::map<std::string, int (*)()> probes = {
-        {"spi", probe_spi},         {"gpio", probe_gpio},         {"files", probe_files},
-        {"socket", probe_socket},   {"queue", probe_queue},       {"wait", probe_wait},
-        {"cancel", probe_cancel},   {"speed", probe_speed},       {"missing", probe_missing},
-        {"overrun", probe_overrun}, {"stubborn", probe_stubborn}, {"hours", probe_hours},
+        {"spi", probe_spi},           {"gpio", probe_gpio},       {"files", probe_files},
+        {"queue", probe_queue},       {"wait", probe_wait},       {"cancel", probe_cancel},
+        {"speed", probe_speed},       {"missing", probe_missing}, {"overrun", probe_overrun},
+        {"stubborn", probe_stubborn}, {"hours", probe_hours},
     };
     const auto probe = probes.find(argc > 1 ? argv[1] : "");
     if (probe == probes.end()) {

@@ -82,23 +82,6 @@ TEST(BoardRun, AProgramDrivesTheLines) {
     EXPECT_EQ(board.ctl({"power"}), "on\n") << "the level outlives the program";
 }
 
-TEST(BoardRun, TheChipCountsWhatComes) {
-    const SimulatedBoard board;
-    exec_probe(board, "gpio");
-    exec_probe(board, "spi");
-    EXPECT_EQ(board.status("transfers"), 1);
-    EXPECT_EQ(board.status("spi_mode"), 3);
-    EXPECT_EQ(board.status("spi_speed_hz"), 50000000) << "forgotten with the last close";
-    EXPECT_EQ(board.status("cold_boots"), 1);
-}
-
-TEST(BoardRun, FixedPathsLieInTheDirectory) {
-    const SimulatedBoard board;
-    EXPECT_EQ(exec_probe(board, "files").out, board.directory.read("etc/default/tavor/tavor.conf"));
-    EXPECT_EQ(board.directory.read("tmp/head.out"), "header");
-    EXPECT_EQ(exec_probe(board, "socket").out, "bind 0\n" + board.socket_path() + "\n");
-}
-
 TEST(BoardRun, TheConfigurationFollowsTheOptions) {
     const RunResult result =
         run_probe({"files"}, {"--spi-path", "/dev/spidev3.1", "--power-gpio", "5", "--conf",
@@ -378,11 +361,6 @@ TEST(BoardControl, SentencesAreInjected) {
     EXPECT_EQ(board.status("bytes_queued"), 30);
     board.ctl({"send", "--file", file});
     EXPECT_EQ(board.status("bytes_queued"), 34);
-}
-
-TEST(BoardTime, AnHourOfTheProgramPassesInMilliseconds) {
-    const RunResult result = run_probe({"hours"}, {"--speed", "100000"});
-    EXPECT_TRUE(contains(result.out, "timer 1\nsleep 1\n")) << result.out;
 }
 
 TEST(BoardTime, ExecCanChangeTheSpeedOfTheBoard) {
