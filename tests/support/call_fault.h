@@ -20,8 +20,8 @@ struct CallFaults {
     int fgets = kNoFault;
     int fwrite = kNoFault; // half of it is taken
     int remove = kNoFault;
-    std::function<void()> at_read;            // before each fread
-    std::function<void(const char*)> at_line; // sees each line that fgets reads
+    std::function<void()> at_read = {};            // before each fread
+    std::function<void(const char*)> at_line = {}; // sees each line that fgets reads
 };
 
 extern CallFaults call_faults;

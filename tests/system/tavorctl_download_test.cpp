@@ -85,18 +85,6 @@ struct Scene {
 
 } // namespace
 
-TEST(Download, TellsEachStepOfTheLog) {
-    Scene scene(kToTheErase + kToTheEnd, 0);
-    EXPECT_EQ(scene.run({"--log", scene.log_path}), 0);
-    const Lines out = lines_of(scene.out);
-    ASSERT_EQ(out.size(), 2U);
-    EXPECT_EQ(out[0], "firmware written");
-    EXPECT_EQ(out[1].rfind("1 image in ", 0), 0U) << out[1];
-    EXPECT_EQ(lines_of(scene.err), (Lines{"tavorctl: handshake", "tavorctl: agent", "tavorctl: erase",
-                                          "tavorctl: write image 1 of 1 (a.bin)",
-                                          "tavorctl: check image 1 of 1 (a.bin)", "tavorctl: finish"}));
-}
-
 TEST(Download, JsonTellsEachStepOnStandardOutput) {
     Scene scene(kToTheErase + kToTheEnd, 0);
     EXPECT_EQ(scene.run({"--json", "--log", scene.log_path}), 0);
