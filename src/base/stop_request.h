@@ -4,7 +4,7 @@
 // such loop asks stop_request_pending() and gives up. Announcements and withdrawals pair up. The service
 // queue announces each stop and each download request when it is enqueued, and withdraws it when the request
 // has been handled or could not be enqueued, so whatever is queued before that request comes back soon. The
-// queue counts its own announcements, so that a record from another program withdraws nothing.
+// queue marks the records that it announces, so that one of another program withdraws nothing.
 // Closing the bus announces for as long as it takes (StopRequest), so that transfers of other threads come
 // back. While a download runs, its own announcement is set aside (StopRequestAside): it must not end itself,
 // only the next request may.
@@ -26,9 +26,10 @@ struct StopRequest : private NonCopyable {
     ~StopRequest();
 };
 
-// Sets one announcement aside for its lifetime, if there is one: that of the request that is being served.
+// Sets one announcement aside for its lifetime: that of the request that is being served, if it was
+// announced.
 struct StopRequestAside : private NonCopyable {
-    StopRequestAside();
+    explicit StopRequestAside(bool announced);
     ~StopRequestAside();
 
     const bool taken;

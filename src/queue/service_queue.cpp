@@ -29,7 +29,7 @@ constexpr useconds_t kEmptyQueuePauseUs = 10000;
 // Message type of an empty record, which stands for a stop or download request when the queue is full. The
 // kernel limits the bytes in a queue, so a record without bytes still fits.
 constexpr long bodiless_type(uint32_t id) {
-    return kMessageType + 1 + static_cast<long>(id);
+    return long{kServiceAnnounced} + static_cast<long>(id);
 }
 
 struct QueueRecord {
@@ -57,7 +57,7 @@ void announce() {
     ++state.announced;
 }
 
-// Ends one announcement. There is none when the record came from another program.
+// Ends one announcement. There is none when it went with a queue that was removed.
 void withdraw() {
     int announced = state.announced;
     while (announced > 0 && !state.announced.compare_exchange_weak(announced, announced - 1)) {
@@ -79,7 +79,9 @@ struct UnsentMessage : private NonCopyable {
             return;
         }
         free(data);
-        service_queue_handled(id);
+        if (stops_link(id)) {
+            withdraw();
+        }
     }
 
     uint32_t id;
@@ -89,7 +91,9 @@ struct UnsentMessage : private NonCopyable {
 
 QueueRecord make_record(const ServiceMessage& message) {
     QueueRecord record = {.type = kMessageType, .body = {}};
-    memcpy(record.body, &message, sizeof message);
+    ServiceMessage marked = message;
+    marked.announced = stops_link(message.id) ? kServiceAnnounced : 0;
+    memcpy(record.body, &marked, sizeof marked);
     return record;
 }
 
@@ -168,7 +172,7 @@ bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
     }
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
         if (size == 0 && record.type == bodiless_type(id)) {
-            *message = {.id = id, .data = nullptr, .length = 0};
+            *message = {.id = id, .data = nullptr, .length = 0, .announced = kServiceAnnounced};
             return true;
         }
     }
@@ -225,8 +229,8 @@ bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
     return unpack(record, received, message);
 }
 
-void service_queue_handled(uint32_t id) {
-    if (stops_link(id)) {
+void service_queue_handled(const ServiceMessage& message) {
+    if (message.announced == kServiceAnnounced) {
         withdraw();
     }
 }

@@ -29,8 +29,11 @@ enum service_message_id : uint32_t {
 struct ServiceMessage {
     uint32_t id;
     void* data;
-    uint32_t length; // bytes of data
+    uint32_t length;        // bytes of data
+    uint32_t announced = 0; // kServiceAnnounced when the send has announced it; padding to other programs
 };
+
+inline constexpr uint32_t kServiceAnnounced = 0x74617672;
 
 // Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.
 int32_t service_queue_open();
@@ -62,7 +65,8 @@ enum class ServiceQueueWait {
 bool service_queue_receive(ServiceMessage* message,
                            ServiceQueueWait wait = ServiceQueueWait::until_one_comes);
 
-// Tells that a received message with this id has been handled: ends what its send announced.
-void service_queue_handled(uint32_t id);
+// Tells that a received message has been handled: ends what its send announced. A record of another program
+// ends nothing.
+void service_queue_handled(const ServiceMessage& message);
 
 #endif

@@ -51,8 +51,8 @@ void send_version_banner() {
 
 // Some download retries have no limit. Suspend this request's own stop request, so that only a later request
 // ends them.
-int32_t download() {
-    const StopRequestAside own;
+int32_t download(bool announced) {
+    const StopRequestAside own(announced);
     return location_service_download();
 }
 
@@ -72,9 +72,9 @@ void make_first_cancellation() {
     }
 }
 
-int32_t run_download() {
+int32_t run_download(const ServiceMessage& message) {
     location_service_stop();
-    const int32_t result = download();
+    const int32_t result = download(message.announced == kServiceAnnounced);
     location_gpio_power_off();
     usleep(kAfterDownloadUs);
     return result;
@@ -139,7 +139,7 @@ void handle_message(const ServiceMessage& message) {
     case SERVICE_STOP:
         return reply_result(id, location_service_stop());
     case SERVICE_DOWNLOAD:
-        return reply_result(id, run_download());
+        return reply_result(id, run_download(message));
     case SERVICE_SAVE_LOCATION:
         return reply_result(id, location_service_save_location(&g_service_state.location));
     case SERVICE_DEBUG_OFF:
@@ -190,7 +190,7 @@ void* location_service_task_main(void* /*unused*/) {
         if (service_queue_receive(&message,
                                   kept ? ServiceQueueWait::shortly : ServiceQueueWait::until_one_comes)) {
             location_service_message_handle(&message);
-            service_queue_handled(message.id);
+            service_queue_handled(message);
         }
     }
 }

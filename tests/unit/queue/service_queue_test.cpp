@@ -66,6 +66,14 @@ struct QueueTest : testing::Test {
         memcpy(data, &number, sizeof number);
         location_service_task_send_message(SERVICE_FRAME_NMEA, data, sizeof number);
     }
+    static void send_foreign(uint32_t id) {
+        const struct {
+            long type;
+            alignas(8) uint32_t body[kBodySize / sizeof(uint32_t)];
+        } record = {.type = 1, .body = {id}};
+        static_assert(sizeof record.body == kBodySize);
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &record, kBodySize, 0), 0);
+    }
     // Takes a message off the queue, on a thread of its own so that the test's does not become the consumer.
     static ServiceMessage receive() {
         ServiceMessage message = {};
@@ -271,32 +279,35 @@ TEST_F(QueueTest, StopAndDownloadAreAnnouncedUntilTheLastIsHandled) {
         }
         for (size_t i = 0; i < count; ++i) {
             EXPECT_TRUE(stop_request_pending()) << i << " of " << count;
-            service_queue_handled(receive().id);
+            service_queue_handled(receive());
         }
         EXPECT_FALSE(stop_request_pending()) << count;
     }
 }
 
-TEST_F(QueueTest, ForeignStopsLeaveNoDebt) {
-    const struct {
-        long type = 1;
-        ServiceMessage body = {.id = SERVICE_STOP, .data = nullptr, .length = 0};
-    } foreign;
-    static_assert(sizeof foreign.body == kBodySize);
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(msgsnd(g_service_state.msqid, &foreign, kBodySize, 0), 0);
-        service_queue_handled(receive().id);
-    }
+TEST_F(QueueTest, StopOfAnotherProgramWithdrawsNothing) {
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    EXPECT_TRUE(stop_request_pending());
-    service_queue_handled(receive().id);
+    const ServiceMessage announced = receive();
+    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
+        send_foreign(id);
+        const ServiceMessage foreign = receive();
+        EXPECT_EQ(foreign.id, id);
+        service_queue_handled(foreign);
+        EXPECT_TRUE(stop_request_pending()) << "the request's, which is not handled yet";
+    }
+    service_queue_handled(announced);
     EXPECT_FALSE(stop_request_pending());
 }
 
-TEST_F(QueueTest, ForeignStopEndsNoOtherAnnouncement) {
-    const StopRequest closing;
-    service_queue_handled(SERVICE_STOP);
-    EXPECT_TRUE(stop_request_pending());
+TEST_F(QueueTest, EmptyRecordOfAnotherProgramIsNoRequest) {
+    const long types[] = {1, 2, 3, 4, 5, 1000};
+    for (const long& type : types) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &type, 0, 0), 0);
+        ServiceMessage message = {};
+        bool received = true;
+        std::thread([&] { received = service_queue_receive(&message); }).join();
+        EXPECT_FALSE(received) << type;
+    }
 }
 
 TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
@@ -313,7 +324,7 @@ TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
         const ServiceMessage message = receive();
         EXPECT_EQ(message.id, id);
         EXPECT_EQ(message.data, nullptr);
-        service_queue_handled(message.id);
+        service_queue_handled(message);
     }
     EXPECT_FALSE(stop_request_pending());
 }
@@ -396,7 +407,7 @@ TEST_F(QueueTest, OtherMessagesAnnounceNothing) {
         }
         location_service_task_send_message(id, nullptr, 0);
         EXPECT_FALSE(stop_request_pending()) << id;
-        service_queue_handled(receive().id);
+        service_queue_handled(receive());
     }
     stop_request_announce();
     EXPECT_TRUE(stop_request_pending());

@@ -323,15 +323,12 @@ TEST_F(ServiceTest, CallbackIsThereBeforeTheThread) {
 }
 
 TEST_F(ServiceTest, CommandBeforeAnAnnouncedStopFailsWithoutTheChip) {
-    for (const uint32_t stopping : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        fakes_reset();
-        location_service_task_send_message(stopping, nullptr, 0);
-        handle_text(SERVICE_COMMAND, "353,1");
-        EXPECT_EQ(fakes_texts(), Texts{"reply 7 4294967295"});
-        service_queue_handled(stopping);
-        handle_text(SERVICE_COMMAND, "353,1");
-        EXPECT_EQ(fakes_texts().back(), "reply 7 0");
-    }
+    stop_request_announce();
+    handle_text(SERVICE_COMMAND, "353,1");
+    EXPECT_EQ(fakes_texts(), Texts{"reply 7 4294967295"});
+    stop_request_withdraw();
+    handle_text(SERVICE_COMMAND, "353,1");
+    EXPECT_EQ(fakes_texts().back(), "reply 7 0");
 }
 
 TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
@@ -372,12 +369,20 @@ TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {
         ServiceMessage message = {};
         ASSERT_TRUE(service_queue_receive(&message));
         location_service_message_handle(&message);
-        service_queue_handled(message.id);
+        service_queue_handled(message);
         EXPECT_TRUE(stop_request_pending()); // of the stop that waits
         ASSERT_TRUE(service_queue_receive(&message));
-        service_queue_handled(message.id);
+        service_queue_handled(message);
         EXPECT_FALSE(stop_request_pending());
     });
+}
+
+TEST_F(ServiceTest, DownloadOfAnotherProgramSeesTheStopsOfAll) {
+    const StopRequest stop;
+    bool seen = false;
+    fakes_during("firmware_download", [&] { seen = stop_request_pending(); });
+    handle(SERVICE_DOWNLOAD);
+    EXPECT_TRUE(seen);
 }
 
 TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
@@ -388,7 +393,7 @@ TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
         ASSERT_TRUE(service_queue_receive(&stop));
         location_service_message_handle(&stop);
         EXPECT_TRUE(stop_request_pending()); // handling alone, without the queue's loop, ends nothing
-        service_queue_handled(stop.id);
+        service_queue_handled(stop);
         EXPECT_FALSE(stop_request_pending());
 
         init();

@@ -146,7 +146,7 @@ struct TavorTest : testing::Test {
         alarm(0);
         interpose_fail_reset();
         while (stop_request_pending()) { // of what is still queued
-            service_queue_handled(SERVICE_STOP);
+            stop_request_withdraw();
         }
         close(fd);
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
@@ -163,7 +163,7 @@ struct TavorTest : testing::Test {
         ServiceMessage message = {};
         // On a thread of its own: this one must not become the queue's consumer, which never waits for room.
         std::thread([&] { EXPECT_TRUE(service_queue_receive(&message)); }).join();
-        service_queue_handled(message.id);
+        service_queue_handled(message);
         return message;
     }
     static std::string take_command() {
