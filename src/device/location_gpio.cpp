@@ -244,8 +244,9 @@ int32_t location_gpio_set_edge(int32_t pin, int32_t edge) {
 int32_t location_gpio_power_on() {
     int32_t pin = 0;
     location_config_get_power_gpio(&pin);
-    if (power.pin != kNoPin && power.pin != pin) { // configured anew meanwhile
-        switch_off_remembered();
+    const bool configured_anew = power.pin != kNoPin && power.pin != pin;
+    if (configured_anew && switch_off_remembered() != 0) {
+        return -1; // only one line can be remembered
     }
     int value_fd = -1;
     if (export_and_config(pin, kDirectionOut, kHigh, kGpioUnchanged, &value_fd) != 0) {

@@ -34,6 +34,7 @@ struct FakeSysfs {
     bool no_descriptor = false;
     int opens_left = -1;          // before no descriptor is free, -1: without limit
     std::function<void()> refuse; // called by a write, which fails then
+    std::string stuck;            // a file whose writes fail
 } sysfs;
 
 std::string short_name(const std::string& path) {
@@ -75,6 +76,10 @@ ssize_t sysfs_write(const std::string& path, const void* data, size_t length) {
     sysfs.calls.push_back("write " + name + " " + text);
     if (sysfs.refuse) {
         sysfs.refuse();
+        return -1;
+    }
+    if (name == sysfs.stuck) {
+        errno = EIO;
         return -1;
     }
     if (name == "export") {
@@ -365,6 +370,19 @@ TEST_F(LocationGpio, LineThatWasSwitchedOnIsSwitchedOffWhateverIsConfiguredByThe
     EXPECT_EQ(run(location_gpio_power_off), 0);
     EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
     EXPECT_EQ(log, Lines{"[LOCSERV] INF: [CFG]Power control gpio:42"}) << "the other one is forgotten";
+}
+
+TEST_F(LocationGpio, PowerOnFailsWhileTheLineThatWasSwitchedOnCanNotBeSwitchedOff) {
+    configure("42");
+    EXPECT_EQ(run(location_gpio_power_on), 0);
+    configure("43");
+    sysfs.stuck = "gpio42/value";
+    EXPECT_EQ(run(location_gpio_power_on), -1);
+    EXPECT_EQ(sysfs.files["gpio43/value"], "") << "not two lines at a time";
+    EXPECT_TRUE(location_gpio_power_is_on());
+    sysfs.stuck = "";
+    EXPECT_EQ(run(location_gpio_power_off), 0);
+    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n") << "it is not forgotten";
 }
 
 TEST_F(LocationGpio, PowerOffSurvivesAnySingleFailure) {
