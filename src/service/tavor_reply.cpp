@@ -102,9 +102,17 @@ void remember_stalled(const TavorPeer& peer) {
     state.stalled[state.stalled_count++] = peer;
 }
 
-bool stop_lets_wait(const tavor_response& response, uint64_t now_us) {
-    if (!stop_request_pending()) {
+// Whether no stop is announced: then the next one has its patience whole.
+bool no_stop() {
+    const bool none = !stop_request_pending();
+    if (none) {
         state.stop_since_us = 0;
+    }
+    return none;
+}
+
+bool stop_lets_wait(const tavor_response& response, uint64_t now_us) {
+    if (no_stop()) {
         return true;
     }
     if (state.stop_since_us == 0) {
@@ -247,6 +255,7 @@ void tavor_reply_failed(uint32_t id) {
 }
 
 bool tavor_reply_retry() {
+    no_stop(); // between two that nothing is sent between
     const std::lock_guard<std::mutex> guard(state.lock);
     settle_kept();
     return state.kept_count > 0;

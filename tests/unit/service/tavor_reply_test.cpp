@@ -331,6 +331,21 @@ TEST_F(ReplyTest, ResultsWaitHalfASecondInAllWhileAStopIsAnnounced) {
     }
 }
 
+TEST_F(ReplyTest, SecondStopHasAPatienceOfItsOwnAlsoWhenNothingWasSentBetween) {
+    Reader& reader = client("slow", 100 * kMs);
+    for (int stop = 0; stop < 2; ++stop) {
+        reader.free_at_us = kernel.now_us + 100 * kMs;
+        reader.queue.resize(kernel.queue_length + 1);
+        stop_request_announce();
+        EXPECT_EQ(send(SERVICE_STOP), 100 * kMs) << stop;
+        stop_request_withdraw();
+        EXPECT_FALSE(retry());
+        kernel.now_us += 60 * kSecond;
+        let_read(reader);
+    }
+    EXPECT_EQ(losses, 0U);
+}
+
 TEST_F(ReplyTest, ResultForAClientThatPausesArrivesBeforeAnythingElse) {
     Reader& reader = client("c", kNever);
     send_sentences(60); // three seconds
