@@ -19,7 +19,8 @@ namespace {
 constexpr uint32_t kShortMessage = 32; // bytes
 
 struct State {
-    ErrorRow transfer; // transfers that failed
+    ErrorRow transfer;       // transfers that failed
+    uint32_t failed_len = 0; // of the last one that did
     std::atomic<bool> told_too_long{false};
 } state;
 
@@ -53,14 +54,19 @@ void log_left_out(uint32_t left_out) {
     }
 }
 
-// A link that fails may fail thousands of times a second: one line a second tells it. Transfers come one at a
-// time: who shares the device holds a lock of its own.
-void log_transfer(bool moved) {
+// A link that fails may fail thousands of times a second: one line a second tells it. The same step of a
+// protocol has the same length, so only the success of such a transfer ends the row: a long one that fails
+// each time may stand between short ones that succeed. Transfers come one at a time: who shares the device
+// holds a lock of its own.
+void log_transfer(bool moved, uint32_t len) {
     uint32_t left_out = 0;
-    if (moved) {
+    if (!moved) {
+        state.failed_len = len;
+        if (error_row_tell(&state.transfer, now_ms(), &left_out) && left_out == 0) {
+            puts("[LOCSERV] ERR: [spi]can't send spi message");
+        }
+    } else if (len == state.failed_len) {
         left_out = error_row_end(&state.transfer);
-    } else if (error_row_tell(&state.transfer, now_ms(), &left_out) && left_out == 0) {
-        puts("[LOCSERV] ERR: [spi]can't send spi message");
     }
     log_left_out(left_out);
 }
@@ -111,7 +117,7 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
     message.len = len;
     const int moved = ioctl(fd, SPI_IOC_MESSAGE(1), &message);
     const int error = errno;
-    log_transfer(moved >= 0);
+    log_transfer(moved >= 0, len);
     if (moved >= 0) {
         return moved;
     }

@@ -217,6 +217,27 @@ TEST_F(LocationSpi, TransfersThatFailInARowAreToldOnceASecondAndCounted) {
     location_spi_deinit(fd);
 }
 
+TEST_F(LocationSpi, RowOutlivesSuccessesOfOtherLengths) {
+    int32_t fd = -1;
+    ASSERT_EQ(init(&fd), 0);
+    uint8_t rx[9] = {};
+    const auto round = [&] {
+        interpose_fail("ioctl", 2, EIO);
+        location_spi_transfer(fd, nullptr, rx, 9);
+        location_spi_transfer(fd, nullptr, rx, 5);
+        location_spi_transfer(fd, nullptr, rx, 2);
+    };
+    const Lines lines = lines_of(capture_stdout([&] {
+        round();
+        round();
+        round();
+        location_spi_transfer(fd, nullptr, rx, 5);
+    }));
+    const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
+    EXPECT_EQ(lines, (Lines{failed, failed + " (2 left out)"}));
+    location_spi_deinit(fd);
+}
+
 TEST_F(LocationSpi, DeinitTellsWhatWasLeftOutAndEndsTheRow) {
     const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
     for (int round = 0; round < 2; ++round) {
@@ -237,10 +258,11 @@ TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
     int32_t fd = -1;
     ASSERT_EQ(init(&fd), 0);
     const auto failing = [&](int error, uint32_t length) {
-        location_spi_transfer(fd, nullptr, nullptr, 1); // no row of failures: each is told
         interpose_fail("ioctl", 1, error);
         EXPECT_EQ(location_spi_transfer(fd, nullptr, nullptr, length), -1);
-        return errno;
+        const int result = errno;
+        location_spi_transfer(fd, nullptr, nullptr, length); // no row of failures: each is told
+        return result;
     };
     const Lines lines = lines_of(capture_stdout([&] {
         EXPECT_EQ(failing(EINVAL, 32), EINVAL) << "a short one is refused for another reason";
