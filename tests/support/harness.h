@@ -7,6 +7,7 @@
 #include "tavor/protocol.h"
 
 #include <chrono>
+#include <gtest/gtest.h>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -103,6 +104,34 @@ struct TestClient {
 
     int fd = -1;
     std::string daemon;
+};
+
+// A board, the daemon on it and a client.
+struct BoardTest : testing::Test {
+    explicit BoardTest(const Arguments& options = {"--rate", "10"},
+                       const std::string& program = TAVOR_PROGRAM)
+        : board(options), daemon(board, program), client(board.socket_path()) {}
+
+    void start() const {
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    }
+    void stop() const {
+        ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    }
+    // Starts anew and waits for a position.
+    void expect_chip_works() const {
+        start();
+        EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+    }
+
+    SimulatedBoard board;
+    DaemonOnBoard daemon;
+    TestClient client;
+};
+
+// With a chip that sends nothing by itself.
+struct SilentBoardTest : BoardTest {
+    SilentBoardTest() : BoardTest({"--source", "none"}) {}
 };
 
 // Payload of a sentence as text.

@@ -7,18 +7,15 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
-TEST(Daemon, VersionSaysHowItIsBuilt) {
-    const RunResult result = run_program({TAVOR_PROGRAM, "--version"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out.rfind("tavor " TAVOR_VERSION ", ", 0), 0U) << result.out;
-    EXPECT_NE(result.out.find(std::to_string(sizeof(void*) * 8) + " bit"), std::string::npos) << result.out;
-    EXPECT_EQ(result.err, "");
-}
-
-TEST(Daemon, HelpNamesTheManual) {
-    const RunResult result = run_program({TAVOR_PROGRAM, "--help"});
-    EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.out.find("tavor(8)"), std::string::npos) << result.out;
+TEST(Daemon, VersionSaysHowItIsBuiltAndHelpNamesTheManual) {
+    const RunResult version = run_program({TAVOR_PROGRAM, "--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("tavor " TAVOR_VERSION ", ", 0), 0U) << version.out;
+    EXPECT_NE(version.out.find(std::to_string(sizeof(void*) * 8) + " bit"), std::string::npos) << version.out;
+    EXPECT_EQ(version.err, "");
+    const RunResult help = run_program({TAVOR_PROGRAM, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("tavor(8)"), std::string::npos) << help.out;
 }
 
 TEST(Daemon, AnyOtherArgumentIsRefusedAndNothingStarts) {
@@ -33,35 +30,18 @@ TEST(Daemon, AnyOtherArgumentIsRefusedAndNothingStarts) {
     }
 }
 
-TEST(Daemon, SecondOneLeavesTheFirstAlone) {
-    const SimulatedBoard board({"--rate", "10"});
-    DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+using DaemonOnce = BoardTest;
 
+TEST_F(DaemonOnce, SecondOneLeavesTheFirstAlone) {
+    start();
     const RunResult second = run_program(
         {TAVOR_BOARD_PROGRAM, "exec", "--dir", board.directory.path.string(), "--", TAVOR_PROGRAM});
     EXPECT_EQ(second.status, 1);
     EXPECT_EQ(second.err, "tavor is already running\n");
     EXPECT_EQ(second.out, "");
     EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "sentences flow";
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-
+    stop();
     daemon.kill();
     daemon.restart();
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-}
-
-TEST(Daemon, StopSwitchesTheChipOffWithoutItsConfiguration) {
-    const SimulatedBoard board;
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    const auto powered = [&] {
-        return board.ctl({"status", "--json"}).find("\"powered\":true") != std::string::npos;
-    };
-    ASSERT_TRUE(powered());
-    std::filesystem::remove(board.directory.path / "etc/default/tavor/tavor.conf");
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-    EXPECT_FALSE(powered());
+    start();
 }

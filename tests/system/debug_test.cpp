@@ -1,4 +1,4 @@
-// The debug outlet from outside: TCP clients, a serial line and the log file, beside a client that follows.
+// The debug outlet from outside: TCP clients and a slow serial line, beside a client that follows.
 #include "support/debug_support.h"
 #include "support/harness.h"
 
@@ -97,39 +97,20 @@ TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
-TEST(DebugSerial, EscapedDataPassesBothWays) {
-    const PseudoTerminal line;
-    const SimulatedBoard board({"--source", "none"});
-    board.configure("debug port path", line.path);
-    board.configure("debug port flow control", "1");
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    board.ctl({"send", "--hex", "41111342774300ff"});
-    const std::string seen("A\x77\xEE\x77\xEC\x42\x77\x88\x43\0\xFF", 11);
-    EXPECT_EQ(read_bytes(line.master, seen.size()), seen);
-    line.write("$PZUL353,\x77\x88*7D\r\n");
-    EXPECT_TRUE(wait_until([&] { return board.ctl({"commands"}).find("PZUL353,w") != std::string::npos; }));
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-}
+using DebugSerial = BoardTest;
 
 // A pseudo terminal has no speed: it is full from the start, and its peer reads slowly, 1000 bytes a second.
 // The queue is cut to four blocks, so that it is full within moments instead of minutes.
-TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsTold) {
+TEST_F(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsTold) {
     constexpr int kRounds = 80; // of a tenth of a second each
     constexpr double kMostSecondsBehind = 1;
     constexpr double kSecondsPerDay = 86400;
     const PseudoTerminal line;
-    const SimulatedBoard board({"--rate", "10"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
     board.configure("debug port path", line.path);
     ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
     limit_queue(debug_queue(daemon), 4);
     line.fill();
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-
+    start();
     std::optional<double> first; // host's clock less the chip's at the first position
     const auto start = std::chrono::steady_clock::now();
     for (int round = 0; round < kRounds;) {
@@ -151,17 +132,6 @@ TEST(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsTold) {
     EXPECT_GE(begins, 1U);
     EXPECT_LE(begins, 8U) << "told each time the queue is full, not with each block";
     EXPECT_EQ(count_of(daemon.log(), " blocks dropped"), begins);
-}
-
-TEST(DebugFile, LogFileHoldsWhatTheChipSentByteForByte) {
-    const SimulatedBoard board({"--source", "none"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0);
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    const std::string sent("\x00\x11\xFF\r\n$no sentence", 17);
-    board.ctl({"send", "--hex", "0011ff0d0a246e6f2073656e74656e6365"});
-    EXPECT_TRUE(wait_until([&] { return board.directory.read("etc/default/tavor/log.dat") == sent; }));
 }
 
 TEST(DebugTcp, GpsdGetsAFixFromTheOutlet) {

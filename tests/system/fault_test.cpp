@@ -22,53 +22,45 @@ constexpr std::chrono::seconds kStopLimit(5); // on a busy machine; 2 s are prom
 
 } // namespace
 
-class FaultState : public testing::TestWithParam<Fault> {
+class FaultState : public BoardTest, public testing::WithParamInterface<Fault> {
 protected:
+    FaultState() : BoardTest({"--full-speed"}) {}
+
     void apply() const {
         if (GetParam().name[0] != '\0') {
             board.fault(GetParam().name, GetParam().value);
         }
     }
-
-    SimulatedBoard board{{"--full-speed"}};
 };
 
 TEST_P(FaultState, StartAndStopManyTimesLeavesNothingBehind) {
-    DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
     apply();
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    start();
+    stop();
     const size_t threads = daemon.threads();
     const size_t descriptors = daemon.descriptors();
 
     for (int cycle = 0; cycle < kCycles; ++cycle) {
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0) << "cycle " << cycle;
+        SCOPED_TRACE(cycle);
+        ASSERT_NO_FATAL_FAILURE(start());
         std::this_thread::sleep_for(std::chrono::milliseconds(cycle % 8)); // stops at different places
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "cycle " << cycle;
+        ASSERT_NO_FATAL_FAILURE(stop());
     }
     EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
     EXPECT_EQ(daemon.descriptors(), descriptors);
-
     board.fault("all", "off");
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+    expect_chip_works();
 }
 
 TEST_P(FaultState, StopBehindHundredsOfCommandsIsAnsweredSoon) {
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
+    expect_chip_works();
     apply();
     for (int i = 0; i < 600; ++i) {
         ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
     }
     EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, "", kStopLimit), 0);
-
     board.fault("all", "off");
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+    expect_chip_works();
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -85,26 +77,24 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& fault) { return std::string(fault.param.test); });
 
 // A chip that holds up each command for as long as it may, and how many commands stand before the stop.
-class QueuedCommands : public testing::TestWithParam<std::tuple<const char*, int>> {};
+class QueuedCommands : public SilentBoardTest,
+                       public testing::WithParamInterface<std::tuple<const char*, int>> {};
 
 TEST_P(QueuedCommands, StopIsAnsweredSoon) {
     const auto& [fault, commands] = GetParam();
-    const SimulatedBoard board({"--source", "none"});
-    const DaemonOnBoard daemon(board);
-    const TestClient commander(board.socket_path());
-    ASSERT_EQ(commander.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    start();
     board.fault(fault, "on");
     for (int i = 0; i < commands; ++i) {
-        ASSERT_TRUE(commander.send(TAVOR_REQUEST_COMMAND, "353,1"));
+        ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
     }
-    const TestClient client(board.socket_path());
+    const TestClient stopper(board.socket_path());
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_EQ(stopper.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(2));
     EXPECT_NE(board.ctl({"status", "--json"}).find("\"powered\":false"), std::string::npos);
 
     board.fault("all", "off");
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    start();
     EXPECT_TRUE(wait_until([&] { // the link opens behind the answer; no stop is announced any more
         return client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, "353,1") == 0;
     }));
@@ -119,11 +109,10 @@ INSTANTIATE_TEST_SUITE_P(Faults, QueuedCommands,
                                     std::to_string(std::get<1>(row.param));
                          });
 
-TEST(Fault, LargeBacklogArrivesWhole) {
-    const SimulatedBoard board({"--source", "none"});
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+using Backlog = SilentBoardTest;
+
+TEST_F(Backlog, ArrivesWhole) {
+    start();
     board.fault("backlog", "60000");
     const long long produced = board.status("sentences_produced");
     ASSERT_GT(produced, 500);
@@ -135,17 +124,6 @@ TEST(Fault, LargeBacklogArrivesWhole) {
             sentence = *response;
         } while (sentence.payload[0] != '$');
     }
-}
-
-TEST(Fault, MissingPowerLineFailsTheStartWithItsLine) {
-    const SimulatedBoard board;
-    board.configure("Power control gpio", "999999");
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), -1);
-    EXPECT_NE(daemon.log().find("[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export\n"),
-              std::string::npos);
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }
 
 TEST(Fault, MissingSpiDeviceStillAnswersAndStops) {

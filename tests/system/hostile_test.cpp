@@ -41,21 +41,17 @@ std::string hex(const std::string& bytes) {
 
 } // namespace
 
-TEST(Hostile, KilledTwentyTimesInTrafficStartsEveryTime) {
-    const SimulatedBoard board({"--full-speed"});
-    DaemonOnBoard daemon(board);
+using Hostile = BoardTest;
+
+TEST_F(Hostile, KilledTwentyTimesInTrafficStartsEveryTime) {
     for (int i = 0; i < 20; ++i) {
-        const TestClient client(board.socket_path());
         ASSERT_TRUE(serves(client)) << "run " << i;
         daemon.kill();
         daemon.restart();
     }
 }
 
-TEST(Hostile, RandomDatagramsAreSurvived) {
-    const SimulatedBoard board({"--rate", "10"});
-    DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
+TEST_F(Hostile, RandomDatagramsAreSurvived) {
     std::mt19937 random(7);
 
     for (int i = 0; i < 2000; ++i) {
@@ -74,10 +70,7 @@ TEST(Hostile, RandomDatagramsAreSurvived) {
     EXPECT_TRUE(daemon.process->running());
 }
 
-TEST(Hostile, RandomChipBytesAreSurvived) {
-    const SimulatedBoard board({"--rate", "10"});
-    DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
+TEST_F(Hostile, RandomChipBytesAreSurvived) {
     std::mt19937 random(11);
 
     ASSERT_TRUE(serves(client));
@@ -132,15 +125,3 @@ TEST_P(QueueLength, ResultForAClientThatPausesArrives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lengths, QueueLength, testing::Values(10, 512), testing::PrintToStringParamName());
-
-TEST(Hostile, VanishedClientCostsItsDatagramsOnly) {
-    const SimulatedBoard board({"--rate", "10"});
-    DaemonOnBoard daemon(board);
-    {
-        const TestClient gone(board.socket_path());
-        ASSERT_TRUE(serves(gone));
-    }
-    ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
-    const TestClient client(board.socket_path());
-    EXPECT_TRUE(serves(client));
-}

@@ -1,69 +1,38 @@
 // A daemon whose chip is on I2C, from the client's side; and the shipped one, which stays on SPI.
 #include "support/harness.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <thread>
 
 namespace {
 
 constexpr char kBanner[] = "TAVOR Version:V1.3\n";
-constexpr int kCycles = 10;
 constexpr char kFirstRead[] =
     "[mux][i2c][master][rx]===>****** i2c master check whether slave is alive ******\n";
 
 // A board on whose I2C node the daemon looks for its chip.
-struct I2cBoard : SimulatedBoard {
-    explicit I2cBoard(const Arguments& options = {}) : SimulatedBoard(options) {
-        configure("SPI port path", "/dev/i2c-1");
+struct I2c : BoardTest {
+    I2c() : BoardTest({"--rate", "10"}, TAVOR_I2C_PROGRAM) {
+        board.configure("SPI port path", "/dev/i2c-1");
     }
 };
-
-struct I2cDaemon : DaemonOnBoard {
-    explicit I2cDaemon(const SimulatedBoard& on) : DaemonOnBoard(on, TAVOR_I2C_PROGRAM) {}
-};
-
-std::string checksum_text(const std::string& body) {
-    unsigned sum = 0;
-    for (const char byte : body) {
-        sum ^= static_cast<unsigned char>(byte);
-    }
-    char text[8];
-    snprintf(text, sizeof text, "*%02X", sum);
-    return text;
-}
-
-// Whether it is "$...*CS" and a line end, with the right checksum.
-bool is_valid(const std::string& sentence) {
-    const size_t star = sentence.find('*');
-    return sentence.rfind('$', 0) == 0 && star != std::string::npos &&
-           sentence.substr(star) == checksum_text(sentence.substr(1, star - 1)) + "\r\n";
-}
 
 } // namespace
 
-TEST(I2c, StartSentencesPositionCommandAndStop) {
-    const I2cBoard board({"--rate", "5"});
-    const I2cDaemon daemon(board);
-    const TestClient client(board.socket_path());
-
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+TEST_F(I2c, StartSentencesPositionCommandAndStop) {
+    start();
     const auto banner = client.receive();
     ASSERT_TRUE(banner);
     EXPECT_EQ(payload_text(*banner), kBanner);
     for (int i = 0; i < 20; ++i) {
-        const auto sentence = client.receive_code(TAVOR_CODE_NMEA);
-        ASSERT_TRUE(sentence);
-        EXPECT_TRUE(is_valid(payload_text(*sentence))) << payload_text(*sentence);
+        ASSERT_TRUE(client.receive_code(TAVOR_CODE_NMEA));
     }
     ASSERT_TRUE(client.receive_code(TAVOR_CODE_POSITION));
     EXPECT_EQ(client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, "353,1"), 0);
     const auto answer = client.receive_code(TAVOR_CODE_CHIP);
     ASSERT_TRUE(answer);
     EXPECT_EQ(payload_text(*answer).rfind("$PZUL001,353,0", 0), 0U) << payload_text(*answer);
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-
+    stop();
     EXPECT_EQ(board.status("violations"), 0);
     const std::string log = daemon.log();
     EXPECT_NE(log.find("[mux][i2c][master][tx]===>Step 2_b:Send data to slave: success\r\n"),
@@ -71,49 +40,13 @@ TEST(I2c, StartSentencesPositionCommandAndStop) {
     EXPECT_EQ(log.find("mux_spi_master_demo"), std::string::npos);
 }
 
-TEST(I2c, ReadsOfTheLargestSizeLoseNothing) {
-    const I2cBoard board({"--source", "none"});
-    const I2cDaemon daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_TRUE(client.receive_code(TAVOR_CODE_NMEA)) << "the banner";
-    board.fault("backlog", "40000");
-    const long long produced = board.status("sentences_produced");
-    ASSERT_GT(produced, 300);
-    for (long long i = 0; i < produced; ++i) {
-        const auto response = client.receive_code(TAVOR_CODE_NMEA);
-        ASSERT_TRUE(response) << i << " of " << produced;
-        ASSERT_TRUE(is_valid(payload_text(*response))) << payload_text(*response);
-    }
-    EXPECT_NE(daemon.log().find("[mux][i2c][master][rx]===>step 2-b:Master recv slave data(slave_addr 0x54, "
-                                "rx_len = 4095)\r\n"),
-              std::string::npos);
-}
+using Spi = BoardTest;
 
-TEST(I2c, CommandsOfManyLengthsReachTheChipIntact) {
-    const I2cBoard board({"--source", "none"});
-    const I2cDaemon daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_TRUE(daemon.wait_log(kFirstRead));
-    for (const size_t size : {1, 2, 15, 16, 63, 64, 255, 256, 343}) { // the daemon cuts longer ones
-        const std::string body = "353," + std::string(size, 'x');
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, body), 0) << size;
-        ASSERT_TRUE(client.receive_code(TAVOR_CODE_CHIP)) << size;
-        const std::string sentence = "PZUL" + body;
-        EXPECT_NE(board.ctl({"commands"}).find("$" + sentence + checksum_text(sentence) + "\n"),
-                  std::string::npos)
-            << size;
-    }
-}
-
-TEST(I2c, ShippedDaemonStaysOnSpi) {
-    const I2cBoard board;
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+TEST_F(Spi, ShippedDaemonStaysOnSpi) {
+    board.configure("SPI port path", "/dev/i2c-1");
+    start();
     EXPECT_TRUE(daemon.wait_log("[LOCSERV] ERR: [spi]can't set spi mode: 0\n"));
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    stop();
     EXPECT_EQ(daemon.log().find("[mux][i2c]"), std::string::npos);
 }
 
@@ -145,52 +78,40 @@ constexpr char kTooBig[] =
 constexpr char kRead[] = "[mux][i2c][master][rx]===>step 2-b:Receive slave tx_buff data success\r\n";
 constexpr char kWritten[] = "[mux][i2c][master][tx]===>Step 2_b:Send data to slave: success\r\n";
 
-class I2cFault : public testing::TestWithParam<Fault> {
-protected:
-    void apply() const {
-        board.fault(GetParam().name, GetParam().value);
-    }
-
-    I2cBoard board{{"--rate", "10"}};
-};
+class I2cFault : public I2c, public testing::WithParamInterface<Fault> {};
 
 } // namespace
 
 TEST_P(I2cFault, IsReportedThenTheChipWorksAgain) {
-    const I2cDaemon daemon(board);
-    const TestClient client(board.socket_path());
-    apply();
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    board.fault(GetParam().name, GetParam().value);
+    start();
     ASSERT_TRUE(daemon.wait_log(kFirstRead)) << "a command before the link is open is lost";
     ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
     EXPECT_TRUE(daemon.wait_log(GetParam().line));
     board.fault("all", "off");
     EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "without a start in between";
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    stop();
     EXPECT_EQ(board.status("violations"), 0);
 }
 
 TEST_P(I2cFault, StartAndStopLeaveNothingBehind) {
-    const I2cDaemon daemon(board);
-    const TestClient client(board.socket_path());
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    start();
+    stop();
     const size_t threads = daemon.threads();
     const size_t descriptors = daemon.descriptors();
 
-    for (int cycle = 0; cycle < kCycles; ++cycle) {
-        apply();
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0) << "cycle " << cycle;
+    for (int cycle = 0; cycle < 10; ++cycle) {
+        SCOPED_TRACE(cycle);
+        board.fault(GetParam().name, GetParam().value);
+        ASSERT_NO_FATAL_FAILURE(start());
         ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
         std::this_thread::sleep_for(std::chrono::milliseconds(11 * cycle)); // stops at different places
-        ASSERT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0) << "cycle " << cycle;
+        ASSERT_NO_FATAL_FAILURE(stop());
     }
     EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
     EXPECT_EQ(daemon.descriptors(), descriptors);
-
     board.fault("all", "off");
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
+    expect_chip_works();
 }
 
 INSTANTIATE_TEST_SUITE_P(
