@@ -21,13 +21,6 @@ constexpr double kLimitS = 60;
 
 const FakeDaemon::Script kSilent = [](FakeDaemon&, const tavor_request&) {};
 
-struct Directory {
-    std::string socket_path() const {
-        return (directory.path / "socket").string();
-    }
-    PrivateDir directory;
-};
-
 // A datagram socket bound at a path, which nobody reads.
 struct DeafSocket {
     explicit DeafSocket(const std::string& path, int type = SOCK_DGRAM) : fd(socket(AF_UNIX, type, 0)) {
@@ -65,147 +58,137 @@ struct Pipe {
     std::array<int, 2> ends = {-1, -1};
 };
 
-bool send(Connection& connection, tavor_request_type type, const std::string& text = "") {
-    return connection_send(connection, type, text, deadline_in(kLimitS));
-}
+struct ConnectionTest : testing::Test {
+    // Starts a daemon, in the place of the one before; open also connects to it.
+    void serve(const FakeDaemon::Script& script) {
+        daemon.reset();
+        daemon = std::make_unique<FakeDaemon>(path, script);
+    }
+    void open(const FakeDaemon::Script& script) {
+        serve(script);
+        ASSERT_TRUE(connection_open(connection, path)) << connection.error;
+    }
+    bool send(tavor_request_type type, const std::string& text = "") {
+        return connection_send(connection, type, text, deadline_in(kLimitS));
+    }
+    Received receive() {
+        return connection_receive(connection, response, deadline_in(kLimitS));
+    }
+    // Asks for a save, and has its first answer.
+    void ask() {
+        ASSERT_TRUE(send(TAVOR_REQUEST_SAVE_LOCATION)) << connection.error;
+        ASSERT_EQ(receive(), Received::kResponse);
+    }
+    // From now on every wait is interrupted.
+    void interrupt() {
+        connection.interrupt = pipe.ends[0];
+        ASSERT_EQ(write(pipe.ends[1], "x", 1), 1);
+    }
+    // Sends until the socket, which nobody reads, takes no more.
+    void fill() {
+        ASSERT_TRUE(connection_open(connection, path));
+        for (int i = 0; i < 100000 && connection_send(connection, TAVOR_REQUEST_START, "", Clock::now());
+             ++i) {
+        }
+    }
 
-Received receive(Connection& connection, tavor_response& response) {
-    return connection_receive(connection, response, deadline_in(kLimitS));
+    PrivateDir directory;
+    const std::string path = directory.path / "socket";
+    std::unique_ptr<FakeDaemon> daemon;
+    Pipe pipe;
+    Connection connection;
+    tavor_response response = {};
+};
+
+FakeDaemon::Script answer(uint32_t code, uint32_t value = 0) {
+    return [=](FakeDaemon& d, const tavor_request&) { d.send(make_response(code, value)); };
 }
 
 } // namespace
 
-TEST(Connection, AddressIsAbstractAndFillsAll110Bytes) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(3, 0)); });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    ASSERT_TRUE(send(connection, TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
-
-    EXPECT_EQ(daemon.sender_length(), 110U);
-    EXPECT_EQ(daemon.sender().sun_path[0], '\0');
-    EXPECT_EQ(strncmp(daemon.sender().sun_path + 1, "tavorctl-", 9), 0);
+TEST_F(ConnectionTest, AddressIsAbstractAndFillsAll110Bytes) {
+    open(answer(3));
+    ask();
+    EXPECT_EQ(daemon->sender_length(), 110U);
+    EXPECT_EQ(daemon->sender().sun_path[0], '\0');
+    EXPECT_EQ(strncmp(daemon->sender().sun_path + 1, "tavorctl-", 9), 0);
 }
 
-TEST(Connection, RequestHoldsTypeAndText) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(5, 0)); });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
+TEST_F(ConnectionTest, RequestHoldsTypeAndText) {
+    open(answer(5));
     for (const std::string& text : {std::string("353,1"), std::string(600, 'x')}) {
-        ASSERT_TRUE(send(connection, TAVOR_REQUEST_COMMAND, text));
-        ASSERT_EQ(receive(connection, response), Received::kResponse);
+        ASSERT_TRUE(send(TAVOR_REQUEST_COMMAND, text));
+        ASSERT_EQ(receive(), Received::kResponse);
     }
-    EXPECT_EQ(daemon.types(), (std::vector<uint32_t>{8, 8}));
-    EXPECT_EQ(daemon.texts(), (std::vector<std::string>{"353,1", std::string(511, 'x')}));
+    EXPECT_EQ(daemon->types(), (std::vector<uint32_t>{8, 8}));
+    EXPECT_EQ(daemon->texts(), (std::vector<std::string>{"353,1", std::string(511, 'x')}));
 }
 
-TEST(Connection, MissingSocketSaysWhatToDo) {
-    const Directory place;
-    Connection connection;
-    EXPECT_FALSE(connection_open(connection, place.socket_path()));
-    EXPECT_EQ(connection.error, "no daemon at " + place.socket_path() +
-                                    ": No such file or directory; start it or check --socket");
-}
-
-TEST(Connection, SocketWithoutDaemonIsRefused) {
-    const Directory place;
-    { const DeafSocket stale(place.socket_path()); }
-    Connection connection;
-    EXPECT_FALSE(connection_open(connection, place.socket_path()));
+TEST_F(ConnectionTest, SocketThatCanNotBeUsedSaysWhatToDo) {
+    EXPECT_FALSE(connection_open(connection, path));
     EXPECT_EQ(connection.error,
-              "no daemon at " + place.socket_path() + ": Connection refused; start it or check --socket");
-}
+              "no daemon at " + path + ": No such file or directory; start it or check --socket");
 
-TEST(Connection, SocketOfAnotherKindIsToldApart) {
-    const Directory place;
-    const DeafSocket stream(place.socket_path(), SOCK_STREAM);
-    Connection connection;
-    EXPECT_FALSE(connection_open(connection, place.socket_path()));
-    EXPECT_EQ(connection.error.rfind("cannot reach the daemon at " + place.socket_path(), 0), 0U)
-        << connection.error;
-}
+    { const DeafSocket stale(path); }
+    EXPECT_FALSE(connection_open(connection, path));
+    EXPECT_EQ(connection.error, "no daemon at " + path + ": Connection refused; start it or check --socket");
 
-TEST(Connection, PathThatIsTooLongIsRefused) {
-    Connection connection;
+    const std::string other = directory.path / "stream";
+    const DeafSocket stream(other, SOCK_STREAM);
+    EXPECT_FALSE(connection_open(connection, other));
+    EXPECT_EQ(connection.error.rfind("cannot reach the daemon at " + other, 0), 0U) << connection.error;
+
     EXPECT_FALSE(connection_open(connection, "/" + std::string(107, 'x')));
     EXPECT_NE(connection.error.find("File name too long"), std::string::npos) << connection.error;
 }
 
-TEST(Connection, MissingRightsNameTheGroup) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), kSilent);
-    ASSERT_EQ(chmod(place.directory.path.c_str(), 0755), 0);
-    ASSERT_EQ(chmod(daemon.path.c_str(), 0), 0);
-    std::string error;
-    as_nobody([&] {
-        Connection connection;
-        EXPECT_FALSE(connection_open(connection, daemon.path));
-        error = connection.error;
-    });
+TEST_F(ConnectionTest, MissingRightsNameTheGroup) {
+    serve(kSilent);
+    ASSERT_EQ(chmod(directory.path.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    as_nobody([&] { EXPECT_FALSE(connection_open(connection, path)); });
     EXPECT_EQ(
-        error,
-        "no access to the daemon at " + daemon.path +
+        connection.error,
+        "no access to the daemon at " + path +
             ": Permission denied; join group tavor ('sudo usermod -a -G tavor $USER') and log in again");
 }
 
-TEST(Connection, UsualSocketIsStartedByTheSupervisor) {
+TEST(ConnectionErrorText, TellsOfTheSupervisorAndPrintsNoControlCharacters) {
     EXPECT_EQ(connection_error_text(TAVOR_SOCKET_PATH, ECONNREFUSED),
               "no daemon at /etc/default/tavor/tavor_sun_path: Connection refused; start it with "
               "'systemctl start tavor'");
-}
-
-TEST(Connection, ControlCharactersOfThePathAreNotPrinted) {
     EXPECT_EQ(connection_error_text("/\x1b[2J", ENOENT).find('\x1b'), std::string::npos);
 }
 
-TEST(Connection, DatagramsOfOtherSizesAreMalformed) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), [](FakeDaemon& d, const tavor_request&) {
+TEST_F(ConnectionTest, DatagramsOfOtherSizesAreMalformed) {
+    open([](FakeDaemon& d, const tavor_request&) {
         const std::array<char, 600> bytes = {};
         for (const size_t size : {0U, 1U, 8U, 519U, 521U, 600U}) {
             d.send_bytes(bytes.data(), size);
         }
         d.send(make_response(3, 7));
     });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    ASSERT_TRUE(send(connection, TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(send(TAVOR_REQUEST_SAVE_LOCATION));
     for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(receive(connection, response), Received::kMalformed) << i;
+        EXPECT_EQ(receive(), Received::kMalformed) << i;
     }
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
+    ASSERT_EQ(receive(), Received::kResponse);
     EXPECT_EQ(response.value, 7U);
 }
 
-TEST(Connection, SilenceEndsAtTheDeadline) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), kSilent);
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
+TEST_F(ConnectionTest, SilenceEndsAtTheDeadline) {
+    open(kSilent);
     const auto begin = Clock::now();
     EXPECT_EQ(connection_receive(connection, response, deadline_in(0.05)), Received::kTimeout);
     EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(50));
 }
 
-TEST(Connection, DatagramThatHasComeIsReadAlsoAfterTheDeadline) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), [](FakeDaemon& d, const tavor_request&) {
+TEST_F(ConnectionTest, DatagramThatHasComeIsReadAlsoAfterTheDeadline) {
+    open([](FakeDaemon& d, const tavor_request&) {
         d.send(make_response(3, 1));
         d.send(make_response(3, 2));
     });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    ASSERT_TRUE(send(connection, TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
+    ask();
     const auto past = Clock::now();
     while (connection_receive(connection, response, past) == Received::kTimeout) {
         ASSERT_LT(Clock::now() - past, std::chrono::seconds(60));
@@ -213,17 +196,10 @@ TEST(Connection, DatagramThatHasComeIsReadAlsoAfterTheDeadline) {
     EXPECT_EQ(response.value, 2U);
 }
 
-TEST(Connection, StrangersCannotSendToIt) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(3, 0)); });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    ASSERT_TRUE(send(connection, TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
-
-    const sockaddr_un address = daemon.sender();
+TEST_F(ConnectionTest, StrangersCannotSendToIt) {
+    open(answer(3));
+    ask();
+    const sockaddr_un address = daemon->sender();
     const int stranger = socket(AF_UNIX, SOCK_DGRAM, 0);
     const tavor_response forged = make_response(3, 0);
     EXPECT_EQ(sendto(stranger, &forged, sizeof forged, MSG_DONTWAIT,
@@ -233,163 +209,96 @@ TEST(Connection, StrangersCannotSendToIt) {
     close(stranger);
 }
 
-TEST(Connection, InterruptEndsAWait) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), kSilent);
-    Pipe interrupt;
-    Connection connection;
-    connection.interrupt = interrupt.ends[0];
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    ASSERT_EQ(write(interrupt.ends[1], "x", 1), 1);
-    EXPECT_EQ(receive(connection, response), Received::kInterrupted);
+TEST_F(ConnectionTest, InterruptEndsTheWaitForAnAnswer) {
+    open(kSilent);
+    interrupt();
+    EXPECT_EQ(receive(), Received::kInterrupted);
 }
 
-TEST(Connection, ReaderThatHasGoneEndsAWait) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(), kSilent);
-    Pipe output;
-    Connection connection;
-    connection.output = output.ends[1];
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
-    EXPECT_EQ(connection_receive(connection, response, Clock::now()), Received::kTimeout) << "still read";
-    output.close_end(0);
-    EXPECT_EQ(receive(connection, response), Received::kOutputClosed);
-}
-
-TEST(Connection, DaemonThatReadsNoRequestsIsGivenUpAtTheDeadline) {
-    const Directory place;
-    const DeafSocket deaf(place.socket_path());
-    Connection connection;
-    ASSERT_TRUE(connection_open(connection, place.socket_path()));
-    int sent = 0;
-    while (connection_send(connection, TAVOR_REQUEST_START, "", Clock::now()) && sent < 100000) {
-        ++sent;
-    }
-    EXPECT_FALSE(connection_send(connection, TAVOR_REQUEST_START, "", deadline_in(0.05)));
-    EXPECT_TRUE(connection.busy);
-    EXPECT_EQ(connection.error.rfind("no request is taken by the daemon at " + place.socket_path(), 0), 0U)
-        << connection.error;
-}
-
-TEST(Connection, InterruptEndsTheWaitForADaemonThatReadsNoRequests) {
-    const Directory place;
-    const DeafSocket deaf(place.socket_path());
-    Pipe interrupt;
-    Connection connection;
-    ASSERT_TRUE(connection_open(connection, place.socket_path()));
-    while (connection_send(connection, TAVOR_REQUEST_START, "", Clock::now())) {
-    }
-    connection.interrupt = interrupt.ends[0];
-    ASSERT_EQ(write(interrupt.ends[1], "x", 1), 1);
-    EXPECT_FALSE(send(connection, TAVOR_REQUEST_START));
+TEST_F(ConnectionTest, InterruptEndsTheWaitForADaemon) {
+    interrupt();
+    EXPECT_FALSE(connection_open(connection, path));
     EXPECT_EQ(connection.error, "");
 }
 
-TEST(Connection, RestartedDaemonIsFoundAgain) {
-    const Directory place;
-    Connection connection;
-    {
-        FakeDaemon first(place.socket_path(), kSilent);
-        ASSERT_TRUE(connection_open(connection, first.path));
-    }
-    FakeDaemon second(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(1, 0)); });
-    tavor_response response = {};
-    ASSERT_TRUE(send(connection, TAVOR_REQUEST_STOP)) << connection.error;
-    EXPECT_EQ(receive(connection, response), Received::kResponse);
+TEST_F(ConnectionTest, InterruptEndsTheWaitForADaemonThatReadsNoRequests) {
+    const DeafSocket deaf(path);
+    fill();
+    interrupt();
+    EXPECT_FALSE(send(TAVOR_REQUEST_START));
+    EXPECT_EQ(connection.error, "");
 }
 
-TEST(Connection, DaemonThatIsBeingRestartedIsWaitedFor) {
-    const Directory place;
+TEST_F(ConnectionTest, DaemonThatReadsNoRequestsIsGivenUpAtTheDeadline) {
+    const DeafSocket deaf(path);
+    fill();
+    EXPECT_FALSE(connection_send(connection, TAVOR_REQUEST_START, "", deadline_in(0.05)));
+    EXPECT_TRUE(connection.busy);
+    EXPECT_EQ(connection.error.rfind("no request is taken by the daemon at " + path, 0), 0U)
+        << connection.error;
+}
+
+TEST_F(ConnectionTest, ReaderThatHasGoneEndsAWait) {
+    open(kSilent);
+    connection.output = pipe.ends[1];
+    EXPECT_EQ(connection_receive(connection, response, Clock::now()), Received::kTimeout) << "still read";
+    pipe.close_end(0);
+    EXPECT_EQ(receive(), Received::kOutputClosed);
+}
+
+TEST_F(ConnectionTest, RestartedDaemonIsFoundAgain) {
+    open(kSilent);
+    serve(answer(3));
+    ask();
+}
+
+TEST_F(ConnectionTest, DaemonThatIsBeingRestartedIsWaitedFor) {
     const std::string own = "@tavorctl-" + std::to_string(getpid()) + "-";
-    std::unique_ptr<FakeDaemon> daemon;
     std::thread restart([&] {
         EXPECT_TRUE(wait_until([&] { // its address stands before it connects
             std::ifstream sockets("/proc/net/unix");
             const std::string all(std::istreambuf_iterator<char>(sockets), {});
             return all.find(own) != std::string::npos;
         }));
-        daemon = std::make_unique<FakeDaemon>(place.socket_path(), kSilent);
+        serve(kSilent);
     });
-    Connection connection;
-    EXPECT_TRUE(connection_open(connection, place.socket_path())) << connection.error;
+    EXPECT_TRUE(connection_open(connection, path)) << connection.error;
     restart.join();
 }
 
-TEST(Connection, InterruptEndsTheWaitForADaemon) {
-    const Directory place;
-    Pipe interrupt;
-    Connection connection;
-    connection.interrupt = interrupt.ends[0];
-    ASSERT_EQ(write(interrupt.ends[1], "x", 1), 1);
-    EXPECT_FALSE(connection_open(connection, place.socket_path()));
-    EXPECT_EQ(connection.error, "");
-}
-
-TEST(Connection, PresenceIsToldWithoutARequest) {
-    const Directory directory;
-    auto daemon = std::make_unique<FakeDaemon>(directory.socket_path(), kSilent);
-    Connection connection;
-    ASSERT_TRUE(connection_open(connection, daemon->path));
+TEST_F(ConnectionTest, PresenceIsToldWithoutARequest) {
+    open(kSilent);
     EXPECT_EQ(connection_presence(connection), Presence::kSame);
-    ASSERT_EQ(chmod(daemon->path.c_str(), 0600), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
     EXPECT_EQ(connection_presence(connection), Presence::kSame) << "other rights make no other socket";
     EXPECT_TRUE(daemon->types().empty());
     daemon.reset();
     EXPECT_EQ(connection_presence(connection), Presence::kGone) << "no socket";
-    { const DeafSocket dead(directory.socket_path()); }
+    { const DeafSocket dead(path); }
     EXPECT_EQ(connection_presence(connection), Presence::kGone) << "a socket that nobody serves";
 }
 
-TEST(Connection, PresenceTellsARestartedDaemon) {
-    const Directory directory;
-    const DeafSocket before(directory.socket_path());
-    Connection connection;
-    ASSERT_TRUE(connection_open(connection, directory.socket_path()));
-    ASSERT_EQ(unlink(directory.socket_path().c_str()), 0);
-    const DeafSocket after(directory.socket_path());
+TEST_F(ConnectionTest, PresenceTellsARestartedDaemon) {
+    const DeafSocket before(path);
+    ASSERT_TRUE(connection_open(connection, path));
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    const DeafSocket after(path);
     EXPECT_EQ(connection_presence(connection), Presence::kRestarted);
     Connection anew;
-    ASSERT_TRUE(connection_open(anew, directory.socket_path()));
+    ASSERT_TRUE(connection_open(anew, path));
     EXPECT_EQ(connection_presence(anew), Presence::kSame);
 }
 
-TEST(Connection, RetakingTheOutputStartsNothingInARunningDaemon) {
-    const Directory place;
-    FakeDaemon daemon(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(6, 0)); });
-    Connection connection;
-    tavor_response response = {};
-    ASSERT_TRUE(connection_open(connection, daemon.path));
+TEST_F(ConnectionTest, RetakingTheOutputStartsOnlyARestartedDaemon) {
+    open(answer(6));
     EXPECT_EQ(connection_retake(connection, deadline_in(kLimitS)), Retaken::kSameDaemon);
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
-    EXPECT_EQ(daemon.types(), std::vector<uint32_t>{0xFFFFFFFF});
-}
-
-TEST(Connection, RetakingTheOutputStartsARestartedDaemon) {
-    const Directory place;
-    Connection connection;
-    {
-        FakeDaemon first(place.socket_path(), kSilent);
-        ASSERT_TRUE(connection_open(connection, first.path));
-    }
-    FakeDaemon second(place.socket_path(),
-                      [](FakeDaemon& d, const tavor_request&) { d.send(make_response(0, 0)); });
-    tavor_response response = {};
+    ASSERT_EQ(receive(), Received::kResponse);
+    EXPECT_EQ(daemon->types(), std::vector<uint32_t>{0xFFFFFFFF});
+    serve(answer(0));
     EXPECT_EQ(connection_retake(connection, deadline_in(kLimitS)), Retaken::kNewDaemon);
-    ASSERT_EQ(receive(connection, response), Received::kResponse);
-    EXPECT_EQ(second.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
-}
-
-TEST(Connection, RetakingFromADaemonThatIsGoneFails) {
-    const Directory place;
-    Connection connection;
-    {
-        FakeDaemon daemon(place.socket_path(), kSilent);
-        ASSERT_TRUE(connection_open(connection, daemon.path));
-    }
+    ASSERT_EQ(receive(), Received::kResponse);
+    EXPECT_EQ(daemon->types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
+    daemon.reset();
     EXPECT_EQ(connection_retake(connection, deadline_in(kLimitS)), Retaken::kFailed);
     EXPECT_EQ(connection.error.rfind("no daemon at ", 0), 0U) << connection.error;
 }

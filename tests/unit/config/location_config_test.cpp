@@ -241,71 +241,44 @@ TEST_F(LocationConfig, RecordsLogTheirOpenFailuresBeforeAnyValue) {
                      "ov");
 }
 
-TEST_F(LocationConfig, CommentedOutLineAboveTheLiveOneWins) {
-    config("#UART port path=/dev/ttyS7\nUART port path=/dev/ttyS2\n");
-    EXPECT_EQ(text("UART port path="), "/dev/ttyS7");
-}
-
-TEST_F(LocationConfig, LiveLineAboveTheCommentedOutOneWins) {
-    config("UART port path=/dev/ttyS2\n#UART port path=/dev/ttyS7\n");
-    EXPECT_EQ(text("UART port path="), "/dev/ttyS2");
-}
-
-TEST_F(LocationConfig, KeyAtTheTailOfAnotherLinesTextMatchesThatLine) {
-    config("OLDXOD host=a.example\nXOD host=b.example\n");
-    EXPECT_EQ(text("XOD host="), "a.example");
-}
-
-TEST_F(LocationConfig, FirstOfTwoKeysInOneLineCounts) {
-    config("XOD host=a XOD host=b\n");
-    EXPECT_EQ(text("XOD host="), "a XOD host=b");
-}
-
-TEST_F(LocationConfig, KeysAreCaseSensitive) {
-    config("xod host=a.example\n");
-    EXPECT_EQ(text("XOD host="), "default");
-}
-
-TEST_F(LocationConfig, CarriageReturnBeforeTheNewlineGoesWithIt) {
-    config("DA path=/a\r\nimage path=/b\n");
-    EXPECT_EQ(text("DA path="), "/a");
-    EXPECT_EQ(text("image path="), "/b");
-}
-
-TEST_F(LocationConfig, OnlyTheLastCarriageReturnBeforeTheNewlineIsDropped) {
-    config("DA path=/a\r\r\nimage path=/b\rc\n");
-    EXPECT_EQ(text("DA path="), "/a\r");
-    EXPECT_EQ(text("image path="), "/b\rc");
-}
-
-TEST_F(LocationConfig, CarriageReturnStaysWhereNoNewlineFollows) {
-    config("DA path=/a\r");
-    EXPECT_EQ(text("DA path="), "/a\r");
-}
-
-TEST_F(LocationConfig, LastLineCountsWithoutANewline) {
-    config("x\nDA path=/a");
-    EXPECT_EQ(text("DA path="), "/a");
-    EXPECT_TRUE(log.empty());
-}
-
-TEST_F(LocationConfig, BlanksAroundTheValueAreKept) {
-    config("DA path=  /a b  \n");
-    EXPECT_EQ(text("DA path="), "  /a b  ");
-}
-
-TEST_F(LocationConfig, EmptyValueIsNotTheDefault) {
-    config("XOD vendor=\nXOD project=\r\nXOD device id=");
-    EXPECT_EQ(text("XOD vendor="), "");
-    EXPECT_EQ(text("XOD project="), "");
-    EXPECT_EQ(text("XOD device id="), "");
-}
-
-TEST_F(LocationConfig, ValueOf200CharactersIsCutTo127) {
-    config("DA path=" + std::string(200, 'x') + "\n");
-    EXPECT_EQ(text("DA path="), std::string(127, 'x'));
-    config("DA path=" + std::string(127, 'x') + "\n");
-    EXPECT_EQ(text("DA path="), std::string(127, 'x'));
+TEST_F(LocationConfig, TextsAreWhatTheFirstLineWithTheirKeySays) {
+    const std::string long_value(200, 'x');
+    const struct {
+        const char* what;
+        std::string content;
+        const char* key;
+        std::string expected;
+    } rows[] = {
+        {"a commented-out line counts", "#DA path=/b\nDA path=/a\n", "DA path=", "/b"},
+        {"when it comes first", "DA path=/a\n#DA path=/b\n", "DA path=", "/a"},
+        {"also at the tail of another line's text", "OLDXOD host=a\nXOD host=b\n", "XOD host=", "a"},
+        {"the first of two in one line", "XOD host=a XOD host=b\n", "XOD host=", "a XOD host=b"},
+        {"in its own case only", "xod host=a\n", "XOD host=", "default"},
+        {"a carriage return before the newline goes", "DA path=/a\r\n", "DA path=", "/a"},
+        {"the last one only", "DA path=/a\r\r\n", "DA path=", "/a\r"},
+        {"none inside", "DA path=/a\rc\n", "DA path=", "/a\rc"},
+        {"none without a newline", "DA path=/a\r", "DA path=", "/a\r"},
+        {"a second line", "DA path=/a\r\nimage path=/b\n", "image path=", "/b"},
+        {"the last line without a newline", "x\nDA path=/a", "DA path=", "/a"},
+        {"blanks are kept", "DA path=  /a b  \n", "DA path=", "  /a b  "},
+        {"an empty value is not the default", "XOD vendor=\n", "XOD vendor=", ""},
+        {"with a carriage return", "XOD vendor=\r\n", "XOD vendor=", ""},
+        {"at the file's end", "XOD vendor=", "XOD vendor=", ""},
+        {"too long", "DA path=" + long_value + "\n", "DA path=", long_value.substr(0, 127)},
+        {"just not", "DA path=" + long_value.substr(0, 127) + "\n", "DA path=", long_value.substr(0, 127)},
+        {"a NUL ends its line", std::string("DA path=/a\0b\n", 13), "DA path=", "/a"},
+        {"and no other", std::string("DA path=/a\0b\nimage path=/c\n", 28), "image path=", "/c"},
+        // Long lines are searched in pieces of 255 characters.
+        {"a second piece", std::string(255, '.') + "DA path=/second\n", "DA path=", "/second"},
+        {"a key that is split", std::string(251, '.') + "DA path=/split\n", "DA path=", "default"},
+        {"a value that is split", std::string(240, '.') + "DA path=/the value\n", "DA path=", "/the va"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        config(row.content);
+        EXPECT_EQ(text(row.key), row.expected);
+        EXPECT_TRUE(log.empty());
+    }
 }
 
 TEST_F(LocationConfig, DefaultIsCutTo127Characters) {
@@ -315,20 +288,6 @@ TEST_F(LocationConfig, DefaultIsCutTo127Characters) {
     EXPECT_EQ(value, std::string(127, 'd'));
 }
 
-TEST_F(LocationConfig, LongLineIsSearchedInPiecesOf255Characters) {
-    config(std::string(255, '.') + "DA path=/second piece\n");
-    EXPECT_EQ(text("DA path="), "/second piece");
-    config(std::string(251, '.') + "DA path=/split key\n");
-    EXPECT_EQ(text("DA path="), "default");
-    config(std::string(240, '.') + "DA path=/the value is split\n");
-    EXPECT_EQ(text("DA path="), "/the va");
-}
-
-TEST_F(LocationConfig, NumberOutOfLettersIsZero) {
-    config("SPI frequency=fast\n");
-    EXPECT_EQ(num("SPI frequency="), 0);
-}
-
 TEST_F(LocationConfig, NumbersAreReadUpToTheFirstNonDigit) {
     const std::vector<std::pair<std::string, int32_t>> cases = {
         {"24000000", 24000000},
@@ -336,6 +295,7 @@ TEST_F(LocationConfig, NumbersAreReadUpToTheFirstNonDigit) {
         {"\t+5", 5},
         {"-17", -17},
         {"12abc", 12},
+        {"fast", 0},
         {"0x10", 0},
         {"1.9", 1},
         {"", 0},
@@ -349,17 +309,10 @@ TEST_F(LocationConfig, NumbersAreReadUpToTheFirstNonDigit) {
         EXPECT_EQ(num("SPI frequency="), expected) << value;
         EXPECT_TRUE(log.empty());
     }
-}
-
-TEST_F(LocationConfig, AbsurdlyLongNumberIsHarmless) {
-    config("SPI frequency=" + std::string(200, '9') + "\n");
-    EXPECT_NE(num("SPI frequency="), 7);
-}
-
-TEST_F(LocationConfig, MissingNumberIsTheDefault) {
-    config("SPI CPHA=1\n");
-    EXPECT_EQ(num("SPI CPOL="), 7);
+    EXPECT_EQ(num("SPI CPOL="), 7) << "the default of one that is missing";
     EXPECT_TRUE(log.empty());
+    config("SPI frequency=" + std::string(200, '9') + "\n");
+    EXPECT_NE(num("SPI frequency="), 7) << "absurdly long";
 }
 
 TEST_F(LocationConfig, OpenFailureOfANumberIsLoggedWithThePathReadersText) {
@@ -368,19 +321,15 @@ TEST_F(LocationConfig, OpenFailureOfANumberIsLoggedWithThePathReadersText) {
 }
 
 TEST_F(LocationConfig, FileThatCanNotBeReadNowHasItsLastContentStandIn) {
-    const struct {
-        const char* function;
-        int error;
-    } failures[] = {{"open", EMFILE}, {"open", ENFILE}, {"open", ENOMEM}, {"open", EIO}, {"open", EACCES}};
     config("DA path=/a\nSPI CPOL=1\n");
     text("image path=");
-    for (const auto& failure : failures) {
-        interpose_fail(failure.function, 1, failure.error);
-        EXPECT_EQ(text("DA path="), "/a") << failure.error;
-        EXPECT_EQ(log, (Lines{kOpenFail, stands_in(failure.error)}));
-        interpose_fail(failure.function, 1, failure.error);
-        EXPECT_EQ(num("SPI CPOL="), 1) << failure.error;
-        interpose_fail(failure.function, 1, failure.error);
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EIO, EACCES}) {
+        interpose_fail("open", 1, error);
+        EXPECT_EQ(text("DA path="), "/a") << error;
+        EXPECT_EQ(log, (Lines{kOpenFail, stands_in(error)}));
+        interpose_fail("open", 1, error);
+        EXPECT_EQ(num("SPI CPOL="), 1) << error;
+        interpose_fail("open", 1, error);
         EXPECT_EQ(text("image path="), "default") << "the file names none";
         EXPECT_EQ(num("SPI CPOL="), 1);
         EXPECT_TRUE(log.empty());
@@ -428,32 +377,18 @@ TEST_F(LocationConfig, NothingButARegularFileIsRead) {
     EXPECT_EQ(log, Lines{kOpenFail});
 }
 
-TEST_F(LocationConfig, FoundTextIsKeptWhenClosingFails) {
-    config("DA path=/a\n");
-    interpose_fail("fclose", 1, EIO);
-    EXPECT_EQ(text("DA path="), "/a");
-    EXPECT_EQ(log, Lines{kPathCloseFail});
-}
-
-TEST_F(LocationConfig, DefaultTextIsGivenWhenClosingFails) {
-    config("x\n");
-    interpose_fail("fclose", 1, EIO);
-    EXPECT_EQ(text("DA path="), "default");
-    EXPECT_EQ(log, Lines{kPathCloseFail});
-}
-
-TEST_F(LocationConfig, FoundNumberIsStoredWhenClosingFails) {
-    config("SPI CPOL=1\n");
-    interpose_fail("fclose", 1, EIO);
-    EXPECT_EQ(num("SPI CPOL="), 1);
-    EXPECT_EQ(log, Lines{kNumCloseFail});
-}
-
-TEST_F(LocationConfig, DefaultNumberIsStoredWhenClosingFails) {
-    config("x\n");
-    interpose_fail("fclose", 1, EIO);
-    EXPECT_EQ(num("SPI CPOL="), 7);
-    EXPECT_EQ(log, Lines{kNumCloseFail});
+TEST_F(LocationConfig, FailedCloseIsLoggedAndChangesNoValue) {
+    config("DA path=/a\nSPI CPOL=1\n");
+    for (const auto& [key, expected] : {std::pair("DA path=", "/a"), {"missing=", "default"}}) {
+        interpose_fail("fclose", 1, EIO);
+        EXPECT_EQ(text(key), expected);
+        EXPECT_EQ(log, Lines{kPathCloseFail});
+    }
+    for (const auto& [key, expected] : {std::pair("SPI CPOL=", 1), {"missing=", 7}}) {
+        interpose_fail("fclose", 1, EIO);
+        EXPECT_EQ(num(key), expected);
+        EXPECT_EQ(log, Lines{kNumCloseFail});
+    }
 }
 
 TEST_F(LocationConfig, FailedOpenOfEachKeyChangesNothing) {
@@ -475,12 +410,6 @@ TEST_F(LocationConfig, ChangeOfTheFileTakesEffectAtTheNextCall) {
     EXPECT_EQ(text("DA path="), "/a");
     config("DA path=/b\n");
     EXPECT_EQ(text("DA path="), "/b");
-}
-
-TEST_F(LocationConfig, NulBytesEndTheLineTheyStandIn) {
-    config(std::string("DA path=/a\0b\nimage path=/c\n", 28));
-    EXPECT_EQ(text("DA path="), "/a");
-    EXPECT_EQ(text("image path="), "/c");
 }
 
 TEST_F(LocationConfig, FileStaysOpenNowhere) {
