@@ -69,6 +69,8 @@ scripts/check.sh
 build_for_device demo RelWithDebInfo # the type of the preset release, where the demo looks for the programs
 build_for_device plain Release
 scripts/vm-test.sh --install || [ $? -eq 77 ] # else its tests are skipped
+echo "== packages"
+scripts/package-test.sh --no-install || [ $? -eq 77 ]
 "${tsan[@]}"
 run_all asan
 run_all dev
