@@ -90,7 +90,7 @@ int assist_run(Session& session) {
     const int status =
         session_report(session, *answer,
                        "the assistance download could not be started: the daemon answered failure; see "
-                       "'journalctl -u tavor'");
+                       "'journalctl --namespace=tavor'");
     if (status != kExitSuccess || options.wait_s == 0.0) {
         return status;
     }

@@ -38,12 +38,12 @@ struct SimpleRow {
 constexpr SimpleRow kSimpleRows[] = {
     {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS, kStartFailure},
     {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kStopLimitS,
-     "positioning could not be stopped: the daemon answered failure; see 'journalctl -u tavor'"},
+     "positioning could not be stopped: the daemon answered failure; see 'journalctl --namespace=tavor'"},
     {Command::kSave, TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION, true, "", kAnswerLimitS,
      "the location could not be saved: the daemon answered failure; check that the place of 'NMEA file path=' is "
      "writable"},
     {Command::kDebug, TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG, true, "off", kAnswerLimitS,
-     "the debug outlet could not be switched off: the daemon answered failure; see 'journalctl -u tavor'"},
+     "the debug outlet could not be switched off: the daemon answered failure; see 'journalctl --namespace=tavor'"},
     {Command::kDebug, TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG, false, "file", kAnswerLimitS,
      "the debug outlet could not be switched to the log file: the daemon answered failure; check that 'LOG path=' "
      "is writable"},

@@ -267,7 +267,7 @@ std::string connection_error_text(const std::string& path, int error) {
     case ETIMEDOUT:
     case EAGAIN:
         return "no request is taken by the daemon at " + place +
-               "; restart it, or look at its log with 'journalctl -u tavor'";
+               "; restart it, or look at its log with 'journalctl --namespace=tavor'";
     default:
         return "cannot reach the daemon at " + place + "; check --socket";
     }

@@ -216,7 +216,7 @@ Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Reco
 std::string failure_text(const Run& run) {
     if (run.progress.error.empty()) {
         return "the firmware could not be written: the daemon answered failure; check 'DA path=' and 'image path=' "
-               "and see 'journalctl -u tavor'";
+               "and see 'journalctl --namespace=tavor'";
     }
     return "the firmware could not be written: " + download_view_failure(run.progress);
 }
@@ -295,7 +295,7 @@ int report_gone(const Run& run) {
 
 int report_interrupted(Run& run) {
     session_note(
-        "the daemon goes on writing firmware; leave the device on until it is done: see 'journalctl -u tavor'");
+        "the daemon goes on writing firmware; leave the device on until it is done: see 'journalctl --namespace=tavor'");
     return session_end_status(run.session, Outcome::kInterrupted, 0);
 }
 

@@ -7,7 +7,7 @@
 // What to say of a start that the daemon answers with failure.
 inline constexpr char kStartFailure[] =
     "positioning could not be started: the daemon answered failure; check the device settings in "
-    "/etc/default/tavor/tavor.conf and see 'journalctl -u tavor'";
+    "/etc/default/tavor/tavor.conf and see 'journalctl --namespace=tavor'";
 
 // How starting and following ended.
 struct Followed {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <glob.h>
 #include <grp.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 namespace {
 
 constexpr const char* kJournalGroups[] = {"systemd-journal", "adm", "wheel"}; // as systemd sets it up
+constexpr const char* kNamespacePatterns[] = {"/run/log/journal/*.tavor", "/var/log/journal/*.tavor"};
 constexpr size_t kLineMax = 4096;
 constexpr size_t kReadMax = size_t{1} << 20; // of one call: an endless log must not hold the tool up
 
@@ -51,6 +53,32 @@ std::string present_time() {
     snprintf(text.data(), text.size(), "%lld.%06lld", static_cast<long long>(us / 1000000),
              static_cast<long long>(us % 1000000));
     return text.data();
+}
+
+// A member of one of the groups may read every journal.
+bool is_journal_reader() {
+    std::vector<gid_t> groups(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
+    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<size_t>(std::max(count, 0)));
+    groups.push_back(getegid());
+    return geteuid() == 0 ||
+           std::any_of(std::begin(kJournalGroups), std::end(kJournalGroups), [&](const char* name) {
+               const group* entry = getgrnam(name);
+               return entry != nullptr &&
+                      std::find(groups.begin(), groups.end(), entry->gr_gid) != groups.end();
+           });
+}
+
+// The service's own journal is there, and its directory gives this user the right.
+bool namespace_is_readable() {
+    return std::any_of(std::begin(kNamespacePatterns), std::end(kNamespacePatterns), [](const char* pattern) {
+        glob_t found = {};
+        const bool any = glob(pattern, 0, nullptr, &found) == 0 &&
+                         std::any_of(found.gl_pathv, found.gl_pathv + found.gl_pathc,
+                                     [](const char* path) { return access(path, R_OK | X_OK) == 0; });
+        globfree(&found);
+        return any;
+    });
 }
 
 } // namespace
@@ -88,12 +116,13 @@ void log_source_open_journal(LogSource& source) {
     }
     std::string since = "--since=@" + present_time();
     std::string journalctl = "journalctl";
+    std::string names = kLogSourceNamespace;
     std::string unit = "--unit=tavor";
     std::string follow = "--follow";
     std::string all = "--no-tail";
     std::string plain = "--output=cat";
-    std::array<char*, 7> argv = {journalctl.data(), unit.data(),  follow.data(), all.data(),
-                                 since.data(),      plain.data(), nullptr};
+    std::array<char*, 8> argv = {journalctl.data(), names.data(), unit.data(),  follow.data(),
+                                 all.data(),        since.data(), plain.data(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -116,16 +145,7 @@ void log_source_open_journal(LogSource& source) {
 }
 
 bool log_source_journal_is_readable() {
-    std::vector<gid_t> groups(static_cast<size_t>(std::max(getgroups(0, nullptr), 0)));
-    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
-    groups.resize(static_cast<size_t>(std::max(count, 0)));
-    groups.push_back(getegid());
-    return geteuid() == 0 ||
-           std::any_of(std::begin(kJournalGroups), std::end(kJournalGroups), [&](const char* name) {
-               const group* entry = getgrnam(name);
-               return entry != nullptr &&
-                      std::find(groups.begin(), groups.end(), entry->gr_gid) != groups.end();
-           });
+    return is_journal_reader() || namespace_is_readable();
 }
 
 void log_source_read(LogSource& source, const std::function<void(std::string_view line)>& visit) {

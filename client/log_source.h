@@ -7,6 +7,9 @@
 #include <string_view>
 #include <sys/types.h>
 
+// For journalctl: the service's own journal, and the system's, where a service without one logs.
+inline constexpr char kLogSourceNamespace[] = "--namespace=+tavor";
+
 struct LogSource {
     LogSource() = default;
     ~LogSource(); // closes, and ends a journal reader
@@ -25,7 +28,8 @@ bool log_source_open_file(LogSource& source, const std::string& path);
 // Follows the journal of the service from now on. Without a journal nothing ever comes.
 void log_source_open_journal(LogSource& source);
 
-// Whether this user may read the journal of a service: root, or a member of a group that has the right.
+// Whether this user may read the service's journal: root, a member of a group that reads every journal, or
+// one of group tavor, to whom the service's own is given where it has one.
 bool log_source_journal_is_readable();
 
 // Gives the visitor each whole line that has come, without waiting.

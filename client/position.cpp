@@ -36,7 +36,7 @@ int no_fix(Session& session, const std::string& what, double limit_s, const Hear
             ? "the chip has no fix yet; see that the antenna has a view of the sky, or follow with "
               "'tavorctl watch'"
             : "nothing came from the chip; check its power and connection, and that no other client stops it or "
-              "takes its output, and see 'journalctl -u tavor'";
+              "takes its output, and see 'journalctl --namespace=tavor'";
     return session_fail(session, heard.chip ? kExitNoFix : kExitSilentChip,
                         what + " within " + print_seconds(limit_s) + " s: " + reason);
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::string_view kJournal = "'journalctl -u tavor'";
+constexpr std::string_view kJournal = "'journalctl --namespace=tavor'";
 
 // A hint at the journal says what a user without the right to read it sees there.
 std::string with_journal_hint(std::string text) {
@@ -68,7 +68,7 @@ int session_end_status(Session& session, Outcome outcome, double limit_s) {
             "no answer from the daemon at " + print_safe(session.connection.path) + " within " +
                 print_seconds(limit_s) +
                 " s; it writes firmware or waits for a chip that does not answer, or another client "
-                "has taken the answer: try again, or see 'journalctl -u tavor'");
+                "has taken the answer: try again, or see 'journalctl --namespace=tavor'");
     default:
         return session_output_status(session);
     }

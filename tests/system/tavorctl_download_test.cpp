@@ -245,5 +245,6 @@ TEST(Download, JournalIsFollowedWithoutALog) {
     EXPECT_EQ(tool.end(), 0) << tool.err;
     EXPECT_EQ(lines_of(tool.err).back(), "tavorctl: finish");
     const string arguments = scene.directory.read("bin/journalctl.arguments");
-    EXPECT_EQ(arguments.find("--unit=tavor --follow --no-tail --since=@"), 0U) << arguments;
+    EXPECT_EQ(arguments.find("--namespace=+tavor --unit=tavor --follow --no-tail --since=@"), 0U)
+        << arguments;
 }

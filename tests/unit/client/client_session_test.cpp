@@ -21,8 +21,8 @@ TEST(Session, AUserWhoMayReadTheJournalIsSentThere) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs a user who may surely read it";
     }
-    EXPECT_EQ(told("it failed; see 'journalctl -u tavor'"),
-              "tavorctl: it failed; see 'journalctl -u tavor'\n");
+    EXPECT_EQ(told("it failed; see 'journalctl --namespace=tavor'"),
+              "tavorctl: it failed; see 'journalctl --namespace=tavor'\n");
 }
 
 TEST(Session, AnyOtherUserIsToldWhatHeSeesThereAndWhatToDo) {
@@ -32,7 +32,7 @@ TEST(Session, AnyOtherUserIsToldWhatHeSeesThereAndWhatToDo) {
         if (log_source_journal_is_readable()) {
             return;
         }
-        hint = told("it failed; see 'journalctl -u tavor'");
+        hint = told("it failed; see 'journalctl --namespace=tavor'");
         plain = told("it failed; free space");
     });
     if (hint.empty()) {
@@ -40,7 +40,7 @@ TEST(Session, AnyOtherUserIsToldWhatHeSeesThereAndWhatToDo) {
     }
     EXPECT_EQ(
         hint,
-        "tavorctl: it failed; see 'journalctl -u tavor', which shows you no line of the daemon: use sudo, or "
+        "tavorctl: it failed; see 'journalctl --namespace=tavor', which shows you no line of the daemon: use sudo, or "
         "join group systemd-journal and log in again\n");
     EXPECT_EQ(plain, "tavorctl: it failed; free space\n");
 }
