@@ -93,15 +93,20 @@ TEST_F(Hostile, RandomChipBytesAreSurvived) {
 // The kernel's default, and what systemd makes of it.
 class QueueLength : public testing::TestWithParam<int> {
 protected:
-    QueueLength() {
-        if (unshare(CLONE_NEWNET) != 0) {
-            return; // takes a right that not everybody has: the length is the host's then
+    void SetUp() override {
+        const auto set_length = [] {
+            return static_cast<bool>(std::ofstream("/proc/sys/net/unix/max_dgram_qlen")
+                                     << GetParam() << std::flush);
+        };
+        if (unshare(CLONE_NEWNET) != 0 || !set_length()) {
+            GTEST_SKIP()
+                << "needs the right to set net.unix.max_dgram_qlen in a network namespace of its own";
         }
-        std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << GetParam();
     }
 };
 
-TEST_P(QueueLength, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
+// For how long it is waited for is shown on a clock of their own by the unit tests of the reply.
+TEST_P(QueueLength, ClientThatNeverReadsKeepsNoAnswerFromAnother) {
     const SimulatedBoard board({"--full-speed"});
     const DaemonOnBoard daemon(board);
     const TestClient deaf(board.socket_path());
@@ -109,9 +114,7 @@ TEST_P(QueueLength, ClientThatNeverReadsDelaysAnotherByAboutASecondAtMost) {
 
     ASSERT_TRUE(deaf.send(TAVOR_REQUEST_START));
     ASSERT_TRUE(daemon.wait_log("[LOCSERV] ERR: tavor_send_response, sendto error"));
-    const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(other.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
 }
 
 TEST_P(QueueLength, ResultForAClientThatPausesArrives) {
