@@ -58,7 +58,8 @@ bool has_taken_all(int32_t fd) {
     return ioctl(fd, SIOCOUTQ, &unsent) == 0 && unsent == 0;
 }
 
-// Whether the peer has closed or reset the connection, however much of what it sent is unread.
+// Whether the peer has closed or reset the connection, however much of what it sent is unread. One that
+// closed only its sending side looks just the same, and counts as gone here as it does while it is listed.
 bool peer_is_gone(int32_t fd) {
     pollfd peer{.fd = fd, .events = POLLRDHUP, .revents = 0};
     return poll(&peer, 1, 0) == 1;
@@ -78,7 +79,7 @@ void tell_loss_ended(int32_t fd, ClientOutput* output) {
 
 // A client gets whole blocks, so the rest of one that it took in part goes first. One that could not take a
 // block gets none until it has taken all that was sent to it.
-void write_to_client(int32_t fd, ClientOutput* output, const uint8_t* data, uint64_t length) {
+void write_to_client(int32_t fd, ClientOutput* output, const uint8_t* data, size_t length) {
     if (output->dropped != 0 && !has_taken_all(fd)) {
         drop_block(fd, output);
         return;
@@ -179,7 +180,7 @@ bool location_debug_clients_have(int32_t fd) {
     return location_debug_find_client(&state.list, fd) == 0;
 }
 
-void location_debug_clients_write(const uint8_t* data, uint64_t length) {
+void location_debug_clients_write(const uint8_t* data, size_t length) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
     for (int32_t i = 0; i < state.list.count; ++i) {

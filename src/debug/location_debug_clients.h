@@ -2,6 +2,7 @@
 #ifndef TAVOR_LOCATION_DEBUG_CLIENTS_H
 #define TAVOR_LOCATION_DEBUG_CLIENTS_H
 
+#include <cstddef>
 #include <cstdint>
 
 inline constexpr int32_t kDebugClientMax = 10;
@@ -43,6 +44,6 @@ bool location_debug_clients_have(int32_t fd);
 
 // Writes a block to each client without waiting. A client that can't take it loses it whole; the log tells
 // when that begins and, with the number of blocks, when it ends.
-void location_debug_clients_write(const uint8_t* data, uint64_t length);
+void location_debug_clients_write(const uint8_t* data, size_t length);
 
 #endif

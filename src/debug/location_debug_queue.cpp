@@ -27,6 +27,9 @@ struct DebugMessage {
     uint64_t length;
 };
 
+// Of the blocks in transit: a slow line lags by so much at most, 6 s at 115200 baud. One block always fits.
+constexpr uint64_t kBytesMax = 65536;
+
 constexpr size_t kBodySize = sizeof(DebugMessage) - offsetof(DebugMessage, data);
 static_assert(offsetof(DebugMessage, data) == sizeof(long) && (kBodySize == 16 || sizeof(void*) < 8));
 
@@ -36,13 +39,8 @@ struct DebugQueueState {
     std::atomic<int32_t> id;
     DebugBlock* first;
     DebugBlock* last;
-} state{.lock = {}, .id = -1, .first = nullptr, .last = nullptr};
-
-void free_blocks(DebugBlock* block) {
-    while (block != nullptr) {
-        free(std::exchange(block, block->next));
-    }
-}
+    uint64_t bytes; // in all blocks
+} state{.lock = {}, .id = -1, .first = nullptr, .last = nullptr, .bytes = 0};
 
 bool in_transit(const DebugBlock* wanted) {
     for (const DebugBlock* block = state.first; block != nullptr; block = block->next) {
@@ -56,11 +54,13 @@ bool in_transit(const DebugBlock* wanted) {
 void append(DebugBlock* block) {
     (state.first == nullptr ? state.first : state.last->next) = block;
     state.last = block;
+    state.bytes += block->length;
 }
 
 DebugBlockPtr pop() {
     DebugBlockPtr block(state.first);
     state.first = block->next;
+    state.bytes -= block->length;
     return block;
 }
 
@@ -129,7 +129,9 @@ void location_debug_queue_close() {
         msgctl(state.id, IPC_RMID, nullptr);
         state.id = -1;
     }
-    free_blocks(std::exchange(state.first, nullptr));
+    while (state.first != nullptr) {
+        pop();
+    }
 }
 
 bool location_debug_queue_is_open() {
@@ -158,7 +160,8 @@ bool location_debug_queue_send(DebugBlockPtr block) {
     const DebugMessage message{.type = kMessageType, .data = block.get(), .length = block->length};
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    if (msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) != 0) {
+    const bool too_many = state.first != nullptr && state.bytes + block->length > kBytesMax;
+    if (too_many || msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) != 0) {
         return false;
     }
     append(block.release()); // the receiver claims it under this lock, so not before now

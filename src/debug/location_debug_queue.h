@@ -12,7 +12,7 @@
 // A heap copy of received bytes; length bytes follow the record.
 struct DebugBlock {
     DebugBlock* next;
-    uint64_t length;
+    uint32_t length;
 };
 
 using DebugBlockPtr = std::unique_ptr<DebugBlock, FreeBlock>;
@@ -36,7 +36,8 @@ DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length);
 // The bytes of a block.
 const uint8_t* location_debug_block_data(const DebugBlock* block);
 
-// Hands the block over without waiting. Returns false when the queue can't take it; the block is freed then.
+// Hands the block over without waiting. Returns false when the queue can't take it, or holds more than 64 KiB
+// with it; the block is freed then.
 bool location_debug_queue_send(DebugBlockPtr block);
 
 // Waits for a message. Returns its block, null when receiving failed or the message is none of this process.

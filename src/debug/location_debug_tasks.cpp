@@ -31,10 +31,9 @@ struct ReceiveState {
 };
 
 // In pieces, because an escaped write is cut at its limit.
-void write_to_line(const uint8_t* data, uint64_t length) {
-    for (uint64_t done = 0; done < length; done += kUartEscapedWriteMax) {
-        const uint64_t piece = std::min<uint64_t>(kUartEscapedWriteMax, length - done);
-        location_debug_serial_write(data + done, static_cast<uint32_t>(piece));
+void write_to_line(const uint8_t* data, uint32_t length) {
+    for (uint32_t done = 0; done < length; done += kUartEscapedWriteMax) {
+        location_debug_serial_write(data + done, std::min(kUartEscapedWriteMax, length - done));
     }
 }
 

@@ -95,6 +95,28 @@ TEST_F(DebugQueueTest, BlockIsHandedOverWholeWhileItsThreadIsBeingCancelled) {
     location_debug_queue_close();
 }
 
+TEST_F(DebugQueueTest, SixtyFourKibibytesWaitAtMostAndOneBlockAlways) {
+    ASSERT_EQ(location_debug_queue_open(), 0);
+    const std::string bytes(70'000, 'x');
+    const auto send = [&](uint32_t length) {
+        return location_debug_queue_send(
+            location_debug_block_copy(reinterpret_cast<const uint8_t*>(bytes.data()), length));
+    };
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(send(70'000));
+        EXPECT_FALSE(send(1)) << "that one is too long already";
+        EXPECT_TRUE(location_debug_queue_receive());
+        EXPECT_TRUE(send(64 * 1024 - 1));
+        EXPECT_FALSE(send(2));
+        EXPECT_TRUE(send(1));
+        EXPECT_TRUE(location_debug_queue_receive());
+        EXPECT_TRUE(send(64 * 1024 - 1));
+        location_debug_queue_close(); // what waits goes with it
+        ASSERT_EQ(location_debug_queue_open(), 0);
+    }
+    location_debug_queue_close();
+}
+
 TEST_F(DebugQueueTest, NewQueueIsOpenToEveryUser) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
     msqid_ds status{};
@@ -119,7 +141,7 @@ TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
 TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     const int queue = debug_queue();
-    const std::string block(4095, 'x');
+    const std::string block(1000, 'x');
     while (messages_in_queue() < 20) { // the line takes no more
         handle_text(block);
     }
