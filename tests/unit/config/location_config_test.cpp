@@ -4,6 +4,7 @@
 #include "interpose/paths.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
+#include "support/thread_end.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -428,16 +429,10 @@ TEST_F(LocationConfig, ThreadCancelledBeforehandEndsAtTheLogLineWithTheFileClose
     void* end = nullptr;
     const auto before = open_files();
     capture_stdout([&] {
-        pthread_t thread;
-        pthread_create(
-            &thread, nullptr,
-            [](void* number) -> void* {
-                pthread_cancel(pthread_self());
-                location_config_get_power_gpio(static_cast<int32_t*>(number));
-                return nullptr;
-            },
-            &gpio);
-        pthread_join(thread, &end);
+        end = end_of_thread([&] {
+            pthread_cancel(pthread_self());
+            location_config_get_power_gpio(&gpio);
+        });
     });
     EXPECT_EQ(end, PTHREAD_CANCELED);
     EXPECT_EQ(gpio, 5);

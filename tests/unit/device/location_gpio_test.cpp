@@ -6,6 +6,7 @@
 #include "support/capture.h"
 #include "support/format_fault.h"
 #include "support/private_dir.h"
+#include "support/thread_end.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -155,27 +156,32 @@ extern "C" int __wrap_usleep(useconds_t us) {
     return 0;
 }
 
-TEST_F(LocationGpio, ExportWritesTheNumberOfAMissingNode) {
-    EXPECT_EQ(run([] { return location_gpio_export(17); }), 0);
-    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));
-    EXPECT_TRUE(log.empty());
-}
-
-TEST_F(LocationGpio, ExportLeavesAnExistingNodeAlone) {
-    make_node("17");
-    EXPECT_EQ(run([] { return location_gpio_export(17); }), 0);
-    EXPECT_TRUE(sysfs.calls.empty());
-    EXPECT_TRUE(log.empty());
-}
-
-TEST_F(LocationGpio, ExportFailuresAreLogged) {
-    interpose_fail("open", 1, EACCES);
-    EXPECT_EQ(run([] { return location_gpio_export(17); }), -1);
-    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export open fail: export"});
-    interpose_fail("write", 1, EINVAL);
-    EXPECT_EQ(run([] { return location_gpio_export(17); }), -1);
-    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"});
-    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "close export"}));
+TEST_F(LocationGpio, ExportAndUnexportWriteTheNumberUnlessTheNodeIsAsWanted) {
+    const struct {
+        int32_t (*call)(int32_t);
+        std::string name;
+        bool removes;
+    } rows[] = {{location_gpio_export, "export", false}, {location_gpio_unexport, "unexport", true}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto call = [&] { return row.call(17); };
+        for (const std::string step : {"open", "write"}) {
+            interpose_fail(step.c_str(), 1, EACCES);
+            EXPECT_EQ(run(call), -1);
+            EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_" + row.name + " " + step +
+                                 " fail: " + row.name});
+            EXPECT_EQ(sysfs.open_count, 0);
+        }
+        EXPECT_EQ(run(call), 0);
+        EXPECT_EQ(sysfs.calls,
+                  (Lines{"open " + row.name + " w", "write " + row.name + " 17", "close " + row.name}));
+        EXPECT_TRUE(log.empty());
+        EXPECT_EQ(sysfs.files.contains("gpio17"), !row.removes);
+        EXPECT_EQ(run(call), 0) << "again";
+        EXPECT_TRUE(sysfs.calls.empty());
+        EXPECT_EQ(log,
+                  row.removes ? Lines{"[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist"} : Lines{});
+    }
 }
 
 TEST_F(LocationGpio, NumberThatCanNotBeFormattedIsToldAndNothingIsWritten) {
@@ -202,36 +208,6 @@ TEST_F(LocationGpio, NumberThatCanNotBeFormattedIsToldAndNothingIsWritten) {
         1, [] { return location_gpio_config(17, -1, 1, -1); }, "config get vaule fail");
 }
 
-TEST_F(LocationGpio, UnexportOfAMissingNodeSaysSo) {
-    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), 0);
-    EXPECT_EQ(log, Lines{"[LOCSERV] INF: [GPIO]location_gpio_unexport, not exist"});
-    EXPECT_TRUE(sysfs.calls.empty());
-}
-
-TEST_F(LocationGpio, UnexportWritesTheNumberOfAnExistingNode) {
-    make_node("17");
-    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), 0);
-    EXPECT_EQ(sysfs.calls, (Lines{"open unexport w", "write unexport 17", "close unexport"}));
-    EXPECT_TRUE(log.empty());
-    EXPECT_FALSE(sysfs.files.contains("gpio17"));
-}
-
-TEST_F(LocationGpio, UnexportFailuresAreLogged) {
-    make_node("17");
-    interpose_fail("open", 1, EACCES);
-    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), -1);
-    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_unexport open fail: unexport"});
-    interpose_fail("write", 1, EINVAL);
-    EXPECT_EQ(run([] { return location_gpio_unexport(17); }), -1);
-    EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]location_gpio_unexport write fail: unexport"});
-}
-
-TEST_F(LocationGpio, ConfigWithNothingToChangeTouchesNothing) {
-    EXPECT_EQ(run([] { return location_gpio_config(17, -1, -1, -1); }), 0);
-    EXPECT_TRUE(sysfs.calls.empty());
-    EXPECT_TRUE(log.empty());
-}
-
 TEST_F(LocationGpio, ConfigSetsDirectionValueAndEdgeInThisOrder) {
     make_node("17");
     EXPECT_EQ(run([] { return location_gpio_config(17, 0, 1, 3); }), 0);
@@ -240,6 +216,9 @@ TEST_F(LocationGpio, ConfigSetsDirectionValueAndEdgeInThisOrder) {
                                   "close gpio17/value", "open gpio17/edge rw", "read 9",
                                   "write gpio17/edge both", "close gpio17/edge"}));
     EXPECT_EQ(log, (Lines{"[LOCSERV] ERR: [GPIO]out", "[LOCSERV] ERR: [GPIO]both"}));
+    EXPECT_EQ(run([] { return location_gpio_config(17, -1, -1, -1); }), 0);
+    EXPECT_TRUE(sysfs.calls.empty());
+    EXPECT_TRUE(log.empty());
 }
 
 TEST_F(LocationGpio, AnyDirectionButZeroIsIn) {
@@ -332,13 +311,8 @@ TEST_F(LocationGpio, PowerOnDrivesTheConfiguredLineHigh) {
     EXPECT_EQ(run(location_gpio_power_on), 0);
     EXPECT_EQ(writes(), (Lines{"write export 42", "write gpio42/direction out", "write gpio42/value 1"}));
     EXPECT_EQ(log, (Lines{"[LOCSERV] INF: [CFG]Power control gpio:42", "[LOCSERV] ERR: [GPIO]out"}));
-}
-
-TEST_F(LocationGpio, PowerOnTwiceWritesTheLevelAgainAndNothingElse) {
-    configure("42");
     EXPECT_EQ(run(location_gpio_power_on), 0);
-    EXPECT_EQ(run(location_gpio_power_on), 0);
-    EXPECT_EQ(writes(), Lines{"write gpio42/value 1"});
+    EXPECT_EQ(writes(), Lines{"write gpio42/value 1"}) << "the level again and nothing else";
     EXPECT_EQ(log, Lines{"[LOCSERV] INF: [CFG]Power control gpio:42"});
 }
 
@@ -469,15 +443,8 @@ TEST_F(LocationGpio, ThreadCancelledWhileLoggingLeavesNoDescriptorOpen) {
     };
     void* end = nullptr;
     run([&] {
-        pthread_t thread;
-        pthread_create(
-            &thread, nullptr,
-            [](void*) -> void* {
-                location_gpio_export(17);
-                return nullptr;
-            },
-            nullptr);
-        return pthread_join(thread, &end);
+        end = end_of_thread([] { location_gpio_export(17); });
+        return 0;
     });
     EXPECT_EQ(end, PTHREAD_CANCELED);
     EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));

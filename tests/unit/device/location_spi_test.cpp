@@ -3,6 +3,7 @@
 #include "interpose/fail.h"
 #include "interpose/local.h"
 #include "support/capture.h"
+#include "support/thread_end.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <linux/spi/spidev.h>
 #include <pthread.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -65,6 +67,9 @@ protected:
     }
     ~LocationSpi() override {
         interpose_fail_reset();
+        if (fd != -1) {
+            location_spi_deinit(fd);
+        }
         local_devices({});
     }
 
@@ -81,13 +86,14 @@ protected:
         return 0;
     }
 
-    int32_t init(int32_t* fd) {
+    int32_t init() {
         int32_t result = 0;
-        log = lines_of(capture_stdout([&] { result = location_spi_init(fd, &config); }));
+        log = lines_of(capture_stdout([&] { result = location_spi_init(&fd, &config); }));
         return result;
     }
 
     location_spi_config config = {3, 1, 8, 24000000, "/dev/spidev1.0"};
+    int32_t fd = -1;
     Lines opened, closed, log;
     std::vector<Setting> settings;
     std::string written;
@@ -99,8 +105,7 @@ protected:
 } // namespace
 
 TEST_F(LocationSpi, InitOpensForReadingAndWritingAndWritesFourSettingsInOrder) {
-    int32_t fd = -1;
-    EXPECT_EQ(init(&fd), 0);
+    EXPECT_EQ(init(), 0);
     EXPECT_GE(fd, 0);
     EXPECT_EQ(opened, Lines{"/dev/spidev1.0:" + std::to_string(O_RDWR)});
     EXPECT_EQ(settings, (std::vector<Setting>{{SPI_IOC_WR_MODE32, 3},
@@ -109,14 +114,13 @@ TEST_F(LocationSpi, InitOpensForReadingAndWritingAndWritesFourSettingsInOrder) {
                                               {SPI_IOC_WR_MAX_SPEED_HZ, 24000000}}));
     EXPECT_TRUE(log.empty());
     EXPECT_TRUE(closed.empty());
-    EXPECT_EQ(location_spi_deinit(fd), 0);
+    EXPECT_EQ(location_spi_deinit(std::exchange(fd, -1)), 0);
     EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
 }
 
 TEST_F(LocationSpi, FailedOpenIsLoggedAndLeavesTheDescriptorAlone) {
     interpose_fail("open", 1, ENOENT);
-    int32_t fd = -1;
-    EXPECT_EQ(init(&fd), -1);
+    EXPECT_EQ(init(), -1);
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [spi]location_spi_init, open fail"});
     EXPECT_TRUE(settings.empty());
@@ -132,8 +136,7 @@ TEST_F(LocationSpi, EachFailedSettingIsLoggedWithItsValueAndEndsTheInit) {
         settings.clear();
         closed.clear();
         interpose_fail("ioctl", static_cast<int>(nth), EINVAL);
-        int32_t fd = -1;
-        EXPECT_EQ(init(&fd), -1);
+        EXPECT_EQ(init(), -1);
         EXPECT_EQ(fd, -1);
         ASSERT_FALSE(log.empty());
         EXPECT_EQ(log[0], texts[nth - 1]);
@@ -147,8 +150,7 @@ TEST_F(LocationSpi, RefusedBitOrderNamesTheSettingToTry) {
     for (const uint8_t lsb_first : {uint8_t{1}, uint8_t{0}}) {
         config.lsb_first = lsb_first;
         interpose_fail("ioctl", 3, EINVAL);
-        int32_t fd = -1;
-        EXPECT_EQ(init(&fd), -1);
+        EXPECT_EQ(init(), -1);
         EXPECT_EQ(log.back(),
                   "[LOCSERV] WRN: [spi]the controller has no such bit order: try \"SPI bit order=" +
                       std::to_string(lsb_first) + "\" in tavor.conf");
@@ -156,17 +158,14 @@ TEST_F(LocationSpi, RefusedBitOrderNamesTheSettingToTry) {
 }
 
 TEST_F(LocationSpi, SetConfigLeavesTheDescriptorOpenWhenItFails) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     interpose_fail("ioctl", 1, EINVAL);
     capture_stdout([&] { EXPECT_EQ(location_spi_set_config(fd, &config), -1); });
     EXPECT_TRUE(closed.empty());
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, TransferCarriesBuffersAndLengthAndNothingElse) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     const uint8_t tx[5] = {1, 2, 3, 4, 5};
     uint8_t rx[5] = {};
     EXPECT_EQ(location_spi_transfer(fd, tx, rx, 5), 5);
@@ -176,50 +175,33 @@ TEST_F(LocationSpi, TransferCarriesBuffersAndLengthAndNothingElse) {
     expected.rx_buf = reinterpret_cast<uintptr_t>(rx);
     expected.len = 5;
     EXPECT_EQ(memcmp(&message, &expected, sizeof expected), 0);
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, TransferReturnsWhatTheDeviceMoved) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     transfer_lack = 3;
     uint8_t rx[5] = {};
     EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 5), 2);
     EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 3), 0);
-    location_spi_deinit(fd);
-}
-
-TEST_F(LocationSpi, FailedTransferIsLogged) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
-    interpose_fail("ioctl", 1, EIO);
-    uint8_t rx[5] = {};
-    const Lines lines =
-        lines_of(capture_stdout([&] { EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 5), -1); }));
-    EXPECT_EQ(lines, Lines{"[LOCSERV] ERR: [spi]can't send spi message"});
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, TransfersThatFailInARowAreToldOnceASecondAndCounted) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     uint8_t rx[5] = {};
     location_spi_transfer(fd, nullptr, rx, 5); // ends an earlier row
     const Lines lines = lines_of(capture_stdout([&] {
         for (int i = 0; i < 5; ++i) {
             interpose_fail("ioctl", 1, EIO);
-            location_spi_transfer(fd, nullptr, rx, 5);
+            EXPECT_EQ(location_spi_transfer(fd, nullptr, rx, 5), -1);
         }
         location_spi_transfer(fd, nullptr, rx, 5);
     }));
     const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
     EXPECT_EQ(lines, (Lines{failed, failed + " (4 left out)"}));
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, RowOutlivesSuccessesOfOtherLengths) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     uint8_t rx[9] = {};
     const auto round = [&] {
         interpose_fail("ioctl", 2, EIO);
@@ -235,28 +217,25 @@ TEST_F(LocationSpi, RowOutlivesSuccessesOfOtherLengths) {
     }));
     const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
     EXPECT_EQ(lines, (Lines{failed, failed + " (2 left out)"}));
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, DeinitTellsWhatWasLeftOutAndEndsTheRow) {
     const std::string failed = "[LOCSERV] ERR: [spi]can't send spi message";
     for (int round = 0; round < 2; ++round) {
-        int32_t fd = -1;
-        ASSERT_EQ(init(&fd), 0);
+        ASSERT_EQ(init(), 0);
         const Lines lines = lines_of(capture_stdout([&] {
             for (int i = 0; i < 3; ++i) {
                 interpose_fail("ioctl", 1, EIO);
                 location_spi_transfer(fd, nullptr, nullptr, 1);
             }
-            location_spi_deinit(fd);
+            location_spi_deinit(std::exchange(fd, -1));
         }));
         EXPECT_EQ(lines, (Lines{failed, failed + " (2 left out)"})) << round;
     }
 }
 
 TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     const auto failing = [&](int error, uint32_t length) {
         interpose_fail("ioctl", 1, error);
         EXPECT_EQ(location_spi_transfer(fd, nullptr, nullptr, length), -1);
@@ -277,12 +256,10 @@ TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
                      "(spidev.bufsiz=65536 on the kernel's command line); the controller may have a limit "
                      "of its own",
                      failed, failed}));
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, ReadAndWriteArePlain) {
-    int32_t fd = -1;
-    ASSERT_EQ(init(&fd), 0);
+    ASSERT_EQ(init(), 0);
     char buffer[4] = {};
     EXPECT_EQ(location_spi_read(fd, buffer, sizeof buffer), 3);
     EXPECT_EQ(buffer[3], 0x5A);
@@ -292,7 +269,6 @@ TEST_F(LocationSpi, ReadAndWriteArePlain) {
     EXPECT_EQ(location_spi_read(fd, buffer, sizeof buffer), -1);
     interpose_fail("write", 1, EIO);
     EXPECT_EQ(location_spi_write(fd, "abcd", 4), -1);
-    location_spi_deinit(fd);
 }
 
 TEST_F(LocationSpi, ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice) {
@@ -301,18 +277,7 @@ TEST_F(LocationSpi, ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice) {
         errno = EINVAL;
     };
     void* end = nullptr;
-    capture_stdout([&] {
-        pthread_t thread;
-        pthread_create(
-            &thread, nullptr,
-            [](void* wanted) -> void* {
-                int32_t fd = -1;
-                location_spi_init(&fd, static_cast<const location_spi_config*>(wanted));
-                return nullptr;
-            },
-            &config);
-        pthread_join(thread, &end);
-    });
+    capture_stdout([&] { end = end_of_thread([&] { location_spi_init(&fd, &config); }); });
     EXPECT_EQ(end, PTHREAD_CANCELED);
     EXPECT_EQ(closed, Lines{"/dev/spidev1.0"});
 }

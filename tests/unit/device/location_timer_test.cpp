@@ -108,12 +108,9 @@ TEST_F(LocationTimer, FiresOnceOnAThreadOfItsOwnByTheTimeOfDayAndIsInactiveThen)
     EXPECT_NE(fired.thread, std::this_thread::get_id());
 }
 
-TEST_F(LocationTimer, IsDisarmedWhenCreated) {
+TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
     EXPECT_EQ(is_active(), -1);
     EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:0,0\n");
-}
-
-TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
     ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     EXPECT_EQ(is_active(), 0);
     long seconds = 0;
@@ -122,15 +119,11 @@ TEST_F(LocationTimer, IsActiveWhileArmedAndLogsTheRemainingTime) {
         sscanf(log.c_str(), "[LOCSERV] INF: [timer]interval:0,0 value:%ld,%ld\n", &seconds, &nanoseconds), 2);
     EXPECT_LE(seconds, 1000);
     EXPECT_GT(seconds, 900);
-}
-
-TEST_F(LocationTimer, IsActiveWithWholeSecondsOrPartsOfOneLeft) {
-    remaining = {1, 0};
-    EXPECT_EQ(is_active(), 0);
-    EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:1,0\n");
-    remaining = {0, 1};
-    EXPECT_EQ(is_active(), 0);
-    EXPECT_EQ(log, "[LOCSERV] INF: [timer]interval:0,0 value:0,1\n");
+    for (const auto& [left, shown] : {std::pair(timespec{1, 0}, "1,0"), {timespec{0, 1}, "0,1"}}) {
+        remaining = left;
+        EXPECT_EQ(is_active(), 0);
+        EXPECT_EQ(log, std::string("[LOCSERV] INF: [timer]interval:0,0 value:") + shown + "\n");
+    }
 }
 
 TEST_F(LocationTimer, SetSplitsMillisecondsForOneShotFromNow) {
@@ -177,13 +170,10 @@ TEST_F(LocationTimer, FailedCreateGivesNull) {
     EXPECT_EQ(location_timer_create(on_fire), nullptr);
 }
 
-TEST_F(LocationTimer, NullIsLoggedAndInactive) {
+TEST_F(LocationTimer, NullIsLoggedAndReachesNoTimerOfTheProcess) {
+    ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     EXPECT_EQ(capture_stdout([] { EXPECT_EQ(location_timer_is_active(nullptr), -1); }),
               "[LOCSERV] INF: [timer] location_timer_is_active, timer is invalid\n");
-}
-
-TEST_F(LocationTimer, NullReachesNoTimerOfTheProcess) {
-    ASSERT_EQ(location_timer_start(timer, kLongMs), 0);
     EXPECT_EQ(location_timer_stop(nullptr), -1);
     EXPECT_EQ(location_timer_start(nullptr, 5), -1);
     EXPECT_EQ(location_timer_delete(nullptr), -1);

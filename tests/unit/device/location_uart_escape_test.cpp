@@ -15,17 +15,10 @@ std::string escape(const std::string& plain) {
     return out.substr(0, count);
 }
 
-// A buffer decoded in place: the count and the whole buffer behind it.
-struct Decoded {
-    uint32_t count;
-    std::string buffer;
-    bool operator==(const Decoded&) const = default;
-};
-
-Decoded unescape(std::string buffer, uint32_t* state) {
-    const uint32_t count = location_uart_unescape(reinterpret_cast<uint8_t*>(buffer.data()),
-                                                  static_cast<uint32_t>(buffer.size()), state);
-    return {count, buffer};
+// Decodes the buffer in place; returns the count.
+uint32_t unescape(std::string& buffer, uint32_t* state) {
+    return location_uart_unescape(reinterpret_cast<uint8_t*>(buffer.data()),
+                                  static_cast<uint32_t>(buffer.size()), state);
 }
 
 std::string all_bytes() {
@@ -36,13 +29,12 @@ std::string all_bytes() {
     return bytes;
 }
 
-constexpr char kNul = '\0';
-
 } // namespace
 
 TEST(LocationUartEscape, ThreeBytesAreSentAsPairs) {
     EXPECT_EQ(escape("\x77\x11\x41"), "\x77\x88\x77\xEE\x41");
     EXPECT_EQ(escape("\x13"), "\x77\xEC");
+    EXPECT_EQ(escape(""), "");
 }
 
 TEST(LocationUartEscape, EveryOtherByteIsSentAsItIs) {
@@ -52,75 +44,43 @@ TEST(LocationUartEscape, EveryOtherByteIsSentAsItIs) {
     EXPECT_EQ(escaped.find('\x13'), std::string::npos);
 }
 
-TEST(LocationUartEscape, NothingEscapesToNothing) {
-    EXPECT_EQ(escape(""), "");
-}
-
 TEST(LocationUartUnescape, UndoesTheEscapingOfEveryByte) {
     uint32_t state = 0;
-    const Decoded decoded = unescape(escape(all_bytes()), &state);
-    EXPECT_EQ(decoded.count, 256U);
-    EXPECT_EQ(decoded.buffer.substr(0, 256), all_bytes());
+    std::string buffer = escape(all_bytes());
+    EXPECT_EQ(unescape(buffer, &state), 256U);
+    EXPECT_EQ(buffer.substr(0, 256), all_bytes());
     EXPECT_EQ(state, 0U);
 }
 
-TEST(LocationUartUnescape, WhatBecomesFreeIsZeroed) {
-    uint32_t state = 0;
-    EXPECT_EQ(unescape("\x77\x88\x77\xEE\x41", &state),
-              (Decoded{3, std::string("\x77\x11\x41") + kNul + kNul}));
-}
-
-TEST(LocationUartUnescape, EscapeByteAtTheEndIsCarriedOverToTheNextCall) {
-    uint32_t state = 0;
-    EXPECT_EQ(unescape("AB\x77", &state), (Decoded{2, std::string("AB") + kNul}));
-    EXPECT_EQ(state, 1U);
-    EXPECT_EQ(unescape("\xEC\x43", &state), (Decoded{2, "\x13\x43"}));
-    EXPECT_EQ(state, 0U);
-}
-
-TEST(LocationUartUnescape, EscapeByteAloneDeliversNothing) {
-    uint32_t state = 0;
-    EXPECT_EQ(unescape("\x77", &state), (Decoded{0, std::string(1, kNul)}));
-    EXPECT_EQ(state, 1U);
-}
-
-TEST(LocationUartUnescape, PendingEscapeSurvivesAnEmptyRead) {
-    uint32_t state = 1;
-    EXPECT_EQ(unescape("", &state), (Decoded{0, ""}));
-    EXPECT_EQ(state, 1U);
-}
-
-TEST(LocationUartUnescape, UnknownPartnerIsLoggedAndItsSlotKeepsItsOldContent) {
-    uint32_t state = 0;
-    Decoded decoded{};
-    const std::string log = capture_stdout([&] { decoded = unescape("\x77\x41", &state); });
-    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]unrecognized char 0x41\n");
-    EXPECT_EQ(decoded, (Decoded{2, "\x77\x41"}));
-    EXPECT_EQ(state, 0U);
-}
-
-TEST(LocationUartUnescape, BytesBehindAnUnknownPartnerMoveUpByOne) {
-    uint32_t state = 0;
-    Decoded decoded{};
-    capture_stdout([&] {
-        decoded = unescape("A\x77\x42"
-                           "C",
-                           &state);
-    });
-    EXPECT_EQ(decoded, (Decoded{4, "A\x77"
-                                   "CC"}));
-}
-
-TEST(LocationUartUnescape, UnknownPartnerOfACarriedOverEscapeCountsOneMoreThanWasRead) {
-    uint32_t state = 1;
-    Decoded decoded{};
-    const std::string log = capture_stdout([&] { decoded = unescape("\xFE", &state); });
-    EXPECT_EQ(log, "[LOCSERV] ERR: [UART]unrecognized char 0xfe\n");
-    EXPECT_EQ(decoded, (Decoded{2, "\xFE"}));
-}
-
-TEST(LocationUartUnescape, EscapeByteBehindAnEscapeByteIsNotItsPartner) {
-    uint32_t state = 0;
-    EXPECT_EQ(unescape("\x77\x77\x88", &state), (Decoded{2, std::string("\x77\x77") + kNul}));
-    EXPECT_EQ(state, 0U);
+TEST(LocationUartUnescape, BufferCountAndStateBehindEachRead) {
+    using std::string_literals::operator""s;
+    const struct {
+        const char* what;
+        uint32_t state;
+        std::string read;
+        uint32_t count;
+        std::string buffer;
+        uint32_t next_state;
+        const char* unknown; // as it is logged
+    } rows[] = {
+        {"what becomes free is zeroed", 0, "\x77\x88\x77\xEE\x41", 3, "\x77\x11\x41\0\0"s, 0, ""},
+        {"an escape byte at the end is carried over", 0, "AB\x77", 2, "AB\0"s, 1, ""},
+        {"to the next read", 1, "\xEC\x43", 2, "\x13\x43", 0, ""},
+        {"alone it delivers nothing", 0, "\x77", 0, "\0"s, 1, ""},
+        {"and survives an empty read", 1, "", 0, "", 1, ""},
+        {"an unknown partner's place keeps its content", 0, "\x77\x41", 2, "\x77\x41", 0, "41"},
+        {"what is behind it moves up by one", 0, "A\x77\x42"s + "C", 4, "A\x77"s + "CC", 0, "42"},
+        {"of a carried one it counts one more than was read", 1, "\xFE", 2, "\xFE", 0, "fe"},
+        {"an escape byte is no partner of another", 0, "\x77\x77\x88", 2, "\x77\x77\0"s, 0, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::string buffer = row.read;
+        uint32_t state = row.state;
+        const std::string log = capture_stdout([&] { EXPECT_EQ(unescape(buffer, &state), row.count); });
+        EXPECT_EQ(buffer, row.buffer);
+        EXPECT_EQ(state, row.next_state);
+        const std::string told = "[LOCSERV] ERR: [UART]unrecognized char 0x";
+        EXPECT_EQ(log, row.unknown[0] == '\0' ? "" : told + row.unknown + "\n");
+    }
 }

@@ -135,6 +135,11 @@ int32_t write_text(const std::string& text, UartHandle handle) {
     return location_uart_write(bytes_of(text), static_cast<uint32_t>(text.size()), handle);
 }
 
+int32_t open_line(UartHandle* handle, const std::string& path) {
+    const SerialPortConfig config = config_of(path, 9600, UART_FLOW_NONE);
+    return location_uart_init(handle, &config);
+}
+
 // An open line at a pseudo terminal.
 struct Line {
     explicit Line(int32_t flow_control, int32_t baud = 115200) {
@@ -165,8 +170,7 @@ TEST(LocationUart, OpensARawBlockingEightBitLine) {
     PseudoTerminal terminal;
     set_wrong_way_round(terminal.slave, 0);
     UartHandle handle{.fd = -1, .flow_control = 7};
-    const SerialPortConfig config = config_of(terminal.path, 9600, 0);
-    ASSERT_EQ(location_uart_init(&handle, &config), 0);
+    ASSERT_EQ(open_line(&handle, terminal.path), 0);
 
     const termios options = options_of(handle.fd);
     EXPECT_EQ(options.c_cflag & static_cast<tcflag_t>(CSIZE | PARENB | CSTOPB | CREAD | CLOCAL),
@@ -239,8 +243,7 @@ TEST(LocationUart, PendingInputIsDroppedWhenTheLineOpens) {
     tcsetattr(terminal.slave, TCSANOW, &options);
     terminal.write("old");
     UartHandle handle{.fd = -1, .flow_control = 0};
-    const SerialPortConfig config = config_of(terminal.path, 115200, 0);
-    ASSERT_EQ(location_uart_init(&handle, &config), 0);
+    ASSERT_EQ(open_line(&handle, terminal.path), 0);
     terminal.write("new");
 
     uint8_t buffer[16] = {};
@@ -271,10 +274,9 @@ TEST(LocationUart, LineThatCantBeOpenedOrSetFailsAndIsClosedAgain) {
     const size_t descriptors = open_descriptors();
     for (const auto& line : lines) {
         UartHandle handle{.fd = -1, .flow_control = 0};
-        const SerialPortConfig config = config_of(line.path, 9600, 0);
         const std::string log = capture_stdout([&] {
             failure.tcsetattr = true;
-            EXPECT_EQ(location_uart_init(&handle, &config), -1);
+            EXPECT_EQ(open_line(&handle, line.path), -1);
             failure.tcsetattr = false;
         });
         EXPECT_EQ(log, std::string("[LOCSERV] ERR: [UART]") + line.told + "\n");
@@ -286,10 +288,9 @@ TEST(LocationUart, LineThatCantBeOpenedOrSetFailsAndIsClosedAgain) {
 TEST(LocationUart, LineThatCantBeMadeBlockingIsReportedAndUsedAllTheSame) {
     const PseudoTerminal terminal;
     UartHandle handle{.fd = -1, .flow_control = 0};
-    const SerialPortConfig config = config_of(terminal.path, 9600, 0);
     const std::string log = capture_stdout([&] {
         failure.fcntl = true;
-        EXPECT_EQ(location_uart_init(&handle, &config), 0);
+        EXPECT_EQ(open_line(&handle, terminal.path), 0);
         failure.fcntl = false;
     });
     EXPECT_EQ(log, "[LOCSERV] WRN: [UART]location_uart_config, set blocking fail\n");
@@ -315,13 +316,16 @@ TEST(LocationUart, WriteWithSoftwareFlowControlIsEscaped) {
     const Line line(UART_FLOW_SOFTWARE);
     EXPECT_EQ(write_text("\x77\x11\x41", line.handle), 5);
     EXPECT_EQ(read_bytes(line.terminal.master, 5), "\x77\x88\x77\xEE\x41");
+    EXPECT_EQ(write_text("", line.handle), 0);
 }
 
-TEST(LocationUart, WriteWithoutSoftwareFlowControlIsPlain) {
+TEST(LocationUart, WithoutSoftwareFlowControlBytesPassAsTheyAre) {
     for (const int32_t flow_control : {0, 2}) {
-        const Line line(flow_control);
+        Line line(flow_control);
         EXPECT_EQ(write_text(binary_data(), line.handle), static_cast<int32_t>(binary_data().size()));
         EXPECT_EQ(read_bytes(line.terminal.master, binary_data().size()), binary_data());
+        line.terminal.write("\x77\x88\x11\x13");
+        EXPECT_EQ(line.read(16), "\x77\x88\x11\x13");
     }
 }
 
@@ -336,11 +340,6 @@ TEST(LocationUart, EscapedWriteIsCutAtItsBuffer) {
     EXPECT_EQ(sent.size(), 2 * kUartEscapedWriteMax);
 }
 
-TEST(LocationUart, EmptyEscapedWriteWritesNothing) {
-    const Line line(UART_FLOW_SOFTWARE);
-    EXPECT_EQ(write_text("", line.handle), 0);
-}
-
 TEST(LocationUart, ReadWithSoftwareFlowControlUnescapesAcrossReads) {
     Line line(UART_FLOW_SOFTWARE);
     line.terminal.write("AB\x77");
@@ -349,14 +348,6 @@ TEST(LocationUart, ReadWithSoftwareFlowControlUnescapesAcrossReads) {
     line.terminal.write("\x88\x43");
     EXPECT_EQ(line.read(16), "\x77\x43");
     EXPECT_EQ(line.escape_state, 0U);
-}
-
-TEST(LocationUart, ReadWithoutSoftwareFlowControlIsPlain) {
-    for (const int32_t flow_control : {0, 2}) {
-        Line line(flow_control);
-        line.terminal.write("\x77\x88\x11\x13");
-        EXPECT_EQ(line.read(16), "\x77\x88\x11\x13");
-    }
 }
 
 TEST(LocationUart, ReadNeverDeliversMoreThanItsBufferHolds) {
@@ -438,8 +429,7 @@ TEST(LocationUartDeathTest, LineDoesNotBecomeTheControllingTerminal) {
     const auto ask = [&] {
         setsid();
         UartHandle handle{.fd = -1, .flow_control = 0};
-        const SerialPortConfig config = config_of(terminal.path, 115200, 0);
-        const bool opened = location_uart_init(&handle, &config) == 0;
+        const bool opened = open_line(&handle, terminal.path) == 0;
         _exit(opened && open("/dev/tty", O_RDWR) == -1 ? 0 : 1);
     };
     EXPECT_EXIT(ask(), testing::ExitedWithCode(0), "");

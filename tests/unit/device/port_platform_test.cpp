@@ -134,22 +134,15 @@ protected:
         return 0;
     }
 
-    int32_t open_spi() {
-        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
+    // Runs one transaction on the bus, opened for it, and keeps its log.
+    int32_t transfer(uint32_t bus, const port_platform_transfer& what) {
+        const void* config = bus == HOST_MUX_BUS_SPI ? static_cast<const void*>(&spi) : &i2c;
+        const int32_t fd = port_platform_bus_init(bus, config);
         calls.clear();
-        return fd;
-    }
-
-    int32_t open_i2c() {
-        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c);
-        calls.clear();
-        return fd;
-    }
-
-    // Runs one transaction on an open bus and keeps its log.
-    int32_t transfer(uint32_t bus, int32_t fd, const port_platform_transfer& what) {
         int32_t result = 0;
         log = capture_stdout([&] { result = port_platform_bus_transfer(bus, fd, &what); });
+        transfers = calls;
+        port_platform_bus_deinit(bus, fd);
         return result;
     }
 
@@ -157,6 +150,7 @@ protected:
     host_mux_i2c_port_config i2c = {0, "/dev/i2c-2"};
     ssize_t moved = 1;
     Lines calls;
+    Lines transfers; // those of the last transaction
     std::string log;
     spi_ioc_transfer message = {};
     uint8_t rx[8] = {};
@@ -198,8 +192,7 @@ TEST_F(PortPlatform, I2cInitOpensThePathBehindTheFirstWord) {
 TEST_F(PortPlatform, PathThatCanNotBeTakenIsToldAndNothingIsOpened) {
     format_fault_arm(0);
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_SPI, &spi), -1); }),
-              "port_platform_bus_init, get path fail\n"
-              "[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
+              "port_platform_bus_init, get path fail\n[LOCSERV] ERR: [spi]location_spi_init, open fail\n");
     format_fault_arm(0);
     EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(port_platform_bus_init(HOST_MUX_BUS_I2C, &i2c), -1); }),
               "port_platform_bus_init, get path fail\n"
@@ -224,58 +217,40 @@ TEST_F(PortPlatform, DeinitReturnsTheResultOfClose) {
 }
 
 TEST_F(PortPlatform, SpiTransferClocksTheLargerLength) {
-    const int32_t fd = open_spi();
-    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 1, 0}), 0);
-    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 2, 6, 0}), 0);
-    EXPECT_EQ(calls, (Lines{"clock 5", "clock 6"}));
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, {rx, tx, 5, 1, 0}), 0);
+    EXPECT_EQ(transfers, Lines{"clock 5"});
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, {rx, tx, 2, 6, 0}), 0);
+    EXPECT_EQ(transfers, Lines{"clock 6"});
     EXPECT_EQ(message.tx_buf, reinterpret_cast<uintptr_t>(tx));
     EXPECT_EQ(message.rx_buf, reinterpret_cast<uintptr_t>(rx));
-    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {nullptr, tx, 0, 6, 0}), 0);
+    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, {nullptr, tx, 0, 6, 0}), 0);
     EXPECT_EQ(message.rx_buf, 0U);
-    port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
 }
 
-TEST_F(PortPlatform, SpiTransferNeedsAtLeastOneByteMoved) {
-    const int32_t fd = open_spi();
-    for (const auto& [count, result] : std::vector<std::pair<ssize_t, int32_t>>{{5, 0}, {1, 0}, {0, -1}}) {
-        moved = count;
-        EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 5, 0}), result);
-        EXPECT_EQ(log, "");
-    }
-    interpose_fail("ioctl", 1, EIO);
-    EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, fd, {rx, tx, 5, 5, 0}), -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: [spi]can't send spi message\n");
-    port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
-}
-
-TEST_F(PortPlatform, I2cTransferGoesInTheDirectionOfItsLength) {
-    const int32_t fd = open_i2c();
-    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, nullptr, 5, 0, 0x41}), 0);
-    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {nullptr, tx, 0, 6, 0x42}), 0);
-    EXPECT_EQ(calls, (Lines{"slave 65", "read 5", "slave 66", "write 6"}));
-    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
-}
-
-TEST_F(PortPlatform, I2cTransferWithBothLengthsOrNoneTouchesNoDevice) {
-    const int32_t fd = open_i2c();
-    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 1, 1, 0x41}), -1);
+TEST_F(PortPlatform, I2cTransferGoesInTheDirectionOfItsOneLength) {
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, nullptr, 5, 0, 0x41}), 0);
+    EXPECT_EQ(transfers, (Lines{"slave 65", "read 5"}));
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {nullptr, tx, 0, 6, 0x42}), 0);
+    EXPECT_EQ(transfers, (Lines{"slave 66", "write 6"}));
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, tx, 1, 1, 0x41}), -1);
     EXPECT_EQ(log, "port_platform_bus_transfer, rx len > 0 and tx len > 0\n");
-    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, tx, 0, 0, 0x41}), -1);
+    EXPECT_TRUE(transfers.empty());
+    EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, tx, 0, 0, 0x41}), -1);
     EXPECT_EQ(log, "port_platform_bus_transfer, len <= 0\n");
-    EXPECT_TRUE(calls.empty());
-    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
+    EXPECT_TRUE(transfers.empty());
 }
 
-TEST_F(PortPlatform, I2cTransferNeedsAtLeastOneByteMoved) {
-    const int32_t fd = open_i2c();
-    for (const auto& [count, result] :
-         std::vector<std::pair<ssize_t, int32_t>>{{5, 0}, {1, 0}, {0, -1}, {-1, -1}}) {
-        moved = count;
-        EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {rx, nullptr, 5, 0, 0x41}), result);
-        EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, fd, {nullptr, tx, 0, 5, 0x41}), result);
-        EXPECT_EQ(log, "");
+TEST_F(PortPlatform, TransferNeedsAtLeastOneByteMoved) {
+    const std::pair<uint32_t, port_platform_transfer> ways[] = {{HOST_MUX_BUS_SPI, {rx, tx, 5, 5, 0}},
+                                                                {HOST_MUX_BUS_I2C, {rx, nullptr, 5, 0, 1}},
+                                                                {HOST_MUX_BUS_I2C, {nullptr, tx, 0, 5, 1}}};
+    for (const auto& [bus, way] : ways) {
+        for (const ssize_t count : {5, 1, 0, -1}) {
+            moved = count;
+            EXPECT_EQ(transfer(bus, way), count > 0 ? 0 : -1) << bus << " " << count;
+            EXPECT_EQ(log.empty(), bus == HOST_MUX_BUS_I2C || count >= 0) << log;
+        }
     }
-    port_platform_bus_deinit(HOST_MUX_BUS_I2C, fd);
 }
 
 TEST_F(PortPlatform, MallocGivesWritableMemoryOrNull) {
@@ -294,18 +269,12 @@ TEST_F(PortPlatform, DelaysSleepTheirMicroseconds) {
     EXPECT_EQ(wrapped.sleeps, (std::vector<useconds_t>{50, 3000}));
 }
 
-TEST_F(PortPlatform, SleepWaitsInSelectWithSecondsAndMicroseconds) {
-    port_platform_sleep_ms(2345);
-    ASSERT_EQ(wrapped.selects.size(), 1U);
-    EXPECT_EQ(wrapped.selects[0].tv_sec, 2);
-    EXPECT_EQ(wrapped.selects[0].tv_usec, 345000);
-    EXPECT_TRUE(wrapped.sleeps.empty());
-}
-
-TEST_F(PortPlatform, InterruptedSleepGoesOnWithTheTimeLeftUntilAnyOtherFailure) {
+TEST_F(PortPlatform, SleepWaitsInSelectAndGoesOnWithTheTimeLeftUntilAnyOtherFailureThanAnInterrupt) {
     wrapped.select_errors = {EINTR, EINTR, EINVAL};
-    port_platform_sleep_ms(900);
+    port_platform_sleep_ms(2900);
     ASSERT_EQ(wrapped.selects.size(), 3U);
+    EXPECT_TRUE(wrapped.sleeps.empty());
+    EXPECT_EQ(wrapped.selects[0].tv_sec, 2);
     EXPECT_EQ(wrapped.selects[0].tv_usec, 900000);
     EXPECT_EQ(wrapped.selects[1].tv_usec, 600000);
     EXPECT_EQ(wrapped.selects[2].tv_usec, 400000);
@@ -336,14 +305,10 @@ TEST_F(PortPlatform, SemaphoreStartsAtOneAndBlocksUntilGivenWhateverTheTimeout) 
     EXPECT_EQ(port_platform_give_semaphore(semaphore), 0);
     taker.join();
     EXPECT_TRUE(taken_after_given);
-    port_platform_destroy_samphore(&semaphore);
-}
-
-TEST_F(PortPlatform, DestroyedSemaphoreIsNull) {
-    port_platform_semaphore semaphore = port_platform_create_semaphore();
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
-    EXPECT_EQ(semaphore, nullptr);
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(capture_stdout([&] { port_platform_destroy_samphore(&semaphore); }), "");
+        EXPECT_EQ(semaphore, nullptr);
+    }
 }
 
 TEST_F(PortPlatform, MutexIsHeldUntilGiven) {
@@ -354,9 +319,10 @@ TEST_F(PortPlatform, MutexIsHeldUntilGiven) {
     EXPECT_EQ(port_platform_give_mutex(mutex), 0);
     EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
     EXPECT_EQ(port_platform_give_mutex(mutex), 0);
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
-    EXPECT_EQ(mutex, nullptr);
-    EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(capture_stdout([&] { port_platform_destroy_mutex(&mutex); }), "");
+        EXPECT_EQ(mutex, nullptr);
+    }
 }
 
 TEST_F(PortPlatform, FailedDestroyIsLoggedAndFrees) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -47,10 +48,15 @@ int32_t location_serial_port_gnss_write(const uint8_t* data, uint32_t length) {
 
 TEST(LocationCommand, BodyIsWrappedWithTalkerAndChecksum) {
     EXPECT_EQ(sent("590,2024,01,02,03,04,05", 35, 0), "$PZUL590,2024,01,02,03,04,05*2A\r\n");
-}
-
-TEST(LocationCommand, EmptyBodyIsSent) {
-    EXPECT_EQ(sent("", 10, 0), "$PZUL*" + checksum_of("PZUL") + "\r\n");
+    const string longest(347, '7');
+    const std::pair<string, string> rows[] = {{"", ""},
+                                              {"%s%n*\r\n", "%s%n*\r\n"}, // as it stands
+                                              {longest, longest},
+                                              {longest + "8", longest}, // cut, with the checksum of the cut text
+                                              {longest + string(5000, '9'), longest}};
+    for (const auto& [body, taken] : rows) {
+        EXPECT_EQ(sent(body, 1, 0), "$PZUL" + taken + "*" + checksum_of("PZUL" + taken) + "\r\n");
+    }
 }
 
 TEST(LocationCommand, ChecksumDigitsAreTwoAndUpperCase) {
@@ -60,49 +66,18 @@ TEST(LocationCommand, ChecksumDigitsAreTwoAndUpperCase) {
     }
 }
 
-TEST(LocationCommand, BodyGoesAsItStands) {
-    EXPECT_EQ(sent("%s%n*\r\n", 1, 0), "$PZUL%s%n*\r\n*" + checksum_of("PZUL%s%n*\r\n") + "\r\n");
-}
-
-TEST(LocationCommand, BodyOf347CharactersFits) {
-    const string body(347, '7');
-    EXPECT_EQ(sent(body, 1, 0), "$PZUL" + body + "*" + checksum_of("PZUL" + body) + "\r\n");
-}
-
-TEST(LocationCommand, LongerBodyIsCutWithTheChecksumOfTheCutText) {
-    const string cut(347, '7');
-    const string expected = "$PZUL" + cut + "*" + checksum_of("PZUL" + cut) + "\r\n";
-    EXPECT_EQ(sent(cut + "8", 1, 0), expected);
-    EXPECT_EQ(sent(cut + string(5000, '9'), 1, 0), expected);
-}
-
-TEST(LocationCommand, OneByteTakenIsSuccess) {
-    sent("1", 1, 0);
-}
-
 TEST(LocationCommand, NothingTakenIsFailure) {
     sent("1", 0, -1);
     sent("1", -1, -1);
 }
 
-TEST(LocationCommand, TextThatCannotBeFormattedIsReported) {
+TEST(LocationCommand, MissingBodyAndTextThatCannotBeFormattedAreReported) {
     fake = {};
-    int32_t result = 99;
-    const string log = capture_stdout([&] {
-        format_fault_arm(0);
-        result = location_command_send("590");
+    for (const char* body : {"590", static_cast<const char*>(nullptr)}) {
+        format_fault_arm(body == nullptr ? 9 : 0);
+        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(location_command_send(body), -1); }),
+                  "[LOCSERV] ERR: location_command_send get temp_buffer fail\n");
         format_fault_disarm();
-    });
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_command_send get temp_buffer fail\n");
-    EXPECT_TRUE(fake.written.empty());
-}
-
-TEST(LocationCommand, MissingBodyIsRefused) {
-    fake = {};
-    int32_t result = 99;
-    const string log = capture_stdout([&] { result = location_command_send(nullptr); });
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_command_send get temp_buffer fail\n");
+    }
     EXPECT_TRUE(fake.written.empty());
 }

@@ -7,6 +7,7 @@
 #include "support/capture.h"
 #include "support/format_fault.h"
 #include "support/private_dir.h"
+#include "support/thread_end.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +15,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <linux/spi/spidev.h>
 #include <pthread.h>
 #include <string>
@@ -184,24 +184,13 @@ TEST_F(SerialPort, ThreadCancelledInTheInitFinishesItFirst) {
     DeviceLog log;
     attach_log(&log);
     std::atomic<int32_t> result{-1};
-    const std::function<void()> body = [&] {
-        pthread_cancel(pthread_self());
-        result = location_serial_port_gnss_init();
-    };
-    pthread_t thread{};
     capture_stdout([&] {
-        ASSERT_EQ(pthread_create(
-                      &thread, nullptr,
-                      [](void* argument) -> void* {
-                          (*static_cast<const std::function<void()>*>(argument))();
-                          pthread_testcancel();
-                          return nullptr;
-                      },
-                      const_cast<std::function<void()>*>(&body)),
-                  0);
-        void* end = nullptr;
-        pthread_join(thread, &end);
-        EXPECT_EQ(end, PTHREAD_CANCELED);
+        EXPECT_EQ(end_of_thread([&] {
+                      pthread_cancel(pthread_self());
+                      result = location_serial_port_gnss_init();
+                      pthread_testcancel();
+                  }),
+                  PTHREAD_CANCELED);
     });
     EXPECT_EQ(result, 0);
     ASSERT_EQ(init(), 0);

@@ -141,24 +141,55 @@ string random_stream(std::mt19937& random) {
 
 } // namespace
 
-TEST(LocationFrame, NothingOrOneByteWaits) {
-    EXPECT_EQ(parse(""), "0:0");
-    EXPECT_EQ(parse("x"), "0:0");
-    EXPECT_EQ(parse("$"), "0:0");
-    EXPECT_EQ(parse("\x04"), "0:0");
+TEST(LocationFrame, BytesAsTheyAreTakenOrDropped) {
+    const string cut_short = "$GPGGA,1,2,3\r\n";
+    const string with_nul = sentence("GPTXT,a\0b,c"s);
+    const struct {
+        const char* what;
+        string data;
+        string expected; // type and count
+    } rows[] = {
+        {"nothing waits", "", "0:0"},
+        {"one byte too", "x", "0:0"},
+        {"a start too", "$", "0:0"},
+        {"of either kind", "\x04", "0:0"},
+        {"bytes without a start are dropped whole", "xy", "0:2"},
+        {"whatever they are", "xyz\r\n*00", "0:8"},
+        {"a whole buffer", string(kBufferSize, 'x'), "0:15360"},
+        {"noise before a sentence is dropped first", "xy" + kGga, "0:2"},
+        {"before half of one", "x$", "0:1"},
+        {"before a binary frame", "x" + binary("p"), "0:1"},
+        {"fewer than eleven bytes are not judged", "$GP1234567", "0:0"},
+        {"a wrong talker neither", "$XX1234567", "0:0"},
+        {"eleven are", "$XX12345678", "0:1"},
+        {"a sentence of eight bytes waits for three more", "$GP*17\r\n", "0:0"},
+        {"and is taken", "$GP*17\r\nabc", "1:8"},
+        {"no star waits however long", "$GPGGA," + string(kBufferSize - 7, '1'), "0:0"},
+        {"over line ends", "$GPGGA,1,2\r\n$GPGGA,1,2\r\n", "0:0"},
+        {"without its star a sentence swallows the next", cut_short + kGga,
+         result(FRAME_NONE, cut_short.size() + kGga.size())},
+        {"an early star ends it: bad checksum", "$GP*00\r\nabc", "0:8"},
+        {"of a response", "$PZUL*5C\r\nabc", "0:10"},
+        {"with a good one", sentence("PZUL") + "a", result(FRAME_PZUL, 10)},
+        {"the first star counts", "$GP*1*2\r\nabc", "0:1"},
+        {"a NUL is a byte like any other", with_nul, result(FRAME_NMEA, with_nul.size())},
+        {"four without a dollar is noise", "\x04\x04$", "0:1"},
+        {"before anything", "\x04x" + kGga, "0:2"},
+        {"as the last byte it goes with the noise", "x\x04", "0:2"},
+        {"behind itself too", "\x04\x04", "0:2"},
+        {"with a dollar it stays", "x\x04$", "0:1"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(parse(row.data), row.expected) << row.what;
+    }
 }
 
-TEST(LocationFrame, BytesWithoutAStartAreDroppedWhole) {
-    EXPECT_EQ(parse("xy"), "0:2");
-    EXPECT_EQ(parse("xyz\r\n*00"), "0:8");
-    EXPECT_EQ(parse(string(kBufferSize, 'x')), "0:15360");
-}
-
-TEST(LocationFrame, NoiseBeforeASentenceIsDroppedFirst) {
-    EXPECT_EQ(parse("xy" + kGga), "0:2");
-    EXPECT_EQ(parse(kGga), result(FRAME_NMEA, kGga.size()));
-    EXPECT_EQ(parse("x$"), "0:1");
-    EXPECT_EQ(parse("x" + binary("p")), "0:1");
+TEST(LocationFrame, UnknownTalkerDropsTheDollarSignOnly) {
+    for (const string& talker : {"XX"s, "GC"s, "gp"s, "PZUK"s, "PZu"s, "PQ"s, "\0G"s, "G$"s}) {
+        EXPECT_EQ(parse(sentence(talker + "ZDA,1,2,3")), "0:1") << talker;
+    }
+    const string data = sentence("XXZDA,1,2,3") + kGga;
+    EXPECT_EQ(parse(data.substr(1)), result(FRAME_NONE, sentence("XXZDA,1,2,3").size() - 1));
 }
 
 TEST(LocationFrame, EverySixTalkersAndPzulAreTaken) {
@@ -170,22 +201,6 @@ TEST(LocationFrame, EverySixTalkersAndPzulAreTaken) {
     EXPECT_EQ(parse(response), result(FRAME_PZUL, response.size()));
 }
 
-TEST(LocationFrame, UnknownTalkerDropsTheDollarSignOnly) {
-    for (const string& talker : {"XX"s, "GC"s, "gp"s, "PZUK"s, "PZu"s, "PQ"s, "\0G"s, "G$"s}) {
-        EXPECT_EQ(parse(sentence(talker + "ZDA,1,2,3")), "0:1") << talker;
-    }
-    const string data = sentence("XXZDA,1,2,3") + kGga;
-    EXPECT_EQ(parse(data.substr(1)), result(FRAME_NONE, sentence("XXZDA,1,2,3").size() - 1));
-}
-
-TEST(LocationFrame, FewerThanElevenBytesAreNotJudged) {
-    EXPECT_EQ(parse("$GP1234567"), "0:0");
-    EXPECT_EQ(parse("$XX1234567"), "0:0");
-    EXPECT_EQ(parse("$XX12345678"), "0:1");
-    EXPECT_EQ(parse("$GP*17\r\n"), "0:0") << "a sentence of eight bytes waits for three more";
-    EXPECT_EQ(parse("$GP*17\r\nabc"), "1:8");
-}
-
 TEST(LocationFrame, SentenceWaitsForItsTail) {
     for (size_t length = 11; length < kGga.size(); ++length) {
         ASSERT_EQ(parse(kGga.substr(0, length)), "0:0") << length;
@@ -194,28 +209,11 @@ TEST(LocationFrame, SentenceWaitsForItsTail) {
     EXPECT_EQ(parse(kGga + "$"), result(FRAME_NMEA, kGga.size()));
 }
 
-TEST(LocationFrame, SentenceWithoutAStarWaitsHoweverLong) {
-    EXPECT_EQ(parse("$GPGGA," + string(kBufferSize - 7, '1')), "0:0");
-    EXPECT_EQ(parse("$GPGGA,1,2\r\n$GPGGA,1,2\r\n"), "0:0");
-}
-
-TEST(LocationFrame, StarEarlyInTheSentenceEndsIt) {
-    EXPECT_EQ(parse("$GP*00\r\nabc"), "0:8") << "bad checksum: dropped whole";
-    EXPECT_EQ(parse("$PZUL*5C\r\nabc"), result(FRAME_NONE, 10)) << "bad checksum";
-    EXPECT_EQ(parse(sentence("PZUL") + "a"), result(FRAME_PZUL, 10));
-    EXPECT_EQ(parse("$GP*1*2\r\nabc"), "0:1") << "the first star counts";
-}
-
 TEST(LocationFrame, WrongChecksumDropsTheSentenceWhole) {
     string bad = kGga;
     bad[10] = static_cast<char>(bad[10] ^ 1);
     EXPECT_EQ(parse(bad), result(FRAME_NONE, bad.size()));
     EXPECT_EQ(parse(bad + kGga), result(FRAME_NONE, bad.size()));
-}
-
-TEST(LocationFrame, SentenceWithoutItsStarSwallowsTheNext) {
-    const string cut_short = "$GPGGA,1,2,3\r\n";
-    EXPECT_EQ(parse(cut_short + kGga), result(FRAME_NONE, cut_short.size() + kGga.size()));
 }
 
 TEST(LocationFrame, LowerCaseChecksumDropsTheDollarSignOnly) {
@@ -232,11 +230,6 @@ TEST(LocationFrame, WrongTailDropsTheDollarSignOnly) {
                               "*/0\r\n", "*@0\r\n"}) {
         EXPECT_EQ(parse(start + tail), "0:1") << tail;
     }
-}
-
-TEST(LocationFrame, NulBytesAreBytesLikeAnyOther) {
-    const string with_nul = sentence("GPTXT,a\0b,c"s);
-    EXPECT_EQ(parse(with_nul), result(FRAME_NMEA, with_nul.size()));
 }
 
 TEST(LocationFrame, BinaryFrameIsTaken) {
@@ -280,14 +273,6 @@ TEST(LocationFrame, WrongBinaryChecksumDropsTheFrameWhole) {
     frame = binary("payload");
     frame[2] = '\x12'; // the two bytes before the length are covered
     EXPECT_EQ(parse(frame), result(FRAME_NONE, frame.size()));
-}
-
-TEST(LocationFrame, FourWithoutDollarIsNoise) {
-    EXPECT_EQ(parse("\x04\x04$"), "0:1");
-    EXPECT_EQ(parse("\x04x" + kGga), "0:2");
-    EXPECT_EQ(parse("x\x04"), "0:2") << "as the last byte it is dropped with the noise";
-    EXPECT_EQ(parse("\x04\x04"), "0:2");
-    EXPECT_EQ(parse("x\x04$"), "0:1");
 }
 
 TEST(LocationFrame, BytesBehindTheLengthDoNotCount) {

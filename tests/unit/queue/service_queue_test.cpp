@@ -86,6 +86,11 @@ struct QueueTest : testing::Test {
         free(message.data);
         return number;
     }
+    static void free_all() {
+        while (info().msg_qnum > 0) {
+            free(receive().data);
+        }
+    }
     static void fill() {
         shrink();
         for (uint32_t i = 0; i < kSmallQueue; i++) {
@@ -104,17 +109,6 @@ void* send_one(void* /*unused*/) {
 
 } // namespace
 
-TEST_F(QueueTest, MessageArrivesWithIdDataAndLength) {
-    void* data = malloc(10);
-    location_service_task_send_message(SERVICE_FRAME_BINARY, data, 10);
-    EXPECT_EQ(info().__msg_cbytes, kBodySize);
-    const ServiceMessage message = receive();
-    EXPECT_EQ(message.id, SERVICE_FRAME_BINARY);
-    EXPECT_EQ(message.data, data);
-    EXPECT_EQ(message.length, 10U);
-    free(message.data);
-}
-
 TEST_F(QueueTest, RecordIsTypeOneAndTheMessageAsItLiesInMemory) {
     location_service_task_send_message(SERVICE_COMMAND, nullptr, 7);
     struct {
@@ -127,6 +121,15 @@ TEST_F(QueueTest, RecordIsTypeOneAndTheMessageAsItLiesInMemory) {
     EXPECT_EQ(record.body.id, SERVICE_COMMAND);
     EXPECT_EQ(record.body.data, nullptr);
     EXPECT_EQ(record.body.length, 7U);
+
+    void* data = malloc(10);
+    location_service_task_send_message(SERVICE_FRAME_BINARY, data, 10);
+    EXPECT_EQ(info().__msg_cbytes, kBodySize);
+    const ServiceMessage message = receive();
+    EXPECT_EQ(message.id, SERVICE_FRAME_BINARY);
+    EXPECT_EQ(message.data, data);
+    EXPECT_EQ(message.length, 10U);
+    free(message.data);
 }
 
 TEST_F(QueueTest, OpenThrowsAnOldQueueAwayWithItsMessages) {
@@ -196,17 +199,12 @@ TEST_F(QueueTest, OtherThreadsWaitForRoomAndLoseNothing) {
 
 TEST_F(QueueTest, SendToARemovedQueueFailsAlsoWhileWaiting) {
     fill();
+    free_all();
     for (uint32_t i = 0; i < kSmallQueue; i++) {
-        free(receive().data);
         location_service_task_send_message(SERVICE_START, nullptr, 0);
     }
-    std::atomic<bool> done = false;
     const std::string out = capture_stdout([&] {
-        std::thread sender([&] {
-            send_number(9);
-            done = true;
-        });
-        EXPECT_FALSE(done);
+        std::thread sender([&] { send_number(9); });
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
         sender.join();
     });
@@ -221,7 +219,6 @@ TEST_F(QueueTest, CancellationWhileWaitingFreesTheBlockAndSendsNothing) {
     void* result = nullptr;
     ASSERT_EQ(pthread_join(sender, &result), 0);
     EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_EQ(info().msg_qnum, kSmallQueue);
     for (uint32_t i = 0; i < kSmallQueue; i++) {
         EXPECT_EQ(number_of(receive()), i);
     }
@@ -243,18 +240,15 @@ TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
     });
     static std::atomic<uint32_t> next = 0;
     next = 0;
+    const auto send_on = [](void* /*unused*/) -> void* {
+        for (;;) {
+            send_number(next++);
+            pthread_testcancel();
+        }
+    };
     for (int round = 0; round < 200; round++) {
         pthread_t sender = {};
-        ASSERT_EQ(pthread_create(
-                      &sender, nullptr,
-                      [](void*) -> void* {
-                          for (;;) {
-                              send_number(next++);
-                              pthread_testcancel();
-                          }
-                      },
-                      nullptr),
-                  0);
+        ASSERT_EQ(pthread_create(&sender, nullptr, send_on, nullptr), 0);
         const uint32_t goal = next + static_cast<uint32_t>(round) % 7;
         while (next < goal) {
             std::this_thread::yield();
@@ -348,9 +342,7 @@ TEST_F(QueueTest, RequestsGiveUpWhenTheirCommonPatienceIsOver) {
     request();
     EXPECT_TRUE(sent);
     EXPECT_EQ(patience.until_us, 0U) << "it did not wait";
-    for (uint32_t i = 0; i < kSmallQueue; i++) {
-        free(receive().data);
-    }
+    free_all();
 }
 
 TEST_F(QueueTest, RequestsWaitNoLongerWhenPausesTakeLonger) {
@@ -363,9 +355,7 @@ TEST_F(QueueTest, RequestsWaitNoLongerWhenPausesTakeLonger) {
     g_late_us = 0;
     EXPECT_EQ(lines_of(log), kFailLine);
     EXPECT_LE(g_pauses - before, 4);
-    for (uint32_t i = 0; i < kSmallQueue; i++) {
-        free(receive().data);
-    }
+    free_all();
 }
 
 TEST_F(QueueTest, RemovedQueueIsMadeAgainAndItsStopsAreOver) {

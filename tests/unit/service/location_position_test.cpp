@@ -120,16 +120,13 @@ TEST_F(LocationPosition, GstAndEpeShowInTheNextBlock) {
     EXPECT_EQ(text_at(block, 82), "2.25");
 }
 
-TEST_F(LocationPosition, GgaAnywhereInTheSentenceSendsABlock) {
-    nmea("$GPXYZ,1,2,GGA,4*00\r\n");
-    EXPECT_EQ(world.replies.size(), 1U);
-}
-
-TEST_F(LocationPosition, ShortGgaSendsTheUnchangedRecord) {
+TEST_F(LocationPosition, ShortGgaOrItsNameAnywhereSendsTheUnchangedRecord) {
     nmea(kGga);
     nmea("$GPGGA,235959,1*00\r\n");
-    ASSERT_EQ(world.replies.size(), 2U);
+    nmea("$GPXYZ,1,2,GGA,4*00\r\n");
+    ASSERT_EQ(world.replies.size(), 3U);
     EXPECT_EQ(world.replies[1].payload, world.replies[0].payload);
+    EXPECT_EQ(world.replies[2].payload, world.replies[0].payload);
 }
 
 TEST_F(LocationPosition, GgaWithoutAPositionSendsNothing) {
@@ -182,9 +179,12 @@ TEST_F(LocationPosition, RequestOfTwoFieldsIsLoggedAndAnswered) {
     EXPECT_EQ(world.answered_before_reply, 1U) << "the chip comes first";
 }
 
-TEST_F(LocationPosition, RequestOfThreeFieldsIsNotAnError) {
-    const string sentence = "$PZUL10,3,0*00\r\n";
-    EXPECT_EQ(pzul(sentence), seen(sentence));
+TEST_F(LocationPosition, RequestOfThreeFieldsIsNoErrorAndWithoutAFileItIsNotAnswered) {
+    const string sentence = "$PZUL10,2,0*00\r\n";
+    EXPECT_EQ(pzul(sentence),
+              seen(sentence) + "[LOCSERV] ERR: location_service_get_position open fail, " + world.path +
+                  "\n[LOCSERV] INF: aiding reference position: 0.000000,0.000000,0.0,0.0,0.0,0.0,0.0\n");
+    EXPECT_TRUE(world.commands.empty());
     expect_passed_on(sentence);
 }
 

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sys/msg.h>
 #include <sys/socket.h>
 #include <thread>
@@ -87,8 +88,8 @@ struct ServiceTest : testing::Test {
     static Texts handle_text(uint32_t id, const std::string& text) {
         return handle(id, block(text), static_cast<uint32_t>(text.size()));
     }
-    static std::string handle_line(uint32_t id) {
-        return "[LOCSERV] INF: location_service_message_handle:" + std::to_string(id);
+    static std::string handle_line(const std::string& id) {
+        return "[LOCSERV] INF: location_service_message_handle:" + id;
     }
 
     PrivateDir dir;
@@ -98,7 +99,7 @@ struct ServiceTest : testing::Test {
 } // namespace
 
 TEST_F(ServiceTest, StartSendsBannerThenStartsDebugReceiveThreadAndPower) {
-    EXPECT_EQ(handle(SERVICE_START), (Texts{handle_line(0), "[LOCSERV] INF: location_service_start"}));
+    EXPECT_EQ(handle(SERVICE_START), (Texts{handle_line("0"), "[LOCSERV] INF: location_service_start"}));
     EXPECT_EQ(fakes_texts(), (Texts{"debug_start", "io_init", "power_on", "reply 0 0"}));
 
     ServiceMessage banner = {};
@@ -132,7 +133,7 @@ TEST_F(ServiceTest, StartWithoutMemoryForTheBannerGoesOnWithoutIt) {
 }
 
 TEST_F(ServiceTest, StopSwitchesOffClosesDebugAndEndsTheReceiveThread) {
-    EXPECT_EQ(handle(SERVICE_STOP), (Texts{handle_line(1), "[LOCSERV] INF: location_service_stop"}));
+    EXPECT_EQ(handle(SERVICE_STOP), (Texts{handle_line("1"), "[LOCSERV] INF: location_service_stop"}));
     EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "reply 1 0"}));
 }
 
@@ -149,7 +150,7 @@ TEST_F(ServiceTest, StopReportsTheReceiveThreadsResultAndALineThatIsStillOn) {
 }
 
 TEST_F(ServiceTest, DownloadStopsDownloadsSwitchesOffAndRepliesAfterAPause) {
-    EXPECT_EQ(handle(SERVICE_DOWNLOAD), (Texts{handle_line(2), "[LOCSERV] INF: location_service_stop",
+    EXPECT_EQ(handle(SERVICE_DOWNLOAD), (Texts{handle_line("2"), "[LOCSERV] INF: location_service_stop",
                                                "[LOCSERV] INF: location_service_download"}));
     EXPECT_EQ(fakes_texts(), (Texts{"power_off", "debug_close", "io_deinit", "firmware_download", "power_off",
                                     "reply 2 0"}));
@@ -171,103 +172,57 @@ TEST_F(ServiceTest, DownloadAnswersWithTheDriversResultOnly) {
 
 TEST_F(ServiceTest, SaveWritesTheStatesLocation) {
     strcpy(g_service_state.location.utc, "010203.000");
-    EXPECT_EQ(handle(SERVICE_SAVE_LOCATION), Texts{handle_line(3)});
+    EXPECT_EQ(handle(SERVICE_SAVE_LOCATION), Texts{handle_line("3")});
     EXPECT_EQ(fakes_texts(), (Texts{"save 010203.000", "reply 3 0"}));
     fakes_result("save", -1);
     handle(SERVICE_SAVE_LOCATION);
     EXPECT_EQ(fakes_texts().back(), "reply 3 4294967295");
 }
 
-TEST_F(ServiceTest, DebugOffStopsThePort) {
-    EXPECT_EQ(handle(SERVICE_DEBUG_OFF), Texts{handle_line(4)});
-    EXPECT_EQ(fakes_texts(), (Texts{"debug_stop", "reply 4 0"}));
-}
-
-TEST_F(ServiceTest, DebugRowsSwitchToTheirModes) {
+TEST_F(ServiceTest, EachMessageIsLoggedAndHandledInItsWay) {
+    const std::string failed = " 4294967295";
     const struct {
         uint32_t id;
-        std::string mode;
-    } rows[] = {{5, "1"}, {6, "2"}, {15, "3"}};
+        std::optional<std::string> text;
+        Texts calls;
+    } rows[] = {
+        {SERVICE_DEBUG_OFF, {}, {"debug_stop", "reply 4 0"}},
+        {SERVICE_DEBUG_FILE, {}, {"debug_mode 1", "reply 5 0"}},
+        {SERVICE_DEBUG_SERIAL, {}, {"debug_mode 2", "reply 6 0"}},
+        {SERVICE_DEBUG_TCP, {}, {"debug_mode 3", "reply 15 0"}},
+        {SERVICE_COMMAND, ",100,1", {"command ,100,1", "reply 7 0"}},
+        {SERVICE_COMMAND, {}, {"reply 7" + failed}},
+        {SERVICE_ASSIST, {}, {"xod_init 15 1", "reply 8 0"}},
+        {SERVICE_ASSIST_RESULT, "\4\3\2\1", {"reply 9 16909060"}},
+        {SERVICE_ASSIST_RESULT, "abc", {}}, // without its number it is not read
+        {SERVICE_ASSIST_RESULT, {}, {}},
+        {SERVICE_FRAME_NONE, "noise", {}},
+        {SERVICE_FRAME_NMEA, "$GPGGA*00\r\n", {"nmea 11:$GPGGA*00\r\n", "reply 11 0 11:$GPGGA*00\r\n"}},
+        {SERVICE_FRAME_NMEA, {}, {"reply 11 0"}},
+        {SERVICE_FRAME_PZUL, "$PZUL1*00\n", {"pzul 10:$PZUL1*00\n"}}, // replies itself
+        {SERVICE_FRAME_PZUL, {}, {}},
+        {SERVICE_FRAME_BINARY, std::string(321, 'b'), {}},
+        {SERVICE_POSITION, "x", {}},
+        {16, "x", {}},
+        {4000000000U, "x", {}},
+    };
     for (const auto& row : rows) {
+        SCOPED_TRACE(row.id);
         fakes_reset();
-        EXPECT_EQ(handle(row.id), Texts{handle_line(row.id)});
-        EXPECT_EQ(fakes_texts(), (Texts{"debug_mode " + row.mode, "reply " + std::to_string(row.id) + " 0"}));
-        fakes_result("debug_mode", -1);
-        handle(row.id);
-        EXPECT_EQ(fakes_texts().back(), "reply " + std::to_string(row.id) + " 4294967295");
+        Texts lines = {handle_line(row.id == 4000000000U ? "-294967296" : std::to_string(row.id))};
+        if (row.id == SERVICE_FRAME_BINARY) {
+            lines.emplace_back("[LOCSERV] INF: [binary data]321");
+        }
+        EXPECT_EQ(row.text ? handle_text(row.id, *row.text) : handle(row.id), lines);
+        EXPECT_EQ(fakes_texts(), row.calls);
     }
-}
-
-TEST_F(ServiceTest, CommandGoesToTheChip) {
-    EXPECT_EQ(handle_text(SERVICE_COMMAND, ",100,1"), Texts{handle_line(7)});
-    EXPECT_EQ(fakes_texts(), (Texts{"command ,100,1", "reply 7 0"}));
-    fakes_result("command", -1);
-    handle_text(SERVICE_COMMAND, "");
-    EXPECT_EQ(fakes_texts().back(), "reply 7 4294967295");
-}
-
-TEST_F(ServiceTest, CommandWithoutABodyFails) {
-    handle(SERVICE_COMMAND);
-    EXPECT_EQ(fakes_texts(), Texts{"reply 7 4294967295"});
-}
-
-TEST_F(ServiceTest, AssistanceIsEnabledAndStartedForAllTypes) {
-    EXPECT_EQ(handle(SERVICE_ASSIST), Texts{handle_line(8)});
     EXPECT_EQ(g_service_state.xod_enabled, 1U);
-    EXPECT_EQ(fakes_texts(), (Texts{"xod_init 15 1", "reply 8 0"}));
-}
-
-TEST_F(ServiceTest, AssistanceResultIsReportedAsTheValue) {
-    const uint32_t result = 0x01020304;
-    void* data = malloc(sizeof result);
-    memcpy(data, &result, sizeof result);
-    EXPECT_EQ(handle(SERVICE_ASSIST_RESULT, data, sizeof result), Texts{handle_line(9)});
-    EXPECT_EQ(fakes_texts(), Texts{"reply 9 16909060"});
-}
-
-TEST_F(ServiceTest, AssistanceResultWithoutItsNumberIsNotRead) {
-    handle(SERVICE_ASSIST_RESULT);
-    handle(SERVICE_ASSIST_RESULT, malloc(3), 3);
-    EXPECT_EQ(fakes_texts(), Texts{});
-}
-
-TEST_F(ServiceTest, DroppedBytesAndPositionIdDoNothing) {
-    EXPECT_EQ(handle_text(SERVICE_FRAME_NONE, "noise"), Texts{handle_line(10)});
-    EXPECT_EQ(handle_text(SERVICE_POSITION, "x"), Texts{handle_line(14)});
-    EXPECT_EQ(fakes_texts(), Texts{});
-}
-
-TEST_F(ServiceTest, SentenceIsTrackedBeforeItIsPassedOn) {
-    EXPECT_EQ(handle_text(SERVICE_FRAME_NMEA, "$GPGGA*00\r\n"), Texts{handle_line(11)});
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea 11:$GPGGA*00\r\n", "reply 11 0 11:$GPGGA*00\r\n"}));
-}
-
-TEST_F(ServiceTest, SentenceWithoutDataIsNotTracked) {
-    handle(SERVICE_FRAME_NMEA);
-    EXPECT_EQ(fakes_texts(), Texts{"reply 11 0"});
-}
-
-TEST_F(ServiceTest, ChipResponseGoesToItsHandlerWhichRepliesItself) {
-    EXPECT_EQ(handle_text(SERVICE_FRAME_PZUL, "$PZUL1*00\n"), Texts{handle_line(12)});
-    EXPECT_EQ(fakes_texts(), Texts{"pzul 10:$PZUL1*00\n"});
-}
-
-TEST_F(ServiceTest, ChipResponseWithoutDataIsDropped) {
-    handle(SERVICE_FRAME_PZUL, nullptr, 20);
-    EXPECT_EQ(fakes_texts(), Texts{});
-}
-
-TEST_F(ServiceTest, BinaryFrameIsOnlyLogged) {
-    EXPECT_EQ(handle_text(SERVICE_FRAME_BINARY, std::string(321, 'b')),
-              (Texts{handle_line(13), "[LOCSERV] INF: [binary data]321"}));
-    EXPECT_EQ(fakes_texts(), Texts{});
-}
-
-TEST_F(ServiceTest, UnknownIdsAreLoggedAndFreed) {
-    EXPECT_EQ(handle_text(16, "x"), Texts{handle_line(16)});
-    EXPECT_EQ(handle_text(4000000000U, "x"),
-              Texts{"[LOCSERV] INF: location_service_message_handle:-294967296"});
-    EXPECT_EQ(fakes_texts(), Texts{});
+    fakes_result("debug_mode", -1);
+    fakes_result("command", -1);
+    for (const uint32_t id : {SERVICE_DEBUG_FILE, SERVICE_DEBUG_SERIAL, SERVICE_DEBUG_TCP, SERVICE_COMMAND}) {
+        handle_text(id, "");
+        EXPECT_EQ(fakes_texts().back(), "reply " + std::to_string(id) + failed);
+    }
 }
 
 TEST_F(ServiceTest, InitReplacesTheQueueDeletesTheLocationAndResetsTheState) {
@@ -283,15 +238,8 @@ TEST_F(ServiceTest, InitReplacesTheQueueDeletesTheLocationAndResetsTheState) {
     EXPECT_NE(g_service_state.msqid, old_queue);
     EXPECT_EQ(g_service_state.xod_enabled, 0U);
     EXPECT_FALSE(std::filesystem::exists(dir.path / "location.dat"));
-    EXPECT_EQ(lines_of(out), (Texts{"[LOCSERV] INF: location_service_task_main", handle_line(4)}));
+    EXPECT_EQ(lines_of(out), (Texts{"[LOCSERV] INF: location_service_task_main", handle_line("4")}));
     EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_stop", "reply 4 0"}));
-}
-
-TEST_F(ServiceTest, InitMakesTheQueueOpenToEverybody) {
-    capture_stdout([&] { init(); });
-    msqid_ds info = {};
-    ASSERT_EQ(msgctl(g_service_state.msqid, IPC_STAT, &info), 0);
-    EXPECT_EQ(info.msg_perm.mode & 0777U, 0666U);
 }
 
 TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndMakesItLater) {
@@ -309,17 +257,12 @@ TEST_F(ServiceTest, InitWithoutAQueueSaysSoAndMakesItLater) {
 
 TEST_F(ServiceTest, InitWithoutAThreadFails) {
     interpose_fail("pthread_create", 2, EAGAIN); // the first one is cancelled
+    g_service_state.response = nullptr;
     int32_t result = 0;
     const Texts lines = lines_of(capture_stdout([&] { result = location_service_init(fakes_response); }));
     EXPECT_EQ(result, -1);
     EXPECT_EQ(lines, Texts{"[LOCSERV] ERR: location_service_init, pthread_create fail"});
-}
-
-TEST_F(ServiceTest, CallbackIsThereBeforeTheThread) {
-    g_service_state.response = nullptr;
-    interpose_fail("pthread_create", 2, EAGAIN);
-    capture_stdout([] { location_service_init(fakes_response); });
-    EXPECT_EQ(g_service_state.response, &fakes_response);
+    EXPECT_EQ(g_service_state.response, &fakes_response) << "it is there before the thread";
 }
 
 TEST_F(ServiceTest, CommandBeforeAnAnnouncedStopFailsWithoutTheChip) {
@@ -338,23 +281,15 @@ TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
         ASSERT_TRUE(fakes_wait_for(9));
         location_service_task_send_message(SERVICE_FRAME_NMEA, block("$GPGGA"), 6);
         ASSERT_TRUE(fakes_wait_for(11));
-    });
-    EXPECT_EQ(fakes_texts(), (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_start", "io_init",
-                                    "power_on", "reply 0 0", "nmea 20:" + kBanner, "reply 11 0 20:" + kBanner,
-                                    "nmea 6:$GPGGA", "reply 11 0 6:$GPGGA"}));
-}
-
-TEST_F(ServiceTest, SecondStartSendsTheBannerAgain) {
-    capture_stdout([&] {
-        init();
         location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(9));
-        location_service_task_send_message(SERVICE_START, nullptr, 0);
-        ASSERT_TRUE(fakes_wait_for(15));
+        ASSERT_TRUE(fakes_wait_for(17));
     });
-    const Texts texts = fakes_texts();
-    EXPECT_EQ(texts[12], "reply 0 0");
-    EXPECT_EQ(texts[14], "reply 11 0 20:" + kBanner);
+    EXPECT_EQ(fakes_texts(),
+              (Texts{"nmea_path", "xod_mutex_init", "debug_init", "debug_start", "io_init", "power_on",
+                     "reply 0 0", "nmea 20:" + kBanner, "reply 11 0 20:" + kBanner, "nmea 6:$GPGGA",
+                     "reply 11 0 6:$GPGGA", "debug_start", "io_init", "power_on", "reply 0 0",
+                     "nmea 20:" + kBanner, "reply 11 0 20:" + kBanner}))
+        << "a second start sends the banner again";
 }
 
 TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {

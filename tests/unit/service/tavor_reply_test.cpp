@@ -170,6 +170,17 @@ struct ReplyTest : testing::Test {
         }
         return took;
     }
+    // From now on the reader takes what comes at once.
+    static void read_at_once(Reader& reader) {
+        reader.us_per_datagram = 0;
+        reader.free_at_us = kernel.now_us;
+    }
+    // What is kept arrives when the reader reads: it gets these values of the code.
+    void expect_arrives(Reader& reader, uint32_t code, const Values& values) {
+        read_at_once(reader);
+        EXPECT_FALSE(retry());
+        EXPECT_EQ(values_of(reader, code), values);
+    }
     // Fills the reader's queue, with sentences.
     void fill(Reader& reader) {
         let_read(reader);
@@ -355,8 +366,7 @@ TEST_F(ReplyTest, ResultForAClientThatPausesArrivesBeforeAnythingElse) {
     send_sentences(2);
     EXPECT_EQ(losses, lost + 2);
     EXPECT_TRUE(retry());
-    reader.us_per_datagram = 0;
-    reader.free_at_us = kernel.now_us;
+    read_at_once(reader);
     send(SERVICE_FRAME_NMEA, 99);
     let_read(reader);
     ASSERT_GE(reader.read.size(), 3U);
@@ -375,10 +385,7 @@ TEST_F(ReplyTest, KeptResultIsNotOvertakenByOneThatMayWait) {
     send(SERVICE_COMMAND, 1);
     stop_request_withdraw();
     send(SERVICE_COMMAND, 2);
-    reader.us_per_datagram = 0;
-    reader.free_at_us = kernel.now_us;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(reader, TAVOR_CODE_CHIP), (Values{1, 2}));
+    expect_arrives(reader, TAVOR_CODE_CHIP, (Values{1, 2}));
 }
 
 TEST_F(ReplyTest, KeptResultArrivesWithoutAnythingElseToSend) {
@@ -386,10 +393,7 @@ TEST_F(ReplyTest, KeptResultArrivesWithoutAnythingElseToSend) {
     fill(reader);
     send(SERVICE_SAVE_LOCATION, 7);
     EXPECT_TRUE(retry());
-    reader.us_per_datagram = 0;
-    reader.free_at_us = kernel.now_us;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(reader, TAVOR_CODE_SAVE_LOCATION), Values{7});
+    expect_arrives(reader, TAVOR_CODE_SAVE_LOCATION, Values{7});
     EXPECT_EQ(losses, 0U);
 }
 
@@ -400,8 +404,7 @@ TEST_F(ReplyTest, EachResultIsKeptAndNeitherSentenceNorPositionIs) {
         send(row.id, 7);
         const bool result = row.code != TAVOR_CODE_NMEA && row.code != TAVOR_CODE_POSITION;
         EXPECT_EQ(retry(), result) << row.code;
-        reader.us_per_datagram = 0;
-        reader.free_at_us = kernel.now_us;
+        read_at_once(reader);
         EXPECT_FALSE(retry());
         EXPECT_EQ(values_of(reader, row.code).empty() || values_of(reader, row.code).back() != 7, !result);
     }
@@ -415,9 +418,7 @@ TEST_F(ReplyTest, KeptResultGoesToItsAskerAndHoldsUpNobodyElse) {
     send(SERVICE_DEBUG_OFF, 8);
     EXPECT_TRUE(retry());
     EXPECT_EQ(values_of(other, TAVOR_CODE_DEBUG), Values{8});
-    asker.us_per_datagram = 0;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(asker, TAVOR_CODE_SAVE_LOCATION), Values{7});
+    expect_arrives(asker, TAVOR_CODE_SAVE_LOCATION, Values{7});
     EXPECT_TRUE(values_of(other, TAVOR_CODE_SAVE_LOCATION).empty());
 }
 
@@ -428,10 +429,8 @@ TEST_F(ReplyTest, SixteenResultsAreKeptAndTheOldestGivesWay) {
         send(SERVICE_COMMAND, i);
     }
     EXPECT_EQ(losses, 4U);
-    reader.us_per_datagram = 0;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(reader, TAVOR_CODE_CHIP),
-              (Values{4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19}));
+    expect_arrives(reader, TAVOR_CODE_CHIP,
+                   (Values{4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19}));
 }
 
 TEST_F(ReplyTest, KeptResultIsGivenUpAfterThirtySeconds) {
@@ -451,10 +450,7 @@ TEST_F(ReplyTest, OldResultIsTriedOnceMoreBeforeItIsGivenUp) {
     fill(reader);
     send(SERVICE_SAVE_LOCATION, 7); // afterwards the service is busy for a minute
     kernel.now_us += 60 * kSecond;
-    reader.us_per_datagram = 0;
-    reader.free_at_us = kernel.now_us;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(reader, TAVOR_CODE_SAVE_LOCATION), Values{7});
+    expect_arrives(reader, TAVOR_CODE_SAVE_LOCATION, Values{7});
     EXPECT_EQ(losses, 0U);
 }
 
@@ -466,8 +462,7 @@ TEST_F(ReplyTest, ResultThatIsKeptMeanwhileIsNotOvertakenByTheOneThatWaits) {
         tavor_reply_failed(SERVICE_DEBUG_TCP);
     };
     send(SERVICE_COMMAND, 5);
-    reader.us_per_datagram = 0;
-    reader.free_at_us = kernel.now_us;
+    read_at_once(reader);
     EXPECT_FALSE(retry());
     let_read(reader);
     ASSERT_GE(reader.read.size(), 2U);
@@ -509,9 +504,7 @@ TEST_F(ReplyTest, FailedRequestIsAnsweredBehindWhatIsKeptAndWithoutWaiting) {
     EXPECT_EQ(kernel.now_us, start);
     send(SERVICE_DEBUG_OFF, 1);
     tavor_reply_failed(SERVICE_DEBUG_TCP);
-    reader.us_per_datagram = 0;
-    EXPECT_FALSE(retry());
-    EXPECT_EQ(values_of(reader, TAVOR_CODE_CHIP), Values{TAVOR_VALUE_FAILED});
+    expect_arrives(reader, TAVOR_CODE_CHIP, Values{TAVOR_VALUE_FAILED});
     EXPECT_EQ(values_of(reader, TAVOR_CODE_DEBUG), (Values{TAVOR_VALUE_FAILED, 1, TAVOR_VALUE_FAILED}));
 }
 

@@ -203,6 +203,14 @@ struct TavorTest : testing::Test {
         }
         return -1;
     }
+    // What a reply logs.
+    static Texts reply() {
+        return lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); }));
+    }
+    static bool is_answered(const Client& client) {
+        reply();
+        return client.receive().has_value();
+    }
     // Makes the client the one that is answered.
     static void become_client(const Client& client) {
         client.send(TAVOR_REQUEST_DEBUG_OFF);
@@ -294,24 +302,21 @@ TEST_F(TavorTest, UnknownTypesAreLoggedAndNotAnswered) {
     EXPECT_TRUE(client.silent());
 }
 
-TEST_F(TavorTest, CommandOf512CharactersIsTakenAs511) {
+TEST_F(TavorTest, CommandsAsTheirDatagramsGiveThem) {
     const Client client(Address("c"));
-    client.send(8, std::string(512, 'x'));
-    EXPECT_EQ(take_command(), std::string(511, 'x'));
-}
-
-TEST_F(TavorTest, EmptyCommandIsEnqueuedWithLengthZero) {
-    const Client client(Address("c"));
-    client.send(8, "");
-    EXPECT_EQ(take_command(), "");
-}
-
-TEST_F(TavorTest, FourByteCommandTakesTheTextOfTheDatagramBefore) {
-    const Client client(Address("c"));
-    client.send(3, "left behind");
-    take();
-    client.send_bytes(std::string("\x08\0\0\0", 4));
-    EXPECT_EQ(take_command(), "left behind");
+    const std::string type("\x08\0\0\0", 4);
+    const struct {
+        std::string datagram;
+        std::string command;
+    } rows[] = {{type + ",1" + std::string(510, '\0'), ",1"},
+                {type + std::string(512, '\0'), ""},
+                {type + std::string(512, 'x'), std::string(511, 'x')},
+                {type + std::string(1996, 'y'), std::string(511, 'y')},
+                {type, std::string(511, 'y')}}; // the text of the one before
+    for (const auto& row : rows) {
+        client.send_bytes(row.datagram);
+        EXPECT_EQ(take_command(), row.command);
+    }
 }
 
 TEST_F(TavorTest, ShortDatagramsAreCompletedByTheOneBefore) {
@@ -326,12 +331,6 @@ TEST_F(TavorTest, ShortDatagramsAreCompletedByTheOneBefore) {
     EXPECT_EQ(take().id, SERVICE_SAVE_LOCATION);
     client.send_bytes(std::string("\x07\0\0", 3));
     EXPECT_EQ(take().id, SERVICE_DEBUG_TCP);
-}
-
-TEST_F(TavorTest, LongDatagramIsCutToARequest) {
-    const Client client(Address("c"));
-    client.send_bytes(std::string("\x08\0\0\0", 4) + std::string(1996, 'y'));
-    EXPECT_EQ(take_command(), std::string(511, 'y'));
 }
 
 TEST_F(TavorTest, CommandWithoutMemoryIsDroppedWithALine) {
@@ -387,22 +386,16 @@ TEST_F(TavorTest, PayloadIsZeroFilledAndCutTo512Bytes) {
     EXPECT_EQ(text_of(client.receive().value()), std::string(512, '\0'));
 }
 
-TEST_F(TavorTest, ReplyBeforeAnyRequestIsLoggedAndDropped) {
-    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_FRAME_NMEA, 0, "x", 1); })),
-              kSendError);
-}
-
-TEST_F(TavorTest, ReplyToAClientThatIsGoneIsLoggedAndDropped) {
+TEST_F(TavorTest, ReplyBeforeAnyRequestOrToAClientThatIsGoneIsLoggedAndDropped) {
+    EXPECT_EQ(reply(), kSendError);
     {
         const Client client(Address("c"));
         become_client(client);
     }
-    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
-              kSendError);
+    EXPECT_EQ(reply(), kSendError);
     const Client next(Address("n"));
     become_client(next);
-    tavor_send_response(SERVICE_START, 0, nullptr, 0);
-    EXPECT_TRUE(next.receive().has_value());
+    EXPECT_TRUE(is_answered(next));
 }
 
 TEST_F(TavorTest, SecondClientTakesOverAllOutput) {
@@ -415,17 +408,10 @@ TEST_F(TavorTest, SecondClientTakesOverAllOutput) {
     tavor_send_response(SERVICE_FRAME_NMEA, 0, "$2", 2);
     EXPECT_EQ(text_of(second.receive().value()).substr(0, 2), "$2");
     EXPECT_TRUE(first.silent());
-}
-
-TEST_F(TavorTest, UnknownRequestTakesTheOutputOverToo) {
-    const Client first(Address("first"));
-    const Client second(Address("second"));
-    become_client(first);
-    second.send(10);
+    first.send(10); // of an unknown type
     capture_stdout([] { EXPECT_EQ(tavor_receive(), 0); });
-    tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1);
-    EXPECT_TRUE(second.receive().has_value());
-    EXPECT_TRUE(first.silent());
+    EXPECT_TRUE(is_answered(first));
+    EXPECT_TRUE(second.silent());
 }
 
 TEST_F(TavorTest, LongerAddressThanTheOneBeforeIsCutForOneDatagram) {
@@ -440,29 +426,24 @@ TEST_F(TavorTest, LongerAddressThanTheOneBeforeIsCutForOneDatagram) {
 
     become_client(short_client);
     become_client(long_client);
-    tavor_send_response(SERVICE_START, 0, nullptr, 0);
-    EXPECT_TRUE(cut_client.receive().has_value());
+    EXPECT_TRUE(is_answered(cut_client));
     EXPECT_TRUE(long_client.silent());
 
     become_client(long_client);
-    tavor_send_response(SERVICE_START, 0, nullptr, 0);
-    EXPECT_TRUE(long_client.receive().has_value());
+    EXPECT_TRUE(is_answered(long_client));
     EXPECT_TRUE(cut_client.silent());
 }
 
 TEST_F(TavorTest, SenderWithoutAddressGetsNoReplyAndCutsTheNextOne) {
     const Client nameless;
     become_client(nameless);
-    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
-              kSendError);
+    EXPECT_EQ(reply(), kSendError);
 
     const Client client(Address("c"));
     become_client(client);
-    EXPECT_EQ(lines_of(capture_stdout([] { tavor_send_response(SERVICE_START, 0, nullptr, 0); })),
-              kSendError);
+    EXPECT_EQ(reply(), kSendError);
     become_client(client);
-    tavor_send_response(SERVICE_START, 0, nullptr, 0);
-    EXPECT_TRUE(client.receive().has_value());
+    EXPECT_TRUE(is_answered(client));
 }
 
 TEST_F(TavorTest, ClientWhosePathFillsTheAddressWithoutANulIsAnswered) {
@@ -474,8 +455,7 @@ TEST_F(TavorTest, ClientWhosePathFillsTheAddressWithoutANulIsAnswered) {
     const Client client(address);
     for (int i = 0; i < 2; i++) {
         become_client(client);
-        tavor_send_response(SERVICE_START, 0, nullptr, 0);
-        EXPECT_TRUE(client.receive().has_value()) << i;
+        EXPECT_TRUE(is_answered(client)) << i;
     }
 }
 
@@ -604,46 +584,4 @@ TEST_F(TavorTest, RequestsThatWaitTogetherShareHalfASecond) {
     });
     EXPECT_LE(Clock::now() - start, milliseconds(2000));
     EXPECT_EQ(queued(), before + 1) << "the stop";
-}
-
-TEST_F(TavorTest, DeafClientOfTheRealKernelCostsAboutASecond) {
-    const Client deaf(Address("deaf"));
-    const Client other(Address("other"));
-    become_client(deaf);
-    Clock::duration took{};
-    const auto send_until_lost = [&] {
-        const Clock::time_point start = Clock::now();
-        const auto lost = [] {
-            return !capture_stdout([] { tavor_send_response(SERVICE_FRAME_NMEA, 0, "$", 1); }).empty();
-        };
-        for (int i = 0; i < 20000 && !lost(); ++i) { // however long the kernel's queues are
-        }
-        took = Clock::now() - start;
-    };
-    send_until_lost();
-    EXPECT_GE(took, milliseconds(900));
-    send_until_lost();
-    EXPECT_LE(took, milliseconds(500));
-    become_client(other);
-    tavor_send_response(SERVICE_START, 0, nullptr, 0);
-    EXPECT_TRUE(other.receive().has_value());
-}
-
-TEST_F(TavorTest, SlowClientOfTheRealKernelLosesNothing) {
-    constexpr uint32_t kReplies = 600; // more than any usual queue
-    const Client client(Address("c"));
-    become_client(client);
-    const std::string out = capture_stdout([&] {
-        std::thread sender([] {
-            for (uint32_t i = 0; i < kReplies; i++) {
-                tavor_send_response(SERVICE_FRAME_NMEA, i, "$", 1);
-            }
-        });
-        for (uint32_t i = 0; i < kReplies; i++) {
-            std::this_thread::sleep_for(milliseconds(i == 5 ? 500 : 1)); // how slow it is
-            EXPECT_EQ(client.receive().value().value, i);
-        }
-        sender.join();
-    });
-    EXPECT_EQ(out, "");
 }
