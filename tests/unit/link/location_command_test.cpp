@@ -49,11 +49,12 @@ int32_t location_serial_port_gnss_write(const uint8_t* data, uint32_t length) {
 TEST(LocationCommand, BodyIsWrappedWithTalkerAndChecksum) {
     EXPECT_EQ(sent("590,2024,01,02,03,04,05", 35, 0), "$PZUL590,2024,01,02,03,04,05*2A\r\n");
     const string longest(347, '7');
-    const std::pair<string, string> rows[] = {{"", ""},
-                                              {"%s%n*\r\n", "%s%n*\r\n"}, // as it stands
-                                              {longest, longest},
-                                              {longest + "8", longest}, // cut, with the checksum of the cut text
-                                              {longest + string(5000, '9'), longest}};
+    const std::pair<string, string> rows[] = {
+        {"", ""},
+        {"%s%n*\r\n", "%s%n*\r\n"}, // as it stands
+        {longest, longest},
+        {longest + "8", longest}, // cut, with the checksum of the cut text
+        {longest + string(5000, '9'), longest}};
     for (const auto& [body, taken] : rows) {
         EXPECT_EQ(sent(body, 1, 0), "$PZUL" + taken + "*" + checksum_of("PZUL" + taken) + "\r\n");
     }
