@@ -19,6 +19,7 @@ const string kConfigureRead2 = "02 00 00 AA 55 01 00 00 00";
 const string kConfigureWrite2 = "04 00 00 AA 55 01 00 00 00";
 const string kWrite2 = "06 41 42";
 const string kRead2 = "81 00 00";
+const Lines kWoken = {"0C", "0E"};
 const string kGivenUp = "[E] download given up: another request waits and the chip makes no progress";
 
 struct SpimRetry : SpimTest {
@@ -29,11 +30,16 @@ struct SpimRetry : SpimTest {
     void read() {
         run([&] { spim_read(buffer.data(), 2); });
     }
-    // The slave that answers every data phase with this status.
-    static void fail_data_with(int status) {
-        spim_slave.status_after = [status](uint8_t last) {
-            return last == 0x06 || last == 0x81 ? status : last == 0x0E ? 0x01 : 0x04;
-        };
+    // Writes, then reads in the same state of things, and returns the frames of each.
+    std::pair<Lines, Lines> both(const std::deque<int>& statuses) {
+        start();
+        spim_slave.statuses = statuses;
+        write();
+        Lines written = frames_as_text();
+        spim_slave.frames.clear();
+        spim_slave.statuses = statuses;
+        read();
+        return {written, frames_as_text()};
     }
     // Statuses of a slave that takes each configuration at the 22nd try, when it has been woken, and reports
     // an error at each data phase.
@@ -61,23 +67,19 @@ Lines operator+(Lines left, const Lines& right) {
 
 } // namespace
 
-TEST_F(SpimRetry, WriteIsConfigurationAndData) {
+TEST_F(SpimRetry, TransactionIsConfigurationAndData) {
+    chip_sends({0x61, 0x62});
     write();
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
-
     EXPECT_EQ(spim_slave.has_rx, (std::vector<bool>{false, false}));
-    EXPECT_EQ(fake_clock.slept, (std::vector<int64_t>{3, 3}));
+    EXPECT_EQ(fake_clock.slept, (Times{3, 3}));
     EXPECT_EQ(log, Lines{});
-}
-
-TEST_F(SpimRetry, ReadIsConfigurationAndData) {
-    spim_slave.data = {0x61, 0x62};
     read();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureRead2, kRead2}));
-
-    EXPECT_EQ(buffer, spim_slave.data);
-    EXPECT_EQ(fake_clock.slept, (std::vector<int64_t>{80, 1}));
+    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2, kConfigureRead2, kRead2}));
+    EXPECT_EQ(buffer, (Bytes{0x61, 0x62}));
+    EXPECT_EQ(fake_clock.slept, (Times{3, 3, 80, 1}));
     EXPECT_EQ(log, Lines{});
+    EXPECT_EQ(violations(), 0U);
 }
 
 TEST_F(SpimRetry, LengthTravelsLessOne) {
@@ -107,9 +109,8 @@ TEST_F(SpimRetry, WhatFitsNoTransactionIsNotSent) {
 
 TEST_F(SpimRetry, FramesAreBuiltAnewInBothBitOrders) {
     for (const uint32_t order : {0U, 1U}) {
-        reopen(order);
-        spim_slave.frames.clear();
-        spim_slave.data = {0x01, 0x02};
+        start(order);
+        chip_sends({0x01, 0x02});
         spim_slave.statuses = {0x80, 0x04, 0x80, 0x20, 0x80, 0x04, 0x80, 0x20};
         write();
         read();
@@ -124,11 +125,9 @@ TEST_F(SpimRetry, FailedConfigurationFrameEndsTheOperation) {
     spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x02 || frame[0] == 0x04; };
     write();
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
-
     EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
     read();
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kConfigureRead2}));
-
     EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CR command failed"}));
     EXPECT_EQ(buffer, (Bytes{0x55, 0x55}));
 }
@@ -137,7 +136,6 @@ TEST_F(SpimRetry, FailedDataFrameEndsTheOperation) {
     spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x06 || frame[0] == 0x81; };
     write();
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
-
     EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send WR command failed"}));
     read();
     EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send dma failed"}));
@@ -152,28 +150,21 @@ TEST_F(SpimRetry, ConfigurationIsRepeatedUntilItIsTaken) {
 }
 
 TEST_F(SpimRetry, ConfigurationMissed21TimesWakesTheSlave) {
-    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
-    write();
-    EXPECT_EQ(frames_as_text(),
-              (times(21, {kConfigureWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
-    spim_slave.frames.clear();
-    spim_slave.statuses = std::deque<int>(5 * 21, 0x01);
-    read();
-    EXPECT_EQ(frames_as_text(), (times(21, {kConfigureRead2}) + Lines{"0C", "0E", kConfigureRead2, kRead2}));
+    const auto [written, read_frames] = both(std::deque<int>(5 * 21, 0x01));
+    EXPECT_EQ(written, (times(21, {kConfigureWrite2}) + kWoken + Lines{kConfigureWrite2, kWrite2}));
+    EXPECT_EQ(read_frames, (times(21, {kConfigureRead2}) + kWoken + Lines{kConfigureRead2, kRead2}));
 }
 
-TEST_F(SpimRetry, WriteGivesUpBehind11Wakeups) {
-    spim_slave.status_after = [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; };
+TEST_F(SpimRetry, AWriteGivesUpBehind11WakeupsAReadBehindOne) {
+    chip_has("never-ready", "on");
     write();
-    EXPECT_EQ(frames_as_text(), (times(11, times(21, {kConfigureWrite2}) + Lines{"0C", "0E"})));
+    EXPECT_EQ(frames_as_text(), (times(11, times(21, {kConfigureWrite2}) + kWoken)));
     EXPECT_EQ(log, (Lines{"[E] [SPIM] 1. SPI master CWR retry timeout, write failed\r", ""}));
-}
 
-TEST_F(SpimRetry, ReadGivesUpBehindOneWakeup) {
-    spim_slave.status_after = [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; };
+    start();
+    chip_has("never-ready", "on");
     read();
-    EXPECT_EQ(frames_as_text(),
-              (times(21, {kConfigureRead2}) + Lines{"0C", "0E"} + times(21, {kConfigureRead2})));
+    EXPECT_EQ(frames_as_text(), (times(21, {kConfigureRead2}) + kWoken + times(21, {kConfigureRead2})));
     EXPECT_EQ(fake_clock_slept(), 42 * 5 * 80 + 1 + 1 + 10);
     EXPECT_EQ(log, (Lines{"[E] 1. SPI master CRD retry timeout, read failed\r", ""}));
 }
@@ -186,31 +177,19 @@ TEST_F(SpimRetry, ErrorsAndFaultsOfAConfigurationAreMisses) {
 }
 
 TEST_F(SpimRetry, DataIsRepeatedFiveTimesThenTheSlaveIsWoken) {
-    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01};
-    write();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureWrite2} + times(6, {kWrite2}) + Lines{"0C", "0E", kConfigureWrite2, kWrite2}));
-    spim_slave.frames.clear();
-    spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01};
-    read();
-    EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureRead2} + times(6, {kRead2}) + Lines{"0C", "0E", kConfigureRead2, kRead2}));
+    const auto [written, read_frames] = both({0x04, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01});
+    EXPECT_EQ(written,
+              (Lines{kConfigureWrite2} + times(6, {kWrite2}) + kWoken + Lines{kConfigureWrite2, kWrite2}));
+    EXPECT_EQ(read_frames,
+              (Lines{kConfigureRead2} + times(6, {kRead2}) + kWoken + Lines{kConfigureRead2, kRead2}));
     EXPECT_EQ(log, Lines{});
 }
 
 TEST_F(SpimRetry, DataPhaseIsAwaited100Times) {
-    spim_slave.statuses = std::deque<int>(101, 0x04);
-    write();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2, kWrite2}));
-
-    EXPECT_EQ(fake_clock_slept(), 3 + 100 * 3 + 3);
-    fake_clock.slept.clear();
-    spim_slave.frames.clear();
-    spim_slave.statuses = std::deque<int>(101, 0x04);
-    read();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureRead2, kRead2, kRead2}));
-
-    EXPECT_EQ(fake_clock_slept(), 80 + 100 * 1 + 1);
+    const auto [written, read_frames] = both(std::deque<int>(101, 0x04));
+    EXPECT_EQ(written, (Lines{kConfigureWrite2, kWrite2, kWrite2}));
+    EXPECT_EQ(read_frames, (Lines{kConfigureRead2, kRead2, kRead2}));
+    EXPECT_EQ(fake_clock_slept(), (3 + 100 * 3 + 3) + (80 + 100 * 1 + 1));
 }
 
 TEST_F(SpimRetry, MissesStartAnewWithTheCommand) {
@@ -227,23 +206,19 @@ TEST_F(SpimRetry, MissesStartAnewWithTheCommand) {
 }
 
 TEST_F(SpimRetry, FailedDataCountsOnBehindAnErrorThatCountsForNone) {
-    const Lines woken = {"0C", "0E"};
     spim_slave.statuses = {0x04, 0x80, 0x80, 0x80, 0x80, 0x10, 0x01, 0x04, 0x80, 0x80, 0x01};
     write();
     EXPECT_EQ(frames_as_text(),
-              (Lines{kConfigureWrite2} + times(5, {kWrite2}) + Lines{"08 10"} + woken +
-               Lines{kConfigureWrite2} + times(2, {kWrite2}) + woken + Lines{kConfigureWrite2, kWrite2}));
+              (Lines{kConfigureWrite2} + times(5, {kWrite2}) + Lines{"08 10"} + kWoken +
+               Lines{kConfigureWrite2} + times(2, {kWrite2}) + kWoken + Lines{kConfigureWrite2, kWrite2}));
 }
 
-TEST_F(SpimRetry, WakeupsOfAWriteCountOverItsRestarts) {
+TEST_F(SpimRetry, WakeupsCountOverTheRestarts) {
     queue_rounds(11);
     write();
     EXPECT_EQ(frames_with(0x04), 10U * 22 + 21);
-    EXPECT_EQ(log.back(), "");
     EXPECT_EQ(log.at(0), "[E] [SPIM] 1. SPI master CWR retry timeout, write failed\r");
-}
-
-TEST_F(SpimRetry, WakeupsOfAReadCountOverItsRestarts) {
+    start();
     queue_rounds(2);
     read();
     EXPECT_EQ(frames_with(0x02), 22U + 21);
@@ -252,47 +227,43 @@ TEST_F(SpimRetry, WakeupsOfAReadCountOverItsRestarts) {
 
 TEST_F(SpimRetry, AnErrorThatPassesIsOvercomeWhileAStopWaits) {
     const StopRequest stop;
-    fail_data_with(0x10);
-    spim_slave.at_frame = [] {
-        if (frames_with(0x06) == 50 || frames_with(0x81) == 10) {
-            spim_slave.status_after = nullptr;
-        }
-    };
-    write();
-    EXPECT_EQ(frames_with(0x06), 50U);
-    EXPECT_TRUE(spim_write_taken());
-    spim_slave.frames.clear();
-    fail_data_with(0x10);
-    hdl_progress_mark();
-    read();
-    EXPECT_EQ(frames_with(0x81), 10U);
-    EXPECT_EQ(log, Lines{});
+    for (const uint8_t data : Bytes{0x06, 0x81}) {
+        start();
+        spim_slave.data_status = 0x10;
+        spim_slave.at_frame = [data] {
+            if (frames_with(data) == 10) {
+                spim_slave.data_status = std::nullopt;
+            }
+        };
+        data == 0x06 ? write() : read();
+        EXPECT_EQ(frames_with(data), 10U);
+        EXPECT_TRUE(data == 0x81 || spim_write_taken());
+        EXPECT_EQ(log, Lines{});
+    }
 }
 
 TEST_F(SpimRetry, EveryLoopEndsTwoSecondsAfterTheLastProgressWhenAStopWaits) {
     const StopRequest stop;
     const struct {
         const char* name;
-        std::function<int(uint8_t last)> status;
+        const char* fault; // of the chip
+        std::optional<int> data_status;
     } slaves[] = {
-        {"nobody", [](uint8_t) { return 0xFF; }},
-        {"never configured", [](uint8_t last) { return last == 0x0E ? 0x01 : 0x00; }},
-        {"never awake", [](uint8_t) { return 0x08; }},
-        {"errors",
-         [](uint8_t last) { return last == 0x06 || last == 0x81 ? 0x08
-                                   : last == 0x0E               ? 0x01
-                                                                : 0x04; }},
-        {"data never done", [](uint8_t last) { return last == 0x0E ? 0x01 : 0x04; }},
-        {"data at fault",
-         [](uint8_t last) { return last == 0x06 || last == 0x81 ? 0x80
-                                   : last == 0x0E               ? 0x01
-                                                                : 0x04; }},
+        {"nobody", "silence=on", {}},
+        {"never configured", "never-ready=on", {}},
+        {"never awake", "status-error=always:0x08", {}},
+        {"errors", nullptr, 0x08},
+        {"data never done", nullptr, 0x04},
+        {"data at fault", nullptr, 0x80},
     };
     for (const auto& slave : slaves) {
         for (const bool writes : {true, false}) {
-            hdl_progress_start();
-            fake_clock.slept.clear();
-            spim_slave.status_after = slave.status;
+            start();
+            if (slave.fault != nullptr) {
+                const string fault = slave.fault;
+                chip_has(fault.substr(0, fault.find('=')), fault.substr(fault.find('=') + 1));
+            }
+            spim_slave.data_status = slave.data_status;
             writes ? write() : read();
             EXPECT_GE(fake_clock_slept(), 2000) << slave.name << writes;
             EXPECT_LE(fake_clock_slept(), 2100) << slave.name << writes;
@@ -306,10 +277,10 @@ TEST_F(SpimRetry, EveryLoopEndsTwoSecondsAfterTheLastProgressWhenAStopWaits) {
 }
 
 TEST_F(SpimRetry, WithoutAStopNothingIsGivenUp) {
-    fail_data_with(0x80);
+    spim_slave.data_status = 0x80;
     spim_slave.at_frame = [] {
         if (frames_with(0x06) == 600) {
-            spim_slave.status_after = nullptr;
+            spim_slave.data_status = std::nullopt;
         }
     };
     write();
@@ -365,24 +336,24 @@ TEST_F(SpimRetry, ClosingTellsWhatWasLeftOutAndEndsTheRows) {
 }
 
 TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {
+    start(1);
     spim_close();
-    spim_slave = {};
     DownloadSettings settings = {};
     settings.spi_frequency = 1000;
     settings.spi_bit_order = 1;
     strcpy(settings.io_path, "/dev/spidev3.0");
-    spim_slave.port.bit_order = 1;
     EXPECT_TRUE(hdl_transport_open(settings));
-    EXPECT_STREQ(spim_slave.opened.at(0).path, "/dev/spidev3.0");
-    EXPECT_EQ(spim_slave.opened.at(0).max_speed_hz, 1000U);
-    EXPECT_EQ(spim_slave.opened.at(0).lsb_first, 0);
+    EXPECT_STREQ(spim_slave.opened.back().path, "/dev/spidev3.0");
+    EXPECT_EQ(spim_slave.opened.back().max_speed_hz, 1000U);
+    EXPECT_EQ(spim_slave.opened.back().lsb_first, 0);
     const uint8_t data[] = {0x41, 0x42};
     EXPECT_TRUE(hdl_transport_send(data, 2, 0));
-    spim_slave.data = {0x61, 0x62};
+    chip_sends({0x61, 0x62});
     EXPECT_EQ(hdl_transport_receive(buffer.data(), 2), 2U);
-    EXPECT_EQ(buffer, spim_slave.data);
+    EXPECT_EQ(buffer, (Bytes{0x61, 0x62}));
     EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2, kConfigureRead2, kRead2}));
 
+    spim_slave.closed.clear();
     hdl_transport_close();
     hdl_transport_close();
     EXPECT_EQ(spim_slave.closed.size(), 1U);

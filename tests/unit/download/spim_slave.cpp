@@ -14,6 +14,7 @@ namespace {
 
 constexpr int32_t kDescriptor = 7;
 
+Chip chip;
 uint8_t last_command = 0; // that a status speaks of
 
 uint8_t reversed(uint8_t byte) {
@@ -29,17 +30,14 @@ uint8_t on_wire(uint8_t byte) {
     return spim_slave.port.bit_order == 1 ? reversed(byte) : byte;
 }
 
-int obedient_status(uint8_t last) {
-    switch (last) {
-    case 0x02:
-    case 0x04:
-        return 0x05;
-    case 0x06:
-    case 0x81:
-        return 0x21;
-    default:
-        return 0x01;
-    }
+uint64_t now_us() {
+    return static_cast<uint64_t>(fake_clock.now_ms - kFakeNoonMs) * 1000;
+}
+
+Bytes chip_answer(const Bytes& frame) {
+    Bytes rx(frame.size());
+    chip_spi_transfer(chip, frame.data(), rx.data(), static_cast<uint32_t>(frame.size()), now_us());
+    return rx;
 }
 
 int next_status() {
@@ -48,7 +46,8 @@ int next_status() {
         spim_slave.statuses.pop_front();
         return status;
     }
-    return spim_slave.status_after ? spim_slave.status_after(last_command) : obedient_status(last_command);
+    const bool data = last_command == 0x06 || last_command == 0x81;
+    return data && spim_slave.data_status ? *spim_slave.data_status : chip_answer({0x0A, 0x00})[1];
 }
 
 int32_t answer_status(uint8_t* rx, uint32_t len) {
@@ -69,10 +68,9 @@ int32_t take_frame(const Bytes& frame, uint8_t* rx) {
     if (spim_slave.fails(frame)) {
         return spim_slave.failed_result;
     }
-    if (frame[0] == 0x81) {
-        for (size_t i = 1; i < frame.size(); ++i) {
-            rx[i] = on_wire(i <= spim_slave.data.size() ? spim_slave.data[i - 1] : uint8_t{0xEE});
-        }
+    const Bytes answer = chip_answer(frame);
+    if (rx != nullptr) {
+        std::transform(answer.begin(), answer.end(), rx, on_wire);
     }
     return static_cast<int32_t>(frame.size());
 }
@@ -104,11 +102,7 @@ int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf
 }
 
 SpimTest::SpimTest() {
-    fake_clock_start();
-    hdl_progress_start();
-    spim_slave = {};
-    last_command = 0;
-    spim_open(spim_slave.port);
+    start();
 }
 
 SpimTest::~SpimTest() {
@@ -116,14 +110,37 @@ SpimTest::~SpimTest() {
     fake_clock_stop();
 }
 
-int32_t SpimTest::reopen(uint32_t bit_order) {
-    spim_close();
+int32_t SpimTest::start(uint32_t bit_order) {
+    capture_stdout([] { spim_close(); });
+    fake_clock_start();
+    hdl_progress_start();
+    spim_slave = {};
     spim_slave.port.bit_order = bit_order;
+    last_command = 0;
+    ChipOptions options;
+    options.source = ChipSource::none;
+    options.sleepy_polls = 0;
+    chip = {};
+    chip_init(chip, options);
+    chip_power(chip, true, 0);
+    chip_answer({0x0A, 0x00}); // a frame of this transport keeps the chip in its boot ROM
     return spim_open(spim_slave.port);
 }
 
 void SpimTest::run(const std::function<void()>& body) {
     log = without_stamps(capture_stdout(body));
+}
+
+void SpimTest::chip_sends(const Bytes& data) {
+    chip_spim_send(chip.spim, data, 0);
+}
+
+void SpimTest::chip_has(const std::string& fault, const std::string& value) {
+    EXPECT_EQ(chip_fault(chip, fault, value, now_us()), "");
+}
+
+uint64_t SpimTest::violations() {
+    return chip_status(chip).violations;
 }
 
 Lines frames_as_text() {

@@ -1,7 +1,8 @@
-// A chip's SPI slave below the download's transport: the functions of the SPI device.
+// The board's chip below the download's transport, in the place of the SPI device.
 #ifndef TAVOR_TESTS_SPIM_SLAVE_H
 #define TAVOR_TESTS_SPIM_SLAVE_H
 
+#include "chip/chip.h"
 #include "device/location_spi.h"
 #include "download/spim.h"
 #include "support/bytes.h"
@@ -10,10 +11,12 @@
 #include <deque>
 #include <functional>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <vector>
 
 using Lines = std::vector<std::string>;
+using Times = std::vector<int64_t>;
 
 inline constexpr int kFails = -1; // a status read that moves nothing
 
@@ -31,13 +34,12 @@ struct SpimSlave {
     uint32_t status_reads = 0;
     std::vector<bool> has_rx;
 
-    // Answers to the next status reads; then those of a slave that does what it is told.
+    // Answers to the next status reads, and to each behind a data frame; then the chip's own.
     std::deque<int> statuses;
+    std::optional<int> data_status;
     std::function<bool(const Bytes& frame)> fails = [](const Bytes&) { return false; };
     int32_t failed_result = -1; // of a frame that fails
     std::function<void()> at_frame = [] {};
-    std::function<int(uint8_t last)> status_after; // of a slave of the test's own
-    Bytes data;                                    // that it sends
 };
 
 extern SpimSlave spim_slave;
@@ -46,10 +48,14 @@ struct SpimTest : testing::Test {
     SpimTest();
     ~SpimTest() override;
 
-    // Opens the transport anew with this bit order; returns what opening says.
-    static int32_t reopen(uint32_t bit_order);
+    // Opens the transport anew with this bit order, to a chip that is awake; returns what opening says.
+    static int32_t start(uint32_t bit_order = 0);
     // Runs the body with the log caught.
     void run(const std::function<void()>& body);
+    // What the chip has to say, and its faults.
+    static void chip_sends(const Bytes& data);
+    static void chip_has(const std::string& fault, const std::string& value);
+    static uint64_t violations();
 
     Lines log; // without stamps
 };
