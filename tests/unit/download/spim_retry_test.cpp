@@ -251,7 +251,8 @@ TEST_F(SpimRetry, EveryLoopEndsTwoSecondsAfterTheLastProgressWhenAStopWaits) {
     } slaves[] = {
         {"nobody", "silence=on", {}},
         {"never configured", "never-ready=on", {}},
-        {"never awake", "status-error=always:0x08", {}},
+        {"errors all the time", "status-error=always:0x08", {}},
+        {"never awake again", "asleep=on", 0x08},
         {"errors", nullptr, 0x08},
         {"data never done", nullptr, 0x04},
         {"data at fault", nullptr, 0x80},
