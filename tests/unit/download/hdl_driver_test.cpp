@@ -257,47 +257,45 @@ TEST_F(Driver, ADevicePathThatCantBeFormattedIsToldAndTheDownloadGoesOn) {
     EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_config_slave_chip, get io path fail\n"} + kGoodLog);
 }
 
-TEST_F(Driver, OnASerialLineAnotherVariantShowsItsIdentifierAndChangesTheSpeed) {
-    g_download_settings.link_type = HDL_LINK_UART;
-    g_download_settings.chip_variant = 0;
-    g_download_settings.high_speed = 1;
-    EXPECT_TRUE(hdl_download_flow());
-    EXPECT_EQ(Texts(g_fakes.calls.begin(), g_fakes.calls.begin() + 7),
-              (Texts{"load", "open", "handshake", "read_uid", "dump UID 16 15", "set_baudrate 921600",
-                     "set_registers"}));
-    EXPECT_EQ(Texts(g_fakes.log.begin(), g_fakes.log.begin() + 3),
-              (Texts{"[I] ========== Handshake pass ==========\n", "[I] ========== Read UID ==========\n",
-                     "[I] ========== Set BootROM baudrate pass ==========\n"}));
-}
-
-TEST_F(Driver, OnASerialLineVariantOneShowsNoIdentifier) {
-    g_download_settings.link_type = HDL_LINK_UART;
-    g_download_settings.chip_variant = 1;
-    EXPECT_TRUE(hdl_download_flow());
-    EXPECT_EQ(Texts(g_fakes.calls.begin(), g_fakes.calls.begin() + 5),
-              (Texts{"load", "open", "handshake", "set_baudrate 115200", "set_registers"}));
-}
-
-TEST_F(Driver, SerialStepsThatFailEndIt) {
-    g_download_settings.link_type = HDL_LINK_UART;
-    chip.fails = "read_uid";
-    EXPECT_FALSE(hdl_download_flow());
-    EXPECT_EQ(g_fakes.calls, (Texts{"load", "open", "handshake", "read_uid", "close"}));
-    EXPECT_EQ(g_fakes.log, Texts{kGoodLog[1]});
-
-    SetUp();
-    g_download_settings.link_type = HDL_LINK_UART;
-    g_download_settings.chip_variant = 1;
-    chip.fails = "set_baudrate";
-    EXPECT_FALSE(hdl_download_flow());
-    EXPECT_EQ(g_fakes.calls, (Texts{"load", "open", "handshake", "set_baudrate 115200", "close"}));
-    EXPECT_EQ(g_fakes.log, Texts{kGoodLog[1]});
-}
-
-TEST_F(Driver, TheThirdLinkHasNoSerialSteps) {
-    g_download_settings.link_type = HDL_LINK_OTHER;
-    EXPECT_TRUE(hdl_download_flow());
-    EXPECT_EQ(g_fakes.calls, kBrom + kFlash + Texts{"close"});
+TEST_F(Driver, ASerialLineIsMadeFasterAndTheIdentifierOfAnotherVariantShown) {
+    const Texts opened = {"load", "open", "handshake"};
+    const struct {
+        uint32_t link;
+        uint32_t variant;
+        const char* fails; // nullptr: nothing
+        Texts calls;       // behind the handshake
+        Texts log;         // then
+    } rows[] = {
+        {HDL_LINK_UART,
+         0,
+         nullptr,
+         {"read_uid", "dump UID 16 15", "set_baudrate 921600", "set_registers"},
+         {"[I] ========== Read UID ==========\n", "[I] ========== Set BootROM baudrate pass ==========\n"}},
+        {HDL_LINK_UART,
+         1,
+         nullptr,
+         {"set_baudrate 115200", "set_registers"},
+         {"[I] ========== Set BootROM baudrate pass ==========\n"}},
+        {HDL_LINK_UART, 0, "read_uid", {"read_uid", "close"}, {}},
+        {HDL_LINK_UART, 1, "set_baudrate", {"set_baudrate 115200", "close"}, {}},
+        {HDL_LINK_OTHER, 0, nullptr, {"set_registers"}, {}},
+    };
+    for (const auto& row : rows) {
+        SetUp();
+        g_download_settings.link_type = row.link;
+        g_download_settings.chip_variant = row.variant;
+        g_download_settings.high_speed = row.variant == 0 ? 1 : 0;
+        chip.fails = row.fails == nullptr ? "" : row.fails;
+        EXPECT_EQ(hdl_download_flow(), row.fails == nullptr);
+        const Texts calls = opened + row.calls;
+        const Texts log = Texts{kGoodLog[1]} + row.log;
+        if (row.fails == nullptr) { // the rest is as ever
+            g_fakes.calls.resize(calls.size());
+            g_fakes.log.resize(log.size());
+        }
+        EXPECT_EQ(g_fakes.calls, calls);
+        EXPECT_EQ(g_fakes.log, log);
+    }
 }
 
 TEST_F(Driver, AClockThatIsSetBackShowsANegativeTime) {

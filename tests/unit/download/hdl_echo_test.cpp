@@ -29,27 +29,21 @@ TEST_F(Echo, ReadWordsFollowTheOrderOfTheLink) {
     EXPECT_EQ(brom_link.asked, (std::vector<uint32_t>{2, 4, 2, 4, 2, 4}));
 }
 
-TEST_F(Echo, ReadU16PollsEvery20Ms) {
+TEST_F(Echo, ReadU16PollsEvery20MsForJustOverASecond) {
     brom_link.arriving = {{}, {}, {}, {0x12, 0x34}};
     uint16_t value = 0;
     EXPECT_TRUE(readU16(&value));
     EXPECT_EQ(value, 0x3412);
     EXPECT_EQ(fake_clock.slept, (Times{20, 20, 20}));
-}
-
-TEST_F(Echo, ReadU16GivesUpPastOneSecond) {
-    uint16_t value = 7;
-    EXPECT_FALSE(readU16(&value));
-    EXPECT_EQ(value, 7);
-    EXPECT_EQ(fake_clock_slept(), 1020); // at 1000 ms it has not passed yet
-    EXPECT_EQ(brom_link.asked.size(), 52U);
-}
-
-TEST_F(Echo, ReadU16GivesUpOneMillisecondPastOneSecond) {
-    brom_link.at_receive = [] { fake_clock.now_ms += brom_link.asked.size() == 51 ? 1 : 0; };
-    uint16_t value = 0;
-    EXPECT_FALSE(readU16(&value));
-    EXPECT_EQ(fake_clock_slept(), 1000);
+    for (const bool late : {false, true}) { // by a millisecond, at 1000 ms
+        fake_clock_start();
+        brom_link = {};
+        brom_link.at_receive = [late] { fake_clock.now_ms += late && brom_link.asked.size() == 51 ? 1 : 0; };
+        EXPECT_FALSE(readU16(&value));
+        EXPECT_EQ(value, 0x3412);
+        EXPECT_EQ(fake_clock_slept(), late ? 1000 : 1020);
+        EXPECT_EQ(brom_link.asked.size(), late ? 51U : 52U);
+    }
 }
 
 TEST_F(Echo, ReadU32TriesTwice) {
@@ -74,40 +68,46 @@ TEST_F(Echo, ShortWordIsFilledUpWithZeros) {
     EXPECT_EQ(whole, 0x5634U);
 }
 
-TEST_F(Echo, ByteComesBackAtOnce) {
-    EXPECT_TRUE(run([] { return echoU8(0xA0, 0xA0); }));
-    EXPECT_EQ(sent_as_text(), (Lines{"A0"}));
-    EXPECT_EQ(fake_clock.slept, (Times{20, 10}));
-    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xA0", "[I] echoU8 receiveChar 0xA0"}));
+TEST_F(Echo, ByteIsAwaitedTwice) {
+    const struct {
+        const char* what;
+        std::vector<Bytes> answer; // to 0xA0; 0x5F is awaited
+        Times slept;
+        bool logged;
+    } rows[] = {
+        {"at once", {{0x5F}}, {20, 10}, true},
+        {"late", {{}, {0x5F}}, {20, 20}, true},
+        {"never", {}, {20, 20}, false},
+        {"another, which is logged as the expected one", {{0x11}}, {20, 10}, true},
+    };
+    for (const auto& row : rows) {
+        fake_clock_start();
+        brom_link = {};
+        brom_link.answers[0] = row.answer;
+        const bool good = !row.answer.empty() && row.answer.back() == Bytes{0x5F};
+        EXPECT_EQ(run([] { return echoU8(0xA0, 0x5F); }), good) << row.what;
+        EXPECT_EQ(sent_as_text(), Lines{"A0"});
+        EXPECT_EQ(fake_clock.slept, row.slept) << row.what;
+        EXPECT_EQ(log, row.logged ? (Lines{"[I] echoU8 Send 0xA0", "[I] echoU8 receiveChar 0x5F"})
+                                  : (Lines{"[I] echoU8 Send 0xA0"}))
+            << row.what;
+    }
 }
 
-TEST_F(Echo, ByteComesBackLate) {
-    brom_link.answers[0] = {{}, {0x5F}};
-    EXPECT_TRUE(run([] { return echoU8(0xA0, 0x5F); }));
-    EXPECT_EQ(fake_clock.slept, (Times{20, 20}));
-    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xA0", "[I] echoU8 receiveChar 0x5F"}));
-}
-
-TEST_F(Echo, ByteNeverComesBack) {
-    brom_link.silent = true;
-    EXPECT_FALSE(run([] { return echoU8(0xA0, 0x5F); }));
-    EXPECT_EQ(fake_clock.slept, (Times{20, 20}));
-    EXPECT_EQ(brom_link.asked, (std::vector<uint32_t>{1, 1}));
-    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xA0"}));
-}
-
-TEST_F(Echo, WrongByteIsLoggedAsTheExpectedOne) {
-    brom_link.answers[0] = {{0x11}};
-    EXPECT_FALSE(run([] { return echoU8(0x5, 0xFA); }));
-    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0x5", "[I] echoU8 receiveChar 0xFA"}));
-}
-
-TEST_F(Echo, ByteThatCantBeSentIsNotAwaited) {
-    brom_link.failing_send = 0;
-    EXPECT_FALSE(run([] { return echoU8(0xA0, 0xA0); }));
-    EXPECT_TRUE(brom_link.asked.empty());
-    EXPECT_TRUE(fake_clock.slept.empty());
-    EXPECT_EQ(log, (Lines{"[I] echoU8 Send 0xA0"}));
+TEST_F(Echo, WhatCantBeSentIsNotAwaited) {
+    const std::pair<std::function<bool()>, const char*> echoes[] = {
+        {[] { return echoU8(1, 1); }, "[I] echoU8 Send 0x1"},
+        {[] { return echoU16(1, 1); }, "[I] echoU16 Send 0x1"},
+        {[] { return echoU32(1, 1); }, "[I] echoU32 Send 0x1"},
+    };
+    for (const auto& [echo, line] : echoes) {
+        brom_link = {};
+        brom_link.failing_send = 0;
+        EXPECT_FALSE(run(echo));
+        EXPECT_TRUE(brom_link.asked.empty());
+        EXPECT_TRUE(fake_clock.slept.empty());
+        EXPECT_EQ(log, Lines{line});
+    }
 }
 
 TEST_F(Echo, WordsTravelInTheOrderOfTheLink) {
@@ -121,37 +121,27 @@ TEST_F(Echo, WordsTravelInTheOrderOfTheLink) {
     }
 }
 
-TEST_F(Echo, ExpectationMayDifferFromWhatIsSent) {
-    brom_link.answers[0] = {word16(0x55)};
-    brom_link.answers[1] = {word32(0x66)};
-    EXPECT_TRUE(run([] { return echoU16(1, 0x55) && echoU32(2, 0x66); }));
-}
-
-TEST_F(Echo, WrongHalfWordFailsSilently) {
-    brom_link.answers[0] = {word16(0x1235)};
-    EXPECT_FALSE(run([] { return echoU16(0x1234, 0x1234); }));
-    EXPECT_EQ(log, (Lines{"[I] echoU16 Send 0x1234"}));
-}
-
-TEST_F(Echo, WrongWordIsLogged) {
-    brom_link.answers[0] = {word32(0xABC)};
-    EXPECT_FALSE(run([] { return echoU32(0x123, 0x123); }));
-    EXPECT_EQ(log,
-              (Lines{"[I] echoU32 Send 0x123", "[E] echoU32 want receiveChar 0x1238,  receiveChar 0xABC8"}));
-}
-
-TEST_F(Echo, MissingWordsFail) {
-    brom_link.silent = true;
-    EXPECT_FALSE(run([] { return echoU16(1, 1); }));
-    EXPECT_EQ(log, (Lines{"[I] echoU16 Send 0x1"}));
-    EXPECT_FALSE(run([] { return echoU32(1, 1); }));
-    EXPECT_EQ(log, (Lines{"[I] echoU32 Send 0x1"}));
-}
-
-TEST_F(Echo, WordsThatCantBeSentAreNotAwaited) {
-    brom_link.failing_send = 0;
-    EXPECT_FALSE(run([] { return echoU16(1, 1); }));
-    brom_link.failing_send = 1;
-    EXPECT_FALSE(run([] { return echoU32(1, 1); }));
-    EXPECT_TRUE(brom_link.asked.empty());
+TEST_F(Echo, WordsAreComparedWithWhatIsExpected) {
+    const struct {
+        std::function<bool()> echo;
+        std::vector<Bytes> answer;
+        bool result;
+        Lines log;
+    } rows[] = {
+        {[] { return echoU16(1, 0x55); }, {word16(0x55)}, true, {"[I] echoU16 Send 0x1"}},
+        {[] { return echoU32(2, 0x66); }, {word32(0x66)}, true, {"[I] echoU32 Send 0x2"}},
+        {[] { return echoU16(0x1234, 0x1234); }, {word16(0x1235)}, false, {"[I] echoU16 Send 0x1234"}},
+        {[] { return echoU32(0x123, 0x123); },
+         {word32(0xABC)},
+         false,
+         {"[I] echoU32 Send 0x123", "[E] echoU32 want receiveChar 0x1238,  receiveChar 0xABC8"}},
+        {[] { return echoU16(1, 1); }, {}, false, {"[I] echoU16 Send 0x1"}},
+        {[] { return echoU32(1, 1); }, {}, false, {"[I] echoU32 Send 0x1"}},
+    };
+    for (const auto& row : rows) {
+        brom_link = {};
+        brom_link.answers[0] = row.answer;
+        EXPECT_EQ(run(row.echo), row.result) << row.log[0];
+        EXPECT_EQ(log, row.log);
+    }
 }

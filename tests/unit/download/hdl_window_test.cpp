@@ -216,35 +216,34 @@ TEST_P(Flow, ResponsesMoveTheWindow) {
     }
 }
 
-TEST_P(Flow, ElevenBytesAreAskedFor) {
-    EXPECT_TRUE(run(1));
-    EXPECT_EQ(g_fakes.calls.back(), "receive 11");
-}
-
-TEST_P(Flow, AllAcknowledgedIsSeenWithoutAResponseToo) {
-    blocks = {{kFirst, 0x1000, 1, 1}};
-    EXPECT_TRUE(run_blocks());
-    EXPECT_EQ(g_fakes.log, Texts{});
-}
-
-TEST_P(Flow, AResponseThatAcknowledgesNothingTestsNothing) {
-    blocks = {{kFirst, 0x1000, 1, 1}};
-    g_fakes.arrives = {response(0)};
-    EXPECT_FALSE(run_blocks()); // and nothing is left to repeat
-    EXPECT_EQ(g_fakes.log, lines("r0 X"));
-}
-
-TEST_P(Flow, TheFirstOfTwoEqualAddressesIsAcknowledged) {
-    blocks = {{kFirst, 0x1000, 0, 0}, {kFirst, 0x1000, 0, 0}};
-    EXPECT_TRUE(run_blocks());
-    EXPECT_EQ(g_fakes.log, lines("s0 r0 s0 r0"));
-}
-
-TEST_P(Flow, ABlockThatIsSentAlreadyIsWaitedFor) {
-    blocks = {{address_of(0), 0x1000, 1, 0}, {address_of(1), 0x1000, 0, 0}};
-    g_fakes.arrives = {response(0)};
-    EXPECT_TRUE(run_blocks());
-    EXPECT_EQ(g_fakes.log, lines("r0 s1 r1"));
+TEST_P(Flow, ATableMayComeWithBlocksThatAreSentOrAcknowledged) {
+    const struct {
+        const char* what;
+        std::vector<FlashBlock> blocks;
+        std::deque<Bytes> arrives;
+        bool result;
+        const char* log;
+    } rows[] = {
+        {"all acknowledged", {{kFirst, 0x1000, 1, 1}}, {}, true, ""},
+        {"a response acknowledges nothing more", {{kFirst, 0x1000, 1, 1}}, {response(0)}, false, "r0 X"},
+        {"a block that was sent is waited for",
+         {{kFirst, 0x1000, 1, 0}, {address_of(1), 0x1000, 0, 0}},
+         {response(0)},
+         true,
+         "r0 s1 r1"},
+        {"the first of equal addresses is acknowledged",
+         {{kFirst, 0x1000, 0, 0}, {kFirst, 0x1000, 0, 0}},
+         {},
+         true,
+         "s0 r0 s0 r0"},
+    };
+    for (const auto& row : rows) {
+        SetUp();
+        blocks = row.blocks;
+        g_fakes.arrives = row.arrives;
+        EXPECT_EQ(run_blocks(), row.result) << row.what;
+        EXPECT_EQ(g_fakes.log, lines(row.log)) << row.what;
+    }
 }
 
 TEST_P(Flow, TheFirstSendIsTriedThreeTimes) {
@@ -318,28 +317,22 @@ TEST_P(EraseFlow, HasFortyFiveSecondsInAll) {
     g_fakes.log.clear();
     EXPECT_FALSE(run(2));
     EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 T"));
-}
-
-TEST_P(EraseFlow, TheLimitHoldsBeforeAWaitOnly) {
+    SetUp();
     delay_response(1, 50000);
-    EXPECT_TRUE(run(2));
+    EXPECT_TRUE(run(2)) << "the limit holds before a wait only";
 }
 
-TEST_P(EraseFlow, SilenceEndsInTheFirstPass) {
-    answer_nothing();
-    const int64_t start = g_fakes.now;
-    EXPECT_FALSE(run(100));
-    EXPECT_EQ(g_fakes.now - start, 46000);
-    EXPECT_EQ(g_fakes.sent.size(), 47U);
-    EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
-}
-
-TEST_P(EraseFlow, SilenceEndsInTheSecondPass) {
-    answer_nothing();
-    const int64_t start = g_fakes.now;
-    EXPECT_FALSE(run(40));
-    EXPECT_EQ(g_fakes.now - start, 46000);
-    EXPECT_EQ(Texts(g_fakes.log.end() - 3, g_fakes.log.end()), lines("R40 s0 T"));
+TEST_P(EraseFlow, SilenceEndsInEitherPass) {
+    for (const uint32_t count : {100U, 40U}) {
+        SetUp();
+        answer_nothing();
+        const int64_t start = g_fakes.now;
+        EXPECT_FALSE(run(count));
+        EXPECT_EQ(g_fakes.now - start, 46000);
+        EXPECT_EQ(g_fakes.sent.size(), count == 100 ? 47U : 41U);
+        EXPECT_EQ(Texts(g_fakes.log.end() - 3, g_fakes.log.end()),
+                  lines(count == 100 ? "s45 s46 T" : "R40 s0 T"));
+    }
 }
 
 TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
@@ -350,23 +343,8 @@ TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
     EXPECT_TRUE(run(1));
 }
 
-TEST_P(EraseFlow, AClockThatIsSetBackBeginsTheLimitAnew) {
-    answer_nothing();
-    set_clock_at_response(0, -3'600'000);
-    const int64_t start = g_fakes.now;
-    EXPECT_FALSE(run(100));
-    EXPECT_GT(g_fakes.now - start, 45000);
-    EXPECT_LT(g_fakes.now - start, 50000); // the wait for a response that had the step begins anew too
-    EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
-}
-
-TEST_P(EraseFlow, AClockThatIsSetBackDoesNotEndIt) {
-    set_clock_at_response(0, -3'600'000);
-    EXPECT_TRUE(run(2));
-}
-
-TEST_P(EraseFlow, AClockThatIsSetForwardDoesNotEndIt) {
-    for (const int64_t step_ms : {46'000, 60'000, 7'200'000}) {
+TEST_P(EraseFlow, AClockThatIsSetDoesNotEndIt) {
+    for (const int64_t step_ms : {-3'600'000, 46'000, 60'000, 7'200'000}) {
         SetUp();
         set_clock_at_response(0, step_ms);
         EXPECT_TRUE(run(3)) << step_ms;
@@ -375,7 +353,9 @@ TEST_P(EraseFlow, AClockThatIsSetForwardDoesNotEndIt) {
         answer_nothing();
         const int64_t start = g_fakes.now;
         EXPECT_FALSE(run(100));
+        EXPECT_GT(g_fakes.now - start, 45'000);
         EXPECT_LT(g_fakes.now - start, 50'000) << "its limit begins anew, once";
+        EXPECT_EQ(g_fakes.log.back(), "[E] format_sliding_window_flow TIMEOUT\n");
     }
 }
 
@@ -442,7 +422,7 @@ TEST_P(EraseFlow, SendsAddressLengthAndChecksum) {
     EXPECT_TRUE(run_blocks());
     EXPECT_EQ(g_fakes.sent,
               std::vector<Bytes>{with_crc({0x05, 0x5A, 14, 0, 0x04, 0x21, 0, 0, 1, 0, 0, 0, 1, 0})});
-    EXPECT_EQ(g_fakes.calls.front(), "send 18 flag 1");
+    EXPECT_EQ(g_fakes.calls, (Texts{"send 18 flag 1", "receive 11"}));
 }
 
 TEST_P(WriteFlow, HasOneSecondForEachBlock) {
@@ -522,5 +502,5 @@ TEST_P(WriteFlow, SendsTheImagesBytes) {
     EXPECT_EQ(g_fakes.sent, std::vector<Bytes>{with_crc(
                                 Bytes{0x05, 0x5A, 0x0C, 0x10, 0x00, 0x21, 0x00, 0xA0, 0x01, 0, 0, 0x10} +
                                 Bytes(4096, 'i'))});
-    EXPECT_EQ(g_fakes.calls.front(), "send 4112 flag 1");
+    EXPECT_EQ(g_fakes.calls, (Texts{"send 4112 flag 1", "receive 11"}));
 }
