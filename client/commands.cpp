@@ -7,6 +7,7 @@
 #include "client/position.h"
 #include "client/print.h"
 #include "client/session.h"
+#include "client/status.h"
 
 #include <algorithm>
 #include <cmath>
@@ -201,6 +202,9 @@ int run_send(Session& session) {
 int commands_run(const Options& options, int interrupt) {
     Session session = {options, {}, 0, 0, false};
     session.connection.interrupt = interrupt;
+    if (options.command == Command::kStatus) {
+        return status_run(session);
+    }
     if (options.command == Command::kDownload && options.check) {
         return download_check_run(session);
     }

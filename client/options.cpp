@@ -75,6 +75,11 @@ constexpr CommandRow kCommands[] = {
      "at before the request; what is wrong ends the command, and nothing is requested.\n\n"
      "Examples:\n  tavorctl download --check\n  tavorctl download --check --flash 0x08000000+0x200000\n"
      "  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
+    {"status", Command::kStatus, "Tell the state of daemon, chip and files without asking the daemon",
+     "Within 2 s. No request is sent, so nobody loses the daemon's output and no state changes: what stands here\n"
+     "comes from the lock and the socket, the power line, the log and the files. What can't be known says why.\n"
+     "Exit status 0: a daemon runs, 3: none does or that can't be told.\n\n"
+     "Examples:\n  tavorctl status\n  tavorctl status --log /tmp/tavor.log\n  tavorctl status --json | jq .daemon.version"},
 };
 
 std::string footer() {
@@ -167,6 +172,11 @@ void add_start_options(CLI::App& app, Options& options) {
     app.add_flag("--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
 }
 
+void add_log(CLI::App& app, Options& options) {
+    app.add_option("--log", options.log, "File that the daemon's log goes to (the journal of its service)")
+        ->type_name("FILE");
+}
+
 void add_own_options(CLI::App& app, Command command, Options& options) {
     switch (command) {
     case Command::kStart:
@@ -195,15 +205,16 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
         add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
         break;
     case Command::kDownload:
-        app.add_option("--log", options.log,
-                       "File that the daemon's log goes to (the journal of its service)")
-            ->type_name("FILE");
+        add_log(app, options);
         app.add_flag("--check", options.check, "Only look at list, agent and images; nothing is requested");
         app.add_flag("--force", options.force, "Request it without that look");
         app.add_option("--flash", options.flash_text,
                        "Where the flash lies, for that look: 0x08000000+0x200000")
             ->type_name("BEGIN+SIZE")
             ->check(CLI::Validator(check_flash, ""));
+        break;
+    case Command::kStatus:
+        add_log(app, options);
         break;
     default:
         break;

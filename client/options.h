@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-enum class Command { kStart, kStop, kWatch, kPosition, kSave, kSend, kDebug, kAssist, kDownload };
+enum class Command { kStart, kStop, kWatch, kPosition, kSave, kSend, kDebug, kAssist, kDownload, kStatus };
 
 // Where a flash lies in the chip's addresses.
 struct FlashRange {
@@ -32,10 +32,10 @@ struct Options {
     bool once = false;               // assist: end after the first full cycle
     std::string body;                // send
     std::string outlet;              // debug: off, file, serial or tcp
-    std::string log;                 // download: file with the daemon's log; empty: the journal
-    bool check = false;              // download: look at the files only
-    bool force = false;              // download: don't look at them
-    std::string flash_text;          // download: the text of flash
+    std::string log;        // status, assist, download: file with the daemon's log; empty: the journal
+    bool check = false;     // download: look at the files only
+    bool force = false;     // download: don't look at them
+    std::string flash_text; // download: the text of flash
     std::optional<FlashRange> flash; // download: none: its bounds are not known
 };
 

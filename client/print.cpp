@@ -84,17 +84,6 @@ std::string row(const char* label, const std::string& value) {
     return line + value + "\n";
 }
 
-std::string quality_text(const std::optional<int>& quality) {
-    constexpr std::array<const char*, 9> kQualities = {"none",      "autonomous", "differential",
-                                                       "PPS",       "RTK fixed",  "RTK float",
-                                                       "estimated", "manual",     "simulated"};
-    if (!quality) {
-        return std::string(kUnknown);
-    }
-    const auto index = static_cast<size_t>(*quality);
-    return index < kQualities.size() ? kQualities.at(index) : "quality " + std::to_string(*quality);
-}
-
 std::string position_line(const Position& p) {
     std::string line = "position: " + time_of_day(p.utc) + ", " + angle(p.latitude, " N", " S") + ", " +
                        angle(p.longitude, " E", " W") + ", height " + quantity(p.height, 1, " m");
@@ -172,6 +161,17 @@ std::string print_seconds(double seconds) {
     return text.data();
 }
 
+std::string print_quality(const std::optional<int>& quality) {
+    constexpr std::array<const char*, 9> kQualities = {"none",      "autonomous", "differential",
+                                                       "PPS",       "RTK fixed",  "RTK float",
+                                                       "estimated", "manual",     "simulated"};
+    if (!quality) {
+        return std::string(kUnknown);
+    }
+    const auto index = static_cast<size_t>(*quality);
+    return index < kQualities.size() ? kQualities.at(index) : "quality " + std::to_string(*quality);
+}
+
 std::string print_result(const Record& record) {
     const ResultText& text = kResultTexts.at(record.code);
     return std::string(record_ok(record) ? text.success : text.failure) + "\n";
@@ -243,7 +243,7 @@ std::string print_position(const Position& p, const PositionDetails& details) {
            row("orientation", quantity(p.orientation, 1, " deg")) +
            row("vertical uncertainty", quantity(p.verticalUncertainty, 1, " m")) +
            row("satellites used", fix.satellites ? std::to_string(*fix.satellites) : std::string(kUnknown)) +
-           row("fix", quality_text(fix.quality)) + row("position DOP", quantity(fix.pdop, 2, "")) +
+           row("fix", print_quality(fix.quality)) + row("position DOP", quantity(fix.pdop, 2, "")) +
            row("horizontal DOP", quantity(fix.hdop, 2, "")) + row("vertical DOP", quantity(fix.vdop, 2, "")) +
            row("speed", quantity(fix.speed, 1, " m/s")) + row("course", quantity(fix.course, 1, " deg")) +
            row("age", quantity(details.age_s, 1, " s"));

@@ -24,6 +24,9 @@ std::string print_safe(std::string_view text);
 // A number of seconds without useless digits: "5", "0.25".
 std::string print_seconds(double seconds);
 
+// The quality of a fix in words: "autonomous".
+std::string print_quality(const std::optional<int>& quality);
+
 // One line for people, with its line end.
 std::string print_line(const Record& record);
 

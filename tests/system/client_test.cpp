@@ -1,7 +1,9 @@
 // The client tool with the real daemon on the simulated board.
 #include "support/harness.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace {
 
@@ -43,4 +45,44 @@ TEST(ClientOnBoard, DownloadLooksAtItsFilesBeforeTheChipIsTouched) {
     EXPECT_EQ(written.status, 0) << written.err;
     EXPECT_EQ(written.out.rfind("firmware written\n1 image, 28673 bytes in ", 0), 0U) << written.out;
     EXPECT_NE(written.out.find("; the flash is 0x08000000+0x20000\n"), std::string::npos) << written.out;
+}
+
+TEST(ClientOnBoard, StatusTellsWhatGoesOnWithoutTakingTheOutput) {
+    const Scene scene({});
+    const std::string log = scene.board.directory.path / "daemon.log";
+    // As the daemon's own neighbour, so that it sees the power line.
+    const auto status = [&] {
+        const RunResult result =
+            run_program({TAVOR_BOARD_PROGRAM, "exec", "--dir", scene.board.directory.path, "--",
+                         TAVOR_CTL_PROGRAM, "status", "--json", "--log", log});
+        EXPECT_EQ(result.status, 0) << result.err;
+        return nlohmann::json::parse(result.out);
+    };
+    const auto off = status();
+    EXPECT_EQ(off.at("daemon").at("version"), TAVOR_VERSION_FOR_TEST);
+    EXPECT_EQ(off.at("daemon").at("pid"), scene.daemon.process->pid);
+    EXPECT_EQ(off.at("positioning"), false);
+    EXPECT_EQ(off.at("power"), false);
+    EXPECT_EQ(off.at("outlet"), "off");
+
+    const TestClient receiver(scene.board.socket_path());
+    EXPECT_EQ(receiver.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    EXPECT_EQ(receiver.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0);
+    ASSERT_TRUE(receiver.receive_code(TAVOR_CODE_POSITION));
+    nlohmann::json on;
+    EXPECT_TRUE(wait_until([&] { return (on = status()).at("fix").is_object(); })) << on.dump();
+    EXPECT_EQ(on.at("positioning"), true);
+    EXPECT_EQ(on.at("power"), true);
+    EXPECT_EQ(on.at("talks"), true);
+    EXPECT_EQ(on.at("outlet"), "file");
+    EXPECT_EQ(on.at("fix").at("quality"), 1);
+    EXPECT_EQ(on.at("download"), false);
+    EXPECT_TRUE(receiver.receive_code(TAVOR_CODE_NMEA)) << "the output still goes to its receiver";
+    EXPECT_EQ(scene.daemon.log().find("unkown message type"), std::string::npos);
+    EXPECT_EQ(scene.run({"status"}).status, 0);
+
+    scene.daemon.process->end(SIGKILL);
+    const RunResult gone = scene.run({"status"});
+    EXPECT_EQ(gone.status, 3);
+    EXPECT_NE(gone.out.find("daemon        not running\n"), std::string::npos) << gone.out;
 }

@@ -95,7 +95,7 @@ TEST(Options, HelpAndVersionGoToStandardOutputWithSuccess) {
     EXPECT_EQ(version.status, kExitSuccess);
     EXPECT_EQ(version.out, "tavorctl " TAVOR_VERSION_FOR_TEST "\n");
     for (const char* command :
-         {"start", "stop", "watch", "position", "save", "send", "debug", "assist", "download"}) {
+         {"start", "stop", "watch", "position", "save", "send", "debug", "assist", "download", "status"}) {
         const Parsed help = parse({command, "--help"});
         EXPECT_EQ(help.status, kExitSuccess) << command;
         EXPECT_NE(help.out.find(std::string("Examples:\n  tavorctl ") + command), std::string::npos)

@@ -1,0 +1,36 @@
+// What can be told of the daemon without asking it.
+#ifndef TAVOR_CLIENT_STATUS_H
+#define TAVOR_CLIENT_STATUS_H
+
+#include "client/daemon_files.h"
+#include "client/daemon_probe.h"
+#include "client/log_past.h"
+#include "client/session.h"
+
+#include <map>
+
+struct Status {
+    Place place;
+    DaemonProbe daemon;
+    std::optional<bool> positioning;
+    std::optional<bool> power; // level of the power line
+    int32_t power_line = 0;    // kGpioNotConfigured for none
+    std::optional<double> sentence_age_s;
+    std::optional<Fix> fix;
+    std::optional<double> fix_age_s;
+    std::optional<SavedLocation> saved; // the location file
+    std::optional<Outlet> outlet;
+    std::optional<std::vector<AssistanceFile>> assistance;
+    std::optional<bool> downloads;
+    std::string download_phase;
+    std::string log;                            // what was read, empty: nothing
+    std::map<std::string, std::string> unknown; // why a value is not known, by its key in JSON
+};
+
+// Whether the chip talks: a sentence came within the last five seconds. None: not known.
+std::optional<bool> status_talks(const Status& status);
+
+// Prints the state. Returns an exit status.
+int status_run(Session& session);
+
+#endif
