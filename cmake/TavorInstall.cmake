@@ -5,7 +5,10 @@ include(CMakePackageConfigHelpers)
 install(FILES packaging/tavor.service DESTINATION lib/systemd/system COMPONENT daemon)
 install(FILES packaging/tavor.sysusers DESTINATION lib/sysusers.d RENAME tavor.conf COMPONENT daemon)
 install(FILES packaging/tavor.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavor.conf COMPONENT daemon)
-install(FILES packaging/tavor.conf packaging/tavor.rules DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT daemon)
+install(FILES packaging/tavor-journal.conf DESTINATION lib/systemd/journald@tavor.conf.d RENAME 10-tavor.conf COMPONENT daemon)
+install(PROGRAMS packaging/tavor-service DESTINATION libexec/tavor COMPONENT daemon)
+install(FILES packaging/tavor.conf packaging/tavor.env packaging/tavor.rules packaging/tavor-user.conf
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT daemon)
 install(FILES docs/firmware.md docs/hardware.md docs/troubleshooting.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT daemon)
 
 install(FILES docs/tavor.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT daemon)

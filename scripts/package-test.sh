@@ -59,7 +59,7 @@ make_base() {
     [ ! -e "$work/base.done" ] || return 0
     echo "package-test: fetching the base system"
     rm -rf "$work/base" && mkdir -p "$work"
-    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus,libcurl4,libmbedcrypto7,libmicrohttpd12 \
+    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12 \
         bookworm "$work/base" >"$work/debootstrap.log" 2>&1 || skip "can't get the base system: $work/debootstrap.log"
     rm -rf "$work"/base/var/cache/apt/archives/*.deb
     touch "$work/base.done"

@@ -16,7 +16,7 @@ check() {
         echo "package-test: good  $what"
     else
         echo "package-test: BAD   $what"
-        journalctl --no-pager -n 15 -o cat -u tavor | sed 's/^/    /'
+        journalctl --no-pager -n 15 -o cat --namespace=+tavor -u tavor | sed 's/^/    /'
         tail -n 5 $log | sed 's/^/    /'
     fi
 }
@@ -43,6 +43,19 @@ restart_and_start() { systemctl restart tavor && tavorctl start; }
 list_files() { find / -xdev \( -path /test -o -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp \
     -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log/journal \) -prune -o -print | sort; }
 no_leftovers() { diff files.before files.after && [ -z "$(find /var/log/journal /run/log/journal -name '*tavor*' 2>/dev/null)" ]; }
+
+# Sentences come from the chip: nothing but the daemon fetches them.
+delivered() { tavor-board ctl --dir /run/board status --json | grep -o '"bytes_delivered":[0-9]*'; }
+talks() {
+    local before=$(delivered)
+    wait_for 15 eval '[ "$(delivered)" != "'"$before"'" ]'
+}
+set_resume() { sed -i "s/^TAVOR_RESUME=.*/TAVOR_RESUME=$1/" $home/service.env; }
+crash() {
+    local before=$(main_pid)
+    kill -KILL "$before"
+    wait_for 15 eval 'active && [ "$(main_pid)" != 0 ] && [ "$(main_pid)" != '"$before"' ]'
+}
 
 # The simulated board in the place of devices, for the service as it is installed otherwise.
 put_on_board() {
@@ -78,24 +91,72 @@ use() {
     check "started again: a member of the group gets a position" position_of_member
 }
 
+# Positioning after the end of a daemon.
+resume() {
+    tavorctl start >>$log
+    check "restart while positioning is on" systemctl restart tavor
+    check "restarted: positioning goes on" talks
+    check "crash while positioning is on: the service comes again" crash
+    check "crashed: positioning goes on" talks
+    tavorctl stop >>$log
+    systemctl restart tavor
+    check "restart behind a stop: the chip stays off" power_is off
+    check "crash behind a stop: the service comes again" crash
+    check "crashed behind a stop: the chip stays off" power_is off
+    tavorctl start >>$log
+    systemctl stop tavor && systemctl start tavor
+    check "stop and start of the service: the chip stays off" power_is off
+    set_resume no && tavorctl start >>$log && systemctl restart tavor
+    check "TAVOR_RESUME=no: the chip stays off" power_is off
+    set_resume always && systemctl restart tavor
+    check "TAVOR_RESUME=always: positioning begins" talks
+    set_resume restart
+}
+
+log_lines() { journalctl --quiet --no-pager -o cat "$@" | grep -c LOCSERV; }
+member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
+others_read() { setpriv --reuid nobody --clear-groups journalctl --quiet --no-pager -o cat --namespace=tavor | grep -q LOCSERV; }
+member_is_denied() { as_member tavorctl download 2>&1 | grep "can't be read"; }
+keep_journal() {
+    mkdir -p /etc/systemd/journald@tavor.conf.d
+    printf '[Journal]\nStorage=persistent\n' >/etc/systemd/journald@tavor.conf.d/keep.conf
+    command install -d -m 2750 -g tavor "/var/log/journal/$(cat /etc/machine-id).tavor"
+    systemctl restart systemd-journald@tavor
+    systemctl restart tavor
+    journalctl --namespace=tavor --flush
+    wait_for 10 eval 'ls /var/log/journal/*.tavor/system.journal && member_reads'
+}
+
+journal() {
+    check "the log: its own journal has it" [ "$(log_lines --namespace=tavor)" -gt 0 ]
+    check "the log: the system's journal has no line of it" [ "$(log_lines)" -eq 0 ]
+    check "the log: a member of the group reads it" member_reads
+    check "the log: others don't" not others_read
+    check "the log: the client tool reads it as the member" not member_is_denied
+    check "the log: kept over a restart of the machine, where that is wanted" keep_journal
+    rm -r /etc/systemd/journald@tavor.conf.d # the test's own
+}
+
 upgrade() {
-    local before=$(main_pid) conf=$(md5sum $home/tavor.conf)
+    local before=$(main_pid) conf=$(md5sum $home/tavor.conf $home/service.env)
     touch $home/xod/kept
+    tavorctl start >>$log
     check "upgrade" dpkg -i newer/*.deb
     check "upgraded: the new version is there" grep -q '+1$' <(dpkg-query -W -f '${Version}\n' tavor)
     check "upgraded: the service runs" active
     check "upgraded: it was restarted" [ "$(main_pid)" != "$before" ]
-    check "upgraded: the configuration is kept" [ "$(md5sum $home/tavor.conf)" = "$conf" ]
+    check "upgraded: the configuration is kept" [ "$(md5sum $home/tavor.conf $home/service.env)" = "$conf" ]
     check "upgraded: a file of the daemon is kept" test -e $home/xod/kept
+    check "upgraded: positioning goes on" talks
     check "upgraded: a member of the group gets a position" position_of_member
 }
 
 remove() {
-    local conf=$(md5sum $home/tavor.conf)
+    local conf=$(md5sum $home/tavor.conf $home/service.env)
     check "remove" apt-get -y -qq remove tavor
     check "removed: the service is gone" not active
     check "removed: the chip has no power" power_is off
-    check "removed: the configuration is kept" [ "$(md5sum $home/tavor.conf)" = "$conf" ]
+    check "removed: the configuration is kept" [ "$(md5sum $home/tavor.conf $home/service.env)" = "$conf" ]
 }
 
 purge() {
@@ -111,6 +172,8 @@ useradd member
 list_files >files.before
 install
 use
+resume
+journal
 upgrade
 remove
 purge
