@@ -61,27 +61,23 @@ TEST_F(XodDownload, WithoutFilesStartsInThreeSeconds) {
     EXPECT_EQ(xod_fakes.transfers.front(), (std::pair{0U, 1U}));
 }
 
-TEST_F(XodDownload, WithFreshFilesWaitsForThem) {
-    all_valid(60, 1000);
-    EXPECT_EQ(init(), kInit + kSixtyHours + init_started(62912000));
-    EXPECT_EQ(next_in(), 62912000);
-}
-
-TEST_F(XodDownload, FewerThan48HoursAreRefreshedAlmostAtOnce) {
-    all_valid(47, 1000);
-    EXPECT_EQ(init(), kInit + selected(47, 1000) + kSoonFromInit);
-    EXPECT_EQ(next_in(), 3000);
-    deinit();
-    all_valid(48, 1007);
-    // 3600 + 0 + 15 * 4 = 3660, & 7 = 4: 3660 + 4 * 3600
-    EXPECT_EQ(init(), kInit + selected(48, 1007) + next_time(18060000, 48, 1007) + init_started(18060000));
-}
-
-TEST_F(XodDownload, MoreThan72HoursAreAnErrorAndCountAs72) {
-    all_valid(100, 1008);
-    EXPECT_EQ(init(), kInit + selected(100, 1008) +
-                          "[LOCSERV] ERR: [XOD]valid hours > 72, check local time or xod file!\n" +
-                          next_time(90000000, 72, 1008) + init_started(90000000));
+TEST_F(XodDownload, InitWaitsForFreshFilesAndRefreshesOthersAlmostAtOnce) {
+    const string too_many = "[LOCSERV] ERR: [XOD]valid hours > 72, check local time or xod file!\n";
+    const struct {
+        int valid;
+        int end;
+        int delay;
+        string told;
+    } rows[] = {{47, 1000, 3000, ""},
+                {48, 1007, 18060000, next_time(18060000, 48, 1007)},
+                {60, 1000, 62912000, next_time(62912000, 60, 1000)},
+                {100, 1008, 90000000, too_many + next_time(90000000, 72, 1008)}}; // counts as 72
+    for (const auto& row : rows) {
+        all_valid(row.valid, static_cast<uint32_t>(row.end));
+        EXPECT_EQ(init(), kInit + selected(row.valid, row.end) + row.told + init_started(row.delay));
+        EXPECT_EQ(next_in(), row.delay);
+        deinit();
+    }
 }
 
 TEST_F(XodDownload, SecondInitWhileATimerIsArmedDoesNothing) {
@@ -182,13 +178,13 @@ TEST_F(XodDownload, ResultThatFindsNoMemoryIsNotSent) {
     all_valid(60, 1000);
     EXPECT_EQ(fire(), result_line(0, 1, 0) + kSixtyHours + next_started(62912000));
     EXPECT_TRUE(xod_fakes.messages.empty());
-}
-
-TEST_F(XodDownload, ItemThatFindsNoMemoryIsSkipped) {
+    deinit();
     init(15, 3);
+    xod_fakes.hours.clear();
+    xod_fakes.transfers.clear();
     fake_malloc_fails(2);
     fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}, {0, 3}}));
+    EXPECT_EQ(xod_fakes.transfers, (Transfers{{0, 1}, {0, 3}})) << "an item without memory is skipped";
 }
 
 TEST_F(XodDownload, DelayThatNoTimerTakesBecomesOneHour) {

@@ -67,7 +67,6 @@ const string kInit = "[LOCSERV] INF: [XOD]xod_download_init:15,1\n"
 const string kGood = "[LOCSERV] INF: [XOD]xod_download_handle_result:[0,1] 0\n";
 const string kFailed = "[LOCSERV] INF: [XOD]xod_download_handle_result:[0,1] -1\n"
                        "[LOCSERV] INF: [XOD]xod_download_handle_result,start retry timer:300000\n";
-const string kNoTimer = "[LOCSERV] ERR: [XOD]next download timer start fail\n";
 const string kScheduled = "[LOCSERV] INF: [XOD]valid:0,max:0\n"
                           "[LOCSERV] INF: [XOD]xod_download_get_next_download_time:3000 [0,0]\n"
                           "[LOCSERV] INF: [XOD]xod_download_handle, start next download timer:3000\n";
@@ -108,21 +107,6 @@ TEST_F(XodDownloadThreads, RetryThatIsArmedWhileInitReadsTheFilesStays) {
     EXPECT_EQ(retry_in(), 300000);
     EXPECT_EQ(next_in(), 62912000);
     EXPECT_EQ(timers_alive(), 2U);
-}
-
-TEST_F(XodDownloadThreads, WithoutTimersATransferThatFailsSaysSo) {
-    EXPECT_EQ(during(-1,
-                     [] {
-                         xod_fakes.failing_creates = {3, 4};
-                         xod_download_init(15, 1);
-                     }),
-              kInit + kNoTimer + kFailed +
-                  "[LOCSERV] WRN: [XOD]retry timer refused, next download timer started instead\n" +
-                  kNoTimer);
-    EXPECT_EQ(init(), kInit);
-    gate.open = true;
-    fire();
-    EXPECT_EQ(xod_fakes.transfers, Transfers(2, {0, 1}));
 }
 
 TEST_F(XodDownloadThreads, InitWhileDeinitReadsTheFilesStartsAgain) {

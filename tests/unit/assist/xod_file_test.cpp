@@ -135,14 +135,22 @@ TEST_F(XodFile, MissingFilesAndOtherTypesHaveNoHours) {
     }
 }
 
-TEST_F(XodFile, GpsFilesStartWithTheirHour) {
-    file("XOD_GR_3_1.DAT", word(0x07000000 | (kNowHour - 12)));
-    EXPECT_EQ(valid(XOD_GPS_GLONASS), 60);
-    EXPECT_EQ(end, kNowHour + 60);
-    file("XOD_GPS_3_1.DAT", word(kNowHour - 71));
-    EXPECT_EQ(valid(XOD_GPS), 1);
-    EXPECT_EQ(end, kNowHour + 1);
-    EXPECT_EQ(log, kNowLine);
+TEST_F(XodFile, HourStandsAtTheStartOfANumberedFileAndBehindTheHeaderOfAnother) {
+    const struct {
+        uint32_t type;
+        const char* name;
+        string content;
+        uint32_t left;
+    } rows[] = {{XOD_GPS_GLONASS, "XOD_GR_3_1.DAT", word(0x07000000 | (kNowHour - 12)), 60},
+                {XOD_GPS, "XOD_GPS_3_1.DAT", word(kNowHour - 71), 1},
+                {XOD_BEIDOU, "XOD_BDS_3.DAT", headed(0xC9000000 | (kNowHour - 2)), 70},
+                {XOD_GALILEO, "XOD_GAL_3.DAT", headed(kNowHour - 72), 0}};
+    for (const auto& row : rows) {
+        file(row.name, row.content);
+        EXPECT_EQ(valid(row.type), static_cast<int32_t>(row.left)) << row.name;
+        EXPECT_EQ(end, row.left == 0 ? 0 : kNowHour + row.left) << row.name;
+        EXPECT_EQ(log, kNowLine);
+    }
 }
 
 TEST_F(XodFile, HoursAreThoseOfUtcWhateverTheTimeZone) {
@@ -171,29 +179,22 @@ TEST_F(XodFile, LatestNumberedFileCounts) {
     EXPECT_EQ(valid(XOD_GPS_GLONASS, 0), 0);
 }
 
-TEST_F(XodFile, BeidouAndGalileoHaveTheirHourBehindTheHeader) {
-    file("XOD_BDS_3.DAT", headed(0xC9000000 | (kNowHour - 2)));
-    EXPECT_EQ(valid(XOD_BEIDOU), 70);
-    EXPECT_EQ(end, kNowHour + 70);
-    file("XOD_GAL_3.DAT", headed(kNowHour - 72));
-    EXPECT_EQ(valid(XOD_GALILEO), 0);
-    EXPECT_EQ(end, 0U);
-    EXPECT_EQ(log, kNowLine);
-}
-
-TEST_F(XodFile, ShortReadOfANumberedFileIsHourZero) {
-    for (const string content : {"", "\xFF\xFF\xFF"}) {
-        file("XOD_GR_3_1.DAT", content);
-        EXPECT_EQ(valid(XOD_GPS_GLONASS), 0);
-        EXPECT_EQ(log, kNowLine + "[LOCSERV] ERR: [XOD]xod_download_get_3d_valid_hours, fread fail\n");
-    }
-}
-
-TEST_F(XodFile, ShortReadOfAHeadedFileIsHourZero) {
-    for (const string& content : {string(), string(72, 'x'), string(75, '\xFF')}) {
-        file("XOD_GAL_3.DAT", content);
-        EXPECT_EQ(valid(XOD_GALILEO), 0);
-        EXPECT_EQ(log, kNowLine + "[LOCSERV] ERR: xod_download_get_3d_valid_hours, fread fail\n");
+TEST_F(XodFile, ShortReadIsHourZero) {
+    const struct {
+        uint32_t type;
+        const char* name;
+        string content;
+        string mark;
+    } rows[] = {{XOD_GPS_GLONASS, "XOD_GR_3_1.DAT", "", "[XOD]"},
+                {XOD_GPS_GLONASS, "XOD_GR_3_1.DAT", "\xFF\xFF\xFF", "[XOD]"},
+                {XOD_GALILEO, "XOD_GAL_3.DAT", "", ""},
+                {XOD_GALILEO, "XOD_GAL_3.DAT", string(72, 'x'), ""},
+                {XOD_GALILEO, "XOD_GAL_3.DAT", string(75, '\xFF'), ""}};
+    for (const auto& row : rows) {
+        file(row.name, row.content);
+        EXPECT_EQ(valid(row.type), 0);
+        EXPECT_EQ(log,
+                  kNowLine + "[LOCSERV] ERR: " + row.mark + "xod_download_get_3d_valid_hours, fread fail\n");
     }
 }
 
@@ -214,19 +215,15 @@ TEST_F(XodFile, FailedCloseIsLoggedAndTheHourCounts) {
     }
 }
 
-TEST_F(XodFile, ClockThatFailsLeavesTheEndUntouched) {
+TEST_F(XodFile, ClockThatFailsOrTellsNoDateLeavesTheEndUntouched) {
     file("XOD_GR_3_1.DAT", word(kNowHour));
-    world.now = -1;
-    EXPECT_EQ(valid(XOD_GPS_GLONASS), 0);
-    EXPECT_EQ(end, kUntouched);
-    EXPECT_EQ(log, "[LOCSERV] ERR: xod_download_get_3d_valid_hours time error\n");
-}
-
-TEST_F(XodFile, TimeThatIsNoDateLeavesTheEndUntouched) {
-    world.now = std::numeric_limits<time_t>::max();
-    EXPECT_EQ(valid(XOD_GPS_GLONASS), 0);
-    EXPECT_EQ(end, kUntouched);
-    EXPECT_EQ(log, "[LOCSERV] ERR: xod_download_get_3d_valid_hours gmtime error\n");
+    for (const auto& [now, failed] :
+         {std::pair(time_t{-1}, "time"), {std::numeric_limits<time_t>::max(), "gmtime"}}) {
+        world.now = now;
+        EXPECT_EQ(valid(XOD_GPS_GLONASS), 0);
+        EXPECT_EQ(end, kUntouched);
+        EXPECT_EQ(log, string("[LOCSERV] ERR: xod_download_get_3d_valid_hours ") + failed + " error\n");
+    }
 }
 
 TEST_F(XodFile, MutexThatCanNotBeMadeIsLogged) {

@@ -224,21 +224,15 @@ int __wrap_fseeko(FILE* file, off_t offset, int origin) {
 }
 }
 
-TEST_F(XodHostAiding, GpsSends32RecordsOfTheSegment) {
+TEST_F(XodHostAiding, GpsSends32RecordsOfTheSegmentAndGlonassThe24BehindThem) {
     file("XOD_GR_3_1.DAT", mixed_file());
-    for (const int32_t segment : {0, 1, 11}) {
-        EXPECT_EQ(aid(0, segment * 6 + 5), 1);
+    for (const uint32_t segment : {0, 1, 7, 11}) {
+        EXPECT_EQ(aid(0, static_cast<int32_t>(segment) * 6 + 5), 1);
         EXPECT_EQ(log, finish(0));
-        EXPECT_EQ(world.commands, gps_commands(static_cast<uint32_t>(segment)));
-    }
-}
-
-TEST_F(XodHostAiding, GlonassSends24RecordsBehindThoseOfGps) {
-    file("XOD_GR_3_1.DAT", mixed_file());
-    for (const int32_t segment : {0, 7, 11}) {
-        EXPECT_EQ(aid(1, segment * 6), 1);
+        EXPECT_EQ(world.commands, gps_commands(segment));
+        EXPECT_EQ(aid(1, static_cast<int32_t>(segment) * 6), 1);
         EXPECT_EQ(log, finish(1));
-        EXPECT_EQ(world.commands, glonass_commands(static_cast<uint32_t>(segment)));
+        EXPECT_EQ(world.commands, glonass_commands(segment));
     }
 }
 
@@ -267,6 +261,8 @@ TEST_F(XodHostAiding, MissingFilesAreLogged) {
         EXPECT_EQ(log, without_file(constellation));
     }
     EXPECT_TRUE(world.commands.empty());
+    expect_no_wait_for_fifo(dir.write("xod/XOD_GAL_3.DAT", ""), [&] { EXPECT_EQ(aid(2, 0), 0); });
+    EXPECT_EQ(log, without_file(2)) << "a FIFO in the place of a file is none";
 }
 
 TEST_F(XodHostAiding, HoursBehindTheFirstFileAreInTheSecond) {
@@ -465,11 +461,6 @@ TEST_F(XodHostAiding, NegativeTimeOfWeekIsInTheWeekBefore) {
     file("XOD_GR_3_1.DAT", mixed_file());
     EXPECT_EQ(aid_at(0, kWeek + 1, (48 + 6 - 168) * 3600), 1);
     EXPECT_EQ(world.commands, gps_commands(1));
-}
-
-TEST_F(XodHostAiding, FifoInPlaceOfAFileIsNone) {
-    expect_no_wait_for_fifo(dir.write("xod/XOD_GAL_3.DAT", ""), [&] { EXPECT_EQ(aid(2, 0), 0); });
-    EXPECT_EQ(log, without_file(2));
 }
 
 TEST_F(XodHostAiding, HostileTimesEndWithALine) {

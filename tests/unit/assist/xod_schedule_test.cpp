@@ -102,27 +102,22 @@ TEST(XodStartHour, IsTheLow24Bits) {
 }
 
 TEST(XodValidHours, AreThreeDaysFromTheStart) {
-    uint32_t end = 0;
-    EXPECT_EQ(xod_valid_hours(410000, 410000, &end), 72);
-    EXPECT_EQ(end, 410072U);
-    EXPECT_EQ(xod_valid_hours(410000, 410071, &end), 1);
-    EXPECT_EQ(end, 410072U);
-}
-
-TEST(XodValidHours, RunOut) {
-    uint32_t end = 99;
-    EXPECT_EQ(xod_valid_hours(410000, 410072, &end), 0);
-    EXPECT_EQ(end, 0U);
-    end = 99;
-    EXPECT_EQ(xod_valid_hours(0, 410072, &end), 0);
-    EXPECT_EQ(end, 0U);
-}
-
-TEST(XodValidHours, OfTheFutureExceedThreeDays) {
-    uint32_t end = 0;
-    EXPECT_EQ(xod_valid_hours(410028, 410000, &end), 100);
-    EXPECT_EQ(end, 410100U);
-    EXPECT_EQ(xod_valid_hours(0xFFFFFF, -87000, &end), 16777215 + 72 + 87000);
+    const struct {
+        uint32_t start;
+        int32_t now;
+        int32_t valid;
+        uint32_t end;
+    } rows[] = {{410000, 410000, 72, 410072},
+                {410000, 410071, 1, 410072},
+                {410000, 410072, 0, 0}, // has run out
+                {0, 410072, 0, 0},
+                {410028, 410000, 100, 410100}, // begins in the future
+                {0xFFFFFF, -87000, 16777215 + 72 + 87000, 16777215 + 72}};
+    for (const auto& row : rows) {
+        uint32_t end = 99;
+        EXPECT_EQ(xod_valid_hours(row.start, row.now, &end), row.valid) << row.start << ' ' << row.now;
+        EXPECT_EQ(end, row.end) << row.start << ' ' << row.now;
+    }
 }
 
 TEST(XodSelect, TakesTheTypeThatRunsOutFirstAndOnATieTheEarlier) {
@@ -151,37 +146,30 @@ TEST(XodSelect, LooksOnlyAtEnabledTypesAndGlonassWinsOverGps) {
     expect_selection(0xF0, {}, {kUntouched, kUntouched, kUntouched}, {});
 }
 
-TEST(XodDelay, OfMissingHoursIsThreeSeconds) {
-    EXPECT_EQ(xod_next_download_ms(0, 1000, 0), 3000U);
-    EXPECT_EQ(xod_next_download_ms(60, 0, 0), 3000U);
-    EXPECT_EQ(xod_next_download_ms(0, 0, 3), 3000U);
-}
-
-TEST(XodDelay, CountsFromTwoDaysLeft) {
-    EXPECT_EQ(xod_next_download_ms(60, 1000, 0), 62912000U);
-    // (72 - 47) * 3600 + 0 + 0, (x & 7) + r = 0
-    EXPECT_EQ(xod_next_download_ms(72, 16, 0), 90000000U);
-    // 3600 + 0 + 15 * 4 = 3660, 3660 & 7 = 4: 3660 + 4 * 3600
-    EXPECT_EQ(xod_next_download_ms(48, 15, 0), 18060000U);
-    // 7 * 420 = 2940, 2940 & 7 = 4: 2940 + 11 * 3600
-    EXPECT_EQ(xod_next_download_ms(47, 32, 0), 42540000U);
-}
-
-TEST(XodDelay, OfFewHoursWrapsAround) {
-    // 44 hours: -3 * 3600 + 4 * 420 = -9120, & 7 = 0: -9120 + 4 * 3600
-    EXPECT_EQ(xod_next_download_ms(44, 16, 0), 5280000U);
-    // 43 hours, end 1: -4 * 3600 + 3 * 420 + 4 = -13136, & 7 = 0: -13136 + 3 * 3600 = -2336
-    EXPECT_EQ(xod_next_download_ms(43, 1, 0), static_cast<uint32_t>(-2336000));
-    // 40 hours: -7 * 3600 = -25200, & 7 = 0
-    EXPECT_EQ(xod_next_download_ms(40, 16, 0), static_cast<uint32_t>(-25200000));
-    // 1 hour, end 15: -46 * 3600 + 420 + 60 = -165120, & 7 = 0: -165120 + 3600
-    EXPECT_EQ(xod_next_download_ms(1, 15, 0), static_cast<uint32_t>(-161520000));
-}
-
-// No 72 hours come to it: (255311991 - 47) * 3600 + 7 * 420 + 4 is 2^32 times something.
-TEST(XodDelay, OfZeroSecondsIsThatOfARetry) {
-    EXPECT_EQ(xod_next_download_ms(255311991, 1, 0), 300000U);
-    EXPECT_EQ(xod_next_download_ms(255311991, 1, 2), 1200000U);
+TEST(XodDelay, CountsFromTwoDaysLeftAndWrapsAroundBelow) {
+    const struct {
+        uint32_t valid;
+        uint32_t end;
+        uint32_t retries;
+        int32_t ms;
+    } rows[] = {{0, 1000, 0, 3000}, // hours are missing
+                {60, 0, 0, 3000},
+                {0, 0, 3, 3000},
+                {60, 1000, 0, 62912000},
+                {72, 16, 0, 90000000},  // (72 - 47) * 3600 + 0 + 0, (x & 7) + r = 0
+                {48, 15, 0, 18060000},  // 3600 + 0 + 15 * 4 = 3660, & 7 = 4: 3660 + 4 * 3600
+                {47, 32, 0, 42540000},  // 7 * 420 = 2940, & 7 = 4: 2940 + 11 * 3600
+                {44, 16, 0, 5280000},   // -3 * 3600 + 4 * 420 = -9120, & 7 = 0: -9120 + 4 * 3600
+                {43, 1, 0, -2336000},   // -4 * 3600 + 3 * 420 + 4 = -13136, & 7 = 0: + 3 * 3600
+                {40, 16, 0, -25200000}, // -7 * 3600, & 7 = 0
+                {1, 15, 0, -161520000}, // -46 * 3600 + 420 + 60 = -165120, & 7 = 0: + 3600
+                // No 72 hours come to it: (255311991 - 47) * 3600 + 7 * 420 + 4 is 2^32 times something.
+                {255311991, 1, 0, 300000},
+                {255311991, 1, 2, 1200000}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(xod_next_download_ms(row.valid, row.end, row.retries), static_cast<uint32_t>(row.ms))
+            << row.valid << ' ' << row.end;
+    }
 }
 
 // What arms the timer relies on: what does not fit is negative as the timer sees it and so refused, nothing

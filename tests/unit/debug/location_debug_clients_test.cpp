@@ -1,7 +1,5 @@
 #include "debug/location_debug_clients.h"
 
-#include "support/capture.h"
-
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -20,18 +18,6 @@ std::vector<int32_t> fds_of(const DebugClientList& list) {
 }
 
 } // namespace
-
-TEST(LocationDebugClients, AreKeptInOrderOfArrival) {
-    EXPECT_EQ(fds_of(list_of({7, 5, 9})), (std::vector<int32_t>{7, 5, 9}));
-}
-
-TEST(LocationDebugClients, TheEleventhIsRefused) {
-    DebugClientList list = list_of({1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
-    const std::string log = capture_stdout([&] { EXPECT_EQ(location_debug_add_client(&list, 11), -1); });
-    EXPECT_EQ(log, "[LOCSERV] ERR: location_debug_add_client, 10 >= 10\n");
-    EXPECT_EQ(list.count, 10);
-    EXPECT_EQ(location_debug_find_client(&list, 11), -1);
-}
 
 TEST(LocationDebugClients, RemovingTakesTheFirstEqualOneAndKeepsTheOrder) {
     DebugClientList list = list_of({4, 5, 6, 5});

@@ -105,6 +105,21 @@ int descriptor_of(const std::string& path) {
     return -1;
 }
 
+// A receive task of an outlet of the test's, ended with its owner.
+struct ReceiveTask {
+    explicit ReceiveTask(DebugOutlet* outlet) {
+        EXPECT_EQ(pthread_create(&thread, nullptr, location_debug_rx_task, outlet), 0);
+    }
+    ~ReceiveTask() {
+        pthread_cancel(thread);
+        pthread_join(thread, nullptr);
+    }
+    ReceiveTask(const ReceiveTask&) = delete;
+    ReceiveTask& operator=(const ReceiveTask&) = delete;
+
+    pthread_t thread{};
+};
+
 struct DebugFailureTest : DebugTest {
     void TearDown() override {
         failure.cancel = failure.epoll_create = failure.epoll_interrupt = false;
@@ -116,24 +131,38 @@ struct DebugFailureTest : DebugTest {
 
 } // namespace
 
-TEST_F(DebugFailureTest, NoEpollSetFailsTheStart) {
-    failure.epoll_create = true;
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), -1);
-    EXPECT_EQ(log_lines(),
-              std::vector<std::string>{"[LOCSERV] ERR: [debug]location_debug_start epoll_create fail"});
-    failure.epoll_create = false;
-    EXPECT_EQ(location_debug_start(), 0);
-}
-
-TEST_F(DebugFailureTest, NoQueueFailsTheStart) {
-    interpose_fail("msgget", 2, ENOSPC); // the first one looks for a queue that is there
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), -1);
-    EXPECT_EQ(log_lines(),
-              std::vector<std::string>{"[LOCSERV] ERR: [debug]location_debug_start, msgid fail"});
-    EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; })); // joined, but not yet gone
-    EXPECT_EQ(location_debug_start(), 0);
-    handle_text("$GPGGA");
-    EXPECT_EQ(read_bytes(line.master, 6), "$GPGGA");
+TEST_F(DebugFailureTest, FailedStepFailsTheStartAndALaterOneReusesWhatIsThere) {
+    const struct {
+        const char* function;
+        int nth;
+        uint32_t mode;
+        std::string line;
+        std::string reused;
+    } rows[] = {
+        {"epoll_create", 1, DEBUG_MODE_TCP, "ERR: [debug]location_debug_start epoll_create fail", ""},
+        {"msgget", 2, DEBUG_MODE_SERIAL, "ERR: [debug]location_debug_start, msgid fail", ""},
+        {"pthread_create", 1, DEBUG_MODE_TCP, "ERR: [debug]location_debug_start, tx thread create fail",
+         "INF: [debug]location_debug_start, msgid exist"},
+        {"pthread_create", 2, DEBUG_MODE_TCP, "ERR: [debug]location_debug_start, rx thread create fail",
+         "INF: [debug]location_debug_start, tx tid exist"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        failure.epoll_create = row.function == std::string("epoll_create");
+        if (!failure.epoll_create) {
+            interpose_fail(row.function, row.nth, EAGAIN);
+        }
+        EXPECT_EQ(location_debug_set_mode(row.mode), -1);
+        interpose_fail_reset();
+        failure.epoll_create = false;
+        EXPECT_EQ(log_count("[LOCSERV] " + row.line), 1U);
+        EXPECT_TRUE(!row.reused.empty() || wait_until([&] { return running_threads() == threads_before; }));
+        EXPECT_EQ(location_debug_start(), 0);
+        EXPECT_GT(log_count("[LOCSERV] " + row.reused), 0U);
+        const auto client = row.mode == DEBUG_MODE_TCP ? connect_listed(1) : nullptr;
+        handle_text("$GPGGA");
+        EXPECT_EQ(read_bytes(client ? client->fd : line.master, 6), "$GPGGA");
+        EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
+    }
 }
 
 TEST_F(DebugFailureTest, ServerThatDoesNotListenMakesNoBusyLoop) {
@@ -234,26 +263,6 @@ TEST_F(DebugFailureTest, LogFileWritesThatAreInterruptedOrTakeAPartOnlyGoOn) {
     EXPECT_EQ(log_lines(), std::vector<std::string>{});
 }
 
-TEST_F(DebugFailureTest, NoTransmitThreadFailsTheStartAndALaterOneReusesWhatIsThere) {
-    interpose_fail("pthread_create", 1, EAGAIN);
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), -1);
-    EXPECT_EQ(log_lines().back(), "[LOCSERV] ERR: [debug]location_debug_start, tx thread create fail");
-    EXPECT_EQ(location_debug_start(), 0);
-    EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_start, msgid exist"), 1U);
-    const auto client = connect_listed(1);
-    handle_text("$GPGGA");
-    EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
-}
-
-TEST_F(DebugFailureTest, NoReceiveThreadFailsTheStartAndALaterOneReusesWhatIsThere) {
-    interpose_fail("pthread_create", 2, EAGAIN);
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), -1);
-    EXPECT_EQ(log_count("[LOCSERV] ERR: [debug]location_debug_start, rx thread create fail"), 1U);
-    EXPECT_EQ(location_debug_start(), 0);
-    EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_start, tx tid exist"), 1U);
-    connect_listed(1);
-}
-
 TEST_F(DebugFailureTest, ThreadsThatCantBeCancelledAreReportedAndLeft) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
     failure.cancel = true;
@@ -304,12 +313,10 @@ TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {
     DebugOutlet outlet{.mode = DEBUG_MODE_TCP, .listen_fd = -1, .epoll_fd = epoll_create(10)};
     ASSERT_EQ(location_epoll_add_fd(outlet.epoll_fd, ends[0], EPOLLIN), 0);
     ASSERT_EQ(write(ends[1], "x", 1), 1);
-    pthread_t task{};
-    ASSERT_EQ(pthread_create(&task, nullptr, location_debug_rx_task, &outlet), 0);
+    std::optional<ReceiveTask> task(&outlet);
     const std::string report = "[LOCSERV] ERR: [debug]unexpected fd=" + std::to_string(ends[0]) + " coming";
     EXPECT_TRUE(wait_until([&] { return log_count(report) > 0; }));
-    pthread_cancel(task);
-    pthread_join(task, nullptr);
+    task.reset();
     for (const int fd : {ends[0], ends[1], outlet.epoll_fd.load()}) {
         close(fd);
     }
@@ -320,8 +327,7 @@ TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsNothingMore) {
                        .listen_fd = location_socket_server_create_tcp("127.0.0.1", port),
                        .epoll_fd = epoll_create(10)};
     ASSERT_EQ(location_epoll_add_fd(outlet.epoll_fd, outlet.listen_fd, EPOLLIN), 0);
-    pthread_t task{};
-    ASSERT_EQ(pthread_create(&task, nullptr, location_debug_rx_task, &outlet), 0);
+    std::optional<ReceiveTask> task(&outlet);
     const auto client = connect_listed(1);
     outlet.mode = DEBUG_MODE_OFF;
     client->send("abc");
@@ -329,8 +335,7 @@ TEST_F(DebugFailureTest, ReceiveTaskThatOutlivesItsModeForwardsNothingMore) {
     const int before = failure.pauses;
     EXPECT_TRUE(wait_until([=] { return failure.pauses >= before + 2; }));
     EXPECT_EQ(chip_writes(), std::vector<std::string>{"abc"});
-    pthread_cancel(task);
-    pthread_join(task, nullptr);
+    task.reset();
     close(outlet.listen_fd);
     close(outlet.epoll_fd);
 }

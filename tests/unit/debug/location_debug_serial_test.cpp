@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
-#include <pthread.h>
 #include <thread>
 
 namespace {
@@ -52,13 +51,6 @@ double processor_seconds() {
     timespec used{};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
-}
-
-void* hand_over_for_ever(void* block) {
-    while (true) {
-        handle_text(*static_cast<const std::string*>(block));
-        pthread_testcancel();
-    }
 }
 
 } // namespace
@@ -171,32 +163,12 @@ TEST_F(DebugSerialTest, LossThatLastsIsToldWhenTheOutletCloses) {
     fill_until_dropped(kMoreThanTheLineHolds);
     handle_text("dropped too");
     EXPECT_EQ(log_count(kDropped), 0U);
+    const auto start = Clock::now();
     location_debug_close();
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5)) << "waits for the line";
     EXPECT_EQ(log_count("[LOCSERV] INF: [debug]location_debug_handle, 2" + kDropped), 1U);
     ASSERT_EQ(location_debug_start(), 0);
     handle_text("new"); // a new outlet starts without the loss of the one before
     EXPECT_EQ(log_count(kDropped), 1U);
     EXPECT_EQ(log_count(kSendFail), 1U);
-}
-
-TEST_F(DebugSerialTest, ClosingReturnsWhileTheLineTakesNothing) {
-    open_line();
-    limit_queue(debug_queue(), 1);
-    fill_until_dropped(kMoreThanTheLineHolds);
-    const auto start = Clock::now();
-    EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
-}
-
-TEST_F(DebugSerialTest, OutletIsSwitchedWhileTheStreamRuns) {
-    std::string block(512, 'x');
-    pthread_t receive{};
-    ASSERT_EQ(pthread_create(&receive, nullptr, hand_over_for_ever, &block), 0);
-    for (int i = 0; i < 30; ++i) {
-        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
-        ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
-    }
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_OFF), 0);
-    ASSERT_EQ(pthread_cancel(receive), 0);
-    ASSERT_EQ(pthread_join(receive, nullptr), 0);
 }

@@ -16,22 +16,16 @@ TEST_F(DebugSwitchTest, SameModeChangesNothing) {
     EXPECT_EQ(read_bytes(client->fd, 10), "still here");
 }
 
-TEST_F(DebugSwitchTest, FromTcpToSerialClosesTheServerAndOpensTheLine) {
+TEST_F(DebugSwitchTest, EachModeClosesTheOneBefore) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     EXPECT_THROW(TcpClient{port}, std::runtime_error);
-    handle_text("$GPGGA");
-    EXPECT_EQ(read_bytes(line.master, 6), "$GPGGA");
+    const size_t descriptors = open_descriptors(); // the line's among them
     line.write("typed");
     EXPECT_TRUE(wait_until([] { return chip_received() == "typed"; }));
-}
-
-TEST_F(DebugSwitchTest, FromSerialToFileClosesTheLineAndItsThreads) {
-    const size_t descriptors = open_descriptors();
-    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     EXPECT_EQ(location_debug_set_mode(DEBUG_MODE_FILE), 0);
     EXPECT_TRUE(wait_until([&] { return running_threads() == threads_before; }));
-    EXPECT_EQ(open_descriptors(), descriptors + 1); // the log file
+    EXPECT_EQ(open_descriptors(), descriptors) << "the log file for the line";
     handle_text("$GPGGA");
     EXPECT_EQ(directory.read("log.dat"), "$GPGGA");
 }

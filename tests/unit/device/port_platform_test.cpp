@@ -1,26 +1,17 @@
 #include "device/port_platform.h"
 
-#include "interpose/fail.h"
-#include "interpose/local.h"
-#include "support/capture.h"
+#include "device_record.h"
 #include "support/format_fault.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <linux/i2c-dev.h>
-#include <linux/spi/spidev.h>
 #include <sys/select.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr uint32_t kUnknownBus = 2;
 
@@ -80,67 +71,20 @@ int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* err, timeval* time
 
 namespace {
 
-class PortPlatform : public testing::Test {
-protected:
+struct PortPlatform : DeviceRecord {
     PortPlatform() {
         wrapped = {};
-        local_devices({
-            .open =
-                [this](const std::string& path, int) {
-                    calls.push_back("open " + path);
-                    return 0;
-                },
-            .close = [this](const std::string& path) { calls.push_back("close " + path); },
-            .read =
-                [this](const std::string&, void*, size_t length) {
-                    calls.push_back("read " + std::to_string(length));
-                    return moved;
-                },
-            .write =
-                [this](const std::string&, const void*, size_t length) {
-                    calls.push_back("write " + std::to_string(length));
-                    return moved;
-                },
-            .ioctl = [this](const std::string&, unsigned long request,
-                            void* argument) { return control(request, argument); },
-            .access = {},
-        });
     }
     ~PortPlatform() override {
         format_fault_disarm();
-        interpose_fail_reset();
-        local_devices({});
         wrapped = {};
-    }
-
-    int control(unsigned long request, void* argument) {
-        if (request == I2C_SLAVE) {
-            calls.push_back("slave " + std::to_string(reinterpret_cast<uintptr_t>(argument)));
-            return 0;
-        }
-        if (request == SPI_IOC_MESSAGE(1)) {
-            memcpy(&message, argument, sizeof message);
-            calls.push_back("clock " + std::to_string(message.len));
-            return static_cast<int>(moved);
-        }
-        uint32_t value = 0;
-        memcpy(&value, argument, _IOC_SIZE(request));
-        const char* name = request == SPI_IOC_WR_MODE32          ? "mode "
-                           : request == SPI_IOC_WR_BITS_PER_WORD ? "bits "
-                           : request == SPI_IOC_WR_LSB_FIRST     ? "lsb "
-                           : request == SPI_IOC_WR_MAX_SPEED_HZ  ? "speed "
-                                                                 : "other ";
-        calls.push_back(name + std::to_string(value));
-        return 0;
     }
 
     // Runs one transaction on the bus, opened for it, and keeps its log.
     int32_t transfer(uint32_t bus, const port_platform_transfer& what) {
         const void* config = bus == HOST_MUX_BUS_SPI ? static_cast<const void*>(&spi) : &i2c;
         const int32_t fd = port_platform_bus_init(bus, config);
-        calls.clear();
-        int32_t result = 0;
-        log = capture_stdout([&] { result = port_platform_bus_transfer(bus, fd, &what); });
+        const int32_t result = run([&] { return port_platform_bus_transfer(bus, fd, &what); });
         transfers = calls;
         port_platform_bus_deinit(bus, fd);
         return result;
@@ -148,35 +92,23 @@ protected:
 
     host_mux_spi_port_config spi = {24000000, 0, 0, 0, "/dev/spidev1.0"};
     host_mux_i2c_port_config i2c = {0, "/dev/i2c-2"};
-    ssize_t moved = 1;
-    Lines calls;
-    Lines transfers; // those of the last transaction
-    std::string log;
-    spi_ioc_transfer message = {};
+    Lines transfers; // the calls of the last transaction
     uint8_t rx[8] = {};
-    uint8_t tx[8] = {};
+    uint8_t tx[8] = "abcdefg";
 };
 
 } // namespace
 
-TEST_F(PortPlatform, SpiInitAppliesTheSettingsOfThePort) {
-    const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(calls, (Lines{"open /dev/spidev1.0", "mode 0", "bits 8", "lsb 1", "speed 24000000"}));
-    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd), 0);
-    EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
-}
-
-TEST_F(PortPlatform, BitOrderIsTurnedRoundAndPhaseAndPolarityMakeTheMode) {
+TEST_F(PortPlatform, SpiInitTurnsTheBitOrderRoundAndMakesTheModeOfPhaseAndPolarity) {
     for (const uint8_t order : std::vector<uint8_t>{0, 1, 2, 255}) {
-        calls.clear();
         spi.bit_order = order;
         spi.cpha = order & 1U;
         spi.cpol = order > 1 ? 1 : 0;
-        const int32_t fd = port_platform_bus_init(HOST_MUX_BUS_SPI, &spi);
-        EXPECT_EQ(calls[3], order == 0 ? "lsb 1" : "lsb 0");
-        EXPECT_EQ(calls[1], "mode " + std::to_string(order == 255 ? 3 : order));
-        port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd);
+        const int32_t fd = run([&] { return port_platform_bus_init(HOST_MUX_BUS_SPI, &spi); });
+        EXPECT_EQ(calls, (Lines{"open /dev/spidev1.0", "mode " + std::to_string(order == 255 ? 3 : order),
+                                "bits 8", order == 0 ? "lsb 1" : "lsb 0", "speed 24000000"}));
+        EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_SPI, fd), 0);
+        EXPECT_EQ(calls.back(), "close /dev/spidev1.0");
     }
 }
 
@@ -211,11 +143,6 @@ TEST_F(PortPlatform, UnknownBusIsRejectedSilently) {
     EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(PortPlatform, DeinitReturnsTheResultOfClose) {
-    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_SPI, -1), -1);
-    EXPECT_EQ(port_platform_bus_deinit(HOST_MUX_BUS_I2C, -1), -1);
-}
-
 TEST_F(PortPlatform, SpiTransferClocksTheLargerLength) {
     EXPECT_EQ(transfer(HOST_MUX_BUS_SPI, {rx, tx, 5, 1, 0}), 0);
     EXPECT_EQ(transfers, Lines{"clock 5"});
@@ -231,12 +158,12 @@ TEST_F(PortPlatform, I2cTransferGoesInTheDirectionOfItsOneLength) {
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, nullptr, 5, 0, 0x41}), 0);
     EXPECT_EQ(transfers, (Lines{"slave 65", "read 5"}));
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {nullptr, tx, 0, 6, 0x42}), 0);
-    EXPECT_EQ(transfers, (Lines{"slave 66", "write 6"}));
+    EXPECT_EQ(transfers, (Lines{"slave 66", "write abcdef"}));
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, tx, 1, 1, 0x41}), -1);
-    EXPECT_EQ(log, "port_platform_bus_transfer, rx len > 0 and tx len > 0\n");
+    EXPECT_EQ(log, Lines{"port_platform_bus_transfer, rx len > 0 and tx len > 0"});
     EXPECT_TRUE(transfers.empty());
     EXPECT_EQ(transfer(HOST_MUX_BUS_I2C, {rx, tx, 0, 0, 0x41}), -1);
-    EXPECT_EQ(log, "port_platform_bus_transfer, len <= 0\n");
+    EXPECT_EQ(log, Lines{"port_platform_bus_transfer, len <= 0"});
     EXPECT_TRUE(transfers.empty());
 }
 
@@ -248,25 +175,9 @@ TEST_F(PortPlatform, TransferNeedsAtLeastOneByteMoved) {
         for (const ssize_t count : {5, 1, 0, -1}) {
             moved = count;
             EXPECT_EQ(transfer(bus, way), count > 0 ? 0 : -1) << bus << " " << count;
-            EXPECT_EQ(log.empty(), bus == HOST_MUX_BUS_I2C || count >= 0) << log;
+            EXPECT_EQ(log.empty(), bus == HOST_MUX_BUS_I2C || count >= 0);
         }
     }
-}
-
-TEST_F(PortPlatform, MallocGivesWritableMemoryOrNull) {
-    void* memory = port_platform_malloc(64);
-    ASSERT_NE(memory, nullptr);
-    memset(memory, 0xAA, 64);
-    port_platform_free(memory);
-    wrapped.malloc_fails = true;
-    EXPECT_EQ(port_platform_malloc(64), nullptr);
-    port_platform_free(nullptr);
-}
-
-TEST_F(PortPlatform, DelaysSleepTheirMicroseconds) {
-    port_platform_delay_us(50);
-    port_platform_delay_ms(3);
-    EXPECT_EQ(wrapped.sleeps, (std::vector<useconds_t>{50, 3000}));
 }
 
 TEST_F(PortPlatform, SleepWaitsInSelectAndGoesOnWithTheTimeLeftUntilAnyOtherFailureThanAnInterrupt) {
@@ -338,7 +249,7 @@ TEST_F(PortPlatform, FailedDestroyIsLoggedAndFrees) {
     EXPECT_EQ(semaphore, nullptr);
 }
 
-TEST_F(PortPlatform, FailedCreationGivesNullSilently) {
+TEST_F(PortPlatform, FailedCreationGivesNullSilentlyWhichIsRefused) {
     EXPECT_EQ(capture_stdout([] {
                   interpose_fail("pthread_mutex_init", 1, ENOMEM);
                   EXPECT_EQ(port_platform_create_mutex(), nullptr);
@@ -350,9 +261,6 @@ TEST_F(PortPlatform, FailedCreationGivesNullSilently) {
                   wrapped.malloc_fails = false;
               }),
               "");
-}
-
-TEST_F(PortPlatform, NullHandlesAreRefused) {
     EXPECT_EQ(port_platform_give_semaphore(nullptr), -1);
     EXPECT_EQ(port_platform_take_semaphore(nullptr, 0), -1);
     EXPECT_EQ(port_platform_give_mutex(nullptr), -1);

@@ -91,18 +91,6 @@ struct HostMux : testing::Test {
     uint32_t sent = 0;
 };
 
-// A transfer of an operation that fails, and what is printed about it.
-struct FailingTransfer {
-    size_t number; // counted from 1
-    const char* text;
-    bool fails;          // the operation
-    int32_t counter = 0; // power-on requests afterwards
-};
-
-inline void PrintTo(const FailingTransfer& transfer, std::ostream* out) {
-    *out << "transfer " << transfer.number;
-}
-
 inline Bytes counted_bytes(size_t count) {
     Bytes bytes(count);
     for (size_t i = 0; i < count; ++i) {

@@ -7,6 +7,7 @@
 #include "support/bytes.h"
 #include "support/capture.h"
 #include "support/test_limit.h"
+#include "support/thread_end.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -271,28 +272,22 @@ TEST_F(HostMuxI2c, SendGivesTheMutexOnceBetweenItsPhases) {
                               "sleep 10", "write 50", "sleep 10", "write 58", "give"}));
 }
 
-TEST_F(HostMuxI2c, NothingTakenOrReadyGivesTheMutexOnce) {
-    capture_stdout([&] { EXPECT_EQ(send(counted(2)), 0); });
-    EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
-    events.clear();
-    capture_stdout([&] { EXPECT_EQ(receive(2), 0); });
-    EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
-    expect_mutex_free();
-}
-
-TEST_F(HostMuxI2c, NothingReadyEndsWithOneZeroLengthLine) {
-    const std::string log = capture_stdout([&] { EXPECT_EQ(receive(100), 0); });
-    EXPECT_EQ(length, 0U);
-    EXPECT_EQ(lines_of(log).back(),
-              "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r");
-    EXPECT_EQ(chip.written.size(), 2U);
-}
-
-TEST_F(HostMuxI2c, ChipThatTakesNothingEndsTheSendSilently) {
-    const std::string log = capture_stdout([&] { EXPECT_EQ(send(counted(3)), 0); });
-    EXPECT_EQ(length, 0U);
-    EXPECT_EQ(lines_of(log).back(),
-              "[mux][i2c][master][tx]===>step 1_b:Receive I2C slave Rx_len Reg value:0x0. success!!!\r");
+TEST_F(HostMuxI2c, NothingReadyOrTakenEndsWithOneLineAndGivesTheMutexOnce) {
+    for (const bool sending : {false, true}) {
+        events.clear();
+        chip.written.clear();
+        const std::string log =
+            capture_stdout([&] { EXPECT_EQ(sending ? send(counted(3)) : receive(100), 0); });
+        EXPECT_EQ(length, 0U);
+        EXPECT_EQ(
+            lines_of(log).back(),
+            sending
+                ? "[mux][i2c][master][tx]===>step 1_b:Receive I2C slave Rx_len Reg value:0x0. success!!!\r"
+                : "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r");
+        EXPECT_EQ(chip.written.size(), 2U);
+        EXPECT_EQ(std::count(events.begin(), events.end(), "give"), 1);
+        expect_mutex_free();
+    }
 }
 
 TEST_F(HostMuxI2c, HostileLengthIsBoundedByTheCallersCapacity) {
@@ -316,19 +311,17 @@ TEST_F(HostMuxI2c, NoCapacityEndsAsIfNothingWereReady) {
               "[mux][i2c][master][rx]===>step 1-b:I2c slave tx data len is 0, request 0 B firstly;\r");
 }
 
-TEST_F(HostMuxI2c, HostileLengthSendsTheCallersLength) {
-    chip.chip.faults.hostile_rx = true;
-    capture_stdout([&] { EXPECT_EQ(send(counted(9)), 0); });
-    EXPECT_EQ(length, 9U);
-    EXPECT_EQ(chip.taken, counted(9));
-}
-
-TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCut) {
+TEST_F(HostMuxI2c, MoreThanTheChipTakesIsCutAndAHostileLengthIsNot) {
     chip.chip.options.rx_window = 4;
     const std::string log = capture_stdout([&] { EXPECT_EQ(send(counted(9)), 0); });
     EXPECT_EQ(length, 4U);
     EXPECT_EQ(chip.taken, counted(4));
     EXPECT_EQ(log.find("Slave had"), std::string::npos);
+    chip.taken.clear();
+    chip.chip.faults.hostile_rx = true;
+    capture_stdout([&] { EXPECT_EQ(send(counted(9)), 0); });
+    EXPECT_EQ(length, 9U);
+    EXPECT_EQ(chip.taken, counted(9));
 }
 
 TEST_F(HostMuxI2c, ShortDataPhasesCountAsFullOnesWithoutOldBytes) {
@@ -345,23 +338,13 @@ TEST_F(HostMuxI2c, ShortDataPhasesCountAsFullOnesWithoutOldBytes) {
 
 TEST_F(HostMuxI2c, SilentChipCostsSixAttemptsOfTheProbe) {
     chip.chip.faults.silence = true;
-    const std::string log = capture_stdout([&] { EXPECT_EQ(receive(10), 1); });
-    std::string expected =
-        "[mux][i2c][master][rx]===>****** i2c master check whether slave is alive ******\n"
-        "[mux][i2c][master][rx]===>step_start:Send VG_I2C_SLAVE_CRD_CMD(slv addr:0x50, send:1B).\r\n";
-    for (int i = 0; i < 6; ++i) {
-        expected += "[mux][i2c][master][rx]===>step_start:I2C master send err, try again...\r\n";
-    }
-    expected +=
-        "[mux][i2c][master][rx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!\r\n";
-    EXPECT_EQ(log, expected);
+    capture_stdout([&] { EXPECT_EQ(receive(10), 1); });
     Events six;
     for (int i = 0; i < 6; ++i) {
         six.insert(six.end(), {"sleep 10", "write 50"});
     }
     six.emplace_back("give");
     EXPECT_EQ(events, six);
-
     chip.chip.faults.silence = false;
     chip.give(counted(1));
     capture_stdout([&] { EXPECT_EQ(receive(10), 0) << "the mutex was given back"; });
@@ -384,8 +367,8 @@ struct StepFailure {
     const char* name;
     bool sending;
     int good_before;
-    std::vector<std::string> retry; // lines of the first failure
-    std::string limit;
+    std::vector<std::string> retry; // ends of the lines of a failure
+    std::string limit;              // of the last line
 };
 
 void PrintTo(const StepFailure& step, std::ostream* out) {
@@ -394,10 +377,72 @@ void PrintTo(const StepFailure& step, std::ostream* out) {
 
 } // namespace
 
+namespace {
+
+const StepFailure kSteps[] = {
+    {"ReceiveProbe",
+     false,
+     0,
+     {"step_start:I2C master send err, try again..."},
+     "step_start: #### too many ERROR counter 6, now go to restart"},
+    {"ReceiveAskLength",
+     false,
+     1,
+     {"step 1-a:I2C master send err, try again..."},
+     "step1_a: #### too many ERROR counter 6, now go to restart"},
+    {"ReceiveLength",
+     false,
+     2,
+     {"step 1-b:Get length of i2c slave tx buff fail, try again..."},
+     "step 1-b:###### too many ERROR counter 6, now restart"},
+    {"ReceiveAskData",
+     false,
+     3,
+     {"step 2-a:I2C master send err, try again..."},
+     "step 2-a: #### too many ERROR counter 6, now restart"},
+    {"ReceiveData",
+     false,
+     4,
+     {"step 2-b:master receive return ERROR!!!",
+      "step 2-b:I2C master receive err,error_counter:#, try again..."},
+     "step 2-b:#### too many ERROR counter 6, now go to restart"},
+    {"SendProbe",
+     true,
+     0,
+     {"step_start:I2C master send err, try again..."},
+     "step_start: #### too many ERROR counter 6, now go to restart"},
+    {"SendAskLength",
+     true,
+     1,
+     {"step 1_a: I2C master send fail, try again..."},
+     "step 1_a: #### too many ERROR counter 6, now go to restart"},
+    {"SendLength",
+     true,
+     2,
+     {"step 1_b:Get slave rx buffer length fail, try again..."},
+     "step 1_b:#### too many ERROR counter 6, now go to restart"},
+    {"SendAnnounceData",
+     true,
+     3,
+     {"step 2_a:I2C master send err, try again..."},
+     "step 2_a:Mux_i2c_master_demo_send-Step2_a: #### too many ERROR counter 6, now go to restart"},
+    {"SendData",
+     true,
+     4,
+     {"Step 2_b:Send fail!!!", "Step 2_b:I2C master receive err, try again..."},
+     "Step 2_b: #### too many ERROR counter 6, now go to restart"},
+};
+
+} // namespace
+
 class HostMuxI2cStep : public HostMuxI2c, public testing::WithParamInterface<StepFailure> {};
 
 TEST_P(HostMuxI2cStep, FiveFailuresAreRetriedAndTheSixthEndsTheOperation) {
-    const StepFailure& step = GetParam();
+    StepFailure step = GetParam();
+    const std::string start = step.sending ? "[mux][i2c][master][tx]===>" : "[mux][i2c][master][rx]===>";
+    for (std::string& line : step.retry) {
+        line.insert(0, start);
+    }
     chip.give(counted(5));
     const auto run = [&] { return step.sending ? send(counted(5)) : receive(5); };
 
@@ -413,7 +458,7 @@ TEST_P(HostMuxI2cStep, FiveFailuresAreRetriedAndTheSixthEndsTheOperation) {
     expect_mutex_free();
     EXPECT_EQ(events.back(), "give");
     ASSERT_GT(lines.size(), 6 * step.retry.size());
-    EXPECT_EQ(lines.back(), step.limit + "\r");
+    EXPECT_EQ(lines.back(), start + step.limit + "!!!!!\r");
     size_t at = lines.size() - 1 - 6 * step.retry.size();
     for (int failure = 0; failure < 6; ++failure) {
         for (std::string line : step.retry) {
@@ -426,71 +471,8 @@ TEST_P(HostMuxI2cStep, FiveFailuresAreRetriedAndTheSixthEndsTheOperation) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Steps, HostMuxI2cStep,
-    testing::Values(
-        StepFailure{
-            "ReceiveProbe",
-            false,
-            0,
-            {"[mux][i2c][master][rx]===>step_start:I2C master send err, try again..."},
-            "[mux][i2c][master][rx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{
-            "ReceiveAskLength",
-            false,
-            1,
-            {"[mux][i2c][master][rx]===>step 1-a:I2C master send err, try again..."},
-            "[mux][i2c][master][rx]===>step1_a: #### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{"ReceiveLength",
-                    false,
-                    2,
-                    {"[mux][i2c][master][rx]===>step 1-b:Get length of i2c slave tx buff fail, try again..."},
-                    "[mux][i2c][master][rx]===>step 1-b:###### too many ERROR counter 6, now restart!!!!!"},
-        StepFailure{"ReceiveAskData",
-                    false,
-                    3,
-                    {"[mux][i2c][master][rx]===>step 2-a:I2C master send err, try again..."},
-                    "[mux][i2c][master][rx]===>step 2-a: #### too many ERROR counter 6, now restart!!!!!"},
-        StepFailure{
-            "ReceiveData",
-            false,
-            4,
-            {"[mux][i2c][master][rx]===>step 2-b:master receive return ERROR!!!",
-             "[mux][i2c][master][rx]===>step 2-b:I2C master receive err,error_counter:#, try again..."},
-            "[mux][i2c][master][rx]===>step 2-b:#### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{
-            "SendProbe",
-            true,
-            0,
-            {"[mux][i2c][master][tx]===>step_start:I2C master send err, try again..."},
-            "[mux][i2c][master][tx]===>step_start: #### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{
-            "SendAskLength",
-            true,
-            1,
-            {"[mux][i2c][master][tx]===>step 1_a: I2C master send fail, try again..."},
-            "[mux][i2c][master][tx]===>step 1_a: #### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{
-            "SendLength",
-            true,
-            2,
-            {"[mux][i2c][master][tx]===>step 1_b:Get slave rx buffer length fail, try again..."},
-            "[mux][i2c][master][tx]===>step 1_b:#### too many ERROR counter 6, now go to restart!!!!!"},
-        StepFailure{
-            "SendAnnounceData",
-            true,
-            3,
-            {"[mux][i2c][master][tx]===>step 2_a:I2C master send err, try again..."},
-            "[mux][i2c][master][tx]===>step 2_a:Mux_i2c_master_demo_send-Step2_a: #### too many ERROR counter "
-            "6, now go to restart!!!!!"},
-        StepFailure{
-            "SendData",
-            true,
-            4,
-            {"[mux][i2c][master][tx]===>Step 2_b:Send fail!!!",
-             "[mux][i2c][master][tx]===>Step 2_b:I2C master receive err, try again..."},
-            "[mux][i2c][master][tx]===>Step 2_b: #### too many ERROR counter 6, now go to restart!!!!!"}),
-    [](const auto& step) { return std::string(step.param.name); });
+INSTANTIATE_TEST_SUITE_P(Steps, HostMuxI2cStep, testing::ValuesIn(kSteps),
+                         [](const auto& step) { return std::string(step.param.name); });
 
 TEST_F(HostMuxI2c, EveryStepHasItsOwnSixAttempts) {
     for (const bool sending : {false, true}) {
@@ -541,42 +523,18 @@ TEST_F(HostMuxI2c, FailedCloseIsToldAndKeepsTheMutex) {
     expect_mutex_free();
 }
 
-namespace {
-
-// An operation on a thread of its own, which ends behind it when it is cancelled.
-struct OnThread {
-    static void* run(void* argument) {
-        auto* self = static_cast<OnThread*>(argument);
-        self->result = self->operation();
-        pthread_testcancel();
-        return nullptr;
-    }
-    void start() {
-        ASSERT_EQ(pthread_create(&thread, nullptr, run, this), 0);
-    }
-    void* join() {
-        void* end = nullptr;
-        EXPECT_EQ(pthread_join(thread, &end), 0);
-        return end;
-    }
-
-    std::function<int32_t()> operation;
-    int32_t result = -1;
-    pthread_t thread{};
-};
-
-} // namespace
-
 TEST_F(HostMuxI2c, CancelledWhileAnotherThreadHoldsTheBusComesBack) {
-    OnThread operation{[&] { return receive(1); }};
+    int32_t result = -1;
     capture_stdout([&] {
         ASSERT_EQ(pthread_mutex_lock(g_host_mux_i2c_master_mutex), 0);
-        operation.start();
-        ASSERT_EQ(pthread_cancel(operation.thread), 0);
-        EXPECT_EQ(operation.join(), PTHREAD_CANCELED);
+        EXPECT_EQ(end_of_thread([&] {
+                      pthread_cancel(pthread_self());
+                      result = receive(1);
+                  }),
+                  PTHREAD_CANCELED);
         pthread_mutex_unlock(g_host_mux_i2c_master_mutex);
     });
-    EXPECT_EQ(operation.result, -1) << "ended in the wait";
+    EXPECT_EQ(result, -1) << "ended in the wait";
     chip.give(counted(1));
     capture_stdout([&] { EXPECT_EQ(receive(1), 0); });
 }
@@ -585,12 +543,15 @@ TEST_F(HostMuxI2c, OperationThatIsCancelledOnTheBusIsFinishedFirst) {
     for (const bool sending : {false, true}) {
         chip.give(counted(3));
         attach([](unsigned long, void*) { pthread_cancel(pthread_self()); });
-        OnThread operation{[&] { return sending ? send(counted(3)) : receive(3); }};
+        int32_t result = -1;
         capture_stdout([&] {
-            operation.start();
-            EXPECT_EQ(operation.join(), PTHREAD_CANCELED);
+            EXPECT_EQ(end_of_thread([&] {
+                          result = sending ? send(counted(3)) : receive(3);
+                          pthread_testcancel();
+                      }),
+                      PTHREAD_CANCELED);
         });
-        EXPECT_EQ(operation.result, 0);
+        EXPECT_EQ(result, 0);
         EXPECT_EQ(length, 3U);
         EXPECT_EQ(sending ? chip.taken : buffer, counted(3));
         expect_mutex_free();

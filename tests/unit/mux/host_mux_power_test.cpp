@@ -44,11 +44,18 @@ void append(Frames& frames, size_t times, const Frames& more) {
 } // namespace
 
 TEST_F(HostMuxPower, StatusIsPolledEvery5MsAndTheRetriesAreCounted) {
-    answer_with(0x01, 7, 0x05);
-    EXPECT_EQ(query(0x04, 0x04), 0);
-    EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:7,\r");
-    EXPECT_EQ(times_printed(kQuery + "  Status receive: 0x1\r"), 7U);
-    EXPECT_EQ(sleeps_of(5000), 7U);
+    for (const size_t retries : {7, 99}) {
+        reset_sleeps();
+        answer_with(0x01, retries, 0x05);
+        EXPECT_EQ(query(0x04, 0x04), 0);
+        EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:" + std::to_string(retries) + ",\r");
+        EXPECT_EQ(times_printed(kQuery + "  Status receive: 0x1\r"), retries);
+        EXPECT_EQ(sleeps_of(5000), retries);
+    }
+    slave.frames.clear();
+    answer_with(0x00, 2, 0x01);
+    EXPECT_EQ(query(0x01, 0x01), 0) << "power is not checked while it is waited for";
+    EXPECT_EQ(slave.frames, Frames(3, kStatusFrame));
 }
 
 TEST_F(HostMuxPower, StatusThatIsNeverReachedEndsAfter100Polls) {
@@ -59,25 +66,14 @@ TEST_F(HostMuxPower, StatusThatIsNeverReachedEndsAfter100Polls) {
     EXPECT_EQ(sleeps_of(5000), 100U);
 }
 
-TEST_F(HostMuxPower, OneHundredthPollMaySucceed) {
-    answer_with(0x01, 99, 0x05);
-    EXPECT_EQ(query(0x04, 0x04), 0);
-    EXPECT_EQ(lines.back(), kQuery + " OK, retry counter:99,\r");
-}
-
-TEST_F(HostMuxPower, SilentSlaveFailsAWaitAtOnce) {
-    for (const uint8_t mask : {uint8_t{0x04}, uint8_t{0x20}, uint8_t{0x01}}) {
+TEST_F(HostMuxPower, SilentSlaveFailsAWaitAtOnceAndCountsAsOff) {
+    const std::pair<uint8_t, uint8_t> waits[] = {{0x04, 0x04}, {0x20, 0x20}, {0x01, 0x01}, {0x01, 0x00}};
+    for (const auto& [mask, expected] : waits) {
         answer_with(0xFF, 1);
-        EXPECT_EQ(query(mask, mask), 1);
+        EXPECT_EQ(query(mask, expected), expected == 0x00 ? 0 : 1);
         EXPECT_EQ(lines, Lines({kQuery + "  Status receive: 0xff\r"}));
     }
-    EXPECT_EQ(slave.frames.size(), 3U);
-}
-
-TEST_F(HostMuxPower, SilentSlaveCountsAsOff) {
-    answer_with(0xFF, 1);
-    EXPECT_EQ(query(0x01, 0x00), 0);
-    EXPECT_EQ(lines, Lines({kQuery + "  Status receive: 0xff\r"}));
+    EXPECT_EQ(slave.frames.size(), 4U);
 }
 
 TEST_F(HostMuxPower, UnpoweredSlaveIsSwitchedOffAndOn) {
@@ -88,12 +84,6 @@ TEST_F(HostMuxPower, UnpoweredSlaveIsSwitchedOffAndOn) {
                              answered_at_once("0x1"),
                              {"portable_HAL_SPI_POWER_ON_WITHOUT_COUNTER success!!!\r"}}));
     EXPECT_EQ(slave.frames, Frames({kStatusFrame, kOffFrame, kStatusFrame, kOnFrame, kStatusFrame}));
-}
-
-TEST_F(HostMuxPower, PowerIsNotCheckedWhileWaitingForPower) {
-    answer_with(0x00, 2, 0x01);
-    EXPECT_EQ(query(0x01, 0x01), 0);
-    EXPECT_EQ(slave.frames, Frames(3, kStatusFrame));
 }
 
 TEST_F(HostMuxPower, ErrorStatusIsClearedAndTheSlaveReset) {
@@ -208,24 +198,17 @@ TEST_F(HostMuxPower, FailedSwitchLeavesTheCounter) {
 
 namespace {
 
-// A wait of an operation: the number of its status query, and the text of its failure.
+// A wait of an operation: the number of its status query, and the step that its failure names.
 struct Wait {
+    bool sending;
     size_t query;
-    const char* text;
+    std::string step;
 };
 
-const Wait kReceiveWaits[] = {
-    {2, "mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"},
-    {3, "mux_spi_master_demo_receive-Step2_b: #### too many ERROR, now go to restart!!!!!\r"},
-    {4, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r"},
-};
-
-const Wait kSendWaits[] = {
-    {2, "mux_spi_master_demo_send-Step1_b: #### too many ERROR, now go to restart!!!!!\r"},
-    {3, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r"},
-    {4, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r"},
-    {5, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r"},
-};
+const Wait kWaits[] = {{false, 2, "receive-Step1_b"}, {false, 3, "receive-Step2_b"},
+                       {false, 4, "receive-Step2_d"}, {true, 2, "send-Step1_b"},
+                       {true, 3, "send-Step1_d"},     {true, 4, "send-Step1_d"},
+                       {true, 5, "receive-Step2_d"}};
 
 // Each makes the wait fail: nobody there, an error, power lost.
 constexpr uint8_t kFailingStatus[] = {0xFF, 0x09, 0x11, 0x00};
@@ -233,31 +216,18 @@ constexpr uint8_t kFailingStatus[] = {0xFF, 0x09, 0x11, 0x00};
 } // namespace
 
 TEST_F(HostMuxPower, EveryWaitFailsTheOperation) {
-    const auto expect_failure = [&](const Wait& wait, bool sending) {
+    for (const Wait& wait : kWaits) {
         for (const uint8_t status : kFailingStatus) {
             slave.give({'a', 'b'});
             answer_nth_with(wait.query, status);
-            EXPECT_FALSE(sending ? send({'a', 'b'}) : receive());
-            EXPECT_EQ(times_printed(wait.text), 1U) << wait.query << " " << int{status};
+            EXPECT_FALSE(wait.sending ? send({'a', 'b'}) : receive());
+            EXPECT_EQ(times_printed("mux_spi_master_demo_" + wait.step +
+                                    ": #### too many ERROR, now go to restart!!!!!\r"),
+                      1U)
+                << wait.query << " " << int{status};
             expect_usable();
         }
-    };
-    for (const Wait& wait : kReceiveWaits) {
-        expect_failure(wait, false);
     }
-    for (const Wait& wait : kSendWaits) {
-        expect_failure(wait, true);
-    }
-}
-
-TEST_F(HostMuxPower, SlaveThatIsNeverReadyFailsTheOperation) {
-    slave.status_answer = [](uint8_t honest) { return static_cast<uint8_t>(honest & 0x01); };
-    EXPECT_FALSE(receive());
-    EXPECT_TRUE(printed(kQuery + ", retry counter:100,\r"));
-    EXPECT_TRUE(
-        printed("mux_spi_master_demo_receive-Step1_b: #### too many ERROR, now go to restart!!!!!\r"));
-    EXPECT_FALSE(slave.chip.slave.powered);
-    expect_usable();
 }
 
 TEST_F(HostMuxPower, ResetInsideAnOperationLeavesThePowerOffToItsEnd) {

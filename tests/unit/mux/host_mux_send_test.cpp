@@ -81,35 +81,3 @@ TEST_F(HostMuxSend, OneDataPhaseMovesAtMost4095Bytes) {
     const Bytes data = counted_bytes(5000);
     EXPECT_EQ(slave.taken(), Bytes(data.begin(), data.begin() + 4095));
 }
-
-namespace {
-
-const FailingTransfer kFailingTransfers[] = {
-    {1, "host_mux_spi_power_on_without_counter: transfer fail\r", true},
-    {2, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
-    {3, "mux_spi_master_demo_send-Step1_a: SPI master send err, try again...status:0 \r", true},
-    {4, "mux_spi_master_demo_send-Step1_b: #### too many ERROR, now go to restart!!!!!\r", true},
-    {5, "mux_spi_master_demo_send-Step1_c: SPI master receive err, try again...status:0\r", true},
-    {6, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r", true},
-    {7, "mux_spi_master_demo_send-Step2_a: SPI master send err, try again...status:0 \r", true},
-    {8, "mux_spi_master_demo_send-Step1_d: #### too many ERROR, now go to restart!!!!!\r", true},
-    {9, "mux_spi_master_demo_send-Step2_c: send fail!!!status:0\r", true},
-    {10, "mux_spi_master_demo_receive-Step2_d: #### too many ERROR, now go to restart!!!!!\r", true},
-    {11, "portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER: transfer fail\r", false, 1},
-    {12, "portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY: transfer fail 0\r", false},
-    {13, "portable_HAL_SPI_POWER_OFF: success!!!, counter=0\r", false},
-};
-
-struct HostMuxSendTransfer : HostMux, testing::WithParamInterface<FailingTransfer> {};
-
-} // namespace
-
-TEST_P(HostMuxSendTransfer, FailureEndsItsStepOnly) {
-    slave.failing_transfer = GetParam().number;
-    EXPECT_EQ(send({'a', 'b'}), !GetParam().fails);
-    EXPECT_TRUE(printed(GetParam().text));
-    expect_usable(GetParam().counter);
-}
-
-INSTANTIATE_TEST_SUITE_P(Every, HostMuxSendTransfer, testing::ValuesIn(kFailingTransfers),
-                         [](const auto& test) { return std::to_string(test.param.number); });

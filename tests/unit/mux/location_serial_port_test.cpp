@@ -123,12 +123,6 @@ TEST_F(SerialPort, OpensTheConfiguredBus) {
     EXPECT_EQ(log.lsb_first, 0);
 }
 
-TEST_F(SerialPort, MissingDeviceFailsTheInit) {
-    directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev9.9\n");
-    EXPECT_EQ(init(), -1);
-    EXPECT_TRUE(printed("host_mux_init, init fail"));
-}
-
 TEST_F(SerialPort, PathThatCanNotBeTakenIsToldAndFailsTheInit) {
     const std::string told = "[LOCSERV] ERR: location_serial_port_gnss_init, get path fail";
     format_fault_arm(1); // behind the reader of the configuration
@@ -203,24 +197,6 @@ TEST_F(SerialPort, WriteGivesWhatTheChipTook) {
     EXPECT_EQ(write({'a', 'b', 'c'}), 2);
     slave.chip.options.rx_window = 0;
     EXPECT_EQ(write({'a'}), 0);
-}
-
-TEST_F(SerialPort, FailedStepMovesNothing) {
-    ASSERT_EQ(init(), 0);
-    slave.give({'a'});
-    slave.failing_transfer = 3;
-    EXPECT_EQ(read(10), 0);
-    slave.failing_transfer = slave.transfers + 3;
-    EXPECT_EQ(write({'a'}), 0);
-}
-
-TEST_F(SerialPort, LinkCanBeReopened) {
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(init(), 0);
-        slave.give({'a'});
-        EXPECT_EQ(read(10), 1);
-        ASSERT_EQ(location_serial_port_gnss_deinit(), 0);
-    }
 }
 
 TEST_F(SerialPort, ResetPulsesOutputLineZeroLowFor10Ms) {
