@@ -14,7 +14,7 @@ using Clock = std::chrono::steady_clock;
 
 const std::string kSendFail = "[LOCSERV] ERR: [debug]location_debug_handle, send Fail!";
 const std::string kDropped = " blocks dropped";
-const std::string kMoreThanTheLineHolds(60'000, 'm');
+const std::string kMoreThanTheLineHolds(200'000, 'm');
 
 struct DebugSerialTest : DebugTest {
     void open_line(int32_t wanted_flow_control = 0) {
