@@ -47,7 +47,12 @@ void set(BoardClock& clock, const HostTime& host, const BoardTime& time) {
 }
 
 long futex(const std::atomic<uint32_t>& word, int operation, uint32_t value, const timespec* limit) {
-    return syscall(SYS_futex, &word, operation, value, limit, nullptr, 0);
+#ifdef SYS_futex_time64 // where only this call takes times of 64 bits
+    constexpr long kCall = SYS_futex_time64;
+#else
+    constexpr long kCall = SYS_futex;
+#endif
+    return syscall(kCall, &word, operation, value, limit, nullptr, 0);
 }
 
 } // namespace
@@ -94,6 +99,6 @@ void board_clock_wake(BoardClock& clock) {
 }
 
 void board_clock_wait(const BoardClock& clock, uint32_t seen_wakes, int64_t host_ns) {
-    const timespec limit = {host_ns / kNsPerSecond, host_ns % kNsPerSecond};
+    const timespec limit = {host_ns / kNsPerSecond, static_cast<long>(host_ns % kNsPerSecond)};
     futex(clock.wakes, FUTEX_WAIT, seen_wakes, host_ns < 0 ? nullptr : &limit);
 }

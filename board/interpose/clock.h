@@ -38,7 +38,7 @@ inline int64_t interpose_ns_of(const timespec& time) {
 }
 
 inline timespec interpose_timespec_of(int64_t ns) {
-    return {ns / kNsPerSecond, ns % kNsPerSecond};
+    return {ns / kNsPerSecond, static_cast<long>(ns % kNsPerSecond)};
 }
 
 #endif

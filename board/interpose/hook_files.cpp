@@ -73,17 +73,6 @@ int open(const char* path, int flags, ...) {
     return open_path(real<"open", Open>(), path, flags, mode);
 }
 
-int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
-    return open_path(real<"open64", Open>(), path, flags, mode);
-}
-
 int __open_2(const char* path, int flags) {
     return open_path(real<"open", Open>(), path, flags, 0);
 }
@@ -107,23 +96,8 @@ int openat(int directory, const char* path, int flags, ...) {
     return open_path_at(real<"openat", OpenAt>(), directory, path, flags, mode);
 }
 
-int openat64(int directory, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
-    return open_path_at(real<"openat64", OpenAt>(), directory, path, flags, mode);
-}
-
 FILE* fopen(const char* path, const char* mode) {
     return fopen_path(real<"fopen", Fopen>(), path, mode);
-}
-
-FILE* fopen64(const char* path, const char* mode) {
-    return fopen_path(real<"fopen64", Fopen>(), path, mode);
 }
 
 int access(const char* path, int mode) noexcept {
@@ -141,16 +115,8 @@ int stat(const char* path, struct stat* status) noexcept {
     return stat_path(real<"stat", int(const char*, struct stat*)>(), "stat", path, status);
 }
 
-int stat64(const char* path, struct stat64* status) noexcept {
-    return stat_path(real<"stat64", int(const char*, struct stat64*)>(), "stat", path, status);
-}
-
 int lstat(const char* path, struct stat* status) noexcept {
     return stat_path(real<"lstat", int(const char*, struct stat*)>(), "lstat", path, status);
-}
-
-int lstat64(const char* path, struct stat64* status) noexcept {
-    return stat_path(real<"lstat64", int(const char*, struct stat64*)>(), "lstat", path, status);
 }
 
 int unlink(const char* path) noexcept {
@@ -189,5 +155,41 @@ char* __realpath_chk(const char* path, char* resolved, size_t room) noexcept {
                ? nullptr
                : real<"__realpath_chk", RealPathChk>()(HookPath(path).text, resolved, room);
 }
+
+#ifndef __USE_FILE_OFFSET64 // else the headers link the functions above by these names
+int open64(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
+    return open_path(real<"open64", Open>(), path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if (makes_file(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
+        va_end(arguments);
+    }
+    return open_path_at(real<"openat64", OpenAt>(), directory, path, flags, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+    return fopen_path(real<"fopen64", Fopen>(), path, mode);
+}
+
+int stat64(const char* path, struct stat64* status) noexcept {
+    return stat_path(real<"stat64", int(const char*, struct stat64*)>(), "stat", path, status);
+}
+
+int lstat64(const char* path, struct stat64* status) noexcept {
+    return stat_path(real<"lstat64", int(const char*, struct stat64*)>(), "lstat", path, status);
+}
+#endif
 
 } // extern "C"

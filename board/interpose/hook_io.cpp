@@ -100,10 +100,12 @@ off_t lseek(int fd, off_t offset, int whence) noexcept {
                             : real<"lseek", off_t(int, off_t, int)>()(fd, offset, whence);
 }
 
+#ifndef __USE_FILE_OFFSET64 // else the headers link lseek by this name
 off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
     using Seek = off64_t(int, off64_t, int);
     return backend_owns(fd) ? seek_device(fd, offset, whence) : real<"lseek64", Seek>()(fd, offset, whence);
 }
+#endif
 
 size_t fwrite(const void* data, size_t size, size_t count, FILE* file) {
     using Fwrite = size_t(const void*, size_t, size_t, FILE*);

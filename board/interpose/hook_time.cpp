@@ -75,19 +75,10 @@ int as_call(int error) {
 
 } // namespace
 
-// A test program's own definition wins.
-#pragma weak clock_gettime
-#pragma weak time
-#pragma weak gettimeofday
-#pragma weak timespec_get
-#pragma weak nanosleep
-#pragma weak clock_nanosleep
-#pragma weak usleep
-#pragma weak sleep
-
+// Weak: a test program's own definition wins.
 extern "C" {
 
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
+[[gnu::weak]] int clock_gettime(clockid_t clock, timespec* now) noexcept {
     if (!interpose_clock_is_own() || (!is_utc(clock) && !is_monotonic(clock))) {
         return real<"clock_gettime", int(clockid_t, timespec*)>()(clock, now);
     }
@@ -95,7 +86,7 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
     return 0;
 }
 
-time_t time(time_t* out) noexcept {
+[[gnu::weak]] time_t time(time_t* out) noexcept {
     if (!interpose_clock_is_own()) {
         return real<"time", time_t(time_t*)>()(out);
     }
@@ -106,7 +97,7 @@ time_t time(time_t* out) noexcept {
     return now;
 }
 
-int gettimeofday(timeval* now, void* zone) noexcept {
+[[gnu::weak]] int gettimeofday(timeval* now, void* zone) noexcept {
     const int result = real<"gettimeofday", int(timeval*, void*)>()(now, zone);
     if (result == 0 && interpose_clock_is_own()) {
         const int64_t utc = interpose_utc_ns();
@@ -115,7 +106,7 @@ int gettimeofday(timeval* now, void* zone) noexcept {
     return result;
 }
 
-int timespec_get(timespec* now, int base) noexcept {
+[[gnu::weak]] int timespec_get(timespec* now, int base) noexcept {
     if (base != TIME_UTC || !interpose_clock_is_own()) {
         return real<"timespec_get", int(timespec*, int)>()(now, base);
     }
@@ -123,14 +114,14 @@ int timespec_get(timespec* now, int base) noexcept {
     return base;
 }
 
-int nanosleep(const timespec* time, timespec* left) {
+[[gnu::weak]] int nanosleep(const timespec* time, timespec* left) {
     if (!interpose_clock_is_own()) {
         return real<"nanosleep", int(const timespec*, timespec*)>()(time, left);
     }
     return as_call(sleep_for(*time, left));
 }
 
-int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
+[[gnu::weak]] int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
     if (!interpose_clock_is_own() || (!is_utc(clock) && !is_monotonic(clock))) {
         using Sleep = int(clockid_t, int, const timespec*, timespec*);
         return real<"clock_nanosleep", Sleep>()(clock, flags, time, left);
@@ -138,14 +129,14 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* 
     return (flags & TIMER_ABSTIME) != 0 ? sleep_to(clock, *time) : sleep_for(*time, left);
 }
 
-int usleep(useconds_t us) {
+[[gnu::weak]] int usleep(useconds_t us) {
     if (!interpose_clock_is_own()) {
         return real<"usleep", int(useconds_t)>()(us);
     }
     return as_call(sleep_for(interpose_timespec_of(int64_t{us} * kNsPerUs), nullptr));
 }
 
-unsigned sleep(unsigned seconds) {
+[[gnu::weak]] unsigned sleep(unsigned seconds) {
     if (!interpose_clock_is_own()) {
         return real<"sleep", unsigned(unsigned)>()(seconds);
     }

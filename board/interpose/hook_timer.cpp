@@ -203,16 +203,10 @@ int set(Timer& timer, int flags, const itimerspec* value, itimerspec* old) {
 
 } // namespace
 
-// A test program's own definition wins.
-#pragma weak timer_create
-#pragma weak timer_settime
-#pragma weak timer_gettime
-#pragma weak timer_getoverrun
-#pragma weak timer_delete
-
+// Weak: a test program's own definition wins.
 extern "C" {
 
-int timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept {
+[[gnu::weak]] int timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept {
     if (hook_fails("timer_create")) {
         return -1;
     }
@@ -222,13 +216,13 @@ int timer_create(clockid_t clock, sigevent* event, timer_t* timer) noexcept {
     return real<"timer_create", int(clockid_t, sigevent*, timer_t*)>()(clock, event, timer);
 }
 
-int timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old) noexcept {
+[[gnu::weak]] int timer_settime(timer_t timer, int flags, const itimerspec* value, itimerspec* old) noexcept {
     using SetTime = int(timer_t, int, const itimerspec*, itimerspec*);
     const auto result = with_timer(timer, [&](Timer& found) { return set(found, flags, value, old); });
     return result ? *result : real<"timer_settime", SetTime>()(timer, flags, value, old);
 }
 
-int timer_gettime(timer_t timer, itimerspec* value) noexcept {
+[[gnu::weak]] int timer_gettime(timer_t timer, itimerspec* value) noexcept {
     const auto result = with_timer(timer, [&](const Timer& found) {
         *value = remaining(found);
         return 0;
@@ -236,12 +230,12 @@ int timer_gettime(timer_t timer, itimerspec* value) noexcept {
     return result ? *result : real<"timer_gettime", int(timer_t, itimerspec*)>()(timer, value);
 }
 
-int timer_getoverrun(timer_t timer) noexcept {
+[[gnu::weak]] int timer_getoverrun(timer_t timer) noexcept {
     const auto result = with_timer(timer, [](const Timer&) { return 0; });
     return result ? *result : real<"timer_getoverrun", int(timer_t)>()(timer);
 }
 
-int timer_delete(timer_t timer) noexcept {
+[[gnu::weak]] int timer_delete(timer_t timer) noexcept {
     const std::unique_lock hold(state.lock);
     if (table().timers.erase(reinterpret_cast<uintptr_t>(timer)) != 0) {
         return 0;

@@ -59,35 +59,24 @@ int poll_in_pieces(pollfd* files, nfds_t count, int64_t timeout_ns) {
 
 } // namespace
 
-// A test program's own definition wins.
-#pragma weak poll
-#pragma weak __poll_chk
-#pragma weak ppoll
-#pragma weak select
-#pragma weak epoll_wait
-#pragma weak sem_timedwait
-#pragma weak sem_clockwait
-#pragma weak pthread_mutex_timedlock
-#pragma weak pthread_mutex_clocklock
-#pragma weak pthread_cond_clockwait
-
+// Weak: a test program's own definition wins.
 extern "C" {
 
-int poll(pollfd* files, nfds_t count, int timeout_ms) {
+[[gnu::weak]] int poll(pollfd* files, nfds_t count, int timeout_ms) {
     if (timeout_ms <= 0 || !interpose_clock_is_own()) {
         return real<"poll", Poll>()(files, count, timeout_ms);
     }
     return poll_in_pieces(files, count, timeout_ms * kNsPerMs);
 }
 
-int __poll_chk(pollfd* files, nfds_t count, int timeout_ms, size_t room) {
+[[gnu::weak]] int __poll_chk(pollfd* files, nfds_t count, int timeout_ms, size_t room) {
     if (timeout_ms <= 0 || !interpose_clock_is_own() || count > room / sizeof *files) {
         return real<"__poll_chk", int(pollfd*, nfds_t, int, size_t)>()(files, count, timeout_ms, room);
     }
     return poll_in_pieces(files, count, timeout_ms * kNsPerMs);
 }
 
-int ppoll(pollfd* files, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+[[gnu::weak]] int ppoll(pollfd* files, nfds_t count, const timespec* timeout, const sigset_t* mask) {
     using Ppoll = int(pollfd*, nfds_t, const timespec*, const sigset_t*);
     if (timeout == nullptr || !converts(timeout) || timeout->tv_sec < 0) {
         return real<"ppoll", Ppoll>()(files, count, timeout, mask);
@@ -98,7 +87,7 @@ int ppoll(pollfd* files, nfds_t count, const timespec* timeout, const sigset_t* 
     });
 }
 
-int select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* timeout) {
+[[gnu::weak]] int select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* timeout) {
     using Select = int(int, fd_set*, fd_set*, fd_set*, timeval*);
     if (timeout == nullptr || timeout->tv_sec < 0 || timeout->tv_usec < 0 || !interpose_clock_is_own()) {
         return real<"select", Select>()(count, reads, writes, others, timeout);
@@ -120,7 +109,7 @@ int select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* ti
     });
 }
 
-int epoll_wait(int fd, epoll_event* events, int room, int timeout_ms) {
+[[gnu::weak]] int epoll_wait(int fd, epoll_event* events, int room, int timeout_ms) {
     using EpollWait = int(int, epoll_event*, int, int);
     if (timeout_ms <= 0 || !interpose_clock_is_own()) {
         return real<"epoll_wait", EpollWait>()(fd, events, room, timeout_ms);
@@ -130,7 +119,7 @@ int epoll_wait(int fd, epoll_event* events, int room, int timeout_ms) {
     });
 }
 
-int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
+[[gnu::weak]] int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
     using TimedWait = int(sem_t*, const timespec*);
     if (!converts(deadline)) {
         return real<"sem_timedwait", TimedWait>()(semaphore, deadline);
@@ -139,7 +128,7 @@ int sem_timedwait(sem_t* semaphore, const timespec* deadline) {
     return real<"sem_timedwait", TimedWait>()(semaphore, &host);
 }
 
-int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* deadline) noexcept(false) {
+[[gnu::weak]] int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* deadline) noexcept(false) {
     using ClockWait = int(sem_t*, clockid_t, const timespec*);
     if (!converts(deadline)) {
         return real<"sem_clockwait", ClockWait>()(semaphore, clock, deadline);
@@ -148,7 +137,7 @@ int sem_clockwait(sem_t* semaphore, clockid_t clock, const timespec* deadline) n
     return real<"sem_clockwait", ClockWait>()(semaphore, clock, &host);
 }
 
-int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
+[[gnu::weak]] int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) noexcept {
     using TimedLock = int(pthread_mutex_t*, const timespec*);
     if (!converts(deadline)) {
         return real<"pthread_mutex_timedlock", TimedLock>()(mutex, deadline);
@@ -157,7 +146,8 @@ int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec* deadline) no
     return real<"pthread_mutex_timedlock", TimedLock>()(mutex, &host);
 }
 
-int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) noexcept {
+[[gnu::weak]] int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock,
+                                          const timespec* deadline) noexcept {
     using ClockLock = int(pthread_mutex_t*, clockid_t, const timespec*);
     if (!converts(deadline)) {
         return real<"pthread_mutex_clocklock", ClockLock>()(mutex, clock, deadline);
@@ -166,8 +156,8 @@ int pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const times
     return real<"pthread_mutex_clocklock", ClockLock>()(mutex, clock, &host);
 }
 
-int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                           const timespec* deadline) {
+[[gnu::weak]] int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                         const timespec* deadline) {
     using ClockWait = int(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
     if (!converts(deadline)) {
         return real<"pthread_cond_clockwait", ClockWait>()(condition, mutex, clock, deadline);

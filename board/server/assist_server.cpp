@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstring>
 #include <mbedtls/md5.h>
+#include <mbedtls/version.h>
 #include <memory>
 #include <microhttpd.h>
 #include <netinet/in.h>
@@ -86,7 +87,8 @@ ssize_t send_piece(void* argument, uint64_t position, char* buffer, size_t room)
     if (in_mid_body && transfer.faults.of(AssistFault::stall) != 0 && !sit_out_stall(transfer)) {
         return MHD_CONTENT_READER_END_WITH_ERROR;
     }
-    const size_t size = std::min({room, kBlockSize, transfer.body.size() - position});
+    const uint64_t left = transfer.body.size() - position;
+    const auto size = static_cast<size_t>(std::min<uint64_t>({room, kBlockSize, left}));
     if (transfer.faults.of(AssistFault::slow) != 0 && !sit_out_slowness(transfer, size)) {
         return MHD_CONTENT_READER_END_WITH_ERROR;
     }
@@ -302,7 +304,12 @@ std::string assist_md5(const std::string& content) {
     constexpr size_t kDigestSize = 16;
     constexpr char kDigits[] = "0123456789abcdef";
     std::array<unsigned char, kDigestSize> digest = {};
-    mbedtls_md5_ret(reinterpret_cast<const unsigned char*>(content.data()), content.size(), digest.data());
+#if MBEDTLS_VERSION_MAJOR >= 3
+    constexpr auto md5 = mbedtls_md5;
+#else
+    constexpr auto md5 = mbedtls_md5_ret;
+#endif
+    md5(reinterpret_cast<const unsigned char*>(content.data()), content.size(), digest.data());
     std::string text;
     for (const unsigned char byte : digest) {
         text += kDigits[byte >> 4];

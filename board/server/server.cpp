@@ -131,8 +131,9 @@ void answer_seek(Board& board, ServerConnection& connection, const Request& requ
         return refuse(reply, EINVAL);
     }
     memcpy(&offset, request.payload, sizeof offset);
-    set_result(reply,
-               board_node_seek(board, connection.file, offset, static_cast<int>(request.header.number)));
+    const off_t now =
+        board_node_seek(board, connection.file, offset, static_cast<int>(request.header.number));
+    set_result(reply, static_cast<ssize_t>(now));
 }
 
 void answer_i2c_set(Board& board, ServerConnection& connection, const Request& request, Reply& reply) {
