@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <mbedtls/md5.h>
+#include <mbedtls/version.h>
 
 namespace {
 
@@ -34,6 +35,17 @@ void write_hex(const uint8_t* digest, char* out) {
     out[kDigestLength] = '\0';
 }
 
+// The functions that tell of a failure: before version 3 the plain names belonged to others.
+#if MBEDTLS_VERSION_MAJOR >= 3
+constexpr auto md5_starts = mbedtls_md5_starts;
+constexpr auto md5_update = mbedtls_md5_update;
+constexpr auto md5_finish = mbedtls_md5_finish;
+#else
+constexpr auto md5_starts = mbedtls_md5_starts_ret;
+constexpr auto md5_update = mbedtls_md5_update_ret;
+constexpr auto md5_finish = mbedtls_md5_finish_ret;
+#endif
+
 bool add_content(FILE* file, mbedtls_md5_context* context) {
     uint8_t chunk[kChunkSize];
     for (;;) {
@@ -41,7 +53,7 @@ bool add_content(FILE* file, mbedtls_md5_context* context) {
         if (size == 0) {
             return ferror(file) == 0;
         }
-        if (mbedtls_md5_update_ret(context, chunk, size) != 0) {
+        if (md5_update(context, chunk, size) != 0) {
             return false;
         }
     }
@@ -50,8 +62,8 @@ bool add_content(FILE* file, mbedtls_md5_context* context) {
 bool digest_of(FILE* file, uint8_t* digest) {
     mbedtls_md5_context context;
     mbedtls_md5_init(&context);
-    const bool done = mbedtls_md5_starts_ret(&context) == 0 && add_content(file, &context) &&
-                      mbedtls_md5_finish_ret(&context, digest) == 0;
+    const bool done =
+        md5_starts(&context) == 0 && add_content(file, &context) && md5_finish(&context, digest) == 0;
     mbedtls_md5_free(&context);
     return done;
 }
