@@ -1,0 +1,5 @@
+set(cross_arch arm64)
+set(cross_triplet aarch64-linux-gnu)
+set(cross_processor aarch64)
+set(cross_emulator aarch64)
+include("${CMAKE_CURRENT_LIST_DIR}/cross.cmake")

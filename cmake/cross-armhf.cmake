@@ -1,0 +1,5 @@
+set(cross_arch armhf)
+set(cross_triplet arm-linux-gnueabihf)
+set(cross_processor armv7l)
+set(cross_emulator arm)
+include("${CMAKE_CURRENT_LIST_DIR}/cross.cmake")

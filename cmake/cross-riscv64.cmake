@@ -1,0 +1,5 @@
+set(cross_arch riscv64)
+set(cross_triplet riscv64-linux-gnu)
+set(cross_processor riscv64)
+set(cross_emulator riscv64)
+include("${CMAKE_CURRENT_LIST_DIR}/cross.cmake")

@@ -1,0 +1,16 @@
+# What the toolchain files cross-ARCH.cmake share: Debian's cross compiler, the libraries of build/sysroot/ARCH, which scripts/cross.sh
+# makes, and the emulator for tests. They set cross_arch, cross_triplet and cross_processor.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR ${cross_processor})
+set(CMAKE_C_COMPILER ${cross_triplet}-gcc)
+set(CMAKE_CXX_COMPILER ${cross_triplet}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${cross_triplet})
+cmake_path(SET CMAKE_SYSROOT NORMALIZE "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${cross_arch}")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+find_program(TAVOR_EMULATOR qemu-${cross_emulator}-static)
+if(TAVOR_EMULATOR)
+    set(CMAKE_CROSSCOMPILING_EMULATOR "${TAVOR_EMULATOR};-L;${CMAKE_SYSROOT}")
+endif()
