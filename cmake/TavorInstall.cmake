@@ -18,6 +18,18 @@ if(TARGET tavor-board)
     install(FILES docs/tavor-board.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT board)
 endif()
 
+# Completion for the shells. Debian keeps that of zsh in share/zsh/vendor-completions.
+set(TAVOR_ZSH_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING "Where zsh finds completion functions")
+function(install_completion program component)
+    install(FILES packaging/completion/tavor.bash DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions"
+        RENAME ${program} COMPONENT ${component})
+    install(FILES packaging/completion/tavor.zsh DESTINATION "${TAVOR_ZSH_DIR}" RENAME _${program} COMPONENT ${component})
+endfunction()
+install_completion(tavorctl client)
+if(TARGET tavor-board)
+    install_completion(tavor-board board)
+endif()
+
 # The protocol's header for other clients: by pkg-config as "tavor", by find_package(tavor) as tavor::protocol.
 install(DIRECTORY include/tavor DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
 install(FILES docs/examples/client.c DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT dev)

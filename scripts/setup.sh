@@ -7,7 +7,7 @@ packages=(
     libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev
     libcli11-dev nlohmann-json3-dev
     libgtest-dev libbenchmark-dev zlib1g-dev
-    clang-format clang-tidy patch mandoc
+    clang-format clang-tidy patch mandoc bash-completion
 )
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }

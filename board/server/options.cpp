@@ -219,8 +219,10 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         ->type_name("KEY=VALUE")
         ->expected(1)
         ->take_all();
-    command->add_option("--dir", run.directory,
-                        "the board's directory; kept at the end (default: one of its own)");
+    command
+        ->add_option("--dir", run.directory,
+                     "the board's directory; kept at the end (default: one of its own)")
+        ->type_name("DIR");
     command->add_flag("--keep", run.keep, "keep the directory at the end");
     add_clock_options(command, run);
     command->add_flag_callback(
@@ -229,7 +231,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         "--kernel-device", run.kernel_device,
         "serve the kernel's own spidev, i2c-dev and GPIO through this device of the module in "
         "board/kernel; the program is started without the preload library");
-    command->add_option("--log", run.log, "file for the program's output");
+    command->add_option("--log", run.log, "file for the program's output")->type_name("FILE");
     command->add_option("program", run.program, "program and its arguments, behind --");
     command->footer(run_footer());
     return command;
@@ -237,7 +239,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
 
 CLI::App* add_exec(CLI::App& app, ExecOptions& exec) {
     CLI::App* command = app.add_subcommand("exec", "start a program on a running board");
-    command->add_option("--dir", exec.directory, "the board's directory")->required();
+    command->add_option("--dir", exec.directory, "the board's directory")->type_name("DIR")->required();
     command->add_option("--speed", exec.speed, "change the speed of the board's clock first")
         ->check(CLI::Range(1U, kBoardClockFastest));
     command->add_option("program", exec.program, "program and its arguments, behind --")->required();
@@ -258,7 +260,7 @@ void add_time(CLI::App* time, ControlOptions& control) {
 
 CLI::App* add_control(CLI::App& app, ControlOptions& control) {
     CLI::App* ctl = app.add_subcommand("ctl", "ask or change a running board");
-    ctl->add_option("--dir", control.directory, "the board's directory")->required();
+    ctl->add_option("--dir", control.directory, "the board's directory")->type_name("DIR")->required();
     ctl->require_subcommand(0, 1);
     ctl->footer(kControlExamples);
     const auto add = [&](const char* name, const char* help) {
