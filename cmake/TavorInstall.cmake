@@ -31,6 +31,7 @@ if(TARGET tavor-board)
 endif()
 
 # The protocol's header for other clients: by pkg-config as "tavor", by find_package(tavor) as tavor::protocol.
+install(FILES docs/tavor-protocol.7 DESTINATION "${CMAKE_INSTALL_MANDIR}/man7" COMPONENT dev)
 install(DIRECTORY include/tavor DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
 install(FILES docs/examples/client.c DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT dev)
 install(PROGRAMS docs/examples/client.py DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT dev)

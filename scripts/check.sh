@@ -51,6 +51,7 @@ printf '%s\n' "${sources[@]}" | grep -E '^(src|client|board)/.*\.cpp$' |
     { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
 echo "check: manuals and error lines"
 scripts/check_error_lines.sh
+scripts/check_protocol.sh
 version=$(sed -n 's/^project(tavor VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
 for page in docs/*.[1-8]; do
     if ! head -n 1 "$page" | grep -q "^\.TH .* \"tavor $version\" "; then
