@@ -1,0 +1,61 @@
+################################################################################
+#
+# tavor
+#
+################################################################################
+
+TAVOR_VERSION = 1.3.0
+# The tree that this package stands in.
+TAVOR_SITE = $(BR2_EXTERNAL_TAVOR_PATH)/../..
+TAVOR_SITE_METHOD = local
+TAVOR_LICENSE = MIT
+TAVOR_LICENSE_FILES = LICENSE
+TAVOR_INSTALL_STAGING = YES
+TAVOR_DEPENDENCIES = cli11 json-for-modern-cpp libcurl mbedtls
+
+TAVOR_CONF_OPTS = \
+	-DTAVOR_BUILD_TESTS=OFF \
+	-DTAVOR_BUILD_BENCH=OFF \
+	-DTAVOR_XOD_HOST=$(call qstrip,$(BR2_PACKAGE_TAVOR_XOD_HOST))
+
+ifeq ($(BR2_PACKAGE_TAVOR_BOARD),y)
+TAVOR_DEPENDENCIES += libmicrohttpd
+TAVOR_CONF_OPTS += -DTAVOR_BUILD_BOARD=ON
+else
+TAVOR_CONF_OPTS += -DTAVOR_BUILD_BOARD=OFF
+endif
+
+define TAVOR_INSTALL_CONFIGURATION
+	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.conf \
+		$(TARGET_DIR)/etc/default/tavor/tavor.conf
+	$(INSTALL) -d -m 0750 $(TARGET_DIR)/etc/default/tavor/xod
+endef
+TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
+
+# The unit and what stands beside it are CMake's; others than systemd have no use for them.
+ifneq ($(BR2_INIT_SYSTEMD),y)
+define TAVOR_REMOVE_SYSTEMD_FILES
+	rm -rf $(TARGET_DIR)/usr/lib/systemd/system/tavor* \
+		$(TARGET_DIR)/usr/lib/sysusers.d/tavor.conf \
+		$(TARGET_DIR)/usr/lib/tmpfiles.d/tavor.conf
+endef
+TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_REMOVE_SYSTEMD_FILES
+endif
+
+define TAVOR_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(TAVOR_PKGDIR)/S50tavor \
+		$(TARGET_DIR)/etc/init.d/S50tavor
+endef
+
+# Members of the group may drive the daemon.
+define TAVOR_USERS
+	tavor -1 tavor -1 * - - - location daemon
+endef
+
+# Set-group-id: the socket has the group of its directory.
+define TAVOR_PERMISSIONS
+	/etc/default/tavor d 2750 root tavor - - - - -
+	/etc/default/tavor/xod d 2750 root tavor - - - - -
+endef
+
+$(eval $(cmake-package))

@@ -1,0 +1,72 @@
+SUMMARY = "Location daemon for the qx7710 GNSS chip"
+DESCRIPTION = "Owns a GNSS chip: powers it, reads it over SPI, tracks the last position, fetches predicted orbits, writes firmware."
+SECTION = "network"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=20b7f76dda12301e5f94b85760b94f81"
+
+# The recipe builds the tree that it stands in.
+inherit externalsrc
+EXTERNALSRC = "${@os.path.abspath(os.path.join(d.getVar('THISDIR'), '../../../..'))}"
+
+inherit cmake pkgconfig systemd useradd features_check
+
+# Threads are cancelled, which unwinds their stacks with glibc only.
+COMPATIBLE_HOST:libc-musl = "null"
+REQUIRED_DISTRO_FEATURES = "systemd"
+
+DEPENDS = "curl mbedtls cli11 nlohmann-json"
+
+# The simulated board, for developers' images.
+PACKAGECONFIG ??= ""
+PACKAGECONFIG[board] = "-DTAVOR_BUILD_BOARD=ON,-DTAVOR_BUILD_BOARD=OFF,libmicrohttpd"
+
+# The host name of the assistance server that devices ask by default; tavor.conf may name another.
+TAVOR_XOD_HOST ?= "assist.tavor.example"
+
+EXTRA_OECMAKE = " \
+    -DTAVOR_BUILD_TESTS=OFF \
+    -DTAVOR_BUILD_BENCH=OFF \
+    -DTAVOR_XOD_HOST=${TAVOR_XOD_HOST} \
+"
+
+do_install:append() {
+    install -D -m 0644 ${S}/packaging/tavor.conf ${D}${sysconfdir}/default/tavor/tavor.conf
+    # CMake puts the unit below the prefix.
+    if [ "${systemd_system_unitdir}" != "${nonarch_libdir}/systemd/system" ]; then
+        install -d ${D}${systemd_system_unitdir}
+        mv ${D}${nonarch_libdir}/systemd/system/* ${D}${systemd_system_unitdir}/
+        rmdir ${D}${nonarch_libdir}/systemd/system
+    fi
+}
+
+SYSTEMD_SERVICE:${PN} = "tavor.service"
+
+USERADD_PACKAGES = "${PN}"
+USERADD_PARAM:${PN} = "--system --user-group --no-create-home --home-dir / --shell /sbin/nologin tavor"
+
+PACKAGES =+ "${PN}-client ${PN}-board"
+
+FILES:${PN}-client = " \
+    ${bindir}/tavorctl \
+    ${datadir}/bash-completion/completions/tavorctl \
+    ${datadir}/zsh/site-functions/_tavorctl \
+"
+FILES:${PN}-board = " \
+    ${bindir}/tavor-board \
+    ${libdir}/tavor \
+    ${datadir}/bash-completion/completions/tavor-board \
+    ${datadir}/zsh/site-functions/_tavor-board \
+"
+FILES:${PN} += " \
+    ${systemd_system_unitdir} \
+    ${nonarch_libdir}/systemd \
+    ${nonarch_libdir}/sysusers.d \
+    ${nonarch_libdir}/tmpfiles.d \
+"
+FILES:${PN}-dev += "${datadir}/cmake ${datadir}/pkgconfig"
+
+CONFFILES:${PN} = "${sysconfdir}/default/tavor/tavor.conf"
+
+# Loaded when the first assistance download is asked for; the unit stops positioning through the client.
+RDEPENDS:${PN} = "libcurl ${PN}-client"
+INSANE_SKIP:${PN}-board = "dev-so"
