@@ -3,9 +3,11 @@
 #include "client/assist.h"
 #include "client/download.h"
 #include "client/download_check.h"
+#include "client/export.h"
 #include "client/follow.h"
 #include "client/position.h"
 #include "client/print.h"
+#include "client/record.h"
 #include "client/session.h"
 #include "client/status.h"
 
@@ -38,8 +40,7 @@ struct SimpleRow {
 
 constexpr SimpleRow kSimpleRows[] = {
     {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS, kStartFailure},
-    {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kStopLimitS,
-     "positioning could not be stopped: the daemon answered failure; see 'journalctl --namespace=tavor'"},
+    {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kStopLimitS, kStopFailure},
     {Command::kSave, TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION, true, "", kAnswerLimitS,
      "the location could not be saved: the daemon answered failure; check that the place of 'NMEA file path=' is "
      "writable"},
@@ -120,46 +121,13 @@ bool watch_record(Session& session, Watched& watched, const Record& record) {
     return (!shown || watch_emit(session, watch_text(session.options, record))) && !failed;
 }
 
-// Status of a watch that ended. Interrupting one that has no limit of its own is the ordinary way to end it.
-int watch_status(Session& session, const Followed& followed, double answer_s) {
-    if (session.start_failed) {
-        return follow_start_failed(session);
-    }
-    if (followed.outcome == Outcome::kTimeout && followed.answered) {
-        return session_output_status(session);
-    }
-    const int status = session_end_status(session, followed.outcome, answer_s);
-    const bool endless = session.options.count == 0 && !session.options.duration_s;
-    return followed.outcome == Outcome::kInterrupted && endless ? session_output_status(session) : status;
-}
-
-int stop_at_end(Session& session, int status) {
-    session.connection.output = -1; // a reader that has gone does not keep the chip on
-    std::optional<Record> answer;
-    const Outcome outcome = exchange_ask(
-        session.connection, {TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, "", kAnswerLimitS, true}, kSkip, answer);
-    if (!answer) {
-        return session_end_status(session, outcome, kAnswerLimitS);
-    }
-    return record_ok(*answer) ? status : session_fail(session, kExitFailed, kSimpleRows[1].failure);
-}
-
 int run_watch(Session& session) {
-    const Options& options = session.options;
-    const double limit_s = options.timeout_s.value_or(kAnswerLimitS);
-    const double duration_s = options.duration_s.value_or(0);
-    const bool short_watch = duration_s > 0 && (limit_s <= 0 || duration_s < limit_s);
-    const double answer_s = short_watch ? duration_s : limit_s;
     session.connection.output = STDOUT_FILENO;
     Watched watched;
-    const Followed followed =
-        follow_start(session, answer_s, limit_s, deadline_in(duration_s),
-                     [&](const Record& record) { return watch_record(session, watched, record); });
+    const Followed followed = follow_for_options(
+        session, [&](const Record& record) { return watch_record(session, watched, record); });
     watch_position(session, watched);
-    const int status = watch_status(session, followed, answer_s);
-    const bool reachable = followed.outcome != Outcome::kUnreachable &&
-                           (followed.answered || followed.outcome != Outcome::kTimeout);
-    return options.stop && reachable ? stop_at_end(session, status) : status;
+    return follow_finish(session, followed);
 }
 
 int run_send(Session& session) {
@@ -208,6 +176,9 @@ int commands_run(const Options& options, int interrupt) {
     if (options.command == Command::kDownload && options.check) {
         return download_check_run(session);
     }
+    if (options.command == Command::kExport && !options.file.empty()) {
+        return export_run_file(session);
+    }
     if (!connection_open(session.connection, options.socket)) {
         const bool interrupted = session.connection.error.empty();
         return session_end_status(session, interrupted ? Outcome::kInterrupted : Outcome::kUnreachable, 0);
@@ -223,6 +194,10 @@ int commands_run(const Options& options, int interrupt) {
         return assist_run(session);
     case Command::kDownload:
         return download_run(session);
+    case Command::kRecord:
+        return record_run(session);
+    case Command::kExport:
+        return export_run(session);
     case Command::kStart:
         return options.wait_s ? position_run_start(session) : run_simple(session);
     default:

@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr double kAnswerS = 5;
+
 void tell_silence(double seconds, int count, bool restarted) {
     if (restarted) {
         session_note("the daemon was restarted: started positioning again");
@@ -17,6 +19,35 @@ void tell_silence(double seconds, int count, bool restarted) {
         session_note(
             "still no output: positioning is stopped or the chip is silent; 'tavorctl start' starts it");
     }
+}
+
+int status_of(Session& session, const Followed& followed) {
+    const Options& options = session.options;
+    const bool endless = options.count == 0 && !options.duration_s;
+    if (session.start_failed) {
+        return follow_start_failed(session);
+    }
+    if (followed.outcome == Outcome::kTimeout && followed.answered) {
+        return session_output_status(session);
+    }
+    const int status = session_end_status(session, followed.outcome, followed.answer_s);
+    return followed.outcome == Outcome::kInterrupted && endless ? session_output_status(session) : status;
+}
+
+int stop_behind(Session& session, const Followed& followed, int status) {
+    if (followed.outcome == Outcome::kUnreachable ||
+        (!followed.answered && followed.outcome == Outcome::kTimeout)) {
+        return status;
+    }
+    session.connection.output = -1; // a reader that has gone does not keep the chip on
+    std::optional<Record> answer;
+    const Outcome outcome = exchange_ask(
+        session.connection, {TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, "", kAnswerS, true},
+        [](const Record&) { return true; }, answer);
+    if (!answer) {
+        return session_end_status(session, outcome, kAnswerS);
+    }
+    return record_ok(*answer) ? status : session_fail(session, kExitFailed, kStopFailure);
 }
 
 } // namespace
@@ -44,4 +75,19 @@ bool follow_is_failed_start(Session& session, const Record& record) {
 
 int follow_start_failed(Session& session) {
     return session_fail(session, kExitFailed, kStartFailure);
+}
+
+Followed follow_for_options(Session& session, const Visitor& visit) {
+    const double limit_s = session.options.timeout_s.value_or(kAnswerS);
+    const double duration_s = session.options.duration_s.value_or(0);
+    const bool is_short = duration_s > 0 && (limit_s <= 0 || duration_s < limit_s);
+    const double answer_s = is_short ? duration_s : limit_s;
+    Followed followed = follow_start(session, answer_s, limit_s, deadline_in(duration_s), visit);
+    followed.answer_s = answer_s;
+    return followed;
+}
+
+int follow_finish(Session& session, const Followed& followed) {
+    const int status = status_of(session, followed);
+    return session.options.stop ? stop_behind(session, followed, status) : status;
 }

@@ -3,13 +3,12 @@
 #ifndef TAVOR_CLIENT_NMEA_H
 #define TAVOR_CLIENT_NMEA_H
 
+#include "client/sentence.h"
+
 #include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
-
-// A moment of UTC.
-using Utc = std::chrono::sys_time<std::chrono::milliseconds>;
 
 // What the latest sentences of each kind have told.
 struct Fix {
@@ -24,7 +23,10 @@ struct Fix {
 enum class SentenceKind { kOther, kGga, kGsa, kRmc };
 
 // Takes a sentence, line end included or not.
-SentenceKind nmea_take(Fix& fix, std::string_view sentence);
+SentenceKind nmea_take(Fix& fix, std::string_view text);
+
+// The moment of a time of day that is less than half a day away from the other moment.
+Utc nmea_nearest(std::chrono::milliseconds of_day, Utc other);
 
 // The moment of a time hhmmss.sss, which is less than half a day away from that of the latest date.
 std::optional<Utc> nmea_moment(const Fix& fix, const std::string& time);

@@ -1,5 +1,6 @@
 #include "client/options.h"
 
+#include "client/command_table.h"
 #include "client/exit_status.h"
 #include "client/print.h"
 
@@ -22,65 +23,6 @@ constexpr size_t kMistypedMax = 2;                   // letters
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U; // of the chip
 constexpr double kFixWaitS = 120;
 constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
-
-struct CommandRow {
-    const char* name;
-    Command command;
-    const char* description;
-    const char* footer;
-};
-
-constexpr char kExamples[] = R"(
-Examples:
-  tavorctl watch                     start positioning and follow the output
-  tavorctl position --json           the next position as one JSON object
-  tavorctl --timeout 2 start         give up after two seconds
-  tavorctl --socket PATH stop        a daemon at another place
-
-'tavorctl COMMAND --help' tells more. The daemon sends its output to the client of the latest request.)";
-
-constexpr CommandRow kCommands[] = {
-    {"start", Command::kStart, "Start positioning",
-     "Answer limit: 5 s. Starting twice does no harm. With --wait it is a success only when the chip sends, with\n"
-     "--fix when it has a fix; else the most likely cause is told.\n\n"
-     "Examples:\n  tavorctl start\n  tavorctl start --wait=5\n  tavorctl start --fix --json"},
-    {"stop", Command::kStop, "Stop positioning and switch the chip off",
-     "Answer limit: 40 s. It waits for a transfer that hangs in the driver of the SPI controller, which nobody\n"
-     "can interrupt; most drivers give up within 30 s.\n\nExamples:\n  tavorctl stop"},
-    {"watch", Command::kWatch, "Start positioning and follow sentences, positions and answers of the chip",
-     "Silent for --timeout seconds (5), it takes the output back from another client. Positioning goes on at\n"
-     "the end unless --stop is given. Binary frames of the chip are not passed to clients.\n\n"
-     "Examples:\n  tavorctl watch\n  tavorctl watch --raw > track.nmea\n  tavorctl watch --duration 60 --stop\n"
-     "  tavorctl watch --json | jq 'select(.type == \"position\")'"},
-    {"position", Command::kPosition, "Start positioning, wait for the next position and print it",
-     "Limit: 60 s. Positioning goes on afterwards. The age is by this host's clock; one above 5 s is told.\n\n"
-     "Examples:\n  tavorctl position\n  tavorctl position --json --timeout 120\n  tavorctl position --max-age 2"},
-    {"save", Command::kSave, "Write the last position to the location file",
-     "Answer limit: 5 s.\n\nExamples:\n  tavorctl save"},
-    {"send", Command::kSend, "Send a command to the chip and print its answers",
-     "BODY is the command without '$PZUL' and checksum. Positioning must be started.\n\n"
-     "Examples:\n  tavorctl send 353,1\n  tavorctl send 353,1 --wait 3 --json"},
-    {"debug", Command::kDebug, "Switch the debug outlet",
-     "Answer limit: 5 s.\n\nExamples:\n  tavorctl debug tcp\n  tavorctl debug off"},
-    {"assist", Command::kAssist, "Start the assistance download and follow its results",
-     "Answer limit: 5 s. Follows until interrupted; with --once until the first full cycle is over: a download\n"
-     "has failed, or none has ended for --wait seconds. No result comes, and that is a success, while the stored\n"
-     "data are fresh or a download that failed before waits for its retry. The daemon goes on by itself.\n\n"
-     "Examples:\n  tavorctl assist\n  tavorctl assist --once --json\n"
-     "  tavorctl assist --wait 0     don't wait for a download"},
-    {"download", Command::kDownload, "Write new firmware into the chip",
-     "Limit: 20 min. Positioning is stopped and the chip off afterwards. Let no other client send requests\n"
-     "meanwhile: the answer would go there. Interrupting this tool does not stop the daemon. Progress is taken\n"
-     "from the daemon's log, where it can be read, and shown on standard error. List, agent and images are looked\n"
-     "at before the request; what is wrong ends the command, and nothing is requested.\n\n"
-     "Examples:\n  tavorctl download --check\n  tavorctl download --check --flash 0x08000000+0x200000\n"
-     "  tavorctl download\n  tavorctl download --log /tmp/tavor.log\n  tavorctl download --json"},
-    {"status", Command::kStatus, "Tell the state of daemon, chip and files without asking the daemon",
-     "Within 2 s. No request is sent, so nobody loses the daemon's output and no state changes: what stands here\n"
-     "comes from the lock and the socket, the power line, the log and the files. What can't be known says why.\n"
-     "Exit status 0: a daemon runs, 3: none does or that can't be told.\n\n"
-     "Examples:\n  tavorctl status\n  tavorctl status --log /tmp/tavor.log\n  tavorctl status --json | jq .daemon.version"},
-};
 
 std::string footer() {
     std::string text = "Exit status:\n";
@@ -156,13 +98,17 @@ void add_common(CLI::App& app, Options& options) {
     app.add_flag("--json", options.json, "Print JSON, one object a line");
 }
 
+void add_follow_options(CLI::App& app, Options& options) {
+    add_seconds(app, "--duration", options.duration_s, "End after so many seconds", check_positive_seconds);
+    app.add_flag("--stop", options.stop, "Stop positioning at the end");
+}
+
 void add_watch_options(CLI::App& app, Options& options) {
     app.add_flag("--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
     app.add_option("--count", options.count, "End after so many lines of output")
         ->type_name("LINES")
         ->check(CLI::Validator(check_count, ""));
-    add_seconds(app, "--duration", options.duration_s, "End after so many seconds", check_positive_seconds);
-    app.add_flag("--stop", options.stop, "Stop positioning at the end");
+    add_follow_options(app, options);
 }
 
 void add_start_options(CLI::App& app, Options& options) {
@@ -175,6 +121,28 @@ void add_start_options(CLI::App& app, Options& options) {
 void add_log(CLI::App& app, Options& options) {
     app.add_option("--log", options.log, "File that the daemon's log goes to (the journal of its service)")
         ->type_name("FILE");
+}
+
+void add_record_options(CLI::App& app, Options& options) {
+    app.add_option("FILE", options.file, "Where to, '-' for standard output")->required();
+    app.add_flag("--stamps", options.stamps,
+                 "Tell in comment lines when sentences came, by this host's clock");
+    CLI::Option* append = app.add_flag("--append", options.append, "Go on behind what the file holds");
+    app.add_flag("--force", options.force, "Replace the file")->excludes(append);
+    add_follow_options(app, options);
+}
+
+void add_export_options(CLI::App& app, Options& options) {
+    CLI::Option_group* formats = app.add_option_group("format");
+    for (const FormatRow& row : kFormats) {
+        formats->add_flag_callback(
+            row.option, [&options, &row] { options.format = row.format; }, row.help);
+    }
+    formats->require_option(1);
+    app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live");
+    add_seconds(app, "--gap", options.gap_s, "A new segment behind so many seconds without a point (10)",
+                check_positive_seconds);
+    add_follow_options(app, options);
 }
 
 void add_own_options(CLI::App& app, Command command, Options& options) {
@@ -203,6 +171,12 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
     case Command::kAssist:
         app.add_flag("--once", options.once, "End after the first full cycle");
         add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
+        break;
+    case Command::kRecord:
+        add_record_options(app, options);
+        break;
+    case Command::kExport:
+        add_export_options(app, options);
         break;
     case Command::kDownload:
         add_log(app, options);
@@ -241,6 +215,10 @@ std::string check_together(const CLI::App& app, const Options& options) {
     }
     if (options.raw && options.json) {
         return "--raw excludes --json";
+    }
+    const bool track = options.command == Command::kExport;
+    if (options.json && (track || (options.command == Command::kRecord && options.file == "-"))) {
+        return "--json excludes what goes to standard output itself";
     }
     return "";
 }

@@ -8,7 +8,23 @@
 #include <optional>
 #include <string>
 
-enum class Command { kStart, kStop, kWatch, kPosition, kSave, kSend, kDebug, kAssist, kDownload, kStatus };
+enum class Command {
+    kStart,
+    kStop,
+    kWatch,
+    kPosition,
+    kSave,
+    kSend,
+    kDebug,
+    kAssist,
+    kDownload,
+    kStatus,
+    kRecord,
+    kExport
+};
+
+// Of an exported track.
+enum class TrackFormat { kGpx, kKml, kGeoJson, kCsv };
 
 // Where a flash lies in the chip's addresses.
 struct FlashRange {
@@ -22,9 +38,9 @@ struct Options {
     std::optional<double> timeout_s; // none: the command's own default; 0: no limit
     bool json = false;
     bool raw = false;                 // watch: NMEA sentences only
-    bool stop = false;                // watch: stop positioning at the end
+    bool stop = false;                // watch, record, export: stop positioning at the end
     int64_t count = 0;                // watch: lines of output, 0 for no limit
-    std::optional<double> duration_s; // watch: above 0; none: no limit
+    std::optional<double> duration_s; // watch, record, export: above 0; none: no limit
     std::optional<double> wait_s;    // start: none: not at all; send, assist: none: the command's own default
     std::string start_wait;          // start: the text of wait_s; empty: not given
     bool fix = false;                // start: wait for a fix
@@ -34,9 +50,14 @@ struct Options {
     std::string outlet;              // debug: off, file, serial or tcp
     std::string log;        // status, assist, download: file with the daemon's log; empty: the journal
     bool check = false;     // download: look at the files only
-    bool force = false;     // download: don't look at them
+    bool force = false;     // download: don't look at them; record: replace the file
     std::string flash_text; // download: the text of flash
-    std::optional<FlashRange> flash; // download: none: its bounds are not known
+    std::optional<FlashRange> flash;        // download: none: its bounds are not known
+    std::string file;                       // record: "-" for standard output; export: empty for live
+    bool append = false;                    // record
+    bool stamps = false;                    // record: tell when sentences came
+    TrackFormat format = TrackFormat::kGpx; // export
+    std::optional<double> gap_s;            // export: none: the usual one
 };
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help

@@ -267,6 +267,16 @@ std::string print_ready_json(bool has_fix) {
     return dump(object);
 }
 
+std::string print_recording_json(const RecordingCounts& counts) {
+    Json object;
+    object["type"] = "recording";
+    object["file"] = counts.file;
+    object["sentences"] = counts.sentences;
+    object["bytes"] = counts.bytes;
+    object["seconds"] = rounded(counts.seconds);
+    return dump(object);
+}
+
 std::string print_error_json(ExitStatus status, const std::string& message) {
     Json object;
     object["type"] = "error";

@@ -49,6 +49,15 @@ std::string print_position_json(const Position& position, const PositionDetails&
 std::string print_ready(bool has_fix);
 std::string print_ready_json(bool has_fix);
 
+// What a recording holds as one line of JSON, type "recording".
+struct RecordingCounts {
+    const std::string& file;
+    uint64_t sentences;
+    uint64_t bytes;
+    double seconds;
+};
+std::string print_recording_json(const RecordingCounts& counts);
+
 // What went wrong as one line of JSON, type "error".
 std::string print_error_json(ExitStatus status, const std::string& message);
 

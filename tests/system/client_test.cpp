@@ -1,4 +1,5 @@
 // The client tool with the real daemon on the simulated board.
+#include "support/capture.h"
 #include "support/harness.h"
 
 #include <csignal>
@@ -85,4 +86,34 @@ TEST(ClientOnBoard, StatusTellsWhatGoesOnWithoutTakingTheOutput) {
     const RunResult gone = scene.run({"status"});
     EXPECT_EQ(gone.status, 3);
     EXPECT_NE(gone.out.find("daemon        not running\n"), std::string::npos) << gone.out;
+}
+
+TEST(ClientOnBoard, RecordingBecomesATrackThatOthersRead) {
+    const Scene scene({"--rate", "10"});
+    const std::string recording = scene.board.directory.path / "track.nmea";
+    const RunResult recorded = scene.run({"record", "--stamps", "--duration", "3", recording});
+    ASSERT_EQ(recorded.status, 0) << recorded.err;
+    const RunResult csv = scene.run({"export", "--csv", recording});
+    EXPECT_EQ(csv.status, 0) << csv.err;
+    EXPECT_GE(lines_of(csv.out).size(), 10U);
+    const RunResult live = scene.run({"export", "--csv", "--duration", "3"});
+    EXPECT_EQ(live.status, 0) << live.err;
+    EXPECT_GE(lines_of(live.out).size(), 10U);
+
+    for (const char* format : {"gpx", "kml", "geojson"}) {
+        const RunResult track = scene.run({"export", std::string("--") + format, recording});
+        EXPECT_EQ(track.status, 0) << track.err;
+        scene.board.directory.write(std::string("track.") + format, track.out);
+    }
+    const std::string place = scene.board.directory.path;
+    if (std::string(TAVOR_XMLLINT).empty() || std::string(TAVOR_PYTHON).empty()) {
+        GTEST_SKIP() << "no xmllint or python3 to read the tracks with";
+    }
+    EXPECT_EQ(run_program({TAVOR_XMLLINT, "--noout", place + "/track.gpx", place + "/track.kml"}).err, "");
+    const RunResult json = run_program({TAVOR_PYTHON, "-c",
+                                        "import json, sys\n"
+                                        "for feature in json.load(open(sys.argv[1]))['features']:\n"
+                                        "    print(feature['geometry']['type'])\n",
+                                        place + "/track.geojson"});
+    EXPECT_EQ(json.out, "LineString\n") << json.err;
 }

@@ -1,0 +1,187 @@
+#include "client/track.h"
+
+#include "client/sentence.h"
+
+#include <cmath>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr double kHalfDayMs = 12.0 * 60 * 60 * 1000;
+constexpr double kDayMs = 2 * kHalfDayMs;
+
+// Numbers of the fields in their sentences.
+constexpr size_t kTime = 1;
+constexpr size_t kGgaLatitude = 2, kGgaLongitude = 4, kGgaAltitude = 9, kGgaGeoid = 11;
+constexpr size_t kRmcStatus = 2, kRmcLatitude = 3, kRmcLongitude = 5, kRmcDate = 9;
+
+// Seconds from one point to the next, none when that can't be told.
+std::optional<double> seconds_between(const TrackPoint& from, const TrackPoint& to) {
+    if (from.time && to.time) {
+        return static_cast<double>((*to.time - *from.time).count()) / 1000;
+    }
+    if (from.of_day && to.of_day) {
+        const double ms = static_cast<double>((*to.of_day - *from.of_day).count());
+        return (ms < -kHalfDayMs ? ms + kDayMs : ms) / 1000;
+    }
+    return std::nullopt;
+}
+
+void tell(Track& track, TrackPoint point, const TrackVisitor& visit) {
+    const auto seconds = track.last ? seconds_between(*track.last, point) : std::nullopt;
+    point.begins = !track.last || (seconds && (*seconds < 0 || *seconds > track.gap_s));
+    ++track.points;
+    track.segments += point.begins ? 1 : 0;
+    visit(point);
+    track.last = point;
+}
+
+// Gives points that waited their dates, the latest first: each lies near the one behind it.
+void date_waiting(Track& track) {
+    std::optional<Utc> anchor = track.dated;
+    for (auto point = track.waiting.rbegin(); point != track.waiting.rend(); ++point) {
+        const std::optional<Utc> near = anchor ? anchor : point->stamp;
+        point->time =
+            near && point->of_day ? std::optional(nmea_nearest(*point->of_day, *near)) : std::nullopt;
+        anchor = anchor && point->time ? point->time : anchor;
+    }
+}
+
+void tell_waiting(Track& track, const TrackVisitor& visit) {
+    date_waiting(track);
+    while (!track.waiting.empty()) {
+        tell(track, track.waiting.front(), visit);
+        track.waiting.pop_front();
+    }
+}
+
+// A point for which no date comes does not wait for ever.
+void tell_oldest(Track& track, const TrackVisitor& visit) {
+    TrackPoint& oldest = track.waiting.front();
+    if (oldest.stamp && oldest.of_day) {
+        oldest.time = nmea_nearest(*oldest.of_day, *oldest.stamp);
+    }
+    tell(track, oldest, visit);
+    track.waiting.pop_front();
+}
+
+void finish_epoch(Track& track, const TrackVisitor& visit) {
+    TrackPoint& point = track.epoch;
+    if (track.open && track.placed) {
+        if (track.dated && point.of_day) {
+            point.time = nmea_nearest(*point.of_day, *track.dated);
+            track.dated = point.time;
+        }
+        track.waiting.push_back(point);
+    }
+    track.open = false;
+    if (track.dated) {
+        tell_waiting(track, visit);
+    } else if (track.waiting.size() > kTrackWaiting) {
+        tell_oldest(track, visit);
+    }
+}
+
+// Sentences of one moment have the same time of day.
+void enter_epoch(Track& track, const Sentence& sentence, const TrackVisitor& visit) {
+    const auto of_day = sentence_time(sentence.fields[kTime]);
+    if (track.open && of_day == track.epoch.of_day) {
+        return;
+    }
+    finish_epoch(track, visit);
+    const Fix latest = track.epoch.fix;
+    track.epoch = {};
+    track.epoch.of_day = of_day;
+    track.epoch.stamp = track.stamp;
+    track.epoch.fix.pdop = latest.pdop;
+    track.epoch.fix.vdop = latest.vdop;
+    track.open = true;
+    track.placed = track.by_gga = false;
+}
+
+bool set_place(TrackPoint& point, const Sentence& sentence, size_t latitude, size_t longitude) {
+    const auto north = sentence_angle(sentence.fields[latitude], sentence.fields[latitude + 1], 90);
+    const auto east = sentence_angle(sentence.fields[longitude], sentence.fields[longitude + 1], 180);
+    if (north && east) {
+        point.latitude = *north;
+        point.longitude = *east;
+    }
+    return north && east;
+}
+
+void take_gga(Track& track, const Sentence& sentence) {
+    track.by_gga = true;
+    track.placed = track.epoch.fix.quality.value_or(0) > 0 &&
+                   set_place(track.epoch, sentence, kGgaLatitude, kGgaLongitude);
+    track.epoch.altitude = sentence_signed(sentence.fields[kGgaAltitude]);
+    track.epoch.geoid = sentence_signed(sentence.fields[kGgaGeoid]);
+}
+
+// Only a valid one tells a date: before, the chip sends whatever its clock says.
+void take_rmc(Track& track, const Sentence& sentence) {
+    if (sentence.fields[kRmcStatus] != "A") {
+        return;
+    }
+    const auto day = sentence_day(sentence.fields[kRmcDate]);
+    if (day && track.epoch.of_day) {
+        track.dated = *day + *track.epoch.of_day;
+    }
+    if (!track.by_gga) {
+        track.placed = set_place(track.epoch, sentence, kRmcLatitude, kRmcLongitude);
+    }
+}
+
+std::optional<Utc> read_stamp(std::string_view line) {
+    const std::string text(line.substr(0, 32));
+    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
+    if (sscanf(text.c_str(), "# %4u-%2u-%2uT%2u:%2u:%2u.%3uZ", &year, &month, &day, &hour, &minute, &second,
+               &ms) != 7) {
+        return std::nullopt;
+    }
+    using namespace std::chrono;
+    const year_month_day date(std::chrono::year(static_cast<int>(year)), std::chrono::month(month),
+                              std::chrono::day(day));
+    const bool good = date.ok() && hour < 24 && minute < 60 && second < 61;
+    return good ? std::optional<Utc>(sys_days(date) + hours(hour) + minutes(minute) + seconds(second) +
+                                     milliseconds(ms))
+                : std::nullopt;
+}
+
+void take_sentence(Track& track, std::string_view line, const TrackVisitor& visit) {
+    const Sentence sentence = sentence_split(line);
+    const bool gga = sentence.type == "GGA";
+    const bool rmc = sentence.type == "RMC";
+    if (gga || rmc || sentence.type == "GST") {
+        enter_epoch(track, sentence, visit);
+    }
+    nmea_take(track.epoch.fix, line);
+    if (gga) {
+        take_gga(track, sentence);
+    } else if (rmc) {
+        take_rmc(track, sentence);
+    }
+}
+
+} // namespace
+
+void track_line(Track& track, std::string_view line, const TrackVisitor& visit) {
+    if (line.substr(0, 2) == "# ") {
+        if (const auto stamp = read_stamp(line)) {
+            track.stamp = stamp;
+        }
+    } else if (line.substr(0, 1) == "$") {
+        const bool good = sentence_is_whole(line);
+        ++(good ? track.sentences : track.refused);
+        if (good) {
+            take_sentence(track, line, visit);
+        }
+    }
+}
+
+void track_end(Track& track, const TrackVisitor& visit) {
+    finish_epoch(track, visit);
+    tell_waiting(track, visit);
+}

@@ -1,0 +1,150 @@
+// Points, dates and segments of a track made of sentences.
+#include "client/track.h"
+
+#include <array>
+#include <cstdio>
+#include <gtest/gtest.h>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using std::string;
+
+// The sentence with its checksum.
+string whole(const string& body) {
+    unsigned sum = 0;
+    for (const char byte : body) {
+        sum ^= static_cast<unsigned char>(byte);
+    }
+    std::array<char, 8> end = {};
+    snprintf(end.data(), end.size(), "*%02X", sum);
+    return "$" + body + end.data() + "\r";
+}
+
+string gga(const string& time, const string& quality = "1") {
+    return whole("GNGGA," + time + ",4317.71149,N,00521.92193,E," + quality + ",20,0.72,12.2,M,49.8,M,,");
+}
+
+string rmc(const string& time, const string& date, const string& status = "A") {
+    return whole("GNRMC," + time + "," + status + ",4317.71149,S,00521.92193,W,15.551,45.61," + date +
+                 ",,,A,V");
+}
+
+struct Made {
+    Track track;
+    std::vector<TrackPoint> points;
+
+    explicit Made(const Texts& lines) {
+        const TrackVisitor visit = [&](const TrackPoint& point) { points.push_back(point); };
+        for (const string& line : lines) {
+            track_line(track, line, visit);
+        }
+        track_end(track, visit);
+    }
+    // Time of each point, a bar in front of those that begin a segment.
+    string times() const {
+        string text;
+        for (const TrackPoint& point : points) {
+            text += (text.empty() ? "" : " ") + string(point.begins ? "|" : "") +
+                    (point.time ? nmea_iso(*point.time) : "none");
+        }
+        return text;
+    }
+};
+
+} // namespace
+
+TEST(Track, SentencesOfOneMomentMakeOnePoint) {
+    const Made run({rmc("151620.00", "211126"), gga("151620.00"),
+                    whole("GNGSA,A,3,02,05,,,,,,,,,,,1.21,0.72,0.97,1"), rmc("151621.00", "211126"),
+                    gga("151621.00")});
+    ASSERT_EQ(run.points.size(), 2U);
+    EXPECT_EQ(run.times(), "|2026-11-21T15:16:20.000Z 2026-11-21T15:16:21.000Z");
+    const TrackPoint& point = run.points[0];
+    EXPECT_NEAR(point.latitude, 43.2951915, 1e-7) << "GGA's, not RMC's";
+    EXPECT_NEAR(point.longitude, 5.3653655, 1e-7);
+    EXPECT_EQ(point.altitude, 12.2);
+    EXPECT_EQ(point.geoid, 49.8);
+    EXPECT_EQ(point.fix.quality, 1);
+    EXPECT_EQ(point.fix.satellites, 20);
+    EXPECT_EQ(point.fix.pdop, 1.21);
+    EXPECT_NEAR(point.fix.speed.value(), 8.0, 0.001);
+    EXPECT_EQ(run.track.sentences, 5U);
+}
+
+TEST(Track, ValidRmcAloneIsAPointToo) {
+    const Made run({rmc("000000", "010100"), rmc("000001", "010100", "V")});
+    ASSERT_EQ(run.points.size(), 1U);
+    EXPECT_NEAR(run.points[0].latitude, -43.2951915, 1e-7);
+    EXPECT_NEAR(run.points[0].longitude, -5.3653655, 1e-7);
+}
+
+TEST(Track, WhatHasNoFixIsNoPoint) {
+    const Made run({gga("151620.00", "0"), rmc("151620.00", "211126"), gga("151621.00", ""),
+                    whole("GNGGA,151622.00,9900.0,N,00521.9,E,1,1,1,1,M,1,M,,"),
+                    whole("GNGGA,151623.00,4360.0,N,00521.9,E,1,1,1,1,M,1,M,,"),
+                    whole("GNGGA,151624.00,4317.7,X,00521.9,E,1,1,1,1,M,1,M,,"),
+                    whole("GNGGA,,,,,,0,,,,M,,M,,")});
+    EXPECT_EQ(run.points.size(), 0U);
+}
+
+TEST(Track, DateRollsOverAtMidnight) {
+    const Made run({rmc("235959.00", "311226"), gga("235959.00"), gga("000000.00"),
+                    rmc("000000.00", "010127"), gga("000001.00")});
+    EXPECT_EQ(run.times(), "|2026-12-31T23:59:59.000Z 2027-01-01T00:00:00.000Z 2027-01-01T00:00:01.000Z");
+    const Made undated({gga("235959.00"), gga("000000.00")});
+    EXPECT_EQ(undated.times(), "|none none") << "one segment: a second lies between them";
+}
+
+TEST(Track, PointsBeforeTheDateGetItBackwards) {
+    const Made run(
+        {gga("235958.00"), gga("235959.00"), gga("000000.00"), rmc("000001.00", "010127"), gga("000001.00")});
+    EXPECT_EQ(run.times(), "|2026-12-31T23:59:58.000Z 2026-12-31T23:59:59.000Z 2027-01-01T00:00:00.000Z "
+                           "2027-01-01T00:00:01.000Z");
+    const Made void_date({rmc("120000.00", "060180", "V"), gga("120000.00")});
+    EXPECT_EQ(void_date.times(), "|none") << "a clock that is not set tells no date";
+}
+
+TEST(Track, StampsGiveTheDateThatNoSentenceTells) {
+    const Made run({"# 2026-11-21T15:16:21.250Z\r", gga("151620.00"), "# 2026-11-21T25:00:00.000Z\r",
+                    "# text", gga("151621.00")});
+    EXPECT_EQ(run.times(), "|2026-11-21T15:16:20.000Z 2026-11-21T15:16:21.000Z");
+    const Made dated({"# 1970-01-01T00:00:05.000Z", gga("151620.00"), rmc("151620.00", "211126")});
+    EXPECT_EQ(dated.times(), "|2026-11-21T15:16:20.000Z") << "the chip knows better";
+}
+
+TEST(Track, GapAndStepBackBeginASegment) {
+    const Made run({rmc("120000.00", "211126"), rmc("120010.00", "211126"), rmc("120020.01", "211126"),
+                    rmc("120019.00", "211126")});
+    EXPECT_EQ(run.times(), "|2026-11-21T12:00:00.000Z 2026-11-21T12:00:10.000Z |2026-11-21T12:00:20.010Z "
+                           "|2026-11-21T12:00:19.000Z");
+    EXPECT_EQ(run.track.segments, 3U);
+}
+
+TEST(Track, DamagedLinesAreCountedAndLeftOut) {
+    string damaged = gga("151620.00");
+    damaged[20] = '9';
+    const Made run({damaged, "$GNGGA,151620.00,4317.71149,N,00521.92193,E,1,20,0.72,12.2,M,49.8,M,,",
+                    "daemon: text", "", "$", "$*", "position: 1"});
+    EXPECT_EQ(run.points.size(), 0U);
+    EXPECT_EQ(run.track.refused, 4U);
+}
+
+TEST(Track, NoMoreThanSomePointsWaitForADate) {
+    Texts lines;
+    for (int i = 0; i < 2000; ++i) {
+        std::array<char, 16> time = {};
+        snprintf(time.data(), time.size(), "12%02d%02d.00", i / 60, i % 60);
+        lines.push_back(gga(time.data()));
+        lines.push_back(whole("GNZDA"));
+    }
+    Track track;
+    size_t told = 0;
+    size_t most = 0;
+    for (const string& line : lines) {
+        track_line(track, line, [&](const TrackPoint&) { ++told; });
+        most = std::max(most, track.waiting.size());
+    }
+    EXPECT_EQ(most, kTrackWaiting);
+    EXPECT_EQ(told + track.waiting.size(), 1999U);
+}
