@@ -12,6 +12,8 @@
 
 /** Path of the daemon's datagram socket. */
 #define TAVOR_SOCKET_PATH "/etc/default/tavor/tavor_sun_path"
+/** Path of the relay's datagram socket, which speaks the same protocol with any number of clients. */
+#define TAVOR_RELAY_SOCKET_PATH "/run/tavor/relay.sock"
 
 /** Bytes of text in a request, its NUL included. */
 #define TAVOR_TEXT_SIZE 512

@@ -1,0 +1,108 @@
+#include "hub/hub.h"
+
+#include "system/event_guard.h"
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr size_t kItemsMax = 1024;
+
+struct HubState {
+    std::vector<HubOutput> outputs;
+    std::deque<HubItem> items;
+    EventPtr hand_out;
+    HubCounters counters;
+};
+
+HubState state;
+
+std::optional<HubKind> kind_of(const tavor_response& datagram) {
+    switch (datagram.code) {
+    case TAVOR_CODE_NMEA:
+        return HubKind::kSentence;
+    case TAVOR_CODE_POSITION:
+        return HubKind::kPosition;
+    case TAVOR_CODE_CHIP:
+        return HubKind::kChip;
+    case TAVOR_CODE_ASSIST_RESULT:
+        return HubKind::kAssistance;
+    default:
+        return std::nullopt;
+    }
+}
+
+void make_room() {
+    if (state.items.size() < kItemsMax) {
+        return;
+    }
+    const auto droppable = std::find_if(state.items.begin(), state.items.end(),
+                                        [](const HubItem& item) { return hub_may_drop(item.datagram.code); });
+    state.items.erase(droppable == state.items.end() ? state.items.begin() : droppable);
+    ++state.counters.dropped_in;
+}
+
+void count(HubKind kind) {
+    ++state.counters.items;
+    state.counters.sentences += kind == HubKind::kSentence ? 1 : 0;
+    state.counters.positions += kind == HubKind::kPosition ? 1 : 0;
+}
+
+void hand_out_one(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    if (state.items.empty()) {
+        return;
+    }
+    const HubItem item = state.items.front();
+    state.items.pop_front();
+    for (const HubOutput& output : state.outputs) {
+        output(item);
+    }
+    if (!state.items.empty()) {
+        event_arm(state.hand_out, std::chrono::milliseconds(0));
+    }
+}
+
+} // namespace
+
+void hub_open(event_base* base) {
+    state = {};
+    state.hand_out.reset(event_new(base, -1, 0, hand_out_one, nullptr));
+}
+
+void hub_close() {
+    state = {};
+}
+
+void hub_take(HubOutput output) {
+    state.outputs.push_back(std::move(output));
+}
+
+void hub_put(const tavor_response& datagram) {
+    const std::optional<HubKind> kind = kind_of(datagram);
+    if (!kind) {
+        ++state.counters.malformed;
+        return;
+    }
+    make_room();
+    count(*kind);
+    state.items.push_back({*kind, datagram});
+    event_arm(state.hand_out, std::chrono::milliseconds(0));
+}
+
+std::string_view hub_text(const HubItem& item) {
+    const std::string_view whole(reinterpret_cast<const char*>(item.datagram.payload),
+                                 sizeof item.datagram.payload);
+    return whole.substr(0, whole.find_last_not_of('\0') + 1);
+}
+
+bool hub_may_drop(uint32_t code) {
+    return code == TAVOR_CODE_NMEA || code == TAVOR_CODE_POSITION;
+}
+
+HubCounters& hub_counters() {
+    return state.counters;
+}

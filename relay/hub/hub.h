@@ -1,0 +1,64 @@
+// What came from the daemon unasked, on its way to the outputs.
+//
+// Taking in is quick and handing out may be slow, so what is taken in waits here: 1,024 items at most, then
+// the oldest sentence or position is dropped. One item is handed out at a time, and the daemon is heard
+// before the next one.
+#ifndef TAVOR_RELAY_HUB_H
+#define TAVOR_RELAY_HUB_H
+
+#include "tavor/protocol.h"
+
+#include <cstdint>
+#include <event2/event.h>
+#include <functional>
+#include <string_view>
+
+enum class HubKind {
+    kSentence,  // an NMEA sentence of the chip
+    kPosition,  // a position block
+    kChip,      // a $PZUL sentence of the chip
+    kAssistance // the result of an assistance download
+};
+
+struct HubItem {
+    HubKind kind;
+    tavor_response datagram; // as the daemon sent it
+};
+
+// An output of the relay; it must not wait.
+using HubOutput = std::function<void(const HubItem&)>;
+
+// Since the start. Each module counts its own.
+struct HubCounters {
+    uint64_t items = 0;           // taken in
+    uint64_t sentences = 0;       // of these: sentences
+    uint64_t positions = 0;       // of these: positions
+    uint64_t dropped_in = 0;      // lost here, because handing out was too slow
+    uint64_t dropped_local = 0;   // lost by local clients that did not read
+    uint64_t dropped_tcp = 0;     // reports lost by TCP clients that did not read
+    uint64_t let_go = 0;          // clients that read nothing for too long
+    uint64_t refused = 0;         // requests without the right
+    uint64_t malformed = 0;       // datagrams and lines that mean nothing
+    uint64_t daemon_restarts = 0; // daemons found after the first one
+    uint64_t local_consumers = 0; // at present
+    uint64_t tcp_consumers = 0;   // at present
+};
+
+void hub_open(event_base* base);
+void hub_close();
+
+// Registers an output; it gets every item from now on.
+void hub_take(HubOutput output);
+
+// Takes in a datagram of the daemon that answers no request.
+void hub_put(const tavor_response& datagram);
+
+// Text of an item up to its last byte that is not zero.
+std::string_view hub_text(const HubItem& item);
+
+// Whether a datagram of this code may be dropped when its reader is slow.
+bool hub_may_drop(uint32_t code);
+
+HubCounters& hub_counters();
+
+#endif

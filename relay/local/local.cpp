@@ -1,0 +1,187 @@
+#include "local/local.h"
+
+#include "local/local_clients.h"
+#include "local/local_socket.h"
+#include "system/event_guard.h"
+#include "system/rights.h"
+#include "upstream/positioning.h"
+
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr int kReadsMax = 64; // at a time: others get their turn
+constexpr std::chrono::milliseconds kRetry{20};
+constexpr int kLookS = 10;
+constexpr int kOpenRequestsMax = 16; // of one client
+
+struct LocalState {
+    LocalSettings settings;
+    EventPtr readable;
+    EventPtr retry;
+    EventPtr look;
+};
+
+LocalState state;
+
+tavor_response result_of(uint32_t code, uint32_t value) {
+    tavor_response response = {};
+    response.code = code;
+    response.value = value;
+    return response;
+}
+
+// Forgets who is gone, and tries again soon where something waits.
+void settle() {
+    const bool some_wait = local_clients_tidy();
+    if (some_wait && event_pending(state.retry.get(), EV_TIMEOUT, nullptr) == 0) {
+        event_arm(state.retry, kRetry);
+    }
+}
+
+void answer(LocalClient& client, uint32_t type, uint32_t value) {
+    --client.open_requests;
+    local_clients_send(client, result_of(*upstream_requests_code(type), value));
+    if (type == TAVOR_REQUEST_START) {
+        tavor_response banner = result_of(TAVOR_CODE_NMEA, 0);
+        upstream_banner().copy(reinterpret_cast<char*>(banner.payload), sizeof banner.payload);
+        local_clients_send(client, banner);
+    }
+}
+
+// Finds the asker again when the answer has come; it may have left, and its address may be another's.
+UpstreamAnswer answer_to(LocalClient& client, uint32_t type) {
+    ++client.open_requests;
+    return [address = client.address, id = client.id, type](uint32_t value) {
+        LocalClient* const asker = local_clients_find(address, id);
+        if (asker != nullptr) {
+            answer(*asker, type, value);
+            settle();
+        }
+    };
+}
+
+bool takes_right(uint32_t type) {
+    return type == TAVOR_REQUEST_DOWNLOAD || type == TAVOR_REQUEST_COMMAND ||
+           (type >= TAVOR_REQUEST_DEBUG_OFF && type <= TAVOR_REQUEST_DEBUG_TCP);
+}
+
+bool has_right(const LocalRequest& received) {
+    return received.user && rights_admin(*received.user, received.group);
+}
+
+void refuse(LocalClient& client, const LocalRequest& received) {
+    const uint32_t type = received.request.type;
+    ++hub_counters().refused;
+    printf("tavor-relay: request %u of user %d is refused: it takes root or group %s\n", type,
+           received.user ? static_cast<int>(*received.user) : -1, kRightsGroup);
+    answer_to(client, type)(TAVOR_VALUE_FAILED);
+}
+
+void perform(LocalClient& client, const LocalRequest& received) {
+    const uint32_t type = received.request.type;
+    switch (type) {
+    case TAVOR_REQUEST_START:
+        local_clients_subscribe(client, kLocalSentences | kLocalChip);
+        return positioning_start(answer_to(client, type));
+    case TAVOR_REQUEST_STOP:
+        local_clients_unsubscribe(client, kLocalSentences | kLocalChip);
+        return positioning_stop(has_right(received), answer_to(client, type));
+    case TAVOR_REQUEST_DOWNLOAD:
+        return positioning_download(answer_to(client, type));
+    case TAVOR_REQUEST_COMMAND:
+        local_clients_subscribe(client, kLocalChip);
+        break;
+    case TAVOR_REQUEST_ASSIST:
+        local_clients_subscribe(client, kLocalAssistance);
+        break;
+    default:
+        break;
+    }
+    upstream_request(type, received.request.text, answer_to(client, type));
+}
+
+void take(const LocalRequest& received) {
+    LocalClient& client = local_clients_of(received.address);
+    const uint32_t type = received.request.type;
+    if (!upstream_requests_code(type)) {
+        return local_clients_subscribe(client, kLocalSentences | kLocalChip);
+    }
+    if (client.open_requests >= kOpenRequestsMax) {
+        ++hub_counters().let_go;
+        client.gone = true;
+        return;
+    }
+    if (takes_right(type) && !has_right(received)) {
+        return refuse(client, received);
+    }
+    perform(client, received);
+}
+
+void on_readable(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    for (int i = 0; i < kReadsMax; ++i) {
+        LocalRequest received = {};
+        const LocalReceived result = local_socket_receive(state.settings.fd, received);
+        if (result == LocalReceived::kNothing) {
+            break;
+        }
+        if (result == LocalReceived::kMalformed) {
+            ++hub_counters().malformed;
+        } else {
+            take(received);
+        }
+    }
+    settle();
+}
+
+void on_retry(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    local_clients_audit();
+    local_clients_retry();
+    settle();
+}
+
+void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    local_clients_look();
+    settle();
+}
+
+unsigned gets_of(HubKind kind) {
+    switch (kind) {
+    case HubKind::kChip:
+        return kLocalChip;
+    case HubKind::kAssistance:
+        return kLocalAssistance;
+    default:
+        return kLocalSentences;
+    }
+}
+
+} // namespace
+
+void local_open(event_base* base, const LocalSettings& settings) {
+    state = {};
+    state.settings = settings;
+    local_clients_open(settings.fd, settings.second);
+    state.readable.reset(event_new(base, settings.fd, EV_READ | EV_PERSIST, on_readable, nullptr));
+    state.retry.reset(event_new(base, -1, 0, on_retry, nullptr));
+    state.look.reset(event_new(base, -1, EV_PERSIST, on_look, nullptr));
+    event_add(state.readable.get(), nullptr);
+    event_arm(state.look, kLookS * settings.second);
+    hub_take([](const HubItem& item) {
+        local_clients_audit();
+        local_clients_send_all(gets_of(item.kind), item.datagram);
+        settle();
+    });
+}
+
+void local_close() {
+    local_clients_close();
+    const int fd = state.settings.fd;
+    state = {};
+    if (fd >= 0) {
+        close(fd);
+    }
+}

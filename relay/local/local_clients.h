@@ -1,0 +1,67 @@
+// The local clients: who they are, what they get, and what waits for them.
+//
+// For a client that does not read (its socket is full, or was found with something unread twice in a second)
+// 64 sentences and positions wait, then the oldest is dropped. Results are
+// never dropped: with 16 results and open requests a client is let go, as is one that has taken nothing for
+// 30 seconds while something waits.
+#ifndef TAVOR_RELAY_LOCAL_CLIENTS_H
+#define TAVOR_RELAY_LOCAL_CLIENTS_H
+
+#include "hub/hub.h"
+#include "upstream/upstream_requests.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What a client gets unasked.
+inline constexpr unsigned kLocalSentences = 1;  // sentences and positions: it asked start
+inline constexpr unsigned kLocalChip = 2;       // what the chip answers: it asked start, or sent a command
+inline constexpr unsigned kLocalAssistance = 4; // it asked for an assistance download
+
+struct LocalClient {
+    std::string address;
+    uint64_t id = 0; // never given to another
+    unsigned gets = 0;
+    int open_requests = 0; // without a result
+    int results = 0;       // of what waits
+    bool gone = false;
+    bool unread = false;                 // something was unread when it was looked at
+    bool paused = false;                 // nothing is sent until all is read
+    RelayClock::time_point taken;        // the latest datagram that it took or that waited first
+    std::vector<tavor_response> waiting; // the oldest first
+};
+
+void local_clients_open(int fd, std::chrono::milliseconds second);
+void local_clients_close();
+
+// The client with this address; made when there is none.
+LocalClient& local_clients_of(const std::string& address);
+
+// The client with this id, null when it has left.
+LocalClient* local_clients_find(const std::string& address, uint64_t id);
+
+// Sets or takes back what a client gets; positioning is told when it becomes or is no longer a consumer.
+void local_clients_subscribe(LocalClient& client, unsigned gets);
+void local_clients_unsubscribe(LocalClient& client, unsigned gets);
+
+// Sends a datagram to one client, or to all that get it. Those that are gone are noticed here.
+void local_clients_send(LocalClient& client, const tavor_response& response);
+void local_clients_send_all(unsigned gets, const tavor_response& response);
+
+// Sends what waits.
+void local_clients_retry();
+
+// Looks who has not read, when much is unread: once a second, and more often while somebody is paused.
+void local_clients_audit();
+
+// Notices those that are gone without a datagram.
+void local_clients_look();
+
+// Forgets those that are gone, and those that get nothing and have nothing to come. References to clients end
+// here. Returns whether something waits for one of the others.
+bool local_clients_tidy();
+
+size_t local_clients_count();
+
+#endif

@@ -1,0 +1,23 @@
+// tavor-relay, the location daemon's only client and everybody's server.
+#include "server/exit_status.h"
+#include "server/options.h"
+#include "server/run.h"
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+int main(int argc, char** argv) {
+    signal(SIGPIPE, SIG_IGN);
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a supervisor sees each line when it happens
+    try {
+        Options options;
+        if (const auto status = options_parse(argc, argv, options)) {
+            return *status;
+        }
+        return run(options);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "tavor-relay: %s\n", error.what());
+        return kExitFailed;
+    }
+}

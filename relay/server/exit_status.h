@@ -1,0 +1,11 @@
+// What the process tells its caller.
+#ifndef TAVOR_RELAY_EXIT_STATUS_H
+#define TAVOR_RELAY_EXIT_STATUS_H
+
+enum ExitStatus : int {
+    kExitSuccess = 0, // ended by SIGTERM or SIGINT
+    kExitFailed = 1,  // a socket can't be had
+    kExitUsage = 2    // command line or configuration file is wrong
+};
+
+#endif

@@ -1,0 +1,80 @@
+#include "server/options.h"
+
+#include "server/exit_status.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr char kFooter[] = R"(
+Each option may stand in the configuration file, a line "option=value" without the dashes.
+
+Exit status:
+  0  ended by SIGTERM or SIGINT
+  1  a socket can't be had: it is in use, or there is no right to it
+  2  the command line or the configuration file is wrong
+
+Examples:
+  tavor-relay
+  tavor-relay --positioning demand --stop-delay 60
+  tavor-relay --daemon /tmp/board/etc/default/tavor/tavor_sun_path --socket /tmp/relay.sock)";
+
+constexpr double kStopDelayMaxS = 24 * 60 * 60;
+constexpr size_t kSocketPathMax = 107;
+
+void add_options(CLI::App& app, Options& options, std::string& positioning) {
+    app.add_option("--daemon", options.daemon, "The daemon's socket")
+        ->type_name("PATH")
+        ->capture_default_str();
+    app.add_option("--socket", options.socket, "The socket for local clients")
+        ->type_name("PATH")
+        ->capture_default_str();
+    app.add_option("--positioning", positioning,
+                   "always: on as long as the relay runs; demand: while somebody wants it")
+        ->check(CLI::IsMember({"always", "demand"}))
+        ->capture_default_str();
+    app.add_option("--stop-delay", options.stop_delay_s,
+                   "On demand: how long positioning goes on behind the last consumer")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, kStopDelayMaxS))
+        ->capture_default_str();
+    app.add_option("--listen", options.listen, "Where gpsd's protocol is served; empty: nowhere")
+        ->type_name("[ADDRESS:]PORT")
+        ->capture_default_str();
+}
+
+int usage_error(std::string problem) {
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
+    fprintf(stderr, "tavor-relay: %s; see 'tavor-relay --help'\n", problem.c_str());
+    return kExitUsage;
+}
+
+} // namespace
+
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options) {
+    CLI::App app("Serves many clients with what the location daemon tavor sends to one.", "tavor-relay");
+    std::string positioning = "always";
+    app.set_version_flag("--version", "tavor-relay " TAVOR_VERSION);
+    app.set_config("--config", kConfigPath, "File with settings")->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.footer(kFooter);
+    add_options(app, options, positioning);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            return app.exit(error);
+        }
+        return usage_error(error.what());
+    }
+    options.always = positioning == "always";
+    const auto is_path = [](const std::string& path) {
+        return !path.empty() && path.size() <= kSocketPathMax;
+    };
+    if (!is_path(options.daemon) || !is_path(options.socket)) {
+        return usage_error("a socket's path has 1 to 107 characters");
+    }
+    return std::nullopt;
+}

@@ -1,0 +1,25 @@
+// The command line and the configuration file.
+#ifndef TAVOR_RELAY_OPTIONS_H
+#define TAVOR_RELAY_OPTIONS_H
+
+#include "tavor/protocol.h"
+
+#include <optional>
+#include <string>
+
+inline constexpr char kConfigPath[] = "/etc/tavor/relay.conf";
+
+struct Options {
+    std::string daemon = TAVOR_SOCKET_PATH;
+    std::string socket = TAVOR_RELAY_SOCKET_PATH;
+    bool always = true; // positioning; else on demand
+    double stop_delay_s = 10;
+    std::string listen = "127.0.0.1:2947"; // gpsd's protocol; empty: not at all
+};
+
+// Reads the command line and the file; what stands on the command line wins. Prints help and version on
+// standard output, what is wrong in one line on standard error. Returns the exit status when the process
+// shall end now.
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options);
+
+#endif

@@ -1,0 +1,40 @@
+// Events of libevent that end with their owner.
+#ifndef TAVOR_RELAY_EVENT_GUARD_H
+#define TAVOR_RELAY_EVENT_GUARD_H
+
+#include <chrono>
+#include <event2/event.h>
+#include <memory>
+#include <sys/time.h>
+
+struct EventFree {
+    void operator()(event* one) const {
+        event_free(one);
+    }
+};
+using EventPtr = std::unique_ptr<event, EventFree>;
+
+struct EventBaseFree {
+    void operator()(event_base* base) const {
+        event_base_free(base);
+    }
+};
+using EventBasePtr = std::unique_ptr<event_base, EventBaseFree>;
+
+// Priorities of the loop: what is pending at a lower number comes first. The daemon's socket has the first,
+// everything else the last.
+inline constexpr int kPriorityUpstream = 0;
+inline constexpr int kPriorities = 2;
+
+inline timeval event_time(std::chrono::milliseconds time) {
+    return {.tv_sec = time.count() / 1000, .tv_usec = (time.count() % 1000) * 1000};
+}
+
+// Arms a timer, also one that is armed already. At the end of 0 ms the loop has looked at all descriptors
+// once.
+inline void event_arm(const EventPtr& timer, std::chrono::milliseconds time) {
+    const timeval wait = event_time(time);
+    event_add(timer.get(), &wait);
+}
+
+#endif

@@ -1,0 +1,64 @@
+#include "system/supervisor.h"
+
+#include <charconv>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kFirstSocket = 3; // the number of the first descriptor that is handed over
+
+// Number of an environment variable, 0 when it is none.
+long long number_of(const char* name) {
+    const char* const text = getenv(name);
+    long long value = 0;
+    if (text != nullptr) {
+        std::from_chars(text, text + strlen(text), value);
+    }
+    return value;
+}
+
+// Whether what the variables say is meant for this process, and not for its parent.
+bool is_meant(const char* pid_name) {
+    return getenv(pid_name) == nullptr || number_of(pid_name) == getpid();
+}
+
+} // namespace
+
+void supervisor_tell(const char* state) {
+    const char* const path = getenv("NOTIFY_SOCKET");
+    sockaddr_un address = {};
+    const std::string_view name = path == nullptr ? "" : path;
+    if (name.size() < 2 || name.size() > sizeof address.sun_path) {
+        return;
+    }
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, name.size());
+    address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return;
+    }
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+    sendto(fd, state, strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), length);
+    close(fd);
+}
+
+std::chrono::milliseconds supervisor_watchdog() {
+    const long long limit_us = is_meant("WATCHDOG_PID") ? number_of("WATCHDOG_USEC") : 0;
+    return std::chrono::milliseconds(limit_us > 0 ? limit_us / 2000 : 0);
+}
+
+int supervisor_socket() {
+    if (number_of("LISTEN_PID") != getpid() || number_of("LISTEN_FDS") < 1) {
+        return -1;
+    }
+    fcntl(kFirstSocket, F_SETFD, FD_CLOEXEC);
+    return kFirstSocket;
+}

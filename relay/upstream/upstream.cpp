@@ -1,0 +1,198 @@
+#include "upstream/upstream.h"
+
+#include "hub/hub.h"
+#include "system/event_guard.h"
+#include "upstream/upstream_socket.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr std::chrono::milliseconds kFullPause{20}; // of the daemon's queue
+// Datagrams read at a time: more than any queue of the kernel holds as it is set up by systemd, so that the
+// queue is empty afterwards.
+constexpr int kReadsMax = 1024;
+// For hosts whose queues are longer. The kernel charges senders for what waits, this limit is for some
+// kernels.
+constexpr int kReceiveBuffer = 4 * 1024 * 1024;
+
+struct UpstreamState {
+    event_base* base = nullptr;
+    UpstreamSettings settings;
+    int fd = -1;
+    bool connected = false;
+    bool was_connected = false;
+    UpstreamFile reached;
+    RelayClock::time_point heard;
+    std::string banner = TAVOR_VERSION_BANNER;
+    std::vector<std::function<void(bool)>> watchers;
+    EventPtr readable;
+    EventPtr look;
+    EventPtr send;
+    std::vector<UpstreamAnswer> refused; // requests that found no place
+    EventPtr refuse;
+};
+
+UpstreamState state;
+
+void tell_watchers() {
+    for (const auto& changed : state.watchers) {
+        changed(state.connected);
+    }
+}
+
+void found() {
+    printf("tavor-relay: the daemon is there\n");
+    hub_counters().daemon_restarts += state.was_connected ? 1 : 0;
+    state.connected = true;
+    state.was_connected = true;
+    state.heard = RelayClock::now();
+    tell_watchers();
+}
+
+void lost() {
+    if (!state.connected) {
+        return;
+    }
+    printf("tavor-relay: the daemon is gone\n");
+    state.connected = false;
+    upstream_requests_lost();
+    tell_watchers();
+}
+
+// Whether the datagram is the line that each start brings. It is kept for those who ask start later.
+bool take_banner(const tavor_response& datagram) {
+    if (datagram.code != TAVOR_CODE_NMEA || datagram.payload[0] == '$') {
+        return false;
+    }
+    const auto* const text = reinterpret_cast<const char*>(datagram.payload);
+    state.banner.assign(text, strnlen(text, sizeof datagram.payload));
+    return true;
+}
+
+void take(const tavor_response& datagram, ssize_t size) {
+    if (size != static_cast<ssize_t>(sizeof datagram)) {
+        ++hub_counters().malformed;
+        return;
+    }
+    state.heard = RelayClock::now();
+    if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
+        hub_put(datagram);
+    }
+}
+
+// One request; the next one goes out behind its answer.
+void send_next() {
+    const tavor_request* const request = state.connected ? upstream_requests_next() : nullptr;
+    if (request == nullptr) {
+        return;
+    }
+    if (send(state.fd, request, sizeof *request, MSG_NOSIGNAL) >= 0) {
+        return upstream_requests_sent();
+    }
+    if (errno != EAGAIN && errno != EINTR) {
+        return lost();
+    }
+    event_arm(state.send, kFullPause);
+}
+
+void on_readable(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    for (int i = 0; i < kReadsMax; ++i) {
+        tavor_response datagram = {};
+        const ssize_t size = recv(state.fd, &datagram, sizeof datagram, MSG_TRUNC);
+        if (size < 0) {
+            break;
+        }
+        take(datagram, size);
+    }
+    send_next();
+}
+
+void on_send(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    send_next();
+}
+
+void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    const UpstreamPresence presence = upstream_socket_reach(state.fd, state.settings.path, state.reached);
+    if (presence != UpstreamPresence::kSame) {
+        lost();
+    }
+    if (presence != UpstreamPresence::kGone && !state.connected) {
+        found();
+    }
+    upstream_requests_expire(state.connected);
+    send_next();
+}
+
+void on_refuse(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    for (const UpstreamAnswer& answer : std::exchange(state.refused, {})) {
+        answer(TAVOR_VALUE_FAILED);
+    }
+}
+
+EventPtr make_event(int fd, short what, event_callback_fn call) {
+    return EventPtr(event_new(state.base, fd, what, call, nullptr));
+}
+
+} // namespace
+
+bool upstream_open(event_base* base, const UpstreamSettings& settings) {
+    state = {};
+    state.base = base;
+    state.settings = settings;
+    state.fd = upstream_socket_open();
+    if (state.fd < 0) {
+        return false;
+    }
+    setsockopt(state.fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
+    upstream_requests_open(settings.second);
+    state.readable = make_event(state.fd, EV_READ | EV_PERSIST, on_readable);
+    event_priority_set(state.readable.get(), kPriorityUpstream);
+    event_add(state.readable.get(), nullptr);
+    state.look = make_event(-1, EV_PERSIST, on_look);
+    event_arm(state.look, settings.second / 2);
+    state.send = make_event(-1, 0, on_send);
+    state.refuse = make_event(-1, 0, on_refuse);
+    event_active(state.look.get(), 0, 0);
+    return true;
+}
+
+void upstream_close() {
+    upstream_requests_open(state.settings.second);
+    const int fd = state.fd;
+    state = {};
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+void upstream_request(uint32_t type, std::string_view text, UpstreamAnswer answer) {
+    UpstreamAnswer kept = answer;
+    if (!upstream_requests_add(type, text, std::move(answer))) {
+        state.refused.push_back(std::move(kept));
+        event_active(state.refuse.get(), 0, 0);
+    }
+    event_active(state.send.get(), 0, 0);
+}
+
+void upstream_watch(std::function<void(bool)> changed) {
+    state.watchers.push_back(std::move(changed));
+}
+
+bool upstream_connected() {
+    return state.connected;
+}
+
+RelayClock::time_point upstream_heard() {
+    return state.heard;
+}
+
+std::string_view upstream_banner() {
+    return state.banner;
+}

@@ -1,0 +1,32 @@
+// The relay's end of the daemon's datagram socket.
+#ifndef TAVOR_RELAY_UPSTREAM_SOCKET_H
+#define TAVOR_RELAY_UPSTREAM_SOCKET_H
+
+#include "tavor/protocol.h"
+
+#include <ctime>
+#include <string>
+#include <sys/types.h>
+
+// Which file a socket is. File systems give inode numbers out again, so the time of its making counts too.
+struct UpstreamFile {
+    dev_t device = 0;
+    ino_t number = 0;
+    timespec made = {};
+};
+
+enum class UpstreamPresence {
+    kSame,  // the daemon that was reached before
+    kOther, // another one: it is reached now
+    kGone
+};
+
+// A socket that does not wait, bound to an abstract address of the full length, which the daemon never cuts.
+// -1 with errno set on failure.
+int upstream_socket_open();
+
+// Connects to the socket at the path, also again: costs nothing while the same daemon is there. `reached`
+// says what was reached before, and is told what is reached now.
+UpstreamPresence upstream_socket_reach(int fd, const std::string& path, UpstreamFile& reached);
+
+#endif

@@ -1,0 +1,366 @@
+#include "hub/hub.h"
+#include "local/local_clients.h"
+#include "support/nobody.h"
+#include "support/relay_loop.h"
+#include "support/wait.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int64_t kNone = -2;
+
+std::string numbered(int number) {
+    return "$GNGGA," + std::to_string(number) + "\r\n";
+}
+
+std::string text_of(const tavor_response& response) {
+    return reinterpret_cast<const char*>(response.payload);
+}
+
+struct RelayLocal : testing::Test {
+    RelayLocal() {
+        loop.open(false);
+        loop.open_local();
+        chmod(loop.directory.path.c_str(), 0755); // some clients have no rights
+        chmod(loop.local_path.c_str(), 0666);
+        loop.start_daemon();
+    }
+
+    std::unique_ptr<PlayedClient> client(const std::string& name, size_t length = 108) const {
+        return std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique(name), length));
+    }
+    std::string unique(const std::string& name) const {
+        return name + std::to_string(getpid());
+    }
+    // Turns until the client has an answer of the code.
+    bool answered(PlayedClient& one, uint32_t code) const {
+        return loop.until([&] {
+            one.read();
+            return one.count(code) > 0;
+        });
+    }
+    bool started(PlayedClient& one) const {
+        return one.send(TAVOR_REQUEST_START) && answered(one, TAVOR_CODE_START);
+    }
+    // Lets the daemon send a sentence and turns until it was handed out.
+    void push(uint32_t code, const std::string& payload) const {
+        const uint64_t before = hub_counters().items;
+        ASSERT_TRUE(loop.daemon->send(relay_response(code, 0, payload)));
+        ASSERT_TRUE(loop.until([&] { return hub_counters().items > before; }));
+        event_base_loop(loop.base.get(), EVLOOP_NONBLOCK);
+    }
+
+    RelayLoop loop;
+};
+
+TEST_F(RelayLocal, EachGetsTheResultsOfItsOwnRequests) {
+    const auto saver = client("saver");
+    const auto helper = client("helper");
+    ASSERT_TRUE(saver->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(helper->send(TAVOR_REQUEST_ASSIST));
+    ASSERT_TRUE(answered(*saver, TAVOR_CODE_SAVE_LOCATION));
+    ASSERT_TRUE(answered(*helper, TAVOR_CODE_ASSIST));
+    EXPECT_EQ(saver->got.size(), 1U);
+    EXPECT_EQ(helper->got.size(), 1U);
+}
+
+TEST_F(RelayLocal, WhoAsksStartGetsResultBannerSentencesAndPositions) {
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
+    push(TAVOR_CODE_POSITION, "121530.00");
+    push(TAVOR_CODE_NMEA, numbered(1));
+    push(TAVOR_CODE_CHIP, "$PZUL010,1*00\r\n");
+    watcher->read();
+    ASSERT_EQ(watcher->got.size(), 5U);
+    EXPECT_EQ(watcher->got[0].code, TAVOR_CODE_START);
+    EXPECT_EQ(text_of(watcher->got[1]), TAVOR_VERSION_BANNER);
+    EXPECT_EQ(watcher->got[2].code, TAVOR_CODE_POSITION);
+    EXPECT_EQ(text_of(watcher->got[3]), numbered(1));
+    EXPECT_EQ(watcher->got[4].code, TAVOR_CODE_CHIP);
+}
+
+TEST_F(RelayLocal, TheBannerThatOneStartBroughtIsNoSentenceForOthers) {
+    const auto first = client("first");
+    ASSERT_TRUE(started(*first));
+    loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "TAVOR Version:V9\n"));
+    loop.turn_for(kShortSecond);
+    const auto second = client("second");
+    ASSERT_TRUE(started(*second));
+    second->read();
+    first->read();
+    EXPECT_EQ(text_of(second->got.back()), "TAVOR Version:V9\n");
+    EXPECT_EQ(first->count(TAVOR_CODE_NMEA), 1U);
+}
+
+TEST_F(RelayLocal, WhoSavesGetsNoSentence) {
+    const auto watcher = client("watcher");
+    const auto saver = client("saver");
+    ASSERT_TRUE(started(*watcher));
+    ASSERT_TRUE(saver->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(answered(*saver, TAVOR_CODE_SAVE_LOCATION));
+    push(TAVOR_CODE_NMEA, numbered(1));
+    saver->read();
+    watcher->read();
+    EXPECT_EQ(saver->got.size(), 1U);
+    EXPECT_EQ(watcher->count(TAVOR_CODE_NMEA), 2U);
+}
+
+TEST_F(RelayLocal, WhoAsksStopGetsNothingMoreAndTheOthersGoOn) {
+    const auto leaver = client("leaver");
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*leaver));
+    ASSERT_TRUE(started(*watcher));
+    as_nobody([&] { ASSERT_TRUE(leaver->send(TAVOR_REQUEST_STOP)); });
+    ASSERT_TRUE(answered(*leaver, TAVOR_CODE_STOP));
+    EXPECT_EQ(leaver->value(TAVOR_CODE_STOP), 0);
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_STOP), 0U);
+    push(TAVOR_CODE_NMEA, numbered(1));
+    leaver->read();
+    watcher->read();
+    EXPECT_EQ(leaver->count(TAVOR_CODE_NMEA), 1U); // the banner
+    EXPECT_EQ(watcher->count(TAVOR_CODE_NMEA), 2U);
+    as_nobody([&] { ASSERT_TRUE(watcher->send(TAVOR_REQUEST_STOP)); });
+    ASSERT_TRUE(answered(*watcher, TAVOR_CODE_STOP));
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_STOP), 1U);
+}
+
+TEST_F(RelayLocal, RootStopsForAll) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const auto watcher = client("watcher");
+    const auto admin = client("admin");
+    ASSERT_TRUE(started(*watcher));
+    ASSERT_TRUE(admin->send(TAVOR_REQUEST_STOP));
+    ASSERT_TRUE(answered(*admin, TAVOR_CODE_STOP));
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_STOP), 1U);
+    EXPECT_FALSE(positioning_is_on());
+}
+
+TEST_F(RelayLocal, DownloadSendAndDebugTakeTheRight) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    constexpr uint32_t kTypes[] = {TAVOR_REQUEST_DOWNLOAD,     TAVOR_REQUEST_COMMAND,
+                                   TAVOR_REQUEST_DEBUG_OFF,    TAVOR_REQUEST_DEBUG_FILE,
+                                   TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_REQUEST_DEBUG_TCP};
+    for (const uint32_t type : kTypes) {
+        const uint32_t code = *upstream_requests_code(type);
+        as_nobody([&] {
+            PlayedClient anybody(loop.local_path, abstract_address(unique("anybody")));
+            ASSERT_TRUE(anybody.send(type, "353,1"));
+            ASSERT_TRUE(answered(anybody, code));
+            EXPECT_EQ(anybody.value(code), TAVOR_VALUE_FAILED);
+        });
+        EXPECT_EQ(loop.daemon->count(type), 0U);
+        const auto root = client("root");
+        ASSERT_TRUE(root->send(type, "353,1"));
+        ASSERT_TRUE(answered(*root, code));
+        EXPECT_EQ(root->value(code), 0);
+        EXPECT_EQ(loop.daemon->count(type), 1U);
+    }
+    EXPECT_EQ(hub_counters().refused, std::size(kTypes));
+}
+
+TEST_F(RelayLocal, AddressesOfAnyLengthAreRight) {
+    std::vector<std::unique_ptr<PlayedClient>> clients;
+    for (const size_t length : {12U, 108U, 30U, 107U, 12U}) {
+        const std::string name = std::to_string(clients.size());
+        clients.push_back(client(name, std::max<size_t>(length, unique(name).size() + 1)));
+    }
+    const std::string short_path = (loop.directory.path / "c").string();
+    std::string long_path = short_path + std::string(108 - short_path.size(), 'c'); // no room for a NUL
+    clients.push_back(std::make_unique<PlayedClient>(loop.local_path, short_path + '\0'));
+    clients.push_back(std::make_unique<PlayedClient>(loop.local_path, long_path, false));
+    for (const auto& one : clients) {
+        ASSERT_TRUE(one->send(TAVOR_REQUEST_SAVE_LOCATION));
+    }
+    for (const auto& one : clients) {
+        EXPECT_TRUE(answered(*one, TAVOR_CODE_SAVE_LOCATION));
+        EXPECT_EQ(one->got.size(), 1U);
+    }
+}
+
+TEST_F(RelayLocal, AThousandClientsGetEverything) {
+    std::vector<std::unique_ptr<PlayedClient>> clients;
+    for (int i = 0; i < 1000; ++i) {
+        clients.push_back(client("many" + std::to_string(i) + "-"));
+        ASSERT_TRUE(started(*clients.back()));
+    }
+    EXPECT_EQ(hub_counters().local_consumers, 1000U);
+    for (int i = 0; i < 5; ++i) {
+        push(TAVOR_CODE_NMEA, numbered(i));
+    }
+    for (const auto& one : clients) {
+        one->read();
+        ASSERT_EQ(one->got.size(), 7U);
+        EXPECT_EQ(text_of(one->got.back()), numbered(4));
+    }
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_START), 1U);
+    EXPECT_EQ(hub_counters().dropped_local, 0U);
+}
+
+TEST_F(RelayLocal, WhoIsGoneIsNoticedByItsDatagrams) {
+    const auto leaver = client("leaver");
+    ASSERT_TRUE(started(*leaver));
+    leaver->close_socket();
+    push(TAVOR_CODE_NMEA, numbered(1));
+    EXPECT_EQ(local_clients_count(), 0U);
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_STOP) == 1; }));
+}
+
+TEST_F(RelayLocal, WhoIsGoneIsNoticedWhileTheChipIsSilent) {
+    const auto connected = client("connected");
+    const auto sender =
+        std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique("sender")), false);
+    const auto stayer = client("stayer");
+    ASSERT_TRUE(started(*connected));
+    ASSERT_TRUE(started(*sender));
+    ASSERT_TRUE(started(*stayer));
+    connected->close_socket();
+    sender->close_socket();
+    ASSERT_TRUE(loop.until([] { return local_clients_count() == 1; }));
+    loop.turn_for(15 * kShortSecond);
+    EXPECT_EQ(hub_counters().local_consumers, 1U);
+}
+
+// The kernel bounds what waits for the one, and not for the other.
+struct RelaySlowClient : RelayLocal, testing::WithParamInterface<bool> {
+    RelaySlowClient()
+        : slow(std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique("slow")),
+                                              GetParam())) {}
+
+    // Pushes numbered sentences, which others read, until the condition holds.
+    bool push_until(PlayedClient& quick, const std::function<bool()>& condition) {
+        return wait_until([&] {
+            for (int i = 0; i < 20; ++i) {
+                push(TAVOR_CODE_NMEA, numbered(pushed++));
+                quick.read();
+            }
+            return condition();
+        });
+    }
+
+    std::unique_ptr<PlayedClient> slow;
+    int pushed = 0;
+};
+
+TEST_P(RelaySlowClient, LosesTheOldestSentencesAndNoResultAndHoldsUpNobody) {
+    const auto quick = client("quick");
+    ASSERT_TRUE(started(*slow));
+    ASSERT_TRUE(started(*quick));
+    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
+    ASSERT_TRUE(slow->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    loop.turn_for(kShortSecond);
+    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 200; }));
+
+    ASSERT_TRUE(answered(*slow, TAVOR_CODE_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] {
+        slow->read();
+        return text_of(slow->got.back()) == numbered(pushed - 1);
+    }));
+    EXPECT_EQ(slow->count(TAVOR_CODE_NMEA) + hub_counters().dropped_local, 1U + static_cast<size_t>(pushed));
+    for (int i = 0; i < 64; ++i) { // the newest are whole and in order
+        const size_t place = slow->got.size() - 1 - static_cast<size_t>(i);
+        EXPECT_EQ(text_of(slow->got[place]), numbered(pushed - 1 - i));
+    }
+    EXPECT_EQ(quick->count(TAVOR_CODE_NMEA), 1U + static_cast<size_t>(pushed));
+}
+
+TEST_P(RelaySlowClient, IsLetGoWhenItReadsNothingForThirtySeconds) {
+    const auto quick = client("quick");
+    ASSERT_TRUE(started(*slow));
+    ASSERT_TRUE(started(*quick));
+    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
+    const auto began = RelayClock::now();
+    ASSERT_TRUE(push_until(*quick, [] { return local_clients_count() == 1; }));
+    EXPECT_GE(RelayClock::now() - began, 10 * kShortSecond);
+    EXPECT_EQ(hub_counters().let_go, 1U);
+    EXPECT_EQ(hub_counters().local_consumers, 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, RelaySlowClient, testing::Bool(),
+                         [](const auto& one) { return one.param ? "Connected" : "Unconnected"; });
+
+TEST_F(RelayLocal, ARequestOfNoKnownTypeTakesTheOutputAndGetsNoAnswer) {
+    const auto taker = client("taker");
+    ASSERT_TRUE(taker->send(0xFFFFFFFF));
+    ASSERT_TRUE(loop.until([] { return hub_counters().local_consumers == 1; }));
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    push(TAVOR_CODE_NMEA, numbered(1));
+    taker->read();
+    ASSERT_EQ(taker->got.size(), 1U);
+    EXPECT_EQ(text_of(taker->got[0]), numbered(1));
+}
+
+TEST_F(RelayLocal, DatagramsOfOddSizesAreTakenAsTheDaemonTakesThem) {
+    const auto odd = client("odd");
+    const std::string garbage(4000, '\xA5');
+    ASSERT_TRUE(odd->send_bytes(garbage.data(), 3));
+    ASSERT_TRUE(odd->send_bytes(garbage.data(), 0));
+    ASSERT_TRUE(loop.until([] { return hub_counters().malformed == 2; }));
+    const uint32_t save = TAVOR_REQUEST_SAVE_LOCATION;
+    ASSERT_TRUE(odd->send_bytes(&save, sizeof save));
+    ASSERT_TRUE(answered(*odd, TAVOR_CODE_SAVE_LOCATION));
+    std::string large = garbage;
+    const uint32_t command = TAVOR_REQUEST_COMMAND;
+    large.replace(0, sizeof command, reinterpret_cast<const char*>(&command), sizeof command);
+    if (geteuid() == 0) {
+        ASSERT_TRUE(odd->send_bytes(large.data(), large.size()));
+        ASSERT_TRUE(answered(*odd, TAVOR_CODE_CHIP));
+        EXPECT_EQ(strnlen(loop.daemon->requests.back().text, TAVOR_TEXT_SIZE), 511U);
+    }
+    EXPECT_EQ(odd->count(TAVOR_CODE_SAVE_LOCATION), 1U);
+}
+
+TEST_F(RelayLocal, WhoHasNoAddressIsHeardAndGetsNoAnswer) {
+    PlayedClient nameless(loop.local_path, "");
+    ASSERT_TRUE(nameless.send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    ASSERT_TRUE(loop.until([] { return local_clients_count() == 0; }));
+}
+
+TEST_F(RelayLocal, WhoAsksOnAndOnWithoutWaitingIsLetGo) {
+    loop.daemon->answers = false;
+    const auto flood = client("flood");
+    const auto other = client("other");
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(loop.until([&] { return flood->send(TAVOR_REQUEST_SAVE_LOCATION); }));
+    }
+    ASSERT_TRUE(loop.until([] { return hub_counters().let_go >= 1; }));
+    loop.daemon->answers = true;
+    ASSERT_TRUE(other->send(TAVOR_REQUEST_ASSIST));
+    ASSERT_TRUE(loop.until([&] {
+        loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0));
+        other->read();
+        return other->count(TAVOR_CODE_ASSIST) == 1;
+    }));
+}
+
+TEST_F(RelayLocal, WhoSentACommandHearsTheChipAndWhoAskedForAssistanceItsResults) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const auto commander = client("commander");
+    const auto helper = client("helper");
+    ASSERT_TRUE(commander->send(TAVOR_REQUEST_COMMAND, "353,1"));
+    ASSERT_TRUE(helper->send(TAVOR_REQUEST_ASSIST));
+    ASSERT_TRUE(answered(*commander, TAVOR_CODE_CHIP));
+    ASSERT_TRUE(answered(*helper, TAVOR_CODE_ASSIST));
+    push(TAVOR_CODE_CHIP, "$PZUL001,353,0*27\r\n");
+    push(TAVOR_CODE_ASSIST_RESULT, "");
+    commander->read();
+    helper->read();
+    EXPECT_EQ(commander->got.size(), 2U);
+    EXPECT_EQ(text_of(commander->got[1]), "$PZUL001,353,0*27\r\n");
+    EXPECT_EQ(helper->got.size(), 2U);
+    EXPECT_EQ(helper->got[1].code, TAVOR_CODE_ASSIST_RESULT);
+}
+
+} // namespace

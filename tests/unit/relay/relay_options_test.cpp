@@ -1,0 +1,73 @@
+#include "server/options.h"
+
+#include "support/private_dir.h"
+
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+struct RelayOptions : testing::Test {
+    // Status of a command line, -1 when the relay is to run.
+    int parse(std::vector<const char*> arguments) {
+        arguments.insert(arguments.begin(), "tavor-relay");
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        const auto status = options_parse(static_cast<int>(arguments.size()), arguments.data(), options);
+        out = testing::internal::GetCapturedStdout();
+        err = testing::internal::GetCapturedStderr();
+        return status.value_or(-1);
+    }
+
+    PrivateDir directory;
+    Options options;
+    std::string out;
+    std::string err;
+};
+
+TEST_F(RelayOptions, HasDefaultsThatSuitADevice) {
+    ASSERT_EQ(parse({}), -1);
+    EXPECT_EQ(options.daemon, TAVOR_SOCKET_PATH);
+    EXPECT_EQ(options.socket, "/run/tavor/relay.sock");
+    EXPECT_TRUE(options.always);
+    EXPECT_EQ(options.stop_delay_s, 10);
+    EXPECT_EQ(options.listen, "127.0.0.1:2947");
+}
+
+TEST_F(RelayOptions, TheCommandLineWinsOverTheFile) {
+    const std::string file =
+        directory.write("relay.conf", "# a comment\npositioning=demand\nstop-delay=60\nsocket=/run/a\n");
+    const std::string config = "--config=" + file;
+    ASSERT_EQ(parse({config.c_str(), "--socket", "/run/b"}), -1);
+    EXPECT_FALSE(options.always);
+    EXPECT_EQ(options.stop_delay_s, 60);
+    EXPECT_EQ(options.socket, "/run/b");
+}
+
+TEST_F(RelayOptions, VersionAndHelp) {
+    EXPECT_EQ(parse({"--version"}), 0);
+    EXPECT_EQ(out, "tavor-relay " TAVOR_VERSION_FOR_TEST "\n");
+    EXPECT_EQ(parse({"--help"}), 0);
+    EXPECT_NE(out.find("Exit status:"), std::string::npos);
+}
+
+TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
+    const std::string unknown = "--config=" + directory.write("unknown.conf", "speed=9\n");
+    const std::string long_path(108, 'x');
+    const std::vector<std::vector<const char*>> wrong = {{"--speed", "9"},
+                                                         {"--positioning", "sometimes"},
+                                                         {"--stop-delay", "-1"},
+                                                         {"--stop-delay", "soon"},
+                                                         {"--socket", long_path.c_str()},
+                                                         {"--daemon", ""},
+                                                         {"extra"},
+                                                         {unknown.c_str()},
+                                                         {"--config", "/nonexistent/relay.conf"}};
+    for (const auto& line : wrong) {
+        EXPECT_EQ(parse(line), 2) << line.front();
+        EXPECT_EQ(err.substr(0, 13), "tavor-relay: ") << line.front();
+        EXPECT_EQ(err.find('\n'), err.size() - 1) << line.front();
+    }
+}
+
+} // namespace

@@ -1,0 +1,182 @@
+#include "hub/hub.h"
+#include "support/relay_loop.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct RelayPositioning : testing::Test {
+    size_t starts() const {
+        return loop.daemon->count(TAVOR_REQUEST_START);
+    }
+    size_t stops() const {
+        return loop.daemon->count(TAVOR_REQUEST_STOP);
+    }
+
+    RelayLoop loop;
+};
+
+TEST_F(RelayPositioning, IsStartedAlwaysAndAgainWithTheNextDaemonWithinTwoSeconds) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    EXPECT_EQ(starts(), 1U);
+    loop.start_daemon();
+    const auto began = RelayClock::now();
+    ASSERT_TRUE(loop.until([&] { return starts() == 1; }));
+    EXPECT_LT(RelayClock::now() - began, std::chrono::seconds(2));
+    EXPECT_EQ(hub_counters().daemon_restarts, 1U);
+}
+
+TEST_F(RelayPositioning, OnDemandBeginsWithTheFirstConsumerAndEndsBehindTheLast) {
+    loop.open(false, std::chrono::milliseconds(60));
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.turn_for(10 * kShortSecond);
+    EXPECT_EQ(starts(), 0U);
+    positioning_want(+1);
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_want(-1);
+    loop.turn_for(std::chrono::milliseconds(120));
+    EXPECT_EQ(stops(), 0U);
+    const auto left = RelayClock::now();
+    positioning_want(-1);
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    EXPECT_GE(RelayClock::now() - left, std::chrono::milliseconds(60));
+}
+
+TEST_F(RelayPositioning, AConsumerThatComesInTimePreventsTheStop) {
+    loop.open(false, std::chrono::milliseconds(80));
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_want(-1);
+    loop.turn_for(std::chrono::milliseconds(20));
+    positioning_want(+1);
+    loop.turn_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(stops(), 0U);
+}
+
+TEST_F(RelayPositioning, AStopForAllHoldsUntilSomebodyAsksStart) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    std::optional<uint32_t> stopped;
+    positioning_stop(true, [&](uint32_t value) { stopped = value; });
+    ASSERT_TRUE(loop.until([&] { return stopped.has_value(); }));
+    EXPECT_EQ(*stopped, 0U);
+    positioning_want(+1);
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_EQ(starts(), 1U);
+    std::optional<uint32_t> started;
+    positioning_start([&](uint32_t value) { started = value; });
+    ASSERT_TRUE(loop.until([&] { return started.has_value(); }));
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RelayPositioning, AStopWithoutTheRightEndsNothingThatOthersWant) {
+    loop.open(false);
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    std::optional<uint32_t> stopped;
+    positioning_stop(false, [&](uint32_t value) { stopped = value; });
+    EXPECT_EQ(stopped, 0U);
+    loop.turn_for(5 * kShortSecond);
+    EXPECT_EQ(stops(), 0U);
+    positioning_want(-1);
+    positioning_stop(false, [&](uint32_t value) { stopped = value + 1; });
+    ASSERT_TRUE(loop.until([&] { return stopped == 1U; }));
+    EXPECT_EQ(stops(), 1U);
+}
+
+TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
+    loop.open(false);
+    loop.start_daemon();
+    loop.daemon->answers = false;
+    ASSERT_TRUE(loop.until(upstream_connected));
+    int answered = 0;
+    for (int i = 0; i < 10; ++i) {
+        positioning_start([&](uint32_t value) { answered += value == 0 ? 1 : 0; });
+    }
+    ASSERT_TRUE(loop.until([&] { return starts() == 1; }));
+    EXPECT_EQ(answered, 0);
+    loop.daemon->send(relay_response(TAVOR_CODE_START, 0));
+    ASSERT_TRUE(loop.until([&] { return answered == 10; }));
+    positioning_start([&](uint32_t /*unused*/) { ++answered; });
+    EXPECT_EQ(answered, 11);
+    EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(RelayPositioning, AFailedStartIsToldAndTriedAgain) {
+    loop.open(true);
+    loop.start_daemon();
+    loop.daemon->value = TAVOR_VALUE_FAILED;
+    std::optional<uint32_t> told;
+    positioning_start([&](uint32_t value) { told = value; });
+    ASSERT_TRUE(loop.until([&] { return told.has_value(); }));
+    EXPECT_EQ(*told, TAVOR_VALUE_FAILED);
+    loop.daemon->value = 0;
+    ASSERT_TRUE(loop.until(positioning_is_on));
+}
+
+TEST_F(RelayPositioning, SilenceIsBrokenWithAStart) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    const auto began = RelayClock::now();
+    ASSERT_TRUE(loop.until([&] { return starts() == 3; }));
+    EXPECT_GE(RelayClock::now() - began, 14 * kShortSecond); // 5 and then 10
+    ASSERT_TRUE(loop.until(positioning_is_on));
+}
+
+TEST_F(RelayPositioning, NothingIsBrokenWhileSentencesCome) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    const auto end = RelayClock::now() + 15 * kShortSecond;
+    loop.until([&] {
+        loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n"));
+        return RelayClock::now() >= end;
+    });
+    EXPECT_EQ(starts(), 1U);
+}
+
+TEST_F(RelayPositioning, IsStartedAgainBehindADownload) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    loop.daemon->answers = false;
+    std::optional<uint32_t> result;
+    positioning_download([&](uint32_t value) { result = value; });
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    loop.turn_for(30 * kShortSecond); // no request disturbs it
+    EXPECT_EQ(loop.daemon->requests.size(), 2U);
+    EXPECT_FALSE(result);
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, 0));
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    EXPECT_EQ(result, 0U);
+    EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RelayPositioning, AStopThatFailedIsTriedAgain) {
+    loop.open(false);
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    loop.daemon->value = TAVOR_VALUE_FAILED;
+    positioning_want(-1);
+    ASSERT_TRUE(loop.until([&] { return stops() == 2; }));
+}
+
+TEST_F(RelayPositioning, WithoutADaemonAStartFailsSoon) {
+    loop.open(false);
+    std::optional<uint32_t> told;
+    positioning_start([&](uint32_t value) { told = value; });
+    ASSERT_TRUE(loop.until([&] { return told.has_value(); }));
+    EXPECT_EQ(*told, TAVOR_VALUE_FAILED);
+}
+
+} // namespace
