@@ -10,7 +10,7 @@
 namespace {
 
 constexpr size_t kEntrySize = size_t{64} * 1024; // bytes of one entry of the user database
-constexpr int kGroupsMax = 65536;        // of one user, by the kernel
+constexpr int kGroupsMax = 65536;                // of one user, by the kernel
 
 std::optional<gid_t> group_of_name(const char* name) {
     std::vector<char> text(kEntrySize);
