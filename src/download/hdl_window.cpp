@@ -98,6 +98,16 @@ struct Window {
 
 enum class Outcome { kDone, kEnded, kUsedUp };
 
+// Sends the erase of a block, up to three times until the transport takes it. Returns success.
+bool format_send_single_block(const FormatBlock* block) {
+    KiteCommand command;
+    kite_begin(&command, KITE_FORMAT);
+    kite_add_u32(&command, block->address);
+    kite_add_u32(&command, block->length);
+    kite_end_with_crc(&command);
+    return send_with_attempts(command);
+}
+
 bool send_block(const Window& window, FlashBlock* block) {
     tool_log_info_text(window.rules.send, block->address);
     const bool sent = window.image == nullptr ? format_send_single_block(block)
@@ -227,15 +237,6 @@ bool run(Window* window) {
 }
 
 } // namespace
-
-bool format_send_single_block(const FormatBlock* block) {
-    KiteCommand command;
-    kite_begin(&command, KITE_FORMAT);
-    kite_add_u32(&command, block->address);
-    kite_add_u32(&command, block->length);
-    kite_end_with_crc(&command);
-    return send_with_attempts(command);
-}
 
 bool download_send_single_block(uint32_t address, const ImageEntry* image) {
     if (image->begin_address > address) {

@@ -20,9 +20,6 @@ struct FlashBlock {
 using FormatBlock = FlashBlock;
 using DownloadBlock = FlashBlock; // its length is always kFlashBlockSize
 
-// Sends the erase of a block, up to three times until the transport takes it. Returns success.
-bool format_send_single_block(const FormatBlock* block);
-
 // Sends the part of an image that belongs to the block at address, filled up with 0xFF, up to three times
 // until the transport takes it. Returns success; failures of the file are logged.
 bool download_send_single_block(uint32_t address, const ImageEntry* image);
