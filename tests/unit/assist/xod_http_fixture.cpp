@@ -5,7 +5,6 @@
 #include "support/capture.h"
 #include "support/format_fault.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <mbedtls/md5.h>
 
@@ -27,11 +26,14 @@ void clean_up(CURL* handle) {
     curl_easy_cleanup(handle);
 }
 
-CURLcode set_option(CURL* handle, CURLoption option, ...) {
-    va_list arguments;
-    va_start(arguments, option);
-    void* value = va_arg(arguments, void*); // a long has the same size and place here
-    va_end(arguments);
+} // namespace
+
+extern "C" {
+
+CURLcode xod_http_set_option(CURL* handle, CURLoption option, ...);
+CURLcode xod_http_option(CURL* handle, CURLoption option, void* value);
+
+CURLcode xod_http_option(CURL* handle, CURLoption option, void* value) {
     if (option == faults.failing) {
         return CURLE_OUT_OF_MEMORY;
     }
@@ -42,8 +44,7 @@ CURLcode set_option(CURL* handle, CURLoption option, ...) {
     }
     return curl_easy_setopt(handle, option, value);
 }
-
-} // namespace
+}
 
 // A pending stop makes the lock give way at once.
 bool is_locked() {
@@ -63,7 +64,7 @@ string answer_with(const string& etag_line, const string& body, const string& st
 
 // In place of the loader: the same library, linked, with the faults before it.
 const XodCurl* xod_curl() {
-    static const XodCurl functions = {init_handle, set_option, curl_easy_perform, clean_up};
+    static const XodCurl functions = {init_handle, xod_http_set_option, curl_easy_perform, clean_up};
     return faults.missing ? nullptr : &functions;
 }
 
