@@ -74,6 +74,7 @@ constexpr Advice kAdvices[] = {
     {"FORMAT_TIMEOUT", "the flash was not erased in time: see that it is not protected and try again"},
     {"download_image getFileSize", "an image file is empty or missing: put it beside the image list"},
     {"image file changed", "leave the image files alone while they are written and try again"},
+    {"image file can't be looked at", kMedium},
     {"can not open", "put the image file beside the image list, readable for the daemon"},
     {"download_sliding", "blocks were not taken: see that begin_address lies inside the flash and try again"},
     {"check_image_crc", "the flash holds something else: see that no image overlaps another and try again"},

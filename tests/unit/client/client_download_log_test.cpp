@@ -358,6 +358,7 @@ TEST_F(DownloadLog, EveryAdviceIsOneLine) {
                              "check_image_crc error, ErrorCode:3",
                              "The file(/x) could not closed.",
                              "read_cfg_file malloc cfg_list fail",
+                             "image file can't be looked at: /x",
                              "concat malloc fail",
                              "da_format_flash malloc pData fail",
                              "download_image malloc pData fail",
