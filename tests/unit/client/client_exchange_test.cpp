@@ -188,32 +188,6 @@ TEST(Follow, OutputThatAnotherClientTookIsTakenBack) {
     EXPECT_GE(silences.seconds.at(0), 0.05);
 }
 
-TEST(Follow, SilenceThatGoesOnIsGivenTwiceTheTime) {
-    Pair pair([](FakeDaemon& d, const tavor_request&) {
-        if (d.types().size() == 4) {
-            d.send(make_response(TAVOR_CODE_NMEA, 0, "$x"));
-        }
-    });
-    Silences silences;
-    EXPECT_EQ(exchange_follow(pair.connection, silences.follow(0.02), [](const Record&) { return false; }),
-              Outcome::kDone);
-    EXPECT_EQ(silences.counts, (std::vector<int>{1, 2, 3, 4}));
-    EXPECT_GE(silences.seconds.at(1), 0.04);
-    EXPECT_GE(silences.seconds.at(2), 0.08);
-    EXPECT_GE(silences.seconds.at(3), 0.16);
-}
-
-TEST(Follow, TwoThatFollowGiveEachOtherMoreAndMoreTime) {
-    Pair pair([](FakeDaemon& d, const tavor_request&) { d.send(make_response(TAVOR_CODE_NMEA, 0, "$x")); });
-    Silences silences;
-    int records = 0;
-    EXPECT_EQ(
-        exchange_follow(pair.connection, silences.follow(0.2), [&](const Record&) { return ++records < 4; }),
-        Outcome::kDone);
-    EXPECT_EQ(silences.counts, (std::vector<int>{1, 1, 1, 1}));
-    EXPECT_GE(silences.seconds.at(3), 1.6);
-}
-
 TEST(Follow, RestartedDaemonIsStartedAgain) {
     auto pair = std::make_unique<Pair>(kSilent);
     Connection connection;
