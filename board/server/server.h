@@ -2,19 +2,13 @@
 #ifndef TAVOR_BOARD_SERVER_H
 #define TAVOR_BOARD_SERVER_H
 
-#include "devices/board_devices.h"
+#include "server/answer.h"
 #include "server/control.h"
 #include "server/kernel_device.h"
 
 #include <map>
 #include <string>
 #include <sys/types.h>
-
-// One connection: an open node of a program, or a control client.
-struct ServerConnection {
-    bool open = false;
-    BoardFile file;
-};
 
 struct BoardServer {
     ControlTarget target; // what is served
