@@ -1,16 +1,11 @@
 #include "download/spim.h"
 
 #include "base/byte_order.h"
-#include "base/error_row.h"
-#include "device/location_spi.h"
 #include "download/hdl_progress.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
-#include "download/tool_time.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -18,8 +13,6 @@ namespace {
 constexpr uint32_t kFrameSize = 1 + kSpimMaxData; // opcode and data
 constexpr uint32_t kConfigureSize = 9;            // opcode, address, length
 constexpr uint32_t kDataAddress = 0x55AA0000;
-constexpr int32_t kClosed = -1;
-constexpr uint32_t kReversedBits = 1; // bit order of the port
 
 constexpr uint8_t kConfigureRead = 0x02;
 constexpr uint8_t kConfigureWrite = 0x04;
@@ -52,36 +45,12 @@ constexpr uint32_t kDataTries = 6;     // data phases that failed before the sla
 constexpr uint32_t kDataPolls = 100;
 constexpr uint32_t kConfigurePolls = 5;
 
-// What may fail in the kernel, each with its line of the log.
-enum Call : uint8_t {
-    kConfigureReadCall,
-    kConfigureWriteCall,
-    kReadDataCall,
-    kWriteDataCall,
-    kReadStatusCall,
-    kClearErrorCall,
-    kWakeupCall,
-    kWakeupPollCall,
-    kCalls,
-};
-
-constexpr const char* kFailed[kCalls] = {
-    "[SPIM] SPI master send CR command failed",
-    "[SPIM] SPI master send CWR command failed",
-    "[SPIM] SPI master send dma failed",
-    "[SPIM] SPI master send WR command failed",
-    "[SPIM] SPI master query status of slaver failed",
-    "[SPIM] SPI master query status of slaver failed",
-    "[SPIM] SPI master query status of slaver failed",
-    "SPI master query status of slaver failed",
-};
-
 // What tells reading and writing apart. Kept: they wait and give up deliberately unlike each other.
 struct Direction {
     uint8_t configure; // opcodes
     uint8_t move;
-    Call configure_call;
-    Call move_call;
+    SpimCall configure_call;
+    SpimCall move_call;
     uint32_t configure_delay_ms; // before each status read
     uint32_t move_delay_ms;
     uint32_t wakeups;      // in which its configuration is tried again
@@ -92,8 +61,8 @@ struct Direction {
 constexpr Direction kRead = {
     kConfigureRead,
     kReadData,
-    kConfigureReadCall,
-    kReadDataCall,
+    kSpimConfigureReadCall,
+    kSpimReadDataCall,
     80,
     1,
     1,
@@ -104,8 +73,8 @@ constexpr Direction kRead = {
 constexpr Direction kWrite = {
     kConfigureWrite,
     kWriteData,
-    kConfigureWriteCall,
-    kWriteDataCall,
+    kSpimConfigureWriteCall,
+    kSpimWriteDataCall,
     3,
     3,
     10,
@@ -124,76 +93,26 @@ struct Transaction {
 };
 
 struct State {
-    int32_t fd = kClosed;
-    uint32_t bit_order = 0;
     bool taken = false; // the last write
-    ErrorRow failing[kCalls] = {};
     uint8_t tx[kFrameSize] = {};
     uint8_t rx[kFrameSize] = {};
     uint8_t bounce[kSpimMaxData] = {};
 } state;
 
-constexpr std::array<uint8_t, 256> make_reversed() {
-    std::array<uint8_t, 256> reversed = {};
-    for (unsigned byte = 0; byte < 256; ++byte) {
-        for (unsigned bit = 0; bit < 8; ++bit) {
-            if ((byte & 1U << bit) != 0) {
-                reversed[byte] = static_cast<uint8_t>(reversed[byte] | 0x80U >> bit);
-            }
-        }
-    }
-    return reversed;
-}
-
-constexpr std::array<uint8_t, 256> kReversed = make_reversed();
-
-void reverse_bits(uint8_t* bytes, uint32_t n) {
-    if (bytes != nullptr && state.bit_order == kReversedBits) {
-        std::transform(bytes, bytes + n, bytes, [](uint8_t byte) { return kReversed[byte]; });
-    }
-}
-
-void log_left_out(Call call, uint32_t left_out) {
-    if (left_out > 0) {
-        tool_log_error("%s (%u left out)\n", kFailed[call], left_out);
-    }
-}
-
-// What was left out is told, and the next download's first failure is a first one.
-void end_rows() {
-    for (uint8_t call = 0; call < kCalls; ++call) {
-        log_left_out(static_cast<Call>(call), error_row_end(&state.failing[call]));
-    }
-}
-
-// One frame; its failure is logged, at most once a second while it repeats. Returns success.
-bool exchange(Call call, spim_transfer transfer) {
-    ErrorRow* row = &state.failing[call];
-    uint32_t left_out = 0;
-    const bool moved = spim_transfer_full(&transfer) == 0;
-    if (moved) {
-        left_out = error_row_end(row);
-    } else if (error_row_tell(row, tool_time_now_ms(), &left_out) && left_out == 0) {
-        tool_log_error("%s\n", kFailed[call]);
-    }
-    log_left_out(call, left_out);
-    return moved;
-}
-
-bool send_byte(Call call, uint8_t byte) {
-    return exchange(call, {&byte, 1, nullptr, 0});
+bool send_byte(SpimCall call, uint8_t byte) {
+    return spim_exchange(call, {&byte, 1, nullptr, 0});
 }
 
 bool send_clear_error(uint8_t status) {
     uint8_t frame[] = {kClearError, static_cast<uint8_t>(status & kErrors)};
-    return exchange(kClearErrorCall, {frame, sizeof frame, nullptr, 0});
+    return spim_exchange(kSpimClearErrorCall, {frame, sizeof frame, nullptr, 0});
 }
 
 bool send_configure(const Direction& direction, uint32_t n) {
     uint8_t frame[kConfigureSize] = {direction.configure};
     store_le32(frame + 1, kDataAddress);
     store_le32(frame + 5, n - 1);
-    return exchange(direction.configure_call, {frame, sizeof frame, nullptr, 0});
+    return spim_exchange(direction.configure_call, {frame, sizeof frame, nullptr, 0});
 }
 
 // The data phase, in a frame that the staging buffers hold.
@@ -202,10 +121,10 @@ bool move_data(const Transaction& t) {
     state.tx[0] = t.direction.move;
     if (t.buffer != nullptr) {
         memset(t.buffer, 0, t.n);
-        return exchange(t.direction.move_call, {state.tx, 1, state.rx, t.n + 1});
+        return spim_exchange(t.direction.move_call, {state.tx, 1, state.rx, t.n + 1});
     }
     memcpy(state.tx + 1, t.data, t.n);
-    return exchange(t.direction.move_call, {state.tx, t.n + 1, nullptr, 0});
+    return spim_exchange(t.direction.move_call, {state.tx, t.n + 1, nullptr, 0});
 }
 
 // Repeats the configuration until the slave has taken it. Returns success.
@@ -288,7 +207,7 @@ int32_t recover(uint8_t status) {
 void poll_wakeup() {
     uint8_t status = 0;
     for (uint32_t polls = 0;; ++polls) {
-        if (!send_byte(kWakeupPollCall, kWakeupPoll)) {
+        if (!send_byte(kSpimWakeupPollCall, kWakeupPoll)) {
             return;
         }
         if (polls == kWakeupPolls) {
@@ -310,47 +229,10 @@ void poll_wakeup() {
 
 } // namespace
 
-int32_t spim_open(const SpimPort& port) {
-    location_spi_config config = {};
-    config.mode = 0;
-    config.lsb_first = port.bit_order == 0 ? 1 : 0;
-    config.bits_per_word = 8;
-    config.max_speed_hz = port.frequency;
-    snprintf(config.path, sizeof config.path, "%s", port.path);
-    int32_t fd = kClosed;
-    if (location_spi_init(&fd, &config) != 0) {
-        return 0;
-    }
-    state.fd = fd;
-    state.bit_order = port.bit_order;
-    return 1;
-}
-
-int32_t spim_close() {
-    if (state.fd == kClosed) {
-        return 0;
-    }
-    end_rows();
-    const int32_t result = location_spi_deinit(state.fd);
-    state.fd = kClosed;
-    return result == 0 ? 1 : 0;
-}
-
-int32_t spim_transfer_full(spim_transfer* transfer) {
-    const uint32_t length = std::max(transfer->tx_len, transfer->rx_len);
-    reverse_bits(transfer->tx_buf, length);
-    const int32_t moved = location_spi_transfer(state.fd, transfer->tx_buf, transfer->rx_buf, length);
-    if (moved <= 0) {
-        return -1;
-    }
-    reverse_bits(transfer->rx_buf, length);
-    return 0;
-}
-
 void spim_read_status(uint8_t* status) {
     uint8_t frame[] = {kReadStatus, 0};
     uint8_t answer[sizeof frame] = {};
-    if (exchange(kReadStatusCall, {frame, sizeof frame, answer, sizeof answer})) {
+    if (spim_exchange(kSpimReadStatusCall, {frame, sizeof frame, answer, sizeof answer})) {
         *status = answer[1];
     }
 }
@@ -377,7 +259,7 @@ int32_t spim_wait_status(uint8_t mask, uint32_t tries, uint32_t delay_ms) {
 }
 
 void spim_wakeup() {
-    send_byte(kWakeupCall, kWakeup);
+    send_byte(kSpimWakeupCall, kWakeup);
     tool_sleep_ms(kWakeupPollMs);
     poll_wakeup();
     tool_sleep_ms(kAfterWakeupMs);

@@ -3,32 +3,11 @@
 #ifndef TAVOR_SPIM_H
 #define TAVOR_SPIM_H
 
+#include "download/spim_frame.h"
+
 #include <cstdint>
 
 inline constexpr uint32_t kSpimMaxData = 4095; // data bytes of one transaction
-
-struct spim_transfer {
-    uint8_t* tx_buf; // null only with tx_len 0
-    uint32_t tx_len;
-    uint8_t* rx_buf; // null only with rx_len 0
-    uint32_t rx_len;
-};
-
-struct SpimPort {
-    const char* path;   // of the device, up to 127 characters
-    uint32_t frequency; // Hz
-    uint32_t bit_order; // 0: the device turns the bits, 1: the bits are turned here, else: nobody turns them
-};
-
-// Opens and configures the device. Returns 1, or 0 with nothing open.
-int32_t spim_open(const SpimPort& port);
-
-// Returns 1 when the descriptor closed. Closing twice is harmless: 0.
-int32_t spim_close();
-
-// One full-duplex frame of max(tx_len, rx_len) bytes; both buffers hold that many. With bit order 1 the
-// transmit buffer comes back with its bits reversed. Returns 0 when at least one byte moved, else -1.
-int32_t spim_transfer_full(spim_transfer* transfer);
 
 // Reads the slave's status; unchanged on failure.
 void spim_read_status(uint8_t* status);
