@@ -39,6 +39,10 @@ struct TestBoard {
         EXPECT_GE(count, 0);
         return std::string(text, static_cast<size_t>(std::max<ssize_t>(count, 0)));
     }
+    void power_on() {
+        export_as_output(17);
+        write(kGpio + "gpio17/value", "1");
+    }
     void export_as_output(int pin) {
         EXPECT_EQ(write(kGpio + "export", std::to_string(pin)), 0);
         EXPECT_EQ(write(kGpio + "gpio" + std::to_string(pin) + "/direction", "out"), 0);
@@ -83,40 +87,38 @@ TEST(BoardGpio, ExportRefusesAsTheKernelDoes) {
     for (const char* text : {"999999", "512", "-1", "abc", "1 2", " 1"}) {
         EXPECT_EQ(board.write(kGpio + "export", text), EINVAL) << text;
     }
-    EXPECT_EQ(board.write(kGpio + "unexport", "18"), EINVAL);
+    EXPECT_EQ(board.write(kGpio + "export", "99999999999999999999"), ERANGE);
+    EXPECT_EQ(board.write(kGpio + "export", "0x12"), 0) << "numbers are read as the kernel reads them";
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio18"), 0);
+    EXPECT_EQ(board_access(board.board, kGpio + "gpio0x12"), -1) << "a name has one shape";
+    EXPECT_EQ(board.write(kGpio + "unexport", "19"), EINVAL);
+    EXPECT_EQ(board.open_error(kGpio + "export", O_RDWR), EACCES);
+    EXPECT_EQ(board.open_error(kGpio + "unexport", O_RDONLY), EACCES);
     EXPECT_EQ(board.open_error(kGpio + "import"), ENOENT);
     EXPECT_EQ(board.open_error("/sys/class/gpio", O_RDWR), EISDIR);
 }
 
-TEST(BoardGpio, NewPinIsALowInput) {
+TEST(BoardGpio, NewPinIsALowInputWhoseValueIsWrittenAsAnOutputOnly) {
     TestBoard board;
     board.write(kGpio + "export", "5");
     EXPECT_EQ(board.read(kGpio + "gpio5/direction"), "in\n");
     EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
     EXPECT_EQ(board.read(kGpio + "gpio5/edge"), "none\n");
-}
-
-TEST(BoardGpio, ValueIsWrittenOnOutputsOnly) {
-    TestBoard board;
-    board.write(kGpio + "export", "5");
-    EXPECT_EQ(board.write(kGpio + "gpio5/value", "1"), EPERM);
-    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "out\n"), 0);
-    EXPECT_EQ(board.write(kGpio + "gpio5/value", "1\n"), 0);
-    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "1\n");
-    EXPECT_EQ(board.write(kGpio + "gpio5/value", "on"), EINVAL);
-    EXPECT_EQ(board.write(kGpio + "gpio5/value", "0"), 0);
-    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
-}
-
-TEST(BoardGpio, DirectionWordsSetTheLevelToo) {
-    TestBoard board;
-    board.write(kGpio + "export", "5");
-    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "high"), 0);
+    const struct {
+        const char* node;
+        const char* text;
+        int error;
+        const char* value; // then
+    } rows[] = {
+        {"value", "1", EPERM, "0\n"},   {"direction", "out\n", 0, "0\n"},   {"value", "1\n", 0, "1\n"},
+        {"value", "on", EINVAL, "1\n"}, {"value", "0", 0, "0\n"},           {"direction", "high", 0, "1\n"},
+        {"direction", "out", 0, "0\n"}, {"direction", "up", EINVAL, "0\n"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(board.write(kGpio + "gpio5/" + row.node, row.text), row.error) << row.text;
+        EXPECT_EQ(board.read(kGpio + "gpio5/value"), row.value) << row.text;
+    }
     EXPECT_EQ(board.read(kGpio + "gpio5/direction"), "out\n");
-    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "1\n");
-    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "out"), 0);
-    EXPECT_EQ(board.read(kGpio + "gpio5/value"), "0\n");
-    EXPECT_EQ(board.write(kGpio + "gpio5/direction", "up"), EINVAL);
 }
 
 TEST(BoardGpio, EdgeTakesTheFourWordsAndNoneOnOutputs) {
@@ -131,7 +133,7 @@ TEST(BoardGpio, EdgeTakesTheFourWordsAndNoneOnOutputs) {
     EXPECT_EQ(board.write(kGpio + "gpio5/edge", "rising"), EIO);
 }
 
-TEST(BoardGpio, ReadEndsAndAccessModeIsKept) {
+TEST(BoardGpio, ReadEndsSeekGoesBackAndAccessModeIsKept) {
     TestBoard board;
     board.write(kGpio + "export", "5");
     BoardFile file;
@@ -140,30 +142,20 @@ TEST(BoardGpio, ReadEndsAndAccessModeIsKept) {
     EXPECT_EQ(board_node_read(board.board, file, text, 1), 1);
     EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 2);
     EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 0);
+    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_SET), 0);
+    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
+    EXPECT_EQ(board_node_seek(board.board, file, -9, SEEK_CUR), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_CUR), 3);
     EXPECT_EQ(board_node_write(board.board, file, "out", 3), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(board_close(board.board, file), 0);
     EXPECT_EQ(board_close(board.board, file), -1);
 }
 
-TEST(BoardGpio, ExportNodeIsNotReadable) {
-    TestBoard board;
-    EXPECT_EQ(board.open_error(kGpio + "export", O_RDWR), EACCES);
-    EXPECT_EQ(board.open_error(kGpio + "unexport", O_RDONLY), EACCES);
-}
-
-TEST(BoardGpio, NumbersAreReadAsTheKernelReadsThem) {
-    TestBoard board;
-    EXPECT_EQ(board.write(kGpio + "export", "0x11"), 0);
-    EXPECT_EQ(board_access(board.board, kGpio + "gpio17"), 0);
-    EXPECT_EQ(board_access(board.board, kGpio + "gpio0x11"), -1) << "a name has one shape";
-    EXPECT_EQ(board.write(kGpio + "export", "99999999999999999999"), ERANGE);
-}
-
 TEST(BoardGpio, ActiveLowTurnsTheValueOverAndNotTheLine) {
     TestBoard board;
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     EXPECT_EQ(board.write(kGpio + "gpio17/active_low", "1"), 0);
     EXPECT_EQ(board.read(kGpio + "gpio17/value"), "0\n");
     EXPECT_TRUE(board_status(board.board).powered);
@@ -172,20 +164,6 @@ TEST(BoardGpio, ActiveLowTurnsTheValueOverAndNotTheLine) {
     board.write(kGpio + "unexport", "17");
     board.write(kGpio + "export", "17");
     EXPECT_EQ(board.read(kGpio + "gpio17/active_low"), "0\n");
-}
-
-TEST(BoardGpio, SeekGoesBackToTheBegin) {
-    TestBoard board;
-    board.write(kGpio + "export", "5");
-    BoardFile file;
-    char text[9];
-    ASSERT_EQ(board_open(board.board, file, kGpio + "gpio5/direction", O_RDONLY), 0);
-    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
-    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_SET), 0);
-    EXPECT_EQ(board_node_read(board.board, file, text, sizeof text), 3);
-    EXPECT_EQ(board_node_seek(board.board, file, -9, SEEK_CUR), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(board_node_seek(board.board, file, 0, SEEK_CUR), 3);
 }
 
 TEST(BoardGpio, NodeUnexportedWhileOpenIsGone) {
@@ -205,8 +183,7 @@ TEST(BoardPower, LineBootsTheChipAndOnlyTheConfiguredOne) {
     BoardOptions options;
     options.power_pin = 40;
     TestBoard board(options);
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     EXPECT_FALSE(board_status(board.board).powered);
     board.export_as_output(40);
     EXPECT_FALSE(board_status(board.board).powered);
@@ -220,8 +197,7 @@ TEST(BoardPower, LineBootsTheChipAndOnlyTheConfiguredOne) {
 
 TEST(BoardPower, LevelOutlivesTheExport) {
     TestBoard board;
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     board.write(kGpio + "unexport", "17");
     EXPECT_TRUE(board_status(board.board).powered);
     board.write(kGpio + "export", "17");
@@ -296,8 +272,7 @@ TEST(BoardSpi, OtherNodesTakeNoSpiRequests) {
 
 TEST(BoardSpi, OtherBitOrderMirrorsEveryByte) {
     TestBoard board;
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     const BoardFile right = board.open_spi();
     board.message(right, {0x04});
     EXPECT_EQ(board.message(right, {0x06, 0})[1], 0x01);
@@ -309,8 +284,7 @@ TEST(BoardSpi, OtherBitOrderMirrorsEveryByte) {
 
 TEST(BoardSpi, PartsOfAMessageAreOneFrame) {
     TestBoard board;
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     const BoardFile file = board.open_spi();
     board.message(file, {0x04});
     const uint8_t opcode = 0x06;
@@ -344,8 +318,7 @@ TEST(BoardSpi, FailingTransferIsAnInputOutputError) {
 
 TEST(BoardSpi, PlainReadAndWriteAreOneDirectionEach) {
     TestBoard board;
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     BoardFile file = board.open_spi();
     const uint8_t power_on = 0x04;
     EXPECT_EQ(board_node_write(board.board, file, &power_on, 1), 1);
@@ -368,8 +341,7 @@ TEST(BoardThreads, NodesAndFaultsFromSeveralThreads) {
     BoardOptions options;
     options.chip.full_speed = true;
     TestBoard board(options);
-    board.export_as_output(17);
-    board.write(kGpio + "gpio17/value", "1");
+    board.power_on();
     const BoardFile file = board.open_spi();
     std::vector<std::thread> threads;
     threads.reserve(4);

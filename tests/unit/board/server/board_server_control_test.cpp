@@ -37,31 +37,34 @@ struct BoardControl : testing::Test {
     ControlTarget target = {&board, &clock, nullptr, false};
 };
 
-TEST_F(BoardControl, StatusHasTheNumbersOfTheChip) {
+TEST_F(BoardControl, StatusTellsOfChipAndDownloads) {
+    json status = ask({{"command", "status"}});
+    EXPECT_EQ(status["download"]["state"], "off");
+    EXPECT_EQ(status["download"]["result"], nullptr);
     power_on();
-    const json status = ask({{"command", "status"}});
+    board.chip.status.aiding_orbits[2].verdict = "record 3: satellite 4, not 5";
+    board.chip.status.first_fix_ms = 5200;
+    status = ask({{"command", "status"}});
     EXPECT_EQ(status["ok"], true);
     EXPECT_EQ(status["powered"], true);
     EXPECT_EQ(status["cold_boots"], 1);
     EXPECT_EQ(status["faults"], json::array());
     EXPECT_EQ(status["aiding_position"]["verdict"], nullptr);
-}
-
-TEST_F(BoardControl, StatusTellsOfDownloads) {
-    const auto download = [this] { return ask({{"command", "status"}})["download"]; };
-    EXPECT_EQ(download()["state"], "off");
-    EXPECT_EQ(download()["result"], nullptr);
-    power_on();
-    EXPECT_EQ(download()["state"], "firmware");
-    EXPECT_EQ(download()["bootable"], true);
+    EXPECT_EQ(status["aiding_orbits"]["galileo"]["verdict"], "record 3: satellite 4, not 5");
+    EXPECT_TRUE(status["aiding_orbits"]["beidou"]["verdict"].is_null());
+    EXPECT_EQ(status["first_fix_ms"], 5200);
+    EXPECT_EQ(status["assisted"], false);
+    EXPECT_EQ(status["download"]["state"], "firmware");
+    EXPECT_EQ(status["download"]["bootable"], true);
     BoardFile file;
     ASSERT_EQ(board_open(board, file, "/dev/spidev1.0", O_RDWR), 0);
     ASSERT_EQ(board_spi_set(board, file, BoardSpiSetting::lsb_first, 1), 0);
     const uint8_t wake[] = {0x0C};
     ASSERT_EQ(board_node_write(board, file, wake, sizeof wake), 1);
-    EXPECT_EQ(download()["state"], "boot ROM");
-    EXPECT_EQ(download()["wake_ups"], 1);
-    EXPECT_EQ(download()["result"], "under way");
+    status = ask({{"command", "status"}});
+    EXPECT_EQ(status["download"]["state"], "boot ROM");
+    EXPECT_EQ(status["download"]["wake_ups"], 1);
+    EXPECT_EQ(status["download"]["result"], "under way");
 }
 
 TEST_F(BoardControl, AFaultIsListedUntilItEnds) {
@@ -85,28 +88,14 @@ TEST_F(BoardControl, FaultsOfTheAssistanceServerNeedOne) {
     EXPECT_EQ(ask({{"command", "status"}})["assist"]["faults"], json::array());
 }
 
-TEST_F(BoardControl, StatusHasTheVerdictOnEachConstellation) {
-    board.chip.status.aiding_orbits[2].bad = 1;
-    board.chip.status.aiding_orbits[2].verdict = "record 3: satellite 4, not 5";
-    board.chip.status.first_fix_ms = 5200;
-    const json status = ask({{"command", "status"}});
-    EXPECT_EQ(status["aiding_orbits"]["galileo"]["verdict"], "record 3: satellite 4, not 5");
-    EXPECT_TRUE(status["aiding_orbits"]["beidou"]["verdict"].is_null());
-    EXPECT_EQ(status["first_fix_ms"], 5200);
-    EXPECT_EQ(status["assisted"], false);
-}
-
-TEST_F(BoardControl, AnInjectedSentenceIsCompleted) {
-    power_on();
-    EXPECT_EQ(ask({{"command", "send"}, {"body", "GNTXT,01,01,02,hello"}})["ok"], true);
-    const ChipStatus status = board_status(board);
-    EXPECT_EQ(status.bytes_queued, strlen("$GNTXT,01,01,02,hello*00\r\n"));
-}
-
-TEST_F(BoardControl, AChipThatIsOffSendsNothing) {
-    const json answer = ask({{"command", "send"}, {"body", "X"}});
+TEST_F(BoardControl, AnInjectedSentenceIsCompletedForAChipThatIsOn) {
+    const json send = {{"command", "send"}, {"body", "GNTXT,01,01,02,hello"}};
+    const json answer = ask(send);
     EXPECT_EQ(answer["ok"], false);
     EXPECT_NE(answer["error"], "");
+    power_on();
+    EXPECT_EQ(ask(send)["ok"], true);
+    EXPECT_EQ(board_status(board).bytes_queued, strlen("$GNTXT,01,01,02,hello*00\r\n"));
 }
 
 TEST_F(BoardControl, TheRateIsBounded) {

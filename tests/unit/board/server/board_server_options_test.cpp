@@ -5,16 +5,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
+#include <sstream>
+
 namespace {
 
 constexpr int kGoOn = -1;
 constexpr int kUsageError = 2;
 
 struct BoardOptionsTest : testing::Test {
-    int read(std::vector<std::string> words) {
-        words.insert(words.begin(), "tavor-board");
+    // The line's words stand between blanks; "_" is a blank within a word.
+    int read(const std::string& line) {
+        std::istringstream stream("tavor-board " + line);
+        std::vector<std::string> words((std::istream_iterator<std::string>(stream)), {});
         std::vector<char*> arguments;
         for (std::string& word : words) {
+            std::replace(word.begin(), word.end(), '_', ' ');
             arguments.push_back(word.data());
         }
         options = {};
@@ -32,20 +39,23 @@ struct BoardOptionsTest : testing::Test {
 };
 
 TEST_F(BoardOptionsTest, TheDefaultsAreTheBoardsOwn) {
-    ASSERT_EQ(read({"run"}), kGoOn) << err;
+    ASSERT_EQ(read("run"), kGoOn) << err;
     EXPECT_EQ(options.action, Options::Action::kRun);
     EXPECT_EQ(options.run.board.spi_path, "/dev/spidev1.0");
     EXPECT_EQ(options.run.board.power_pin, 17);
     EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
     EXPECT_EQ(options.run.board.chip.rate_hz, 1U);
+    EXPECT_TRUE(options.run.board.lsb_first);
+    EXPECT_TRUE(options.run.assistance);
     EXPECT_TRUE(options.run.directory.empty());
     EXPECT_TRUE(options.run.program.empty());
 }
 
-TEST_F(BoardOptionsTest, TheFlashAndItsBootRomAreChosen) {
-    ASSERT_EQ(read({"run", "--flash-size", "0x40000", "--flash-base", "0x10000000", "--flash-id", "0x123456",
-                    "--flash-empty", "--boot-window", "50", "--sleepy-polls", "7", "--msb-first", "--fault",
-                    "power-loss=3@write"}),
+TEST_F(BoardOptionsTest, ChipOptionsReachTheChip) {
+    ASSERT_EQ(read("run --flash-size 0x40000 --flash-base 0x10000000 --flash-id 0x123456 --flash-empty "
+                   "--boot-window 50 --sleepy-polls 7 --msb-first --fault power-loss=3@write --sentences 9 "
+                   "--rx-window 64 --busy-polls 3 --seed 4 --aiding --first-fix 500 --latitude -33.5 "
+                   "--longitude -70.25 --altitude 520 --ground-speed 1.5 --course 90 --no-assist"),
               kGoOn)
         << err;
     const ChipOptions& chip = options.run.board.chip;
@@ -56,64 +66,6 @@ TEST_F(BoardOptionsTest, TheFlashAndItsBootRomAreChosen) {
     EXPECT_EQ(chip.boot_window_ms, 50U);
     EXPECT_EQ(chip.sleepy_polls, 7U);
     EXPECT_FALSE(options.run.board.lsb_first);
-    ASSERT_EQ(read({"run"}), kGoOn);
-    EXPECT_TRUE(options.run.board.lsb_first);
-    EXPECT_EQ(read({"run", "--flash-size", "1000"}), kUsageError);
-    EXPECT_NE(err.find("flash size"), std::string::npos) << err;
-}
-
-TEST_F(BoardOptionsTest, EverythingBehindTheDashesIsTheProgram) {
-    ASSERT_EQ(read({"run", "--rate", "5", "--", "prog", "--rate", "7", "-x"}), kGoOn) << err;
-    EXPECT_EQ(options.run.board.chip.rate_hz, 5U);
-    EXPECT_EQ(options.run.program, (std::vector<std::string>{"prog", "--rate", "7", "-x"}));
-
-    ASSERT_EQ(read({"exec", "--dir", "/d", "--", "prog", "--help"}), kGoOn) << err;
-    EXPECT_EQ(options.action, Options::Action::kExec);
-    EXPECT_EQ(options.exec.program, (std::vector<std::string>{"prog", "--help"}));
-}
-
-TEST_F(BoardOptionsTest, TheSourceIsATrajectoryALogOrNothing) {
-    const PrivateDir place;
-    const std::string log = place.write("log.nmea", "$GPGGA*00\r\n");
-    ASSERT_EQ(read({"run", "--source", "replay", log, "--loop", "--full-speed", "--", "prog"}), kGoOn) << err;
-    EXPECT_EQ(options.run.board.chip.source, ChipSource::replay);
-    EXPECT_EQ(options.run.board.chip.replay, "$GPGGA*00\r\n");
-    EXPECT_TRUE(options.run.board.chip.loop);
-    EXPECT_TRUE(options.run.board.chip.full_speed);
-    EXPECT_EQ(options.run.program.size(), 1U);
-
-    ASSERT_EQ(read({"run", "--source", "none"}), kGoOn) << err;
-    EXPECT_EQ(options.run.board.chip.source, ChipSource::none);
-    ASSERT_EQ(read({"run", "--source", "trajectory", "--", "prog"}), kGoOn) << err;
-    EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
-}
-
-TEST_F(BoardOptionsTest, ChipOptionsReachTheChip) {
-    ASSERT_EQ(read({"run",
-                    "--sentences",
-                    "9",
-                    "--rx-window",
-                    "64",
-                    "--busy-polls",
-                    "3",
-                    "--seed",
-                    "4",
-                    "--aiding",
-                    "--first-fix",
-                    "500",
-                    "--latitude",
-                    "-33.5",
-                    "--longitude",
-                    "-70.25",
-                    "--altitude",
-                    "520",
-                    "--ground-speed",
-                    "1.5",
-                    "--course",
-                    "90"}),
-              kGoOn)
-        << err;
-    const ChipOptions& chip = options.run.board.chip;
     EXPECT_EQ(chip.sentence_limit, 9U);
     EXPECT_EQ(chip.rx_window, 64U);
     EXPECT_EQ(chip.busy_polls, 3U);
@@ -125,12 +77,37 @@ TEST_F(BoardOptionsTest, ChipOptionsReachTheChip) {
     EXPECT_EQ(chip.altitude_m, 520.0);
     EXPECT_EQ(chip.speed_mps, 1.5);
     EXPECT_EQ(chip.course_deg, 90.0);
+    EXPECT_FALSE(options.run.assistance);
+}
+
+TEST_F(BoardOptionsTest, EverythingBehindTheDashesIsTheProgram) {
+    ASSERT_EQ(read("run --rate 5 -- prog --rate 7 -x"), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.rate_hz, 5U);
+    EXPECT_EQ(options.run.program, (std::vector<std::string>{"prog", "--rate", "7", "-x"}));
+
+    ASSERT_EQ(read("exec --dir /d -- prog --help"), kGoOn) << err;
+    EXPECT_EQ(options.action, Options::Action::kExec);
+    EXPECT_EQ(options.exec.program, (std::vector<std::string>{"prog", "--help"}));
+}
+
+TEST_F(BoardOptionsTest, TheSourceIsATrajectoryALogOrNothing) {
+    const PrivateDir place;
+    const std::string log = place.write("log.nmea", "$GPGGA*00\r\n");
+    ASSERT_EQ(read("run --source replay " + log + " --loop --full-speed -- prog"), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::replay);
+    EXPECT_EQ(options.run.board.chip.replay, "$GPGGA*00\r\n");
+    EXPECT_TRUE(options.run.board.chip.loop);
+    EXPECT_TRUE(options.run.board.chip.full_speed);
+    EXPECT_EQ(options.run.program.size(), 1U);
+
+    ASSERT_EQ(read("run --source none"), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::none);
+    ASSERT_EQ(read("run --source trajectory -- prog"), kGoOn) << err;
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
 }
 
 TEST_F(BoardOptionsTest, FaultsAndConfigurationMayBeRepeated) {
-    ASSERT_EQ(read({"run", "--fault", "silence=on", "--fault", "transfer-fail=every:3", "--conf", "A b=1=2",
-                    "--conf", "C="}),
-              kGoOn)
+    ASSERT_EQ(read("run --fault silence=on --fault transfer-fail=every:3 --conf A_b=1=2 --conf C="), kGoOn)
         << err;
     ASSERT_EQ(options.run.faults.size(), 2U);
     EXPECT_EQ(options.run.faults[1], std::make_pair(std::string("transfer-fail"), std::string("every:3")));
@@ -138,67 +115,57 @@ TEST_F(BoardOptionsTest, FaultsAndConfigurationMayBeRepeated) {
 }
 
 TEST_F(BoardOptionsTest, WrongOptionsSayWhatIsWrong) {
-    const std::pair<std::vector<std::string>, const char*> wrong[] = {
-        {{}, "A command is required"},
-        {{"walk"}, "walk"},
-        {{"run", "--rate", "0"}, "rate is not within 1 to 10 Hz"},
-        {{"run", "--rate", "11"}, "rate is not within 1 to 10 Hz"},
-        {{"run", "--rate", "x"}, "--rate"},
-        {{"run", "--nope"}, "--nope"},
-        {{"run", "--source", "replay"}, "replay takes a file"},
-        {{"run", "--source", "replay", "/missing"}, "can't read /missing"},
-        {{"run", "--source", "moon"}, "\"moon\" is none of trajectory, replay FILE, none"},
-        {{"run", "--source", "none", "file"}, "replay takes a file"},
-        {{"run", "--fault", "silence"}, "\"silence\" is not NAME=VALUE"},
-        {{"run", "--fault", "=on"}, "is not NAME=VALUE"},
-        {{"run", "--fault", "nope=on"}, "no fault is called \"nope\""},
-        {{"run", "--fault", "silence=maybe"}, "silence"},
-        {{"run", "--conf", "x"}, "\"x\" is not NAME=VALUE"},
-        {{"run", "--spi-path", "/dev/null"}, "must begin with /dev/spidev"},
-        {{"run", "--power-gpio", "512"}, "--power-gpio"},
-        {{"run", "--power-gpio", "-1"}, "--power-gpio"},
-        {{"run", "--latitude", "91"}, "latitude"},
-        {{"exec", "--", "prog"}, "--dir is required"},
-        {{"exec", "--dir", "/d"}, "program"},
-        {{"ctl", "status"}, "--dir is required"},
-        {{"ctl", "--dir", "/d"}, "A command is required"},
-        {{"ctl", "--dir", "/d", "nope"}, "nope"},
+    const std::pair<const char*, const char*> wrong[] = {
+        {"", "A command is required"},
+        {"walk", "walk"},
+        {"run --rate 0", "rate is not within 1 to 10 Hz"},
+        {"run --rate 11", "rate is not within 1 to 10 Hz"},
+        {"run --rate x", "--rate"},
+        {"run --nope", "--nope"},
+        {"run --source replay", "replay takes a file"},
+        {"run --source replay /missing", "can't read /missing"},
+        {"run --source moon", "\"moon\" is none of trajectory, replay FILE, none"},
+        {"run --source none file", "replay takes a file"},
+        {"run --fault silence", "\"silence\" is not NAME=VALUE"},
+        {"run --fault =on", "is not NAME=VALUE"},
+        {"run --fault nope=on", "no fault is called \"nope\""},
+        {"run --fault silence=maybe", "silence"},
+        {"run --conf x", "\"x\" is not NAME=VALUE"},
+        {"run --spi-path /dev/null", "must begin with /dev/spidev"},
+        {"run --power-gpio 512", "--power-gpio"},
+        {"run --power-gpio -1", "--power-gpio"},
+        {"run --latitude 91", "latitude"},
+        {"run --flash-size 1000", "flash size"},
+        {"exec -- prog", "--dir is required"},
+        {"exec --dir /d", "program"},
+        {"ctl status", "--dir is required"},
+        {"ctl --dir /d", "A command is required"},
+        {"ctl --dir /d nope", "nope"},
     };
-    for (const auto& [words, text] : wrong) {
-        EXPECT_EQ(read(words), kUsageError) << testing::PrintToString(words);
-        EXPECT_NE(err.find(text), std::string::npos) << testing::PrintToString(words) << err;
-        EXPECT_EQ(out, "") << testing::PrintToString(words);
+    for (const auto& [line, text] : wrong) {
+        EXPECT_EQ(read(line), kUsageError) << line;
+        EXPECT_NE(err.find(text), std::string::npos) << line << err;
+        EXPECT_EQ(out, "") << line;
     }
 }
 
-TEST_F(BoardOptionsTest, HelpHasExamplesEverywhere) {
-    for (const std::vector<std::string>& words :
-         {std::vector<std::string>{"--help"}, {"run", "--help"}, {"exec", "--help"}, {"ctl", "--help"}}) {
-        EXPECT_EQ(read(words), 0) << testing::PrintToString(words);
-        EXPECT_NE(out.find("Examples:"), std::string::npos) << testing::PrintToString(words) << out;
+TEST_F(BoardOptionsTest, HelpHasExamplesEverywhereAndNamesEveryFault) {
+    for (const char* line : {"--help", "run --help", "exec --help", "ctl --help"}) {
+        EXPECT_EQ(read(line), 0) << line;
+        EXPECT_NE(out.find("Examples:"), std::string::npos) << line << out;
         EXPECT_EQ(err, "");
     }
-    EXPECT_EQ(read({"ctl", "send", "--help"}), 0);
+    EXPECT_EQ(read("ctl send --help"), 0);
     EXPECT_NE(out.find("--hex"), std::string::npos) << out;
-    EXPECT_EQ(read({"--version"}), 0);
+    EXPECT_EQ(read("--version"), 0);
     EXPECT_EQ(out.rfind("tavor-board ", 0), 0U) << out;
-}
 
-TEST_F(BoardOptionsTest, HelpNamesEveryFault) {
-    ASSERT_EQ(read({"run", "--help"}), 0);
+    ASSERT_EQ(read("run --help"), 0);
+    EXPECT_EQ(out.find('{'), std::string::npos) << "a default of a flag stands in the help: " << out;
     for (const ChipFaultInfo& fault : chip_fault_list()) {
         EXPECT_NE(out.find(std::string("  ") + fault.name + " "), std::string::npos) << fault.name;
     }
     EXPECT_NE(out.find("COMMAND is one of address, size"), std::string::npos) << out;
-}
-
-TEST_F(BoardOptionsTest, NoAssistTurnsTheServerOff) {
-    EXPECT_EQ(read({"run", "--help"}), 0);
-    EXPECT_EQ(out.find('{'), std::string::npos) << "a default of a flag stands in the help: " << out;
-    EXPECT_EQ(read({"run"}), -1);
-    EXPECT_TRUE(options.run.assistance);
-    EXPECT_EQ(read({"run", "--no-assist"}), -1);
-    EXPECT_FALSE(options.run.assistance);
 }
 
 } // namespace
