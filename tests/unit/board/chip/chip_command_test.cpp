@@ -14,31 +14,24 @@ ChipOptions quiet() {
 } // namespace
 
 TEST(ChipCommands, GoodCommandIsAcknowledgedAndLogged) {
-    Host host(quiet());
-    host.write("$PZUL353,1*3B\r\n");
-    EXPECT_EQ(host.read_all(), "$PZUL001,353,0*27\r\n");
-    EXPECT_EQ(host.seen().commands_good, 1U);
-    EXPECT_EQ(host.seen().commands_bad, 0U);
-    EXPECT_EQ(host.seen().last_command, "$PZUL353,1*3B");
-    const auto log = chip_commands(host.chip);
-    ASSERT_EQ(log.size(), 1U);
-    EXPECT_TRUE(log[0].good);
-    EXPECT_EQ(log[0].text, "$PZUL353,1*3B");
-}
-
-TEST(ChipCommands, SentenceMayComeInPieces) {
-    Host host(quiet());
-    for (const char c : std::string("$PZUL353,1*3B\r\n")) {
-        host.write(std::string(1, c));
+    for (const bool in_pieces : {false, true}) {
+        Host host(quiet());
+        const std::string command = "$PZUL353,1*3B\r\n";
+        for (size_t at = 0; at < command.size(); at += in_pieces ? 1 : command.size()) {
+            host.write(in_pieces ? command.substr(at, 1) : command);
+        }
+        EXPECT_EQ(host.read_all(), "$PZUL001,353,0*27\r\n");
+        EXPECT_EQ(host.seen().commands_good, 1U);
+        EXPECT_EQ(host.seen().commands_bad, 0U);
+        EXPECT_EQ(host.seen().bytes_noise, 0U);
+        EXPECT_EQ(host.seen().last_command, "$PZUL353,1*3B");
+        const auto log = chip_commands(host.chip);
+        ASSERT_EQ(log.size(), 1U);
+        EXPECT_TRUE(log[0].good);
+        EXPECT_EQ(log[0].text, "$PZUL353,1*3B");
+        host.write("$PZUL353,1*3B\r\n$PZUL000*23\r\n");
+        EXPECT_EQ(host.read_all(), "$PZUL001,353,0*27\r\n$PZUL001,000,0*22\r\n");
     }
-    EXPECT_EQ(host.read_all(), "$PZUL001,353,0*27\r\n");
-    EXPECT_EQ(host.seen().bytes_noise, 0U);
-}
-
-TEST(ChipCommands, TwoInOneDataPhaseAreBothAnswered) {
-    Host host(quiet());
-    host.write("$PZUL353,1*3B\r\n$PZUL000*23\r\n");
-    EXPECT_EQ(host.read_all(), "$PZUL001,353,0*27\r\n$PZUL001,000,0*22\r\n");
 }
 
 TEST(ChipCommands, CommandWithoutANumberIsAnsweredAsUnknown) {
@@ -48,38 +41,31 @@ TEST(ChipCommands, CommandWithoutANumberIsAnsweredAsUnknown) {
     EXPECT_EQ(host.seen().commands_bad, 1U);
 }
 
-class ChipBadSentence : public testing::TestWithParam<const char*> {};
-
-TEST_P(ChipBadSentence, IsCountedAndNotAnswered) {
-    Host host(quiet());
-    host.write(GetParam());
-    EXPECT_EQ(host.read_all(), "");
-    EXPECT_EQ(host.seen().commands_bad, 1U);
-    EXPECT_EQ(host.seen().commands_good, 0U);
-    EXPECT_FALSE(chip_commands(host.chip).back().good);
+TEST(ChipCommands, BadSentenceIsCountedAndNotAnswered) {
+    for (const char* sentence : {"$PZUL353,1*3A\r\n",  // wrong checksum
+                                 "$PZUL353,1*3b\r\n",  // lower case
+                                 "$PZUL353,1*3B\n",    // no CR
+                                 "$PZUL353,1_3B\r\n",  // no star
+                                 "$PZUL353,1\r\n",     // no checksum
+                                 "$PZUL353,1*3B \r\n", // not at the end of the line
+                                 "$GPZDA*48\r\n",      // another talker
+                                 "$\n"}) {
+        Host host(quiet());
+        host.write(sentence);
+        EXPECT_EQ(host.read_all(), "") << sentence;
+        EXPECT_EQ(host.seen().commands_bad, 1U) << sentence;
+        EXPECT_EQ(host.seen().commands_good, 0U) << sentence;
+        EXPECT_FALSE(chip_commands(host.chip).back().good) << sentence;
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, ChipBadSentence,
-                         testing::Values("$PZUL353,1*3A\r\n",  // wrong checksum
-                                         "$PZUL353,1*3b\r\n",  // lower case
-                                         "$PZUL353,1*3B\n",    // no CR
-                                         "$PZUL353,1_3B\r\n",  // no star
-                                         "$PZUL353,1\r\n",     // no checksum
-                                         "$PZUL353,1*3B \r\n", // not at the end of the line
-                                         "$GPZDA*48\r\n",      // another talker
-                                         "$\n"));
-
-TEST(ChipCommands, NoiseIsCountedAndSkipped) {
+TEST(ChipCommands, NoiseIsSkippedAndADollarOpensANewSentence) {
     Host host(quiet());
     host.write("abc\r\n$PZUL353,1*3B\r\n\r\n");
     EXPECT_EQ(host.seen().bytes_noise, 7U);
     EXPECT_EQ(host.seen().commands_good, 1U);
-}
-
-TEST(ChipCommands, DollarOpensANewSentence) {
-    Host host(quiet());
     host.write("$PZUL35$PZUL353,1*3B\r\n");
-    EXPECT_EQ(host.seen().commands_good, 1U);
+    EXPECT_EQ(host.seen().commands_good, 2U);
     EXPECT_EQ(host.seen().commands_bad, 1U);
 }
 
@@ -116,7 +102,7 @@ TEST(ChipCommands, ColdBootForgetsTheUnfinishedSentence) {
     EXPECT_EQ(host.seen().commands_good + host.seen().commands_bad, 0U);
 }
 
-TEST(ChipAiding, IsNotAskedForUnlessEnabled) {
+TEST(ChipAiding, IsNotAskedForUnlessEnabledNorIsThereASentence) {
     Host host(quiet());
     host.now_us = 100 * kSecondUs;
     EXPECT_EQ(host.read_all(), "");
