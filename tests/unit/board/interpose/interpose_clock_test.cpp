@@ -7,6 +7,7 @@
 #include <climits>
 #include <csignal>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <poll.h>
 #include <pthread.h>
@@ -154,6 +155,8 @@ TEST_F(InterposeFastClock, WaitsForFilesLastAsLongAsTheProgramAsked) {
     FD_SET(ends[0], &set);
     EXPECT_GE(passed([&] { EXPECT_EQ(select(ends[0] + 1, &set, nullptr, nullptr, &limit), 0); }), kHour);
     EXPECT_FALSE(FD_ISSET(ends[0], &set));
+    limit = {3600, 0};
+    EXPECT_GE(passed([&] { EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &limit), 0); }), kHour);
     const int events = epoll_create1(0);
     epoll_event event = {};
     event.events = EPOLLIN;
@@ -173,59 +176,45 @@ TEST_F(InterposeFastClock, WaitsForFilesLastAsLongAsTheProgramAsked) {
     }
 }
 
-TEST_F(InterposeFastClock, SelectOnNothingIsASleep) {
-    timeval limit = {3600, 0};
-    EXPECT_GE(passed([&] { EXPECT_EQ(select(0, nullptr, nullptr, nullptr, &limit), 0); }), kHour);
+// A wait with its deadline in an hour of this clock.
+void expect_to_end_there(clockid_t clock, const std::function<void(const timespec&)>& wait) {
+    const timespec limit = in(clock, kHour);
+    wait(limit);
+    EXPECT_GE(now_of(clock), interpose_ns_of(limit));
 }
 
-TEST_F(InterposeFastClock, DeadlinesOfSemaphoresAndLocksAreOnTheProgramsClock) {
+TEST_F(InterposeFastClock, DeadlinesOfSemaphoresLocksAndConditionsAreOnTheProgramsClock) {
     sem_t semaphore;
     ASSERT_EQ(sem_init(&semaphore, 0, 0), 0);
-    timespec deadline = in(CLOCK_REALTIME, kHour);
-    EXPECT_EQ(sem_timedwait(&semaphore, &deadline), -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_GE(now_of(CLOCK_REALTIME), interpose_ns_of(deadline));
-    sem_destroy(&semaphore);
-
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    ASSERT_EQ(pthread_mutex_lock(&mutex), 0);
-    std::thread([&] {
-        const timespec limit = in(CLOCK_REALTIME, kHour);
-        EXPECT_EQ(pthread_mutex_timedlock(&mutex, &limit), ETIMEDOUT);
-        EXPECT_GE(now_of(CLOCK_REALTIME), interpose_ns_of(limit));
-    }).join();
-    pthread_mutex_unlock(&mutex);
-}
-
-#ifndef __SANITIZE_THREAD__ // knows neither of them
-TEST_F(InterposeFastClock, DeadlinesOnAChosenClockAreOnTheProgramsClock) {
-    sem_t semaphore;
-    ASSERT_EQ(sem_init(&semaphore, 0, 0), 0);
-    const timespec limit = in(CLOCK_MONOTONIC, kHour);
-    EXPECT_EQ(sem_clockwait(&semaphore, CLOCK_MONOTONIC, &limit), -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_GE(now_of(CLOCK_MONOTONIC), interpose_ns_of(limit));
-    sem_destroy(&semaphore);
-
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    ASSERT_EQ(pthread_mutex_lock(&mutex), 0);
-    std::thread([&] {
-        const timespec deadline = in(CLOCK_MONOTONIC, kHour);
-        EXPECT_EQ(pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline), ETIMEDOUT);
-        EXPECT_GE(now_of(CLOCK_MONOTONIC), interpose_ns_of(deadline));
-    }).join();
-    pthread_mutex_unlock(&mutex);
-}
-#endif
-
-TEST_F(InterposeFastClock, AConditionsDeadlineIsOnTheProgramsClock) {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_t other = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
     ASSERT_EQ(pthread_mutex_lock(&mutex), 0);
-    const timespec limit = in(CLOCK_MONOTONIC, kHour);
-    EXPECT_EQ(pthread_cond_clockwait(&condition, &mutex, CLOCK_MONOTONIC, &limit), ETIMEDOUT);
-    EXPECT_GE(now_of(CLOCK_MONOTONIC), interpose_ns_of(limit));
+    ASSERT_EQ(pthread_mutex_lock(&other), 0);
+    std::thread([&] {
+        expect_to_end_there(CLOCK_REALTIME, [&](const timespec& limit) {
+            EXPECT_EQ(sem_timedwait(&semaphore, &limit), -1);
+            EXPECT_EQ(errno, ETIMEDOUT);
+        });
+        expect_to_end_there(CLOCK_REALTIME, [&](const timespec& limit) {
+            EXPECT_EQ(pthread_mutex_timedlock(&mutex, &limit), ETIMEDOUT);
+        });
+#ifndef __SANITIZE_THREAD__ // knows neither of them
+        expect_to_end_there(CLOCK_MONOTONIC, [&](const timespec& limit) {
+            EXPECT_EQ(sem_clockwait(&semaphore, CLOCK_MONOTONIC, &limit), -1);
+            EXPECT_EQ(errno, ETIMEDOUT);
+        });
+        expect_to_end_there(CLOCK_MONOTONIC, [&](const timespec& limit) {
+            EXPECT_EQ(pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &limit), ETIMEDOUT);
+        });
+#endif
+    }).join();
+    expect_to_end_there(CLOCK_MONOTONIC, [&](const timespec& limit) {
+        EXPECT_EQ(pthread_cond_clockwait(&condition, &other, CLOCK_MONOTONIC, &limit), ETIMEDOUT);
+    });
     pthread_mutex_unlock(&mutex);
+    pthread_mutex_unlock(&other);
+    sem_destroy(&semaphore);
 }
 
 TEST_F(InterposeFastClock, ASocketsTimeOutIsOnTheProgramsClock) {

@@ -99,12 +99,8 @@ struct InterposeTimer : testing::Test {
     timer_t timer = nullptr;
 };
 
-TEST_F(InterposeTimer, IsDisarmedAtFirst) {
-    EXPECT_EQ(left(), 0);
-    EXPECT_NE(timer, nullptr);
-}
-
 TEST_F(InterposeTimer, FiresOnceOnAThreadOfItsOwnWithItsValue) {
+    EXPECT_EQ(left(), 0) << "disarmed at first";
     ASSERT_EQ(set(kAtOnce), 0);
     ASSERT_TRUE(wait_for_count(1));
     EXPECT_EQ(left(), 0);
@@ -180,7 +176,10 @@ TEST_F(InterposeTimer, AnIntervalFiresAgain) {
 TEST_F(InterposeTimer, DisarmedItDoesNotFire) {
     BoardClock& clock = own_clock();
     ASSERT_EQ(set(kInAnHour), 0);
-    ASSERT_EQ(set(kDisarmed), 0);
+    itimerspec old = {};
+    ASSERT_EQ(timer_settime(timer, 0, &kDisarmed, &old), 0);
+    EXPECT_GT(interpose_ns_of(old.it_value), kHour / 2) << "the time it had before";
+    EXPECT_LE(interpose_ns_of(old.it_value), kHour);
     EXPECT_EQ(left(), 0);
     const timer_t other = make(2);
     ASSERT_EQ(timer_settime(other, 0, &kInAnHour, nullptr), 0);
@@ -190,14 +189,6 @@ TEST_F(InterposeTimer, DisarmedItDoesNotFire) {
     EXPECT_EQ(count_now(), 1);
     const std::lock_guard hold(fired.lock);
     EXPECT_EQ(fired.value, 2) << "the other, which was due at the same time";
-}
-
-TEST_F(InterposeTimer, TellsTheTimeItHadBefore) {
-    ASSERT_EQ(set(kInAnHour), 0);
-    itimerspec old = {};
-    ASSERT_EQ(timer_settime(timer, 0, &kDisarmed, &old), 0);
-    EXPECT_GT(interpose_ns_of(old.it_value), kHour / 2);
-    EXPECT_LE(interpose_ns_of(old.it_value), kHour);
 }
 
 TEST_F(InterposeTimer, WrongTimesAreRefusedAndChangeNothing) {
@@ -219,7 +210,7 @@ TEST_F(InterposeTimer, TheLongestTimeIsTaken) {
     EXPECT_EQ(count_now(), 0);
 }
 
-TEST_F(InterposeTimer, ADeletedHandleIsUnknown) {
+TEST_F(InterposeTimer, ADeletedHandleIsUnknownAndNeverGivenAgain) {
     const timer_t other = make(1);
     ASSERT_EQ(timer_delete(other), 0);
     itimerspec spec = {};
@@ -228,13 +219,8 @@ TEST_F(InterposeTimer, ADeletedHandleIsUnknown) {
         EXPECT_EQ(result, -1);
         EXPECT_EQ(errno, EINVAL);
     }
-}
-
-TEST_F(InterposeTimer, HandlesAreNeverGivenTwice) {
-    const timer_t first = make(1);
-    timer_delete(first);
     const timer_t second = make(1);
-    EXPECT_NE(first, second);
+    EXPECT_NE(other, second);
     timer_delete(second);
 }
 
