@@ -88,20 +88,6 @@ struct Download : testing::Test {
     bool logged(const std::string& text) const {
         return daemon.log().find(text) != std::string::npos;
     }
-    // Elapsed seconds in front of a text's first appearance in the log.
-    double stamp(const std::string& text) const {
-        const std::string log = daemon.log();
-        const size_t at = log.find(text);
-        const size_t bracket = at == std::string::npos ? at : log.rfind('[', at);
-        EXPECT_NE(bracket, std::string::npos) << text;
-        return bracket == std::string::npos ? 0 : strtod(log.c_str() + bracket + 1, nullptr);
-    }
-    // Place of a text in the log; the test fails without it.
-    size_t place(const std::string& text) const {
-        const size_t at = daemon.log().find(text);
-        EXPECT_NE(at, std::string::npos) << text;
-        return at;
-    }
 
     DownloadBoard board;
     DaemonOnBoard daemon;
@@ -170,14 +156,6 @@ TEST_F(Download, MissingImageListEndsItWithoutTouchingTheChip) {
     expect_positions();
 }
 
-TEST_F(Download, MissingAgentFileEndsItBehindTheRegisters) {
-    std::filesystem::remove(board.directory.path / "etc/default/tavor/da/qx7710_da.bin");
-    EXPECT_EQ(download(), -1);
-    EXPECT_TRUE(logged("DA len is zero!\n"));
-    EXPECT_TRUE(board.download()["bootable"]) << "nothing was erased";
-    expect_positions();
-}
-
 TEST_F(Download, ImageBeyondTheFlashIsRefusedByTheAgent) {
     board.directory.write("etc/default/tavor/load/second.bin", noise(kFlashSize));
     EXPECT_EQ(download(), -1);
@@ -230,21 +208,6 @@ TEST_F(Download, StopEndsAHandshakeThatNeverSucceeds) {
     expect_good_download();
 }
 
-TEST_F(Download, StopEndsADownloadWhoseAgentHangs) {
-    board.directory.write("etc/default/tavor/load/first.bin", noise(0x18000)); // 24 blocks, a second each
-    board.run_at("4"); // so that it does not come to its end before
-    board.fault("response-lost", "always@write");
-    ASSERT_TRUE(client.send(TAVOR_REQUEST_DOWNLOAD));
-    ASSERT_TRUE(daemon.wait_log("Download send address(0x8001000)"));
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-    const std::string given_up = "download given up: another request waits and the chip makes no progress\n";
-    EXPECT_TRUE(logged(given_up)) << daemon.log();
-    board.run_at(kFast);
-    board.directory.write("etc/default/tavor/load/first.bin", board.first);
-    board.fault("all", "off");
-    expect_good_download();
-}
-
 TEST_F(Download, StopEndsADownloadWhoseChipIsDead) {
     board.run_at("2"); // so that the handshake does not come to its end before
     size_t begun = 0;  // place in the log
@@ -262,20 +225,6 @@ TEST_F(Download, StopEndsADownloadWhoseChipIsDead) {
     }
     board.run_at(kFast);
     expect_good_download();
-}
-
-TEST_F(Download, ImageThatVanishesBehindItsBlocksFailsItByName) {
-    board.run_at("4"); // so that it does not come to its end before
-    ASSERT_TRUE(client.send(TAVOR_REQUEST_DOWNLOAD));
-    ASSERT_TRUE(daemon.wait_log("first.bin PASS"));
-    std::filesystem::remove(board.directory.path / "etc/default/tavor/load/first.bin");
-    const auto response = client.receive_code(TAVOR_CODE_DOWNLOAD);
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->value, 0xFFFFFFFFU);
-    const std::string log = daemon.log();
-    const size_t line = place("image file changed during the download: ");
-    EXPECT_EQ(log.substr(line, log.find('\n', line) - line).rfind("/first.bin"),
-              log.find('\n', line) - line - 10);
 }
 
 TEST_F(Download, KilledDaemonLeavesAChipThatTheNextOneRecovers) {
@@ -302,26 +251,6 @@ TEST_F(Download, CutOffDownloadLeavesASilentChip) {
     EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
     expect_good_download();
     expect_positions();
-}
-
-TEST_F(Download, SilentBootRomIsGivenUpAfterTenSecondsAndOnePowerCycle) {
-    board.fault("boot-silent", "on");
-    ASSERT_EQ(download(), -1);
-    const double seconds = stamp("Handshake timeout, please retry!") - stamp("Please reboot chip again:");
-    EXPECT_GT(seconds, 10);
-    EXPECT_LT(seconds, 30);
-    EXPECT_EQ(board.status("cold_boots"), 1);
-}
-
-TEST_F(Download, SlaveThatNeverWakesEndsIt) {
-    board.fault("asleep", "on");
-    board.fault("status-error", "once");
-    EXPECT_EQ(download(), -1);
-    EXPECT_TRUE(logged("[E]"));
-    EXPECT_TRUE(logged("SPI master query status of slaver failed(timeout)\n"));
-    EXPECT_TRUE(logged("[SPIM] 1. SPI master CWR retry timeout, write failed\r\n\n"));
-    board.fault("all", "off");
-    expect_good_download();
 }
 
 TEST_F(Download, ErrorsOfTheSlaveInTheMiddleAreOvercome) {

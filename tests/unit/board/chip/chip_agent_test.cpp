@@ -38,38 +38,6 @@ TEST(ChipAgent, TellsAddressSizeAndIdentifierOfTheFlash) {
     EXPECT_EQ(host.ask(0x211C, {0}, true).status, 0);
 }
 
-TEST(ChipAgent, DownloadsAnImageAndBootsIt) {
-    AgentHost host;
-    const Bytes image = pattern(4097);
-    host.download(image);
-    EXPECT_EQ(flash(host, kBase, 4097), image);
-    EXPECT_EQ(flash(host, kBase + 4097, 4095), Bytes(4095, 0xFF));
-    EXPECT_EQ(host.seen().result, "complete");
-    EXPECT_EQ(host.seen().completed, 1U);
-    EXPECT_EQ(host.seen().blocks_erased, 4U);
-    EXPECT_EQ(host.seen().blocks_written, 2U);
-    EXPECT_EQ(host.seen().images_checked, 1U);
-    host.power(false);
-    host.power(true);
-    EXPECT_EQ(host.seen().state, "firmware");
-    EXPECT_EQ(host.seen().result, "complete");
-    EXPECT_EQ(chip_status(host.chip).violations, 0U);
-}
-
-TEST(ChipAgent, CutOffDownloadLeavesNoFirmware) {
-    AgentHost host;
-    ASSERT_EQ(host.erase(kBase, 4096), 0);
-    host.power(false);
-    EXPECT_EQ(host.seen().result, "cut off");
-    host.power(true);
-    EXPECT_EQ(host.seen().state, "no firmware");
-    ASSERT_TRUE(host.start_agent());
-    host.download(pattern(100));
-    host.power(false);
-    host.power(true);
-    EXPECT_EQ(host.seen().state, "firmware");
-}
-
 TEST(ChipAgent, ErasesBothSizesOfBlocks) {
     AgentHost host;
     for (const uint32_t at : {0x0000U, 0x1000U, 0x10000U, 0x1F000U, 0x20000U}) {
@@ -224,19 +192,6 @@ TEST(ChipAgentFault, ResponseIsLostLateOrTwice) {
     EXPECT_EQ(Bytes(first.begin() + 11, first.end()), Bytes(11));
     const Bytes second = host.command(0x210E, {}, false, 22);
     EXPECT_TRUE(std::equal(second.begin(), second.begin() + 11, second.begin() + 11));
-}
-
-TEST(ChipAgentFault, ForeignResponseLogAndGarbageComeFirst) {
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"response-foreign", 11}, {"agent-log", 21}, {"agent-garbage", 8}};
-    for (const auto& [name, size] : cases) {
-        AgentHost host;
-        host.fault(name, "once");
-        const Bytes bytes = host.command(0x210F, {}, false, size + 11);
-        EXPECT_EQ(Bytes(bytes.begin() + size, bytes.end()), (Bytes{5, '[', 7, 0, 0x0F, 0x21, 0, 0, 0, 4, 0}))
-            << name;
-        EXPECT_EQ(host.ask(0x210F, {}, false).identifier, 0x210F) << "once";
-    }
 }
 
 TEST(ChipAgentFault, LogNotificationHasItsTextBehindSixBytes) {

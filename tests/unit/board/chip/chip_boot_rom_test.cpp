@@ -5,15 +5,6 @@
 #include <gtest/gtest.h>
 #include <random>
 
-TEST(ChipBootRom, HandshakeIsAnsweredWithComplements) {
-    DownloadHost host;
-    for (const uint8_t byte : Bytes{0xA0, 0x0A, 0x50, 0x05}) {
-        host.write({byte});
-        EXPECT_EQ(host.read(1)[0], static_cast<uint8_t>(~byte));
-    }
-    EXPECT_EQ(host.seen().handshakes, 1U);
-}
-
 TEST(ChipBootRom, FirstByteStartsTheHandshakeAgainAndAWrongOneIsNotAnswered) {
     DownloadHost host;
     host.write({0xA0, 0x0A, 0xA0});
@@ -122,15 +113,6 @@ TEST(ChipBootRom, RandomBytesAreAnsweredOrDropped) {
     }
 }
 
-TEST(ChipBootFault, SilentBootRomAnswersNothing) {
-    DownloadHost host;
-    host.fault("boot-silent", "on");
-    host.write({0xA0});
-    EXPECT_EQ(host.read(1), Bytes{0});
-    host.fault("boot-silent", "off");
-    EXPECT_TRUE(host.handshake());
-}
-
 TEST(ChipBootFault, OneByteOfTheHandshakeIsGarbled) {
     for (uint32_t byte = 1; byte <= 4; ++byte) {
         DownloadHost host;
@@ -165,20 +147,4 @@ TEST(ChipBootFault, OneAnswerIsWrong) {
         host.power(true);
         EXPECT_TRUE(host.start_agent()) << "once";
     }
-}
-
-TEST(ChipBootFault, PowerFailsAtTheSecondBlockOfTheAgent) {
-    DownloadHost host;
-    host.fault("power-loss", "2@agent");
-    ASSERT_TRUE(host.handshake());
-    ASSERT_TRUE(host.echo(0xD7, 1) && host.echo(0x4200000, 4) && host.echo(2048, 4) && host.echo(0, 4));
-    host.read_number(2);
-    host.write(Bytes(1024));
-    EXPECT_EQ(host.seen().state, "boot ROM");
-    host.write(Bytes(1024));
-    EXPECT_EQ(host.seen().state, "power lost");
-    EXPECT_EQ(host.frame({0x0A, 0}), (Bytes{0xFF, 0xFF}));
-    host.power(false);
-    host.power(true);
-    EXPECT_TRUE(host.start_agent());
 }

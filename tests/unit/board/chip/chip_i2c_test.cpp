@@ -80,27 +80,6 @@ TEST(ChipI2c, OffChipAcknowledgesNothing) {
     EXPECT_EQ(chip_status(host.chip).violations, 0U);
 }
 
-TEST(ChipI2c, QueuedBytesAreAnnouncedAndRead) {
-    I2cHost host;
-    chip_queue(host.chip, "hello");
-    EXPECT_EQ(host.length(kReadTxLen), 5U);
-    EXPECT_EQ(host.write(kCommandPort, read_buffer(3)), 8);
-    EXPECT_EQ(host.read(kReadPort, 3), 3);
-    EXPECT_EQ(host.data, bytes_of("hel"));
-    EXPECT_EQ(host.length(kReadTxLen), 2U);
-    EXPECT_EQ(chip_status(host.chip).bytes_delivered, 3U);
-}
-
-TEST(ChipI2c, WrittenBytesReachTheCommandParser) {
-    I2cHost host;
-    EXPECT_EQ(host.length(kReadRxLen), 4096U);
-    EXPECT_EQ(host.write(kCommandPort, write_buffer(15)), 8);
-    EXPECT_EQ(host.write(kWritePort, bytes_of("$PZUL353,1*3B\r\n")), 15);
-    EXPECT_EQ(chip_status(host.chip).last_command, "$PZUL353,1*3B");
-    EXPECT_EQ(chip_status(host.chip).commands_good, 1U);
-    EXPECT_EQ(chip_status(host.chip).bytes_received, 15U);
-}
-
 TEST(ChipI2c, ProbeForgetsAPreparedPhase) {
     I2cHost host;
     host.write(kCommandPort, kReadTxLen);

@@ -12,7 +12,6 @@ ChipOptions quiet() {
 }
 
 const Bytes kReadTxLen = {0x0A, 0x08, 0, 0, 0, 3, 0, 0, 0};
-const Bytes kReadRxLen = {0x0A, 0x04, 0, 0, 0, 3, 0, 0, 0};
 
 } // namespace
 
@@ -50,20 +49,6 @@ TEST(ChipSlave, TxLenOfNothingIsZeroAndTheReadSetsDataDone) {
     EXPECT_EQ(host.status(), 0x21);
 }
 
-TEST(ChipSlave, QueuedBytesAreAnnouncedAndRead) {
-    Host host(quiet());
-    ASSERT_EQ(chip_queue(host.chip, std::string("\x04$\0\xAA", 4)), "");
-    host.frame(kReadTxLen);
-    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 4, 0, 0, 0}));
-    host.frame({0x0A, 0x00, 0x20, 0, 0, 3, 0, 0, 0});
-    EXPECT_EQ(host.status(), 0x05);
-    EXPECT_EQ(host.frame({0x81, 0, 0, 0, 0}), (Bytes{0, 0x04, 0x24, 0x00, 0xAA}));
-    EXPECT_EQ(host.status(), 0x21);
-    EXPECT_EQ(host.read_register(0x08), 0U);
-    EXPECT_EQ(host.seen().bytes_delivered, 4U);
-    EXPECT_EQ(host.seen().violations, 0U);
-}
-
 TEST(ChipSlave, WhatIsNotReadWaitsUntilTheNextColdBoot) {
     Host host(quiet());
     chip_queue(host.chip, "abcdefgh");
@@ -86,20 +71,6 @@ TEST(ChipSlave, RxLenSaysTheWindow) {
     options.rx_window = 7;
     Host narrow(options);
     EXPECT_EQ(narrow.read_register(0x04), 7U);
-}
-
-TEST(ChipSlave, WrittenBytesReachTheCommandParser) {
-    Host host(quiet());
-    host.frame(kReadRxLen);
-    host.status();
-    host.frame({0x81, 0, 0, 0, 0});
-    host.frame({0x0C, 0x00, 0x10, 0, 0, 2, 0, 0, 0});
-    EXPECT_EQ(host.status(), 0x05);
-    host.frame({0x0E, 'x', 'y', 'z'});
-    EXPECT_EQ(host.status(), 0x21);
-    EXPECT_EQ(host.seen().bytes_received, 3U);
-    EXPECT_EQ(host.seen().bytes_noise, 3U);
-    EXPECT_EQ(host.seen().violations, 0U);
 }
 
 TEST(ChipSlave, BusyPollsHoldTheDoneBitsBack) {

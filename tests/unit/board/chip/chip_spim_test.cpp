@@ -77,20 +77,6 @@ TEST(ChipWindow, FirmwareOfABootRomIsForgotten) {
     EXPECT_EQ(state(host), "firmware");
 }
 
-TEST(ChipWindow, EmptyFlashIsSilentToTheMultiplexerButNotToADownload) {
-    ChipOptions options = DownloadHost::small();
-    options.flash_empty = true;
-    DownloadHost host(options);
-    EXPECT_EQ(host.frame({0x04}), Bytes{0xFF});
-    EXPECT_EQ(host.frame({0x06, 0}), (Bytes{0xFF, 0xFF}));
-    EXPECT_EQ(state(host), "no firmware");
-    EXPECT_TRUE(host.handshake());
-    host.power(false);
-    host.power(true);
-    host.now_us += 3600000000;
-    EXPECT_EQ(host.frame({0x0A, 0}), (Bytes{0xFF, 0xFF}));
-}
-
 TEST(ChipSpim, BlockIsAnnouncedThenMovedBehindItsBusyPolls) {
     for (const uint32_t busy : {0U, 1U}) {
         ChipOptions options = DownloadHost::small();
@@ -106,13 +92,6 @@ TEST(ChipSpim, BlockIsAnnouncedThenMovedBehindItsBusyPolls) {
         EXPECT_EQ(host.status(), 0x25) << "moved";
         EXPECT_EQ(host.status(), 0x01);
     }
-}
-
-TEST(ChipSpim, ReadOfMoreThanWaitsIsFilledUpWithZeros) {
-    DownloadHost host;
-    host.write({0xA0});
-    EXPECT_EQ(host.read(3), (Bytes{0x5F, 0, 0}));
-    EXPECT_EQ(host.read(1), Bytes{0});
 }
 
 TEST(ChipSpim, DataPhaseMayBeRepeatedUntilTheHostHasSeenItDone) {
@@ -237,15 +216,6 @@ TEST(ChipSpim, FaultsOfTheMultiplexersSlaveReachItToo) {
         seen.insert(host.status());
     }
     EXPECT_GT(seen.size(), 16U);
-}
-
-TEST(ChipSpim, BootRomKeepsItsOrderOfBitsWhateverTheMultiplexersIs) {
-    ChipOptions options = DownloadHost::small();
-    options.boot_mirrored = true;
-    DownloadHost host(options);
-    host.frame({0x20, 0, 0, 0x55, 0xAA, 0, 0, 0, 0}); // 0x04 .. 0xAA 0x55, mirrored
-    EXPECT_EQ(state(host), "boot ROM");
-    EXPECT_EQ(host.frame({0x50, 0})[1], 0xA0) << "0x05, mirrored";
 }
 
 TEST(ChipSpim, HostOutOfStepByAFaultBreaksNoRule) {

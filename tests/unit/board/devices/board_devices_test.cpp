@@ -259,15 +259,42 @@ TEST(BoardSpi, APartWithOtherWordsOrLinesIsRefused) {
     }
 }
 
-TEST(BoardSpi, OtherNodesTakeNoSpiRequests) {
+TEST(BoardSpi, NodesTakeTheirOwnRequestsOnly) {
     TestBoard board;
     BoardFile file;
+    BoardFile i2c;
+    BoardFile spi = board.open_spi();
     ASSERT_EQ(board_open(board.board, file, kGpio + "export", O_WRONLY), 0);
+    ASSERT_EQ(board_open(board.board, i2c, "/dev/i2c-1", O_RDWR), 0);
     const BoardTransfer transfer = {nullptr, nullptr, 1};
     EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
     EXPECT_EQ(errno, ENOTTY);
-    EXPECT_EQ(board_spi_set(board.board, file, BoardSpiSetting::mode, 0), -1);
+    for (const BoardFile& other : {file, i2c}) {
+        EXPECT_EQ(board_spi_set(board.board, other, BoardSpiSetting::mode, 0), -1);
+        EXPECT_EQ(errno, ENOTTY);
+    }
+    EXPECT_EQ(board_i2c_select(board.board, spi, 0x50), -1);
     EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST(BoardI2c, NodeTalksToTheSelectedAddress) {
+    TestBoard board;
+    board.power_on();
+    EXPECT_EQ(board_access(board.board, "/dev/i2c-1"), 0);
+    EXPECT_EQ(board.open_error("/dev/i2c-2"), ENOENT);
+    BoardFile file;
+    ASSERT_EQ(board_open(board.board, file, "/dev/i2c-1", O_RDWR), 0);
+    const uint8_t probe = 0;
+    const auto write = [&](size_t length) { return board_node_write(board.board, file, &probe, length); };
+    EXPECT_EQ(write(1), -1) << "nobody at address 0";
+    EXPECT_EQ(errno, EREMOTEIO);
+    EXPECT_EQ(board_i2c_select(board.board, file, 0x50), 0);
+    EXPECT_EQ(write(1), 1);
+    EXPECT_EQ(board_i2c_select(board.board, file, 0x80), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(write(1), 1) << "a refused address changes nothing";
+    EXPECT_EQ(write(0), -1);
+    EXPECT_EQ(errno, EOPNOTSUPP);
 }
 
 TEST(BoardSpi, OtherBitOrderMirrorsEveryByte) {
