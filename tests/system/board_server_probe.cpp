@@ -156,23 +156,6 @@ int probe_cancel() {
     return close(talker.fd);
 }
 
-// Transfers as fast as they go; prints the microseconds of one.
-int probe_speed() {
-    constexpr int kTransfers = 2000;
-    const int fd = open_spi();
-    uint8_t bytes[16] = {};
-    timespec begin = {};
-    timespec end = {};
-    clock_gettime(CLOCK_MONOTONIC, &begin);
-    for (int i = 0; i < kTransfers; ++i) {
-        transfer(fd, bytes, sizeof bytes);
-    }
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    const long long passed_ns = (end.tv_sec - begin.tv_sec) * 1000000000LL + end.tv_nsec - begin.tv_nsec;
-    say("microseconds", passed_ns / 1000 / kTransfers);
-    return close(fd);
-}
-
 int probe_missing() {
     say("open", open(kSpi, O_RDWR));
     say("error", errno);
@@ -220,10 +203,10 @@ int probe_overrun() {
 
 int main(int argc, char** argv) {
     const std::map<std::string, int (*)()> probes = {
-        {"spi", probe_spi},           {"gpio", probe_gpio},       {"files", probe_files},
-        {"queue", probe_queue},       {"wait", probe_wait},       {"cancel", probe_cancel},
-        {"speed", probe_speed},       {"missing", probe_missing}, {"overrun", probe_overrun},
-        {"stubborn", probe_stubborn}, {"hours", probe_hours},
+        {"spi", probe_spi},         {"gpio", probe_gpio},       {"files", probe_files},
+        {"queue", probe_queue},     {"wait", probe_wait},       {"cancel", probe_cancel},
+        {"missing", probe_missing}, {"overrun", probe_overrun}, {"stubborn", probe_stubborn},
+        {"hours", probe_hours},
     };
     const auto probe = probes.find(argc > 1 ? argv[1] : "");
     if (probe == probes.end()) {

@@ -124,40 +124,46 @@ TEST_F(BoardWire, CallsNeedAnOpenNode) {
     expect_refused(connection.ask(99, 0, {}), ENOSYS);
 }
 
-TEST_F(BoardWire, PartsThatContradictTheirPayloadAreRefused) {
+TEST_F(BoardWire, WhatContradictsItsPayloadOrHasNoBoundIsRefused) {
     const Connection connection(board);
     ASSERT_EQ(open_spi(connection)->result, 0);
     constexpr uint32_t kHuge = UINT32_MAX;
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 1, {}), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, kWirePartsMax + 1, Bytes(kWirePayloadMax)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, kHuge, Bytes(kWirePayloadMax)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 1, parts_of({{5, kWirePartSends}}, 4)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 1, parts_of({{4, kWirePartSends}}, 5)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 1, parts_of({{kHuge, kWirePartReceives}}, 0)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 2, parts_of({{kHuge, 0}, {kHuge, 0}}, 0)), EMSGSIZE);
-    expect_refused(connection.ask(WIRE_SPI_MESSAGE, 1, parts_of({{4097, kWirePartReceives}}, 0)), EMSGSIZE);
-
+    const Bytes whole(kWirePayloadMax);
+    const struct {
+        uint32_t operation;
+        uint32_t number;
+        Bytes payload;
+        int error;
+    } rows[] = {
+        {WIRE_SPI_MESSAGE, 1, {}, EINVAL},
+        {WIRE_SPI_MESSAGE, kWirePartsMax + 1, whole, EINVAL},
+        {WIRE_SPI_MESSAGE, kHuge, whole, EINVAL},
+        {WIRE_SPI_MESSAGE, 1, parts_of({{5, kWirePartSends}}, 4), EINVAL},
+        {WIRE_SPI_MESSAGE, 1, parts_of({{4, kWirePartSends}}, 5), EINVAL},
+        {WIRE_SPI_MESSAGE, 1, parts_of({{kHuge, kWirePartReceives}}, 0), EINVAL},
+        {WIRE_SPI_MESSAGE, 2, parts_of({{kHuge, 0}, {kHuge, 0}}, 0), EMSGSIZE},
+        {WIRE_SPI_MESSAGE, 1, parts_of({{4097, kWirePartReceives}}, 0), EMSGSIZE},
+        {WIRE_SEEK, SEEK_SET, Bytes(3), EINVAL},
+        {WIRE_I2C_SET, 0, Bytes(3), EINVAL},
+        {WIRE_I2C_SET, 99, Bytes(8), EINVAL},
+        {WIRE_I2C_READ, kHuge, {}, ENOTTY},
+        {WIRE_SPI_SET, 0, Bytes(3), EINVAL},
+        {WIRE_SPI_SET, 4, Bytes(4, 1), EINVAL},
+        {WIRE_SPI_SET, 256, Bytes(4, 1), EINVAL},
+        {WIRE_SPI_GET, 1000, {}, EINVAL},
+        {WIRE_READ, kHuge, {}, EMSGSIZE},
+        {WIRE_WRITE, 0, whole, EMSGSIZE},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.operation) + " " + std::to_string(row.number));
+        expect_refused(connection.ask(row.operation, row.number, row.payload), row.error);
+    }
     Bytes received;
     const auto reply = connection.ask(WIRE_SPI_MESSAGE, 2,
                                       parts_of({{1, kWirePartSends}, {3, kWirePartReceives}}, 1), &received);
     ASSERT_TRUE(reply.has_value());
     EXPECT_EQ(reply->result, 4);
     EXPECT_EQ(received, Bytes(3, 0xFF)) << "the chip is off";
-}
-
-TEST_F(BoardWire, SettingsAndSizesAreBounded) {
-    const Connection connection(board);
-    ASSERT_EQ(open_spi(connection)->result, 0);
-    expect_refused(connection.ask(WIRE_SEEK, SEEK_SET, Bytes(3)), EINVAL);
-    expect_refused(connection.ask(WIRE_I2C_SET, 0, Bytes(3)), EINVAL);
-    expect_refused(connection.ask(WIRE_I2C_SET, 99, Bytes(8)), EINVAL);
-    expect_refused(connection.ask(WIRE_I2C_READ, UINT32_MAX, {}), ENOTTY);
-    expect_refused(connection.ask(WIRE_SPI_SET, 0, Bytes(3)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_SET, 4, Bytes(4, 1)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_SET, 256, Bytes(4, 1)), EINVAL);
-    expect_refused(connection.ask(WIRE_SPI_GET, 1000, {}), EINVAL);
-    expect_refused(connection.ask(WIRE_READ, UINT32_MAX, {}), EMSGSIZE);
-    expect_refused(connection.ask(WIRE_WRITE, 0, Bytes(kWirePayloadMax)), EMSGSIZE);
 }
 
 TEST_F(BoardWire, WrongControlRequestsAreAnsweredWithWhatIsWrong) {

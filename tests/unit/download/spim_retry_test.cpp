@@ -121,25 +121,26 @@ TEST_F(SpimRetry, FramesAreBuiltAnewInBothBitOrders) {
     }
 }
 
-TEST_F(SpimRetry, FailedConfigurationFrameEndsTheOperation) {
-    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x02 || frame[0] == 0x04; };
-    write();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2}));
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CWR command failed"}));
-    read();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kConfigureRead2}));
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send CR command failed"}));
-    EXPECT_EQ(buffer, (Bytes{0x55, 0x55}));
-}
-
-TEST_F(SpimRetry, FailedDataFrameEndsTheOperation) {
-    spim_slave.fails = [](const Bytes& frame) { return frame[0] == 0x06 || frame[0] == 0x81; };
-    write();
-    EXPECT_EQ(frames_as_text(), (Lines{kConfigureWrite2, kWrite2}));
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send WR command failed"}));
-    read();
-    EXPECT_EQ(log, (Lines{"[E] [SPIM] SPI master send dma failed"}));
-    EXPECT_EQ(buffer, (Bytes{0, 0}));
+TEST_F(SpimRetry, FailedFrameEndsTheOperation) {
+    const struct {
+        uint8_t opcode;
+        Lines frames;
+        const char* line;
+    } rows[] = {
+        {0x04, {kConfigureWrite2}, "[E] [SPIM] SPI master send CWR command failed"},
+        {0x06, {kConfigureWrite2, kWrite2}, "[E] [SPIM] SPI master send WR command failed"},
+        {0x02, {kConfigureRead2}, "[E] [SPIM] SPI master send CR command failed"},
+        {0x81, {kConfigureRead2, kRead2}, "[E] [SPIM] SPI master send dma failed"},
+    };
+    for (const auto& row : rows) {
+        start();
+        buffer = {0x55, 0x55};
+        spim_slave.fails = [&row](const Bytes& frame) { return frame[0] == row.opcode; };
+        row.frames[0] == kConfigureWrite2 ? write() : read();
+        EXPECT_EQ(frames_as_text(), row.frames);
+        EXPECT_EQ(log, Lines{row.line});
+        EXPECT_EQ(buffer, row.opcode == 0x81 ? (Bytes{0, 0}) : (Bytes{0x55, 0x55}));
+    }
 }
 
 TEST_F(SpimRetry, ConfigurationIsRepeatedUntilItIsTaken) {

@@ -175,21 +175,6 @@ AgentResponse DownloadHost::check(uint32_t address, const Bytes& image) {
     return ask(0x211A, numbers({address, static_cast<uint32_t>(image.size()), crc_bitwise(padded)}), true);
 }
 
-void DownloadHost::download(const Bytes& image) {
-    const uint32_t base = chip.options.flash_base;
-    for (uint32_t at = 0; at < chip.options.flash_size; at += 0x10000) {
-        ASSERT_EQ(erase(base + at, 0x10000), 0);
-    }
-    for (uint32_t at = 0; at < image.size(); at += kBlock) {
-        const auto end = std::min<size_t>(image.size(), at + kBlock);
-        ASSERT_EQ(
-            write_block(base + at, Bytes(image.begin() + at, image.begin() + static_cast<ptrdiff_t>(end))),
-            0);
-    }
-    ASSERT_EQ(check(base, image).status, 0);
-    ASSERT_EQ(finish(), 0);
-}
-
 Bytes DownloadHost::numbers(const std::vector<uint32_t>& values) {
     Bytes bytes;
     for (const uint32_t value : values) {

@@ -61,8 +61,6 @@ struct DownloadHost {
     uint8_t finish() {
         return ask(0x2106, {0}, false).status;
     }
-    // Erases the whole flash, writes and checks one image at its base, finishes.
-    void download(const Bytes& image);
 
     static Bytes numbers(const std::vector<uint32_t>& values); // little-endian, 4 bytes each
 

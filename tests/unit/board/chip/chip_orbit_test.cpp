@@ -103,17 +103,6 @@ const std::string kRequests[] = {
 
 } // namespace
 
-TEST(ChipOrbitFile, GpsAndGlonassHaveTwelveSegmentsOfBothInOrder) {
-    const std::string file = file_of(ChipOrbitFile::gps_glonass);
-    ASSERT_EQ(file.size(), 12U * 4032);
-    for (size_t segment = 0; segment < 12; ++segment) {
-        for (uint32_t i = 0; i < 56; ++i) {
-            const uint32_t number = i < 32 ? i + 1 : i - 32 + 65;
-            EXPECT_EQ(word_at(file, segment * 4032 + i * kRecord), number << 24 | (kStartHour + 6 * segment));
-        }
-    }
-}
-
 TEST(ChipOrbitFile, GpsAloneHasTheSameRecords) {
     const std::string both = file_of(ChipOrbitFile::gps_glonass);
     const std::string alone = file_of(ChipOrbitFile::gps);
