@@ -32,14 +32,6 @@ uint8_t take_byte() {
     return world.next < world.end ? *world.next++ : 0;
 }
 
-uint32_t le(const Bytes& bytes, size_t at, size_t n) {
-    uint32_t value = 0;
-    for (size_t i = n; i-- > 0;) {
-        value = value << 8U | bytes.at(at + i);
-    }
-    return value;
-}
-
 // Takes the next frame that is no log from the stream; empty when there is none.
 Bytes model_frame() {
     Bytes& stream = world.stream;
@@ -48,7 +40,7 @@ Bytes model_frame() {
             ++at;
             continue;
         }
-        const size_t size = le(stream, at + 2, 2) + 4;
+        const size_t size = le_at(stream, at + 2, 2) + 4;
         if (size > 4112) {
             at += 2;
             continue;
@@ -59,7 +51,7 @@ Bytes model_frame() {
         const auto begin = stream.begin() + static_cast<std::ptrdiff_t>(at);
         const Bytes frame(begin, begin + static_cast<std::ptrdiff_t>(size));
         at += size;
-        if (frame[1] == 0x5B || size < 6 || le(frame, 4, 2) != 0x0F10) {
+        if (frame[1] == 0x5B || size < 6 || le_at(frame, 4, 2) != 0x0F10) {
             stream.erase(stream.begin(), stream.begin() + static_cast<std::ptrdiff_t>(at));
             return frame;
         }
@@ -69,7 +61,7 @@ Bytes model_frame() {
 
 // What a waiter for this identifier says to the frame when it needs so many bytes and takes no more.
 uint32_t model_code(const Bytes& frame, uint16_t id, size_t least, size_t most) {
-    if (frame.size() < 6 || le(frame, 4, 2) != id) {
+    if (frame.size() < 6 || le_at(frame, 4, 2) != id) {
         return HDL_DA_FOREIGN;
     }
     const bool fits = frame.size() >= least && frame.size() <= most && frame.size() > 6;
@@ -140,7 +132,7 @@ void run_data(uint32_t room, uint32_t expected) {
         require(data == Bytes(room, kUntouched), "data without success");
         return;
     }
-    require(address == le(frame, 7, 4) && crc == le(frame, 11, 4), "another address or checksum");
+    require(address == le_at(frame, 7, 4) && crc == le_at(frame, 11, 4), "another address or checksum");
     require(std::equal(frame.begin() + 15, frame.end(), data.begin()), "other data");
 }
 

@@ -1,6 +1,5 @@
 #include "brom_link.h"
 
-#include "base/byte_order.h"
 #include "device/location_gpio.h"
 #include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
@@ -89,18 +88,6 @@ bool BromTest::run(const std::function<bool()>& operation) {
     bool result = false;
     log = without_stamps(capture_stdout([&] { result = operation(); }));
     return result;
-}
-
-Bytes word16(uint16_t value) {
-    Bytes bytes(2);
-    store_le16(bytes.data(), value);
-    return bytes;
-}
-
-Bytes word32(uint32_t value) {
-    Bytes bytes(4);
-    store_le32(bytes.data(), value);
-    return bytes;
 }
 
 Lines sent_as_text() {

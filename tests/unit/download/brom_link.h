@@ -47,10 +47,6 @@ struct BromTest : testing::Test {
     Lines log; // without stamps
 };
 
-// Words as they travel on SPI.
-Bytes word16(uint16_t value);
-Bytes word32(uint32_t value);
-
 // The sends, each as hexadecimal digits.
 Lines sent_as_text();
 

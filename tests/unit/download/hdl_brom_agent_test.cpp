@@ -35,7 +35,7 @@ struct SendAgent : BromTest {
     }
     // The boot ROM's words: status, checksum, last status.
     void answer(const std::vector<Bytes>& announced, const std::vector<Bytes>& sent) const {
-        brom_link.answers[kSignatureSend] = {word32(0)};
+        brom_link.answers[kSignatureSend] = {le32(0)};
         auto& first = brom_link.answers[kSignatureSend];
         first.insert(first.end(), announced.begin(), announced.end());
         for (size_t i = 0; i < chunks; ++i) {
@@ -44,7 +44,7 @@ struct SendAgent : BromTest {
         brom_link.answers[kFirstChunkSend + chunks - 1] = sent;
     }
     void answer_well() const {
-        answer({word16(0)}, {word16(checksum), word16(0)});
+        answer({le16(0)}, {le16(checksum), le16(0)});
     }
     bool send() {
         const auto open_before = open_descriptors();
@@ -174,9 +174,9 @@ TEST_F(SendAgent, EachStepOfTheAnnouncementCanFail) {
 // Kept: the result is whether the last status word that was read is not 0; an error there counts as success.
 TEST_F(SendAgent, StatusWordsAndChecksumDecide) {
     use_file("abcde");
-    const Bytes good = word16(0);
-    const Bytes highest = word16(0x0FFF); // of the good ones
-    const Bytes sum = word16(checksum);
+    const Bytes good = le16(0);
+    const Bytes highest = le16(0x0FFF); // of the good ones
+    const Bytes sum = le16(checksum);
     const string unread = "[E] hdl_brom_send_da readU16 error";
     const string mismatch = "[E] btrom checksum fail, 0x667/0x668";
     const struct {
@@ -187,12 +187,12 @@ TEST_F(SendAgent, StatusWordsAndChecksumDecide) {
         size_t sends;
     } rows[] = {
         {{}, {}, false, unread, 4},
-        {{word16(0x1000)}, {}, true, "[E] hdl_brom_send_da get status error 4096 (0x1000)", 4},
-        {{good}, {word16(0x0668), good}, false, mismatch, 5},
-        {{word16(1)}, {word16(0x0668), good}, true, mismatch, 5},
+        {{le16(0x1000)}, {}, true, "[E] hdl_brom_send_da get status error 4096 (0x1000)", 4},
+        {{good}, {le16(0x0668), good}, false, mismatch, 5},
+        {{le16(1)}, {le16(0x0668), good}, true, mismatch, 5},
         {{good}, {sum}, false, unread, 5},
-        {{word16(1)}, {sum}, true, unread, 5},
-        {{good}, {sum, word16(0x1000)}, true, "[E] hdl_brom_send_da get status error 4096", 5},
+        {{le16(1)}, {sum}, true, unread, 5},
+        {{good}, {sum, le16(0x1000)}, true, "[E] hdl_brom_send_da get status error 4096", 5},
         {{highest}, {sum, highest}, true, "[I] send DA successful", 5},
     };
     for (const auto& row : rows) {
@@ -208,7 +208,7 @@ TEST_F(SendAgent, StatusWordsAndChecksumDecide) {
 TEST_F(SendAgent, ChunkThatCantBeReadIsSentAnyway) {
     use_file("abcde");
     faults.fread = kEachCall;
-    answer({word16(0)}, {word16(0), word16(0)});
+    answer({le16(0)}, {le16(0), le16(0)});
     EXPECT_TRUE(send());
     EXPECT_EQ(as_text(brom_link.sent[kFirstChunkSend]), string(5, '\0'));
     EXPECT_EQ(log[5], "[E] Reading error ( 0 )");
@@ -219,7 +219,7 @@ TEST_F(SendAgent, LostChunkShowsInTheChecksum) {
     use_file("abcde" + content(1024));
     ASSERT_EQ(chunks, 2U);
     const auto other = static_cast<uint16_t>(checksum ^ 1U);
-    answer({word16(0)}, {word16(other), word16(0)});
+    answer({le16(0)}, {le16(other), le16(0)});
     brom_link.failing_send = kFirstChunkSend;
     EXPECT_FALSE(send());
     char expected[64];

@@ -57,8 +57,8 @@ struct Brom : BromTest {
 };
 
 void answer_register_statuses(uint16_t first, uint16_t second) {
-    brom_link.answers[2] = {word32(1), word16(first)};
-    brom_link.answers[3] = {word16(0x10), word16(second)};
+    brom_link.answers[2] = {le32(1), le16(first)};
+    brom_link.answers[3] = {le16(0x10), le16(second)};
 }
 
 Bytes uid_response(uint16_t status) {
@@ -298,8 +298,8 @@ TEST_F(Brom, RegistersDependOnTheVariant) {
     const auto set_registers = [this](uint32_t variant) {
         brom_link = {};
         answer_register_statuses(0, 0);
-        brom_link.answers[6] = {word32(1), word16(0)};
-        brom_link.answers[7] = {word16(0x40), word16(0)};
+        brom_link.answers[6] = {le32(1), le16(0)};
+        brom_link.answers[7] = {le16(0x40), le16(0)};
         g_download_settings.chip_variant = variant;
         return run([] { return hdl_brom_set_registers(); });
     };
@@ -322,7 +322,7 @@ TEST_F(Brom, BaudrateIsSetOnBothSides) {
     for (const bool host_too : {true, false}) {
         fake_clock_start();
         brom_link = {};
-        brom_link.answers[1] = {word32(921600), word16(0x0FFF)};
+        brom_link.answers[1] = {le32(921600), le16(0x0FFF)};
         brom_link.speed_result = host_too;
         EXPECT_EQ(set_baudrate(), host_too);
         EXPECT_EQ(sent_as_text(), (Lines{"DC", "00100E00"}));
@@ -332,7 +332,7 @@ TEST_F(Brom, BaudrateIsSetOnBothSides) {
 }
 
 TEST_F(Brom, JumpStartsTheAgent) {
-    brom_link.answers[1] = {word32(0x4200000), word16(0x0FFF)};
+    brom_link.answers[1] = {le32(0x4200000), le16(0x0FFF)};
     g_download_settings.high_speed = 1;
     EXPECT_TRUE(jump());
     EXPECT_EQ(sent_as_text(), (Lines{"D5", "00002004"}));
@@ -393,14 +393,14 @@ TEST_F(Brom, EachStepOfAnOperationCanFail) {
         {&Brom::set_register, kNever, {}, "set_register readU16 error", 3},
         {&Brom::set_register,
          kNever,
-         {{2, {word32(1), word16(0x1000)}}},
+         {{2, {le32(1), le16(0x1000)}}},
          "set_register get status error 4096",
          3},
-        {&Brom::set_register, 3, {{2, {word32(1), word16(0)}}}, "set_register echoU16(0x10) error", 4},
-        {&Brom::set_register, kNever, {{2, {word32(1), word16(0)}}}, "set_register readU16 error", 4},
+        {&Brom::set_register, 3, {{2, {le32(1), le16(0)}}}, "set_register echoU16(0x10) error", 4},
+        {&Brom::set_register, kNever, {{2, {le32(1), le16(0)}}}, "set_register readU16 error", 4},
         {&Brom::set_register,
          kNever,
-         {{2, {word32(1), word16(0)}}, {3, {word16(0x10), word16(kError)}}},
+         {{2, {le32(1), le16(0)}}, {3, {le16(0x10), le16(kError)}}},
          "set_register get status error 7425",
          4},
         {&Brom::set_baudrate, 0, {}, "set_baudrate echoU8(0xDC) error", 1},
@@ -408,13 +408,13 @@ TEST_F(Brom, EachStepOfAnOperationCanFail) {
         {&Brom::set_baudrate, kNever, {}, "set_baudrate readU16 error 0", 2},
         {&Brom::set_baudrate,
          kNever,
-         {{1, {word32(921600), word16(0x1000)}}},
+         {{1, {le32(921600), le16(0x1000)}}},
          "set_baudrate get status error 4096",
          2},
         {&Brom::jump, 0, {}, "jump_da echoU8(0xD5) error", 1},
         {&Brom::jump, 1, {}, "jump_da echoU32(0x4200000) error", 2},
         {&Brom::jump, kNever, {}, "jump_da readU16 error", 2},
-        {&Brom::jump, kNever, {{1, {word32(0x4200000), word16(kError)}}}, "jump_da get status error 7425", 2},
+        {&Brom::jump, kNever, {{1, {le32(0x4200000), le16(kError)}}}, "jump_da get status error 7425", 2},
     };
     for (const auto& row : rows) {
         brom_link = {};

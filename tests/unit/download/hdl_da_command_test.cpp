@@ -150,7 +150,7 @@ namespace {
 // An agent with a small flash; the command with this identifier is refused.
 void flash_agent(uint16_t refused = 0) {
     g_fakes.on_send = [refused](const Bytes& frame) {
-        const auto id = static_cast<uint16_t>(frame[4] | frame[5] << 8);
+        const auto id = static_cast<uint16_t>(le_at(frame, 4, 2));
         const Bytes payload = id == 0x210E   ? le32(0x1000)
                               : id == 0x210F ? le32(0x80000)
                               : id == 0x2110 ? Bytes{0xC2, 0x05, 0x36}

@@ -128,11 +128,11 @@ TEST_F(Echo, WordsAreComparedWithWhatIsExpected) {
         bool result;
         Lines log;
     } rows[] = {
-        {[] { return echoU16(1, 0x55); }, {word16(0x55)}, true, {"[I] echoU16 Send 0x1"}},
-        {[] { return echoU32(2, 0x66); }, {word32(0x66)}, true, {"[I] echoU32 Send 0x2"}},
-        {[] { return echoU16(0x1234, 0x1234); }, {word16(0x1235)}, false, {"[I] echoU16 Send 0x1234"}},
+        {[] { return echoU16(1, 0x55); }, {le16(0x55)}, true, {"[I] echoU16 Send 0x1"}},
+        {[] { return echoU32(2, 0x66); }, {le32(0x66)}, true, {"[I] echoU32 Send 0x2"}},
+        {[] { return echoU16(0x1234, 0x1234); }, {le16(0x1235)}, false, {"[I] echoU16 Send 0x1234"}},
         {[] { return echoU32(0x123, 0x123); },
-         {word32(0xABC)},
+         {le32(0xABC)},
          false,
          {"[I] echoU32 Send 0x123", "[E] echoU32 want receiveChar 0x1238,  receiveChar 0xABC8"}},
         {[] { return echoU16(1, 1); }, {}, false, {"[I] echoU16 Send 0x1"}},

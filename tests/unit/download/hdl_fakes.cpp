@@ -42,30 +42,6 @@ Texts hdl_fakes_log_with(const std::string& start) {
     return found;
 }
 
-Bytes le16(uint32_t value) {
-    return {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
-}
-
-Bytes le32(uint32_t value) {
-    return le16(value) + le16(value >> 16);
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-uint32_t slow_crc32(const Bytes& data) {
-    uint32_t crc = ~0U;
-    for (const uint8_t byte : data) {
-        crc ^= byte;
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
-        }
-    }
-    return ~crc;
-}
-
 Bytes with_crc(const Bytes& data) {
     return data + le32(slow_crc32(data));
 }

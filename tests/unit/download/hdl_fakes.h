@@ -35,13 +35,7 @@ void hdl_fakes_reset();
 // The lines that begin with this.
 Texts hdl_fakes_log_with(const std::string& start);
 
-// Little-endian fields.
-Bytes le16(uint32_t value);
-Bytes le32(uint32_t value);
-Bytes operator+(Bytes a, const Bytes& b);
-
-// CRC-32, bit by bit.
-uint32_t slow_crc32(const Bytes& data);
+// With its CRC-32 behind it.
 Bytes with_crc(const Bytes& data);
 
 // A frame of the agent: 0x05, type, length, identifier, status, payload.

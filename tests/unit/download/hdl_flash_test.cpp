@@ -12,19 +12,10 @@
 
 namespace {
 
-// The frame's identifier or address.
-uint32_t field(const Bytes& frame, size_t at, int bytes) {
-    uint32_t value = 0;
-    for (int i = bytes; i-- > 0;) {
-        value = value << 8U | frame[at + static_cast<size_t>(i)];
-    }
-    return value;
-}
-
 void answer_all(uint8_t status = 0) {
     g_fakes.on_send = [status](const Bytes& frame) {
         g_fakes.arrives.push_back(
-            agent_frame(static_cast<uint16_t>(field(frame, 4, 2)), status, le32(field(frame, 6, 4))));
+            agent_frame(static_cast<uint16_t>(le_at(frame, 4, 2)), status, le32(le_at(frame, 6, 4))));
     };
 }
 

@@ -11,10 +11,6 @@
 
 namespace {
 
-uint32_t address_in(const Bytes& frame) {
-    return frame[6] | frame[7] << 8U | frame[8] << 16U | static_cast<uint32_t>(frame[9]) << 24U;
-}
-
 Bytes piece(char fill) {
     return Bytes(2048, static_cast<uint8_t>(fill));
 }
@@ -45,7 +41,7 @@ struct ReadbackTest : testing::Test {
     // Data that tell from which address they are: its third hexadecimal digit as a letter.
     void answer_by_address() {
         g_fakes.on_send = [](const Bytes& frame) {
-            const auto letter = static_cast<char>('a' + (address_in(frame) >> 8U) % 16);
+            const auto letter = static_cast<char>('a' + (le_at(frame, 6, 4) >> 8U) % 16);
             g_fakes.arrives.push_back(data_response(0x2101, piece(letter)));
         };
     }

@@ -50,10 +50,6 @@ uint32_t address_of(uint32_t index) {
     return kFirst + index * 0x1000;
 }
 
-uint32_t address_in(const Bytes& frame) {
-    return frame[6] | frame[7] << 8U | frame[8] << 16U | static_cast<uint32_t>(frame[9]) << 24U;
-}
-
 // A log line with its address (%X) or count (%d).
 std::string text_of(std::string pattern, uint32_t value) {
     char number[16];
@@ -85,7 +81,7 @@ struct Flow : testing::TestWithParam<const User*> {
     void answer_with(const std::vector<std::vector<Bytes>>& first) {
         g_fakes.on_send = [this, first](const Bytes& frame) {
             const size_t nth = commands++;
-            const std::vector<Bytes> right = {agent_frame(user().id, 0, le32(address_in(frame)))};
+            const std::vector<Bytes> right = {agent_frame(user().id, 0, le32(le_at(frame, 6, 4)))};
             for (const Bytes& answer : nth < first.size() ? first[nth] : right) {
                 g_fakes.arrives.push_back(answer);
             }
@@ -338,7 +334,7 @@ TEST_P(EraseFlow, SilenceEndsInEitherPass) {
 TEST_P(EraseFlow, TheClockBeginsBehindTheFirstSend) {
     g_fakes.on_send = [](const Bytes& frame) {
         g_fakes.now += 46000;
-        g_fakes.arrives.push_back(agent_frame(0x2104, 0, le32(address_in(frame))));
+        g_fakes.arrives.push_back(agent_frame(0x2104, 0, le32(le_at(frame, 6, 4))));
     };
     EXPECT_TRUE(run(1));
 }

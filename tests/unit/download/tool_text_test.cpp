@@ -33,11 +33,6 @@ Escaped escape(const Bytes& input) {
     return result;
 }
 
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
 Bytes filled_up(Bytes bytes) {
     bytes.resize(kToolEscapeSize, 0);
     return bytes;

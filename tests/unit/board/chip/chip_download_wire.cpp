@@ -7,29 +7,10 @@ namespace {
 constexpr uint64_t kFrameUs = 100; // of the chip's clock
 constexpr uint32_t kBlock = 4096;
 
-uint32_t crc_bitwise(const Bytes& bytes) {
-    uint32_t crc = 0xFFFFFFFF;
-    for (const uint8_t byte : bytes) {
-        crc ^= byte;
-        for (int bit = 0; bit < 8; ++bit) {
-            crc = (crc >> 1) ^ ((crc & 1) * 0xEDB88320U);
-        }
-    }
-    return ~crc;
-}
-
 void append(Bytes& bytes, uint32_t value, uint32_t size) {
     for (uint32_t i = 0; i < size; ++i) {
         bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
     }
-}
-
-uint32_t number(const Bytes& bytes, size_t at, size_t size) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < size; ++i) {
-        value |= static_cast<uint32_t>(bytes[at + i]) << (8 * i);
-    }
-    return value;
 }
 
 } // namespace
@@ -79,7 +60,7 @@ Bytes DownloadHost::read(uint32_t length) {
 }
 
 uint32_t DownloadHost::read_number(uint32_t size) {
-    return number(read(size), 0, size);
+    return le_at(read(size), 0, size);
 }
 
 bool DownloadHost::echo(uint32_t value, uint32_t size) {
@@ -135,7 +116,7 @@ Bytes DownloadHost::command(uint16_t identifier, const Bytes& payload, bool crc,
     append(bytes, identifier, 2);
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     if (crc) {
-        append(bytes, crc_bitwise(bytes), 4);
+        append(bytes, slow_crc32(bytes), 4);
     }
     for (size_t at = 0; at < bytes.size(); at += 4095) {
         const size_t end = std::min(bytes.size(), at + 4095);
@@ -150,8 +131,8 @@ AgentResponse DownloadHost::ask(uint16_t identifier, const Bytes& payload, bool 
     if (bytes[0] != 0x05 || bytes[1] != '[') {
         return response;
     }
-    const size_t end = 4 + number(bytes, 2, 2);
-    response.identifier = static_cast<uint16_t>(number(bytes, 4, 2));
+    const size_t end = 4 + le_at(bytes, 2, 2);
+    response.identifier = static_cast<uint16_t>(le_at(bytes, 4, 2));
     response.status = bytes[6];
     response.payload.assign(bytes.begin() + 7, bytes.begin() + static_cast<ptrdiff_t>(end));
     EXPECT_EQ(Bytes(bytes.begin() + static_cast<ptrdiff_t>(end), bytes.end()), Bytes(4095 - end));
@@ -172,7 +153,7 @@ uint8_t DownloadHost::write_block(uint32_t address, Bytes data) {
 AgentResponse DownloadHost::check(uint32_t address, const Bytes& image) {
     Bytes padded = image;
     padded.resize((image.size() + 3) / 4 * 4, 0xFF);
-    return ask(0x211A, numbers({address, static_cast<uint32_t>(image.size()), crc_bitwise(padded)}), true);
+    return ask(0x211A, numbers({address, static_cast<uint32_t>(image.size()), slow_crc32(padded)}), true);
 }
 
 Bytes DownloadHost::numbers(const std::vector<uint32_t>& values) {

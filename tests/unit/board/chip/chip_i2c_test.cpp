@@ -49,7 +49,7 @@ struct I2cHost {
     uint32_t length(const Bytes& command) {
         EXPECT_EQ(write(kCommandPort, command), 8);
         EXPECT_EQ(read(kReadPort, 4), 4);
-        return data[0] + data[1] * 0x100U + data[2] * 0x10000U + data[3] * 0x1000000U;
+        return le_at(data, 0, 4);
     }
     void fault(const std::string& name, const std::string& value) {
         EXPECT_EQ(chip_fault(chip, name, value, 0), "") << name << " " << value;

@@ -25,8 +25,7 @@ Bytes Host::frame(const Bytes& tx) {
 uint32_t Host::read_register(uint8_t address) {
     frame({0x0A, address, 0, 0, 0, 3, 0, 0, 0});
     EXPECT_EQ(status() & 0x05, 0x05);
-    const Bytes rx = frame({0x81, 0, 0, 0, 0});
-    return rx[1] + rx[2] * 0x100U + rx[3] * 0x10000U + rx[4] * 0x1000000U;
+    return le_at(frame({0x81, 0, 0, 0, 0}), 1, 4);
 }
 
 std::string Host::read_data(uint32_t length) {
