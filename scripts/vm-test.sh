@@ -40,64 +40,13 @@ while [ $# -gt 0 ]; do
 done
 
 skipped=77
-boot_limit_s=600 # of the host's time: an hour's worth of the checks on two quiet cores
-work=build/kernel # the kernel and the module, for all build trees
-packages=(qemu-system-x86 busybox-static cpio xz-utils make gcc-12 linux-headers-amd64)
 
 skip() {
     echo "vm-test: not run: $*"
     exit $skipped
 }
 
-installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
-
-install_packages() {
-    local package missing=()
-    command -v dpkg-query >/dev/null || skip "this is no Debian system"
-    [ "$(dpkg --print-architecture)" = amd64 ] || skip "the machine is made for amd64 only"
-    for package in "${packages[@]}"; do
-        installed "$package" || missing+=("$package")
-    done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    [ $install = yes ] && [ "$(id -u)" -eq 0 ] || skip "missing packages: ${missing[*]} (scripts/vm-test.sh --install as root gets them)"
-    echo "vm-test: installing ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    { apt-get update -qq && apt-get install -y -qq --no-install-recommends "${missing[@]}"; } >/dev/null ||
-        skip "can't install ${missing[*]}"
-}
-
-# The release of the kernel whose headers are installed.
-kernel_release() {
-    dpkg-query -W -f='${Depends}\n' linux-headers-amd64 | sed -n 's/.*linux-headers-\([0-9][^ ,]*\).*/\1/p'
-}
-
-# Of the kernel's package only the kernel and i2c-dev are taken; spidev, SPI and GPIO are built in. Uncompressed it boots in half
-# the time: the machine needn't unpack it.
-fetch_kernel() {
-    local dir=$work/$release package=linux-image-$release offset
-    [ ! -e "$dir/vmlinux" ] || return 0
-    echo "vm-test: fetching $package"
-    rm -rf "$dir" && mkdir -p "$dir/package"
-    (cd "$dir/package" && apt-get download -qq "$package" 2>/dev/null) || skip "can't get $package: run apt-get update as root"
-    dpkg-deb --fsys-tarfile "$dir"/package/*.deb |
-        tar -x -C "$dir/package" --wildcards './boot/vmlinuz-*' './lib/modules/*/i2c-dev.ko'
-    find "$dir/package" -name i2c-dev.ko -exec mv {} "$dir" \;
-    offset=$(LC_ALL=C grep -obUaP -m 1 '\xfd7zXZ\x00' "$dir/package/boot/vmlinuz-$release" | cut -d: -f1)
-    tail -c +$((offset + 1)) "$dir/package/boot/vmlinuz-$release" |
-        xz -dc --single-stream >"$dir/vmlinux.part" 2>/dev/null || [ -s "$dir/vmlinux.part" ]
-    rm -rf "$dir/package"
-    mv "$dir/vmlinux.part" "$dir/vmlinux"
-}
-
-build_module() {
-    local module=$work/$release/module
-    mkdir -p "$module"
-    cp -u board/kernel/* "$module"
-    make -C "$module" KDIR="/usr/src/linux-headers-$release" >"$module/make.log" 2>&1 || {
-        cat "$module/make.log" >&2
-        exit 1
-    }
-}
+. scripts/lib/kernel.sh
 
 build_programs() {
     [ -z "$build" ] || return 0
@@ -133,7 +82,7 @@ make_initramfs() {
     curl=$(ldconfig -p | sed -n 's/.*libcurl\.so\.4 .*=> //p' | sed -n 1p)
     install -D "$curl" "$root$curl" # loaded with the first download
     put_libraries "$curl"
-    install -t "$root" "$work/$release/i2c-dev.ko" "$work/$release/module/tavor_board.ko" tests/kernel/init tests/kernel/lib.sh
+    install -t "$root" "$kernels/$release/i2c-dev.ko" "$kernels/$release/module/tavor_board.ko" tests/kernel/init tests/kernel/lib.sh
     install -D -t "$root/lib" "$build/lib/libtavor_board.so" # for the simulated devices beside the kernel's
     strip --strip-debug "$root/lib/libtavor_board.so"
     put_libraries "$build/lib/libtavor_board.so"
@@ -143,16 +92,11 @@ make_initramfs() {
     (cd "$root" && find . | cpio -o -H newc --quiet) >"$machine/initramfs"
 }
 
-# Virtual time: a counter of instructions is the clock (4 ns each), and a machine that only waits jumps to the next timer. So waits
-# cost nothing, and what is measured is the same on a busy host. The processor's random numbers seed the kernel's.
 boot() {
     local console=(-display none -serial "file:$machine/console.log" -serial "file:$machine/results.log")
     [ "$mode" != shell ] || console=(-nographic)
     rm -f "$machine/results.log"
-    timeout "$boot_limit_s" qemu-system-x86_64 -machine q35 -accel tcg -cpu max -icount shift=2,sleep=off -m 512 -no-reboot -nodefaults \
-        -rtc base=2026-11-21T12:00:00,clock=vm -seed 1 "${console[@]}" \
-        -kernel "$work/$release/vmlinux" -initrd "$machine/initramfs" \
-        -append "console=ttyS0 quiet panic=-1 random.trust_cpu=on mitigations=off tsc=reliable" || {
+    emulate 512 "$machine/initramfs" "" "${console[@]}" || {
         echo "vm-test: the machine did not end by itself" >&2
         tail -n 20 "$machine/console.log" >&2
         exit 1
@@ -183,15 +127,11 @@ if [ "$mode" = result ]; then
     exit
 fi
 [ "$mode" != record ] || rm -f "$build/kernel/results.txt"
-install_packages
-release=$(kernel_release)
-mkdir -p "$work"
-fetch_kernel
+prepare_kernel busybox-static
 [ "$mode" != install ] || exit 0
 build_programs
 machine=$build/kernel
 mkdir -p "$machine"
-build_module
 make_initramfs
 boot
 [ "$mode" != shell ] || exit 0
