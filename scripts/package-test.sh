@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs, upgrades, removes and purges the Debian packages in a Debian 12 of their own, which is booted with systemd in a container,
-# with the simulated board in the place of devices (tests/package/checks.sh). One line for each check.
+# with the simulated board in the place of devices (tests/package). One line for each check.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -27,43 +27,13 @@ while [ $# -gt 0 ]; do
 done
 
 limit_s=600 # of the container's life; it takes 10 on quiet cores
-work=$PWD/build/package-test
 
 skip() {
     echo "package-test: not run: $*"
     exit 77
 }
 
-need_tools() {
-    local package missing=()
-    [ "$(id -u)" -eq 0 ] || skip "this takes root"
-    command -v dpkg-query >/dev/null || skip "this is no Debian system"
-    for package in debootstrap systemd-container; do
-        dpkg-query -W -f='${Status}' $package 2>/dev/null | grep -q '^install ok installed$' || missing+=($package)
-    done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    [ $install = yes ] || skip "missing packages: ${missing[*]}"
-    { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"; } >/dev/null ||
-        skip "can't install ${missing[*]}"
-}
-
-need_packages() {
-    [ -z "$packages" ] || return 0
-    command -v dh >/dev/null && command -v dpkg-buildpackage >/dev/null || skip "debhelper or dpkg-dev is missing"
-    packages=build/package
-    scripts/package.sh >/dev/null
-}
-
-# The base system, with what the packages depend on: they are installed without a network.
-make_base() {
-    [ ! -e "$work/base.done" ] || return 0
-    echo "package-test: fetching the base system"
-    rm -rf "$work/base" && mkdir -p "$work"
-    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12 \
-        bookworm "$work/base" >"$work/debootstrap.log" 2>&1 || skip "can't get the base system: $work/debootstrap.log"
-    rm -rf "$work"/base/var/cache/apt/archives/*.deb
-    touch "$work/base.done"
-}
+. scripts/lib/debian.sh
 
 # The same packages with a later version.
 make_newer() {
@@ -81,7 +51,7 @@ make_test() {
     rm -rf "$work/test" && mkdir -p "$work/test"
     find "$packages" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*' -exec cp {} "$work/test" \;
     make_newer
-    cp tests/package/checks.sh "$work/test"
+    cp tests/package/lib.sh tests/package/checks.sh "$work/test"
     cat >"$work/test/package-test.service" <<EOT
 [Unit]
 SuccessAction=poweroff-force
@@ -141,9 +111,9 @@ report() {
     echo "package-test: done after $SECONDS s, $(grep -c '^package-test: good' "$work/test/results") checks passed"
 }
 
-need_tools
-need_packages
-make_base
+debian_tools systemd-container
+debian_packages
+debian_base
 make_test
 machine=tavor-test-$$
 export work machine limit_s

@@ -1,55 +1,18 @@
 #!/bin/bash
 # Runs as a service of the machine that scripts/package-test.sh has booted: installs, upgrades, removes and purges the packages in
 # /test and looks at the service meanwhile. One line for each check, "package-test: good|BAD WHAT"; the last says "done".
-set -u
+test_name=package-test
+. /test/lib.sh
 cd /test
-export DEBIAN_FRONTEND=noninteractive LC_ALL=C PATH=/usr/sbin:/usr/bin:/sbin:/bin
-home=/etc/default/tavor
 drop_in=/etc/systemd/system/tavor.service.d/board.conf
-log=/test/log
 
-# check WHAT COMMAND...
-check() {
-    local what=$1
-    shift
-    if "$@" >>$log 2>&1; then
-        echo "package-test: good  $what"
-    else
-        echo "package-test: BAD   $what"
-        journalctl --no-pager -n 15 -o cat --namespace=+tavor -u tavor | sed 's/^/    /'
-        tail -n 5 $log | sed 's/^/    /'
-    fi
-}
-
-# wait_for SECONDS COMMAND...: until it succeeds.
-wait_for() {
-    local end=$((SECONDS + $1))
-    shift
-    until "$@"; do
-        [ $SECONDS -lt $end ] || return 1
-        sleep 0.1
-    done
-}
-
-active() { systemctl is-active --quiet tavor; }
 enabled() { systemctl is-enabled --quiet tavor; }
-not() { ! "$@"; }
-power_is() { [ "$(tavor-board ctl --dir /run/board power)" = "$1" ]; }
-main_pid() { systemctl show -P MainPID tavor; }
-as_member() { setpriv --reuid member --regid member --init-groups "$@"; }
-position_of_member() { as_member tavorctl --timeout 20 position | grep '^latitude'; }
 restart_and_start() { systemctl restart tavor && tavorctl start; }
 # Of everything on the machine but what the package manager keeps and what lives in memory only.
 list_files() { find / -xdev \( -path /test -o -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp \
     -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log/journal \) -prune -o -print | sort; }
 no_leftovers() { diff files.before files.after && [ -z "$(find /var/log/journal /run/log/journal -name '*tavor*' 2>/dev/null)" ]; }
 
-# Sentences come from the chip: nothing but the daemon fetches them.
-delivered() { tavor-board ctl --dir /run/board status --json | grep -o '"bytes_delivered":[0-9]*'; }
-talks() {
-    local before=$(delivered)
-    wait_for 15 eval '[ "$(delivered)" != "'"$before"'" ]'
-}
 set_resume() { sed -i "s/^TAVOR_RESUME=.*/TAVOR_RESUME=$1/" $home/service.env; }
 crash() {
     local before=$(main_pid)
