@@ -38,8 +38,9 @@ std::vector<std::string> split(const std::string& text, bool whole) {
 
 Journal read_journal(const std::vector<std::string>& filter,
                      const std::optional<std::chrono::system_clock::time_point>& since) {
-    std::vector<std::string> arguments = {"journalctl", "--unit=tavor", "--no-pager",
-                                          "--quiet",    "--reverse",    "--output=short-unix"};
+    std::vector<std::string> arguments = {"journalctl",         kLogSourceNamespace, "--unit=tavor",
+                                          "--no-pager",         "--quiet",           "--reverse",
+                                          "--output=short-unix"};
     arguments.insert(arguments.end(), filter.begin(), filter.end());
     if (since) {
         arguments.push_back("--since=@" + std::to_string(std::chrono::system_clock::to_time_t(*since)));

@@ -80,6 +80,7 @@ log_lines() { journalctl --quiet --no-pager -o cat "$@" | grep -c LOCSERV; }
 member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
 others_read() { setpriv --reuid nobody --clear-groups journalctl --quiet --no-pager -o cat --namespace=tavor | grep -q LOCSERV; }
 member_is_denied() { as_member tavorctl download 2>&1 | grep "can't be read"; }
+status_knows() { as_member tavorctl status --json | grep '"log":"journal".*"positioning":true\|"positioning":true.*"log":"journal"'; }
 keep_journal() {
     mkdir -p /etc/systemd/journald@tavor.conf.d
     printf '[Journal]\nStorage=persistent\n' >/etc/systemd/journald@tavor.conf.d/keep.conf
@@ -96,6 +97,7 @@ journal() {
     check "the log: a member of the group reads it" member_reads
     check "the log: others don't" not others_read
     check "the log: the client tool reads it as the member" not member_is_denied
+    check "the log: the state of positioning is known from it" status_knows
     check "the log: kept over a restart of the machine, where that is wanted" keep_journal
     rm -r /etc/systemd/journald@tavor.conf.d # the test's own
 }
