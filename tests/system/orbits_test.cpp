@@ -73,12 +73,6 @@ struct Assistance {
         while (client.receive(std::chrono::milliseconds(0))) {
         }
     }
-    // Has a file fetched anew, which hangs half-way.
-    void stall_refresh() const {
-        board.fault("assist-stall", "on");
-        advance(last_number(kNextTimer) / 1000 + 1);
-        ASSERT_TRUE(wait_until([&] { return status()["assist"]["gps_glonass"] == 2; }));
-    }
     // Lets the first three files come, which a start without any leads to.
     void load_files() const {
         start_assistance();
@@ -203,48 +197,6 @@ TEST(Orbits, AStalledServerHoldsUpNoStopAndIsGivenUp) {
     }));
     EXPECT_EQ(outcomes(scene.daemon.log()).at(0).result, -1);
     EXPECT_TRUE(scene.daemon.wait_log(kRetryTimer));
-}
-
-TEST(Orbits, ADownloadAndAnAidingRequestNeverMix) {
-    const Assistance scene({"--source", "none", "--aiding"});
-    scene.load_files();
-    scene.stall_refresh();
-    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    const auto asked = [&] { return scene.status()["aiding_orbits"]["gps"]["requests"]; };
-    ASSERT_TRUE(wait_until([&] { return asked() == 1; }));
-    scene.advance(6);
-    ASSERT_TRUE(wait_until([&] { return asked() == 2; })) << "the chip asks again where no answer comes";
-    EXPECT_EQ(outcomes(scene.daemon.log()).size(), 3U);
-
-    scene.board.fault("assist-stall", "off");
-    json orbits;
-    EXPECT_TRUE(wait_until([&] {
-        orbits = scene.status()["aiding_orbits"];
-        return std::all_of(orbits.begin(), orbits.end(),
-                           [](const json& orbit) { return orbit["good"] >= 1; });
-    })) << orbits;
-    for (const json& orbit : orbits) {
-        EXPECT_EQ(orbit["bad"], 0) << orbits;
-    }
-    const std::string log = scene.daemon.log();
-    EXPECT_EQ(outcomes(log).size(), 4U);
-    EXPECT_EQ(outcomes(log.substr(0, log.find("host aiding xod finish:0"))).size(), 4U) << "the file first";
-}
-
-TEST(Orbits, AStalledServerHoldsUpNoAidingWhereGoodFilesAreKept) {
-    const Assistance scene({"--source", "none", "--aiding"});
-    scene.board.configure("keep good files", "1");
-    scene.load_files();
-    scene.stall_refresh();
-    ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
-    EXPECT_TRUE(wait_until([&] {
-        const json orbits = scene.status()["aiding_orbits"];
-        return std::all_of(orbits.begin(), orbits.end(),
-                           [](const json& orbit) { return orbit["good"] == 1; });
-    })) << scene.status();
-    scene.read_along();
-    EXPECT_EQ(scene.client.ask(TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION), 0);
-    EXPECT_EQ(outcomes(scene.daemon.log()).size(), 3U) << "the transfer has ended";
 }
 
 // The library's constructor waits for a file of the test's.

@@ -183,15 +183,6 @@ TEST(Tavorctl, ResultsAreJsonOnRequest) {
     EXPECT_EQ("tavorctl: " + error.at("message").get<std::string>() + "\n", bad.err);
 }
 
-TEST(Position, IsPrintedWithUnitsOnceOneComes) {
-    Scene scene(answers(0));
-    EXPECT_EQ(scene.run({"position"}), 0) << scene.err;
-    EXPECT_EQ(lines_of(scene.out).at(0), "time                  12:35:19.000 UTC");
-    EXPECT_EQ(lines_of(scene.out).at(3), "height                1592.3 m");
-    EXPECT_EQ(lines_of(scene.out).at(4), "major axis            unknown");
-    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
-}
-
 namespace {
 
 // An RMC sentence of so many seconds ago; the first answers of a daemon whose chip sends this position.
@@ -311,25 +302,13 @@ TEST(Watch, ShowsEverythingOneLineEach) {
                                   "$GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*47",
                                   "chip: $PZUL001,353,3*3B"}));
     EXPECT_EQ(scene.err, "");
-}
-
-TEST(Watch, RawIsTheChipsSentencesByteForByte) {
-    Scene scene(answers(0));
-    EXPECT_EQ(scene.run({"watch", "--raw", "--count", "1"}), 0);
-    EXPECT_EQ(scene.out, kGga);
-}
-
-TEST(Watch, EndsAfterItsDurationAndLeavesPositioningOn) {
-    Scene scene(answers(0));
     EXPECT_EQ(scene.run({"watch", "--duration", "1.5"}), 0) << scene.err;
     EXPECT_EQ(lines_of(scene.out).size(), 5U);
-    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>{TAVOR_REQUEST_START});
-}
-
-TEST(Watch, StopsPositioningAtTheEndWhenAsked) {
-    Scene scene(answers(0));
-    EXPECT_EQ(scene.run({"watch", "--count", "1", "--stop"}), 0) << scene.err;
-    EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, TAVOR_REQUEST_STOP}));
+    EXPECT_EQ(scene.daemon.types(), std::vector<uint32_t>(2, TAVOR_REQUEST_START))
+        << "positioning is left on";
+    EXPECT_EQ(scene.run({"watch", "--raw", "--count", "1", "--stop"}), 0) << scene.err;
+    EXPECT_EQ(scene.out, kGga);
+    EXPECT_EQ(scene.daemon.types().back(), TAVOR_REQUEST_STOP + 0U);
 }
 
 TEST(Watch, WithoutAnAnswerIsStatusFour) {
@@ -347,18 +326,6 @@ TEST(Watch, TakesTheOutputBackAfterSilenceWithoutStartingAnything) {
     EXPECT_EQ(scene.run({"watch", "--timeout", "1.5", "--count", "2"}), 0);
     EXPECT_EQ(scene.daemon.types(), (std::vector<uint32_t>{TAVOR_REQUEST_START, 0xFFFFFFFF}));
     EXPECT_TRUE(tells(scene.err, "another client took it"));
-}
-
-TEST(Watch, SaysOnceMoreAndThenNothingWhileTheSilenceGoesOn) {
-    Scene scene([](FakeDaemon& d, const tavor_request& request) {
-        if (request.type == TAVOR_REQUEST_START) {
-            d.send(kStarted);
-        } else if (d.types().size() == 4) {
-            d.send(kSentence);
-        }
-    });
-    EXPECT_EQ(scene.run({"watch", "--timeout", "0.5", "--count", "2"}), 0);
-    EXPECT_EQ(lines_of(scene.err).size(), 2U) << scene.err;
 }
 
 TEST(Watch, StartThatFailsLaterEndsItWithStatusOne) {

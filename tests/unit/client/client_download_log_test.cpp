@@ -105,26 +105,21 @@ TEST_F(DownloadLog, PhasesFollowEachOther) {
     EXPECT_EQ(step(), "writing firmware");
     start();
     EXPECT_EQ(progress.images, 2U);
-    info("Please reboot chip again:");
-    EXPECT_EQ(step(), "handshake");
-    info("========== Handshake pass ==========");
-    EXPECT_EQ(step(), "agent");
-    info("########## Format send address(0x8000000)");
-    EXPECT_EQ(step(), "erase");
-    info("Format time: 10 ms");
-    EXPECT_EQ(step(), "write image 1 of 2 (a.bin)");
-    info("download /load/a.bin PASS");
-    EXPECT_EQ(step(), "write image 2 of 2 (b.bin)");
-    info("download /load/b.bin PASS");
-    EXPECT_EQ(step(), "write image 2 of 2 (b.bin)");
-    info("Download time: 10 ms");
-    EXPECT_EQ(step(), "check image 1 of 2 (a.bin)");
-    info("check_image_crc /load/a.bin PASS");
-    EXPECT_EQ(step(), "check image 2 of 2 (b.bin)");
-    info("Check image crc time: 10 ms");
-    EXPECT_EQ(step(), "finish");
-    info("========== Download Finish ========");
-    EXPECT_EQ(step(), "done");
+    const std::pair<const char*, const char*> rows[] = {
+        {"Please reboot chip again:", "handshake"},
+        {"========== Handshake pass ==========", "agent"},
+        {"########## Format send address(0x8000000)", "erase"},
+        {"Format time: 10 ms", "write image 1 of 2 (a.bin)"},
+        {"download /load/a.bin PASS", "write image 2 of 2 (b.bin)"},
+        {"download /load/b.bin PASS", "write image 2 of 2 (b.bin)"},
+        {"Download time: 10 ms", "check image 1 of 2 (a.bin)"},
+        {"check_image_crc /load/a.bin PASS", "check image 2 of 2 (b.bin)"},
+        {"Check image crc time: 10 ms", "finish"},
+        {"========== Download Finish ========", "done"}};
+    for (const auto& [line, shown] : rows) {
+        info(line);
+        EXPECT_EQ(step(), shown) << line;
+    }
     EXPECT_EQ(progress.phase, DownloadPhase::kDone);
 }
 
@@ -164,13 +159,34 @@ TEST_F(DownloadLog, AgentsUploadCountsToItsAnnouncedLength) {
     EXPECT_EQ(progress.done, 1024U);
 }
 
-TEST_F(DownloadLog, EraseCountsToTheFlashesSize) {
-    reach_erase();
-    EXPECT_EQ(progress.total, 0x200000U);
-    info("Format resp address(0x8010000)");
-    EXPECT_EQ(progress.done, 0x20000U);
-    info("Format resp address(0x7FFFFFF)"); // outside
-    EXPECT_EQ(progress.done, 0x20000U);
+TEST_F(DownloadLog, EraseCountsEachBlockByItsSizeToTheFlashesEnd) {
+    const struct {
+        const char* address; // of the flash
+        const char* size;
+        std::vector<std::pair<const char*, uint64_t>> responses; // address of a block, bytes done
+        uint64_t total;
+    } rows[] = {{"0x8000000",
+                 "0x200000",
+                 {{"0x8010000", 0x20000}, {"0x7FFFFFF", 0x20000}},
+                 0x200000}, // outside
+                            // A small block before the first border of a large one.
+                {"0x800E000",
+                 "0x32000",
+                 {{"0x800E000", 0x1000}, {"0x8010000", 0x12000}, {"0x8030000", 0x32000}},
+                 0x32000},
+                {"0x8000000", "0x8000", {{"0x8000000", 0x1000}}, 0x8000}};
+    for (const auto& row : rows) {
+        progress = {};
+        reach_agent();
+        info("########## Flash address: " + string(row.address));
+        info("########## Flash size: " + string(row.size));
+        info("########## Format send address(" + string(row.address) + ")");
+        EXPECT_EQ(progress.total, row.total);
+        for (const auto& [block, done] : row.responses) {
+            info("Format resp address(" + string(block) + ")");
+            EXPECT_EQ(progress.done, done) << row.address << " " << block;
+        }
+    }
 }
 
 TEST_F(DownloadLog, WriteCountsToTheImagesSize) {
@@ -185,29 +201,6 @@ TEST_F(DownloadLog, WriteCountsToTheImagesSize) {
     EXPECT_FALSE(progress.total); // of an image that can't be seen
     info("Download resp address(0x8010000)");
     EXPECT_EQ(progress.done, 4096U);
-}
-
-TEST_F(DownloadLog, EraseCountsEachBlockByItsSize) {
-    reach_agent();
-    info("########## Flash address: 0x800E000");
-    info("########## Flash size: 0x32000");
-    info("########## Format send address(0x800E000)");
-    info("Format resp address(0x800E000)");
-    EXPECT_EQ(progress.done, 0x1000U) << "a small block before the first border of a large one";
-    info("Format resp address(0x8010000)");
-    EXPECT_EQ(progress.done, 0x12000U);
-    info("Format resp address(0x8030000)");
-    EXPECT_EQ(progress.done, 0x32000U) << "the end";
-    EXPECT_EQ(progress.total, 0x32000U);
-}
-
-TEST_F(DownloadLog, EraseOfASmallFlashCountsSmallBlocks) {
-    reach_agent();
-    info("########## Flash address: 0x8000000");
-    info("########## Flash size: 0x8000");
-    info("########## Format send address(0x8000000)");
-    info("Format resp address(0x8000000)");
-    EXPECT_EQ(progress.done, 0x1000U);
 }
 
 TEST_F(DownloadLog, ASecondPassSaysSoAndDoesNotGoBack) {

@@ -62,12 +62,9 @@ TEST(PositionRecord, EveryFieldIsANumberAndTheTimeItsText) {
     EXPECT_EQ(p.minorAxis, 1.5);
     EXPECT_EQ(p.orientation, 45.0);
     EXPECT_EQ(p.verticalUncertainty, 3.25);
-}
-
-TEST(PositionRecord, EmptyFieldsAreAbsent) {
-    const Position p = position_of({});
-    EXPECT_FALSE(p.utc || p.latitude || p.longitude || p.height || p.majorAxis || p.minorAxis ||
-                 p.orientation || p.verticalUncertainty);
+    const Position none = position_of({});
+    EXPECT_FALSE(none.utc || none.latitude || none.longitude || none.height || none.majorAxis ||
+                 none.minorAxis || none.orientation || none.verticalUncertainty);
 }
 
 TEST(PositionRecord, HeightTakesAsManyAxesAsItReachesWithItsNul) {
@@ -121,12 +118,9 @@ TEST(PositionRecord, TextsThatAreNoFiniteNumberAreAbsent) {
         EXPECT_FALSE(p.majorAxis) << text;
         EXPECT_FALSE(p.verticalUncertainty) << text;
     }
-}
-
-TEST(PositionRecord, NanAsHeightIsAbsentAndHarmsNoOtherField) {
     const Position p = position_of({"1", "", "", "-nan", "2.5", "", "", ""});
     EXPECT_FALSE(p.height);
-    EXPECT_EQ(p.majorAxis, 2.5);
+    EXPECT_EQ(p.majorAxis, 2.5) << "a height harms no other field";
 }
 
 TEST(Record, ResultsAreTheirCodeAndValue) {
@@ -156,14 +150,11 @@ TEST(Record, BannerIsNoSentence) {
     EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0)).kind, RecordKind::kBanner);
 }
 
-TEST(Record, SentenceThatFillsThePayloadIsKeptWhole) {
-    const std::string text = "$" + std::string(TAVOR_PAYLOAD_SIZE - 1, 'x');
-    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
-}
-
-TEST(Record, NulInsideASentenceIsKept) {
-    const std::string text = std::string("$GP") + '\0' + "GGA\r\n";
-    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
+TEST(Record, SentenceIsKeptWhole) {
+    for (const std::string& text :
+         {"$" + std::string(TAVOR_PAYLOAD_SIZE - 1, 'x'), std::string("$GP\0GGA\r\n", 9)}) {
+        EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
+    }
 }
 
 TEST(Record, PositionIsReadFromItsBlock) {

@@ -392,27 +392,6 @@ TEST_F(LocationConfig, FailedCloseIsLoggedAndChangesNoValue) {
     }
 }
 
-TEST_F(LocationConfig, FailedOpenOfEachKeyChangesNothing) {
-    config("SPI port path=/dev/spidev0.0\nSPI frequency=1\nSPI bit order=1\nSPI CPHA=1\nSPI CPOL=1\n");
-    text("SPI port path=");
-    for (int nth = 1; nth <= 5; ++nth) {
-        interpose_fail("open", nth, EMFILE);
-        SpiPortConfig spi = {};
-        const Lines lines = lines_of(capture_stdout([&] { location_config_get_spi(&spi); }));
-        ASSERT_EQ(lines.size(), 7U);
-        EXPECT_EQ(lines[0], kOpenFail);
-        EXPECT_STREQ(spi.path, "/dev/spidev0.0");
-        EXPECT_EQ(spi.frequency + spi.bit_order + spi.cpha + spi.cpol, 4);
-    }
-}
-
-TEST_F(LocationConfig, ChangeOfTheFileTakesEffectAtTheNextCall) {
-    config("DA path=/a\n");
-    EXPECT_EQ(text("DA path="), "/a");
-    config("DA path=/b\n");
-    EXPECT_EQ(text("DA path="), "/b");
-}
-
 TEST_F(LocationConfig, FileStaysOpenNowhere) {
     config("DA path=/a\nSPI CPOL=1\n");
     const auto before = open_files();

@@ -128,7 +128,11 @@ TEST_F(DebugSerialTest, WhatTheLineCantTakeIsDroppedInWholeBlocksAndToldOnce) {
     open_line();
     limit_queue(debug_queue(), 4);
     handle_text(kMoreThanTheLineHolds);
-    ASSERT_TRUE(wait_until([] { return messages_in_queue() == 0; })); // the line has it
+    std::string seen;
+    ASSERT_TRUE(wait_until([&] { // the outlet writes it, so that nothing waits any more
+        seen += read_now(line.master);
+        return !seen.empty();
+    }));
     const auto start = Clock::now();
     const std::string block(10'000, 'b');
     for (int i = 0; i < 300; ++i) { // the first four wait in the queue
@@ -137,7 +141,6 @@ TEST_F(DebugSerialTest, WhatTheLineCantTakeIsDroppedInWholeBlocksAndToldOnce) {
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(log_count(kSendFail), 1U);
 
-    std::string seen;
     ASSERT_TRUE(wait_until([&] { // room again, but blocks still wait
         seen += read_bytes(line.master, 1000);
         return messages_in_queue() < 4;

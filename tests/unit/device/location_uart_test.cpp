@@ -359,24 +359,6 @@ TEST(LocationUart, ReadNeverDeliversMoreThanItsBufferHolds) {
     EXPECT_EQ(log, "[LOCSERV] ERR: [UART]unrecognized char 0x41\n");
 }
 
-TEST(LocationUart, XoffFromThePeerStopsTheLineUntilXon) {
-    const Line line(UART_FLOW_SOFTWARE);
-    line.terminal.write("\x13");
-    ASSERT_TRUE(wait_until([&] { // the line is stopped when a write that does not wait is refused
-        fcntl(line.handle.fd, F_SETFL, O_NONBLOCK);
-        const bool stopped = write(line.handle.fd, "x", 1) == -1;
-        fcntl(line.handle.fd, F_SETFL, 0);
-        return stopped;
-    }));
-    line.terminal.write("\x11");
-    EXPECT_TRUE(wait_until([&] {
-        fcntl(line.handle.fd, F_SETFL, O_NONBLOCK);
-        const bool going = write(line.handle.fd, "y", 1) == 1;
-        fcntl(line.handle.fd, F_SETFL, 0);
-        return going;
-    }));
-}
-
 TEST(LocationUart, ClosedHandleReadsAndWritesNothing) {
     const UartHandle handle{.fd = -1, .flow_control = 0};
     uint8_t buffer[4] = {};

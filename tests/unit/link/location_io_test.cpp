@@ -377,21 +377,6 @@ TEST_F(LocationIo, ReadThatClaimsMoreThanTheRoomIsCutBack) {
     EXPECT_EQ(fake.mirrored, std::vector<string>{string(kBufferSize, 'x')});
 }
 
-TEST_F(LocationIo, BurstOfShortSentencesKeepsItsOrder) {
-    string stream;
-    string expected;
-    for (int i = 0; i < 3000; ++i) {
-        const string one = sentence("GPTXT," + std::to_string(i));
-        stream += one;
-        expected += "11:" + one + ";";
-    }
-    for (size_t at = 0; at < stream.size(); at += 4095) {
-        feed({stream.substr(at, 4095)});
-    }
-    with_thread([&] { EXPECT_TRUE(wait_for_messages(3000)); });
-    EXPECT_EQ(texts(fake.messages), expected);
-}
-
 TEST_F(LocationIo, SecondStartFindsTheThread) {
     const string log = with_thread([&] {
         EXPECT_TRUE(wait_for_sleeps(1));

@@ -107,19 +107,6 @@ TEST_F(LocationPosition, GgaSendsThePositionBlock) {
     EXPECT_EQ(block.substr(94), string(162, '\0'));
 }
 
-TEST_F(LocationPosition, GstAndEpeShowInTheNextBlock) {
-    nmea("$GPGST,1,2,8.7,4.7,132.3,6,7,8*00\r\n");
-    nmea("$GPEPE,1.5,2.25*00\r\n");
-    EXPECT_TRUE(world.replies.empty());
-    nmea(kGga);
-    ASSERT_EQ(world.replies.size(), 1U);
-    const string& block = world.replies[0].payload;
-    EXPECT_EQ(text_at(block, 52), "8.7");
-    EXPECT_EQ(text_at(block, 62), "4.7");
-    EXPECT_EQ(text_at(block, 72), "132.3");
-    EXPECT_EQ(text_at(block, 82), "2.25");
-}
-
 TEST_F(LocationPosition, ShortGgaOrItsNameAnywhereSendsTheUnchangedRecord) {
     nmea(kGga);
     nmea("$GPGGA,235959,1*00\r\n");
