@@ -18,7 +18,6 @@ void PrintTo(const Fault& fault, std::ostream* out) {
 }
 
 constexpr int kCycles = 200;
-constexpr std::chrono::seconds kStopLimit(5); // on a busy machine; 2 s are promised on a quiet one
 
 } // namespace
 
@@ -48,17 +47,6 @@ TEST_P(FaultState, StartAndStopManyTimesLeavesNothingBehind) {
     }
     EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
     EXPECT_EQ(daemon.descriptors(), descriptors);
-    board.fault("all", "off");
-    expect_chip_works();
-}
-
-TEST_P(FaultState, StopBehindHundredsOfCommandsIsAnsweredSoon) {
-    expect_chip_works();
-    apply();
-    for (int i = 0; i < 600; ++i) {
-        ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
-    }
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, "", kStopLimit), 0);
     board.fault("all", "off");
     expect_chip_works();
 }

@@ -143,17 +143,7 @@ void location_service_task_send_message(uint32_t id, void* data, uint32_t length
 
 XodDownload::XodDownload() {
     const Guard guard(xod_fakes.lock);
-    xod_fakes.now = 0;
-    xod_fakes.timers.clear();
-    xod_fakes.failing_creates.clear();
-    xod_fakes.creates = 0;
-    xod_fakes.starts.clear();
-    xod_fakes.hours.clear();
-    xod_fakes.read_hours = nullptr;
-    xod_fakes.transfers.clear();
-    xod_fakes.results.clear();
-    xod_fakes.during_transfer = nullptr;
-    xod_fakes.messages.clear();
+    static_cast<XodDownloadWorld&>(xod_fakes) = {};
 }
 
 // A good download resets the retry counter, which outlives even the machinery.

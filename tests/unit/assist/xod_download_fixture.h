@@ -32,8 +32,7 @@ struct FakeMessage {
     int64_t retry_in; // as it was when the message came
 };
 
-struct XodDownloadFakes {
-    std::recursive_mutex lock;
+struct XodDownloadWorld {
     int64_t now = 0; // ms
     std::vector<FakeTimer> timers;
     std::vector<int> failing_creates; // numbers of the calls that fail, from 1
@@ -45,6 +44,10 @@ struct XodDownloadFakes {
     std::vector<int32_t> results;                         // of the next transfers, then 0
     std::function<void(uint32_t type)> during_transfer;
     std::vector<FakeMessage> messages;
+};
+
+struct XodDownloadFakes : XodDownloadWorld {
+    std::recursive_mutex lock;
 };
 
 extern XodDownloadFakes xod_fakes;

@@ -221,27 +221,26 @@ TEST_F(LocationGpio, ConfigSetsDirectionValueAndEdgeInThisOrder) {
     EXPECT_TRUE(log.empty());
 }
 
-TEST_F(LocationGpio, AnyDirectionButZeroIsIn) {
+TEST_F(LocationGpio, DirectionsAndEdgesHaveTheirWordsWhichAreWrittenOnce) {
     make_node("17");
-    for (const int32_t direction : {1, 2, 99, -2}) {
-        sysfs.files["gpio17/direction"] = "out\n";
-        EXPECT_EQ(run([=] { return location_gpio_config(17, direction, -1, -1); }), 0);
-        EXPECT_EQ(writes(), Lines{"write gpio17/direction in"});
-        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]in"});
-    }
-}
-
-TEST_F(LocationGpio, EdgesHaveTheirWordsAndAllOthersAreNone) {
-    make_node("17");
-    const std::vector<std::pair<int32_t, std::string>> cases = {{1, "rising"}, {2, "falling"}, {3, "both"},
-                                                                {0, "none"},   {7, "none"},    {-2, "none"}};
-    for (const auto& [number, word] : cases) {
-        const int32_t edge = number; // clang 14 captures no binding
-        sysfs.files["gpio17/edge"] = "?\n";
-        EXPECT_EQ(run([=] { return location_gpio_config(17, -1, -1, edge); }), 0);
-        EXPECT_EQ(writes(), Lines{"write gpio17/edge " + word});
-        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]" + word});
-        EXPECT_EQ(run([=] { return location_gpio_config(17, -1, -1, edge); }), 0);
+    const struct {
+        std::string attribute;
+        int32_t number;
+        std::string word;
+    } rows[] = {{"direction", 1, "in"},  {"direction", 2, "in"}, {"direction", 99, "in"},
+                {"direction", -2, "in"}, {"edge", 1, "rising"},  {"edge", 2, "falling"},
+                {"edge", 3, "both"},     {"edge", 0, "none"},    {"edge", 7, "none"},
+                {"edge", -2, "none"}};
+    for (const auto& row : rows) {
+        sysfs.files["gpio17/" + row.attribute] = "?\n";
+        const auto set = [&] {
+            return row.attribute == "edge" ? location_gpio_config(17, -1, -1, row.number)
+                                           : location_gpio_config(17, row.number, -1, -1);
+        };
+        EXPECT_EQ(run(set), 0);
+        EXPECT_EQ(writes(), Lines{"write gpio17/" + row.attribute + " " + row.word});
+        EXPECT_EQ(log, Lines{"[LOCSERV] ERR: [GPIO]" + row.word});
+        EXPECT_EQ(run(set), 0);
         EXPECT_TRUE(writes().empty());
         EXPECT_TRUE(log.empty());
     }
@@ -374,15 +373,6 @@ TEST_F(LocationGpio, PowerOffSurvivesAnySingleFailure) {
             EXPECT_EQ(sysfs.open_count, 0);
         }
     }
-}
-
-TEST_F(LocationGpio, PowerOffNeedsNoFreeDescriptorNorAConfiguration) {
-    configure("42");
-    EXPECT_EQ(run(location_gpio_power_on), 0);
-    std::filesystem::remove(interpose_map("/etc/default/tavor/tavor.conf"));
-    sysfs.no_descriptor = true;
-    EXPECT_EQ(run(location_gpio_power_off), 0);
-    EXPECT_EQ(sysfs.files["gpio42/value"], "0\n");
 }
 
 TEST_F(LocationGpio, LineThatCouldBeSwitchedOnCanBeSwitchedOffWhenDescriptorsRunOut) {

@@ -48,14 +48,6 @@ TEST_F(HostMuxOpen, OpensAndCloses) {
     EXPECT_EQ(g_host_mux_spi_master_wait_receive_done_xSemaphore, nullptr);
 }
 
-TEST_F(HostMuxOpen, SecondInitDoesNothing) {
-    ASSERT_EQ(init(), 0);
-    const uint32_t id = handle.id;
-    EXPECT_EQ(init(), 0);
-    EXPECT_EQ(lines, Lines({"host_mux_init, mux exist"}));
-    EXPECT_EQ(handle.id, id);
-}
-
 TEST_F(HostMuxOpen, DeviceThatCanNotBeOpenedFailsTheInit) {
     snprintf(config.path, sizeof config.path, "/dev/spidev9.9");
     EXPECT_EQ(init(), -1);

@@ -5,19 +5,27 @@
 
 namespace {
 
-const Bytes kGive = {}; // stands for a give of the mutex among the frames
-
 struct Turns {
     const MuxSlave* slave = nullptr; // null: nothing is recorded
     size_t frames_seen = 0;
-    Frames order; // frames and gives as they came
+    Lines order; // frames in hexadecimal digits and gives, as they came
 } turns;
+
+std::string digits(const Bytes& frame) {
+    std::string text;
+    for (const uint8_t byte : frame) {
+        char two[3];
+        snprintf(two, sizeof two, "%02x", byte);
+        text += two;
+    }
+    return text;
+}
 
 void note_frames() {
     const Frames& frames = turns.slave->frames;
-    turns.order.insert(turns.order.end(), frames.begin() + static_cast<std::ptrdiff_t>(turns.frames_seen),
-                       frames.end());
-    turns.frames_seen = frames.size();
+    for (; turns.frames_seen < frames.size(); ++turns.frames_seen) {
+        turns.order.push_back(digits(frames[turns.frames_seen]));
+    }
 }
 
 struct HostMuxTurns : HostMux {
@@ -43,7 +51,7 @@ extern "C" int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
     if (turns.slave != nullptr && mutex == g_host_mux_spi_master_mutex) {
         note_frames();
-        turns.order.push_back(kGive);
+        turns.order.emplace_back("give");
     }
     return __real_pthread_mutex_unlock(mutex);
 }
@@ -52,40 +60,17 @@ TEST_F(HostMuxTurns, ReceiveGivesTheMutexBeforeAndBehindEachPhase) {
     slave.give({'a', 'b', 'c'});
     ASSERT_TRUE(receive());
     note_frames();
-    EXPECT_EQ(turns.order, Frames({kOnFrame,
-                                   kStatusFrame,
-                                   kGive,
-                                   {0x0A, 0x08, 0, 0, 0, 3, 0, 0, 0},
-                                   kStatusFrame,
-                                   {0x81, 0, 0, 0, 0},
-                                   kGive,
-                                   {0x0A, 0x00, 0x20, 0, 0, 2, 0, 0, 0},
-                                   kStatusFrame,
-                                   {0x81, 0, 0, 0},
-                                   kStatusFrame,
-                                   kGive,
-                                   kOffFrame,
-                                   kStatusFrame,
-                                   kGive}));
+    EXPECT_EQ(turns.order, (Lines{"04", "0600", "give",                                     // power on
+                                  "0a0800000003000000", "0600", "8100000000", "give",       // length
+                                  "0a0020000002000000", "0600", "81000000", "0600", "give", // data
+                                  "02", "0600", "give"}));                                  // power off
 }
 
 TEST_F(HostMuxTurns, SendGivesTheMutexBeforeAndBehindEachPhase) {
     ASSERT_TRUE(send({'a', 'b', 'c'}));
     note_frames();
-    EXPECT_EQ(turns.order, Frames({kOnFrame,
-                                   kStatusFrame,
-                                   kGive,
-                                   {0x0A, 0x04, 0, 0, 0, 3, 0, 0, 0},
-                                   kStatusFrame,
-                                   {0x81, 0, 0, 0, 0},
-                                   kStatusFrame,
-                                   kGive,
-                                   {0x0C, 0x00, 0x10, 0, 0, 2, 0, 0, 0},
-                                   kStatusFrame,
-                                   {0x0E, 'a', 'b', 'c'},
-                                   kStatusFrame,
-                                   kGive,
-                                   kOffFrame,
-                                   kStatusFrame,
-                                   kGive}));
+    EXPECT_EQ(turns.order, (Lines{"04", "0600", "give",                                       // power on
+                                  "0a0400000003000000", "0600", "8100000000", "0600", "give", // length
+                                  "0c0010000002000000", "0600", "0e616263", "0600", "give",   // data
+                                  "02", "0600", "give"}));                                    // power off
 }

@@ -388,15 +388,6 @@ TEST_F(ReplyTest, KeptResultIsNotOvertakenByOneThatMayWait) {
     expect_arrives(reader, TAVOR_CODE_CHIP, (Values{1, 2}));
 }
 
-TEST_F(ReplyTest, KeptResultArrivesWithoutAnythingElseToSend) {
-    Reader& reader = client("c", kNever);
-    fill(reader);
-    send(SERVICE_SAVE_LOCATION, 7);
-    EXPECT_TRUE(retry());
-    expect_arrives(reader, TAVOR_CODE_SAVE_LOCATION, Values{7});
-    EXPECT_EQ(losses, 0U);
-}
-
 TEST_F(ReplyTest, EachResultIsKeptAndNeitherSentenceNorPositionIs) {
     for (const TavorRow& row : kTavorRows) {
         Reader& reader = client("c" + std::to_string(row.id), kNever);

@@ -493,24 +493,6 @@ TEST_F(TavorTest, RunEndsWhenTheServiceCanNotBeStarted) {
     EXPECT_EQ(run(), -1);
 }
 
-TEST_F(TavorTest, SecondDaemonLeavesTheFirstAlone) {
-    const int lock = open(directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_EQ(flock(lock, LOCK_EX | LOCK_NB), 0);
-    const auto bound = std::filesystem::last_write_time(directory());
-    g_during_init = [] {
-        ADD_FAILURE() << "the queue of the first would be thrown away";
-        return -1;
-    };
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(run(), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "tavor is already running\n");
-    EXPECT_EQ(std::filesystem::last_write_time(directory()), bound) << "the socket was touched";
-    close(lock);
-    g_during_init = [] { return -1; };
-    EXPECT_EQ(run(), -1) << "the lock has died with its holder";
-    EXPECT_EQ(run(), -1) << "and the end of a daemon gives it back";
-}
-
 TEST_F(TavorTest, DaemonThatCanNotLockItsDirectoryDoesNotRun) {
     const auto bound = std::filesystem::last_write_time(directory());
     g_during_init = [] {
