@@ -16,6 +16,7 @@ bool read_fails(FILE* file, int* calls_before) {
     const bool fails = strikes(calls_before);
     if (fails) {
         fputc('x', file); // opened for reading only: marks it as failed
+        errno = EIO;
     }
     return fails;
 }
@@ -33,7 +34,11 @@ extern "C" {
 
 void* __real_malloc(size_t size);
 void* __wrap_malloc(size_t size) {
-    return strikes(&call_faults.malloc) ? nullptr : __real_malloc(size);
+    if (strikes(&call_faults.malloc)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_malloc(size);
 }
 
 void* __real_calloc(size_t n, size_t size);

@@ -2,6 +2,7 @@
 
 #include "interpose/fail.h"
 #include "interpose/paths.h"
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
 #include "support/thread_end.h"
@@ -17,33 +18,6 @@
 #include <unistd.h>
 #include <utility>
 #include <vector>
-
-namespace {
-
-// Strike once.
-bool g_fread_fails = false;
-bool g_malloc_fails = false;
-
-} // namespace
-
-extern "C" size_t __real_fread(void* data, size_t size, size_t count, FILE* file);
-extern "C" size_t __wrap_fread(void* data, size_t size, size_t count, FILE* file) {
-    if (!std::exchange(g_fread_fails, false)) {
-        return __real_fread(data, size, count, file);
-    }
-    file->_flags |= _IO_ERR_SEEN;
-    errno = EIO;
-    return 0;
-}
-
-extern "C" void* __real_malloc(size_t size);
-extern "C" void* __wrap_malloc(size_t size) {
-    if (!std::exchange(g_malloc_fails, false)) {
-        return __real_malloc(size);
-    }
-    errno = ENOMEM;
-    return nullptr;
-}
 
 namespace {
 
@@ -341,11 +315,11 @@ TEST_F(LocationConfig, ContentThatCanNotBeReadIsNotTakenForTheFile) {
     config("DA path=/a\n");
     text("DA path=");
     config("DA path=/b\n");
-    g_fread_fails = true;
+    call_faults.fread = 0;
     EXPECT_EQ(text("DA path="), "/a");
     EXPECT_EQ(log, Lines{stands_in(EIO)});
     EXPECT_EQ(text("DA path="), "/b");
-    g_malloc_fails = true;
+    call_faults.malloc = 0;
     EXPECT_EQ(text("DA path="), "/b");
     EXPECT_EQ(log, Lines{stands_in(ENOMEM)});
 }

@@ -1,5 +1,6 @@
 #include "device/location_uart.h"
 
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/debug_support.h"
 
@@ -16,7 +17,6 @@
 namespace {
 
 struct FailureState {
-    bool malloc = false;
     bool fcntl = false;
     bool tcsetattr = false;
 } failure;
@@ -36,11 +36,6 @@ termios applied;
 } // namespace
 
 extern "C" {
-
-void* __real_malloc(size_t size);
-void* __wrap_malloc(size_t size) {
-    return failure.malloc ? nullptr : __real_malloc(size);
-}
 
 int __real_fcntl(int fd, int command, ...);
 int __wrap_fcntl(int fd, int command, long argument) { // every command used here takes a number or none
@@ -303,9 +298,9 @@ TEST(LocationUart, LineThatCantBeMadeBlockingIsReportedAndUsedAllTheSame) {
 TEST(LocationUart, EscapedWriteWithoutMemoryFailsAndWritesNothing) {
     const Line line(UART_FLOW_SOFTWARE);
     const std::string log = capture_stdout([&] {
-        failure.malloc = true;
+        call_faults.malloc = kEachCall;
         EXPECT_EQ(location_uart_write(bytes_of("A"), 1, line.handle), -1);
-        failure.malloc = false;
+        call_faults.malloc = kNoFault;
     });
     EXPECT_EQ(log, "[LOCSERV] ERR: location_uart_write, malloc fail\n");
     EXPECT_EQ(write_text("B", line.handle), 1);

@@ -1,6 +1,7 @@
 #include "device/port_platform.h"
 
 #include "device_record.h"
+#include "support/call_fault.h"
 #include "support/format_fault.h"
 
 #include <atomic>
@@ -19,25 +20,18 @@ struct Wrapped {
     std::vector<useconds_t> sleeps;
     std::vector<timeval> selects;
     std::vector<int> select_errors; // taken from the front; then success
-    bool malloc_fails;
     int destroy_result;
 } wrapped;
 
 } // namespace
 
 extern "C" {
-void* __real_malloc(size_t size);
-void* __wrap_malloc(size_t size);
 int __real_sem_destroy(sem_t* semaphore);
 int __wrap_sem_destroy(sem_t* semaphore);
 int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex);
 int __wrap_usleep(useconds_t us);
 int __wrap_select(int count, fd_set* in, fd_set* out, fd_set* err, timeval* timeout);
-
-void* __wrap_malloc(size_t size) {
-    return wrapped.malloc_fails ? nullptr : __real_malloc(size);
-}
 
 int __wrap_sem_destroy(sem_t* semaphore) {
     const int result = __real_sem_destroy(semaphore);
@@ -255,10 +249,10 @@ TEST_F(PortPlatform, FailedCreationGivesNullSilentlyWhichIsRefused) {
                   EXPECT_EQ(port_platform_create_mutex(), nullptr);
                   interpose_fail("sem_init", 1, ENOSPC);
                   EXPECT_EQ(port_platform_create_semaphore(), nullptr);
-                  wrapped.malloc_fails = true;
+                  call_faults.malloc = kEachCall;
                   EXPECT_EQ(port_platform_create_semaphore(), nullptr);
                   EXPECT_EQ(port_platform_create_mutex(), nullptr);
-                  wrapped.malloc_fails = false;
+                  call_faults.malloc = kNoFault;
               }),
               "");
     EXPECT_EQ(port_platform_give_semaphore(nullptr), -1);

@@ -5,13 +5,13 @@
 #include "service/location_service.h"
 #include "service/tavor_reply.h"
 #include "service_fakes.h"
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
 #include "support/wait.h"
 #include "tavor/protocol.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -24,17 +24,6 @@
 #include <unistd.h>
 
 using Texts = std::vector<std::string>;
-
-namespace {
-
-std::atomic<bool> g_malloc_fails = false;
-
-} // namespace
-
-extern "C" void* __real_malloc(size_t size);
-extern "C" void* __wrap_malloc(size_t size) {
-    return g_malloc_fails ? nullptr : __real_malloc(size);
-}
 
 namespace {
 
@@ -123,9 +112,9 @@ TEST_F(ServiceTest, StartIgnoresADebugFailureAndReportsAPowerFailure) {
 }
 
 TEST_F(ServiceTest, StartWithoutMemoryForTheBannerGoesOnWithoutIt) {
-    g_malloc_fails = true;
+    call_faults.malloc = kEachCall;
     const int32_t result = location_service_start();
-    g_malloc_fails = false;
+    call_faults.malloc = kNoFault;
     EXPECT_EQ(result, 0);
     msqid_ds info = {};
     ASSERT_EQ(msgctl(g_service_state.msqid, IPC_STAT, &info), 0);

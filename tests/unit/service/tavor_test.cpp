@@ -4,6 +4,7 @@
 #include "service/location_service.h"
 #include "service/tavor.h"
 #include "service/tavor_reply.h"
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/private_dir.h"
 #include "support/wait.h"
@@ -40,7 +41,6 @@ using Texts = std::vector<std::string>;
 
 namespace {
 
-std::atomic<bool> g_malloc_fails = false;
 int g_flock_error = 0; // 0: it does not fail
 ResponseCallback g_installed = nullptr;
 std::function<int32_t()> g_during_init;
@@ -50,11 +50,6 @@ const Texts kQueueFull = {"[LOCSERV] ERR: location_service_task_send_message, Fa
 const Texts kSendError = {"[LOCSERV] ERR: tavor_send_response, sendto error"};
 
 } // namespace
-
-extern "C" void* __real_malloc(size_t size);
-extern "C" void* __wrap_malloc(size_t size) {
-    return g_malloc_fails ? nullptr : __real_malloc(size);
-}
 
 extern "C" int __real_flock(int fd, int operation);
 extern "C" int __wrap_flock(int fd, int operation) {
@@ -338,9 +333,9 @@ TEST_F(TavorTest, CommandWithoutMemoryIsDroppedWithALine) {
     client.send(8, "x");
     int32_t result = -1;
     const std::string out = capture_stdout([&] {
-        g_malloc_fails = true;
+        call_faults.malloc = kEachCall;
         result = tavor_receive();
-        g_malloc_fails = false;
+        call_faults.malloc = kNoFault;
     });
     EXPECT_EQ(lines_of(out), Texts{"[LOCSERV] ERR: [tavor]cmd buf, malloc fail"});
     EXPECT_EQ(result, 0);
