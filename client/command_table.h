@@ -72,6 +72,11 @@ inline constexpr CommandRow kCommands[] = {
      "--duration or an interrupt. Times are ISO 8601; a gap begins a new segment.\n\n"
      "Examples:\n  tavorctl export --gpx track.nmea > track.gpx\n  tavorctl export --csv --duration 60\n"
      "  zcat track.nmea.gz | tavorctl export --geojson -"},
+    {"monitor", Command::kMonitor, "Start positioning and show it on the whole screen",
+     "Position, satellites with their signals, the sky, rates and answers of the chip. Keys: s starts, x stops,\n"
+     "v saves, o chooses the debug outlet, : takes a command to the chip, q leaves. Positioning goes on unless\n"
+     "--stop is given. --once prints one frame of 80x24 as text and needs no terminal (limit: 10 s).\n\n"
+     "Examples:\n  tavorctl monitor\n  tavorctl monitor --once > report.txt"},
 };
 
 struct FormatRow {

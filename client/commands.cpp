@@ -5,6 +5,7 @@
 #include "client/download_check.h"
 #include "client/export.h"
 #include "client/follow.h"
+#include "client/monitor.h"
 #include "client/position.h"
 #include "client/print.h"
 #include "client/record.h"
@@ -198,6 +199,8 @@ int commands_run(const Options& options, int interrupt) {
         return record_run(session);
     case Command::kExport:
         return export_run(session);
+    case Command::kMonitor:
+        return monitor_run(session);
     case Command::kStart:
         return options.wait_s ? position_run_start(session) : run_simple(session);
     default:

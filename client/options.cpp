@@ -178,6 +178,10 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
     case Command::kExport:
         add_export_options(app, options);
         break;
+    case Command::kMonitor:
+        app.add_flag("--once", options.once, "Print one frame as text");
+        app.add_flag("--stop", options.stop, "Stop positioning at the end");
+        break;
     case Command::kDownload:
         add_log(app, options);
         app.add_flag("--check", options.check, "Only look at list, agent and images; nothing is requested");
@@ -216,8 +220,8 @@ std::string check_together(const CLI::App& app, const Options& options) {
     if (options.raw && options.json) {
         return "--raw excludes --json";
     }
-    const bool track = options.command == Command::kExport;
-    if (options.json && (track || (options.command == Command::kRecord && options.file == "-"))) {
+    const bool own = options.command == Command::kExport || options.command == Command::kMonitor;
+    if (options.json && (own || (options.command == Command::kRecord && options.file == "-"))) {
         return "--json excludes what goes to standard output itself";
     }
     return "";

@@ -20,7 +20,8 @@ enum class Command {
     kDownload,
     kStatus,
     kRecord,
-    kExport
+    kExport,
+    kMonitor
 };
 
 // Of an exported track.
@@ -45,7 +46,7 @@ struct Options {
     std::string start_wait;          // start: the text of wait_s; empty: not given
     bool fix = false;                // start: wait for a fix
     std::optional<double> max_age_s; // position: none: any
-    bool once = false;               // assist: end after the first full cycle
+    bool once = false;               // assist: end after the first full cycle; monitor: one frame
     std::string body;                // send
     std::string outlet;              // debug: off, file, serial or tcp
     std::string log;        // status, assist, download: file with the daemon's log; empty: the journal

@@ -37,6 +37,7 @@ Sentence sentence_split(std::string_view text) {
     for (std::string_view& field : sentence.fields) {
         const size_t comma = text.find(',');
         field = text.substr(0, comma);
+        ++sentence.count;
         if (comma == std::string_view::npos) {
             break;
         }

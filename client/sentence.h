@@ -18,6 +18,7 @@ struct Sentence {
     std::string_view talker;                              // "GP"
     std::string_view type;                                // "GGA"; empty when it is no sentence of a talker
     std::array<std::string_view, kSentenceFields> fields; // [0] is talker and type; the checksum is left out
+    size_t count = 0; // of fields; those that have no room are not counted
 };
 
 // Cuts a sentence, line end included or not. The fields point into it.

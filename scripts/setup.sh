@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
     g++ cmake ninja-build pkg-config
     libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev
-    libcli11-dev nlohmann-json3-dev libevent-dev
+    libcli11-dev nlohmann-json3-dev libevent-dev libncurses-dev
     libgtest-dev libbenchmark-dev zlib1g-dev
     clang-format clang-tidy patch mandoc bash-completion
 )

@@ -1,0 +1,23 @@
+// The terminal as a screen. Built without ncurses it can't be opened.
+#ifndef TAVOR_CLIENT_SCREEN_H
+#define TAVOR_CLIENT_SCREEN_H
+
+#include "client/grid.h"
+
+#include <string>
+
+// Takes the terminal. Returns what is missing and what to do about it, empty on success.
+std::string screen_open();
+
+// Gives the terminal back.
+void screen_close();
+
+int screen_width();
+int screen_height();
+
+void screen_show(const Grid& grid);
+
+// The next key, as monitor_key takes it, without waiting; -1 for none, 0 for one that means nothing here.
+int screen_key();
+
+#endif
