@@ -25,6 +25,8 @@ namespace {
 // As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
 [[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
+const host_mux_handle kShipped = g_location_serial_handle; // before any test
+
 struct SerialPort : testing::Test {
     void SetUp() override {
         interpose_set_root(directory.path.string());
@@ -107,6 +109,11 @@ void attach_log(DeviceLog* log) {
 }
 
 } // namespace
+
+TEST(SerialPortHandle, IsShippedForSpiAndClosed) {
+    EXPECT_EQ(kShipped.bus_type, HOST_MUX_BUS_SPI);
+    EXPECT_EQ(kShipped.id, kHostMuxClosed);
+}
 
 TEST_F(SerialPort, OpensTheConfiguredBus) {
     directory.write("etc/default/tavor/tavor.conf", "SPI port path=/dev/spidev2.1\n"

@@ -15,6 +15,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
+#include <pthread.h>
 #include <sys/time.h>
 #include <thread>
 
@@ -85,7 +86,16 @@ bool has_room(const Reader& reader) {
     return reader.queue.size() <= kernel.queue_length;
 }
 
+thread_local int g_locks = 0; // taken by this thread
+
 } // namespace
+
+extern "C" int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    ++g_locks;
+    return __real_pthread_mutex_lock(mutex);
+}
 
 extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now);
 extern "C" int __wrap_clock_gettime(clockid_t /*clock*/, timespec* now) {
@@ -497,6 +507,13 @@ TEST_F(ReplyTest, FailedRequestIsAnsweredBehindWhatIsKeptAndWithoutWaiting) {
     tavor_reply_failed(SERVICE_DEBUG_TCP);
     expect_arrives(reader, TAVOR_CODE_CHIP, Values{TAVOR_VALUE_FAILED});
     EXPECT_EQ(values_of(reader, TAVOR_CODE_DEBUG), (Values{TAVOR_VALUE_FAILED, 1, TAVOR_VALUE_FAILED}));
+}
+
+TEST_F(ReplyTest, AddressOfTheClientIsSetUnderItsLock) {
+    const TavorPeer one = peer("one");
+    const int before = g_locks;
+    tavor_reply_to(one);
+    EXPECT_EQ(g_locks, before + 1);
 }
 
 TEST_F(ReplyTest, AddressOfTheClientIsReadWholeWhileItChanges) {
