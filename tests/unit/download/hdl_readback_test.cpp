@@ -108,12 +108,24 @@ TEST_F(Readback, FewerDataAreCheckedAsIfZeroesFollowed) {
 }
 
 TEST_F(Readback, ThreeAttemptsOfASecondEach) {
-    const int64_t start = g_fakes.now;
-    EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0x1800));
-    EXPECT_EQ(g_fakes.now - start, 3000);
-    EXPECT_EQ(g_fakes.sent, std::vector<Bytes>(3, readback_command(0x1800)));
-    EXPECT_EQ(g_fakes.log, Texts(3, "[I] hdl_readback_kite res retry: addr=0x1800\n"));
-    EXPECT_FALSE(std::filesystem::exists(path));
+    for (const bool answered : {false, true}) { // the third
+        hdl_fakes_reset();
+        g_fakes.on_send = [answered](const Bytes&) {
+            if (answered && g_fakes.sent.size() == 3) {
+                g_fakes.arrives = {data_response(0x2101, piece('x'))};
+            }
+        };
+        const int64_t start = g_fakes.now;
+        EXPECT_EQ(hdl_readback_kite(path.c_str(), 0x1800), answered);
+        EXPECT_EQ(g_fakes.now - start, answered ? 2000 : 3000);
+        EXPECT_EQ(g_fakes.sent, std::vector<Bytes>(3, readback_command(0x1800)));
+        Texts expected(3, "[I] hdl_readback_kite res retry: addr=0x1800\n");
+        if (answered) {
+            expected[2] = "[I] hdl_readback_kite res done: addr=0x1800\n";
+        }
+        EXPECT_EQ(g_fakes.log, expected);
+        EXPECT_EQ(std::filesystem::exists(path), answered);
+    }
 }
 
 TEST_F(Readback, AChecksumThatNeverFitsFailsAfterThreeAttempts) {
@@ -138,18 +150,6 @@ TEST_F(Readback, AClockThatIsSetBackDoesNotHoldAnAttempt) {
     };
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
     EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 2U + 4 + 4 + 4);
-}
-
-TEST_F(Readback, TheThirdAttemptMaySucceed) {
-    g_fakes.on_send = [](const Bytes&) {
-        if (g_fakes.sent.size() == 3) {
-            g_fakes.arrives = {data_response(0x2101, piece('x'))};
-        }
-    };
-    EXPECT_TRUE(hdl_readback_kite(path.c_str(), 0));
-    EXPECT_EQ(g_fakes.log, (Texts{"[I] hdl_readback_kite res retry: addr=0x0\n",
-                                  "[I] hdl_readback_kite res retry: addr=0x0\n",
-                                  "[I] hdl_readback_kite res done: addr=0x0\n"}));
 }
 
 TEST_F(Readback, MoreDataThanAskedForAreRefused) {
@@ -200,11 +200,6 @@ TEST_F(Otp, AShorterLengthIsCheckedAndWrittenButFails) {
         EXPECT_EQ(dump(), std::string(16, 'o'));
         EXPECT_EQ(g_fakes.log, Texts{});
     }
-}
-
-TEST_F(Otp, ALongerLengthIsRefused) {
-    EXPECT_FALSE(hdl_read_otp_kite(path.c_str(), 0, 2049));
-    EXPECT_EQ(g_fakes.calls, Texts{});
 }
 
 TEST_F(Otp, AFileThatCantBeClosedIsToldByWhatWasWritten) {
@@ -277,7 +272,7 @@ TEST_F(Dump, OfOtpIsAskedForWithTheWholeLengthAtEveryStep) {
 }
 
 TEST_F(Dump, OfOtpFailsWithItsOwnLine) {
-    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0x100, 8192));
+    EXPECT_FALSE(hdl_read_otp_to_file(path.c_str(), 0x100, 2049));
     EXPECT_EQ(g_fakes.log, Texts{"[E] hdl_read_otp_kite addr=0x00000100 fail!\n"});
     EXPECT_EQ(g_fakes.calls, Texts{}); // the length is more than one request can carry
 }

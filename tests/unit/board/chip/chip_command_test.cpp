@@ -3,16 +3,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-ChipOptions quiet() {
-    ChipOptions options;
-    options.source = ChipSource::none;
-    return options;
-}
-
-} // namespace
-
 TEST(ChipCommands, GoodCommandIsAcknowledgedAndLogged) {
     for (const bool in_pieces : {false, true}) {
         Host host(quiet());

@@ -27,8 +27,7 @@ Bytes bytes_of(const std::string& text) {
 // The host's side on I2C, of a powered chip that sends nothing by itself.
 struct I2cHost {
     I2cHost() {
-        ChipOptions options;
-        options.source = ChipSource::none;
+        ChipOptions options = quiet();
         options.utc_at_zero_us = kNoonUs;
         chip_init(chip, options);
         chip_power(chip, true, 0);

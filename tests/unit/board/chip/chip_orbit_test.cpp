@@ -78,8 +78,7 @@ struct Asking {
     Asking() : host(options()) {}
 
     static ChipOptions options() {
-        ChipOptions options;
-        options.source = ChipSource::none;
+        ChipOptions options = quiet();
         options.orbit_requests = true;
         options.utc_at_zero_us = kNoonUs;
         options.seed = kSeed;

@@ -13,6 +13,13 @@
 inline constexpr uint64_t kNoonUs = 1718193600000000; // 2024-06-12 12:00:00 UTC
 inline constexpr uint64_t kSecondUs = 1000000;
 
+// A chip that sends nothing by itself.
+inline ChipOptions quiet() {
+    ChipOptions options;
+    options.source = ChipSource::none;
+    return options;
+}
+
 struct Host {
     // A chip with the options, powered at clock 0 with its interface switched on, unless off is asked for.
     explicit Host(ChipOptions options = {}, bool on = true);

@@ -248,15 +248,27 @@ TEST(BoardSpi, TheLastCloseForgetsTheSpeedAndKeepsTheMode) {
     EXPECT_EQ(board_spi(board.board).mode, uint32_t{SPI_CPOL});
 }
 
-TEST(BoardSpi, APartWithOtherWordsOrLinesIsRefused) {
+TEST(BoardSpi, MessageThatTheDriverRefusesMovesNothing) {
     TestBoard board;
     const BoardFile file = board.open_spi();
-    for (const BoardTransfer& part :
-         {BoardTransfer{nullptr, nullptr, 2, 16}, BoardTransfer{nullptr, nullptr, 2, 8, 4},
-          BoardTransfer{nullptr, nullptr, 2, 8, 1, 2}}) {
-        EXPECT_EQ(board_spi_message(board.board, file, &part, 1), -1);
-        EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(board.message(file, std::vector<uint8_t>(4096)).size(), 4096U);
+    const std::pair<std::vector<BoardTransfer>, int> refused[] = {
+        {{{nullptr, nullptr, 2, 16}}, EINVAL}, // other words
+        {{{nullptr, nullptr, 2, 8, 4}}, EINVAL},
+        {{{nullptr, nullptr, 2, 8, 1, 2}}, EINVAL}, // other lines
+        {{{nullptr, nullptr, 4097}}, EMSGSIZE},
+        {{{nullptr, nullptr, 0xFFFFFFFF}, {nullptr, nullptr, 2}}, EMSGSIZE},
+    };
+    for (const auto& [parts, error] : refused) {
+        EXPECT_EQ(board_spi_message(board.board, file, parts.data(), parts.size()), -1);
+        EXPECT_EQ(errno, error);
     }
+    EXPECT_EQ(board_status(board.board).transfers, 1U);
+    EXPECT_EQ(board_fault(board.board, "transfer-fail", "once"), "");
+    const BoardTransfer transfer = {nullptr, nullptr, 2};
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), 2);
 }
 
 TEST(BoardSpi, NodesTakeTheirOwnRequestsOnly) {
@@ -303,44 +315,15 @@ TEST(BoardSpi, OtherBitOrderMirrorsEveryByte) {
     const BoardFile right = board.open_spi();
     board.message(right, {0x04});
     EXPECT_EQ(board.message(right, {0x06, 0})[1], 0x01);
+    const uint8_t opcode = 0x06;
+    uint8_t status = 0xEE;
+    const BoardTransfer parts[] = {{&opcode, nullptr, 1}, {nullptr, &status, 1}};
+    EXPECT_EQ(board_spi_message(board.board, right, parts, 2), 2);
+    EXPECT_EQ(status, 0x01) << "the parts of a message are one frame";
     const BoardFile wrong = board.open_spi(false);
     EXPECT_EQ(board.message(wrong, {0x60, 0})[1], 0x80);
     board.message(wrong, {0x06, 0});
     EXPECT_EQ(board_status(board.board).last_violation, "unknown opcode (0x60)");
-}
-
-TEST(BoardSpi, PartsOfAMessageAreOneFrame) {
-    TestBoard board;
-    board.power_on();
-    const BoardFile file = board.open_spi();
-    board.message(file, {0x04});
-    const uint8_t opcode = 0x06;
-    uint8_t status = 0xEE;
-    const BoardTransfer parts[] = {{&opcode, nullptr, 1}, {nullptr, &status, 1}};
-    EXPECT_EQ(board_spi_message(board.board, file, parts, 2), 2);
-    EXPECT_EQ(status, 0x01);
-}
-
-TEST(BoardSpi, MessageAboveTheDriversBufferIsRefused) {
-    TestBoard board;
-    const BoardFile file = board.open_spi();
-    EXPECT_EQ(board.message(file, std::vector<uint8_t>(4096)).size(), 4096U);
-    const BoardTransfer transfer = {nullptr, nullptr, 4097};
-    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
-    const BoardTransfer wrapping[] = {{nullptr, nullptr, 0xFFFFFFFF}, {nullptr, nullptr, 2}};
-    EXPECT_EQ(board_spi_message(board.board, file, wrapping, 2), -1);
-    EXPECT_EQ(errno, EMSGSIZE);
-}
-
-TEST(BoardSpi, FailingTransferIsAnInputOutputError) {
-    TestBoard board;
-    const BoardFile file = board.open_spi();
-    EXPECT_EQ(board_fault(board.board, "transfer-fail", "once"), "");
-    const BoardTransfer transfer = {nullptr, nullptr, 2};
-    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), -1);
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(board_spi_message(board.board, file, &transfer, 1), 2);
 }
 
 TEST(BoardSpi, PlainReadAndWriteAreOneDirectionEach) {

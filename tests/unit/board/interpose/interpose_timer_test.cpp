@@ -139,13 +139,6 @@ TEST_F(InterposeTimer, AnAdvanceOfTheClockLetsItFire) {
     EXPECT_TRUE(wait_for_count(1));
 }
 
-TEST_F(InterposeTimer, RunsOnTheSpeedOfTheClock) {
-    BoardClock& clock = own_clock();
-    ASSERT_EQ(set(kInAnHour), 0);
-    board_clock_set_speed(clock, interpose_host_time, kBoardClockFastest);
-    EXPECT_TRUE(wait_for_count(1));
-}
-
 TEST_F(InterposeTimer, AnAbsoluteTimeIsOfItsOwnClock) {
     BoardClock& clock = own_clock();
     timespec now = {};
