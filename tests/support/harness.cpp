@@ -306,3 +306,20 @@ std::string payload_text(const tavor_response& response) {
     const char* text = reinterpret_cast<const char*>(response.payload);
     return {text, strnlen(text, sizeof response.payload)};
 }
+
+void BoardTest::expect_nothing_left_behind(int cycles, const std::function<void(int cycle)>& between) const {
+    start();
+    stop();
+    const size_t threads = daemon.threads();
+    const size_t descriptors = daemon.descriptors();
+    for (int cycle = 0; cycle < cycles && !HasFatalFailure(); ++cycle) {
+        SCOPED_TRACE(cycle);
+        start();
+        between(cycle);
+        stop();
+    }
+    EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
+    EXPECT_EQ(daemon.descriptors(), descriptors);
+    board.fault("all", "off");
+    expect_chip_works();
+}

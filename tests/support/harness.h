@@ -7,6 +7,7 @@
 #include "tavor/protocol.h"
 
 #include <chrono>
+#include <functional>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -123,6 +124,10 @@ struct BoardTest : testing::Test {
         start();
         EXPECT_TRUE(client.receive_code(TAVOR_CODE_POSITION)) << "the chip works again";
     }
+
+    // Starts and stops again and again, with something done in each round, and expects that no thread and no
+    // descriptor is left behind; then the board has no faults any more, and the chip works.
+    void expect_nothing_left_behind(int cycles, const std::function<void(int cycle)>& between) const;
 
     SimulatedBoard board;
     DaemonOnBoard daemon;

@@ -1,12 +1,9 @@
-// The debug outlet from outside: TCP clients and a slow serial line, beside a client that follows.
+// The debug outlet from outside: TCP clients beside a client that follows.
 #include "support/debug_support.h"
 #include "support/harness.h"
 
-#include <cmath>
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -14,31 +11,6 @@ namespace {
 
 constexpr size_t kMoreThanBuffersHold = 12'000'000; // a send buffer grows to 4 MB
 constexpr int kMostSentences = 600'000;             // three times what that takes
-
-// Seconds of the day that a sentence with its time in the first field tells.
-double seconds_of_day(const std::string& sentence) {
-    int hours = 0;
-    int minutes = 0;
-    double seconds = 0;
-    EXPECT_EQ(sscanf(sentence.c_str(), "$%*[A-Z],%2d%2d%lf", &hours, &minutes, &seconds), 3) << sentence;
-    return hours * 3600 + minutes * 60 + seconds;
-}
-
-// The message queue that the daemon's outlet says it has made, -1 before that.
-int debug_queue(const DaemonOnBoard& daemon) {
-    const std::string log = daemon.log();
-    const std::string text = "location_debug_start, creat msg:";
-    const size_t found = log.find(text);
-    return found == std::string::npos ? -1 : std::stoi(log.substr(found + text.size()));
-}
-
-size_t count_of(const std::string& log, const std::string& text) {
-    size_t count = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
-        ++count;
-    }
-    return count;
-}
 
 // A started daemon whose debug outlet is a TCP server.
 struct TcpOutlet {
@@ -82,56 +54,6 @@ TEST(DebugTcp, ClientThatNeverReadsStopsNobody) {
     }
     EXPECT_GE(passed, kMoreThanBuffersHold);
     EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-}
-
-TEST(DebugTcp, StopIsAnsweredWhileATypedByteWaitsForASilentChip) {
-    TcpOutlet outlet;
-    TcpClient engineer(outlet.port);
-    ASSERT_TRUE(engineer.gets("GGA,"));
-    outlet.board.fault("silence", "on");
-    engineer.send("x");
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0);
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_DEBUG_TCP, TAVOR_CODE_DEBUG), 0);
-    TcpClient again(outlet.port);
-    again.send("x");
-    EXPECT_EQ(outlet.client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
-}
-
-using DebugSerial = BoardTest;
-
-// A pseudo terminal has no speed: it is full from the start, and its peer reads slowly, 1000 bytes a second.
-// The queue is cut to four blocks, so that it is full within moments instead of minutes.
-TEST_F(DebugSerial, SlowLineHoldsUpNobodyAndItsLossIsTold) {
-    constexpr int kRounds = 80; // of a tenth of a second each
-    constexpr double kMostSecondsBehind = 1;
-    constexpr double kSecondsPerDay = 86400;
-    const PseudoTerminal line;
-    board.configure("debug port path", line.path);
-    ASSERT_EQ(client.ask(TAVOR_REQUEST_DEBUG_SERIAL, TAVOR_CODE_DEBUG), 0);
-    limit_queue(debug_queue(daemon), 4);
-    line.fill();
-    start();
-    std::optional<double> first; // host's clock less the chip's at the first position
-    const auto start = std::chrono::steady_clock::now();
-    for (int round = 0; round < kRounds;) {
-        const auto sentence = client.receive_code(TAVOR_CODE_NMEA);
-        ASSERT_TRUE(sentence);
-        const std::string text = payload_text(*sentence);
-        if (text.find("GGA,") == std::string::npos) {
-            continue;
-        }
-        ++round; // the chip tells one position a round
-        read_bytes(line.master, 100);
-        const std::chrono::duration<double> now = std::chrono::steady_clock::now() - start;
-        const double ahead = now.count() - seconds_of_day(text);
-        first = first.value_or(ahead);
-        ASSERT_LT(std::remainder(ahead - *first, kSecondsPerDay), kMostSecondsBehind) << "round " << round;
-    }
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG), 0);
-    const size_t begins = count_of(daemon.log(), "location_debug_handle, send Fail!");
-    EXPECT_GE(begins, 1U);
-    EXPECT_LE(begins, 8U) << "told each time the queue is full, not with each block";
-    EXPECT_EQ(count_of(daemon.log(), " blocks dropped"), begins);
 }
 
 TEST(DebugTcp, GpsdGetsAFixFromTheOutlet) {

@@ -17,38 +17,20 @@ void PrintTo(const Fault& fault, std::ostream* out) {
     *out << fault.name << "=" << fault.value;
 }
 
-constexpr int kCycles = 200;
-
 } // namespace
 
 class FaultState : public BoardTest, public testing::WithParamInterface<Fault> {
 protected:
     FaultState() : BoardTest({"--full-speed"}) {}
-
-    void apply() const {
-        if (GetParam().name[0] != '\0') {
-            board.fault(GetParam().name, GetParam().value);
-        }
-    }
 };
 
 TEST_P(FaultState, StartAndStopManyTimesLeavesNothingBehind) {
-    apply();
-    start();
-    stop();
-    const size_t threads = daemon.threads();
-    const size_t descriptors = daemon.descriptors();
-
-    for (int cycle = 0; cycle < kCycles; ++cycle) {
-        SCOPED_TRACE(cycle);
-        ASSERT_NO_FATAL_FAILURE(start());
-        std::this_thread::sleep_for(std::chrono::milliseconds(cycle % 8)); // stops at different places
-        ASSERT_NO_FATAL_FAILURE(stop());
+    if (GetParam().name[0] != '\0') {
+        board.fault(GetParam().name, GetParam().value);
     }
-    EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
-    EXPECT_EQ(daemon.descriptors(), descriptors);
-    board.fault("all", "off");
-    expect_chip_works();
+    expect_nothing_left_behind(200, [](int cycle) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(cycle % 8)); // stops at different places
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -112,15 +94,4 @@ TEST_F(Backlog, ArrivesWhole) {
             sentence = *response;
         } while (sentence.payload[0] != '$');
     }
-}
-
-TEST(Fault, MissingSpiDeviceStillAnswersAndStops) {
-    const SimulatedBoard board;
-    board.configure("SPI port path", "/dev/spidev9.9");
-    const DaemonOnBoard daemon(board);
-    const TestClient client(board.socket_path());
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0)
-        << "the thread ends by itself, power goes on";
-    EXPECT_TRUE(daemon.wait_log("[LOCSERV] ERR: [spi]location_spi_init, open fail\n"));
-    EXPECT_EQ(client.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
 }

@@ -95,23 +95,11 @@ TEST_P(I2cFault, IsReportedThenTheChipWorksAgain) {
 }
 
 TEST_P(I2cFault, StartAndStopLeaveNothingBehind) {
-    start();
-    stop();
-    const size_t threads = daemon.threads();
-    const size_t descriptors = daemon.descriptors();
-
-    for (int cycle = 0; cycle < 10; ++cycle) {
-        SCOPED_TRACE(cycle);
+    expect_nothing_left_behind(10, [&](int cycle) {
         board.fault(GetParam().name, GetParam().value);
-        ASSERT_NO_FATAL_FAILURE(start());
         ASSERT_TRUE(client.send(TAVOR_REQUEST_COMMAND, "353,1"));
         std::this_thread::sleep_for(std::chrono::milliseconds(11 * cycle)); // stops at different places
-        ASSERT_NO_FATAL_FAILURE(stop());
-    }
-    EXPECT_TRUE(wait_until([&] { return daemon.threads() <= threads; })) << "joined, but not yet gone";
-    EXPECT_EQ(daemon.descriptors(), descriptors);
-    board.fault("all", "off");
-    expect_chip_works();
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -16,11 +15,6 @@
 namespace {
 
 const std::string kWriteFail = "[LOCSERV] ERR: [debug] write to file fail";
-
-std::string content_of(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 } // namespace
 
@@ -72,7 +66,7 @@ TEST_F(DebugTest, EachBlockThatAFullDiskRefusesIsReported) {
     }
     EXPECT_EQ(log_lines(), (std::vector<std::string>{kWriteFail, kWriteFail}));
     handle_text("three");
-    EXPECT_EQ(content_of(log_path), "three");
+    EXPECT_EQ(directory.read("log.dat"), "three");
 }
 
 TEST_F(DebugTest, PipeOrDeviceIsNoLogFileAndHoldsNothingUp) {
@@ -94,7 +88,7 @@ TEST_F(DebugTest, LinkInThePlaceOfTheLogFileIsNotFollowed) {
         location_debug_set_mode(DEBUG_MODE_FILE);
         EXPECT_EQ(location_debug_start(), -1);
         handle_text("abc");
-        EXPECT_EQ(content_of(other), "");
+        EXPECT_EQ(directory.read("other"), "");
         std::ofstream(other).flush(); // a link to nothing, then to a file
     }
     EXPECT_EQ(log_lines().back(), "[LOCSERV] ERR: [debug]location_debug_start fail, " + log_path);
@@ -115,7 +109,7 @@ TEST_F(DebugTest, StoppingSwitchesOff) {
     handle_text("dropped");
     EXPECT_EQ(location_debug_start(), 0);
     handle_text("dropped");
-    EXPECT_EQ(content_of(log_path), "");
+    EXPECT_EQ(directory.read("log.dat"), "");
 }
 
 TEST_F(DebugTest, OutletIsSwitchedWhileTheStreamRuns) {
@@ -134,7 +128,7 @@ TEST_F(DebugTest, OutletIsSwitchedWhileTheStreamRuns) {
     location_debug_stop();
     ends = true;
     receive.join();
-    EXPECT_EQ(content_of(log_path).size() % 10, 0U);
+    EXPECT_EQ(directory.read("log.dat").size() % 10, 0U);
 }
 
 TEST(LocationDebugCloseFd, DescriptorIsForgottenOnlyWhenClosingWorks) {

@@ -147,29 +147,6 @@ TEST_F(HostMuxStop, CancellationWaitsForTheEndOfAnOperationThatGoesWell) {
     expect_usable();
 }
 
-TEST_F(HostMuxStop, CallerThatForbidsCancellationIsNotCancelled) {
-    make_silent();
-    capture_stdout([&] {
-        std::atomic<pthread_t> self{};
-        std::atomic<bool> returned{false};
-        std::thread thread([&] {
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-            self = pthread_self();
-            uint8_t byte = 0;
-            uint32_t length = 1;
-            EXPECT_EQ(host_mux_rx(&handle, &byte, &length), 1);
-            returned = true;
-        });
-        EXPECT_TRUE(wait_for_transfers(10));
-        pthread_cancel(self);
-        EXPECT_TRUE(wait_for_transfers(50));
-        const StopRequest stop;
-        thread.join();
-        EXPECT_TRUE(returned);
-    });
-    expect_usable();
-}
-
 TEST_F(HostMuxStop, CommandsBeforeAPendingStopCostAFewTransfersEach) {
     const std::pair<std::function<void()>, size_t> states[] = {{[&] { make_silent(); }, 2},
                                                                {[&] { turn_into_errors_after(0); }, 3},
