@@ -1,5 +1,5 @@
 // A clock that only sleeping moves, for programs whose calls of time, timespec_get, gettimeofday,
-// clock_gettime and nanosleep are wrapped by the linker (TAVOR_CLOCK_WRAPS). While it is not started the real
+// clock_gettime and nanosleep are wrapped by the linker (tavor_fake_clock). While it is not started the real
 // functions run.
 #ifndef TAVOR_TESTS_FAKE_CLOCK_H
 #define TAVOR_TESTS_FAKE_CLOCK_H

@@ -116,14 +116,8 @@ void PrintTo(const FaultCase& fault, std::ostream* out) {
 }
 
 std::string case_name(const testing::TestParamInfo<FaultCase>& info) {
-    std::string name;
-    bool upper = true;
-    for (const char c : std::string(info.param.name) + "-" + info.param.value) {
-        if (isalnum(static_cast<unsigned char>(c)) != 0) {
-            name += upper ? static_cast<char>(toupper(static_cast<unsigned char>(c))) : c;
-        }
-        upper = isalnum(static_cast<unsigned char>(c)) == 0;
-    }
+    std::string name = std::string(info.param.name) + "=" + info.param.value;
+    std::erase_if(name, [](unsigned char c) { return isalnum(c) == 0; });
     return name;
 }
 

@@ -361,19 +361,16 @@ TEST_F(SpimRetry, LinkMovesBytesThroughTheTransport) {
     EXPECT_EQ(spim_slave.closed.size(), 1U);
 }
 
-TEST_F(SpimRetry, LinkTellsWhatCantBeMoved) {
+TEST_F(SpimRetry, LinkTellsWhatCantBeMovedAndItsHooksDoNothing) {
+    EXPECT_TRUE(hdl_transport_prepare());
+    EXPECT_TRUE(hdl_transport_set_speed(921600));
+    hdl_transport_link_hook(1);
     EXPECT_FALSE(hdl_transport_send(nullptr, 2, 1));
     EXPECT_FALSE(hdl_transport_send(buffer.data(), 0, 1));
     EXPECT_EQ(hdl_transport_receive(nullptr, 2), 0U);
     EXPECT_EQ(hdl_transport_receive(buffer.data(), 0), 0U);
+    EXPECT_TRUE(spim_slave.frames.empty());
     spim_close();
     spim_slave.open_result = -1;
     EXPECT_FALSE(hdl_transport_open(DownloadSettings{}));
-}
-
-TEST_F(SpimRetry, LinkHooksDoNothing) {
-    EXPECT_TRUE(hdl_transport_prepare());
-    EXPECT_TRUE(hdl_transport_set_speed(921600));
-    hdl_transport_link_hook(1);
-    EXPECT_TRUE(spim_slave.frames.empty());
 }
