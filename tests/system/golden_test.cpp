@@ -1,20 +1,12 @@
 // Logs of our own whose datagrams are known to the last byte. When they change on purpose: scripts/golden.sh.
+#include "support/client_fake_daemon.h"
 #include "system/golden.h"
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 
 namespace {
-
-tavor_response response_of(uint32_t code, uint32_t value, const std::string& payload) {
-    tavor_response response = {};
-    response.code = code;
-    response.value = value;
-    memcpy(response.payload, payload.data(), payload.size());
-    return response;
-}
 
 GoldenLines numbers(int from, int to) {
     GoldenLines lines;
@@ -55,10 +47,10 @@ INSTANTIATE_TEST_SUITE_P(Logs, GoldenReplay, testing::ValuesIn(log_names()), [](
 });
 
 TEST(GoldenLine, ShowsCodeValueAndEveryByteUpToTheZeros) {
-    EXPECT_EQ(golden_line(response_of(TAVOR_CODE_NMEA, 0, std::string("a\0\"\\\x1f~\x7f\xff\r\n", 10))),
+    EXPECT_EQ(golden_line(make_response(TAVOR_CODE_NMEA, 0, std::string("a\0\"\\\x1f~\x7f\xff\r\n", 10))),
               "6 0 \"a\\x00\\\"\\\\\\x1F~\\x7F\\xFF\\r\\n\"");
-    EXPECT_EQ(golden_line(response_of(TAVOR_CODE_START, TAVOR_VALUE_FAILED, "")), "0 -1 \"\"");
-    EXPECT_EQ(golden_line(response_of(TAVOR_CODE_CHIP, 7, std::string(TAVOR_PAYLOAD_SIZE, 'x'))),
+    EXPECT_EQ(golden_line(make_response(TAVOR_CODE_START, TAVOR_VALUE_FAILED, "")), "0 -1 \"\"");
+    EXPECT_EQ(golden_line(make_response(TAVOR_CODE_CHIP, 7, std::string(TAVOR_PAYLOAD_SIZE, 'x'))),
               "5 7 \"" + std::string(TAVOR_PAYLOAD_SIZE, 'x') + "\"");
 }
 
@@ -75,10 +67,10 @@ TEST(GoldenLine, ShowsAPositionByItsFieldsAndWhatIsLeftInThem) {
     const std::string fields = "9 0 utc=\"123519\" latitude=\"1.5\\x00x\" longitude=\"-2.5\" "
                                "height=\"8820.16000\" majorAxis=\"0\" minorAxis=\"3\" orientation=\"4\" "
                                "verticalUncertainty=\"5\"";
-    EXPECT_EQ(golden_line(response_of(TAVOR_CODE_POSITION, 0, payload)), fields);
+    EXPECT_EQ(golden_line(make_response(TAVOR_CODE_POSITION, 0, payload)), fields);
     put(255, "y");
-    EXPECT_EQ(golden_line(response_of(TAVOR_CODE_POSITION, 0, payload)).rfind(fields + " behind=\"\\x00", 0),
-              0U);
+    EXPECT_EQ(
+        golden_line(make_response(TAVOR_CODE_POSITION, 0, payload)).rfind(fields + " behind=\"\\x00", 0), 0U);
 }
 
 TEST(GoldenDifference, ShowsTheFirstLinesThatDifferWithTheOnesBefore) {

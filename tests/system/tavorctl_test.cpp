@@ -456,7 +456,6 @@ namespace {
 
 // What comes behind the start of the assistance download, and how the tool ends.
 struct Assisted {
-    const char* test;
     std::vector<uint32_t> results; // 0 or failure, in order
     Arguments options;
     std::string interrupt; // text on either output after which it is interrupted; empty: it ends by itself
@@ -465,63 +464,48 @@ struct Assisted {
     bool failure;      // is told on standard error
 };
 
-void PrintTo(const Assisted& assisted, std::ostream* out) {
-    *out << assisted.test;
-}
-
-class Assist : public testing::TestWithParam<Assisted> {};
-
 constexpr uint32_t kBad = TAVOR_VALUE_FAILED;
 constexpr char kDownloaded[] = "assistance data downloaded\n";
 
 } // namespace
 
-TEST_P(Assist, EndsWithTheStatusOfTheLastDownload) {
-    const Assisted& assisted = GetParam();
-    Scene scene([&](FakeDaemon& d, const tavor_request&) {
-        d.send(make_response(TAVOR_CODE_ASSIST, 0));
-        d.send(kSentence);
-        for (const uint32_t result : assisted.results) {
-            d.send(make_response(TAVOR_CODE_ASSIST_RESULT, result));
+TEST(Assist, EndsWithTheStatusOfTheLastDownload) {
+    const Arguments wait = {"--wait", "0.2"};
+    const Arguments once = {"--once", "--wait", "3600"};
+    const Assisted rows[] = {{{0}, wait, "", 0, 1, false},
+                             {{kBad}, wait, "", 1, 0, true},
+                             {{0, 0, 0}, {"--once", "--wait", "0.2"}, "", 0, 3, false}, // a whole cycle
+                             {{0, kBad}, once, "", 1, 1, true},
+                             {{kBad, 0}, wait, "", 0, 1, true}, // retried well
+                             {{0}, {}, kDownloaded, 0, 1, false},
+                             {{0, kBad}, {}, "could not be downloaded", 1, 1, true},
+                             {{kBad, 0}, {}, kDownloaded, 0, 1, true},
+                             {{0}, once, kDownloaded, 128 + SIGINT, 1, false}}; // before its limit
+    for (const Assisted& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        std::vector<tavor_response> responses = {make_response(TAVOR_CODE_ASSIST, 0), kSentence};
+        for (const uint32_t result : row.results) {
+            responses.push_back(make_response(TAVOR_CODE_ASSIST_RESULT, result));
         }
-    });
-    Arguments arguments = {"assist"};
-    arguments.insert(arguments.end(), assisted.options.begin(), assisted.options.end());
-    Tool tool(scene.line(arguments));
-    if (!assisted.interrupt.empty()) {
-        ASSERT_TRUE(assisted.failure && assisted.status == 1 ? tool.wait_err(assisted.interrupt)
-                                                             : tool.wait_out(assisted.interrupt));
-        tool.signal(SIGINT);
+        Scene scene(sends(responses));
+        Arguments arguments = {"assist"};
+        arguments.insert(arguments.end(), row.options.begin(), row.options.end());
+        Tool tool(scene.line(arguments));
+        if (!row.interrupt.empty()) {
+            ASSERT_TRUE(row.failure && row.status == 1 ? tool.wait_err(row.interrupt)
+                                                       : tool.wait_out(row.interrupt));
+            tool.signal(SIGINT);
+        }
+        EXPECT_EQ(tool.end(), row.status) << tool.err;
+        std::string expected = "assistance download started\n";
+        for (size_t i = 0; i < row.downloaded; ++i) {
+            expected += kDownloaded;
+        }
+        EXPECT_EQ(tool.out, expected);
+        EXPECT_EQ(is_one_line(tool.err), row.failure) << tool.err;
+        EXPECT_EQ(tool.err.find("'XOD device id='") != std::string::npos, row.failure) << tool.err;
     }
-    EXPECT_EQ(tool.end(), assisted.status) << tool.err;
-    std::string expected = "assistance download started\n";
-    for (size_t i = 0; i < assisted.downloaded; ++i) {
-        expected += kDownloaded;
-    }
-    EXPECT_EQ(tool.out, expected);
-    EXPECT_EQ(is_one_line(tool.err), assisted.failure) << tool.err;
-    EXPECT_EQ(tool.err.find("'XOD device id='") != std::string::npos, assisted.failure) << tool.err;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Downloads, Assist,
-    testing::Values(Assisted{"Good", {0}, {"--wait", "0.2"}, "", 0, 1, false},
-                    Assisted{"Failed", {kBad}, {"--wait", "0.2"}, "", 1, 0, true},
-                    Assisted{"AWholeCycle", {0, 0, 0}, {"--once", "--wait", "0.2"}, "", 0, 3, false},
-                    Assisted{"OnceEndsAtAFailure", {0, kBad}, {"--once", "--wait", "3600"}, "", 1, 1, true},
-                    Assisted{"RetriedWell", {kBad, 0}, {"--wait", "0.2"}, "", 0, 1, true},
-                    Assisted{"InterruptedAfterAGoodOne", {0}, {}, kDownloaded, 0, 1, false},
-                    Assisted{
-                        "InterruptedAfterAFailedOne", {0, kBad}, {}, "could not be downloaded", 1, 1, true},
-                    Assisted{"InterruptedAfterAGoodRetry", {kBad, 0}, {}, kDownloaded, 0, 1, true},
-                    Assisted{"InterruptedBeforeItsLimit",
-                             {0},
-                             {"--once", "--wait", "3600"},
-                             kDownloaded,
-                             128 + SIGINT,
-                             1,
-                             false}),
-    [](const auto& assisted) { return std::string(assisted.param.test); });
 
 TEST(AssistWait, NoDownloadInTheTimeIsStillAStart) {
     Scene scene(answers(0));

@@ -1,6 +1,8 @@
 // What the daemon's datagrams mean, hostile ones included.
 #include "client/records.h"
 
+#include "support/client_fake_daemon.h"
+
 #include <cstddef>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -33,14 +35,6 @@ tavor_location_record record_of(const Texts& texts) {
 
 Position position_of(const Texts& texts) {
     return record_position(record_of(texts));
-}
-
-tavor_response response_of(uint32_t code, uint32_t value, const std::string& payload = "") {
-    tavor_response response = {};
-    response.code = code;
-    response.value = value;
-    memcpy(response.payload, payload.data(), payload.size());
-    return response;
 }
 
 // A record in which a GST sentence has rewritten the axis behind a height that ran on.
@@ -125,41 +119,41 @@ TEST(PositionRecord, TextsThatAreNoFiniteNumberAreAbsent) {
 
 TEST(Record, ResultsAreTheirCodeAndValue) {
     for (const uint32_t code : {0U, 1U, 2U, 3U, 4U, 5U, 7U, 8U}) {
-        const Record good = record_parse(response_of(code, 0));
+        const Record good = record_parse(make_response(code, 0));
         EXPECT_EQ(good.kind, RecordKind::kResult) << code;
         EXPECT_EQ(good.code, code);
         EXPECT_TRUE(record_ok(good));
-        const Record bad = record_parse(response_of(code, TAVOR_VALUE_FAILED));
+        const Record bad = record_parse(make_response(code, TAVOR_VALUE_FAILED));
         EXPECT_EQ(bad.kind, RecordKind::kResult) << code;
         EXPECT_FALSE(record_ok(bad));
     }
 }
 
 TEST(Record, ChipSentenceIsToldFromTheResultOfACommand) {
-    const Record sentence = record_parse(response_of(TAVOR_CODE_CHIP, 0, "$PZUL001,353,3*3A\r\n"));
+    const Record sentence = record_parse(make_response(TAVOR_CODE_CHIP, 0, "$PZUL001,353,3*3A\r\n"));
     EXPECT_EQ(sentence.kind, RecordKind::kChip);
     EXPECT_EQ(sentence.text, "$PZUL001,353,3*3A\r\n");
-    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_CHIP, 0)).kind, RecordKind::kResult);
+    EXPECT_EQ(record_parse(make_response(TAVOR_CODE_CHIP, 0)).kind, RecordKind::kResult);
 }
 
 TEST(Record, BannerIsNoSentence) {
-    const Record banner = record_parse(response_of(TAVOR_CODE_NMEA, 0, "TAVOR Version:V1.3\n"));
+    const Record banner = record_parse(make_response(TAVOR_CODE_NMEA, 0, "TAVOR Version:V1.3\n"));
     EXPECT_EQ(banner.kind, RecordKind::kBanner);
     EXPECT_EQ(banner.text, "TAVOR Version:V1.3\n");
-    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, "$GPGGA*00\r\n")).kind, RecordKind::kNmea);
-    EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0)).kind, RecordKind::kBanner);
+    EXPECT_EQ(record_parse(make_response(TAVOR_CODE_NMEA, 0, "$GPGGA*00\r\n")).kind, RecordKind::kNmea);
+    EXPECT_EQ(record_parse(make_response(TAVOR_CODE_NMEA, 0)).kind, RecordKind::kBanner);
 }
 
 TEST(Record, SentenceIsKeptWhole) {
     for (const std::string& text :
          {"$" + std::string(TAVOR_PAYLOAD_SIZE - 1, 'x'), std::string("$GP\0GGA\r\n", 9)}) {
-        EXPECT_EQ(record_parse(response_of(TAVOR_CODE_NMEA, 0, text)).text, text);
+        EXPECT_EQ(record_parse(make_response(TAVOR_CODE_NMEA, 0, text)).text, text);
     }
 }
 
 TEST(Record, PositionIsReadFromItsBlock) {
     const tavor_location_record location = record_of({"123519", "48.5", "11.5", "1.0", "", "", "", ""});
-    tavor_response response = response_of(TAVOR_CODE_POSITION, 0);
+    tavor_response response = make_response(TAVOR_CODE_POSITION, 0);
     memcpy(response.payload, &location, sizeof location);
     const Record record = record_parse(response);
     EXPECT_EQ(record.kind, RecordKind::kPosition);
@@ -168,6 +162,6 @@ TEST(Record, PositionIsReadFromItsBlock) {
 }
 
 TEST(Record, CodesWithoutMeaningAreUnknown) {
-    EXPECT_EQ(record_parse(response_of(10, 0, "x")).kind, RecordKind::kUnknown);
-    EXPECT_EQ(record_parse(response_of(0xFFFFFFFF, 0, "x")).kind, RecordKind::kUnknown);
+    EXPECT_EQ(record_parse(make_response(10, 0, "x")).kind, RecordKind::kUnknown);
+    EXPECT_EQ(record_parse(make_response(0xFFFFFFFF, 0, "x")).kind, RecordKind::kUnknown);
 }

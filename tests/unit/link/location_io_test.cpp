@@ -4,6 +4,7 @@
 #include "mux/location_serial_port.h"
 #include "nmea/location_frame.h"
 #include "queue/service_queue.h"
+#include "support/call_fault.h"
 #include "support/capture.h"
 #include "support/test_limit.h"
 
@@ -49,7 +50,6 @@ struct FakeWorld {
     int32_t close_result = 0;
     int create_result = 0;
     int cancel_result = 0;
-    bool malloc_fails = false;
     bool block_in_read = false;
     bool block_in_send = false;
     int32_t read_surplus = 0; // added to the result of a read
@@ -256,7 +256,6 @@ int __real_pthread_create(pthread_t* tid, const pthread_attr_t* attributes, void
                           void* argument);
 int __real_pthread_cancel(pthread_t tid);
 int __real_pthread_join(pthread_t tid, void** result);
-void* __real_malloc(size_t size);
 
 int __wrap_pthread_create(pthread_t* tid, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
@@ -279,10 +278,6 @@ int __wrap_pthread_cancel(pthread_t tid) {
 int __wrap_pthread_join(pthread_t tid, void** result) {
     ++world->joins;
     return __real_pthread_join(tid, result);
-}
-
-void* __wrap_malloc(size_t size) {
-    return world != nullptr && world->malloc_fails ? nullptr : __real_malloc(size);
 }
 
 int __wrap_usleep(useconds_t us) {
@@ -487,19 +482,14 @@ void handle(uint32_t type, const string& data, int32_t length) {
 
 } // namespace
 
-TEST_F(LocationIo, DataWithoutLengthOrOfUnknownTypeIsDropped) {
+TEST_F(LocationIo, DataWithoutLengthOrMemoryOrOfUnknownTypeIsDropped) {
     handle(FRAME_NMEA, "abc", 0);
     handle(FRAME_NMEA, "abc", -1);
     handle(FRAME_BINARY + 1, "abc", 3);
     handle(0xFFFFFFFF, "abc", 3);
-    EXPECT_EQ(fake.sends, 0);
-}
-
-TEST_F(LocationIo, DataWithoutMemoryIsReportedAndDropped) {
-    const string log = capture_stdout([&] {
-        fake.malloc_fails = true;
+    const string log = capture_stdout([] {
+        call_faults.malloc = 0;
         handle(FRAME_NMEA, "abc", 3);
-        fake.malloc_fails = false;
     });
     EXPECT_EQ(log, "[LOCSERV] ERR: [IO] location_io_data_handle, malloc fail\n");
     EXPECT_EQ(fake.sends, 0);
