@@ -25,9 +25,19 @@ else
 TAVOR_CONF_OPTS += -DTAVOR_BUILD_BOARD=OFF
 endif
 
+# The screen of tavorctl's monitor.
+ifeq ($(BR2_PACKAGE_NCURSES_WCHAR),y)
+TAVOR_DEPENDENCIES += ncurses
+TAVOR_CONF_OPTS += -DTAVOR_NCURSES=ON
+else
+TAVOR_CONF_OPTS += -DTAVOR_NCURSES=OFF
+endif
+
 define TAVOR_INSTALL_CONFIGURATION
 	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.conf \
 		$(TARGET_DIR)/etc/default/tavor/tavor.conf
+	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.env \
+		$(TARGET_DIR)/etc/default/tavor/service.env
 	$(INSTALL) -d -m 0750 $(TARGET_DIR)/etc/default/tavor/xod
 endef
 TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
@@ -35,7 +45,10 @@ TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
 # The unit and what stands beside it are CMake's; others than systemd have no use for them.
 ifneq ($(BR2_INIT_SYSTEMD),y)
 define TAVOR_REMOVE_SYSTEMD_FILES
-	rm -rf $(TARGET_DIR)/usr/lib/systemd/system/tavor* \
+	rm -rf $(TARGET_DIR)/etc/default/tavor/service.env \
+		$(TARGET_DIR)/usr/libexec/tavor \
+		$(TARGET_DIR)/usr/lib/systemd/system/tavor.service \
+		$(TARGET_DIR)/usr/lib/systemd/journald@tavor.conf.d \
 		$(TARGET_DIR)/usr/lib/sysusers.d/tavor.conf \
 		$(TARGET_DIR)/usr/lib/tmpfiles.d/tavor.conf
 endef

@@ -16,8 +16,9 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "curl mbedtls cli11 nlohmann-json"
 
-# The simulated board, for developers' images.
-PACKAGECONFIG ??= ""
+# The screen of tavorctl's monitor, and the simulated board for developers' images.
+PACKAGECONFIG ??= "ncurses"
+PACKAGECONFIG[ncurses] = "-DTAVOR_NCURSES=ON,-DTAVOR_NCURSES=OFF,ncurses"
 PACKAGECONFIG[board] = "-DTAVOR_BUILD_BOARD=ON,-DTAVOR_BUILD_BOARD=OFF,libmicrohttpd"
 
 # The host name of the assistance server that devices ask by default; tavor.conf may name another.
@@ -31,11 +32,12 @@ EXTRA_OECMAKE = " \
 
 do_install:append() {
     install -D -m 0644 ${S}/packaging/tavor.conf ${D}${sysconfdir}/default/tavor/tavor.conf
-    # CMake puts the unit below the prefix.
-    if [ "${systemd_system_unitdir}" != "${nonarch_libdir}/systemd/system" ]; then
-        install -d ${D}${systemd_system_unitdir}
-        mv ${D}${nonarch_libdir}/systemd/system/* ${D}${systemd_system_unitdir}/
-        rmdir ${D}${nonarch_libdir}/systemd/system
+    install -m 0644 ${S}/packaging/tavor.env ${D}${sysconfdir}/default/tavor/service.env
+    # CMake puts the unit and its journal's limits below the prefix.
+    if [ "${systemd_unitdir}" != "${nonarch_libdir}/systemd" ]; then
+        install -d ${D}${systemd_unitdir}
+        mv ${D}${nonarch_libdir}/systemd/* ${D}${systemd_unitdir}/
+        rmdir ${D}${nonarch_libdir}/systemd
     fi
 }
 
@@ -58,14 +60,14 @@ FILES:${PN}-board = " \
     ${datadir}/zsh/site-functions/_tavor-board \
 "
 FILES:${PN} += " \
-    ${systemd_system_unitdir} \
-    ${nonarch_libdir}/systemd \
+    ${systemd_unitdir} \
+    ${libexecdir}/tavor \
     ${nonarch_libdir}/sysusers.d \
     ${nonarch_libdir}/tmpfiles.d \
 "
 FILES:${PN}-dev += "${datadir}/cmake ${datadir}/pkgconfig"
 
-CONFFILES:${PN} = "${sysconfdir}/default/tavor/tavor.conf"
+CONFFILES:${PN} = "${sysconfdir}/default/tavor/tavor.conf ${sysconfdir}/default/tavor/service.env"
 
 # Loaded when the first assistance download is asked for; the unit stops positioning through the client.
 RDEPENDS:${PN} = "libcurl ${PN}-client"
