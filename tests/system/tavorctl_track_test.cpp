@@ -101,7 +101,7 @@ TEST(Record, StopsAtTheEndWhereAsked) {
 TEST(Record, FileThatIsThereIsOnlyChangedOnDemand) {
     Scene scene;
     scene.directory.write("track", "before");
-    EXPECT_EQ(scene.run({"record", scene.file}), 1);
+    EXPECT_EQ(scene.run({"record", "--duration", "1", scene.file}), 1);
     EXPECT_NE(scene.err.find("there is a file already; --append goes on behind it, --force replaces it"),
               string::npos)
         << scene.err;
@@ -114,7 +114,7 @@ TEST(Record, FileThatIsThereIsOnlyChangedOnDemand) {
     scene.directory.write("track", "before");
     EXPECT_EQ(scene.record({"--force"}), 0);
     EXPECT_EQ(scene.directory.read("track"), kEpoch);
-    EXPECT_EQ(scene.run({"record", "--force", scene.directory.path}), 1);
+    EXPECT_EQ(scene.run({"record", "--duration", "1", "--force", scene.directory.path}), 1);
     EXPECT_EQ(scene.run({"record", "--force", "--append", scene.file}), 2);
 }
 

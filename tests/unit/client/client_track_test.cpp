@@ -101,6 +101,9 @@ TEST(Track, PointsBeforeTheDateGetItBackwards) {
         {gga("235958.00"), gga("235959.00"), gga("000000.00"), rmc("000001.00", "010127"), gga("000001.00")});
     EXPECT_EQ(run.times(), "|2026-12-31T23:59:58.000Z 2026-12-31T23:59:59.000Z 2027-01-01T00:00:00.000Z "
                            "2027-01-01T00:00:01.000Z");
+    const Made sparse({gga("060000.00"), gga("140000.00"), rmc("220000.00", "211126")});
+    EXPECT_EQ(sparse.times(), "|2026-11-21T06:00:00.000Z |2026-11-21T14:00:00.000Z |2026-11-21T22:00:00.000Z")
+        << "each lies near the one behind it";
     const Made void_date({rmc("120000.00", "060180", "V"), gga("120000.00")});
     EXPECT_EQ(void_date.times(), "|none") << "a clock that is not set tells no date";
 }
