@@ -23,9 +23,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-
 constexpr char kConfig[] = "/etc/default/tavor/tavor.conf";
 constexpr char kOpenFail[] = "[LOCSERV] ERR: [CFG]location_config_get_path, open fail";
 constexpr char kPathCloseFail[] = "[LOCSERV] ERR: [CFG]location_config_get_path, fclose fail";

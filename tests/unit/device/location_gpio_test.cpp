@@ -24,9 +24,6 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-
 // sysfs as the daemon sees it: a map of files, and a record of what was done to them.
 struct FakeSysfs {
     std::map<std::string, std::string> files = {{"export", ""}, {"unexport", ""}};

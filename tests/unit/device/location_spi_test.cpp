@@ -4,14 +4,10 @@
 #include "support/thread_end.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <pthread.h>
 #include <utility>
 
 namespace {
-
-// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 const std::string kFailed = "[LOCSERV] ERR: [spi]can't send spi message";
 const Lines kInit = {"open /dev/spidev1.0", "mode 3", "bits 8", "lsb 1", "speed 24000000"};

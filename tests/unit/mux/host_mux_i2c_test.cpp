@@ -23,9 +23,6 @@
 
 namespace {
 
-// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-
 // The board's chip behind the I2C node, and what is put over it.
 struct I2cSlave {
     I2cSlave() {

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <linux/spi/spidev.h>
 #include <pthread.h>
@@ -21,9 +20,6 @@
 #include <vector>
 
 namespace {
-
-// As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
 const host_mux_handle kShipped = g_location_serial_handle; // before any test
 
