@@ -77,7 +77,6 @@ resume() {
 }
 
 log_lines() { journalctl --quiet --no-pager -o cat "$@" | grep -c LOCSERV; }
-member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
 others_read() { setpriv --reuid nobody --clear-groups journalctl --quiet --no-pager -o cat --namespace=tavor | grep -q LOCSERV; }
 member_is_denied() { as_member tavorctl download 2>&1 | grep "can't be read"; }
 status_knows() { as_member tavorctl status --json | grep '"log":"journal".*"positioning":true\|"positioning":true.*"log":"journal"'; }

@@ -32,6 +32,7 @@ not() { ! "$@"; }
 power_is() { [ "$(tavor-board ctl --dir /run/board power)" = "$1" ]; }
 main_pid() { systemctl show -P MainPID tavor; }
 as_member() { setpriv --reuid member --regid member --init-groups "$@"; }
+member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
 position_of_member() { as_member tavorctl --timeout 20 position | grep '^latitude'; }
 
 # Sentences come from the chip: nothing but the daemon fetches them.
