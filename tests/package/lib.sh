@@ -36,8 +36,8 @@ member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace
 position_of_member() { as_member tavorctl --timeout 20 position | grep '^latitude'; }
 
 # Sentences come from the chip: nothing but the daemon fetches them.
-delivered() { tavor-board ctl --dir /run/board status --json | grep -o '"bytes_delivered":[0-9]*'; }
+delivered() { tavor-board ctl --dir /run/board status --json | sed -n 's/.*"bytes_delivered":\([0-9]*\).*/\1/p'; }
 talks() {
     local before=$(delivered)
-    wait_for 15 eval '[ "$(delivered)" != "'"$before"'" ]'
+    wait_for 15 eval '[ "$(delivered)" -gt '"${before:-0}"' ]'
 }
