@@ -1,11 +1,12 @@
 # bash completion of tavor's programs. What there is to complete is asked of the program itself, by --help: it can't be out of date.
 
-# The lines of a help text as KIND NAME TYPE, KIND one of o (option), c (command), p (positional); TYPE is empty for a flag.
+# The lines of a help text as KIND NAME TYPE, KIND one of o (option), c (command), p (positional); TYPE is empty for a flag. Options of
+# a group stand two columns further in.
 _tavor_help() {
     "$@" --help 2>/dev/null | sed -n \
         -e '/^$/{x;s/.*//;x;}' \
-        -e '/^Options:/{s/.*/o/;h;}' -e '/^Subcommands:/{s/.*/c/;h;}' -e '/^Positionals:/{s/.*/p/;h;}' \
-        -e '/^  [^ ]/{s/^  //;s/^-[^ ],--/--/;s/^\([^ {]*\)[^ ]*/\1/;s/^\([^ ]*\) \([^ ]*\).*/\1 \2/;s/ $//;G;s/^\(.*\)\n\([ocp]\)$/\2 \1/p;}'
+        -e '/^ *Options:/{s/.*/o/;h;}' -e '/^Subcommands:/{s/.*/c/;h;}' -e '/^Positionals:/{s/.*/p/;h;}' \
+        -e '/^ \{2,4\}[-A-Za-z]/{s/^ *//;s/^-[^ ],--/--/;s/^\([^ {]*\)[^ ]*/\1/;s/^\([^ ]*\) \([^ ]*\).*/\1 \2/;s/ $//;G;s/^\(.*\)\n\([ocp]\)$/\2 \1/p;}'
 }
 
 # Words for a value of the type, as the help text names it.

@@ -7,12 +7,12 @@ _tavor_help() {
     "$@" --help 2>/dev/null | while IFS= read -r line; do
         case $line in
         '') kind= ;;
-        Options:) kind=o ;;
+        Options:|'  Options:') kind=o ;;
         Subcommands:) kind=c ;;
         Positionals:) kind=p ;;
-        '  '[^\ ]*)
+        '  '[-A-Za-z]*|'    '[-A-Za-z]*) # options of a group stand two columns further in
             [[ -n $kind ]] || continue
-            line=${line#  }
+            line=${line#"${line%%[^ ]*}"}
             name=${line%% *} rest=${line#"$name"} type=
             [[ $rest != ' '[^\ ]* ]] || { type=${${rest# }%% *}; rest=${rest#" $type"} }
             print -r -- "$kind:${${name#-?,}%%\{*}:${type//:/|}:${rest##( |REQUIRED|...)#}"

@@ -26,7 +26,7 @@ expect() {
 
 # names SECTION: the first words of the section's lines in a help text, short options left out.
 names() {
-    sed -n "/^$1:\$/,/^\$/s/^  \(-.,\)\{0,1\}\([A-Za-z-][A-Za-z0-9-]*\).*/\2/p" | paste -sd ' '
+    sed -n "/^ *$1:\$/,/^\$/s/^ \{2,4\}\(-.,\)\{0,1\}\([A-Za-z-][A-Za-z0-9-]*\)\([ {].*\)\{0,1\}\$/\2/p" | paste -sd ' '
 }
 
 # Each program and command: its options, its commands, theirs.
@@ -44,7 +44,8 @@ walk() { # command line
 
 walk tavorctl
 walk tavor-board
-expect "tavorctl st" "start stop"
+expect "tavorctl sto" "stop"
+expect "tavorctl export --cs" "--csv" # an option of a group
 expect "tavorctl --timeout 3 sav" "save"           # an option's value is no command
 expect "tavorctl --timeout " ""                    # nor is it offered for a value
 expect "tavorctl debug " "off file serial tcp"
