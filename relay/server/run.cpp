@@ -1,5 +1,7 @@
 #include "server/run.h"
 
+#include "gnss/gnss.h"
+#include "gpsd/gpsd.h"
 #include "hub/hub.h"
 #include "local/local.h"
 #include "local/local_socket.h"
@@ -68,6 +70,10 @@ int serve(event_base* base, const Options& options) {
         return fail("can't make a socket for the daemon's answers");
     }
     positioning_open(base, {.always = options.always, .stop_delay = milliseconds_of(options.stop_delay_s)});
+    gnss_open();
+    if (!options.listen.empty() && !gpsd_open(base, {.listen = options.listen})) {
+        return fail("can't listen at " + options.listen);
+    }
     const int given = supervisor_socket();
     const int socket = given >= 0 ? given : local_socket_open(options.socket);
     if (socket < 0) {
@@ -92,6 +98,8 @@ int run(const Options& options) {
     }
     const int status = serve(base.get(), options);
     local_close();
+    gpsd_close();
+    gnss_close();
     positioning_close();
     upstream_close();
     hub_close();

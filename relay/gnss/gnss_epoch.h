@@ -1,0 +1,73 @@
+// What the sentences of one epoch tell: pure parsing, no I/O. Every byte of them may be hostile; what is no
+// good value is absent.
+//
+// An epoch is over when its last sentence has come. Which one that is follows from the epoch before; while it
+// is not known, or when it does not come, the first sentence of the next epoch ends it.
+#ifndef TAVOR_RELAY_GNSS_EPOCH_H
+#define TAVOR_RELAY_GNSS_EPOCH_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using GnssTime = std::chrono::sys_time<std::chrono::milliseconds>;
+
+// Systems as the gnssid of u-blox and gpsd numbers them.
+enum class GnssSystem { kGps = 0, kSbas = 1, kGalileo = 2, kBeidou = 3, kQzss = 5, kGlonass = 6, kNavic = 7 };
+
+struct GnssSatellite {
+    GnssSystem system = GnssSystem::kGps;
+    int number = 0;                  // in its system
+    std::optional<double> elevation; // degrees
+    std::optional<double> azimuth;   // degrees
+    std::optional<double> strength;  // dB-Hz
+    bool used = false;
+};
+
+// Standard deviations, metres and degrees.
+struct GnssErrors {
+    std::optional<double> rms, major, minor, orientation, latitude, longitude, altitude;
+};
+
+enum class GnssMode { kUnknown = 0, kNoFix = 1, k2d = 2, k3d = 3 };
+
+struct GnssEpoch {
+    GnssMode mode = GnssMode::kUnknown;
+    std::optional<int> quality; // of GGA
+    std::optional<GnssTime> time;
+    std::optional<double> latitude, longitude;  // degrees, south and west negative
+    std::optional<double> altitude, separation; // metres above the sea; of the geoid above the ellipsoid
+    std::optional<double> speed, course;        // metres a second; degrees
+    std::optional<double> pdop, hdop, vdop;
+    std::optional<GnssErrors> errors;      // GST came
+    std::vector<GnssSatellite> satellites; // the latest view of the sky
+    bool has_sky = false;                  // it or the DOPs are of this epoch
+};
+
+// State of the reading; starts empty.
+struct GnssReader {
+    GnssEpoch epoch;
+    std::string time;                                  // of the epoch, as the chip sent it
+    std::vector<std::string> keys;                     // kinds of the sentences of the epoch, in order
+    std::string last_key;                              // of an epoch
+    bool told = false;                                 // the epoch was told already
+    std::optional<std::chrono::sys_days> day;          // of the latest date
+    std::optional<std::chrono::milliseconds> day_time; // that came with it
+    std::optional<bool> valid;                         // by RMC
+    std::optional<int> gsa_mode;
+    std::vector<GnssSatellite> used; // by GSA
+    bool new_sky = false;            // a GSV of this epoch has come
+};
+
+// Takes a sentence, line end included or not. Gives `tell` each epoch that is over with it: none or one, or
+// two when an epoch has one sentence.
+void gnss_reader_take(GnssReader& reader, std::string_view sentence,
+                      void (*tell)(void* to, const GnssEpoch& epoch), void* to);
+
+// "2026-11-21T15:16:20.000Z".
+std::string gnss_iso(GnssTime time);
+
+#endif

@@ -1,0 +1,143 @@
+#include "gnss/gnss_sky.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr size_t kSatellitesMax =
+    90; // of a view: their report fits the 10 KiB that readers of gpsd's protocol take
+constexpr size_t kGsaFirst = 3, kGsaEnd = 15, kGsaPdop = 15, kGsaHdop = 16, kGsaVdop = 17, kGsaSystem = 18;
+constexpr size_t kGsvFirst = 4, kGsvEnd = 20, kGsvStep = 4;
+
+// Numbers in NMEA behind those of GPS.
+constexpr int kSbasFirst = 33, kSbasLast = 64, kSbasOffset = 87;
+constexpr int kGlonassFirst = 65, kGlonassLast = 96, kGlonassOffset = 64;
+
+constexpr int kGalileoPrn = 300, kBeidouPrn = 400, kQzssPrn = 192, kNavicPrn = 900;
+
+// System of a talker; GN and others: GPS, whose numbers tell SBAS and GLONASS.
+GnssSystem system_of_talker(std::string_view name) {
+    const std::string_view talker = name.substr(1, 2);
+    if (talker == "GA") {
+        return GnssSystem::kGalileo;
+    }
+    if (talker == "GB") {
+        return GnssSystem::kBeidou;
+    }
+    return talker == "GI" ? GnssSystem::kNavic : GnssSystem::kGps;
+}
+
+// System of the number that ends a GSA.
+GnssSystem system_of_number(int number, GnssSystem otherwise) {
+    switch (number) {
+    case 3:
+        return GnssSystem::kGalileo;
+    case 4:
+        return GnssSystem::kBeidou;
+    case 5:
+        return GnssSystem::kQzss;
+    case 6:
+        return GnssSystem::kNavic;
+    default:
+        return otherwise;
+    }
+}
+
+GnssSatellite satellite_of(GnssSystem system, int number) {
+    GnssSatellite satellite;
+    satellite.system = system;
+    satellite.number = number;
+    if (system == GnssSystem::kGps && number >= kSbasFirst && number <= kSbasLast) {
+        satellite.system = GnssSystem::kSbas;
+        satellite.number = number + kSbasOffset;
+    } else if (system == GnssSystem::kGps && number >= kGlonassFirst && number <= kGlonassLast) {
+        satellite.system = GnssSystem::kGlonass;
+        satellite.number = number - kGlonassOffset;
+    }
+    return satellite;
+}
+
+bool same(const GnssSatellite& a, const GnssSatellite& b) {
+    return a.system == b.system && a.number == b.number;
+}
+
+// A satellite that comes again, on another signal, keeps the stronger one.
+void add(std::vector<GnssSatellite>& view, const GnssSatellite& satellite) {
+    const auto found =
+        std::find_if(view.begin(), view.end(), [&](const auto& one) { return same(one, satellite); });
+    if (found == view.end()) {
+        if (view.size() < kSatellitesMax) {
+            view.push_back(satellite);
+        }
+    } else if (satellite.strength.value_or(0) > found->strength.value_or(0)) {
+        *found = satellite;
+    }
+}
+
+} // namespace
+
+void gnss_sky_take_gsa(GnssReader& reader, const GnssFields& fields) {
+    const auto mode = gnss_fields_count(fields.field[2]);
+    if (mode && *mode > reader.gsa_mode.value_or(0)) {
+        reader.gsa_mode = mode;
+    }
+    const GnssSystem system = system_of_number(gnss_fields_count(fields.field[kGsaSystem]).value_or(0),
+                                               system_of_talker(fields.field[0]));
+    for (size_t i = kGsaFirst; i < kGsaEnd; ++i) {
+        const auto number = gnss_fields_count(fields.field[i]);
+        if (number && *number > 0 && reader.used.size() < kSatellitesMax) {
+            reader.used.push_back(satellite_of(system, *number));
+        }
+    }
+    reader.epoch.pdop = gnss_fields_number(fields.field[kGsaPdop]);
+    reader.epoch.hdop = gnss_fields_number(fields.field[kGsaHdop]);
+    reader.epoch.vdop = gnss_fields_number(fields.field[kGsaVdop]);
+    reader.epoch.has_sky = true;
+}
+
+void gnss_sky_take_gsv(GnssReader& reader, const GnssFields& fields) {
+    std::vector<GnssSatellite>& view = reader.epoch.satellites;
+    if (!reader.new_sky) {
+        view.clear();
+        reader.new_sky = true;
+    }
+    reader.epoch.has_sky = true;
+    // What is left behind the last satellite is the number of the signal.
+    const size_t end = std::min(kGsvEnd, fields.count);
+    for (size_t i = kGsvFirst; i + kGsvStep <= end; i += kGsvStep) {
+        const auto number = gnss_fields_count(fields.field[i]);
+        if (number && *number > 0) {
+            GnssSatellite satellite = satellite_of(system_of_talker(fields.field[0]), *number);
+            satellite.elevation = gnss_fields_number(fields.field[i + 1]);
+            satellite.azimuth = gnss_fields_number(fields.field[i + 2]);
+            satellite.strength = gnss_fields_number(fields.field[i + 3]);
+            add(view, satellite);
+        }
+    }
+}
+
+void gnss_sky_mark_used(GnssReader& reader) {
+    for (GnssSatellite& satellite : reader.epoch.satellites) {
+        satellite.used = std::any_of(reader.used.begin(), reader.used.end(),
+                                     [&](const GnssSatellite& one) { return same(one, satellite); });
+    }
+}
+
+int gnss_sky_prn(const GnssSatellite& satellite) {
+    switch (satellite.system) {
+    case GnssSystem::kSbas:
+        return satellite.number - kSbasOffset;
+    case GnssSystem::kGlonass:
+        return satellite.number + kGlonassOffset;
+    case GnssSystem::kGalileo:
+        return satellite.number + kGalileoPrn;
+    case GnssSystem::kBeidou:
+        return satellite.number + kBeidouPrn;
+    case GnssSystem::kQzss:
+        return satellite.number + kQzssPrn;
+    case GnssSystem::kNavic:
+        return satellite.number + kNavicPrn;
+    default:
+        return satellite.number;
+    }
+}

@@ -1,0 +1,222 @@
+#include "gpsd/gpsd.h"
+
+#include "gnss/gnss.h"
+#include "gpsd/gpsd_clients.h"
+#include "gpsd/gpsd_command.h"
+#include "hub/hub.h"
+#include "upstream/upstream.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstring>
+#include <event2/util.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kBacklog = 128;
+constexpr int kAcceptsMax = 16; // at a time: others get their turn
+constexpr int kPauseS = 1;      // without a descriptor for the next connection
+
+struct GpsdState {
+    GpsdSettings settings;
+    int fd = -1;
+    EventPtr connection;
+    EventPtr pause;
+};
+
+GpsdState state;
+
+void answer(GpsdClient& client, const std::string& text) {
+    gpsd_clients_send(client, {std::make_shared<const std::string>(text), true});
+}
+
+void answer_watch(GpsdClient& client, const GpsdCommand& command) {
+    GpsdWatch watch = client.watch;
+    const std::string problem = gpsd_command_watch(watch, command.argument);
+    if (!problem.empty()) {
+        return answer(client, gpsd_report_error(problem));
+    }
+    gpsd_clients_watch(client, watch);
+    answer(client, gpsd_report_devices(upstream_connected()) + gpsd_report_watch(watch));
+}
+
+void perform(GpsdClient& client, const GpsdCommand& command) {
+    const bool active = upstream_connected();
+    if (command.name == "WATCH") {
+        answer_watch(client, command);
+    } else if (command.name == "VERSION") {
+        answer(client, gpsd_report_version());
+    } else if (command.name == "DEVICES") {
+        answer(client, gpsd_report_devices(active));
+    } else if (command.name == "DEVICE") { // read only: what it asks for is not set
+        answer(client, gpsd_report_device(active));
+    } else if (command.name == "POLL") {
+        const auto now = std::chrono::system_clock::now();
+        answer(client,
+               gpsd_report_poll(gnss_latest(), active, std::chrono::floor<std::chrono::milliseconds>(now)));
+    } else {
+        ++hub_counters().malformed;
+        answer(client, gpsd_report_error("Unrecognized request '" + command.name + "'"));
+    }
+}
+
+// One request after the other, as long as the answers are taken.
+void serve(GpsdClient& client) {
+    while (client.answers == 0) {
+        const auto command = gpsd_command_next(client.input);
+        if (!command) {
+            break;
+        }
+        perform(client, *command);
+    }
+    if (client.answers == 0 && client.input.size() > kGpsdCommandMax) {
+        client.input.clear();
+        ++hub_counters().malformed;
+        answer(client, gpsd_report_error("Request too long"));
+    }
+}
+
+template <typename Wants> void send_to(const std::string& text, Wants wants) {
+    if (text.empty()) {
+        return;
+    }
+    const auto shared = std::make_shared<const std::string>(text);
+    gpsd_clients_each([&](GpsdClient& client) {
+        if (wants(client.watch)) {
+            gpsd_clients_send(client, {shared, false});
+        }
+    });
+}
+
+bool wants_json(const GpsdWatch& watch) {
+    return watch.json;
+}
+
+bool wants_sentences(const GpsdWatch& watch) {
+    return watch.nmea || watch.raw > 0;
+}
+
+void on_epoch(const GnssEpoch& epoch) {
+    if (hub_counters().tcp_consumers == 0) {
+        return;
+    }
+    send_to(gpsd_report_tpv(epoch), wants_json);
+    send_to(gpsd_report_gst(epoch), wants_json);
+    if (epoch.has_sky) {
+        send_to(gpsd_report_sky(epoch), wants_json);
+    }
+    gpsd_clients_tidy();
+}
+
+void on_item(const HubItem& item) {
+    if (item.kind == HubKind::kSentence && hub_counters().tcp_consumers > 0) {
+        send_to(std::string(hub_text(item)), wants_sentences);
+        gpsd_clients_tidy();
+    }
+}
+
+void on_connection(evutil_socket_t fd, short /*unused*/, void* /*unused*/) {
+    for (int i = 0; i < kAcceptsMax; ++i) {
+        const int connection = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (connection < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
+            event_del(state.connection.get());
+            event_arm(state.pause, kPauseS * state.settings.second);
+        }
+        if (connection < 0) {
+            return;
+        }
+        GpsdClient* const client = gpsd_clients_add(connection);
+        if (client != nullptr) {
+            answer(*client, gpsd_report_version());
+        }
+    }
+}
+
+void on_pause_over(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    event_add(state.connection.get(), nullptr);
+}
+
+constexpr size_t kPortOffset = offsetof(sockaddr_in, sin_port); // the same in both families
+static_assert(kPortOffset == offsetof(sockaddr_in6, sin6_port));
+
+// Reads [ADDRESS:]PORT. Returns the length of the address, 0 when the place is none.
+socklen_t parse_place(const std::string& place, sockaddr_storage& address) {
+    const size_t colon = place.rfind(':');
+    const std::string host = colon == std::string::npos ? "127.0.0.1" : place.substr(0, colon);
+    const char* const text = place.c_str() + (colon == std::string::npos ? 0 : colon + 1);
+    const char* const end = place.c_str() + place.size();
+    in_port_t port = 0;
+    const auto [rest, error] = std::from_chars(text, end, port);
+    int length = sizeof address;
+    if (error != std::errc() || rest != end ||
+        evutil_parse_sockaddr_port(host.c_str(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    port = htons(port);
+    memcpy(reinterpret_cast<char*>(&address) + kPortOffset, &port, sizeof port);
+    return static_cast<socklen_t>(length);
+}
+
+// The socket, -1 with errno set.
+int listen_at(const std::string& place) {
+    sockaddr_storage address = {};
+    const socklen_t length = parse_place(place, address);
+    if (length == 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (fd >= 0 &&
+        (bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || listen(fd, kBacklog) != 0)) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
+bool gpsd_open(event_base* base, const GpsdSettings& settings) {
+    state = {};
+    state.settings = settings;
+    state.fd = listen_at(settings.listen);
+    if (state.fd < 0) {
+        return false;
+    }
+    state.connection.reset(event_new(base, state.fd, EV_READ | EV_PERSIST, on_connection, nullptr));
+    state.pause.reset(event_new(base, -1, 0, on_pause_over, nullptr));
+    event_add(state.connection.get(), nullptr);
+    gpsd_clients_open(base, settings.second, serve);
+    hub_take(on_item);
+    gnss_take(on_epoch);
+    return true;
+}
+
+void gpsd_close() {
+    gpsd_clients_close();
+    const int fd = state.fd;
+    state = {};
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+int gpsd_port() {
+    sockaddr_storage address = {};
+    socklen_t length = sizeof address;
+    if (state.fd < 0 || getsockname(state.fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    in_port_t port = 0;
+    memcpy(&port, reinterpret_cast<const char*>(&address) + kPortOffset, sizeof port);
+    return ntohs(port);
+}

@@ -1,0 +1,217 @@
+#include "gpsd/gpsd_clients.h"
+
+#include "gpsd/gpsd_command.h"
+#include "hub/hub.h"
+#include "upstream/positioning.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <list>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr size_t kClientsMax = 2000;
+constexpr size_t kWaitingMax = size_t{64} * 1024;
+constexpr int kPatienceS = 30;
+constexpr int kKernelBuffer = 64 * 1024; // what the kernel keeps for a client that does not read
+constexpr size_t kReadSize = 4096;
+
+struct ClientsState {
+    event_base* base = nullptr;
+    std::chrono::milliseconds second{1000};
+    GpsdReader reader;
+    std::list<GpsdClient> clients;
+    uint64_t last_id = 0;
+    EventPtr look;
+};
+
+ClientsState state;
+
+void want(int change) {
+    hub_counters().tcp_consumers += static_cast<uint64_t>(change);
+    positioning_want(change);
+}
+
+void drop_oldest(GpsdClient& client, size_t room) {
+    auto one = client.waiting.begin() + (client.sent > 0 ? 1 : 0); // never the rest of a line
+    while (one != client.waiting.end() && client.waiting_size + room > kWaitingMax) {
+        if (one->is_answer) {
+            ++one;
+            continue;
+        }
+        client.waiting_size -= one->text->size();
+        one = client.waiting.erase(one);
+        ++hub_counters().dropped_tcp;
+    }
+}
+
+void take_off(GpsdClient& client, size_t sent) {
+    client.sent += sent;
+    while (!client.waiting.empty() && client.sent >= client.waiting.front().text->size()) {
+        const GpsdLine& line = client.waiting.front();
+        client.sent -= line.text->size();
+        client.waiting_size -= line.text->size();
+        client.answers -= line.is_answer ? 1 : 0;
+        client.waiting.pop_front();
+    }
+    if (client.waiting.empty()) {
+        client.waiting.shrink_to_fit();
+    }
+}
+
+void flush(GpsdClient& client) {
+    while (!client.gone && !client.waiting.empty()) {
+        const std::string& text = *client.waiting.front().text;
+        const ssize_t sent = send(client.fd, text.data() + client.sent, text.size() - client.sent,
+                                  MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent < 0) {
+            client.gone = errno != EAGAIN && errno != EINTR && errno != ENOBUFS;
+            break;
+        }
+        client.taken = std::chrono::steady_clock::now();
+        take_off(client, static_cast<size_t>(sent));
+    }
+    if (client.waiting.empty()) {
+        event_del(client.writable.get());
+    } else {
+        event_add(client.writable.get(), nullptr);
+    }
+}
+
+// Reads on only when all answers are sent: one that asks and does not read is not asked for more.
+void read_or_pause(GpsdClient& client) {
+    state.reader(client);
+    if (client.answers > 0) {
+        event_del(client.readable.get());
+    } else if (!client.gone) {
+        event_add(client.readable.get(), nullptr);
+    }
+}
+
+void on_readable(evutil_socket_t fd, short /*unused*/, void* one) {
+    GpsdClient& client = *static_cast<GpsdClient*>(one);
+    std::array<char, kReadSize> bytes = {};
+    const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (size > 0) {
+        client.input.append(bytes.data(), static_cast<size_t>(size));
+        read_or_pause(client);
+    } else {
+        client.gone = client.gone || size == 0 || (errno != EAGAIN && errno != EINTR);
+    }
+    gpsd_clients_tidy();
+}
+
+void on_writable(evutil_socket_t /*unused*/, short /*unused*/, void* one) {
+    GpsdClient& client = *static_cast<GpsdClient*>(one);
+    flush(client);
+    if (client.answers == 0) {
+        read_or_pause(client);
+    }
+    gpsd_clients_tidy();
+}
+
+void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    const auto now = std::chrono::steady_clock::now();
+    for (GpsdClient& client : state.clients) {
+        if (!client.waiting.empty() && now - client.taken >= kPatienceS * state.second) {
+            client.gone = true;
+            ++hub_counters().let_go;
+            printf("tavor-relay: a TCP client is let go that does not read\n");
+        }
+    }
+    gpsd_clients_tidy();
+}
+
+void set_option(int fd, int level, int name, int value) {
+    setsockopt(fd, level, name, &value, sizeof value);
+}
+
+} // namespace
+
+void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader) {
+    state = {};
+    state.base = base;
+    state.second = second;
+    state.reader = std::move(reader);
+    state.look.reset(event_new(base, -1, EV_PERSIST, on_look, nullptr));
+    event_arm(state.look, second);
+}
+
+void gpsd_clients_close() {
+    for (GpsdClient& client : state.clients) {
+        close(client.fd);
+    }
+    state = {};
+}
+
+GpsdClient* gpsd_clients_add(int fd) {
+    if (state.clients.size() >= kClientsMax) {
+        close(fd);
+        return nullptr;
+    }
+    set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    set_option(fd, SOL_SOCKET, SO_SNDBUF, kKernelBuffer);
+    GpsdClient& client = state.clients.emplace_back();
+    client.id = ++state.last_id;
+    client.fd = fd;
+    client.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &client));
+    client.writable.reset(event_new(state.base, fd, EV_WRITE | EV_PERSIST, on_writable, &client));
+    event_add(client.readable.get(), nullptr);
+    return &client;
+}
+
+void gpsd_clients_send(GpsdClient& client, GpsdLine line) {
+    if (client.gone) {
+        return;
+    }
+    const size_t size = line.text->size();
+    if (client.waiting.empty()) {
+        client.taken = std::chrono::steady_clock::now();
+    }
+    drop_oldest(client, size);
+    client.waiting_size += size;
+    client.answers += line.is_answer ? 1 : 0;
+    client.waiting.push_back(std::move(line));
+    if (client.waiting.size() == 1) { // else the loop says when there is room
+        flush(client);
+    }
+}
+
+void gpsd_clients_each(const std::function<void(GpsdClient& client)>& call) {
+    for (GpsdClient& client : state.clients) {
+        call(client);
+    }
+}
+
+void gpsd_clients_watch(GpsdClient& client, const GpsdWatch& watch) {
+    const bool was = client.watch.enable;
+    client.watch = watch;
+    if (was != watch.enable) {
+        want(watch.enable ? +1 : -1);
+    }
+}
+
+void gpsd_clients_tidy() {
+    for (auto one = state.clients.begin(); one != state.clients.end();) {
+        if (one->gone) {
+            gpsd_clients_watch(*one, {});
+            const int fd = one->fd;
+            one = state.clients.erase(one); // its events before its descriptor
+            close(fd);
+        } else {
+            ++one;
+        }
+    }
+}
+
+size_t gpsd_clients_count() {
+    return state.clients.size();
+}

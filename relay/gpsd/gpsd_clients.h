@@ -1,0 +1,62 @@
+// The TCP clients: connections, and what waits for them.
+//
+// For a client that does not read 64 KiB of reports wait, then the oldest are dropped. Answers to requests
+// are never dropped; while one waits, no further request is read. A client that has taken nothing for 30
+// seconds while something waits is let go.
+#ifndef TAVOR_RELAY_GPSD_CLIENTS_H
+#define TAVOR_RELAY_GPSD_CLIENTS_H
+
+#include "gpsd/gpsd_report.h"
+#include "system/event_guard.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+struct GpsdLine {
+    std::shared_ptr<const std::string> text; // shared by all whom it waits for
+    bool is_answer = false;
+};
+
+struct GpsdClient {
+    uint64_t id = 0;
+    int fd = -1;
+    GpsdWatch watch;
+    std::string input;
+    std::deque<GpsdLine> waiting; // the oldest first
+    size_t sent = 0;              // bytes of the oldest
+    size_t waiting_size = 0;      // bytes of all
+    int answers = 0;              // of what waits
+    bool gone = false;
+    std::chrono::steady_clock::time_point taken; // the latest byte that it took, or what waited first
+    EventPtr readable;
+    EventPtr writable;
+};
+
+// Is called for each client that may have said something more.
+using GpsdReader = std::function<void(GpsdClient& client)>;
+
+void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader);
+void gpsd_clients_close();
+
+// Takes over a connection. Null, and the connection closed, when there are 2,000 already.
+GpsdClient* gpsd_clients_add(int fd);
+
+// Queues a line for one client, and sends what can be sent.
+void gpsd_clients_send(GpsdClient& client, GpsdLine line);
+
+// Calls for each client.
+void gpsd_clients_each(const std::function<void(GpsdClient& client)>& call);
+
+// Changes what a client watches; positioning is told when it becomes or is no longer a consumer.
+void gpsd_clients_watch(GpsdClient& client, const GpsdWatch& watch);
+
+// Forgets those that are gone. References to clients end here.
+void gpsd_clients_tidy();
+
+size_t gpsd_clients_count();
+
+#endif

@@ -1,0 +1,32 @@
+// Reports of gpsd's protocol, as gpsd_json(5) describes them: lines of JSON with CR LF. Attributes without a
+// value are left out; error estimates that gpsd computes from the sky are too.
+#ifndef TAVOR_RELAY_GPSD_REPORT_H
+#define TAVOR_RELAY_GPSD_REPORT_H
+
+#include "gnss/gnss_epoch.h"
+
+#include <string>
+#include <string_view>
+
+// What a client has asked for.
+struct GpsdWatch {
+    bool enable = false;
+    bool json = false;
+    bool nmea = false;
+    int raw = 0;
+    bool scaled = false, timing = false, split24 = false, pps = false;
+};
+
+inline constexpr char kGpsdDevice[] = "tavor";
+
+std::string gpsd_report_version();
+std::string gpsd_report_devices(bool active);
+std::string gpsd_report_device(bool active);
+std::string gpsd_report_watch(const GpsdWatch& watch);
+std::string gpsd_report_tpv(const GnssEpoch& epoch);
+std::string gpsd_report_sky(const GnssEpoch& epoch);
+std::string gpsd_report_gst(const GnssEpoch& epoch); // empty when the epoch has none
+std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, GnssTime now);
+std::string gpsd_report_error(std::string_view message);
+
+#endif

@@ -1,0 +1,54 @@
+#include "support/tcp_peer.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+TcpPeer::TcpPeer(int port, int receive_buffer) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (receive_buffer > 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    }
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("nobody listens");
+    }
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+}
+
+TcpPeer::~TcpPeer() {
+    end();
+}
+
+bool TcpPeer::send(const std::string& text) const {
+    return ::send(fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+}
+
+bool TcpPeer::read() {
+    std::array<char, 4096> bytes = {};
+    for (;;) {
+        const ssize_t size = recv(fd, bytes.data(), bytes.size(), 0);
+        if (size <= 0) {
+            return size < 0 && errno == EAGAIN;
+        }
+        got.append(bytes.data(), static_cast<size_t>(size));
+    }
+}
+
+void TcpPeer::end(bool reset) {
+    const linger none = {1, 0};
+    if (fd >= 0 && reset) {
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    }
+    if (fd >= 0) {
+        close(std::exchange(fd, -1));
+    }
+}

@@ -1,0 +1,25 @@
+// A TCP client that a test plays on loopback.
+#ifndef TAVOR_TESTS_TCP_PEER_H
+#define TAVOR_TESTS_TCP_PEER_H
+
+#include <string>
+
+struct TcpPeer {
+    explicit TcpPeer(int port, int receive_buffer = 0);
+    ~TcpPeer();
+    TcpPeer(const TcpPeer&) = delete;
+    TcpPeer& operator=(const TcpPeer&) = delete;
+
+    bool send(const std::string& text) const;
+    // Takes all that has come into `got`, without waiting. False when the other end has closed.
+    bool read();
+    // Ends at once; `reset`: without a word of farewell.
+    void end(bool reset = false);
+
+    std::string got;
+
+private:
+    int fd = -1;
+};
+
+#endif

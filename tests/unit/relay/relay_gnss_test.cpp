@@ -1,0 +1,139 @@
+#include "gnss/gnss_epoch.h"
+#include "gnss/gnss_sky.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct RelayGnss : testing::Test {
+    static void keep(void* to, const GnssEpoch& epoch) {
+        static_cast<std::vector<GnssEpoch>*>(to)->push_back(epoch);
+    }
+    void take(const std::string& sentence) {
+        gnss_reader_take(reader, sentence + "*00\r\n", keep, &told);
+    }
+    void take_epoch(const std::string& time, const std::string& altitude = "61.7") {
+        take("$GNRMC," + time + ",A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+        take("$GNGGA," + time + ",4807.038,N,01131.000,E,1,08,0.9," + altitude + ",M,46.9,M,,");
+        take("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1");
+        take("$GNGSA,A,3,66,,,,,,,,,,,,2.5,1.3,2.1,2");
+        take("$GPGSV,2,1,05,04,40,083,46,05,17,308,41,12,07,344,39,33,14,228,45,1");
+        take("$GPGSV,2,2,05,19,01,002,,1");
+        take("$GLGSV,1,1,01,66,30,100,30,1");
+        take("$GNGST," + time + ",1.0,2.0,3.0,45.0,4.0,5.0,6.0");
+    }
+
+    GnssReader reader;
+    std::vector<GnssEpoch> told;
+};
+
+TEST_F(RelayGnss, TheFirstEpochIsToldWithTheNextAndLaterOnesWithTheirLastSentence) {
+    take_epoch("120000.00");
+    EXPECT_EQ(told.size(), 0U);
+    take("$GNRMC,120001.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    ASSERT_EQ(told.size(), 1U);
+    take_epoch("120002.00");
+    EXPECT_EQ(told.size(), 2U + 1U); // the short one, and this one with its GST
+    EXPECT_EQ(gnss_iso(*told.back().time), "2094-03-23T12:00:02.000Z");
+}
+
+TEST_F(RelayGnss, AnEpochTellsWhatItsSentencesSay) {
+    take_epoch("120000.50");
+    take_epoch("120001.50");
+    ASSERT_EQ(told.size(), 2U);
+    const GnssEpoch& epoch = told.back();
+    EXPECT_EQ(epoch.mode, GnssMode::k3d);
+    EXPECT_EQ(epoch.quality, 1);
+    EXPECT_NEAR(*epoch.latitude, 48.1173, 1e-9);
+    EXPECT_NEAR(*epoch.longitude, 11.0 + 31.0 / 60, 1e-9);
+    EXPECT_EQ(epoch.altitude, 61.7);
+    EXPECT_EQ(epoch.separation, 46.9);
+    EXPECT_NEAR(*epoch.speed, 5.14444, 1e-4);
+    EXPECT_EQ(epoch.course, 84.4);
+    EXPECT_EQ(epoch.hdop, 1.3);
+    ASSERT_TRUE(epoch.errors);
+    EXPECT_EQ(epoch.errors->altitude, 6.0);
+    EXPECT_EQ(gnss_iso(*epoch.time), "2094-03-23T12:00:01.500Z");
+}
+
+TEST_F(RelayGnss, SatellitesAreNumberedAsGpsdNumbersThem) {
+    take_epoch("120000.00");
+    take("$GAGSV,1,1,01,07,30,100,30,7");
+    take("$GBGSV,1,1,01,09,30,100,,1");
+    take_epoch("120001.00");
+    ASSERT_FALSE(told.empty());
+    std::string text;
+    for (const GnssSatellite& one : told[0].satellites) {
+        text += std::to_string(gnss_sky_prn(one)) + "/" + std::to_string(static_cast<int>(one.system)) + "/" +
+                std::to_string(one.number) + (one.used ? "+" : "-") + " ";
+    }
+    EXPECT_EQ(text, "4/0/4+ 5/0/5+ 12/0/12- 33/1/120- 19/0/19- 66/6/2+ 307/2/7- 409/3/9- ");
+}
+
+TEST_F(RelayGnss, TheNumberOfTheSignalIsNoSatellite) {
+    take("$GPGSV,1,1,01,04,40,083,46,1");
+    take("$GPGSV,1,1,01,04,40,083,48,6"); // again, stronger on another signal
+    take_epoch("120000.00");
+    take_epoch("120001.00");
+    ASSERT_FALSE(told.empty());
+    EXPECT_EQ(told[0].satellites[0].number, 4);
+    EXPECT_EQ(told[0].satellites[0].strength, 48);
+    EXPECT_EQ(told[0].satellites.size(), 6U);
+}
+
+TEST_F(RelayGnss, WithoutAFixThereIsNoPosition) {
+    for (const std::string time : {"120000.00", "120001.00"}) {
+        take("$GNRMC," + time + ",V,4807.038,N,01131.000,E,1.0,2.0,230394,,,N,V");
+        take("$GNGGA," + time + ",4807.038,N,01131.000,E,0,00,99.9,5.0,M,46.9,M,,");
+    }
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[1].mode, GnssMode::kNoFix);
+    EXPECT_FALSE(told[1].latitude);
+    EXPECT_FALSE(told[1].speed);
+}
+
+TEST_F(RelayGnss, AChipWithoutATimeHasEpochsToo) {
+    for (int i = 0; i < 3; ++i) {
+        take("$GPGGA,,,,,,0,,,,M,,M,,");
+        take("$GPGSA,A,1,,,,,,,,,,,,,,,");
+        take("$GPRMC,,V,,,,,,,,,,N");
+    }
+    ASSERT_EQ(told.size(), 3U);
+    EXPECT_EQ(told[2].mode, GnssMode::kNoFix);
+    EXPECT_FALSE(told[2].time);
+}
+
+TEST_F(RelayGnss, TheDayChangesAtMidnightAlsoWhereTheDateComesLast) {
+    for (const std::string time : {"235958.00", "235959.00"}) {
+        take("$GPGGA," + time + ",4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+        take("$GPRMC," + time + ",A,4807.038,N,01131.000,E,0.1,84.4,310326,,,A");
+    }
+    take("$GPGGA,000000.00,4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+    take("$GPGGA,000001.00,4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+    ASSERT_EQ(told.size(), 4U);
+    EXPECT_EQ(gnss_iso(*told[1].time), "2026-03-31T23:59:59.000Z");
+    EXPECT_EQ(gnss_iso(*told[2].time), "2026-04-01T00:00:00.000Z");
+}
+
+TEST_F(RelayGnss, WhatIsNoGoodValueIsAbsent) {
+    for (const std::string time : {"120000.00", "120001.00"}) {
+        take("$GNRMC," + time + ",A,9907.038,N,01131.000,E,nan,1e300,310226,,,A,V");
+        take("$GNGGA," + time + ",4867.038,N,01131.000,X,1,08,0.9,+inf,M,0x10,M,,");
+        take("$GNGLL,-4807.038,N,01131.000,E," + time + ",A");
+    }
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[1].mode, GnssMode::kNoFix);
+    EXPECT_FALSE(told[1].time);
+    EXPECT_FALSE(told[1].altitude);
+}
+
+TEST_F(RelayGnss, AnEpochThatNeverEndsIsCut) {
+    for (int i = 0; i < 200; ++i) {
+        take("$GPGSV,9,1,01,04,40,083,46");
+    }
+    EXPECT_GE(told.size(), 3U);
+}
+
+} // namespace

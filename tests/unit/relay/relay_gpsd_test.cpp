@@ -1,0 +1,242 @@
+#include "gpsd/gpsd.h"
+
+#include "gnss/gnss.h"
+#include "gpsd/gpsd_clients.h"
+#include "hub/hub.h"
+#include "support/relay_loop.h"
+#include "support/tcp_peer.h"
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+namespace {
+
+using Json = nlohmann::json;
+
+const std::string kWatchJson = "?WATCH={\"enable\":true,\"json\":true};\n";
+const std::string kWatchNmea = "?WATCH={\"enable\":true,\"nmea\":true};\n";
+
+struct RelayGpsd : testing::Test {
+    RelayGpsd() {
+        loop.open(false);
+        gnss_open();
+        if (!gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .second = kShortSecond})) {
+            throw std::runtime_error("no port");
+        }
+        loop.start_daemon();
+    }
+    ~RelayGpsd() override {
+        gpsd_close();
+        gnss_close();
+    }
+
+    // Turns until the peer has got the text.
+    bool gets(TcpPeer& peer, const std::string& text) const {
+        return loop.until([&] {
+            peer.read();
+            return peer.got.find(text) != std::string::npos;
+        });
+    }
+    bool asked(TcpPeer& peer, const std::string& request, const std::string& answer) const {
+        peer.got.clear();
+        return peer.send(request) && gets(peer, answer);
+    }
+    // The latest report of the class that the peer has got.
+    static Json report(const TcpPeer& peer, const std::string& name) {
+        std::istringstream lines(peer.got);
+        Json found;
+        for (std::string line; std::getline(lines, line);) {
+            const Json one = Json::parse(line, nullptr, false);
+            found = one.is_object() && one.value("class", "") == name ? one : found;
+        }
+        return found;
+    }
+    void push(const std::string& sentence) const {
+        const uint64_t before = hub_counters().items;
+        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, sentence + "\r\n")));
+        ASSERT_TRUE(loop.until([&] { return hub_counters().items > before; }));
+        event_base_loop(loop.base.get(), EVLOOP_NONBLOCK);
+    }
+    void push_epoch(int second) const {
+        const std::string time = std::to_string(120000 + second) + ".00";
+        push("$GNRMC," + time + ",A,4807.038,N,01131.000,E,10.0,84.4,230326,,,A,V*00");
+        push("$GNGGA," + time + ",4807.038,N,01131.000,E,2,08,0.9,545.4,M,46.9,M,,*00");
+        push("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1*00");
+        push("$GPGSV,1,1,01,04,40,083,46,1*00");
+        push("$GNGST," + time + ",1.0,2.0,3.0,45.0,4.0,5.0,6.0*00");
+    }
+    bool watching(size_t count) const {
+        return loop.until([&] { return hub_counters().tcp_consumers == count && positioning_is_on(); });
+    }
+
+    RelayLoop loop;
+};
+
+TEST_F(RelayGpsd, GreetsWithItsVersion) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(gets(peer, "\r\n"));
+    EXPECT_EQ(report(peer, "VERSION").at("proto_major"), 3);
+}
+
+TEST_F(RelayGpsd, AnswersEachRequestWithItsClass) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(asked(peer, "?VERSION;", "\"VERSION\""));
+    ASSERT_TRUE(asked(peer, "?DEVICES;", "\"DEVICES\""));
+    ASSERT_TRUE(gets(peer, "\r\n"));
+    EXPECT_EQ(report(peer, "DEVICES").at("devices").at(0).at("flags"), 1);
+    ASSERT_TRUE(asked(peer, "?DEVICE={\"path\":\"/dev/null\",\"bps\":4800};", "\"DEVICE\""));
+    ASSERT_TRUE(asked(peer, "?WATCH;", "\"enable\":false"));
+    ASSERT_TRUE(asked(peer, "?POLL;\n", "\"POLL\""));
+    ASSERT_TRUE(asked(peer, "?NONSENSE;", "ERROR"));
+    ASSERT_TRUE(asked(peer, "?WATCH=nonsense;", "Invalid WATCH"));
+    EXPECT_TRUE(loop.daemon->requests.empty());
+}
+
+TEST_F(RelayGpsd, AWatcherOfJsonGetsTheReportsOfEachEpoch) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, kWatchJson, "\"WATCH\""));
+    EXPECT_LT(peer.got.find("\"DEVICES\""), peer.got.find("\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    push_epoch(0);
+    push_epoch(1);
+    ASSERT_TRUE(gets(peer, "12:00:01.000Z"));
+    ASSERT_TRUE(gets(peer, "satellites"));
+    const Json tpv = report(peer, "TPV");
+    EXPECT_EQ(tpv.at("mode"), 3);
+    EXPECT_EQ(tpv.at("status"), 2);
+    EXPECT_EQ(tpv.at("time"), "2026-03-23T12:00:01.000Z");
+    EXPECT_EQ(tpv.at("lat"), 48.1173);
+    EXPECT_EQ(tpv.at("lon"), 11.516666667);
+    EXPECT_EQ(tpv.at("altMSL"), 545.4);
+    EXPECT_EQ(tpv.at("altHAE"), 592.3);
+    EXPECT_EQ(tpv.at("speed"), 5.1444);
+    EXPECT_EQ(report(peer, "GST").at("major"), 2.0);
+    const Json sky = report(peer, "SKY");
+    EXPECT_EQ(sky.at("nSat"), 1);
+    EXPECT_EQ(sky.at("uSat"), 1);
+    EXPECT_EQ(sky.at("hdop"), 1.3);
+    EXPECT_EQ(sky.at("satellites").at(0).at("PRN"), 4);
+    EXPECT_EQ(peer.got.find('$'), std::string::npos);
+    ASSERT_TRUE(asked(peer, "?POLL;", "\"POLL\""));
+    ASSERT_TRUE(gets(peer, "]}\r\n"));
+    EXPECT_EQ(report(peer, "POLL").at("tpv").at(0).at("lat"), 48.1173);
+}
+
+TEST_F(RelayGpsd, AWatcherOfNmeaGetsSentencesOnly) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    peer.got.clear();
+    push("$GNGGA,1*00");
+    push("$GNRMC,2*00");
+    ASSERT_TRUE(gets(peer, "$GNRMC"));
+    EXPECT_EQ(peer.got, "$GNGGA,1*00\r\n$GNRMC,2*00\r\n");
+}
+
+TEST_F(RelayGpsd, WhoStopsWatchingOrLeavesIsNoConsumer) {
+    TcpPeer first(gpsd_port());
+    TcpPeer second(gpsd_port());
+    TcpPeer third(gpsd_port());
+    ASSERT_TRUE(asked(first, kWatchJson, "\"WATCH\""));
+    ASSERT_TRUE(asked(second, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(asked(third, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(3));
+    ASSERT_TRUE(asked(first, "?WATCH={\"enable\":false};", "\"enable\":false"));
+    ASSERT_TRUE(watching(2));
+    second.end();
+    ASSERT_TRUE(watching(1));
+    third.end(true);
+    ASSERT_TRUE(loop.until([] { return hub_counters().tcp_consumers == 0; }));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_STOP) == 1; }));
+    EXPECT_EQ(gpsd_clients_count(), 1U);
+}
+
+TEST_F(RelayGpsd, ASlowReaderLosesWholeOldReportsAndHoldsUpNobody) {
+    TcpPeer slow(gpsd_port(), 2048);
+    TcpPeer quick(gpsd_port());
+    ASSERT_TRUE(asked(slow, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(asked(quick, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(2));
+    slow.got.clear();
+    quick.got.clear();
+    int pushed = 0;
+    const std::string filler(400, 'x');
+    while (hub_counters().dropped_tcp < 50 && pushed < 10000) {
+        push("$GN" + std::to_string(pushed++) + "," + filler);
+        quick.read();
+    }
+    ASSERT_LT(pushed, 10000);
+    const std::string last = "$GN" + std::to_string(pushed - 1) + ",";
+    ASSERT_TRUE(gets(quick, last));
+    ASSERT_TRUE(gets(slow, last));
+    ASSERT_TRUE(gets(slow, last + filler + "\r\n"));
+    std::istringstream lines(slow.got);
+    uint64_t whole = 0;
+    for (std::string line; std::getline(lines, line); ++whole) {
+        EXPECT_EQ(line.substr(line.find(',')), "," + filler + "\r");
+    }
+    EXPECT_EQ(whole + hub_counters().dropped_tcp, static_cast<uint64_t>(pushed));
+    EXPECT_EQ(hub_counters().let_go, 0U);
+}
+
+TEST_F(RelayGpsd, WhoReadsNothingForThirtySecondsIsLetGo) {
+    TcpPeer slow(gpsd_port(), 2048);
+    ASSERT_TRUE(asked(slow, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    const std::string filler(400, 'x');
+    for (int i = 0; hub_counters().dropped_tcp == 0 && i < 10000; ++i) {
+        push("$GNGGA," + filler);
+    }
+    ASSERT_TRUE(loop.until([] { return hub_counters().let_go == 1; }));
+    EXPECT_EQ(gpsd_clients_count(), 0U);
+    EXPECT_EQ(hub_counters().tcp_consumers, 0U);
+}
+
+TEST_F(RelayGpsd, WhoAsksAndDoesNotReadIsNotAskedForMore) {
+    TcpPeer asker(gpsd_port(), 2048);
+    std::string requests;
+    for (int i = 0; i < 400; ++i) {
+        requests += "?POLL;";
+    }
+    ASSERT_TRUE(asker.send(requests));
+    loop.turn_for(10 * kShortSecond);
+    size_t waiting = 0;
+    gpsd_clients_each([&](const GpsdClient& client) { waiting = client.waiting_size; });
+    EXPECT_LT(waiting, 4096U);
+    size_t polls = 0;
+    ASSERT_TRUE(loop.until([&] {
+        asker.read();
+        polls = 0;
+        for (size_t at = 0; (at = asker.got.find("\"POLL\"", at)) != std::string::npos; ++at) {
+            ++polls;
+        }
+        return polls == 400;
+    }));
+}
+
+TEST_F(RelayGpsd, AnEndlessLineIsRefusedAndTheNextRequestAnswered) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, "?" + std::string(9000, 'A'), "Request too long"));
+    ASSERT_TRUE(asked(peer, "\n?VERSION;", "\"VERSION\""));
+}
+
+TEST_F(RelayGpsd, TwoHundredThatComeAndGoLeaveNothing) {
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::unique_ptr<TcpPeer>> peers;
+        for (int i = 0; i < 100; ++i) {
+            peers.push_back(std::make_unique<TcpPeer>(gpsd_port()));
+            peers.back()->send(i % 2 == 0 ? kWatchJson : "?WATCH={\"ena");
+            event_base_loop(loop.base.get(), EVLOOP_NONBLOCK);
+        }
+        for (size_t i = 0; i < peers.size(); ++i) {
+            peers[i]->end(i % 3 == 0);
+        }
+    }
+    ASSERT_TRUE(loop.until([] { return gpsd_clients_count() == 0; }));
+    EXPECT_EQ(hub_counters().tcp_consumers, 0U);
+}
+
+} // namespace
