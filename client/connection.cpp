@@ -187,6 +187,15 @@ Clock::time_point deadline_in(double seconds) {
     return Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
+std::string connection_usual_path(const char* relay, const char* daemon) {
+    const int spare = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool answers = spare >= 0 && connect_to(spare, relay) == 0;
+    if (spare >= 0) {
+        close(spare);
+    }
+    return answers ? relay : daemon;
+}
+
 bool connection_open(Connection& connection, const std::string& path) {
     connection.path = path;
     connection.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

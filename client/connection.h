@@ -42,6 +42,10 @@ enum class Received { kResponse, kMalformed, kTimeout, kInterrupted, kOutputClos
 enum class Presence { kSame, kGone, kRestarted };
 enum class Retaken { kSameDaemon, kNewDaemon, kFailed };
 
+// The daemon's usual socket, or that of the relay when one answers there.
+std::string connection_usual_path(const char* relay = TAVOR_RELAY_SOCKET_PATH,
+                                  const char* daemon = TAVOR_SOCKET_PATH);
+
 // Binds an address and connects to the daemon's socket; a daemon that is being restarted is waited for, two
 // seconds at most. False on failure, with error set, and when interrupted, with error empty.
 bool connection_open(Connection& connection, const std::string& path);

@@ -1,6 +1,7 @@
 #include "client/options.h"
 
 #include "client/command_table.h"
+#include "client/connection.h"
 #include "client/exit_status.h"
 #include "client/print.h"
 
@@ -296,9 +297,8 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     app.set_version_flag("--version", "tavorctl " TAVOR_VERSION);
     app.footer(footer());
     app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
-    if (const char* socket = getenv("TAVOR_SOCKET")) {
-        options.socket = socket;
-    }
+    const char* const socket = getenv("TAVOR_SOCKET");
+    options.socket = socket != nullptr ? socket : connection_usual_path();
     add_common(app, options);
     add_commands(app, options);
     const bool json =

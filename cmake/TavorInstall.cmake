@@ -18,6 +18,13 @@ if(TARGET tavor-board)
     install(FILES docs/tavor-board.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT board)
 endif()
 
+if(TARGET tavor-relay)
+    install(FILES packaging/tavor-relay.service packaging/tavor-relay.socket DESTINATION lib/systemd/system COMPONENT relay)
+    install(FILES packaging/tavor-relay.sysusers DESTINATION lib/sysusers.d RENAME tavor-relay.conf COMPONENT relay)
+    install(FILES docs/tavor-relay.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT relay)
+    install(FILES packaging/relay.conf DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT relay)
+endif()
+
 # Completion for the shells. Debian keeps that of zsh in share/zsh/vendor-completions.
 set(TAVOR_ZSH_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING "Where zsh finds completion functions")
 function(install_completion program component)

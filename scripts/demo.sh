@@ -6,24 +6,28 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() {
     cat <<EOF
-usage: scripts/demo.sh [--keep]
+usage: scripts/demo.sh [--keep] [--relay]
   --keep   leave board and daemon running and print how to talk to them
+  --relay  show the relay with several clients too; with gpsd's clients where they are installed
 EOF
 }
 
 keep=no
-case "${1:-}" in
-"") ;;
---keep) keep=yes ;;
--h | --help)
-    usage
-    exit 0
-    ;;
-*)
-    usage >&2
-    exit 2
-    ;;
-esac
+with_relay=no
+for argument in "$@"; do
+    case "$argument" in
+    --keep) keep=yes ;;
+    --relay) with_relay=yes ;;
+    -h | --help)
+        usage
+        exit 0
+        ;;
+    *)
+        usage >&2
+        exit 2
+        ;;
+    esac
+done
 
 scripts/setup.sh
 echo "demo: building"
@@ -37,9 +41,10 @@ bin=$PWD/build/demo/bin
 dir=$(mktemp -d "${TMPDIR:-/tmp}/tavor-demo-XXXXXX")
 board_pid=
 daemon_pid=
+relay_pid=
 
 finish() {
-    for pid in "$daemon_pid" "$board_pid"; do
+    for pid in "$relay_pid" "$daemon_pid" "$board_pid"; do
         if [ -n "$pid" ]; then
             kill "$pid" 2>/dev/null || true
             wait "$pid" 2>/dev/null || true
@@ -149,6 +154,42 @@ show tavorctl position --socket "$socket"
 say "Save the location."
 show tavorctl save --socket "$socket"
 cat "$dir/etc/default/tavor/location.dat"
+
+# A screen program's last picture as plain lines.
+picture() {
+    TERM=vt100 timeout 6 script -qec "stty cols 90 rows 30; $*" /dev/null </dev/null |
+        sed 's/\x1b[^a-zA-Z]*[a-zA-Z]/\n/g; s/[\x00-\x08\x0e-\x1f]//g' | grep -E '[[:alnum:]]' | head -n 30
+}
+
+show_relay() {
+    local place
+    place=127.0.0.1:$(free_port)
+    say "A relay is the daemon's only client now, and serves many."
+    "$bin/tavor-relay" --daemon "$socket" --socket "$dir/relay.sock" --listen "$place" >"$dir/relay.log" 2>&1 &
+    relay_pid=$!
+    wait_for 10 grep -q 'daemon is there' "$dir/relay.log"
+    for _ in 1 2 3; do
+        "$bin/tavorctl" --socket "$dir/relay.sock" watch --count 40 >/dev/null &
+    done
+    echo '$ tavorctl position    # while three others watch'
+    "$bin/tavorctl" --socket "$dir/relay.sock" position
+    wait %?watch 2>/dev/null || true
+    if command -v gpspipe >/dev/null; then
+        echo '$ gpspipe -w -n 5'
+        gpspipe -w -n 5 "$place" | cut -c 1-160
+    fi
+    if command -v cgps >/dev/null && command -v script >/dev/null; then
+        echo '$ cgps'
+        picture cgps -s "$place" || true
+    fi
+    kill "$relay_pid"
+    wait "$relay_pid" || true
+    relay_pid=
+}
+
+if [ "$with_relay" = yes ]; then
+    show_relay
+fi
 
 if [ "$keep" = yes ]; then
     trap - EXIT INT TERM

@@ -106,6 +106,18 @@ FakeDaemon::Script answer(uint32_t code, uint32_t value = 0) {
 
 } // namespace
 
+TEST(Connection, TheRelayIsUsualWhenItAnswers) {
+    const PrivateDir directory;
+    const std::string relay = (directory.path / "relay").string();
+    EXPECT_EQ(connection_usual_path(relay.c_str(), "/daemon"), "/daemon");
+    {
+        FakeDaemon answers(relay, [](FakeDaemon&, const tavor_request&) {});
+        EXPECT_EQ(connection_usual_path(relay.c_str(), "/daemon"), relay);
+    }
+    directory.write("relay", "no socket");
+    EXPECT_EQ(connection_usual_path(relay.c_str(), "/daemon"), "/daemon");
+}
+
 TEST_F(ConnectionTest, AddressIsAbstractAndFillsAll110Bytes) {
     open(answer(3));
     ask();
