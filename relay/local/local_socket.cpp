@@ -99,7 +99,9 @@ void local_socket_prepare(int fd) {
 }
 
 LocalReceived local_socket_receive(int fd, LocalRequest& received) {
-    sockaddr_un from = {};
+    sockaddr_storage from =
+        {}; // the kernel counts a NUL that a path of 108 bytes has no room for in a sockaddr_un
+    const auto* const name = reinterpret_cast<const char*>(&from);
     ControlBlock control = {};
     received.request = {};
     iovec bytes = {&received.request, sizeof received.request};
@@ -115,11 +117,10 @@ LocalReceived local_socket_receive(int fd, LocalRequest& received) {
         return LocalReceived::kNothing;
     }
     take_credentials(message, received);
-    // The kernel counts a NUL that a path of the full 108 bytes has no room for.
-    const size_t length = std::min<size_t>(message.msg_namelen, sizeof from);
+    const size_t length = std::min<size_t>(message.msg_namelen, sizeof(sockaddr_un));
     const bool has_address = length > kPathOffset;
-    received.address.assign(reinterpret_cast<const char*>(&from), has_address ? length : 0);
-    if (has_address && from.sun_path[0] != '\0') { // a path: up to its NUL
+    received.address.assign(name, has_address ? length : 0);
+    if (has_address && name[kPathOffset] != '\0') { // a path: up to its NUL
         received.address.resize(std::min(received.address.find('\0', kPathOffset), received.address.size()));
     }
     received.request.text[TAVOR_TEXT_SIZE - 1] = '\0';

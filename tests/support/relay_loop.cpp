@@ -156,16 +156,16 @@ RelayLoop::~RelayLoop() {
 
 void RelayLoop::open(bool always, std::chrono::milliseconds stop_delay) {
     hub_open(base.get());
-    if (!upstream_open(base.get(), {.path = daemon_path, .second = kShortSecond})) {
+    if (!upstream_open(base.get(), {.path = daemon_path, .second = second})) {
         throw std::runtime_error("no upstream");
     }
-    positioning_open(base.get(), {.always = always, .stop_delay = stop_delay, .second = kShortSecond});
+    positioning_open(base.get(), {.always = always, .stop_delay = stop_delay, .second = second});
 }
 
 void RelayLoop::open_local() {
     const int fd = local_socket_open(local_path);
     local_socket_prepare(fd);
-    local_open(base.get(), {.fd = fd, .second = kShortSecond});
+    local_open(base.get(), {.fd = fd, .second = second});
 }
 
 void RelayLoop::start_daemon() {

@@ -84,6 +84,7 @@ struct RelayLoop {
     // Turns loop and daemon for a time.
     void turn_for(std::chrono::milliseconds time) const;
 
+    std::chrono::milliseconds second = kShortSecond; // of the relay's limits
     PrivateDir directory;
     std::string daemon_path = (directory.path / "daemon").string();
     std::string local_path = (directory.path / "relay").string();

@@ -92,6 +92,7 @@ TEST_F(RelayPositioning, AStopWithoutTheRightEndsNothingThatOthersWant) {
 }
 
 TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
+    loop.second = 5 * kShortSecond; // a pause of the test is no silence
     loop.open(false);
     loop.start_daemon();
     loop.daemon->answers = false;
@@ -132,10 +133,11 @@ TEST_F(RelayPositioning, SilenceIsBrokenWithAStart) {
 }
 
 TEST_F(RelayPositioning, NothingIsBrokenWhileSentencesCome) {
+    loop.second = 5 * kShortSecond; // a pause of the test is no silence
     loop.open(true);
     loop.start_daemon();
     ASSERT_TRUE(loop.until(positioning_is_on));
-    const auto end = RelayClock::now() + 15 * kShortSecond;
+    const auto end = RelayClock::now() + 8 * loop.second;
     loop.until([&] {
         loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n"));
         return RelayClock::now() >= end;
@@ -144,6 +146,7 @@ TEST_F(RelayPositioning, NothingIsBrokenWhileSentencesCome) {
 }
 
 TEST_F(RelayPositioning, IsStartedAgainBehindADownload) {
+    loop.second = 5 * kShortSecond; // a pause of the test is no silence
     loop.open(true);
     loop.start_daemon();
     ASSERT_TRUE(loop.until(positioning_is_on));
