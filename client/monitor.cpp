@@ -9,12 +9,15 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <optional>
 #include <poll.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr double kOnceS = 10;  // for a frame with everything in it
+constexpr double kOnceS = 10; // for a frame with everything in it
+constexpr int kFixes = 3;     // with or without a position, so that one moment is whole
+constexpr std::chrono::seconds kSkyWait{2};
 constexpr double kSendS = 0.5; // that a daemon with a full queue may hold up the screen
 constexpr double kFirstSilenceS = 5;
 constexpr double kLongestSilenceS = 60;
@@ -148,16 +151,19 @@ int run_screen(Session& session) {
     return run.status;
 }
 
-// Whether a whole moment lies between the first and this one, so that all of its sentences have come.
-struct Moment {
+// Whether all that comes again and again has come: whole moments, and the sky, which chips tell once a
+// second.
+struct Moments {
     int fixes = 0;
-    bool is_whole(const Record& record) {
+    std::optional<Clock::time_point> first;
+    bool are_whole(const Record& record) {
         Fix fix;
-        const bool gga =
-            record.kind == RecordKind::kNmea && nmea_take(fix, record.text) == SentenceKind::kGga;
-        fixes += gga ? 1 : 0;
-        constexpr int kEnough = 3;
-        return fixes >= kEnough;
+        const auto now = Clock::now();
+        if (record.kind == RecordKind::kNmea) {
+            first = first.value_or(now);
+            fixes += nmea_take(fix, record.text) == SentenceKind::kGga ? 1 : 0;
+        }
+        return fixes >= kFixes && now - *first >= kSkyWait;
     }
 };
 
@@ -165,11 +171,11 @@ int run_once(Session& session) {
     const double limit_s = session.options.timeout_s.value_or(kOnceS);
     Monitor monitor;
     monitor.begin = Clock::now();
-    Moment moment;
+    Moments moments;
     const Followed followed =
         follow_start(session, limit_s, kFirstSilenceS, deadline_in(limit_s), [&](const Record& record) {
             monitor_take(monitor, record, Clock::now());
-            return !moment.is_whole(record) && !follow_is_failed_start(session, record);
+            return !moments.are_whole(record) && !follow_is_failed_start(session, record);
         });
     if (session.start_failed) {
         return follow_start_failed(session);
