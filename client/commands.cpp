@@ -1,6 +1,7 @@
 #include "client/commands.h"
 
 #include "client/assist.h"
+#include "client/check.h"
 #include "client/download.h"
 #include "client/download_check.h"
 #include "client/export.h"
@@ -171,6 +172,9 @@ int run_send(Session& session) {
 int commands_run(const Options& options, int interrupt) {
     Session session = {options, {}, 0, 0, false};
     session.connection.interrupt = interrupt;
+    if (options.command == Command::kCheck) {
+        return check_run(session);
+    }
     if (options.command == Command::kStatus) {
         return status_run(session);
     }

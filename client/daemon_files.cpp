@@ -50,16 +50,18 @@ int32_t gps_hour_now() {
     return gps_hour_from_utc(utc.tm_year + kYearBase, utc.tm_mon + 1, utc.tm_mday, utc.tm_hour);
 }
 
-std::optional<int> hours_left(const std::string& path, bool headed) {
+void read_hours(AssistanceFile& file, const std::string& path, bool headed) {
     const size_t at = headed ? kRecordSize : 0;
     const auto begin = place_read(path, at + sizeof(uint32_t));
     if (!begin || begin->size() < at + sizeof(uint32_t)) {
-        return std::nullopt;
+        return;
     }
     std::array<uint8_t, sizeof(uint32_t)> word = {};
     memcpy(word.data(), begin->data() + at, word.size());
     uint32_t end = 0;
-    return xod_valid_hours(xod_start_hour(load_le32(word.data())), gps_hour_now(), &end);
+    const uint32_t start = xod_start_hour(load_le32(word.data()));
+    file.hours = xod_valid_hours(start, gps_hour_now(), &end);
+    file.age_h = gps_hour_now() - static_cast<int32_t>(start);
 }
 
 double age_of(const timespec& time) {
@@ -173,12 +175,12 @@ std::optional<std::vector<AssistanceFile>> daemon_files_assistance(const Place& 
     for (const FileRow& row : kFiles) {
         std::array<char, kXodNameSize> name = {};
         xod_download_file_name(row.type, 1, name.data());
-        AssistanceFile file = {name.data(), row.content, std::nullopt, std::nullopt, {}};
+        AssistanceFile file = {name.data(), row.content, std::nullopt, std::nullopt, std::nullopt, {}};
         const std::string path = directory + "/" + file.name;
         struct stat status = {};
         if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
             file.size = static_cast<uint64_t>(status.st_size);
-            file.hours = hours_left(path, row.headed);
+            read_hours(file, path, row.headed);
             file.written = status.st_mtim;
         }
         if (file.size || row.kept) {

@@ -17,6 +17,7 @@ struct AssistanceFile {
     std::string content;          // "GPS and GLONASS"
     std::optional<uint64_t> size; // bytes; none: there is no such file
     std::optional<int> hours;     // of prediction left, none when that can't be read
+    std::optional<int> age_h;     // since the beginning of its predictions, negative before it
     timespec written = {};
 };
 

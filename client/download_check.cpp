@@ -220,8 +220,7 @@ int download_check_run(Session& session) {
                                 print_safe(options.socket) + " does not end in " TAVOR_SOCKET_PATH);
     }
     for (const Finding& finding : plan.findings) {
-        session_emit(session,
-                     options.json ? download_view_finding_json(finding) : download_view_finding(finding));
+        session_emit(session, options.json ? finding_json(finding) : finding_line(finding));
     }
     return count_of(plan, Grade::kBad) == 0 ? session_output_status(session)
                                             : session_fail(session, kExitFailed, verdict(plan));

@@ -2,6 +2,7 @@
 #ifndef TAVOR_CLIENT_DOWNLOAD_CHECK_H
 #define TAVOR_CLIENT_DOWNLOAD_CHECK_H
 
+#include "client/finding.h"
 #include "client/image_list.h"
 #include "client/session.h"
 
@@ -9,14 +10,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-enum class Grade { kGood, kDoubtful, kBad };
-
-struct Finding {
-    Grade grade;
-    std::string subject; // settings, list, agent or image
-    std::string text;    // what was found, and what to do unless it is good
-};
 
 // What the system tells of a file.
 struct FileFacts {

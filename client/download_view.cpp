@@ -62,11 +62,6 @@ std::string speed_text(const DownloadProgress& progress, double step_s) {
     return text;
 }
 
-const char* grade_name(Grade grade) {
-    constexpr std::array<const char*, 3> kNames = {"good", "doubtful", "bad"};
-    return kNames.at(static_cast<size_t>(grade));
-}
-
 std::optional<double> write_rate(const DownloadSummary& summary) {
     const bool known = summary.bytes && summary.write_s.value_or(0) > 0;
     return known ? std::optional(static_cast<double>(*summary.bytes) / *summary.write_s) : std::nullopt;
@@ -133,22 +128,6 @@ std::string download_view_failure_json(const DownloadProgress& progress) {
     object["type"] = "failure";
     object["error"] = download_log_cause(progress);
     object["advice"] = download_advice(download_log_cause(progress));
-    return dump(object);
-}
-
-std::string download_view_finding(const Finding& finding) {
-    constexpr size_t kGradeWidth = 10;
-    std::string line = grade_name(finding.grade);
-    line.resize(kGradeWidth, ' ');
-    return line + finding.subject + ": " + finding.text + "\n";
-}
-
-std::string download_view_finding_json(const Finding& finding) {
-    Json object;
-    object["type"] = "check";
-    object["subject"] = finding.subject;
-    object["grade"] = grade_name(finding.grade);
-    object["text"] = finding.text;
     return dump(object);
 }
 

@@ -38,10 +38,6 @@ std::string download_view_failure(const DownloadProgress& progress);
 // One line of JSON, type "failure": what the log says and what to do, with its line end.
 std::string download_view_failure_json(const DownloadProgress& progress);
 
-// "good      agent: PATH: 1025 bytes" with its line end, and as one line of JSON, type "check".
-std::string download_view_finding(const Finding& finding);
-std::string download_view_finding_json(const Finding& finding);
-
 // "2 images, 61441 bytes in 42.1 s, written at 4.1 kB/s" with its line end, and as one line of JSON, type
 // "summary".
 std::string download_view_summary(const DownloadSummary& summary);

@@ -4,15 +4,14 @@
 #include "client/connection.h"
 #include "client/exit_status.h"
 #include "client/print.h"
+#include "client/words.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <numeric>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace {
@@ -228,28 +227,13 @@ std::string check_together(const CLI::App& app, const Options& options) {
     return "";
 }
 
-// Single changes of letters that make one word of the other.
-size_t distance(std::string_view from, std::string_view to) {
-    std::vector<size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), size_t{0});
-    for (size_t i = 1; i <= from.size(); ++i) {
-        size_t before = std::exchange(row[0], i);
-        for (size_t j = 1; j <= to.size(); ++j) {
-            const size_t changed = before + (from[i - 1] == to[j - 1] ? 0 : 1);
-            before = row[j];
-            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
-        }
-    }
-    return row.back();
-}
-
 // ", but 'start' is" when a command is called almost like the word.
 std::string suggestion(const std::string& word) {
     const auto by_distance = [&](const CommandRow& a, const CommandRow& b) {
-        return distance(word, a.name) < distance(word, b.name);
+        return words_distance(word, a.name) < words_distance(word, b.name);
     };
     const CommandRow& nearest = *std::min_element(std::begin(kCommands), std::end(kCommands), by_distance);
-    const bool near = distance(word, nearest.name) <= kMistypedMax && word.size() > kMistypedMax;
+    const bool near = words_distance(word, nearest.name) <= kMistypedMax && word.size() > kMistypedMax;
     return near ? std::string(", but '") + nearest.name + "' is" : "";
 }
 

@@ -21,7 +21,8 @@ enum class Command {
     kStatus,
     kRecord,
     kExport,
-    kMonitor
+    kMonitor,
+    kCheck
 };
 
 // Of an exported track.

@@ -117,3 +117,35 @@ TEST(ClientOnBoard, RecordingBecomesATrackThatOthersRead) {
                                         place + "/track.geojson"});
     EXPECT_EQ(json.out, "LineString\n") << json.err;
 }
+
+TEST(ClientOnBoard, CheckFindsABoardGoodAndSaysWhatIsNot) {
+    const SimulatedBoard board;
+    const auto check = [&] {
+        return run_program(
+            {TAVOR_BOARD_PROGRAM, "exec", "--dir", board.directory.path, "--", TAVOR_CTL_PROGRAM, "check"});
+    };
+    const auto finds = [&](const RunResult& result, const std::string& text) {
+        return result.out.find(text) != std::string::npos;
+    };
+    // Of this machine alone are the kernel's size of a message and a service.
+    const RunResult good = check();
+    EXPECT_LT(good.status, 2) << good.out;
+    for (const char* text :
+         {"good      settings: ", "good      SPI device: /dev/spidev1.0 takes ",
+          "good      power line: line 17 can be switched; now an input, low\n",
+          "good      identity: ", "good      assistance host: ", "good      daemon: none runs"}) {
+        EXPECT_TRUE(finds(good, text)) << text << good.out;
+    }
+
+    board.configure("Power control gpio", "9999");
+    board.configure("XOD vendr", "x");
+    const RunResult bad = check();
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_TRUE(finds(bad, "bad       power line: line 9999 does not exist; correct 'Power control gpio='"))
+        << bad.out;
+    EXPECT_TRUE(finds(bad, "there is no setting 'XOD vendr='; the nearest is 'XOD vendor='")) << bad.out;
+
+    const DaemonOnBoard daemon(board);
+    EXPECT_TRUE(
+        finds(check(), "doubtful  daemon: one runs (process " + std::to_string(daemon.process->pid) + ")"));
+}

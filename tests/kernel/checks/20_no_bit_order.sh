@@ -3,6 +3,8 @@
 
 module_load spi_mode_bits=0x07
 board_start --msb-first
+! tavorctl check >/tmp/check.out || fail "check finds nothing"
+grep -q "^bad  *SPI device: refuses least significant bit first.*'SPI bit order=1'" /tmp/check.out || fail "$(cat /tmp/check.out)"
 daemon_start
 ctl start # answered with success: the bus is opened behind it
 wait_for 20 logged "[LOCSERV] ERR: [spi]can't set LSB or MSB: 1"

@@ -44,7 +44,7 @@ struct Files {
     std::string lines() const {
         std::string text;
         for (const Finding& finding : plan().findings) {
-            text += download_view_finding(finding);
+            text += finding_line(finding);
         }
         return text;
     }

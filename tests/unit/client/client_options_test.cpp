@@ -91,8 +91,8 @@ TEST(Options, HelpAndVersionGoToStandardOutputWithSuccess) {
     const Parsed version = parse({"--version"});
     EXPECT_EQ(version.status, kExitSuccess);
     EXPECT_EQ(version.out, "tavorctl " TAVOR_VERSION_FOR_TEST "\n");
-    for (const char* command :
-         {"start", "stop", "watch", "position", "save", "send", "debug", "assist", "download", "status"}) {
+    for (const char* command : {"start", "stop", "watch", "position", "save", "send", "debug", "assist",
+                                "download", "status", "check"}) {
         const Parsed help = parse({command, "--help"});
         EXPECT_EQ(help.status, kExitSuccess) << command;
         EXPECT_NE(help.out.find(std::string("Examples:\n  tavorctl ") + command), std::string::npos)

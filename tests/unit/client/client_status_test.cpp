@@ -42,7 +42,7 @@ Status known() {
     status.fix->satellites = 8;
     status.fix_age_s = 1.2;
     status.outlet = Outlet::kTcp;
-    status.assistance = {{"XOD_BDS_3.DAT", "BeiDou", 30312, 61, {}}};
+    status.assistance = {{"XOD_BDS_3.DAT", "BeiDou", 30312, 61, 11, {}}};
     status.downloads = false;
     status.log = "journal";
     return status;
