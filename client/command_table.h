@@ -38,7 +38,8 @@ inline constexpr CommandRow kCommands[] = {
      "Limit: 60 s. Positioning goes on afterwards. The age is by this host's clock; one above 5 s is told.\n\n"
      "Examples:\n  tavorctl position\n  tavorctl position --json --timeout 120\n  tavorctl position --max-age 2"},
     {"save", Command::kSave, "Write the last position to the location file",
-     "Answer limit: 5 s.\n\nExamples:\n  tavorctl save"},
+     "Answer limit: 5 s. Tells what the file holds afterwards; without any fix yet it is empty, exit status 6.\n\n"
+     "Examples:\n  tavorctl save"},
     {"send", Command::kSend, "Send a command to the chip and print its answers",
      "BODY is the command without '$PZUL' and checksum. Positioning must be started.\n\n"
      "Examples:\n  tavorctl send 353,1\n  tavorctl send 353,1 --wait 3 --json"},
@@ -47,7 +48,8 @@ inline constexpr CommandRow kCommands[] = {
     {"assist", Command::kAssist, "Start the assistance download and follow its results",
      "Answer limit: 5 s. Follows until interrupted; with --once until the first full cycle is over: a download\n"
      "has failed, or none has ended for --wait seconds. No result comes, and that is a success, while the stored\n"
-     "data are fresh or a download that failed before waits for its retry. The daemon goes on by itself.\n\n"
+     "data are fresh or a download that failed before waits for its retry. The daemon goes on by itself.\n"
+     "Which file it was and why one failed is taken from the daemon's log, where it can be read.\n\n"
      "Examples:\n  tavorctl assist\n  tavorctl assist --once --json\n"
      "  tavorctl assist --wait 0     don't wait for a download"},
     {"download", Command::kDownload, "Write new firmware into the chip",

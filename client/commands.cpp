@@ -10,6 +10,7 @@
 #include "client/position.h"
 #include "client/print.h"
 #include "client/record.h"
+#include "client/save.h"
 #include "client/session.h"
 #include "client/status.h"
 
@@ -43,9 +44,6 @@ struct SimpleRow {
 constexpr SimpleRow kSimpleRows[] = {
     {Command::kStart, TAVOR_REQUEST_START, TAVOR_CODE_START, true, "", kAnswerLimitS, kStartFailure},
     {Command::kStop, TAVOR_REQUEST_STOP, TAVOR_CODE_STOP, true, "", kStopLimitS, kStopFailure},
-    {Command::kSave, TAVOR_REQUEST_SAVE_LOCATION, TAVOR_CODE_SAVE_LOCATION, true, "", kAnswerLimitS,
-     "the location could not be saved: the daemon answered failure; check that the place of 'NMEA file path=' is "
-     "writable"},
     {Command::kDebug, TAVOR_REQUEST_DEBUG_OFF, TAVOR_CODE_DEBUG, true, "off", kAnswerLimitS,
      "the debug outlet could not be switched off: the daemon answered failure; see 'journalctl --namespace=tavor'"},
     {Command::kDebug, TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG, false, "file", kAnswerLimitS,
@@ -197,6 +195,8 @@ int commands_run(const Options& options, int interrupt) {
         return run_send(session);
     case Command::kAssist:
         return assist_run(session);
+    case Command::kSave:
+        return save_run(session);
     case Command::kDownload:
         return download_run(session);
     case Command::kRecord:

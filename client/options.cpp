@@ -171,6 +171,7 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
     case Command::kAssist:
         app.add_flag("--once", options.once, "End after the first full cycle");
         add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
+        add_log(app, options);
         break;
     case Command::kRecord:
         add_record_options(app, options);

@@ -3,6 +3,7 @@
 #include "support/harness.h"
 
 #include <csignal>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -148,4 +149,40 @@ TEST(ClientOnBoard, CheckFindsABoardGoodAndSaysWhatIsNot) {
     const DaemonOnBoard daemon(board);
     EXPECT_TRUE(
         finds(check(), "doubtful  daemon: one runs (process " + std::to_string(daemon.process->pid) + ")"));
+}
+
+TEST(ClientOnBoard, SaveSaysWhatTheFileHoldsAfterwards) {
+    const Scene scene({});
+    const RunResult nothing = scene.run({"save"});
+    EXPECT_EQ(nothing.status, 6);
+    EXPECT_EQ(nothing.out, "");
+    EXPECT_NE(nothing.err.find("nothing is known yet: " + scene.board.directory.path.string()),
+              std::string::npos)
+        << nothing.err;
+    EXPECT_EQ(scene.run({"position"}).status, 0);
+    const RunResult saved = scene.run({"save"});
+    EXPECT_EQ(saved.status, 0) << saved.err;
+    EXPECT_EQ(saved.out.rfind("location saved\nposition: ", 0), 0U) << saved.out;
+}
+
+TEST(ClientOnBoard, AssistTellsFilesAndCauses) {
+    const Scene good({"--speed", "8"});
+    const RunResult all =
+        good.run({"assist", "--once", "--wait", "5", "--log", good.board.directory.path / "daemon.log"});
+    EXPECT_EQ(all.status, 0) << all.err;
+    for (const char* name : {"XOD_GR_3_1.DAT", "XOD_BDS_3.DAT", "XOD_GAL_3.DAT"}) {
+        const auto size =
+            std::filesystem::file_size(good.board.directory.path / "etc/default/tavor/xod" / name);
+        const std::string line = std::string("assistance data downloaded: ") + name + ", " +
+                                 std::to_string(size) + " bytes, verified\n";
+        EXPECT_NE(all.out.find(line), std::string::npos) << all.out;
+    }
+    const Scene blank({"--speed", "8", "--conf", "XOD vendor= "});
+    const RunResult bad = blank.run({"assist", "--once", "--log", blank.board.directory.path / "daemon.log"});
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(
+        bad.err,
+        "tavorctl: XOD_GR_3_1.DAT could not be downloaded: 'the transfer failed, status 3 of libcurl'; the "
+        "address holds a blank: set 'XOD vendor=', 'XOD project=' and 'XOD device id='; it is tried again "
+        "in 5 min\n");
 }

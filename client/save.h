@@ -1,0 +1,11 @@
+// Saving the last position.
+#ifndef TAVOR_CLIENT_SAVE_H
+#define TAVOR_CLIENT_SAVE_H
+
+#include "client/session.h"
+
+// Tells what the location file holds afterwards: the daemon saves also when it knows nothing. Returns an exit
+// status.
+int save_run(Session& session);
+
+#endif
