@@ -16,7 +16,7 @@ EOT
 }
 
 quick_folders=(base config nmea queue device)
-packages=(libc6-dev libstdc++6 libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev libncurses-dev
+packages=(libc6-dev libstdc++6 libatomic1 libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev libncurses-dev
     libcli11-dev nlohmann-json3-dev libgtest-dev zlib1g-dev)
 skipped=77
 answer_limit_s=60 # of one program under the emulator
@@ -120,6 +120,7 @@ fetch_libraries() {
     for package in "$apt"/archives/*.deb; do
         dpkg-deb -x "$package" "$sysroot.part"
     done
+    [ -e "$sysroot.part/lib" ] || ln -s usr/lib "$sysroot.part/lib" # later releases have their loader there
     echo "${packages[*]}" >"$sysroot.part/packages"
     rm -rf "$apt" "$sysroot"
     mv "$sysroot.part" "$sysroot"
