@@ -544,3 +544,21 @@ TEST_F(TavorTest, RequestWaitsForRoomForHalfASecondWhenNoneWaitedBeforeIt) {
     client.send(TAVOR_REQUEST_STOP);
     receiver.join();
 }
+
+TEST_F(TavorTest, RequestsThatWaitTogetherShareHalfASecond) {
+    const Client client(Address("c"));
+    fill_queue();
+    const size_t before = queued();
+    for (int i = 0; i < 9; ++i) { // the daemon's socket takes ten
+        client.send(TAVOR_REQUEST_COMMAND, "353,1");
+    }
+    client.send(TAVOR_REQUEST_STOP);
+    const Clock::time_point start = Clock::now();
+    capture_stdout([] {
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_EQ(tavor_receive(), 0);
+        }
+    });
+    EXPECT_LE(Clock::now() - start, milliseconds(2000));
+    EXPECT_EQ(queued(), before + 1) << "the stop";
+}
