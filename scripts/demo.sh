@@ -158,7 +158,7 @@ cat "$dir/etc/default/tavor/location.dat"
 # A screen program's last picture as plain lines.
 picture() {
     TERM=vt100 timeout 6 script -qec "stty cols 90 rows 30; $*" /dev/null </dev/null |
-        sed 's/\x1b[^a-zA-Z]*[a-zA-Z]/\n/g; s/[\x00-\x08\x0e-\x1f]//g' | grep -E '[[:alnum:]]' | head -n 30
+        sed 's/\x1b[^a-zA-Z]*[a-zA-Z]/\n/g; s/[\x00-\x08\x0e-\x1f]//g' | grep -E '[[:alnum:]]' | tail -n 30
 }
 
 show_relay() {
