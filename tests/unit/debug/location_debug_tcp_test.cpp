@@ -168,6 +168,20 @@ TEST_F(DebugTcpTest, SlowClientGetsWholeBlocksAndItsLossIsToldOnce) {
     EXPECT_EQ(log_count(kTooSlow), 1U);
 }
 
+TEST_F(DebugTcpTest, RestOfABlockThatWasTakenInPartGoesFirst) {
+    const auto slow = connect_listed(1, 400'000);
+    const std::string block = "<" + std::string(8'000'000, 'x') + ">"; // more than a connection holds
+    handle_text(block);
+    std::string seen;
+    ASSERT_TRUE(wait_until([&] {
+        handle_text("[more]");
+        seen += read_now(slow->fd);
+        return seen.find("[more]") != std::string::npos;
+    }));
+    EXPECT_EQ(seen.find("[more]"), block.size());
+    EXPECT_EQ(seen.compare(0, block.size(), block), 0);
+}
+
 TEST_F(DebugTcpTest, LossOfAClientThatLeavesIsTold) {
     const auto slow = connect_listed(1, 4096);
     ASSERT_TRUE(wait_until([&] {
