@@ -1,14 +1,19 @@
 #include "gnss/gnss.h"
 
 #include "hub/hub.h"
+#include "upstream/positioning.h"
 
 #include <utility>
 
 namespace {
 
+constexpr int kFreshS = 10;
+
 struct GnssState {
+    std::chrono::milliseconds second{1000};
     GnssReader reader;
     GnssEpoch latest;
+    std::chrono::steady_clock::time_point told; // the latest
     std::vector<GnssOutput> outputs;
 };
 
@@ -16,6 +21,7 @@ GnssState state;
 
 void tell(void* /*unused*/, const GnssEpoch& epoch) {
     state.latest = epoch;
+    state.told = std::chrono::steady_clock::now();
     for (const GnssOutput& output : state.outputs) {
         output(epoch);
     }
@@ -23,8 +29,9 @@ void tell(void* /*unused*/, const GnssEpoch& epoch) {
 
 } // namespace
 
-void gnss_open() {
+void gnss_open(std::chrono::milliseconds second) {
     state = {};
+    state.second = second;
     hub_take([](const HubItem& item) {
         if (item.kind == HubKind::kSentence) {
             gnss_reader_take(state.reader, hub_text(item), tell, nullptr);
@@ -41,5 +48,9 @@ void gnss_take(GnssOutput output) {
 }
 
 const GnssEpoch& gnss_latest() {
+    const auto age = std::chrono::steady_clock::now() - state.told;
+    if (!upstream_connected() || !positioning_is_on() || age > kFreshS * state.second) {
+        state.latest = {};
+    }
     return state.latest;
 }

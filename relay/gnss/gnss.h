@@ -9,14 +9,15 @@
 // An output; it must not wait.
 using GnssOutput = std::function<void(const GnssEpoch&)>;
 
-// Behind hub_open.
-void gnss_open();
+// Behind positioning_open. Tests shorten the second of the limit.
+void gnss_open(std::chrono::milliseconds second = std::chrono::milliseconds(1000));
 void gnss_close();
 
 // Registers an output; it gets every epoch from now on.
 void gnss_take(GnssOutput output);
 
-// The latest epoch that was told; empty before the first.
+// The latest epoch that was told. Empty before the first, when it was told more than 10 seconds ago, and
+// while there is no daemon or positioning is off.
 const GnssEpoch& gnss_latest();
 
 #endif

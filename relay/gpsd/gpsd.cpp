@@ -65,8 +65,18 @@ void perform(GpsdClient& client, const GpsdCommand& command) {
     }
 }
 
+// Drops what belongs to a line that was too long.
+void skip(GpsdClient& client) {
+    const size_t end = client.input.find_first_of("\r\n");
+    client.skipping = end == std::string::npos;
+    client.input.erase(0, end);
+}
+
 // One request after the other, as long as the answers are taken.
 void serve(GpsdClient& client) {
+    if (client.skipping) {
+        skip(client);
+    }
     while (client.answers == 0) {
         const auto command = gpsd_command_next(client.input);
         if (!command) {
@@ -76,6 +86,7 @@ void serve(GpsdClient& client) {
     }
     if (client.answers == 0 && client.input.size() > kGpsdCommandMax) {
         client.input.clear();
+        client.skipping = true;
         ++hub_counters().malformed;
         answer(client, gpsd_report_error("Request too long"));
     }

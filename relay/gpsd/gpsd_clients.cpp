@@ -20,7 +20,11 @@ namespace {
 constexpr size_t kClientsMax = 2000;
 constexpr size_t kWaitingMax = size_t{64} * 1024;
 constexpr int kPatienceS = 30;
-constexpr int kKernelBuffer = 64 * 1024; // what the kernel keeps for a client that does not read
+constexpr int kIdleS = 15 * 60;
+constexpr int kKernelBuffer = 16 * 1024; // each way; the kernel takes twice
+constexpr int kKeepAliveS = 60;          // of silence before the kernel looks for the other end
+constexpr int kProbeS = 30;              // before it looks again
+constexpr int kUnansweredMs = 60000;     // then it gives up
 constexpr size_t kReadSize = 4096;
 
 struct ClientsState {
@@ -100,6 +104,7 @@ void on_readable(evutil_socket_t fd, short /*unused*/, void* one) {
     std::array<char, kReadSize> bytes = {};
     const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size > 0) {
+        client.heard = std::chrono::steady_clock::now();
         client.input.append(bytes.data(), static_cast<size_t>(size));
         read_or_pause(client);
     } else {
@@ -117,13 +122,19 @@ void on_writable(evutil_socket_t /*unused*/, short /*unused*/, void* one) {
     gpsd_clients_tidy();
 }
 
+void let_go(GpsdClient& client, const char* why) {
+    client.gone = true;
+    ++hub_counters().let_go;
+    printf("tavor-relay: a TCP client is let go that %s\n", why);
+}
+
 void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     const auto now = std::chrono::steady_clock::now();
     for (GpsdClient& client : state.clients) {
         if (!client.waiting.empty() && now - client.taken >= kPatienceS * state.second) {
-            client.gone = true;
-            ++hub_counters().let_go;
-            printf("tavor-relay: a TCP client is let go that does not read\n");
+            let_go(client, "does not read");
+        } else if (!client.watch.enable && now - client.heard >= kIdleS * state.second) {
+            let_go(client, "neither watches nor asks");
         }
     }
     gpsd_clients_tidy();
@@ -158,10 +169,15 @@ GpsdClient* gpsd_clients_add(int fd) {
     }
     set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    set_option(fd, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveS);
+    set_option(fd, IPPROTO_TCP, TCP_KEEPINTVL, kProbeS);
+    set_option(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, kUnansweredMs);
     set_option(fd, SOL_SOCKET, SO_SNDBUF, kKernelBuffer);
+    set_option(fd, SOL_SOCKET, SO_RCVBUF, kKernelBuffer);
     GpsdClient& client = state.clients.emplace_back();
     client.id = ++state.last_id;
     client.fd = fd;
+    client.heard = std::chrono::steady_clock::now();
     client.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &client));
     client.writable.reset(event_new(state.base, fd, EV_WRITE | EV_PERSIST, on_writable, &client));
     event_add(client.readable.get(), nullptr);

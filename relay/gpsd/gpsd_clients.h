@@ -2,7 +2,9 @@
 //
 // For a client that does not read 64 KiB of reports wait, then the oldest are dropped. Answers to requests
 // are never dropped; while one waits, no further request is read. A client that has taken nothing for 30
-// seconds while something waits is let go.
+// seconds while something waits is let go, and so is one that watches nothing and has said nothing for 15
+// minutes: the places are few. The kernel keeps 32 KiB each way, and ends within two minutes a connection
+// whose other end has vanished.
 #ifndef TAVOR_RELAY_GPSD_CLIENTS_H
 #define TAVOR_RELAY_GPSD_CLIENTS_H
 
@@ -26,12 +28,14 @@ struct GpsdClient {
     int fd = -1;
     GpsdWatch watch;
     std::string input;
+    bool skipping = false;        // up to the end of a line that was too long
     std::deque<GpsdLine> waiting; // the oldest first
     size_t sent = 0;              // bytes of the oldest
     size_t waiting_size = 0;      // bytes of all
     int answers = 0;              // of what waits
     bool gone = false;
     std::chrono::steady_clock::time_point taken; // the latest byte that it took, or what waited first
+    std::chrono::steady_clock::time_point heard; // the latest byte that it sent, or its coming
     EventPtr readable;
     EventPtr writable;
 };

@@ -8,8 +8,12 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -22,14 +26,27 @@ struct RelayGpsd : testing::Test {
     RelayGpsd() {
         loop.open(false);
         gnss_open();
-        if (!gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .second = kShortSecond})) {
-            throw std::runtime_error("no port");
-        }
+        open_port(kShortSecond);
         loop.start_daemon();
     }
     ~RelayGpsd() override {
         gpsd_close();
         gnss_close();
+    }
+
+    void open_port(std::chrono::milliseconds second) const {
+        if (!gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .second = second})) {
+            throw std::runtime_error("no port");
+        }
+    }
+    // Opens fix, sky and port anew.
+    void open_with_second(std::chrono::milliseconds second) {
+        gpsd_close();
+        positioning_close();
+        upstream_close();
+        loop.open(false);
+        gnss_open(second);
+        open_port(second);
     }
 
     // Turns until the peer has got the text.
@@ -66,6 +83,27 @@ struct RelayGpsd : testing::Test {
         push("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1*00");
         push("$GPGSV,1,1,01,04,40,083,46,1*00");
         push("$GNGST," + time + ",1.0,2.0,3.0,45.0,4.0,5.0,6.0*00");
+    }
+    // The peer watches, and has been told a fix.
+    void get_fix(TcpPeer& peer) const {
+        ASSERT_TRUE(asked(peer, kWatchJson, "\"WATCH\""));
+        ASSERT_TRUE(watching(1));
+        push_epoch(0);
+        push_epoch(1);
+        ASSERT_TRUE(gets(peer, "\"mode\":3"));
+    }
+    // Mode of the fix that a poll tells, -1 when it tells none.
+    int mode_by_poll(TcpPeer& peer) const {
+        if (!asked(peer, "?POLL;", "\"POLL\"") || !gets(peer, "]}\r\n")) {
+            return -1;
+        }
+        return report(peer, "POLL").at("tpv").at(0).at("mode");
+    }
+    static int option_of(int fd, int level, int name) {
+        int value = -1;
+        socklen_t size = sizeof value;
+        getsockopt(fd, level, name, &value, &size);
+        return value;
     }
     bool watching(size_t count) const {
         return loop.until([&] { return hub_counters().tcp_consumers == count && positioning_is_on(); });
@@ -221,6 +259,66 @@ TEST_F(RelayGpsd, AnEndlessLineIsRefusedAndTheNextRequestAnswered) {
     TcpPeer peer(gpsd_port());
     ASSERT_TRUE(asked(peer, "?" + std::string(9000, 'A'), "Request too long"));
     ASSERT_TRUE(asked(peer, "\n?VERSION;", "\"VERSION\""));
+}
+
+TEST_F(RelayGpsd, TheRestOfAnEndlessLineIsNoRequest) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, "?" + std::string(9000, 'A'), "Request too long"));
+    ASSERT_TRUE(asked(peer, std::string(9000, 'A') + ";?VERSION;\n?DEVICES;", "\"DEVICES\""));
+    EXPECT_EQ(peer.got.find("\"VERSION\""), std::string::npos);
+    EXPECT_EQ(peer.got.find("ERROR"), std::string::npos);
+    EXPECT_EQ(hub_counters().malformed, 1U);
+}
+
+TEST_F(RelayGpsd, TheKernelKeepsLittleForAClientAndNoticesOneThatIsGone) {
+    const TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(loop.until([] { return gpsd_clients_count() == 1; }));
+    int fd = -1;
+    gpsd_clients_each([&](const GpsdClient& client) { fd = client.fd; });
+    EXPECT_EQ(option_of(fd, SOL_SOCKET, SO_SNDBUF), 2 * 16 * 1024); // the kernel tells twice what was asked
+    EXPECT_EQ(option_of(fd, SOL_SOCKET, SO_RCVBUF), 2 * 16 * 1024);
+    EXPECT_EQ(option_of(fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(option_of(fd, IPPROTO_TCP, TCP_KEEPIDLE), 60);
+    EXPECT_EQ(option_of(fd, IPPROTO_TCP, TCP_KEEPINTVL), 30);
+    EXPECT_EQ(option_of(fd, IPPROTO_TCP, TCP_USER_TIMEOUT), 60000);
+}
+
+TEST_F(RelayGpsd, WhoNeitherWatchesNorAsksForFifteenMinutesIsLetGo) {
+    open_with_second(std::chrono::milliseconds(2));
+    TcpPeer idle(gpsd_port());
+    TcpPeer watcher(gpsd_port());
+    ASSERT_TRUE(asked(watcher, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(loop.until([&] { return !idle.read(); }));
+    loop.turn_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(gpsd_clients_count(), 1U);
+    EXPECT_EQ(hub_counters().tcp_consumers, 1U);
+    EXPECT_EQ(hub_counters().let_go, 1U);
+}
+
+TEST_F(RelayGpsd, NoFixIsToldOnceTheDaemonIsGone) {
+    TcpPeer peer(gpsd_port());
+    get_fix(peer);
+    unlink(loop.daemon_path.c_str());
+    loop.daemon = nullptr;
+    ASSERT_TRUE(loop.until([] { return !upstream_connected(); }));
+    EXPECT_EQ(mode_by_poll(peer), 0);
+}
+
+TEST_F(RelayGpsd, NoFixIsToldOncePositioningHasEnded) {
+    TcpPeer peer(gpsd_port());
+    get_fix(peer);
+    ASSERT_TRUE(asked(peer, "?WATCH={\"enable\":false};", "\"enable\":false"));
+    ASSERT_TRUE(loop.until([] { return !positioning_is_on(); }));
+    EXPECT_EQ(mode_by_poll(peer), 0);
+}
+
+TEST_F(RelayGpsd, AFixIsToldForTenSecondsOnly) {
+    open_with_second(std::chrono::milliseconds(2));
+    TcpPeer peer(gpsd_port());
+    get_fix(peer);
+    loop.turn_for(std::chrono::milliseconds(21));
+    EXPECT_TRUE(positioning_is_on());
+    EXPECT_EQ(mode_by_poll(peer), 0);
 }
 
 TEST_F(RelayGpsd, TwoHundredThatComeAndGoLeaveNothing) {
