@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int kSendBuffer = 64 * 1024 * 1024; // what clients have not read stays charged to it
+constexpr int kSendBuffer = 32 * 1024 * 1024; // what clients have not read stays charged to it
 constexpr size_t kPathOffset = offsetof(sockaddr_un, sun_path);
 constexpr size_t kTypeSize = sizeof(uint32_t);
 constexpr mode_t kDirectoryMode = 0755;
