@@ -220,6 +220,22 @@ TEST_F(RelayGpsd, ASlowReaderLosesWholeOldReportsAndHoldsUpNobody) {
     EXPECT_EQ(hub_counters().let_go, 0U);
 }
 
+TEST_F(RelayGpsd, TheRestOfAHalfSentReportIsKept) {
+    TcpPeer slow(gpsd_port(), 2048);
+    ASSERT_TRUE(gets(slow, "\r\n"));
+    slow.got.clear();
+    const auto line_of = [](char letter) { return std::string(63000, letter) + "\r\n"; };
+    gpsd_clients_each([&](GpsdClient& client) {
+        for (const char letter : {'a', 'b', 'c'}) {
+            gpsd_clients_send(client, {std::make_shared<const std::string>(line_of(letter)), false});
+            EXPECT_GT(client.sent, 0U); // the kernel has no room for all of the first
+        }
+    });
+    EXPECT_EQ(hub_counters().dropped_tcp, 1U);
+    ASSERT_TRUE(gets(slow, "c\r\n"));
+    EXPECT_TRUE(slow.got == line_of('a') + line_of('c'));
+}
+
 TEST_F(RelayGpsd, WhoReadsNothingForThirtySecondsIsLetGo) {
     TcpPeer slow(gpsd_port(), 2048);
     ASSERT_TRUE(asked(slow, kWatchNmea, "\"WATCH\""));
