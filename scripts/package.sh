@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian packages tavor, tavorctl, tavor-board and libtavor-dev from this tree into build/package, and has lintian judge
+# Builds the Debian packages tavor, tavorctl, tavor-relay, tavor-board and libtavor-dev from this tree into build/package, and has lintian judge
 # them. Takes debhelper, dpkg-dev and what scripts/setup.sh installs; lintian where it is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

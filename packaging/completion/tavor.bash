@@ -73,4 +73,4 @@ _tavor() {
     fi
 }
 
-complete -F _tavor tavorctl tavor-board
+complete -F _tavor tavorctl tavor-relay tavor-board

@@ -1,4 +1,4 @@
-#compdef tavorctl tavor-board
+#compdef tavorctl tavor-relay tavor-board
 # zsh completion of tavor's programs. What there is to complete is asked of the program itself, by --help: it can't be out of date.
 
 # The lines of a help text as KIND:NAME:TYPE:DESCRIPTION, KIND one of o (option), c (command), p (positional); TYPE is empty for a flag.

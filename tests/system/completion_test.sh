@@ -44,6 +44,7 @@ walk() { # command line
 
 walk tavorctl
 walk tavor-board
+[ ! -x "$2/tavor-relay" ] || walk tavor-relay
 expect "tavorctl sto" "stop"
 expect "tavorctl export --cs" "--csv" # an option of a group
 expect "tavorctl --timeout 3 sav" "save"           # an option's value is no command

@@ -18,6 +18,18 @@ TAVOR_CONF_OPTS = \
 	-DTAVOR_BUILD_BENCH=OFF \
 	-DTAVOR_XOD_HOST=$(call qstrip,$(BR2_PACKAGE_TAVOR_XOD_HOST))
 
+ifeq ($(BR2_PACKAGE_TAVOR_RELAY),y)
+TAVOR_DEPENDENCIES += libevent
+TAVOR_CONF_OPTS += -DTAVOR_BUILD_RELAY=ON
+# A group of its own for those who may do through it what disturbs others.
+define TAVOR_RELAY_USERS
+	tavor-relay -1 tavor-relay -1 * - - tavor location relay
+	- -1 tavor-admin -1 - - - - -
+endef
+else
+TAVOR_CONF_OPTS += -DTAVOR_BUILD_RELAY=OFF
+endif
+
 ifeq ($(BR2_PACKAGE_TAVOR_BOARD),y)
 TAVOR_DEPENDENCIES += libmicrohttpd
 TAVOR_CONF_OPTS += -DTAVOR_BUILD_BOARD=ON
@@ -48,6 +60,9 @@ define TAVOR_REMOVE_SYSTEMD_FILES
 	rm -rf $(TARGET_DIR)/etc/default/tavor/service.env \
 		$(TARGET_DIR)/usr/libexec/tavor \
 		$(TARGET_DIR)/usr/lib/systemd/system/tavor.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.service \
+		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.socket \
+		$(TARGET_DIR)/usr/lib/sysusers.d/tavor-relay.conf \
 		$(TARGET_DIR)/usr/lib/systemd/journald@tavor.conf.d \
 		$(TARGET_DIR)/usr/lib/sysusers.d/tavor.conf \
 		$(TARGET_DIR)/usr/lib/tmpfiles.d/tavor.conf
@@ -63,6 +78,7 @@ endef
 # Members of the group may drive the daemon.
 define TAVOR_USERS
 	tavor -1 tavor -1 * - - - location daemon
+$(TAVOR_RELAY_USERS)
 endef
 
 # Set-group-id: the socket has the group of its directory.

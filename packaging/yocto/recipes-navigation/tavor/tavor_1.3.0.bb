@@ -16,9 +16,10 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "curl mbedtls cli11 nlohmann-json"
 
-# The screen of tavorctl's monitor, and the simulated board for developers' images.
+# The screen of tavorctl's monitor, the relay for many clients, and the simulated board for developers' images.
 PACKAGECONFIG ??= "ncurses"
 PACKAGECONFIG[ncurses] = "-DTAVOR_NCURSES=ON,-DTAVOR_NCURSES=OFF,ncurses"
+PACKAGECONFIG[relay] = "-DTAVOR_BUILD_RELAY=ON,-DTAVOR_BUILD_RELAY=OFF,libevent"
 PACKAGECONFIG[board] = "-DTAVOR_BUILD_BOARD=ON,-DTAVOR_BUILD_BOARD=OFF,libmicrohttpd"
 
 # The host name of the assistance server that devices ask by default; tavor.conf may name another.
@@ -41,17 +42,31 @@ do_install:append() {
     fi
 }
 
+RELAY_PACKAGE = "${@bb.utils.contains('PACKAGECONFIG', 'relay', '${PN}-relay', '', d)}"
+
+SYSTEMD_PACKAGES = "${PN} ${RELAY_PACKAGE}"
 SYSTEMD_SERVICE:${PN} = "tavor.service"
+SYSTEMD_SERVICE:${PN}-relay = "tavor-relay.socket tavor-relay.service"
 
-USERADD_PACKAGES = "${PN}"
+USERADD_PACKAGES = "${PN} ${RELAY_PACKAGE}"
 USERADD_PARAM:${PN} = "--system --user-group --no-create-home --home-dir / --shell /sbin/nologin tavor"
+USERADD_PARAM:${PN}-relay = "--system --user-group --no-create-home --home-dir / --shell /sbin/nologin tavor-relay"
+GROUPADD_PARAM:${PN}-relay = "--system tavor-admin"
+GROUPMEMS_PARAM:${PN}-relay = "--add tavor-relay --group tavor"
 
-PACKAGES =+ "${PN}-client ${PN}-board"
+PACKAGES =+ "${PN}-client ${PN}-relay ${PN}-board"
 
 FILES:${PN}-client = " \
     ${bindir}/tavorctl \
     ${datadir}/bash-completion/completions/tavorctl \
     ${datadir}/zsh/site-functions/_tavorctl \
+"
+FILES:${PN}-relay = " \
+    ${sbindir}/tavor-relay \
+    ${systemd_unitdir}/system/tavor-relay.* \
+    ${nonarch_libdir}/sysusers.d/tavor-relay.conf \
+    ${datadir}/bash-completion/completions/tavor-relay \
+    ${datadir}/zsh/site-functions/_tavor-relay \
 "
 FILES:${PN}-board = " \
     ${bindir}/tavor-board \
@@ -71,4 +86,5 @@ CONFFILES:${PN} = "${sysconfdir}/default/tavor/tavor.conf ${sysconfdir}/default/
 
 # Loaded when the first assistance download is asked for; the unit stops positioning through the client.
 RDEPENDS:${PN} = "libcurl ${PN}-client"
+RDEPENDS:${PN}-relay = "${PN}"
 INSANE_SKIP:${PN}-board = "dev-so"
