@@ -41,11 +41,12 @@ void evaluate();
 
 void started(uint32_t value) {
     state.starting = false;
-    if (value == 0 && state.stopping == 0) {
-        state.on = true;
-    }
+    state.on = value == 0 && state.stopping == 0;
     if (value != 0) {
         printf("tavor-relay: positioning could not be started\n");
+    }
+    if (state.stopping > 0) {
+        return; // the askers wait for a start behind what stops it
     }
     for (const UpstreamAnswer& answer : std::exchange(state.askers, {})) {
         answer(value);
@@ -69,7 +70,11 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
     upstream_request(type, "", [type, answer = std::move(answer)](uint32_t value) {
         --state.stopping;
         state.on = type == TAVOR_REQUEST_STOP && value != 0 && upstream_connected();
+        state.tried = {};
         answer(value);
+        if (state.stopping == 0 && !state.askers.empty()) {
+            start();
+        }
         evaluate();
     });
 }

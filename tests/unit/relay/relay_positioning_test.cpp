@@ -111,6 +111,46 @@ TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
     EXPECT_EQ(starts(), 1U);
 }
 
+TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.start_daemon();
+    loop.daemon->answers = false;
+    loop.open(false);
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until([&] { return starts() == 1; }));
+    positioning_stop(true, [](uint32_t /*unused*/) {});
+    std::optional<uint32_t> told;
+    positioning_start([&](uint32_t value) { told = value; });
+    loop.daemon->send(relay_response(TAVOR_CODE_START, 0));
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    EXPECT_FALSE(told.has_value());
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_STOP, 0));
+    ASSERT_TRUE(loop.until([&] { return told.has_value(); }));
+    EXPECT_EQ(*told, 0U);
+    EXPECT_EQ(starts(), 2U);
+    EXPECT_TRUE(positioning_is_on());
+}
+
+TEST_F(RelayPositioning, WhoComesWhileAStopIsOutNeedNotWait) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.start_daemon();
+    loop.open(true);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_download([](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return starts() == 2; }));
+    ASSERT_TRUE(loop.until(positioning_is_on));
+}
+
+TEST_F(RelayPositioning, AStartAgainstSilenceThatFailedLeavesItOff) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    loop.daemon->value = TAVOR_VALUE_FAILED;
+    ASSERT_TRUE(loop.until([] { return !positioning_is_on(); }));
+    EXPECT_GE(starts(), 2U);
+}
+
 TEST_F(RelayPositioning, AFailedStartIsToldAndTriedAgain) {
     loop.open(true);
     loop.start_daemon();
