@@ -93,7 +93,9 @@ std::optional<uint32_t> upstream_requests_code(uint32_t type) {
 
 bool upstream_requests_add(uint32_t type, std::string_view text, UpstreamAnswer answer) {
     const RequestRow* const row = row_of(type);
-    if (row == nullptr || state.waiting.size() >= kWaitingMax) {
+    // Positioning lets one start wait at a time, for which there is always a place.
+    const size_t limit = kWaitingMax + (type == TAVOR_REQUEST_START ? 1 : 0);
+    if (row == nullptr || state.waiting.size() >= limit) {
         return false;
     }
     Waiting one = {row, {}, std::move(answer), RelayClock::now()};

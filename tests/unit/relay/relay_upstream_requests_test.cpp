@@ -120,11 +120,12 @@ TEST_F(RelayRequests, WhatWasAskedOfADaemonThatEndedFails) {
     EXPECT_FALSE(upstream_requests_busy());
 }
 
-TEST_F(RelayRequests, TwoHundredFiftySixWait) {
+TEST_F(RelayRequests, TwoHundredFiftySixWaitAndOneStart) {
     for (int i = 0; i < 256; ++i) {
         ASSERT_TRUE(upstream_requests_add(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr));
     }
     EXPECT_FALSE(upstream_requests_add(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr));
+    EXPECT_TRUE(upstream_requests_add(TAVOR_REQUEST_START, "", nullptr));
 }
 
 TEST_F(RelayRequests, AnUnknownTypeIsNoRequest) {
