@@ -38,6 +38,7 @@ struct HubCounters {
     uint64_t dropped_tcp = 0;     // reports lost by TCP clients that did not read
     uint64_t let_go = 0;          // clients that read or asked nothing for too long
     uint64_t refused = 0;         // requests without the right
+    uint64_t ignored = 0;         // requests of clients with too many open ones
     uint64_t malformed = 0;       // datagrams and lines that mean nothing
     uint64_t daemon_restarts = 0; // daemons found after the first one
     uint64_t local_consumers = 0; // at present

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <string>
 #include <unistd.h>
+#include <unordered_map>
 #include <utility>
 
 namespace {
@@ -16,13 +17,18 @@ namespace {
 constexpr int kReadsMax = 64; // at a time: others get their turn
 constexpr std::chrono::milliseconds kRetry{20};
 constexpr int kLookS = 10;
+constexpr int kAuditPercent = 17;    // of a second, between looks at who has not read
 constexpr int kOpenRequestsMax = 16; // of one client
+constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
+constexpr int kUserRequestsMax = 64; // of one user, besides starts: these share one request to the daemon
 
 struct LocalState {
     LocalSettings settings;
     EventPtr readable;
     EventPtr retry;
     EventPtr look;
+    EventPtr audit;
+    std::unordered_map<uid_t, int> open_requests; // by user
 };
 
 LocalState state;
@@ -64,6 +70,21 @@ UpstreamAnswer answer_to(LocalClient& client, uint32_t type) {
     };
 }
 
+// An answer that counts for the user until it comes, also when the client has left. An empty one when the
+// user has no more places.
+UpstreamAnswer counted(uid_t user, UpstreamAnswer answer) {
+    if (state.open_requests[user] >= kUserRequestsMax) {
+        return nullptr;
+    }
+    ++state.open_requests[user];
+    return [user, answer = std::move(answer)](uint32_t value) {
+        if (--state.open_requests[user] == 0) {
+            state.open_requests.erase(user);
+        }
+        answer(value);
+    };
+}
+
 bool takes_right(uint32_t type) {
     return type == TAVOR_REQUEST_DOWNLOAD || type == TAVOR_REQUEST_COMMAND ||
            (type >= TAVOR_REQUEST_DEBUG_OFF && type <= TAVOR_REQUEST_DEBUG_TCP);
@@ -83,15 +104,21 @@ void refuse(LocalClient& client, const LocalRequest& received) {
 
 void perform(LocalClient& client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
-    switch (type) {
-    case TAVOR_REQUEST_START:
+    if (type == TAVOR_REQUEST_START) {
         local_clients_subscribe(client, kLocalSentences | kLocalChip);
         return positioning_start(answer_to(client, type));
+    }
+    const UpstreamAnswer reply = answer_to(client, type);
+    UpstreamAnswer answer = counted(received.user.value_or(kUnknownUser), reply);
+    if (!answer) {
+        return reply(TAVOR_VALUE_FAILED);
+    }
+    switch (type) {
     case TAVOR_REQUEST_STOP:
         local_clients_unsubscribe(client, kLocalSentences | kLocalChip);
-        return positioning_stop(has_right(received), answer_to(client, type));
+        return positioning_stop(has_right(received), std::move(answer));
     case TAVOR_REQUEST_DOWNLOAD:
-        return positioning_download(answer_to(client, type));
+        return positioning_download(std::move(answer));
     case TAVOR_REQUEST_COMMAND:
         local_clients_subscribe(client, kLocalChip);
         break;
@@ -101,7 +128,7 @@ void perform(LocalClient& client, const LocalRequest& received) {
     default:
         break;
     }
-    upstream_request(type, received.request.text, answer_to(client, type));
+    upstream_request(type, received.request.text, std::move(answer));
 }
 
 void take(const LocalRequest& received) {
@@ -111,8 +138,7 @@ void take(const LocalRequest& received) {
         return local_clients_subscribe(client, kLocalSentences | kLocalChip);
     }
     if (client.open_requests >= kOpenRequestsMax) {
-        ++hub_counters().let_go;
-        client.gone = true;
+        ++hub_counters().ignored;
         return;
     }
     if (takes_right(type) && !has_right(received)) {
@@ -138,7 +164,6 @@ void on_readable(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/)
 }
 
 void on_retry(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    local_clients_audit();
     local_clients_retry();
     settle();
 }
@@ -146,6 +171,18 @@ void on_retry(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
 void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     local_clients_look();
     settle();
+}
+
+void arm_audit() {
+    if (event_pending(state.audit.get(), EV_TIMEOUT, nullptr) == 0) {
+        event_arm(state.audit, kAuditPercent * state.settings.second / 100);
+    }
+}
+
+void on_audit(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    if (local_clients_audit()) {
+        arm_audit();
+    }
 }
 
 unsigned gets_of(HubKind kind) {
@@ -168,10 +205,11 @@ void local_open(event_base* base, const LocalSettings& settings) {
     state.readable.reset(event_new(base, settings.fd, EV_READ | EV_PERSIST, on_readable, nullptr));
     state.retry.reset(event_new(base, -1, 0, on_retry, nullptr));
     state.look.reset(event_new(base, -1, EV_PERSIST, on_look, nullptr));
+    state.audit.reset(event_new(base, -1, 0, on_audit, nullptr));
     event_add(state.readable.get(), nullptr);
     event_arm(state.look, kLookS * settings.second);
     hub_take([](const HubItem& item) {
-        local_clients_audit();
+        arm_audit();
         local_clients_send_all(gets_of(item.kind), item.datagram);
         settle();
     });

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <sys/socket.h>
 #include <unordered_map>
 
 namespace {
@@ -13,22 +14,25 @@ namespace {
 constexpr size_t kSentencesMax = 64;
 constexpr int kResultsMax = 16;
 constexpr int kPatienceS = 30;
-// Some 200 datagrams: below it nobody can be far behind.
-constexpr int kMuchUnread = 256 * 1024;
+constexpr int kMuchShare = 4; // much is unread: a quarter of the send buffer
+// Looks in a row that find something unread with a client that is far behind: two seconds of looks. Their
+// distance is no part of an epoch's, so that they don't all meet the burst that a client is just reading.
+constexpr int kUnreadLooks = 12;
 
 struct ClientsState {
     int fd = -1;
     std::chrono::milliseconds second{1000};
     uint64_t last_id = 0;
+    int much_unread = 0; // bytes
     bool some_paused = false;
-    RelayClock::time_point audited;
     std::unordered_map<std::string, LocalClient> clients; // by address
 };
 
 ClientsState state;
 
+// A sentence of the chip comes unasked too; the result of a command has no payload.
 bool may_drop(const tavor_response& response) {
-    return hub_may_drop(response.code);
+    return hub_may_drop(response.code) || (response.code == TAVOR_CODE_CHIP && response.payload[0] != 0);
 }
 
 void let_go(LocalClient& client) {
@@ -94,6 +98,10 @@ void local_clients_open(int fd, std::chrono::milliseconds second) {
     state = {};
     state.fd = fd;
     state.second = second;
+    int buffer = 0;
+    socklen_t size = sizeof buffer;
+    getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buffer, &size);
+    state.much_unread = buffer / kMuchShare;
 }
 
 void local_clients_close() {
@@ -159,26 +167,17 @@ void local_clients_retry() {
     }
 }
 
-void local_clients_audit() {
-    const auto now = RelayClock::now();
-    const auto pause = state.some_paused ? state.second / 10 : state.second;
-    const bool much = state.some_paused || local_unread_bytes(state.fd) > kMuchUnread;
-    if (!much || now - state.audited < pause) {
-        return;
-    }
-    const auto unread = local_unread_addresses();
-    if (!unread) {
-        return;
-    }
-    const bool is_second_look = now - state.audited < 2 * state.second;
-    state.audited = now;
+bool local_clients_audit() {
+    const bool much = local_unread_bytes(state.fd) > state.much_unread;
+    const auto unread = much || state.some_paused ? local_unread_addresses() : std::nullopt;
     state.some_paused = false;
     for (auto& [address, client] : state.clients) {
-        const bool found = unread->count(address) > 0;
-        client.paused = found && (client.paused || (client.unread && is_second_look));
-        client.unread = found;
+        const bool found = unread && unread->count(address) > 0;
+        client.unread_looks = found ? client.unread_looks + 1 : 0;
+        client.paused = found && (client.paused || client.unread_looks >= kUnreadLooks);
         state.some_paused = state.some_paused || client.paused;
     }
+    return much || state.some_paused;
 }
 
 void local_clients_look() {

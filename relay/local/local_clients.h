@@ -1,9 +1,9 @@
 // The local clients: who they are, what they get, and what waits for them.
 //
-// For a client that does not read (its socket is full, or was found with something unread twice in a second)
-// 64 sentences and positions wait, then the oldest is dropped. Results are
-// never dropped: with 16 results and open requests a client is let go, as is one that has taken nothing for
-// 30 seconds while something waits.
+// For a client that does not read (its socket is full, or was never found with all read for two seconds) 64
+// sentences, also of the chip, and positions wait, then the oldest is dropped. Results are never dropped:
+// with 16 results and open requests a client is let go, as is one that has taken nothing for 30 seconds while
+// something waits.
 #ifndef TAVOR_RELAY_LOCAL_CLIENTS_H
 #define TAVOR_RELAY_LOCAL_CLIENTS_H
 
@@ -26,7 +26,7 @@ struct LocalClient {
     int open_requests = 0; // without a result
     int results = 0;       // of what waits
     bool gone = false;
-    bool unread = false;                 // something was unread when it was looked at
+    int unread_looks = 0;                // in a row that found something unread
     bool paused = false;                 // nothing is sent until all is read
     RelayClock::time_point taken;        // the latest datagram that it took or that waited first
     std::vector<tavor_response> waiting; // the oldest first
@@ -52,8 +52,8 @@ void local_clients_send_all(unsigned gets, const tavor_response& response);
 // Sends what waits.
 void local_clients_retry();
 
-// Looks who has not read, when much is unread: once a second, and more often while somebody is paused.
-void local_clients_audit();
+// Looks who has not read, when much is unread or somebody is paused. Returns whether to look again soon.
+bool local_clients_audit();
 
 // Notices those that are gone without a datagram.
 void local_clients_look();

@@ -63,7 +63,10 @@ bool bind_path(int fd, const std::string& path) {
         errno = EADDRINUSE;
         return false;
     }
-    mkdir(path.substr(0, path.rfind('/')).c_str(), kDirectoryMode);
+    const size_t slash = path.rfind('/');
+    if (slash != std::string::npos) {
+        mkdir(path.substr(0, slash).c_str(), kDirectoryMode);
+    }
     struct stat old = {};
     if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
         unlink(path.c_str());

@@ -77,7 +77,8 @@ bool take_banner(const tavor_response& datagram) {
 }
 
 void take(const tavor_response& datagram, ssize_t size) {
-    if (size != static_cast<ssize_t>(sizeof datagram)) {
+    // Until the socket is connected to the daemon everybody may send to it.
+    if (!state.connected || size != static_cast<ssize_t>(sizeof datagram)) {
         ++hub_counters().malformed;
         return;
     }

@@ -1,8 +1,8 @@
 // The requests to the daemon: one is out at a time, so each answer has one asker.
 //
-// 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as long as the limit of its
-// kind; then it is answered with failure. The one that is out stays out for as long again, or until its late
-// answer comes: that must not be taken for the answer to the next one.
+// 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as
+// long as the limit of its kind; then it is answered with failure. The one that is out stays out for as long
+// again, or until its late answer comes: that must not be taken for the answer to the next one.
 #ifndef TAVOR_RELAY_UPSTREAM_REQUESTS_H
 #define TAVOR_RELAY_UPSTREAM_REQUESTS_H
 

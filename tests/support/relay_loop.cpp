@@ -165,6 +165,10 @@ void RelayLoop::open(bool always, std::chrono::milliseconds stop_delay) {
 void RelayLoop::open_local() {
     const int fd = local_socket_open(local_path);
     local_socket_prepare(fd);
+    if (send_buffer > 0) {
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer);
+    }
     local_open(base.get(), {.fd = fd, .second = second});
 }
 

@@ -85,6 +85,7 @@ struct RelayLoop {
     void turn_for(std::chrono::milliseconds time) const;
 
     std::chrono::milliseconds second = kShortSecond; // of the relay's limits
+    int send_buffer = 0;                             // of the local clients' socket, when it is to be smaller
     PrivateDir directory;
     std::string daemon_path = (directory.path / "daemon").string();
     std::string local_path = (directory.path / "relay").string();

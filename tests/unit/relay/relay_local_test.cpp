@@ -1,12 +1,15 @@
 #include "hub/hub.h"
 #include "local/local_clients.h"
+#include "local/local_socket.h"
 #include "support/nobody.h"
 #include "support/relay_loop.h"
 #include "support/wait.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,8 +26,9 @@ std::string text_of(const tavor_response& response) {
 }
 
 struct RelayLocal : testing::Test {
-    explicit RelayLocal(std::chrono::milliseconds second = kShortSecond) {
+    explicit RelayLocal(std::chrono::milliseconds second = kShortSecond, int send_buffer = 0) {
         loop.second = second;
+        loop.send_buffer = send_buffer;
         loop.open(false);
         loop.open_local();
         chmod(loop.directory.path.c_str(), 0755); // some clients have no rights
@@ -202,15 +206,16 @@ TEST_F(RelayManyClients, AThousandGetEverything) {
     for (int i = 0; i < 5; ++i) {
         push(TAVOR_CODE_NMEA, numbered(i));
     }
-    for (const auto& one : clients) {
-        ASSERT_TRUE(loop.until([&] {
+    ASSERT_TRUE(loop.until([&] {
+        return std::all_of(clients.begin(), clients.end(), [](const auto& one) {
             one->read();
             return one->got.size() >= 7;
-        }));
-        ASSERT_EQ(one->got.size(), 7U);
+        });
+    }));
+    for (const auto& one : clients) {
+        EXPECT_EQ(one->got.size(), 7U);
         EXPECT_EQ(text_of(one->got.back()), numbered(4));
     }
-    EXPECT_LT(loop.daemon->count(TAVOR_REQUEST_START), 10U); // some are against the silence meanwhile
     EXPECT_EQ(hub_counters().dropped_local, 0U);
 }
 
@@ -241,7 +246,8 @@ TEST_F(RelayLocal, WhoIsGoneIsNoticedWhileTheChipIsSilent) {
 // The kernel bounds what waits for the one, and not for the other.
 struct RelaySlowClient : RelayLocal, testing::WithParamInterface<bool> {
     RelaySlowClient()
-        : slow(std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique("slow")),
+        : RelayLocal(kShortSecond, 8 * 1024 * 1024), // a quarter of it is filled soon
+          slow(std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique("slow")),
                                               GetParam())) {}
 
     // Pushes numbered sentences, which others read, until the condition holds.
@@ -297,6 +303,43 @@ TEST_P(RelaySlowClient, IsLetGoWhenItReadsNothingForThirtySeconds) {
 INSTANTIATE_TEST_SUITE_P(Both, RelaySlowClient, testing::Bool(),
                          [](const auto& one) { return one.param ? "Connected" : "Unconnected"; });
 
+// Reads within two seconds, while much is unread at somebody else.
+TEST_P(RelaySlowClient, DoesNotPauseWhoReadsInTime) {
+    const auto quick = client("quick");
+    ASSERT_TRUE(started(*slow));
+    ASSERT_TRUE(started(*quick));
+    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
+    const uint16_t family = AF_UNIX;
+    const std::string address = std::string(reinterpret_cast<const char*>(&family), sizeof family) +
+                                abstract_address(unique("quick"));
+    for (int i = 0; i < 3; ++i) {
+        push(TAVOR_CODE_NMEA, numbered(pushed++));
+        const auto end = RelayClock::now() + 3 * kShortSecond / 2;
+        ASSERT_TRUE(loop.until([&] {
+            EXPECT_FALSE(local_clients_of(address).paused);
+            return RelayClock::now() >= end;
+        }));
+        quick->read();
+        EXPECT_EQ(quick->count(TAVOR_CODE_NMEA), 1U + static_cast<size_t>(pushed));
+        ASSERT_TRUE(loop.until([&] { return local_clients_of(address).unread_looks == 0; }));
+    }
+}
+
+TEST_F(RelayLocal, WhatTheChipSaysUnaskedIsNoResult) {
+    PlayedClient away(loop.local_path, abstract_address(unique("away")), false);
+    ASSERT_TRUE(started(away));
+    ASSERT_TRUE(wait_until([&] {
+        push(TAVOR_CODE_CHIP, "$PZUL010,1*00\r\n");
+        return hub_counters().dropped_local + hub_counters().let_go > 0;
+    }));
+    EXPECT_EQ(hub_counters().let_go, 0U);
+    push(TAVOR_CODE_NMEA, numbered(1));
+    ASSERT_TRUE(loop.until([&] {
+        away.read();
+        return text_of(away.got.back()) == numbered(1);
+    }));
+}
+
 TEST_F(RelayLocal, ARequestOfNoKnownTypeTakesTheOutputAndGetsNoAnswer) {
     const auto taker = client("taker");
     ASSERT_TRUE(taker->send(0xFFFFFFFF));
@@ -335,21 +378,74 @@ TEST_F(RelayLocal, WhoHasNoAddressIsHeardAndGetsNoAnswer) {
     ASSERT_TRUE(loop.until([] { return local_clients_count() == 0; }));
 }
 
-TEST_F(RelayLocal, WhoAsksOnAndOnWithoutWaitingIsLetGo) {
+TEST_F(RelayLocal, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
     loop.daemon->answers = false;
     const auto flood = client("flood");
-    const auto other = client("other");
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 300; ++i) {
         ASSERT_TRUE(loop.until([&] { return flood->send(TAVOR_REQUEST_SAVE_LOCATION); }));
     }
-    ASSERT_TRUE(loop.until([] { return hub_counters().let_go >= 1; }));
-    loop.daemon->answers = true;
+    const auto other = client("other");
     ASSERT_TRUE(other->send(TAVOR_REQUEST_ASSIST));
+    loop.daemon->answers = true;
     ASSERT_TRUE(loop.until([&] {
         loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0));
+        flood->read();
         other->read();
         return other->count(TAVOR_CODE_ASSIST) == 1;
     }));
+    EXPECT_EQ(other->value(TAVOR_CODE_ASSIST), 0);
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION), 16U);
+    EXPECT_EQ(hub_counters().ignored, 300U - 16);
+    ASSERT_TRUE(flood->send(TAVOR_REQUEST_ASSIST)); // it is heard again
+    EXPECT_TRUE(answered(*flood, TAVOR_CODE_ASSIST));
+}
+
+TEST_F(RelayManyClients, OneUserHasSixtyFourOpenRequestsAndAStartBesides) {
+    loop.daemon->answers = false;
+    std::vector<std::unique_ptr<PlayedClient>> clients;
+    for (int i = 0; i < 65; ++i) {
+        clients.push_back(client("many" + std::to_string(i) + "-"));
+        ASSERT_TRUE(loop.until([&] { return clients.back()->send(TAVOR_REQUEST_SAVE_LOCATION); }));
+    }
+    ASSERT_TRUE(answered(*clients.back(), TAVOR_CODE_SAVE_LOCATION));
+    EXPECT_EQ(clients.back()->value(TAVOR_CODE_SAVE_LOCATION), TAVOR_VALUE_FAILED);
+    clients.front()->read();
+    EXPECT_EQ(clients.front()->got.size(), 0U);
+    EXPECT_TRUE(clients.back()->send(TAVOR_REQUEST_START));
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0));
+    ASSERT_TRUE(answered(*clients.back(), TAVOR_CODE_START));
+    EXPECT_EQ(clients.back()->value(TAVOR_CODE_START), 0);
+    clients.clear(); // what is answered is no longer counted, also for those that have left
+    const auto next = client("next");
+    ASSERT_TRUE(next->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(answered(*next, TAVOR_CODE_SAVE_LOCATION));
+    EXPECT_EQ(next->value(TAVOR_CODE_SAVE_LOCATION), 0);
+}
+
+TEST_F(RelayLocal, NobodyElseIsTakenForTheDaemon) {
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
+    unlink(loop.daemon_path.c_str()); // the process goes on
+    ASSERT_TRUE(loop.until([] { return !upstream_connected(); }));
+    const uint64_t items = hub_counters().items;
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(1))));
+    ASSERT_TRUE(loop.until([&] { return hub_counters().malformed + hub_counters().items > items; }));
+    EXPECT_EQ(hub_counters().malformed, 1U);
+    EXPECT_EQ(hub_counters().items, items);
+}
+
+TEST(RelayLocalSocket, MayStandInTheWorkingDirectory) {
+    const PrivateDir directory;
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(directory.path);
+    const int fd = local_socket_open("relay.sock");
+    EXPECT_TRUE(std::filesystem::is_socket("relay.sock"));
+    std::filesystem::current_path(before);
+    EXPECT_GE(fd, 0);
+    close(fd);
 }
 
 TEST_F(RelayLocal, WhoSentACommandHearsTheChipAndWhoAskedForAssistanceItsResults) {
