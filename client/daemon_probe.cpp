@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -81,15 +82,11 @@ std::optional<std::chrono::system_clock::time_point> start_of(pid_t pid) {
     return std::chrono::system_clock::now() - age;
 }
 
-// Where the executable is found: its link, or for who may not read that, the word it was started with.
+// Empty for who may not read the link. The word that a process was started with is not asked: it may be
+// anything.
 std::string program_of(pid_t pid) {
     std::array<char, PATH_MAX> path = {};
-    if (readlink(proc_path(pid, "exe").c_str(), path.data(), path.size() - 1) > 0) {
-        return path.data();
-    }
-    const std::string command = place_read(proc_path(pid, "cmdline"), PATH_MAX).value_or("");
-    const std::string word = command.substr(0, command.find('\0'));
-    return word.substr(0, 1) == "/" ? word : "";
+    return readlink(proc_path(pid, "exe").c_str(), path.data(), path.size() - 1) > 0 ? path.data() : "";
 }
 
 // What may be started in order to ask for its version: a program of root or of this user, which nobody else
@@ -100,28 +97,26 @@ bool is_trusted(const struct stat& file) {
     return S_ISREG(file.st_mode) && owner && group && (file.st_mode & S_IWOTH) == 0;
 }
 
-// Asks the executable of the process. The link of /proc leads to it even when it was replaced meanwhile.
+// Asks the executable of the process. The link is opened once and that very file judged and started: it leads
+// elsewhere as soon as the process executes another one. It leads to a file that was replaced, too.
 void find_version(DaemonProbe& probe) {
-    const std::string link = proc_path(probe.pid, "exe");
+    const DescriptorGuard program(open(proc_path(probe.pid, "exe").c_str(), O_RDONLY | O_CLOEXEC));
     struct stat file = {};
-    const bool by_link = stat(link.c_str(), &file) == 0;
-    if (!by_link && (probe.program.empty() || stat(probe.program.c_str(), &file) != 0)) {
+    if (program.fd < 0 || fstat(program.fd, &file) != 0) {
         probe.version_why = "its executable can't be seen; ask as root";
-    } else if (!by_link && probe.since &&
-               file.st_ctime > std::chrono::system_clock::to_time_t(*probe.since)) {
-        probe.version_why =
-            print_safe(probe.program) + " was replaced after the daemon's start; ask as root, or restart it";
-    } else if (!is_trusted(file)) {
-        probe.version_why = "its executable can be written by others and is not started";
-    } else {
-        const std::string answer =
-            tool_output({by_link ? link : probe.program, "--version"}, kVersionLimit).text;
-        const size_t comma = answer.find(',');
-        const size_t begin = sizeof kUsage - 1;
-        const bool is_answer = answer.compare(0, begin, kUsage) == 0 && comma != std::string::npos;
-        probe.version = is_answer ? print_safe(answer.substr(begin, comma - begin)) : "";
-        probe.version_why = is_answer ? "" : "its executable does not tell a version";
+        return;
     }
+    if (!is_trusted(file)) {
+        probe.version_why = "its executable can be written by others and is not started";
+        return;
+    }
+    const std::string path = "/proc/self/fd/" + std::to_string(program.fd);
+    const std::string answer = tool_output({path, "--version"}, kVersionLimit).text;
+    const size_t comma = answer.find(',');
+    const size_t begin = sizeof kUsage - 1;
+    const bool is_answer = answer.compare(0, begin, kUsage) == 0 && comma != std::string::npos;
+    probe.version = is_answer ? print_safe(answer.substr(begin, comma - begin)) : "";
+    probe.version_why = is_answer ? "" : "its executable does not tell a version";
 }
 
 } // namespace
