@@ -4,6 +4,7 @@
 #include "local/local_socket.h"
 #include "system/event_guard.h"
 #include "system/rights.h"
+#include "system/seldom.h"
 #include "upstream/positioning.h"
 
 #include <cstdio>
@@ -28,6 +29,7 @@ struct LocalState {
     EventPtr retry;
     EventPtr look;
     EventPtr audit;
+    Seldom refusals;
     std::unordered_map<uid_t, int> open_requests; // by user
 };
 
@@ -97,8 +99,10 @@ bool has_right(const LocalRequest& received) {
 void refuse(LocalClient& client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     ++hub_counters().refused;
-    printf("tavor-relay: request %u of user %d is refused: it takes root or group %s\n", type,
-           received.user ? static_cast<int>(*received.user) : -1, kRightsGroup);
+    if (const auto more = seldom(state.refusals, RelayClock::now())) {
+        printf("tavor-relay: request %u of user %d is refused: it takes root or group %s (%d more before)\n",
+               type, received.user ? static_cast<int>(*received.user) : -1, kRightsGroup, *more);
+    }
     answer_to(client, type)(TAVOR_VALUE_FAILED);
 }
 

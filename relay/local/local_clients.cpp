@@ -2,6 +2,7 @@
 
 #include "local/local_socket.h"
 #include "local/local_unread.h"
+#include "system/seldom.h"
 #include "upstream/positioning.h"
 
 #include <algorithm>
@@ -25,6 +26,7 @@ struct ClientsState {
     uint64_t last_id = 0;
     int much_unread = 0; // bytes
     bool some_paused = false;
+    Seldom let_go;
     std::unordered_map<std::string, LocalClient> clients; // by address
 };
 
@@ -38,7 +40,9 @@ bool may_drop(const tavor_response& response) {
 void let_go(LocalClient& client) {
     client.gone = true;
     ++hub_counters().let_go;
-    printf("tavor-relay: a client is let go that does not read\n");
+    if (const auto more = seldom(state.let_go, RelayClock::now())) {
+        printf("tavor-relay: a client is let go that does not read (%d more before)\n", *more);
+    }
 }
 
 void make_room(LocalClient& client) {

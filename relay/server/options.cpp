@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace {
@@ -53,11 +54,12 @@ int usage_error(std::string problem) {
 
 } // namespace
 
-std::optional<int> options_parse(int argc, const char* const* argv, Options& options) {
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options,
+                                 const char* config_path) {
     CLI::App app("Serves many clients with what the location daemon tavor sends to one.", "tavor-relay");
     std::string positioning = "always";
     app.set_version_flag("--version", "tavor-relay " TAVOR_VERSION);
-    app.set_config("--config", kConfigPath, "File with settings")->type_name("FILE");
+    app.set_config("--config", config_path, "File with settings")->type_name("FILE");
     app.allow_config_extras(CLI::config_extras_mode::error);
     app.footer(kFooter);
     add_options(app, options, positioning);
@@ -68,6 +70,9 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
             return app.exit(error);
         }
         return usage_error(error.what());
+    }
+    if (!std::isfinite(options.stop_delay_s)) { // the check of the range lets "nan" pass
+        return usage_error("--stop-delay is a number of seconds");
     }
     options.always = positioning == "always";
     const auto is_path = [](const std::string& path) {

@@ -20,6 +20,7 @@ struct Options {
 // Reads the command line and the file; what stands on the command line wins. Prints help and version on
 // standard output, what is wrong in one line on standard error. Returns the exit status when the process
 // shall end now.
-std::optional<int> options_parse(int argc, const char* const* argv, Options& options);
+std::optional<int> options_parse(int argc, const char* const* argv, Options& options,
+                                 const char* config_path = kConfigPath);
 
 #endif

@@ -21,6 +21,8 @@
 
 namespace {
 
+constexpr std::chrono::seconds kReadyWait{5}; // for room in the supervisor's queue
+
 // A descriptor for each TCP client.
 void raise_descriptor_limit() {
     rlimit limit = {};
@@ -54,7 +56,7 @@ int loop(event_base* base) {
     if (supervisor_watchdog().count() > 0) {
         event_arm(watchdog, supervisor_watchdog());
     }
-    supervisor_tell("READY=1");
+    supervisor_tell("READY=1", kReadyWait);
     event_base_dispatch(base);
     supervisor_tell("STOPPING=1");
     return kExitSuccess;
@@ -72,7 +74,9 @@ int serve(event_base* base, const Options& options) {
     positioning_open(base, {.always = options.always, .stop_delay = milliseconds_of(options.stop_delay_s)});
     gnss_open();
     if (!options.listen.empty() && !gpsd_open(base, {.listen = options.listen})) {
-        return fail("can't listen at " + options.listen);
+        const bool malformed = errno == EINVAL;
+        const int status = fail("can't listen at " + options.listen);
+        return malformed ? kExitUsage : status;
     }
     const int given = supervisor_socket();
     const int socket = given >= 0 ? given : local_socket_open(options.socket);

@@ -9,7 +9,7 @@
 inline constexpr char kRightsGroup[] = "tavor-admin";
 
 // Whether the user, with this group of its process, is root or a member of the group of that name. Asks the
-// user database.
+// user database, and keeps what it said for ten seconds.
 bool rights_admin(uid_t user, gid_t group, const char* admins = kRightsGroup);
 
 #endif

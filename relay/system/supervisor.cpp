@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -29,9 +30,16 @@ bool is_meant(const char* pid_name) {
     return getenv(pid_name) == nullptr || number_of(pid_name) == getpid();
 }
 
+// Of the socket that is handed over; -1 when it is none.
+int socket_option(int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    return getsockopt(kFirstSocket, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
+}
+
 } // namespace
 
-void supervisor_tell(const char* state) {
+void supervisor_tell(const char* state, std::chrono::seconds wait) {
     const char* const path = getenv("NOTIFY_SOCKET");
     sockaddr_un address = {};
     const std::string_view name = path == nullptr ? "" : path;
@@ -41,12 +49,15 @@ void supervisor_tell(const char* state) {
     address.sun_family = AF_UNIX;
     name.copy(address.sun_path, name.size());
     address.sun_path[0] = name[0] == '@' ? '\0' : name[0];
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         return;
     }
+    const timeval limit = {.tv_sec = wait.count(), .tv_usec = 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    const int flags = MSG_NOSIGNAL | (wait.count() == 0 ? MSG_DONTWAIT : 0);
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-    sendto(fd, state, strlen(state), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), length);
+    sendto(fd, state, strlen(state), flags, reinterpret_cast<const sockaddr*>(&address), length);
     close(fd);
 }
 
@@ -56,7 +67,8 @@ std::chrono::milliseconds supervisor_watchdog() {
 }
 
 int supervisor_socket() {
-    if (number_of("LISTEN_PID") != getpid() || number_of("LISTEN_FDS") < 1) {
+    if (number_of("LISTEN_PID") != getpid() || number_of("LISTEN_FDS") < 1 ||
+        socket_option(SO_DOMAIN) != AF_UNIX || socket_option(SO_TYPE) != SOCK_DGRAM) {
         return -1;
     }
     fcntl(kFirstSocket, F_SETFD, FD_CLOEXEC);

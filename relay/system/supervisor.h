@@ -5,13 +5,14 @@
 
 #include <chrono>
 
-// Tells it a state: "READY=1", "WATCHDOG=1", "STOPPING=1".
-void supervisor_tell(const char* state);
+// Tells it a state: "READY=1", "WATCHDOG=1", "STOPPING=1". It is lost when there is no room for it after the
+// wait.
+void supervisor_tell(const char* state, std::chrono::seconds wait = std::chrono::seconds(0));
 
 // How often it wants to hear "WATCHDOG=1": half of its limit. 0: never.
 std::chrono::milliseconds supervisor_watchdog();
 
-// The socket that it hands over, -1 when there is none. Children don't inherit it.
+// The Unix datagram socket that it hands over first, -1 when there is none. Children don't inherit it.
 int supervisor_socket();
 
 #endif

@@ -14,6 +14,7 @@
 
 namespace {
 
+constexpr char kBannerBegin[] = "TAVOR Version:";
 constexpr std::chrono::milliseconds kFullPause{20}; // of the daemon's queue
 // Datagrams read at a time: more than any queue of the kernel holds as it is set up by systemd, so that the
 // queue is empty afterwards.
@@ -68,7 +69,8 @@ void lost() {
 
 // Whether the datagram is the line that each start brings. It is kept for those who ask start later.
 bool take_banner(const tavor_response& datagram) {
-    if (datagram.code != TAVOR_CODE_NMEA || datagram.payload[0] == '$') {
+    const bool is_banner = memcmp(datagram.payload, kBannerBegin, strlen(kBannerBegin)) == 0;
+    if (datagram.code != TAVOR_CODE_NMEA || !is_banner) {
         return false;
     }
     const auto* const text = reinterpret_cast<const char*>(datagram.payload);
@@ -97,7 +99,7 @@ void send_next() {
     if (send(state.fd, request, sizeof *request, MSG_NOSIGNAL) >= 0) {
         return upstream_requests_sent();
     }
-    if (errno != EAGAIN && errno != EINTR) {
+    if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS && errno != ENOMEM) {
         return lost();
     }
     event_arm(state.send, kFullPause);

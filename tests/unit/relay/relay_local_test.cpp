@@ -102,6 +102,15 @@ TEST_F(RelayLocal, TheBannerThatOneStartBroughtIsNoSentenceForOthers) {
     EXPECT_EQ(first->count(TAVOR_CODE_NMEA), 1U);
 }
 
+TEST_F(RelayLocal, AnotherLineWithoutADollarIsASentence) {
+    const auto first = client("first");
+    ASSERT_TRUE(started(*first));
+    push(TAVOR_CODE_NMEA, "!AIVDM,1\r\n");
+    first->read();
+    EXPECT_EQ(text_of(first->got.back()), "!AIVDM,1\r\n");
+    EXPECT_EQ(upstream_banner(), TAVOR_VERSION_BANNER);
+}
+
 TEST_F(RelayLocal, WhoSavesGetsNoSentence) {
     const auto watcher = client("watcher");
     const auto saver = client("saver");

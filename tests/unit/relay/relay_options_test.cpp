@@ -1,4 +1,5 @@
 #include "server/options.h"
+#include "server/run.h"
 
 #include "support/private_dir.h"
 
@@ -13,7 +14,8 @@ struct RelayOptions : testing::Test {
         arguments.insert(arguments.begin(), "tavor-relay");
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        const auto status = options_parse(static_cast<int>(arguments.size()), arguments.data(), options);
+        const auto status = options_parse(static_cast<int>(arguments.size()), arguments.data(), options,
+                                          (directory.path / "none.conf").c_str());
         out = testing::internal::GetCapturedStdout();
         err = testing::internal::GetCapturedStderr();
         return status.value_or(-1);
@@ -54,19 +56,25 @@ TEST_F(RelayOptions, VersionAndHelp) {
 TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
     const std::string unknown = "--config=" + directory.write("unknown.conf", "speed=9\n");
     const std::string long_path(108, 'x');
-    const std::vector<std::vector<const char*>> wrong = {{"--speed", "9"},
-                                                         {"--positioning", "sometimes"},
-                                                         {"--stop-delay", "-1"},
-                                                         {"--stop-delay", "soon"},
-                                                         {"--socket", long_path.c_str()},
-                                                         {"--daemon", ""},
-                                                         {"extra"},
-                                                         {unknown.c_str()},
-                                                         {"--config", "/nonexistent/relay.conf"}};
+    const std::vector<std::vector<const char*>> wrong = {
+        {"--speed", "9"},        {"--positioning", "sometimes"},
+        {"--stop-delay", "-1"},  {"--stop-delay", "soon"},
+        {"--stop-delay", "nan"}, {"--socket", long_path.c_str()},
+        {"--daemon", ""},        {"extra"},
+        {unknown.c_str()},       {"--config", "/nonexistent/relay.conf"}};
     for (const auto& line : wrong) {
         EXPECT_EQ(parse(line), 2) << line.front();
         EXPECT_EQ(err.substr(0, 13), "tavor-relay: ") << line.front();
         EXPECT_EQ(err.find('\n'), err.size() - 1) << line.front();
+    }
+}
+
+TEST_F(RelayOptions, APlaceThatIsNoneIsAnErrorOfUse) {
+    options.daemon = (directory.path / "daemon").string();
+    options.socket = (directory.path / "relay").string();
+    for (const char* place : {"nowhere", "127.0.0.1:", "127.0.0.1:99999"}) {
+        options.listen = place;
+        EXPECT_EQ(run(options), 2) << place;
     }
 }
 

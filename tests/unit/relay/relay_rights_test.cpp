@@ -1,5 +1,9 @@
 #include "system/rights.h"
 
+#include "system/seldom.h"
+
+#include <cerrno>
+#include <dlfcn.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -7,6 +11,49 @@
 namespace {
 
 constexpr uid_t kNobody = 65534;
+
+int asked = 0;
+size_t needed = 0; // bytes of an entry
+
+} // namespace
+
+// Stands before the C library's.
+extern "C" int getgrnam_r(const char* name, group* entry, char* text, size_t size, group** found) {
+    static const auto ask = reinterpret_cast<decltype(&getgrnam_r)>(dlsym(RTLD_NEXT, "getgrnam_r"));
+    ++asked;
+    return size < needed ? ERANGE : ask(name, entry, text, size, found);
+}
+
+namespace {
+
+TEST(RelayRights, TheDatabaseIsAskedOnceForManyRequests) {
+    asked = 0;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_FALSE(rights_admin(kNobody, 54321, "adm"));
+    }
+    EXPECT_LE(asked, 3); // once in ten seconds
+    const int before = asked;
+    EXPECT_FALSE(rights_admin(kNobody, 54322, "adm"));
+    EXPECT_GT(asked, before);
+}
+
+TEST(RelayRights, AnEntryMayBeLarge) {
+    const group* const admins = getgrnam("adm");
+    ASSERT_NE(admins, nullptr);
+    needed = size_t{1024} * 1024;
+    EXPECT_TRUE(rights_admin(kNobody - 1, admins->gr_gid, "adm"));
+    needed = 0;
+}
+
+TEST(RelaySeldom, IsToldOnceASecondWithTheCount) {
+    Seldom line;
+    const std::chrono::steady_clock::time_point start;
+    EXPECT_EQ(seldom(line, start), 0);
+    EXPECT_EQ(seldom(line, start), std::nullopt);
+    EXPECT_EQ(seldom(line, start + std::chrono::milliseconds(999)), std::nullopt);
+    EXPECT_EQ(seldom(line, start + std::chrono::seconds(1)), 2);
+    EXPECT_EQ(seldom(line, start + std::chrono::seconds(2)), 0);
+}
 
 TEST(RelayRights, RootHasThemWithoutAnyGroup) {
     EXPECT_TRUE(rights_admin(0, 0, "no-such-group"));

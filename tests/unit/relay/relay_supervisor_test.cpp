@@ -61,14 +61,29 @@ TEST_F(RelaySupervisor, WantsToHearTwiceInItsLimit) {
     EXPECT_EQ(supervisor_watchdog().count(), 0);
 }
 
-TEST_F(RelaySupervisor, HandsOverASocketThatIsMeantForThisProcess) {
+TEST_F(RelaySupervisor, HandsOverADatagramSocketThatIsMeantForThisProcess) {
+    const int before = dup(3); // what the test's own caller has there
+    const auto handed_over = [](int type) {
+        const int fd = socket(AF_UNIX, type, 0);
+        if (fd != 3) {
+            dup2(fd, 3);
+            close(fd);
+        }
+        return supervisor_socket();
+    };
     setenv("LISTEN_FDS", "1", 1);
     setenv("LISTEN_PID", "1", 1);
-    EXPECT_EQ(supervisor_socket(), -1);
+    EXPECT_EQ(handed_over(SOCK_DGRAM), -1);
     setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    EXPECT_EQ(supervisor_socket(), 3);
+    EXPECT_EQ(handed_over(SOCK_DGRAM), 3);
+    EXPECT_EQ(handed_over(SOCK_STREAM), -1);
     setenv("LISTEN_FDS", "0", 1);
-    EXPECT_EQ(supervisor_socket(), -1);
+    EXPECT_EQ(handed_over(SOCK_DGRAM), -1);
+    close(3);
+    if (before >= 0) {
+        dup2(before, 3);
+        close(before);
+    }
 }
 
 } // namespace
