@@ -169,6 +169,11 @@ size_t count_of(const DownloadPlan& plan, Grade grade) {
                                              [&](const Finding& finding) { return finding.grade == grade; }));
 }
 
+std::string not_looked(const std::string& socket) {
+    return "the daemon's files can't be looked at: its socket " + print_safe(socket) +
+           " does not end in " TAVOR_SOCKET_PATH;
+}
+
 std::string verdict(const DownloadPlan& plan) {
     const size_t bad = count_of(plan, Grade::kBad);
     return "the files for the download are not as they must be: " + std::to_string(bad) +
@@ -215,9 +220,7 @@ int download_check_run(Session& session) {
     const Options& options = session.options;
     const DownloadPlan plan = download_check_plan(options.socket, options.flash);
     if (plan.findings.empty()) {
-        return session_fail(session, kExitFailed,
-                            "the daemon's files can't be looked at: its socket " +
-                                print_safe(options.socket) + " does not end in " TAVOR_SOCKET_PATH);
+        return session_fail(session, kExitFailed, not_looked(options.socket));
     }
     for (const Finding& finding : plan.findings) {
         session_emit(session, options.json ? finding_json(finding) : finding_line(finding));
@@ -230,6 +233,9 @@ std::optional<int> download_check_before(Session& session, DownloadPlan& plan) {
     plan = download_check_plan(session.options.socket, session.options.flash);
     if (session.options.force) {
         return std::nullopt;
+    }
+    if (plan.findings.empty()) {
+        session_note(not_looked(session.options.socket) + "; the download is requested without that look");
     }
     for (const Finding& finding : plan.findings) {
         if (finding.grade != Grade::kGood) {

@@ -2,6 +2,7 @@
 
 #include "base/descriptor_guard.h"
 #include "base/regular_file.h"
+#include "client/settings.h"
 #include "config/location_config.h"
 #include "config/location_config_text.h"
 #include "tavor/protocol.h"
@@ -51,9 +52,9 @@ std::optional<std::string> find(const Place& place, location_config_id id) {
 
 Place place_of(const std::string& socket) {
     Place place;
-    place.socket = socket;
-    place.directory = directory_of(socket);
-    place.usual = socket == TAVOR_SOCKET_PATH;
+    place.socket = settings_daemon_socket(socket);
+    place.directory = directory_of(place.socket);
+    place.usual = place.socket == TAVOR_SOCKET_PATH;
     if (const auto content = place_read(place_config(place), kConfigContentMax)) {
         place.config = *content;
     } else {

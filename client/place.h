@@ -8,7 +8,7 @@
 #include <string>
 
 struct Place {
-    std::string socket;
+    std::string socket;    // the daemon's own, also for who talks to the relay
     std::string directory; // of the socket: stands for that of the usual daemon
     bool usual = true;     // the daemon of this machine: the devices seen here are its own
     std::string config;    // content of the settings' file

@@ -40,10 +40,15 @@ bool is_readable(const Descriptor& file, size_t max) {
 
 } // namespace
 
+std::string settings_daemon_socket(const std::string& socket) {
+    return socket == TAVOR_RELAY_SOCKET_PATH ? TAVOR_SOCKET_PATH : socket;
+}
+
 std::optional<std::string> settings_root(const std::string& socket) {
-    const bool usual = socket.size() >= kSocket.size() &&
-                       socket.compare(socket.size() - kSocket.size(), kSocket.size(), kSocket) == 0;
-    return usual ? std::optional(socket.substr(0, socket.size() - kSocket.size())) : std::nullopt;
+    const std::string own = settings_daemon_socket(socket);
+    const bool usual = own.size() >= kSocket.size() &&
+                       own.compare(own.size() - kSocket.size(), kSocket.size(), kSocket) == 0;
+    return usual ? std::optional(own.substr(0, own.size() - kSocket.size())) : std::nullopt;
 }
 
 std::string settings_file(const std::string& root, const std::string& path) {

@@ -7,6 +7,10 @@
 #include <string>
 #include <string_view>
 
+// The socket of the daemon behind one that a client talks to: the relay of this machine has its own,
+// elsewhere, and serves the usual daemon.
+std::string settings_daemon_socket(const std::string& socket);
+
 // The directory that a simulated board puts in front of the daemon's fixed paths, told by the path of its
 // socket; empty for a daemon of the system. None when the socket stands elsewhere: then nobody knows.
 std::optional<std::string> settings_root(const std::string& socket);

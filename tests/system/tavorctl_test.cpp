@@ -96,7 +96,7 @@ struct Simple {
 const Simple kSimple[] = {
     {{"start"}, 0, "positioning started\n"},
     {{"stop"}, 1, "positioning stopped\n"},
-    {{"download"}, 2, "firmware written\n"},
+    {{"download", "--force"}, 2, "firmware written\n"},
     {{"save"}, 3, "location saved\n"},
     {{"debug", "off"}, 4, "debug outlet switched\n"},
     {{"debug", "file"}, 5, "debug outlet switched\n"},

@@ -79,6 +79,14 @@ TEST(Place, FilesOfADaemonLieBesideItsSocket) {
     EXPECT_EQ(place_of("/none/socket").config_error, ENOENT);
 }
 
+TEST(Place, RelaysSocketStandsForTheUsualDaemons) {
+    const Place place = place_of("/run/tavor/relay.sock");
+    EXPECT_EQ(place.socket, "/etc/default/tavor/tavor_sun_path")
+        << "status and check look for the daemon here";
+    EXPECT_EQ(place.directory, "/etc/default/tavor");
+    EXPECT_TRUE(place.usual);
+}
+
 TEST(DaemonProbe, LockHolderIsFoundByDeviceAndFile) {
     const std::string locks = "1: FLOCK  ADVISORY  WRITE 11 fe:01:77 0 EOF\n"
                               "2: POSIX  ADVISORY  WRITE 12 fe:00:77 0 EOF\n"

@@ -11,6 +11,7 @@ TEST(Settings, PlaceOfTheSocketTellsTheBoard) {
     EXPECT_EQ(settings_root("/etc/default/tavor/tavor_sun_path"), "");
     EXPECT_EQ(settings_root("/tmp/board/etc/default/tavor/tavor_sun_path"), "/tmp/board");
     EXPECT_FALSE(settings_root("/tmp/socket"));
+    EXPECT_EQ(settings_root("/run/tavor/relay.sock"), "") << "the relay serves the usual daemon";
     EXPECT_EQ(settings_file("/tmp/board", "/etc/default/tavor/da/x"), "/tmp/board/etc/default/tavor/da/x");
     EXPECT_EQ(settings_file("/tmp/board", "/data/x"), "/data/x");
 }
