@@ -73,6 +73,14 @@ std::optional<double> nmea_age(const std::optional<Utc>& moment, std::chrono::sy
     return std::fabs(age_s) > kDayS ? std::nullopt : std::optional(std::max(age_s, 0.0));
 }
 
+std::optional<double> nmea_age_undated(const std::string& time, std::chrono::system_clock::time_point now) {
+    constexpr std::chrono::seconds kAheadMax{5}; // that the chip's clock may go before this host's
+    Fix today;
+    today.dated = std::chrono::floor<std::chrono::milliseconds>(now);
+    const auto moment = nmea_moment(today, time);
+    return moment && *moment <= now + kAheadMax ? nmea_age(moment, now) : std::nullopt;
+}
+
 std::string nmea_iso(Utc moment) {
     const auto day = std::chrono::floor<std::chrono::days>(moment);
     const std::chrono::year_month_day date(day);

@@ -35,6 +35,11 @@ std::optional<Utc> nmea_moment(const Fix& fix, const std::string& time);
 // for then the clock is not set, or the chip plays another day.
 std::optional<double> nmea_age(const std::optional<Utc>& moment, std::chrono::system_clock::time_point now);
 
+// Seconds since a time hhmmss.sss that has no date, by the clock of this host. None when it is more than a
+// few seconds ahead of the clock on the day where it is nearest: then it is of another day, 12 hours old or
+// more, or the clock is not set.
+std::optional<double> nmea_age_undated(const std::string& time, std::chrono::system_clock::time_point now);
+
 // "2026-11-21T15:16:20.000Z".
 std::string nmea_iso(Utc moment);
 

@@ -26,10 +26,7 @@ std::optional<SavedLocation> written_file(const Session& session) {
 
 // By the time of day: the file has no date.
 std::optional<double> age_of(const Position& position) {
-    const auto now = std::chrono::system_clock::now();
-    Fix today;
-    today.dated = std::chrono::floor<std::chrono::milliseconds>(now);
-    return position.utc ? nmea_age(nmea_moment(today, *position.utc), now) : std::nullopt;
+    return position.utc ? nmea_age_undated(*position.utc, std::chrono::system_clock::now()) : std::nullopt;
 }
 
 template <class Value> Json json_of(const std::optional<Value>& value) {
@@ -68,7 +65,10 @@ int report_file(Session& session, const SavedLocation& saved) {
         record.position = saved.position;
         session_emit(session, print_line(record));
     }
-    if (age_s.value_or(0) > kOldS) {
+    if (!age_s) {
+        session_note("how old this position is can't be told: the file has no time, or one that is "
+                     "ahead of this host's clock");
+    } else if (*age_s > kOldS) {
         session_note("this position is " + print_seconds(std::round(*age_s)) +
                      " s old by the clock of this host: the chip has no fix now, or is off");
     }

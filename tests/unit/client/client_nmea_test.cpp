@@ -82,3 +82,13 @@ TEST(Nmea, WhatIsNoGoodValueIsAbsent) {
     }
     fix_of({std::string(5000, ','), "$GPGGA" + std::string(5000, ',')});
 }
+
+TEST(Nmea, AgeOfATimeWithoutADateEndsAtTwelveHours) {
+    const std::chrono::system_clock::time_point now =
+        std::chrono::sys_days(std::chrono::days(20000)) + std::chrono::hours(10);
+    EXPECT_EQ(nmea_age_undated("095930.000", now), 30.0);
+    EXPECT_EQ(nmea_age_undated("220100.000", now), 43140.0) << "of the day before";
+    EXPECT_EQ(nmea_age_undated("100003.000", now), 0.0) << "the chip's clock may go before";
+    EXPECT_FALSE(nmea_age_undated("200000.000", now)) << "14 hours old, not of today's evening";
+    EXPECT_FALSE(nmea_age_undated("noise", now));
+}
