@@ -2,6 +2,9 @@
 # missing packages may be installed (yes or no), in $packages the directory that holds this tree's, if it has been given.
 work=$PWD/build/package-test
 
+# What the packages need beside systemd: they are installed without a network.
+base_packages=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12,libncursesw6,libevent-core-2.1-7
+
 # debian_tools PACKAGE...: root, and these.
 debian_tools() {
     local package missing=()
@@ -23,13 +26,13 @@ debian_packages() {
     scripts/package.sh >/dev/null
 }
 
-# The base system, with what the packages depend on: they are installed without a network.
+# The base system, fetched anew when another list of packages is wanted.
 debian_base() {
-    [ ! -e "$work/base.done" ] || return 0
+    [ "$(cat "$work/base.done" 2>/dev/null)" != "$base_packages" ] || return 0
     echo "fetching the base system"
-    rm -rf "$work/base" && mkdir -p "$work"
-    debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12 \
-        bookworm "$work/base" >"$work/debootstrap.log" 2>&1 || skip "can't get the base system: $work/debootstrap.log"
+    rm -rf "$work/base" "$work/base.done" && mkdir -p "$work"
+    debootstrap --variant=minbase --include=$base_packages bookworm "$work/base" >"$work/debootstrap.log" 2>&1 ||
+        skip "can't get the base system: $work/debootstrap.log"
     rm -rf "$work"/base/var/cache/apt/archives/*.deb
-    touch "$work/base.done"
+    echo "$base_packages" >"$work/base.done"
 }

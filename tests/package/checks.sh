@@ -101,6 +101,28 @@ journal() {
     rm -r /etc/systemd/journald@tavor.conf.d # the test's own
 }
 
+break_relay() {
+    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'nonsense=1'
+    systemctl restart tavor-relay
+    wait_for 10 not systemctl is-active --quiet tavor-relay
+}
+mend_relay() {
+    rm -r /etc/tavor
+    systemctl restart tavor-relay
+}
+
+# By default it keeps positioning on.
+relay() {
+    check "install the relay" dpkg -i tavor-relay_*.deb
+    check "the relay runs" wait_for 10 systemctl is-active --quiet tavor-relay
+    check "through the relay: a member of the group gets a position" position_of_member
+    check "restart behind a relay: positioning goes on" eval 'systemctl restart tavor && talks'
+    tavorctl start >>$log
+    check "a relay that can't start" break_relay
+    check "restart behind it: positioning goes on" eval 'systemctl restart tavor && talks'
+    check "the relay runs again" mend_relay
+}
+
 upgrade() {
     local before=$(main_pid) conf=$(md5sum $home/tavor.conf $home/service.env)
     touch $home/xod/kept
@@ -126,7 +148,7 @@ remove() {
 purge() {
     systemctl stop board
     rm -rf /run/board ${drop_in%/*} # the test's own
-    check "purge" apt-get -y -qq purge tavor tavorctl tavor-board libtavor-dev
+    check "purge" apt-get -y -qq purge tavor tavorctl tavor-relay tavor-board libtavor-dev
     list_files >files.after
     check "purged: nothing is left" no_leftovers
     check "purged: no unit has failed" [ -z "$(systemctl list-units --failed --plain --no-legend)" ]
@@ -138,6 +160,7 @@ install
 use
 resume
 journal
+relay
 upgrade
 remove
 purge
