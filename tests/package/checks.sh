@@ -10,7 +10,8 @@ enabled() { systemctl is-enabled --quiet tavor; }
 restart_and_start() { systemctl restart tavor && tavorctl start; }
 # Of everything on the machine but what the package manager keeps and what lives in memory only.
 list_files() { find / -xdev \( -path /test -o -path /proc -o -path /sys -o -path /dev -o -path /run -o -path /tmp -o -path /var/tmp \
-    -o -path /var/lib/dpkg -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log/journal \) -prune -o -print | sort; }
+    -o -path /var/lib/dpkg -o -path /var/lib/apt -o -path /var/cache/apt -o -path /var/log/apt \
+    -o -path /var/lib/systemd/deb-systemd-helper-enabled -o -path /var/log/journal \) -prune -o -print | sort; }
 no_leftovers() { diff files.before files.after && [ -z "$(find /var/log/journal /run/log/journal -name '*tavor*' 2>/dev/null)" ]; }
 
 set_resume() { sed -i "s/^TAVOR_RESUME=.*/TAVOR_RESUME=$1/" $home/service.env; }
