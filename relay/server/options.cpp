@@ -1,6 +1,7 @@
 #include "server/options.h"
 
 #include "server/exit_status.h"
+#include "server/options_mqtt.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -63,6 +64,8 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     app.allow_config_extras(CLI::config_extras_mode::error);
     app.footer(kFooter);
     add_options(app, options, positioning);
+    MqttWords mqtt;
+    options_mqtt_add(app, options.mqtt, mqtt);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -80,6 +83,9 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     };
     if (!is_path(options.daemon) || !is_path(options.socket)) {
         return usage_error("a socket's path has 1 to 107 characters");
+    }
+    if (const std::string problem = options_mqtt_complete(options.mqtt, mqtt); !problem.empty()) {
+        return usage_error(problem);
     }
     return std::nullopt;
 }

@@ -2,6 +2,7 @@
 #ifndef TAVOR_RELAY_OPTIONS_H
 #define TAVOR_RELAY_OPTIONS_H
 
+#include "mqtt/mqtt_settings.h"
 #include "tavor/protocol.h"
 
 #include <optional>
@@ -15,6 +16,7 @@ struct Options {
     bool always = true; // positioning; else on demand
     double stop_delay_s = 10;
     std::string listen = "127.0.0.1:2947"; // gpsd's protocol; empty: not at all
+    MqttSettings mqtt;
 };
 
 // Reads the command line and the file; what stands on the command line wins. Prints help and version on

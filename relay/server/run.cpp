@@ -5,6 +5,7 @@
 #include "hub/hub.h"
 #include "local/local.h"
 #include "local/local_socket.h"
+#include "mqtt/mqtt.h"
 #include "server/exit_status.h"
 #include "system/event_guard.h"
 #include "system/supervisor.h"
@@ -78,6 +79,12 @@ int serve(event_base* base, const Options& options) {
         const int status = fail("can't listen at " + options.listen);
         return malformed ? kExitUsage : status;
     }
+    if (!options.mqtt.host.empty()) {
+        if (const std::string problem = mqtt_open(base, options.mqtt); !problem.empty()) {
+            fprintf(stderr, "tavor-relay: %s\n", problem.c_str());
+            return kExitFailed;
+        }
+    }
     const int given = supervisor_socket();
     const int socket = given >= 0 ? given : local_socket_open(options.socket);
     if (socket < 0) {
@@ -102,6 +109,7 @@ int run(const Options& options) {
     }
     const int status = serve(base.get(), options);
     local_close();
+    mqtt_close();
     gpsd_close();
     gnss_close();
     positioning_close();

@@ -1,3 +1,4 @@
+#include "mqtt/mqtt.h"
 #include "server/options.h"
 #include "server/run.h"
 
@@ -66,6 +67,69 @@ TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
         EXPECT_EQ(parse(line), 2) << line.front();
         EXPECT_EQ(err.substr(0, 13), "tavor-relay: ") << line.front();
         EXPECT_EQ(err.find('\n'), err.size() - 1) << line.front();
+    }
+}
+
+TEST_F(RelayOptions, ABuildWithoutMqttSaysSo) {
+    if (mqtt_available()) {
+        GTEST_SKIP() << "this build has MQTT";
+    }
+    EXPECT_EQ(parse({"--mqtt", "broker"}), 2);
+    EXPECT_EQ(err, "tavor-relay: --mqtt: this build has no MQTT; see 'tavor-relay --help'\n");
+}
+
+TEST_F(RelayOptions, TheBrokerHasDefaultsToo) {
+    if (!mqtt_available()) {
+        GTEST_SKIP() << "this build has no MQTT";
+    }
+    ASSERT_EQ(parse({}), -1);
+    EXPECT_EQ(options.mqtt.host, "");
+    ASSERT_EQ(parse({"--mqtt", "broker.example", "--mqtt-id", "seven"}), -1);
+    EXPECT_EQ(options.mqtt.host, "broker.example");
+    EXPECT_EQ(options.mqtt.port, 1883);
+    EXPECT_EQ(options.mqtt.topic, "tavor");
+    EXPECT_EQ(options.mqtt.every_s, 10);
+    EXPECT_EQ(options.mqtt.distance_m, 0);
+    EXPECT_EQ(options.mqtt.queue, 1000U);
+    EXPECT_EQ(options.mqtt.keepalive_s, 60);
+    ASSERT_EQ(parse({"--mqtt", "broker.example", "--mqtt-ca", "/etc/ssl/certs"}), -1);
+    EXPECT_EQ(options.mqtt.port, 8883);
+}
+
+TEST_F(RelayOptions, ThePasswordIsTheFirstLineOfAFile) {
+    if (!mqtt_available()) {
+        GTEST_SKIP() << "this build has no MQTT";
+    }
+    const std::string file = directory.write("password", "se cret\nrest\n");
+    const std::string empty = directory.write("empty", "\n");
+    const std::string folder = directory.path.string();
+    ASSERT_EQ(parse({"--mqtt", "b", "--mqtt-user", "u", "--mqtt-password-file", file.c_str()}), -1);
+    EXPECT_EQ(options.mqtt.password, "se cret");
+    for (const std::string& wrong : {empty, folder, folder + "/none"}) {
+        EXPECT_EQ(parse({"--mqtt", "b", "--mqtt-user", "u", "--mqtt-password-file", wrong.c_str()}), 2)
+            << wrong;
+    }
+}
+
+TEST_F(RelayOptions, WhatIsWrongWithTheBrokerIsToldInOneLine) {
+    if (!mqtt_available()) {
+        GTEST_SKIP() << "this build has no MQTT";
+    }
+    const std::vector<std::vector<const char*>> wrong = {
+        {"--mqtt", "host:0"},        {"--mqtt-id", "a/b"},       {"--mqtt-topic", "a/#"},
+        {"--mqtt-every", "nan"},     {"--mqtt-every", "0"},      {"--mqtt-distance", "-1"},
+        {"--mqtt-queue", "0"},       {"--mqtt-queue", "100001"}, {"--mqtt-keepalive", "4"},
+        {"--mqtt-cert", "/x"},       {"--mqtt-key", "/x"},       {"--mqtt-password-file", "/x"},
+        {"--mqtt-keepalive", "1e9"},
+    };
+    for (auto line : wrong) {
+        line.insert(line.begin(), {"--mqtt", "broker"});
+        if (line[2] == std::string("--mqtt")) {
+            line.erase(line.begin(), line.begin() + 2);
+        }
+        options = {};
+        EXPECT_EQ(parse(line), 2) << line.back();
+        EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
     }
 }
 
