@@ -33,8 +33,6 @@ not_on_armhf+='|QueueTest\.StopOfAnotherProgramWithdrawsNothing|DebugQueueTest\.
 not_on_armhf+='|BoardSpi\.MessageAboveTheDriversBufferIsRefused'
 # A checked ppoll is linked by a name that the board does not replace; the daemon calls none.
 not_on_armhf+='|InterposeFastClock\.WaitsForFilesLastAsLongAsTheProgramAsked'
-# The C library's printf has no tables to unwind by: a thread that is cancelled in it ends without giving back what it holds.
-not_on_armhf+='|LocationSpi\.ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice'
 
 tests=all
 architectures=()

@@ -142,10 +142,7 @@ bool serve_clients(ReceiveState* receive, const DebugOutlet* outlet) {
 
 void* location_debug_tx_task(void* argument) {
     const auto* const outlet = static_cast<const DebugOutlet*>(argument);
-    {
-        const CancelHold hold; // else a task that is stopped at once prints its line late or twice
-        puts("[LOCSERV] INF: [debug]location_debug_tx_task");
-    }
+    puts("[LOCSERV] INF: [debug]location_debug_tx_task");
     while (true) {
         const DebugBlockPtr block = location_debug_queue_receive();
         if (block) {
@@ -156,10 +153,7 @@ void* location_debug_tx_task(void* argument) {
 
 void* location_debug_rx_task(void* argument) {
     const auto* const outlet = static_cast<const DebugOutlet*>(argument);
-    {
-        const CancelHold hold;
-        puts("[LOCSERV] INF: [debug]location_debug_rx_task");
-    }
+    puts("[LOCSERV] INF: [debug]location_debug_rx_task");
     ReceiveState receive{};
     while (true) {
         switch (outlet->mode) {

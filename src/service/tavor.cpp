@@ -1,6 +1,7 @@
 #include "service/tavor.h"
 
 #include "base/descriptor_guard.h"
+#include "base/log_output.h"
 #include "queue/service_queue.h"
 #include "service/location_service.h"
 #include "service/tavor_reply.h"
@@ -161,7 +162,7 @@ int32_t tavor_receive() {
 }
 
 int tavor_run() {
-    setvbuf(stdout, nullptr, _IOLBF, 0); // a supervisor sees each line when it happens
+    log_output_init();
     signal(SIGPIPE, SIG_IGN);
     const DescriptorGuard lock(lock_directory());
     if (lock.fd == -1 && errno != ENOENT) { // without its directory the socket can't be bound either

@@ -2,13 +2,14 @@
 #ifndef TAVOR_TESTS_THREAD_END_H
 #define TAVOR_TESTS_THREAD_END_H
 
-#include <cstdio>
+#include "base/log_output.h"
+
 #include <functional>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-// As in the daemon: a log line is written at once, so it is where a cancelled thread ends.
-[[maybe_unused]] inline const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+// As in the daemon: a log line is written at once, and no thread ends in it.
+[[maybe_unused]] inline const bool log_is_the_daemons = (log_output_init(), true);
 
 // Runs the body on a thread of its own, waits for its end and returns what it ended with: PTHREAD_CANCELED,
 // or null when the body came to its end.

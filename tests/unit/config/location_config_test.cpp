@@ -373,7 +373,7 @@ TEST_F(LocationConfig, FileStaysOpenNowhere) {
     EXPECT_EQ(open_files(), before);
 }
 
-TEST_F(LocationConfig, ThreadCancelledBeforehandEndsAtTheLogLineWithTheFileClosed) {
+TEST_F(LocationConfig, ThreadCancelledBeforehandReadsToTheEndAndClosesTheFile) {
     config("Power control gpio=5\n");
     int32_t gpio = 0;
     void* end = nullptr;
@@ -382,6 +382,7 @@ TEST_F(LocationConfig, ThreadCancelledBeforehandEndsAtTheLogLineWithTheFileClose
         end = end_of_thread([&] {
             pthread_cancel(pthread_self());
             location_config_get_power_gpio(&gpio);
+            pthread_testcancel();
         });
     });
     EXPECT_EQ(end, PTHREAD_CANCELED);

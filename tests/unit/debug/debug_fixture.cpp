@@ -1,5 +1,6 @@
 #include "debug_fixture.h"
 
+#include "base/log_output.h"
 #include "debug/location_debug.h"
 #include "interpose/paths.h"
 #include "mux/location_serial_port.h"
@@ -17,6 +18,9 @@
 #include <unistd.h>
 
 namespace {
+
+// As in the daemon: a log line is written at once, and no task ends in it.
+[[maybe_unused]] const bool log_is_the_daemons = (log_output_init(), true);
 
 struct ChipState {
     std::mutex lock;
@@ -106,7 +110,6 @@ void DebugTest::SetUp() {
     run_a_thread();
     threads_before = running_threads();
     fflush(stdout);
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     saved_stdout = dup(STDOUT_FILENO);
     const int file = open((directory.path / "stdout").c_str(), O_RDWR | O_CREAT | O_APPEND, 0600);
     dup2(file, STDOUT_FILENO);

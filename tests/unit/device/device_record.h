@@ -57,10 +57,6 @@ struct DeviceRecord : testing::Test {
             calls.push_back("clock " + std::to_string(message.len));
             return static_cast<int>(moved);
         }
-        if (refuse) {
-            refuse();
-            return -1;
-        }
         uint32_t value = 0; // in the width that the request carries
         memcpy(&value, argument, _IOC_SIZE(request));
         const char* name = request == SPI_IOC_WR_MODE32          ? "mode "
@@ -84,7 +80,6 @@ struct DeviceRecord : testing::Test {
     Lines calls;
     Lines log;
     spi_ioc_transfer message = {};
-    std::function<void()> refuse; // called by a setting of the SPI port, which fails then
 };
 
 #endif

@@ -6,7 +6,6 @@
 #include "support/capture.h"
 #include "support/format_fault.h"
 #include "support/private_dir.h"
-#include "support/thread_end.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -421,18 +420,4 @@ TEST_F(LocationGpio, ResetReportsALineThatCannotBeDrivenLowOrStaysLow) {
     interpose_fail("write", 2, EIO); // the level behind the pulse
     EXPECT_EQ(run(location_gpio_reset_chip), -1);
     EXPECT_EQ(writes().back(), "sleep 5000");
-}
-
-TEST_F(LocationGpio, ThreadCancelledWhileLoggingLeavesNoDescriptorOpen) {
-    sysfs.refuse = [] {
-        pthread_cancel(pthread_self());
-        errno = EINVAL;
-    };
-    void* end = nullptr;
-    run([&] {
-        end = end_of_thread([] { location_gpio_export(17); });
-        return 0;
-    });
-    EXPECT_EQ(end, PTHREAD_CANCELED);
-    EXPECT_EQ(sysfs.calls, (Lines{"open export w", "write export 17", "close export"}));
 }

@@ -1,10 +1,8 @@
 #include "device/location_spi.h"
 
 #include "device_record.h"
-#include "support/thread_end.h"
 
 #include <cerrno>
-#include <pthread.h>
 #include <utility>
 
 namespace {
@@ -177,15 +175,4 @@ TEST_F(LocationSpi, ReadAndWriteArePlain) {
     EXPECT_EQ(location_spi_read(fd, buffer, sizeof buffer), -1);
     interpose_fail("write", 1, EIO);
     EXPECT_EQ(location_spi_write(fd, "abcd", 4), -1);
-}
-
-TEST_F(LocationSpi, ThreadCancelledWhileLoggingARefusedSettingClosesTheDevice) {
-    refuse = [] {
-        pthread_cancel(pthread_self());
-        errno = EINVAL;
-    };
-    void* end = nullptr;
-    capture_stdout([&] { end = end_of_thread([&] { location_spi_init(&fd, &config); }); });
-    EXPECT_EQ(end, PTHREAD_CANCELED);
-    EXPECT_EQ(calls, (Lines{"open /dev/spidev1.0", "close /dev/spidev1.0"}));
 }

@@ -44,8 +44,8 @@ int transfer(MuxSlave* slave, const spi_ioc_transfer& message) {
     errno = message.len > slave->longest ? EMSGSIZE : EIO;
     const bool works = number != slave->failing_transfer && message.len <= slave->longest;
     if (works && number != slave->empty_transfer) {
-        move_frame(slave, std::bit_cast<const uint8_t*>(uintptr_t{message.tx_buf}),
-                   std::bit_cast<uint8_t*>(uintptr_t{message.rx_buf}), message.len);
+        move_frame(slave, std::bit_cast<const uint8_t*>(static_cast<uintptr_t>(message.tx_buf)),
+                   std::bit_cast<uint8_t*>(static_cast<uintptr_t>(message.rx_buf)), message.len);
     }
     slave->inside.fetch_sub(1, std::memory_order_relaxed);
     return works ? static_cast<int>(message.len) : -1;

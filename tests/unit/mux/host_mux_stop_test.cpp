@@ -1,5 +1,6 @@
 // No wait holds up a stop: cancellation and the mark of a pending stop end each of them and leave nothing
 // behind.
+#include "base/log_output.h"
 #include "base/stop_request.h"
 #include "host_mux_fixture.h"
 #include "mux/host_mux_lock.h"
@@ -11,8 +12,8 @@
 
 namespace {
 
-// As in the daemon: a log line is written at once, so it is where a cancelled thread would end.
-[[maybe_unused]] const int line_buffered = setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+// As in the daemon: a log line is written at once, and no thread ends in it.
+[[maybe_unused]] const bool log_is_the_daemons = (log_output_init(), true);
 
 // One operation on a thread of its own.
 struct Worker {
