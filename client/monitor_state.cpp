@@ -2,7 +2,7 @@
 
 #include "client/options.h"
 #include "client/print.h"
-#include "client/sentence.h"
+#include "sentence/sentence.h"
 
 #include <algorithm>
 #include <utility>

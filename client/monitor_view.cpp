@@ -56,7 +56,7 @@ std::string fix_text(const Monitor& monitor, Clock::time_point now) {
 }
 
 void draw_title(Grid& grid, const Monitor& monitor, Clock::time_point now) {
-    const std::string time = monitor.fix.dated ? nmea_iso(*monitor.fix.dated) : "no date";
+    const std::string time = monitor.fix.dated ? utc_iso(*monitor.fix.dated) : "no date";
     grid_text(grid, 0, 0, " tavor  " + time + "  " + fix_text(monitor, now));
     if (monitor.heard) {
         std::array<char, 32> age = {};

@@ -1,14 +1,10 @@
 #include "client/nmea.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdio>
 
 namespace {
 
-constexpr double kMetresPerSecond = 1852.0 / 3600; // of a knot
-constexpr std::chrono::hours kHalfDay{12};
 constexpr double kDayS = 24 * 60 * 60;
 
 // Numbers of the fields in their sentences.
@@ -17,11 +13,10 @@ constexpr size_t kGsaPdop = 15, kGsaVdop = 17;
 constexpr size_t kRmcTime = 1, kRmcSpeed = 7, kRmcCourse = 8, kRmcDate = 9;
 
 void take_rmc(Fix& fix, const Sentence& sentence) {
-    const auto knots = sentence_number(sentence.fields[kRmcSpeed]);
-    fix.speed = knots ? std::optional(*knots * kMetresPerSecond) : std::nullopt;
+    fix.speed = sentence_speed(sentence.fields[kRmcSpeed]);
     fix.course = sentence_number(sentence.fields[kRmcCourse]);
-    const auto day = sentence_day(sentence.fields[kRmcDate]);
-    const auto time = sentence_time(sentence.fields[kRmcTime]);
+    const auto day = utc_day(sentence.fields[kRmcDate]);
+    const auto time = utc_time(sentence.fields[kRmcTime]);
     if (day && time) {
         fix.dated = *day + *time;
     }
@@ -49,20 +44,12 @@ SentenceKind nmea_take(Fix& fix, std::string_view text) {
     return SentenceKind::kOther;
 }
 
-Utc nmea_nearest(std::chrono::milliseconds of_day, Utc other) {
-    const Utc moment = std::chrono::floor<std::chrono::days>(other) + of_day;
-    if (moment - other > kHalfDay) {
-        return moment - std::chrono::days(1);
-    }
-    return other - moment > kHalfDay ? moment + std::chrono::days(1) : moment;
-}
-
 std::optional<Utc> nmea_moment(const Fix& fix, const std::string& time) {
-    const auto of_day = sentence_time(time);
+    const auto of_day = utc_time(time);
     if (!of_day || !fix.dated) {
         return std::nullopt;
     }
-    return nmea_nearest(*of_day, *fix.dated);
+    return utc_nearest(*of_day, *fix.dated);
 }
 
 std::optional<double> nmea_age(const std::optional<Utc>& moment, std::chrono::system_clock::time_point now) {
@@ -79,16 +66,4 @@ std::optional<double> nmea_age_undated(const std::string& time, std::chrono::sys
     today.dated = std::chrono::floor<std::chrono::milliseconds>(now);
     const auto moment = nmea_moment(today, time);
     return moment && *moment <= now + kAheadMax ? nmea_age(moment, now) : std::nullopt;
-}
-
-std::string nmea_iso(Utc moment) {
-    const auto day = std::chrono::floor<std::chrono::days>(moment);
-    const std::chrono::year_month_day date(day);
-    const std::chrono::hh_mm_ss time(moment - day);
-    std::array<char, 48> text = {};
-    snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
-             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-             static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-             static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
-    return text.data();
 }

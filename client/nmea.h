@@ -3,7 +3,7 @@
 #ifndef TAVOR_CLIENT_NMEA_H
 #define TAVOR_CLIENT_NMEA_H
 
-#include "client/sentence.h"
+#include "sentence/utc.h"
 
 #include <chrono>
 #include <optional>
@@ -25,9 +25,6 @@ enum class SentenceKind { kOther, kGga, kGsa, kRmc };
 // Takes a sentence, line end included or not.
 SentenceKind nmea_take(Fix& fix, std::string_view text);
 
-// The moment of a time of day that is less than half a day away from the other moment.
-Utc nmea_nearest(std::chrono::milliseconds of_day, Utc other);
-
 // The moment of a time hhmmss.sss, which is less than half a day away from that of the latest date.
 std::optional<Utc> nmea_moment(const Fix& fix, const std::string& time);
 
@@ -39,8 +36,5 @@ std::optional<double> nmea_age(const std::optional<Utc>& moment, std::chrono::sy
 // few seconds ahead of the clock on the day where it is nearest: then it is of another day, 12 hours old or
 // more, or the clock is not set.
 std::optional<double> nmea_age_undated(const std::string& time, std::chrono::system_clock::time_point now);
-
-// "2026-11-21T15:16:20.000Z".
-std::string nmea_iso(Utc moment);
 
 #endif

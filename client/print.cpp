@@ -106,7 +106,7 @@ double rounded(double seconds) {
 }
 
 void add_details(Json& object, const PositionDetails& details) {
-    object["time"] = details.time ? Json(nmea_iso(*details.time)) : Json(nullptr);
+    object["time"] = details.time ? Json(utc_iso(*details.time)) : Json(nullptr);
     object["age"] = details.age_s ? Json(rounded(*details.age_s)) : Json(nullptr);
     object["quality"] = json_of(details.fix.quality);
     object["satellites"] = json_of(details.fix.satellites);
@@ -235,7 +235,7 @@ std::string print_json(const Record& record, const PositionDetails& details) {
 
 std::string print_position(const Position& p, const PositionDetails& details) {
     const Fix& fix = details.fix;
-    return row("time", details.time ? nmea_iso(*details.time) : time_of_day(p.utc)) +
+    return row("time", details.time ? utc_iso(*details.time) : time_of_day(p.utc)) +
            row("latitude", angle(p.latitude, " deg N", " deg S")) +
            row("longitude", angle(p.longitude, " deg E", " deg W")) +
            row("height", quantity(p.height, 1, " m")) + row("major axis", quantity(p.majorAxis, 1, " m")) +

@@ -61,7 +61,7 @@ bool put_stamp(Recording& recording) {
         return true;
     }
     recording.stamped = now;
-    return put(recording, "# " + nmea_iso(std::chrono::floor<std::chrono::milliseconds>(now)) + "\r\n");
+    return put(recording, "# " + utc_iso(std::chrono::floor<std::chrono::milliseconds>(now)) + "\r\n");
 }
 
 // Ends a line that an earlier recording has not ended.

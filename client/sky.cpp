@@ -1,6 +1,6 @@
 #include "client/sky.h"
 
-#include "client/sentence.h"
+#include "sentence/sentence.h"
 
 #include <algorithm>
 #include <array>

@@ -53,7 +53,7 @@ std::string daemon_text(const Status& status) {
     std::string text = "running";
     text += daemon.version.empty() ? ", version " + why(status, "version") : ", version " + daemon.version;
     text += daemon.pid > 0 ? ", process " + std::to_string(daemon.pid) : "";
-    text += daemon.since ? ", since " + nmea_iso(utc_of(*daemon.since)) : "";
+    text += daemon.since ? ", since " + utc_iso(utc_of(*daemon.since)) : "";
     return text + (daemon.reachable ? ""
                                     : "; no socket of it at the path: it starts or ends, or the file was "
                                       "removed: restart it");
@@ -168,7 +168,7 @@ Json daemon_json(const DaemonProbe& daemon) {
     object["version"] = text_or_null(daemon.version);
     object["pid"] = daemon.pid > 0 ? Json(daemon.pid) : Json(nullptr);
     object["program"] = text_or_null(daemon.program);
-    object["since"] = daemon.since ? Json(nmea_iso(utc_of(*daemon.since))) : Json(nullptr);
+    object["since"] = daemon.since ? Json(utc_iso(utc_of(*daemon.since))) : Json(nullptr);
     return object;
 }
 

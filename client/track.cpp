@@ -1,7 +1,5 @@
 #include "client/track.h"
 
-#include "client/sentence.h"
-
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -15,8 +13,8 @@ constexpr double kDayMs = 2 * kHalfDayMs;
 
 // Numbers of the fields in their sentences.
 constexpr size_t kTime = 1;
-constexpr size_t kGgaLatitude = 2, kGgaLongitude = 4, kGgaAltitude = 9, kGgaGeoid = 11;
-constexpr size_t kRmcStatus = 2, kRmcLatitude = 3, kRmcLongitude = 5, kRmcDate = 9;
+constexpr size_t kGgaPlace = 2, kGgaAltitude = 9, kGgaGeoid = 11;
+constexpr size_t kRmcStatus = 2, kRmcPlace = 3, kRmcDate = 9;
 
 // Seconds from one point to the next, none when that can't be told.
 std::optional<double> seconds_between(const TrackPoint& from, const TrackPoint& to) {
@@ -45,7 +43,7 @@ void date_waiting(Track& track) {
     for (auto point = track.waiting.rbegin(); point != track.waiting.rend(); ++point) {
         const std::optional<Utc> near = anchor ? anchor : point->stamp;
         point->time =
-            near && point->of_day ? std::optional(nmea_nearest(*point->of_day, *near)) : std::nullopt;
+            near && point->of_day ? std::optional(utc_nearest(*point->of_day, *near)) : std::nullopt;
         anchor = anchor && point->time ? point->time : anchor;
     }
 }
@@ -62,7 +60,7 @@ void tell_waiting(Track& track, const TrackVisitor& visit) {
 void tell_oldest(Track& track, const TrackVisitor& visit) {
     TrackPoint& oldest = track.waiting.front();
     if (oldest.stamp && oldest.of_day) {
-        oldest.time = nmea_nearest(*oldest.of_day, *oldest.stamp);
+        oldest.time = utc_nearest(*oldest.of_day, *oldest.stamp);
     }
     tell(track, oldest, visit);
     track.waiting.pop_front();
@@ -72,7 +70,7 @@ void finish_epoch(Track& track, const TrackVisitor& visit) {
     TrackPoint& point = track.epoch;
     if (track.open && track.placed) {
         if (track.dated && point.of_day) {
-            point.time = nmea_nearest(*point.of_day, *track.dated);
+            point.time = utc_nearest(*point.of_day, *track.dated);
             track.dated = point.time;
         }
         track.waiting.push_back(point);
@@ -87,7 +85,7 @@ void finish_epoch(Track& track, const TrackVisitor& visit) {
 
 // Sentences of one moment have the same time of day.
 void enter_epoch(Track& track, const Sentence& sentence, const TrackVisitor& visit) {
-    const auto of_day = sentence_time(sentence.fields[kTime]);
+    const auto of_day = utc_time(sentence.fields[kTime]);
     if (track.open && of_day == track.epoch.of_day) {
         return;
     }
@@ -102,20 +100,18 @@ void enter_epoch(Track& track, const Sentence& sentence, const TrackVisitor& vis
     track.placed = track.by_gga = false;
 }
 
-bool set_place(TrackPoint& point, const Sentence& sentence, size_t latitude, size_t longitude) {
-    const auto north = sentence_angle(sentence.fields[latitude], sentence.fields[latitude + 1], 90);
-    const auto east = sentence_angle(sentence.fields[longitude], sentence.fields[longitude + 1], 180);
-    if (north && east) {
-        point.latitude = *north;
-        point.longitude = *east;
+bool set_place(TrackPoint& point, const Sentence& sentence, size_t first) {
+    const auto place = sentence_place(sentence, first);
+    if (place) {
+        point.latitude = place->latitude;
+        point.longitude = place->longitude;
     }
-    return north && east;
+    return place.has_value();
 }
 
 void take_gga(Track& track, const Sentence& sentence) {
     track.by_gga = true;
-    track.placed = track.epoch.fix.quality.value_or(0) > 0 &&
-                   set_place(track.epoch, sentence, kGgaLatitude, kGgaLongitude);
+    track.placed = track.epoch.fix.quality.value_or(0) > 0 && set_place(track.epoch, sentence, kGgaPlace);
     track.epoch.altitude = sentence_signed(sentence.fields[kGgaAltitude]);
     track.epoch.geoid = sentence_signed(sentence.fields[kGgaGeoid]);
 }
@@ -125,12 +121,12 @@ void take_rmc(Track& track, const Sentence& sentence) {
     if (sentence.fields[kRmcStatus] != "A") {
         return;
     }
-    const auto day = sentence_day(sentence.fields[kRmcDate]);
+    const auto day = utc_day(sentence.fields[kRmcDate]);
     if (day && track.epoch.of_day) {
         track.dated = *day + *track.epoch.of_day;
     }
     if (!track.by_gga) {
-        track.placed = set_place(track.epoch, sentence, kRmcLatitude, kRmcLongitude);
+        track.placed = set_place(track.epoch, sentence, kRmcPlace);
     }
 }
 

@@ -48,7 +48,7 @@ inline constexpr size_t kTrackWaiting = 600;
 using TrackVisitor = std::function<void(const TrackPoint& point)>;
 
 // Takes one line of a recording, without its line end; the visitor gets the points that are complete. Lines
-// that are no sentences are passed over, but "# " with a moment as nmea_iso writes it is a stamp.
+// that are no sentences are passed over, but "# " with a moment as utc_iso writes it is a stamp.
 void track_line(Track& track, std::string_view line, const TrackVisitor& visit);
 
 // Gives the visitor what is left.

@@ -56,7 +56,7 @@ std::string gpx_point(const TrackPoint& point, bool first) {
     std::string text = !point.begins ? "" : first ? "<trkseg>\n" : "</trkseg>\n<trkseg>\n";
     text += "<trkpt lat=\"" + degrees(point.latitude) + "\" lon=\"" + degrees(point.longitude) + "\">";
     text += element("ele", point.altitude, 2);
-    text += point.time ? element("time", nmea_iso(*point.time)) : "";
+    text += point.time ? element("time", utc_iso(*point.time)) : "";
     text += element("geoidheight", point.geoid, 2) + gpx_fix(point.fix.quality);
     text += point.fix.satellites ? element("sat", std::to_string(*point.fix.satellites)) : "";
     text += element("hdop", point.fix.hdop, 2) + element("vdop", point.fix.vdop, 2);
@@ -73,7 +73,7 @@ std::string csv_count(const std::optional<int>& value) {
 
 std::string csv_point(const TrackPoint& point, uint64_t segment) {
     const Fix& fix = point.fix;
-    return (point.time ? nmea_iso(*point.time) : "") + "," + degrees(point.latitude) + "," +
+    return (point.time ? utc_iso(*point.time) : "") + "," + degrees(point.latitude) + "," +
            degrees(point.longitude) + csv_number(point.altitude, 2) + csv_number(point.geoid, 2) +
            csv_count(fix.quality) + csv_count(fix.satellites) + csv_number(fix.hdop, 2) +
            csv_number(fix.vdop, 2) + csv_number(fix.pdop, 2) + csv_number(fix.speed, 3) +
@@ -92,7 +92,7 @@ std::string kml_altitude_mode(const TrackPoint& point) {
 std::string kml_track(const std::vector<TrackPoint>& line) {
     std::string text = "<Placemark><gx:Track>" + kml_altitude_mode(line.front()) + "\n";
     for (const TrackPoint& point : line) {
-        text += element("when", nmea_iso(*point.time)) + "\n";
+        text += element("when", utc_iso(*point.time)) + "\n";
     }
     for (const TrackPoint& point : line) {
         text += element("gx:coord", kml_coordinates(point, ' ')) + "\n";
@@ -126,7 +126,7 @@ std::string json_line(const std::vector<TrackPoint>& line, bool first) {
     Json times = Json::array();
     Json places = Json::array();
     for (const TrackPoint& point : line) {
-        times.push_back(point.time ? Json(nmea_iso(*point.time)) : Json(nullptr));
+        times.push_back(point.time ? Json(utc_iso(*point.time)) : Json(nullptr));
         places.push_back(json_place(point));
     }
     const bool lone = line.size() == 1;

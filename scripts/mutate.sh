@@ -21,7 +21,7 @@ usage: scripts/mutate.sh [--jobs N] [--limit S] [--fresh] [PATTERN...]
 
 A mistake is a file tests/mutants/FOLDER/NAME.patch: a line "What: " that names it, a line "Tests: " with the test programs
 that notice it (any one of them is enough, the quickest first; "PROGRAM:FILTER" runs only the tests that the GoogleTest filter
-names), then a unified diff of src/, client/ or board/ with the paths a/... and b/... It must apply without fuzz.
+names), then a unified diff of the sources with the paths a/... and b/... It must apply without fuzz.
 
 First all named programs are built and run without a mistake: they must pass. Then each mistake gets one line:
   noticed         a test failed, or its program ended by a signal or by a bound of its own

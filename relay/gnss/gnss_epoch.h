@@ -6,14 +6,13 @@
 #ifndef TAVOR_RELAY_GNSS_EPOCH_H
 #define TAVOR_RELAY_GNSS_EPOCH_H
 
-#include <chrono>
+#include "sentence/utc.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-using GnssTime = std::chrono::sys_time<std::chrono::milliseconds>;
 
 // Systems as the gnssid of u-blox and gpsd numbers them.
 enum class GnssSystem { kGps = 0, kSbas = 1, kGalileo = 2, kBeidou = 3, kQzss = 5, kGlonass = 6, kNavic = 7 };
@@ -37,7 +36,7 @@ enum class GnssMode { kUnknown = 0, kNoFix = 1, k2d = 2, k3d = 3 };
 struct GnssEpoch {
     GnssMode mode = GnssMode::kUnknown;
     std::optional<int> quality; // of GGA
-    std::optional<GnssTime> time;
+    std::optional<Utc> time;
     std::optional<double> latitude, longitude;  // degrees, south and west negative
     std::optional<double> altitude, separation; // metres above the sea; of the geoid above the ellipsoid
     std::optional<double> speed, course;        // metres a second; degrees
@@ -50,24 +49,20 @@ struct GnssEpoch {
 // State of the reading; starts empty.
 struct GnssReader {
     GnssEpoch epoch;
-    std::string time;                                  // of the epoch, as the chip sent it
-    std::vector<std::string> keys;                     // kinds of the sentences of the epoch, in order
-    std::string last_key;                              // of an epoch
-    bool told = false;                                 // the epoch was told already
-    std::optional<std::chrono::sys_days> day;          // of the latest date
-    std::optional<std::chrono::milliseconds> day_time; // that came with it
-    std::optional<bool> valid;                         // by RMC
+    std::string time;              // of the epoch, as the chip sent it
+    std::vector<std::string> keys; // kinds of the sentences of the epoch, in order
+    std::string last_key;          // of an epoch
+    bool told = false;             // the epoch was told already
+    std::optional<Utc> dated;      // latest moment with a date
+    std::optional<bool> valid;     // by RMC
     std::optional<int> gsa_mode;
     std::vector<GnssSatellite> used; // by GSA
     bool new_sky = false;            // a GSV of this epoch has come
 };
 
-// Takes a sentence, line end included or not. Gives `tell` each epoch that is over with it: none or one, or
-// two when an epoch has one sentence.
-void gnss_reader_take(GnssReader& reader, std::string_view sentence,
+// Takes the text of a sentence, line end included or not. Gives `tell` each epoch that is over with it: none
+// or one, or two when an epoch has one sentence.
+void gnss_reader_take(GnssReader& reader, std::string_view text,
                       void (*tell)(void* to, const GnssEpoch& epoch), void* to);
-
-// "2026-11-21T15:16:20.000Z".
-std::string gnss_iso(GnssTime time);
 
 #endif

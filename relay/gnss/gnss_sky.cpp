@@ -16,8 +16,7 @@ constexpr int kGlonassFirst = 65, kGlonassLast = 96, kGlonassOffset = 64;
 constexpr int kGalileoPrn = 300, kBeidouPrn = 400, kQzssPrn = 192, kNavicPrn = 900;
 
 // System of a talker; GN and others: GPS, whose numbers tell SBAS and GLONASS.
-GnssSystem system_of_talker(std::string_view name) {
-    const std::string_view talker = name.substr(1, 2);
+GnssSystem system_of_talker(std::string_view talker) {
     if (talker == "GA") {
         return GnssSystem::kGalileo;
     }
@@ -76,26 +75,26 @@ void add(std::vector<GnssSatellite>& view, const GnssSatellite& satellite) {
 
 } // namespace
 
-void gnss_sky_take_gsa(GnssReader& reader, const GnssFields& fields) {
-    const auto mode = gnss_fields_count(fields.field[2]);
+void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
+    const auto mode = sentence_count(sentence.fields[2]);
     if (mode && *mode > reader.gsa_mode.value_or(0)) {
         reader.gsa_mode = mode;
     }
-    const GnssSystem system = system_of_number(gnss_fields_count(fields.field[kGsaSystem]).value_or(0),
-                                               system_of_talker(fields.field[0]));
+    const GnssSystem system = system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0),
+                                               system_of_talker(sentence.talker));
     for (size_t i = kGsaFirst; i < kGsaEnd; ++i) {
-        const auto number = gnss_fields_count(fields.field[i]);
+        const auto number = sentence_count(sentence.fields[i]);
         if (number && *number > 0 && reader.used.size() < kSatellitesMax) {
             reader.used.push_back(satellite_of(system, *number));
         }
     }
-    reader.epoch.pdop = gnss_fields_number(fields.field[kGsaPdop]);
-    reader.epoch.hdop = gnss_fields_number(fields.field[kGsaHdop]);
-    reader.epoch.vdop = gnss_fields_number(fields.field[kGsaVdop]);
+    reader.epoch.pdop = sentence_number(sentence.fields[kGsaPdop]);
+    reader.epoch.hdop = sentence_number(sentence.fields[kGsaHdop]);
+    reader.epoch.vdop = sentence_number(sentence.fields[kGsaVdop]);
     reader.epoch.has_sky = true;
 }
 
-void gnss_sky_take_gsv(GnssReader& reader, const GnssFields& fields) {
+void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
     std::vector<GnssSatellite>& view = reader.epoch.satellites;
     if (!reader.new_sky) {
         view.clear();
@@ -103,14 +102,14 @@ void gnss_sky_take_gsv(GnssReader& reader, const GnssFields& fields) {
     }
     reader.epoch.has_sky = true;
     // What is left behind the last satellite is the number of the signal.
-    const size_t end = std::min(kGsvEnd, fields.count);
+    const size_t end = std::min(kGsvEnd, sentence.count);
     for (size_t i = kGsvFirst; i + kGsvStep <= end; i += kGsvStep) {
-        const auto number = gnss_fields_count(fields.field[i]);
+        const auto number = sentence_count(sentence.fields[i]);
         if (number && *number > 0) {
-            GnssSatellite satellite = satellite_of(system_of_talker(fields.field[0]), *number);
-            satellite.elevation = gnss_fields_number(fields.field[i + 1]);
-            satellite.azimuth = gnss_fields_number(fields.field[i + 2]);
-            satellite.strength = gnss_fields_number(fields.field[i + 3]);
+            GnssSatellite satellite = satellite_of(system_of_talker(sentence.talker), *number);
+            satellite.elevation = sentence_signed(sentence.fields[i + 1]);
+            satellite.azimuth = sentence_number(sentence.fields[i + 2]);
+            satellite.strength = sentence_number(sentence.fields[i + 3]);
             add(view, satellite);
         }
     }

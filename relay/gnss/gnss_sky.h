@@ -3,10 +3,10 @@
 #define TAVOR_RELAY_GNSS_SKY_H
 
 #include "gnss/gnss_epoch.h"
-#include "gnss/gnss_fields.h"
+#include "sentence/sentence.h"
 
-void gnss_sky_take_gsa(GnssReader& reader, const GnssFields& fields);
-void gnss_sky_take_gsv(GnssReader& reader, const GnssFields& fields);
+void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence);
+void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence);
 
 // Marks the satellites that GSA has named.
 void gnss_sky_mark_used(GnssReader& reader);

@@ -28,7 +28,7 @@ void put(Json& report, const char* name, const std::optional<double>& value, int
 
 void put_time(Json& report, const GnssEpoch& epoch) {
     if (epoch.time) {
-        report["time"] = gnss_iso(*epoch.time);
+        report["time"] = utc_iso(*epoch.time);
     }
 }
 
@@ -175,10 +175,10 @@ std::string gpsd_report_gst(const GnssEpoch& epoch) {
     return epoch.errors ? line(gst(epoch)) : "";
 }
 
-std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, GnssTime now) {
+std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, Utc now) {
     const Json none = Json::array();
     return line({{"class", "POLL"},
-                 {"time", gnss_iso(now)},
+                 {"time", utc_iso(now)},
                  {"active", active ? 1 : 0},
                  {"tpv", Json::array({tpv(epoch)})},
                  {"gst", epoch.errors ? Json::array({gst(epoch)}) : none},

@@ -26,7 +26,7 @@ std::string gpsd_report_watch(const GpsdWatch& watch);
 std::string gpsd_report_tpv(const GnssEpoch& epoch);
 std::string gpsd_report_sky(const GnssEpoch& epoch);
 std::string gpsd_report_gst(const GnssEpoch& epoch); // empty when the epoch has none
-std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, GnssTime now);
+std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, Utc now);
 std::string gpsd_report_error(std::string_view message);
 
 #endif

@@ -31,7 +31,7 @@ Json used_of(const GnssEpoch& epoch) {
 } // namespace
 
 std::string mqtt_report_position(const GnssEpoch& epoch) {
-    const Json report = {{"time", epoch.time ? Json(gnss_iso(*epoch.time)) : Json()},
+    const Json report = {{"time", epoch.time ? Json(utc_iso(*epoch.time)) : Json()},
                          {"latitude", rounded(epoch.latitude, kAngleDecimals)},
                          {"longitude", rounded(epoch.longitude, kAngleDecimals)},
                          {"altitude", rounded(epoch.altitude)},
@@ -48,7 +48,7 @@ std::string mqtt_report_position(const GnssEpoch& epoch) {
 
 std::string mqtt_report_status(const MqttStatus& status) {
     const Json report = {{"state", "online"},
-                         {"time", gnss_iso(status.time)},
+                         {"time", utc_iso(status.time)},
                          {"version", TAVOR_VERSION},
                          {"daemon", status.daemon},
                          {"positioning", status.positioning},

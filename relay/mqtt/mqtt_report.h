@@ -7,7 +7,7 @@
 #include <string>
 
 struct MqttStatus {
-    GnssTime time;                   // of the message
+    Utc time;                        // of the message
     bool daemon = false;             // is there
     bool positioning = false;        // is on
     std::optional<int64_t> fix_age;  // seconds

@@ -46,7 +46,7 @@ struct Made {
         string text;
         for (const TrackPoint& point : points) {
             text += (text.empty() ? "" : " ") + string(point.begins ? "|" : "") +
-                    (point.time ? nmea_iso(*point.time) : "none");
+                    (point.time ? utc_iso(*point.time) : "none");
         }
         return text;
     }

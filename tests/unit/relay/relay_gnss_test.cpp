@@ -36,7 +36,7 @@ TEST_F(RelayGnss, TheFirstEpochIsToldWithTheNextAndLaterOnesWithTheirLastSentenc
     ASSERT_EQ(told.size(), 1U);
     take_epoch("120002.00");
     EXPECT_EQ(told.size(), 2U + 1U); // the short one, and this one with its GST
-    EXPECT_EQ(gnss_iso(*told.back().time), "2094-03-23T12:00:02.000Z");
+    EXPECT_EQ(utc_iso(*told.back().time), "2094-03-23T12:00:02.000Z");
 }
 
 TEST_F(RelayGnss, AnEpochTellsWhatItsSentencesSay) {
@@ -55,7 +55,7 @@ TEST_F(RelayGnss, AnEpochTellsWhatItsSentencesSay) {
     EXPECT_EQ(epoch.hdop, 1.3);
     ASSERT_TRUE(epoch.errors);
     EXPECT_EQ(epoch.errors->altitude, 6.0);
-    EXPECT_EQ(gnss_iso(*epoch.time), "2094-03-23T12:00:01.500Z");
+    EXPECT_EQ(utc_iso(*epoch.time), "2094-03-23T12:00:01.500Z");
 }
 
 TEST_F(RelayGnss, SatellitesAreNumberedAsGpsdNumbersThem) {
@@ -113,8 +113,8 @@ TEST_F(RelayGnss, TheDayChangesAtMidnightAlsoWhereTheDateComesLast) {
     take("$GPGGA,000000.00,4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
     take("$GPGGA,000001.00,4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
     ASSERT_EQ(told.size(), 4U);
-    EXPECT_EQ(gnss_iso(*told[1].time), "2026-03-31T23:59:59.000Z");
-    EXPECT_EQ(gnss_iso(*told[2].time), "2026-04-01T00:00:00.000Z");
+    EXPECT_EQ(utc_iso(*told[1].time), "2026-03-31T23:59:59.000Z");
+    EXPECT_EQ(utc_iso(*told[2].time), "2026-04-01T00:00:00.000Z");
 }
 
 TEST_F(RelayGnss, WhatIsNoGoodValueIsAbsent) {

@@ -64,7 +64,7 @@ TEST(RelayMqttPlace, ATopicHasLevels) {
 
 TEST(RelayMqttReport, APositionHasEachMember) {
     GnssEpoch epoch = fix_at(48.1173, -11.516666666789);
-    epoch.time = GnssTime(milliseconds(1774267201000));
+    epoch.time = Utc(milliseconds(1774267201000));
     epoch.altitude = 545.4;
     epoch.speed = 5.14444;
     epoch.course = 84.4;
