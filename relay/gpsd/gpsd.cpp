@@ -4,21 +4,19 @@
 #include "gpsd/gpsd_clients.h"
 #include "gpsd/gpsd_command.h"
 #include "hub/hub.h"
+#include "system/listen.h"
 #include "upstream/upstream.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <cstring>
-#include <event2/util.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int kBacklog = 128;
 constexpr int kAcceptsMax = 16; // at a time: others get their turn
 constexpr int kPauseS = 1;      // without a descriptor for the next connection
 
@@ -155,51 +153,12 @@ void on_pause_over(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*
 constexpr size_t kPortOffset = offsetof(sockaddr_in, sin_port); // the same in both families
 static_assert(kPortOffset == offsetof(sockaddr_in6, sin6_port));
 
-// Reads [ADDRESS:]PORT. Returns the length of the address, 0 when the place is none.
-socklen_t parse_place(const std::string& place, sockaddr_storage& address) {
-    const size_t colon = place.rfind(':');
-    const std::string host = colon == std::string::npos ? "127.0.0.1" : place.substr(0, colon);
-    const char* const text = place.c_str() + (colon == std::string::npos ? 0 : colon + 1);
-    const char* const end = place.c_str() + place.size();
-    in_port_t port = 0;
-    const auto [rest, error] = std::from_chars(text, end, port);
-    int length = sizeof address;
-    if (error != std::errc() || rest != end ||
-        evutil_parse_sockaddr_port(host.c_str(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        return 0;
-    }
-    port = htons(port);
-    memcpy(reinterpret_cast<char*>(&address) + kPortOffset, &port, sizeof port);
-    return static_cast<socklen_t>(length);
-}
-
-// The socket, -1 with errno set.
-int listen_at(const std::string& place) {
-    sockaddr_storage address = {};
-    const socklen_t length = parse_place(place, address);
-    if (length == 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (fd >= 0 &&
-        (bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || listen(fd, kBacklog) != 0)) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return -1;
-    }
-    return fd;
-}
-
 } // namespace
 
 bool gpsd_open(event_base* base, const GpsdSettings& settings) {
     state = {};
     state.settings = settings;
-    state.fd = listen_at(settings.listen);
+    state.fd = listen_tcp(settings.listen);
     if (state.fd < 0) {
         return false;
     }

@@ -1,11 +1,12 @@
 #include "local/local_socket.h"
 
+#include "system/listen.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,7 +15,6 @@ namespace {
 constexpr int kSendBuffer = 32 * 1024 * 1024; // what clients have not read stays charged to it
 constexpr size_t kPathOffset = offsetof(sockaddr_un, sun_path);
 constexpr size_t kTypeSize = sizeof(uint32_t);
-constexpr mode_t kDirectoryMode = 0755;
 
 union ControlBlock {
     cmsghdr align;
@@ -39,52 +39,10 @@ void take_credentials(msghdr& message, LocalRequest& received) {
     }
 }
 
-// Whether somebody answers at the path.
-bool is_served(const sockaddr_un& address) {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return false;
-    }
-    const bool served = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(fd);
-    return served;
-}
-
-// Binds the path; what stands there unserved goes.
-bool bind_path(int fd, const std::string& path) {
-    sockaddr_un address = {};
-    if (path.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        return false;
-    }
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, path.size());
-    if (is_served(address)) {
-        errno = EADDRINUSE;
-        return false;
-    }
-    const size_t slash = path.rfind('/');
-    if (slash != std::string::npos) {
-        mkdir(path.substr(0, slash).c_str(), kDirectoryMode);
-    }
-    struct stat old = {};
-    if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
-        unlink(path.c_str());
-    }
-    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
 } // namespace
 
 int local_socket_open(const std::string& path) {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd >= 0 && !bind_path(fd, path)) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return -1;
-    }
-    return fd;
+    return listen_path(path, SOCK_DGRAM);
 }
 
 void local_socket_prepare(int fd) {

@@ -1,0 +1,106 @@
+#include "system/listen.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstring>
+#include <event2/util.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kBacklog = 128;
+constexpr mode_t kDirectoryMode = 0755;
+constexpr size_t kPortOffset = offsetof(sockaddr_in, sin_port); // the same in both families
+static_assert(kPortOffset == offsetof(sockaddr_in6, sin6_port));
+
+int close_failed(int fd) {
+    const int error = errno;
+    if (fd >= 0) {
+        close(fd);
+    }
+    errno = error;
+    return -1;
+}
+
+// Reads [ADDRESS:]PORT. Returns the length of the address, 0 when the place is none.
+socklen_t parse_place(const std::string& place, sockaddr_storage& address) {
+    const size_t colon = place.rfind(':');
+    const std::string host = colon == std::string::npos ? "127.0.0.1" : place.substr(0, colon);
+    const char* const text = place.c_str() + (colon == std::string::npos ? 0 : colon + 1);
+    const char* const end = place.c_str() + place.size();
+    in_port_t port = 0;
+    const auto [rest, error] = std::from_chars(text, end, port);
+    int length = sizeof address;
+    if (error != std::errc() || rest != end ||
+        evutil_parse_sockaddr_port(host.c_str(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    port = htons(port);
+    memcpy(reinterpret_cast<char*>(&address) + kPortOffset, &port, sizeof port);
+    return static_cast<socklen_t>(length);
+}
+
+// Whether somebody answers at the path.
+bool is_served(const sockaddr_un& address, int type) {
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return false;
+    }
+    const bool served =
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
+    close(fd);
+    return served;
+}
+
+// Binds the path; what stands there unserved goes.
+bool bind_path(int fd, const std::string& path, int type) {
+    sockaddr_un address = {};
+    if (path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, path.size());
+    if (is_served(address, type)) {
+        errno = EADDRINUSE;
+        return false;
+    }
+    const size_t slash = path.rfind('/');
+    if (slash != std::string::npos) {
+        mkdir(path.substr(0, slash).c_str(), kDirectoryMode);
+    }
+    struct stat old = {};
+    if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
+        unlink(path.c_str());
+    }
+    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+} // namespace
+
+int listen_tcp(const std::string& place) {
+    sockaddr_storage address = {};
+    const socklen_t length = parse_place(place, address);
+    if (length == 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const bool listens = fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0 &&
+                         listen(fd, kBacklog) == 0;
+    return listens ? fd : close_failed(fd);
+}
+
+int listen_path(const std::string& path, int type) {
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool listens =
+        fd >= 0 && bind_path(fd, path, type) && (type == SOCK_DGRAM || listen(fd, kBacklog) == 0);
+    return listens ? fd : close_failed(fd);
+}
