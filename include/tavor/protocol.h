@@ -14,6 +14,8 @@
 #define TAVOR_SOCKET_PATH "/etc/default/tavor/tavor_sun_path"
 /** Path of the relay's datagram socket, which speaks the same protocol with any number of clients. */
 #define TAVOR_RELAY_SOCKET_PATH "/run/tavor/relay.sock"
+/** Behind the path of a relay's socket: a stream socket where it serves its metrics, HTTP's GET /metrics. */
+#define TAVOR_RELAY_METRICS_SUFFIX ".metrics"
 
 /** Bytes of text in a request, its NUL included. */
 #define TAVOR_TEXT_SIZE 512

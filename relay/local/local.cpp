@@ -64,6 +64,7 @@ void answer(LocalClient& client, uint32_t type, uint32_t value) {
 UpstreamAnswer answer_to(LocalClient& client, uint32_t type) {
     ++client.open_requests;
     return [address = client.address, id = client.id, type](uint32_t value) {
+        hub_counters().requests_failed += value == 0 ? 0 : 1;
         LocalClient* const asker = local_clients_find(address, id);
         if (asker != nullptr) {
             answer(*asker, type, value);
@@ -145,6 +146,7 @@ void take(const LocalRequest& received) {
         ++hub_counters().ignored;
         return;
     }
+    ++hub_counters().requests;
     if (takes_right(type) && !has_right(received)) {
         return refuse(client, received);
     }

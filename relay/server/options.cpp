@@ -25,6 +25,7 @@ Examples:
 
 constexpr double kStopDelayMaxS = 24 * 60 * 60;
 constexpr size_t kSocketPathMax = 107;
+constexpr size_t kSuffixSize = sizeof TAVOR_RELAY_METRICS_SUFFIX - 1;
 
 void add_options(CLI::App& app, Options& options, std::string& positioning) {
     app.add_option("--daemon", options.daemon, "The daemon's socket")
@@ -45,6 +46,11 @@ void add_options(CLI::App& app, Options& options, std::string& positioning) {
     app.add_option("--listen", options.listen, "Where gpsd's protocol is served; empty: nowhere")
         ->type_name("[ADDRESS:]PORT")
         ->capture_default_str();
+    app.add_option(
+           "--metrics", options.metrics,
+           "Where Prometheus finds the metrics, besides the local socket's path with \"" TAVOR_RELAY_METRICS_SUFFIX
+           "\"")
+        ->type_name("PATH|[ADDRESS:]PORT");
 }
 
 int usage_error(std::string problem) {
@@ -78,11 +84,14 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
         return usage_error("--stop-delay is a number of seconds");
     }
     options.always = positioning == "always";
-    const auto is_path = [](const std::string& path) {
-        return !path.empty() && path.size() <= kSocketPathMax;
+    const auto is_path = [](const std::string& path, size_t longest) {
+        return !path.empty() && path.size() <= longest;
     };
-    if (!is_path(options.daemon) || !is_path(options.socket)) {
-        return usage_error("a socket's path has 1 to 107 characters");
+    if (!is_path(options.daemon, kSocketPathMax)) {
+        return usage_error("--daemon: a socket's path has 1 to 107 characters");
+    }
+    if (!is_path(options.socket, kSocketPathMax - kSuffixSize)) { // that of the metrics is longer
+        return usage_error("--socket: the path has 1 to 99 characters");
     }
     if (const std::string problem = options_mqtt_complete(options.mqtt, mqtt); !problem.empty()) {
         return usage_error(problem);

@@ -5,9 +5,11 @@
 #include "hub/hub.h"
 #include "local/local.h"
 #include "local/local_socket.h"
+#include "metrics/metrics.h"
 #include "mqtt/mqtt.h"
 #include "server/exit_status.h"
 #include "system/event_guard.h"
+#include "system/listen.h"
 #include "system/supervisor.h"
 #include "upstream/positioning.h"
 
@@ -18,6 +20,7 @@
 #include <cstring>
 #include <string>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -31,6 +34,10 @@ void raise_descriptor_limit() {
         limit.rlim_cur = limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
+}
+
+bool is_path(const std::string& place) {
+    return place.starts_with('/');
 }
 
 int fail(const std::string& what) {
@@ -67,6 +74,57 @@ std::chrono::milliseconds milliseconds_of(double seconds) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
 }
 
+// A place that is none is an error of use.
+int fail_place(const std::string& place) {
+    const bool malformed = errno == EINVAL;
+    const int status = fail("can't listen at " + place);
+    return malformed ? kExitUsage : status;
+}
+
+// The metrics, at the place of the option.
+int open_metrics(event_base* base, const Options& options) {
+    metrics_open(base, {.daemon = options.daemon});
+    if (options.metrics.empty()) {
+        return kExitSuccess;
+    }
+    const int fd =
+        is_path(options.metrics) ? listen_path(options.metrics, SOCK_STREAM) : listen_tcp(options.metrics);
+    if (fd < 0) {
+        return fail_place(options.metrics);
+    }
+    metrics_serve(fd);
+    return kExitSuccess;
+}
+
+// The local clients' socket, and beside it that of the metrics. A supervisor that hands over the one hands
+// over the other too, or there is none: the place beside it is not ours.
+int open_local(event_base* base, const Options& options) {
+    const int given = supervisor_socket(SOCK_DGRAM);
+    const int socket = given >= 0 ? given : local_socket_open(options.socket);
+    if (socket < 0) {
+        return fail("can't serve local clients at " + options.socket);
+    }
+    local_socket_prepare(socket);
+    local_open(base, {.fd = socket});
+    const std::string beside = options.socket + TAVOR_RELAY_METRICS_SUFFIX;
+    const int stream = given >= 0 ? supervisor_socket(SOCK_STREAM) : listen_path(beside, SOCK_STREAM);
+    if (stream >= 0) {
+        metrics_serve(stream);
+    }
+    return given >= 0 || stream >= 0 ? kExitSuccess : fail("can't serve metrics at " + beside);
+}
+
+// Paths that were made here.
+void remove_paths(const Options& options) {
+    if (supervisor_socket(SOCK_DGRAM) < 0) {
+        unlink(options.socket.c_str());
+        unlink((options.socket + TAVOR_RELAY_METRICS_SUFFIX).c_str());
+    }
+    if (is_path(options.metrics)) {
+        unlink(options.metrics.c_str());
+    }
+}
+
 int serve(event_base* base, const Options& options) {
     hub_open(base);
     if (!upstream_open(base, {.path = options.daemon})) {
@@ -75,9 +133,7 @@ int serve(event_base* base, const Options& options) {
     positioning_open(base, {.always = options.always, .stop_delay = milliseconds_of(options.stop_delay_s)});
     gnss_open();
     if (!options.listen.empty() && !gpsd_open(base, {.listen = options.listen})) {
-        const bool malformed = errno == EINVAL;
-        const int status = fail("can't listen at " + options.listen);
-        return malformed ? kExitUsage : status;
+        return fail_place(options.listen);
     }
     if (!options.mqtt.host.empty()) {
         if (const std::string problem = mqtt_open(base, options.mqtt); !problem.empty()) {
@@ -85,16 +141,13 @@ int serve(event_base* base, const Options& options) {
             return kExitFailed;
         }
     }
-    const int given = supervisor_socket();
-    const int socket = given >= 0 ? given : local_socket_open(options.socket);
-    if (socket < 0) {
-        return fail("can't serve local clients at " + options.socket);
+    int status = open_metrics(base, options);
+    if (status == kExitSuccess) {
+        status = open_local(base, options);
     }
-    local_socket_prepare(socket);
-    local_open(base, {.fd = socket});
-    const int status = loop(base);
-    if (given < 0) {
-        unlink(options.socket.c_str());
+    if (status == kExitSuccess) {
+        status = loop(base);
+        remove_paths(options);
     }
     return status;
 }
@@ -108,6 +161,7 @@ int run(const Options& options) {
         return fail("can't make an event loop");
     }
     const int status = serve(base.get(), options);
+    metrics_close();
     local_close();
     mqtt_close();
     gpsd_close();

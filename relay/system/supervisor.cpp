@@ -1,5 +1,6 @@
 #include "system/supervisor.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 namespace {
 
 constexpr int kFirstSocket = 3; // the number of the first descriptor that is handed over
+constexpr long long kSocketsMax = 16;
 
 // Number of an environment variable, 0 when it is none.
 long long number_of(const char* name) {
@@ -30,11 +32,11 @@ bool is_meant(const char* pid_name) {
     return getenv(pid_name) == nullptr || number_of(pid_name) == getpid();
 }
 
-// Of the socket that is handed over; -1 when it is none.
-int socket_option(int name) {
+// -1 when the descriptor is no socket.
+int socket_option(int fd, int name) {
     int value = -1;
     socklen_t size = sizeof value;
-    return getsockopt(kFirstSocket, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
+    return getsockopt(fd, SOL_SOCKET, name, &value, &size) == 0 ? value : -1;
 }
 
 } // namespace
@@ -66,11 +68,13 @@ std::chrono::milliseconds supervisor_watchdog() {
     return std::chrono::milliseconds(limit_us > 0 ? limit_us / 2000 : 0);
 }
 
-int supervisor_socket() {
-    if (number_of("LISTEN_PID") != getpid() || number_of("LISTEN_FDS") < 1 ||
-        socket_option(SO_DOMAIN) != AF_UNIX || socket_option(SO_TYPE) != SOCK_DGRAM) {
-        return -1;
+int supervisor_socket(int type) {
+    const long long count = number_of("LISTEN_PID") == getpid() ? number_of("LISTEN_FDS") : 0;
+    for (int fd = kFirstSocket; fd < kFirstSocket + std::clamp(count, 0LL, kSocketsMax); ++fd) {
+        if (socket_option(fd, SO_DOMAIN) == AF_UNIX && socket_option(fd, SO_TYPE) == type) {
+            fcntl(fd, F_SETFD, FD_CLOEXEC);
+            return fd;
+        }
     }
-    fcntl(kFirstSocket, F_SETFD, FD_CLOEXEC);
-    return kFirstSocket;
+    return -1;
 }

@@ -12,7 +12,8 @@ void supervisor_tell(const char* state, std::chrono::seconds wait = std::chrono:
 // How often it wants to hear "WATCHDOG=1": half of its limit. 0: never.
 std::chrono::milliseconds supervisor_watchdog();
 
-// The Unix datagram socket that it hands over first, -1 when there is none. Children don't inherit it.
-int supervisor_socket();
+// The first Unix socket of this type (SOCK_DGRAM, SOCK_STREAM) that it hands over, -1 when there is none.
+// Children don't inherit it.
+int supervisor_socket(int type);
 
 #endif

@@ -5,6 +5,7 @@
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -35,6 +36,7 @@ TEST_F(RelayOptions, HasDefaultsThatSuitADevice) {
     EXPECT_TRUE(options.always);
     EXPECT_EQ(options.stop_delay_s, 10);
     EXPECT_EQ(options.listen, "127.0.0.1:2947");
+    EXPECT_EQ(options.metrics, "");
 }
 
 TEST_F(RelayOptions, TheCommandLineWinsOverTheFile) {
@@ -56,7 +58,7 @@ TEST_F(RelayOptions, VersionAndHelp) {
 
 TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
     const std::string unknown = "--config=" + directory.write("unknown.conf", "speed=9\n");
-    const std::string long_path(108, 'x');
+    const std::string long_path(100, 'x');
     const std::vector<std::vector<const char*>> wrong = {
         {"--speed", "9"},        {"--positioning", "sometimes"},
         {"--stop-delay", "-1"},  {"--stop-delay", "soon"},
@@ -138,6 +140,9 @@ TEST_F(RelayOptions, APlaceThatIsNoneIsAnErrorOfUse) {
     options.socket = (directory.path / "relay").string();
     for (const char* place : {"nowhere", "127.0.0.1:", "127.0.0.1:99999"}) {
         options.listen = place;
+        options.metrics = "";
+        EXPECT_EQ(run(options), 2) << place;
+        options.metrics = std::exchange(options.listen, "");
         EXPECT_EQ(run(options), 2) << place;
     }
 }

@@ -47,7 +47,7 @@ TEST_F(RelaySupervisor, IsToldThroughAPathOrAnAbstractName) {
 TEST_F(RelaySupervisor, IsNoneWithoutItsVariables) {
     supervisor_tell("READY=1");
     EXPECT_EQ(supervisor_watchdog().count(), 0);
-    EXPECT_EQ(supervisor_socket(), -1);
+    EXPECT_EQ(supervisor_socket(SOCK_DGRAM), -1);
 }
 
 TEST_F(RelaySupervisor, WantsToHearTwiceInItsLimit) {
@@ -61,28 +61,32 @@ TEST_F(RelaySupervisor, WantsToHearTwiceInItsLimit) {
     EXPECT_EQ(supervisor_watchdog().count(), 0);
 }
 
-TEST_F(RelaySupervisor, HandsOverADatagramSocketThatIsMeantForThisProcess) {
-    const int before = dup(3); // what the test's own caller has there
-    const auto handed_over = [](int type) {
+TEST_F(RelaySupervisor, HandsOverTheFirstSocketOfATypeThatIsMeantForThisProcess) {
+    const int before[] = {dup(3), dup(4)}; // what the test's own caller has there
+    const auto hand_over = [](int as, int type) {
         const int fd = socket(AF_UNIX, type, 0);
-        if (fd != 3) {
-            dup2(fd, 3);
+        if (fd != as) {
+            dup2(fd, as);
             close(fd);
         }
-        return supervisor_socket();
     };
-    setenv("LISTEN_FDS", "1", 1);
+    hand_over(3, SOCK_DGRAM);
+    hand_over(4, SOCK_STREAM);
+    setenv("LISTEN_FDS", "2", 1);
     setenv("LISTEN_PID", "1", 1);
-    EXPECT_EQ(handed_over(SOCK_DGRAM), -1);
+    EXPECT_EQ(supervisor_socket(SOCK_DGRAM), -1);
     setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    EXPECT_EQ(handed_over(SOCK_DGRAM), 3);
-    EXPECT_EQ(handed_over(SOCK_STREAM), -1);
-    setenv("LISTEN_FDS", "0", 1);
-    EXPECT_EQ(handed_over(SOCK_DGRAM), -1);
-    close(3);
-    if (before >= 0) {
-        dup2(before, 3);
-        close(before);
+    EXPECT_EQ(supervisor_socket(SOCK_DGRAM), 3);
+    EXPECT_EQ(supervisor_socket(SOCK_STREAM), 4);
+    EXPECT_EQ(supervisor_socket(SOCK_SEQPACKET), -1);
+    setenv("LISTEN_FDS", "1", 1);
+    EXPECT_EQ(supervisor_socket(SOCK_STREAM), -1);
+    for (int i = 0; i < 2; ++i) {
+        close(3 + i);
+        if (before[i] >= 0) {
+            dup2(before[i], 3 + i);
+            close(before[i]);
+        }
     }
 }
 
