@@ -37,6 +37,7 @@ install() {
     check "install" dpkg -i tavor_*.deb tavorctl_*.deb tavor-board_*.deb libtavor-dev_*.deb
     check "installed: the service is enabled" enabled
     check "installed: the service runs, on a machine without a chip too" active
+    check "installed: systemd understands every line of tmpfiles.d" [ -z "$(systemd-tmpfiles --create tavor.conf 2>&1)" ]
     check "installed: who is no member of the group is refused" not setpriv --reuid nobody --clear-groups tavorctl stop
     check "on the simulated board: the service runs" put_on_board
     usermod -a -G tavor member
@@ -70,11 +71,21 @@ resume() {
     tavorctl start >>$log
     systemctl stop tavor && systemctl start tavor
     check "stop and start of the service: the chip stays off" power_is off
+    check "a socket file left behind: kept while the machine runs" not clears_socket
+    check "a socket file left behind: removed at the machine's start" clears_socket --boot
+    systemctl start tavor
     set_resume no && tavorctl start >>$log && systemctl restart tavor
     check "TAVOR_RESUME=no: the chip stays off" power_is off
     set_resume always && systemctl restart tavor
     check "TAVOR_RESUME=always: positioning begins" talks
     set_resume restart
+}
+
+clears_socket() { # OPTION...: what the machine's start does with a socket file that a power cut has left
+    systemctl stop tavor
+    : >$home/tavor_sun_path
+    systemd-tmpfiles --remove "$@" tavor.conf
+    not test -e $home/tavor_sun_path
 }
 
 log_lines() { journalctl --quiet --no-pager -o cat "$@" | grep -c LOCSERV; }
@@ -105,18 +116,30 @@ journal() {
 break_relay() {
     command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'nonsense=1'
     systemctl restart tavor-relay
-    wait_for 10 not systemctl is-active --quiet tavor-relay
+    wait_for 10 not relay_runs
 }
 mend_relay() {
     rm -r /etc/tavor
     systemctl restart tavor-relay
 }
 
+relay_runs() { systemctl is-active --quiet tavor-relay; }
+# Its socket is systemd's, and stays when it is stopped: a request starts it.
+stop_relay() { systemctl stop tavor-relay && not relay_runs && systemctl is-active --quiet tavor-relay.socket; }
+request_starts_relay() { position_of_member && relay_runs; }
+outlet_by_member() { as_member tavorctl --socket /run/tavor/relay.sock debug file; }
+become_admin() { usermod -a -G tavor-admin member; }
+
 # By default it keeps positioning on.
 relay() {
     check "install the relay" dpkg -i tavor-relay_*.deb
-    check "the relay runs" wait_for 10 systemctl is-active --quiet tavor-relay
+    check "the relay runs" wait_for 10 relay_runs
     check "through the relay: a member of the group gets a position" position_of_member
+    check "the relay stops, its socket stays" stop_relay
+    check "a request starts the relay" request_starts_relay
+    check "a member may not do what disturbs others" not outlet_by_member
+    check "a member of tavor-admin too may" eval 'become_admin && wait_for 20 outlet_by_member'
+    tavorctl debug off >>$log
     check "restart behind a relay: positioning goes on" eval 'systemctl restart tavor && talks'
     tavorctl start >>$log
     check "a relay that can't start" break_relay
