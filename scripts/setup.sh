@@ -2,6 +2,16 @@
 # Installs what building and testing tavor needs and is missing, from Debian's packages.
 set -euo pipefail
 
+usage() {
+    cat <<EOT
+usage: scripts/setup.sh [--all]
+  --all   also what only some tests use, which are skipped without: containers and packaging, programs that the relay works with, a
+          terminal in a terminal. Services that come with these are neither started nor enabled, and a program that keeps this machine's
+          time is not replaced.
+Runs apt-get as root or with sudo. Exit codes: 0 all is there, 1 or more not.
+EOT
+}
+
 packages=(
     g++ cmake ninja-build pkg-config
     libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev
@@ -9,6 +19,13 @@ packages=(
     libgtest-dev libbenchmark-dev zlib1g-dev
     clang-format clang-tidy patch mandoc bash-completion
 )
+optional=(
+    debootstrap systemd-container debhelper dpkg-dev lintian
+    gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients
+    tmux
+)
+services=(chrony mosquitto) # of those that bring one
+policy=/usr/sbin/policy-rc.d
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
 
@@ -31,6 +48,32 @@ verify() {
     return "$status"
 }
 
+# Another of these would have to go for chrony.
+keeps_time() {
+    [ -n "$(dpkg-query -W -f='${db:Status-Abbrev}${Package} ${Provides}\n' | sed -n '/^ii *chrony /d; /^ii.*time-daemon/p')" ]
+}
+
+# Until this script ends no package starts a service.
+hold_services() {
+    [ ! -e $policy ] || return 0
+    trap '"${as_root[@]}" rm -f $policy' EXIT
+    printf '#!/bin/sh\nexit 101\n' | "${as_root[@]}" install -m 755 /dev/stdin $policy
+}
+
+disable_services() {
+    local service
+    for service in "${services[@]}"; do
+        [[ " ${missing[*]} " != *" $service "* ]] || "${as_root[@]}" systemctl disable "$service" >/dev/null 2>&1 || true
+    done
+}
+
+case "${1:-}" in
+"") ;;
+--all) packages+=("${optional[@]}") ;;
+-h | --help) usage && exit 0 ;;
+*) usage >&2 && exit 2 ;;
+esac
+
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then
     if verify; then
         echo "setup: no Debian system, but all that is needed is there"
@@ -43,6 +86,7 @@ fi
 
 missing=()
 for package in "${packages[@]}"; do
+    [ "$package" != chrony ] || ! keeps_time || continue
     installed "$package" || missing+=("$package")
 done
 if [ ${#missing[@]} -eq 0 ]; then
@@ -63,5 +107,7 @@ fi
 echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
+hold_services
 "${as_root[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+disable_services
 echo "setup: done"
