@@ -81,14 +81,13 @@ void judge_unknown(Findings& findings, size_t number, const std::string& line) {
         return; // prose, as in the sample
     }
     const std::string key = line.substr(0, equals + 1);
-    uint32_t nearest = 0;
-    for (uint32_t index = 1; index < CONFIG_KEY_COUNT; ++index) {
-        const bool nearer = words_distance(key, row_of(index).key) < words_distance(key, row_of(nearest).key);
-        nearest = nearer ? index : nearest;
+    std::vector<std::string_view> keys;
+    for (uint32_t index = 0; index < CONFIG_KEY_COUNT; ++index) {
+        keys.emplace_back(row_of(index).key);
     }
-    findings.push_back(
-        doubt(number, "there is no setting " + quoted(key),
-              "the nearest is " + quoted(row_of(nearest).key) + ": correct or remove the line"));
+    const std::string_view nearest = keys[words_nearest(key, keys)];
+    findings.push_back(doubt(number, "there is no setting " + quoted(key),
+                             "the nearest is " + quoted(nearest) + ": correct or remove the line"));
 }
 
 void judge_number(Findings& findings, size_t number, const Found& found) {

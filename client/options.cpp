@@ -230,12 +230,13 @@ std::string check_together(const CLI::App& app, const Options& options) {
 
 // ", but 'start' is" when a command is called almost like the word.
 std::string suggestion(const std::string& word) {
-    const auto by_distance = [&](const CommandRow& a, const CommandRow& b) {
-        return words_distance(word, a.name) < words_distance(word, b.name);
-    };
-    const CommandRow& nearest = *std::min_element(std::begin(kCommands), std::end(kCommands), by_distance);
-    const bool near = words_distance(word, nearest.name) <= kMistypedMax && word.size() > kMistypedMax;
-    return near ? std::string(", but '") + nearest.name + "' is" : "";
+    std::vector<std::string_view> names;
+    for (const CommandRow& row : kCommands) {
+        names.emplace_back(row.name);
+    }
+    const std::string_view nearest = names[words_nearest(word, names)];
+    const bool near = words_distance(word, nearest) <= kMistypedMax && word.size() > kMistypedMax;
+    return near ? ", but '" + std::string(nearest) + "' is" : "";
 }
 
 // What the parser says, or which command there is not.

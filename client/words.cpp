@@ -3,18 +3,39 @@
 #include <algorithm>
 #include <numeric>
 #include <utility>
-#include <vector>
+
+namespace {
+
+size_t common_beginning(std::string_view a, std::string_view b) {
+    return static_cast<size_t>(std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+}
+
+} // namespace
 
 size_t words_distance(std::string_view from, std::string_view to) {
     std::vector<size_t> row(to.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
+    std::vector<size_t> above; // the row before, and the one before that
+    std::vector<size_t> second;
     for (size_t i = 1; i <= from.size(); ++i) {
-        size_t before = std::exchange(row[0], i);
+        second = std::exchange(above, row);
+        row[0] = i;
         for (size_t j = 1; j <= to.size(); ++j) {
-            const size_t changed = before + (from[i - 1] == to[j - 1] ? 0 : 1);
-            before = row[j];
-            row[j] = std::min({changed, row[j] + 1, row[j - 1] + 1});
+            const size_t changed = above[j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
+            row[j] = std::min({changed, above[j] + 1, row[j - 1] + 1});
+            if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1]) {
+                row[j] = std::min(row[j], second[j - 2] + 1);
+            }
         }
     }
     return row.back();
+}
+
+size_t words_nearest(std::string_view word, const std::vector<std::string_view>& names) {
+    const auto nearer = [&](std::string_view a, std::string_view b) {
+        const size_t of_a = words_distance(word, a);
+        const size_t of_b = words_distance(word, b);
+        return of_a != of_b ? of_a < of_b : common_beginning(word, a) > common_beginning(word, b);
+    };
+    return static_cast<size_t>(std::min_element(names.begin(), names.end(), nearer) - names.begin());
 }

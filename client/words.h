@@ -4,8 +4,13 @@
 
 #include <cstddef>
 #include <string_view>
+#include <vector>
 
-// Single changes of letters that make one text of the other.
+// Single changes that make one text of the other: a letter more, less or another, or two neighbours swapped.
 std::size_t words_distance(std::string_view from, std::string_view to);
+
+// Which of the names (at least one) is the nearest to the word: of several that are equally near the one that
+// shares the longest beginning with it, for the first letters are seldom the mistyped ones; else the first.
+std::size_t words_nearest(std::string_view word, const std::vector<std::string_view>& names);
 
 #endif

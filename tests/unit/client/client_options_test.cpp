@@ -2,6 +2,7 @@
 #include "client/options.h"
 
 #include "client/exit_status.h"
+#include "client/words.h"
 #include "support/capture.h"
 
 #include <cstdlib>
@@ -150,11 +151,32 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
 TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
     EXPECT_EQ(parse({"foo"}).err, "tavorctl: no command is called 'foo'; see 'tavorctl --help'\n");
     for (const auto& [typed, meant] :
-         {std::pair("strat", "start"), {"wach", "watch"}, {"positoin", "position"}}) {
+         {std::pair("strat", "start"),
+          {"wach", "watch"},
+          {"positoin", "position"},
+          {"stauts", "status"}, // two letters swapped are one change; "start" is two away
+          {"sttus", "status"},
+          {"statr", "start"},
+          {"stopt", "stop"},
+          {"recrod", "record"}}) {
         EXPECT_EQ(parse({typed}).err, std::string("tavorctl: no command is called '") + typed + "', but '" +
                                           meant + "' is; see 'tavorctl --help'\n");
     }
     EXPECT_EQ(parse({"xy"}).err.find("but '"), std::string::npos) << "too short to tell";
+}
+
+TEST(Words, SwappedNeighboursAreOneChange) {
+    EXPECT_EQ(words_distance("stauts", "status"), 1U);
+    EXPECT_EQ(words_distance("stauts", "start"), 2U);
+    EXPECT_EQ(words_distance("ab", "ba"), 1U);
+    EXPECT_EQ(words_distance("abc", "cba"), 2U) << "no neighbours";
+    EXPECT_EQ(words_distance("", "abc"), 3U);
+}
+
+TEST(Words, OfEquallyNearNamesTheLongestCommonBeginningCounts) {
+    EXPECT_EQ(words_nearest("sta", {"save", "stop", "start"}), 2U);
+    EXPECT_EQ(words_nearest("sto", {"stop", "start"}), 0U) << "one change is nearer than a beginning";
+    EXPECT_EQ(words_nearest("xyz", {"abc", "def"}), 0U);
 }
 
 TEST(Options, WrongCommandLineIsJsonToo) {
