@@ -2,6 +2,7 @@
 #ifndef TAVOR_CLIENT_CONNECTION_H
 #define TAVOR_CLIENT_CONNECTION_H
 
+#include "base/non_copyable.h"
 #include "tavor/protocol.h"
 
 #include <chrono>
@@ -23,11 +24,9 @@ struct SocketFile {
 
 // One socket to one daemon; closed with its owner. Its address is abstract, so that nothing is left behind
 // however the process ends.
-struct Connection {
+struct Connection : private NonCopyable {
     Connection() = default;
     ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
 
     int socket = -1;
     int interrupt = -1; // a wait ends when this descriptor is readable; -1 for none

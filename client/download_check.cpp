@@ -1,8 +1,10 @@
 #include "client/download_check.h"
 
+#include "base/descriptor_guard.h"
+#include "base/regular_file.h"
 #include "client/download_view.h"
+#include "client/place.h"
 #include "client/print.h"
-#include "client/settings.h"
 
 #include <algorithm>
 #include <array>
@@ -20,11 +22,7 @@ namespace {
 constexpr uint64_t kBlockSize = 4096;  // images are written in whole blocks
 constexpr uint64_t kSmallestImage = 2; // bytes; the daemon refuses less
 constexpr uint64_t kAddressEnd = 1ULL << 32U;
-constexpr size_t kSettingsMax = 16UL << 20U; // bytes, as the daemon
-constexpr size_t kListMax = 1UL << 20U;      // bytes; far above any list
-constexpr char kSettings[] = "/etc/default/tavor/tavor.conf";
-constexpr char kList[] = "/etc/default/tavor/load/flash_download.cfg";
-constexpr char kAgent[] = "/etc/default/tavor/da/qx7710_da.bin";
+constexpr size_t kListMax = 1UL << 20U; // bytes; far above any list
 
 std::string hex(uint64_t value) {
     std::array<char, 32> text = {};
@@ -41,18 +39,17 @@ uint64_t end_of(const ListedImage& image, const FileFacts& facts) {
 }
 
 FileFacts facts_of(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
+    const DescriptorGuard file(regular_file_open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat status = {};
+    if (file.fd < 0 || fstat(file.fd, &status) != 0) {
         return {errno, 0};
     }
-    struct stat status = {};
-    const int error = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : ENODEV;
-    close(fd);
-    return {error, error == 0 ? static_cast<uint64_t>(status.st_size) : 0};
+    return {0, static_cast<uint64_t>(status.st_size)};
 }
 
 // The daemon may have rights that this user lacks; everything else that can't be opened is bad for it too.
-Finding unreadable(const std::string& subject, const std::string& path, int error, const char* remedy) {
+Finding unreadable(const std::string& subject, const std::string& path, int error,
+                   const std::string& remedy) {
     const std::string begin = print_safe(path) + ": ";
     if (error == EACCES || error == EPERM) {
         return {Grade::kDoubtful, subject,
@@ -121,10 +118,15 @@ void find_overlaps(const std::vector<ListedImage>& images, const std::vector<Fil
     }
 }
 
+std::string or_correct(location_config_id id) {
+    return std::string(" or correct '") + location_config_key(id).key + "'";
+}
+
 Finding judge_agent(const std::string& path) {
     const FileFacts facts = facts_of(path);
     if (facts.error != 0) {
-        return unreadable("agent", path, facts.error, "put the download agent there or correct 'DA path='");
+        return unreadable("agent", path, facts.error,
+                          "put the download agent there" + or_correct(CONFIG_DA_PATH));
     }
     if (facts.size == 0 || facts.size >= kAddressEnd) {
         return {Grade::kBad, "agent",
@@ -141,10 +143,10 @@ std::string directory_of(const std::string& path) {
 }
 
 void look_at_list(DownloadPlan& plan, const std::string& path, const std::optional<FlashRange>& flash) {
-    const auto content = settings_read(path, kListMax);
+    const auto content = place_read(path, kListMax);
     if (!content) {
         plan.findings.push_back(
-            unreadable("list", path, errno, "put the image list there or correct 'image path='"));
+            unreadable("list", path, errno, "put the image list there" + or_correct(CONFIG_IMAGE_PATH)));
         return;
     }
     const ImageList list = image_list_read(*content, directory_of(path));
@@ -200,19 +202,18 @@ std::vector<Finding> download_check_images(const std::vector<ListedImage>& image
 
 DownloadPlan download_check_plan(const std::string& socket, const std::optional<FlashRange>& flash) {
     DownloadPlan plan;
-    const auto root = settings_root(socket);
-    if (!root) {
+    const Place place = place_of(socket);
+    if (!place.known) {
         return plan;
     }
-    const std::string path = settings_file(*root, kSettings);
-    const auto settings = settings_read(path, kSettingsMax);
-    if (!settings && errno != ENOENT && errno != ENOTDIR) { // without the file the daemon takes its defaults
-        plan.findings.push_back(unreadable("settings", path, errno, "see that the daemon can read it"));
+    const int error = place.config_error;
+    if (error != 0 && error != ENOENT && error != ENOTDIR) { // without the file the daemon takes its defaults
+        plan.findings.push_back(
+            unreadable("settings", place_config(place), error, "see that the daemon can read it"));
         return plan;
     }
-    const std::string content = settings.value_or("");
-    plan.findings.push_back(judge_agent(settings_file(*root, settings_value(content, "DA path=", kAgent))));
-    look_at_list(plan, settings_file(*root, settings_value(content, "image path=", kList)), flash);
+    plan.findings.push_back(judge_agent(place_path(place, place_text(place, CONFIG_DA_PATH))));
+    look_at_list(plan, place_path(place, place_text(place, CONFIG_IMAGE_PATH)), flash);
     return plan;
 }
 

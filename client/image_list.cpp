@@ -1,7 +1,6 @@
 #include "client/image_list.h"
 
 #include "client/print.h"
-#include "client/settings.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,6 +13,7 @@ constexpr std::string_view kNameKey = "name:";
 constexpr std::string_view kBeginKey = "begin_address:";
 constexpr size_t kPathMax = 255;
 constexpr int kBlockLines = 3;
+constexpr size_t kLineMax = 255;
 
 // One line of the list, raw and without its blanks.
 struct Line {
@@ -21,8 +21,21 @@ struct Line {
     std::string stripped;
 };
 
+// As the daemon takes it: up to its line end or its NUL, a longer line in pieces. Moves at behind it. None at
+// the end.
+std::optional<std::string_view> next_piece(std::string_view content, size_t& at) {
+    if (at >= content.size()) {
+        return std::nullopt;
+    }
+    const std::string_view piece = content.substr(at, kLineMax);
+    const size_t newline = piece.find('\n');
+    at += newline == std::string_view::npos ? piece.size() : newline + 1;
+    const std::string_view line = piece.substr(0, newline);
+    return line.substr(0, line.find('\0'));
+}
+
 std::optional<Line> next_line(std::string_view content, size_t& at) {
-    const auto whole = settings_line(content, at);
+    const auto whole = next_piece(content, at);
     if (!whole) {
         return std::nullopt;
     }

@@ -1,5 +1,6 @@
 #include "client/monitor.h"
 
+#include "base/non_copyable.h"
 #include "client/follow.h"
 #include "client/interrupt.h"
 #include "client/monitor_view.h"
@@ -39,13 +40,11 @@ struct Run {
     }
 };
 
-struct OpenScreen {
+struct OpenScreen : private NonCopyable {
     OpenScreen() = default;
     ~OpenScreen() {
         screen_close();
     }
-    OpenScreen(const OpenScreen&) = delete;
-    OpenScreen& operator=(const OpenScreen&) = delete;
 };
 
 // The answers come as any other output does.

@@ -2,7 +2,6 @@
 
 #include "base/descriptor_guard.h"
 #include "base/regular_file.h"
-#include "client/settings.h"
 #include "config/location_config.h"
 #include "config/location_config_text.h"
 #include "tavor/protocol.h"
@@ -11,6 +10,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace {
@@ -52,9 +52,10 @@ std::optional<std::string> find(const Place& place, location_config_id id) {
 
 Place place_of(const std::string& socket) {
     Place place;
-    place.socket = settings_daemon_socket(socket);
+    place.socket = socket == TAVOR_RELAY_SOCKET_PATH ? TAVOR_SOCKET_PATH : socket;
     place.directory = directory_of(place.socket);
     place.usual = place.socket == TAVOR_SOCKET_PATH;
+    place.known = std::string_view(place.socket).ends_with(TAVOR_SOCKET_PATH);
     if (const auto content = place_read(place_config(place), kConfigContentMax)) {
         place.config = *content;
     } else {

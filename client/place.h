@@ -11,11 +11,13 @@ struct Place {
     std::string socket;    // the daemon's own, also for who talks to the relay
     std::string directory; // of the socket: stands for that of the usual daemon
     bool usual = true;     // the daemon of this machine: the devices seen here are its own
+    bool known = true;     // by the socket's path, the usual one or that of a simulated board; else assumed
     std::string config;    // content of the settings' file
     int config_error = 0;  // error number; 0: it was read
 };
 
-// Reads the settings beside the socket. A socket that lies elsewhere has all of the daemon's files beside it.
+// Reads the settings beside the socket. The relay's socket stands for the usual daemon, which it serves; any
+// other that lies elsewhere has all of the daemon's files beside it.
 Place place_of(const std::string& socket);
 
 // The path under which a file of the daemon is found from here.
