@@ -72,9 +72,9 @@ void open_log(Run& run) {
     const std::string& path = run.session.options.log;
     if (path.empty() && !log_source_journal_is_readable()) {
         session_note(
-            "the daemon's log can't be read, so only the time is shown; for the steps, and the cause of "
-            "a failure, use sudo, or join group systemd-journal ('sudo usermod -a -G systemd-journal "
-            "$USER') and log in again, or name the log's file with --log");
+            std::string("the daemon's log can't be read, so only the time is shown; for the steps, and "
+                        "the cause of a failure, ") +
+            kLogSourceRights + ", or name the log's file with --log");
     } else if (path.empty()) {
         log_source_open_journal(run.log);
     } else if (!log_source_open_file(run.log, path)) {

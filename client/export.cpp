@@ -114,7 +114,7 @@ int status_of(Session& session, Ended ended, int error) {
     case Ended::kInterrupted:
         return kExitSignal + interrupt_take(session.connection.interrupt);
     case Ended::kFailed:
-        return session_fail(session, kExitFailed,
+        return session_fail(session, kExitIo,
                             "cannot read " + print_safe(session.options.file) + ": " + strerror(error) +
                                 "; the track is not whole");
     default:
@@ -156,7 +156,7 @@ int export_run_file(Session& session) {
     }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
-        return session_fail(session, kExitFailed,
+        return session_fail(session, kExitIo,
                             "cannot read " + print_safe(path) + ": " + strerror(errno) +
                                 "; name a recording, or '-' for standard input");
     }

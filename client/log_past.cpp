@@ -78,7 +78,7 @@ PastLog log_past_file(const std::string& path) {
 PastLog log_past_journal(const std::optional<std::chrono::system_clock::time_point>& since) {
     PastLog log;
     if (!log_source_journal_is_readable()) {
-        log.why = "the journal may not be read: use sudo, or join group systemd-journal and log in again";
+        log.why = std::string("the journal may not be read: ") + kLogSourceRights;
         return log;
     }
     Journal events = read_journal({"--lines=100", std::string("--grep=") + kEvents}, since);

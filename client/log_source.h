@@ -2,6 +2,8 @@
 #ifndef TAVOR_CLIENT_LOG_SOURCE_H
 #define TAVOR_CLIENT_LOG_SOURCE_H
 
+#include "base/non_copyable.h"
+
 #include <functional>
 #include <string>
 #include <string_view>
@@ -10,11 +12,13 @@
 // For journalctl: the service's own journal, and the system's, where a service without one logs.
 inline constexpr char kLogSourceNamespace[] = "--namespace=+tavor";
 
-struct LogSource {
+// What lets a user read that journal.
+inline constexpr char kLogSourceRights[] =
+    "use sudo, or join group tavor or systemd-journal ('sudo usermod -a -G tavor $USER') and log in again";
+
+struct LogSource : private NonCopyable {
     LogSource() = default;
     ~LogSource(); // closes, and ends a journal reader
-    LogSource(const LogSource&) = delete;
-    LogSource& operator=(const LogSource&) = delete;
 
     int fd = -1;        // -1: nothing is read
     pid_t reader = -1;  // of the journal; -1 for a file

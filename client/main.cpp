@@ -38,7 +38,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (!hold_standard_descriptors()) {
-        return kExitFailed;
+        return kExitIo;
     }
     signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
@@ -50,6 +50,6 @@ int main(int argc, char** argv) {
         return status;
     } catch (const std::exception& error) {
         fprintf(stderr, "tavorctl: %s; free memory and try again\n", error.what());
-        return kExitFailed;
+        return kExitIo;
     }
 }

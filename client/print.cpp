@@ -278,9 +278,11 @@ std::string print_recording_json(const RecordingCounts& counts) {
 }
 
 std::string print_error_json(ExitStatus status, const std::string& message) {
+    const ExitMeaning& meaning = *std::find_if(std::begin(kExitMeanings), std::end(kExitMeanings),
+                                               [&](const ExitMeaning& row) { return row.status == status; });
     Json object;
     object["type"] = "error";
-    object["error"] = kExitMeanings[status].name;
+    object["error"] = meaning.name;
     object["exit"] = static_cast<int>(status);
     object["message"] = message;
     return dump(object);

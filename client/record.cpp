@@ -1,5 +1,6 @@
 #include "client/record.h"
 
+#include "base/non_copyable.h"
 #include "client/follow.h"
 #include "client/nmea.h"
 #include "client/print.h"
@@ -18,7 +19,7 @@ constexpr std::chrono::milliseconds kStampEvery{100}; // sentences of one moment
 constexpr char kStandardOutput[] = "-";
 
 // A recording under way.
-struct Recording {
+struct Recording : private NonCopyable {
     Session& session;
     int fd = -1;
     bool own = false; // fd is a file of its own
@@ -34,8 +35,6 @@ struct Recording {
             close(fd);
         }
     }
-    Recording(const Recording&) = delete;
-    Recording& operator=(const Recording&) = delete;
 };
 
 // Straight to the kernel, so that what ends this process loses nothing.
@@ -94,14 +93,14 @@ bool open_file(Recording& recording) {
 int report_unopened(Session& session, int error) {
     const std::string place = print_safe(session.options.file) + ": ";
     if (error == EEXIST) {
-        return session_fail(session, kExitFailed,
+        return session_fail(session, kExitIo,
                             place +
                                 "there is a file already; --append goes on behind it, --force replaces it");
     }
     if (error == ENODEV) {
-        return session_fail(session, kExitFailed, place + "no regular file; '-' is standard output");
+        return session_fail(session, kExitIo, place + "no regular file; '-' is standard output");
     }
-    return session_fail(session, kExitFailed, "cannot write " + place + strerror(error));
+    return session_fail(session, kExitIo, "cannot write " + place + strerror(error));
 }
 
 bool record_one(Recording& recording, const Record& record) {
@@ -138,7 +137,7 @@ int write_failed(const Recording& recording) {
     const std::string place = recording.own ? print_safe(recording.session.options.file) : "standard output";
     return recording.error == EPIPE && !recording.own
                ? static_cast<int>(kExitSuccess)
-               : session_fail(recording.session, kExitFailed,
+               : session_fail(recording.session, kExitIo,
                               "cannot write " + place + ": " + strerror(recording.error) +
                                   "; what came before is there");
 }

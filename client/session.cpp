@@ -17,8 +17,8 @@ constexpr std::string_view kJournal = "'journalctl --namespace=tavor'";
 std::string with_journal_hint(std::string text) {
     const size_t at = text.find(kJournal);
     if (at != std::string::npos && !log_source_journal_is_readable()) {
-        text.insert(at + kJournal.size(), ", which shows you no line of the daemon: use sudo, or join group "
-                                          "systemd-journal and log in again");
+        text.insert(at + kJournal.size(),
+                    std::string(", which shows you no line of the daemon: ") + kLogSourceRights);
     }
     return text;
 }
@@ -50,7 +50,7 @@ int session_output_status(Session& session) {
     if (session.output_error == 0 || session.output_error == EPIPE) {
         return kExitSuccess;
     }
-    return session_fail(session, kExitFailed,
+    return session_fail(session, kExitIo,
                         std::string("cannot write the output: ") + strerror(session.output_error) +
                             "; free space or write elsewhere");
 }

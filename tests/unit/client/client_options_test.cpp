@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <set>
 #include <vector>
 
 namespace {
@@ -183,7 +184,7 @@ TEST(Options, WrongCommandLineIsJsonToo) {
     const Parsed parsed = parse({"strat", "--json"});
     EXPECT_EQ(parsed.status, kExitUsage);
     EXPECT_EQ(
-        parsed.out.rfind(R"({"type":"error","error":"usage","exit":2,"message":"no command is called)", 0),
+        parsed.out.rfind(R"({"type":"error","error":"usage","exit":64,"message":"no command is called)", 0),
         0U)
         << parsed.out;
 }
@@ -192,7 +193,9 @@ TEST(Options, HelpAndManualHaveTheSameTableOfExitStatuses) {
     std::ifstream file(TAVOR_MANUAL_FOR_TEST);
     const std::string manual(std::istreambuf_iterator<char>(file), {});
     const std::string help = parse({"--help"}).out;
+    std::set<int> numbers;
     for (const ExitMeaning& meaning : kExitMeanings) {
+        EXPECT_TRUE(numbers.insert(meaning.status).second) << "two meanings of " << meaning.status;
         const std::string number = std::to_string(meaning.status);
         EXPECT_NE(help.find("\n  " + number + "  " + meaning.text + "\n"), std::string::npos) << help;
         EXPECT_NE(manual.find(".B " + number + "\n" + meaning.text + "\n"), std::string::npos) << number;

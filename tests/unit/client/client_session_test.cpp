@@ -41,6 +41,6 @@ TEST(Session, AnyOtherUserIsToldWhatHeSeesThereAndWhatToDo) {
     EXPECT_EQ(
         hint,
         "tavorctl: it failed; see 'journalctl --namespace=tavor', which shows you no line of the daemon: use sudo, or "
-        "join group systemd-journal and log in again\n");
+        "join group tavor or systemd-journal ('sudo usermod -a -G tavor $USER') and log in again\n");
     EXPECT_EQ(plain, "tavorctl: it failed; free space\n");
 }
