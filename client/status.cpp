@@ -82,11 +82,13 @@ std::string log_reason(const Status& status) {
 
 void decide_positioning(Status& status, const LogState& log) {
     status.positioning = log.positioning;
-    if (!status.positioning && status.power) { // without the log, a firmware download looks the same
-        status.positioning = status.power;
+    if (!status.positioning && status.power == false) {
+        status.positioning = false;
     }
     if (!status.positioning) {
-        status.unknown["positioning"] = log_reason(status);
+        const std::string powered =
+            status.power ? "the chip has power, for positioning or for a firmware download: " : "";
+        status.unknown["positioning"] = powered + log_reason(status);
     }
 }
 

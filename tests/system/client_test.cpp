@@ -53,14 +53,14 @@ TEST(ClientOnBoard, StatusTellsWhatGoesOnWithoutTakingTheOutput) {
     const Scene scene({});
     const std::string log = scene.board.directory.path / "daemon.log";
     // As the daemon's own neighbour, so that it sees the power line.
-    const auto status = [&] {
+    const auto status = [&](const std::string& from) {
         const RunResult result =
             run_program({TAVOR_BOARD_PROGRAM, "exec", "--dir", scene.board.directory.path, "--",
-                         TAVOR_CTL_PROGRAM, "status", "--json", "--log", log});
+                         TAVOR_CTL_PROGRAM, "status", "--json", "--log", from});
         EXPECT_EQ(result.status, 0) << result.err;
         return nlohmann::json::parse(result.out);
     };
-    const auto off = status();
+    const auto off = status(log);
     EXPECT_EQ(off.at("daemon").at("version"), TAVOR_VERSION_FOR_TEST);
     EXPECT_EQ(off.at("daemon").at("pid"), scene.daemon.process->pid);
     EXPECT_EQ(off.at("positioning"), false);
@@ -72,7 +72,7 @@ TEST(ClientOnBoard, StatusTellsWhatGoesOnWithoutTakingTheOutput) {
     EXPECT_EQ(receiver.ask(TAVOR_REQUEST_DEBUG_FILE, TAVOR_CODE_DEBUG), 0);
     ASSERT_TRUE(receiver.receive_code(TAVOR_CODE_POSITION));
     nlohmann::json on;
-    EXPECT_TRUE(wait_until([&] { return (on = status()).at("fix").is_object(); })) << on.dump();
+    EXPECT_TRUE(wait_until([&] { return (on = status(log)).at("fix").is_object(); })) << on.dump();
     EXPECT_EQ(on.at("positioning"), true);
     EXPECT_EQ(on.at("power"), true);
     EXPECT_EQ(on.at("talks"), true);
@@ -82,6 +82,11 @@ TEST(ClientOnBoard, StatusTellsWhatGoesOnWithoutTakingTheOutput) {
     EXPECT_TRUE(receiver.receive_code(TAVOR_CODE_NMEA)) << "the output still goes to its receiver";
     EXPECT_EQ(scene.daemon.log().find("unkown message type"), std::string::npos);
     EXPECT_EQ(scene.run({"status"}).status, 0);
+
+    const auto blind = status("/none/log");
+    EXPECT_TRUE(blind.at("positioning").is_null()) << "a firmware download has the power on too";
+    EXPECT_EQ(blind.at("unknown").at("positioning").get<std::string>().rfind("the chip has power, ", 0), 0U);
+    EXPECT_TRUE(blind.at("download").is_null());
 
     scene.daemon.process->end(SIGKILL);
     const RunResult gone = scene.run({"status"});
