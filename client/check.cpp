@@ -1,49 +1,51 @@
 #include "client/check.h"
 
-#include <cerrno>
 #include <ctime>
-#include <unistd.h>
 
 namespace {
 
-constexpr int kDoubts = 1; // exit status
-constexpr int kBad = 2;
-
 int status_of(Grade worst) {
     if (worst == Grade::kBad) {
-        return kBad;
+        return kExitBad;
     }
-    return worst == Grade::kDoubtful ? kDoubts : kExitSuccess;
+    return worst == Grade::kDoubtful ? kExitFailed : kExitSuccess;
+}
+
+// What the rights of the daemon's user decide.
+void look_as_daemon(Findings& findings, const std::string& unit, bool runs, const std::string& socket) {
+    const DaemonRights rights(unit);
+    const Place place = place_of(socket);
+    check_settings(findings, place);
+    if (place.usual) {
+        check_spi(findings, place, runs);
+        check_serial(findings, place, runs);
+    } else {
+        findings.push_back(
+            {Grade::kSkipped, "devices", "those of a daemon at another place are not seen from here"});
+    }
+    check_directories(findings, place);
 }
 
 Findings look(const std::string& socket) {
     const Place place = place_of(socket);
     const DaemonProbe daemon = daemon_probe(place);
     const bool runs = daemon.running.value_or(true); // what is not known may be disturbed
+    const std::string unit = check_unit_properties(place);
     Findings findings;
-    check_settings(findings, place);
+    check_rights(findings, unit);
+    look_as_daemon(findings, unit, runs, socket);
     if (place.usual) {
-        check_spi(findings, place, runs);
-        check_power_line(findings, place, runs);
-    } else {
-        findings.push_back(
-            {Grade::kSkipped, "devices", "those of a daemon at another place are not seen from here"});
+        check_power_line(findings, place, runs); // as root, who gives it to the service's user
     }
-    check_directories(findings, place);
     check_queues(findings);
     check_assistance(findings, place);
     check_clock(findings, place, time(nullptr));
     check_daemon(findings, daemon);
-    check_unit(findings, place);
+    check_unit(findings, place, unit);
     return findings;
 }
 
 } // namespace
-
-Grade check_denied(int error) {
-    const bool denied = error == EACCES || error == EPERM;
-    return denied && geteuid() != 0 ? Grade::kDoubtful : Grade::kBad;
-}
 
 int check_run(Session& session) {
     const Findings findings = look(session.options.socket);

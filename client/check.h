@@ -2,6 +2,7 @@
 #ifndef TAVOR_CLIENT_CHECK_H
 #define TAVOR_CLIENT_CHECK_H
 
+#include "client/check_rights.h"
 #include "client/daemon_probe.h"
 #include "client/finding.h"
 #include "client/place.h"
@@ -17,6 +18,8 @@ using Findings = std::vector<Finding>;
 void check_settings(Findings& findings, const Place& place);
 
 void check_spi(Findings& findings, const Place& place, bool daemon_runs);
+void check_serial(Findings& findings, const Place& place, bool daemon_runs);
+// A line that is exported for the look stays exported when a daemon has started meanwhile.
 void check_power_line(Findings& findings, const Place& place, bool daemon_runs);
 
 // Directories that the daemon writes to, and the assistance files and this host's clock against each other.
@@ -28,12 +31,17 @@ void check_queues(Findings& findings);
 
 // This device's identity at the assistance server, and the server's name.
 void check_assistance(Findings& findings, const Place& place);
+// Name or address in a text of the form "name", "name:port" or "[address]:port", a path behind it or not.
+std::string check_host_name(const std::string& host);
 
 void check_daemon(Findings& findings, const DaemonProbe& daemon);
-void check_unit(Findings& findings, const Place& place);
 
-// What can't be used by this user is bad only for root: the daemon may have more rights.
-Grade check_denied(int error);
+// What systemd knows of the service, and one value of that. Empty where it is not asked: no systemd, or a
+// daemon at another place.
+std::string check_unit_properties(const Place& place);
+std::string check_unit_property(const std::string& properties, const std::string& name);
+
+void check_unit(Findings& findings, const Place& place, const std::string& properties);
 
 // 'tavorctl check'. Returns its own exit status: 0 all good, 1 doubts, 2 bad.
 int check_run(Session& session);

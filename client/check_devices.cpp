@@ -133,15 +133,6 @@ int write_number(const char* name, int32_t pin) {
     return written ? 0 : errno;
 }
 
-// Gives a line back that was exported here.
-struct LineRelease : private NonCopyable {
-    explicit LineRelease(int32_t number) : pin(number) {}
-    ~LineRelease() {
-        write_number("unexport", pin);
-    }
-    int32_t pin;
-};
-
 // Of a node that is there.
 Finding judge_node(const std::string& node, const std::string& name, bool daemon_runs) {
     if (access((node + "/direction").c_str(), F_OK) != 0) {
@@ -166,12 +157,36 @@ Finding judge_node(const std::string& node, const std::string& name, bool daemon
                 (is_high ? "high" : "low")};
 }
 
+// Gives a line back that was exported here, unless it is somebody else's by now.
+struct LineRelease : private NonCopyable {
+    explicit LineRelease(int32_t number) : pin(number) {}
+    ~LineRelease() {
+        if (!taken) {
+            write_number("unexport", pin);
+        }
+    }
+    int32_t pin;
+    bool taken = false;
+};
+
+// Asked right before the line would be given back: a daemon that began to use it keeps it then. Between the
+// question and the answer's use lies less than a millisecond.
+Finding judge_exported(const Place& place, int32_t pin, const std::string& node, const std::string& name) {
+    LineRelease release(pin);
+    const Finding finding = judge_node(node, name, false);
+    release.taken = daemon_probe(place).running.value_or(true);
+    return release.taken
+               ? Finding{Grade::kSkipped, kLine, name + " is left to a daemon that has started meanwhile"}
+               : finding;
+}
+
 Finding judge_export(int error, const std::string& name) {
     switch (error) {
     case EBUSY:
-        return {Grade::kBad, kLine, name + " is in use by a driver",
-                "/sys/kernel/debug/gpio names it: take the line out of "
-                "the device tree there, or choose another"};
+        return {
+            Grade::kBad, kLine, name + " is in use: a driver has it, or a program by /dev/gpiochip",
+            "'gpioinfo' or /sys/kernel/debug/gpio names who: take the line out of the device tree there, end "
+            "that program, or choose another line"};
     case EINVAL:
     case ENODEV:
         return {
@@ -202,6 +217,9 @@ void check_spi(Findings& findings, const Place& place, bool daemon_runs) {
             findings.push_back(
                 {Grade::kBad, kSpi, path + " is not there",
                  std::string("correct 'SPI port path=' or let spidev drive the device, see ") + kHardware});
+        } else if (errno == EBUSY) {
+            findings.push_back({Grade::kBad, kSpi, path + " is in use by a program that lets nobody else in",
+                                "'fuser -v " + path + "' names it: end it"});
         } else {
             findings.push_back({check_denied(errno), kSpi, path + " can't be opened: " + strerror(errno),
                                 "look at its rights (packaging/tavor.rules), or use sudo"});
@@ -227,7 +245,6 @@ void check_power_line(Findings& findings, const Place& place, bool daemon_runs) 
     } else if (const int error = write_number("export", pin); error != 0) {
         findings.push_back(judge_export(error, name));
     } else {
-        const LineRelease release(pin);
-        findings.push_back(judge_node(node, name, daemon_runs));
+        findings.push_back(judge_exported(place, pin, node, name));
     }
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -14,7 +15,9 @@ namespace {
 constexpr char kClock[] = "clock";
 constexpr uint64_t kRoomMin = uint64_t{1} << 20; // bytes: twice the assistance files, and more
 constexpr int64_t kFirstTime = 1704067200;       // 2024-01-01: no clock that is set is before it
+constexpr int64_t kLastTime = 2335219200;        // 2044-01-01: damage tells nearly always a later time
 constexpr int64_t kDayS = 86400;
+constexpr int64_t kHourS = 3600;
 constexpr int kLastsH = 72; // a file of predictions
 constexpr int kStaleH = 24; // behind its end
 constexpr char kSetClock[] =
@@ -58,6 +61,44 @@ Finding judge_directory(const DirectoryRow& row) {
 
 std::string hours_text(int hours) {
     return std::to_string(hours) + " h";
+}
+
+bool is_possible(int age_h) {
+    const int64_t begin = time(nullptr) - int64_t{age_h} * kHourS;
+    return begin >= kFirstTime && begin < kLastTime;
+}
+
+bool is_current(const AssistanceFile& file) {
+    return file.age_h && *file.age_h >= 0 && *file.age_h <= kLastsH + kStaleH;
+}
+
+// Why it can't be a file of the server, whatever the clock says; empty when it may be one. A file that is
+// ahead of the clock is a fault of its own while another one agrees with the clock.
+std::string damage_of(const AssistanceFile& file, const std::vector<AssistanceFile>& files) {
+    if (!file.size || (file.age_h && is_current(file))) {
+        return "";
+    }
+    if (!file.age_h) {
+        return "is too short";
+    }
+    const bool other_agrees = std::any_of(files.begin(), files.end(), is_current);
+    return !is_possible(*file.age_h) || (*file.age_h < 0 && other_agrees)
+               ? "begins at an hour that can't be its own"
+               : "";
+}
+
+// Takes the damaged ones out.
+void judge_damage(Findings& findings, std::vector<AssistanceFile>& files) {
+    const std::vector<AssistanceFile> all = files;
+    std::erase_if(files, [&](const AssistanceFile& file) {
+        const std::string damage = damage_of(file, all);
+        if (!damage.empty()) {
+            findings.push_back({Grade::kDoubtful, "assistance file",
+                                file.name + " " + damage + ": it is damaged",
+                                "remove it: the daemon fetches another"});
+        }
+        return !damage.empty();
+    });
 }
 
 // What the assistance files tell of the clock; none when they tell nothing bad.
@@ -111,7 +152,10 @@ void check_clock(Findings& findings, const Place& place, int64_t now) {
             {Grade::kBad, kClock, place_config(place) + " was written later than now", kSetClock});
         return;
     }
-    const auto files = daemon_files_assistance(place);
+    auto files = daemon_files_assistance(place);
+    if (files) {
+        judge_damage(findings, *files);
+    }
     const auto finding = files ? judge_hours(*files) : std::nullopt;
     findings.push_back(finding ? *finding : Finding{Grade::kGood, kClock, "it agrees with the files"});
 }

@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kQueues[] = "queues";
 constexpr char kUnit[] = "service";
+constexpr char kHost[] = "assistance host";
 constexpr long kQueueCount = 2;   // of the daemon
 constexpr long kMessageSize = 24; // bytes
 constexpr long kQueueSize = 4096; // bytes: some hundred messages
@@ -59,40 +60,37 @@ void judge_identity(Findings& findings, const Place& place) {
     }
 }
 
-// Name without port and path.
-std::string host_name(const std::string& host) {
-    const std::string name = host.substr(0, host.find('/'));
-    const bool one_colon = std::count(name.begin(), name.end(), ':') == 1;
-    return one_colon ? name.substr(0, name.find(':')) : name;
+// What can't stand between "http://" and the file's name; empty when nothing is wrong.
+std::string host_problem(const std::string& host) {
+    const std::string server = host.substr(0, host.find('/'));
+    if (host.find("://") != std::string::npos) {
+        return "write the host alone: the daemon adds 'http://'";
+    }
+    if (server.empty() || !std::all_of(server.begin(), server.end(), is_bare)) {
+        return "write a name or an address, with ':' and a port when it is not 80, and no blank";
+    }
+    const bool bare_address = server[0] != '[' && std::count(server.begin(), server.end(), ':') > 1;
+    return bare_address ? "write an IPv6 address in brackets: '[::1]', '[::1]:8080'" : "";
 }
 
 void judge_host(Findings& findings, const Place& place) {
     const std::string host = place_text(place, CONFIG_XOD_HOST);
-    const std::string why = host_lookup(host_name(host), kHostLimit);
-    if (why.empty()) {
-        findings.push_back({Grade::kGood, "assistance host", host + " has an address"});
+    if (const std::string problem = host_problem(host); !problem.empty()) {
+        findings.push_back({Grade::kBad, kHost, "'XOD host=" + host + "' is no host", problem});
+    } else if (const std::string why = host_lookup(check_host_name(host), kHostLimit); why.empty()) {
+        findings.push_back({Grade::kGood, kHost, host + " has an address"});
     } else {
-        findings.push_back({Grade::kDoubtful, "assistance host", host + " has no address: " + why,
+        findings.push_back({Grade::kDoubtful, kHost, host + " has no address: " + why,
                             "correct 'XOD host=', or look at network and name service"});
     }
 }
 
-std::string property(const std::string& properties, const std::string& name) {
-    std::istringstream lines(properties);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.compare(0, name.size() + 1, name + "=") == 0) {
-            return line.substr(name.size() + 1);
-        }
-    }
-    return "";
-}
-
 // Where the unit may write: other places are read-only for the service whatever their rights are.
 void judge_writable(Findings& findings, const Place& place, const std::string& properties) {
-    if (property(properties, "ProtectSystem") != "strict") {
+    if (check_unit_property(properties, "ProtectSystem") != "strict") {
         return;
     }
-    std::istringstream words(property(properties, "ReadWritePaths"));
+    std::istringstream words(check_unit_property(properties, "ReadWritePaths"));
     std::string allowed;
     for (std::string word; words >> word;) {
         allowed += word.substr(word[0] == '-' || word[0] == '+' ? 1 : 0) + "/\n";
@@ -136,6 +134,11 @@ void check_queues(Findings& findings) {
     }
 }
 
+std::string check_host_name(const std::string& host) {
+    const std::string server = host.substr(0, host.find('/'));
+    return server[0] == '[' ? server.substr(1, server.find(']') - 1) : server.substr(0, server.find(':'));
+}
+
 void check_assistance(Findings& findings, const Place& place) {
     judge_identity(findings, place);
     judge_host(findings, place);
@@ -155,18 +158,37 @@ void check_daemon(Findings& findings, const DaemonProbe& daemon) {
     }
 }
 
-void check_unit(Findings& findings, const Place& place) {
+std::string check_unit_properties(const Place& place) {
     if (!place.usual || access("/run/systemd/system", F_OK) != 0) {
+        return "";
+    }
+    return tool_output({"systemctl", "show", "tavor.service",
+                        "--property=LoadState,UnitFileState,ProtectSystem,ReadWritePaths,User,Group,"
+                        "SupplementaryGroups"},
+                       kUnitLimit)
+               .text +
+           "\n"; // not empty: systemd was asked
+}
+
+std::string check_unit_property(const std::string& properties, const std::string& name) {
+    std::istringstream lines(properties);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, name.size() + 1, name + "=") == 0) {
+            return line.substr(name.size() + 1);
+        }
+    }
+    return "";
+}
+
+void check_unit(Findings& findings, const Place& place, const std::string& properties) {
+    if (properties.empty()) {
         findings.push_back(
             {Grade::kSkipped, kUnit,
              place.usual ? "systemd does not run here" : "a daemon at another place is no service"});
         return;
     }
-    const ToolOutput output = tool_output({"systemctl", "show", "tavor.service",
-                                           "--property=LoadState,UnitFileState,ProtectSystem,ReadWritePaths"},
-                                          kUnitLimit);
-    const std::string load = property(output.text, "LoadState");
-    const std::string state = property(output.text, "UnitFileState");
+    const std::string load = check_unit_property(properties, "LoadState");
+    const std::string state = check_unit_property(properties, "UnitFileState");
     if (load != "loaded") {
         findings.push_back({Grade::kDoubtful, kUnit,
                             "tavor.service is not loaded (" + (load.empty() ? "no answer" : load) + ")",
@@ -179,5 +201,5 @@ void check_unit(Findings& findings, const Place& place) {
     } else {
         findings.push_back({Grade::kGood, kUnit, "tavor.service is enabled"});
     }
-    judge_writable(findings, place, output.text);
+    judge_writable(findings, place, properties);
 }

@@ -65,10 +65,10 @@ inline constexpr CommandRow kCommands[] = {
      "Exit status 0: a daemon runs, 3: none does or that can't be told.\n\n"
      "Examples:\n  tavorctl status\n  tavorctl status --log /tmp/tavor.log\n  tavorctl status --json | jq .daemon.version"},
     {"check", Command::kCheck, "Look at the device before the daemon's first start",
-     "Tells line by line what is good, doubtful or bad, and what to do: settings, SPI device, power line,\n"
+     "Tells line by line what is good, doubtful or bad, and what to do: settings, devices, power line,\n"
      "directories, queues, assistance, clock, daemon, service. Nothing is changed: what was set or exported for\n"
      "the look is given back. Stop the daemon first: the devices of one that runs are left alone. As root it\n"
-     "sees what the service sees.\nExit status 0: all good, 1: doubts, 2: bad.\n\n"
+     "looks with the rights of the user that the service runs as.\nExit status 0: all good, 1: doubts, 2: bad, 64: a wrong command line.\n\n"
      "Examples:\n  tavorctl check                     better as root\n"
      "  tavorctl check --json | jq 'select(.grade == \"bad\")'"},
     {"record", Command::kRecord, "Start positioning and write the sentences of the chip into a file",

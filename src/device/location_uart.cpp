@@ -1,12 +1,14 @@
 #include "device/location_uart.h"
 
 #include "base/free_block.h"
+#include "config/serial_speed.h"
 #include "device/location_uart_escape.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -21,34 +23,9 @@ constexpr int kDrainRounds = 50;
 constexpr useconds_t kDrainRoundUs = 10'000;
 
 speed_t speed_of(int32_t baud) {
-    switch (baud) {
-    case 110:
-        return B110;
-    case 300:
-        return B300;
-    case 1200:
-        return B1200;
-    case 2400:
-        return B2400;
-    case 4800:
-        return B4800;
-    case 9600:
-        return B9600;
-    case 19200:
-        return B19200;
-    case 38400:
-        return B38400;
-    case 57600:
-        return B57600;
-    case 230400:
-        return B230400;
-    case 460800:
-        return B460800;
-    case 921600:
-        return B921600;
-    default: // 115200. Kept: any rate that isn't known counts as this.
-        return B115200;
-    }
+    const SerialSpeed* known = std::find_if(std::begin(kSerialSpeeds), std::end(kSerialSpeeds),
+                                            [&](const SerialSpeed& row) { return row.baud == baud; });
+    return known == std::end(kSerialSpeeds) ? kSerialSpeeds[0].speed : known->speed;
 }
 
 void set_raw(termios* options) {

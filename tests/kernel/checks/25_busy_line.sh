@@ -4,7 +4,7 @@
 module_load gpio_busy=17
 board_start
 ! tavorctl check >/tmp/check.out || fail "check finds nothing"
-grep -q "^bad  *power line: line 17 is in use by a driver" /tmp/check.out || fail "$(cat /tmp/check.out)"
+grep -q "^bad  *power line: line 17 is in use: a driver has it" /tmp/check.out || fail "$(cat /tmp/check.out)"
 daemon_start
 ! ctl start || fail "start was answered with success"
 wait_for 10 logged "[LOCSERV] ERR: [GPIO]location_gpio_export write fail: export"

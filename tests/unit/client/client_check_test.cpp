@@ -5,14 +5,21 @@
 
 #include "support/board_local.h"
 #include "support/capture.h"
+#include "support/nobody.h"
 #include "support/private_dir.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace {
@@ -48,6 +55,41 @@ std::string settings_of(const std::string& config) {
 
 bool holds(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
+}
+
+// Bound as a daemon's.
+int bind_socket(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return fd;
+}
+
+// A serial line: a terminal of the kernel's.
+struct Line {
+    Line() : master(posix_openpt(O_RDWR | O_NOCTTY)) {
+        EXPECT_EQ(grantpt(master), 0);
+        EXPECT_EQ(unlockpt(master), 0);
+        path = ptsname(master);
+        slave = open(path.c_str(), O_RDWR | O_NOCTTY);
+    }
+    ~Line() {
+        close(slave);
+        close(master);
+    }
+    Line(const Line&) = delete;
+    Line& operator=(const Line&) = delete;
+    int master;
+    int slave = -1;
+    std::string path;
+};
+
+std::string serial_of(const std::string& config, bool daemon_runs = false) {
+    Findings findings;
+    check_serial(findings, Scene(config).place, daemon_runs);
+    return text_of(findings);
 }
 
 // A board with its power line at 17.
@@ -165,6 +207,17 @@ TEST_F(CheckDevices, LineIsGivenBackOnlyWhenItWasExportedHere) {
     EXPECT_TRUE(board_pins(board).at(17).exported);
 }
 
+TEST_F(CheckDevices, LineIsLeftToADaemonThatHasStartedMeanwhile) {
+    const Scene scene;
+    const int daemon = bind_socket(scene.place.socket);
+    Findings findings;
+    check_power_line(findings, scene.place, false); // as it was seen before
+    EXPECT_EQ(text_of(findings),
+              "skipped   power line: line 17 is left to a daemon that has started meanwhile\n");
+    EXPECT_TRUE(board_pins(board).at(17).exported);
+    close(daemon);
+}
+
 TEST_F(CheckDevices, LineThatPowersTheChipWithoutADaemonIsDoubtful) {
     write_node("/sys/class/gpio/export", "17");
     write_node("/sys/class/gpio/gpio17/direction", "high");
@@ -177,6 +230,90 @@ TEST_F(CheckDevices, LineThatIsNotThereOrNotNamedIsBad) {
     EXPECT_TRUE(holds(line("Power control gpio=99999\n"),
                       "bad       power line: line 99999 does not exist; correct"));
     EXPECT_TRUE(holds(line(""), "bad       power line: none is named"));
+}
+
+TEST(CheckSerial, LineThatTheSettingsNameIsTriedAndGetsItsOwnSpeedBack) {
+    const Line line;
+    termios before = {};
+    ASSERT_EQ(tcgetattr(line.slave, &before), 0);
+    cfsetospeed(&before, B9600);
+    ASSERT_EQ(tcsetattr(line.slave, TCSANOW, &before), 0);
+    EXPECT_EQ(serial_of("debug port path=" + line.path + "\n"),
+              "good      serial line: " + line.path + " takes 921600 bits a second\n");
+    termios after = {};
+    ASSERT_EQ(tcgetattr(line.slave, &after), 0);
+    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B9600));
+    EXPECT_EQ(serial_of("debug port path=" + line.path + "\ndebug port baudrate=1234\n"),
+              "doubtful  serial line: the daemon has no speed of 1234: it counts as 115200 bits a second; "
+              "correct 'debug port baudrate='\n");
+    EXPECT_EQ(serial_of("debug port path=" + line.path + "\n", true),
+              "skipped   serial line: " + line.path +
+                  " is there; its speed is left out: a daemon runs and may use it\n");
+    EXPECT_EQ(serial_of(""), "") << "none is named";
+}
+
+TEST(CheckSerial, LineThatIsNotThereOrNoneIsDoubtful) {
+    for (const bool daemon_runs : {false, true}) {
+        EXPECT_TRUE(
+            holds(serial_of("debug port path=/dev/none\n", daemon_runs),
+                  "doubtful  serial line: /dev/none is not there; only 'tavorctl debug serial' needs it"));
+    }
+    EXPECT_TRUE(holds(serial_of("debug port path=/dev/null\n"), "/dev/null is no serial line"));
+}
+
+TEST(CheckSerial, LineOfAProgramThatLetsNobodyInNamesTheWayToIt) {
+    as_nobody([] { // the kernel lets root in all the same
+        const Line line;
+        ASSERT_EQ(ioctl(line.slave, TIOCEXCL), 0);
+        EXPECT_TRUE(holds(serial_of("debug port path=" + line.path + "\n"),
+                          line.path + " is in use by a program that lets nobody else in; 'fuser -v " +
+                              line.path + "' names it"));
+    });
+}
+
+TEST(CheckRights, UserOfTheServiceIsTheOneWhoMustBeAbleTo) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "takes root";
+    }
+    const std::string unit = "LoadState=loaded\nUser=nobody\nGroup=daemon\nSupplementaryGroups=sys 54321\n";
+    const Scene scene;
+    const auto directory = [&] {
+        Findings findings;
+        check_directories(findings, scene.place);
+        return finding_line(findings.at(0));
+    };
+    {
+        const DaemonRights rights(unit);
+        EXPECT_EQ(getegid(), getgrnam("daemon")->gr_gid);
+        EXPECT_TRUE(holds(directory(), "bad       socket: ")) << directory();
+        EXPECT_TRUE(holds(directory(), "Permission denied")) << directory();
+    }
+    EXPECT_EQ(geteuid() + getuid() + getegid(), 0U);
+    EXPECT_TRUE(holds(directory(), "good      socket: ")) << directory();
+
+    const std::optional<ServiceUser> user = check_rights_user(unit);
+    EXPECT_EQ(std::count(user->groups.begin(), user->groups.end(), getgrnam("sys")->gr_gid), 1);
+    EXPECT_EQ(std::count(user->groups.begin(), user->groups.end(), 54321U), 1);
+}
+
+TEST(CheckRights, SaysAsWhomItLooksAndWhatItCanNotSee) {
+    const auto rights = [](const std::string& unit) {
+        Findings findings;
+        check_rights(findings, unit);
+        return text_of(findings);
+    };
+    EXPECT_TRUE(holds(rights("User=nobody-of-this-name\n"), "bad       rights: there is no user"));
+    if (geteuid() == 0) {
+        EXPECT_EQ(rights("User=\n"), "") << "root looks for root";
+        EXPECT_TRUE(holds(rights("User=65534\n"), "are looked at as user nobody, as whom")) << "by number";
+        EXPECT_TRUE(holds(rights("User=nobody\n"), "not looked at: DeviceAllow= of the unit"));
+    }
+    as_nobody([&] {
+        if (geteuid() != 0) {
+            EXPECT_TRUE(
+                holds(rights("User=root\n"), "skipped   rights: this user's count here, not those of root"));
+        }
+    });
 }
 
 TEST(CheckFiles, DirectoriesThatAreMissingOrNoneAreBad) {
@@ -200,10 +337,13 @@ std::string clock_at(const Scene& scene, int64_t now) {
 }
 
 // A file of GPS and GLONASS that begins so many hours from now.
-void write_orbits(const Scene& scene, int hours) {
+std::string hour_word(int hours) {
     const auto hour = static_cast<uint32_t>((time(nullptr) - 315964800) / 3600 + hours);
-    scene.directory.write("xod/XOD_GR_3_1.DAT", {static_cast<char>(hour), static_cast<char>(hour >> 8U),
-                                                 static_cast<char>(hour >> 16U), '\x01'});
+    return {static_cast<char>(hour), static_cast<char>(hour >> 8U), static_cast<char>(hour >> 16U), '\x01'};
+}
+
+void write_orbits(const Scene& scene, int hours) {
+    scene.directory.write("xod/XOD_GR_3_1.DAT", hour_word(hours));
 }
 
 } // namespace
@@ -223,6 +363,53 @@ TEST(CheckClock, AssistanceFilesTellAClockThatIsBehindOrAhead) {
     EXPECT_TRUE(holds(clock_at(scene, kNow), "bad       clock: an assistance file begins 5 h ahead of it"));
     write_orbits(scene, -100);
     EXPECT_TRUE(holds(clock_at(scene, kNow), "doubtful  clock: every assistance file ran out 28 h ago"));
+}
+
+TEST(CheckClock, DamagedAssistanceFileIsThatFilesFault) {
+    const Scene scene;
+    const auto damaged = [](const std::string& name, const char* why) {
+        return "doubtful  assistance file: " + name + " " + why +
+               ": it is damaged; remove it: the daemon fetches another\ngood      clock: it agrees with the files\n";
+    };
+    scene.directory.write("xod/XOD_GR_3_1.DAT", "<htm");
+    EXPECT_EQ(clock_at(scene, kNow), damaged("XOD_GR_3_1.DAT", "begins at an hour that can't be its own"));
+    scene.directory.write("xod/XOD_GR_3_1.DAT", std::string(72, '\0'));
+    EXPECT_EQ(clock_at(scene, kNow), damaged("XOD_GR_3_1.DAT", "begins at an hour that can't be its own"));
+    scene.directory.write("xod/XOD_GR_3_1.DAT", "<h");
+    EXPECT_EQ(clock_at(scene, kNow), damaged("XOD_GR_3_1.DAT", "is too short"));
+    write_orbits(scene, 500);
+    EXPECT_TRUE(holds(clock_at(scene, kNow), "bad       clock: ")) << "the only file may well be right";
+    std::string galileo(72, 'h');
+    galileo += hour_word(-1);
+    scene.directory.write("xod/XOD_GAL_3.DAT", galileo);
+    EXPECT_EQ(clock_at(scene, kNow), damaged("XOD_GR_3_1.DAT", "begins at an hour that can't be its own"));
+}
+
+TEST(CheckSystem, HostIsReadWithoutItsPortAndPath) {
+    for (const auto& [host, name] : {std::pair("example", "example"),
+                                     {"example:80", "example"},
+                                     {"example/", "example"},
+                                     {"example:80/a/b", "example"},
+                                     {"[::1]:80", "::1"},
+                                     {"[::1]", "::1"},
+                                     {"[fe80::1]/x", "fe80::1"}}) {
+        EXPECT_EQ(check_host_name(host), name) << host;
+    }
+}
+
+TEST(CheckSystem, HostOfAnotherFormIsBad) {
+    const auto host = [](const std::string& text) {
+        Findings findings;
+        check_assistance(findings, Scene(std::string(kGood) + "XOD host=" + text + "\n").place);
+        return finding_line(findings.back());
+    };
+    EXPECT_EQ(host("[::1]:80/"), "good      assistance host: [::1]:80/ has an address\n");
+    EXPECT_TRUE(
+        holds(host("http://x"), "bad       assistance host: 'XOD host=http://x' is no host; write the host"));
+    EXPECT_TRUE(
+        holds(host("::1"), "bad       assistance host: 'XOD host=::1' is no host; write an IPv6 address in"));
+    EXPECT_TRUE(holds(host("a b"), "is no host; write a name or an address"));
+    EXPECT_TRUE(holds(host(" "), "is no host; write a name or an address"));
 }
 
 TEST(CheckSystem, IdentityMustBeSetWithoutBlanks) {
