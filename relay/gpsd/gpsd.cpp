@@ -90,13 +90,12 @@ void serve(GpsdClient& client) {
     }
 }
 
-template <typename Wants> void send_to(const std::string& text, Wants wants) {
-    if (text.empty()) {
-        return;
-    }
-    const auto shared = std::make_shared<const std::string>(text);
+// Sends what `make` returns to all who want it; it is made when there is one.
+template <typename Make, typename Wants> void send_to(const Make& make, Wants wants) {
+    std::shared_ptr<const std::string> shared;
     gpsd_clients_each([&](GpsdClient& client) {
         if (wants(client.watch)) {
+            shared = shared ? shared : std::make_shared<const std::string>(make());
             gpsd_clients_send(client, {shared, false});
         }
     });
@@ -111,21 +110,18 @@ bool wants_sentences(const GpsdWatch& watch) {
 }
 
 void on_epoch(const GnssEpoch& epoch) {
-    if (hub_counters().tcp_consumers == 0) {
-        return;
+    send_to([&] { return gpsd_report_tpv(epoch); }, wants_json);
+    if (epoch.errors) {
+        send_to([&] { return gpsd_report_gst(epoch); }, wants_json);
     }
-    send_to(gpsd_report_tpv(epoch), wants_json);
-    send_to(gpsd_report_gst(epoch), wants_json);
     if (epoch.has_sky) {
-        send_to(gpsd_report_sky(epoch), wants_json);
+        send_to([&] { return gpsd_report_sky(epoch); }, wants_json);
     }
-    gpsd_clients_tidy();
 }
 
 void on_item(const HubItem& item) {
-    if (item.kind == HubKind::kSentence && hub_counters().tcp_consumers > 0) {
-        send_to(std::string(hub_text(item)), wants_sentences);
-        gpsd_clients_tidy();
+    if (item.kind == HubKind::kSentence) {
+        send_to([&] { return std::string(hub_text(item)); }, wants_sentences);
     }
 }
 
@@ -167,6 +163,7 @@ bool gpsd_open(event_base* base, const GpsdSettings& settings) {
     event_add(state.connection.get(), nullptr);
     gpsd_clients_open(base, settings.second, serve);
     hub_take(on_item);
+    hub_take_rest(gpsd_clients_flush);
     gnss_take(on_epoch);
     return true;
 }

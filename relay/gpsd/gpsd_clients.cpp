@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <utility>
 
@@ -19,6 +20,8 @@ namespace {
 
 constexpr size_t kClientsMax = 2000;
 constexpr size_t kWaitingMax = size_t{64} * 1024;
+constexpr size_t kGatherMax = size_t{16} * 1024; // bytes that wait for more although they could be sent
+constexpr size_t kLinesMax = 32;                 // that are sent at a time
 constexpr int kPatienceS = 30;
 constexpr int kIdleS = 15 * 60;
 constexpr int kKernelBuffer = 16 * 1024; // each way; the kernel takes twice
@@ -65,16 +68,35 @@ void take_off(GpsdClient& client, size_t sent) {
         client.answers -= line.is_answer ? 1 : 0;
         client.waiting.pop_front();
     }
-    if (client.waiting.empty()) {
-        client.waiting.shrink_to_fit();
+}
+
+// Hands the kernel the oldest lines. Returns the bytes that it took, -1 with errno set.
+ssize_t send_lines(const GpsdClient& client) {
+    std::array<iovec, kLinesMax> parts = {};
+    const size_t count = std::min(client.waiting.size(), parts.size());
+    for (size_t i = 0; i < count; ++i) {
+        const std::string& text = *client.waiting[i].text;
+        const size_t begin = i == 0 ? client.sent : 0;
+        parts[i] = {const_cast<char*>(text.data()) + begin, text.size() - begin};
     }
+    msghdr message = {};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = count;
+    return sendmsg(client.fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+void set_full(GpsdClient& client, bool full) {
+    if (full && !client.full) {
+        event_add(client.writable.get(), nullptr);
+    } else if (!full && client.full) {
+        event_del(client.writable.get());
+    }
+    client.full = full;
 }
 
 void flush(GpsdClient& client) {
     while (!client.gone && !client.waiting.empty()) {
-        const std::string& text = *client.waiting.front().text;
-        const ssize_t sent = send(client.fd, text.data() + client.sent, text.size() - client.sent,
-                                  MSG_DONTWAIT | MSG_NOSIGNAL);
+        const ssize_t sent = send_lines(client);
         if (sent < 0) {
             client.gone = errno != EAGAIN && errno != EINTR && errno != ENOBUFS;
             break;
@@ -82,11 +104,7 @@ void flush(GpsdClient& client) {
         client.taken = std::chrono::steady_clock::now();
         take_off(client, static_cast<size_t>(sent));
     }
-    if (client.waiting.empty()) {
-        event_del(client.writable.get());
-    } else {
-        event_add(client.writable.get(), nullptr);
-    }
+    set_full(client, !client.waiting.empty());
 }
 
 // Reads on only when all answers are sent: one that asks and does not read is not asked for more.
@@ -195,8 +213,9 @@ void gpsd_clients_send(GpsdClient& client, GpsdLine line) {
     drop_oldest(client, size);
     client.waiting_size += size;
     client.answers += line.is_answer ? 1 : 0;
+    const bool now = line.is_answer || client.waiting_size > kGatherMax;
     client.waiting.push_back(std::move(line));
-    if (client.waiting.size() == 1) { // else the loop says when there is room
+    if (now && !client.full) {
         flush(client);
     }
 }
@@ -205,6 +224,15 @@ void gpsd_clients_each(const std::function<void(GpsdClient& client)>& call) {
     for (GpsdClient& client : state.clients) {
         call(client);
     }
+}
+
+void gpsd_clients_flush() {
+    for (GpsdClient& client : state.clients) {
+        if (!client.waiting.empty() && !client.full) {
+            flush(client);
+        }
+    }
+    gpsd_clients_tidy();
 }
 
 void gpsd_clients_watch(GpsdClient& client, const GpsdWatch& watch) {

@@ -1,5 +1,8 @@
 // The TCP clients: connections, and what waits for them.
 //
+// Reports wait until all that has come from the daemon is handed out, then one call of the kernel takes them:
+// one for each client and epoch as a rule. Answers go at once.
+//
 // For a client that does not read 64 KiB of reports wait, then the oldest are dropped. Answers to requests
 // are never dropped; while one waits, no further request is read. A client that has taken nothing for 30
 // seconds while something waits is let go, and so is one that watches nothing and has said nothing for 15
@@ -33,6 +36,7 @@ struct GpsdClient {
     size_t sent = 0;              // bytes of the oldest
     size_t waiting_size = 0;      // bytes of all
     int answers = 0;              // of what waits
+    bool full = false;            // the kernel took no more; the loop says when it does
     bool gone = false;
     std::chrono::steady_clock::time_point taken; // the latest byte that it took, or what waited first
     std::chrono::steady_clock::time_point heard; // the latest byte that it sent, or its coming
@@ -49,11 +53,14 @@ void gpsd_clients_close();
 // Takes over a connection. Null, and the connection closed, when there are 2,000 already.
 GpsdClient* gpsd_clients_add(int fd);
 
-// Queues a line for one client, and sends what can be sent.
+// Queues a line for one client. An answer is sent at once, with what waits before it.
 void gpsd_clients_send(GpsdClient& client, GpsdLine line);
 
 // Calls for each client.
 void gpsd_clients_each(const std::function<void(GpsdClient& client)>& call);
+
+// Sends what waits, as far as it is taken, and forgets those that are gone.
+void gpsd_clients_flush();
 
 // Changes what a client watches; positioning is told when it becomes or is no longer a consumer.
 void gpsd_clients_watch(GpsdClient& client, const GpsdWatch& watch);

@@ -11,9 +11,11 @@
 namespace {
 
 constexpr size_t kItemsMax = 1024;
+constexpr std::chrono::milliseconds kTurn{1}; // then the daemon is heard
 
 struct HubState {
     std::vector<HubOutput> outputs;
+    std::vector<HubRest> rests;
     std::deque<HubItem> items;
     EventPtr hand_out;
     HubCounters counters;
@@ -52,17 +54,24 @@ void count(HubKind kind) {
     state.counters.positions += kind == HubKind::kPosition ? 1 : 0;
 }
 
-void hand_out_one(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    if (state.items.empty()) {
-        return;
-    }
+void hand_out_one() {
     const HubItem item = state.items.front();
     state.items.pop_front();
     for (const HubOutput& output : state.outputs) {
         output(item);
     }
-    if (!state.items.empty()) {
-        event_arm(state.hand_out, std::chrono::milliseconds(0));
+}
+
+void on_hand_out(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    const auto began = std::chrono::steady_clock::now();
+    while (!state.items.empty()) {
+        hand_out_one();
+        if (std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
+            return event_arm(state.hand_out, std::chrono::milliseconds(0));
+        }
+    }
+    for (const HubRest& rest : state.rests) {
+        rest();
     }
 }
 
@@ -70,7 +79,7 @@ void hand_out_one(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/
 
 void hub_open(event_base* base) {
     state = {};
-    state.hand_out.reset(event_new(base, -1, 0, hand_out_one, nullptr));
+    state.hand_out.reset(event_new(base, -1, 0, on_hand_out, nullptr));
 }
 
 void hub_close() {
@@ -79,6 +88,10 @@ void hub_close() {
 
 void hub_take(HubOutput output) {
     state.outputs.push_back(std::move(output));
+}
+
+void hub_take_rest(HubRest rest) {
+    state.rests.push_back(std::move(rest));
 }
 
 void hub_put(const tavor_response& datagram) {

@@ -1,8 +1,8 @@
 // What came from the daemon unasked, on its way to the outputs.
 //
 // Taking in is quick and handing out may be slow, so what is taken in waits here: 1,024 items at most, then
-// the oldest sentence or position is dropped. One item is handed out at a time, and the daemon is heard
-// before the next one.
+// the oldest sentence or position is dropped. Items are handed out for a millisecond at a time, one at least;
+// then the daemon is heard.
 #ifndef TAVOR_RELAY_HUB_H
 #define TAVOR_RELAY_HUB_H
 
@@ -28,6 +28,9 @@ struct HubItem {
 // An output of the relay; it must not wait.
 using HubOutput = std::function<void(const HubItem&)>;
 
+// Is called behind the last item that is there: what was gathered goes out.
+using HubRest = std::function<void()>;
+
 // Since the start. Each module counts its own.
 struct HubCounters {
     uint64_t items = 0;           // taken in
@@ -52,6 +55,9 @@ void hub_close();
 
 // Registers an output; it gets every item from now on.
 void hub_take(HubOutput output);
+
+// Registers what is to be called whenever all that was taken in has been handed out.
+void hub_take_rest(HubRest rest);
 
 // Takes in a datagram of the daemon that answers no request.
 void hub_put(const tavor_response& datagram);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -41,6 +42,13 @@ bool TcpPeer::read() {
         }
         got.append(bytes.data(), static_cast<size_t>(size));
     }
+}
+
+unsigned TcpPeer::pieces() const {
+    tcp_info info = {};
+    socklen_t size = sizeof info;
+    getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size);
+    return info.tcpi_data_segs_in;
 }
 
 void TcpPeer::end(bool reset) {

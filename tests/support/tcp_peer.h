@@ -13,6 +13,8 @@ struct TcpPeer {
     bool send(const std::string& text) const;
     // Takes all that has come into `got`, without waiting. False when the other end has closed.
     bool read();
+    // How many pieces the other end's data have come in so far.
+    unsigned pieces() const;
     // Ends at once; `reset`: without a word of farewell.
     void end(bool reset = false);
 

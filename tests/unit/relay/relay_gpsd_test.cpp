@@ -220,6 +220,18 @@ TEST_F(RelayGpsd, ASlowReaderLosesWholeOldReportsAndHoldsUpNobody) {
     EXPECT_EQ(hub_counters().let_go, 0U);
 }
 
+TEST_F(RelayGpsd, WhatComesTogetherGoesToAClientInOnePiece) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    const unsigned before = peer.pieces();
+    for (const char* sentence : {"$GNRMC", "$GNGGA", "$GNGSA", "$GNGST"}) {
+        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, std::string(sentence) + "\r\n")));
+    }
+    ASSERT_TRUE(gets(peer, "$GNRMC\r\n$GNGGA\r\n$GNGSA\r\n$GNGST\r\n"));
+    EXPECT_EQ(peer.pieces() - before, 1U);
+}
+
 TEST_F(RelayGpsd, TheRestOfAHalfSentReportIsKept) {
     TcpPeer slow(gpsd_port(), 2048);
     ASSERT_TRUE(gets(slow, "\r\n"));

@@ -42,6 +42,34 @@ TEST_F(RelayHub, TheOldestSentenceGoesWhenTooManyWait) {
     EXPECT_EQ(got.back(), "1099");
 }
 
+TEST_F(RelayHub, CallsBehindTheLastItemOnly) {
+    hub_take_rest([this] { got.emplace_back("rest"); });
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "one"));
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));
+    ASSERT_TRUE(loop.until([&] { return got.size() >= 3; }));
+    EXPECT_EQ(got, (std::vector<std::string>{"one", "two", "rest"}));
+}
+
+TEST_F(RelayHub, TheDaemonIsHeardBetweenSlowItems) {
+    const EventPtr daemon(event_new(
+        loop.base.get(), -1, 0,
+        [](evutil_socket_t, short, void* heard) {
+            static_cast<std::vector<std::string>*>(heard)->emplace_back("heard");
+        },
+        &got));
+    event_priority_set(daemon.get(), kPriorityUpstream);
+    hub_take([&](const HubItem& /*unused*/) {
+        const auto began = std::chrono::steady_clock::now();
+        event_active(daemon.get(), 0, 0);
+        while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) { // a slow output
+        }
+    });
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "one"));
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));
+    ASSERT_TRUE(loop.until([&] { return got.size() == 4; }));
+    EXPECT_EQ(got, (std::vector<std::string>{"one", "heard", "two", "heard"}));
+}
+
 TEST_F(RelayHub, AnAnswerToNobodyIsNoItem) {
     hub_put(relay_response(TAVOR_CODE_START, 0));
     hub_put(relay_response(77, 0));
