@@ -4,10 +4,13 @@
 #include "system/event_guard.h"
 #include "upstream/upstream_socket.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -19,6 +22,10 @@ constexpr std::chrono::milliseconds kFullPause{20}; // of the daemon's queue
 // Datagrams read at a time: more than any queue of the kernel holds as it is set up by systemd, so that the
 // queue is empty afterwards.
 constexpr int kReadsMax = 1024;
+constexpr int kReadsAtOnce = 32; // by one call of the kernel
+// From the first datagram until what has come is read. The daemon sends an epoch within a few hundred
+// microseconds: read one by one its sentences would cost a wake-up and a send to each TCP client each.
+constexpr long kGatherNs = 500000;
 // For hosts whose queues are longer. The kernel charges senders for what waits, this limit is for some
 // kernels.
 constexpr int kReceiveBuffer = 4 * 1024 * 1024;
@@ -34,6 +41,8 @@ struct UpstreamState {
     std::string banner = TAVOR_VERSION_BANNER;
     std::vector<std::function<void(bool)>> watchers;
     EventPtr readable;
+    int timer = -1; // libevent's own timers know milliseconds only
+    EventPtr gathered;
     EventPtr look;
     EventPtr send;
     std::vector<UpstreamAnswer> refused; // requests that found no place
@@ -78,9 +87,9 @@ bool take_banner(const tavor_response& datagram) {
     return true;
 }
 
-void take(const tavor_response& datagram, ssize_t size) {
+void take(const tavor_response& datagram, size_t size) {
     // Until the socket is connected to the daemon everybody may send to it.
-    if (!state.connected || size != static_cast<ssize_t>(sizeof datagram)) {
+    if (!state.connected || size != sizeof datagram) {
         ++hub_counters().malformed;
         return;
     }
@@ -105,15 +114,36 @@ void send_next() {
     event_arm(state.send, kFullPause);
 }
 
-void on_readable(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    for (int i = 0; i < kReadsMax; ++i) {
-        tavor_response datagram = {};
-        const ssize_t size = recv(state.fd, &datagram, sizeof datagram, MSG_TRUNC);
-        if (size < 0) {
-            break;
-        }
-        take(datagram, size);
+// Reads what has come. Returns whether there may be more.
+bool read_some() {
+    static std::array<tavor_response, kReadsAtOnce> datagrams;
+    std::array<iovec, kReadsAtOnce> parts = {};
+    std::array<mmsghdr, kReadsAtOnce> messages = {};
+    for (size_t i = 0; i < messages.size(); ++i) {
+        parts[i] = {&datagrams[i], sizeof datagrams[i]};
+        messages[i].msg_hdr.msg_iov = &parts[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
     }
+    const int count = recvmmsg(state.fd, messages.data(), kReadsAtOnce, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    for (int i = 0; i < count; ++i) {
+        take(datagrams[static_cast<size_t>(i)], messages[static_cast<size_t>(i)].msg_len);
+    }
+    return count == kReadsAtOnce;
+}
+
+void on_readable(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    event_del(state.readable.get());
+    itimerspec wait = {};
+    wait.it_value.tv_nsec = kGatherNs;
+    timerfd_settime(state.timer, 0, &wait, nullptr);
+}
+
+void on_gathered(evutil_socket_t timer, short /*unused*/, void* /*unused*/) {
+    uint64_t expirations = 0;
+    [[maybe_unused]] const ssize_t size = read(timer, &expirations, sizeof expirations);
+    for (int i = 0; i < kReadsMax / kReadsAtOnce && read_some(); ++i) {
+    }
+    event_add(state.readable.get(), nullptr);
     send_next();
 }
 
@@ -149,8 +179,9 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     state = {};
     state.base = base;
     state.settings = settings;
+    state.timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     state.fd = upstream_socket_open();
-    if (state.fd < 0) {
+    if (state.timer < 0 || state.fd < 0) {
         return false;
     }
     setsockopt(state.fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
@@ -158,6 +189,9 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     state.readable = make_event(state.fd, EV_READ | EV_PERSIST, on_readable);
     event_priority_set(state.readable.get(), kPriorityUpstream);
     event_add(state.readable.get(), nullptr);
+    state.gathered = make_event(state.timer, EV_READ | EV_PERSIST, on_gathered);
+    event_priority_set(state.gathered.get(), kPriorityUpstream);
+    event_add(state.gathered.get(), nullptr);
     state.look = make_event(-1, EV_PERSIST, on_look);
     event_arm(state.look, settings.second / 2);
     state.send = make_event(-1, 0, on_send);
@@ -168,10 +202,12 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
 
 void upstream_close() {
     upstream_requests_open(state.settings.second);
-    const int fd = state.fd;
+    const std::array descriptors = {state.fd, state.timer};
     state = {};
-    if (fd >= 0) {
-        close(fd);
+    for (const int fd : descriptors) {
+        if (fd >= 0) {
+            close(fd);
+        }
     }
 }
 
