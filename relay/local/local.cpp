@@ -215,6 +215,9 @@ void local_open(event_base* base, const LocalSettings& settings) {
     event_add(state.readable.get(), nullptr);
     event_arm(state.look, kLookS * settings.second);
     hub_take([](const HubItem& item) {
+        if (local_clients_count() == 0) {
+            return;
+        }
         arm_audit();
         local_clients_send_all(gets_of(item.kind), item.datagram);
         settle();
