@@ -2,8 +2,8 @@
 // the time from a sentence's sending to its arrival. bench/README.md tells how it is measured.
 #include "relay/consumers.h"
 #include "relay/cost.h"
+#include "relay/latency.h"
 #include "relay/servers.h"
-#include "support/relay_loop.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -32,6 +32,7 @@ struct Settings {
     int rounds = 3;
     std::vector<size_t> counts{1, 10, 100, 1000};
     std::vector<std::string> kinds{"json", "nmea", "local"};
+    std::vector<std::string> parts{"cost", "latency", "idle"};
 };
 
 struct Processes {
@@ -276,6 +277,42 @@ void report_cost(const Settings& settings, const std::string& name, size_t count
     fflush(stdout);
 }
 
+// What a connection costs that watches nothing: pages of the relay and the kernel's buffers for it. The rest
+// of the kernel's share (socket, file, entries of tables) is the same for every server.
+void report_idle(size_t count) {
+    const PrivateDir directory;
+    const RelayServer relay((directory.path / "no-daemon").string(), directory);
+    const long before = cost_memory(relay.process->pid).own;
+    const long tcp_before = cost_tcp_buffers();
+    const auto began = Clock::now();
+    Run run;
+    for (size_t i = 0; i < count; ++i) {
+        consumers_add_tcp(run.group, ConsumerKind::kIdle, relay.port);
+    }
+    turn_until(run, [&] { return consumers_ready(run.group); });
+    const auto took = std::chrono::duration_cast<Milliseconds>(Clock::now() - began);
+    const long own = cost_memory(relay.process->pid).own - before;
+    printf(
+        "%zu idle: connected and greeted in %ld ms; %ld KiB more of the relay, %.2f KiB each; %ld KiB more "
+        "of TCP buffers\n",
+        count, took.count(), own, static_cast<double>(own) / static_cast<double>(count),
+        cost_tcp_buffers() - tcp_before);
+    fflush(stdout);
+}
+
+void report(const Settings& settings, const std::string& part, size_t count) {
+    for (const std::string& kind : settings.kinds) {
+        if (part == "cost") {
+            report_cost(settings, kind, count);
+        } else if (part == "latency") {
+            latency_report(kind.c_str(), kind_of(kind), count, settings.seconds);
+        }
+    }
+    if (part == "idle") {
+        report_idle(count);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -287,11 +324,14 @@ int main(int argc, char** argv) {
         ->delimiter(',')
         ->capture_default_str();
     app.add_option("--kinds", settings.kinds, "of json, nmea, local")->delimiter(',')->capture_default_str();
+    app.add_option("--parts", settings.parts, "of cost, latency, idle")
+        ->delimiter(',')
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     try {
-        for (const size_t count : settings.counts) {
-            for (const std::string& kind : settings.kinds) {
-                report_cost(settings, kind, count);
+        for (const std::string& part : settings.parts) {
+            for (const size_t count : settings.counts) {
+                report(settings, part, count);
             }
         }
     } catch (const std::exception& error) {
