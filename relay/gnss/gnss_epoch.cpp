@@ -49,6 +49,9 @@ void take_gll(GnssReader& reader, const Sentence& sentence) {
     if (!reader.epoch.latitude) {
         take_position(reader.epoch, sentence, 1);
     }
+    if (!reader.valid) { // what RMC says comes first
+        reader.valid = sentence.fields[6] == "A";
+    }
 }
 
 void take_gst(GnssReader& reader, const Sentence& sentence) {

@@ -54,7 +54,7 @@ struct GnssReader {
     std::string last_key;          // of an epoch
     bool told = false;             // the epoch was told already
     std::optional<Utc> dated;      // latest moment with a date
-    std::optional<bool> valid;     // by RMC
+    std::optional<bool> valid;     // by RMC, or by GLL
     std::optional<int> gsa_mode;
     std::vector<GnssSatellite> used; // by GSA
     bool new_sky = false;            // a GSV of this epoch has come

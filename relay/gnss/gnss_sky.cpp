@@ -15,15 +15,20 @@ constexpr int kGlonassFirst = 65, kGlonassLast = 96, kGlonassOffset = 64;
 
 constexpr int kGalileoPrn = 300, kBeidouPrn = 400, kQzssPrn = 192, kNavicPrn = 900;
 
-// System of a talker; GN and others: GPS, whose numbers tell SBAS and GLONASS.
-GnssSystem system_of_talker(std::string_view talker) {
+// System of a talker; GN: GPS, whose numbers tell SBAS and GLONASS. None for a talker that is not known: its
+// satellites would be taken for others'.
+std::optional<GnssSystem> system_of_talker(std::string_view talker) {
     if (talker == "GA") {
         return GnssSystem::kGalileo;
     }
     if (talker == "GB") {
         return GnssSystem::kBeidou;
     }
-    return talker == "GI" ? GnssSystem::kNavic : GnssSystem::kGps;
+    if (talker == "GI") {
+        return GnssSystem::kNavic;
+    }
+    const bool is_gps = talker == "GP" || talker == "GL" || talker == "GN";
+    return is_gps ? std::optional(GnssSystem::kGps) : std::nullopt;
 }
 
 // System of the number that ends a GSA.
@@ -76,12 +81,16 @@ void add(std::vector<GnssSatellite>& view, const GnssSatellite& satellite) {
 } // namespace
 
 void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
+    const auto of_talker = system_of_talker(sentence.talker);
+    if (!of_talker) {
+        return;
+    }
     const auto mode = sentence_count(sentence.fields[2]);
     if (mode && *mode > reader.gsa_mode.value_or(0)) {
         reader.gsa_mode = mode;
     }
-    const GnssSystem system = system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0),
-                                               system_of_talker(sentence.talker));
+    const GnssSystem system =
+        system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0), *of_talker);
     for (size_t i = kGsaFirst; i < kGsaEnd; ++i) {
         const auto number = sentence_count(sentence.fields[i]);
         if (number && *number > 0 && reader.used.size() < kSatellitesMax) {
@@ -95,6 +104,10 @@ void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
 }
 
 void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
+    const auto system = system_of_talker(sentence.talker);
+    if (!system) {
+        return;
+    }
     std::vector<GnssSatellite>& view = reader.epoch.satellites;
     if (!reader.new_sky) {
         view.clear();
@@ -106,7 +119,7 @@ void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
     for (size_t i = kGsvFirst; i + kGsvStep <= end; i += kGsvStep) {
         const auto number = sentence_count(sentence.fields[i]);
         if (number && *number > 0) {
-            GnssSatellite satellite = satellite_of(system_of_talker(sentence.talker), *number);
+            GnssSatellite satellite = satellite_of(*system, *number);
             satellite.elevation = sentence_signed(sentence.fields[i + 1]);
             satellite.azimuth = sentence_number(sentence.fields[i + 2]);
             satellite.strength = sentence_number(sentence.fields[i + 3]);

@@ -83,6 +83,28 @@ TEST_F(RelayGnss, TheNumberOfTheSignalIsNoSatellite) {
     EXPECT_EQ(told[0].satellites.size(), 6U);
 }
 
+TEST_F(RelayGnss, SatellitesOfATalkerThatIsNotKnownAreNotTakenForOthers) {
+    take("$PQGSA,A,3,04,,,,,,,,,,,,2.5,1.3,2.1");
+    take("$GPGSV,1,1,01,04,40,083,46");
+    take("$PQGSV,1,1,01,07,40,083,46");
+    take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    take("$GNRMC,120001.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    ASSERT_FALSE(told.empty());
+    ASSERT_EQ(told[0].satellites.size(), 1U);
+    EXPECT_EQ(told[0].satellites[0].number, 4);
+    EXPECT_FALSE(told[0].satellites[0].used);
+    EXPECT_FALSE(told[0].hdop);
+}
+
+TEST_F(RelayGnss, APositionAloneIsAFixWhereItSaysThatItIsValid) {
+    take("$GPGLL,4807.038,N,01131.000,E,120000.00,A,A");
+    take("$GPGLL,4807.038,N,01131.000,E,120001.00,V,N");
+    take("$GPGLL,4807.038,N,01131.000,E,120002.00,V,N");
+    ASSERT_GE(told.size(), 2U);
+    EXPECT_EQ(told[0].mode, GnssMode::k2d);
+    EXPECT_EQ(told[1].mode, GnssMode::kNoFix);
+}
+
 TEST_F(RelayGnss, WithoutAFixThereIsNoPosition) {
     for (const std::string time : {"120000.00", "120001.00"}) {
         take("$GNRMC," + time + ",V,4807.038,N,01131.000,E,1.0,2.0,230394,,,N,V");
