@@ -150,9 +150,9 @@ void check_daemon(Findings& findings, const DaemonProbe& daemon) {
                             "whether one runs can't be told: " + daemon.running_why, "try with sudo"});
     } else if (*daemon.running) {
         const std::string process = daemon.pid > 0 ? " (process " + std::to_string(daemon.pid) + ")" : "";
-        findings.push_back({Grade::kDoubtful, "daemon",
-                            "one runs" + process + ": its devices were left alone",
-                            "for a whole look stop it first: 'systemctl stop tavor'"});
+        findings.push_back(
+            {Grade::kDoubtful, "daemon", "one runs" + process + ": its devices were left alone",
+             "for a whole look stop it first ('systemctl stop tavor' where it is the service)"});
     } else {
         findings.push_back({Grade::kGood, "daemon", "none runs beside the one to be started"});
     }

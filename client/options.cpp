@@ -235,8 +235,8 @@ std::string suggestion(const std::string& word) {
         names.emplace_back(row.name);
     }
     const std::string_view nearest = names[words_nearest(word, names)];
-    const bool near = words_distance(word, nearest) <= kMistypedMax && word.size() > kMistypedMax;
-    return near ? ", but '" + std::string(nearest) + "' is" : "";
+    const bool near = nearest.starts_with(word) || words_distance(word, nearest) <= kMistypedMax;
+    return near && word.size() > kMistypedMax ? ", but '" + std::string(nearest) + "' is" : "";
 }
 
 // What the parser says, or which command there is not.

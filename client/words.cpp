@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -32,10 +33,10 @@ size_t words_distance(std::string_view from, std::string_view to) {
 }
 
 size_t words_nearest(std::string_view word, const std::vector<std::string_view>& names) {
-    const auto nearer = [&](std::string_view a, std::string_view b) {
-        const size_t of_a = words_distance(word, a);
-        const size_t of_b = words_distance(word, b);
-        return of_a != of_b ? of_a < of_b : common_beginning(word, a) > common_beginning(word, b);
+    const auto rank = [&](std::string_view name) { // the lowest is the nearest
+        return std::tuple(!name.starts_with(word), words_distance(word, name),
+                          word.size() - common_beginning(word, name));
     };
+    const auto nearer = [&](std::string_view a, std::string_view b) { return rank(a) < rank(b); };
     return static_cast<size_t>(std::min_element(names.begin(), names.end(), nearer) - names.begin());
 }

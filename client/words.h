@@ -9,8 +9,9 @@
 // Single changes that make one text of the other: a letter more, less or another, or two neighbours swapped.
 std::size_t words_distance(std::string_view from, std::string_view to);
 
-// Which of the names (at least one) is the nearest to the word: of several that are equally near the one that
-// shares the longest beginning with it, for the first letters are seldom the mistyped ones; else the first.
+// Which of the names (at least one) is meant by the word: one that begins with it, else the nearest; of
+// several the nearest, then the one that shares the longest beginning with it, for the first letters are
+// seldom the mistyped ones; then the first.
 std::size_t words_nearest(std::string_view word, const std::vector<std::string_view>& names);
 
 #endif

@@ -159,7 +159,9 @@ TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
           {"sttus", "status"},
           {"statr", "start"},
           {"stopt", "stop"},
-          {"recrod", "record"}}) {
+          {"recrod", "record"},
+          {"stat", "status"},
+          {"mon", "monitor"}}) {
         EXPECT_EQ(parse({typed}).err, std::string("tavorctl: no command is called '") + typed + "', but '" +
                                           meant + "' is; see 'tavorctl --help'\n");
     }
@@ -178,6 +180,7 @@ TEST(Words, OfEquallyNearNamesTheLongestCommonBeginningCounts) {
     EXPECT_EQ(words_nearest("sta", {"save", "stop", "start"}), 2U);
     EXPECT_EQ(words_nearest("sto", {"stop", "start"}), 0U) << "one change is nearer than a beginning";
     EXPECT_EQ(words_nearest("xyz", {"abc", "def"}), 0U);
+    EXPECT_EQ(words_nearest("stat", {"start", "status"}), 1U) << "the rest is left out, nothing is mistyped";
 }
 
 TEST(Options, WrongCommandLineIsJsonToo) {
