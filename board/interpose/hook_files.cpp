@@ -19,9 +19,10 @@ using OpenAt = int(int, const char*, int, ...);
 using Fopen = FILE*(const char*, const char*);
 using PathCall = int(const char*);
 
-// Whether a mode follows the flags.
-bool makes_file(int flags) {
-    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+// The mode that follows the flags where these make a file.
+mode_t mode_behind(int flags, va_list arguments) {
+    const bool makes_file = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return makes_file ? va_arg(arguments, mode_t) : 0;
 }
 
 int open_device(const char* path, int flags) {
@@ -63,13 +64,10 @@ int stat_path(int (*function)(const char*, Stat*), const char* name, const char*
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_behind(flags, arguments);
+    va_end(arguments);
     return open_path(real<"open", Open>(), path, flags, mode);
 }
 
@@ -86,13 +84,10 @@ int creat(const char* path, mode_t mode) {
 }
 
 int openat(int directory, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_behind(flags, arguments);
+    va_end(arguments);
     return open_path_at(real<"openat", OpenAt>(), directory, path, flags, mode);
 }
 
@@ -158,24 +153,18 @@ char* __realpath_chk(const char* path, char* resolved, size_t room) noexcept {
 
 #ifndef __USE_FILE_OFFSET64 // else the headers link the functions above by these names
 int open64(const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_behind(flags, arguments);
+    va_end(arguments);
     return open_path(real<"open64", Open>(), path, flags, mode);
 }
 
 int openat64(int directory, const char* path, int flags, ...) {
-    mode_t mode = 0;
-    if (makes_file(flags)) {
-        va_list arguments;
-        va_start(arguments, flags);
-        mode = va_arg(arguments, mode_t); // NOLINT(clang-analyzer-valist.Uninitialized): started above
-        va_end(arguments);
-    }
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = mode_behind(flags, arguments);
+    va_end(arguments);
     return open_path_at(real<"openat64", OpenAt>(), directory, path, flags, mode);
 }
 
