@@ -110,8 +110,10 @@ TEST_F(DebugTcpTest, ElevenClientsAreOneTooMany) {
         EXPECT_EQ(read_bytes(client->fd, 10), "still here");
     }
 
+    const size_t descriptors = open_descriptors();
     clients.erase(clients.begin());
-    clients.push_back(connect_listed(10)); // room again
+    ASSERT_TRUE(wait_until([&] { return open_descriptors() == descriptors - 2; })); // both ends
+    clients.push_back(connect_listed(10));                                          // room again
     handle_text("again");
     EXPECT_EQ(read_bytes(clients.back()->fd, 5), "again");
 }
