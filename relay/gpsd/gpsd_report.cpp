@@ -2,6 +2,7 @@
 
 #include "gnss/gnss_sky.h"
 
+#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -15,8 +16,12 @@ constexpr int kFlagsGps = 1; // of a device: it sends fixes
 constexpr int kAngleDecimals = 9;
 constexpr int kDecimals = 4;
 
+std::string dump(const Json& report) {
+    return report.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
 std::string line(const Json& report) {
-    return report.dump(-1, ' ', true, Json::error_handler_t::replace) + "\r\n";
+    return dump(report) + "\r\n";
 }
 
 void put(Json& report, const char* name, const std::optional<double>& value, int decimals = kDecimals) {
@@ -93,22 +98,37 @@ Json satellite(const GnssSatellite& one) {
     return report;
 }
 
-Json sky(const GnssEpoch& epoch) {
+// All but the satellites, which come last.
+Json sky_head(const GnssEpoch& epoch) {
     Json report = report_of("SKY");
     put_time(report, epoch);
     put(report, "vdop", epoch.vdop);
     put(report, "hdop", epoch.hdop);
     put(report, "pdop", epoch.pdop);
-    int used = 0;
-    Json satellites = Json::array();
-    for (const GnssSatellite& one : epoch.satellites) {
-        used += one.used ? 1 : 0;
-        satellites.push_back(satellite(one));
-    }
     report["nSat"] = epoch.satellites.size();
-    report["uSat"] = used;
-    report["satellites"] = satellites;
+    report["uSat"] = std::count_if(epoch.satellites.begin(), epoch.satellites.end(),
+                                   [](const GnssSatellite& one) { return one.used; });
     return report;
+}
+
+Json satellites(const GnssEpoch& epoch) {
+    Json all = Json::array();
+    for (const GnssSatellite& one : epoch.satellites) {
+        all.push_back(satellite(one));
+    }
+    return all;
+}
+
+// The text of the satellites, kept until they change: they do once a second as a rule, the DOPs before them
+// come with each epoch, and the satellites are nine tenths of the report.
+const std::string& satellites_text(const GnssEpoch& epoch) {
+    static std::vector<GnssSatellite> told;
+    static std::string text = "[]";
+    if (epoch.satellites != told) {
+        told = epoch.satellites;
+        text = dump(satellites(epoch));
+    }
+    return text;
 }
 
 Json gst(const GnssEpoch& epoch) {
@@ -168,7 +188,9 @@ std::string gpsd_report_tpv(const GnssEpoch& epoch) {
 }
 
 std::string gpsd_report_sky(const GnssEpoch& epoch) {
-    return line(sky(epoch));
+    std::string text = dump(sky_head(epoch));
+    text.pop_back(); // the brace
+    return text + ",\"satellites\":" + satellites_text(epoch) + "}\r\n";
 }
 
 std::string gpsd_report_gst(const GnssEpoch& epoch) {
@@ -177,12 +199,14 @@ std::string gpsd_report_gst(const GnssEpoch& epoch) {
 
 std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, Utc now) {
     const Json none = Json::array();
+    Json sky = sky_head(epoch);
+    sky["satellites"] = satellites(epoch);
     return line({{"class", "POLL"},
                  {"time", utc_iso(now)},
                  {"active", active ? 1 : 0},
                  {"tpv", Json::array({tpv(epoch)})},
                  {"gst", epoch.errors ? Json::array({gst(epoch)}) : none},
-                 {"sky", Json::array({sky(epoch)})}});
+                 {"sky", Json::array({sky})}});
 }
 
 std::string gpsd_report_error(std::string_view message) {

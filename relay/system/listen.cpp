@@ -13,7 +13,9 @@
 
 namespace {
 
-constexpr int kBacklog = 128;
+// All TCP clients may come at once; who finds no place tries again after a second. The kernel gives
+// net.core.somaxconn at most.
+constexpr int kBacklog = 2000;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr size_t kPortOffset = offsetof(sockaddr_in, sin_port); // the same in both families
 static_assert(kPortOffset == offsetof(sockaddr_in6, sin6_port));

@@ -220,6 +220,19 @@ TEST_F(RelayGpsd, ASlowReaderLosesWholeOldReportsAndHoldsUpNobody) {
     EXPECT_EQ(hub_counters().let_go, 0U);
 }
 
+TEST_F(RelayGpsd, SatellitesAreToldAsTheyAreNow) {
+    GnssEpoch epoch;
+    EXPECT_NE(gpsd_report_sky(epoch).find("\"satellites\":[]}\r\n"), std::string::npos);
+    epoch.satellites.resize(1);
+    epoch.satellites[0].strength = 40;
+    EXPECT_NE(gpsd_report_sky(epoch).find("\"ss\":40.0"), std::string::npos);
+    epoch.satellites[0].strength = 41;
+    EXPECT_NE(gpsd_report_sky(epoch).find("\"ss\":41.0"), std::string::npos);
+    epoch.hdop = 1.5;
+    EXPECT_NE(gpsd_report_sky(epoch).find("\"hdop\":1.5,\"nSat\":1,\"uSat\":0,\"satellites\":[{"),
+              std::string::npos);
+}
+
 TEST_F(RelayGpsd, WhatComesTogetherGoesToAClientInOnePiece) {
     TcpPeer peer(gpsd_port());
     ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
