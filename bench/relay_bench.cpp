@@ -1,5 +1,5 @@
 // What the relay costs beside gpsd with the same consumers, sentences and rate: processor time, memory, and
-// the time from a sentence's sending to its arrival. bench/README.md tells how it is measured.
+// the time from a sentence's sending to its arrival. docs/relay.md tells how it is measured.
 #include "relay/consumers.h"
 #include "relay/cost.h"
 #include "relay/latency.h"
