@@ -126,7 +126,7 @@ become_user() {
     udevadm control --reload && udevadm trigger --settle && systemctl daemon-reload && systemctl start tavor
 }
 
-useradd member && usermod -a -G tavor member
+useradd member && usermod -a -G tavor,tavor-admin member # a command takes that right of the relay
 check "the board is loaded" load_board
 set_key "debug socket ip" 127.0.0.1
 printf 'debug port path=/dev/ttyS2\ndebug port baudrate=115200\n' | cat - $home/tavor.conf >conf && cat conf >$home/tavor.conf
