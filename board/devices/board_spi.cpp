@@ -97,7 +97,7 @@ uint32_t board_spi_value(const BoardSpi& spi, BoardSpiSetting setting) {
 
 ssize_t board_spi_frame(const BoardSpi& spi, bool lsb_first, Chip& chip, const BoardTransfer* transfers,
                         size_t count, uint64_t now_us) {
-    size_t total = 0;
+    uint64_t total = 0; // of any lengths, where size_t has 32 bits too
     for (size_t i = 0; i < count; ++i) {
         total += transfers[i].length;
     }
@@ -108,7 +108,7 @@ ssize_t board_spi_frame(const BoardSpi& spi, bool lsb_first, Chip& chip, const B
         return fail(EINVAL);
     }
     std::vector<uint8_t> tx = gathered(transfers, count);
-    std::vector<uint8_t> rx(total);
+    std::vector<uint8_t> rx(tx.size());
     const bool mirrors = (board_spi_value(spi, BoardSpiSetting::lsb_first) != 0) != lsb_first;
     if (mirrors) {
         mirror(tx);

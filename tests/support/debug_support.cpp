@@ -99,10 +99,9 @@ size_t running_threads() {
 }
 
 void limit_queue(int queue, unsigned messages) {
-    constexpr unsigned kBodySize = 16;
     msqid_ds status{};
     ASSERT_EQ(msgctl(queue, IPC_STAT, &status), 0);
-    status.msg_qbytes = messages * kBodySize;
+    status.msg_qbytes = messages * kQueuedBlockSize;
     ASSERT_EQ(msgctl(queue, IPC_SET, &status), 0);
 }
 

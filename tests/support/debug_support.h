@@ -21,6 +21,8 @@ std::string binary_data();
 size_t open_descriptors();
 size_t running_threads();
 
+inline constexpr size_t kQueuedBlockSize = 8 + sizeof(void*); // of a block's message in the outlet's queue
+
 // Makes the message queue of the outlet full with so many messages in it.
 void limit_queue(int queue, unsigned messages);
 

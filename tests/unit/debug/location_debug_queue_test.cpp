@@ -148,7 +148,8 @@ TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive
     handle_text("last");
     ForeignMessage stolen{};
     for (int i = 0; i < 10; ++i) {
-        ASSERT_EQ(msgrcv(queue, &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+        ASSERT_EQ(msgrcv(queue, &stolen, sizeof stolen.body, 0, IPC_NOWAIT),
+                  static_cast<ssize_t>(kQueuedBlockSize));
     }
     std::string seen;
     while (seen.find("last") == std::string::npos) {
