@@ -10,6 +10,7 @@
 #include "client/position.h"
 #include "client/print.h"
 #include "client/record.h"
+#include "client/relay_right.h"
 #include "client/save.h"
 #include "client/session.h"
 #include "client/status.h"
@@ -72,7 +73,10 @@ int run_simple(Session& session) {
     const Outcome outcome =
         exchange_ask(session.connection, {row.type, row.code, "", limit_s, row.repeatable}, kSkip, answer);
     if (answer) {
-        return session_report(session, *answer, row.failure);
+        const bool takes_right = row.command == Command::kDebug && !record_ok(*answer);
+        const std::string hint = takes_right ? relay_right_hint(session.options.socket) : "";
+        return session_report(session, *answer,
+                              hint.empty() ? row.failure : "the debug outlet was not switched: " + hint);
     }
     return session_end_status(session, outcome, limit_s);
 }
@@ -150,6 +154,10 @@ int run_send(Session& session) {
         session_emit(session, print_json(*answer));
     }
     if (!record_ok(*answer)) {
+        const std::string hint = relay_right_hint(session.options.socket);
+        if (!hint.empty()) {
+            return session_fail(session, kExitFailed, "the command was not sent: " + hint);
+        }
         return session_fail(session, kExitFailed,
                             "the command could not be sent: the link to the chip is closed or fails; start "
                             "positioning with 'tavorctl start'");

@@ -240,6 +240,11 @@ Presence connection_presence(const Connection& connection) {
     return !present || same_file(*present, connection.reached) ? Presence::kSame : Presence::kRestarted;
 }
 
+void connection_note(Connection& connection, const std::string& path) {
+    connection.path = path;
+    connection.reached = socket_file(path).value_or(SocketFile{});
+}
+
 Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline) {
     std::array<pollfd, 3> waits = {
         {{connection.socket, POLLIN, 0}, {connection.interrupt, POLLIN, 0}, {connection.output, 0, 0}}};

@@ -64,6 +64,9 @@ Retaken connection_retake(Connection& connection, Clock::time_point deadline);
 // client that waits. What can't be told counts as kSame.
 Presence connection_presence(const Connection& connection);
 
+// Notes which socket stands at the path now, for connection_presence; nothing is opened.
+void connection_note(Connection& connection, const std::string& path);
+
 // The next datagram. One that has come is returned even when the deadline is over; one that has not 520 bytes
 // is taken off and told as kMalformed.
 Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline);

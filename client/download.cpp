@@ -4,7 +4,9 @@
 #include "client/download_log.h"
 #include "client/download_view.h"
 #include "client/log_source.h"
+#include "client/place.h"
 #include "client/print.h"
+#include "client/relay_right.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -42,7 +44,9 @@ struct Run {
     Clock::time_point write_begin = {};
     std::optional<double> write_s = {}; // how long all images took, once they are written
     Clock::time_point told_at = {};
+    Connection behind = {}; // the daemon's own socket, also where the request went to a relay
     Presence daemon = Presence::kSame;
+    bool relay_gone = false; // and the daemon is there
     Clock::time_point probed_at = Clock::now();
 };
 
@@ -167,10 +171,18 @@ bool answer_is_lost(const Run& run) {
     return download_log_ended(run.progress) && seconds_since(run.step_begin) > kNoAnswerS;
 }
 
+// The daemon's own socket first: a relay goes on without it.
+void look_for_daemon(Run& run) {
+    run.daemon = connection_presence(run.behind);
+    run.relay_gone = run.daemon == Presence::kSame && run.behind.path != run.session.connection.path &&
+                     connection_presence(run.session.connection) != Presence::kSame;
+    run.daemon = run.relay_gone ? Presence::kGone : run.daemon;
+}
+
 bool daemon_is_gone(Run& run) {
     if (seconds_since(run.probed_at) >= kProbeS) {
         run.probed_at = Clock::now();
-        run.daemon = connection_presence(run.session.connection);
+        look_for_daemon(run);
     }
     return run.daemon != Presence::kSame;
 }
@@ -214,6 +226,10 @@ Outcome wait_for_answer(Run& run, Clock::time_point deadline, std::optional<Reco
 }
 
 std::string failure_text(const Run& run) {
+    if (const std::string hint = relay_right_hint(run.session.options.socket);
+        !run.progress.begun && !hint.empty()) {
+        return "no firmware was written: " + hint;
+    }
     if (run.progress.error.empty()) {
         return "the firmware could not be written: the daemon answered failure; check 'DA path=' and 'image path=' "
                "and see 'journalctl --namespace=tavor'";
@@ -280,17 +296,22 @@ int report_from_log(Run& run) {
 }
 
 int report_gone(const Run& run) {
-    const std::string& path = run.session.connection.path;
+    const std::string at = print_safe(run.behind.path);
+    if (run.relay_gone) {
+        return session_fail(
+            run.session, kExitNoDaemon,
+            "the relay at " + print_safe(run.session.connection.path) +
+                " ended in mid-download; the daemon at " + at +
+                " goes on: leave the device on until it is done, see 'journalctl --namespace=tavor'");
+    }
     if (run.daemon == Presence::kRestarted) {
         return session_fail(run.session, kExitNoDaemon,
-                            "the daemon at " + print_safe(path) +
-                                " was restarted in mid-download; download again");
+                            "the daemon at " + at + " was restarted in mid-download; download again");
     }
     const std::string start =
-        path == TAVOR_SOCKET_PATH ? "start it with 'systemctl start tavor'" : "start it";
+        run.behind.path == TAVOR_SOCKET_PATH ? "start it with 'systemctl start tavor'" : "start it";
     return session_fail(run.session, kExitNoDaemon,
-                        "the daemon at " + print_safe(path) + " ended in mid-download; " + start +
-                            " and download again");
+                        "the daemon at " + at + " ended in mid-download; " + start + " and download again");
 }
 
 int report_interrupted(Run& run) {
@@ -313,6 +334,15 @@ int report_end(Run& run, Outcome outcome, double limit_s) {
     return session_end_status(run.session, outcome, limit_s);
 }
 
+// Whether the failure is a relay's word for a daemon that has ended.
+bool relay_answers_for_daemon(Run& run, const Record& answer) {
+    if (record_ok(answer) || download_log_ended(run.progress)) {
+        return false;
+    }
+    look_for_daemon(run);
+    return run.daemon != Presence::kSame;
+}
+
 } // namespace
 
 // The request is sent once only: firmware is never written twice.
@@ -323,6 +353,7 @@ int download_run(Session& session) {
         return *status;
     }
     open_log(run);
+    connection_note(run.behind, place_daemon_socket(session.options.socket));
     const double limit_s = session.options.timeout_s.value_or(kDownloadLimitS);
     const Clock::time_point deadline = deadline_in(limit_s);
     if (!connection_send(session.connection, TAVOR_REQUEST_DOWNLOAD, "", deadline)) {
@@ -332,5 +363,8 @@ int download_run(Session& session) {
     }
     std::optional<Record> answer;
     const Outcome outcome = wait_for_answer(run, deadline, answer);
+    if (answer && relay_answers_for_daemon(run, *answer)) {
+        return report_end(run, Outcome::kTimeout, limit_s);
+    }
     return answer ? report(run, *answer) : report_end(run, outcome, limit_s);
 }

@@ -2,6 +2,7 @@
 
 #include "base/descriptor_guard.h"
 #include "base/regular_file.h"
+#include "client/relay_status.h"
 #include "config/location_config.h"
 #include "config/location_config_text.h"
 #include "tavor/protocol.h"
@@ -50,9 +51,17 @@ std::optional<std::string> find(const Place& place, location_config_id id) {
 
 } // namespace
 
+std::string place_daemon_socket(const std::string& socket) {
+    if (socket == TAVOR_RELAY_SOCKET_PATH) {
+        return TAVOR_SOCKET_PATH;
+    }
+    const auto relay = relay_status_ask(socket);
+    return relay && !relay->daemon.empty() ? relay->daemon : socket;
+}
+
 Place place_of(const std::string& socket) {
     Place place;
-    place.socket = socket == TAVOR_RELAY_SOCKET_PATH ? TAVOR_SOCKET_PATH : socket;
+    place.socket = place_daemon_socket(socket);
     place.directory = directory_of(place.socket);
     place.usual = place.socket == TAVOR_SOCKET_PATH;
     place.known = std::string_view(place.socket).ends_with(TAVOR_SOCKET_PATH);

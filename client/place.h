@@ -16,8 +16,12 @@ struct Place {
     int config_error = 0;  // error number; 0: it was read
 };
 
-// Reads the settings beside the socket. The relay's socket stands for the usual daemon, which it serves; any
-// other that lies elsewhere has all of the daemon's files beside it.
+// The socket of the daemon behind one that a client talks to: the relay of this machine has its own,
+// elsewhere, and serves the usual daemon; a relay at another place is asked, 0.4 seconds at most.
+std::string place_daemon_socket(const std::string& socket);
+
+// Reads the settings beside the socket. A relay's stands for that of its daemon; any other
+// that lies elsewhere has all of the daemon's files beside it.
 Place place_of(const std::string& socket);
 
 // The path under which a file of the daemon is found from here.

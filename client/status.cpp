@@ -21,6 +21,11 @@ double unix_now() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// The relay, where it knows of a daemon; null: others must tell.
+const RelayStatus* status_relay(const Status& status) {
+    return status.relay && status.relay->daemon_up ? &*status.relay : nullptr;
+}
+
 // Looks at what a log without times gets from now on, until a sentence comes. Returns whether one came.
 bool listen(LogSource& source, LogState& state, int interrupt, Clock::time_point end) {
     const uint64_t before = state.sentences;
@@ -69,7 +74,8 @@ LogView read_log(Status& status, const Options& options, int interrupt, Clock::t
     } else {
         status.unknown["log"] = past.why;
     }
-    if (follows && view.state.positioning.value_or(true) && !status_log_downloads(view.state)) {
+    if (follows && !status_relay(status) && view.state.positioning.value_or(true) &&
+        !status_log_downloads(view.state)) {
         listen(source, view.state, interrupt, begun + kListenEnd);
     }
     return view;
@@ -81,6 +87,10 @@ std::string log_reason(const Status& status) {
 }
 
 void decide_positioning(Status& status, const LogState& log) {
+    if (const RelayStatus* relay = status_relay(status)) {
+        status.positioning = relay->positioning;
+        return;
+    }
     status.positioning = log.positioning;
     if (!status.positioning && status.power == false) {
         status.positioning = false;
@@ -93,7 +103,12 @@ void decide_positioning(Status& status, const LogState& log) {
 }
 
 void decide_sentence(Status& status, const LogView& log) {
-    if (log.state.sentence) {
+    if (const RelayStatus* relay = status_relay(status)) {
+        status.sentence_age_s = relay->sentence_age_s;
+        if (!relay->sentence_age_s) {
+            status.unknown["sentenceAge"] = "none has come since the relay's start";
+        }
+    } else if (log.state.sentence) {
         status.sentence_age_s = std::max(0.0, unix_now() - *log.state.sentence);
     } else if (status.positioning == false) {
         status.unknown["sentenceAge"] = "positioning is off";
@@ -128,10 +143,30 @@ void decide_download(Status& status, const LogState& log) {
     }
 }
 
+// As the relay tells it.
+void take_fix(Status& status, const RelayStatus& relay) {
+    if (!relay.quality) {
+        status.unknown["fix"] = "the chip has told none within ten seconds";
+        return;
+    }
+    status.fix = Fix{};
+    status.fix->quality = relay.quality;
+    if (relay.satellites_used > 0) { // the first epochs have no whole sky
+        status.fix->satellites = relay.satellites_used;
+    }
+    status.fix_age_s = relay.quality > 0 ? relay.fix_age_s : std::nullopt;
+    if (!status.fix_age_s) {
+        status.unknown["fixAge"] = "the chip has none at present";
+    }
+}
+
 void find_fix(Status& status) {
     if (status.positioning == false) {
         status.unknown["fix"] = "positioning is off";
         return;
+    }
+    if (const RelayStatus* relay = status_relay(status)) {
+        return take_fix(status, *relay);
     }
     status.fix = daemon_files_fix(status.place);
     if (!status.fix) {
@@ -166,6 +201,7 @@ void tell_present(Status& status, const Session& session, Clock::time_point begu
 Status look(const Session& session) {
     const Clock::time_point begun = Clock::now();
     Status status;
+    status.relay = relay_status_ask(session.options.socket);
     status.place = place_of(session.options.socket);
     status.daemon = daemon_probe(status.place);
     if (!status.daemon.running) {

@@ -1,10 +1,11 @@
-// What can be told of the daemon without asking it.
+// What can be told of the daemon without asking it; a relay in front of it is asked.
 #ifndef TAVOR_CLIENT_STATUS_H
 #define TAVOR_CLIENT_STATUS_H
 
 #include "client/daemon_files.h"
 #include "client/daemon_probe.h"
 #include "client/log_past.h"
+#include "client/relay_status.h"
 #include "client/session.h"
 
 #include <map>
@@ -12,6 +13,7 @@
 struct Status {
     Place place;
     DaemonProbe daemon;
+    std::optional<RelayStatus> relay; // none: no relay is asked for
     std::optional<bool> positioning;
     std::optional<bool> power; // level of the power line
     int32_t power_line = 0;    // kGpioNotConfigured for none

@@ -59,6 +59,23 @@ std::string daemon_text(const Status& status) {
                                       "removed: restart it");
 }
 
+// Empty without one.
+std::string relay_row(const Status& status) {
+    if (!status.relay) {
+        return "";
+    }
+    const RelayStatus& relay = *status.relay;
+    if (!relay.why.empty()) {
+        return row("relay", "silent: " + print_safe(relay.why) + " (" + print_safe(relay.socket) + ")");
+    }
+    return row("relay", "answers, version " + print_safe(relay.version) +
+                            ", consumers: " + std::to_string(relay.local_consumers) + " local, " +
+                            std::to_string(relay.gpsd_consumers) + " of gpsd's protocol; " +
+                            std::to_string(relay.dropped) + " dropped for slow ones, " +
+                            std::to_string(relay.let_go) + " let go, " +
+                            std::to_string(relay.daemon_restarts) + " restarts of the daemon");
+}
+
 std::string power_text(const Status& status) {
     if (!status.power) {
         return why(status, "power");
@@ -90,6 +107,9 @@ std::string fix_text(const Status& status) {
     }
     std::string text = print_quality(status.fix->quality);
     text += status.fix->satellites ? ", " + std::to_string(*status.fix->satellites) + " satellites" : "";
+    if (status.fix->quality == 0) {
+        return text;
+    }
     return text + (status.fix_age_s ? ", " + age_text(*status.fix_age_s) + " old"
                                     : ", age " + why(status, "fixAge"));
 }
@@ -172,6 +192,22 @@ Json daemon_json(const DaemonProbe& daemon) {
     return object;
 }
 
+Json relay_json(const Status& status) {
+    if (!status.relay) {
+        return nullptr;
+    }
+    const RelayStatus& relay = *status.relay;
+    Json object = {{"socket", relay.socket}, {"answers", relay.why.empty()}};
+    if (relay.why.empty()) {
+        object["version"] = relay.version;
+        object["consumers"] = {{"local", relay.local_consumers}, {"gpsd", relay.gpsd_consumers}};
+        object["dropped"] = relay.dropped;
+        object["letGo"] = relay.let_go;
+        object["daemonRestarts"] = relay.daemon_restarts;
+    }
+    return object;
+}
+
 Json fix_json(const Status& status) {
     if (!status.fix) {
         return nullptr;
@@ -207,7 +243,7 @@ Json assistance_json(const Status& status) {
 } // namespace
 
 std::string status_view_text(const Status& status) {
-    return row("daemon", daemon_text(status)) +
+    return row("daemon", daemon_text(status)) + relay_row(status) +
            row("positioning",
                status.positioning ? (*status.positioning ? "on" : "off") : why(status, "positioning")) +
            row("chip power", power_text(status)) + row("chip", chip_text(status)) +
@@ -221,6 +257,7 @@ std::string status_view_json(const Status& status) {
     Json object;
     object["type"] = "status";
     object["daemon"] = daemon_json(status.daemon);
+    object["relay"] = relay_json(status);
     object["positioning"] = json_of(status.positioning);
     object["power"] = json_of(status.power);
     object["powerLine"] = status.power_line == kGpioNotConfigured ? Json(nullptr) : Json(status.power_line);

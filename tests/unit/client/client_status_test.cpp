@@ -115,6 +115,35 @@ TEST(StatusView, KnownStateIsShownInARowEach) {
     EXPECT_EQ(row_of(text, "log"), "the journal of tavor.service");
 }
 
+TEST(StatusView, ARelayIsShownWithWhatItTells) {
+    Status status = known();
+    EXPECT_EQ(row_of(status_view_text(status), "relay"), "no such row");
+    EXPECT_TRUE(Json::parse(status_view_json(status)).at("relay").is_null());
+    status.relay = RelayStatus{};
+    status.relay->socket = "/r";
+    status.relay->version = "1.3";
+    status.relay->local_consumers = 2;
+    status.relay->gpsd_consumers = 1;
+    status.relay->dropped = 5;
+    status.relay->let_go = 1;
+    status.relay->daemon_restarts = 3;
+    EXPECT_EQ(row_of(status_view_text(status), "relay"),
+              "answers, version 1.3, consumers: 2 local, 1 of gpsd's protocol; 5 dropped for slow ones, "
+              "1 let go, 3 restarts of the daemon");
+    EXPECT_EQ(Json::parse(status_view_json(status)).at("relay"),
+              (Json{{"socket", "/r"},
+                    {"answers", true},
+                    {"version", "1.3"},
+                    {"consumers", {{"local", 2}, {"gpsd", 1}}},
+                    {"dropped", 5},
+                    {"letGo", 1},
+                    {"daemonRestarts", 3}}));
+    status.relay->why = "it does not answer\x1b";
+    EXPECT_EQ(row_of(status_view_text(status), "relay").find('\x1b'), std::string::npos);
+    EXPECT_EQ(Json::parse(status_view_json(status)).at("relay"),
+              (Json{{"socket", "/r"}, {"answers", false}}));
+}
+
 TEST(StatusView, ContradictionsAreTold) {
     Status status = known();
     status.power = false;
