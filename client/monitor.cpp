@@ -7,7 +7,6 @@
 #include "client/print.h"
 #include "client/screen.h"
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <optional>
@@ -20,8 +19,6 @@ constexpr double kOnceS = 10; // for a frame with everything in it
 constexpr int kFixes = 3;     // with or without a position, so that one moment is whole
 constexpr std::chrono::seconds kSkyWait{2};
 constexpr double kSendS = 0.5; // that a daemon with a full queue may hold up the screen
-constexpr double kFirstSilenceS = 5;
-constexpr double kLongestSilenceS = 60;
 constexpr std::chrono::milliseconds kFrameEvery{200};
 constexpr int kLateDatagrams = 200; // in a row, before keys have their turn
 
@@ -32,11 +29,9 @@ struct Run {
     bool quit = false;
     int status = kExitSuccess;
     Clock::time_point shown = {};
-    Clock::time_point heard = Clock::now();
-    double silence_s = kFirstSilenceS;
 
     explicit Run(Session& of) : session(of) {
-        monitor.begin = Clock::now();
+        monitor.begin = monitor.listening = Clock::now();
     }
 };
 
@@ -76,18 +71,16 @@ void take_datagrams(Run& run) {
         if (received != Received::kResponse && received != Received::kMalformed) {
             return;
         }
-        run.heard = Clock::now();
-        run.silence_s = kFirstSilenceS;
+        const auto now = Clock::now();
+        monitor_hear(run.monitor, now);
         if (received == Received::kResponse) {
-            monitor_take(run.monitor, record_parse(response), run.heard);
+            monitor_take(run.monitor, record_parse(response), now);
         }
     }
 }
 
-// Another client's request has made that one the receiver, or positioning is off; nothing tells which. The
-// time between two tries doubles, so that two tools don't take the output from each other all the time.
 void break_silence(Run& run) {
-    if (std::chrono::duration<double>(Clock::now() - run.heard).count() < run.silence_s) {
+    if (!monitor_breaks_silence(run.monitor, Clock::now())) {
         return;
     }
     const Retaken retaken = connection_retake(run.session.connection, deadline_in(kSendS));
@@ -97,8 +90,6 @@ void break_silence(Run& run) {
                      ? "the daemon was restarted: started positioning again"
                      : "no output: positioning is off (s starts it), the chip is silent, or another "
                        "client took it; taking it back");
-    run.heard = Clock::now();
-    run.silence_s = std::min(2 * run.silence_s, kLongestSilenceS);
 }
 
 void show(Run& run) {
@@ -160,7 +151,7 @@ struct Moments {
         const auto now = Clock::now();
         if (record.kind == RecordKind::kNmea) {
             first = first.value_or(now);
-            fixes += nmea_take(fix, record.text) == SentenceKind::kGga ? 1 : 0;
+            fixes += nmea_take(fix, record.text) == SentenceKind::kFix ? 1 : 0;
         }
         return fixes >= kFixes && now - *first >= kSkyWait;
     }
@@ -172,7 +163,7 @@ int run_once(Session& session) {
     monitor.begin = Clock::now();
     Moments moments;
     const Followed followed =
-        follow_start(session, limit_s, kFirstSilenceS, deadline_in(limit_s), [&](const Record& record) {
+        follow_start(session, limit_s, kMonitorSilenceS, deadline_in(limit_s), [&](const Record& record) {
             monitor_take(monitor, record, Clock::now());
             return !moments.are_whole(record) && !follow_is_failed_start(session, record);
         });

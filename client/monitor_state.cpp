@@ -12,6 +12,7 @@ namespace {
 constexpr size_t kLinesMax = 100;
 constexpr size_t kInputMax = 347; // characters; the daemon takes no longer command
 constexpr std::chrono::seconds kGstHolds{5};
+constexpr double kLongestSilenceS = 60;
 constexpr size_t kGstMajor = 3, kGstMinor = 4, kGstOrientation = 5, kGstVertical = 8;
 
 int64_t second_of(const Monitor& monitor, Clock::time_point now) {
@@ -43,7 +44,7 @@ void take_sentence(Monitor& monitor, const std::string& text, Clock::time_point 
     if (sentence.type == "GST") {
         take_gst(monitor, sentence, now);
     }
-    if (nmea_take(monitor.fix, text) == SentenceKind::kGga && monitor.fix.quality.value_or(0) > 0) {
+    if (nmea_take(monitor.fix, text) == SentenceKind::kFix && monitor.fix.quality.value_or(0) > 0) {
         ++slot.fixes;
         monitor.position_at = now;
     }
@@ -76,6 +77,9 @@ template <size_t Size> MonitorAction choose(Monitor& monitor, const KeyRow (&row
         return {};
     }
     monitor_line(monitor, row->told);
+    if (row->request == TAVOR_REQUEST_START || row->request == TAVOR_REQUEST_STOP) {
+        monitor.stopped = row->request == TAVOR_REQUEST_STOP;
+    }
     return {false, row->request, ""};
 }
 
@@ -117,6 +121,23 @@ void monitor_take(Monitor& monitor, const Record& record, Clock::time_point now)
         monitor.heard = record.kind == RecordKind::kChip ? now : monitor.heard;
         monitor_line(monitor, print_line(record));
     }
+}
+
+void monitor_hear(Monitor& monitor, Clock::time_point now) {
+    monitor.listening = now;
+    monitor.silence_s = kMonitorSilenceS;
+}
+
+bool monitor_breaks_silence(Monitor& monitor, Clock::time_point now) {
+    if (monitor.stopped) {
+        monitor.listening = now;
+    }
+    if (std::chrono::duration<double>(now - monitor.listening).count() < monitor.silence_s) {
+        return false;
+    }
+    monitor.listening = now;
+    monitor.silence_s = std::min(2 * monitor.silence_s, kLongestSilenceS);
+    return true;
 }
 
 void monitor_line(Monitor& monitor, const std::string& text) {

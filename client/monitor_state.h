@@ -39,6 +39,8 @@ struct Rates {
 // What keys mean at the moment.
 enum class MonitorMode { kKeys, kCommand, kOutlet };
 
+inline constexpr double kMonitorSilenceS = 5; // the first that is broken
+
 struct Monitor {
     Clock::time_point begin = {};
     Fix fix;
@@ -50,12 +52,23 @@ struct Monitor {
     Sky sky;
     std::array<RateSlot, kRateSeconds + 1> slots; // the present second, and those that count
     std::deque<std::string> lines;                // answers of the chip and the daemon, the latest last
+    bool stopped = false;                         // by its key: silence is what was asked for
+    Clock::time_point listening = {};             // since the last datagram or the last try to get some
+    double silence_s = kMonitorSilenceS;
     MonitorMode mode = MonitorMode::kKeys;
     std::string input; // command that is being typed
 };
 
 // Takes what came from the daemon.
 void monitor_take(Monitor& monitor, const Record& record, Clock::time_point now);
+
+// A datagram has come, whatever it holds.
+void monitor_hear(Monitor& monitor, Clock::time_point now);
+
+// Whether it is time to take the output back: another client's request has made that one the receiver, or
+// positioning is off; nothing tells which. Each time doubles the wait for the next, so that two tools don't
+// take the output from each other all the time.
+bool monitor_breaks_silence(Monitor& monitor, Clock::time_point now);
 
 // Adds a line to those that are shown last.
 void monitor_line(Monitor& monitor, const std::string& text);
@@ -66,7 +79,7 @@ Rates monitor_rates(const Monitor& monitor, Clock::time_point now);
 // The ellipse of GST while that comes, else the position block's.
 Ellipse monitor_ellipse(const Monitor& monitor, Clock::time_point now);
 
-// What a key asks for; a request has its text.
+// What a key asks for; a request has its text. Key 0 is one that means nothing anywhere.
 struct MonitorAction {
     bool quit = false;
     std::optional<tavor_request_type> request;

@@ -13,14 +13,17 @@ namespace {
 
 constexpr int kLabelWidth = 11;
 constexpr int kCountsColumn = 42;
+constexpr int kSkyColumn = 57;  // where the sky may begin
 constexpr int kLines = 3;       // answers that are shown last
 constexpr int kTopRow = 1;      // below the title
 constexpr int kCellWidth = 3;   // of a satellite in the bars
 constexpr int kHighestBar = 8;  // rows
 constexpr int kSmallestSky = 5; // rows
 constexpr int kLargestSky = 21;
-constexpr double kSilentS = 3;     // a chip sends every second
-constexpr double kFullSignal = 50; // dB-Hz that fill a bar
+constexpr int kDetailRows = 9;
+constexpr int kSmallestEllipse = 7; // rows; its direction can't be seen in fewer
+constexpr double kSilentS = 3;      // a chip sends every second
+constexpr double kFullSignal = 50;  // dB-Hz that fill a bar
 constexpr char kKeysText[] = " s start  x stop  v save  o outlet  : command to the chip  q quit";
 constexpr char kOutletText[] = " debug outlet: o off  f file  s serial  t tcp  (any other key: leave it)";
 
@@ -166,6 +169,32 @@ void draw_sky(Grid& grid, const std::vector<Satellite>& satellites, int rows) {
     }
 }
 
+// The ellipse to scale, its longer axis as high as the plot; north is above, and a character about twice as
+// high as wide.
+void draw_ellipse(Grid& grid, const Ellipse& ellipse, int top, int rows) {
+    const double longest = std::max(ellipse.major.value_or(0), ellipse.minor.value_or(0));
+    if (rows < kSmallestEllipse || !(longest > 0) || !std::isfinite(longest) || !ellipse.major ||
+        !ellipse.minor) {
+        return;
+    }
+    const int radius = (rows - 1) / 2;
+    const int centre_row = top + radius;
+    const int centre_column = kCountsColumn / 2;
+    const double angle = std::fmod(ellipse.orientation.value_or(0), 360) * std::numbers::pi / 180;
+    constexpr int kSteps = 180;
+    for (int i = 0; i < kSteps; ++i) {
+        const double turn = 2 * std::numbers::pi * i / kSteps;
+        const double along = radius * *ellipse.major / longest * std::cos(turn);
+        const double across = radius * *ellipse.minor / longest * std::sin(turn);
+        const double north = along * std::cos(angle) - across * std::sin(angle);
+        const double east = along * std::sin(angle) + across * std::cos(angle);
+        grid_text(grid, centre_row - static_cast<int>(std::lround(north)),
+                  centre_column + static_cast<int>(std::lround(2 * east)), "o");
+    }
+    grid_text(grid, centre_row, centre_column, "+");
+    grid_text(grid, top, 1, "N");
+}
+
 // One column of the bars: a satellite, or the letter of the system in front of its satellites.
 struct Cell {
     const Satellite* satellite;
@@ -250,13 +279,16 @@ Grid monitor_draw(const Monitor& monitor, int width, int height, Clock::time_poi
     Grid grid = grid_make(width, height);
     const std::vector<Satellite> satellites = sky_satellites(monitor.sky, now);
     const int above = grid.height - 1 - kLines - kTopRow; // rows between title and answers
-    const int sky = std::clamp(above * 3 / 5, kSmallestSky, kLargestSky) | 1;
+    const int beside = (grid.width - kSkyColumn) / 2;     // a plot is twice as wide as high
+    const int sky = (std::clamp(std::min(above * 3 / 5, beside), kSmallestSky, kLargestSky) - 1) | 1; // odd
     draw_details(grid, monitor, now);
     if (grid.width >= kMonitorWidth) {
         draw_counts(grid, satellites);
+        const int below = kTopRow + kDetailRows + 1;
+        draw_ellipse(grid, monitor_ellipse(monitor, now), below, kTopRow + sky - below);
         draw_sky(grid, satellites, sky);
     }
-    const int top = kTopRow + std::max(sky, 9);
+    const int top = kTopRow + std::max(sky, kDetailRows);
     draw_bars(grid, satellites, top, above + kTopRow - top);
     if (grid.height > kLines + 1) {
         draw_lines(grid, monitor);

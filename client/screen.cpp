@@ -61,7 +61,10 @@ void screen_show(const Grid& grid) {
 }
 
 int screen_key() {
-    const int key = getch();
+    int key = getch();
+    while (key == KEY_RESIZE) { // the next frame has the new size; nobody has pressed anything
+        key = getch();
+    }
     switch (key) {
     case ERR:
         return -1;

@@ -85,7 +85,14 @@ TEST(MonitorOnBoard, ScreenFollowsTheChipTheKeysAndTheTerminalsSize) {
     EXPECT_TRUE(terminal.wait_screen("daemon: positioning started")) << terminal.screen();
     terminal.keys({"v"});
     EXPECT_TRUE(terminal.wait_screen("daemon: location saved")) << terminal.screen();
-    terminal.keys({"o", "f"});
+    terminal.keys({"o"});
+    EXPECT_TRUE(terminal.wait_screen("debug outlet: o off")) << terminal.screen();
+    terminal.run({"resize-window", "-x", "100", "-y", "30"});
+    EXPECT_TRUE(wait_until([&] {
+        const auto resized = lines_of(terminal.screen());
+        return resized.size() == 30 && resized[29].rfind(" debug outlet: o off", 0) == 0;
+    })) << terminal.screen();
+    terminal.keys({"f"});
     EXPECT_TRUE(terminal.wait_screen("daemon: debug outlet switched")) << terminal.screen();
     terminal.keys({"q"});
     EXPECT_TRUE(terminal.wait_screen("left")) << terminal.screen();

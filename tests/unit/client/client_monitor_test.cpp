@@ -109,6 +109,32 @@ TEST(Monitor, GstTakesThePlaceOfThePositionBlocksEllipse) {
     EXPECT_EQ(picture(monitor, 80, 24, kBegin + 6s)[6].substr(0, 30), " ellipse    7.0 x 6.0 m at 5 d");
 }
 
+TEST(Monitor, EllipseIsDrawnToScaleWhereThereIsRoom) {
+    Monitor monitor = epoch();
+    monitor_take(monitor, sentence("$GNGST,151620.00,2.1,8.0,2.0,90.0,1.4,1.6,2.8*00"), kBegin);
+    const auto lines = picture(monitor, 120, 40);
+    const int centre = 21; // column of the position, row 16; five rows are eight metres
+    EXPECT_EQ(lines[16].substr(0, 42), string(11, ' ') + "oo        +        oo" + string(10, ' '))
+        << all(lines);
+    EXPECT_EQ(lines[15].at(centre), 'o') << "a quarter as high as wide";
+    EXPECT_EQ(lines[17].at(centre), 'o');
+    EXPECT_EQ(lines[14].substr(0, 42), string(42, ' '));
+    EXPECT_EQ(lines[11].substr(0, 42), " N" + string(40, ' '));
+    monitor_take(monitor, sentence("$GNGST,151620.00,2.1,8.0,8.0,30.0,1.4,1.6,2.8*00"), kBegin);
+    EXPECT_EQ(picture(monitor, 120, 40)[11].at(centre), 'o') << "a circle";
+    EXPECT_EQ(picture(monitor)[10].substr(0, 42), string(42, ' ')) << "24 rows have no room";
+    monitor_take(monitor, sentence("$GNGST,151620.00,2.1,0.0,,30.0,1.4,1.6,2.8*00"), kBegin);
+    EXPECT_EQ(picture(monitor, 120, 40)[16].substr(0, 42), string(42, ' ')) << "no ellipse";
+}
+
+TEST(Monitor, SkyLeavesTheTextBesideItAlone) {
+    for (const int width : {80, 81, 82, 91, 120}) {
+        const auto lines = picture(epoch(), width, 60);
+        EXPECT_EQ(lines[3].substr(42, 15), "R GLONASS  0/1 ") << width;
+        EXPECT_EQ(lines[8].substr(0, 57), picture(epoch())[8].substr(0, 57)) << width;
+    }
+}
+
 TEST(Monitor, RatesAreMeansOfFullSeconds) {
     Monitor monitor;
     monitor.begin = kBegin;
@@ -207,4 +233,25 @@ TEST(Monitor, LineBecomesACommandForTheChip) {
     type(monitor, ":" + string(500, 'x'));
     EXPECT_EQ(monitor.input.size(), 347U);
     EXPECT_EQ(picture(monitor)[23].back(), '_');
+}
+
+TEST(Monitor, SilenceIsBrokenLessAndLessOftenUnlessStopWasAskedFor) {
+    Monitor monitor;
+    monitor_hear(monitor, kBegin);
+    const auto breaks = [&](std::chrono::seconds after) {
+        return monitor_breaks_silence(monitor, kBegin + after);
+    };
+    EXPECT_FALSE(breaks(4s));
+    EXPECT_TRUE(breaks(5s));
+    EXPECT_FALSE(breaks(14s)) << "twice the time";
+    EXPECT_TRUE(breaks(15s));
+    monitor_hear(monitor, kBegin + 20s);
+    EXPECT_TRUE(breaks(25s)) << "the first limit again";
+    monitor_key(monitor, 'x');
+    EXPECT_FALSE(breaks(1000s)) << "a daemon that is restarted meanwhile stays as it is";
+    monitor_key(monitor, 'v');
+    EXPECT_FALSE(breaks(1000s));
+    monitor_key(monitor, 's');
+    EXPECT_FALSE(breaks(1009s)) << "counted from the start on";
+    EXPECT_TRUE(breaks(1010s));
 }
