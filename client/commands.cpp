@@ -142,7 +142,7 @@ int run_send(Session& session) {
             return true;
         }
         ++answers;
-        return session_emit(session, session.options.json ? print_json(record) : print_chip(record));
+        return session_emit(session, session.options.json ? print_json(record) : print_sentence(record));
     };
     const Request request = {TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, session.options.body, limit_s, false};
     std::optional<Record> answer;

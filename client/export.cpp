@@ -71,13 +71,17 @@ void tell_counts(const Track& track) {
 
 // Writes the end of the track, so that what there is can be read however the run ended.
 int finish(Export& run, int status) {
-    if (run.session.output_error == 0) {
+    const bool failed = run.session.output_error != 0; // which the status tells
+    if (!failed) {
         track_end(run.track, writer(run));
         session_emit(run.session, track_format_end(run.text));
     }
+    if (run.session.output_error == EPIPE) { // a reader that has gone has seen enough
+        return status;
+    }
     tell_counts(run.track);
-    if (run.session.output_error != 0 && run.session.output_error != EPIPE) {
-        return session_output_status(run.session);
+    if (failed || run.session.output_error != 0) {
+        return failed ? status : session_output_status(run.session);
     }
     const bool empty = status == kExitSuccess && run.track.points == 0;
     return empty ? session_fail(run.session, kExitNoFix, "no position: the track is empty") : status;
@@ -118,7 +122,7 @@ int status_of(Session& session, Ended ended, int error) {
                             "cannot read " + print_safe(session.options.file) + ": " + strerror(error) +
                                 "; the track is not whole");
     default:
-        return kExitSuccess;
+        return session_output_status(session);
     }
 }
 

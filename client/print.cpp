@@ -42,10 +42,6 @@ std::string_view without_line_end(std::string_view text) {
     return text;
 }
 
-std::string sentence_line(const Record& record) {
-    return print_safe(without_line_end(record.text)) + "\n";
-}
-
 // The value with its decimals and unit; what is not known says so.
 std::string quantity(const std::optional<double>& value, int decimals, const char* unit) {
     if (!value) {
@@ -177,8 +173,8 @@ std::string print_result(const Record& record) {
     return std::string(record_ok(record) ? text.success : text.failure) + "\n";
 }
 
-std::string print_chip(const Record& record) {
-    return sentence_line(record);
+std::string print_sentence(const Record& record) {
+    return print_safe(without_line_end(record.text)) + "\n";
 }
 
 std::string print_line(const Record& record) {
@@ -186,11 +182,11 @@ std::string print_line(const Record& record) {
     case RecordKind::kResult:
         return "daemon: " + print_result(record);
     case RecordKind::kNmea:
-        return sentence_line(record);
+        return print_sentence(record);
     case RecordKind::kBanner:
-        return "daemon: " + sentence_line(record);
+        return "daemon: " + print_sentence(record);
     case RecordKind::kChip:
-        return "chip: " + sentence_line(record);
+        return "chip: " + print_sentence(record);
     case RecordKind::kPosition:
         return position_line(record.position) + "\n";
     case RecordKind::kUnknown:

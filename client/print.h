@@ -34,7 +34,7 @@ std::string print_line(const Record& record);
 std::string print_result(const Record& record);
 
 // A sentence of the chip alone, one line.
-std::string print_chip(const Record& record);
+std::string print_sentence(const Record& record);
 
 // One line of JSON, an object with the key "type", with its line end. The details are a position's.
 std::string print_json(const Record& record, const PositionDetails& details = {});

@@ -3,6 +3,7 @@
 #include "base/non_copyable.h"
 #include "client/follow.h"
 #include "client/nmea.h"
+#include "client/output.h"
 #include "client/print.h"
 
 #include <array>
@@ -22,8 +23,9 @@ constexpr char kStandardOutput[] = "-";
 struct Recording : private NonCopyable {
     Session& session;
     int fd = -1;
-    bool own = false; // fd is a file of its own
-    int error = 0;    // of the first failed write
+    bool own = false;      // fd is a file of its own
+    bool terminal = false; // fd is a terminal
+    int error = 0;         // of the first failed write
     uint64_t sentences = 0;
     uint64_t bytes = 0;
     Clock::time_point begin = Clock::now();
@@ -39,19 +41,14 @@ struct Recording : private NonCopyable {
 
 // Straight to the kernel, so that what ends this process loses nothing.
 bool put(Recording& recording, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(recording.fd, text.data(), text.size());
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            recording.error = count < 0 ? errno : EIO;
-            return false;
-        }
-        recording.bytes += static_cast<uint64_t>(count);
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
+    const int interrupt = recording.session.connection.interrupt;
+    recording.error = output_write(recording.fd, text, interrupt, recording.bytes);
+    return recording.error == 0;
+}
+
+// A terminal is no place for the chip's bytes as they are.
+bool put_sentence(Recording& recording, const Record& record) {
+    return put(recording, recording.terminal ? print_sentence(record) : print_raw(record));
 }
 
 bool put_stamp(Recording& recording) {
@@ -110,7 +107,7 @@ bool record_one(Recording& recording, const Record& record) {
     if (record.kind != RecordKind::kNmea && record.kind != RecordKind::kChip) {
         return true;
     }
-    if ((recording.session.options.stamps && !put_stamp(recording)) || !put(recording, print_raw(record))) {
+    if ((recording.session.options.stamps && !put_stamp(recording)) || !put_sentence(recording, record)) {
         return false;
     }
     ++recording.sentences;
@@ -132,14 +129,11 @@ void summarise(Recording& recording) {
     session_note(std::string(text.data()) + (recording.own ? " to " + print_safe(session.options.file) : ""));
 }
 
-// A reader that has gone is an ordinary end.
 int write_failed(const Recording& recording) {
     const std::string place = recording.own ? print_safe(recording.session.options.file) : "standard output";
-    return recording.error == EPIPE && !recording.own
-               ? static_cast<int>(kExitSuccess)
-               : session_fail(recording.session, kExitIo,
-                              "cannot write " + place + ": " + strerror(recording.error) +
-                                  "; what came before is there");
+    return session_fail(recording.session, kExitIo,
+                        "cannot write " + place + ": " + strerror(recording.error) +
+                            "; what came before is there");
 }
 
 } // namespace
@@ -148,13 +142,23 @@ int record_run(Session& session) {
     Recording recording(session);
     if (session.options.file == kStandardOutput) {
         recording.fd = STDOUT_FILENO;
+        recording.terminal = isatty(STDOUT_FILENO) != 0;
         session.connection.output = STDOUT_FILENO;
     } else if (!open_file(recording)) {
         return report_unopened(session, errno);
     }
     const Followed followed =
         follow_for_options(session, [&](const Record& record) { return record_one(recording, record); });
-    summarise(recording);
+    // A reader that has gone is an ordinary end of a pipe, and has seen enough.
+    const bool left =
+        !recording.own && (recording.error == EPIPE || followed.outcome == Outcome::kOutputClosed);
+    if (!left) {
+        summarise(recording);
+    }
+    if (recording.error == EINTR) {
+        session.output_error = EINTR; // the end takes the signal, before a stop that --stop asks for
+    }
     const int status = follow_finish(session, followed);
-    return recording.error != 0 ? write_failed(recording) : status;
+    const bool failed = recording.error != 0 && recording.error != EINTR && !left;
+    return failed ? write_failed(recording) : status;
 }

@@ -2,12 +2,14 @@
 
 #include "client/interrupt.h"
 #include "client/log_source.h"
+#include "client/output.h"
 #include "client/print.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <unistd.h>
 
 namespace {
 
@@ -38,8 +40,13 @@ void session_note(const std::string& text) {
 }
 
 bool session_emit(Session& session, const std::string& text) {
-    if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
-        session.output_error = session.output_error != 0 ? session.output_error : errno;
+    if (session.output_error != 0) {
+        return false;
+    }
+    uint64_t written = 0;
+    const int error = output_write(STDOUT_FILENO, text, session.connection.interrupt, written);
+    if (error != 0) {
+        session.output_error = error;
         return false;
     }
     ++session.lines;
@@ -49,6 +56,9 @@ bool session_emit(Session& session, const std::string& text) {
 int session_output_status(Session& session) {
     if (session.output_error == 0 || session.output_error == EPIPE) {
         return kExitSuccess;
+    }
+    if (session.output_error == EINTR) {
+        return kExitSignal + interrupt_take(session.connection.interrupt);
     }
     return session_fail(session, kExitIo,
                         std::string("cannot write the output: ") + strerror(session.output_error) +

@@ -24,10 +24,11 @@ struct Session {
 int session_fail(Session& session, ExitStatus status, const std::string& text);
 void session_note(const std::string& text);
 
-// Writes to standard output. False once that failed.
+// Writes to standard output. False once that failed, or a signal ended the wait for a reader.
 bool session_emit(Session& session, const std::string& text);
 
-// Status of a run whose output is all; a reader that has gone away is an ordinary end.
+// Status of a run whose output is all; a reader that has gone away is an ordinary end, a signal while the
+// output waited for one is not.
 int session_output_status(Session& session);
 
 // Status of a wait that ended without what was waited for.

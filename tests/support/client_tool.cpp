@@ -1,11 +1,14 @@
 #include "support/client_tool.h"
 
+#include "support/wait.h"
+
 #include <array>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,6 +110,21 @@ void Tool::close_out() {
 
 void Tool::signal(int number) const {
     kill(pid, number);
+}
+
+bool Tool::wait_unread(size_t bytes) const {
+    return wait_until([&] {
+        int waiting = 0;
+        return ioctl(out_end, FIONREAD, &waiting) == 0 && static_cast<size_t>(waiting) >= bytes;
+    });
+}
+
+bool Tool::wait_gone() const {
+    return wait_until([&] {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == pid;
+    });
 }
 
 int Tool::end() {

@@ -20,6 +20,10 @@ struct Tool {
     // Stops reading standard output, as a pager that was left.
     void close_out();
     void signal(int number) const;
+    // Waits until so many bytes of standard output wait to be read, or until the program has ended, which
+    // nobody's reading helps. False when a generous limit passed.
+    bool wait_unread(size_t bytes) const;
+    bool wait_gone() const;
     // Reads to the end of the output and waits for the end. Returns the exit status, 128 + n when signal n
     // ended it.
     int end();

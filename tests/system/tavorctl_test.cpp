@@ -1,8 +1,6 @@
 // The tool itself, run as a process against a daemon that the test plays.
 #include "support/capture.h"
-#include "support/client_fake_daemon.h"
-#include "support/client_tool.h"
-#include "support/private_dir.h"
+#include "support/client_scene.h"
 
 #include <algorithm>
 #include <csignal>
@@ -52,29 +50,7 @@ const tavor_response kStartFailed = make_response(TAVOR_CODE_START, TAVOR_VALUE_
 const tavor_response kSentence = make_response(TAVOR_CODE_NMEA, 0, kGga);
 const tavor_response kAnswered = make_response(TAVOR_CODE_CHIP, 0, kChipAnswer);
 
-// A directory with a daemon in it that runs the script.
-struct Scene {
-    explicit Scene(const FakeDaemon::Script& script) : daemon((directory.path / "socket").string(), script) {}
-
-    // Command line of the tool for this daemon.
-    Arguments line(Arguments arguments) const {
-        arguments.insert(arguments.begin(), {TAVOR_CTL_PROGRAM, "--socket", daemon.path});
-        return arguments;
-    }
-    // Runs the tool to its end.
-    int run(const Arguments& arguments) {
-        Tool tool(line(arguments));
-        const int status = tool.end();
-        out = tool.out;
-        err = tool.err;
-        return status;
-    }
-
-    PrivateDir directory;
-    FakeDaemon daemon;
-    std::string out;
-    std::string err;
-};
+using Scene = ClientScene;
 
 bool is_one_line(const std::string& text) {
     return lines_of(text).size() == 1 && text.rfind("tavorctl: ", 0) == 0 && text.back() == '\n';

@@ -1,13 +1,17 @@
 // 'tavorctl record' and 'tavorctl export' against a daemon that the test plays.
 #include "support/capture.h"
-#include "support/client_fake_daemon.h"
-#include "support/client_tool.h"
-#include "support/private_dir.h"
+#include "support/client_scene.h"
 #include "support/wait.h"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -17,6 +21,7 @@ using std::string;
 
 constexpr char kRmc[] = "$GNRMC,151620.00,A,4317.71149,N,00521.92193,E,15.551,45.61,211126,,,A,V*02\r\n";
 constexpr char kGga[] = "$GNGGA,151620.00,4317.71149,N,00521.92193,E,1,20,0.72,12.2,M,49.8,M,,*7D\r\n";
+constexpr char kGgaLater[] = "$GNGGA,151621.00,4317.71149,N,00521.92193,E,1,20,0.72,12.2,M,49.8,M,,*7C\r\n";
 constexpr char kChip[] = "$PZUL001,353,3*24\r\n";
 
 // Answers a start and sends an epoch and an answer of the chip.
@@ -31,20 +36,12 @@ void play(FakeDaemon& d, const tavor_request& request) {
     }
 }
 
-struct Scene {
-    Scene() : daemon(directory.path / "socket", play) {}
+constexpr int kLimitMs = 60000;
+constexpr size_t kNearlyFull = 50000; // bytes, of the 65536 of a pipe
 
-    Arguments line(Arguments arguments) const {
-        arguments.insert(arguments.begin(), {TAVOR_CTL_PROGRAM, "--socket", daemon.path});
-        return arguments;
-    }
-    int run(const Arguments& arguments) {
-        Tool tool(line(arguments));
-        const int status = tool.end();
-        out = tool.out;
-        err = tool.err;
-        return status;
-    }
+struct Scene : ClientScene {
+    explicit Scene(const FakeDaemon::Script& script = play) : ClientScene(script) {}
+
     // Runs 'record' until the epoch is in the file, then ends it by the signal.
     int record(Arguments options, int signal = SIGINT) {
         options.insert(options.begin(), "record");
@@ -54,24 +51,26 @@ struct Scene {
         Tool tool(line(options));
         EXPECT_TRUE(wait_until([&] { return directory.read("track").size() > before && ends_with_chip(); }));
         tool.signal(signal);
-        const int status = tool.end();
-        out = tool.out;
-        err = tool.err;
-        return status;
+        return end(tool);
     }
     bool ends_with_chip() const {
         const string content = directory.read("track");
         return content.size() > sizeof kChip && content.substr(content.size() - sizeof kChip + 1) == kChip;
     }
 
-    PrivateDir directory;
-    FakeDaemon daemon;
     const string file = directory.path / "track";
-    string out;
-    string err;
 };
 
 const string kEpoch = string(kRmc) + kGga + kChip;
+
+// More than any pipe holds as a track: each epoch but the first is out of order, and begins a segment.
+string many_epochs() {
+    string text;
+    for (int i = 0; i < 2000; ++i) {
+        text += i % 2 == 0 ? kGga : kGgaLater;
+    }
+    return kRmc + text;
+}
 
 } // namespace
 
@@ -135,7 +134,42 @@ TEST(Record, StandardOutputHoldsSentencesOnly) {
     tool.close_out();
     EXPECT_EQ(tool.end(), 0);
     EXPECT_EQ(tool.out, kEpoch);
+    EXPECT_EQ(tool.err, "") << "a reader that has gone has seen enough";
     EXPECT_EQ(scene.run({"record", "--json", "-"}), 64);
+}
+
+TEST(Record, TerminalGetsNoBytesOfTheChipAsTheyAre) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) {
+        d.send(make_response(request.type, 0));
+        d.send(make_response(TAVOR_CODE_NMEA, 0, "$GP\x1b[2J\x80*00\r\n"));
+    });
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(master) + unlockpt(master), 0);
+    Tool tool({"/bin/sh", "-c", "exec \"$0\" --socket \"$1\" record - >\"$2\"", TAVOR_CTL_PROGRAM,
+               scene.daemon.path, ptsname(master)});
+    std::array<char, 256> bytes = {};
+    pollfd readable = {master, POLLIN, 0};
+    ASSERT_EQ(poll(&readable, 1, kLimitMs), 1);
+    const ssize_t size = read(master, bytes.data(), bytes.size());
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.end(), 0);
+    close(master);
+    EXPECT_EQ(string(bytes.data(), static_cast<size_t>(std::max<ssize_t>(size, 0))),
+              "$GP\\x1b[2J\\x80*00\r\n");
+}
+
+TEST(Record, SignalEndsItAlsoWhileNobodyReads) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) {
+        bool open = d.send(make_response(request.type, 0));
+        while (open) { // until the tool has gone
+            open = d.send(make_response(TAVOR_CODE_NMEA, 0, kGga));
+        }
+    });
+    Tool tool(scene.line({"record", "-"}));
+    EXPECT_TRUE(tool.wait_unread(kNearlyFull));
+    tool.signal(SIGTERM);
+    EXPECT_TRUE(tool.wait_gone());
+    EXPECT_EQ(tool.end(), 128 + SIGTERM);
 }
 
 TEST(Record, FullDiskIsToldAndLeavesWhatCameBefore) {
@@ -171,6 +205,30 @@ TEST(Export, RecordingNeedsNoDaemon) {
               "2026-11-21T15:16:20.000Z,43.29519150,5.36536550,12.20,49.80,1,20,0.72,,,8.000,45.61,1");
     EXPECT_EQ(tool.err,
               "tavorctl: 1 point in 1 segment, from 3 sentences; 2 lines left out, damaged or too long\n");
+}
+
+TEST(Export, SignalEndsItAlsoWhileNobodyReads) {
+    Scene scene;
+    scene.directory.write("track", many_epochs());
+    Tool tool(scene.line({"export", "--gpx", scene.file}));
+    EXPECT_TRUE(tool.wait_unread(kNearlyFull));
+    tool.signal(SIGTERM);
+    EXPECT_TRUE(tool.wait_gone());
+    EXPECT_EQ(tool.end(), 128 + SIGTERM);
+}
+
+TEST(Export, ReaderThatHasGoneEndsItQuietly) {
+    Scene scene;
+    scene.directory.write("track", many_epochs());
+    Tool begun(scene.line({"export", "--gpx", scene.file}));
+    EXPECT_TRUE(begun.wait_out("<trkpt"));
+    begun.close_out();
+    EXPECT_EQ(begun.end(), 0);
+    EXPECT_EQ(begun.err, "");
+    Tool unread({"/bin/sh", "-c", "\"$0\" export --gpx \"$1\"; echo $? >&2", TAVOR_CTL_PROGRAM, scene.file});
+    unread.close_out();
+    EXPECT_EQ(unread.end(), 0);
+    EXPECT_EQ(unread.err, "0\n") << "an empty track is another end";
 }
 
 TEST(Export, TrackWithoutAPositionIsToldByItsStatus) {

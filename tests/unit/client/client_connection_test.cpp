@@ -1,6 +1,7 @@
 // The client's end of the socket against a daemon that the test plays.
 #include "client/connection.h"
 
+#include "support/bound_socket.h"
 #include "support/client_fake_daemon.h"
 #include "support/nobody.h"
 #include "support/private_dir.h"
@@ -20,23 +21,6 @@ namespace {
 constexpr double kLimitS = 60;
 
 const FakeDaemon::Script kSilent = [](FakeDaemon&, const tavor_request&) {};
-
-// A datagram socket bound at a path, which nobody reads.
-struct DeafSocket {
-    explicit DeafSocket(const std::string& path, int type = SOCK_DGRAM) : fd(socket(AF_UNIX, type, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    ~DeafSocket() {
-        close(fd);
-    }
-    DeafSocket(const DeafSocket&) = delete;
-    DeafSocket& operator=(const DeafSocket&) = delete;
-
-    int fd;
-};
 
 struct Pipe {
     Pipe() {
@@ -141,12 +125,12 @@ TEST_F(ConnectionTest, SocketThatCanNotBeUsedSaysWhatToDo) {
     EXPECT_EQ(connection.error,
               "no daemon at " + path + ": No such file or directory; start it or check --socket");
 
-    { const DeafSocket stale(path); }
+    { const BoundSocket stale(path); }
     EXPECT_FALSE(connection_open(connection, path));
     EXPECT_EQ(connection.error, "no daemon at " + path + ": Connection refused; start it or check --socket");
 
     const std::string other = directory.path / "stream";
-    const DeafSocket stream(other, SOCK_STREAM);
+    const BoundSocket stream(other, SOCK_STREAM);
     EXPECT_FALSE(connection_open(connection, other));
     EXPECT_EQ(connection.error.rfind("cannot reach the daemon at " + other, 0), 0U) << connection.error;
 
@@ -234,7 +218,7 @@ TEST_F(ConnectionTest, InterruptEndsTheWaitForADaemon) {
 }
 
 TEST_F(ConnectionTest, InterruptEndsTheWaitForADaemonThatReadsNoRequests) {
-    const DeafSocket deaf(path);
+    const BoundSocket deaf(path);
     fill();
     interrupt();
     EXPECT_FALSE(send(TAVOR_REQUEST_START));
@@ -242,7 +226,7 @@ TEST_F(ConnectionTest, InterruptEndsTheWaitForADaemonThatReadsNoRequests) {
 }
 
 TEST_F(ConnectionTest, DaemonThatReadsNoRequestsIsGivenUpAtTheDeadline) {
-    const DeafSocket deaf(path);
+    const BoundSocket deaf(path);
     fill();
     EXPECT_FALSE(connection_send(connection, TAVOR_REQUEST_START, "", deadline_in(0.05)));
     EXPECT_TRUE(connection.busy);
@@ -286,15 +270,15 @@ TEST_F(ConnectionTest, PresenceIsToldWithoutARequest) {
     EXPECT_TRUE(daemon->types().empty());
     daemon.reset();
     EXPECT_EQ(connection_presence(connection), Presence::kGone) << "no socket";
-    { const DeafSocket dead(path); }
+    { const BoundSocket dead(path); }
     EXPECT_EQ(connection_presence(connection), Presence::kGone) << "a socket that nobody serves";
 }
 
 TEST_F(ConnectionTest, PresenceTellsARestartedDaemon) {
-    const DeafSocket before(path);
+    const BoundSocket before(path);
     ASSERT_TRUE(connection_open(connection, path));
     ASSERT_EQ(unlink(path.c_str()), 0);
-    const DeafSocket after(path);
+    const BoundSocket after(path);
     EXPECT_EQ(connection_presence(connection), Presence::kRestarted);
     Connection anew;
     ASSERT_TRUE(connection_open(anew, path));

@@ -4,6 +4,7 @@
 #include "client/log_past.h"
 #include "client/tool_output.h"
 
+#include "support/bound_socket.h"
 #include "support/private_dir.h"
 #include "support/wait.h"
 
@@ -16,7 +17,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,22 +32,6 @@ struct Scene {
     }
     PrivateDir directory;
     Place place;
-};
-
-// A socket bound in the place, as a daemon's.
-struct Bound {
-    explicit Bound(const std::string& path) : fd(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    ~Bound() {
-        close(fd);
-    }
-    Bound(const Bound&) = delete;
-    Bound& operator=(const Bound&) = delete;
-    int fd;
 };
 
 // A program that prints this text.
@@ -101,14 +85,14 @@ TEST(DaemonProbe, LockHolderIsFoundByDeviceAndFile) {
 TEST(DaemonProbe, NothingAtThePathIsNoDaemon) {
     const Scene scene;
     EXPECT_EQ(daemon_probe(scene.place).running, false);
-    { const Bound gone(scene.place.socket); }
+    { const BoundSocket gone(scene.place.socket); }
     EXPECT_EQ(daemon_probe(scene.place).running, false) << "a socket file that a daemon left behind";
     EXPECT_EQ(daemon_probe(place_of("/none/socket")).running, false);
 }
 
 TEST(DaemonProbe, SocketAloneTellsADaemonButNotWhichProcess) {
     const Scene scene;
-    const Bound bound(scene.place.socket);
+    const BoundSocket bound(scene.place.socket);
     const DaemonProbe probe = daemon_probe(scene.place);
     EXPECT_EQ(probe.running, true);
     EXPECT_TRUE(probe.reachable);

@@ -89,7 +89,7 @@ TEST(PrintLine, NoByteOfTheChipReachesTheTerminalAsAControl) {
     for (const RecordKind kind : {RecordKind::kNmea, RecordKind::kBanner, RecordKind::kChip}) {
         EXPECT_TRUE(is_terminal_safe(print_line(sentence(kind, every_byte()))));
         EXPECT_TRUE(is_terminal_safe(print_json(sentence(kind, every_byte()))));
-        EXPECT_TRUE(is_terminal_safe(print_chip(sentence(kind, every_byte()))));
+        EXPECT_TRUE(is_terminal_safe(print_sentence(sentence(kind, every_byte()))));
     }
     Position hostile;
     hostile.utc = "123519\x1b[2J\x9b";

@@ -1,0 +1,46 @@
+#include "client/output.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Waits until the descriptor takes bytes or has failed. Returns 0, or EINTR when it does neither and a signal
+// has come.
+int wait_for_room(int fd, int interrupt) {
+    std::array<pollfd, 2> waits = {{{fd, POLLOUT, 0}, {interrupt, POLLIN, 0}}};
+    while (waits[0].revents == 0 && waits[1].revents == 0) {
+        poll(waits.data(), waits.size(), -1);
+    }
+    return waits[0].revents != 0 ? 0 : EINTR;
+}
+
+} // namespace
+
+int output_write(int fd, std::string_view text, int interrupt, uint64_t& written) {
+    struct stat status = {};
+    const bool file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode); // never holds up
+    while (!text.empty()) {
+        const int error = file ? 0 : wait_for_room(fd, interrupt);
+        if (error != 0) {
+            return error;
+        }
+        // A pipe that has room takes so many bytes without waiting.
+        const size_t size = file ? text.size() : std::min<size_t>(text.size(), PIPE_BUF);
+        const ssize_t count = write(fd, text.data(), size);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
+        }
+        if (count <= 0) {
+            return count < 0 ? errno : EIO;
+        }
+        written += static_cast<uint64_t>(count);
+        text.remove_prefix(static_cast<size_t>(count));
+    }
+    return 0;
+}
