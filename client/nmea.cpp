@@ -8,15 +8,21 @@ namespace {
 constexpr double kDayS = 24 * 60 * 60;
 
 // Numbers of the fields in their sentences.
-constexpr size_t kGgaQuality = 6, kGgaSatellites = 7, kGgaHdop = 8;
+constexpr size_t kTime = 1; // of RMC and ZDA
+constexpr size_t kGgaQuality = 6, kGnsModes = 6, kSatellites = 7, kHdop = 8;
 constexpr size_t kGsaPdop = 15, kGsaVdop = 17;
-constexpr size_t kRmcTime = 1, kRmcSpeed = 7, kRmcCourse = 8, kRmcDate = 9;
+constexpr size_t kRmcSpeed = 7, kRmcCourse = 8, kRmcDate = 9;
 
-void take_rmc(Fix& fix, const Sentence& sentence) {
-    fix.speed = sentence_speed(sentence.fields[kRmcSpeed]);
-    fix.course = sentence_number(sentence.fields[kRmcCourse]);
-    const auto day = utc_day(sentence.fields[kRmcDate]);
-    const auto time = utc_time(sentence.fields[kRmcTime]);
+// GGA and GNS differ in how they tell the quality.
+SentenceKind take_fix(Fix& fix, const Sentence& sentence, const std::optional<int>& quality) {
+    fix.quality = quality;
+    fix.satellites = sentence_count(sentence.fields[kSatellites]);
+    fix.hdop = sentence_number(sentence.fields[kHdop]);
+    return SentenceKind::kFix;
+}
+
+void take_date(Fix& fix, const Sentence& sentence, const std::optional<std::chrono::sys_days>& day) {
+    const auto time = utc_time(sentence.fields[kTime]);
     if (day && time) {
         fix.dated = *day + *time;
     }
@@ -27,10 +33,11 @@ void take_rmc(Fix& fix, const Sentence& sentence) {
 SentenceKind nmea_take(Fix& fix, std::string_view text) {
     const Sentence sentence = sentence_split(text);
     if (sentence.type == "GGA") {
-        fix.quality = sentence_count(sentence.fields[kGgaQuality]);
-        fix.satellites = sentence_count(sentence.fields[kGgaSatellites]);
-        fix.hdop = sentence_number(sentence.fields[kGgaHdop]);
-        return SentenceKind::kGga;
+        fix.by_gga = true;
+        return take_fix(fix, sentence, sentence_count(sentence.fields[kGgaQuality]));
+    }
+    if (sentence.type == "GNS" && !fix.by_gga) {
+        return take_fix(fix, sentence, sentence_quality(sentence.fields[kGnsModes]));
     }
     if (sentence.type == "GSA") {
         fix.pdop = sentence_number(sentence.fields[kGsaPdop]);
@@ -38,8 +45,14 @@ SentenceKind nmea_take(Fix& fix, std::string_view text) {
         return SentenceKind::kGsa;
     }
     if (sentence.type == "RMC") {
-        take_rmc(fix, sentence);
+        fix.speed = sentence_speed(sentence.fields[kRmcSpeed]);
+        fix.course = sentence_number(sentence.fields[kRmcCourse]);
+        take_date(fix, sentence, utc_day(sentence.fields[kRmcDate]));
         return SentenceKind::kRmc;
+    }
+    if (sentence.type == "ZDA") {
+        take_date(fix, sentence, utc_day_of_zda(sentence));
+        return SentenceKind::kZda;
     }
     return SentenceKind::kOther;
 }

@@ -12,15 +12,17 @@
 
 // What the latest sentences of each kind have told.
 struct Fix {
-    std::optional<int> quality;    // GGA: 0 without a fix
-    std::optional<int> satellites; // GGA: used
+    std::optional<int> quality;    // GGA, GNS: 0 without a fix
+    std::optional<int> satellites; // GGA, GNS: used
     std::optional<double> pdop, hdop, vdop;
     std::optional<double> speed;  // RMC: metres a second
     std::optional<double> course; // RMC: degrees
-    std::optional<Utc> dated;     // RMC: its time with its date
+    std::optional<Utc> dated;     // RMC, ZDA: its time with its date
+    bool by_gga = false;          // one has come: GNS tells no more
 };
 
-enum class SentenceKind { kOther, kGga, kGsa, kRmc };
+// kFix is GGA, or GNS where no GGA comes.
+enum class SentenceKind { kOther, kFix, kGsa, kRmc, kZda };
 
 // Takes a sentence, line end included or not.
 SentenceKind nmea_take(Fix& fix, std::string_view text);

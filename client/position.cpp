@@ -25,7 +25,7 @@ SentenceKind hear(Heard& heard, const Record& record) {
     heard.chip = heard.chip || record.kind == RecordKind::kNmea || record.kind == RecordKind::kChip;
     const SentenceKind kind =
         record.kind == RecordKind::kNmea ? nmea_take(heard.fix, record.text) : SentenceKind::kOther;
-    heard.has_fix = kind == SentenceKind::kGga ? heard.fix.quality.value_or(0) > 0 : heard.has_fix;
+    heard.has_fix = kind == SentenceKind::kFix ? heard.fix.quality.value_or(0) > 0 : heard.has_fix;
     return kind;
 }
 
@@ -70,7 +70,7 @@ bool search_in(Session& session, Search& search, const Record& record) {
     const SentenceKind kind = hear(search.heard, record);
     if (record.kind == RecordKind::kPosition) {
         search.block = record.position;
-    } else if (kind == SentenceKind::kGga && search.block) {
+    } else if (kind == SentenceKind::kFix && search.block) {
         judge(search, session.options);
     }
     return !search.found && !follow_is_failed_start(session, record);

@@ -1,7 +1,6 @@
 #include "client/track.h"
 
 #include <cmath>
-#include <cstdio>
 #include <string>
 
 namespace {
@@ -13,7 +12,7 @@ constexpr double kDayMs = 2 * kHalfDayMs;
 
 // Numbers of the fields in their sentences.
 constexpr size_t kTime = 1;
-constexpr size_t kGgaPlace = 2, kGgaAltitude = 9, kGgaGeoid = 11;
+constexpr size_t kFixPlace = 2, kFixAltitude = 9, kGgaGeoid = 11, kGnsGeoid = 10;
 constexpr size_t kRmcStatus = 2, kRmcPlace = 3, kRmcDate = 9;
 
 // Seconds from one point to the next, none when that can't be told.
@@ -69,6 +68,9 @@ void tell_oldest(Track& track, const TrackVisitor& visit) {
 void finish_epoch(Track& track, const TrackVisitor& visit) {
     TrackPoint& point = track.epoch;
     if (track.open && track.placed) {
+        if (track.day && point.of_day) {
+            track.dated = *track.day + *point.of_day;
+        }
         if (track.dated && point.of_day) {
             point.time = utc_nearest(*point.of_day, *track.dated);
             track.dated = point.time;
@@ -97,7 +99,8 @@ void enter_epoch(Track& track, const Sentence& sentence, const TrackVisitor& vis
     track.epoch.fix.pdop = latest.pdop;
     track.epoch.fix.vdop = latest.vdop;
     track.open = true;
-    track.placed = track.by_gga = false;
+    track.placed = track.by_fix = false;
+    track.day.reset();
 }
 
 bool set_place(TrackPoint& point, const Sentence& sentence, size_t first) {
@@ -109,11 +112,12 @@ bool set_place(TrackPoint& point, const Sentence& sentence, size_t first) {
     return place.has_value();
 }
 
-void take_gga(Track& track, const Sentence& sentence) {
-    track.by_gga = true;
-    track.placed = track.epoch.fix.quality.value_or(0) > 0 && set_place(track.epoch, sentence, kGgaPlace);
-    track.epoch.altitude = sentence_signed(sentence.fields[kGgaAltitude]);
-    track.epoch.geoid = sentence_signed(sentence.fields[kGgaGeoid]);
+// GGA, or GNS where no GGA comes: their fields are the same but that of the quality.
+void take_fix(Track& track, const Sentence& sentence) {
+    track.by_fix = true;
+    track.placed = track.epoch.fix.quality.value_or(0) > 0 && set_place(track.epoch, sentence, kFixPlace);
+    track.epoch.altitude = sentence_signed(sentence.fields[kFixAltitude]);
+    track.epoch.geoid = sentence_signed(sentence.fields[sentence.type == "GGA" ? kGgaGeoid : kGnsGeoid]);
 }
 
 // Only a valid one tells a date: before, the chip sends whatever its clock says.
@@ -125,39 +129,40 @@ void take_rmc(Track& track, const Sentence& sentence) {
     if (day && track.epoch.of_day) {
         track.dated = *day + *track.epoch.of_day;
     }
-    if (!track.by_gga) {
+    if (!track.by_fix) {
         track.placed = set_place(track.epoch, sentence, kRmcPlace);
     }
 }
 
+// The moment of "# 2026-11-21T15:16:20.000Z", whose line may end with a carriage return.
 std::optional<Utc> read_stamp(std::string_view line) {
-    const std::string text(line.substr(0, 32));
-    unsigned year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
-    if (sscanf(text.c_str(), "# %4u-%2u-%2uT%2u:%2u:%2u.%3uZ", &year, &month, &day, &hour, &minute, &second,
-               &ms) != 7) {
-        return std::nullopt;
+    return utc_of_iso(line.substr(2, line.find_last_not_of('\r') - 1));
+}
+
+// Whether a sentence tells by its time which moment it is of. A position without a time is of a moment
+// without one; what only goes with a position is then of the moment before.
+bool tells_moment(const Sentence& sentence) {
+    if (sentence.type == "GGA" || sentence.type == "GNS" || sentence.type == "RMC") {
+        return true;
     }
-    using namespace std::chrono;
-    const year_month_day date(std::chrono::year(static_cast<int>(year)), std::chrono::month(month),
-                              std::chrono::day(day));
-    const bool good = date.ok() && hour < 24 && minute < 60 && second < 61;
-    return good ? std::optional<Utc>(sys_days(date) + hours(hour) + minutes(minute) + seconds(second) +
-                                     milliseconds(ms))
-                : std::nullopt;
+    return (sentence.type == "GST" || sentence.type == "ZDA") && utc_time(sentence.fields[kTime]);
 }
 
 void take_sentence(Track& track, std::string_view line, const TrackVisitor& visit) {
     const Sentence sentence = sentence_split(line);
-    const bool gga = sentence.type == "GGA";
-    const bool rmc = sentence.type == "RMC";
-    if (gga || rmc || sentence.type == "GST") {
+    if (tells_moment(sentence)) {
         enter_epoch(track, sentence, visit);
     }
-    nmea_take(track.epoch.fix, line);
-    if (gga) {
-        take_gga(track, sentence);
-    } else if (rmc) {
-        take_rmc(track, sentence);
+    switch (nmea_take(track.epoch.fix, line)) {
+    case SentenceKind::kFix:
+        return take_fix(track, sentence);
+    case SentenceKind::kRmc:
+        return take_rmc(track, sentence);
+    case SentenceKind::kZda:
+        track.day = utc_day_of_zda(sentence);
+        return;
+    default:
+        return;
     }
 }
 

@@ -35,12 +35,13 @@ struct Track {
     // The moment that is being put together, of the sentences with one time of day.
     TrackPoint epoch;
     bool open = false;
-    bool placed = false;            // has a place
-    bool by_gga = false;            // which has told whether there is a fix
-    std::optional<Utc> dated;       // latest moment whose date is known
-    std::optional<Utc> stamp;       // latest stamp of the recording
-    std::deque<TrackPoint> waiting; // for a date, kTrackWaiting at most
-    std::optional<TrackPoint> last; // told last
+    bool placed = false;                      // has a place
+    bool by_fix = false;                      // GGA or GNS has told whether there is one
+    std::optional<std::chrono::sys_days> day; // of ZDA; counts with a place
+    std::optional<Utc> dated;                 // latest moment whose date is known
+    std::optional<Utc> stamp;                 // latest stamp of the recording
+    std::deque<TrackPoint> waiting;           // for a date, kTrackWaiting at most
+    std::optional<TrackPoint> last;           // told last
 };
 
 inline constexpr size_t kTrackWaiting = 600;

@@ -1,8 +1,10 @@
 #include "client/track_format.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 namespace {
 
@@ -32,6 +34,17 @@ std::string degrees(double value) {
     return fixed(value, 8); // about a millimetre
 }
 
+// GPX knows the meridian of 180 degrees as west only.
+std::string gpx_longitude(double value) {
+    const std::string text = degrees(value);
+    return text == "180.00000000" ? "-" + text : text;
+}
+
+// Whether the way between two points is the shorter one over the meridian of 180 degrees.
+bool crosses(const TrackPoint& from, const TrackPoint& to) {
+    return std::fabs(to.longitude - from.longitude) > 180;
+}
+
 std::string element(const char* name, const std::string& value) {
     return std::string("<") + name + ">" + value + "</" + name + ">";
 }
@@ -52,9 +65,12 @@ std::string gpx_fix(const std::optional<int>& quality) {
     }
 }
 
-std::string gpx_point(const TrackPoint& point, bool first) {
-    std::string text = !point.begins ? "" : first ? "<trkseg>\n" : "</trkseg>\n<trkseg>\n";
-    text += "<trkpt lat=\"" + degrees(point.latitude) + "\" lon=\"" + degrees(point.longitude) + "\">";
+std::string gpx_point(const TrackPoint& point, const std::optional<TrackPoint>& last) {
+    std::string text;
+    if (point.begins || !last || crosses(*last, point)) {
+        text = last ? "</trkseg>\n<trkseg>\n" : "<trkseg>\n";
+    }
+    text += "<trkpt lat=\"" + degrees(point.latitude) + "\" lon=\"" + gpx_longitude(point.longitude) + "\">";
     text += element("ele", point.altitude, 2);
     text += point.time ? element("time", utc_iso(*point.time)) : "";
     text += element("geoidheight", point.geoid, 2) + gpx_fix(point.fix.quality);
@@ -152,18 +168,69 @@ std::string end_line(TrackText& text) {
     return written;
 }
 
-// A line ends with its segment, where times end or begin, and when it is long; the next piece of a segment
-// begins with the last point of this one.
+// From's value at a share of the way to the other.
+std::optional<double> at_share(const std::optional<double>& from, const std::optional<double>& to,
+                               double share) {
+    return from && to ? std::optional(*from + share * (*to - *from)) : from;
+}
+
+// Where the straight way between two points meets the meridian of 180 degrees, on the side of the first; it
+// has a height and a time as that has.
+TrackPoint at_edge(const TrackPoint& from, const TrackPoint& to) {
+    const double side = from.longitude < 0 ? -180 : 180;
+    const double way = to.longitude + 2 * side - from.longitude;
+    const double share = way == 0 ? 0 : (side - from.longitude) / way;
+    TrackPoint edge = from;
+    edge.longitude = side;
+    edge.latitude = from.latitude + share * (to.latitude - from.latitude);
+    edge.altitude = at_share(from.altitude, to.altitude, share);
+    edge.geoid = at_share(from.geoid, to.geoid, share);
+    if (from.time && to.time) {
+        *edge.time += std::chrono::milliseconds(
+            std::llround(share * static_cast<double>((*to.time - *from.time).count())));
+    }
+    return edge;
+}
+
+// Heights of GeoJSON are above the ellipsoid, so they take the geoid's.
+bool has_height(const TrackText& text, const TrackPoint& point) {
+    return point.altitude && (text.format != TrackFormat::kGeoJson || point.geoid);
+}
+
+TrackPoint without_height(TrackPoint point) {
+    point.altitude.reset();
+    return point;
+}
+
+// Ends the line at its last point or one behind it, and begins the next one.
+std::string cut(TrackText& text, const std::optional<TrackPoint>& end,
+                const std::optional<TrackPoint>& begin) {
+    if (end) {
+        text.line.push_back(*end);
+    }
+    std::string written = end_line(text);
+    if (begin) {
+        text.line.push_back(*begin);
+    }
+    return written;
+}
+
+// A line ends with its segment, where times end or begin, and when it is long. It is cut at the meridian of
+// 180 degrees, and where heights end or begin, for a height that is missing would be read as none above the
+// sea. Pieces of a segment meet.
 std::string line_point(TrackText& text, const TrackPoint& point) {
     std::string written;
     if (!text.line.empty()) {
         const TrackPoint last = text.line.back();
-        const bool changes = last.time.has_value() != point.time.has_value();
-        if (point.begins || changes || text.line.size() >= kLinePoints) {
+        if (point.begins || last.time.has_value() != point.time.has_value()) {
             written = end_line(text);
-            if (!point.begins && !changes) {
-                text.line.push_back(last);
-            }
+        } else if (crosses(last, point)) {
+            written = cut(text, at_edge(last, point), at_edge(point, last));
+        } else if (has_height(text, last) != has_height(text, point)) {
+            written = has_height(text, last) ? cut(text, std::nullopt, without_height(last))
+                                             : cut(text, without_height(point), std::nullopt);
+        } else if (text.line.size() >= kLinePoints) {
+            written = cut(text, std::nullopt, last);
         }
     }
     text.line.push_back(point);
@@ -187,9 +254,10 @@ std::string track_format_begin(TrackText& text) {
 
 std::string track_format_point(TrackText& text, const TrackPoint& point) {
     text.segments += point.begins ? 1 : 0;
+    const std::optional<TrackPoint> last = std::exchange(text.last, point);
     switch (text.format) {
     case TrackFormat::kGpx:
-        return gpx_point(point, text.segments == 1);
+        return gpx_point(point, last);
     case TrackFormat::kCsv:
         return csv_point(point, text.segments);
     default:

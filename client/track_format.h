@@ -7,14 +7,16 @@
 #include "client/track.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 struct TrackText {
     TrackFormat format = TrackFormat::kGpx;
     uint64_t segments = 0;
-    uint64_t lines = 0;                // KML, GeoJSON: written
-    std::vector<TrackPoint> line = {}; // KML, GeoJSON: points of the line that is not written yet
+    std::optional<TrackPoint> last = {}; // written last, or kept in the line
+    uint64_t lines = 0;                  // KML, GeoJSON: written
+    std::vector<TrackPoint> line = {};   // KML, GeoJSON: points of the line that is not written yet
 };
 
 // What stands before the points.

@@ -11,6 +11,15 @@ constexpr size_t kSumSize = 2;
 constexpr double kMetresPerSecond = 1852.0 / 3600; // of a knot
 constexpr double kMinutesOfDegree = 60;
 
+// A mode of GNS, the worst first: none, simulated, by hand, estimated, autonomous, differential, precise,
+// float and fixed RTK.
+struct ModeRow {
+    char letter;
+    int quality; // of GGA
+};
+constexpr ModeRow kModes[] = {{'N', 0}, {'S', 8}, {'M', 7}, {'E', 6}, {'A', 1},
+                              {'D', 2}, {'P', 3}, {'F', 5}, {'R', 4}};
+
 std::string_view without_line_end(std::string_view text) {
     return text.substr(0, text.find_last_not_of("\r\n") + 1);
 }
@@ -89,6 +98,14 @@ std::optional<int> sentence_count(std::string_view text) {
     const bool digits = text.find_first_not_of("0123456789") == std::string_view::npos;
     const auto value = digits ? sentence_number(text) : std::nullopt;
     return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
+}
+
+std::optional<int> sentence_quality(std::string_view modes) {
+    std::optional<int> best;
+    for (const ModeRow& row : kModes) {
+        best = modes.find(row.letter) != std::string_view::npos ? row.quality : best;
+    }
+    return best;
 }
 
 std::optional<double> sentence_speed(std::string_view knots) {

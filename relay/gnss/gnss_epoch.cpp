@@ -31,6 +31,14 @@ void take_gga(GnssReader& reader, const Sentence& sentence) {
     epoch.separation = sentence_signed(sentence.fields[11]);
 }
 
+void take_date(GnssReader& reader, const Sentence& sentence,
+               const std::optional<std::chrono::sys_days>& day) {
+    const auto time = utc_time(sentence.fields[1]);
+    if (day && time) {
+        reader.dated = *day + *time;
+    }
+}
+
 void take_rmc(GnssReader& reader, const Sentence& sentence) {
     reader.epoch.speed = sentence_speed(sentence.fields[7]);
     reader.epoch.course = sentence_number(sentence.fields[8]);
@@ -38,11 +46,7 @@ void take_rmc(GnssReader& reader, const Sentence& sentence) {
     if (!reader.epoch.latitude) {
         take_position(reader.epoch, sentence, 3);
     }
-    const auto day = utc_day(sentence.fields[9]);
-    const auto time = utc_time(sentence.fields[1]);
-    if (day && time) {
-        reader.dated = *day + *time;
-    }
+    take_date(reader, sentence, utc_day(sentence.fields[9]));
 }
 
 void take_gll(GnssReader& reader, const Sentence& sentence) {
@@ -61,12 +65,27 @@ void take_gst(GnssReader& reader, const Sentence& sentence) {
                                      sentence_number(sentence.fields[8])};
 }
 
+// Tells what GGA does, where that does not come.
+void take_gns(GnssReader& reader, const Sentence& sentence) {
+    GnssEpoch& epoch = reader.epoch;
+    if (!epoch.quality) {
+        epoch.quality = sentence_quality(sentence.fields[6]);
+        take_position(epoch, sentence, 2);
+        epoch.altitude = sentence_signed(sentence.fields[9]);
+        epoch.separation = sentence_signed(sentence.fields[10]);
+    }
+}
+
+void take_zda(GnssReader& reader, const Sentence& sentence) {
+    take_date(reader, sentence, utc_day_of_zda(sentence));
+}
+
 void take_nothing(GnssReader& /*unused*/, const Sentence& /*unused*/) {}
 
 constexpr SentenceRow kSentences[] = {
     {"GGA", 1, take_gga},     {"RMC", 1, take_rmc},          {"GLL", 5, take_gll},
     {"GST", 1, take_gst},     {"GSA", 0, gnss_sky_take_gsa}, {"GSV", 0, gnss_sky_take_gsv},
-    {"ZDA", 1, take_nothing}, {"GNS", 1, take_nothing},      {"GBS", 1, take_nothing},
+    {"ZDA", 1, take_zda},     {"GNS", 1, take_gns},          {"GBS", 1, take_nothing},
     {"GRS", 1, take_nothing}, {"VTG", 0, take_nothing},
 };
 

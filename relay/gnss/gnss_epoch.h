@@ -37,7 +37,7 @@ enum class GnssMode { kUnknown = 0, kNoFix = 1, k2d = 2, k3d = 3 };
 
 struct GnssEpoch {
     GnssMode mode = GnssMode::kUnknown;
-    std::optional<int> quality; // of GGA
+    std::optional<int> quality; // as GGA numbers it
     std::optional<Utc> time;
     std::optional<double> latitude, longitude;  // degrees, south and west negative
     std::optional<double> altitude, separation; // metres above the sea; of the geoid above the ellipsoid

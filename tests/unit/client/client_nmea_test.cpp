@@ -38,12 +38,24 @@ TEST(Nmea, EachSentenceTellsItsPart) {
 
 TEST(Nmea, KindIsToldWhoeverTalks) {
     Fix fix;
-    EXPECT_EQ(nmea_take(fix, "$GPGGA,,,,,,0,,,"), SentenceKind::kGga);
+    EXPECT_EQ(nmea_take(fix, "$GPGGA,,,,,,0,,,"), SentenceKind::kFix);
     EXPECT_EQ(nmea_take(fix, "$BDGSA,A"), SentenceKind::kGsa);
     EXPECT_EQ(nmea_take(fix, "$GARMC,"), SentenceKind::kRmc);
     for (const char* other : {"", "$", "GGA", "$GPGGA", "$GPGSV,GGA", "$GPTXT,RMC"}) {
         EXPECT_EQ(nmea_take(fix, other), SentenceKind::kOther) << other;
     }
+}
+
+TEST(Nmea, GnsAndZdaTellWhatGgaAndRmcDoNot) {
+    Fix fix = fix_of({"$GNGNS,151620.00,4317.71149,N,00521.92193,E,ANRF,21,0.60,12.2,49.8,,,V",
+                      "$GNZDA,151620.00,21,11,2026,00,00"});
+    EXPECT_EQ(fix.quality, 4) << "the best of the systems";
+    EXPECT_EQ(fix.satellites, 21);
+    EXPECT_EQ(fix.hdop, 0.6);
+    EXPECT_EQ(utc_iso(fix.dated.value()), "2026-11-21T15:16:20.000Z");
+    EXPECT_EQ(nmea_take(fix, "$GNGGA,151620.00,,,,,0,00,9.9,,M,,M,,"), SentenceKind::kFix);
+    EXPECT_EQ(nmea_take(fix, "$GNGNS,151620.00,,,,,A,21,0.60,,,,,V"), SentenceKind::kOther);
+    EXPECT_EQ(fix.quality, 0) << "GGA goes before";
 }
 
 TEST(Nmea, TimeIsOfTheDateThatIsNearest) {

@@ -9,7 +9,15 @@ namespace {
 using Json = nlohmann::json;
 using std::string;
 
-TrackPoint point(double latitude, bool begins, bool timed = true) {
+TrackPoint point(double latitude, bool begins, bool timed = true);
+
+TrackPoint at(double latitude, double longitude, bool begins = false) {
+    TrackPoint made = point(latitude, begins);
+    made.longitude = longitude;
+    return made;
+}
+
+TrackPoint point(double latitude, bool begins, bool timed) {
     TrackPoint made;
     made.latitude = latitude;
     made.longitude = -5.25;
@@ -120,4 +128,53 @@ TEST(TrackFormat, LongLinesAreWrittenInPiecesThatMeet) {
     EXPECT_EQ(places(0).back(), places(1).front());
     const string kml = format(TrackFormat::kKml, points);
     EXPECT_EQ(count(kml, "<when>"), 2502U);
+}
+
+TEST(TrackFormat, HeightsOfALineAreAllThereOrNone) {
+    TrackPoint flat = point(43.6, false);
+    flat.altitude.reset();
+    const std::vector<TrackPoint> points = {point(43.5, true), flat, flat, point(43.7, false),
+                                            point(43.8, false)};
+    const string kml = format(TrackFormat::kKml, points);
+    EXPECT_EQ(count(kml, "<gx:Track>"), 3U);
+    EXPECT_EQ(count(kml, "<gx:Track><altitudeMode>clampToGround</altitudeMode>"), 1U);
+    EXPECT_EQ(count(kml, "<gx:coord>-5.25000000 43.50000000</gx:coord>\n"
+                         "<gx:coord>-5.25000000 43.60000000</gx:coord>\n"
+                         "<gx:coord>-5.25000000 43.60000000</gx:coord>\n"
+                         "<gx:coord>-5.25000000 43.70000000</gx:coord>\n</gx:Track>"),
+              1U)
+        << kml;
+    const Json json = Json::parse(format(TrackFormat::kGeoJson, points));
+    ASSERT_EQ(json["features"].size(), 3U);
+    for (const Json& place : json["features"][1]["geometry"]["coordinates"]) {
+        EXPECT_EQ(place.size(), 2U);
+    }
+}
+
+TEST(TrackFormat, LinesAreCutAtTheMeridianOf180Degrees) {
+    TrackPoint later = at(11, -179);
+    *later.time += std::chrono::seconds(4);
+    *later.altitude += 4;
+    const std::vector<TrackPoint> east = {at(10, 177, true), later};
+    const Json json = Json::parse(format(TrackFormat::kGeoJson, east));
+    ASSERT_EQ(json["features"].size(), 2U);
+    const auto line = [&](size_t i) { return json["features"][i]["geometry"]["coordinates"].dump(); };
+    EXPECT_EQ(line(0), "[[177.0,10.0,62.0],[180.0,10.75,65.0]]");
+    EXPECT_EQ(line(1), "[[-180.0,10.75,65.0],[-179.0,11.0,66.0]]");
+    EXPECT_EQ(json["features"][1]["properties"]["coordTimes"][0], "2026-11-21T15:13:03.000Z");
+    const string kml = format(TrackFormat::kKml, {at(10, -177, true), at(11, 179)});
+    EXPECT_EQ(count(kml, "<gx:coord>-180.00000000 10.75000000 12.20</gx:coord>\n</gx:Track>"), 1U) << kml;
+    EXPECT_EQ(count(kml, "<gx:coord>180.00000000 10.75000000 12.20</gx:coord>\n<gx:coord>179.0"), 1U) << kml;
+    const string gpx = format(TrackFormat::kGpx, east);
+    EXPECT_EQ(count(gpx, "</trkseg>\n<trkseg>\n"), 1U) << gpx;
+    EXPECT_EQ(count(gpx, "<trkpt"), 2U) << "only points that were measured";
+    EXPECT_EQ(count(format(TrackFormat::kGeoJson, {at(10, 90, true), at(10, -90)}), "Feature\""), 1U)
+        << "half around the earth is one way or the other";
+    EXPECT_EQ(count(format(TrackFormat::kGeoJson, {at(10, 180, true), at(10, -180)}), "null"), 0U);
+}
+
+TEST(TrackFormat, GpxHasNoLongitudeOf180East) {
+    const string gpx = format(TrackFormat::kGpx, {at(10, 180, true), at(10, 179.999999999), at(10, -180)});
+    EXPECT_EQ(count(gpx, "lon=\"-180.00000000\""), 3U) << gpx;
+    EXPECT_NE(format(TrackFormat::kCsv, {at(10, 180, true)}).find(",180.00000000,"), string::npos);
 }

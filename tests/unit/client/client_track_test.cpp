@@ -110,7 +110,7 @@ TEST(Track, PointsBeforeTheDateGetItBackwards) {
 
 TEST(Track, StampsGiveTheDateThatNoSentenceTells) {
     const Made run({"# 2026-11-21T15:16:21.250Z\r", gga("151620.00"), "# 2026-11-21T25:00:00.000Z\r",
-                    "# text", gga("151621.00")});
+                    "# text", "# +926-11-21T15:16:21.250Z", "# 2026-11--1T15:16:21.250Z", gga("151621.00")});
     EXPECT_EQ(run.times(), "|2026-11-21T15:16:20.000Z 2026-11-21T15:16:21.000Z");
     const Made dated({"# 1970-01-01T00:00:05.000Z", gga("151620.00"), rmc("151620.00", "211126")});
     EXPECT_EQ(dated.times(), "|2026-11-21T15:16:20.000Z") << "the chip knows better";
@@ -150,4 +150,33 @@ TEST(Track, NoMoreThanSomePointsWaitForADate) {
     }
     EXPECT_EQ(most, kTrackWaiting);
     EXPECT_EQ(told + track.waiting.size(), 1999U);
+}
+
+TEST(Track, SentencesWithoutATimeDoNotEndAMoment) {
+    const Made run(
+        {gga("151620.00"), whole("GNGST,,1,2,3,4,5,6,7"), whole("GNZDA,,,,,"), rmc("151620.00", "211126")});
+    EXPECT_EQ(run.times(), "|2026-11-21T15:16:20.000Z");
+    EXPECT_EQ(run.points[0].fix.speed.value_or(0) > 7.9, true) << "of the RMC behind them";
+}
+
+TEST(Track, GnsTellsThePositionWhereNoGgaComes) {
+    const string gns = "GNGNS,151620.00,4317.71149,S,00521.92193,W,NDA,21,0.6,13.5,50.1,,,V";
+    const Made run({rmc("151620.00", "211126"), whole(gns)});
+    ASSERT_EQ(run.points.size(), 1U);
+    EXPECT_EQ(run.points[0].altitude, 13.5);
+    EXPECT_EQ(run.points[0].geoid, 50.1);
+    EXPECT_EQ(run.points[0].fix.quality, 2);
+    EXPECT_EQ(run.points[0].fix.satellites, 21);
+    const Made both({whole(gns), gga("151620.00"), whole(gns)});
+    ASSERT_EQ(both.points.size(), 1U);
+    EXPECT_EQ(both.points[0].altitude, 12.2) << "GGA goes before";
+    EXPECT_EQ(both.points[0].fix.satellites, 20);
+    EXPECT_EQ(Made({whole("GNGNS,151620.00,4317.7,N,00521.9,E,NN,00,9.9,,,,,V")}).points.size(), 0U);
+}
+
+TEST(Track, ZdaTellsTheDateOfAPlace) {
+    const Made run({whole("GNZDA,151620.00,21,11,2026,00,00"), gga("151620.00"), gga("151621.00")});
+    EXPECT_EQ(run.times(), "|2026-11-21T15:16:20.000Z 2026-11-21T15:16:21.000Z");
+    const Made early({whole("GNZDA,000004.00,06,01,1980,00,00"), gga("000004.00", "0"), gga("151620.00")});
+    EXPECT_EQ(early.times(), "|none") << "a clock that is not set tells no date";
 }

@@ -158,4 +158,35 @@ TEST_F(RelayGnss, AnEpochThatNeverEndsIsCut) {
     EXPECT_GE(told.size(), 3U);
 }
 
+TEST_F(RelayGnss, GnsTellsThePositionWhereNoGgaComes) {
+    for (const std::string time : {"120000.00", "120001.00"}) {
+        take("$GNRMC," + time + ",A,4807.00,N,01131.00,E,10.0,84.4,230326,,,A,V");
+        take("$GNGNS," + time + ",4807.038,S,01131.000,E,DANN,17,0.8,61.7,46.9,,,V");
+    }
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[1].mode, GnssMode::k3d);
+    EXPECT_EQ(told[1].quality, 2);
+    EXPECT_NEAR(*told[1].latitude, -48.1173, 1e-9);
+    EXPECT_EQ(told[1].altitude, 61.7);
+    EXPECT_EQ(told[1].separation, 46.9);
+    for (const std::string time : {"120002.00", "120003.00"}) {
+        take("$GNGGA," + time + ",4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+        take("$GNGNS," + time + ",4807.038,S,01131.000,E,NNNN,17,0.8,61.7,46.9,,,V");
+    }
+    EXPECT_EQ(told.back().quality, 1) << "GGA goes before";
+    EXPECT_EQ(told.back().altitude, 1.0);
+}
+
+TEST_F(RelayGnss, ZdaTellsTheDate) {
+    for (const std::string time : {"235958.00", "235959.00"}) {
+        take("$GPGGA," + time + ",4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+        take("$GPZDA," + time + ",31,12,2026,00,00");
+    }
+    take("$GPGGA,000000.00,4807.038,N,01131.000,E,1,08,0.9,1.0,M,46.9,M,,");
+    take("$GPZDA,,,,,,");
+    ASSERT_EQ(told.size(), 3U);
+    EXPECT_EQ(utc_iso(*told[1].time), "2026-12-31T23:59:59.000Z");
+    EXPECT_EQ(utc_iso(*told[2].time), "2027-01-01T00:00:00.000Z");
+}
+
 } // namespace

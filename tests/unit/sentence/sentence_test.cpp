@@ -80,6 +80,15 @@ TEST(Sentence, SpeedInKnotsIsToldInMetresASecond) {
     EXPECT_FALSE(sentence_speed("-1"));
 }
 
+TEST(Sentence, QualityIsThatOfTheBestSystem) {
+    EXPECT_EQ(sentence_quality("NNAN"), 1);
+    EXPECT_EQ(sentence_quality("AD"), 2);
+    EXPECT_EQ(sentence_quality("FR"), 4);
+    EXPECT_EQ(sentence_quality("NxS"), 8);
+    EXPECT_EQ(sentence_quality("NN"), 0);
+    EXPECT_EQ(sentence_quality("1x"), std::nullopt);
+}
+
 TEST(Sentence, PlaceIsWithinItsHemispheres) {
     EXPECT_EQ(place_of("4330.0,N,00515.0,E"), "43.500000 5.250000");
     EXPECT_EQ(place_of("4330.0,S,00515.0,W"), "-43.500000 -5.250000");
