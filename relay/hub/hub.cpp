@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -94,7 +93,7 @@ void hub_take_rest(HubRest rest) {
     state.rests.push_back(std::move(rest));
 }
 
-void hub_put(const tavor_response& datagram) {
+void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     const std::optional<HubKind> kind = kind_of(datagram);
     if (!kind) {
         ++state.counters.malformed;
@@ -102,7 +101,7 @@ void hub_put(const tavor_response& datagram) {
     }
     make_room();
     count(*kind);
-    state.items.push_back({*kind, datagram});
+    state.items.push_back({*kind, datagram, arrived});
     event_arm(state.hand_out, std::chrono::milliseconds(0));
 }
 

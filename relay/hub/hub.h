@@ -8,9 +8,11 @@
 
 #include "tavor/protocol.h"
 
+#include <chrono>
 #include <cstdint>
 #include <event2/event.h>
 #include <functional>
+#include <optional>
 #include <string_view>
 
 enum class HubKind {
@@ -20,9 +22,12 @@ enum class HubKind {
     kAssistance // the result of an assistance download
 };
 
+using HubTime = std::chrono::sys_time<std::chrono::nanoseconds>;
+
 struct HubItem {
     HubKind kind;
-    tavor_response datagram; // as the daemon sent it
+    tavor_response datagram;        // as the daemon sent it
+    std::optional<HubTime> arrived; // none when the daemon may have had to wait with it
 };
 
 // An output of the relay; it must not wait.
@@ -60,7 +65,7 @@ void hub_take(HubOutput output);
 void hub_take_rest(HubRest rest);
 
 // Takes in a datagram of the daemon that answers no request.
-void hub_put(const tavor_response& datagram);
+void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = std::nullopt);
 
 // Text of an item up to its last byte that is not zero.
 std::string_view hub_text(const HubItem& item);

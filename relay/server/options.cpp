@@ -51,6 +51,8 @@ void add_options(CLI::App& app, Options& options, std::string& positioning) {
            "Where Prometheus finds the metrics, besides the local socket's path with \"" TAVOR_RELAY_METRICS_SUFFIX
            "\"")
         ->type_name("PATH|[ADDRESS:]PORT");
+    app.add_option("--chrony", options.chrony, "The socket at which chronyd takes the time; empty: none")
+        ->type_name("PATH");
 }
 
 int usage_error(std::string problem) {
@@ -92,6 +94,9 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     }
     if (!is_path(options.socket, kSocketPathMax - kSuffixSize)) { // that of the metrics is longer
         return usage_error("--socket: the path has 1 to 99 characters");
+    }
+    if (!options.chrony.empty() && !is_path(options.chrony, kSocketPathMax)) {
+        return usage_error("--chrony: a socket's path has 1 to 107 characters");
     }
     if (const std::string problem = options_mqtt_complete(options.mqtt, mqtt); !problem.empty()) {
         return usage_error(problem);

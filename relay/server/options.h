@@ -18,6 +18,7 @@ struct Options {
     std::string listen = "127.0.0.1:2947"; // gpsd's protocol; empty: not at all
     MqttSettings mqtt;
     std::string metrics; // a further place for the metrics: a path, or as listen
+    std::string chrony;  // chronyd's socket; empty: none
 };
 
 // Reads the command line and the file; what stands on the command line wins. Prints help and version on

@@ -1,5 +1,6 @@
 #include "server/run.h"
 
+#include "chrony/chrony.h"
 #include "gnss/gnss.h"
 #include "gpsd/gpsd.h"
 #include "hub/hub.h"
@@ -141,6 +142,9 @@ int serve(event_base* base, const Options& options) {
             return kExitFailed;
         }
     }
+    if (!options.chrony.empty() && !chrony_open({.path = options.chrony})) {
+        return fail("can't make a socket for chronyd");
+    }
     int status = open_metrics(base, options);
     if (status == kExitSuccess) {
         status = open_local(base, options);
@@ -165,6 +169,7 @@ int run(const Options& options) {
     local_close();
     mqtt_close();
     gpsd_close();
+    chrony_close();
     gnss_close();
     positioning_close();
     upstream_close();

@@ -4,6 +4,7 @@
 #include "system/event_guard.h"
 #include "upstream/upstream_socket.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -26,6 +27,8 @@ constexpr int kReadsAtOnce = 32; // by one call of the kernel
 // From the first datagram until what has come is read. The daemon sends an epoch within a few hundred
 // microseconds: read one by one its sentences would cost a wake-up and a send to each TCP client each.
 constexpr long kGatherNs = 500000;
+// Unread for longer than any turn of the loop takes: the relay itself was held up.
+constexpr std::chrono::milliseconds kUnreadMax{100};
 // For hosts whose queues are longer. The kernel charges senders for what waits, this limit is for some
 // kernels.
 constexpr int kReceiveBuffer = 4 * 1024 * 1024;
@@ -87,7 +90,14 @@ bool take_banner(const tavor_response& datagram) {
     return true;
 }
 
-void take(const tavor_response& datagram, size_t size) {
+// None when the daemon may have found the queue full before this datagram, or the clock was set meanwhile.
+std::optional<HubTime> good_arrival(HubTime arrived) {
+    const auto unread = HubTime(std::chrono::system_clock::now()) - arrived;
+    const bool good = unread >= unread.zero() && unread <= kUnreadMax;
+    return good ? std::optional(arrived) : std::nullopt;
+}
+
+void take(const tavor_response& datagram, size_t size, HubTime arrived) {
     // Until the socket is connected to the daemon everybody may send to it.
     if (!state.connected || size != sizeof datagram) {
         ++hub_counters().malformed;
@@ -95,7 +105,7 @@ void take(const tavor_response& datagram, size_t size) {
     }
     state.heard = RelayClock::now();
     if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
-        hub_put(datagram);
+        hub_put(datagram, good_arrival(arrived));
     }
 }
 
@@ -118,15 +128,18 @@ void send_next() {
 bool read_some() {
     static std::array<tavor_response, kReadsAtOnce> datagrams;
     std::array<iovec, kReadsAtOnce> parts = {};
+    std::array<UpstreamControl, kReadsAtOnce> controls = {};
     std::array<mmsghdr, kReadsAtOnce> messages = {};
     for (size_t i = 0; i < messages.size(); ++i) {
         parts[i] = {&datagrams[i], sizeof datagrams[i]};
         messages[i].msg_hdr.msg_iov = &parts[i];
         messages[i].msg_hdr.msg_iovlen = 1;
+        messages[i].msg_hdr.msg_control = controls[i].bytes;
+        messages[i].msg_hdr.msg_controllen = sizeof controls[i].bytes;
     }
     const int count = recvmmsg(state.fd, messages.data(), kReadsAtOnce, MSG_DONTWAIT | MSG_TRUNC, nullptr);
-    for (int i = 0; i < count; ++i) {
-        take(datagrams[static_cast<size_t>(i)], messages[static_cast<size_t>(i)].msg_len);
+    for (size_t i = 0; i < static_cast<size_t>(std::max(count, 0)); ++i) {
+        take(datagrams[i], messages[i].msg_len, upstream_socket_arrival(messages[i].msg_hdr));
     }
     return count == kReadsAtOnce;
 }

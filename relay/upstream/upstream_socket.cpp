@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -53,6 +54,8 @@ int upstream_socket_open() {
         errno = error;
         return -1;
     }
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
     return fd;
 }
 
@@ -73,4 +76,14 @@ UpstreamPresence upstream_socket_reach(int fd, const std::string& path, Upstream
     }
     reached = now;
     return UpstreamPresence::kOther;
+}
+
+HubTime upstream_socket_arrival(const msghdr& message) {
+    const cmsghdr* const stamp = CMSG_FIRSTHDR(&message);
+    if (stamp == nullptr || stamp->cmsg_level != SOL_SOCKET || stamp->cmsg_type != SCM_TIMESTAMPNS) {
+        return std::chrono::system_clock::now();
+    }
+    timespec when = {};
+    memcpy(&when, CMSG_DATA(stamp), sizeof when);
+    return HubTime(std::chrono::seconds(when.tv_sec) + std::chrono::nanoseconds(when.tv_nsec));
 }

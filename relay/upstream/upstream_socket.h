@@ -2,10 +2,12 @@
 #ifndef TAVOR_RELAY_UPSTREAM_SOCKET_H
 #define TAVOR_RELAY_UPSTREAM_SOCKET_H
 
+#include "hub/hub.h"
 #include "tavor/protocol.h"
 
 #include <ctime>
 #include <string>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 // Which file a socket is. File systems give inode numbers out again, so the time of its making counts too.
@@ -28,5 +30,15 @@ int upstream_socket_open();
 // Connects to the socket at the path, also again: costs nothing while the same daemon is there. `reached`
 // says what was reached before, and is told what is reached now.
 UpstreamPresence upstream_socket_reach(int fd, const std::string& path, UpstreamFile& reached);
+
+// Room for what the kernel tells with a datagram.
+union UpstreamControl {
+    cmsghdr align;
+    char bytes[CMSG_SPACE(sizeof(timespec))];
+};
+
+// When the daemon sent a datagram that was received with such room: by the kernel, or now where it tells
+// nothing.
+HubTime upstream_socket_arrival(const msghdr& message);
 
 #endif

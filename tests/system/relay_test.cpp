@@ -3,9 +3,13 @@
 #include "support/tcp_peer.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pwd.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -182,6 +186,70 @@ TEST_F(RelaySystem, APythonProgramGetsAFix) {
     const RunResult result = run_program({"/usr/bin/python3", TAVOR_GPS_SCRIPT, std::to_string(port)});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("mode 3"), std::string::npos) << result.out;
+}
+
+// A chronyd that leaves the host's clock alone, with all its files in a directory of its own.
+struct Chronyd {
+    explicit Chronyd(const std::filesystem::path& place) : directory(place) {
+        std::filesystem::create_directory(directory);
+        std::filesystem::permissions(directory, std::filesystem::perms::owner_all); // its sockets take that
+        std::ofstream(directory / "chrony.conf")
+            << "refclock SOCK " << socket() << " refid GNSS poll 0 filter 1 "
+            << "precision 1e-1 offset 0 delay 0.2\nport 0\ncmdport 0\n"
+            << "bindcmdaddress " << command_socket() << "\npidfile " << (directory / "pid").string() << "\n";
+    }
+    static std::string program() {
+        return run_program({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin command -v chronyd"}).out;
+    }
+    std::string socket() const {
+        return (directory / "chrony.tavor.sock").string();
+    }
+    std::string command_socket() const {
+        return (directory / "command.sock").string();
+    }
+    void start() {
+        const std::string path = program();
+        child = std::make_unique<Child>(Arguments{path.substr(0, path.find('\n')), "-x", "-d", "-U", "-u",
+                                                  getpwuid(geteuid())->pw_name, "-f",
+                                                  (directory / "chrony.conf").string()},
+                                        (directory / "log").string());
+    }
+    // A number that chronyc tells, by its place in the report, none before there is one.
+    std::optional<double> number(const std::string& report, size_t place) const {
+        std::istringstream fields(run_program({"chronyc", "-h", command_socket(), "-c", report}).out);
+        std::string field;
+        for (size_t i = 0; i <= place; ++i) {
+            if (!std::getline(fields, field, ',')) {
+                return std::nullopt;
+            }
+        }
+        return atof(field.c_str());
+    }
+
+    std::filesystem::path directory;
+    std::unique_ptr<Child> child;
+};
+
+constexpr size_t kReach = 5;     // of the report "sources": a bit for each of the latest samples, octal
+constexpr size_t kClockSlow = 4; // of the report "tracking": seconds
+
+// The chip's time is three hours ahead of the host's; its sentences come within a second.
+TEST_F(RelaySystem, ChronydFollowsTheChipsTimeAlsoWhenItIsRestarted) {
+    if (Chronyd::program().empty() || !is_installed("chronyc")) {
+        GTEST_SKIP() << "chronyd (in PATH or /usr/sbin) or chronyc is missing: package chrony";
+    }
+    board.ctl({"time", "--advance", "10800"});
+    Chronyd chronyd(board.directory.path / "chrony");
+    start({"--chrony", chronyd.socket()});
+    ASSERT_TRUE(wait_log("chronyd does not take the time at " + chronyd.socket()));
+    for (int run = 0; run < 2; ++run) {
+        chronyd.start();
+        ASSERT_TRUE(wait_until([&] { return chronyd.number("sources", kReach).value_or(0) >= 7; }));
+        ASSERT_TRUE(wait_until([&] { return chronyd.number("tracking", kClockSlow).value_or(0) != 0; }));
+        EXPECT_NEAR(*chronyd.number("tracking", kClockSlow), 10800, 1);
+        chronyd.child->end(SIGTERM);
+    }
+    EXPECT_NE(log().find("chronyd takes the time at " + chronyd.socket()), std::string::npos);
 }
 
 } // namespace

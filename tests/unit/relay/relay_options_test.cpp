@@ -37,16 +37,18 @@ TEST_F(RelayOptions, HasDefaultsThatSuitADevice) {
     EXPECT_EQ(options.stop_delay_s, 10);
     EXPECT_EQ(options.listen, "127.0.0.1:2947");
     EXPECT_EQ(options.metrics, "");
+    EXPECT_EQ(options.chrony, "");
 }
 
 TEST_F(RelayOptions, TheCommandLineWinsOverTheFile) {
-    const std::string file =
-        directory.write("relay.conf", "# a comment\npositioning=demand\nstop-delay=60\nsocket=/run/a\n");
+    const std::string file = directory.write(
+        "relay.conf", "# a comment\npositioning=demand\nstop-delay=60\nsocket=/run/a\nchrony=/run/c\n");
     const std::string config = "--config=" + file;
     ASSERT_EQ(parse({config.c_str(), "--socket", "/run/b"}), -1);
     EXPECT_FALSE(options.always);
     EXPECT_EQ(options.stop_delay_s, 60);
     EXPECT_EQ(options.socket, "/run/b");
+    EXPECT_EQ(options.chrony, "/run/c");
 }
 
 TEST_F(RelayOptions, VersionAndHelp) {
@@ -59,12 +61,18 @@ TEST_F(RelayOptions, VersionAndHelp) {
 TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
     const std::string unknown = "--config=" + directory.write("unknown.conf", "speed=9\n");
     const std::string long_path(100, 'x');
-    const std::vector<std::vector<const char*>> wrong = {
-        {"--speed", "9"},        {"--positioning", "sometimes"},
-        {"--stop-delay", "-1"},  {"--stop-delay", "soon"},
-        {"--stop-delay", "nan"}, {"--socket", long_path.c_str()},
-        {"--daemon", ""},        {"extra"},
-        {unknown.c_str()},       {"--config", "/nonexistent/relay.conf"}};
+    const std::string longer_path(108, 'x');
+    const std::vector<std::vector<const char*>> wrong = {{"--speed", "9"},
+                                                         {"--positioning", "sometimes"},
+                                                         {"--stop-delay", "-1"},
+                                                         {"--stop-delay", "soon"},
+                                                         {"--stop-delay", "nan"},
+                                                         {"--socket", long_path.c_str()},
+                                                         {"--daemon", ""},
+                                                         {"extra"},
+                                                         {"--chrony", longer_path.c_str()},
+                                                         {unknown.c_str()},
+                                                         {"--config", "/nonexistent/relay.conf"}};
     for (const auto& line : wrong) {
         EXPECT_EQ(parse(line), 2) << line.front();
         EXPECT_EQ(err.substr(0, 13), "tavor-relay: ") << line.front();

@@ -1,0 +1,43 @@
+// The time that a sentence tells, and the datagram that tells chrony: pure, no I/O.
+#ifndef TAVOR_RELAY_CHRONY_SAMPLE_H
+#define TAVOR_RELAY_CHRONY_SAMPLE_H
+
+#include "hub/hub.h"
+#include "sentence/utc.h"
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+// A field of the timeval in a sample has the size that the C library gives time_t unless told otherwise:
+// chronyd is built so. That is 4 bytes on some 32-bit systems, where samples end in the year 2038.
+#if TAVOR_CHRONY_TIME_SIZE == 4
+using ChronyTimeField = int32_t;
+#else
+using ChronyTimeField = int64_t;
+#endif
+
+// One measurement, in host byte order.
+struct ChronySample {
+    ChronyTimeField seconds;      // of the system's clock at the measurement
+    ChronyTimeField microseconds; // less than a second
+    double offset;                // the true time less the system's, seconds
+    int32_t pulse;                // 0: the sample tells the whole time
+    int32_t leap;                 // 0: no leap second is announced; sentences tell none
+    int32_t padding;
+    int32_t magic;
+};
+static_assert(sizeof(ChronySample) == 2 * sizeof(ChronyTimeField) + 24);
+
+// The time of an RMC sentence: none unless its status is valid by satellites, with time and date. Second 60
+// of a leap second is none: the system's clock has no number for it.
+std::optional<Utc> chrony_sample_time(std::string_view sentence);
+
+// Whether the time can be right: a receiver without a date tells one of 1980 or 2000, one whose count of
+// weeks is misread tells one that is 1,024 weeks early or late. Right are the 1,024 weeks from 2025 on.
+bool chrony_sample_is_plausible(Utc time);
+
+// What to tell when a sentence with this time arrived at that moment of the system's clock.
+ChronySample chrony_sample_make(Utc time, HubTime arrived);
+
+#endif
