@@ -77,9 +77,12 @@ std::chrono::milliseconds milliseconds_of(double seconds) {
 
 // A place that is none is an error of use.
 int fail_place(const std::string& place) {
-    const bool malformed = errno == EINVAL;
-    const int status = fail("can't listen at " + place);
-    return malformed ? kExitUsage : status;
+    if (errno != EINVAL) {
+        return fail("can't listen at " + place);
+    }
+    fprintf(stderr, "tavor-relay: no place to listen at: %s; it is [ADDRESS:]PORT, IPv6 in brackets\n",
+            place.c_str());
+    return kExitUsage;
 }
 
 // The metrics, at the place of the option.

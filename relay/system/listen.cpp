@@ -29,16 +29,18 @@ int close_failed(int fd) {
     return -1;
 }
 
-// Reads [ADDRESS:]PORT. Returns the length of the address, 0 when the place is none.
+// Reads [ADDRESS:]PORT; an address of IPv6 stands in brackets, else nobody knows where it ends. Returns the
+// length of the address, 0 when the place is none.
 socklen_t parse_place(const std::string& place, sockaddr_storage& address) {
     const size_t colon = place.rfind(':');
     const std::string host = colon == std::string::npos ? "127.0.0.1" : place.substr(0, colon);
     const char* const text = place.c_str() + (colon == std::string::npos ? 0 : colon + 1);
     const char* const end = place.c_str() + place.size();
+    const bool in_brackets = host.starts_with('[') && host.ends_with(']');
     in_port_t port = 0;
     const auto [rest, error] = std::from_chars(text, end, port);
     int length = sizeof address;
-    if (error != std::errc() || rest != end ||
+    if (error != std::errc() || rest != end || (!in_brackets && host.find(':') != std::string::npos) ||
         evutil_parse_sockaddr_port(host.c_str(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         return 0;
     }

@@ -6,6 +6,7 @@
 #include "support/relay_loop.h"
 #include "support/tcp_peer.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
 #include <netinet/in.h>
@@ -111,6 +112,16 @@ struct RelayGpsd : testing::Test {
 
     RelayLoop loop;
 };
+
+TEST_F(RelayGpsd, AnAddressOfIpv6StandsInBrackets) {
+    for (const char* place : {"::1:0", "::1", "::", "[::1]:80:0", "127.0.0.1:80:0", "[::1"}) {
+        gpsd_close();
+        errno = 0;
+        EXPECT_FALSE(gpsd_open(loop.base.get(), {.listen = place})) << place;
+        EXPECT_EQ(errno, EINVAL) << place;
+    }
+    EXPECT_TRUE(gpsd_open(loop.base.get(), {.listen = "[::]:0"}) || errno == EAFNOSUPPORT);
+}
 
 TEST_F(RelayGpsd, GreetsWithItsVersion) {
     TcpPeer peer(gpsd_port());
