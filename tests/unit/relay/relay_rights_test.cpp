@@ -3,6 +3,7 @@
 #include "system/seldom.h"
 
 #include <cerrno>
+#include <ctime>
 #include <dlfcn.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@ constexpr uid_t kNobody = 65534;
 
 int asked = 0;
 size_t needed = 0; // bytes of an entry
+time_t ahead = 0;  // seconds that the steady clock is put forward
 
 } // namespace
 
@@ -24,7 +26,28 @@ extern "C" int getgrnam_r(const char* name, group* entry, char* text, size_t siz
     return size < needed ? ERANGE : ask(name, entry, text, size, found);
 }
 
+extern "C" int clock_gettime(clockid_t clock, timespec* time) {
+    static const auto ask = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    const int result = ask(clock, time);
+    time->tv_sec += clock == CLOCK_MONOTONIC ? ahead : 0;
+    return result;
+}
+
 namespace {
+
+TEST(RelayRights, AChangeOfTheDatabaseIsNoticedWithinTenSeconds) {
+    const group* const admins = getgrnam("adm");
+    ASSERT_NE(admins, nullptr);
+    constexpr uid_t kSomebody = kNobody - 2;
+    needed = size_t{64} * 1024 * 1024; // more than is read: as if there were no such group
+    EXPECT_FALSE(rights_admin(kSomebody, admins->gr_gid, "adm"));
+    needed = 0;
+    ahead = 8;
+    EXPECT_FALSE(rights_admin(kSomebody, admins->gr_gid, "adm"));
+    ahead = 11;
+    EXPECT_TRUE(rights_admin(kSomebody, admins->gr_gid, "adm"));
+    ahead = 0;
+}
 
 TEST(RelayRights, TheDatabaseIsAskedOnceForManyRequests) {
     asked = 0;
