@@ -20,6 +20,7 @@ constexpr std::chrono::milliseconds kRetry{20};
 constexpr int kLookS = 10;
 constexpr int kAuditPercent = 17;    // of a second, between looks at who has not read
 constexpr int kOpenRequestsMax = 16; // of one client
+constexpr size_t kClientsMax = 1024; // of all users but root
 constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
 constexpr int kUserRequestsMax = 64; // of one user, besides starts: these share one request to the daemon
 
@@ -30,6 +31,7 @@ struct LocalState {
     EventPtr look;
     EventPtr audit;
     Seldom refusals;
+    Seldom too_many;
     std::unordered_map<uid_t, int> open_requests; // by user
 };
 
@@ -136,7 +138,27 @@ void perform(LocalClient& client, const LocalRequest& received) {
     upstream_request(type, received.request.text, std::move(answer));
 }
 
+// Root has a place always, so that somebody can look who holds the others.
+bool has_place(const LocalRequest& received) {
+    return local_clients_is_known(received.address) || local_clients_count() < kClientsMax ||
+           received.user == 0;
+}
+
+void turn_away(const LocalRequest& received) {
+    ++hub_counters().refused;
+    if (const auto more = seldom(state.too_many, RelayClock::now())) {
+        printf("tavor-relay: a client is refused: there are %zu (%d more before)\n", local_clients_count(),
+               *more);
+    }
+    if (const auto code = upstream_requests_code(received.request.type)) {
+        local_socket_send(state.settings.fd, received.address, result_of(*code, TAVOR_VALUE_FAILED));
+    }
+}
+
 void take(const LocalRequest& received) {
+    if (!has_place(received)) {
+        return turn_away(received);
+    }
     LocalClient& client = local_clients_of(received.address);
     const uint32_t type = received.request.type;
     if (!upstream_requests_code(type)) {

@@ -121,6 +121,10 @@ LocalClient& local_clients_of(const std::string& address) {
     return client;
 }
 
+bool local_clients_is_known(const std::string& address) {
+    return state.clients.count(address) > 0;
+}
+
 LocalClient* local_clients_find(const std::string& address, uint64_t id) {
     const auto found = state.clients.find(address);
     return found == state.clients.end() || found->second.id != id ? nullptr : &found->second;

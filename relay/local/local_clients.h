@@ -38,6 +38,8 @@ void local_clients_close();
 // The client with this address; made when there is none.
 LocalClient& local_clients_of(const std::string& address);
 
+bool local_clients_is_known(const std::string& address);
+
 // The client with this id, null when it has left.
 LocalClient* local_clients_find(const std::string& address, uint64_t id);
 

@@ -228,6 +228,30 @@ TEST_F(RelayManyClients, AThousandGetEverything) {
     EXPECT_EQ(hub_counters().dropped_local, 0U);
 }
 
+TEST_F(RelayManyClients, BeyondTheLimitOnlyRootComesIn) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
+    for (int i = 1; i < 1024; ++i) {
+        local_clients_subscribe(local_clients_of("another " + std::to_string(i)), kLocalChip);
+    }
+    as_nobody([&] {
+        PlayedClient late(loop.local_path, abstract_address(unique("late")));
+        ASSERT_TRUE(late.send(TAVOR_REQUEST_SAVE_LOCATION));
+        ASSERT_TRUE(answered(late, TAVOR_CODE_SAVE_LOCATION));
+        EXPECT_EQ(late.value(TAVOR_CODE_SAVE_LOCATION), TAVOR_VALUE_FAILED);
+        ASSERT_TRUE(watcher->send(TAVOR_REQUEST_SAVE_LOCATION)); // it has its place
+        ASSERT_TRUE(answered(*watcher, TAVOR_CODE_SAVE_LOCATION));
+        EXPECT_EQ(watcher->value(TAVOR_CODE_SAVE_LOCATION), 0);
+    });
+    EXPECT_EQ(local_clients_count(), 1024U);
+    const auto root = client("root");
+    ASSERT_TRUE(started(*root));
+    EXPECT_EQ(local_clients_count(), 1025U);
+}
+
 TEST_F(RelayLocal, WhoIsGoneIsNoticedByItsDatagrams) {
     const auto leaver = client("leaver");
     ASSERT_TRUE(started(*leaver));
