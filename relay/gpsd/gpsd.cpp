@@ -125,9 +125,23 @@ void on_item(const HubItem& item) {
     }
 }
 
+// The bytes of the address, without the port.
+std::string host_of(const sockaddr_storage& address) {
+    sockaddr_in v4 = {};
+    sockaddr_in6 v6 = {};
+    memcpy(&v4, &address, sizeof v4);
+    memcpy(&v6, &address, sizeof v6);
+    return address.ss_family == AF_INET
+               ? std::string(reinterpret_cast<const char*>(&v4.sin_addr), sizeof v4.sin_addr)
+               : std::string(reinterpret_cast<const char*>(&v6.sin6_addr), sizeof v6.sin6_addr);
+}
+
 void on_connection(evutil_socket_t fd, short /*unused*/, void* /*unused*/) {
     for (int i = 0; i < kAcceptsMax; ++i) {
-        const int connection = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        sockaddr_storage from = {};
+        socklen_t length = sizeof from;
+        const int connection =
+            accept4(fd, reinterpret_cast<sockaddr*>(&from), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (connection < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
             event_del(state.connection.get());
             event_arm(state.pause, kPauseS * state.settings.second);
@@ -135,10 +149,7 @@ void on_connection(evutil_socket_t fd, short /*unused*/, void* /*unused*/) {
         if (connection < 0) {
             return;
         }
-        GpsdClient* const client = gpsd_clients_add(connection);
-        if (client != nullptr) {
-            answer(*client, gpsd_report_version());
-        }
+        answer(gpsd_clients_add(connection, host_of(from)), gpsd_report_version());
     }
 }
 
@@ -161,7 +172,7 @@ bool gpsd_open(event_base* base, const GpsdSettings& settings) {
     state.connection.reset(event_new(base, state.fd, EV_READ | EV_PERSIST, on_connection, nullptr));
     state.pause.reset(event_new(base, -1, 0, on_pause_over, nullptr));
     event_add(state.connection.get(), nullptr);
-    gpsd_clients_open(base, settings.second, serve);
+    gpsd_clients_open(base, settings.second, serve, settings.clients_max);
     hub_take(on_item);
     hub_take_rest(gpsd_clients_flush);
     gnss_take(on_epoch);

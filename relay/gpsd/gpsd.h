@@ -3,12 +3,14 @@
 #define TAVOR_RELAY_GPSD_H
 
 #include <chrono>
+#include <cstddef>
 #include <event2/event.h>
 #include <string>
 
 struct GpsdSettings {
     std::string listen;                     // [ADDRESS:]PORT; without an address: loopback
     std::chrono::milliseconds second{1000}; // length of a second of the limits; tests shorten it
+    size_t clients_max = 2000;              // connections at a time
 };
 
 // Behind gnss_open and positioning_open. False with errno set when the port can't be had.

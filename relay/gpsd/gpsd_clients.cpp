@@ -2,6 +2,7 @@
 
 #include "gpsd/gpsd_command.h"
 #include "hub/hub.h"
+#include "system/seldom.h"
 #include "upstream/positioning.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <list>
+#include <map>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -18,7 +20,6 @@
 
 namespace {
 
-constexpr size_t kClientsMax = 2000;
 constexpr size_t kWaitingMax = size_t{64} * 1024;
 constexpr size_t kGatherMax = size_t{16} * 1024; // bytes that wait for more although they could be sent
 constexpr size_t kLinesMax = 32;                 // that are sent at a time
@@ -35,7 +36,9 @@ struct ClientsState {
     std::chrono::milliseconds second{1000};
     GpsdReader reader;
     std::list<GpsdClient> clients;
+    size_t clients_max = 0;
     uint64_t last_id = 0;
+    Seldom let_go;
     EventPtr look;
 };
 
@@ -143,7 +146,23 @@ void on_writable(evutil_socket_t /*unused*/, short /*unused*/, void* one) {
 void let_go(GpsdClient& client, const char* why) {
     client.gone = true;
     ++hub_counters().let_go;
-    printf("tavor-relay: a TCP client is let go that %s\n", why);
+    if (const auto more = seldom(state.let_go, std::chrono::steady_clock::now())) {
+        printf("tavor-relay: a TCP client is let go that %s (%d more before)\n", why, *more);
+    }
+}
+
+// So no host keeps another one out, and on one host who comes later can look.
+void make_place() {
+    std::map<std::string, size_t> connections;
+    for (const GpsdClient& client : state.clients) {
+        ++connections[client.host];
+    }
+    const auto most = std::max_element(connections.begin(), connections.end(),
+                                       [](const auto& a, const auto& b) { return a.second < b.second; });
+    const auto oldest = std::find_if(state.clients.begin(), state.clients.end(),
+                                     [&](const GpsdClient& client) { return client.host == most->first; });
+    let_go(*oldest, "makes way for another");
+    gpsd_clients_tidy();
 }
 
 void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
@@ -164,8 +183,10 @@ void set_option(int fd, int level, int name, int value) {
 
 } // namespace
 
-void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader) {
+void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader,
+                       size_t clients_max) {
     state = {};
+    state.clients_max = clients_max;
     state.base = base;
     state.second = second;
     state.reader = std::move(reader);
@@ -180,10 +201,9 @@ void gpsd_clients_close() {
     state = {};
 }
 
-GpsdClient* gpsd_clients_add(int fd) {
-    if (state.clients.size() >= kClientsMax) {
-        close(fd);
-        return nullptr;
+GpsdClient& gpsd_clients_add(int fd, const std::string& host) {
+    if (state.clients.size() >= state.clients_max) {
+        make_place();
     }
     set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);
     set_option(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -195,11 +215,12 @@ GpsdClient* gpsd_clients_add(int fd) {
     GpsdClient& client = state.clients.emplace_back();
     client.id = ++state.last_id;
     client.fd = fd;
+    client.host = host;
     client.heard = std::chrono::steady_clock::now();
     client.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &client));
     client.writable.reset(event_new(state.base, fd, EV_WRITE | EV_PERSIST, on_writable, &client));
     event_add(client.readable.get(), nullptr);
-    return &client;
+    return client;
 }
 
 void gpsd_clients_send(GpsdClient& client, GpsdLine line) {

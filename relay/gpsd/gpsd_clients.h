@@ -29,6 +29,7 @@ struct GpsdLine {
 struct GpsdClient {
     uint64_t id = 0;
     int fd = -1;
+    std::string host; // its address without the port
     GpsdWatch watch;
     std::string input;
     bool skipping = false;        // up to the end of a line that was too long
@@ -47,11 +48,13 @@ struct GpsdClient {
 // Is called for each client that may have said something more.
 using GpsdReader = std::function<void(GpsdClient& client)>;
 
-void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader);
+void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdReader reader,
+                       size_t clients_max);
 void gpsd_clients_close();
 
-// Takes over a connection. Null, and the connection closed, when there are 2,000 already.
-GpsdClient* gpsd_clients_add(int fd);
+// Takes over a connection from this host. When there are too many already the oldest connection of the host
+// that has the most makes way.
+GpsdClient& gpsd_clients_add(int fd, const std::string& host);
 
 // Queues a line for one client. An answer is sent at once, with what waits before it.
 void gpsd_clients_send(GpsdClient& client, GpsdLine line);

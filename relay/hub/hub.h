@@ -47,8 +47,8 @@ struct HubCounters {
     uint64_t let_go = 0;          // clients that read or asked nothing for too long
     uint64_t requests = 0;        // of local clients that were heard
     uint64_t requests_failed = 0; // of these: answered with failure
-    uint64_t refused = 0;         // requests without the right, or of one local client too many
-    uint64_t ignored = 0;         // requests of clients with too many open ones
+    uint64_t refused = 0;         // requests without the right
+    uint64_t ignored = 0;         // requests of clients with too many open ones, of a client too many
     uint64_t malformed = 0;       // datagrams and lines that mean nothing
     uint64_t daemon_restarts = 0; // daemons found after the first one
     uint64_t local_consumers = 0; // at present

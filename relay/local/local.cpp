@@ -145,7 +145,7 @@ bool has_place(const LocalRequest& received) {
 }
 
 void turn_away(const LocalRequest& received) {
-    ++hub_counters().refused;
+    ++hub_counters().ignored;
     if (const auto more = seldom(state.too_many, RelayClock::now())) {
         printf("tavor-relay: a client is refused: there are %zu (%d more before)\n", local_clients_count(),
                *more);

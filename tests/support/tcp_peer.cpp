@@ -11,9 +11,14 @@
 #include <unistd.h>
 #include <utility>
 
-TcpPeer::TcpPeer(int port, int receive_buffer) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+TcpPeer::TcpPeer(int port, int receive_buffer, const char* own_address)
+    : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
+    if (own_address != nullptr) {
+        inet_pton(AF_INET, own_address, &address.sin_addr);
+        bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
     address.sin_port = htons(static_cast<in_port_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (receive_buffer > 0) {

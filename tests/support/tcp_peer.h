@@ -5,7 +5,8 @@
 #include <string>
 
 struct TcpPeer {
-    explicit TcpPeer(int port, int receive_buffer = 0);
+    // From another address of the loopback network on request.
+    explicit TcpPeer(int port, int receive_buffer = 0, const char* own_address = nullptr);
     ~TcpPeer();
     TcpPeer(const TcpPeer&) = delete;
     TcpPeer& operator=(const TcpPeer&) = delete;

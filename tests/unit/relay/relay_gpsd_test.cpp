@@ -113,6 +113,24 @@ struct RelayGpsd : testing::Test {
     RelayLoop loop;
 };
 
+TEST_F(RelayGpsd, AmongTooManyTheOldestOfTheHostWithTheMostMakesWay) {
+    gpsd_close();
+    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 3}));
+    TcpPeer other(gpsd_port(), 0, "127.0.0.2");
+    ASSERT_TRUE(gets(other, "VERSION"));
+    TcpPeer oldest(gpsd_port());
+    ASSERT_TRUE(asked(oldest, kWatchJson, "\"WATCH\""));
+    TcpPeer second(gpsd_port());
+    ASSERT_TRUE(gets(second, "VERSION"));
+    TcpPeer newcomer(gpsd_port());
+    ASSERT_TRUE(asked(newcomer, kWatchJson, "\"WATCH\""));
+    ASSERT_TRUE(loop.until([&] { return !oldest.read(); }));
+    EXPECT_EQ(gpsd_clients_count(), 3U);
+    EXPECT_EQ(hub_counters().tcp_consumers, 1U);
+    EXPECT_TRUE(asked(other, "?DEVICES;", "DEVICES"));
+    EXPECT_TRUE(asked(second, "?DEVICES;", "DEVICES"));
+}
+
 TEST_F(RelayGpsd, AnAddressOfIpv6StandsInBrackets) {
     for (const char* place : {"::1:0", "::1", "::", "[::1]:80:0", "127.0.0.1:80:0", "[::1"}) {
         gpsd_close();
