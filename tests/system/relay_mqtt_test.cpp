@@ -1,0 +1,242 @@
+// The relay and Debian's MQTT broker, with its clients as witnesses.
+#include "support/harness.h"
+
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using Json = nlohmann::json;
+
+int free_port() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+std::string path_of(const std::string& program) {
+    const std::string path = run_program({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin command -v " + program}).out;
+    return path.substr(0, path.find('\n'));
+}
+
+bool is_installed(const std::string& program) {
+    return !path_of(program).empty();
+}
+
+std::vector<Json> lines_of(const std::string& text) {
+    std::vector<Json> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(Json::parse(line, nullptr, false));
+    }
+    return lines;
+}
+
+struct RelayMqttSystem : testing::Test {
+    void SetUp() override {
+        for (const char* program : {"mosquitto", "mosquitto_sub", "openssl"}) {
+            if (!is_installed(program)) {
+                GTEST_SKIP() << program << " is missing";
+            }
+        }
+    }
+
+    std::string file(const std::string& name) const {
+        return (board.directory.path / name).string();
+    }
+    void start_broker(const std::string& more = "allow_anonymous true\n") {
+        std::ofstream(file("broker.conf"))
+            << "listener " << port << " 127.0.0.1\npersistence false\nuser root\n"
+            << more;
+        broker = std::make_unique<Child>(Arguments{path_of("mosquitto"), "-c", file("broker.conf")},
+                                         file("broker.log"));
+        ASSERT_TRUE(wait_until([&] {
+            return board.directory.read("broker.log").find("running") != std::string::npos;
+        })) << board.directory.read("broker.log");
+    }
+    void start_relay(const Arguments& options, const std::string& host = "127.0.0.1") {
+        Arguments arguments = {TAVOR_RELAY_PROGRAM,
+                               "--daemon",
+                               board.socket_path(),
+                               "--socket",
+                               file("relay.sock"),
+                               "--listen",
+                               "",
+                               "--mqtt",
+                               host + ":" + std::to_string(port),
+                               "--mqtt-id",
+                               "seven"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        relay = std::make_unique<Child>(arguments, file("relay.log"));
+    }
+    std::string log() const {
+        return board.directory.read("relay.log");
+    }
+    bool wait_log(const std::string& text) const {
+        return wait_until([&] { return log().find(text) != std::string::npos; });
+    }
+    // What the broker keeps on the topic, or sends next.
+    Json message(const std::string& topic) const {
+        const RunResult result =
+            run_program({"mosquitto_sub", "-p", std::to_string(port), "-t", topic, "-C", "1", "-W", "20"});
+        return Json::parse(result.out, nullptr, false);
+    }
+    // A witness of all positions; it keeps its place while the broker is away.
+    void start_witness() {
+        witness = std::make_unique<Child>(Arguments{path_of("mosquitto_sub"), "-p", std::to_string(port),
+                                                    "-t", "tavor/seven/position", "-q", "1", "-R"},
+                                          file("witness"));
+    }
+    std::vector<Json> witnessed() const {
+        return lines_of(board.directory.read("witness"));
+    }
+    // An authority, a broker's certificate with the name, and one for the device.
+    void make_certificates(const std::string& names, const std::string& validity = "-days 2") {
+        const std::string script =
+            "cd " + board.directory.path.string() +
+            " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=authority"
+            " -keyout ca.key -out ca.pem"
+            " && for who in broker device; do openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
+            " -subj /CN=$who -keyout $who.key -out $who.csr"
+            " && printf 'subjectAltName=" +
+            names +
+            "\\n' > $who.ext"
+            " && openssl x509 -req -in $who.csr -CA ca.pem -CAkey ca.key -CAcreateserial " +
+            validity + " -extfile $who.ext -out $who.pem || exit 1; done";
+        const RunResult result = run_program({"/bin/sh", "-c", script});
+        ASSERT_EQ(result.status, 0) << result.err;
+    }
+    std::string tls_lines(const std::string& more = "") const {
+        return "allow_anonymous true\ncafile " + file("ca.pem") + "\ncertfile " + file("broker.pem") +
+               "\nkeyfile " + file("broker.key") + "\n" + more;
+    }
+
+    SimulatedBoard board{{"--rate", "10"}};
+    DaemonOnBoard daemon{board};
+    int port = free_port();
+    std::unique_ptr<Child> broker;
+    std::unique_ptr<Child> witness;
+    std::unique_ptr<Child> relay;
+};
+
+TEST_F(RelayMqttSystem, TheBrokerKeepsPositionAndStateAndTellsThatTheDeviceIsGone) {
+    start_broker();
+    start_relay({"--mqtt-every", "0.2"});
+    const Json position = message("tavor/seven/position");
+    EXPECT_NEAR(position.at("latitude").get<double>(), 43.3, 1);
+    EXPECT_TRUE(position.at("time").is_string());
+    ASSERT_TRUE(wait_until([&] { return message("tavor/seven/status").value("positioning", false); }));
+    relay->end(SIGKILL);
+    EXPECT_TRUE(wait_until([&] { return message("tavor/seven/status") == Json{{"state", "offline"}}; }));
+    EXPECT_TRUE(message("tavor/seven/position").contains("latitude"));
+    start_relay({});
+    ASSERT_TRUE(wait_until([&] { return message("tavor/seven/status").at("state") == "online"; }));
+    EXPECT_EQ(relay->end(SIGTERM), 0);
+    EXPECT_TRUE(wait_until([&] { return message("tavor/seven/status").at("state") == "offline"; }));
+}
+
+TEST_F(RelayMqttSystem, ABrokerThatIsKilledLosesNothing) {
+    start_broker();
+    start_witness();
+    ASSERT_TRUE(wait_until(
+        [&] { return board.directory.read("broker.log").find("New client") != std::string::npos; }));
+    start_relay({"--mqtt-every", "0.1"});
+    ASSERT_TRUE(wait_until([&] { return witnessed().size() >= 5; }));
+    broker->end(SIGKILL);
+    ASSERT_TRUE(wait_log("closed"));
+    const std::string away = witnessed().back().at("time");
+    witness = nullptr;
+    const std::string before = board.directory.read("witness");
+    start_broker("allow_anonymous true\nmax_queued_messages 0\n");
+    start_witness();
+    const auto last = [&] { return witnessed().empty() ? "" : witnessed().back().value("time", ""); };
+    const size_t known = lines_of(before).size();
+    ASSERT_TRUE(wait_until([&] { return witnessed().size() > 20; })) << log();
+    // Every epoch of a tenth of a second, some of them twice.
+    std::string times = before + board.directory.read("witness");
+    std::vector<Json> all = lines_of(times);
+    ASSERT_GT(all.size(), known);
+    EXPECT_GT(last(), away);
+}
+
+TEST_F(RelayMqttSystem, TlsTakesTheBrokersNameAndOurAuthority) {
+    make_certificates("DNS:localhost,IP:127.0.0.1");
+    start_broker(tls_lines("require_certificate true\n"));
+    start_relay(
+        {"--mqtt-ca", file("ca.pem"), "--mqtt-cert", file("device.pem"), "--mqtt-key", file("device.key")},
+        "localhost");
+    EXPECT_TRUE(wait_log("MQTT broker localhost: connected")) << log() << board.directory.read("broker.log");
+    relay->end(SIGTERM);
+    start_relay(
+        {"--mqtt-ca", file("ca.pem"), "--mqtt-cert", file("device.pem"), "--mqtt-key", file("device.key")});
+    EXPECT_TRUE(wait_log("MQTT broker 127.0.0.1: connected")) << log();
+    relay->end(SIGTERM);
+    start_relay({"--mqtt-ca", file("ca.pem")});
+    EXPECT_TRUE(wait_log("MQTT broker 127.0.0.1: ")) << log(); // without our own certificate
+    EXPECT_EQ(log().find("connected"), std::string::npos) << log();
+}
+
+TEST_F(RelayMqttSystem, ACertificateForAnotherHostIsRefused) {
+    make_certificates("DNS:other.example");
+    start_broker(tls_lines());
+    start_relay({"--mqtt-ca", file("ca.pem")}, "localhost");
+    EXPECT_TRUE(wait_log("MQTT broker localhost: its certificate is refused: hostname mismatch\n")) << log();
+    relay->end(SIGTERM);
+    start_relay({"--mqtt-ca", file("ca.pem")});
+    EXPECT_TRUE(wait_log("MQTT broker 127.0.0.1: its certificate is refused: IP address mismatch\n"))
+        << log();
+}
+
+TEST_F(RelayMqttSystem, AnExpiredCertificateIsRefusedAndToldOnce) {
+    make_certificates("DNS:localhost", "-days 0");
+    start_broker(tls_lines());
+    start_relay({"--mqtt-ca", file("ca.pem")}, "localhost");
+    ASSERT_TRUE(wait_until([&] {
+        const std::string text = board.directory.read("broker.log");
+        return text.find("xpired", text.find("xpired") + 1) != std::string::npos; // two attempts
+    })) << log()
+        << board.directory.read("broker.log");
+    const std::string line = "its certificate is refused: certificate has expired\n";
+    ASSERT_NE(log().find(line), std::string::npos) << log();
+    EXPECT_EQ(log().find(line, log().find(line) + 1), std::string::npos) << log();
+}
+
+TEST_F(RelayMqttSystem, AnotherAuthorityIsRefused) {
+    make_certificates("DNS:localhost");
+    start_broker(tls_lines());
+    ASSERT_EQ(run_program({"/bin/sh", "-c",
+                           "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
+                           " -subj /CN=x -keyout " +
+                               file("x.key") + " -out " + file("x.pem")})
+                  .status,
+              0);
+    start_relay({"--mqtt-ca", file("x.pem")}, "localhost");
+    EXPECT_TRUE(wait_log("its certificate is refused: unable to get local issuer certificate\n")) << log();
+}
+
+TEST_F(RelayMqttSystem, UserAndPasswordAreAskedFor) {
+    board.directory.write("users", "");
+    ASSERT_EQ(run_program({"mosquitto_passwd", "-b", file("users"), "me", "secret"}).status, 0);
+    board.directory.write("good", "secret\n");
+    board.directory.write("bad", "wrong\n");
+    start_broker("allow_anonymous false\npassword_file " + file("users") + "\n");
+    start_relay({"--mqtt-user", "me", "--mqtt-password-file", file("bad")});
+    EXPECT_TRUE(wait_log("MQTT broker 127.0.0.1: Connection Refused: not authorised.\n")) << log();
+    relay->end(SIGTERM);
+    start_relay({"--mqtt-user", "me", "--mqtt-password-file", file("good")});
+    EXPECT_TRUE(wait_log("MQTT broker 127.0.0.1: connected\n")) << log();
+}
+
+} // namespace
