@@ -15,7 +15,7 @@ EOT
 packages=(
     g++ cmake ninja-build pkg-config
     libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev
-    libcli11-dev nlohmann-json3-dev libevent-dev libncurses-dev
+    libcli11-dev nlohmann-json3-dev libevent-dev libmosquitto-dev libssl-dev libncurses-dev
     libgtest-dev libbenchmark-dev zlib1g-dev
     clang-format clang-tidy patch mandoc bash-completion
 )

@@ -3,7 +3,7 @@
 work=$PWD/build/package-test
 
 # What the packages need beside systemd: they are installed without a network.
-base_packages=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12,libncursesw6,libevent-core-2.1-7
+base_packages=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12,libncursesw6,libevent-core-2.1-7,libevent-extra-2.1-7,libmosquitto1
 
 usage() {
     cat <<EOT

@@ -16,10 +16,11 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "curl mbedtls cli11 nlohmann-json"
 
-# The screen of tavorctl's monitor, the relay for many clients, and the simulated board for developers' images.
+# The screen of tavorctl's monitor, the relay for many clients, its output to MQTT, and the simulated board for developers' images.
 PACKAGECONFIG ??= "ncurses"
 PACKAGECONFIG[ncurses] = "-DTAVOR_NCURSES=ON,-DTAVOR_NCURSES=OFF,ncurses"
 PACKAGECONFIG[relay] = "-DTAVOR_BUILD_RELAY=ON,-DTAVOR_BUILD_RELAY=OFF,libevent"
+PACKAGECONFIG[mqtt] = "-DTAVOR_RELAY_MQTT=ON,-DTAVOR_RELAY_MQTT=OFF,mosquitto openssl"
 PACKAGECONFIG[board] = "-DTAVOR_BUILD_BOARD=ON,-DTAVOR_BUILD_BOARD=OFF,libmicrohttpd"
 
 # The host name of the assistance server that devices ask by default; tavor.conf may name another.
