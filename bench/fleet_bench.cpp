@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <sys/resource.h>
 #include <sys/types.h>
@@ -40,20 +39,12 @@ long private_kib(pid_t pid) {
     return sum;
 }
 
-// Processor time of a process in seconds.
+// Time of a process of one thread on a processor, in seconds.
 double processor_s(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    std::istringstream fields(line.substr(line.rfind(')') + 2));
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) {
-        fields >> skipped;
-    }
-    double user = 0;
-    double system = 0;
-    fields >> user >> system;
-    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    std::ifstream file("/proc/" + std::to_string(pid) + "/schedstat");
+    double nanoseconds = 0;
+    file >> nanoseconds;
+    return nanoseconds / 1e9;
 }
 
 GnssEpoch fix_of(size_t device, double step) {

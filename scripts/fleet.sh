@@ -39,4 +39,4 @@ for _ in $(seq 100); do
     ! grep -q ' running$' "$dir/broker.log" || break
     sleep 0.05
 done
-"$build/bin/fleet_bench" "$devices" "$port" "$broker" "$seconds"
+"$build/bin/fleet_bench" "$devices" "$port" "$broker" "$seconds" | grep -v '^tavor-relay: '
