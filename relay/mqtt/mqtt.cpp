@@ -17,7 +17,7 @@ bool mqtt_available() {
 std::string mqtt_open(event_base* base, const MqttSettings& settings) {
     mosquitto_lib_init();
     MqttTls tls;
-    const std::string problem = settings.ca.empty() ? "" : mqtt_tls_open(tls, settings);
+    std::string problem = settings.ca.empty() ? "" : mqtt_tls_open(tls, settings);
     if (!problem.empty()) {
         return problem;
     }

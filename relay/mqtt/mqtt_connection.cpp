@@ -25,7 +25,7 @@ constexpr int kQos = 1;
 // A broker that is not subscribed to answers with some bytes to each message and sign of life, and with its
 // certificates before. One that sends more is let go before its packets, which may announce 256 MiB, cost
 // memory.
-constexpr uint64_t kGreetingBytes = 64 * 1024;
+constexpr uint64_t kGreetingBytes = 65536;
 constexpr uint64_t kAnswerBytes = 64; // in a record of TLS
 
 void say(MqttConnection& c, const std::string& what) {

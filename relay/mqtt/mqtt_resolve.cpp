@@ -49,6 +49,7 @@ void mqtt_resolve(event_base* base, MqttResolver& resolver, const std::string& h
         resolver.addresses = {host};
         return resolver.done();
     }
+    evdns_set_log_fn([](int, const char*) {}); // the result says it, once
     // Made anew each time: the name servers may have changed with the network.
     resolver.dns.reset(
         evdns_base_new(base, EVDNS_BASE_INITIALIZE_NAMESERVERS | EVDNS_BASE_DISABLE_WHEN_INACTIVE));
