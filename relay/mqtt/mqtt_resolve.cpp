@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace {
 
@@ -18,6 +19,9 @@ std::string text_of(const sockaddr* address, socklen_t length) {
 }
 
 void on_answer(int error, evutil_addrinfo* first, void* argument) {
+    if (error == EVUTIL_EAI_CANCEL) {
+        return; // there may be no resolver any more
+    }
     auto& resolver = *static_cast<MqttResolver*>(argument);
     for (const evutil_addrinfo* one = first; one != nullptr; one = one->ai_next) {
         const std::string text = text_of(one->ai_addr, one->ai_addrlen);
@@ -31,6 +35,7 @@ void on_answer(int error, evutil_addrinfo* first, void* argument) {
     if (resolver.addresses.empty()) {
         resolver.problem = std::string("no address: ") + evutil_gai_strerror(error);
     }
+    resolver.request = nullptr;
     resolver.done();
 }
 
@@ -64,9 +69,13 @@ void mqtt_resolve(event_base* base, MqttResolver& resolver, const std::string& h
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
-    evdns_getaddrinfo(resolver.dns.get(), host.c_str(), nullptr, &hints, on_answer, &resolver);
+    resolver.request =
+        evdns_getaddrinfo(resolver.dns.get(), host.c_str(), nullptr, &hints, on_answer, &resolver);
 }
 
 void mqtt_resolve_end(MqttResolver& resolver) {
+    if (resolver.request != nullptr) {
+        evdns_getaddrinfo_cancel(std::exchange(resolver.request, nullptr));
+    }
     resolver.dns.reset();
 }

@@ -20,6 +20,7 @@ struct MqttResolver {
     std::string problem;                // why nothing was found
     std::function<void()> done;
     std::unique_ptr<evdns_base, EvdnsBaseFree> dns;
+    evdns_getaddrinfo_request* request = nullptr; // that is not answered
 };
 
 // Whether the text is an address, which needs no name server.

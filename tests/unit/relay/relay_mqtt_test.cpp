@@ -271,6 +271,7 @@ TEST_F(RelayMqtt, AnEndWhileANameIsLookedUpLeavesNothing) {
     event_base_loop(loop.base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
     EXPECT_TRUE(device.connection.resolving);
     mqtt_device_close(device);
+    loop.turn_for(kShortSecond);
 }
 
 } // namespace
