@@ -23,11 +23,16 @@ constexpr int kPauseS = 1;      // without a descriptor for the next connection
 struct GpsdState {
     GpsdSettings settings;
     int fd = -1;
+    std::optional<Utc> active; // since when there is a daemon
     EventPtr connection;
     EventPtr pause;
 };
 
 GpsdState state;
+
+Utc now() {
+    return std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+}
 
 void answer(GpsdClient& client, const std::string& text) {
     gpsd_clients_send(client, {std::make_shared<const std::string>(text), true});
@@ -40,26 +45,25 @@ void answer_watch(GpsdClient& client, const GpsdCommand& command) {
         return answer(client, gpsd_report_error(problem));
     }
     gpsd_clients_watch(client, watch);
-    answer(client, gpsd_report_devices(upstream_connected()) + gpsd_report_watch(watch));
+    answer(client, gpsd_report_devices(state.active) + gpsd_report_watch(watch));
 }
 
 void perform(GpsdClient& client, const GpsdCommand& command) {
-    const bool active = upstream_connected();
-    if (command.name == "WATCH") {
+    if (command.name == "?WATCH") {
         answer_watch(client, command);
-    } else if (command.name == "VERSION") {
+    } else if (command.name == "?VERSION") {
         answer(client, gpsd_report_version());
-    } else if (command.name == "DEVICES") {
-        answer(client, gpsd_report_devices(active));
-    } else if (command.name == "DEVICE") { // read only: what it asks for is not set
-        answer(client, gpsd_report_device(active));
-    } else if (command.name == "POLL") {
-        const auto now = std::chrono::system_clock::now();
-        answer(client,
-               gpsd_report_poll(gnss_latest(), active, std::chrono::floor<std::chrono::milliseconds>(now)));
+    } else if (command.name == "?DEVICES") {
+        answer(client, gpsd_report_devices(state.active));
+    } else if (command.name == "?DEVICE") { // read only: what it asks for is not set
+        answer(client, gpsd_report_device(state.active));
+    } else if (command.name == "?POLL") {
+        answer(client, gpsd_report_poll(gnss_latest(), state.active.has_value(), now()));
     } else {
         ++hub_counters().malformed;
-        answer(client, gpsd_report_error("Unrecognized request '" + command.name + "'"));
+        if (!command.name.empty()) { // what is no request at all is not answered, as gpsd does not
+            answer(client, gpsd_report_error("Unrecognized request '" + command.name + "'"));
+        }
     }
 }
 
@@ -173,6 +177,8 @@ bool gpsd_open(event_base* base, const GpsdSettings& settings) {
     state.pause.reset(event_new(base, -1, 0, on_pause_over, nullptr));
     event_add(state.connection.get(), nullptr);
     gpsd_clients_open(base, settings.second, serve, settings.clients_max);
+    state.active = upstream_connected() ? std::optional(now()) : std::nullopt;
+    upstream_watch([](bool connected) { state.active = connected ? std::optional(now()) : std::nullopt; });
     hub_take(on_item);
     hub_take_rest(gpsd_clients_flush);
     gnss_take(on_epoch);

@@ -60,6 +60,21 @@ bool take_raw(const Json& object, int& raw) {
     return good;
 }
 
+// Sets whether the device is asked for by its name. What is wrong with it, empty when nothing is; what ends a
+// watch may name any.
+std::string take_device(const Json& object, GpsdWatch& watch) {
+    const auto found = object.find("device");
+    if (found == object.end()) {
+        return "";
+    }
+    if (!found->is_string()) {
+        return "Invalid WATCH: a value is of the wrong kind";
+    }
+    const std::string name = found->get<std::string>();
+    watch.device = name == kGpsdDevice;
+    return watch.device || name.empty() || !watch.enable ? "" : "No such device as " + name;
+}
+
 } // namespace
 
 std::optional<GpsdCommand> gpsd_command_next(std::string& input) {
@@ -79,7 +94,7 @@ std::optional<GpsdCommand> gpsd_command_next(std::string& input) {
         command.argument = text.substr(equals + 1);
         text.resize(equals);
     }
-    command.name = text.substr(1);
+    command.name = text;
     return command;
 }
 
@@ -101,6 +116,9 @@ std::string gpsd_command_watch(GpsdWatch& watch, const std::optional<std::string
     if (!good) {
         return "Invalid WATCH: a value is of the wrong kind";
     }
-    watch = asked.enable ? asked : GpsdWatch{};
-    return "";
+    std::string problem = take_device(object, asked);
+    if (problem.empty()) {
+        watch = asked.enable ? asked : GpsdWatch{};
+    }
+    return problem;
 }

@@ -12,7 +12,7 @@
 inline constexpr size_t kGpsdCommandMax = size_t{8} * 1024;
 
 struct GpsdCommand {
-    std::string name;                    // without the question mark; empty: it is no request
+    std::string name;                    // with its question mark; empty: it is no request
     std::optional<std::string> argument; // behind the equals sign
 };
 

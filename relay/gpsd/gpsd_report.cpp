@@ -144,9 +144,10 @@ Json gst(const GnssEpoch& epoch) {
     return report;
 }
 
-Json device(bool active) {
+Json device(std::optional<Utc> active) {
     Json report = {{"class", "DEVICE"}, {"path", kGpsdDevice}, {"driver", "NMEA0183"}};
     if (active) {
+        report["activated"] = utc_iso(*active);
         report["flags"] = kFlagsGps;
     }
     report["native"] = 0;
@@ -163,24 +164,22 @@ std::string gpsd_report_version() {
                  {"proto_minor", kProtocolMinor}});
 }
 
-std::string gpsd_report_devices(bool active) {
+std::string gpsd_report_devices(std::optional<Utc> active) {
     return line({{"class", "DEVICES"}, {"devices", Json::array({device(active)})}});
 }
 
-std::string gpsd_report_device(bool active) {
+std::string gpsd_report_device(std::optional<Utc> active) {
     return line(device(active));
 }
 
 std::string gpsd_report_watch(const GpsdWatch& watch) {
-    return line({{"class", "WATCH"},
-                 {"enable", watch.enable},
-                 {"json", watch.json},
-                 {"nmea", watch.nmea},
-                 {"raw", watch.raw},
-                 {"scaled", watch.scaled},
-                 {"timing", watch.timing},
-                 {"split24", watch.split24},
-                 {"pps", watch.pps}});
+    Json report = {{"class", "WATCH"},       {"enable", watch.enable},   {"json", watch.json},
+                   {"nmea", watch.nmea},     {"raw", watch.raw},         {"scaled", watch.scaled},
+                   {"timing", watch.timing}, {"split24", watch.split24}, {"pps", watch.pps}};
+    if (watch.device) {
+        report["device"] = kGpsdDevice;
+    }
+    return line(report);
 }
 
 std::string gpsd_report_tpv(const GnssEpoch& epoch) {

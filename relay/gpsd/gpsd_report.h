@@ -15,13 +15,15 @@ struct GpsdWatch {
     bool nmea = false;
     int raw = 0;
     bool scaled = false, timing = false, split24 = false, pps = false;
+    bool device = false; // asked for by its name
 };
 
 inline constexpr char kGpsdDevice[] = "tavor";
 
 std::string gpsd_report_version();
-std::string gpsd_report_devices(bool active);
-std::string gpsd_report_device(bool active);
+// The device is active since a moment, or not at all.
+std::string gpsd_report_devices(std::optional<Utc> active);
+std::string gpsd_report_device(std::optional<Utc> active);
 std::string gpsd_report_watch(const GpsdWatch& watch);
 std::string gpsd_report_tpv(const GnssEpoch& epoch);
 std::string gpsd_report_sky(const GnssEpoch& epoch);

@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     input += "\n?VERSION;";
     bool found = false;
     while (const auto command = gpsd_command_next(input)) {
-        found = command->name == "VERSION";
+        found = command->name == "?VERSION";
     }
     require(found, "a good request was lost");
     return 0;

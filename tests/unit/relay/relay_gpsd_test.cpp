@@ -154,12 +154,35 @@ TEST_F(RelayGpsd, AnswersEachRequestWithItsClass) {
     ASSERT_TRUE(asked(peer, "?DEVICES;", "\"DEVICES\""));
     ASSERT_TRUE(gets(peer, "\r\n"));
     EXPECT_EQ(report(peer, "DEVICES").at("devices").at(0).at("flags"), 1);
+    EXPECT_EQ(report(peer, "DEVICES").at("devices").at(0).at("activated").get<std::string>().size(), 24U);
     ASSERT_TRUE(asked(peer, "?DEVICE={\"path\":\"/dev/null\",\"bps\":4800};", "\"DEVICE\""));
     ASSERT_TRUE(asked(peer, "?WATCH;", "\"enable\":false"));
     ASSERT_TRUE(asked(peer, "?POLL;\n", "\"POLL\""));
-    ASSERT_TRUE(asked(peer, "?NONSENSE;", "ERROR"));
+    ASSERT_TRUE(asked(peer, "?NONSENSE;", "Unrecognized request '?NONSENSE'"));
+    ASSERT_TRUE(asked(peer, "?;", "Unrecognized request '?'"));
+    ASSERT_TRUE(asked(peer, "?WATCH={\"enable\":false,\"device\":\"none\"};", "\"enable\":false"));
+    ASSERT_TRUE(asked(peer, "?WATCH={\"device\":\"none\"};", "No such device as none"));
     ASSERT_TRUE(asked(peer, "?WATCH=nonsense;", "Invalid WATCH"));
     EXPECT_TRUE(loop.daemon->requests.empty());
+}
+
+TEST_F(RelayGpsd, WhatIsNoRequestIsNotAnswered) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, "GET / HTTP/1.0\r\n\r\n$PZUL001*00\n\xff\xfe\n?DEVICES;", "\"DEVICES\""));
+    EXPECT_EQ(peer.got.find("ERROR"), std::string::npos);
+    EXPECT_EQ(hub_counters().malformed, 3U);
+}
+
+TEST_F(RelayGpsd, TheDeviceIsActiveWhileThereIsADaemon) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(asked(peer, "?DEVICE;", "\"activated\""));
+    unlink(loop.daemon_path.c_str());
+    loop.daemon = nullptr;
+    ASSERT_TRUE(loop.until([] { return !upstream_connected(); }));
+    ASSERT_TRUE(asked(peer, "?DEVICE;", "\"DEVICE\""));
+    ASSERT_TRUE(gets(peer, "\r\n"));
+    EXPECT_EQ(peer.got.find("activated"), std::string::npos);
 }
 
 TEST_F(RelayGpsd, AWatcherOfJsonGetsTheReportsOfEachEpoch) {
