@@ -4,6 +4,9 @@
 
 #include <string>
 
+// A port of loopback that is free now.
+int free_tcp_port();
+
 struct TcpPeer {
     // From another address of the loopback network on request.
     explicit TcpPeer(int port, int receive_buffer = 0, const char* own_address = nullptr);

@@ -16,19 +16,6 @@
 
 namespace {
 
-// A port that is free now.
-int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
-
 bool is_installed(const std::string& program) {
     return run_program({"/bin/sh", "-c", "command -v " + program}).status == 0;
 }
@@ -60,7 +47,7 @@ struct RelaySystem : testing::Test {
     DaemonOnBoard daemon{board};
     std::string socket = (board.directory.path / "relay.sock").string();
     std::string log_path = (board.directory.path / "relay.log").string();
-    int port = free_port();
+    int port = free_tcp_port();
     std::unique_ptr<Child> relay;
 };
 
@@ -116,7 +103,7 @@ TEST_F(RelaySystem, OnDemandTheChipIsOnWhileSomebodyWatches) {
 TEST_F(RelaySystem, ASecondRelayIsRefused) {
     start();
     const RunResult second = run_program({TAVOR_RELAY_PROGRAM, "--daemon", board.socket_path(), "--socket",
-                                          socket, "--listen", std::to_string(free_port())});
+                                          socket, "--listen", std::to_string(free_tcp_port())});
     EXPECT_EQ(second.status, 1);
     EXPECT_NE(second.err.find("can't serve local clients at " + socket), std::string::npos);
     const RunResult port_taken =
@@ -166,6 +153,50 @@ TEST_F(RelaySystem, GpspipeReadsSentencesAndReports) {
     const std::string reports = run_program({"gpspipe", "-w", "-n", "12", place}).out;
     EXPECT_NE(reports.find("\"class\":\"TPV\""), std::string::npos);
     EXPECT_NE(reports.find("\"class\":\"SKY\""), std::string::npos);
+}
+
+// A program on a terminal of tmux, with a server of its own.
+struct Screen {
+    Screen(std::string path, const std::string& command) : socket(std::move(path)) {
+        run({"new-session", "-d", "-x", "100", "-y", "40", "TERM=screen " + command + "; cat"});
+    }
+    ~Screen() {
+        run({"kill-server"});
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    std::string run(Arguments arguments) const {
+        arguments.insert(arguments.begin(), {"tmux", "-S", socket, "-f", "/dev/null"});
+        return run_program(arguments).out;
+    }
+    bool shows(const std::string& text) const {
+        return wait_until([&] { return run({"capture-pane", "-p"}).find(text) != std::string::npos; });
+    }
+
+    const std::string socket;
+};
+
+TEST_F(RelaySystem, CgpsShowsTheFixAndTheSky) {
+    if (!is_installed("cgps") || !is_installed("tmux")) {
+        GTEST_SKIP() << "cgps or tmux is missing";
+    }
+    start();
+    const Screen screen((board.directory.path / "tmux").string(), "cgps 127.0.0.1:" + std::to_string(port));
+    EXPECT_TRUE(screen.shows(" 3D FIX ")) << screen.run({"capture-pane", "-p"});
+    EXPECT_TRUE(screen.shows("Latitude:         43."));
+    EXPECT_TRUE(screen.shows("Seen 28/Used 20"));
+}
+
+TEST_F(RelaySystem, GpsmonShowsThePositionAndTheSentences) {
+    if (!is_installed("gpsmon") || !is_installed("tmux")) {
+        GTEST_SKIP() << "gpsmon or tmux is missing";
+    }
+    start();
+    const Screen screen((board.directory.path / "tmux").string(), "gpsmon 127.0.0.1:" + std::to_string(port));
+    EXPECT_TRUE(screen.shows("Lat: 43 1")) << screen.run({"capture-pane", "-p"});
+    EXPECT_TRUE(screen.shows("GNRMC GNGGA"));
+    EXPECT_TRUE(screen.shows("$GNGGA,"));
 }
 
 TEST_F(RelaySystem, AProgramWithLibgpsGetsAFix) {
