@@ -152,6 +152,7 @@ TEST_F(RelayTool, SendsCommandsWhilePositioningIsOn) {
     start_at_another_place();
     const TestClient consumer(socket);
     ASSERT_EQ(consumer.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    ASSERT_TRUE(consumer.receive_code(TAVOR_CODE_POSITION)); // the link to the chip is open
     expect({"send", "353,1,1", "--wait", "2"}, "$PZUL001,353,0*27\n");
 }
 
