@@ -141,9 +141,9 @@ TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
 TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     const int queue = debug_queue();
-    const std::string block(1000, 'x');
-    while (messages_in_queue() < 20) { // the line takes no more
-        handle_text(block);
+    line.fill();
+    while (messages_in_queue() < 20) {
+        handle_text("first");
     }
     handle_text("last");
     ForeignMessage stolen{};
