@@ -14,6 +14,12 @@ fi
 echo "check: format of ${#sources[@]} files"
 clang-format --dry-run --Werror "${sources[@]}"
 
+echo "check: conflicts"
+if grep -rnE '^(<{7}|>{7}) ' --exclude-dir=build --exclude-dir=.git .; then
+    echo "check: a merge was left in the middle" >&2
+    exit 1
+fi
+
 echo "check: layers"
 # A source includes no layer that stands behind its own in the CMakeLists.txt of src/ or board/. The programs and the board share
 # only the protocol: src/ is no include folder of theirs.
