@@ -104,10 +104,20 @@ int socket_error(const MqttConnection& c) {
     return error;
 }
 
+// A socket that ended before the broker's consent. Libmosquitto may have taken its error already and tries
+// the handshake of TLS for ever then, with the socket always ready.
+bool has_ended(const MqttConnection& c) {
+    char next = 0;
+    return !c.up && recv(mosquitto_socket(c.client.get()), &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 void on_socket(evutil_socket_t /*unused*/, short what, void* argument) {
     auto& c = *static_cast<MqttConnection*>(argument);
     if (const int error = socket_error(c); error != 0) {
         return end(c, strerror(error));
+    }
+    if (has_ended(c)) {
+        return end(c, problem_of(c, MOSQ_ERR_CONN_LOST));
     }
     if (sends_too_much(c)) {
         return end(c, "it sends more than answers");
@@ -140,13 +150,13 @@ void on_publish(mosquitto* /*unused*/, void* argument, int number) {
     c.events.acknowledged(number);
 }
 
-// A client of libmosquitto for one connection: what it keeps of messages ends with it.
-bool make_client(MqttConnection& c) {
+// A client of libmosquitto for one connection: what it keeps of messages ends with it. Returns its result.
+int make_client(MqttConnection& c) {
     const MqttSettings& settings = *c.settings;
     c.client.reset(mosquitto_new(settings.id.c_str(), true, &c));
     mosquitto* const client = c.client.get();
     if (client == nullptr) {
-        return false;
+        return MOSQ_ERR_NOMEM;
     }
     mosquitto_connect_callback_set(client, on_connect);
     mosquitto_publish_callback_set(client, on_publish);
@@ -157,12 +167,13 @@ bool make_client(MqttConnection& c) {
         mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
     }
     const auto size = static_cast<int>(c.will.payload.size());
-    return (settings.user.empty() ||
-            mosquitto_username_pw_set(client, settings.user.c_str(),
-                                      settings.password.empty() ? nullptr : settings.password.c_str()) ==
-                MOSQ_ERR_SUCCESS) &&
-           mosquitto_will_set(client, c.will.topic.c_str(), size, c.will.payload.data(), kQos, true) ==
-               MOSQ_ERR_SUCCESS;
+    const int result =
+        mosquitto_will_set(client, c.will.topic.c_str(), size, c.will.payload.data(), kQos, true);
+    if (result != MOSQ_ERR_SUCCESS || settings.user.empty()) {
+        return result;
+    }
+    return mosquitto_username_pw_set(client, settings.user.c_str(),
+                                     settings.password.empty() ? nullptr : settings.password.c_str());
 }
 
 // Begins to connect to one of the addresses, the next one each time.
@@ -178,9 +189,11 @@ void connect(MqttConnection& c) {
     }
     c.refusal.clear();
     c.expected = kGreetingBytes;
-    const int result = make_client(c) ? mosquitto_connect_async(c.client.get(), address.c_str(),
-                                                                c.settings->port, c.settings->keepalive_s)
-                                      : MOSQ_ERR_NOMEM;
+    int result = make_client(c);
+    if (result == MOSQ_ERR_SUCCESS) {
+        result = mosquitto_connect_async(c.client.get(), address.c_str(), c.settings->port,
+                                         c.settings->keepalive_s);
+    }
     if (result != MOSQ_ERR_SUCCESS) {
         return end(c, problem_of(c, result));
     }

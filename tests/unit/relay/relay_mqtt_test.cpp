@@ -203,6 +203,21 @@ TEST_F(RelayMqtt, TheWaitForTheNextAttemptDoublesUpToAMinute) {
     ASSERT_TRUE(loop.until([&] { return device.connection.wait == std::chrono::milliseconds(60); }));
 }
 
+TEST_F(RelayMqtt, NobodyThereEndsAnAttemptWithTlsAtOnce) {
+    settings.port = 1;
+    settings.ca = "/"; // a directory without authorities
+    open();
+    ASSERT_TRUE(loop.until([&] { return device.connection.attempts == 2; }));
+    EXPECT_EQ(device.connection.told, "the connection was closed");
+}
+
+TEST_F(RelayMqtt, AUserThatIsNoTextIsToldAsSuch) {
+    settings.user = "\xff";
+    open();
+    ASSERT_TRUE(loop.until([&] { return !device.connection.told.empty(); }));
+    EXPECT_EQ(device.connection.told, mosquitto_strerror(MOSQ_ERR_MALFORMED_UTF8));
+}
+
 TEST_F(RelayMqtt, GarbageIsNoBroker) {
     broker.consent = -1;
     open();
