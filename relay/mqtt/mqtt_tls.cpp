@@ -29,6 +29,11 @@ void on_progress(const SSL* ssl, int where, int /*unused*/) {
     }
 }
 
+// OpenSSL would ask a terminal, and wait for it.
+int no_passphrase(char* /*unused*/, int /*unused*/, int /*unused*/, void* /*unused*/) {
+    return 0;
+}
+
 bool is_directory(const std::string& path) {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -41,7 +46,7 @@ bool is_readable_kind(const std::string& path) {
 }
 
 std::string failed(const std::string& what, const std::string& file) {
-    const char* const reason = ERR_reason_error_string(ERR_peek_last_error());
+    const char* const reason = ERR_reason_error_string(ERR_peek_error());
     ERR_clear_error();
     return what + " " + file + ": " + (reason != nullptr ? reason : "can't be read");
 }
@@ -91,6 +96,7 @@ std::string mqtt_tls_open(MqttTls& tls, const MqttSettings& settings) {
         return "no TLS";
     }
     SSL_CTX_set_app_data(context, &tls);
+    SSL_CTX_set_default_passwd_cb(context, no_passphrase);
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, on_verified);
     SSL_CTX_set_info_callback(context, on_progress);

@@ -262,6 +262,19 @@ TEST_F(RelayMqttSystem, AnotherAuthorityIsRefused) {
         << log();
 }
 
+TEST_F(RelayMqttSystem, AKeyWithAPassphraseIsRefusedWithoutAQuestion) {
+    make_certificates("DNS:localhost");
+    const RunResult locked = run_program({"openssl", "ec", "-in", file("device.key"), "-aes128", "-passout",
+                                          "pass:secret", "-out", file("locked.key")});
+    ASSERT_EQ(locked.status, 0) << locked.err;
+    const RunResult result =
+        run_program({TAVOR_RELAY_PROGRAM, "--daemon", board.socket_path(), "--socket", file("relay.sock"),
+                     "--listen", "", "--mqtt", "localhost", "--mqtt-ca", file("ca.pem"), "--mqtt-cert",
+                     file("device.pem"), "--mqtt-key", file("locked.key")});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(result.err.starts_with("tavor-relay: key " + file("locked.key") + ": ")) << result.err;
+}
+
 TEST_F(RelayMqttSystem, UserAndPasswordAreAskedFor) {
     board.directory.write("users", "");
     ASSERT_EQ(run_program({"mosquitto_passwd", "-b", file("users"), "me", "secret"}).status, 0);
