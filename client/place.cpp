@@ -52,11 +52,11 @@ std::optional<std::string> find(const Place& place, location_config_id id) {
 } // namespace
 
 std::string place_daemon_socket(const std::string& socket) {
-    if (socket == TAVOR_RELAY_SOCKET_PATH) {
-        return TAVOR_SOCKET_PATH;
-    }
     const auto relay = relay_status_ask(socket);
-    return relay && !relay->daemon.empty() ? relay->daemon : socket;
+    if (relay && !relay->daemon.empty()) {
+        return relay->daemon;
+    }
+    return socket == TAVOR_RELAY_SOCKET_PATH ? TAVOR_SOCKET_PATH : socket;
 }
 
 Place place_of(const std::string& socket) {

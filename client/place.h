@@ -16,8 +16,8 @@ struct Place {
     int config_error = 0;  // error number; 0: it was read
 };
 
-// The socket of the daemon behind one that a client talks to: the relay of this machine has its own,
-// elsewhere, and serves the usual daemon; a relay at another place is asked, 0.4 seconds at most.
+// The socket of the daemon behind one that a client talks to: a relay there is asked, 0.4 seconds at most; of
+// the relay at its usual place that does not tell it is the usual one.
 std::string place_daemon_socket(const std::string& socket);
 
 // Reads the settings beside the socket. A relay's stands for that of its daemon; any other

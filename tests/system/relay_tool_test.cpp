@@ -147,6 +147,14 @@ TEST_F(RelayTool, DoesAllAtTheUsualPlaceWithoutBeingTold) {
     expect_all();
 }
 
+TEST_F(RelayTool, StatusLooksAtTheDaemonThatTheRelayTells) {
+    if (!enter_usual_place(board.directory.path)) {
+        GTEST_SKIP() << "needs the right to a mount namespace of its own";
+    }
+    start({"--daemon", board.socket_path()});
+    EXPECT_EQ(status().at("socket"), board.socket_path());
+}
+
 // The answer to a command takes the chip's answer along only while positioning is on for somebody.
 TEST_F(RelayTool, SendsCommandsWhilePositioningIsOn) {
     start_at_another_place();
