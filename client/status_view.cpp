@@ -71,9 +71,8 @@ std::string relay_row(const Status& status) {
     return row("relay", "answers, version " + print_safe(relay.version) +
                             ", consumers: " + std::to_string(relay.local_consumers) + " local, " +
                             std::to_string(relay.gpsd_consumers) + " of gpsd's protocol; " +
-                            std::to_string(relay.dropped) + " dropped for slow ones, " +
-                            std::to_string(relay.let_go) + " let go, " +
-                            std::to_string(relay.daemon_restarts) + " restarts of the daemon");
+                            std::to_string(relay.dropped) + " dropped, " + std::to_string(relay.let_go) +
+                            " let go, " + std::to_string(relay.daemon_restarts) + " restarts of the daemon");
 }
 
 std::string power_text(const Status& status) {

@@ -128,7 +128,7 @@ TEST(StatusView, ARelayIsShownWithWhatItTells) {
     status.relay->let_go = 1;
     status.relay->daemon_restarts = 3;
     EXPECT_EQ(row_of(status_view_text(status), "relay"),
-              "answers, version 1.3, consumers: 2 local, 1 of gpsd's protocol; 5 dropped for slow ones, "
+              "answers, version 1.3, consumers: 2 local, 1 of gpsd's protocol; 5 dropped, "
               "1 let go, 3 restarts of the daemon");
     EXPECT_EQ(Json::parse(status_view_json(status)).at("relay"),
               (Json{{"socket", "/r"},
