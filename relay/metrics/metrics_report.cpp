@@ -107,7 +107,7 @@ constexpr Row kRows[] = {
     {"tavor_relay_requests_refused_total", kCounter, "Of the failed ones: refused, without the right.", "",
      [] { return count(hub_counters().refused); }},
     {"tavor_relay_requests_ignored_total", kCounter,
-     "Requests not heard, of local clients with too many open ones.", "",
+     "Requests not heard: of local clients with too many open ones, and of clients beyond the bound.", "",
      [] { return count(hub_counters().ignored); }},
     {"tavor_relay_malformed_total", kCounter, "Datagrams and lines that mean nothing.", "",
      [] { return count(hub_counters().malformed); }},

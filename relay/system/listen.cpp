@@ -49,14 +49,14 @@ socklen_t parse_place(const std::string& place, sockaddr_storage& address) {
     return static_cast<socklen_t>(length);
 }
 
-// Whether somebody answers at the path.
+// Whether a socket is open at the path: it takes us, is full, is of another type, or is another's only.
 bool is_served(const sockaddr_un& address, int type) {
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         return false;
     }
-    const bool served =
-        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN;
+    const bool served = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+                        errno == EAGAIN || errno == EPROTOTYPE || errno == EPERM;
     close(fd);
     return served;
 }
