@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -15,7 +16,7 @@ Each option may stand in the configuration file, a line "option=value" without t
 
 Exit status:
   0  ended by SIGTERM or SIGINT
-  1  a socket can't be had: it is in use, or there is no right to it
+  1  a socket can't be had: it is in use, or there is no right to it; or the files for TLS can't be read
   2  the command line or the configuration file is wrong
 
 Examples:
@@ -70,6 +71,8 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     app.set_version_flag("--version", "tavor-relay " TAVOR_VERSION);
     app.set_config("--config", config_path, "File with settings")->type_name("FILE");
     app.allow_config_extras(CLI::config_extras_mode::error);
+    // No value is a list: one may begin with the bracket of an IPv6 address, or hold blanks and commas.
+    app.get_config_formatter_base()->arrayBounds('\n', '\n');
     app.footer(kFooter);
     add_options(app, options, positioning);
     MqttWords mqtt;
@@ -81,6 +84,10 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
             return app.exit(error);
         }
         return usage_error(error.what());
+    }
+    // A file that was read counts as given; the usual one is passed over when it can't be read.
+    if (app.get_config_ptr()->count() == 0 && access(config_path, F_OK) == 0) {
+        return usage_error(std::string("can't read ") + config_path);
     }
     if (!std::isfinite(options.stop_delay_s)) { // the check of the range lets "nan" pass
         return usage_error("--stop-delay is a number of seconds");

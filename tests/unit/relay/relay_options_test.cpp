@@ -4,6 +4,7 @@
 
 #include "support/private_dir.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <utility>
 #include <vector>
@@ -49,6 +50,29 @@ TEST_F(RelayOptions, TheCommandLineWinsOverTheFile) {
     EXPECT_EQ(options.stop_delay_s, 60);
     EXPECT_EQ(options.socket, "/run/b");
     EXPECT_EQ(options.chrony, "/run/c");
+}
+
+TEST_F(RelayOptions, AValueOfTheFileIsTheWholeRestOfItsLine) {
+    const std::string file = directory.write(
+        "relay.conf", "listen=[::1]:2947\nchrony = /run/a b,c\nmetrics=[::1]:9947\nsocket=\"/run/q\"\n");
+    ASSERT_EQ(parse({"--config", file.c_str()}), -1) << err;
+    EXPECT_EQ(options.listen, "[::1]:2947");
+    EXPECT_EQ(options.chrony, "/run/a b,c");
+    EXPECT_EQ(options.metrics, "[::1]:9947");
+    EXPECT_EQ(options.socket, "/run/q");
+    options.chrony = "/run/c";
+    const std::string empty = directory.write("empty.conf", "listen=\nchrony=\n");
+    ASSERT_EQ(parse({"--config", empty.c_str()}), -1) << err;
+    EXPECT_EQ(options.listen, "");
+    EXPECT_EQ(options.chrony, "");
+}
+
+TEST_F(RelayOptions, AUsualFileThatCannotBeReadIsNotPassedOver) {
+    const std::filesystem::path usual = directory.path / "none.conf";
+    std::filesystem::create_directory(usual); // root may read any file
+    EXPECT_EQ(parse({}), 2);
+    EXPECT_EQ(err, "tavor-relay: can't read " + usual.string() + "; see 'tavor-relay --help'\n");
+    EXPECT_EQ(parse({"--config", directory.write("other.conf", "stop-delay=3\n").c_str()}), -1);
 }
 
 TEST_F(RelayOptions, VersionAndHelp) {
