@@ -39,4 +39,8 @@ for _ in $(seq 100); do
     ! grep -q ' running$' "$dir/broker.log" || break
     sleep 0.05
 done
+grep -q ' running$' "$dir/broker.log" || {
+    cat "$dir/broker.log" >&2
+    exit 1
+}
 "$build/bin/fleet_bench" "$devices" "$port" "$broker" "$seconds" | grep -v '^tavor-relay: '
