@@ -17,8 +17,9 @@ namespace {
 
 constexpr std::ptrdiff_t kConnectionsMax = 16; // of a socket
 constexpr int kPatienceS = 5;
-constexpr int kPauseS = 1;      // without a descriptor for the next connection
-constexpr int kAcceptsMax = 16; // at a time: others get their turn
+constexpr int kPauseS = 1; // without a descriptor for the next connection
+// At a time: a place is kept for four turns of the loop at least, so that what its owner asks is read.
+constexpr std::ptrdiff_t kAcceptsMax = kConnectionsMax / 4;
 
 struct Connection {
     int fd = -1;
@@ -165,7 +166,7 @@ void set_listening(bool on) {
 }
 
 void on_connection(evutil_socket_t listener, short /*unused*/, void* /*unused*/) {
-    for (int i = 0; i < kAcceptsMax; ++i) {
+    for (std::ptrdiff_t i = 0; i < kAcceptsMax; ++i) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
             set_listening(false);

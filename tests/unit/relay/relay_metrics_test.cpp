@@ -281,6 +281,17 @@ TEST_F(RelayMetrics, AreServedBesideThoseThatSayNothing) {
     EXPECT_FALSE(silent.back()->read());
 }
 
+TEST_F(RelayMetrics, WhoAsksIsServedBeforeACrowdBehindTakesItsPlace) {
+    Scraper asker(path);
+    ASSERT_TRUE(asker.send("GET /metrics HTTP/1.1\r\n\r\n"));
+    std::vector<std::unique_ptr<Scraper>> crowd(100);
+    for (auto& one : crowd) {
+        one = std::make_unique<Scraper>(path);
+    }
+    EXPECT_TRUE(loop.until([&] { return asker.read(); }));
+    EXPECT_EQ(asker.got.substr(0, 12), "HTTP/1.1 200");
+}
+
 TEST_F(RelayMetrics, NoSocketOfAnotherTypeTakesTheirPlace) {
     EXPECT_EQ(listen_path(path, SOCK_DGRAM), -1);
     EXPECT_EQ(errno, EADDRINUSE);
