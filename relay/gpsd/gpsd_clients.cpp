@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <list>
 #include <map>
 #include <netinet/in.h>
@@ -151,7 +152,7 @@ void let_go(GpsdClient& client, const char* why) {
     }
 }
 
-// So no host keeps another one out, and on one host who comes later can look.
+// So no host keeps another one out, and of one host those that watch keep their places.
 void make_place() {
     std::map<std::string, size_t> connections;
     for (const GpsdClient& client : state.clients) {
@@ -159,9 +160,14 @@ void make_place() {
     }
     const auto most = std::max_element(connections.begin(), connections.end(),
                                        [](const auto& a, const auto& b) { return a.second < b.second; });
-    const auto oldest = std::find_if(state.clients.begin(), state.clients.end(),
-                                     [&](const GpsdClient& client) { return client.host == most->first; });
-    let_go(*oldest, "makes way for another");
+    const auto of_it = [&](const GpsdClient& client) { return client.host == most->first; };
+    auto leaves = std::find_if(state.clients.begin(), state.clients.end(), [&](const GpsdClient& client) {
+        return of_it(client) && !client.watch.enable;
+    });
+    if (leaves == state.clients.end()) { // all watch: the newest
+        leaves = std::prev(std::find_if(state.clients.rbegin(), state.clients.rend(), of_it).base());
+    }
+    let_go(*leaves, "makes way for another");
     gpsd_clients_tidy();
 }
 
@@ -234,9 +240,11 @@ void gpsd_clients_send(GpsdClient& client, GpsdLine line) {
     drop_oldest(client, size);
     client.waiting_size += size;
     client.answers += line.is_answer ? 1 : 0;
-    const bool now = line.is_answer || client.waiting_size > kGatherMax;
+    const bool is_answer = line.is_answer;
     client.waiting.push_back(std::move(line));
-    if (now && !client.full) {
+    if (is_answer) {
+        set_full(client, true);
+    } else if (client.waiting_size > kGatherMax && !client.full) {
         flush(client);
     }
 }

@@ -1,7 +1,8 @@
 // The TCP clients: connections, and what waits for them.
 //
 // Reports wait until all that has come from the daemon is handed out, then one call of the kernel takes them:
-// one for each client and epoch as a rule. Answers go at once.
+// one for each client and epoch as a rule. An answer goes with the next turn of the loop, and the next
+// request is heard behind it: so who asks without end gets one turn among all others.
 //
 // For a client that does not read 64 KiB of reports wait, then the oldest are dropped. Answers to requests
 // are never dropped; while one waits, no further request is read. A client that has taken nothing for 30
@@ -37,7 +38,7 @@ struct GpsdClient {
     size_t sent = 0;              // bytes of the oldest
     size_t waiting_size = 0;      // bytes of all
     int answers = 0;              // of what waits
-    bool full = false;            // the kernel took no more; the loop says when it does
+    bool full = false; // what waits goes with another turn: the kernel took no more, or an answer waits
     bool gone = false;
     std::chrono::steady_clock::time_point taken; // the latest byte that it took, or what waited first
     std::chrono::steady_clock::time_point heard; // the latest byte that it sent, or its coming
@@ -52,11 +53,11 @@ void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdR
                        size_t clients_max);
 void gpsd_clients_close();
 
-// Takes over a connection from this host. When there are too many already the oldest connection of the host
-// that has the most makes way.
+// Takes over a connection from this host. When there are too many already, one of the host that has the
+// most makes way: the oldest that watches nothing, or else the newest.
 GpsdClient& gpsd_clients_add(int fd, const std::string& host);
 
-// Queues a line for one client. An answer is sent at once, with what waits before it.
+// Queues a line for one client. An answer goes with the next turn, with what waits before it.
 void gpsd_clients_send(GpsdClient& client, GpsdLine line);
 
 // Calls for each client.

@@ -163,8 +163,8 @@ int serve(event_base* base, const Options& options) {
 
 int run(const Options& options) {
     raise_descriptor_limit();
-    const EventBasePtr base(event_base_new());
-    if (!base || event_base_priority_init(base.get(), kPriorities) != 0) {
+    const EventBasePtr base = event_base_open();
+    if (!base) {
         return fail("can't make an event loop");
     }
     const int status = serve(base.get(), options);

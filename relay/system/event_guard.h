@@ -6,6 +6,7 @@
 #include <event2/event.h>
 #include <memory>
 #include <sys/time.h>
+#include <utility>
 
 struct EventFree {
     void operator()(event* one) const {
@@ -28,6 +29,20 @@ inline constexpr int kPriorities = 2;
 
 inline timeval event_time(std::chrono::milliseconds time) {
     return {.tv_sec = time.count() / 1000, .tv_usec = (time.count() % 1000) * 1000};
+}
+
+// A loop that serves others for 5 ms at most, one of them at least, before it hears the daemon again: a
+// millisecond by libevent's clock, which moves with the kernel's ticks. Null on failure.
+inline EventBasePtr event_base_open() {
+    const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
+                                                                             event_config_free);
+    const timeval turn = event_time(std::chrono::milliseconds(1));
+    if (!config ||
+        event_config_set_max_dispatch_interval(config.get(), &turn, -1, kPriorityUpstream + 1) != 0) {
+        return nullptr;
+    }
+    EventBasePtr base(event_base_new_with_config(config.get()));
+    return base && event_base_priority_init(base.get(), kPriorities) == 0 ? std::move(base) : nullptr;
 }
 
 // Arms a timer, also one that is armed already. At the end of 0 ms the loop has looked at all descriptors

@@ -143,8 +143,10 @@ int64_t PlayedClient::value(uint32_t code) const {
     return found == got.rend() ? -2 : static_cast<int64_t>(found->value);
 }
 
-RelayLoop::RelayLoop() : base(event_base_new()) {
-    event_base_priority_init(base.get(), kPriorities);
+RelayLoop::RelayLoop() : base(event_base_open()) {
+    if (!base) {
+        throw std::runtime_error("no event loop");
+    }
 }
 
 RelayLoop::~RelayLoop() {

@@ -6,6 +6,7 @@
 #include "support/relay_loop.h"
 #include "support/tcp_peer.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
@@ -113,21 +114,27 @@ struct RelayGpsd : testing::Test {
     RelayLoop loop;
 };
 
-TEST_F(RelayGpsd, AmongTooManyTheOldestOfTheHostWithTheMostMakesWay) {
+TEST_F(RelayGpsd, AmongTooManyOneOfTheHostWithTheMostMakesWayThatDoesNotWatch) {
     gpsd_close();
-    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 3}));
+    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 4}));
     TcpPeer other(gpsd_port(), 0, "127.0.0.2");
     ASSERT_TRUE(gets(other, "VERSION"));
-    TcpPeer oldest(gpsd_port());
-    ASSERT_TRUE(asked(oldest, kWatchJson, "\"WATCH\""));
+    TcpPeer watcher(gpsd_port());
+    ASSERT_TRUE(asked(watcher, kWatchJson, "\"WATCH\""));
+    TcpPeer idle(gpsd_port());
+    ASSERT_TRUE(gets(idle, "VERSION"));
     TcpPeer second(gpsd_port());
-    ASSERT_TRUE(gets(second, "VERSION"));
-    TcpPeer newcomer(gpsd_port());
-    ASSERT_TRUE(asked(newcomer, kWatchJson, "\"WATCH\""));
-    ASSERT_TRUE(loop.until([&] { return !oldest.read(); }));
-    EXPECT_EQ(gpsd_clients_count(), 3U);
-    EXPECT_EQ(hub_counters().tcp_consumers, 1U);
+    ASSERT_TRUE(asked(second, kWatchJson, "\"WATCH\""));
+    TcpPeer third(gpsd_port());
+    ASSERT_TRUE(loop.until([&] { return !idle.read(); }));
+    ASSERT_TRUE(asked(third, kWatchJson, "\"WATCH\""));
+    TcpPeer fourth(gpsd_port()); // all watch: the newest makes way
+    ASSERT_TRUE(loop.until([&] { return !third.read(); }));
+    ASSERT_TRUE(asked(fourth, "?DEVICES;", "DEVICES"));
+    EXPECT_EQ(gpsd_clients_count(), 4U);
+    EXPECT_EQ(hub_counters().tcp_consumers, 2U);
     EXPECT_TRUE(asked(other, "?DEVICES;", "DEVICES"));
+    EXPECT_TRUE(asked(watcher, "?DEVICES;", "DEVICES"));
     EXPECT_TRUE(asked(second, "?DEVICES;", "DEVICES"));
 }
 
@@ -345,6 +352,27 @@ TEST_F(RelayGpsd, WhoAsksAndDoesNotReadIsNotAskedForMore) {
             ++polls;
         }
         return polls == 400;
+    }));
+}
+
+TEST_F(RelayGpsd, RequestsThatComeTogetherAreAnsweredOneATurn) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(gets(peer, "VERSION"));
+    peer.got.clear();
+    std::string requests;
+    for (int i = 0; i < 200; ++i) {
+        requests += "?DEVICES;";
+    }
+    ASSERT_TRUE(peer.send(requests));
+    for (int turns = 0; turns < 10; ++turns) {
+        event_base_loop(loop.base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    }
+    peer.read();
+    const auto answers = [&] { return std::count(peer.got.begin(), peer.got.end(), '\n'); };
+    EXPECT_LE(answers(), 10);
+    EXPECT_TRUE(loop.until([&] {
+        peer.read();
+        return answers() == 200;
     }));
 }
 

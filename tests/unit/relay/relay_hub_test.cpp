@@ -2,7 +2,10 @@
 
 #include "support/relay_loop.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -68,6 +71,36 @@ TEST_F(RelayHub, TheDaemonIsHeardBetweenSlowItems) {
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));
     ASSERT_TRUE(loop.until([&] { return got.size() == 4; }));
     EXPECT_EQ(got, (std::vector<std::string>{"one", "heard", "two", "heard"}));
+}
+
+TEST_F(RelayHub, TheDaemonIsHeardAmongManyThatAreServed) {
+    struct Turn {
+        std::vector<std::string>& got;
+        int daemons_end;
+    };
+    const int daemons_end = eventfd(0, EFD_CLOEXEC);
+    Turn turn{got, daemons_end};
+    const EventPtr daemon(event_new(
+        loop.base.get(), daemons_end, EV_READ,
+        [](evutil_socket_t, short, void* to) { static_cast<Turn*>(to)->got.emplace_back("heard"); }, &turn));
+    event_priority_set(daemon.get(), kPriorityUpstream);
+    event_add(daemon.get(), nullptr);
+    std::vector<EventPtr> others;
+    for (int i = 0; i < 20; ++i) {
+        others.emplace_back(event_new(
+            loop.base.get(), -1, 0,
+            [](evutil_socket_t, short, void* to) {
+                const Turn& one = *static_cast<Turn*>(to);
+                one.got.emplace_back("served");
+                eventfd_write(one.daemons_end, 1);
+                usleep(2000);
+            },
+            &turn));
+        event_active(others.back().get(), 0, 0);
+    }
+    ASSERT_TRUE(loop.until([&] { return got.size() == 21; }));
+    EXPECT_LT(std::find(got.begin(), got.end(), "heard") - got.begin(), 10);
+    close(daemons_end);
 }
 
 TEST_F(RelayHub, AnAnswerToNobodyIsNoItem) {
