@@ -21,10 +21,10 @@ packages=(
 )
 optional=(
     debootstrap systemd-container debhelper dpkg-dev lintian
-    gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients
+    gpsd gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients
     tmux
 )
-services=(chrony mosquitto) # of those that bring one
+services=(chrony mosquitto gpsd) # of those that bring one
 policy=/usr/sbin/policy-rc.d
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
