@@ -76,8 +76,8 @@ int finish(Export& run, int status) {
         track_end(run.track, writer(run));
         session_emit(run.session, track_format_end(run.text));
     }
-    if (run.session.output_error == EPIPE) { // a reader that has gone has seen enough
-        return status;
+    if (run.session.output_error == EPIPE || run.session.output_error == EINTR) {
+        return status; // a reader that has gone has seen enough, and one that doesn't read sees nothing
     }
     tell_counts(run.track);
     if (failed || run.session.output_error != 0) {

@@ -1,10 +1,14 @@
 #include "client/output.h"
 
+#include "base/descriptor_guard.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <poll.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,19 +24,29 @@ int wait_for_room(int fd, int interrupt) {
     return waits[0].revents != 0 ? 0 : EINTR;
 }
 
+// A terminal takes a part and holds the writer up for the rest, so it is opened once more for writes that come
+// back: set for the descriptor itself that would hold for the shell too. -1 for what is no terminal.
+int open_unheld(int fd) {
+    return isatty(fd) == 0 ? -1
+                           : open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
+                                  O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
 } // namespace
 
 int output_write(int fd, std::string_view text, int interrupt, uint64_t& written) {
     struct stat status = {};
     const bool file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode); // never holds up
+    const DescriptorGuard unheld(file ? -1 : open_unheld(fd));
+    const int to = unheld.fd >= 0 ? unheld.fd : fd;
     while (!text.empty()) {
-        const int error = file ? 0 : wait_for_room(fd, interrupt);
+        const int error = file ? 0 : wait_for_room(to, interrupt);
         if (error != 0) {
             return error;
         }
         // A pipe that has room takes so many bytes without waiting.
         const size_t size = file ? text.size() : std::min<size_t>(text.size(), PIPE_BUF);
-        const ssize_t count = write(fd, text.data(), size);
+        const ssize_t count = write(to, text.data(), size);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
         }

@@ -152,11 +152,10 @@ int record_run(Session& session) {
     // A reader that has gone is an ordinary end of a pipe, and has seen enough.
     const bool left =
         !recording.own && (recording.error == EPIPE || followed.outcome == Outcome::kOutputClosed);
-    if (!left) {
-        summarise(recording);
-    }
     if (recording.error == EINTR) {
         session.output_error = EINTR; // the end takes the signal, before a stop that --stop asks for
+    } else if (!left) {
+        summarise(recording);
     }
     const int status = follow_finish(session, followed);
     const bool failed = recording.error != 0 && recording.error != EINTR && !left;

@@ -216,6 +216,26 @@ TEST(Export, SignalEndsItAlsoWhileNobodyReads) {
     EXPECT_EQ(tool.end(), 128 + SIGTERM);
 }
 
+TEST(Export, SignalEndsItOnATerminalThatTakesNothing) {
+    Scene scene;
+    scene.directory.write("track", many_epochs());
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(master) + unlockpt(master), 0);
+    const string path = ptsname(master);
+    const int slave = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    Tool tool({"/bin/sh", "-c", "exec \"$0\" export --gpx \"$1\" >\"$2\" 2>&1", TAVOR_CTL_PROGRAM, scene.file,
+               path});
+    EXPECT_TRUE(wait_until([&] {
+        pollfd room = {slave, POLLOUT, 0};
+        return poll(&room, 1, 0) == 0;
+    }));
+    tool.signal(SIGTERM);
+    EXPECT_TRUE(tool.wait_gone());
+    close(slave);
+    close(master); // lets go of what is held up
+    EXPECT_EQ(tool.end(), 128 + SIGTERM);
+}
+
 TEST(Export, ReaderThatHasGoneEndsItQuietly) {
     Scene scene;
     scene.directory.write("track", many_epochs());
