@@ -45,6 +45,11 @@ std::vector<gid_t> groups_of(const passwd& user) {
     return groups;
 }
 
+bool can_be_taken(const std::string& properties) {
+    const DaemonRights rights(properties);
+    return state.daemons;
+}
+
 } // namespace
 
 std::optional<ServiceUser> check_rights_user(const std::string& properties) {
@@ -73,6 +78,11 @@ void check_rights(std::vector<Finding>& findings, const std::string& properties)
             {Grade::kBad, kSubject,
              "there is no user " + check_unit_property(properties, "User") + ", as whom tavor.service runs",
              "'systemd-sysusers' makes user tavor; or correct User= ('systemctl edit tavor')"});
+    } else if (geteuid() == 0 && !can_be_taken(properties)) {
+        findings.push_back({Grade::kDoubtful, kSubject,
+                            "the look is made as root: the rights of " + user->name +
+                                ", as whom the daemon runs, can't be taken here",
+                            "try outside of a container, or with CAP_SETUID and CAP_SETGID"});
     } else if (geteuid() == 0 && user->uid != 0) {
         findings.push_back({Grade::kGood, kSubject,
                             "settings, devices and directories are looked at as user " + user->name +
@@ -96,9 +106,9 @@ DaemonRights::DaemonRights(const std::string& properties) {
     groups.resize(
         static_cast<size_t>(std::max(getgroups(static_cast<int>(groups.size()), groups.data()), 0)));
     // The saved ids stay root's: by them the own rights come back. access() asks the real ones.
-    taken = setgroups(user->groups.size(), user->groups.data()) == 0 &&
-            setresgid(user->gid, user->gid, 0) == 0 && setresuid(user->uid, user->uid, 0) == 0;
-    state.daemons = taken;
+    taken = setgroups(user->groups.size(), user->groups.data()) == 0;
+    state.daemons =
+        taken && setresgid(user->gid, user->gid, 0) == 0 && setresuid(user->uid, user->uid, 0) == 0;
 }
 
 DaemonRights::~DaemonRights() {

@@ -29,7 +29,7 @@ void check_rights(std::vector<Finding>& findings, const std::string& properties)
 struct DaemonRights : private NonCopyable {
     explicit DaemonRights(const std::string& properties);
     ~DaemonRights();
-    bool taken = false;
+    bool taken = false;        // of them or of a part: something is to be given back
     std::vector<gid_t> groups; // of before
 };
 

@@ -14,10 +14,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
@@ -85,6 +87,15 @@ struct Line {
     int slave = -1;
     std::string path;
 };
+
+void give_up(int capability) {
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    EXPECT_EQ(syscall(SYS_capget, &header, data), 0);
+    data[0].effective &= ~(1U << static_cast<unsigned>(capability));
+    data[0].permitted = data[0].effective;
+    EXPECT_EQ(syscall(SYS_capset, &header, data), 0);
+}
 
 std::string serial_of(const std::string& config, bool daemon_runs = false) {
     Findings findings;
@@ -314,6 +325,25 @@ TEST(CheckRights, SaysAsWhomItLooksAndWhatItCanNotSee) {
                 holds(rights("User=root\n"), "skipped   rights: this user's count here, not those of root"));
         }
     });
+}
+
+// In a process of its own, for what is given up does not come back.
+TEST(CheckRights, RightsThatCanNotBeTakenAreNotClaimed) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "takes root";
+    }
+    for (const int capability : {CAP_SETGID, CAP_SETUID}) {
+        EXPECT_EXIT(
+            {
+                give_up(capability);
+                Findings findings;
+                check_rights(findings, "User=nobody\nGroup=daemon\n");
+                fputs(text_of(findings).c_str(), stderr);
+                _exit(geteuid() == 0 && getegid() == 0 ? 0 : 1);
+            },
+            testing::ExitedWithCode(0), "^doubtful  rights: the look is made as root: the rights of nobody")
+            << capability;
+    }
 }
 
 TEST(CheckFiles, DirectoriesThatAreMissingOrNoneAreBad) {
