@@ -60,13 +60,16 @@ std::string fix_text(const Monitor& monitor, Clock::time_point now) {
 
 void draw_title(Grid& grid, const Monitor& monitor, Clock::time_point now) {
     const std::string time = monitor.fix.dated ? utc_iso(*monitor.fix.dated) : "no date";
-    grid_text(grid, 0, 0, " tavor  " + time + "  " + fix_text(monitor, now));
+    std::string title = " tavor  " + time + "  " + fix_text(monitor, now);
     if (monitor.heard) {
-        std::array<char, 32> age = {};
-        snprintf(age.data(), age.size(), "%.0f s ago ", seconds_since(*monitor.heard, now));
-        const std::string text = age.data();
-        grid_text(grid, 0, grid.width - static_cast<int>(text.size()), text);
+        const std::string age = " " + number(seconds_since(*monitor.heard, now), 0, " s ago ");
+        const int column = std::max(0, grid.width - static_cast<int>(age.size()));
+        if (title.size() > static_cast<size_t>(column)) { // no half of a number in front of it
+            title.resize(title.find_last_of(' ', static_cast<size_t>(column)));
+        }
+        grid_text(grid, 0, column, age);
     }
+    grid_text(grid, 0, 0, title);
     grid.reversed[0] = true;
 }
 

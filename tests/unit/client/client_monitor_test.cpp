@@ -66,6 +66,10 @@ void type(Monitor& monitor, const string& keys) {
 
 } // namespace
 
+TEST(Monitor, NarrowTitleLeavesWholeWordsBesideTheAge) {
+    EXPECT_EQ(picture(epoch(), 60)[0], " tavor  2026-11-21T15:16:20.000Z  autonomous fix,   0 s ago");
+}
+
 TEST(Monitor, FrameHasEverythingInEightyColumns) {
     Monitor monitor = epoch();
     monitor_line(monitor, "chip: $PZUL001,353,3*24\n");
