@@ -7,6 +7,7 @@
 #include "client/export.h"
 #include "client/follow.h"
 #include "client/monitor.h"
+#include "client/place.h"
 #include "client/position.h"
 #include "client/print.h"
 #include "client/record.h"
@@ -16,6 +17,7 @@
 #include "client/status.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <string_view>
@@ -66,6 +68,16 @@ const SimpleRow& simple_row(const Options& options) {
     });
 }
 
+// The daemon does not say where it listens, its settings do.
+void tell_listener(Session& session) {
+    const Place place = place_of(session.options.socket);
+    if (place.known && (place.config_error == 0 || place.config_error == ENOENT)) {
+        session_emit(session, "by the settings it listens at " +
+                                  print_safe(place_text(place, CONFIG_DEBUG_SOCKET_IP)) + ", port " +
+                                  std::to_string(place_number(place, CONFIG_DEBUG_SOCKET_PORT)) + "\n");
+    }
+}
+
 int run_simple(Session& session) {
     const SimpleRow& row = simple_row(session.options);
     const double limit_s = session.options.timeout_s.value_or(row.limit_s);
@@ -75,8 +87,12 @@ int run_simple(Session& session) {
     if (answer) {
         const bool takes_right = row.command == Command::kDebug && !record_ok(*answer);
         const std::string hint = takes_right ? relay_right_hint(session.options.socket) : "";
-        return session_report(session, *answer,
-                              hint.empty() ? row.failure : "the debug outlet was not switched: " + hint);
+        const int status = session_report(
+            session, *answer, hint.empty() ? row.failure : "the debug outlet was not switched: " + hint);
+        if (row.outlet == "tcp" && record_ok(*answer) && !session.options.json) {
+            tell_listener(session);
+        }
+        return status;
     }
     return session_end_status(session, outcome, limit_s);
 }

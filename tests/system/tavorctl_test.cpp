@@ -96,6 +96,16 @@ TEST(Tavorctl, SuccessIsStatusZeroAndQuietOnStandardError) {
     }
 }
 
+TEST(Tavorctl, OutletOverTcpTellsWhereItListens) {
+    PrivateDir directory;
+    std::filesystem::create_directories(directory.path / "etc/default/tavor");
+    directory.write("etc/default/tavor/tavor.conf", "debug socket ip=127.0.0.7\ndebug socket port=7100\n");
+    const FakeDaemon daemon(directory.path / "etc/default/tavor/tavor_sun_path", answers(0));
+    Tool tool({TAVOR_CTL_PROGRAM, "--socket", daemon.path, "debug", "tcp"});
+    EXPECT_EQ(tool.end(), 0);
+    EXPECT_EQ(tool.out, "debug outlet switched\nby the settings it listens at 127.0.0.7, port 7100\n");
+}
+
 TEST(Tavorctl, FailureIsStatusOneAndOneLineThatSaysWhatToDo) {
     Scene scene(answers(TAVOR_VALUE_FAILED));
     for (const Simple& simple : kSimple) {
