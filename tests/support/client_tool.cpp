@@ -5,6 +5,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <fstream>
 #include <poll.h>
 #include <spawn.h>
 #include <stdexcept>
@@ -124,6 +125,16 @@ bool Tool::wait_gone() const {
         siginfo_t info = {};
         return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                info.si_pid == pid;
+    });
+}
+
+bool Tool::wait_asleep() const {
+    return wait_until([&] {
+        std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const size_t name_end = text.rfind(") ");
+        return name_end != std::string::npos && text[name_end + 2] == 'S';
     });
 }
 

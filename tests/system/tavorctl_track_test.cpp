@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>
 
@@ -38,6 +39,7 @@ void play(FakeDaemon& d, const tavor_request& request) {
 
 constexpr int kLimitMs = 60000;
 constexpr size_t kNearlyFull = 50000; // bytes, of the 65536 of a pipe
+constexpr int kTerminalFull = 4000;   // bytes, of the 4095 for a reader; more of them wait behind
 
 struct Scene : ClientScene {
     explicit Scene(const FakeDaemon::Script& script = play) : ClientScene(script) {}
@@ -221,17 +223,15 @@ TEST(Export, SignalEndsItOnATerminalThatTakesNothing) {
     scene.directory.write("track", many_epochs());
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_EQ(grantpt(master) + unlockpt(master), 0);
-    const string path = ptsname(master);
-    const int slave = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     Tool tool({"/bin/sh", "-c", "exec \"$0\" export --gpx \"$1\" >\"$2\" 2>&1", TAVOR_CTL_PROGRAM, scene.file,
-               path});
+               ptsname(master)});
     EXPECT_TRUE(wait_until([&] {
-        pollfd room = {slave, POLLOUT, 0};
-        return poll(&room, 1, 0) == 0;
+        int waiting = 0;
+        return ioctl(master, FIONREAD, &waiting) == 0 && waiting >= kTerminalFull;
     }));
+    EXPECT_TRUE(tool.wait_asleep()) << "the file never makes it wait, so the terminal does";
     tool.signal(SIGTERM);
     EXPECT_TRUE(tool.wait_gone());
-    close(slave);
     close(master); // lets go of what is held up
     EXPECT_EQ(tool.end(), 128 + SIGTERM);
 }
