@@ -30,7 +30,8 @@ TEST(Sentence, EndsAtItsChecksumOrItsLine) {
     EXPECT_EQ(fields_of("$GPGST,1,\r\n"), "[$GPGST][1][]");
     EXPECT_EQ(fields_of("$GPGST,1\n,2"), "[$GPGST][1]");
     EXPECT_EQ(fields_of(""), "[]");
-    const Sentence full = sentence_split(string("$GPGGA") + string(5000, ','));
+    const string text = string("$GPGGA") + string(5000, ',');
+    const Sentence full = sentence_split(text);
     EXPECT_EQ(full.count, kSentenceFields);
     EXPECT_EQ(full.type, "GGA");
 }
