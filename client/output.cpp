@@ -24,8 +24,8 @@ int wait_for_room(int fd, int interrupt) {
     return waits[0].revents != 0 ? 0 : EINTR;
 }
 
-// A terminal takes a part and holds the writer up for the rest, so it is opened once more for writes that come
-// back: set for the descriptor itself that would hold for the shell too. -1 for what is no terminal.
+// A terminal takes a part and holds the writer up for the rest, so it is opened once more for writes that
+// come back: set for the descriptor itself that would hold for the shell too. -1 for what is no terminal.
 int open_unheld(int fd) {
     return isatty(fd) == 0 ? -1
                            : open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
