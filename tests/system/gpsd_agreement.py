@@ -40,6 +40,7 @@ OF_MODEL = {"altHAE", "geoidSep"}
 # One moment of one log each.
 MOMENTS = {
     ("fast-moving", "T14:33:06.000Z", "TPV.speed"): "keeps the speed from before a gap of an hour",
+    ("fast-moving", "T15:25:04.500Z", "TPV"): "does not tell an epoch of which the log has GLL and ZDA only",
     ("fast-moving", "T15:25:08.500Z", "TPV"): "does not tell an epoch that a gap of the log cuts",
     ("south-east-moving", "T09:53:04.802Z", "TPV"): "does not tell the first epoch that is valid",
     ("south-east-moving", "T09:53:07.801Z", "TPV.mode"): "makes 3D of a 2D fix (GSA) that has an altitude",

@@ -129,7 +129,7 @@ struct RelayHostile : testing::Test {
     size_t before = 0; // descriptors
 };
 
-void expect_no_growth(long bytes) {
+void expect_no_growth([[maybe_unused]] long bytes) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LT(bytes, kGrowthMax);
 #endif
