@@ -5,8 +5,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() {
     cat <<EOT
-usage: scripts/cross.sh [--programs] [ARCH...]
+usage: scripts/cross.sh [--quick | --programs] [ARCH...]
   ARCH         arm64, armhf or riscv64; default: arm64 and armhf
+  --quick      of the tests only the unit tests of these folders: ${quick_folders[*]}
   --programs   no unit tests; there are none for riscv64 anyway
 Fetches the libraries from Debian's packages into build/sysroot/ARCH and builds in build/ARCH, a warning is an error. Then the unit
 tests run, and one round of daemon, board and client: start, position, stop. Compilers and emulator are installed when this runs as
@@ -14,6 +15,7 @@ root; nothing else on this machine is changed. Exit codes: 0 all passed, 1 somet
 EOT
 }
 
+quick_folders=(base config nmea queue device)
 packages=(libc6-dev libstdc++6 libatomic1 libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev libncurses-dev
     libcli11-dev nlohmann-json3-dev libgtest-dev zlib1g-dev)
 skipped=77
@@ -33,11 +35,12 @@ not_on_armhf+='|FollowTest\.'
 # A checked ppoll is linked by a name that the board does not replace; the daemon calls none.
 not_on_armhf+='|InterposeFastClock\.WaitsForFilesLastAsLongAsTheProgramAsked'
 
-unit_tests_wanted=yes
+tests=all
 architectures=()
 while [ $# -gt 0 ]; do
     case "$1" in
-    --programs) unit_tests_wanted=no ;;
+    --quick) tests=quick ;;
+    --programs) tests=none ;;
     arm64 | armhf | riscv64) architectures+=("$1") ;;
     -h | --help) usage && exit 0 ;;
     *) usage >&2 && exit 2 ;;
@@ -57,12 +60,12 @@ choose() {
     arch=$1
     processor=$arch
     release=bookworm
-    unit_tests=$unit_tests_wanted
+    unit_tests=$tests
     excluded=$not_emulated
     case $arch in
     arm64) triplet=aarch64-linux-gnu processor=aarch64 ;;
     armhf) triplet=arm-linux-gnueabihf processor=arm excluded="$not_emulated|$not_on_armhf" ;;
-    riscv64) triplet=riscv64-linux-gnu release=trixie unit_tests=no ;; # they name functions of mbed TLS 2 to the linker
+    riscv64) triplet=riscv64-linux-gnu release=trixie unit_tests=none ;; # they name functions of mbed TLS 2 to the linker
     esac
     sysroot=$PWD/build/sysroot/$arch
     tree=build/$arch
@@ -123,9 +126,14 @@ fetch_libraries() {
 }
 
 run_unit_tests() {
+    local folders=
+    [ "$unit_tests" = all ] || folders=$(printf '|%s' "${quick_folders[@]}")
     echo "cross: $arch: unit tests"
-    ctest --preset "$arch" -L '^unit\.' -E "$excluded" --quiet ||
-        ctest --test-dir "$tree" --rerun-failed --output-on-failure
+    ctest --preset "$arch" -L "^unit\\.(${folders#|}${folders:+)$}" -E "$excluded" --quiet --output-on-failure \
+        --output-log "$tree/unit_tests.log" || {
+        grep -A 40 -F '***' "$tree/unit_tests.log"
+        return 1
+    }
 }
 
 # emulate PROGRAM ARGUMENT...
@@ -180,8 +188,13 @@ run_system() {
 }
 
 build() {
-    local targets=(tavor tavorctl tavor-board tavor_board)
-    [ "$unit_tests" = no ] || targets+=(tests/unit/all)
+    local targets=(tavor tavorctl tavor-board tavor_board) folder
+    if [ "$unit_tests" = quick ]; then
+        for folder in "${quick_folders[@]}"; do
+            targets+=("tests/unit/$folder/all")
+        done
+    fi
+    [ "$unit_tests" != all ] || targets=(all)
     echo "cross: $arch: build"
     cmake --preset "$arch" >/dev/null
     cmake --build --preset "$arch" --target "${targets[@]}" | { grep -vE '^\[[0-9]+/[0-9]+\]' || true; }
@@ -195,7 +208,7 @@ done
 for architecture in "${architectures[@]}"; do
     choose "$architecture"
     build
-    [ "$unit_tests" = no ] || run_unit_tests
+    [ "$unit_tests" = none ] || run_unit_tests
     run_system
 done
 echo "cross: passed: ${architectures[*]}"

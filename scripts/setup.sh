@@ -20,7 +20,7 @@ packages=(
     clang-format clang-tidy patch mandoc bash-completion
 )
 optional=(
-    debootstrap systemd-container debhelper dpkg-dev lintian
+    build-essential debootstrap systemd-container debhelper dpkg-dev lintian
     gpsd gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients
     tmux
 )
