@@ -54,7 +54,10 @@ bool can_be_taken(const std::string& properties) {
 
 std::optional<ServiceUser> check_rights_user(const std::string& properties) {
     const std::string name = check_unit_property(properties, "User");
-    const passwd* entry = find_user(name.empty() ? "root" : name);
+    if (name.empty() || name == "root") {
+        return ServiceUser{"root", 0, 0, {}}; // also on a system without a list of users
+    }
+    const passwd* entry = find_user(name);
     if (entry == nullptr) {
         return std::nullopt;
     }
