@@ -57,7 +57,7 @@ boot() {
 }
 
 take_options "$@"
-debian_tools systemd-container
+debian_tools systemd-container build-essential debhelper
 debian_packages
 debian_base
 make_test
