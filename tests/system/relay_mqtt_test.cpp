@@ -1,32 +1,19 @@
 // The relay and Debian's MQTT broker, with its clients as witnesses.
 #include "support/harness.h"
+#include "support/tcp_peer.h"
 
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
 using Json = nlohmann::json;
-
-int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 std::string path_of(const std::string& program) {
     const std::string path = run_program({"/bin/sh", "-c", "PATH=$PATH:/usr/sbin command -v " + program}).out;
@@ -148,7 +135,7 @@ struct RelayMqttSystem : testing::Test {
 
     SimulatedBoard board{{"--rate", "10"}};
     DaemonOnBoard daemon{board};
-    int port = free_port();
+    int port = free_tcp_port();
     std::unique_ptr<Child> broker;
     std::unique_ptr<Child> witness;
     std::unique_ptr<Child> relay;
