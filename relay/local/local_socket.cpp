@@ -1,7 +1,5 @@
 #include "local/local_socket.h"
 
-#include "system/listen.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -40,10 +38,6 @@ void take_credentials(msghdr& message, LocalRequest& received) {
 }
 
 } // namespace
-
-int local_socket_open(const std::string& path) {
-    return listen_path(path, SOCK_DGRAM);
-}
 
 void local_socket_prepare(int fd) {
     const int on = 1;

@@ -18,11 +18,7 @@ struct LocalRequest {
 enum class LocalReceived { kRequest, kMalformed, kNothing };
 enum class LocalSent { kDone, kFull, kGone };
 
-// Makes the socket, replacing what a relay before has left at the path; its directory is made too. -1 with
-// errno set on failure, EADDRINUSE when another relay answers there.
-int local_socket_open(const std::string& path);
-
-// Prepares a socket for use: senders tell who they are, and much may be unread. Also one of a supervisor.
+// Prepares a socket for use: senders tell who they are, and much may be unread.
 void local_socket_prepare(int fd);
 
 // Takes one datagram, without waiting. One of fewer than 4 bytes has no type and is malformed; one longer

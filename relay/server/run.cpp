@@ -23,6 +23,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -85,14 +86,38 @@ int fail_place(const std::string& place) {
     return kExitUsage;
 }
 
+// Paths that were made here: removed on every way out, while their sockets are still open, so that none is
+// another relay's by then.
+struct MadePaths {
+    MadePaths() = default;
+    ~MadePaths() {
+        for (const std::string& path : paths) {
+            unlink(path.c_str());
+        }
+    }
+    MadePaths(const MadePaths&) = delete;
+    MadePaths& operator=(const MadePaths&) = delete;
+
+    // As listen_path.
+    int listen(const std::string& path, int type) {
+        const int fd = listen_path(path, type);
+        if (fd >= 0) {
+            paths.push_back(path);
+        }
+        return fd;
+    }
+
+    std::vector<std::string> paths;
+};
+
 // The metrics, at the place of the option.
-int open_metrics(event_base* base, const Options& options) {
+int open_metrics(event_base* base, const Options& options, MadePaths& made) {
     metrics_open(base, {.daemon = options.daemon});
     if (options.metrics.empty()) {
         return kExitSuccess;
     }
     const int fd =
-        is_path(options.metrics) ? listen_path(options.metrics, SOCK_STREAM) : listen_tcp(options.metrics);
+        is_path(options.metrics) ? made.listen(options.metrics, SOCK_STREAM) : listen_tcp(options.metrics);
     if (fd < 0) {
         return fail_place(options.metrics);
     }
@@ -102,34 +127,24 @@ int open_metrics(event_base* base, const Options& options) {
 
 // The local clients' socket, and beside it that of the metrics. A supervisor that hands over the one hands
 // over the other too, or there is none: the place beside it is not ours.
-int open_local(event_base* base, const Options& options) {
+int open_local(event_base* base, const Options& options, MadePaths& made) {
     const int given = supervisor_socket(SOCK_DGRAM);
-    const int socket = given >= 0 ? given : local_socket_open(options.socket);
+    const int socket = given >= 0 ? given : made.listen(options.socket, SOCK_DGRAM);
     if (socket < 0) {
         return fail("can't serve local clients at " + options.socket);
     }
     local_socket_prepare(socket);
     local_open(base, {.fd = socket});
     const std::string beside = options.socket + TAVOR_RELAY_METRICS_SUFFIX;
-    const int stream = given >= 0 ? supervisor_socket(SOCK_STREAM) : listen_path(beside, SOCK_STREAM);
+    const int stream = given >= 0 ? supervisor_socket(SOCK_STREAM) : made.listen(beside, SOCK_STREAM);
     if (stream >= 0) {
         metrics_serve(stream);
     }
     return given >= 0 || stream >= 0 ? kExitSuccess : fail("can't serve metrics at " + beside);
 }
 
-// Paths that were made here.
-void remove_paths(const Options& options) {
-    if (supervisor_socket(SOCK_DGRAM) < 0) {
-        unlink(options.socket.c_str());
-        unlink((options.socket + TAVOR_RELAY_METRICS_SUFFIX).c_str());
-    }
-    if (is_path(options.metrics)) {
-        unlink(options.metrics.c_str());
-    }
-}
-
 int serve(event_base* base, const Options& options) {
+    MadePaths made;
     hub_open(base);
     if (!upstream_open(base, {.path = options.daemon})) {
         return fail("can't make a socket for the daemon's answers");
@@ -148,15 +163,11 @@ int serve(event_base* base, const Options& options) {
     if (!options.chrony.empty() && !chrony_open({.path = options.chrony})) {
         return fail("can't make a socket for chronyd");
     }
-    int status = open_metrics(base, options);
+    int status = open_metrics(base, options, made);
     if (status == kExitSuccess) {
-        status = open_local(base, options);
+        status = open_local(base, options, made);
     }
-    if (status == kExitSuccess) {
-        status = loop(base);
-        remove_paths(options);
-    }
-    return status;
+    return status == kExitSuccess ? loop(base) : status;
 }
 
 } // namespace

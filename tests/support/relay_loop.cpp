@@ -4,6 +4,7 @@
 #include "local/local.h"
 #include "local/local_socket.h"
 #include "support/wait.h"
+#include "system/listen.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -165,7 +166,7 @@ void RelayLoop::open(bool always, std::chrono::milliseconds stop_delay) {
 }
 
 void RelayLoop::open_local() {
-    const int fd = local_socket_open(local_path);
+    const int fd = listen_path(local_path, SOCK_DGRAM);
     local_socket_prepare(fd);
     if (send_buffer > 0) {
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);

@@ -4,6 +4,7 @@
 #include "support/nobody.h"
 #include "support/relay_loop.h"
 #include "support/wait.h"
+#include "system/listen.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -200,7 +201,7 @@ TEST_F(RelayLocal, AddressesOfAnyLengthAreRight) {
     }
 }
 
-// So many take their time.
+// So many, or so many requests, take their time.
 struct RelayManyClients : RelayLocal {
     RelayManyClients() : RelayLocal(std::chrono::seconds(1)) {}
 };
@@ -411,7 +412,7 @@ TEST_F(RelayLocal, WhoHasNoAddressIsHeardAndGetsNoAnswer) {
     ASSERT_TRUE(loop.until([] { return local_clients_count() == 0; }));
 }
 
-TEST_F(RelayLocal, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
+TEST_F(RelayManyClients, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
     loop.daemon->answers = false;
@@ -474,7 +475,7 @@ TEST(RelayLocalSocket, MayStandInTheWorkingDirectory) {
     const PrivateDir directory;
     const auto before = std::filesystem::current_path();
     std::filesystem::current_path(directory.path);
-    const int fd = local_socket_open("relay.sock");
+    const int fd = listen_path("relay.sock", SOCK_DGRAM);
     EXPECT_TRUE(std::filesystem::is_socket("relay.sock"));
     std::filesystem::current_path(before);
     EXPECT_GE(fd, 0);

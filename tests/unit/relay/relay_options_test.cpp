@@ -1,11 +1,13 @@
 #include "mqtt/mqtt.h"
 #include "server/options.h"
 #include "server/run.h"
-
 #include "support/private_dir.h"
+#include "system/listen.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -177,6 +179,33 @@ TEST_F(RelayOptions, APlaceThatIsNoneIsAnErrorOfUse) {
         options.metrics = std::exchange(options.listen, "");
         EXPECT_EQ(run(options), 2) << place;
     }
+}
+
+TEST_F(RelayOptions, WhatWasMadeAtAPathIsRemovedWhenTheRestCannotBeHad) {
+    options.daemon = (directory.path / "daemon").string();
+    options.socket = (directory.path / "relay").string();
+    options.listen = "";
+    options.metrics = (directory.path / "place").string();
+    std::filesystem::create_directory(options.socket + ".metrics"); // nothing can be bound there
+    EXPECT_EQ(run(options), 1);
+    EXPECT_FALSE(std::filesystem::exists(options.socket));
+    EXPECT_FALSE(std::filesystem::exists(options.metrics));
+    EXPECT_TRUE(std::filesystem::is_directory(options.socket + ".metrics"));
+}
+
+TEST_F(RelayOptions, ASocketThatAnotherRelayServesIsLeftAlone) {
+    const int served = listen_path((directory.path / "relay").string(), SOCK_DGRAM);
+    ASSERT_GE(served, 0);
+    options.daemon = (directory.path / "daemon").string();
+    options.socket = (directory.path / "relay").string();
+    options.listen = "";
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run(options), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "tavor-relay: can't serve local clients at " + options.socket + ": Address already in use\n");
+    EXPECT_TRUE(std::filesystem::is_socket(options.socket));
+    EXPECT_FALSE(std::filesystem::exists(options.socket + ".metrics"));
+    close(served);
 }
 
 } // namespace
