@@ -32,7 +32,7 @@ void tell(void* /*unused*/, const GnssEpoch& epoch) {
 void gnss_open(std::chrono::milliseconds second) {
     state = {};
     state.second = second;
-    hub_take([](const HubItem& item) {
+    hub_take_behind([](const HubItem& item) {
         if (item.kind == HubKind::kSentence) {
             gnss_reader_take(state.reader, hub_text(item), tell, nullptr);
         }

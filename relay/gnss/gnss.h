@@ -1,4 +1,4 @@
-// Fix and sky for the outputs: one epoch at a time, as soon as its last sentence has come.
+// Fix and sky for the outputs: one epoch at a time, as soon as all outputs have its last sentence.
 #ifndef TAVOR_RELAY_GNSS_H
 #define TAVOR_RELAY_GNSS_H
 

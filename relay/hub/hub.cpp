@@ -14,6 +14,7 @@ constexpr std::chrono::milliseconds kTurn{1}; // then the daemon is heard
 
 struct HubState {
     std::vector<HubOutput> outputs;
+    std::vector<HubOutput> behind;
     std::vector<HubRest> rests;
     std::deque<HubItem> items;
     EventPtr hand_out;
@@ -56,8 +57,10 @@ void count(HubKind kind) {
 void hand_out_one() {
     const HubItem item = state.items.front();
     state.items.pop_front();
-    for (const HubOutput& output : state.outputs) {
-        output(item);
+    for (const auto* outputs : {&state.outputs, &state.behind}) {
+        for (const HubOutput& output : *outputs) {
+            output(item);
+        }
     }
 }
 
@@ -87,6 +90,10 @@ void hub_close() {
 
 void hub_take(HubOutput output) {
     state.outputs.push_back(std::move(output));
+}
+
+void hub_take_behind(HubOutput output) {
+    state.behind.push_back(std::move(output));
 }
 
 void hub_take_rest(HubRest rest) {

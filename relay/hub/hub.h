@@ -63,6 +63,10 @@ void hub_close();
 // Registers an output; it gets every item from now on.
 void hub_take(HubOutput output);
 
+// The same for one that hands on what it makes of an item: it gets each behind all others, so that these
+// have the item first.
+void hub_take_behind(HubOutput output);
+
 // Registers what is to be called whenever all that was taken in has been handed out.
 void hub_take_rest(HubRest rest);
 

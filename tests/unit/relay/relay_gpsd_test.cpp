@@ -233,6 +233,20 @@ TEST_F(RelayGpsd, AWatcherOfNmeaGetsSentencesOnly) {
     EXPECT_EQ(peer.got, "$GNGGA,1*00\r\n$GNRMC,2*00\r\n");
 }
 
+// As gpsd does.
+TEST_F(RelayGpsd, ASentenceComesBeforeTheReportThatItCompletes) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, "?WATCH={\"enable\":true,\"json\":true,\"nmea\":true};", "\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    push_epoch(0);
+    push_epoch(1);
+    ASSERT_TRUE(gets(peer, "\"class\":\"SKY\""));
+    const size_t last = peer.got.find("$GNGST,120001.00");
+    const size_t report = peer.got.find("12:00:01.000Z");
+    ASSERT_NE(last, std::string::npos);
+    EXPECT_GT(report, last);
+}
+
 TEST_F(RelayGpsd, WhoStopsWatchingOrLeavesIsNoConsumer) {
     TcpPeer first(gpsd_port());
     TcpPeer second(gpsd_port());
