@@ -1,6 +1,7 @@
 #include "gnss/gnss.h"
 
 #include "hub/hub.h"
+#include "system/boot_clock.h"
 #include "upstream/positioning.h"
 
 #include <utility>
@@ -13,7 +14,7 @@ struct GnssState {
     std::chrono::milliseconds second{1000};
     GnssReader reader;
     GnssEpoch latest;
-    std::chrono::steady_clock::time_point told; // the latest
+    BootClock::time_point told; // the latest; it is old behind a suspend
     std::vector<GnssOutput> outputs;
 };
 
@@ -21,7 +22,7 @@ GnssState state;
 
 void tell(void* /*unused*/, const GnssEpoch& epoch) {
     state.latest = epoch;
-    state.told = std::chrono::steady_clock::now();
+    state.told = BootClock::now();
     for (const GnssOutput& output : state.outputs) {
         output(epoch);
     }
@@ -48,7 +49,7 @@ void gnss_take(GnssOutput output) {
 }
 
 const GnssEpoch& gnss_latest() {
-    const auto age = std::chrono::steady_clock::now() - state.told;
+    const auto age = BootClock::now() - state.told;
     if (!upstream_connected() || !positioning_is_on() || age > kFreshS * state.second) {
         state.latest = {};
     }

@@ -2,6 +2,7 @@
 
 #include "gnss/gnss.h"
 #include "hub/hub.h"
+#include "system/boot_clock.h"
 #include "upstream/positioning.h"
 #include "upstream/upstream.h"
 
@@ -18,8 +19,8 @@ namespace {
 struct ReportState {
     std::string daemon;
     double begun_s = 0; // Unix time
-    std::optional<RelayClock::time_point> sentence;
-    std::optional<RelayClock::time_point> fix;
+    std::optional<BootClock::time_point> sentence;
+    std::optional<BootClock::time_point> fix;
 };
 
 ReportState state;
@@ -29,8 +30,8 @@ double count(uint64_t value) {
 }
 
 // Ages rather than times: the clock of a device may be wrong until its first fix.
-double age(const std::optional<RelayClock::time_point>& since) {
-    return since ? std::chrono::duration<double>(RelayClock::now() - *since).count() : NAN;
+double age(const std::optional<BootClock::time_point>& since) {
+    return since ? std::chrono::duration<double>(BootClock::now() - *since).count() : NAN;
 }
 
 double quality() {
@@ -155,12 +156,12 @@ void metrics_report_open(const std::string& daemon) {
     state.begun_s = static_cast<double>(std::chrono::floor<std::chrono::milliseconds>(now).count()) / 1000;
     hub_take([](const HubItem& item) {
         if (item.kind == HubKind::kSentence) {
-            state.sentence = RelayClock::now();
+            state.sentence = BootClock::now();
         }
     });
     gnss_take([](const GnssEpoch& epoch) {
         if (epoch.mode >= GnssMode::k2d) {
-            state.fix = RelayClock::now();
+            state.fix = BootClock::now();
         }
     });
 }

@@ -10,6 +10,7 @@
 #include "system/listen.h"
 
 #include <cmath>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -94,6 +95,8 @@ struct Scraper {
     std::string got;
 };
 
+time_t slept_s = 0; // by the system: in suspend
+
 size_t open_descriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<size_t>(std::distance(begin(all), end(all)));
@@ -111,6 +114,7 @@ struct RelayMetrics : testing::Test {
         ASSERT_TRUE(loop.until(positioning_is_on));
     }
     void TearDown() override {
+        slept_s = 0;
         metrics_close();
         gnss_close();
     }
@@ -131,6 +135,15 @@ struct RelayMetrics : testing::Test {
         const uint64_t before = hub_counters().items;
         ASSERT_TRUE(loop.daemon->send(relay_response(code, 0, text)));
         ASSERT_TRUE(loop.until([&] { return hub_counters().items > before; }));
+    }
+
+    // Two epochs: the last sentence of an epoch is learnt from the first one.
+    void push_epochs() const {
+        for (int epoch = 0; epoch < 2; ++epoch) {
+            push(TAVOR_CODE_NMEA, kRmc);
+            push(TAVOR_CODE_NMEA, kGga);
+        }
+        ASSERT_TRUE(loop.until([&] { return gnss_latest().quality == 1; }));
     }
 
     std::chrono::milliseconds second{60000}; // no limit passes, however slow the machine
@@ -161,11 +174,7 @@ TEST_F(RelayMetrics, TellWhatIsThereBeforeAnythingHasCome) {
 
 TEST_F(RelayMetrics, CountWhatComes) {
     push(TAVOR_CODE_POSITION, "");
-    for (int epoch = 0; epoch < 2; ++epoch) { // the last sentence of an epoch is learnt from the first one
-        push(TAVOR_CODE_NMEA, kRmc);
-        push(TAVOR_CODE_NMEA, kGga);
-    }
-    ASSERT_TRUE(loop.until([&] { return gnss_latest().quality == 1; }));
+    push_epochs();
     const auto all = samples();
     EXPECT_EQ(all.at("tavor_relay_sentences_total"), 4);
     EXPECT_EQ(all.at("tavor_relay_positions_total"), 1);
@@ -175,6 +184,17 @@ TEST_F(RelayMetrics, CountWhatComes) {
         EXPECT_GE(all.at(age), 0) << age;
         EXPECT_LT(all.at(age), 60) << age;
     }
+}
+
+TEST_F(RelayMetrics, AgesGoOnWhileTheSystemSleeps) {
+    push_epochs();
+    slept_s = 3600;
+    const auto all = samples();
+    EXPECT_GE(all.at("tavor_relay_fix_age_seconds"), 3600);
+    EXPECT_GE(all.at("tavor_relay_sentence_age_seconds"), 3600);
+    EXPECT_EQ(all.at("tavor_relay_fix_mode"), 0) << "a fix from before is none of the present";
+    push_epochs();
+    EXPECT_LT(samples().at("tavor_relay_fix_age_seconds"), 60);
 }
 
 TEST_F(RelayMetrics, EachCounterHasItsRow) {
@@ -336,3 +356,14 @@ TEST_F(RelayMetricsImpatient, LetGoWhoIsSlow) {
 }
 
 } // namespace
+
+extern "C" {
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    const int result = __real_clock_gettime(clock, now);
+    now->tv_sec += clock == CLOCK_BOOTTIME ? slept_s : 0;
+    return result;
+}
+}
