@@ -1,4 +1,5 @@
 // tavor-relay, the location daemon's only client and everybody's server.
+#include "mqtt/mqtt.h"
 #include "server/exit_status.h"
 #include "server/options.h"
 #include "server/run.h"
@@ -6,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string>
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
@@ -14,6 +16,10 @@ int main(int argc, char** argv) {
         Options options;
         if (const auto status = options_parse(argc, argv, options)) {
             return *status;
+        }
+        if (const std::string problem = options.mqtt.host.empty() ? "" : mqtt_enter(argv); !problem.empty()) {
+            fprintf(stderr, "tavor-relay: %s\n", problem.c_str());
+            return kExitFailed;
         }
         return run(options);
     } catch (const std::exception& error) {

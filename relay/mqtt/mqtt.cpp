@@ -10,8 +10,8 @@ std::unique_ptr<MqttDevice> device;
 
 } // namespace
 
-bool mqtt_available() {
-    return true;
+std::string mqtt_enter(char** /*unused*/) {
+    return "";
 }
 
 std::string mqtt_open(event_base* base, const MqttSettings& settings) {

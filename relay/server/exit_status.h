@@ -4,7 +4,7 @@
 
 enum ExitStatus : int {
     kExitSuccess = 0, // ended by SIGTERM or SIGINT
-    kExitFailed = 1,  // a socket can't be had, or the files for TLS can't be read
+    kExitFailed = 1,  // a socket, the files for TLS, or the program with MQTT can't be had
     kExitUsage = 2    // command line or configuration file is wrong
 };
 

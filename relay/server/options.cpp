@@ -16,7 +16,8 @@ Each option may stand in the configuration file, a line "option=value" without t
 
 Exit status:
   0  ended by SIGTERM or SIGINT
-  1  a socket can't be had: it is in use, or there is no right to it; or the files for TLS can't be read
+  1  a socket can't be had: it is in use, or there is no right to it; or the files for TLS can't be read, or
+     the program with MQTT is not installed
   2  the command line or the configuration file is wrong
 
 Examples:

@@ -1,6 +1,5 @@
 #include "server/options_mqtt.h"
 
-#include "mqtt/mqtt.h"
 #include "mqtt/mqtt_place.h"
 
 #include <array>
@@ -118,9 +117,6 @@ void options_mqtt_add(CLI::App& app, MqttSettings& settings, MqttWords& words) {
 std::string options_mqtt_complete(MqttSettings& settings, const MqttWords& words) {
     if (words.place.empty()) {
         return "";
-    }
-    if (!mqtt_available()) {
-        return "--mqtt: this build has no MQTT";
     }
     settings.port = settings.ca.empty() ? kMqttPort : kMqttTlsPort;
     if (!mqtt_place_parse(words.place, settings.host, settings.port)) {

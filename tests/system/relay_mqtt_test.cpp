@@ -65,18 +65,14 @@ struct RelayMqttSystem : testing::Test {
             return board.directory.read("broker.log").find("running") != std::string::npos;
         })) << board.directory.read("broker.log");
     }
-    void start_relay(const Arguments& options, const std::string& host = "127.0.0.1") {
-        Arguments arguments = {TAVOR_RELAY_PROGRAM,
-                               "--daemon",
-                               board.socket_path(),
-                               "--socket",
-                               file("relay.sock"),
-                               "--listen",
-                               "",
-                               "--mqtt",
-                               host + ":" + std::to_string(port),
-                               "--mqtt-id",
-                               "seven"};
+    void start_relay(Arguments options, const std::string& host = "127.0.0.1") {
+        options.insert(options.end(), {"--mqtt", host + ":" + std::to_string(port), "--mqtt-id", "seven"});
+        start_any_relay(options);
+    }
+    void start_any_relay(const Arguments& options) {
+        Arguments arguments = {
+            TAVOR_RELAY_PROGRAM, "--daemon", board.socket_path(), "--socket", file("relay.sock"),
+            "--listen",          ""};
         arguments.insert(arguments.end(), options.begin(), options.end());
         relay = nullptr;
         std::filesystem::remove(file("relay.log"));
@@ -140,6 +136,27 @@ struct RelayMqttSystem : testing::Test {
     std::unique_ptr<Child> witness;
     std::unique_ptr<Child> relay;
 };
+
+// What the libraries of this output cost is paid by a relay that publishes.
+TEST_F(RelayMqttSystem, OnlyARelayThatPublishesHasItsLibraries) {
+    const auto maps = [&] {
+        std::ifstream file("/proc/" + std::to_string(relay->pid) + "/maps");
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    start_broker();
+    start_any_relay({});
+    ASSERT_TRUE(wait_log("the daemon is there"));
+    EXPECT_NE(maps().find("/libevent_core"), std::string::npos);
+    for (const char* library : {"/libmosquitto", "/libssl", "/libcrypto", "/libevent_extra"}) {
+        EXPECT_EQ(maps().find(library), std::string::npos) << library;
+    }
+    relay->end(SIGTERM);
+    start_relay({});
+    ASSERT_TRUE(wait_log("connected"));
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(relay->pid) + "/exe"),
+              TAVOR_RELAY_MQTT_PROGRAM);
+    EXPECT_NE(maps().find("/libmosquitto"), std::string::npos);
+}
 
 TEST_F(RelayMqttSystem, TheBrokerKeepsPositionAndStateAndTellsThatTheDeviceIsGone) {
     start_broker();

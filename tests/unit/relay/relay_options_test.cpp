@@ -1,4 +1,3 @@
-#include "mqtt/mqtt.h"
 #include "server/options.h"
 #include "server/run.h"
 #include "support/private_dir.h"
@@ -106,18 +105,7 @@ TEST_F(RelayOptions, WhatIsWrongIsToldInOneLine) {
     }
 }
 
-TEST_F(RelayOptions, ABuildWithoutMqttSaysSo) {
-    if (mqtt_available()) {
-        GTEST_SKIP() << "this build has MQTT";
-    }
-    EXPECT_EQ(parse({"--mqtt", "broker"}), 2);
-    EXPECT_EQ(err, "tavor-relay: --mqtt: this build has no MQTT; see 'tavor-relay --help'\n");
-}
-
 TEST_F(RelayOptions, TheBrokerHasDefaultsToo) {
-    if (!mqtt_available()) {
-        GTEST_SKIP() << "this build has no MQTT";
-    }
     ASSERT_EQ(parse({}), -1);
     EXPECT_EQ(options.mqtt.host, "");
     ASSERT_EQ(parse({"--mqtt", "broker.example", "--mqtt-id", "seven"}), -1);
@@ -133,9 +121,6 @@ TEST_F(RelayOptions, TheBrokerHasDefaultsToo) {
 }
 
 TEST_F(RelayOptions, ThePasswordIsTheFirstLineOfAFile) {
-    if (!mqtt_available()) {
-        GTEST_SKIP() << "this build has no MQTT";
-    }
     const std::string file = directory.write("password", "se cret\nrest\n");
     const std::string empty = directory.write("empty", "\n");
     const std::string folder = directory.path.string();
@@ -148,9 +133,6 @@ TEST_F(RelayOptions, ThePasswordIsTheFirstLineOfAFile) {
 }
 
 TEST_F(RelayOptions, WhatIsWrongWithTheBrokerIsToldInOneLine) {
-    if (!mqtt_available()) {
-        GTEST_SKIP() << "this build has no MQTT";
-    }
     const std::vector<std::vector<const char*>> wrong = {
         {"--mqtt", "host:0"},        {"--mqtt-id", "a/b"},       {"--mqtt-topic", "a/#"},
         {"--mqtt-every", "nan"},     {"--mqtt-every", "0"},      {"--mqtt-distance", "-1"},
