@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the Debian packages tavor, tavorctl, tavor-relay, tavor-board and libtavor-dev from this tree into build/package, and has lintian judge
-# them. Takes debhelper, dpkg-dev and what scripts/setup.sh installs; lintian where it is there.
+# Builds the Debian packages tavor, tavorctl, tavor-relay, tavor-relay-mqtt, tavor-board and libtavor-dev from this tree into
+# build/package, and has lintian judge them. Takes debhelper, dpkg-dev and what scripts/setup.sh installs; lintian where it is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

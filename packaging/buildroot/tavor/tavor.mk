@@ -65,7 +65,7 @@ TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
 ifneq ($(BR2_INIT_SYSTEMD),y)
 define TAVOR_REMOVE_SYSTEMD_FILES
 	rm -rf $(TARGET_DIR)/etc/default/tavor/service.env \
-		$(TARGET_DIR)/usr/libexec/tavor \
+		$(TARGET_DIR)/usr/libexec/tavor/tavor-service \
 		$(TARGET_DIR)/usr/lib/systemd/system/tavor.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.service \
 		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.socket \

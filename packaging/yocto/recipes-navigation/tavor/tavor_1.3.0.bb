@@ -16,7 +16,7 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "curl mbedtls cli11 nlohmann-json"
 
-# The screen of tavorctl's monitor, the relay for many clients, its output to MQTT, and the simulated board for developers' images.
+# The screen of tavorctl's monitor, the relay for many clients, its second program with an output to MQTT, and the simulated board for developers' images.
 PACKAGECONFIG ??= "ncurses"
 PACKAGECONFIG[ncurses] = "-DTAVOR_NCURSES=ON,-DTAVOR_NCURSES=OFF,ncurses"
 PACKAGECONFIG[relay] = "-DTAVOR_BUILD_RELAY=ON,-DTAVOR_BUILD_RELAY=OFF,libevent"
@@ -55,7 +55,7 @@ USERADD_PARAM:${PN}-relay = "--system --user-group --no-create-home --home-dir /
 GROUPADD_PARAM:${PN}-relay = "--system tavor-admin"
 GROUPMEMS_PARAM:${PN}-relay = "--add tavor-relay --group tavor"
 
-PACKAGES =+ "${PN}-client ${PN}-relay ${PN}-board"
+PACKAGES =+ "${PN}-client ${PN}-relay ${PN}-relay-mqtt ${PN}-board"
 
 FILES:${PN}-client = " \
     ${bindir}/tavorctl \
@@ -69,6 +69,7 @@ FILES:${PN}-relay = " \
     ${datadir}/bash-completion/completions/tavor-relay \
     ${datadir}/zsh/site-functions/_tavor-relay \
 "
+FILES:${PN}-relay-mqtt = "${libexecdir}/tavor/tavor-relay-mqtt"
 FILES:${PN}-board = " \
     ${bindir}/tavor-board \
     ${libdir}/tavor \
@@ -88,4 +89,5 @@ CONFFILES:${PN} = "${sysconfdir}/default/tavor/tavor.conf ${sysconfdir}/default/
 # Loaded when the first assistance download is asked for; the unit stops positioning through the client.
 RDEPENDS:${PN} = "libcurl ${PN}-client"
 RDEPENDS:${PN}-relay = "${PN}"
+RDEPENDS:${PN}-relay-mqtt = "${PN}-relay (= ${EXTENDPKGV})"
 INSANE_SKIP:${PN}-board = "dev-so"
