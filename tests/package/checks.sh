@@ -130,6 +130,17 @@ request_starts_relay() { position_of_member && relay_runs; }
 outlet_by_member() { as_member tavorctl --socket /run/tavor/relay.sock debug file; }
 become_admin() { usermod -a -G tavor-admin member; }
 
+ask_for_mqtt() {
+    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=127.0.0.1'
+    systemctl restart tavor-relay
+}
+relay_log_has() { journalctl --quiet --no-pager -o cat -u tavor-relay | grep -qF "$1"; }
+# With another program in the same process the unit goes on: its start waits for the notice of its main process.
+relay_publishes() {
+    relay_runs && relay_log_has "MQTT broker 127.0.0.1: Connection refused" &&
+        [ "$(readlink "/proc/$(systemctl show -P MainPID tavor-relay)/exe")" = /usr/libexec/tavor/tavor-relay-mqtt ]
+}
+
 # By default it keeps positioning on.
 relay() {
     check "install the relay" dpkg -i tavor-relay_*.deb
@@ -145,6 +156,11 @@ relay() {
     check "a relay that can't start" break_relay
     check "restart behind it: positioning goes on" eval 'systemctl restart tavor && talks'
     check "the relay runs again" mend_relay
+    check "MQTT without its package: the relay doesn't start" not ask_for_mqtt
+    check "MQTT without its package: the log says what to install" relay_log_has "install the package tavor-relay-mqtt"
+    check "install the relay's MQTT" dpkg -i tavor-relay-mqtt_*.deb
+    check "the relay comes again, and publishes" wait_for 20 relay_publishes
+    check "the relay runs without MQTT" mend_relay
 }
 
 upgrade() {
@@ -172,7 +188,7 @@ remove() {
 purge() {
     systemctl stop board
     rm -rf /run/board ${drop_in%/*} # the test's own
-    check "purge" apt-get -y -qq purge tavor tavorctl tavor-relay tavor-board libtavor-dev
+    check "purge" apt-get -y -qq purge tavor tavorctl tavor-relay tavor-relay-mqtt tavor-board libtavor-dev
     list_files >files.after
     check "purged: nothing is left" no_leftovers
     check "purged: no unit has failed" [ -z "$(systemctl list-units --failed --plain --no-legend)" ]
