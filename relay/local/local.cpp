@@ -21,6 +21,8 @@ constexpr int kLookS = 10;
 constexpr int kAuditPercent = 17;    // of a second, between looks at who has not read
 constexpr int kOpenRequestsMax = 16; // of one client
 constexpr size_t kClientsMax = 1024; // of all users but root
+constexpr size_t kPlacesForFew = 24; // the last ones: for users who have fewer than these clients
+constexpr size_t kFewClients = 4;
 constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
 constexpr int kUserRequestsMax = 64; // of one user, besides starts: these share one request to the daemon
 
@@ -109,6 +111,10 @@ void refuse(LocalClient& client, const LocalRequest& received) {
     answer_to(client, type)(TAVOR_VALUE_FAILED);
 }
 
+uid_t user_of(const LocalRequest& received) {
+    return received.user.value_or(kUnknownUser);
+}
+
 void perform(LocalClient& client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     if (type == TAVOR_REQUEST_START) {
@@ -116,7 +122,7 @@ void perform(LocalClient& client, const LocalRequest& received) {
         return positioning_start(answer_to(client, type));
     }
     const UpstreamAnswer reply = answer_to(client, type);
-    UpstreamAnswer answer = counted(received.user.value_or(kUnknownUser), reply);
+    UpstreamAnswer answer = counted(user_of(received), reply);
     if (!answer) {
         return reply(TAVOR_VALUE_FAILED);
     }
@@ -138,10 +144,15 @@ void perform(LocalClient& client, const LocalRequest& received) {
     upstream_request(type, received.request.text, std::move(answer));
 }
 
-// Root has a place always, so that somebody can look who holds the others.
+// No one user takes all places: the last 24 are for users with fewer than four clients. Root has a place
+// always, so that somebody can look who holds the others.
 bool has_place(const LocalRequest& received) {
-    return local_clients_is_known(received.address) || local_clients_count() < kClientsMax ||
-           received.user == 0;
+    if (local_clients_is_known(received.address) || user_of(received) == 0) {
+        return true;
+    }
+    const size_t count = local_clients_count();
+    return count < kClientsMax - kPlacesForFew ||
+           (count < kClientsMax && local_clients_count_of(user_of(received)) < kFewClients);
 }
 
 void turn_away(const LocalRequest& received) {
@@ -159,7 +170,7 @@ void take(const LocalRequest& received) {
     if (!has_place(received)) {
         return turn_away(received);
     }
-    LocalClient& client = local_clients_of(received.address);
+    LocalClient& client = local_clients_of(received.address, user_of(received));
     const uint32_t type = received.request.type;
     if (!upstream_requests_code(type)) {
         return local_clients_subscribe(client, kLocalSentences | kLocalChip);

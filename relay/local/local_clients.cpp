@@ -112,10 +112,11 @@ void local_clients_close() {
     state = {};
 }
 
-LocalClient& local_clients_of(const std::string& address) {
+LocalClient& local_clients_of(const std::string& address, uid_t user) {
     LocalClient& client = state.clients[address];
     if (client.id == 0) {
         client.address = address;
+        client.user = user;
         client.id = ++state.last_id;
     }
     return client;
@@ -210,4 +211,9 @@ bool local_clients_tidy() {
 
 size_t local_clients_count() {
     return state.clients.size();
+}
+
+size_t local_clients_count_of(uid_t user) {
+    return static_cast<size_t>(std::count_if(state.clients.begin(), state.clients.end(),
+                                             [&](const auto& one) { return one.second.user == user; }));
 }

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 // What a client gets unasked.
@@ -22,6 +23,7 @@ inline constexpr unsigned kLocalAssistance = 4; // it asked for an assistance do
 struct LocalClient {
     std::string address;
     uint64_t id = 0; // never given to another
+    uid_t user = 0;  // who has taken the place
     unsigned gets = 0;
     int open_requests = 0; // without a result
     int results = 0;       // of what waits
@@ -35,8 +37,8 @@ struct LocalClient {
 void local_clients_open(int fd, std::chrono::milliseconds second);
 void local_clients_close();
 
-// The client with this address; made when there is none.
-LocalClient& local_clients_of(const std::string& address);
+// The client with this address; made for the user when there is none.
+LocalClient& local_clients_of(const std::string& address, uid_t user);
 
 bool local_clients_is_known(const std::string& address);
 
@@ -65,5 +67,6 @@ void local_clients_look();
 bool local_clients_tidy();
 
 size_t local_clients_count();
+size_t local_clients_count_of(uid_t user);
 
 #endif

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int64_t kNone = -2;
+constexpr uid_t kAnotherUser = 4711;
 
 std::string numbered(int number) {
     return "$GNGGA," + std::to_string(number) + "\r\n";
@@ -35,6 +35,7 @@ struct RelayLocal : testing::Test {
         chmod(loop.directory.path.c_str(), 0755); // some clients have no rights
         chmod(loop.local_path.c_str(), 0666);
         loop.start_daemon();
+        chmod(loop.daemon_path.c_str(), 0666); // for what is turned as nobody
     }
 
     std::unique_ptr<PlayedClient> client(const std::string& name, size_t length = 108) const {
@@ -206,11 +207,17 @@ struct RelayManyClients : RelayLocal {
     RelayManyClients() : RelayLocal(std::chrono::seconds(1)) {}
 };
 
-TEST_F(RelayManyClients, AThousandGetEverything) {
+TEST_F(RelayManyClients, AThousandAskAtOnceAndGetEverything) {
     std::vector<std::unique_ptr<PlayedClient>> clients;
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 1000; ++i) { // nobody is answered before the relay's queue is full
         clients.push_back(client("many" + std::to_string(i) + "-"));
-        ASSERT_TRUE(started(*clients.back()));
+        if (!clients.back()->send(TAVOR_REQUEST_START)) {
+            ASSERT_TRUE(loop.until([&] { return clients.back()->send(TAVOR_REQUEST_START); }));
+        }
+    }
+    for (const auto& one : clients) {
+        ASSERT_TRUE(answered(*one, TAVOR_CODE_START));
+        EXPECT_EQ(one->value(TAVOR_CODE_START), 0);
     }
     EXPECT_EQ(hub_counters().local_consumers, 1000U);
     for (int i = 0; i < 5; ++i) {
@@ -236,7 +243,7 @@ TEST_F(RelayManyClients, BeyondTheLimitOnlyRootComesIn) {
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
     for (int i = 1; i < 1024; ++i) {
-        local_clients_subscribe(local_clients_of("another " + std::to_string(i)), kLocalChip);
+        local_clients_subscribe(local_clients_of("another " + std::to_string(i), kAnotherUser), kLocalChip);
     }
     as_nobody([&] {
         PlayedClient late(loop.local_path, abstract_address(unique("late")));
@@ -251,6 +258,33 @@ TEST_F(RelayManyClients, BeyondTheLimitOnlyRootComesIn) {
     const auto root = client("root");
     ASSERT_TRUE(started(*root));
     EXPECT_EQ(local_clients_count(), 1025U);
+}
+
+TEST_F(RelayManyClients, TheLastPlacesAreForUsersWithFewerThanFour) {
+    for (int i = 0; i < 1000; ++i) {
+        local_clients_subscribe(local_clients_of("another " + std::to_string(i), kAnotherUser), kLocalChip);
+    }
+    as_nobody([&] {
+        std::vector<std::unique_ptr<PlayedClient>> clients;
+        for (int i = 0; i < 4; ++i) {
+            clients.push_back(client("few" + std::to_string(i)));
+            ASSERT_TRUE(started(*clients.back()));
+            EXPECT_EQ(clients.back()->value(TAVOR_CODE_START), 0);
+        }
+        const auto fifth = client("fifth");
+        ASSERT_TRUE(started(*fifth));
+        EXPECT_EQ(fifth->value(TAVOR_CODE_START), TAVOR_VALUE_FAILED);
+        ASSERT_TRUE(clients.front()->send(TAVOR_REQUEST_SAVE_LOCATION)); // it has its place
+        ASSERT_TRUE(answered(*clients.front(), TAVOR_CODE_SAVE_LOCATION));
+        EXPECT_EQ(clients.front()->value(TAVOR_CODE_SAVE_LOCATION), 0);
+        for (const auto& one : clients) {
+            one->close_socket();
+        }
+        push(TAVOR_CODE_NMEA, numbered(1));
+        EXPECT_TRUE(fifth->send(TAVOR_REQUEST_SAVE_LOCATION));
+        EXPECT_TRUE(answered(*fifth, TAVOR_CODE_SAVE_LOCATION));
+        EXPECT_EQ(fifth->value(TAVOR_CODE_SAVE_LOCATION), 0);
+    });
 }
 
 TEST_F(RelayLocal, WhoIsGoneIsNoticedByItsDatagrams) {
@@ -350,12 +384,12 @@ TEST_P(RelaySlowClient, DoesNotPauseWhoReadsInTime) {
         push(TAVOR_CODE_NMEA, numbered(pushed++));
         const auto end = RelayClock::now() + 3 * kShortSecond / 2;
         ASSERT_TRUE(loop.until([&] {
-            EXPECT_FALSE(local_clients_of(address).paused);
+            EXPECT_FALSE(local_clients_of(address, geteuid()).paused);
             return RelayClock::now() >= end;
         }));
         quick->read();
         EXPECT_EQ(quick->count(TAVOR_CODE_NMEA), 1U + static_cast<size_t>(pushed));
-        ASSERT_TRUE(loop.until([&] { return local_clients_of(address).unread_looks == 0; }));
+        ASSERT_TRUE(loop.until([&] { return local_clients_of(address, geteuid()).unread_looks == 0; }));
     }
 }
 
