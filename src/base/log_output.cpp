@@ -2,16 +2,24 @@
 
 #include "base/cancel_hold.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 
 namespace {
 
-// A line that can't be written is lost.
+// A write may take a part of a line, when the process is stopped or the system suspended in it: the rest is
+// written behind it. What can't be written is lost.
 ssize_t write_held(void* /*unused*/, const char* data, size_t size) {
     const CancelHold hold;
-    return std::max<ssize_t>(write(STDOUT_FILENO, data, size), 0);
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = write(STDOUT_FILENO, data + done, size - done);
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
 }
 
 } // namespace
