@@ -1,5 +1,6 @@
 #include "sentence/sentence.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -22,6 +23,14 @@ constexpr ModeRow kModes[] = {{'N', 0}, {'S', 8}, {'M', 7}, {'E', 6}, {'A', 1},
 
 std::string_view without_line_end(std::string_view text) {
     return text.substr(0, text.find_last_not_of("\r\n") + 1);
+}
+
+bool ends_field(char byte) {
+    return byte == ',' || byte == '*' || byte == '\r' || byte == '\n';
+}
+
+bool is_digit(char byte) {
+    return byte >= '0' && byte <= '9';
 }
 
 bool is_negative(std::string_view text) {
@@ -48,14 +57,16 @@ std::optional<double> angle(std::string_view text, std::string_view hemisphere, 
 
 Sentence sentence_split(std::string_view text) {
     Sentence sentence;
-    text = text.substr(0, text.find_first_of("*\r\n"));
-    while (sentence.count < kSentenceFields) {
-        const size_t comma = text.find(',');
-        sentence.fields.at(sentence.count++) = text.substr(0, comma);
-        if (comma == std::string_view::npos) {
-            break;
+    size_t begin = 0;
+    bool more = true;
+    while (more && sentence.count < kSentenceFields) {
+        size_t end = begin;
+        while (end < text.size() && !ends_field(text[end])) {
+            ++end;
         }
-        text.remove_prefix(comma + 1);
+        sentence.fields.at(sentence.count++) = text.substr(begin, end - begin);
+        more = end < text.size() && text[end] == ',';
+        begin = end + 1;
     }
     const std::string_view name = sentence.fields[0];
     if (sentence.count > 1 && name.size() == kNameSize && name[0] == '$') {
@@ -95,7 +106,7 @@ std::optional<double> sentence_number(std::string_view text) {
 }
 
 std::optional<int> sentence_count(std::string_view text) {
-    const bool digits = text.find_first_not_of("0123456789") == std::string_view::npos;
+    const bool digits = std::all_of(text.begin(), text.end(), is_digit);
     const auto value = digits ? sentence_number(text) : std::nullopt;
     return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
 }
