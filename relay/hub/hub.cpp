@@ -108,14 +108,19 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     }
     make_room();
     count(*kind);
+    if (state.items.empty()) { // else it is armed already
+        event_arm(state.hand_out, std::chrono::milliseconds(0));
+    }
     state.items.push_back({*kind, datagram, arrived});
-    event_arm(state.hand_out, std::chrono::milliseconds(0));
 }
 
 std::string_view hub_text(const HubItem& item) {
-    const std::string_view whole(reinterpret_cast<const char*>(item.datagram.payload),
-                                 sizeof item.datagram.payload);
-    return whole.substr(0, whole.find_last_not_of('\0') + 1);
+    constexpr std::string_view kZeros("\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16);
+    std::string_view text(reinterpret_cast<const char*>(item.datagram.payload), sizeof item.datagram.payload);
+    while (text.ends_with(kZeros)) { // most of it: a sentence takes a sixth of the payload
+        text.remove_suffix(kZeros.size());
+    }
+    return text.substr(0, text.find_last_not_of('\0') + 1);
 }
 
 bool hub_may_drop(uint32_t code) {
