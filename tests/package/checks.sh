@@ -131,7 +131,7 @@ outlet_by_member() { as_member tavorctl --socket /run/tavor/relay.sock debug fil
 become_admin() { usermod -a -G tavor-admin member; }
 
 ask_for_mqtt() {
-    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=127.0.0.1'
+    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=127.0.0.1:1'
     systemctl restart tavor-relay
 }
 relay_log_has() { journalctl --quiet --no-pager -o cat -u tavor-relay | grep -qF "$1"; }
