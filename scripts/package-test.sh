@@ -14,7 +14,7 @@ make_newer() {
     mkdir -p "$work/test/newer"
     for package in "$work"/test/*.deb; do
         dpkg-deb -R "$package" "$tree"
-        sed -i 's/^Version: .*/&+1/' "$tree/DEBIAN/control"
+        sed -i 's/^Version: .*/&+1/; s/^Depends: .*(= [0-9.]*/&+1/' "$tree/DEBIAN/control"
         dpkg-deb -b "$tree" "$work/test/newer" >/dev/null
         rm -rf "$tree"
     done
