@@ -249,8 +249,8 @@ TEST(CheckSerial, LineThatTheSettingsNameIsTriedAndGetsItsOwnSpeedBack) {
     ASSERT_EQ(tcgetattr(line.slave, &before), 0);
     cfsetospeed(&before, B9600);
     ASSERT_EQ(tcsetattr(line.slave, TCSANOW, &before), 0);
-    EXPECT_EQ(serial_of("debug port path=" + line.path + "\n"),
-              "good      serial line: " + line.path + " takes 921600 bits a second\n");
+    EXPECT_EQ(serial_of("debug port path=" + line.path + "\ndebug port baudrate=460800\n"),
+              "good      serial line: " + line.path + " takes 460800 bits a second\n");
     termios after = {};
     ASSERT_EQ(tcgetattr(line.slave, &after), 0);
     EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B9600));
