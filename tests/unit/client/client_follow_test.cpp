@@ -22,18 +22,24 @@ struct FakeDaemon {
     int64_t stream_end_ns = 0; // until then one comes each half second
 } fake;
 
+struct LongTime {
+    long seconds;
+    long ns;
+};
+
 int64_t ns_of(Clock::time_point time) {
     return std::chrono::nanoseconds(time.time_since_epoch()).count();
 }
 
 } // namespace
 
-// Also that of the library behind std::chrono.
-extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+// Also that of the library behind std::chrono, which has times of the size of a long.
+extern "C" int library_clock_gettime(clockid_t clock, LongTime* now) noexcept __asm__("clock_gettime");
+extern "C" int library_clock_gettime(clockid_t clock, LongTime* now) noexcept {
     if (fake.now_ns == 0) {
         return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
     }
-    *now = {static_cast<time_t>(fake.now_ns / kSecondNs), static_cast<long>(fake.now_ns % kSecondNs)};
+    *now = {static_cast<long>(fake.now_ns / kSecondNs), static_cast<long>(fake.now_ns % kSecondNs)};
     return 0;
 }
 

@@ -71,7 +71,7 @@ struct QueueTest : testing::Test {
     static void send_foreign(uint32_t id) {
         const struct {
             long type;
-            alignas(8) uint32_t body[kBodySize / sizeof(uint32_t)];
+            uint32_t body[kBodySize / sizeof(uint32_t)];
         } record = {.type = 1, .body = {id}};
         static_assert(sizeof record.body == kBodySize);
         ASSERT_EQ(msgsnd(g_service_state.msqid, &record, kBodySize, 0), 0);
