@@ -18,7 +18,8 @@ check_pie_supported()
 
 # g++ 12 at its highest optimisation takes "text" + std::string and copies into fresh vectors for overlaps and overflows.
 # Programs of tests (property TAVOR_TEST) are compiled without optimisation: with sanitizers that takes a quarter of
-# the time, and what they measure is not speed.
+# the time, and what they measure is not speed. Fortified functions need it.
+set(is_test "$<BOOL:$<TARGET_PROPERTY:TAVOR_TEST>>")
 add_library(tavor_options INTERFACE)
 target_include_directories(tavor_options INTERFACE "${PROJECT_SOURCE_DIR}/include")
 target_compile_definitions(tavor_options INTERFACE _GNU_SOURCE)
@@ -29,7 +30,7 @@ endif()
 target_compile_options(tavor_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2
     -fstack-protector-strong -fno-strict-aliasing
-    $<$<AND:$<CONFIG:Debug>,$<NOT:$<BOOL:$<TARGET_PROPERTY:TAVOR_TEST>>>>:-O1>
+    $<IF:$<CONFIG:Debug>,$<$<NOT:${is_test}>:-O1>,$<${is_test}:-O0>>
     $<$<AND:$<CONFIG:Release>,$<COMPILE_LANG_AND_ID:CXX,GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict;-Wno-array-bounds>)
 target_link_options(tavor_options INTERFACE -Wl,-z,relro,-z,now -Wl,-z,noexecstack)
 target_link_libraries(tavor_options INTERFACE Threads::Threads)
@@ -40,7 +41,8 @@ if(TAVOR_SANITIZE)
         $<$<CONFIG:Debug>:-g1>) # lines for the reports; the rest would double the time to compile
     target_link_options(tavor_options INTERFACE -fsanitize=${TAVOR_SANITIZE})
 else()
-    target_compile_options(tavor_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+    target_compile_options(tavor_options INTERFACE
+        $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> $<$<NOT:$<OR:$<CONFIG:Debug>,${is_test}>>:-D_FORTIFY_SOURCE=2>)
 endif()
 
 # tavor_layer(NAME SOURCES file...): the layer src/NAME as the static library tavor_NAME. It uses every layer made before it.
