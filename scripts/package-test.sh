@@ -8,13 +8,14 @@ name=package-test
 
 limit_s=300 # of the container's life; it takes 15 on quiet cores
 
-# The same packages with a later version.
+# The same packages with a later version and another sample configuration.
 make_newer() {
     local package tree=$work/test/tree
     mkdir -p "$work/test/newer"
     for package in "$work"/test/*.deb; do
         dpkg-deb -R "$package" "$tree"
         sed -i 's/^Version: .*/&+1/; s/^Depends: .*(= [0-9.]*/&+1/' "$tree/DEBIAN/control"
+        [ ! -e "$tree/etc/default/tavor/tavor.conf" ] || echo newer >>"$tree/etc/default/tavor/tavor.conf"
         dpkg-deb -b "$tree" "$work/test/newer" >/dev/null
         rm -rf "$tree"
     done
@@ -24,7 +25,7 @@ make_test() {
     rm -rf "$work/test" && mkdir -p "$work/test"
     copy_packages "$work/test"
     make_newer
-    cp tests/package/lib.sh tests/package/checks.sh "$work/test"
+    cp tests/package/*.sh packaging/buildroot/tavor/S50tavor "$work/test"
 }
 
 # The container's root: the base, and above it, in memory, what the test changes.
@@ -61,7 +62,7 @@ debian_tools systemd-container build-essential debhelper
 debian_packages
 debian_base
 make_test
-machine=tavor-test-$$
+machine=tavor-test-$$-$RANDOM # on one machine there may be two processes of one number, each in a container
 export name work machine limit_s
 export -f boot mount_root write_test_unit enter_groups
 unshare --mount bash -eu -c boot >"$work/console.log" 2>&1 || true # how the container ended says nothing: its checks do

@@ -2,8 +2,10 @@
 # its own name.
 work=$PWD/build/package-test
 
-# What the packages need beside systemd: they are installed without a network.
+# What the packages need beside systemd, and what is tried together with them: they are installed without a network.
 base_packages=systemd,systemd-sysv,dbus,udev,kmod,libcurl4,libmbedcrypto7,libmicrohttpd12,libncursesw6,libevent-core-2.1-7,libevent-extra-2.1-7,libmosquitto1
+base_packages+=,curl,chrony,mosquitto,mosquitto-clients,busybox
+base_services=(chrony mosquitto) # which are not started before a check does it
 
 usage() {
     cat <<EOT
@@ -70,6 +72,7 @@ debian_base() {
     rm -rf "$work/base" "$work/base.done" && mkdir -p "$work"
     debootstrap --variant=minbase --include=$base_packages bookworm "$work/base" $archive >"$work/debootstrap.log" 2>&1 ||
         skip "can't get the base system: $work/debootstrap.log"
+    chroot "$work/base" systemctl --quiet disable "${base_services[@]}" >>"$work/debootstrap.log" 2>&1
     rm -rf "$work"/base/var/cache/apt/archives/*.deb
     echo "$base_packages" >"$work/base.done"
 }

@@ -3,6 +3,8 @@
 # /test and looks at the service meanwhile. One line for each check, "package-test: good|BAD WHAT"; the last says "done".
 test_name=package-test
 . /test/lib.sh
+. /test/relay.sh
+. /test/initd.sh
 cd /test
 drop_in=/etc/systemd/system/tavor.service.d/board.conf
 
@@ -15,20 +17,15 @@ list_files() { find / -xdev \( -path /test -o -path /proc -o -path /sys -o -path
 no_leftovers() { diff files.before files.after && [ -z "$(find /var/log/journal /run/log/journal -name '*tavor*' 2>/dev/null)" ]; }
 
 set_resume() { sed -i "s/^TAVOR_RESUME=.*/TAVOR_RESUME=$1/" $home/service.env; }
-crash() {
-    local before=$(main_pid)
-    kill -KILL "$before"
-    wait_for 15 eval 'active && [ "$(main_pid)" != 0 ] && [ "$(main_pid)" != '"$before"' ]'
-}
-
 # The simulated board in the place of devices, for the service as it is installed otherwise.
 put_on_board() {
     mkdir -p /run/board/etc/default ${drop_in%/*}
     ln -s $home /run/board/etc/default/tavor
     systemd-run --quiet --unit=board tavor-board run --dir /run/board
     wait_for 20 test -S /run/board/board.sock || return 1
+    board_library=$(dpkg -L tavor-board | grep 'libtavor_board.so$')
     printf '[Service]\nEnvironment=TAVOR_BOARD_DIR=/run/board LD_PRELOAD=%s\nReadWritePaths=/run/board\n' \
-        "$(dpkg -L tavor-board | grep 'libtavor_board.so$')" >$drop_in
+        "$board_library" >$drop_in
     systemctl daemon-reload
     systemctl restart tavor
 }
@@ -38,7 +35,7 @@ install() {
     check "installed: the service is enabled" enabled
     check "installed: the service runs, on a machine without a chip too" active
     check "installed: systemd understands every line of tmpfiles.d" [ -z "$(systemd-tmpfiles --create tavor.conf 2>&1)" ]
-    check "installed: who is no member of the group is refused" not setpriv --reuid nobody --clear-groups tavorctl stop
+    check "installed: who is no member of the group is refused" not as_stranger tavorctl stop
     check "on the simulated board: the service runs" put_on_board
     usermod -a -G tavor member
 }
@@ -89,7 +86,13 @@ clears_socket() { # OPTION...: what the machine's start does with a socket file 
 }
 
 log_lines() { journalctl --quiet --no-pager -o cat "$@" | grep -c LOCSERV; }
-others_read() { setpriv --reuid nobody --clear-groups journalctl --quiet --no-pager -o cat --namespace=tavor | grep -q LOCSERV; }
+others_read() { reads_log as_stranger; }
+# More in a moment than a journal takes by default.
+takes_crowd() {
+    seq 30000 | logger --socket /run/systemd/journal.tavor/dev-log --tag crowd
+    wait_for 10 eval '[ "$(journalctl --quiet --no-pager -o cat --namespace=tavor -t crowd | wc -l)" = 30000 ]'
+}
+is_bounded() { journalctl --no-pager -o cat --namespace=tavor | grep '^Runtime Journal .* max 32.0M'; }
 member_is_denied() { as_member tavorctl download 2>&1 | grep "can't be read"; }
 status_knows() { as_member tavorctl status --json | grep '"log":"journal".*"positioning":true\|"positioning":true.*"log":"journal"'; }
 keep_journal() {
@@ -109,72 +112,36 @@ journal() {
     check "the log: others don't" not others_read
     check "the log: the client tool reads it as the member" not member_is_denied
     check "the log: the state of positioning is known from it" status_knows
+    check "the log: who reads every journal reads this one" reads_log as_reader
+    check "the log: 32 MiB at most" is_bounded
+    check "the log: no line of a crowd is lost" takes_crowd
     check "the log: kept over a restart of the machine, where that is wanted" keep_journal
     rm -r /etc/systemd/journald@tavor.conf.d # the test's own
 }
 
-break_relay() {
-    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'nonsense=1'
-    systemctl restart tavor-relay
-    wait_for 10 not relay_runs
-}
-mend_relay() {
-    rm -r /etc/tavor
-    systemctl restart tavor-relay
-}
-
-relay_runs() { systemctl is-active --quiet tavor-relay; }
-# Its socket is systemd's, and stays when it is stopped: a request starts it.
-stop_relay() { systemctl stop tavor-relay && not relay_runs && systemctl is-active --quiet tavor-relay.socket; }
-request_starts_relay() { position_of_member && relay_runs; }
-outlet_by_member() { as_member tavorctl --socket /run/tavor/relay.sock debug file; }
-become_admin() { usermod -a -G tavor-admin member; }
-
-ask_for_mqtt() {
-    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=127.0.0.1:1'
-    systemctl restart tavor-relay
-}
-relay_log_has() { journalctl --quiet --no-pager -o cat -u tavor-relay | grep -qF "$1"; }
-# With another program in the same process the unit goes on: its start waits for the notice of its main process.
-relay_publishes() {
-    relay_runs && relay_log_has "MQTT broker 127.0.0.1: Connection refused" &&
-        [ "$(readlink "/proc/$(systemctl show -P MainPID tavor-relay)/exe")" = /usr/libexec/tavor/tavor-relay-mqtt ]
-}
-
-# By default it keeps positioning on.
-relay() {
-    check "install the relay" dpkg -i tavor-relay_*.deb
-    check "the relay runs" wait_for 10 relay_runs
-    check "through the relay: a member of the group gets a position" position_of_member
-    check "the relay stops, its socket stays" stop_relay
-    check "a request starts the relay" request_starts_relay
-    check "a member may not do what disturbs others" not outlet_by_member
-    check "a member of tavor-admin too may" eval 'become_admin && wait_for 20 outlet_by_member'
-    tavorctl debug off >>$log
-    check "restart behind a relay: positioning goes on" eval 'systemctl restart tavor && talks'
-    tavorctl start >>$log
-    check "a relay that can't start" break_relay
-    check "restart behind it: positioning goes on" eval 'systemctl restart tavor && talks'
-    check "the relay runs again" mend_relay
-    check "MQTT without its package: the relay doesn't start" not ask_for_mqtt
-    check "MQTT without its package: the log says what to install" relay_log_has "install the package tavor-relay-mqtt"
-    check "install the relay's MQTT" dpkg -i tavor-relay-mqtt_*.deb
-    check "the relay comes again, and publishes" wait_for 20 relay_publishes
-    check "the relay runs without MQTT" mend_relay
-}
-
 upgrade() {
+    sed -i 's/^debug socket ip=.*/debug socket ip=127.0.0.1/' $home/tavor.conf
     local before=$(main_pid) conf=$(md5sum $home/tavor.conf $home/service.env)
     touch $home/xod/kept
     tavorctl start >>$log
-    check "upgrade" dpkg -i newer/*.deb
+    check "upgrade" dpkg -i --force-confold newer/*.deb
     check "upgraded: the new version is there" grep -q '+1$' <(dpkg-query -W -f '${Version}\n' tavor)
     check "upgraded: the service runs" active
     check "upgraded: it was restarted" [ "$(main_pid)" != "$before" ]
     check "upgraded: the configuration is kept" [ "$(md5sum $home/tavor.conf $home/service.env)" = "$conf" ]
+    check "upgraded: the new version's configuration is beside it" grep -q '^newer$' $home/tavor.conf.dpkg-dist
     check "upgraded: a file of the daemon is kept" test -e $home/xod/kept
     check "upgraded: positioning goes on" talks
     check "upgraded: a member of the group gets a position" position_of_member
+}
+
+downgrade() {
+    local conf=$(md5sum $home/tavor.conf $home/service.env)
+    check "downgrade" dpkg -i --force-confold ./*.deb
+    check "downgraded: the old version is there" not grep -q '+1$' <(dpkg-query -W -f '${Version}\n' tavor tavor-relay)
+    check "downgraded: the service runs" active
+    check "downgraded: the configuration is kept" [ "$(md5sum $home/tavor.conf $home/service.env)" = "$conf" ]
+    check "downgraded: positioning goes on" talks
 }
 
 remove() {
@@ -195,13 +162,16 @@ purge() {
 }
 
 useradd member
+useradd --groups adm reader
 list_files >files.before
 install
 use
 resume
 journal
 relay
+initd
 upgrade
+downgrade
 remove
 purge
 echo "package-test: done"

@@ -32,7 +32,10 @@ not() { ! "$@"; }
 power_is() { [ "$(tavor-board ctl --dir /run/board power)" = "$1" ]; }
 main_pid() { systemctl show -P MainPID tavor; }
 as_member() { setpriv --reuid member --regid member --init-groups "$@"; }
-member_reads() { [ "$(as_member journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
+as_reader() { setpriv --reuid reader --regid reader --init-groups "$@"; } # of every journal
+as_stranger() { setpriv --reuid nobody --regid nogroup --clear-groups "$@"; }
+reads_log() { [ "$("$@" journalctl --quiet --no-pager -o cat --namespace=tavor | grep -c LOCSERV)" -gt 0 ]; }
+member_reads() { reads_log as_member; }
 position_of_member() { as_member tavorctl --timeout 20 position | grep '^latitude'; }
 
 # Sentences come from the chip: nothing but the daemon fetches them.
@@ -40,4 +43,11 @@ delivered() { tavor-board ctl --dir /run/board status --json | sed -n 's/.*"byte
 talks() {
     local before=$(delivered)
     wait_for 15 eval '[ "$(delivered)" -gt '"${before:-0}"' ]'
+}
+
+# The daemon fails, and systemd starts another.
+crash() {
+    local before=$(main_pid)
+    kill -KILL "$before"
+    wait_for 15 eval 'active && [ "$(main_pid)" != 0 ] && [ "$(main_pid)" != '"$before"' ]'
 }
