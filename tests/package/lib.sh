@@ -12,7 +12,7 @@ check() {
         echo "$test_name: good  $what"
     else
         echo "$test_name: BAD   $what"
-        journalctl --no-pager -n 15 -o cat --namespace=+tavor -u tavor | sed 's/^/    /'
+        journalctl --no-pager -n 15 -o cat --namespace=+tavor -u tavor -u tavor-relay | sed 's/^/    /'
         tail -n 5 $log | sed 's/^/    /'
     fi
 }

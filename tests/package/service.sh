@@ -79,6 +79,12 @@ may_open() {
     bash -c 'echo $$ >/sys/fs/cgroup/system.slice/tavor.service/cgroup.procs; exec 5<>"$1"' may_open "$1"
 }
 
+# Its client waits 10 s in vain.
+stops_hanging() {
+    kill -STOP "$(main_pid)"
+    timeout 15 systemctl stop tavor && not active
+}
+
 # all USER
 all() {
     check "$1: the service runs" active
@@ -103,6 +109,8 @@ all() {
     check "$1: assistance files come over HTTP" tavorctl assist --once
     check "$1: restart" systemctl restart tavor
     check "$1: positioning goes on" talks
+    check "$1: crash" crash
+    check "$1: positioning goes on again" talks
     tavorctl stop >>$log && tavorctl start >>$log
     check "$1: the chip gets orbit data" wait_for 120 orbits_are_good
     make_firmware
@@ -113,7 +121,43 @@ all() {
     check "$1: the chip's is not" may_open /dev/spidev1.0
     check "$1: stop of the service" systemctl stop tavor
     check "$1: the power line is off" line_is 0
+    systemctl start tavor && tavorctl start >>$log
+    check "$1: the power line is on again" line_is 1
+    check "$1: stop of a daemon that hangs, in 15 s" stops_hanging
+    check "$1: the power line is off then too" line_is 0
     check "$1: nothing could not be opened" not failed_to_open
+}
+
+# One of this machine's addresses, but not of loopback's: for the relay's unit a broker elsewhere.
+put_broker_elsewhere() {
+    ip address add 192.0.2.1/32 dev lo
+    printf 'listener 1883 192.0.2.1\nallow_anonymous true\n' >/run/broker.conf
+    systemd-run --quiet --unit=broker mosquitto -c /run/broker.conf
+    wait_for 20 mosquitto_pub -h 192.0.2.1 -t test -m is-there || return 1
+    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=192.0.2.1'
+    systemctl restart tavor-relay
+}
+is_published() { timeout "$1" mosquitto_sub -h 192.0.2.1 -t 'tavor/+/position' -C 1 | grep -F '"latitude":'; }
+allow_broker() {
+    command install -D -m 644 /dev/stdin /etc/systemd/system/tavor-relay.service.d/broker.conf <<<$'[Service]\nIPAddressAllow=192.0.2.1'
+    systemctl daemon-reload
+    systemctl restart tavor-relay
+}
+gpsd_protocol_is_served() {
+    exec 7<>/dev/tcp/127.0.0.1/2947 && timeout 10 head -n 1 <&7 | grep '"class":"VERSION"'
+    local result=$?
+    exec 7>&-
+    return $result
+}
+
+broker() {
+    check "the service runs for the relay" systemctl start tavor
+    check "the relay has a position" position_of_member
+    check "a broker that is not on loopback" put_broker_elsewhere
+    check "the relay's unit keeps it from other hosts" not is_published 15
+    check "with the manual's drop-in it publishes there" eval 'allow_broker && is_published 60'
+    check "loopback is allowed still" gpsd_protocol_is_served
+    systemctl stop tavor
 }
 
 become_user() {
@@ -132,6 +176,7 @@ set_key "debug socket ip" 127.0.0.1
 printf 'debug port path=/dev/ttyS2\ndebug port baudrate=115200\n' | cat - $home/tavor.conf >conf && cat conf >$home/tavor.conf
 systemctl restart tavor
 all root
+broker
 check "as the documentation says: become user tavor" become_user
 all tavor
 echo "service-test: done"
