@@ -119,7 +119,7 @@ $(CURDIR)/installed:
 	$(foreach hook,$(TAVOR_POST_INSTALL_TARGET_HOOKS),$($(hook))$(line))
 	$(if $(BR2_INIT_SYSTEMD),$(TAVOR_INSTALL_INIT_SYSTEMD),$(TAVOR_INSTALL_INIT_SYSV))
 print:
-	$(foreach name,VERSION CONF_OPTS USERS,$(info $(name) $(TAVOR_$(name))))@:
+	$(foreach name,VERSION DEPENDENCIES CONF_OPTS USERS,$(info $(name) $(TAVOR_$(name))))@:
 EOT
     make -s -f $work/frame.mk "$@"
 }
@@ -146,6 +146,10 @@ list_users_of_buildroot() {
         NF && $8 != "-" { print "m", $1, $8 }' | sort
 }
 
+# What is only taken when it is there is no choice of the package's.
+list_selected() { sed -n 's/.*select BR2_PACKAGE_//p' $buildroot/Config.in | tr 'A-Z_' 'a-z-' | sort; }
+list_dependencies() { sed -n 's/^DEPENDENCIES //p' $work/buildroot.print | tr ' ' '\n' | grep -vx ncurses | sort; }
+
 # Those of the build, less those for developers of tavor itself.
 list_options() { sed -nE 's/^ *option\((TAVOR_[A-Z_]+) .*/\1/p; s/^set\((TAVOR_XOD_HOST) .*/\1/p' CMakeLists.txt client/CMakeLists.txt | sort; }
 list_options_in() { grep -oE -- '-DTAVOR_[A-Z_]+=' | tr -d = | sed 's/-D//' | sort -u; }
@@ -164,6 +168,10 @@ list_options_in <"$recipe" >$work/options.yocto
 list_options_in <$work/buildroot.print >$work/options.buildroot
 same "Yocto: every option of the build is chosen" $work/options $work/options.yocto
 same "Buildroot: every option of the build is chosen" $work/options $work/options.buildroot
+
+list_selected >$work/selected
+list_dependencies >$work/dependencies
+same "Buildroot: what it is built with is selected" $work/selected $work/dependencies
 
 list_users >$work/users
 list_users_of_yocto >$work/users.yocto

@@ -55,8 +55,6 @@ endif
 define TAVOR_INSTALL_CONFIGURATION
 	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.conf \
 		$(TARGET_DIR)/etc/default/tavor/tavor.conf
-	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.env \
-		$(TARGET_DIR)/etc/default/tavor/service.env
 	$(INSTALL) -d -m 0750 $(TARGET_DIR)/etc/default/tavor/xod
 endef
 TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
@@ -64,18 +62,17 @@ TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
 # The unit and what stands beside it are CMake's; others than systemd have no use for them.
 ifneq ($(BR2_INIT_SYSTEMD),y)
 define TAVOR_REMOVE_SYSTEMD_FILES
-	rm -rf $(TARGET_DIR)/etc/default/tavor/service.env \
-		$(TARGET_DIR)/usr/libexec/tavor/tavor-service \
-		$(TARGET_DIR)/usr/lib/systemd/system/tavor.service \
-		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.service \
-		$(TARGET_DIR)/usr/lib/systemd/system/tavor-relay.socket \
-		$(TARGET_DIR)/usr/lib/sysusers.d/tavor-relay.conf \
-		$(TARGET_DIR)/usr/lib/systemd/journald@tavor.conf.d \
-		$(TARGET_DIR)/usr/lib/sysusers.d/tavor.conf \
-		$(TARGET_DIR)/usr/lib/tmpfiles.d/tavor.conf
+	cd $(TARGET_DIR)/usr && rm -rf libexec/tavor/tavor-service \
+		lib/systemd/system/tavor* lib/systemd/journald@tavor.conf.d \
+		lib/sysusers.d/tavor* lib/tmpfiles.d/tavor.conf
 endef
 TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_REMOVE_SYSTEMD_FILES
 endif
+
+define TAVOR_INSTALL_INIT_SYSTEMD
+	$(INSTALL) -D -m 0644 $(@D)/packaging/tavor.env \
+		$(TARGET_DIR)/etc/default/tavor/service.env
+endef
 
 define TAVOR_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(TAVOR_PKGDIR)/S50tavor \

@@ -16,7 +16,8 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 
 DEPENDS = "curl mbedtls cli11 nlohmann-json"
 
-# The screen of tavorctl's monitor, the relay for many clients, its second program with an output to MQTT, and the simulated board for developers' images.
+# The screen of tavorctl's monitor, the relay for many clients, its second program with an output to MQTT, and the simulated board for
+# developers' images.
 PACKAGECONFIG ??= "ncurses"
 PACKAGECONFIG[ncurses] = "-DTAVOR_NCURSES=ON,-DTAVOR_NCURSES=OFF,ncurses"
 PACKAGECONFIG[relay] = "-DTAVOR_BUILD_RELAY=ON,-DTAVOR_BUILD_RELAY=OFF,libevent"
