@@ -7,6 +7,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 name=service-test
 . scripts/lib/debian.sh
 . scripts/lib/kernel.sh
+limit_s=1800 # all that is tried here takes a busy host longer
 
 # The root of the machine: the base and the packages, without what nobody reads there. It lies in the machine's memory.
 make_root() {

@@ -1,5 +1,6 @@
 # Debian's kernel for an emulated machine, and the module of board/kernel for it. Whoever takes this has a function skip, and in
 # $install whether missing packages may be installed (yes or no).
+limit_s=600 # of a machine's life; on a host with nothing else to do it is one minute or two
 kernels=build/kernel # the kernel and the module, for all build trees
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
@@ -62,12 +63,11 @@ prepare_kernel() {
     build_module
 }
 
-# emulate MEMORY_MIB INITRAMFS COMMAND_LINE QEMU_OPTION...: until the machine switches itself off, 10 minutes of the host's time at
-# most.
+# emulate MEMORY_MIB INITRAMFS COMMAND_LINE QEMU_OPTION...: until the machine switches itself off, $limit_s of the host's time at most.
 # Virtual time: a counter of instructions is the clock (4 ns each), and a machine that only waits jumps to the next timer. So waits
 # cost nothing, and what is measured is the same on a busy host. The processor's random numbers seed the kernel's.
 emulate() {
-    timeout 600 qemu-system-x86_64 -machine q35 -accel tcg -cpu max -icount shift=2,sleep=off -m "$1" -no-reboot -nodefaults \
+    timeout "$limit_s" qemu-system-x86_64 -machine q35 -accel tcg -cpu max -icount shift=2,sleep=off -m "$1" -no-reboot -nodefaults \
         -rtc base=2026-11-21T12:00:00,clock=vm -seed 1 -kernel "$kernels/$release/vmlinux" -initrd "$2" \
         -append "console=ttyS0 quiet panic=-1 random.trust_cpu=on mitigations=off tsc=reliable $3" "${@:4}"
 }

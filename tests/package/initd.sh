@@ -39,7 +39,7 @@ syslog_lines() { journalctl --quiet --no-pager -o cat -t tavor | grep -c LOCSERV
 comes_again() {
     local before=$(daemon_pid)
     kill -KILL "$before"
-    wait_for 15 eval '[ -n "$(daemon_pid)" ] && [ "$(daemon_pid)" != '"$before"' ] && answers'
+    wait_for 15 is_another daemon_pid "$before" && wait_for 15 answers
 }
 # The one that the daemon writes to is gone: the next start gets another.
 logs_again() {

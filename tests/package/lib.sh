@@ -45,9 +45,21 @@ talks() {
     wait_for 15 eval '[ "$(delivered)" -gt '"${before:-0}"' ]'
 }
 
+# is_another FUNCTION OLD: what the function prints is a process, and not this one.
+is_another() {
+    local now=$("$1")
+    [ "${now:-0}" != 0 ] && [ "$now" != "$2" ]
+}
+
 # The daemon fails, and systemd starts another.
 crash() {
     local before=$(main_pid)
     kill -KILL "$before"
-    wait_for 15 eval 'active && [ "$(main_pid)" != 0 ] && [ "$(main_pid)" != '"$before"' ]'
+    wait_for 15 is_another main_pid "$before" && wait_for 15 active
+}
+
+# configure_relay LINE: the only one of its settings.
+configure_relay() {
+    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<"$1"
+    systemctl restart tavor-relay
 }

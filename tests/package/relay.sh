@@ -3,8 +3,7 @@ metrics_socket=/run/tavor/relay.sock.metrics
 chrony_drop_ins=/etc/systemd/system/chrony.service.d
 
 break_relay() {
-    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'nonsense=1'
-    systemctl restart tavor-relay
+    configure_relay nonsense=1
     wait_for 10 not relay_runs
 }
 mend_relay() {
@@ -32,10 +31,6 @@ stranger_gets_no_metrics() {
 status_tells() { as_member tavorctl status --json >status && grep -F "$1" status; }
 tells_of_relay() { status_tells '"relay":{"socket":"/run/tavor/relay.sock","answers":true,'; }
 
-ask_for_mqtt() {
-    command install -D -m 644 /dev/stdin /etc/tavor/relay.conf <<<'mqtt=127.0.0.1:1'
-    systemctl restart tavor-relay
-}
 relay_log_has() { journalctl --quiet --no-pager -o cat -u tavor-relay | grep -qF "$1"; }
 # With another program in the same process the unit goes on: its start waits for the notice of its main process.
 relay_publishes() {
@@ -101,7 +96,7 @@ relay() {
     check "a relay that can't start" break_relay
     check "restart behind it: positioning goes on" eval 'systemctl restart tavor && talks'
     check "the relay runs again" mend_relay
-    check "MQTT without its package: the relay doesn't start" not ask_for_mqtt
+    check "MQTT without its package: the relay doesn't start" not configure_relay mqtt=127.0.0.1:1
     check "MQTT without its package: the log says what to install" relay_log_has "install the package tavor-relay-mqtt"
     check "install the relay's MQTT" dpkg -i tavor-relay-mqtt_*.deb
     check "the relay comes again, and publishes" wait_for 20 relay_publishes
