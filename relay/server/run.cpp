@@ -149,7 +149,9 @@ int serve(event_base* base, const Options& options) {
     if (!upstream_open(base, {.path = options.daemon})) {
         return fail("can't make a socket for the daemon's answers");
     }
-    positioning_open(base, {.always = options.always, .stop_delay = milliseconds_of(options.stop_delay_s)});
+    positioning_open(
+        base,
+        {.always = options.always, .stop_delay = milliseconds_of(options.stop_delay_s), .left_on = true});
     gnss_open();
     if (!options.listen.empty() && !gpsd_open(base, {.listen = options.listen})) {
         return fail_place(options.listen);

@@ -17,6 +17,7 @@ struct PositioningState {
     PositioningSettings settings;
     int wants = 0;
     bool on = false;
+    bool left_on = false;               // maybe, by a relay before: nobody of now has asked for it
     bool held_off = false;              // by a stop for all
     bool starting = false;              // a start waits or is out
     int stopping = 0;                   // stops and downloads that wait or are out
@@ -42,6 +43,7 @@ void evaluate();
 void started(uint32_t value) {
     state.starting = false;
     state.on = value == 0 && state.stopping == 0;
+    state.left_on = state.left_on && !state.on;
     if (value != 0) {
         printf("tavor-relay: positioning could not be started\n");
     }
@@ -66,7 +68,7 @@ void start() {
 // tried again as after a consumer that has left.
 void end_by(uint32_t type, UpstreamAnswer answer) {
     ++state.stopping;
-    state.on = false;
+    state.on = state.left_on = false;
     upstream_request(type, "", [type, answer = std::move(answer)](uint32_t value) {
         --state.stopping;
         state.on = type == TAVOR_REQUEST_STOP && value != 0 && upstream_connected();
@@ -80,7 +82,7 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
 }
 
 void on_delayed_stop(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    if (!is_wanted() && state.on) {
+    if (!is_wanted() && (state.on || state.left_on)) {
         end_by(TAVOR_REQUEST_STOP, [](uint32_t /*unused*/) {});
     }
 }
@@ -94,7 +96,8 @@ void evaluate() {
     if (wanted && !state.on && state.stopping == 0 && upstream_connected() && may_retry) {
         start();
     }
-    if (!wanted && state.on && event_pending(state.delayed_stop.get(), EV_TIMEOUT, nullptr) == 0) {
+    const bool may_be_on = state.on || (state.left_on && upstream_connected());
+    if (!wanted && may_be_on && event_pending(state.delayed_stop.get(), EV_TIMEOUT, nullptr) == 0) {
         event_arm(state.delayed_stop, state.settings.stop_delay);
     }
 }
@@ -120,6 +123,7 @@ void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
 
 void on_daemon(bool connected) {
     state.on = false;
+    state.left_on = state.left_on && connected;
     if (connected) {
         state.tried = {};
         state.silence_s = kSilenceS;
@@ -132,6 +136,7 @@ void on_daemon(bool connected) {
 void positioning_open(event_base* base, const PositioningSettings& settings) {
     state = {};
     state.settings = settings;
+    state.left_on = settings.left_on;
     state.look.reset(event_new(base, -1, EV_PERSIST, on_look, nullptr));
     state.delayed_stop.reset(event_new(base, -1, 0, on_delayed_stop, nullptr));
     event_arm(state.look, settings.second / 2);

@@ -162,7 +162,8 @@ void RelayLoop::open(bool always, std::chrono::milliseconds stop_delay) {
     if (!upstream_open(base.get(), {.path = daemon_path, .second = second})) {
         throw std::runtime_error("no upstream");
     }
-    positioning_open(base.get(), {.always = always, .stop_delay = stop_delay, .second = second});
+    positioning_open(base.get(),
+                     {.always = always, .stop_delay = stop_delay, .left_on = left_on, .second = second});
 }
 
 void RelayLoop::open_local() {

@@ -85,6 +85,7 @@ struct RelayLoop {
     void turn_for(std::chrono::milliseconds time) const;
 
     std::chrono::milliseconds second = kShortSecond; // of the relay's limits
+    bool left_on = false;                            // positioning, maybe, by a relay that has ended
     int send_buffer = 0;                             // of the local clients' socket, when it is to be smaller
     PrivateDir directory;
     std::string daemon_path = (directory.path / "daemon").string();

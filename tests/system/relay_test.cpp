@@ -100,6 +100,19 @@ TEST_F(RelaySystem, OnDemandTheChipIsOnWhileSomebodyWatches) {
     EXPECT_TRUE(wait_until([&] { return power() == "off\n"; }));
 }
 
+TEST_F(RelaySystem, OnDemandTheChipIsOffSoonWhenARelayWasKilledAndNobodyComesBack) {
+    start({"--positioning", "demand", "--stop-delay", "0.2"});
+    {
+        TestClient watcher(socket);
+        ASSERT_EQ(watcher.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+        EXPECT_EQ(power(), "on\n");
+        relay->end(SIGKILL);
+    }
+    EXPECT_EQ(power(), "on\n");
+    start({"--positioning", "demand", "--stop-delay", "0.2"});
+    EXPECT_TRUE(wait_until([&] { return power() == "off\n"; }));
+}
+
 TEST_F(RelaySystem, ASecondRelayIsRefused) {
     start();
     const RunResult second = run_program({TAVOR_RELAY_PROGRAM, "--daemon", board.socket_path(), "--socket",

@@ -296,6 +296,40 @@ TEST_F(RelayLocal, WhoIsGoneIsNoticedByItsDatagrams) {
     ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_STOP) == 1; }));
 }
 
+TEST_F(RelayLocal, WhoAsksStartAndDiesBeforeTheAnswerIsNoConsumer) {
+    loop.daemon->answers = false;
+    const auto asker = client("asker");
+    ASSERT_TRUE(asker->send(TAVOR_REQUEST_START));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_START) == 1; }));
+    asker->close_socket();
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_START, 0));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_STOP) == 1; }));
+    EXPECT_EQ(local_clients_count(), 0U);
+    EXPECT_EQ(hub_counters().local_consumers, 0U);
+}
+
+TEST_F(RelayManyClients, TheLateAnswerOfADaemonThatWasReplacedIsNobodys) {
+    const auto asker = client("asker");
+    loop.daemon->answers = false;
+    ASSERT_TRUE(asker->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    const std::unique_ptr<PlayedDaemon> old = std::move(loop.daemon);
+    loop.start_daemon();
+    loop.daemon->answers = false;
+    ASSERT_TRUE(answered(*asker, TAVOR_CODE_SAVE_LOCATION));
+    EXPECT_EQ(asker->value(TAVOR_CODE_SAVE_LOCATION), TAVOR_VALUE_FAILED);
+    ASSERT_TRUE(asker->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    EXPECT_FALSE(old->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 5))); // the kernel refuses it
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 6)));
+    ASSERT_TRUE(loop.until([&] {
+        asker->read();
+        return asker->count(TAVOR_CODE_SAVE_LOCATION) == 2;
+    }));
+    EXPECT_EQ(asker->value(TAVOR_CODE_SAVE_LOCATION), 6);
+}
+
 TEST_F(RelayLocal, WhoIsGoneIsNoticedWhileTheChipIsSilent) {
     const auto connected = client("connected");
     const auto sender =

@@ -59,6 +59,80 @@ TEST_F(RelayPositioning, AConsumerThatComesInTimePreventsTheStop) {
     EXPECT_EQ(stops(), 0U);
 }
 
+TEST_F(RelayPositioning, OnDemandWhatARelayBeforeHasLeftOnIsStopped) {
+    loop.left_on = true;
+    loop.open(false);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.start_daemon(); // off, as each daemon begins
+    ASSERT_TRUE(loop.until([&] { return hub_counters().daemon_restarts == 1; }));
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_EQ(stops(), 0U);
+}
+
+TEST_F(RelayPositioning, OnDemandAConsumerInTimeTakesOverWhatIsLeftOn) {
+    loop.second = 10 * kShortSecond; // a pause of the test is no silence
+    loop.left_on = true;
+    loop.open(false);
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_EQ(starts(), 1U);
+    EXPECT_EQ(stops(), 0U);
+    positioning_want(-1);
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_EQ(stops(), 1U);
+}
+
+TEST_F(RelayPositioning, OnDemandTheNextDaemonIsStartedForConsumersOnly) {
+    loop.second = 5 * kShortSecond; // a pause of the test is no silence
+    loop.open(false);
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until([&] { return starts() == 1; }));
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_want(-1);
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until([&] { return hub_counters().daemon_restarts == 2; }));
+    loop.turn_for(10 * loop.second);
+    EXPECT_TRUE(loop.daemon->requests.empty());
+}
+
+TEST_F(RelayPositioning, AStopForAllHoldsAlsoBehindADaemonThatIsRestarted) {
+    loop.open(true);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_stop(true, [](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until([&] { return hub_counters().daemon_restarts == 1; }));
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_TRUE(loop.daemon->requests.empty());
+}
+
+TEST_F(RelayPositioning, AStartDuringADownloadIsAnsweredBehindIt) {
+    loop.open(false);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    positioning_download([](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    std::optional<uint32_t> told;
+    positioning_start([&](uint32_t value) { told = value; });
+    loop.turn_for(15 * kShortSecond); // more than a start may wait for its turn
+    EXPECT_FALSE(told.has_value());
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, 0));
+    ASSERT_TRUE(loop.until([&] { return told.has_value(); }));
+    EXPECT_EQ(*told, 0U);
+    EXPECT_EQ(starts(), 1U);
+}
+
 TEST_F(RelayPositioning, AStopForAllHoldsUntilSomebodyAsksStart) {
     loop.open(true);
     loop.start_daemon();
