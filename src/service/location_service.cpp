@@ -28,6 +28,11 @@ constexpr int32_t kFailed = -1;
 constexpr useconds_t kAfterDownloadUs = 50000;
 constexpr uint8_t kAssistMask = XOD_MASK_GPS | XOD_MASK_GPS_GLONASS | XOD_MASK_BEIDOU | XOD_MASK_GALILEO;
 constexpr int32_t kAssistFiles = 1; // numbered files of the GPS types
+constexpr uint32_t kStopSavesMax = 4;
+
+struct State {
+    uint32_t stop_saves = 0; // asked for since a stop is announced
+} state;                     // of the service's thread
 
 void reply(uint32_t id, uint32_t value, const void* payload = nullptr, uint32_t length = 0) {
     if (g_service_state.response != nullptr) {
@@ -92,6 +97,17 @@ int32_t send_command(const void* body) {
                                                      : location_command_send(static_cast<const char*>(body));
 }
 
+// Of the saves that stand before an announced stop four are made and the others fail: each waits for the
+// disk, and some hundred would hold the stop up.
+int32_t save_location() {
+    if (!stop_request_pending()) {
+        state.stop_saves = 0;
+    } else if (++state.stop_saves > kStopSavesMax) {
+        return kFailed;
+    }
+    return location_service_save_location(&g_service_state.location);
+}
+
 void report_assistance(const ServiceMessage& message) {
     uint32_t value = 0;
     if (message.data == nullptr || message.length < sizeof value) {
@@ -141,7 +157,7 @@ void handle_message(const ServiceMessage& message) {
     case SERVICE_DOWNLOAD:
         return reply_result(id, run_download(message));
     case SERVICE_SAVE_LOCATION:
-        return reply_result(id, location_service_save_location(&g_service_state.location));
+        return reply_result(id, save_location());
     case SERVICE_DEBUG_OFF:
         location_debug_stop();
         return reply(id, 0);
@@ -213,6 +229,7 @@ int32_t location_service_start() {
 
 int32_t location_service_stop() {
     puts("[LOCSERV] INF: location_service_stop");
+    state.stop_saves = 0; // the next stop's are counted anew
     location_gpio_power_off();
     location_debug_close();
     const int32_t result = location_io_thread_deinit();

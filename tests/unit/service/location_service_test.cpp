@@ -263,6 +263,28 @@ TEST_F(ServiceTest, CommandBeforeAnAnnouncedStopFailsWithoutTheChip) {
     EXPECT_EQ(fakes_texts().back(), "reply 7 0");
 }
 
+TEST_F(ServiceTest, FourSavesAtMostAreMadeBeforeEachAnnouncedStop) {
+    const Texts four = {"save", "reply 3 0", "save", "reply 3 0", "save", "reply 3 0", "save", "reply 3 0"};
+    for (const char* stop : {"the first", "the second"}) {
+        SCOPED_TRACE(stop);
+        fakes_reset();
+        stop_request_announce();
+        for (int i = 0; i < 4; ++i) {
+            handle(SERVICE_SAVE_LOCATION);
+        }
+        EXPECT_EQ(fakes_texts(), four);
+        handle(SERVICE_SAVE_LOCATION);
+        EXPECT_EQ(fakes_texts().size(), four.size() + 1) << "the disk is left alone";
+        EXPECT_EQ(fakes_texts().back(), "reply 3 4294967295");
+        handle(SERVICE_STOP);
+        stop_request_withdraw();
+    }
+    for (int i = 0; i < 6; ++i) {
+        handle(SERVICE_SAVE_LOCATION);
+        EXPECT_EQ(fakes_texts().back(), "reply 3 0") << "no stop is announced";
+    }
+}
+
 TEST_F(ServiceTest, ThreadRunsMessagesInOrderAndTheBannerComesBeforeChipData) {
     capture_stdout([&] {
         init();
