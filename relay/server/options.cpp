@@ -1,13 +1,16 @@
 #include "server/options.h"
 
 #include "server/exit_status.h"
+#include "server/nearest.h"
 #include "server/options_mqtt.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -63,6 +66,24 @@ int usage_error(std::string problem) {
     return kExitUsage;
 }
 
+// What is wrong with the file: it names an option that there is not. The parser ends its message with the
+// name.
+std::string unknown_setting(const CLI::App& app, std::string_view message) {
+    constexpr std::string_view kBefore = "INI was not able to parse ";
+    if (!message.starts_with(kBefore)) {
+        return std::string(message);
+    }
+    std::vector<std::string> names;
+    for (const CLI::Option* option : app.get_options()) {
+        if (option->get_configurable() && !option->get_lnames().empty()) {
+            names.push_back(option->get_lnames().front());
+        }
+    }
+    const std::string name(message.substr(kBefore.size()));
+    return "there is no setting '" + name + "' for the file, the nearest is '" + nearest_name(name, names) +
+           "'";
+}
+
 } // namespace
 
 std::optional<int> options_parse(int argc, const char* const* argv, Options& options,
@@ -80,6 +101,8 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     options_mqtt_add(app, options.mqtt, mqtt);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ConfigError& error) {
+        return usage_error(unknown_setting(app, error.what()));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             return app.exit(error);

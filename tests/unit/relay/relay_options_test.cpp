@@ -68,6 +68,27 @@ TEST_F(RelayOptions, AValueOfTheFileIsTheWholeRestOfItsLine) {
     EXPECT_EQ(options.chrony, "");
 }
 
+TEST_F(RelayOptions, AHashBeginsACommentAlsoBehindAValue) {
+    const std::string file = directory.write(
+        "relay.conf", "; a comment\n# another\nstop-delay=60 # a minute\nchrony=/run/a#b\nlisten=#all\n");
+    ASSERT_EQ(parse({"--config", file.c_str()}), -1) << err;
+    EXPECT_EQ(options.stop_delay_s, 60);
+    EXPECT_EQ(options.chrony, "/run/a");
+    EXPECT_EQ(options.listen, "");
+}
+
+TEST_F(RelayOptions, OfAnUnknownSettingTheNearestIsNamed) {
+    const std::vector<std::pair<std::string, std::string>> wrong = {{"stop-dealy", "stop-delay"},
+                                                                    {"positionning", "positioning"},
+                                                                    {"Listen", "listen"},
+                                                                    {"sock", "socket"}};
+    for (const auto& [name, nearest] : wrong) {
+        EXPECT_EQ(parse({"--config", directory.write("relay.conf", name + "=1\n").c_str()}), 2);
+        EXPECT_EQ(err, "tavor-relay: there is no setting '" + name + "' for the file, the nearest is '" +
+                           nearest + "'; see 'tavor-relay --help'\n");
+    }
+}
+
 TEST_F(RelayOptions, AUsualFileThatCannotBeReadIsNotPassedOver) {
     const std::filesystem::path usual = directory.path / "none.conf";
     std::filesystem::create_directory(usual); // root may read any file
