@@ -27,6 +27,7 @@ constexpr int kReadsAtOnce = 32; // by one call of the kernel
 // From the first datagram until what has come is read. The daemon sends an epoch within a few hundred
 // microseconds: read one by one its sentences would cost a wake-up and a send to each TCP client each.
 constexpr long kGatherNs = 500000;
+constexpr int kLooks = 2; // a second, for the daemon
 // Unread for longer than any turn of the loop takes: the relay itself was held up.
 constexpr std::chrono::milliseconds kUnreadMax{100};
 // For hosts whose queues are longer. The kernel charges senders for what waits, this limit is for some
@@ -91,13 +92,13 @@ bool take_banner(const tavor_response& datagram) {
 }
 
 // None when the daemon may have found the queue full before this datagram, or the clock was set meanwhile.
-std::optional<HubTime> good_arrival(HubTime arrived) {
-    const auto unread = HubTime(std::chrono::system_clock::now()) - arrived;
+std::optional<HubTime> good_arrival(HubTime arrived, HubTime now) {
+    const auto unread = now - arrived;
     const bool good = unread >= unread.zero() && unread <= kUnreadMax;
     return good ? std::optional(arrived) : std::nullopt;
 }
 
-void take(const tavor_response& datagram, size_t size, HubTime arrived) {
+void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime now) {
     // Until the socket is connected to the daemon everybody may send to it.
     if (!state.connected || size != sizeof datagram) {
         ++hub_counters().malformed;
@@ -105,7 +106,7 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived) {
     }
     state.heard = RelayClock::now();
     if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
-        hub_put(datagram, good_arrival(arrived));
+        hub_put(datagram, good_arrival(arrived, now));
     }
 }
 
@@ -138,8 +139,9 @@ bool read_some() {
         messages[i].msg_hdr.msg_controllen = sizeof controls[i].bytes;
     }
     const int count = recvmmsg(state.fd, messages.data(), kReadsAtOnce, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    const HubTime now = std::chrono::system_clock::now();
     for (size_t i = 0; i < static_cast<size_t>(std::max(count, 0)); ++i) {
-        take(datagrams[i], messages[i].msg_len, upstream_socket_arrival(messages[i].msg_hdr));
+        take(datagrams[i], messages[i].msg_len, upstream_socket_arrival(messages[i].msg_hdr), now);
     }
     return count == kReadsAtOnce;
 }
@@ -164,8 +166,15 @@ void on_send(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     send_next();
 }
 
+// A daemon that has said something since the look before is there: its socket need not be looked at.
+UpstreamPresence look() {
+    const bool heard = state.connected && RelayClock::now() - state.heard < state.settings.second / kLooks;
+    return heard ? UpstreamPresence::kSame
+                 : upstream_socket_reach(state.fd, state.settings.path, state.reached);
+}
+
 void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    const UpstreamPresence presence = upstream_socket_reach(state.fd, state.settings.path, state.reached);
+    const UpstreamPresence presence = look();
     if (presence != UpstreamPresence::kSame) {
         lost();
     }
@@ -206,7 +215,7 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     event_priority_set(state.gathered.get(), kPriorityUpstream);
     event_add(state.gathered.get(), nullptr);
     state.look = make_event(-1, EV_PERSIST, on_look);
-    event_arm(state.look, settings.second / 2);
+    event_arm(state.look, settings.second / kLooks);
     state.send = make_event(-1, 0, on_send);
     state.refuse = make_event(-1, 0, on_refuse);
     event_active(state.look.get(), 0, 0);
