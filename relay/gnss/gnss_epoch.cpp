@@ -144,6 +144,7 @@ void finish(GnssReader& reader, void (*tell)(void*, const GnssEpoch&), void* to)
         epoch.speed = epoch.course = std::nullopt;
     }
     tell(to, epoch);
+    epoch.has_view = false;
 }
 
 void begin(GnssReader& reader) {
@@ -152,6 +153,7 @@ void begin(GnssReader& reader) {
     }
     GnssEpoch next;
     next.satellites = std::move(reader.epoch.satellites);
+    next.has_view = reader.epoch.has_view;
     reader.epoch = std::move(next);
     reader.time.clear();
     reader.keys.clear();

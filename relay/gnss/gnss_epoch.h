@@ -45,6 +45,7 @@ struct GnssEpoch {
     std::optional<double> pdop, hdop, vdop;
     std::optional<GnssErrors> errors;      // GST came
     std::vector<GnssSatellite> satellites; // the latest view of the sky
+    bool has_view = false;                 // it came with this epoch, or behind what ended the one before
     bool has_sky = false;                  // it or the DOPs are of this epoch
 };
 

@@ -113,6 +113,7 @@ void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
         view.clear();
         reader.new_sky = true;
     }
+    reader.epoch.has_view = true;
     reader.epoch.has_sky = true;
     // What is left behind the last satellite is the number of the signal.
     const size_t end = std::min(kGsvEnd, sentence.count);

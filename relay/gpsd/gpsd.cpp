@@ -23,7 +23,8 @@ constexpr int kPauseS = 1;      // without a descriptor for the next connection
 struct GpsdState {
     GpsdSettings settings;
     int fd = -1;
-    std::optional<Utc> active; // since when there is a daemon
+    std::optional<Utc> active;                                // since when there is a daemon
+    std::optional<std::chrono::steady_clock::time_point> sky; // the latest that was told
     EventPtr connection;
     EventPtr pause;
 };
@@ -113,12 +114,22 @@ bool wants_sentences(const GpsdWatch& watch) {
     return watch.nmea || watch.raw > 0;
 }
 
+// DOPs come with each epoch, a view of the sky once a second as a rule, and most of a SKY is the view. So it
+// is told with each view, and without one once a second.
+bool tells_sky(const GnssEpoch& epoch) {
+    const auto now = std::chrono::steady_clock::now();
+    const bool tells =
+        epoch.has_view || (epoch.has_sky && (!state.sky || now - *state.sky >= state.settings.second));
+    state.sky = tells ? now : state.sky;
+    return tells;
+}
+
 void on_epoch(const GnssEpoch& epoch) {
     send_to([&] { return gpsd_report_tpv(epoch); }, wants_json);
     if (epoch.errors) {
         send_to([&] { return gpsd_report_gst(epoch); }, wants_json);
     }
-    if (epoch.has_sky) {
+    if (tells_sky(epoch)) {
         send_to([&] { return gpsd_report_sky(epoch); }, wants_json);
     }
 }

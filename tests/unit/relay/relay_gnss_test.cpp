@@ -58,6 +58,31 @@ TEST_F(RelayGnss, AnEpochTellsWhatItsSentencesSay) {
     EXPECT_EQ(utc_iso(*epoch.time), "2094-03-23T12:00:01.500Z");
 }
 
+TEST_F(RelayGnss, AnotherTimeBeginsAnEpoch) {
+    take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    take("$GNGGA,120001.00,4807.038,N,01131.000,E,1,08,0.9,61.7,M,46.9,M,,");
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_EQ(utc_iso(*told[0].time), "2094-03-23T12:00:00.000Z");
+}
+
+TEST_F(RelayGnss, AViewBehindTheLastSentenceOfItsEpochIsToldWithTheNextOne) {
+    const auto take_short = [this](const std::string& time) {
+        take("$GNRMC," + time + ",A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+        take("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1");
+    };
+    take_short("120000.00");
+    take_short("120001.00");
+    take_short("120002.00");
+    take("$GPGSV,1,1,01,04,40,083,46,1");
+    take_short("120003.00");
+    take_short("120004.00");
+    ASSERT_EQ(told.size(), 5U);
+    EXPECT_FALSE(told[2].has_view);
+    EXPECT_TRUE(told[3].has_view);
+    EXPECT_EQ(told[3].satellites.size(), 1U);
+    EXPECT_FALSE(told[4].has_view);
+}
+
 TEST_F(RelayGnss, SatellitesAreNumberedAsGpsdNumbersThem) {
     take_epoch("120000.00");
     take("$GAGSV,1,1,01,07,30,100,30,7");

@@ -13,16 +13,39 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 using Json = nlohmann::json;
 
+// A timer that was asked for and is not armed.
+struct HeldTimer {
+    int fd = -1;
+    itimerspec wait = {};
+};
+std::optional<HeldTimer> held_timer; // while timers are held
+
 const std::string kWatchJson = "?WATCH={\"enable\":true,\"json\":true};\n";
 const std::string kWatchNmea = "?WATCH={\"enable\":true,\"nmea\":true};\n";
+
+} // namespace
+
+extern "C" int __real_timerfd_settime(int fd, int flags, const itimerspec* wait, itimerspec* old);
+extern "C" int __wrap_timerfd_settime(int fd, int flags, const itimerspec* wait, itimerspec* old) {
+    if (held_timer) {
+        held_timer = HeldTimer{fd, *wait};
+        return 0;
+    }
+    return __real_timerfd_settime(fd, flags, wait, old);
+}
+
+namespace {
 
 struct RelayGpsd : testing::Test {
     RelayGpsd() {
@@ -316,6 +339,53 @@ TEST_F(RelayGpsd, WhatComesTogetherGoesToAClientInOnePiece) {
     }
     ASSERT_TRUE(gets(peer, "$GNRMC\r\n$GNGGA\r\n$GNGSA\r\n$GNGST\r\n"));
     EXPECT_EQ(peer.pieces() - before, 1U);
+}
+
+// Every one of them would cost a wake-up and a send.
+TEST_F(RelayGpsd, WhatComesWithinHalfAMillisecondIsReadTogether) {
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(watching(1));
+    const unsigned before = peer.pieces();
+    held_timer = HeldTimer{};
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNRMC\r\n")));
+    ASSERT_TRUE(loop.until([] { return held_timer->fd >= 0; }));
+    const HeldTimer held = *std::exchange(held_timer, std::nullopt);
+    EXPECT_EQ(held.wait.it_value.tv_sec, 0);
+    EXPECT_EQ(held.wait.it_value.tv_nsec, 500000);
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n")));
+    timerfd_settime(held.fd, 0, &held.wait, nullptr);
+    ASSERT_TRUE(gets(peer, "$GNRMC\r\n$GNGGA\r\n"));
+    EXPECT_EQ(peer.pieces() - before, 1U);
+}
+
+TEST_F(RelayGpsd, SkyIsToldWithEachViewAndOtherwiseOnceASecond) {
+    const auto push_dops = [&](int second) {
+        push("$GNRMC," + std::to_string(120000 + second) +
+             ".00,A,4807.038,N,01131.000,E,1.0,8.4,230326,,,A,V*00");
+        push("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1*00");
+    };
+    const auto skies = [](const TcpPeer& peer) {
+        size_t count = 0;
+        for (size_t at = 0; (at = peer.got.find("\"SKY\"", at)) != std::string::npos; ++at) {
+            ++count;
+        }
+        return count;
+    };
+    open_with_second(std::chrono::hours(1));
+    loop.start_daemon();
+    TcpPeer peer(gpsd_port());
+    ASSERT_TRUE(asked(peer, kWatchJson, "\"WATCH\""));
+    for (int second = 0; second < 4; ++second) {
+        push_dops(second);
+    }
+    ASSERT_TRUE(gets(peer, "12:00:03.000Z"));
+    EXPECT_EQ(skies(peer), 1U);
+    push_epoch(4); // is told with its DOPs, before its view comes
+    push_epoch(5);
+    push_epoch(6);
+    ASSERT_TRUE(gets(peer, "12:00:06.000Z"));
+    EXPECT_EQ(skies(peer), 3U);
 }
 
 TEST_F(RelayGpsd, TheRestOfAHalfSentReportIsKept) {
