@@ -7,8 +7,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -26,6 +28,7 @@ constexpr int64_t kLeadMs = 500; // from the decision to the window
 constexpr int64_t kHalfDayMs = int64_t{12} * 60 * 60 * 1000;
 constexpr Milliseconds kPatience{20000};
 constexpr double kSecondsPerMinute = 60;
+constexpr double kKibPerMib = 1024;
 
 struct Settings {
     int64_t seconds = 10;
@@ -253,7 +256,47 @@ void print_cost(const char* server, const std::vector<Result>& results, int64_t 
            last.lines_least, last.lines_most, last.lines_fed);
 }
 
-void report_cost(const Settings& settings, const std::string& name, size_t count) {
+std::string text_of(const Spread& spread) {
+    const int decimals = spread.median < 1 ? 3 : 2;
+    std::array<char, 64> text = {};
+    snprintf(text.data(), text.size(), "%.*f (%.*f to %.*f)", decimals, spread.median, decimals, spread.least,
+             decimals, spread.most);
+    return text.data();
+}
+
+std::string text_of(const CostMemory& memory) {
+    std::array<char, 64> text = {};
+    snprintf(text.data(), text.size(), "%.1f and %.1f MiB",
+             static_cast<double>(memory.proportional) / kKibPerMib,
+             static_cast<double>(memory.resident) / kKibPerMib);
+    return text.data();
+}
+
+// A row of the table of docs/relay.md.
+std::string row_of(const std::string& name, size_t count, int64_t seconds, const std::vector<Result>& relay,
+                   const std::vector<Result>& gpsd) {
+    const double per_minute = kSecondsPerMinute / static_cast<double>(seconds);
+    const auto of_relay = [&](const Result& one) { return one.seconds.relay * per_minute; };
+    const auto of_gpsd = [&](const Result& one) { return one.seconds.gpsds * per_minute; };
+    return "| " + std::to_string(count) + ", " + (name == "json" ? "reports" : "sentences") + " | " +
+           text_of(spread_of(relay, of_relay)) + " | " + text_of(spread_of(gpsd, of_gpsd)) + " | " +
+           text_of(relay.back().relay) + " | " + text_of(gpsd.back().gpsds) + " |";
+}
+
+void print_table(const std::vector<std::string>& rows) {
+    printf(
+        "\n| Consumers | Relay | gpsd | Relay, PSS and RSS | gpsd, PSS and RSS |\n|---|---|---|---|---|\n");
+    for (const std::string& row : rows) {
+        printf("%s\n", row.c_str());
+    }
+    std::array<double, 3> load = {};
+    getloadavg(load.data(), static_cast<int>(load.size()));
+    printf("\nload average: %.2f %.2f %.2f\n", load[0], load[1], load[2]);
+}
+
+// Adds a row to the table where gpsd is compared.
+void report_cost(const Settings& settings, const std::string& name, size_t count,
+                 std::vector<std::string>& rows) {
     const ConsumerKind kind = kind_of(name);
     const bool with_gpsd = kind != ConsumerKind::kLocal;
     const size_t gpsd_count = with_gpsd ? (count + kGpsdClientsMax - 1) / kGpsdClientsMax : 0;
@@ -271,6 +314,7 @@ void report_cost(const Settings& settings, const std::string& name, size_t count
     printf("%zu %s: processor seconds a minute, median (least to most)\n", count, name.c_str());
     print_cost("relay", relay, settings.seconds, false);
     if (with_gpsd) {
+        rows.push_back(row_of(name, count, settings.seconds, relay, gpsd));
         print_cost(gpsd_count > 1 ? (std::to_string(gpsd_count) + " gpsd").c_str() : "gpsd", gpsd,
                    settings.seconds, true);
     }
@@ -300,10 +344,10 @@ void report_idle(size_t count) {
     fflush(stdout);
 }
 
-void report(const Settings& settings, const std::string& part, size_t count) {
+void report(const Settings& settings, const std::string& part, size_t count, std::vector<std::string>& rows) {
     for (const std::string& kind : settings.kinds) {
         if (part == "cost") {
-            report_cost(settings, kind, count);
+            report_cost(settings, kind, count, rows);
         } else if (part == "latency") {
             latency_report(kind.c_str(), kind_of(kind), count, settings.seconds);
         }
@@ -328,10 +372,14 @@ int main(int argc, char** argv) {
         ->delimiter(',')
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
+    std::vector<std::string> rows;
     try {
         for (const std::string& part : settings.parts) {
             for (const size_t count : settings.counts) {
-                report(settings, part, count);
+                report(settings, part, count, rows);
+            }
+            if (part == "cost") {
+                print_table(rows);
             }
         }
     } catch (const std::exception& error) {

@@ -1,5 +1,7 @@
 #include "relay/servers.h"
 
+#include "support/tcp_peer.h"
+
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -11,19 +13,6 @@
 #include <unistd.h>
 
 namespace {
-
-// A port that is free now.
-int free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 bool answers(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -45,7 +34,7 @@ void wait_for(int port, const char* name) {
 } // namespace
 
 RelayServer::RelayServer(const std::string& daemon, const PrivateDir& directory)
-    : socket((directory.path / "relay.sock").string()), port(free_port()),
+    : socket((directory.path / "relay.sock").string()), port(free_tcp_port()),
       process(std::make_unique<Child>(Arguments{TAVOR_RELAY_PROGRAM, "--daemon", daemon, "--socket", socket,
                                                 "--listen", std::to_string(port)},
                                       (directory.path / "relay.log").string())) {
@@ -55,7 +44,7 @@ RelayServer::RelayServer(const std::string& daemon, const PrivateDir& directory)
     }
 }
 
-GpsdServer::GpsdServer(const PrivateDir& directory) : port(free_port()) {
+GpsdServer::GpsdServer(const PrivateDir& directory) : port(free_tcp_port()) {
     termios raw = {};
     cfmakeraw(&raw);
     raw.c_cflag |= CREAD | CLOCAL;
