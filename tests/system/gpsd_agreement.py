@@ -298,9 +298,9 @@ def main():
     ends = sorted({number for number, report in ours if report["class"] == "TPV"})
     for begin, end in zip([0] + ends, ends):
         our = [report for number, report in ours if number == end]
-        their = [report for number, report in theirs if begin < number <= end + 1]
+        their = [report for number, report in theirs if begin < number <= end]
         when = next((one["time"][10:] for one in our if "time" in one), f"sentence {end}")
-        comparison.epoch(when, our, their, sentences[begin + 1:end + 1])
+        comparison.epoch(when, our, their, sentences[begin:end])
     print("\n".join(comparison.differences))
     print(f"{comparison.compared} values compared, {len(comparison.differences)} differences")
     return 0 if comparison.compared > 0 and not comparison.differences else 1
