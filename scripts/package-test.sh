@@ -58,7 +58,7 @@ boot() {
 }
 
 take_options "$@"
-debian_tools systemd-container build-essential debhelper
+debian_tools systemd-container $([ -n "$packages" ] || echo build-essential debhelper)
 debian_packages
 debian_base
 make_test

@@ -1,25 +1,33 @@
 #!/usr/bin/env bash
 # Holds the recipes for Yocto and Buildroot against the Debian packages: version, licence, options, users, units, and that the same files
-# come onto a device. Neither of the two build systems takes part: the recipes' own installation runs on what the packages were built
-# from, and what the build systems add to it, such as Yocto's choice of files for its usual packages, is written down here.
+# come onto a device. None of the build systems takes part: the recipes' own installation runs on a tree that is built already, and what
+# the build systems add to it, such as Yocto's choice of files for its usual packages, is written down here. Debian's packages stand in
+# packaging/debian/rules, and packages that are built are held against that.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 case "${1:-}" in
 -*)
-    echo "usage: scripts/recipes-test.sh [DIR]
-  DIR   where scripts/package.sh has built the packages (build/package)
-Exit codes: 0 the recipes hold, 1 one doesn't, 77 not run because there are no packages."
+    echo "usage: scripts/recipes-test.sh [BUILD [PACKAGES]]
+  BUILD      a build of all programs (build/release)
+  PACKAGES   where scripts/package.sh has built the packages of this tree
+Exit codes: 0 the recipes hold, 1 one doesn't, 77 not run because the build lacks a program."
     [ "$1" = --help ] || [ "$1" = -h ] || exit 2
     exit 0
     ;;
 esac
-packages=${1:-build/package}
-compgen -G "$packages/tavor-*/obj-*" >/dev/null && compgen -G "$packages/tavor_*.deb" >/dev/null || {
-    echo "recipes-test: not run: no packages in $packages (scripts/package.sh makes them)"
-    exit 77
+objects=${1:-build/release}
+packages=${2:-}
+[ -e "$objects/cmake_install.cmake" ] || {
+    echo "recipes-test: no build in $objects" >&2
+    exit 1
 }
-objects=$(compgen -G "$packages/tavor-*/obj-*")
+for option in TAVOR_BUILD_RELAY TAVOR_RELAY_MQTT TAVOR_BUILD_BOARD; do
+    grep -q "^$option:BOOL=\(ON\|TRUE\|1\)$" "$objects/CMakeCache.txt" || {
+        echo "recipes-test: not run: $objects is built without $option"
+        exit 77
+    }
+done
 version=$(sed -n 's/^project(tavor VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
 buildroot=packaging/buildroot/tavor
 recipe=packaging/yocto/recipes-navigation/tavor/tavor_$version.bb
@@ -39,21 +47,31 @@ holds() { # WHAT COMMAND...
     if "${@:2}" >/dev/null; then echo "recipes-test: good  $1"; else echo "recipes-test: BAD   $1" && status=1; fi
 }
 
-# Packages called as Yocto calls them, and paths as CMake installs them. Documents are left out: what Yocto has of them is all in one
-# package, and Buildroot removes them.
+# install_all DIR [OPTION...]: what CMake installs, of all components or as the options say.
+install_all() { rm -rf "$1" && DESTDIR=$PWD/$1 cmake --install "$objects" --prefix /usr "${@:2}" >/dev/null; }
+
+# Packages called as Yocto calls them. Documents are left out: what Yocto has of them is all in one package, and Buildroot removes them.
+by_package() {
+    sed -e 's/^tavorctl /tavor-client /; s/^libtavor-dev /tavor-dev /' | grep -v ' /usr/share/\(doc\|man\|lintian\)/' | sort
+}
+
+# Each component becomes a package.
 list_debian() {
+    local pair
+    for pair in $(sed -n 's/^components = //p' packaging/debian/rules); do
+        install_all $work/component --component "${pair%:*}"
+        (cd $work/component && find . ! -type d) | sed "s/^\./${pair#*:} /"
+    done
+    sed -nE 's,.* debian/([a-z-]+)(/etc/.*),\1 \2,p' packaging/debian/rules
+}
+
+# With paths as CMake installs them.
+list_built_packages() {
     local deb
     for deb in $(find "$packages" -maxdepth 1 -name '*.deb' ! -name '*-dbgsym_*'); do
         dpkg-deb -c "$deb" | awk -v package="$(dpkg-deb -f "$deb" Package)" '$1 !~ /^d/ { print package, $6 }'
-    done | sed -e 's/ \./ /; s/^tavorctl /tavor-client /; s/^libtavor-dev /tavor-dev /' \
-        -e 's, /lib/systemd/, /usr/lib/systemd/,; s,zsh/vendor-completions,zsh/site-functions,' |
-        grep -v ' /usr/share/\(doc\|man\|lintian\)/' | sort
-}
-
-# install_all DIR: what CMake installs of all components.
-install_all() {
-    rm -rf "$1" && DESTDIR=$PWD/$1 cmake --install "$objects" >/dev/null
-    mv "$1/usr/share/zsh/vendor-completions" "$1/usr/share/zsh/site-functions"
+    done | sed -e 's, \./lib/systemd/, ./usr/lib/systemd/,; s/ \./ /; s,/usr/lib/[a-z0-9_]*-linux-gnu[a-z0-9]*/,/usr/lib/,' \
+        -e 's,zsh/vendor-completions,zsh/site-functions,'
 }
 
 # The recipe's settings of packages, a line each: NAME PACKAGE VALUE.
@@ -179,7 +197,11 @@ list_users_of_buildroot >$work/users.buildroot
 same "Yocto: users and groups" $work/users $work/users.yocto
 same "Buildroot: users and groups" $work/users $work/users.buildroot
 
-list_debian >$work/debian.list
+list_debian | by_package >$work/debian.list
+if [ -n "$packages" ]; then
+    list_built_packages | by_package >$work/built.list
+    same "Debian: the packages that are built have the files of their components" $work/debian.list $work/built.list
+fi
 list_yocto >$work/yocto.list
 same "Yocto: the files of each package" $work/debian.list $work/yocto.list
 sed -n 's,.* /usr/lib/systemd/system/,,p' $work/debian.list >$work/units

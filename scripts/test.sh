@@ -73,9 +73,10 @@ echo "== other processors"
 scripts/cross.sh --quick || [ $? -eq 77 ]
 scripts/vm-test.sh --install || [ $? -eq 77 ] # else its tests are skipped
 echo "== packages"
-scripts/package-test.sh --no-install || [ $? -eq 77 ]
+built=
+scripts/package-test.sh --no-install && built=build/package || [ $? -eq 77 ]
 scripts/service-test.sh --no-install --packages build/package || [ $? -eq 77 ]
-scripts/recipes-test.sh || [ $? -eq 77 ]
+scripts/recipes-test.sh build/demo $built || [ $? -eq 77 ]
 "${tsan[@]}"
 run_all asan
 run_all dev
