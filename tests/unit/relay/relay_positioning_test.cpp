@@ -28,6 +28,17 @@ TEST_F(RelayPositioning, IsStartedAlwaysAndAgainWithTheNextDaemonWithinTwoSecond
     EXPECT_EQ(hub_counters().daemon_restarts, 1U);
 }
 
+TEST_F(RelayPositioning, ARestartedDaemonIsNoticedAlsoWhenNothingIsWantedOfIt) {
+    loop.open(false);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(upstream_connected));
+    int64_t saved = -1;
+    upstream_request(TAVOR_REQUEST_SAVE_LOCATION, "", [&](uint32_t value) { saved = value; });
+    ASSERT_TRUE(loop.until([&] { return saved == 0; }));
+    loop.start_daemon();
+    EXPECT_TRUE(loop.until([] { return hub_counters().daemon_restarts == 1; }));
+}
+
 TEST_F(RelayPositioning, OnDemandBeginsWithTheFirstConsumerAndEndsBehindTheLast) {
     loop.open(false, std::chrono::milliseconds(60));
     loop.start_daemon();
