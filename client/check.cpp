@@ -26,9 +26,20 @@ void look_as_daemon(Findings& findings, const std::string& unit, bool runs, cons
     check_directories(findings, place);
 }
 
+// Which settings, devices and files count is not known either.
+Findings look_without_daemon(const DaemonProbe& daemon) {
+    Findings findings;
+    check_queues(findings);
+    check_daemon(findings, daemon);
+    return findings;
+}
+
 Findings look(const std::string& socket) {
     const Place place = place_of(socket);
     const DaemonProbe daemon = daemon_probe(place);
+    if (!place.hidden.empty()) {
+        return look_without_daemon(daemon);
+    }
     const bool runs = daemon.running.value_or(true); // what is not known may be disturbed
     const std::string unit = check_unit_properties(place);
     Findings findings;

@@ -147,7 +147,8 @@ void check_assistance(Findings& findings, const Place& place) {
 void check_daemon(Findings& findings, const DaemonProbe& daemon) {
     if (!daemon.running) {
         findings.push_back({Grade::kDoubtful, "daemon",
-                            "whether one runs can't be told: " + daemon.running_why, "try with sudo"});
+                            "whether one runs can't be told: " + daemon.running_why,
+                            "try with sudo, or name the daemon's own socket with --socket"});
     } else if (*daemon.running) {
         const std::string process = daemon.pid > 0 ? " (process " + std::to_string(daemon.pid) + ")" : "";
         findings.push_back(

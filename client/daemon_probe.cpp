@@ -144,6 +144,11 @@ std::optional<pid_t> daemon_probe_lock_holder(std::string_view locks, dev_t devi
 
 DaemonProbe daemon_probe(const Place& place) {
     DaemonProbe probe;
+    if (!place.hidden.empty()) {
+        probe.running_why = place.hidden;
+        probe.version_why = "which process it is can't be told";
+        return probe;
+    }
     const std::optional<pid_t> holder = lock_holder(place.directory);
     const int error = try_connect(place.socket);
     probe.reachable = error == 0 || (error == EACCES && is_listed(place.socket));

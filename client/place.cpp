@@ -49,19 +49,26 @@ std::optional<std::string> find(const Place& place, location_config_id id) {
     return std::string(value.data());
 }
 
-} // namespace
-
-std::string place_daemon_socket(const std::string& socket) {
-    const auto relay = relay_status_ask(socket);
+std::string socket_behind(const std::string& socket, const std::optional<RelayStatus>& relay) {
     if (relay && !relay->daemon.empty()) {
         return relay->daemon;
     }
     return socket == TAVOR_RELAY_SOCKET_PATH ? TAVOR_SOCKET_PATH : socket;
 }
 
+} // namespace
+
+std::string place_daemon_socket(const std::string& socket) {
+    return socket_behind(socket, relay_status_ask(socket));
+}
+
 Place place_of(const std::string& socket) {
     Place place;
-    place.socket = place_daemon_socket(socket);
+    const auto relay = relay_status_ask(socket);
+    place.socket = socket_behind(socket, relay);
+    if (relay && place.socket == socket) {
+        place.hidden = "a relay holds the socket and does not tell its daemon's: " + relay->why;
+    }
     place.directory = directory_of(place.socket);
     place.usual = place.socket == TAVOR_SOCKET_PATH;
     place.known = std::string_view(place.socket).ends_with(TAVOR_SOCKET_PATH);

@@ -14,10 +14,12 @@ struct Place {
     bool known = true;     // by the socket's path, the usual one or that of a simulated board; else assumed
     std::string config;    // content of the settings' file
     int config_error = 0;  // error number; 0: it was read
+    std::string hidden;    // why it is not known which daemon and whose files these are; empty: it is
 };
 
 // The socket of the daemon behind one that a client talks to: a relay there is asked, 0.4 seconds at most; of
-// the relay at its usual place that does not tell it is the usual one.
+// the relay at its usual place that does not tell it is the usual one; of any other that doesn't it is not
+// known, and the relay's own socket is returned.
 std::string place_daemon_socket(const std::string& socket);
 
 // Reads the settings beside the socket. A relay's stands for that of its daemon; any other

@@ -1,6 +1,7 @@
 #include "client/relay_status.h"
 
 #include "base/descriptor_guard.h"
+#include "client/print.h"
 #include "tavor/protocol.h"
 
 #include <array>
@@ -150,7 +151,8 @@ RelayStatus ask(int fd, std::chrono::milliseconds limit) {
                       static_cast<ssize_t>(kRequest.size());
     const auto answer = sent ? read_all(fd, end) : std::nullopt;
     if (!answer) {
-        return silent("it does not answer");
+        return silent("it does not answer within " +
+                      print_seconds(std::chrono::duration<double>(limit).count()) + " s");
     }
     const size_t body = answer->find(kHeadEnd);
     if (!answer->starts_with(kGood) || body == std::string::npos) {

@@ -198,18 +198,8 @@ void tell_present(Status& status, const Session& session, Clock::time_point begu
     find_fix(status);
 }
 
-Status look(const Session& session) {
-    const Clock::time_point begun = Clock::now();
-    Status status;
-    status.relay = relay_status_ask(session.options.socket);
-    status.place = place_of(session.options.socket);
-    status.daemon = daemon_probe(status.place);
-    if (!status.daemon.running) {
-        status.unknown["daemon"] = status.daemon.running_why;
-    }
-    if (status.daemon.version.empty()) {
-        status.unknown["version"] = status.daemon.version_why;
-    }
+// Power line, location file and assistance files.
+void find_files(Status& status) {
     status.power_line = place_number(status.place, CONFIG_POWER_GPIO);
     std::string why;
     status.power = daemon_files_power(status.place, why);
@@ -225,6 +215,26 @@ Status look(const Session& session) {
     status.assistance = daemon_files_assistance(status.place);
     if (!status.assistance) {
         status.unknown["assistance"] = std::string("their directory can't be read: ") + strerror(errno);
+    }
+}
+
+Status look(const Session& session) {
+    const Clock::time_point begun = Clock::now();
+    Status status;
+    status.relay = relay_status_ask(session.options.socket);
+    status.place = place_of(session.options.socket);
+    status.daemon = daemon_probe(status.place);
+    if (!status.daemon.running) {
+        status.unknown["daemon"] = status.daemon.running_why;
+    }
+    if (status.daemon.version.empty()) {
+        status.unknown["version"] = status.daemon.version_why;
+    }
+    if (status.place.hidden.empty()) {
+        find_files(status);
+    } else {
+        status.unknown["power"] = status.unknown["location"] = status.unknown["assistance"] =
+            status.place.hidden;
     }
     if (status.daemon.running.value_or(true)) {
         tell_present(status, session, begun);

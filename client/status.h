@@ -15,8 +15,8 @@ struct Status {
     DaemonProbe daemon;
     std::optional<RelayStatus> relay; // none: no relay is asked for
     std::optional<bool> positioning;
-    std::optional<bool> power; // level of the power line
-    int32_t power_line = 0;    // kGpioNotConfigured for none
+    std::optional<bool> power;               // level of the power line
+    int32_t power_line = kGpioNotConfigured; // that value: none is named
     std::optional<double> sentence_age_s;
     std::optional<Fix> fix;
     std::optional<double> fix_age_s;

@@ -194,9 +194,18 @@ TEST_F(RelayTool, StatusAnswersInTwoSecondsBesideARelayThatHangs) {
     const auto begun = std::chrono::steady_clock::now();
     const RunResult result = ctl({"status"});
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+    const RunResult check = ctl({"check"});
     kill(relay->pid, SIGCONT);
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("relay         silent: it does not answer"), std::string::npos) << result.out;
+    EXPECT_EQ(result.status, 3) << result.err;
+    for (const char* row : {"relay         silent: it does not answer within 0.4 s",
+                            "daemon        unknown: a relay holds the socket",
+                            "assistance    unknown: a relay holds the socket"}) {
+        EXPECT_NE(result.out.find(row), std::string::npos) << result.out;
+    }
+    EXPECT_NE(check.out.find("doubtful  daemon: whether one runs can't be told: a relay holds the socket"),
+              std::string::npos)
+        << check.out;
+    EXPECT_EQ(check.out.find("settings"), std::string::npos) << "whose are not known: " << check.out;
 }
 
 TEST_F(RelayTool, WithoutTheRightItSaysWhatToDo) {

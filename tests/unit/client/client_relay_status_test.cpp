@@ -1,7 +1,9 @@
 // What a relay tells: its metrics as text, and relays that tell nothing.
 #include "client/relay_status.h"
 
+#include "client/daemon_probe.h"
 #include "client/place.h"
+#include "support/bound_socket.h"
 #include "support/private_dir.h"
 
 #include <gtest/gtest.h>
@@ -145,7 +147,18 @@ TEST(RelayStatus, ARelayThatHangsIsWaitedForUpToTheLimit) {
     for (int i = 0; i < 3; ++i) { // at first its queue takes the connection, then it is full
         const auto status = relay_status_ask(relay.socket, std::chrono::milliseconds(50));
         ASSERT_TRUE(status);
-        EXPECT_EQ(status->why, "it does not answer");
+        EXPECT_EQ(status->why.rfind("it does not answer", 0), 0U) << status->why;
     }
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(2));
+}
+
+TEST(RelayStatus, ASilentRelayHidesWhichDaemonThereIs) {
+    const FakeRelay relay("");
+    const BoundSocket requests(relay.socket);
+    const Place place = place_of(relay.socket);
+    EXPECT_NE(place.hidden, "");
+    const DaemonProbe probe = daemon_probe(place);
+    EXPECT_FALSE(probe.running) << "the relay holds the socket, not the daemon";
+    EXPECT_FALSE(probe.reachable);
+    EXPECT_EQ(probe.running_why, place.hidden);
 }
