@@ -1,7 +1,6 @@
 #include "client/export.h"
 
 #include "client/follow.h"
-#include "client/interrupt.h"
 #include "client/print.h"
 #include "client/track_format.h"
 
@@ -28,6 +27,8 @@ struct Export {
 
     explicit Export(Session& of) : session(of) {
         track.gap_s = of.options.gap_s.value_or(kTrackGapS);
+        track.every_s = of.options.every_s.value_or(0);
+        track.every_m = of.options.every_m;
         text.format = of.options.format;
     }
 };
@@ -59,12 +60,16 @@ void take_byte(Export& run, char byte, const TrackVisitor& visit) {
     run.skips = false;
 }
 
+// "1 point", "2 points".
+std::string counted(uint64_t count, const std::string& what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 void tell_counts(const Track& track) {
-    std::string text = std::to_string(track.points) + (track.points == 1 ? " point" : " points") + " in " +
-                       std::to_string(track.segments) + (track.segments == 1 ? " segment" : " segments") +
-                       ", from " + std::to_string(track.sentences) + " sentences";
+    std::string text = counted(track.points, "point") + " in " + counted(track.segments, "segment") +
+                       ", from " + counted(track.sentences, "sentence");
     if (track.refused > 0) {
-        text += "; " + std::to_string(track.refused) + " lines left out, damaged or too long";
+        text += "; " + counted(track.refused, "line") + " left out, damaged or too long";
     }
     session_note(text);
 }
@@ -76,8 +81,11 @@ int finish(Export& run, int status) {
         track_end(run.track, writer(run));
         session_emit(run.session, track_format_end(run.text));
     }
-    if (run.session.output_error == EPIPE || run.session.output_error == EINTR) {
-        return status; // a reader that has gone has seen enough, and one that doesn't read sees nothing
+    if (run.session.output_error == EINTR) {
+        return session_interrupted(run.session); // one that doesn't read sees nothing
+    }
+    if (run.session.output_error == EPIPE) {
+        return status; // a reader that has gone has seen enough
     }
     tell_counts(run.track);
     if (failed || run.session.output_error != 0) {
@@ -116,7 +124,7 @@ Ended read_lines(Export& run, int fd) {
 int status_of(Session& session, Ended ended, int error) {
     switch (ended) {
     case Ended::kInterrupted:
-        return kExitSignal + interrupt_take(session.connection.interrupt);
+        return session_interrupted(session);
     case Ended::kFailed:
         return session_fail(session, kExitIo,
                             "cannot read " + print_safe(session.options.file) + ": " + strerror(error) +

@@ -51,6 +51,10 @@ std::string check_positive_seconds(const std::string& text) {
     return read_seconds(text).value_or(0) > 0 ? "" : print_safe(text) + " is no positive number of seconds";
 }
 
+std::string check_positive_metres(const std::string& text) {
+    return read_seconds(text).value_or(0) > 0 ? "" : print_safe(text) + " is no positive number of metres";
+}
+
 // Problem of a text as a count, empty when it is a positive number.
 std::string check_count(const std::string& text) {
     int64_t value = 0;
@@ -142,6 +146,11 @@ void add_export_options(CLI::App& app, Options& options) {
     app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live");
     add_seconds(app, "--gap", options.gap_s, "A new segment behind so many seconds without a point (10)",
                 check_positive_seconds);
+    add_seconds(app, "--every", options.every_s, "Leave out points less than so many seconds behind the last",
+                check_positive_seconds);
+    app.add_option("--distance", options.every_m, "Leave out points less than so many metres from the last")
+        ->type_name("METRES")
+        ->check(CLI::Validator(check_positive_metres, ""));
     add_follow_options(app, options);
 }
 

@@ -60,6 +60,8 @@ struct Options {
     bool stamps = false;                    // record: tell when sentences came
     TrackFormat format = TrackFormat::kGpx; // export
     std::optional<double> gap_s;            // export: none: the usual one
+    std::optional<double> every_s;          // export: none: every point
+    double every_m = 0;                     // export
 };
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help

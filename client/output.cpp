@@ -14,12 +14,20 @@
 
 namespace {
 
+constexpr std::chrono::milliseconds kLongestPoll{1000};
+
 // Waits until the descriptor takes bytes or has failed. Returns 0, or EINTR when it does neither and a signal
-// has come.
-int wait_for_room(int fd, int interrupt) {
+// or the end has come.
+int wait_for_room(int fd, int interrupt, OutputTime end) {
+    using std::chrono::milliseconds;
     std::array<pollfd, 2> waits = {{{fd, POLLOUT, 0}, {interrupt, POLLIN, 0}}};
-    while (waits[0].revents == 0 && waits[1].revents == 0) {
-        poll(waits.data(), waits.size(), -1);
+    bool over = false;
+    while (waits[0].revents == 0 && waits[1].revents == 0 && !over) {
+        const auto now = std::chrono::steady_clock::now();
+        over = now >= end;
+        const auto left =
+            over ? milliseconds(0) : std::min(kLongestPoll, std::chrono::ceil<milliseconds>(end - now));
+        poll(waits.data(), waits.size(), static_cast<int>(left.count()));
     }
     return waits[0].revents != 0 ? 0 : EINTR;
 }
@@ -34,13 +42,13 @@ int open_unheld(int fd) {
 
 } // namespace
 
-int output_write(int fd, std::string_view text, int interrupt, uint64_t& written) {
+int output_write(int fd, std::string_view text, int interrupt, uint64_t& written, OutputTime end) {
     struct stat status = {};
     const bool file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode); // never holds up
     const DescriptorGuard unheld(file ? -1 : open_unheld(fd));
     const int to = unheld.fd >= 0 ? unheld.fd : fd;
     while (!text.empty()) {
-        const int error = file ? 0 : wait_for_room(to, interrupt);
+        const int error = file ? 0 : wait_for_room(to, interrupt, end);
         if (error != 0) {
             return error;
         }

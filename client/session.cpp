@@ -13,6 +13,7 @@
 
 namespace {
 
+constexpr double kLastOutputS = 1;
 constexpr std::string_view kJournal = "'journalctl --namespace=tavor'";
 
 // A hint at the journal says what a user without the right to read it sees there.
@@ -26,6 +27,14 @@ std::string with_journal_hint(std::string text) {
 }
 
 } // namespace
+
+int session_interrupted(Session& session) {
+    if (session.interrupted == 0) {
+        session.interrupted = kExitSignal + interrupt_take(session.connection.interrupt);
+        session.output_end = deadline_in(kLastOutputS);
+    }
+    return session.interrupted;
+}
 
 int session_fail(Session& session, ExitStatus status, const std::string& text) {
     if (session.options.json && session.output_error == 0) {
@@ -44,7 +53,8 @@ bool session_emit(Session& session, const std::string& text) {
         return false;
     }
     uint64_t written = 0;
-    const int error = output_write(STDOUT_FILENO, text, session.connection.interrupt, written);
+    const int error =
+        output_write(STDOUT_FILENO, text, session.connection.interrupt, written, session.output_end);
     if (error != 0) {
         session.output_error = error;
         return false;
@@ -58,7 +68,7 @@ int session_output_status(Session& session) {
         return kExitSuccess;
     }
     if (session.output_error == EINTR) {
-        return kExitSignal + interrupt_take(session.connection.interrupt);
+        return session_interrupted(session);
     }
     return session_fail(session, kExitIo,
                         std::string("cannot write the output: ") + strerror(session.output_error) +
@@ -68,7 +78,7 @@ int session_output_status(Session& session) {
 int session_end_status(Session& session, Outcome outcome, double limit_s) {
     switch (outcome) {
     case Outcome::kInterrupted:
-        return kExitSignal + interrupt_take(session.connection.interrupt);
+        return session_interrupted(session);
     case Outcome::kUnreachable:
         return session_fail(session, session.connection.busy ? kExitBusy : kExitNoDaemon,
                             session.connection.error);

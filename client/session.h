@@ -17,7 +17,13 @@ struct Session {
     int64_t lines = 0;         // of output written
     int output_error = 0;      // error number of the first failed write
     bool start_failed = false; // the daemon answered a start with failure
+    int interrupted = 0;       // status of an end by a signal; 0: none was taken
+    Clock::time_point output_end = Clock::time_point::max(); // until when the output waits for its reader
 };
+
+// Takes the signal that has come, once. From then on a reader that pauses is waited for a second in all.
+// Returns the status of an end by it.
+int session_interrupted(Session& session);
 
 // One line on standard error. session_fail prints it as an object of JSON too where that is asked for, and
 // returns the status.

@@ -1,6 +1,8 @@
 #include "client/track.h"
 
+#include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <string>
 
 namespace {
@@ -27,13 +29,51 @@ std::optional<double> seconds_between(const TrackPoint& from, const TrackPoint& 
     return std::nullopt;
 }
 
+// A moment of a leap second, 23:59:60 and what follows, has the same time as the one a second behind it, as
+// everywhere where a day has 86,400 seconds.
+bool is_in_leap_second(const TrackPoint& point) {
+    return point.of_day && *point.of_day >= std::chrono::days(1);
+}
+
+bool begins_segment(const Track& track, const TrackPoint& point) {
+    if (!track.last) {
+        return true;
+    }
+    const auto seconds = seconds_between(*track.last, point);
+    const double back_s = is_in_leap_second(*track.last) ? -1 : 0;
+    return seconds && (*seconds < back_s || *seconds > track.gap_s);
+}
+
+// Metres along a sphere; good to half a percent.
+double metres_between(const TrackPoint& from, const TrackPoint& to) {
+    constexpr double kEarthRadius = 6371000;
+    constexpr double kRadians = std::numbers::pi / 180;
+    const double north = std::sin((to.latitude - from.latitude) * kRadians / 2);
+    const double east = std::sin((to.longitude - from.longitude) * kRadians / 2);
+    const double narrow = std::cos(from.latitude * kRadians) * std::cos(to.latitude * kRadians);
+    return 2 * kEarthRadius * std::asin(std::sqrt(std::min(1.0, north * north + narrow * east * east)));
+}
+
+// Whether a track that is thinned leaves the point out. One whose time can't be told is kept.
+bool is_too_near(const Track& track, const TrackPoint& point) {
+    if (point.begins || !track.told) {
+        return false;
+    }
+    const bool soon =
+        track.every_s > 0 && seconds_between(*track.told, point).value_or(track.every_s) < track.every_s;
+    return soon || (track.every_m > 0 && metres_between(*track.told, point) < track.every_m);
+}
+
 void tell(Track& track, TrackPoint point, const TrackVisitor& visit) {
-    const auto seconds = track.last ? seconds_between(*track.last, point) : std::nullopt;
-    point.begins = !track.last || (seconds && (*seconds < 0 || *seconds > track.gap_s));
+    point.begins = begins_segment(track, point);
+    track.last = point;
+    if (is_too_near(track, point)) {
+        return;
+    }
     ++track.points;
     track.segments += point.begins ? 1 : 0;
     visit(point);
-    track.last = point;
+    track.told = point;
 }
 
 // Gives points that waited their dates, the latest first: each lies near the one behind it.

@@ -27,7 +27,9 @@ struct TrackPoint {
 
 struct Track {
     double gap_s = kTrackGapS; // points that lie farther apart are of two segments
-    uint64_t points = 0;
+    double every_s = 0;        // of the points of a segment only those that lie so far behind the last told
+    double every_m = 0;        // one, in time and in metres
+    uint64_t points = 0;       // told
     uint64_t segments = 0;
     uint64_t sentences = 0; // good ones
     uint64_t refused = 0;   // lines with a bad checksum
@@ -41,7 +43,8 @@ struct Track {
     std::optional<Utc> dated;                 // latest moment whose date is known
     std::optional<Utc> stamp;                 // latest stamp of the recording
     std::deque<TrackPoint> waiting;           // for a date, kTrackWaiting at most
-    std::optional<TrackPoint> last;           // told last
+    std::optional<TrackPoint> last;           // latest, told or not
+    std::optional<TrackPoint> told;           // told last
 };
 
 inline constexpr size_t kTrackWaiting = 600;

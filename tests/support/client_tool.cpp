@@ -120,6 +120,10 @@ bool Tool::wait_unread(size_t bytes) const {
     });
 }
 
+void Tool::shrink_out() const {
+    fcntl(out_end, F_SETPIPE_SZ, 1); // a page
+}
+
 bool Tool::wait_gone() const {
     return wait_until([&] {
         siginfo_t info = {};

@@ -24,6 +24,8 @@ struct Tool {
     // nobody's reading helps. False when a generous limit passed.
     bool wait_unread(size_t bytes) const;
     bool wait_gone() const;
+    // Makes the pipe behind standard output so small that the first piece of output fills it.
+    void shrink_out() const;
     // Waits until the program waits for something.
     bool wait_asleep() const;
     // Reads to the end of the output and waits for the end. Returns the exit status, 128 + n when signal n

@@ -195,6 +195,19 @@ TEST(Export, LiveTrackEndsWholeWhenInterrupted) {
     EXPECT_NE(tool.out.find("</gpx>\n"), string::npos);
 }
 
+TEST(Export, SignalEndsALiveTrackWhoseReaderPauses) {
+    Scene scene([](FakeDaemon& d, const tavor_request& request) { d.send(make_response(request.type, 0)); });
+    Tool tool(scene.line({"export", "--gpx"}));
+    tool.shrink_out();
+    ASSERT_TRUE(tool.wait_unread(1)) << "the track's begin leaves no room for its end";
+    ASSERT_TRUE(scene.daemon.wait_requests(1));
+    ASSERT_TRUE(tool.wait_asleep());
+    tool.signal(SIGTERM);
+    EXPECT_TRUE(tool.wait_gone());
+    EXPECT_EQ(tool.end(), 128 + SIGTERM);
+    EXPECT_EQ(tool.out.find("</gpx>"), string::npos);
+}
+
 TEST(Export, RecordingNeedsNoDaemon) {
     Scene scene;
     scene.directory.write("track", kEpoch + "junk\n" + string(5000, 'x') + "\n$GNGGA*00\n");

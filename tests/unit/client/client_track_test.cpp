@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace {
 
@@ -34,7 +35,7 @@ struct Made {
     Track track;
     std::vector<TrackPoint> points;
 
-    explicit Made(const Texts& lines) {
+    explicit Made(const Texts& lines, Track options = {}) : track(std::move(options)) {
         const TrackVisitor visit = [&](const TrackPoint& point) { points.push_back(point); };
         for (const string& line : lines) {
             track_line(track, line, visit);
@@ -122,6 +123,38 @@ TEST(Track, GapAndStepBackBeginASegment) {
     EXPECT_EQ(run.times(), "|2026-11-21T12:00:00.000Z 2026-11-21T12:00:10.000Z |2026-11-21T12:00:20.010Z "
                            "|2026-11-21T12:00:19.000Z");
     EXPECT_EQ(run.track.segments, 3U);
+}
+
+TEST(Track, LeapSecondDoesNotEndASegment) {
+    const Made run({rmc("235959.50", "311226"), gga("235959.50"), gga("235960.00"), gga("235960.50"),
+                    gga("000000.00"), gga("000000.50")});
+    EXPECT_EQ(run.track.segments, 1U) << run.times();
+    EXPECT_EQ(run.points.size(), 5U) << run.times();
+    EXPECT_EQ(Made({gga("235960.50"), gga("000000.00")}).track.segments, 1U) << "without a date too";
+    EXPECT_EQ(Made({rmc("235960.50", "311226"), rmc("230000.00", "311226")}).track.segments, 2U);
+}
+
+TEST(Track, ThinnedTrackKeepsPointsFarEnoughFromTheLastOne) {
+    const auto at = [](const string& time, const string& minutes) {
+        return whole("GNGGA," + time + ",43" + minutes + ",N,00500.0,E,1,20,0.72,12.2,M,49.8,M,,");
+    };
+    Track seconds;
+    seconds.every_s = 2;
+    const Made timed({rmc("120000.00", "211126"), rmc("120001.00", "211126"), rmc("120001.90", "211126"),
+                      rmc("120002.00", "211126"), rmc("120003.90", "211126"), rmc("120020.00", "211126"),
+                      rmc("120021.00", "211126")},
+                     seconds);
+    EXPECT_EQ(timed.times(), "|2026-11-21T12:00:00.000Z 2026-11-21T12:00:02.000Z |2026-11-21T12:00:20.000Z")
+        << "each segment keeps its first";
+    EXPECT_EQ(timed.track.points, 3U);
+    Track metres; // a minute of latitude is 1852 m
+    metres.every_m = 100;
+    const Texts path = {at("120000", "17.000"), at("120001", "17.050"), at("120002", "17.055"),
+                        at("120003", "17.060"), at("120004", "17.110")};
+    EXPECT_EQ(Made(path, metres).points.size(), 3U) << "at 102 m, and 93 m farther none";
+    EXPECT_EQ(Made(path, metres).points[1].of_day, std::chrono::hours(12) + std::chrono::seconds(2));
+    metres.every_s = 4;
+    EXPECT_EQ(Made(path, metres).points.size(), 2U) << "both limits count";
 }
 
 TEST(Track, DamagedLinesAreCountedAndLeftOut) {
