@@ -13,6 +13,7 @@ constexpr size_t kLinesMax = 100;
 constexpr size_t kInputMax = 347; // characters; the daemon takes no longer command
 constexpr std::chrono::seconds kGstHolds{5};
 constexpr double kLongestSilenceS = 60;
+constexpr size_t kGnsPlace = 2, kGnsAltitude = 9, kGnsGeoid = 10;
 constexpr size_t kGstMajor = 3, kGstMinor = 4, kGstOrientation = 5, kGstVertical = 8;
 
 int64_t second_of(const Monitor& monitor, Clock::time_point now) {
@@ -34,6 +35,20 @@ void take_gst(Monitor& monitor, const Sentence& gst, Clock::time_point now) {
     monitor.gst_at = now;
 }
 
+// The daemon has a position block for GGA only.
+void take_place(Monitor& monitor, const Sentence& gns) {
+    const auto place = sentence_place(gns, kGnsPlace);
+    if (!place) {
+        return;
+    }
+    const auto altitude = sentence_signed(gns.fields[kGnsAltitude]);
+    const auto geoid = sentence_signed(gns.fields[kGnsGeoid]);
+    monitor.position = Position{};
+    monitor.position->latitude = place->latitude;
+    monitor.position->longitude = place->longitude;
+    monitor.position->height = altitude && geoid ? std::optional(*altitude + *geoid) : std::nullopt;
+}
+
 void take_sentence(Monitor& monitor, const std::string& text, Clock::time_point now) {
     RateSlot& slot = slot_of(monitor, now);
     ++slot.sentences;
@@ -47,6 +62,9 @@ void take_sentence(Monitor& monitor, const std::string& text, Clock::time_point 
     if (nmea_take(monitor.fix, text) == SentenceKind::kFix && monitor.fix.quality.value_or(0) > 0) {
         ++slot.fixes;
         monitor.position_at = now;
+        if (!monitor.fix.by_gga) {
+            take_place(monitor, sentence);
+        }
     }
 }
 

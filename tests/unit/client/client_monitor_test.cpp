@@ -86,6 +86,21 @@ TEST(Monitor, FrameHasEverythingInEightyColumns) {
     EXPECT_EQ(lines[23], " s start  x stop  v save  o outlet  : command to the chip  q quit");
 }
 
+TEST(Monitor, GnsTellsThePositionWhereNoGgaComes) {
+    Monitor monitor;
+    monitor.begin = kBegin;
+    const string gns = "$GNGNS,151620.00,4317.71149,S,00521.92193,W,AAN,21,0.6,13.5,50.1,,,V*00";
+    monitor_take(monitor, sentence(gns), kBegin);
+    EXPECT_EQ(picture(monitor)[1].substr(0, 24), " latitude   43.295191 S ");
+    EXPECT_EQ(picture(monitor)[2].substr(0, 24), " longitude  5.365365 W  ");
+    EXPECT_EQ(picture(monitor)[3].substr(0, 24), " height     63.6 m      ");
+    monitor_take(monitor, sentence("$GNGNS,151621.00,,,,,NNN,00,99.9,,,,,V*00"), kBegin);
+    EXPECT_EQ(picture(monitor)[3].substr(0, 24), " height     63.6 m      ") << "the last one";
+    Monitor both = epoch();
+    monitor_take(both, sentence(gns), kBegin);
+    EXPECT_EQ(picture(both)[3].substr(0, 24), " height     62.0 m      ") << "the daemon's goes before";
+}
+
 TEST(Monitor, BarsGrowWithTheSignalAndTellUse) {
     const auto lines = picture(epoch());
     EXPECT_EQ(lines[19], " G  05 07 R  66");
