@@ -133,15 +133,20 @@ std::string read_file(const fs::path& path) {
 
 } // namespace
 
-std::string launch_replace(const std::string& directory, const std::vector<std::string>& program) {
+std::string launch_library_problem() {
     const std::string library = library_path();
     if (library.empty()) {
         return "libtavor_board.so is neither beside this program nor installed";
     }
-    if (!can_preload(library)) {
-        return "can't preload " + library + ": its path has a blank or a colon";
+    return can_preload(library) ? "" : "can't preload " + library + ": its path has a blank or a colon";
+}
+
+std::string launch_replace(const std::string& directory, const std::vector<std::string>& program) {
+    std::string problem = launch_library_problem();
+    if (!problem.empty()) {
+        return problem;
     }
-    set_environment(directory, library);
+    set_environment(directory, library_path());
     return launch_replace_plainly(program);
 }
 

@@ -7,6 +7,10 @@
 #include <string>
 #include <vector>
 
+// Why no program can be put on a board: its library is not there, or has a path that can't be preloaded.
+// Empty: nothing is wrong.
+std::string launch_library_problem();
+
 // Replaces this process by the program, on the board of the directory. Returns only on failure: what went
 // wrong.
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program);

@@ -197,7 +197,12 @@ int run_in(const RunOptions& options, const std::string& directory) {
 
 int board_run(const RunOptions& options) {
     std::string directory;
-    const std::string problem = launch_directory(options.directory, &directory);
+    std::string problem = options.kernel_device.empty() ? launch_library_problem() : "";
+    if (!problem.empty()) {
+        complain(problem);
+        return kNotStarted;
+    }
+    problem = launch_directory(options.directory, &directory);
     if (!problem.empty()) {
         complain(problem);
         return options.directory.empty() ? kFailed : kUsageError;

@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/msg.h>
@@ -71,6 +72,23 @@ TEST(BoardRun, AProgramTalksToTheChip) {
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "mode 3\nbits 8\nspeed 12000000\ntransfer 4\nfirst 255\nrefused 22\nunknown 25\n")
         << "255: the chip is off";
+}
+
+TEST(BoardRun, WithoutItsLibraryItIsNeverReady) {
+    const PrivateDir elsewhere;
+    std::filesystem::create_directory(elsewhere.path / "bin");
+    const std::string alone = elsewhere.path / "bin" / "tavor-board";
+    std::filesystem::copy_file(TAVOR_BOARD_PROGRAM, alone);
+    for (const Arguments& program : {Arguments{}, Arguments{"--", "/bin/true"}}) {
+        Arguments line = {alone, "run", "--dir", elsewhere.path / "board"};
+        line.insert(line.end(), program.begin(), program.end());
+        const RunResult result = run_program(line);
+        EXPECT_EQ(result.status, kNotStarted);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err,
+                  "tavor-board: libtavor_board.so is neither beside this program nor installed\n");
+        EXPECT_FALSE(std::filesystem::exists(elsewhere.path / "board"));
+    }
 }
 
 TEST(BoardRun, AProgramDrivesTheLines) {
