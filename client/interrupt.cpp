@@ -40,6 +40,18 @@ int interrupt_take(int descriptor) {
     return static_cast<int>(info.ssi_signo);
 }
 
+int interrupt_pending() {
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    for (const int signal : kEndingSignals) {
+        if (sigismember(&pending, signal) == 1) {
+            return signal;
+        }
+    }
+    return 0;
+}
+
 void interrupt_end(int signal) {
     sigset_t signals;
     sigemptyset(&signals);

@@ -9,7 +9,10 @@ int interrupt_open();
 // Takes one pending signal off the descriptor. Returns its number, SIGINT when none can be read.
 int interrupt_take(int descriptor);
 
-// Ends the process by the signal, so that a calling shell sees why it ended.
+// The signal that is pending, 0 for none. Safe in a signal handler.
+int interrupt_pending();
+
+// Ends the process by the signal, so that a calling shell sees why it ended. Safe in a signal handler.
 [[noreturn]] void interrupt_end(int signal);
 
 #endif

@@ -2,43 +2,101 @@
 // it stays in this file.
 #include "client/screen.h"
 
+#include "base/non_copyable.h"
+#include "client/interrupt.h"
 #include "client/monitor_state.h"
 
 #include <clocale>
+#include <csignal>
 #include <curses.h>
+#include <poll.h>
+#include <sys/time.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr int kEscapeMs = 50; // that the rest of a key's sequence may take
 constexpr int kDelete = 127;
 
-SCREEN* terminal = nullptr;
+// Keys are read from a pad: reading from a window would draw it.
+struct Terminal {
+    SCREEN* screen = nullptr;
+    WINDOW* keys = nullptr;
+    termios before = {}; // settings to be given back
+};
+
+Terminal terminal;
+
+void give_settings_back() {
+    tcsetattr(STDIN_FILENO, TCSANOW, &terminal.before);
+}
+
+void end_when_asked(int) {
+    if (const int signal = interrupt_pending()) {
+        give_settings_back();
+        interrupt_end(signal);
+    }
+}
+
+// A terminal that is stopped (Ctrl-S) or whose other end hangs holds a writer up, and the signals that end
+// this tool wait to be read. So nothing is drawn while the terminal takes nothing; while it takes a part of
+// what is drawn, a timer looks each half second whether such a signal has come.
+struct TimedWrite : private NonCopyable {
+    TimedWrite() {
+        constexpr suseconds_t kHalfSecondUs = 500000;
+        struct sigaction look = {};
+        look.sa_handler = end_when_asked;
+        sigaction(SIGALRM, &look, nullptr);
+        const itimerval every = {{0, kHalfSecondUs}, {0, kHalfSecondUs}};
+        setitimer(ITIMER_REAL, &every, nullptr);
+    }
+    ~TimedWrite() {
+        const itimerval never = {};
+        setitimer(ITIMER_REAL, &never, nullptr);
+    }
+};
+
+bool takes_output() {
+    pollfd room = {STDOUT_FILENO, POLLOUT, 0};
+    return poll(&room, 1, 0) == 1 && room.revents == POLLOUT;
+}
 
 } // namespace
 
 std::string screen_open() {
     setlocale(LC_CTYPE, "");
-    terminal = newterm(nullptr, stdout, stdin);
-    if (terminal == nullptr) {
+    tcgetattr(STDIN_FILENO, &terminal.before);
+    const TimedWrite write;
+    terminal.screen = newterm(nullptr, stdout, stdin);
+    if (terminal.screen == nullptr) {
         return "the kind of this terminal is unknown: set TERM to one that is installed (package ncurses-term), or "
                "take --once";
     }
     cbreak();
     noecho();
     nonl();
-    keypad(stdscr, TRUE);
-    nodelay(stdscr, TRUE);
+    terminal.keys = newpad(1, 1);
+    keypad(terminal.keys, TRUE);
+    nodelay(terminal.keys, TRUE);
     set_escdelay(kEscapeMs);
     curs_set(0);
     return "";
 }
 
 void screen_close() {
-    if (terminal != nullptr) {
-        endwin();
-        delscreen(terminal);
-        terminal = nullptr;
+    if (terminal.screen == nullptr) {
+        return;
     }
+    if (takes_output()) {
+        const TimedWrite write;
+        endwin();
+    } else {
+        give_settings_back();
+    }
+    delwin(terminal.keys);
+    delscreen(terminal.screen);
+    terminal.screen = nullptr;
 }
 
 int screen_width() {
@@ -51,6 +109,10 @@ int screen_height() {
 
 // The corner at the end can't be written without scrolling: mvaddnstr leaves it out there without harm.
 void screen_show(const Grid& grid) {
+    if (!takes_output()) {
+        return;
+    }
+    const TimedWrite write;
     for (int row = 0; row < grid.height; ++row) {
         const auto index = static_cast<size_t>(row);
         attrset(grid.reversed[index] ? A_REVERSE : A_NORMAL);
@@ -61,9 +123,9 @@ void screen_show(const Grid& grid) {
 }
 
 int screen_key() {
-    int key = getch();
+    int key = wgetch(terminal.keys);
     while (key == KEY_RESIZE) { // the next frame has the new size; nobody has pressed anything
-        key = getch();
+        key = wgetch(terminal.keys);
     }
     switch (key) {
     case ERR:

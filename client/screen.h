@@ -15,6 +15,8 @@ void screen_close();
 int screen_width();
 int screen_height();
 
+// Shows nothing while the terminal takes no output. While it takes a part only, a signal that ends the tool
+// does so within half a second, without giving more back than the terminal's settings.
 void screen_show(const Grid& grid);
 
 // The next key, as monitor_key takes it, without waiting; -1 for none, 0 for one that means nothing here.
