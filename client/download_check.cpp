@@ -182,6 +182,12 @@ std::string verdict(const DownloadPlan& plan) {
            (bad == 1 ? " fault, named above" : " faults, named above");
 }
 
+void tell_json(Session& session, const Finding& finding) {
+    if (session.options.json) {
+        session_emit(session, finding_json(finding));
+    }
+}
+
 } // namespace
 
 std::vector<Finding> download_check_images(const std::vector<ListedImage>& images,
@@ -241,6 +247,7 @@ std::optional<int> download_check_before(Session& session, DownloadPlan& plan) {
     for (const Finding& finding : plan.findings) {
         if (finding.grade != Grade::kGood) {
             session_note(finding.text);
+            tell_json(session, finding);
         }
     }
     if (count_of(plan, Grade::kBad) == 0) {

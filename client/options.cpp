@@ -84,6 +84,15 @@ std::string check_flash(const std::string& text) {
     return read_flash(text) ? "" : print_safe(text) + " is no flash: write BEGIN+SIZE as 0x08000000+0x200000";
 }
 
+std::string check_switch(const std::string& text) {
+    return text == "true" ? "" : "takes no value";
+}
+
+// Adds an option without a value: the parser would take "--fix=3" for a "--fix".
+CLI::Option* add_switch(CLI::App& app, const std::string& name, bool& value, const std::string& help) {
+    return app.add_flag(name, value, help)->check(CLI::Validator(check_switch, ""));
+}
+
 // Adds an option of seconds; the variable holds a number only when it was given.
 void add_seconds(CLI::App& app, const std::string& name, std::optional<double>& value,
                  const std::string& help, std::string (*check)(const std::string&) = check_seconds) {
@@ -99,16 +108,16 @@ void add_common(CLI::App& app, Options& options) {
         ->type_name("PATH");
     add_seconds(app, "--timeout", options.timeout_s,
                 "How long to wait, 0 for ever; each command has its own default");
-    app.add_flag("--json", options.json, "Print JSON, one object a line");
+    add_switch(app, "--json", options.json, "Print JSON, one object a line");
 }
 
 void add_follow_options(CLI::App& app, Options& options) {
     add_seconds(app, "--duration", options.duration_s, "End after so many seconds", check_positive_seconds);
-    app.add_flag("--stop", options.stop, "Stop positioning at the end");
+    add_switch(app, "--stop", options.stop, "Stop positioning at the end");
 }
 
 void add_watch_options(CLI::App& app, Options& options) {
-    app.add_flag("--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
+    add_switch(app, "--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
     app.add_option("--count", options.count, "End after so many lines of output")
         ->type_name("LINES")
         ->check(CLI::Validator(check_count, ""));
@@ -119,7 +128,7 @@ void add_start_options(CLI::App& app, Options& options) {
     app.add_flag("--wait{10}", options.start_wait,
                  "Wait until the chip sends, for --wait=S at most S seconds")
         ->check(CLI::Validator(check_positive_seconds, ""));
-    app.add_flag("--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
+    add_switch(app, "--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
 }
 
 void add_log(CLI::App& app, Options& options) {
@@ -129,10 +138,10 @@ void add_log(CLI::App& app, Options& options) {
 
 void add_record_options(CLI::App& app, Options& options) {
     app.add_option("FILE", options.file, "Where to, '-' for standard output")->required();
-    app.add_flag("--stamps", options.stamps,
-                 "Tell in comment lines when sentences came, by this host's clock");
-    CLI::Option* append = app.add_flag("--append", options.append, "Go on behind what the file holds");
-    app.add_flag("--force", options.force, "Replace the file")->excludes(append);
+    add_switch(app, "--stamps", options.stamps,
+               "Tell in comment lines when sentences came, by this host's clock");
+    CLI::Option* append = add_switch(app, "--append", options.append, "Go on behind what the file holds");
+    add_switch(app, "--force", options.force, "Replace the file")->excludes(append);
     add_follow_options(app, options);
 }
 
@@ -178,7 +187,7 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
             ->check(CLI::IsMember({"off", "file", "serial", "tcp"}));
         break;
     case Command::kAssist:
-        app.add_flag("--once", options.once, "End after the first full cycle");
+        add_switch(app, "--once", options.once, "End after the first full cycle");
         add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
         add_log(app, options);
         break;
@@ -189,13 +198,14 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
         add_export_options(app, options);
         break;
     case Command::kMonitor:
-        app.add_flag("--once", options.once, "Print one frame as text");
-        app.add_flag("--stop", options.stop, "Stop positioning at the end");
+        add_switch(app, "--once", options.once, "Print one frame as text");
+        add_switch(app, "--stop", options.stop, "Stop positioning at the end");
         break;
     case Command::kDownload:
         add_log(app, options);
-        app.add_flag("--check", options.check, "Only look at list, agent and images; nothing is requested");
-        app.add_flag("--force", options.force, "Request it without that look");
+        add_switch(app, "--check", options.check,
+                   "Only look at list, agent and images; nothing is requested");
+        add_switch(app, "--force", options.force, "Request it without that look");
         app.add_option("--flash", options.flash_text,
                        "Where the flash lies, for that look: 0x08000000+0x200000")
             ->type_name("BEGIN+SIZE")

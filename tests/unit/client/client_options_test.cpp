@@ -129,6 +129,8 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         {"start", "--raw"},
         {"start", "--wait=0"},
         {"start", "--wait=soon"},
+        {"start", "--fix=3"},
+        {"start", "--json=no"},
         {"position", "--max-age", "0"},
         {"debug"},
         {"debug", "udp"},
