@@ -24,6 +24,8 @@ constexpr int kDetailRows = 9;
 constexpr int kSmallestEllipse = 7; // rows; its direction can't be seen in fewer
 constexpr double kSilentS = 3;      // a chip sends every second
 constexpr double kFullSignal = 50;  // dB-Hz that fill a bar
+constexpr int kDatedWidth = 60;     // columns of a title with date and fix
+constexpr char kFewKeysText[] = " s start  x stop  : command  q quit";
 constexpr char kKeysText[] = " s start  x stop  v save  o outlet  : command to the chip  q quit";
 constexpr char kOutletText[] = " debug outlet: o off  f file  s serial  t tcp  (any other key: leave it)";
 
@@ -60,7 +62,7 @@ std::string fix_text(const Monitor& monitor, Clock::time_point now) {
 
 void draw_title(Grid& grid, const Monitor& monitor, Clock::time_point now) {
     const std::string time = monitor.fix.dated ? utc_iso(*monitor.fix.dated) : "no date";
-    std::string title = " tavor  " + time + "  " + fix_text(monitor, now);
+    std::string title = " tavor  " + (grid.width < kDatedWidth ? "" : time + "  ") + fix_text(monitor, now);
     if (monitor.heard) {
         const std::string age = " " + number(seconds_since(*monitor.heard, now), 0, " s ago ");
         const int column = std::max(0, grid.width - static_cast<int>(age.size()));
@@ -260,13 +262,18 @@ void draw_lines(Grid& grid, const Monitor& monitor) {
     const int shown = std::min(kLines, static_cast<int>(monitor.lines.size()));
     for (int i = 0; i < shown; ++i) {
         const std::string& line = monitor.lines[monitor.lines.size() - static_cast<size_t>(shown - i)];
-        grid_text(grid, grid.height - 1 - shown + i, 1, line);
+        const int row = grid.height - 1 - shown + i;
+        grid_text(grid, row, 0, std::string(static_cast<size_t>(grid.width), ' ')); // above what lies there
+        grid_text(grid, row, 1, line);
     }
 }
 
 // Of a command that is too long the end is shown.
 void draw_keys(Grid& grid, const Monitor& monitor) {
-    std::string text = monitor.mode == MonitorMode::kOutlet ? kOutletText : kKeysText;
+    const bool has_room = grid.width >= static_cast<int>(sizeof kKeysText) - 1;
+    std::string text = monitor.mode == MonitorMode::kOutlet ? kOutletText
+                       : has_room                           ? kKeysText
+                                                            : kFewKeysText;
     if (monitor.mode == MonitorMode::kCommand) {
         text = " $PZUL" + monitor.input + "_";
         const auto width = static_cast<size_t>(grid.width);

@@ -62,6 +62,12 @@ bool takes_output() {
     return poll(&room, 1, 0) == 1 && room.revents == POLLOUT;
 }
 
+bool can_place() {
+    static char name[] = "cup";
+    const char* const sequence = tigetstr(name);
+    return sequence != nullptr && sequence != reinterpret_cast<const char*>(-1);
+}
+
 } // namespace
 
 std::string screen_open() {
@@ -72,6 +78,10 @@ std::string screen_open() {
     if (terminal.screen == nullptr) {
         return "the kind of this terminal is unknown: set TERM to one that is installed (package ncurses-term), or "
                "take --once";
+    }
+    if (!can_place()) {
+        screen_close();
+        return "this terminal can't put text at a place of its screen: set TERM to what it is, or take --once";
     }
     cbreak();
     noecho();

@@ -35,13 +35,14 @@ struct Terminal {
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
-    std::vector<std::string> monitor(const ClientScene& scene) const {
+    std::vector<std::string> monitor(const ClientScene& scene, const std::string& kind = "vt100") const {
         return {"/bin/sh",
                 "-c",
-                "TERM=vt100 exec \"$0\" --socket \"$1\" monitor <\"$2\" >\"$2\"",
+                "TERM=\"$3\" exec \"$0\" --socket \"$1\" monitor <\"$2\" >\"$2\"",
                 TAVOR_CTL_PROGRAM,
                 scene.daemon.path,
-                path};
+                path,
+                kind};
     }
     std::string read_some() const {
         std::array<char, 4096> bytes = {};
@@ -132,4 +133,16 @@ TEST_F(MonitorScreen, SignalEndsItWhileTheTerminalTakesHalfAFrame) {
     ASSERT_TRUE(tool.wait_gone());
     EXPECT_EQ(tool.end(), 128 + SIGTERM);
     EXPECT_TRUE(terminal.has_own_settings());
+}
+
+TEST_F(MonitorScreen, TerminalThatCanNotPlaceTextIsRefused) {
+    ClientScene scene(
+        [](FakeDaemon& d, const tavor_request& request) { d.send(make_response(request.type, 0)); });
+    const Terminal terminal(80);
+    Tool tool(terminal.monitor(scene, "dumb"));
+    ASSERT_TRUE(tool.wait_gone());
+    EXPECT_EQ(tool.end(), 1);
+    EXPECT_NE(tool.err.find("or take --once"), std::string::npos) << tool.err;
+    EXPECT_TRUE(terminal.has_own_settings());
+    EXPECT_TRUE(scene.daemon.types().empty()) << "nothing was started";
 }

@@ -70,6 +70,18 @@ TEST(Monitor, NarrowTitleLeavesWholeWordsBesideTheAge) {
     EXPECT_EQ(picture(epoch(), 60)[0], " tavor  2026-11-21T15:16:20.000Z  autonomous fix,   0 s ago");
 }
 
+TEST(Monitor, SmallTerminalKeepsWhatMattersMost) {
+    Monitor monitor = epoch();
+    for (const char* line : {"daemon: a", "daemon: b", "daemon: c"}) {
+        monitor_line(monitor, line);
+    }
+    const auto lines = picture(monitor, 40, 10);
+    EXPECT_EQ(lines[0], " tavor  autonomous fix, 20      0 s ago");
+    EXPECT_EQ(lines[6], " daemon: a") << "nothing of the row behind it";
+    EXPECT_EQ(lines[8], " daemon: c");
+    EXPECT_NE(lines[9].find("q quit"), string::npos) << lines[9];
+}
+
 TEST(Monitor, FrameHasEverythingInEightyColumns) {
     Monitor monitor = epoch();
     monitor_line(monitor, "chip: $PZUL001,353,3*24\n");
