@@ -122,7 +122,7 @@ int run_screen(Session& session) {
         return session_fail(session, kExitUsage,
                             "monitor needs a terminal; --once prints one frame without one");
     }
-    const std::string missing = screen_open();
+    const std::string missing = screen_open(session.connection.socket);
     if (!missing.empty()) {
         return session_fail(session, kExitFailed, missing);
     }

@@ -6,10 +6,13 @@
 #include "client/interrupt.h"
 #include "client/monitor_state.h"
 
+#include <cerrno>
 #include <clocale>
 #include <csignal>
+#include <cstdint>
 #include <curses.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <termios.h>
 #include <unistd.h>
@@ -18,12 +21,15 @@ namespace {
 
 constexpr int kEscapeMs = 50; // that the rest of a key's sequence may take
 constexpr int kDelete = 127;
+constexpr suseconds_t kLookUs = 50000; // in which a chip sends no more than the shortest queue holds
+constexpr int kThrownAway = 512;       // datagrams at once
 
 // Keys are read from a pad: reading from a window would draw it.
 struct Terminal {
     SCREEN* screen = nullptr;
     WINDOW* keys = nullptr;
     termios before = {}; // settings to be given back
+    int incoming = -1;
 };
 
 Terminal terminal;
@@ -32,23 +38,29 @@ void give_settings_back() {
     tcsetattr(STDIN_FILENO, TCSANOW, &terminal.before);
 }
 
-void end_when_asked(int) {
+// While a write is stuck. Only what is safe in a signal handler.
+void look_around(int) {
+    const int error = errno;
     if (const int signal = interrupt_pending()) {
         give_settings_back();
         interrupt_end(signal);
     }
+    char byte = 0;
+    for (int i = 0; i < kThrownAway && recv(terminal.incoming, &byte, sizeof byte, MSG_DONTWAIT) >= 0; ++i) {
+    }
+    errno = error;
 }
 
 // A terminal that is stopped (Ctrl-S) or whose other end hangs holds a writer up, and the signals that end
 // this tool wait to be read. So nothing is drawn while the terminal takes nothing; while it takes a part of
-// what is drawn, a timer looks each half second whether such a signal has come.
+// what is drawn, a timer ends the tool when such a signal has come, and else throws away what comes from the
+// daemon, which would wait for a queue with room.
 struct TimedWrite : private NonCopyable {
     TimedWrite() {
-        constexpr suseconds_t kHalfSecondUs = 500000;
         struct sigaction look = {};
-        look.sa_handler = end_when_asked;
+        look.sa_handler = look_around;
         sigaction(SIGALRM, &look, nullptr);
-        const itimerval every = {{0, kHalfSecondUs}, {0, kHalfSecondUs}};
+        const itimerval every = {{0, kLookUs}, {0, kLookUs}};
         setitimer(ITIMER_REAL, &every, nullptr);
     }
     ~TimedWrite() {
@@ -64,14 +76,15 @@ bool takes_output() {
 
 bool can_place() {
     static char name[] = "cup";
-    const char* const sequence = tigetstr(name);
-    return sequence != nullptr && sequence != reinterpret_cast<const char*>(-1);
+    const auto sequence = reinterpret_cast<intptr_t>(tigetstr(name)); // -1: the name means no text
+    return sequence != 0 && sequence != -1;
 }
 
 } // namespace
 
-std::string screen_open() {
+std::string screen_open(int incoming) {
     setlocale(LC_CTYPE, "");
+    terminal.incoming = incoming;
     tcgetattr(STDIN_FILENO, &terminal.before);
     const TimedWrite write;
     terminal.screen = newterm(nullptr, stdout, stdin);

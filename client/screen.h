@@ -6,8 +6,9 @@
 
 #include <string>
 
-// Takes the terminal. Returns what is missing and what to do about it, empty on success.
-std::string screen_open();
+// Takes the terminal. While that holds up what is drawn, datagrams that come are thrown away. Returns what is
+// missing and what to do about it, empty on success.
+std::string screen_open(int incoming);
 
 // Gives the terminal back.
 void screen_close();
@@ -16,7 +17,7 @@ int screen_width();
 int screen_height();
 
 // Shows nothing while the terminal takes no output. While it takes a part only, a signal that ends the tool
-// does so within half a second, without giving more back than the terminal's settings.
+// does so at once, without giving more back than the terminal's settings.
 void screen_show(const Grid& grid);
 
 // The next key, as monitor_key takes it, without waiting; -1 for none, 0 for one that means nothing here.

@@ -1,7 +1,7 @@
 // In the place of screen.cpp where ncurses was not there at the build.
 #include "client/screen.h"
 
-std::string screen_open() {
+std::string screen_open(int) {
     return "this tavorctl was built without ncurses: take --once for one frame as text, or build it with "
            "libncurses-dev";
 }
