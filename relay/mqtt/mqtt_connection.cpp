@@ -21,6 +21,7 @@ constexpr int kAcknowledgeLimitS = 60; // of the oldest message on its way
 constexpr int kWaitFirstS = 1, kWaitMaxS = 60;
 constexpr int kSteadyS = 60; // a connection that held so long was a good one
 constexpr int kQos = 1;
+constexpr char kTlsFails[] = "TLS fails: ";
 
 // A broker that is not subscribed to answers with some bytes to each message and sign of life, and with its
 // certificates before. One that sends more is let go before its packets, which may announce 256 MiB, cost
@@ -65,17 +66,45 @@ void end(MqttConnection& c, const std::string& problem) {
     event_arm(c.step, next_wait(c, steady));
 }
 
+// The broker's end came, and no word why: most often TLS or none is spoken at a port for the other.
+std::string closed_problem(const MqttConnection& c) {
+    std::string closed = "the connection was closed";
+    if (c.accepted) {
+        return closed;
+    }
+    if (c.settings->ca.empty()) {
+        return closed + " instead of an answer; if TLS is spoken at its port, that takes --mqtt-ca";
+    }
+    if (!c.tls.agreed) {
+        return closed + " before TLS was agreed; is it spoken at its port?";
+    }
+    // TLS 1.3 refuses our certificate behind the handshake, where the end of the connection may overtake the
+    // reason. A reason that came at another attempt stands.
+    return c.told.starts_with(kTlsFails) ? c.told
+                                         : closed + " instead of an answer; does it take our certificate?";
+}
+
+// A socket ends as closed or as reset, as it happens: one text for both, so that the log has it once.
+bool is_closed(int result, int error) {
+    return result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_TLS ||
+           (result == MOSQ_ERR_ERRNO && (error == ECONNRESET || error == EPIPE || error == EPROTO));
+}
+
 std::string problem_of(const MqttConnection& c, int result) {
+    const int error = errno;
     if (!c.tls.refusal.empty()) {
         return "its certificate is refused: " + c.tls.refusal;
     }
     if (!c.refusal.empty()) {
         return c.refusal;
     }
-    if (result == MOSQ_ERR_ERRNO) {
-        return strerror(errno);
+    if (!c.failure.empty()) {
+        return kTlsFails + c.failure;
     }
-    return result == MOSQ_ERR_CONN_LOST ? "the connection was closed" : mosquitto_strerror(result);
+    if (is_closed(result, error)) {
+        return closed_problem(c);
+    }
+    return result == MOSQ_ERR_ERRNO ? strerror(error) : mosquitto_strerror(result);
 }
 
 // Looks for what is next behind each call of libmosquitto; the end of a connection is a step of its own when
@@ -89,11 +118,20 @@ void follow(MqttConnection& c) {
     }
 }
 
-bool sends_too_much(const MqttConnection& c) {
+tcp_info info_of(const MqttConnection& c) {
     tcp_info info = {};
     socklen_t length = sizeof info;
-    return getsockopt(mosquitto_socket(c.client.get()), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
-           info.tcpi_bytes_received > c.expected;
+    getsockopt(mosquitto_socket(c.client.get()), IPPROTO_TCP, TCP_INFO, &info, &length);
+    return info;
+}
+
+bool sends_too_much(const MqttConnection& c) {
+    return info_of(c).tcpi_bytes_received > c.expected;
+}
+
+// Whether there was a connection: the first word is ours.
+bool has_sent(const MqttConnection& c) {
+    return info_of(c).tcpi_data_segs_out > 0;
 }
 
 // The result of the attempt to connect, 0 when there is none.
@@ -113,18 +151,26 @@ bool has_ended(const MqttConnection& c) {
 
 void on_socket(evutil_socket_t /*unused*/, short what, void* argument) {
     auto& c = *static_cast<MqttConnection*>(argument);
+    mosquitto* const client = c.client.get();
     if (const int error = socket_error(c); error != 0) {
-        return end(c, strerror(error));
+        if (error == ECONNRESET) { // what came before it may say why
+            mosquitto_loop_read(client, 1);
+        }
+        errno = error;
+        return end(c, problem_of(c, MOSQ_ERR_ERRNO));
     }
     if (has_ended(c)) {
-        return end(c, problem_of(c, MOSQ_ERR_CONN_LOST));
+        return end(c, has_sent(c) ? problem_of(c, MOSQ_ERR_CONN_LOST) : "no connection could be made");
     }
     if (sends_too_much(c)) {
         return end(c, "it sends more than answers");
     }
-    mosquitto* const client = c.client.get();
-    const int result =
-        (what & EV_READ) != 0 ? mosquitto_loop_read(client, 1) : mosquitto_loop_write(client, 1);
+    // Until the broker's consent it is heard before it is written to: an end by writing would hide its
+    // reason.
+    int result = (what & EV_READ) != 0 || !c.up ? mosquitto_loop_read(client, 1) : MOSQ_ERR_SUCCESS;
+    if (result == MOSQ_ERR_SUCCESS && (what & EV_WRITE) != 0) {
+        result = mosquitto_loop_write(client, 1);
+    }
     if (result != MOSQ_ERR_SUCCESS) {
         return end(c, problem_of(c, result));
     }
@@ -141,6 +187,19 @@ void on_connect(mosquitto* /*unused*/, void* argument, int code) {
     auto& c = *static_cast<MqttConnection*>(argument);
     c.accepted = code == 0;
     c.refusal = code == 0 ? "" : mosquitto_connack_string(code);
+}
+
+// OpenSSL's errors come with libmosquitto's log only: "OpenSSL Error[0]: error:0A00010B:SSL routines::wrong
+// version number".
+void on_log(mosquitto* /*unused*/, void* argument, int level, const char* text) {
+    auto& c = *static_cast<MqttConnection*>(argument);
+    const std::string_view line(text);
+    if (level == MOSQ_LOG_ERR && line.starts_with("OpenSSL Error")) {
+        c.failure = line.substr(line.rfind(':') + 1);
+    }
+    if (c.failure == "unexpected eof while reading") {
+        c.failure.clear(); // says no more than the end of a connection without TLS
+    }
 }
 
 void on_publish(mosquitto* /*unused*/, void* argument, int number) {
@@ -160,6 +219,7 @@ int make_client(MqttConnection& c) {
     }
     mosquitto_connect_callback_set(client, on_connect);
     mosquitto_publish_callback_set(client, on_publish);
+    mosquitto_log_callback_set(client, on_log);
     mosquitto_max_inflight_messages_set(client, kMqttInFlightMax + 1); // a status besides
     mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1);
     if (!settings.ca.empty()) {
@@ -188,6 +248,7 @@ void connect(MqttConnection& c) {
         return end(c, problem);
     }
     c.refusal.clear();
+    c.failure.clear();
     c.expected = kGreetingBytes;
     int result = make_client(c);
     if (result == MOSQ_ERR_SUCCESS) {
@@ -209,7 +270,7 @@ void connect(MqttConnection& c) {
 void on_step(evutil_socket_t /*unused*/, short /*unused*/, void* argument) {
     auto& c = *static_cast<MqttConnection*>(argument);
     if (c.client) {
-        end(c, "the connection was closed");
+        end(c, problem_of(c, MOSQ_ERR_CONN_LOST));
     } else if (c.resolving) {
         c.resolving = false;
         mqtt_resolve_end(c.resolver);

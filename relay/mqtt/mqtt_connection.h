@@ -54,6 +54,7 @@ struct MqttConnection {
     uint64_t expected = 0; // bytes from the broker, at most
     std::chrono::milliseconds wait{0};
     std::string refusal; // of the broker
+    std::string failure; // of TLS, as OpenSSL puts it
     std::string told;    // the latest line of the log
 };
 

@@ -23,9 +23,11 @@ int on_verified(int good, X509_STORE_CTX* store) {
 
 // libmosquitto names the address that it connects to; the broker is asked for by its name.
 void on_progress(const SSL* ssl, int where, int /*unused*/) {
+    MqttTls& tls = tls_of(ssl);
     if ((where & SSL_CB_HANDSHAKE_START) != 0) {
-        std::string& name = tls_of(ssl).name;
-        SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), name.empty() ? nullptr : name.data());
+        SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), tls.name.empty() ? nullptr : tls.name.data());
+    } else if ((where & SSL_CB_HANDSHAKE_DONE) != 0) {
+        tls.agreed = true;
     }
 }
 
@@ -90,6 +92,7 @@ std::string mqtt_tls_open(MqttTls& tls, const MqttSettings& settings) {
     ERR_clear_error();
     tls.name = mqtt_resolve_is_address(settings.host) ? "" : settings.host;
     tls.refusal.clear();
+    tls.agreed = false;
     tls.context.reset(SSL_CTX_new(TLS_client_method()));
     SSL_CTX* const context = tls.context.get();
     if (context == nullptr) {

@@ -17,6 +17,7 @@ struct SslContextFree {
 struct MqttTls {
     std::string name;    // of the broker, none when it is asked for by address
     std::string refusal; // why its certificate is not taken
+    bool agreed = false; // the handshake is done
     std::unique_ptr<SSL_CTX, SslContextFree> context;
 };
 

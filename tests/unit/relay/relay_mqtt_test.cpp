@@ -208,7 +208,7 @@ TEST_F(RelayMqtt, NobodyThereEndsAnAttemptWithTlsAtOnce) {
     settings.ca = "/"; // a directory without authorities
     open();
     ASSERT_TRUE(loop.until([&] { return device.connection.attempts == 2; }));
-    EXPECT_EQ(device.connection.told, "the connection was closed");
+    EXPECT_EQ(device.connection.told, "no connection could be made");
 }
 
 TEST_F(RelayMqtt, AUserThatIsNoTextIsToldAsSuch) {
