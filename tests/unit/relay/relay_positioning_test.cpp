@@ -75,6 +75,8 @@ TEST_F(RelayPositioning, OnDemandWhatARelayBeforeHasLeftOnIsStopped) {
     loop.open(false);
     loop.start_daemon();
     ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.turn_for(20 * kShortSecond);
+    EXPECT_EQ(stops(), 1U);
     loop.start_daemon(); // off, as each daemon begins
     ASSERT_TRUE(loop.until([&] { return hub_counters().daemon_restarts == 1; }));
     loop.turn_for(20 * kShortSecond);
