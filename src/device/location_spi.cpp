@@ -1,6 +1,5 @@
 #include "device/location_spi.h"
 
-#include "base/cancel_hold.h"
 #include "base/descriptor_guard.h"
 #include "base/error_row.h"
 
@@ -138,8 +137,6 @@ ssize_t location_spi_write(int32_t fd, const void* buffer, size_t len) {
 }
 
 int32_t location_spi_deinit(int32_t fd) {
-    const CancelHold
-        hold; // the log is a cancellation point: the caller knows the device as open until this ends
     const int32_t result = close(fd);
     log_left_out(error_row_end(&state.transfer));
     return result;
