@@ -1,3 +1,4 @@
+#include "base/stop_request.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_settings.h"
 #include "hdl_da_fixture.h"
@@ -136,6 +137,17 @@ TEST_F(Command, FlowControlIsToldBehindItsSendAndSpeedBeforeIt) {
     g_fakes.log.clear();
     hdl_speedup_slave_baudrate(921600);
     EXPECT_EQ(told, Texts{"[I] hdl_speedup_slave_baudrate start\n"});
+}
+
+TEST_F(Command, IsAwaitedWhileAStopWaitsHoweverLongAgoTheLastProgressWas) {
+    g_fakes.now += 3000;
+    g_fakes.on_receive = [receives = 0]() mutable {
+        if (++receives == 2) {
+            g_fakes.arrives.push_back(agent_frame(0x2106, 0));
+        }
+    };
+    const StopRequest stop;
+    EXPECT_TRUE(hdl_finish_kite(0));
 }
 
 TEST_F(Command, ARefusedSendEndsInATimeOut) {

@@ -1,3 +1,4 @@
+#include "base/stop_request.h"
 #include "download/hdl_flash.h"
 #include "download/hdl_window.h"
 #include "hdl_fakes.h"
@@ -231,6 +232,19 @@ TEST_F(ImageCheck, SendsAddressSizeAndChecksum) {
     // The agent's status decides, not its CRC.
     EXPECT_EQ(g_fakes.log.back(),
               "[I] check_image_crc done, image name:" + path + ", response_crc=  0x000000BC\n");
+}
+
+TEST_F(ImageCheck, AFileThatTakesLongToReadIsNoLackOfProgressWhileAStopWaits) {
+    image_holds("abcde");
+    call_faults.at_read = [] { g_fakes.now += 3000; };
+    g_fakes.receive_ms = 50;
+    g_fakes.on_receive = [receives = 0]() mutable {
+        if (++receives == 2) {
+            g_fakes.arrives.push_back(agent_frame(0x211A, 0, le32(0xBC)));
+        }
+    };
+    const StopRequest stop;
+    EXPECT_TRUE(check_image_crc(&image, 5));
 }
 
 TEST_F(ImageCheck, AnyOtherCodeFails) {

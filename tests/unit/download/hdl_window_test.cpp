@@ -386,10 +386,10 @@ TEST_P(Flow, AFrameThatIsLateIsAwaitedThoughTheClockIsSetForward) {
 TEST_P(Flow, ASilentAgentIsGivenUpTwoSecondsAfterItsLastAcknowledgementWhenAStopWaits) {
     answer_with({{response(0)}, {response(1)}, kLost, kLost, kLost, kLost});
     const StopRequest stop;
-    g_fakes.receive_ms = 100;
+    g_fakes.receive_ms = 300; // a wait is four of them
     const int64_t start = g_fakes.now;
     EXPECT_FALSE(run(8));
-    EXPECT_EQ(g_fakes.now - start, 2000);
+    EXPECT_EQ(g_fakes.now - start, 2100);
     EXPECT_EQ(g_fakes.log.back(), kGivenUp);
     EXPECT_EQ(g_fakes.sent.size(), 4U) << "the third, and the next one behind its second";
 }
