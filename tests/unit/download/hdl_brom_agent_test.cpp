@@ -188,6 +188,7 @@ TEST_F(SendAgent, StatusWordsAndChecksumDecide) {
     } rows[] = {
         {{}, {}, false, unread, 4},
         {{le16(0x1000)}, {}, true, "[E] hdl_brom_send_da get status error 4096 (0x1000)", 4},
+        {{good}, {}, false, "[E] hdl_brom_send_da read btrom_crc error", 5},
         {{good}, {le16(0x0668), good}, false, mismatch, 5},
         {{le16(1)}, {le16(0x0668), good}, true, mismatch, 5},
         {{good}, {sum}, false, unread, 5},

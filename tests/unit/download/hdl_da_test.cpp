@@ -31,6 +31,8 @@ TEST_F(Parser, TakesFramesOutOfWhateverThePoolHolds) {
         {"noise is dropped", Bytes{0x05, 0x05, '(', 7, '[', 0x05} + kDone, 11, kDone, {}},
         {"but for five bytes", Bytes(16000, 7), 0, Bytes(5, 7), {}},
         {"which are not looked at", {9, 9, 0x05, '[', 3, 0}, 0, {9, 0x05, '[', 3, 0}, {}},
+        {"not for a frame without an identifier", {0x05, '[', 0, 0, 1}, 0, {0x05, '[', 0, 0, 1}, {}},
+        {"nor for an impossible length", {0x05, '[', 0, 0x11, 1}, 0, {0x05, '[', 0, 0x11, 1}, {}},
         {"an impossible length costs two bytes", raw_frame('[', 0x1100, kDone), 0, le16(0x1100) + kDone, {}},
         {"so does the greatest", raw_frame('[', 0xFFFF, kDone), 0, le16(0xFFFF) + kDone, {}},
         {"the longest frame", longest, 4112, longest, {}},

@@ -87,6 +87,13 @@ TEST_F(Waiter, EveryAddressSizeAndChecksumIsFourBytes) {
     }
 }
 
+TEST_F(Waiter, TheFlashIdIsThreeBytes) {
+    arrive(agent_frame(0x2110, 0, {1, 2, 3, 4}));
+    uint8_t id[4] = {9, 9, 9, 9};
+    EXPECT_EQ(hdl_da_wait_response(0x2110, id, 11), 0U);
+    EXPECT_EQ(Bytes(id, id + 4), (Bytes{1, 2, 3, 9}));
+}
+
 TEST_F(Waiter, TheDfuResponsesCarryWhatTheyDo) {
     arrive(agent_frame(0x211B, 0, {0x12, 0x34}));
     uint16_t result = 0xFFFF;

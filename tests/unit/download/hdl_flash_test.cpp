@@ -55,6 +55,7 @@ using Image = FlashTest;
 using ImageCheck = FlashTest;
 
 const std::string kNotAligned = "[I] Not-4K-Alignment ( 0 )\n";
+const std::string kFilledUp = "[I] Fill up 4-byte. ( 0 )\n";
 
 } // namespace
 
@@ -256,6 +257,14 @@ TEST_F(ImageCheck, AnyOtherCodeFails) {
     answer_all(5);
     EXPECT_FALSE(check_image_crc(&image, 4));
     EXPECT_EQ(g_fakes.log, Texts{"[E] check_image_crc error, ErrorCode:3, res_crc=  0x00000000\n"});
+}
+
+TEST_F(ImageCheck, AFileThatCantBeLookedAtIsNotAskedForAndNotSaidToHaveChanged) {
+    image_holds("abcde");
+    call_faults.fseeko = 2; // behind those of its size and its only chunk
+    EXPECT_FALSE(check_image_crc(&image, 5));
+    EXPECT_EQ(g_fakes.log, Texts({kFilledUp, "[E] image file can't be looked at: " + path + "\n"}));
+    EXPECT_EQ(g_fakes.sent.size(), 0U);
 }
 
 TEST_F(ImageCheck, AFileThatChangedSinceItWasWrittenIsNotAskedFor) {

@@ -278,6 +278,14 @@ TEST_F(SpimRetry, EveryLoopEndsTwoSecondsAfterTheLastProgressWhenAStopWaits) {
     }
 }
 
+TEST_F(SpimRetry, AWriteIsTakenOrNotWhateverBecameOfTheOneBefore) {
+    write();
+    EXPECT_TRUE(spim_write_taken());
+    spim_slave.fails = [](const Bytes&) { return true; };
+    write();
+    EXPECT_FALSE(spim_write_taken());
+}
+
 TEST_F(SpimRetry, WithoutAStopNothingIsGivenUp) {
     spim_slave.data_status = 0x80;
     spim_slave.at_frame = [] {
