@@ -5,19 +5,19 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 usage() {
     cat <<EOT
-usage: scripts/cross.sh [--quick | --programs] [ARCH...]
+usage: scripts/cross.sh [--programs] [ARCH...]
   ARCH         arm64, armhf or riscv64; default: arm64 and armhf
-  --quick      of the tests only the unit tests of these folders: ${quick_folders[*]}
   --programs   no unit tests; there are none for riscv64 anyway
 Fetches the libraries from Debian's packages into build/sysroot/ARCH and builds in build/ARCH, a warning is an error. Then the unit
-tests run, and one round of daemon, board and client: start, position, stop. Compilers and emulator are installed when this runs as
+tests run, and one round of daemon, board, relay and client: start, position, stop. At the end the sizes. Compilers and emulator are installed when this runs as
 root; nothing else on this machine is changed. Exit codes: 0 all passed, 1 something failed, 77 not run because something can't be had.
 EOT
 }
 
-quick_folders=(base config nmea queue device)
 packages=(libc6-dev libstdc++6 libatomic1 libcurl4-openssl-dev libmbedtls-dev libmicrohttpd-dev libncurses-dev
+    libevent-dev libmosquitto-dev libssl-dev
     libcli11-dev nlohmann-json3-dev libgtest-dev zlib1g-dev)
+programs=(tavor tavorctl tavor-relay tavor-relay-mqtt tavor-board)
 skipped=77
 answer_limit_s=60 # of one program under the emulator
 
@@ -26,21 +26,19 @@ answer_limit_s=60 # of one program under the emulator
 not_emulated='SocketServerTest\.FiveClientsMayWaitToBeAccepted|LocationUart\.EachKnownRateIsSetAndAnyOtherIs115200'
 not_emulated+='|ToolOutput\.IsReadWithinItsLimitAndTheProgramIsEnded'
 
+# These tests of the relay give it a second of some milliseconds: too short for the emulator on a busy machine, and on armhf some never end.
+not_emulated+='|Relay(Gpsd|Local|SlowClient|ManyClients|Metrics|Mqtt|Positioning)\.'
+
 # What is not so on armhf. The emulator doesn't know the time-outs of sockets by their newer numbers.
 not_on_armhf='InterposeFastClock\.ASocketsTimeOutIsOnTheProgramsClock'
-# The test knows the size of a queue's record with pointers of 64 bits.
-not_on_armhf+='|QueueTest\.StopOfAnotherProgramWithdrawsNothing'
-# The C++ library asks for the time by its older name, which the test doesn't replace.
-not_on_armhf+='|FollowTest\.'
-# A checked ppoll is linked by a name that the board does not replace; the daemon calls none.
-not_on_armhf+='|InterposeFastClock\.WaitsForFilesLastAsLongAsTheProgramAsked'
+# On a busy machine the emulator's timer was seen to fire behind its disarming.
+not_on_armhf+='|InterposeTimer\.DisarmedItDoesNotFire'
 
-tests=all
+unit_tests_wanted=yes
 architectures=()
 while [ $# -gt 0 ]; do
     case "$1" in
-    --quick) tests=quick ;;
-    --programs) tests=none ;;
+    --programs) unit_tests_wanted=no ;;
     arm64 | armhf | riscv64) architectures+=("$1") ;;
     -h | --help) usage && exit 0 ;;
     *) usage >&2 && exit 2 ;;
@@ -60,12 +58,12 @@ choose() {
     arch=$1
     processor=$arch
     release=bookworm
-    unit_tests=$tests
+    unit_tests=$unit_tests_wanted
     excluded=$not_emulated
     case $arch in
     arm64) triplet=aarch64-linux-gnu processor=aarch64 ;;
     armhf) triplet=arm-linux-gnueabihf processor=arm excluded="$not_emulated|$not_on_armhf" ;;
-    riscv64) triplet=riscv64-linux-gnu release=trixie unit_tests=none ;; # they name functions of mbed TLS 2 to the linker
+    riscv64) triplet=riscv64-linux-gnu release=trixie unit_tests=no ;; # they name functions of mbed TLS 2 to the linker
     esac
     sysroot=$PWD/build/sysroot/$arch
     tree=build/$arch
@@ -126,11 +124,8 @@ fetch_libraries() {
 }
 
 run_unit_tests() {
-    local folders=
-    [ "$unit_tests" = all ] || folders=$(printf '|%s' "${quick_folders[@]}")
     echo "cross: $arch: unit tests"
-    ctest --preset "$arch" -L "^unit\\.(${folders#|}${folders:+)$}" -E "$excluded" --quiet --output-on-failure \
-        --output-log "$tree/unit_tests.log" || {
+    ctest --preset "$arch" -L '^unit\.' -E "$excluded" --quiet --output-on-failure --output-log "$tree/unit_tests.log" || {
         grep -A 40 -F '***' "$tree/unit_tests.log"
         return 1
     }
@@ -154,19 +149,25 @@ until_there() {
     done
 }
 
-# The round: a position with an age, the chip off at the end. The board starts no programs here, for the kernel can't run them.
+# The round: a position with an age, by the relay, and the chip off at the end. The board starts no programs here, for the kernel can't
+# run them.
 run_round() { # directory
-    local socket=$1/etc/default/tavor/tavor_sun_path
+    local socket=$1/etc/default/tavor/tavor_sun_path relay
     emulate tavor-board run --dir "$1" >"$1/board.log" 2>&1 &
     started+=($!)
-    until_there "the board" grep -q '^ready ' "$1/board.log" || return 1
+    until_there "the board" grep -qs '^ready ' "$1/board.log" || return 1
     timeout $((answer_limit_s * 2)) "qemu-$processor-static" -L "$sysroot" -E LD_PRELOAD="$PWD/$tree/lib/libtavor_board.so" \
         -E TAVOR_BOARD_DIR="$1" "$tree/bin/tavor" >"$1/daemon.log" 2>&1 &
     started+=($!)
     until_there "the daemon's socket" test -S "$socket" || return 1
-    emulate tavorctl --socket "$socket" position --json | tee "$1/position" || return 1
+    emulate tavor-relay --daemon "$socket" --socket "$1/relay" --listen "" >"$1/relay.log" 2>&1 &
+    relay=$!
+    started+=($relay)
+    until_there "the relay's socket" test -S "$1/relay" || return 1
+    emulate tavorctl --socket "$1/relay" position --json | tee "$1/position" || return 1
     grep -q '"latitude":43.29.*"satellites":' "$1/position" || return 1
     [ "$(emulate tavor-board ctl --dir "$1" power)" = on ] || return 1
+    kill $relay && { wait $relay || true; }
     emulate tavorctl --socket "$socket" stop || return 1
     [ "$(emulate tavor-board ctl --dir "$1" power)" = off ]
 }
@@ -174,7 +175,7 @@ run_round() { # directory
 run_system() {
     local directory status=0
     local started=()
-    echo "cross: $arch: a round of daemon, board and client"
+    echo "cross: $arch: a round of daemon, board, relay and client"
     directory=$(mktemp -d)
     run_round "$directory" || status=1
     [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
@@ -188,16 +189,22 @@ run_system() {
 }
 
 build() {
-    local targets=(tavor tavorctl tavor-board tavor_board) folder
-    if [ "$unit_tests" = quick ]; then
-        for folder in "${quick_folders[@]}"; do
-            targets+=("tests/unit/$folder/all")
-        done
-    fi
-    [ "$unit_tests" != all ] || targets=(all)
+    local targets=("${programs[@]}" tavor_board)
+    [ "$unit_tests" = no ] || targets+=(tests/unit/all)
     echo "cross: $arch: build"
-    cmake --preset "$arch" >/dev/null
+    # Debug information, which nobody reads here, would take a quarter of the time.
+    cmake --preset "$arch" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O2 -DNDEBUG" >/dev/null
     cmake --build --preset "$arch" --target "${targets[@]}" | { grep -vE '^\[[0-9]+/[0-9]+\]' || true; }
+}
+
+print_sizes() {
+    local program stripped
+    stripped=$(mktemp)
+    for program in "${programs[@]}"; do
+        "$triplet-strip" -o "$stripped" "$(find "$tree/bin" "$tree/libexec" -type f -name "$program")"
+        echo "cross: $arch: $program has $(stat -c %s "$stripped") bytes, stripped"
+    done
+    rm "$stripped"
 }
 
 for architecture in "${architectures[@]}"; do
@@ -208,7 +215,8 @@ done
 for architecture in "${architectures[@]}"; do
     choose "$architecture"
     build
-    [ "$unit_tests" = none ] || run_unit_tests
+    [ "$unit_tests" = no ] || run_unit_tests
     run_system
+    print_sizes
 done
 echo "cross: passed: ${architectures[*]}"
