@@ -1,7 +1,8 @@
 #include "sentence/utc.h"
 
-#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 
 namespace {
 
@@ -41,14 +42,6 @@ std::optional<std::chrono::sys_days> day_of(int year, int month, int day) {
                                            std::chrono::month(static_cast<unsigned>(month)),
                                            std::chrono::day(static_cast<unsigned>(day)));
     return date.ok() ? std::optional(std::chrono::sys_days(date)) : std::nullopt;
-}
-
-// So many digits at least, and what follows them.
-void put(std::string& text, int value, size_t count, char behind) {
-    const std::string digits = std::to_string(value);
-    text.append(count - std::min(count, digits.size()), '0');
-    text += digits;
-    text += behind;
 }
 
 bool has_iso_shape(std::string_view text) {
@@ -92,16 +85,12 @@ std::string utc_iso(Utc moment) {
     const auto day = std::chrono::floor<std::chrono::days>(moment);
     const std::chrono::year_month_day date(day);
     const std::chrono::hh_mm_ss time(moment - day);
-    std::string text;
-    text.reserve(kIsoShape.size());
-    put(text, static_cast<int>(date.year()), 4, '-');
-    put(text, static_cast<int>(static_cast<unsigned>(date.month())), 2, '-');
-    put(text, static_cast<int>(static_cast<unsigned>(date.day())), 2, 'T');
-    put(text, static_cast<int>(time.hours().count()), 2, ':');
-    put(text, static_cast<int>(time.minutes().count()), 2, ':');
-    put(text, static_cast<int>(time.seconds().count()), 2, '.');
-    put(text, static_cast<int>(time.subseconds().count()), 3, 'Z');
-    return text;
+    std::array<char, 48> text = {};
+    snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ", static_cast<int>(date.year()),
+             static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+             static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+             static_cast<int>(time.seconds().count()), static_cast<int>(time.subseconds().count()));
+    return text.data();
 }
 
 std::optional<Utc> utc_of_iso(std::string_view text) {

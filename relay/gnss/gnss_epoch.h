@@ -24,8 +24,6 @@ struct GnssSatellite {
     std::optional<double> azimuth;   // degrees
     std::optional<double> strength;  // dB-Hz
     bool used = false;
-
-    bool operator==(const GnssSatellite&) const = default;
 };
 
 // Standard deviations, metres and degrees.

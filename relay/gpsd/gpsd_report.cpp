@@ -1,28 +1,35 @@
 #include "gpsd/gpsd_report.h"
 
 #include "gnss/gnss_sky.h"
-#include "gpsd/gpsd_json.h"
 
 #include <algorithm>
-#include <iterator>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace {
 
+using Json = nlohmann::ordered_json;
+
 constexpr int kProtocolMajor = 3;
 constexpr int kProtocolMinor = 14;
 constexpr int kFlagsGps = 1; // of a device: it sends fixes
-constexpr double kAngleSteps = 1e9;
-constexpr double kSteps = 1e4;
-constexpr size_t kReportSize = 512; // that a report has room for at once; most are shorter
+constexpr int kAngleDecimals = 9;
+constexpr int kDecimals = 4;
 
-void put(std::string& report, const char* name, const std::optional<double>& value, double steps = kSteps) {
-    gpsd_json_number(report, name, value, steps);
+std::string line(const Json& report) {
+    return report.dump(-1, ' ', true, Json::error_handler_t::replace) + "\r\n";
 }
 
-void put_time(std::string& report, const GnssEpoch& epoch) {
+void put(Json& report, const char* name, const std::optional<double>& value, int decimals = kDecimals) {
+    if (value) {
+        const double scale = std::pow(10.0, decimals);
+        report[name] = std::round(*value * scale) / scale;
+    }
+}
+
+void put_time(Json& report, const GnssEpoch& epoch) {
     if (epoch.time) {
-        gpsd_json_text(report, "time", utc_iso(*epoch.time));
+        report["time"] = utc_iso(*epoch.time);
     }
 }
 
@@ -48,33 +55,23 @@ std::optional<int> status_of(const GnssEpoch& epoch) {
     }
 }
 
-std::string report_of(const char* name) {
-    std::string report;
-    report.reserve(kReportSize);
-    report = "{";
-    gpsd_json_text(report, "class", name);
-    return report;
+Json report_of(const char* name) {
+    return {{"class", name}, {"device", kGpsdDevice}};
 }
 
-std::string report_of_device(const char* name) {
-    std::string report = report_of(name);
-    gpsd_json_text(report, "device", kGpsdDevice);
-    return report;
-}
-
-std::string tpv(const GnssEpoch& epoch) {
-    std::string report = report_of_device("TPV");
+Json tpv(const GnssEpoch& epoch) {
+    Json report = report_of("TPV");
     const bool fix = has_fix(epoch);
     if (const auto status = status_of(epoch); fix && status) {
-        gpsd_json_count(report, "status", *status);
+        report["status"] = *status;
     }
-    gpsd_json_count(report, "mode", static_cast<int>(epoch.mode));
+    report["mode"] = static_cast<int>(epoch.mode);
     if (!fix) {
-        return report + "}";
+        return report;
     }
     put_time(report, epoch);
-    put(report, "lat", epoch.latitude, kAngleSteps);
-    put(report, "lon", epoch.longitude, kAngleSteps);
+    put(report, "lat", epoch.latitude, kAngleDecimals);
+    put(report, "lon", epoch.longitude, kAngleDecimals);
     if (epoch.altitude && epoch.separation) {
         put(report, "altHAE", *epoch.altitude + *epoch.separation);
     }
@@ -83,55 +80,38 @@ std::string tpv(const GnssEpoch& epoch) {
     put(report, "track", epoch.course);
     put(report, "speed", epoch.speed);
     put(report, "geoidSep", epoch.separation);
-    return report + "}";
+    return report;
 }
 
-void put_satellite(std::string& all, const GnssSatellite& one) {
-    all += all.back() == '[' ? "{" : ",{";
-    gpsd_json_count(all, "PRN", gnss_sky_prn(one));
-    put(all, "el", one.elevation);
-    put(all, "az", one.azimuth);
-    put(all, "ss", one.strength.value_or(0));
-    gpsd_json_flag(all, "used", one.used);
-    gpsd_json_count(all, "gnssid", static_cast<int>(one.system));
-    gpsd_json_count(all, "svid", one.number);
-    all += '}';
+Json satellite(const GnssSatellite& one) {
+    Json report = {{"PRN", gnss_sky_prn(one)}};
+    put(report, "el", one.elevation);
+    put(report, "az", one.azimuth);
+    report["ss"] = one.strength.value_or(0);
+    report["used"] = one.used;
+    report["gnssid"] = static_cast<int>(one.system);
+    report["svid"] = one.number;
+    return report;
 }
 
-// The text of the satellites, kept until they change: they do once a second as a rule, the DOPs before them
-// come with each epoch, and the satellites are nine tenths of the report.
-const std::string& satellites(const GnssEpoch& epoch) {
-    static std::vector<GnssSatellite> told;
-    static std::string text = "[]";
-    if (epoch.satellites != told) {
-        told = epoch.satellites;
-        text = "[";
-        for (const GnssSatellite& one : told) {
-            put_satellite(text, one);
-        }
-        text += ']';
-    }
-    return text;
-}
-
-std::string sky(const GnssEpoch& epoch) {
-    const std::string& all = satellites(epoch);
-    std::string report = report_of_device("SKY");
-    report.reserve(kReportSize + all.size());
+Json sky(const GnssEpoch& epoch) {
+    Json report = report_of("SKY");
     put_time(report, epoch);
     put(report, "vdop", epoch.vdop);
     put(report, "hdop", epoch.hdop);
     put(report, "pdop", epoch.pdop);
-    gpsd_json_count(report, "nSat", std::ssize(epoch.satellites));
-    gpsd_json_count(report, "uSat",
-                    std::count_if(epoch.satellites.begin(), epoch.satellites.end(),
-                                  [](const GnssSatellite& one) { return one.used; }));
-    gpsd_json_put(report, "satellites", all);
-    return report + "}";
+    report["nSat"] = epoch.satellites.size();
+    report["uSat"] = std::count_if(epoch.satellites.begin(), epoch.satellites.end(),
+                                   [](const GnssSatellite& one) { return one.used; });
+    Json& all = report["satellites"] = Json::array();
+    for (const GnssSatellite& one : epoch.satellites) {
+        all.push_back(satellite(one));
+    }
+    return report;
 }
 
-std::string gst(const GnssEpoch& epoch) {
-    std::string report = report_of_device("GST");
+Json gst(const GnssEpoch& epoch) {
+    Json report = report_of("GST");
     put_time(report, epoch);
     put(report, "rms", epoch.errors->rms);
     put(report, "major", epoch.errors->major);
@@ -140,87 +120,69 @@ std::string gst(const GnssEpoch& epoch) {
     put(report, "lat", epoch.errors->latitude);
     put(report, "lon", epoch.errors->longitude);
     put(report, "alt", epoch.errors->altitude);
-    return report + "}";
+    return report;
 }
 
-std::string device(std::optional<Utc> active) {
-    std::string report = report_of("DEVICE");
-    gpsd_json_text(report, "path", kGpsdDevice);
-    gpsd_json_text(report, "driver", "NMEA0183");
+Json device(std::optional<Utc> active) {
+    Json report = {{"class", "DEVICE"}, {"path", kGpsdDevice}, {"driver", "NMEA0183"}};
     if (active) {
-        gpsd_json_text(report, "activated", utc_iso(*active));
-        gpsd_json_count(report, "flags", kFlagsGps);
+        report["activated"] = utc_iso(*active);
+        report["flags"] = kFlagsGps;
     }
-    gpsd_json_count(report, "native", 0);
-    return report + "}";
-}
-
-// A text that anybody may have sent, quoted: what is no UTF-8 is replaced.
-std::string quoted(std::string_view text) {
-    return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+    report["native"] = 0;
+    return report;
 }
 
 } // namespace
 
 std::string gpsd_report_version() {
-    std::string report = report_of("VERSION");
-    gpsd_json_text(report, "release", TAVOR_VERSION);
-    gpsd_json_text(report, "rev", "tavor-relay");
-    gpsd_json_count(report, "proto_major", kProtocolMajor);
-    gpsd_json_count(report, "proto_minor", kProtocolMinor);
-    return report + "}\r\n";
+    return line({{"class", "VERSION"},
+                 {"release", TAVOR_VERSION},
+                 {"rev", "tavor-relay"},
+                 {"proto_major", kProtocolMajor},
+                 {"proto_minor", kProtocolMinor}});
 }
 
 std::string gpsd_report_devices(std::optional<Utc> active) {
-    std::string report = report_of("DEVICES");
-    gpsd_json_put(report, "devices", "[" + device(active) + "]");
-    return report + "}\r\n";
+    return line({{"class", "DEVICES"}, {"devices", Json::array({device(active)})}});
 }
 
 std::string gpsd_report_device(std::optional<Utc> active) {
-    return device(active) + "\r\n";
+    return line(device(active));
 }
 
 std::string gpsd_report_watch(const GpsdWatch& watch) {
-    std::string report = report_of("WATCH");
-    gpsd_json_flag(report, "enable", watch.enable);
-    gpsd_json_flag(report, "json", watch.json);
-    gpsd_json_flag(report, "nmea", watch.nmea);
-    gpsd_json_count(report, "raw", watch.raw);
-    gpsd_json_flag(report, "scaled", watch.scaled);
-    gpsd_json_flag(report, "timing", watch.timing);
-    gpsd_json_flag(report, "split24", watch.split24);
-    gpsd_json_flag(report, "pps", watch.pps);
+    Json report = {{"class", "WATCH"},       {"enable", watch.enable},   {"json", watch.json},
+                   {"nmea", watch.nmea},     {"raw", watch.raw},         {"scaled", watch.scaled},
+                   {"timing", watch.timing}, {"split24", watch.split24}, {"pps", watch.pps}};
     if (watch.device) {
-        gpsd_json_text(report, "device", kGpsdDevice);
+        report["device"] = kGpsdDevice;
     }
-    return report + "}\r\n";
+    return line(report);
 }
 
 std::string gpsd_report_tpv(const GnssEpoch& epoch) {
-    return tpv(epoch) + "\r\n";
+    return line(tpv(epoch));
 }
 
 std::string gpsd_report_sky(const GnssEpoch& epoch) {
-    return sky(epoch) + "\r\n";
+    return line(sky(epoch));
 }
 
 std::string gpsd_report_gst(const GnssEpoch& epoch) {
-    return epoch.errors ? gst(epoch) + "\r\n" : "";
+    return epoch.errors ? line(gst(epoch)) : "";
 }
 
 std::string gpsd_report_poll(const GnssEpoch& epoch, bool active, Utc now) {
-    std::string report = report_of("POLL");
-    gpsd_json_text(report, "time", utc_iso(now));
-    gpsd_json_count(report, "active", active ? 1 : 0);
-    gpsd_json_put(report, "tpv", "[" + tpv(epoch) + "]");
-    gpsd_json_put(report, "gst", epoch.errors ? "[" + gst(epoch) + "]" : "[]");
-    gpsd_json_put(report, "sky", "[" + sky(epoch) + "]");
-    return report + "}\r\n";
+    const Json none = Json::array();
+    return line({{"class", "POLL"},
+                 {"time", utc_iso(now)},
+                 {"active", active ? 1 : 0},
+                 {"tpv", Json::array({tpv(epoch)})},
+                 {"gst", epoch.errors ? Json::array({gst(epoch)}) : none},
+                 {"sky", Json::array({sky(epoch)})}});
 }
 
 std::string gpsd_report_error(std::string_view message) {
-    std::string report = report_of("ERROR");
-    gpsd_json_put(report, "message", quoted(message));
-    return report + "}\r\n";
+    return line({{"class", "ERROR"}, {"message", message}});
 }
