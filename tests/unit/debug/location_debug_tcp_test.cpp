@@ -237,6 +237,16 @@ TEST_F(DebugTcpTest, OfTenClientsThatSendAtOnceOnlyTheLastOneReadIsHeard) {
     EXPECT_EQ(chip_writes(), (std::vector<std::string>{"1", "AAA", "end"}));
 }
 
+TEST_F(DebugTcpTest, SocketKeptBehindAClosedOutletIsProbed) {
+    const auto client = connect_listed(1);
+    const int kept = descriptor_of(0);
+    location_debug_close();
+    int probed = 0; // else a peer that vanished without a word would keep it for ever
+    socklen_t size = sizeof probed;
+    ASSERT_EQ(getsockopt(kept, SOL_SOCKET, SO_KEEPALIVE, &probed, &size), 0);
+    EXPECT_EQ(probed, 1);
+}
+
 TEST_F(DebugTcpTest, ClosingReturnsWhileAByteWaitsForASilentChip) {
     const auto client = connect_listed(1);
     chip_silent(true);
