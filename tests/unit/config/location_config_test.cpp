@@ -324,6 +324,10 @@ TEST_F(LocationConfig, ContentThatCanNotBeReadIsNotTakenForTheFile) {
 TEST_F(LocationConfig, FileThatIsGoneMeansDefaultsAlsoWhenItCanNotBeReadLater) {
     config("DA path=/a\n");
     text("DA path=");
+    interpose_fail("open", 1, ENOTDIR); // a file stands where its directory was
+    EXPECT_EQ(text("DA path="), "default");
+    EXPECT_EQ(log, Lines{kOpenFail});
+    text("DA path=");
     std::filesystem::remove(interpose_map(kConfig));
     for (const int error : {0, EMFILE}) {
         if (error != 0) {
