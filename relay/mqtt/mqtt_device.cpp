@@ -16,7 +16,7 @@ MqttStatus status_of(const MqttDevice& device) {
     status.daemon = upstream_connected();
     status.positioning = positioning_is_on();
     if (device.fixed) {
-        status.fix_age = std::chrono::floor<std::chrono::seconds>(Clock::now() - *device.fixed).count();
+        status.fix_age = std::chrono::floor<std::chrono::seconds>(BootClock::now() - *device.fixed).count();
     }
     status.published = device.published;
     status.queued = device.queue.messages.size();
@@ -100,11 +100,10 @@ void mqtt_device_close(MqttDevice& device) {
 }
 
 void mqtt_device_take(MqttDevice& device, const GnssEpoch& epoch) {
-    const auto now = Clock::now();
     if (epoch.mode == GnssMode::k2d || epoch.mode == GnssMode::k3d) {
-        device.fixed = now;
+        device.fixed = BootClock::now();
     }
-    if (mqtt_rate_due(device.rate, epoch, now)) {
+    if (mqtt_rate_due(device.rate, epoch, Clock::now())) {
         const uint64_t before = device.queue.dropped;
         mqtt_queue_put(device.queue, mqtt_report_position(epoch));
         hub_counters().dropped_mqtt += device.queue.dropped - before;

@@ -10,6 +10,7 @@
 #include "mqtt/mqtt_queue.h"
 #include "mqtt/mqtt_rate.h"
 #include "mqtt/mqtt_report.h"
+#include "system/boot_clock.h"
 
 struct MqttDevice {
     MqttSettings settings;
@@ -18,9 +19,9 @@ struct MqttDevice {
     MqttQueue queue;
     MqttRate rate;
     uint64_t published = 0;
-    std::optional<std::chrono::steady_clock::time_point> fixed; // the latest fix
-    int status_number = 0;                                      // of a status on its way
-    MqttStatus status;                                          // the latest that was sent
+    std::optional<BootClock::time_point> fixed; // the latest fix
+    int status_number = 0;                      // of a status on its way
+    MqttStatus status;                          // the latest that was sent
     std::chrono::steady_clock::time_point status_sent;
 };
 

@@ -8,9 +8,9 @@
 #include "support/relay_loop.h"
 #include "support/tcp_peer.h"
 #include "system/listen.h"
+#include "unit/relay/suspend.h"
 
 #include <cmath>
-#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -94,8 +94,6 @@ struct Scraper {
     int fd;
     std::string got;
 };
-
-time_t slept_s = 0; // by the system: in suspend
 
 size_t open_descriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
@@ -356,14 +354,3 @@ TEST_F(RelayMetricsImpatient, LetGoWhoIsSlow) {
 }
 
 } // namespace
-
-extern "C" {
-
-int __real_clock_gettime(clockid_t clock, timespec* now);
-
-int __wrap_clock_gettime(clockid_t clock, timespec* now) {
-    const int result = __real_clock_gettime(clock, now);
-    now->tv_sec += clock == CLOCK_BOOTTIME ? slept_s : 0;
-    return result;
-}
-}

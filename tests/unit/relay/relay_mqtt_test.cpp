@@ -5,6 +5,7 @@
 #include "support/capture.h"
 #include "support/mqtt_broker.h"
 #include "support/relay_loop.h"
+#include "unit/relay/suspend.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -170,6 +171,16 @@ TEST_F(RelayMqtt, TheStateIsToldWhenPositioningComesAndEachMinute) {
     const auto began = std::chrono::steady_clock::now();
     ASSERT_TRUE(until([&] { return broker.payloads("/status").size() > told; }));
     EXPECT_GE(std::chrono::steady_clock::now() - began, 50 * kShortSecond);
+}
+
+TEST_F(RelayMqtt, TheAgeOfAFixGoesOnWhileTheSystemSleeps) {
+    open();
+    ASSERT_TRUE(connected());
+    fix(1, 1);
+    slept_s = 3600;
+    ASSERT_TRUE(until([&] { return status().at("fix_age").is_number(); }));
+    slept_s = 0;
+    EXPECT_GE(status().at("fix_age"), 3600);
 }
 
 TEST_F(RelayMqtt, WhoSaysNothingIsLeftAfterTwentySeconds) {
