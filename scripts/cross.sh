@@ -27,12 +27,12 @@ not_emulated='SocketServerTest\.FiveClientsMayWaitToBeAccepted|LocationUart\.Eac
 not_emulated+='|ToolOutput\.IsReadWithinItsLimitAndTheProgramIsEnded'
 
 # These tests of the relay give it a second of some milliseconds: too short for the emulator on a busy machine, and on armhf some never end.
-not_emulated+='|Relay(Gpsd|Local|SlowClient|ManyClients|Metrics|Mqtt|Positioning)\.'
+not_emulated+='|Relay(Gpsd|Local|SlowClient|ManyClients|Metrics|MetricsImpatient|Mqtt|Positioning|Rights|Seldom)\.'
 
 # What is not so on armhf. The emulator doesn't know the time-outs of sockets by their newer numbers.
 not_on_armhf='InterposeFastClock\.ASocketsTimeOutIsOnTheProgramsClock'
-# On a busy machine the emulator's timer was seen to fire behind its disarming.
-not_on_armhf+='|InterposeTimer\.DisarmedItDoesNotFire'
+# Seen to fail under the emulator on a busy machine: a timer that fires behind its disarming, a transfer that is bounded.
+not_on_armhf+='|InterposeTimer\.DisarmedItDoesNotFire|XodHttp\.WhatAServerSendsIsBounded'
 
 unit_tests_wanted=yes
 architectures=()
