@@ -26,11 +26,14 @@ answer_limit_s=60 # of one program under the emulator
 not_emulated='SocketServerTest\.FiveClientsMayWaitToBeAccepted|LocationUart\.EachKnownRateIsSetAndAnyOtherIs115200'
 not_emulated+='|ToolOutput\.IsReadWithinItsLimitAndTheProgramIsEnded'
 
-# These tests of the relay give it a second of some milliseconds: too short for the emulator on a busy machine, and on armhf some never end.
-not_emulated+='|Relay(Gpsd|Local|SlowClient|ManyClients|Metrics|MetricsImpatient|Mqtt|Positioning|Rights|Seldom)\.'
+# Nor do these: they count pieces by TCP_INFO. Why those below fail there is not known.
+not_emulated+='|RelayGpsd\.WhatComes(TogetherGoesToAClientInOnePiece|WithinHalfAMillisecondIsReadTogether)'
+not_emulated+='|RelaySlowClient\.|RelayMqtt\.AnEndlessPacketIsCutOff'
 
 # What is not so on armhf. The emulator doesn't know the time-outs of sockets by their newer numbers.
 not_on_armhf='InterposeFastClock\.ASocketsTimeOutIsOnTheProgramsClock'
+# The C++ library asks for the time by its older name, which the test doesn't replace.
+not_on_armhf+='|RelayRights\.AChangeOfTheDatabaseIsNoticedWithinTenSeconds'
 # Seen to fail under the emulator on a busy machine: a timer that fires behind its disarming, a transfer that is bounded.
 not_on_armhf+='|InterposeTimer\.DisarmedItDoesNotFire|XodHttp\.WhatAServerSendsIsBounded'
 

@@ -39,8 +39,8 @@ ChronySample chrony_sample_make(Utc time, HubTime arrived) {
     const auto moment = std::chrono::floor<std::chrono::microseconds>(arrived);
     const auto second = std::chrono::floor<std::chrono::seconds>(moment);
     ChronySample sample = {};
-    sample.seconds = static_cast<ChronyTimeField>(second.time_since_epoch().count());
-    sample.microseconds = static_cast<ChronyTimeField>((moment - second).count());
+    sample.time.seconds = static_cast<SystemTimeField>(second.time_since_epoch().count());
+    sample.time.microseconds = static_cast<SystemTimeField>((moment - second).count());
     sample.offset = std::chrono::duration<double>(time - moment).count();
     sample.magic = kMagic;
     return sample;

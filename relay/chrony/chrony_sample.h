@@ -4,30 +4,22 @@
 
 #include "hub/hub.h"
 #include "sentence/utc.h"
+#include "system/system_time.h"
 
 #include <cstdint>
 #include <optional>
 #include <string_view>
 
-// A field of the timeval in a sample has the size that the C library gives time_t unless told otherwise:
-// chronyd is built so. That is 4 bytes on some 32-bit systems, where samples end in the year 2038.
-#if TAVOR_CHRONY_TIME_SIZE == 4
-using ChronyTimeField = int32_t;
-#else
-using ChronyTimeField = int64_t;
-#endif
-
-// One measurement, in host byte order.
+// One measurement, in host byte order. Where its time has fields of 4 bytes, samples end in the year 2038.
 struct ChronySample {
-    ChronyTimeField seconds;      // of the system's clock at the measurement
-    ChronyTimeField microseconds; // less than a second
-    double offset;                // the true time less the system's, seconds
-    int32_t pulse;                // 0: the sample tells the whole time
-    int32_t leap;                 // 0: no leap second is announced; sentences tell none
+    SystemTimeval time; // of the system's clock at the measurement
+    double offset;      // the true time less the system's, seconds
+    int32_t pulse;      // 0: the sample tells the whole time
+    int32_t leap;       // 0: no leap second is announced; sentences tell none
     int32_t padding;
     int32_t magic;
 };
-static_assert(sizeof(ChronySample) == 2 * sizeof(ChronyTimeField) + 24);
+static_assert(sizeof(ChronySample) == sizeof(SystemTimeval) + 24);
 
 // The time of an RMC sentence: none unless its status is valid by satellites, with time and date. Second 60
 // of a leap second is none: the system's clock has no number for it.

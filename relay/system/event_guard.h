@@ -2,6 +2,8 @@
 #ifndef TAVOR_RELAY_EVENT_GUARD_H
 #define TAVOR_RELAY_EVENT_GUARD_H
 
+#include "system/system_time.h"
+
 #include <chrono>
 #include <event2/event.h>
 #include <memory>
@@ -27,8 +29,14 @@ using EventBasePtr = std::unique_ptr<event_base, EventBaseFree>;
 inline constexpr int kPriorityUpstream = 0;
 inline constexpr int kPriorities = 2;
 
-inline timeval event_time(std::chrono::milliseconds time) {
-    return {.tv_sec = time.count() / 1000, .tv_usec = (time.count() % 1000) * 1000};
+inline SystemTimeval event_time(std::chrono::milliseconds time) {
+    return {static_cast<SystemTimeField>(time.count() / 1000),
+            static_cast<SystemTimeField>(time.count() % 1000 * 1000)};
+}
+
+// As the library's own build had it.
+inline const timeval* event_timeval(const SystemTimeval& time) {
+    return reinterpret_cast<const timeval*>(&time);
 }
 
 // A loop that serves others for 5 ms at most, one of them at least, before it hears the daemon again: a
@@ -36,9 +44,9 @@ inline timeval event_time(std::chrono::milliseconds time) {
 inline EventBasePtr event_base_open() {
     const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
                                                                              event_config_free);
-    const timeval turn = event_time(std::chrono::milliseconds(1));
-    if (!config ||
-        event_config_set_max_dispatch_interval(config.get(), &turn, -1, kPriorityUpstream + 1) != 0) {
+    const SystemTimeval turn = event_time(std::chrono::milliseconds(1));
+    if (!config || event_config_set_max_dispatch_interval(config.get(), event_timeval(turn), -1,
+                                                          kPriorityUpstream + 1) != 0) {
         return nullptr;
     }
     EventBasePtr base(event_base_new_with_config(config.get()));
@@ -48,8 +56,8 @@ inline EventBasePtr event_base_open() {
 // Arms a timer, also one that is armed already. At the end of 0 ms the loop has looked at all descriptors
 // once.
 inline void event_arm(const EventPtr& timer, std::chrono::milliseconds time) {
-    const timeval wait = event_time(time);
-    event_add(timer.get(), &wait);
+    const SystemTimeval wait = event_time(time);
+    event_add(timer.get(), event_timeval(wait));
 }
 
 #endif

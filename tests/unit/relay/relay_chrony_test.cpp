@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t kField = TAVOR_CHRONY_TIME_SIZE;
+constexpr size_t kField = TAVOR_SYSTEM_TIME_SIZE;
 constexpr HubTime kNoon = std::chrono::sys_days{std::chrono::year{2026} / 11 / 21} + std::chrono::hours(12);
 
 std::string rmc(const std::string& time, const std::string& date = "211126", const std::string& status = "A",
@@ -93,8 +93,8 @@ TEST_F(RelayChrony, ASampleTellsWhenTheSentenceCameAndHowFarTheClockIsOff) {
     put(rmc("120003.50"), kNoon + std::chrono::microseconds(250'007));
     const std::string bytes = clock.take();
     ASSERT_EQ(bytes.size(), 2 * kField + 24);
-    EXPECT_EQ(at<ChronyTimeField>(bytes, 0), 1795262400); // date -d '2026-11-21 12:00 UTC' +%s
-    EXPECT_EQ(at<ChronyTimeField>(bytes, kField), 250'007);
+    EXPECT_EQ(at<SystemTimeField>(bytes, 0), 1795262400); // date -d '2026-11-21 12:00 UTC' +%s
+    EXPECT_EQ(at<SystemTimeField>(bytes, kField), 250'007);
     EXPECT_NEAR(at<double>(bytes, 2 * kField), 3.249993, 1e-9);
     EXPECT_EQ(at<int>(bytes, 2 * kField + 8), 0);  // no pulse
     EXPECT_EQ(at<int>(bytes, 2 * kField + 12), 0); // no leap second
