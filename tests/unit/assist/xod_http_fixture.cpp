@@ -31,18 +31,19 @@ void clean_up(CURL* handle) {
 extern "C" {
 
 CURLcode xod_http_set_option(CURL* handle, CURLoption option, ...);
-CURLcode xod_http_option(CURL* handle, CURLoption option, void* value);
+CURLcode xod_http_option(CURL* handle, CURLoption option, curl_off_t value);
 
-CURLcode xod_http_option(CURL* handle, CURLoption option, void* value) {
+CURLcode xod_http_option(CURL* handle, CURLoption option, curl_off_t value) {
     if (option == faults.failing) {
         return CURLE_OUT_OF_MEMORY;
     }
-    faults.numbers[option] = reinterpret_cast<long>(value);
+    faults.numbers[option] = value;
     const auto replaced = faults.replaced.find(option);
     if (replaced != faults.replaced.end()) {
-        return curl_easy_setopt(handle, option, replaced->second);
+        value = replaced->second;
     }
-    return curl_easy_setopt(handle, option, value);
+    return option < CURLOPTTYPE_OFF_T ? curl_easy_setopt(handle, option, static_cast<long>(value))
+                                      : curl_easy_setopt(handle, option, value);
 }
 }
 

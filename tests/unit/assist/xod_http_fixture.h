@@ -21,8 +21,8 @@ struct XodHttpFaults {
     bool init_fails = false;
     CURLoption failing = CURLOPT_LASTENTRY;
     std::map<CURLoption, long> replaced;
-    std::map<CURLoption, long> numbers; // as they were set
-    int alive = 0;                      // handles
+    std::map<CURLoption, curl_off_t> numbers; // as they were set
+    int alive = 0;                            // handles
     bool md5_start_fails = false;
     bool md5_update_fails = false;
     bool md5_finish_fails = false;

@@ -3,12 +3,13 @@
 #include <stdarg.h>
 
 CURLcode xod_http_set_option(CURL* handle, CURLoption option, ...);
-CURLcode xod_http_option(CURL* handle, CURLoption option, void* value);
+CURLcode xod_http_option(CURL* handle, CURLoption option, curl_off_t value);
 
 CURLcode xod_http_set_option(CURL* handle, CURLoption option, ...) {
     va_list arguments;
     va_start(arguments, option);
-    void* value = va_arg(arguments, void*); // a long has the same size and place here
+    // A pointer has the size and place of a long; a size in bytes is wider on 32-bit systems.
+    curl_off_t value = option < CURLOPTTYPE_OFF_T ? va_arg(arguments, long) : va_arg(arguments, curl_off_t);
     va_end(arguments);
     return xod_http_option(handle, option, value);
 }

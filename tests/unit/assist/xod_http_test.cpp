@@ -157,7 +157,9 @@ TEST_F(XodHttp, LimitsAreSet) {
     EXPECT_EQ(faults.numbers.at(CURLOPT_NOSIGNAL), 1);
     EXPECT_EQ(faults.numbers.at(CURLOPT_QUICK_EXIT), 1);
     EXPECT_EQ(faults.numbers.at(CURLOPT_MAXFILESIZE_LARGE), 4194304);
-    EXPECT_STREQ(reinterpret_cast<const char*>(faults.numbers.at(CURLOPT_PROTOCOLS_STR)), "http");
+    EXPECT_STREQ(
+        reinterpret_cast<const char*>(static_cast<intptr_t>(faults.numbers.at(CURLOPT_PROTOCOLS_STR))),
+        "http");
     for (const CURLoption never : {CURLOPT_WRITEFUNCTION, CURLOPT_FOLLOWLOCATION, CURLOPT_USERAGENT}) {
         EXPECT_EQ(faults.numbers.count(never), 0U);
     }

@@ -31,7 +31,10 @@ struct RelayMqtt : testing::Test {
     ~RelayMqtt() override {
         mqtt_device_close(device);
         fflush(stdout);
-        testing::internal::GetCapturedStdout();
+        const std::string said = testing::internal::GetCapturedStdout();
+        if (HasFailure()) { // it has told there why
+            fputs(said.c_str(), stdout);
+        }
     }
 
     void open() {

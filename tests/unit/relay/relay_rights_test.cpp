@@ -8,6 +8,8 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -15,7 +17,12 @@ constexpr uid_t kNobody = 65534;
 
 int asked = 0;
 size_t needed = 0; // bytes of an entry
-time_t ahead = 0;  // seconds that the steady clock is put forward
+long ahead = 0;    // seconds that the steady clock is put forward
+
+struct LongTime {
+    long seconds;
+    long ns;
+};
 
 } // namespace
 
@@ -26,10 +33,11 @@ extern "C" int getgrnam_r(const char* name, group* entry, char* text, size_t siz
     return size < needed ? ERANGE : ask(name, entry, text, size, found);
 }
 
-extern "C" int clock_gettime(clockid_t clock, timespec* time) {
-    static const auto ask = reinterpret_cast<decltype(&clock_gettime)>(dlsym(RTLD_NEXT, "clock_gettime"));
-    const int result = ask(clock, time);
-    time->tv_sec += clock == CLOCK_MONOTONIC ? ahead : 0;
+// Asked by the library behind std::chrono, whose times have the size of a long.
+extern "C" int library_clock_gettime(clockid_t clock, LongTime* time) noexcept __asm__("clock_gettime");
+extern "C" int library_clock_gettime(clockid_t clock, LongTime* time) noexcept {
+    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+    time->seconds += clock == CLOCK_MONOTONIC ? ahead : 0;
     return result;
 }
 
