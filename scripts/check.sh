@@ -50,15 +50,6 @@ if grep -rnE '^#include "(src|tests|bench)/' src client relay board || grep -rnE
     exit 1
 fi
 
-echo "check: lint"
-# One file a run: behind another file the analyzer takes every va_list for uninitialized.
-# A tree of its own without tests: their precompiled headers are the compiler's, not the linter's.
-build=build/lint
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
-    -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF >/dev/null
-printf '%s\n' "${sources[@]}" | grep -E '^(src|sentence|client|relay|board)/.*\.cpp$' |
-    xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$build" 2>&1 |
-    { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
 echo "check: manuals and error lines"
 scripts/check_error_lines.sh
 scripts/check_protocol.sh
@@ -80,4 +71,13 @@ if command -v systemd-analyze >/dev/null; then
         }
     done
 fi
+echo "check: lint"
+# One file a run: behind another file the analyzer takes every va_list for uninitialized.
+# A tree of its own without tests: their precompiled headers are the compiler's, not the linter's.
+build=build/lint
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
+    -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF >/dev/null
+printf '%s\n' "${sources[@]}" | grep -E '^(src|sentence|client|relay|board)/.*\.cpp$' |
+    xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$build" 2>&1 |
+    { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
 echo "check: clean"
