@@ -62,6 +62,7 @@ for page in docs/*.[1-8]; do
     mandoc -Tlint "$page"
 done
 if command -v systemd-analyze >/dev/null; then
+    mkdir -p build
     echo "check: exposure of the services"
     # At most, in tenths of 10.
     for limit in tavor:25 tavor-relay:15; do
