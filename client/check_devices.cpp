@@ -221,8 +221,9 @@ void check_spi(Findings& findings, const Place& place, bool daemon_runs) {
             findings.push_back({Grade::kBad, kSpi, path + " is in use by a program that lets nobody else in",
                                 "'fuser -v " + path + "' names it: end it"});
         } else {
-            findings.push_back({check_denied(errno), kSpi, path + " can't be opened: " + strerror(errno),
-                                "look at its rights (packaging/tavor.rules), or use sudo"});
+            findings.push_back(
+                {check_denied(errno), kSpi, path + " can't be opened: " + strerror(errno),
+                 "look at its rights (a sample of udev rules: /usr/share/doc/tavor/examples/tavor.rules), or use sudo"});
         }
     }
     check_message_size(findings);

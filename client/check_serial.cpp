@@ -76,8 +76,9 @@ Finding judge_unopened(int error, const std::string& path) {
                     "' names it, a login or a terminal program as a rule: end it, or name "
                     "another line"};
     default:
-        return {Grade::kDoubtful, kSubject, path + " can't be opened: " + strerror(error),
-                "look at its rights (packaging/tavor.rules), or use sudo"};
+        return {
+            Grade::kDoubtful, kSubject, path + " can't be opened: " + strerror(error),
+            "look at its rights (a sample of udev rules: /usr/share/doc/tavor/examples/tavor.rules), or use sudo"};
     }
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the Debian packages tavor, tavorctl, tavor-relay, tavor-relay-mqtt, tavor-board and libtavor-dev from this tree into
-# build/package, and has lintian judge them. Takes debhelper, dpkg-dev and what scripts/setup.sh installs; lintian where it is there.
+# build/package, and has lintian judge them. Takes build-essential, debhelper and what scripts/setup.sh installs; lintian where it is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -14,7 +14,7 @@ case "${1:-}" in
 esac
 for tool in dh dpkg-buildpackage; do
     command -v "$tool" >/dev/null || {
-        echo "package: $tool is missing: apt-get install debhelper dpkg-dev" >&2
+        echo "package: $tool is missing: apt-get install build-essential debhelper" >&2
         exit 1
     }
 done
