@@ -19,7 +19,7 @@ enum class RecordKind {
 
 // A position; what the chip has not told is absent.
 struct Position {
-    std::optional<std::string> utc;            // hhmmss.sss as the chip sent it
+    std::optional<std::string> utc;            // hhmmss.ss as the chip sent it
     std::optional<double> latitude;            // degrees, south negative
     std::optional<double> longitude;           // degrees, west negative
     std::optional<double> height;              // metres above the ellipsoid

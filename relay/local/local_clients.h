@@ -2,7 +2,7 @@
 //
 // For a client that does not read (its socket is full, or was never found with all read for two seconds) 64
 // sentences, also of the chip, and positions wait, then the oldest is dropped. Results are never dropped:
-// with 16 results and open requests a client is let go, as is one that has taken nothing for 30 seconds while
+// with the 17th that waits a client is let go, as is one that has taken nothing for 30 seconds while
 // something waits.
 #ifndef TAVOR_RELAY_LOCAL_CLIENTS_H
 #define TAVOR_RELAY_LOCAL_CLIENTS_H

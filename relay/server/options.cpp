@@ -21,7 +21,7 @@ Exit status:
   0  ended by SIGTERM or SIGINT
   1  a socket can't be had: it is in use, or there is no right to it; or the files for TLS can't be read, or
      the program with MQTT is not installed
-  2  the command line or the configuration file is wrong
+  2  the command line or the configuration file is wrong, or the password's file can't be read
 
 Examples:
   tavor-relay
