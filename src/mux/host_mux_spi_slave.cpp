@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 
 namespace {
@@ -19,7 +18,7 @@ constexpr uint8_t kPowerOn = 0x04;
 constexpr int32_t kMaxPolls = 100;
 constexpr uint32_t kPollMs = 5;
 constexpr uint32_t kResetDelayUs = 100;
-constexpr size_t kMaxNesting = 16; // power cycles begun before the one that runs is through
+constexpr uint32_t kMaxNesting = 16; // power cycles inside each other
 
 struct State {
     std::atomic<int32_t> power_counter{0}; // open power-on requests
@@ -120,35 +119,42 @@ Switch try_switch(uint32_t bus, const PowerSwitch& to) {
     return poll == Poll::kNeedsPowerCycle ? Switch::kNeedsPowerCycle : Switch::kAgain;
 }
 
-// One power switch or, with then_on, a cycle of both.
-struct PowerTask {
-    const PowerSwitch* to;
-    bool then_on;
-};
-constexpr PowerTask kCycle = {&kSwitchOff, true};
+bool power_cycle(uint32_t bus, uint32_t nesting, HostMuxPause* pause);
 
-// Repeats each switch until the slave confirms it. An error of the slave puts a power cycle before the
-// repetition, whose own errors bring the next one. At most 16 wait for each other: further errors are only
-// cleared, so that a slave that reports errors for ever costs rounds, not memory. Returns 0, or 1 when a
-// transfer of the last switch fails or a stop is pending; the slave is then left as it is.
-int32_t run_power(uint32_t bus, PowerTask task) {
-    PowerTask tasks[kMaxNesting + 1] = {task};
-    HostMuxPause pause;
-    for (PowerTask* top = tasks;;) {
-        const Switch result = try_switch(bus, *top->to);
-        const bool ended = result == Switch::kDone || result == Switch::kFailed;
-        if (ended && top->then_on && !stop_request_pending()) {
-            *top = {&kSwitchOn, false};
-        } else if (ended && top == tasks) {
-            return result == Switch::kDone ? 0 : 1;
-        } else if (ended) {
-            --top;
-        } else if (!host_mux_next_round(&pause)) {
-            return 1;
-        } else if (result == Switch::kNeedsPowerCycle && top != tasks + kMaxNesting) {
-            *++top = kCycle;
+// Repeats the switch until the slave confirms it. An error of the slave puts a power cycle before the
+// repetition, whose own errors bring the next one. At most 16 lie inside each other: further errors are only
+// cleared, so that a slave that reports errors for ever costs rounds, not memory. Returns false when a
+// transfer fails or a stop is pending; the slave is then left as it is.
+bool switch_power(uint32_t bus, const PowerSwitch& to, uint32_t nesting, HostMuxPause* pause) {
+    for (;;) {
+        const Switch result = try_switch(bus, to);
+        if (result == Switch::kDone || result == Switch::kFailed) {
+            return result == Switch::kDone;
+        }
+        if (!host_mux_next_round(pause)) {
+            return false;
+        }
+        if (result == Switch::kNeedsPowerCycle && nesting < kMaxNesting &&
+            !power_cycle(bus, nesting + 1, pause)) {
+            return false;
         }
     }
+}
+
+// Switches off and on, whether or not a switch fails. Returns false when a stop is pending: nothing more is
+// switched then.
+bool power_cycle(uint32_t bus, uint32_t nesting, HostMuxPause* pause) {
+    switch_power(bus, kSwitchOff, nesting, pause);
+    if (stop_request_pending()) {
+        return false;
+    }
+    switch_power(bus, kSwitchOn, nesting, pause);
+    return !stop_request_pending();
+}
+
+int32_t switch_power_once(uint32_t bus, const PowerSwitch& to) {
+    HostMuxPause pause;
+    return switch_power(bus, to, 0, &pause) ? 0 : 1;
 }
 
 } // namespace
@@ -164,17 +170,18 @@ int32_t host_mux_spi_transfer(uint32_t bus, const uint8_t* tx, uint32_t tx_len, 
 int32_t portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(uint32_t bus, uint8_t mask, uint8_t expected) {
     const Poll poll = query(bus, mask, expected);
     if (poll == Poll::kNeedsPowerCycle) {
-        run_power(bus, kCycle);
+        HostMuxPause pause;
+        power_cycle(bus, 0, &pause);
     }
     return poll == Poll::kReached ? 0 : 1;
 }
 
 int32_t portable_HAL_SPI_POWER_OFF_WITHOUT_COUNTER(uint32_t bus) {
-    return run_power(bus, {&kSwitchOff, false});
+    return switch_power_once(bus, kSwitchOff);
 }
 
 int32_t host_mux_spi_power_on_without_counter(uint32_t bus) {
-    return run_power(bus, {&kSwitchOn, false});
+    return switch_power_once(bus, kSwitchOn);
 }
 
 int32_t host_mux_spi_power_on(uint32_t bus) {
