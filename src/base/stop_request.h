@@ -5,9 +5,9 @@
 // queue announces each stop and each download request when it is enqueued, and withdraws it when the request
 // has been handled or could not be enqueued, so whatever is queued before that request comes back soon. The
 // queue marks the records that it announces, so that one of another program withdraws nothing.
-// Closing the bus announces for as long as it takes (StopRequest), so that transfers of other threads come
-// back. While a download runs, its own announcement is set aside (StopRequestAside): it must not end itself,
-// only the next request may.
+// Closing the bus announces for as long as it takes (StopRequest), on the service thread, so that transfers
+// of other threads come back. While a download runs, its own announcement is set aside (StopRequestAside): it
+// must not end itself, only the next request may.
 #ifndef TAVOR_STOP_REQUEST_H
 #define TAVOR_STOP_REQUEST_H
 

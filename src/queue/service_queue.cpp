@@ -42,7 +42,6 @@ struct ServiceQueueState {
     // Orders memory between threads: msgsnd and msgrcv do it in fact, but C++ (and ThreadSanitizer) only
     // trusts atomics.
     std::atomic<uint32_t> handovers = 0;
-    std::atomic<int> announced = 0; // stop and download requests that were announced and are not handled yet
     inline static thread_local bool is_consumer = false;
 };
 
@@ -52,26 +51,11 @@ bool stops_link(uint32_t id) {
     return id == SERVICE_STOP || id == SERVICE_DOWNLOAD;
 }
 
-void announce() {
-    stop_request_announce(); // first: withdraw() goes the other way round and never meets a half announcement
-    ++state.announced;
-}
-
-// Ends one announcement. There is none when it went with a queue that was removed.
-void withdraw() {
-    int announced = state.announced;
-    while (announced > 0 && !state.announced.compare_exchange_weak(announced, announced - 1)) {
-    }
-    if (announced > 0) {
-        stop_request_withdraw();
-    }
-}
-
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
 struct UnsentMessage : private NonCopyable {
     UnsentMessage(uint32_t message_id, void* message_data) : id(message_id), data(message_data) {
         if (stops_link(id)) {
-            announce();
+            stop_request_announce();
         }
     }
     ~UnsentMessage() {
@@ -80,7 +64,7 @@ struct UnsentMessage : private NonCopyable {
         }
         free(data);
         if (stops_link(id)) {
-            withdraw();
+            stop_request_withdraw();
         }
     }
 
@@ -155,10 +139,10 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
     return sent;
 }
 
-// A removed queue took its messages along: what they announced is over.
+// A removed queue took its messages along: what they announced is over. Nobody else announces meanwhile: only
+// a stop closes the bus, on this thread.
 void make_again() {
-    while (state.announced > 0) {
-        withdraw();
+    while (stop_request_withdraw()) {
     }
     if (service_queue_open() != -1) {
         puts("[LOCSERV] WRN: the service queue was gone and is made again");
@@ -231,6 +215,6 @@ bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
 
 void service_queue_handled(const ServiceMessage& message) {
     if (message.announced == kServiceAnnounced) {
-        withdraw();
+        stop_request_withdraw();
     }
 }
