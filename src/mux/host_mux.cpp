@@ -40,11 +40,6 @@ bool is_known(uint32_t bus_type) {
     return bus_type == HOST_MUX_BUS_SPI || bus_type == HOST_MUX_BUS_I2C;
 }
 
-bool is_open(const host_mux_handle* handle) {
-    const SharedBus bus;
-    return bus.taken && handle->id != kHostMuxClosed;
-}
-
 uint32_t master_init(uint32_t bus_type, const void* config) {
     return static_cast<uint32_t>(
         bus_type == HOST_MUX_BUS_SPI
@@ -60,17 +55,13 @@ int32_t master_deinit(const host_mux_handle* handle) {
 } // namespace
 
 int32_t host_mux_init(host_mux_handle* handle, const void* config) {
-    if (is_open(handle)) {
+    const ExclusiveBus bus;
+    if (handle->id != kHostMuxClosed) {
         puts("host_mux_init, mux exist");
         return 0;
     }
     if (!is_known(handle->bus_type)) {
         return -1;
-    }
-    const ExclusiveBus bus;
-    if (handle->id != kHostMuxClosed) { // another thread was opening it
-        puts("host_mux_init, mux exist");
-        return 0;
     }
     const uint32_t id = master_init(handle->bus_type, config);
     if (id == kHostMuxClosed) {

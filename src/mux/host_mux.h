@@ -15,8 +15,8 @@ struct host_mux_handle {
     uint32_t id;       // descriptor of the bus, or kHostMuxClosed
 };
 
-// Opens the bus from a host_mux_spi_port_config or host_mux_i2c_port_config. Returns 0 (also when open
-// already) or -1.
+// Opens the bus from a host_mux_spi_port_config or host_mux_i2c_port_config; waits for the transfers that are
+// under way. Returns 0 (also when open already) or -1.
 int32_t host_mux_init(host_mux_handle* handle, const void* config);
 
 // Closes the bus. Returns 0 (also when not open), or -1 and the handle stays open.
