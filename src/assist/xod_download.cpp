@@ -198,10 +198,9 @@ bool handle_one(Lock* lock) {
     return end_transfer(result);
 }
 
+// Works through the list, or leaves that to the thread that does so already. Nothing is done while the
+// machinery is down: a callback may still begin when its timer has been deleted.
 void handle(Lock* lock) {
-    if (!state.started) {
-        return; // a callback may still begin when its timer has been deleted
-    }
     if (state.busy) {
         state.asked_again = true;
         return;
@@ -288,7 +287,8 @@ void xod_download_deinit() {
     Lock lock(state.lock);
     state.started = false;
     free_pending();
-    // The thread that transfers the current item finds it gone and leaves everything else alone.
+    // The thread that transfers the current item finds it gone and leaves everything else alone. Kept: the
+    // log shows the next download scheduled once more, just before its timer is deleted.
     if (state.current != nullptr && xod_download_handle_result(std::exchange(state.current, nullptr), 0)) {
         handle_one(&lock);
     }

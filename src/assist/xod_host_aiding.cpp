@@ -61,6 +61,7 @@ struct OrbitFile : private NonCopyable {
         close();
     }
 
+    // Closes what was open before.
     bool open(uint32_t type, uint32_t index) {
         close();
         file = xod_download_file_open(type, index);
@@ -187,7 +188,6 @@ int32_t aid_from_numbered(int32_t constellation, int32_t now) {
     int32_t hours = 0;
     int32_t segment = read_segment(&file, now, &hours);
     if (!is_in_file(segment)) {
-        file.close();
         if (!open_later(constellation, static_cast<uint32_t>(hours / kFileHours + 1), &file)) {
             return without_file(constellation);
         }
