@@ -9,14 +9,27 @@ constexpr size_t kSatellitesMax =
 constexpr size_t kGsaFirst = 3, kGsaEnd = 15, kGsaPdop = 15, kGsaHdop = 16, kGsaVdop = 17, kGsaSystem = 18;
 constexpr size_t kGsvFirst = 4, kGsvEnd = 20, kGsvStep = 4;
 
-// Numbers in NMEA behind those of GPS.
-constexpr int kSbasFirst = 33, kSbasLast = 64, kSbasOffset = 87;
-constexpr int kGlonassFirst = 65, kGlonassLast = 96, kGlonassOffset = 64;
+// Numbers in NMEA that tell the system, whoever says them; those below 100 only where neither talker nor GSA
+// tells another system than GPS or GLONASS.
+struct NumberRow {
+    int first, last;
+    GnssSystem system;
+    int offset; // to the number in its system
+};
+constexpr int kOwnMax = 32;      // numbers of GPS or GLONASS itself
+constexpr int kOwnOtherMax = 99; // of any other
+constexpr int kSbasOffset = 87, kGlonassOffset = 64;
+constexpr NumberRow kNumbers[] = {
+    {33, 64, GnssSystem::kSbas, kSbasOffset}, {65, 96, GnssSystem::kGlonass, -kGlonassOffset},
+    {120, 158, GnssSystem::kSbas, 0},         {193, 200, GnssSystem::kQzss, -192},
+    {201, 263, GnssSystem::kBeidou, -200},    {301, 336, GnssSystem::kGalileo, -300},
+    {401, 463, GnssSystem::kBeidou, -400},
+};
 
 constexpr int kGalileoPrn = 300, kBeidouPrn = 400, kQzssPrn = 192, kNavicPrn = 900;
 
-// System of a talker; GN: GPS, whose numbers tell SBAS and GLONASS. None for a talker that is not known: its
-// satellites would be taken for others'.
+// System of a talker; GN: GPS. None for a talker that is not known: its satellites would be taken for
+// others'.
 std::optional<GnssSystem> system_of_talker(std::string_view talker) {
     if (talker == "GA") {
         return GnssSystem::kGalileo;
@@ -27,13 +40,18 @@ std::optional<GnssSystem> system_of_talker(std::string_view talker) {
     if (talker == "GI") {
         return GnssSystem::kNavic;
     }
-    const bool is_gps = talker == "GP" || talker == "GL" || talker == "GN";
+    if (talker == "GL") {
+        return GnssSystem::kGlonass;
+    }
+    const bool is_gps = talker == "GP" || talker == "GN";
     return is_gps ? std::optional(GnssSystem::kGps) : std::nullopt;
 }
 
 // System of the number that ends a GSA.
 GnssSystem system_of_number(int number, GnssSystem otherwise) {
     switch (number) {
+    case 2:
+        return GnssSystem::kGlonass;
     case 3:
         return GnssSystem::kGalileo;
     case 4:
@@ -47,18 +65,23 @@ GnssSystem system_of_number(int number, GnssSystem otherwise) {
     }
 }
 
-GnssSatellite satellite_of(GnssSystem system, int number) {
+// The satellite with this number of a system, or of the one that the number tells; none when it is of none.
+std::optional<GnssSatellite> satellite_of(GnssSystem system, int number) {
+    const bool shared = system == GnssSystem::kGps || system == GnssSystem::kGlonass;
     GnssSatellite satellite;
     satellite.system = system;
     satellite.number = number;
-    if (system == GnssSystem::kGps && number >= kSbasFirst && number <= kSbasLast) {
-        satellite.system = GnssSystem::kSbas;
-        satellite.number = number + kSbasOffset;
-    } else if (system == GnssSystem::kGps && number >= kGlonassFirst && number <= kGlonassLast) {
-        satellite.system = GnssSystem::kGlonass;
-        satellite.number = number - kGlonassOffset;
+    if (number <= (shared ? kOwnMax : kOwnOtherMax)) {
+        return number > 0 ? std::optional(satellite) : std::nullopt;
     }
-    return satellite;
+    for (const NumberRow& row : kNumbers) {
+        if (number >= row.first && number <= row.last) {
+            satellite.system = row.system;
+            satellite.number = number + row.offset;
+            return satellite;
+        }
+    }
+    return std::nullopt;
 }
 
 bool same(const GnssSatellite& a, const GnssSatellite& b) {
@@ -92,9 +115,9 @@ void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
     const GnssSystem system =
         system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0), *of_talker);
     for (size_t i = kGsaFirst; i < kGsaEnd; ++i) {
-        const auto number = sentence_count(sentence.fields[i]);
-        if (number && *number > 0 && reader.used.size() < kSatellitesMax) {
-            reader.used.push_back(satellite_of(system, *number));
+        const auto satellite = satellite_of(system, sentence_count(sentence.fields[i]).value_or(0));
+        if (satellite && reader.used.size() < kSatellitesMax) {
+            reader.used.push_back(*satellite);
         }
     }
     reader.epoch.pdop = sentence_number(sentence.fields[kGsaPdop]);
@@ -118,13 +141,12 @@ void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
     // What is left behind the last satellite is the number of the signal.
     const size_t end = std::min(kGsvEnd, sentence.count);
     for (size_t i = kGsvFirst; i + kGsvStep <= end; i += kGsvStep) {
-        const auto number = sentence_count(sentence.fields[i]);
-        if (number && *number > 0) {
-            GnssSatellite satellite = satellite_of(*system, *number);
-            satellite.elevation = sentence_signed(sentence.fields[i + 1]);
-            satellite.azimuth = sentence_number(sentence.fields[i + 2]);
-            satellite.strength = sentence_number(sentence.fields[i + 3]);
-            add(view, satellite);
+        auto satellite = satellite_of(*system, sentence_count(sentence.fields[i]).value_or(0));
+        if (satellite) {
+            satellite->elevation = sentence_signed(sentence.fields[i + 1]);
+            satellite->azimuth = sentence_number(sentence.fields[i + 2]);
+            satellite->strength = sentence_number(sentence.fields[i + 3]);
+            add(view, *satellite);
         }
     }
 }

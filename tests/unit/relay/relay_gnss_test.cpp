@@ -83,18 +83,39 @@ TEST_F(RelayGnss, AViewBehindTheLastSentenceOfItsEpochIsToldWithTheNextOne) {
     EXPECT_FALSE(told[4].has_view);
 }
 
+// Each with its number among all, its system, its number there, and whether it is used.
+std::string satellites_of(const GnssEpoch& epoch) {
+    std::string text;
+    for (const GnssSatellite& one : epoch.satellites) {
+        text += std::to_string(gnss_sky_prn(one)) + "/" + std::to_string(static_cast<int>(one.system)) + "/" +
+                std::to_string(one.number) + (one.used ? "+" : "-") + " ";
+    }
+    return text;
+}
+
 TEST_F(RelayGnss, SatellitesAreNumberedAsGpsdNumbersThem) {
     take_epoch("120000.00");
     take("$GAGSV,1,1,01,07,30,100,30,7");
     take("$GBGSV,1,1,01,09,30,100,,1");
     take_epoch("120001.00");
     ASSERT_FALSE(told.empty());
-    std::string text;
-    for (const GnssSatellite& one : told[0].satellites) {
-        text += std::to_string(gnss_sky_prn(one)) + "/" + std::to_string(static_cast<int>(one.system)) + "/" +
-                std::to_string(one.number) + (one.used ? "+" : "-") + " ";
-    }
-    EXPECT_EQ(text, "4/0/4+ 5/0/5+ 12/0/12- 33/1/120- 19/0/19- 66/6/2+ 307/2/7- 409/3/9- ");
+    EXPECT_EQ(satellites_of(told[0]), "4/0/4+ 5/0/5+ 12/0/12- 33/1/120- 19/0/19- 66/6/2+ 307/2/7- 409/3/9- ");
+}
+
+TEST_F(RelayGnss, ANumberThatIsOfOneSystemTellsItWhoeverSaysIt) {
+    take("$GPGSV,1,1,04,120,30,100,30,193,30,100,30,201,30,100,30,301,30,100,30");
+    take("$GBGSV,1,1,03,63,30,100,30,202,30,100,30,403,30,100,30");
+    take("$GAGSV,1,1,02,36,30,100,30,302,30,100,30");
+    take("$GLGSV,1,1,03,03,30,100,30,68,30,100,30,40,30,100,30");
+    take("$GPGSV,1,1,04,99,30,100,30,159,30,100,30,264,30,100,30,900,30,100,30"); // of none
+    take("$GNGSA,A,3,193,04,,,,,,,,,,,2.5,1.3,2.1,1");
+    take("$GNGSA,A,3,03,,,,,,,,,,,,2.5,1.3,2.1,2"); // in its system
+    take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    take("$GNRMC,120001.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    ASSERT_FALSE(told.empty());
+    EXPECT_EQ(satellites_of(told[0]),
+              "33/1/120- 193/5/1+ 401/3/1- 301/2/1- 463/3/63- 402/3/2- 403/3/3- 336/2/36- 302/2/2- 67/6/3+ "
+              "68/6/4- 40/1/127- ");
 }
 
 TEST_F(RelayGnss, TheNumberOfTheSignalIsNoSatellite) {
