@@ -42,12 +42,16 @@ std::optional<int> status_of(const GnssEpoch& epoch) {
     switch (epoch.quality.value_or(0)) {
     case 2: // DGPS
         return 2;
+    case 3: // precise: P(Y)
+        return 9;
     case 4: // RTK, fixed
         return 3;
     case 5: // RTK, floating
         return 4;
     case 6: // dead reckoning
         return 5;
+    case 7: // by hand: surveyed
+        return 7;
     case 8: // simulated
         return 8;
     default:

@@ -245,6 +245,18 @@ TEST_F(RelayGpsd, AWatcherOfJsonGetsTheReportsOfEachEpoch) {
     EXPECT_EQ(report(peer, "POLL").at("tpv").at(0).at("lat"), 48.1173);
 }
 
+TEST(RelayGpsdReport, TheStatusTellsTheQualityUnlessItIsOrdinary) {
+    GnssEpoch epoch;
+    epoch.mode = GnssMode::k3d;
+    std::string told;
+    for (int quality = 0; quality <= 9; ++quality) {
+        epoch.quality = quality;
+        const Json tpv = Json::parse(gpsd_report_tpv(epoch));
+        told += (tpv.contains("status") ? tpv.at("status").dump() : "-") + " ";
+    }
+    EXPECT_EQ(told, "- - 2 9 3 4 5 7 8 - ");
+}
+
 TEST_F(RelayGpsd, AWatcherOfNmeaGetsSentencesOnly) {
     TcpPeer peer(gpsd_port());
     ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
