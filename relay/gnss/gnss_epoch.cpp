@@ -3,6 +3,7 @@
 #include "gnss/gnss_sky.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -42,6 +43,9 @@ void take_date(GnssReader& reader, const Sentence& sentence,
 void take_rmc(GnssReader& reader, const Sentence& sentence) {
     reader.epoch.speed = sentence_speed(sentence.fields[7]);
     reader.epoch.course = sentence_number(sentence.fields[8]);
+    if (reader.epoch.course) {
+        reader.epoch.course = std::fmod(*reader.epoch.course, 360); // rounded, it may be told as 360
+    }
     reader.valid = sentence.fields[2] == "A";
     if (!reader.epoch.latitude) {
         take_position(reader.epoch, sentence, 3);
@@ -144,31 +148,40 @@ void finish(GnssReader& reader, void (*tell)(void*, const GnssEpoch&), void* to)
         epoch.speed = epoch.course = std::nullopt;
     }
     tell(to, epoch);
-    epoch.has_view = false;
+    epoch.has_view = epoch.has_sky = false;
+    epoch.errors.reset();
 }
 
+// The sky stays what it is until it is told anew, which may be in one epoch of many; it and errors that came
+// behind what ended the epoch are told with the next one.
 void begin(GnssReader& reader) {
     if (!reader.keys.empty()) {
         reader.last_key = reader.keys.back();
     }
+    GnssEpoch& last = reader.epoch;
     GnssEpoch next;
-    next.satellites = std::move(reader.epoch.satellites);
-    next.has_view = reader.epoch.has_view;
+    next.satellites = std::move(last.satellites);
+    next.pdop = last.pdop;
+    next.hdop = last.hdop;
+    next.vdop = last.vdop;
+    next.errors = last.errors;
+    next.has_view = last.has_view;
+    next.has_sky = last.has_sky;
     reader.epoch = std::move(next);
     reader.time.clear();
     reader.keys.clear();
-    reader.used.clear();
     reader.valid.reset();
     reader.gsa_mode.reset();
     reader.told = false;
-    reader.new_sky = false;
+    reader.new_sky = reader.new_used = false;
 }
 
 bool is_of_next(const GnssReader& reader, const SentenceRow& row, const std::string& key,
                 std::string_view time) {
     const bool repeats =
         comes_once(row.type) && std::find(reader.keys.begin(), reader.keys.end(), key) != reader.keys.end();
-    const bool other_time = !time.empty() && !reader.time.empty() && time != reader.time;
+    const bool other_time = !time.empty() && !reader.time.empty() && time != reader.time &&
+                            utc_time(time) != utc_time(reader.time);
     return repeats || other_time || reader.keys.size() >= kKeysMax;
 }
 

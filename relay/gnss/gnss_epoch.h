@@ -40,11 +40,12 @@ struct GnssEpoch {
     std::optional<double> latitude, longitude;  // degrees, south and west negative
     std::optional<double> altitude, separation; // metres above the sea; of the geoid above the ellipsoid
     std::optional<double> speed, course;        // metres a second; degrees
-    std::optional<double> pdop, hdop, vdop;
-    std::optional<GnssErrors> errors;      // GST came
-    std::vector<GnssSatellite> satellites; // the latest view of the sky
-    bool has_view = false;                 // it came with this epoch, or behind what ended the one before
-    bool has_sky = false;                  // it or the DOPs are of this epoch
+    std::optional<double> pdop, hdop, vdop;     // the latest
+    std::vector<GnssSatellite> satellites;      // the latest view of the sky, and which the latest GSA named
+    // Of these came with the epoch, or behind what ended the one before:
+    std::optional<GnssErrors> errors; // GST
+    bool has_view = false;            // the view
+    bool has_sky = false;             // the view or the DOPs
 };
 
 // State of the reading; starts empty.
@@ -59,6 +60,7 @@ struct GnssReader {
     std::optional<int> gsa_mode;
     std::vector<GnssSatellite> used; // by GSA
     bool new_sky = false;            // a GSV of this epoch has come
+    bool new_used = false;           // a GSA has
 };
 
 // Takes the text of a sentence, line end included or not. Gives `tell` each epoch that is over with it: none

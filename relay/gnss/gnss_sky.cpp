@@ -114,6 +114,10 @@ void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
     }
     const GnssSystem system =
         system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0), *of_talker);
+    if (!reader.new_used) {
+        reader.used.clear();
+        reader.new_used = true;
+    }
     for (size_t i = kGsaFirst; i < kGsaEnd; ++i) {
         const auto satellite = satellite_of(system, sentence_count(sentence.fields[i]).value_or(0));
         if (satellite && reader.used.size() < kSatellitesMax) {

@@ -29,6 +29,16 @@ struct RelayGnss : testing::Test {
     std::vector<GnssEpoch> told;
 };
 
+// Each with its number among all, its system, its number there, and whether it is used.
+std::string satellites_of(const GnssEpoch& epoch) {
+    std::string text;
+    for (const GnssSatellite& one : epoch.satellites) {
+        text += std::to_string(gnss_sky_prn(one)) + "/" + std::to_string(static_cast<int>(one.system)) + "/" +
+                std::to_string(one.number) + (one.used ? "+" : "-") + " ";
+    }
+    return text;
+}
+
 TEST_F(RelayGnss, TheFirstEpochIsToldWithTheNextAndLaterOnesWithTheirLastSentence) {
     take_epoch("120000.00");
     EXPECT_EQ(told.size(), 0U);
@@ -83,14 +93,51 @@ TEST_F(RelayGnss, AViewBehindTheLastSentenceOfItsEpochIsToldWithTheNextOne) {
     EXPECT_FALSE(told[4].has_view);
 }
 
-// Each with its number among all, its system, its number there, and whether it is used.
-std::string satellites_of(const GnssEpoch& epoch) {
-    std::string text;
-    for (const GnssSatellite& one : epoch.satellites) {
-        text += std::to_string(gnss_sky_prn(one)) + "/" + std::to_string(static_cast<int>(one.system)) + "/" +
-                std::to_string(one.number) + (one.used ? "+" : "-") + " ";
+TEST_F(RelayGnss, WhatComesMoreSeldomThanTheEpochsCountsUntilItComesAgain) {
+    const auto take_short = [this](const std::string& time) {
+        take("$GNRMC," + time + ",A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+        take("$GNGGA," + time + ",4807.038,N,01131.000,E,1,08,0.9,61.7,M,46.9,M,,");
+    };
+    take_short("120000.00");
+    take_short("120000.10");
+    take_short("120000.20");
+    take("$GNGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1,1");
+    take("$GNGSA,A,3,66,,,,,,,,,,,,2.5,1.3,2.1,2");
+    take("$GPGSV,1,1,02,04,40,083,46,12,07,344,39,1");
+    take("$GNGST,120000.20,1.0,2.0,3.0,45.0,4.0,5.0,6.0");
+    take_short("120000.30");
+    take_short("120000.40");
+    ASSERT_EQ(told.size(), 5U);
+    EXPECT_FALSE(told[2].has_sky || told[2].errors);
+    EXPECT_TRUE(told[3].has_sky && told[3].has_view && told[3].errors);
+    EXPECT_FALSE(told[4].has_sky || told[4].has_view || told[4].errors);
+    for (const size_t i : {3U, 4U}) {
+        EXPECT_EQ(satellites_of(told[i]), "4/0/4+ 12/0/12- ");
+        EXPECT_EQ(told[i].hdop, 1.3);
     }
-    return text;
+    take("$GNGSA,A,3,12,,,,,,,,,,,,2.5,1.4,2.1,1");
+    take_short("120000.50");
+    take_short("120000.60");
+    EXPECT_EQ(satellites_of(told.back()), "4/0/4- 12/0/12+ ");
+    EXPECT_EQ(told.back().hdop, 1.4);
+}
+
+TEST_F(RelayGnss, ATimeIsTheSameWithMoreOrFewerDigits) {
+    for (const std::string time : {"120000", "120001"}) {
+        take("$GNRMC," + time + ".00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+        take("$GNGGA," + time + ".000,4807.038,N,01131.000,E,1,08,0.9,61.7,M,46.9,M,,");
+        take("$GNZDA," + time + ",23,03,2094,00,00");
+    }
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_TRUE(told[1].speed && told[1].altitude);
+}
+
+TEST_F(RelayGnss, ACourseIsLessThan360Degrees) {
+    take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,360.0,230394,,,A,V");
+    take("$GNRMC,120001.00,A,4807.038,N,01131.000,E,10.0,359.9,230394,,,A,V");
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[0].course, 0);
+    EXPECT_EQ(told[1].course, 359.9);
 }
 
 TEST_F(RelayGnss, SatellitesAreNumberedAsGpsdNumbersThem) {
