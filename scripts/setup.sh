@@ -4,10 +4,10 @@ set -euo pipefail
 
 usage() {
     cat <<EOT
-usage: scripts/setup.sh [--all]
-  --all   also what only some tests use, which are skipped without: containers and packaging, programs that the relay works with, a
-          terminal in a terminal. Services that come with these are neither started nor enabled, and a program that keeps this machine's
-          time is not replaced.
+usage: scripts/setup.sh [--peers|--all]
+  --peers   also programs of others that tavor works with, as its tests show, which are skipped without. Services that come with these
+            are neither started nor enabled, and a program that keeps this machine's time is not replaced.
+  --all     these, and what containers and packaging take, which only some tests use
 Runs apt-get as root or with sudo. Exit codes: 0 all is there, 1 or more not.
 EOT
 }
@@ -19,12 +19,15 @@ packages=(
     libgtest-dev libbenchmark-dev zlib1g-dev
     clang-format clang-tidy patch mandoc bash-completion
 )
-optional=(
-    build-essential debootstrap systemd-container debhelper dpkg-dev lintian
-    gpsd gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients
-    tmux
+peers=(
+    gpsd gpsd-clients python3-gps libgps-dev chrony mosquitto mosquitto-clients prometheus
+    tmux zsh libxml2-utils
 )
-services=(chrony mosquitto gpsd) # of those that bring one
+containers=(build-essential debootstrap systemd-container debhelper dpkg-dev lintian)
+programs=(cmake ninja clang-format clang-tidy) # of all these packages, where they have other names
+peer_programs=(gpsd cgps chronyd mosquitto prometheus tmux zsh xmllint)
+container_programs=(debootstrap systemd-nspawn dpkg-buildpackage dh lintian)
+services=(chrony mosquitto gpsd prometheus) # of those that bring one
 policy=/usr/sbin/policy-rc.d
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install ok installed$'; }
@@ -32,8 +35,8 @@ installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q '^install 
 # Without Debian's packages: the tools, and what CMake looks for, under whatever names they came.
 verify() {
     local tool tree status=0
-    for tool in cmake ninja clang-format clang-tidy; do
-        if ! command -v "$tool" >/dev/null 2>&1; then
+    for tool in "${programs[@]}"; do
+        if ! PATH=$PATH:/usr/sbin command -v "$tool" >/dev/null 2>&1; then
             echo "setup: $tool is missing" >&2
             status=1
         fi
@@ -69,7 +72,14 @@ disable_services() {
 
 case "${1:-}" in
 "") ;;
---all) packages+=("${optional[@]}") ;;
+--peers)
+    packages+=("${peers[@]}")
+    programs+=("${peer_programs[@]}")
+    ;;
+--all)
+    packages+=("${peers[@]}" "${containers[@]}")
+    programs+=("${peer_programs[@]}" "${container_programs[@]}")
+    ;;
 -h | --help) usage && exit 0 ;;
 *) usage >&2 && exit 2 ;;
 esac
@@ -86,7 +96,10 @@ fi
 
 missing=()
 for package in "${packages[@]}"; do
-    [ "$package" != chrony ] || ! keeps_time || continue
+    if [ "$package" = chrony ] && keeps_time; then
+        echo "setup: chrony is left out: another program keeps this machine's time"
+        continue
+    fi
     installed "$package" || missing+=("$package")
 done
 if [ ${#missing[@]} -eq 0 ]; then
