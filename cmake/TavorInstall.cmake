@@ -22,7 +22,8 @@ if(TARGET tavor-relay)
     install(FILES packaging/tavor-relay.service packaging/tavor-relay.socket DESTINATION lib/systemd/system COMPONENT relay)
     install(FILES packaging/tavor-relay.sysusers DESTINATION lib/sysusers.d RENAME tavor-relay.conf COMPONENT relay)
     install(FILES docs/tavor-relay.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT relay)
-    install(FILES packaging/relay.conf DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT relay)
+    install(FILES packaging/relay.conf docs/examples/prometheus.yml docs/examples/prometheus-alerts.yml
+        DESTINATION "${CMAKE_INSTALL_DOCDIR}/examples" COMPONENT relay)
 endif()
 
 # Completion for the shells. Debian keeps that of zsh in share/zsh/vendor-completions.
