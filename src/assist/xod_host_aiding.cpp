@@ -112,19 +112,17 @@ void format_command(int32_t constellation, const uint8_t* record, char* text) {
              w[17]);
 }
 
-// Each request takes about a second, and a chip may queue many of them: they end early while a stop is
-// announced.
-bool gives_way(bool pending = stop_request_pending()) {
-    if (pending) {
-        puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
-    }
-    return pending;
+void log_giving_way() {
+    puts("[LOCSERV] WRN: [XOD] host aiding gives way to a stop");
 }
 
+// Each request takes about a second, and a chip may queue many of them: they end early while a stop is
+// announced.
 void xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
     uint8_t record[kRecordSize];
     for (uint32_t i = 0; i < n; ++i) {
-        if (gives_way()) {
+        if (stop_request_pending()) {
+            log_giving_way();
             return;
         }
         if (fread(record, sizeof record, 1, file) != 1) {
@@ -276,7 +274,8 @@ uint32_t xod_host_aiding_sv_id(int32_t constellation, const uint8_t* record) {
 }
 
 int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds) {
-    if (gives_way() || gives_way(!xod_download_lock_unless_stopped())) {
+    if (stop_request_pending() || !xod_download_lock_unless_stopped()) {
+        log_giving_way();
         return 0;
     }
     const int32_t result = xod_host_aiding_xod(constellation, week, tow_seconds);
