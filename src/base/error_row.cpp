@@ -9,8 +9,7 @@ constexpr int64_t kPauseMs = 1000;
 } // namespace
 
 bool error_row_tell(ErrorRow* row, int64_t now_ms, uint32_t* left_out) {
-    const int64_t since = now_ms - row->told_ms;
-    if (row->failing && since >= 0 && since < kPauseMs) {
+    if (row->failing && now_ms - row->told_ms < kPauseMs) {
         ++row->left_out;
         return false;
     }

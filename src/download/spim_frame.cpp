@@ -109,7 +109,7 @@ bool spim_exchange(SpimCall call, spim_transfer transfer) {
     const bool moved = spim_transfer_full(&transfer) == 0;
     if (moved) {
         left_out = error_row_end(row);
-    } else if (error_row_tell(row, tool_time_now_ms(), &left_out) && left_out == 0) {
+    } else if (error_row_tell(row, tool_time_passed_ms(), &left_out) && left_out == 0) {
         tool_log_error("%s\n", kFailed[call]);
     }
     log_left_out(call, left_out);

@@ -26,11 +26,3 @@ TEST(ErrorRow, ASuccessEndsIt) {
     EXPECT_TRUE(error_row_tell(&row, 7, &left_out));
     EXPECT_EQ(left_out, 0U);
 }
-
-TEST(ErrorRow, AClockThatIsSetBackTells) {
-    ErrorRow row;
-    uint32_t left_out = 0;
-    error_row_tell(&row, 50'000, &left_out);
-    EXPECT_TRUE(error_row_tell(&row, 49'999, &left_out));
-    EXPECT_FALSE(error_row_tell(&row, 50'000, &left_out));
-}
