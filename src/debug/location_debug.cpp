@@ -1,6 +1,5 @@
 #include "debug/location_debug.h"
 
-#include "base/cancel_hold.h"
 #include "config/location_config.h"
 #include "debug/location_debug_clients.h"
 #include "debug/location_debug_log.h"
@@ -137,14 +136,8 @@ void close_threaded_outlet(uint32_t mode) {
     }
 }
 
-void tell_loss_begins() {
-    const CancelHold hold;
-    puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
-}
-
 void tell_loss_ended() {
     if (const uint32_t blocks = state.dropped.exchange(0); blocks != 0) {
-        const CancelHold hold;
         printf("[LOCSERV] INF: [debug]location_debug_handle, %u blocks dropped\n", blocks);
     }
 }
@@ -168,7 +161,7 @@ void hand_over(const uint8_t* data, uint32_t length) {
     if (location_debug_queue_send(std::move(block))) {
         tell_loss_ended();
     } else if (state.dropped++ == 0) {
-        tell_loss_begins();
+        puts("[LOCSERV] ERR: [debug]location_debug_handle, send Fail!");
     }
 }
 
