@@ -74,6 +74,7 @@ bool describe(const DownloadItem& item, Download* download) {
                   server.host, download->name, server.vendor, server.project, server.device_id) >= 0;
 }
 
+// A stuck name resolution is not waited for (CURLOPT_QUICK_EXIT).
 bool set_limits(const XodCurl& curl, CURL* handle) {
     return curl.easy_setopt(handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK &&
@@ -82,8 +83,7 @@ bool set_limits(const XodCurl& curl, CURL* handle) {
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kStallBytesPerSecond) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, kStallSeconds) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_TIMEOUT, kTransferSeconds) == CURLE_OK &&
-           curl.easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L) ==
-               CURLE_OK && // does not wait for a stuck name resolution
+           curl.easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L) == CURLE_OK &&
            curl.easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, kLargestFile) == CURLE_OK;
 }
 

@@ -18,8 +18,8 @@ struct SerialPortConfig {
 struct SpiPortConfig {
     char path[kConfigTextSize];
     int32_t frequency; // Hz
-    int32_t bit_order;
-    int32_t cpha;
+    int32_t bit_order; // 0: least significant bit first
+    int32_t cpha;      // clock phase and polarity, each 0 or 1
     int32_t cpol;
 };
 
@@ -47,7 +47,7 @@ void location_config_get_num(int32_t* dst, int32_t default_value, const char* ke
 void location_config_get_debug_port(SerialPortConfig* config);
 void location_config_get_debug_socket(DebugSocketConfig* config);
 void location_config_get_spi(SpiPortConfig* config);
-void location_config_get_power_gpio(int32_t* gpio);
+void location_config_get_power_gpio(int32_t* gpio); // its number in sysfs
 void location_config_get_nmea_path(char* path);
 void location_config_get_log_path(char* path);
 void location_config_get_da_path(char* path);

@@ -46,6 +46,7 @@ inline constexpr int32_t kGpioNotConfigured = 999999;
 // Kept: a missing text is one blank, which no device and no server accepts.
 inline constexpr char kNotConfigured[] = " ";
 
+// The row of a setting (below CONFIG_KEY_COUNT).
 const ConfigKey& location_config_key(location_config_id id);
 
 #endif

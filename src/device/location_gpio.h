@@ -1,4 +1,5 @@
-// GPIO lines through sysfs, and the chip's power switch and reset line.
+// GPIO lines through sysfs, and the chip's power switch and reset line. A pin is the number of a line there;
+// its node is the directory /sys/class/gpio/gpio<number>.
 #ifndef TAVOR_LOCATION_GPIO_H
 #define TAVOR_LOCATION_GPIO_H
 

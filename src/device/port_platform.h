@@ -43,9 +43,11 @@ int32_t port_platform_bus_deinit(uint32_t bus_type, int32_t fd);
 // EMSGSIZE for a transaction that is too long.
 int32_t port_platform_bus_transfer(uint32_t bus_type, int32_t fd, const port_platform_transfer* transfer);
 
+// As malloc and free.
 void* port_platform_malloc(size_t size);
 void port_platform_free(void* memory);
 
+// Sleep; a signal ends the sleep early.
 void port_platform_delay_us(uint32_t us);
 void port_platform_delay_ms(uint32_t ms); // at most 4294967
 // Sleeps the whole time, also across signals.
@@ -61,14 +63,14 @@ void port_platform_destroy_samphore(port_platform_semaphore* semaphore);
 
 // A mutex that is not recursive, or null.
 port_platform_mutex port_platform_create_mutex();
-// Returns 0, -1 for a null handle.
+// Unlocks. Returns 0, -1 for a null handle.
 int32_t port_platform_give_mutex(port_platform_mutex mutex);
 // Frees the mutex and sets the handle to null.
 void port_platform_destroy_mutex(port_platform_mutex* mutex);
 
 // The rest completes the interface; the daemon does not call it.
 
-// Waits without limit, no cancellation point. Returns 0, -1 for a null handle.
+// Locks: waits without limit, no cancellation point. Returns 0, -1 for a null handle.
 int32_t port_platform_take_mutex(port_platform_mutex mutex);
 // Adds one. Returns 0, -1 for a null handle.
 int32_t port_platform_give_semaphore(port_platform_semaphore semaphore);

@@ -304,8 +304,8 @@ bool hdl_brom_read_uid(uint8_t* uid) {
     memcpy(uid, response + 1, kBromUidSize);
     const uint8_t* end = response + 1 + kBromUidSize;
     const auto status = static_cast<uint16_t>(end[0] << 8U | end[1]);
-    if (status <=
-        kFirstErrorStatus) { // Kept: a good status is logged as an error, and none fails the exchange
+    // Kept: a good status is logged as an error, and none fails the exchange.
+    if (status <= kFirstErrorStatus) {
         tool_log_error("BRom_1Bytes_req_19Bytes_rsp, result = fail, error_code = 0x%X, error_message = "
                        "response error code\n",
                        status);

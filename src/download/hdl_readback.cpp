@@ -161,8 +161,8 @@ bool hdl_read_otp_kite(const char* path, uint32_t address, uint32_t length) {
     if (!request_data(request, command, &response) || !append_otp(path, response, length)) {
         return false;
     }
-    tool_log_info("hdl_readback_kite res done: addr=0x%X\n",
-                  address); // Kept: the same text as the readback's
+    // Kept: the same text as the readback's.
+    tool_log_info("hdl_readback_kite res done: addr=0x%X\n", address);
     return true;
 }
 

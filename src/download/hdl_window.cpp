@@ -28,7 +28,8 @@ bool send_with_attempts(const KiteCommand& command) {
     return false;
 }
 
-// Reads from offset on; what the file does not hold is left. Returns success.
+// Reads a block from offset on, of which it leaves what the file does not hold, and closes the file. Returns
+// success.
 bool read_at(FILE* file, uint32_t offset, uint8_t* data, const char* name) {
     if (fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0) {
         tool_file_close(file, name);

@@ -14,7 +14,8 @@ int32_t host_mux_i2c_master_init(const host_mux_i2c_port_config* config);
 // Closes the bus and gives the mutex back. Returns 0 or 1.
 int32_t host_mux_i2c_master_deinit(uint32_t bus);
 
-// Move up to *length bytes; *length becomes the bytes moved. Return 0, or 1 when a step failed six times.
+// Move up to *length bytes; *length becomes the bytes moved. Return 0, or 1 when a step failed six times, or
+// once while a stop is announced.
 int32_t mux_i2c_master_demo_receive(uint32_t bus, uint8_t* buffer, uint32_t* length);
 int32_t mux_i2c_master_demo_send(uint32_t bus, const uint8_t* data, uint32_t* length);
 
