@@ -90,11 +90,11 @@ struct Window {
     const Rules& rules;
     FlashBlock* blocks;
     uint32_t count;
-    const ImageEntry* image; // null for an erase
-    uint64_t image_size;     // when its first block was read
+    const ImageEntry* image = nullptr; // null for an erase
+    uint64_t image_size = 0;           // when its first block was read
     int64_t limit_ms;
-    HdlWait start; // of the first pass
-    bool resending;
+    HdlWait start = {}; // of the first pass
+    bool resending = false;
 };
 
 enum class Outcome { kDone, kEnded, kUsedUp };
@@ -257,13 +257,17 @@ bool download_send_single_block(uint32_t address, const ImageEntry* image) {
 }
 
 bool format_sliding_window_flow(FormatBlock* blocks, uint32_t count) {
-    Window window = {kFormatRules, blocks, count, nullptr, 0, kFormatLimitMs, {}, false};
+    Window window = {.rules = kFormatRules, .blocks = blocks, .count = count, .limit_ms = kFormatLimitMs};
     return run(&window);
 }
 
 bool download_sliding_window_flow(DownloadBlock* blocks, uint32_t count, const ImageEntry* image,
                                   uint64_t size) {
-    const int64_t limit_ms = count * kDownloadBlockLimitMs;
-    Window window = {kDownloadRules, blocks, count, image, size, limit_ms, {}, false};
+    Window window = {.rules = kDownloadRules,
+                     .blocks = blocks,
+                     .count = count,
+                     .image = image,
+                     .image_size = size,
+                     .limit_ms = count * kDownloadBlockLimitMs};
     return run(&window);
 }
