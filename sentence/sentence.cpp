@@ -29,10 +29,6 @@ bool ends_field(char byte) {
     return byte == ',' || byte == '*' || byte == '\r' || byte == '\n';
 }
 
-bool is_digit(char byte) {
-    return byte >= '0' && byte <= '9';
-}
-
 bool is_negative(std::string_view text) {
     return !text.empty() && text[0] == '-'; // also of a zero
 }
@@ -106,9 +102,11 @@ std::optional<double> sentence_number(std::string_view text) {
 }
 
 std::optional<int> sentence_count(std::string_view text) {
-    const bool digits = std::all_of(text.begin(), text.end(), is_digit);
-    const auto value = digits ? sentence_number(text) : std::nullopt;
-    return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
+    int value = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    const bool good = result.ec == std::errc() && result.ptr == end && value <= kNumberMax;
+    return good && !is_negative(text) ? std::optional(value) : std::nullopt;
 }
 
 std::optional<int> sentence_quality(std::string_view modes) {

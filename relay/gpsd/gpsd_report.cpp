@@ -10,26 +10,29 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// Members in their order, each put once: the library's [] would look through those before it for the name.
+using Members = Json::object_t;
+
 constexpr int kProtocolMajor = 3;
 constexpr int kProtocolMinor = 14;
-constexpr int kFlagsGps = 1; // of a device: it sends fixes
-constexpr int kAngleDecimals = 9;
-constexpr int kDecimals = 4;
+constexpr int kFlagsGps = 1;        // of a device: it sends fixes
+constexpr double kAngleScale = 1e9; // nine decimals
+constexpr double kScale = 1e4;
+constexpr size_t kMembersMax = 16; // of a report: it grows without being copied
 
 std::string line(const Json& report) {
     return report.dump(-1, ' ', true, Json::error_handler_t::replace) + "\r\n";
 }
 
-void put(Json& report, const char* name, const std::optional<double>& value, int decimals = kDecimals) {
+void put(Members& report, const char* name, const std::optional<double>& value, double scale = kScale) {
     if (value) {
-        const double scale = std::pow(10.0, decimals);
-        report[name] = std::round(*value * scale) / scale;
+        report.emplace_back(name, std::round(*value * scale) / scale);
     }
 }
 
-void put_time(Json& report, const GnssEpoch& epoch) {
+void put_time(Members& report, const GnssEpoch& epoch) {
     if (epoch.time) {
-        report["time"] = utc_iso(*epoch.time);
+        report.emplace_back("time", utc_iso(*epoch.time));
     }
 }
 
@@ -59,23 +62,32 @@ std::optional<int> status_of(const GnssEpoch& epoch) {
     }
 }
 
-Json report_of(const char* name) {
-    return {{"class", name}, {"device", kGpsdDevice}};
+Members members() {
+    Members made;
+    made.reserve(kMembersMax);
+    return made;
+}
+
+Members report_of(const char* name) {
+    Members report = members();
+    report.emplace_back("class", name);
+    report.emplace_back("device", kGpsdDevice);
+    return report;
 }
 
 Json tpv(const GnssEpoch& epoch) {
-    Json report = report_of("TPV");
+    Members report = report_of("TPV");
     const bool fix = has_fix(epoch);
     if (const auto status = status_of(epoch); fix && status) {
-        report["status"] = *status;
+        report.emplace_back("status", *status);
     }
-    report["mode"] = static_cast<int>(epoch.mode);
+    report.emplace_back("mode", static_cast<int>(epoch.mode));
     if (!fix) {
         return report;
     }
     put_time(report, epoch);
-    put(report, "lat", epoch.latitude, kAngleDecimals);
-    put(report, "lon", epoch.longitude, kAngleDecimals);
+    put(report, "lat", epoch.latitude, kAngleScale);
+    put(report, "lon", epoch.longitude, kAngleScale);
     if (epoch.altitude && epoch.separation) {
         put(report, "altHAE", *epoch.altitude + *epoch.separation);
     }
@@ -88,34 +100,41 @@ Json tpv(const GnssEpoch& epoch) {
 }
 
 Json satellite(const GnssSatellite& one) {
-    Json report = {{"PRN", gnss_sky_prn(one)}};
+    Members report = members();
+    report.emplace_back("PRN", gnss_sky_prn(one));
     put(report, "el", one.elevation);
     put(report, "az", one.azimuth);
-    report["ss"] = one.strength.value_or(0);
-    report["used"] = one.used;
-    report["gnssid"] = static_cast<int>(one.system);
-    report["svid"] = one.number;
+    report.emplace_back("ss", one.strength.value_or(0));
+    report.emplace_back("used", one.used);
+    report.emplace_back("gnssid", static_cast<int>(one.system));
+    report.emplace_back("svid", one.number);
     return report;
 }
 
+Json satellites(const GnssEpoch& epoch) {
+    Json::array_t all;
+    all.reserve(epoch.satellites.size());
+    for (const GnssSatellite& one : epoch.satellites) {
+        all.push_back(satellite(one));
+    }
+    return all;
+}
+
 Json sky(const GnssEpoch& epoch) {
-    Json report = report_of("SKY");
+    Members report = report_of("SKY");
     put_time(report, epoch);
     put(report, "vdop", epoch.vdop);
     put(report, "hdop", epoch.hdop);
     put(report, "pdop", epoch.pdop);
-    report["nSat"] = epoch.satellites.size();
-    report["uSat"] = std::count_if(epoch.satellites.begin(), epoch.satellites.end(),
-                                   [](const GnssSatellite& one) { return one.used; });
-    Json& all = report["satellites"] = Json::array();
-    for (const GnssSatellite& one : epoch.satellites) {
-        all.push_back(satellite(one));
-    }
+    report.emplace_back("nSat", epoch.satellites.size());
+    report.emplace_back("uSat", std::count_if(epoch.satellites.begin(), epoch.satellites.end(),
+                                              [](const GnssSatellite& one) { return one.used; }));
+    report.emplace_back("satellites", satellites(epoch));
     return report;
 }
 
 Json gst(const GnssEpoch& epoch) {
-    Json report = report_of("GST");
+    Members report = report_of("GST");
     put_time(report, epoch);
     put(report, "rms", epoch.errors->rms);
     put(report, "major", epoch.errors->major);

@@ -55,13 +55,13 @@ void count(HubKind kind) {
 }
 
 void hand_out_one() {
-    const HubItem item = state.items.front();
-    state.items.pop_front();
+    const HubItem& item = state.items.front(); // only what has come is put in, by no output
     for (const auto* outputs : {&state.outputs, &state.behind}) {
         for (const HubOutput& output : *outputs) {
             output(item);
         }
     }
+    state.items.pop_front();
 }
 
 void on_hand_out(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
