@@ -9,10 +9,12 @@
 namespace {
 
 constexpr int kFreshS = 10;
+constexpr std::chrono::seconds kSilence{10}; // what was heard before is of another time
 
 struct GnssState {
     std::chrono::milliseconds second{1000};
     GnssReader reader;
+    BootClock::time_point heard; // the latest sentence
     GnssEpoch latest;
     BootClock::time_point told; // the latest; it is old behind a suspend
     std::vector<GnssOutput> outputs;
@@ -28,6 +30,15 @@ void tell(void* /*unused*/, const GnssEpoch& epoch) {
     }
 }
 
+void take(std::string_view sentence) {
+    const auto now = BootClock::now();
+    if (now - state.heard > kSilence) {
+        gnss_reader_forget(state.reader);
+    }
+    state.heard = now;
+    gnss_reader_take(state.reader, sentence, tell, nullptr);
+}
+
 } // namespace
 
 void gnss_open(std::chrono::milliseconds second) {
@@ -35,7 +46,7 @@ void gnss_open(std::chrono::milliseconds second) {
     state.second = second;
     hub_take_behind([](const HubItem& item) {
         if (item.kind == HubKind::kSentence) {
-            gnss_reader_take(state.reader, hub_text(item), tell, nullptr);
+            take(hub_text(item));
         }
     });
 }

@@ -1,4 +1,5 @@
-// Fix and sky for the outputs: one epoch at a time, as soon as all outputs have its last sentence.
+// Fix and sky for the outputs: one epoch at a time, as soon as all outputs have its last sentence. Behind 10
+// seconds without a sentence, nothing of what was heard before them is told.
 #ifndef TAVOR_RELAY_GNSS_H
 #define TAVOR_RELAY_GNSS_H
 

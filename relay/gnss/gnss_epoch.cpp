@@ -209,3 +209,9 @@ void gnss_reader_take(GnssReader& reader, std::string_view text,
         finish(reader, tell, to);
     }
 }
+
+void gnss_reader_forget(GnssReader& reader) {
+    GnssReader next;
+    next.last_key = reader.keys.empty() ? reader.last_key : reader.keys.back();
+    reader = std::move(next);
+}

@@ -68,4 +68,7 @@ struct GnssReader {
 void gnss_reader_take(GnssReader& reader, std::string_view text,
                       void (*tell)(void* to, const GnssEpoch& epoch), void* to);
 
+// Tells nothing of what has come so far: all that stays is which sentence ends an epoch.
+void gnss_reader_forget(GnssReader& reader);
+
 #endif

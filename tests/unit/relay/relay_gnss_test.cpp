@@ -122,6 +122,20 @@ TEST_F(RelayGnss, WhatComesMoreSeldomThanTheEpochsCountsUntilItComesAgain) {
     EXPECT_EQ(told.back().hdop, 1.4);
 }
 
+TEST_F(RelayGnss, WhatIsForgottenIsNotToldAndTheNextEpochEndsWhereTheLastOneDid) {
+    take_epoch("120000.00");
+    gnss_reader_forget(reader);
+    take_epoch("120100.00");
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_EQ(utc_iso(*told[0].time), "2094-03-23T12:01:00.000Z");
+    gnss_reader_forget(reader);
+    take("$GNRMC,120200.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    take("$GNGST,120200.00,1.0,2.0,3.0,45.0,4.0,5.0,6.0");
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_TRUE(told[1].satellites.empty());
+    EXPECT_FALSE(told[1].hdop);
+}
+
 TEST_F(RelayGnss, ATimeIsTheSameWithMoreOrFewerDigits) {
     for (const std::string time : {"120000", "120001"}) {
         take("$GNRMC," + time + ".00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");

@@ -195,6 +195,17 @@ TEST_F(RelayMetrics, AgesGoOnWhileTheSystemSleeps) {
     EXPECT_LT(samples().at("tavor_relay_fix_age_seconds"), 60);
 }
 
+TEST_F(RelayMetrics, AnEpochThatASilenceHasCutIsNoFixOfThePresent) {
+    push(TAVOR_CODE_NMEA, kRmc);
+    push(TAVOR_CODE_NMEA, kGga);
+    slept_s = 11;
+    for (const char* time : {"151631", "151632"}) {
+        push(TAVOR_CODE_NMEA, "$GNRMC," + std::string(time) + ".00,V,,,,,,,211126,,,N,V*00\r\n");
+    }
+    ASSERT_TRUE(loop.until([] { return gnss_latest().mode == GnssMode::kNoFix; }));
+    EXPECT_TRUE(std::isnan(samples().at("tavor_relay_fix_age_seconds")));
+}
+
 TEST_F(RelayMetrics, EachCounterHasItsRow) {
     HubCounters& counters = hub_counters();
     const std::map<std::string, uint64_t*> rows = {
