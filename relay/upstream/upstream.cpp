@@ -110,7 +110,7 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime 
     }
 }
 
-// One request; the next one goes out behind its answer.
+// The request whose turn it is.
 void send_next() {
     const tavor_request* const request = state.connected ? upstream_requests_next() : nullptr;
     if (request == nullptr) {

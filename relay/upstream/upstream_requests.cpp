@@ -1,5 +1,6 @@
 #include "upstream/upstream_requests.h"
 
+#include <algorithm>
 #include <deque>
 #include <utility>
 #include <vector>
@@ -41,7 +42,8 @@ struct Waiting {
 
 struct RequestsState {
     std::deque<Waiting> waiting;
-    std::optional<Waiting> out;
+    std::optional<Waiting> out;  // any but a stop
+    std::optional<Waiting> stop; // that is out, maybe beside another one
     std::chrono::milliseconds second{1000};
 };
 
@@ -68,15 +70,43 @@ bool is_older(const Waiting& request, int limit_s) {
     return RelayClock::now() - request.since >= limit_s * state.second;
 }
 
-void expire_out() {
-    const int limit_s = state.out->row->limit_s;
-    if (!is_older(*state.out, limit_s)) {
+// Ends the request that is out.
+void end(std::optional<Waiting>& out, uint32_t value) {
+    if (out) {
+        Waiting done = std::move(*out);
+        out.reset();
+        tell(done, value);
+    }
+}
+
+void expire_out(std::optional<Waiting>& out) {
+    if (!out || !is_older(*out, out->row->limit_s)) {
         return;
     }
-    if (is_older(*state.out, 2 * limit_s)) {
-        return upstream_requests_lost();
+    if (is_older(*out, 2 * out->row->limit_s)) {
+        return end(out, TAVOR_VALUE_FAILED);
     }
-    tell(*state.out, TAVOR_VALUE_FAILED);
+    tell(*out, TAVOR_VALUE_FAILED);
+}
+
+bool is_answer(const std::optional<Waiting>& out, const tavor_response& datagram) {
+    const bool chip_sentence = datagram.code == TAVOR_CODE_CHIP && datagram.payload[0] != 0;
+    return out && out->row->code == datagram.code && !chip_sentence;
+}
+
+// The request whose turn it is; the end when it is nobody's.
+std::deque<Waiting>::iterator next_one() {
+    if (state.stop) {
+        return state.waiting.end();
+    }
+    if (!state.out) {
+        return state.waiting.begin();
+    }
+    const auto one = std::find_if(state.waiting.begin(), state.waiting.end(), [](const Waiting& waiting) {
+        return waiting.row->type == TAVOR_REQUEST_START || waiting.row->type == TAVOR_REQUEST_STOP;
+    });
+    const bool is_stop = one != state.waiting.end() && one->row->type == TAVOR_REQUEST_STOP;
+    return is_stop ? one : state.waiting.end();
 }
 
 } // namespace
@@ -93,7 +123,7 @@ std::optional<uint32_t> upstream_requests_code(uint32_t type) {
 
 bool upstream_requests_add(uint32_t type, std::string_view text, UpstreamAnswer answer) {
     const RequestRow* const row = row_of(type);
-    // Positioning lets one start wait at a time, for which there is always a place.
+    // As a rule one start waits at a time, for which there is always a place.
     const size_t limit = kWaitingMax + (type == TAVOR_REQUEST_START ? 1 : 0);
     if (row == nullptr || state.waiting.size() >= limit) {
         return false;
@@ -106,30 +136,30 @@ bool upstream_requests_add(uint32_t type, std::string_view text, UpstreamAnswer 
 }
 
 const tavor_request* upstream_requests_next() {
-    return state.out || state.waiting.empty() ? nullptr : &state.waiting.front().request;
+    const auto one = next_one();
+    return one == state.waiting.end() ? nullptr : &one->request;
 }
 
 void upstream_requests_sent() {
-    state.out = std::move(state.waiting.front());
-    state.waiting.pop_front();
-    state.out->since = RelayClock::now();
+    const auto one = next_one();
+    one->since = RelayClock::now();
+    (one->row->type == TAVOR_REQUEST_STOP ? state.stop : state.out) = std::move(*one);
+    state.waiting.erase(one);
 }
 
 bool upstream_requests_answered(const tavor_response& datagram) {
-    const bool chip_sentence = datagram.code == TAVOR_CODE_CHIP && datagram.payload[0] != 0;
-    if (!state.out || state.out->row->code != datagram.code || chip_sentence) {
-        return false;
+    for (std::optional<Waiting>* const out : {&state.out, &state.stop}) {
+        if (is_answer(*out, datagram)) {
+            end(*out, datagram.value);
+            return true;
+        }
     }
-    Waiting done = std::move(*state.out);
-    state.out.reset();
-    tell(done, datagram.value);
-    return true;
+    return false;
 }
 
 void upstream_requests_expire(bool connected) {
-    if (state.out) {
-        expire_out();
-    }
+    expire_out(state.out);
+    expire_out(state.stop);
     // Put away before they are told: an asker may ask again at once.
     std::vector<Waiting> late;
     for (auto one = state.waiting.begin(); one != state.waiting.end();) {
@@ -145,13 +175,10 @@ void upstream_requests_expire(bool connected) {
 }
 
 void upstream_requests_lost() {
-    if (state.out) {
-        Waiting lost = std::move(*state.out);
-        state.out.reset();
-        tell(lost, TAVOR_VALUE_FAILED);
-    }
+    end(state.out, TAVOR_VALUE_FAILED);
+    end(state.stop, TAVOR_VALUE_FAILED);
 }
 
 bool upstream_requests_busy() {
-    return state.out.has_value() || !state.waiting.empty();
+    return state.out || state.stop || !state.waiting.empty();
 }

@@ -1,5 +1,9 @@
 // The requests to the daemon: one is out at a time, so each answer has one asker.
 //
+// A stop does not wait for that: the daemon ends a command that hangs only for a stop that it knows of. It
+// goes out beside what is out, before what waits but behind a start, one stop at a time; the next request
+// follows its answer. No other request is answered with its code, so its answer is not taken for another.
+//
 // 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as
 // long as the limit of its kind; then it is answered with failure. The one that is out stays out for as long
 // again, or until its late answer comes: that must not be taken for the answer to the next one.
@@ -29,17 +33,17 @@ std::optional<uint32_t> upstream_requests_code(uint32_t type);
 // then.
 bool upstream_requests_add(uint32_t type, std::string_view text, UpstreamAnswer answer);
 
-// The request whose turn it is, null while one is out or when none waits. Once it is sent it is out.
+// The request whose turn it is, null when there is none. Once it is sent it is out.
 const tavor_request* upstream_requests_next();
 void upstream_requests_sent();
 
-// Takes a datagram of the daemon. True when it was the answer to the request that is out.
+// Takes a datagram of the daemon. True when it was the answer to a request that is out.
 bool upstream_requests_answered(const tavor_response& datagram);
 
 // Answers with failure what has waited too long. Without a daemon a request waits for two seconds only.
 void upstream_requests_expire(bool connected);
 
-// Answers the request that is out with failure: its daemon has ended.
+// Answers what is out with failure: its daemon has ended.
 void upstream_requests_lost();
 
 // Whether a request is out or waits.

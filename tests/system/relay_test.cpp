@@ -84,6 +84,24 @@ TEST_F(RelaySystem, ARestartedDaemonIsNoticedWithinTwoSecondsAndPositioningGoesO
     EXPECT_TRUE(watcher.receive_code(TAVOR_CODE_POSITION));
 }
 
+TEST_F(RelaySystem, AStopIsAnsweredSoonWhileACommandHangs) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    start();
+    const TestClient commander(socket);
+    ASSERT_EQ(commander.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    board.fault("silence", "on");
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_TRUE(commander.send(TAVOR_REQUEST_COMMAND, "353,1"));
+    }
+    const TestClient stopper(socket);
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(stopper.ask(TAVOR_REQUEST_STOP, TAVOR_CODE_STOP), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(3));
+    EXPECT_EQ(power(), "off\n");
+}
+
 TEST_F(RelaySystem, OnDemandTheChipIsOnWhileSomebodyWatches) {
     start({"--positioning", "demand", "--stop-delay", "0.2"});
     ASSERT_TRUE(wait_log("the daemon is there"));

@@ -101,6 +101,49 @@ TEST_F(RelayRequests, OneThatWaitsTooLongIsAnsweredWhileAnEarlierOneGoesOn) {
     EXPECT_EQ(download, kNone);
 }
 
+TEST_F(RelayRequests, AStopGoesOutBesideWhatHangsAndBeforeWhatWaits) {
+    int64_t command = kNone;
+    int64_t stop = kNone;
+    upstream_requests_add(TAVOR_REQUEST_COMMAND, "353,1", into(command));
+    upstream_requests_sent();
+    upstream_requests_add(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr);
+    upstream_requests_add(TAVOR_REQUEST_STOP, "", into(stop));
+    upstream_requests_add(TAVOR_REQUEST_STOP, "", nullptr);
+    ASSERT_NE(upstream_requests_next(), nullptr);
+    ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_STOP);
+    upstream_requests_sent();
+    EXPECT_EQ(upstream_requests_next(), nullptr); // one stop at a time
+
+    EXPECT_TRUE(answer(TAVOR_CODE_CHIP, TAVOR_VALUE_FAILED));
+    EXPECT_EQ(command, TAVOR_VALUE_FAILED);
+    EXPECT_EQ(upstream_requests_next(), nullptr); // behind the stop
+    EXPECT_TRUE(answer(TAVOR_CODE_STOP, 0));
+    EXPECT_EQ(stop, 0);
+    ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_SAVE_LOCATION);
+}
+
+TEST_F(RelayRequests, AStopStaysBehindTheStartInFrontOfIt) {
+    upstream_requests_add(TAVOR_REQUEST_COMMAND, "353,1", nullptr);
+    upstream_requests_sent();
+    upstream_requests_add(TAVOR_REQUEST_START, "", nullptr);
+    upstream_requests_add(TAVOR_REQUEST_STOP, "", nullptr);
+    EXPECT_EQ(upstream_requests_next(), nullptr);
+    EXPECT_TRUE(answer(TAVOR_CODE_CHIP, 0));
+    ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_START);
+    upstream_requests_sent();
+    ASSERT_NE(upstream_requests_next(), nullptr);
+    EXPECT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_STOP);
+}
+
+TEST_F(RelayRequests, AStopThatIsNotAnsweredFailsToo) {
+    int64_t stop = kNone;
+    upstream_requests_add(TAVOR_REQUEST_STOP, "", into(stop));
+    upstream_requests_sent();
+    upstream_requests_lost();
+    EXPECT_EQ(stop, TAVOR_VALUE_FAILED);
+    EXPECT_FALSE(upstream_requests_busy());
+}
+
 TEST_F(RelayRequests, WithoutADaemonTheyWaitForTwoSeconds) {
     int64_t result = kNone;
     const auto began = RelayClock::now();
