@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -13,17 +14,24 @@ constexpr int kSilenceS = 5;
 constexpr int kSilenceMaxS = 60;
 constexpr int kRetryS = 5; // after a start that failed
 
+using Askers = std::shared_ptr<std::vector<UpstreamAnswer>>;
+
+Askers no_askers() {
+    return std::make_shared<std::vector<UpstreamAnswer>>();
+}
+
 struct PositioningState {
     PositioningSettings settings;
     int wants = 0;
     bool on = false;
-    bool left_on = false;               // maybe, by a relay before: nobody of now has asked for it
-    bool held_off = false;              // by a stop for all
-    bool starting = false;              // a start waits or is out
-    int stopping = 0;                   // stops and downloads that wait or are out
-    std::vector<UpstreamAnswer> askers; // of the start that waits or is out
-    RelayClock::time_point tried;       // the latest start
-    int silence_s = kSilenceS;          // after which the output is taken back
+    bool left_on = false;         // maybe, by a relay before or a request that failed
+    bool held_off = false;        // by a stop for all
+    bool starting = false;        // a start waits or is out, behind all that ends positioning
+    int stopping = 0;             // stops and downloads that wait or are out
+    int downloads = 0;            // of these: downloads
+    Askers askers = no_askers();  // of the start that waits or is out, or of the one to come behind them
+    RelayClock::time_point tried; // the latest start
+    int silence_s = kSilenceS;    // after which the output is taken back
     EventPtr look;
     EventPtr delayed_stop;
 };
@@ -40,41 +48,63 @@ bool is_wanted() {
 
 void evaluate();
 
-void started(uint32_t value) {
-    state.starting = false;
-    state.on = value == 0 && state.stopping == 0;
-    state.left_on = state.left_on && !state.on;
+void started(const Askers& askers, uint32_t value) {
+    if (askers == state.askers) { // else it has been ended since
+        state.askers = no_askers();
+        state.starting = false;
+        state.on = value == 0;
+        state.left_on = state.left_on && !state.on;
+    }
     if (value != 0) {
         printf("tavor-relay: positioning could not be started\n");
     }
-    if (state.stopping > 0) {
-        return; // the askers wait for a start behind what stops it
-    }
-    for (const UpstreamAnswer& answer : std::exchange(state.askers, {})) {
+    for (const UpstreamAnswer& answer : *askers) {
         answer(value);
     }
     evaluate();
 }
 
+void send_start() {
+    state.starting = true;
+    state.tried = RelayClock::now();
+    upstream_request(TAVOR_REQUEST_START, "",
+                     [askers = state.askers](uint32_t value) { started(askers, value); });
+}
+
+// Waits for the end of what ends positioning: a download takes longer than a start may wait for its turn.
 void start() {
-    if (!state.starting) {
-        state.starting = true;
-        state.tried = RelayClock::now();
-        upstream_request(TAVOR_REQUEST_START, "", started);
+    if (!state.starting && state.stopping == 0) {
+        send_start();
     }
 }
 
-// Sends what ends positioning, a stop or a download. After a stop that failed it is taken to be on: it is
-// tried again as after a consumer that has left.
+// A start that was asked for in front of what ends positioning is answered in front of it.
+void leave_start_in_front() {
+    if (!state.starting && !state.askers->empty()) {
+        send_start();
+    }
+    if (state.starting) {
+        state.starting = false;
+        state.askers = no_askers();
+    }
+}
+
+// Sends what ends positioning, a stop or a download. After one that failed it may be on, after a stop it is
+// taken to be: it is tried again as after a consumer that has left.
 void end_by(uint32_t type, UpstreamAnswer answer) {
+    const int download = type == TAVOR_REQUEST_DOWNLOAD ? 1 : 0;
+    leave_start_in_front();
     ++state.stopping;
+    state.downloads += download;
     state.on = state.left_on = false;
-    upstream_request(type, "", [type, answer = std::move(answer)](uint32_t value) {
+    upstream_request(type, "", [download, answer = std::move(answer)](uint32_t value) {
         --state.stopping;
-        state.on = type == TAVOR_REQUEST_STOP && value != 0 && upstream_connected();
+        state.downloads -= download;
+        state.left_on = value != 0 && upstream_connected();
+        state.on = state.left_on && download == 0 && state.downloads == 0;
         state.tried = {};
         answer(value);
-        if (state.stopping == 0 && !state.askers.empty()) {
+        if (!state.askers->empty()) {
             start();
         }
         evaluate();
@@ -159,13 +189,13 @@ void positioning_start(UpstreamAnswer answer) {
     if (state.on) {
         return answer(0);
     }
-    state.askers.push_back(std::move(answer));
+    state.askers->push_back(std::move(answer));
     start();
 }
 
 void positioning_stop(bool for_all, UpstreamAnswer answer) {
     state.held_off = state.held_off || for_all;
-    if (is_wanted()) {
+    if (is_wanted() || (!for_all && state.downloads > 0)) {
         return answer(0);
     }
     end_by(TAVOR_REQUEST_STOP, std::move(answer));

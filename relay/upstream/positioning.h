@@ -27,8 +27,8 @@ void positioning_want(int change);
 // Asks that it be on; answered at once when it is.
 void positioning_start(UpstreamAnswer answer);
 
-// Asks that it be off. Unless it is for all, nothing is stopped while a consumer or the policy wants it, and
-// the answer is success. The asker is no consumer any more.
+// Asks that it be off. Unless it is for all, nothing is stopped while a consumer or the policy wants it, nor
+// a firmware download, and the answer is success. The asker is no consumer any more.
 void positioning_stop(bool for_all, UpstreamAnswer answer);
 
 // Asks for a firmware download, which stops positioning; it starts again afterwards when it should be on.

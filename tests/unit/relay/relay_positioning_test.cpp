@@ -219,6 +219,36 @@ TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
     EXPECT_TRUE(positioning_is_on());
 }
 
+TEST_F(RelayPositioning, AStartInFrontOfAStopIsAnsweredFirstAndNotRepeated) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.start_daemon();
+    loop.open(false, std::chrono::seconds(1000));
+    ASSERT_TRUE(loop.until(upstream_connected));
+    std::vector<std::string> told;
+    positioning_start([&](uint32_t /*unused*/) { told.emplace_back("start"); });
+    positioning_stop(true, [&](uint32_t /*unused*/) { told.emplace_back("stop"); });
+    ASSERT_TRUE(loop.until([&] { return told.size() == 2; }));
+    EXPECT_EQ(told, (std::vector<std::string>{"start", "stop"}));
+    loop.turn_for(5 * kShortSecond);
+    EXPECT_EQ(starts(), 1U);
+    EXPECT_FALSE(positioning_is_on());
+}
+
+TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.start_daemon();
+    loop.open(false, std::chrono::seconds(1000));
+    ASSERT_TRUE(loop.until(upstream_connected));
+    std::string told;
+    for (const char letter : {'a', 'b', 'c'}) {
+        positioning_stop(true, [&told, letter](uint32_t /*unused*/) { told += letter; });
+        positioning_start([&told, letter](uint32_t /*unused*/) { told += static_cast<char>(letter - 32); });
+    }
+    ASSERT_TRUE(loop.until([&] { return told.size() == 6; }));
+    EXPECT_EQ(told, "aAbBcC");
+    EXPECT_TRUE(positioning_is_on());
+}
+
 TEST_F(RelayPositioning, WhoComesWhileAStopIsOutNeedNotWait) {
     loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
     loop.start_daemon();
@@ -290,6 +320,39 @@ TEST_F(RelayPositioning, IsStartedAgainBehindADownload) {
     ASSERT_TRUE(loop.until(positioning_is_on));
     EXPECT_EQ(result, 0U);
     EXPECT_EQ(starts(), 2U);
+}
+
+TEST_F(RelayPositioning, AStopWithoutTheRightEndsNoDownload) {
+    loop.open(false);
+    loop.start_daemon();
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    positioning_download([](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    std::optional<uint32_t> stopped;
+    positioning_stop(false, [&](uint32_t value) { stopped = value; });
+    EXPECT_EQ(stopped, 0U);
+    loop.turn_for(5 * kShortSecond);
+    EXPECT_EQ(stops(), 0U);
+    positioning_stop(true, [](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+}
+
+TEST_F(RelayPositioning, ADownloadThatIsNotTakenLeavesTheStopToCome) {
+    loop.open(false, std::chrono::milliseconds(100));
+    loop.start_daemon();
+    positioning_want(+1);
+    ASSERT_TRUE(loop.until(positioning_is_on));
+    positioning_want(-1);
+    for (int i = 0; i < 256; ++i) {
+        upstream_request(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr);
+    }
+    std::optional<uint32_t> result;
+    positioning_download([&](uint32_t value) { result = value; });
+    ASSERT_TRUE(loop.until([&] { return result.has_value(); }));
+    EXPECT_EQ(*result, TAVOR_VALUE_FAILED);
+    EXPECT_EQ(loop.daemon->count(TAVOR_REQUEST_DOWNLOAD), 0U);
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
 }
 
 TEST_F(RelayPositioning, AStopThatFailedIsTriedAgain) {
