@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 
@@ -136,10 +137,16 @@ void append_row(std::string& text, const Row& row) {
     append_value(text, row.value());
 }
 
+// With U+FFFD for each byte that is no UTF-8: a Prometheus refuses a whole page that holds one.
+std::string as_utf8(const std::string& text) {
+    using Json = nlohmann::json;
+    return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace)).get<std::string>();
+}
+
 // Text of a label: a path may hold any byte.
-std::string escaped(std::string_view text) {
+std::string escaped(const std::string& text) {
     std::string out;
-    for (const char c : text) {
+    for (const char c : as_utf8(text)) {
         const bool special = c == '\\' || c == '"' || c == '\n';
         out += special ? "\\" : "";
         out += c == '\n' ? 'n' : c;

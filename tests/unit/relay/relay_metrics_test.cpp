@@ -256,6 +256,8 @@ TEST_F(RelayMetrics, APathOfAnyBytesIsALabel) {
     metrics_report_open("a\\b\"c\nd");
     const auto all = parse(metrics_report());
     EXPECT_EQ(all.count(R"(tavor_relay_daemon_info{socket="a\\b\"c\nd"})"), 1U);
+    metrics_report_open("\xc3\xa9\xff"); // Prometheus refuses a whole page for one byte that is no UTF-8
+    EXPECT_EQ(parse(metrics_report()).count("tavor_relay_daemon_info{socket=\"\xc3\xa9\xef\xbf\xbd\"}"), 1U);
 }
 
 TEST_F(RelayMetrics, AnswerOneGetWithItsLengthAndEnd) {
