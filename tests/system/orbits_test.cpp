@@ -18,6 +18,7 @@ constexpr char kNextTimer[] = "start next download timer:";
 constexpr char kRetryTimer[] = "start retry timer:";
 constexpr int kTypes[] = {0, 2, 3};
 constexpr int kSecondsPerDay = 86400;
+constexpr int kTransfersOfEmptyRead = 7; // on, ask, read the length, off, and the status behind three of them
 
 size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
@@ -205,6 +206,9 @@ TEST(Orbits, AStopIsAnsweredWhileTheHttpLibraryLoads) {
     const Assistance scene;
     unsetenv("LD_LIBRARY_PATH");
     ASSERT_EQ(scene.client.ask(TAVOR_REQUEST_START, TAVOR_CODE_START), 0);
+    // The interposer looks a function up at its first use, which waits while a library is loaded: the receive
+    // thread must have slept before that, as it has when it reads again.
+    ASSERT_TRUE(wait_until([&] { return scene.status().at("transfers") > kTransfersOfEmptyRead; }));
     scene.start_assistance();
     ASSERT_TRUE(scene.daemon.wait_log(kNextTimer));
     scene.advance(3);
