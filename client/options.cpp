@@ -4,6 +4,7 @@
 #include "client/connection.h"
 #include "client/exit_status.h"
 #include "client/print.h"
+#include "client/session.h"
 #include "client/words.h"
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -205,7 +207,8 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
         add_log(app, options);
         add_switch(app, "--check", options.check,
                    "Only look at list, agent and images; nothing is requested");
-        add_switch(app, "--force", options.force, "Request it without that look");
+        add_switch(app, "--force", options.force, "Request it without that look")
+            ->excludes(app.get_option("--check"));
         app.add_option("--flash", options.flash_text,
                        "Where the flash lies, for that look: 0x08000000+0x200000")
             ->type_name("BEGIN+SIZE")
@@ -245,6 +248,15 @@ std::string check_together(const CLI::App& app, const Options& options) {
         return "--json excludes what goes to standard output itself";
     }
     return "";
+}
+
+// Prints the help or the version that was asked for. Returns the status.
+int print_asked(const CLI::App& app, const CLI::ParseError& asked, const Options& options) {
+    std::ostringstream text;
+    app.exit(asked, text, text);
+    Session session{options, {}};
+    session_emit(session, text.str());
+    return session_output_status(session);
 }
 
 // ", but 'start' is" when a command is called almost like the word.
@@ -312,7 +324,7 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return app.exit(error);
+            return print_asked(app, error, options);
         }
         return usage_error(app, parse_problem(app, error), json);
     }

@@ -363,6 +363,22 @@ TEST(Watch, FullDiskIsToldAndNoFailureOfTheDaemon) {
     EXPECT_TRUE(tells(tool.err, "No space left on device"));
 }
 
+TEST(Tavorctl, HelpAndVersionThatCanNotBeWrittenAreNoSuccess) {
+    for (const char* arguments : {"--help", "--version", "watch --help"}) {
+        Tool tool({"/bin/sh", "-c", std::string("exec \"$0\" ") + arguments + " > /dev/full", TAVOR_CTL_PROGRAM});
+        EXPECT_EQ(tool.end(), 74) << arguments;
+        EXPECT_EQ(tool.err, "tavorctl: cannot write the output: No space left on device; free space or write "
+                            "elsewhere\n");
+    }
+}
+
+TEST(Tavorctl, HelpForAReaderThatIsGoneIsAnOrdinaryEnd) {
+    Tool tool({TAVOR_CTL_PROGRAM, "--help"});
+    tool.close_out();
+    EXPECT_EQ(tool.end(), 0) << tool.err;
+    EXPECT_EQ(tool.err, "");
+}
+
 TEST(Watch, ClosedStandardOutputNeverBecomesTheSocket) {
     Scene scene(answers(0));
     Tool tool(scene.line({"watch", "--count", "5"}), true);

@@ -132,6 +132,7 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         {"start", "--fix=3"},
         {"start", "--json=no"},
         {"position", "--max-age", "0"},
+        {"download", "--check", "--force"},
         {"debug"},
         {"debug", "udp"},
         {"send"},
