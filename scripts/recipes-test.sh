@@ -214,7 +214,7 @@ same "Yocto: the files that an administrator changes" $work/conffiles $work/conf
 grep -v '^tavor-dev ' $work/debian.list | cut -d ' ' -f 2 | sort >$work/device
 list_buildroot $work/buildroot BR2_INIT_SYSTEMD=y >$work/buildroot.list
 same "Buildroot with systemd: the files" $work/device $work/buildroot.list
-{ grep -v '/systemd/\|/sysusers\.d/\|/tmpfiles\.d/\|/tavor-service$\|/service\.env$' $work/device && echo /etc/init.d/S50tavor; } | sort >$work/device.sysv
+{ grep -v '/systemd/\|/sysusers\.d/\|/tmpfiles\.d/\|/service\.env$' $work/device && echo /etc/init.d/S50tavor; } | sort >$work/device.sysv
 list_buildroot $work/buildroot >$work/buildroot.sysv.list
 same "Buildroot without systemd: the files" $work/device.sysv $work/buildroot.sysv.list
 exit $status

@@ -39,12 +39,12 @@ syslog_lines() { journalctl --quiet --no-pager -o cat -t tavor | grep -c LOCSERV
 comes_again() {
     local before=$(daemon_pid)
     kill -KILL "$before"
-    wait_for 15 is_another daemon_pid "$before" && wait_for 15 answers
+    wait_for 15 is_another daemon_pid "$before"
 }
 # The one that the daemon writes to is gone: the next start gets another.
 logs_again() {
     local before=$(syslog_lines)
-    kill_logger && comes_again && wait_for 10 eval '[ "$(syslog_lines)" -gt '"$before"' ]'
+    kill_logger && comes_again && wait_for 15 answers && wait_for 10 eval '[ "$(syslog_lines)" -gt '"$before"' ]'
 }
 kill_logger() { kill $(pids_of "$logger"); }
 is_running() { [ "$(pids_of "$supervisor" "$logger" | wc -l)" = 2 ] && daemon_pid; }
@@ -53,6 +53,8 @@ status_is_3() {
     init_script status
     [ $? -eq 3 ]
 }
+# It takes neither the request of a stop nor the signal.
+stops_hanging() { answers && kill -STOP "$(daemon_pid)" && init_script stop; }
 leaves_nothing() { not ls $home/tavor_sun_path /run/tavor.pid /run/tavor.log; }
 
 initd() {
@@ -65,6 +67,8 @@ initd() {
     check "init script: a second start leaves the daemon alone" starts_once
     check "init script: the log is in syslog" wait_for 10 eval '[ "$(syslog_lines)" -gt 0 ]'
     check "init script: a daemon that has crashed comes again" comes_again
+    check "crashed: the chip has no power" power_is off
+    check "crashed: the new daemon answers" wait_for 15 answers
     check "init script: so does its log, when its logger is gone" logs_again
     check "init script: restart" init_script restart
     check "restarted: a member of the group gets a position" position_of_member
@@ -72,5 +76,9 @@ initd() {
     check "stopped: no process is left, and the chip has no power" is_stopped
     check "stopped: status says so" status_is_3
     check "stopped: no file is left" leaves_nothing
+    check "init script: start behind a stop" init_script start
+    check "init script: stop of a daemon that hangs" stops_hanging
+    check "killed: no process is left, and the chip has no power" is_stopped
+    check "killed: no file is left" leaves_nothing
     remove_script
 }
