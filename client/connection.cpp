@@ -1,6 +1,7 @@
 #include "client/connection.h"
 
 #include "client/print.h"
+#include "endpoint/endpoint.h"
 
 #include <algorithm>
 #include <array>
@@ -10,15 +11,12 @@
 #include <optional>
 #include <poll.h>
 #include <string_view>
-#include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int kBindAttempts = 16;
 constexpr std::chrono::milliseconds kLongestPoll{60000};
 constexpr std::chrono::milliseconds kRestartLimit{2000};
 constexpr std::chrono::milliseconds kRestartLook{50};
@@ -27,7 +25,6 @@ constexpr std::chrono::milliseconds kRestartLook{50};
 constexpr uint32_t kNoRequest = 0xFFFFFFFF;
 
 static_assert(sizeof(tavor_request) == 516);
-static_assert(sizeof(sockaddr_un) == 110);
 
 const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
@@ -44,29 +41,6 @@ int poll_time(Clock::time_point deadline) {
     return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count());
 }
 
-// Binds an abstract address that fills all 110 bytes: the daemon receives each address with the length of the
-// previous sender's, so a tool with a shorter address would get the next sender's address cut, and its answer
-// lost.
-bool bind_full_length(int socket) {
-    for (int i = 0; i < kBindAttempts; ++i) {
-        uint64_t random = 0;
-        if (getrandom(&random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
-            return false;
-        }
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavorctl-%d-%016llx",
-                 static_cast<int>(getpid()), static_cast<unsigned long long>(random));
-        if (bind(socket, generic(address), sizeof address) == 0) {
-            return true;
-        }
-        if (errno != EADDRINUSE) {
-            return false;
-        }
-    }
-    return false;
-}
-
 bool fail(Connection& connection, const std::string& text) {
     connection.error = text;
     return false;
@@ -81,20 +55,6 @@ int connect_to(int socket, const std::string& path) {
     }
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return connect(socket, generic(address), sizeof address) == 0 ? 0 : errno;
-}
-
-// The time of modification of a socket stays that of its making: neither use nor chmod changes it.
-std::optional<SocketFile> socket_file(const std::string& path) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return SocketFile{status.st_dev, status.st_ino, status.st_mtim};
-}
-
-bool same_file(const SocketFile& a, const SocketFile& b) {
-    return a.device == b.device && a.number == b.number && a.made.tv_sec == b.made.tv_sec &&
-           a.made.tv_nsec == b.made.tv_nsec;
 }
 
 // Tries again while there is no daemon: one that is being restarted is gone for a moment. Returns 0 or an
@@ -125,7 +85,7 @@ bool report_error(Connection& connection, int error) {
 int reach(Connection& connection) {
     const int error = connect_patiently(connection);
     if (error == 0) {
-        connection.reached = socket_file(connection.path).value_or(SocketFile{});
+        connection.reached = endpoint_file(connection.path).value_or(EndpointFile{});
     }
     return error;
 }
@@ -199,7 +159,7 @@ std::string connection_usual_path(const char* relay, const char* daemon) {
 bool connection_open(Connection& connection, const std::string& path) {
     connection.path = path;
     connection.socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (connection.socket < 0 || !bind_full_length(connection.socket)) {
+    if (connection.socket < 0 || !endpoint_bind(connection.socket, "tavorctl")) {
         return fail(connection, std::string("cannot make a socket for the answers: ") + strerror(errno) +
                                     "; close other programs and try again");
     }
@@ -236,13 +196,14 @@ Presence connection_presence(const Connection& connection) {
     if (error == ECONNREFUSED || error == ENOENT) {
         return Presence::kGone;
     }
-    const std::optional<SocketFile> present = socket_file(connection.path);
-    return !present || same_file(*present, connection.reached) ? Presence::kSame : Presence::kRestarted;
+    const std::optional<EndpointFile> present = endpoint_file(connection.path);
+    return !present || endpoint_same_file(*present, connection.reached) ? Presence::kSame
+                                                                        : Presence::kRestarted;
 }
 
 void connection_note(Connection& connection, const std::string& path) {
     connection.path = path;
-    connection.reached = socket_file(path).value_or(SocketFile{});
+    connection.reached = endpoint_file(path).value_or(EndpointFile{});
 }
 
 Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline) {

@@ -3,24 +3,16 @@
 #define TAVOR_CLIENT_CONNECTION_H
 
 #include "base/non_copyable.h"
+#include "endpoint/endpoint.h"
 #include "tavor/protocol.h"
 
 #include <chrono>
-#include <ctime>
 #include <string>
-#include <sys/types.h>
 
 using Clock = std::chrono::steady_clock;
 
 // The time that many seconds from now; 0 is never.
 Clock::time_point deadline_in(double seconds);
-
-// Which file a socket is. File systems give inode numbers out again, so the time of its making counts too.
-struct SocketFile {
-    dev_t device = 0;
-    ino_t number = 0;
-    timespec made = {};
-};
 
 // One socket to one daemon; closed with its owner. Its address is abstract, so that nothing is left behind
 // however the process ends.
@@ -29,12 +21,12 @@ struct Connection : private NonCopyable {
     ~Connection();
 
     int socket = -1;
-    int interrupt = -1; // a wait ends when this descriptor is readable; -1 for none
-    int output = -1;    // a wait ends when nobody reads behind this descriptor any more; -1 for none
-    std::string path;   // of the daemon's socket
-    SocketFile reached; // what stood there when it was connected
-    std::string error;  // what went wrong and what to do, one line
-    bool busy = false;  // the daemon is there and takes no request
+    int interrupt = -1;   // a wait ends when this descriptor is readable; -1 for none
+    int output = -1;      // a wait ends when nobody reads behind this descriptor any more; -1 for none
+    std::string path;     // of the daemon's socket
+    EndpointFile reached; // what stood there when it was connected
+    std::string error;    // what went wrong and what to do, one line
+    bool busy = false;    // the daemon is there and takes no request
 };
 
 enum class Received { kResponse, kMalformed, kTimeout, kInterrupted, kOutputClosed, kFailed };

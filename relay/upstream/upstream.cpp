@@ -40,7 +40,7 @@ struct UpstreamState {
     int fd = -1;
     bool connected = false;
     bool was_connected = false;
-    UpstreamFile reached;
+    EndpointFile reached;
     RelayClock::time_point heard;
     std::string banner = TAVOR_VERSION_BANNER;
     std::vector<std::function<void(bool)>> watchers;

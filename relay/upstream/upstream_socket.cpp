@@ -1,17 +1,13 @@
 #include "upstream/upstream_socket.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <sys/random.h>
+#include <optional>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
-
-constexpr int kBindAttempts = 16;
 
 static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
 
@@ -19,36 +15,11 @@ const sockaddr* generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-bool bind_full_length(int fd) {
-    for (int i = 0; i < kBindAttempts; ++i) {
-        uint64_t random = 0;
-        if (getrandom(&random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
-            return false;
-        }
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "tavor-relay-%d-%016llx",
-                 static_cast<int>(getpid()), static_cast<unsigned long long>(random));
-        if (bind(fd, generic(address), sizeof address) == 0) {
-            return true;
-        }
-        if (errno != EADDRINUSE) {
-            return false;
-        }
-    }
-    return false;
-}
-
-bool same_file(const UpstreamFile& a, const UpstreamFile& b) {
-    return a.device == b.device && a.number == b.number && a.made.tv_sec == b.made.tv_sec &&
-           a.made.tv_nsec == b.made.tv_nsec;
-}
-
 } // namespace
 
 int upstream_socket_open() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd >= 0 && !bind_full_length(fd)) {
+    if (fd >= 0 && !endpoint_bind(fd, "tavor-relay")) {
         const int error = errno;
         close(fd);
         errno = error;
@@ -59,10 +30,10 @@ int upstream_socket_open() {
     return fd;
 }
 
-UpstreamPresence upstream_socket_reach(int fd, const std::string& path, UpstreamFile& reached) {
+UpstreamPresence upstream_socket_reach(int fd, const std::string& path, EndpointFile& reached) {
     sockaddr_un address = {};
-    struct stat file = {};
-    if (path.size() >= sizeof address.sun_path || stat(path.c_str(), &file) != 0) {
+    const std::optional<EndpointFile> now = endpoint_file(path);
+    if (path.size() >= sizeof address.sun_path || !now) {
         return UpstreamPresence::kGone;
     }
     address.sun_family = AF_UNIX;
@@ -70,11 +41,10 @@ UpstreamPresence upstream_socket_reach(int fd, const std::string& path, Upstream
     if (connect(fd, generic(address), sizeof address) != 0) {
         return UpstreamPresence::kGone;
     }
-    const UpstreamFile now = {file.st_dev, file.st_ino, file.st_mtim};
-    if (same_file(now, reached)) {
+    if (endpoint_same_file(*now, reached)) {
         return UpstreamPresence::kSame;
     }
-    reached = now;
+    reached = *now;
     return UpstreamPresence::kOther;
 }
 

@@ -2,20 +2,13 @@
 #ifndef TAVOR_RELAY_UPSTREAM_SOCKET_H
 #define TAVOR_RELAY_UPSTREAM_SOCKET_H
 
+#include "endpoint/endpoint.h"
 #include "hub/hub.h"
 #include "tavor/protocol.h"
 
 #include <ctime>
 #include <string>
 #include <sys/socket.h>
-#include <sys/types.h>
-
-// Which file a socket is. File systems give inode numbers out again, so the time of its making counts too.
-struct UpstreamFile {
-    dev_t device = 0;
-    ino_t number = 0;
-    timespec made = {};
-};
 
 enum class UpstreamPresence {
     kSame,  // the daemon that was reached before
@@ -23,13 +16,13 @@ enum class UpstreamPresence {
     kGone
 };
 
-// A socket that does not wait, bound to an abstract address of the full length, which the daemon never cuts.
+// A socket that does not wait, bound to an address of its own, which the daemon never cuts.
 // -1 with errno set on failure.
 int upstream_socket_open();
 
 // Connects to the socket at the path, also again: costs nothing while the same daemon is there. `reached`
 // says what was reached before, and is told what is reached now.
-UpstreamPresence upstream_socket_reach(int fd, const std::string& path, UpstreamFile& reached);
+UpstreamPresence upstream_socket_reach(int fd, const std::string& path, EndpointFile& reached);
 
 // Room for what the kernel tells with a datagram.
 union UpstreamControl {

@@ -114,8 +114,3 @@ sockaddr_un FakeDaemon::sender() {
     const std::lock_guard lock(mutex);
     return peer;
 }
-
-socklen_t FakeDaemon::sender_length() {
-    const std::lock_guard lock(mutex);
-    return peer_length;
-}

@@ -43,7 +43,6 @@ struct FakeDaemon {
     std::vector<std::string> texts();
     // Address of the latest request.
     sockaddr_un sender();
-    socklen_t sender_length();
 
     const std::string path;
 

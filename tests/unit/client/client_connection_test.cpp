@@ -102,14 +102,6 @@ TEST(Connection, TheRelayIsUsualWhenItAnswers) {
     EXPECT_EQ(connection_usual_path(relay.c_str(), "/daemon"), "/daemon");
 }
 
-TEST_F(ConnectionTest, AddressIsAbstractAndFillsAll110Bytes) {
-    open(answer(3));
-    ask();
-    EXPECT_EQ(daemon->sender_length(), 110U);
-    EXPECT_EQ(daemon->sender().sun_path[0], '\0');
-    EXPECT_EQ(strncmp(daemon->sender().sun_path + 1, "tavorctl-", 9), 0);
-}
-
 TEST_F(ConnectionTest, RequestHoldsTypeAndText) {
     open(answer(5));
     for (const std::string& text : {std::string("353,1"), std::string(600, 'x')}) {
