@@ -265,6 +265,12 @@ int backend_access(const char* path) {
     return result;
 }
 
+void remote_copied(int fd, int copy) {
+    if (copy < kMostDescriptors) {
+        state.owned[static_cast<size_t>(copy)] = backend_owns(fd);
+    }
+}
+
 bool backend_owns(int fd) {
     return fd >= 0 && fd < kMostDescriptors &&
            state.owned[static_cast<size_t>(fd)].load(std::memory_order_relaxed);

@@ -96,8 +96,20 @@ TEST(BoardRun, AProgramDrivesTheLines) {
     EXPECT_EQ(board.ctl({"power"}), "off\n");
     EXPECT_EQ(exec_probe(board, "gpio").out,
               "before -1\n/sys/class/gpio/export 2\nafter 0\n/sys/class/gpio/gpio17/direction 3\n"
-              "/sys/class/gpio/gpio17/value 1\nread 4\ndirection out\n");
+              "/sys/class/gpio/gpio17/value 1\nread 4\ndirection out\npipe 0\nsent by the kernel -1\n");
     EXPECT_EQ(board.ctl({"power"}), "on\n") << "the level outlives the program";
+}
+
+TEST(BoardRun, AShellDrivesTheLines) {
+    const SimulatedBoard board;
+    const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-c",
+                                   "echo 17 >/sys/class/gpio/export && "
+                                   "echo out >/sys/class/gpio/gpio17/direction && "
+                                   "echo 1 >/sys/class/gpio/gpio17/value && echo written && "
+                                   "read value </sys/class/gpio/gpio17/value && echo $value"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "written\n1\n");
+    EXPECT_EQ(board.ctl({"power"}), "on\n");
 }
 
 TEST(BoardRun, TheConfigurationFollowsTheOptions) {
