@@ -365,7 +365,8 @@ TEST(Watch, FullDiskIsToldAndNoFailureOfTheDaemon) {
 
 TEST(Tavorctl, HelpAndVersionThatCanNotBeWrittenAreNoSuccess) {
     for (const char* arguments : {"--help", "--version", "watch --help"}) {
-        Tool tool({"/bin/sh", "-c", std::string("exec \"$0\" ") + arguments + " > /dev/full", TAVOR_CTL_PROGRAM});
+        Tool tool(
+            {"/bin/sh", "-c", std::string("exec \"$0\" ") + arguments + " > /dev/full", TAVOR_CTL_PROGRAM});
         EXPECT_EQ(tool.end(), 74) << arguments;
         EXPECT_EQ(tool.err, "tavorctl: cannot write the output: No space left on device; free space or write "
                             "elsewhere\n");
