@@ -6,7 +6,8 @@ namespace {
 
 constexpr size_t kSatellitesMax =
     90; // of a view: their report fits the 10 KiB that readers of gpsd's protocol take
-constexpr size_t kGsaFirst = 3, kGsaEnd = 15, kGsaPdop = 15, kGsaHdop = 16, kGsaVdop = 17, kGsaSystem = 18;
+constexpr size_t kGsaMode = 2, kGsaFirst = 3, kGsaEnd = 15, kGsaPdop = 15, kGsaHdop = 16, kGsaVdop = 17,
+                 kGsaSystem = 18;
 constexpr size_t kGsvFirst = 4, kGsvEnd = 20, kGsvStep = 4;
 
 // Numbers in NMEA that tell the system, whoever says them; those below 100 only where neither talker nor GSA
@@ -108,10 +109,6 @@ void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
     if (!of_talker) {
         return;
     }
-    const auto mode = sentence_count(sentence.fields[2]);
-    if (mode && *mode > reader.gsa_mode.value_or(0)) {
-        reader.gsa_mode = mode;
-    }
     const GnssSystem system =
         system_of_number(sentence_count(sentence.fields[kGsaSystem]).value_or(0), *of_talker);
     if (!reader.new_used) {
@@ -124,9 +121,14 @@ void gnss_sky_take_gsa(GnssReader& reader, const Sentence& sentence) {
             reader.used.push_back(*satellite);
         }
     }
-    reader.epoch.pdop = sentence_number(sentence.fields[kGsaPdop]);
-    reader.epoch.hdop = sentence_number(sentence.fields[kGsaHdop]);
-    reader.epoch.vdop = sentence_number(sentence.fields[kGsaVdop]);
+    // A system without a fix may tell DOPs of its own, or none: those of the best mode count.
+    const int mode = sentence_count(sentence.fields[kGsaMode]).value_or(0);
+    if (mode >= reader.gsa_mode.value_or(0)) {
+        reader.gsa_mode = mode > 0 ? std::optional(mode) : std::nullopt;
+        reader.epoch.pdop = sentence_number(sentence.fields[kGsaPdop]);
+        reader.epoch.hdop = sentence_number(sentence.fields[kGsaHdop]);
+        reader.epoch.vdop = sentence_number(sentence.fields[kGsaVdop]);
+    }
     reader.epoch.has_sky = true;
 }
 

@@ -136,6 +136,19 @@ TEST_F(RelayGnss, WhatIsForgottenIsNotToldAndTheNextEpochEndsWhereTheLastOneDid)
     EXPECT_FALSE(told[1].hdop);
 }
 
+TEST_F(RelayGnss, AGsaOfASystemWithoutAFixTellsNoDops) {
+    take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    take("$GPGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1");
+    take("$GLGSA,A,3,66,,,,,,,,,,,,2.6,1.4,2.2");
+    take("$GBGSA,A,1,,,,,,,,,,,,,99.99,99.99,99.99");
+    take("$GNRMC,120001.00,V,,,,,,,230394,,,N,V");
+    take("$GPGSA,A,1,,,,,,,,,,,,,99.98,99.98,99.98");
+    take("$GNRMC,120002.00,V,,,,,,,230394,,,N,V");
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[0].hdop, 1.4);
+    EXPECT_EQ(told[1].hdop, 99.98);
+}
+
 TEST_F(RelayGnss, ATimeIsTheSameWithMoreOrFewerDigits) {
     for (const std::string time : {"120000", "120001"}) {
         take("$GNRMC," + time + ".00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
