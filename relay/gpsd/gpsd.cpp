@@ -140,6 +140,13 @@ void on_item(const HubItem& item) {
     }
 }
 
+// The device is there from now on, or no longer.
+void on_daemon(bool connected) {
+    state.active = connected ? std::optional(now()) : std::nullopt;
+    send_to([] { return gpsd_report_device(state.active); }, wants_json);
+    gpsd_clients_flush();
+}
+
 // The bytes of the address, without the port.
 std::string host_of(const sockaddr_storage& address) {
     sockaddr_in v4 = {};
@@ -189,7 +196,7 @@ bool gpsd_open(event_base* base, const GpsdSettings& settings) {
     event_add(state.connection.get(), nullptr);
     gpsd_clients_open(base, settings.second, serve, settings.clients_max);
     state.active = upstream_connected() ? std::optional(now()) : std::nullopt;
-    upstream_watch([](bool connected) { state.active = connected ? std::optional(now()) : std::nullopt; });
+    upstream_watch(on_daemon);
     hub_take(on_item);
     hub_take_rest(gpsd_clients_flush);
     gnss_take(on_epoch);

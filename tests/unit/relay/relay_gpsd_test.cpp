@@ -215,6 +215,27 @@ TEST_F(RelayGpsd, TheDeviceIsActiveWhileThereIsADaemon) {
     EXPECT_EQ(peer.got.find("activated"), std::string::npos);
 }
 
+TEST_F(RelayGpsd, AWatcherOfJsonIsToldThatTheDeviceHasGoneAndComeBack) {
+    TcpPeer peer(gpsd_port());
+    TcpPeer other(gpsd_port());
+    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(asked(peer, kWatchJson, "\"WATCH\""));
+    ASSERT_TRUE(asked(other, kWatchNmea, "\"WATCH\""));
+    ASSERT_TRUE(gets(other, "}\r\n"));
+    peer.got.clear();
+    other.got.clear();
+    unlink(loop.daemon_path.c_str());
+    loop.daemon = nullptr;
+    ASSERT_TRUE(gets(peer, "\"native\":0}\r\n"));
+    EXPECT_FALSE(report(peer, "DEVICE").contains("activated"));
+    peer.got.clear();
+    loop.start_daemon();
+    ASSERT_TRUE(gets(peer, "\"native\":0}\r\n"));
+    EXPECT_TRUE(report(peer, "DEVICE").contains("activated"));
+    other.read();
+    EXPECT_EQ(other.got, "");
+}
+
 TEST_F(RelayGpsd, AWatcherOfJsonGetsTheReportsOfEachEpoch) {
     TcpPeer peer(gpsd_port());
     ASSERT_TRUE(asked(peer, kWatchJson, "\"WATCH\""));
