@@ -43,7 +43,7 @@ struct ReplyState {
     // Of the service's thread only:
     TavorPeer stalled[kStalledMax] = {}; // readers that were waited for in vain, the oldest first
     size_t stalled_count = 0;
-    uint64_t stop_since_us = 0; // the first send under the announced stop, 0: none is announced
+    uint64_t stop_since_us = 0; // the first send under the announced stop, 0: none yet
 };
 
 ReplyState state;
@@ -102,17 +102,8 @@ void remember_stalled(const TavorPeer& peer) {
     state.stalled[state.stalled_count++] = peer;
 }
 
-// Whether no stop is announced: then the next one has its patience whole.
-bool no_stop() {
-    const bool none = !stop_request_pending();
-    if (none) {
-        state.stop_since_us = 0;
-    }
-    return none;
-}
-
 bool stop_lets_wait(const tavor_response& response, uint64_t now_us) {
-    if (no_stop()) {
+    if (!stop_request_pending()) {
         return true;
     }
     if (state.stop_since_us == 0) {
@@ -255,7 +246,9 @@ void tavor_reply_failed(uint32_t id) {
 }
 
 bool tavor_reply_retry() {
-    no_stop(); // between two that nothing is sent between
+    if (!stop_request_pending()) {
+        state.stop_since_us = 0; // the next stop has its half second whole
+    }
     const std::lock_guard<std::mutex> guard(state.lock);
     settle_kept();
     return state.kept_count > 0;

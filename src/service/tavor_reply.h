@@ -33,8 +33,8 @@ void tavor_send_response(uint32_t id, uint32_t value, const void* payload, uint3
 // Answers the client's latest request, of this service message id, with failure, without waiting. Any thread.
 void tavor_reply_failed(uint32_t id);
 
-// Tries to send what is kept, without waiting; on the service's thread. Returns whether something is still
-// kept.
+// Tries to send what is kept, without waiting; on the service's thread, between two messages: a stop that is
+// over is noticed here. Returns whether something is still kept.
 bool tavor_reply_retry();
 
 #endif
