@@ -231,7 +231,7 @@ void location_debug_handle(const uint8_t* data, uint32_t length) {
 }
 
 int32_t location_debug_close_fd(int32_t* fd) {
-    if (*fd == -1 || *fd == -2) {
+    if (*fd == -1 || *fd == -2) { // Kept: both count as closed
         return 0;
     }
     const int32_t result = close(*fd);

@@ -155,7 +155,7 @@ int32_t location_uart_write(const uint8_t* data, uint32_t length, UartHandle han
 }
 
 int32_t location_uart_deinit(UartHandle* handle) {
-    if (handle->fd == -1 || handle->fd == -2) {
+    if (handle->fd == -1 || handle->fd == -2) { // Kept: both count as closed
         return 0;
     }
     drain_or_drop(handle->fd);

@@ -15,11 +15,12 @@ bool is_letter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
+// Kept: a lower-case letter counts as more than 15. None gets here: the framing takes upper-case digits only.
 int32_t hex_value(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';
     }
-    return is_letter(c) ? c - kHexLetterOffset : 0; // upper case: no other digits come with a good checksum
+    return is_letter(c) ? c - kHexLetterOffset : 0;
 }
 
 } // namespace

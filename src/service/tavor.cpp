@@ -38,9 +38,10 @@ constexpr int kAlreadyRunning = 1; // exit status
 
 struct TavorState {
     int32_t socket = -1;
-    tavor_request request =
-        {};                // not cleared between receives: a short datagram is completed by the one before
-    TavorPeer sender = {}; // each receive is given the length that the last one reported
+    // Not cleared between receives: a short datagram is completed by the one before.
+    tavor_request request = {};
+    // Each receive is given the length that the last one reported.
+    TavorPeer sender = {};
     ServiceQueuePatience patience = {.wait_us = kRoomWaitUs};
 };
 
