@@ -56,7 +56,7 @@ void location_config_get_xod_path(char* path);
 void location_config_get_xod_server(XodServerConfig* config);
 void location_config_get_keep_good_files(int32_t* keep); // 0: files are emptied and written in their place
 
-// The rest completes the interface; the daemon does not call it.
+// The rest completes the interface; the daemon does not call it. As the getters above.
 
 void location_config_get_uart_path(char* path);
 void location_config_get_uart(SerialPortConfig* config);

@@ -17,6 +17,7 @@ struct HdlWait {
     int64_t passed; // the same on the clock that nobody sets
 };
 
+// Begins a wait: now, on both clocks.
 inline HdlWait hdl_wait_start() {
     const int64_t now = tool_time_now_ms();
     return {now, now, tool_time_passed_ms()};
