@@ -17,6 +17,11 @@ bool time_is_over(const MqttRate& rate, std::chrono::steady_clock::time_point no
     return rate.every_s > 0 && gone >= rate.every_s - std::min(kEarlyS, rate.every_s / 2);
 }
 
+std::chrono::steady_clock::duration every(const MqttRate& rate) {
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(rate.every_s));
+}
+
 bool way_is_gone(const MqttRate& rate, const GnssEpoch& epoch) {
     return rate.distance_m > 0 && mqtt_rate_distance(rate.latitude, rate.longitude, *epoch.latitude,
                                                      *epoch.longitude) >= rate.distance_m;
@@ -36,10 +41,13 @@ double mqtt_rate_distance(double latitude1, double longitude1, double latitude2,
 bool mqtt_rate_due(MqttRate& rate, const GnssEpoch& epoch, std::chrono::steady_clock::time_point now) {
     const bool fix =
         (epoch.mode == GnssMode::k2d || epoch.mode == GnssMode::k3d) && epoch.latitude && epoch.longitude;
-    if (!fix || (rate.published && !time_is_over(rate, now) && !way_is_gone(rate, epoch))) {
+    const bool over = rate.published && time_is_over(rate, now);
+    if (!fix || (rate.published && !over && !way_is_gone(rate, epoch))) {
         return false;
     }
-    rate.published = now;
+    // The next one is counted from when this one was due: else each would be early, with many epochs a
+    // second.
+    rate.published = over ? std::max(now, *rate.published + every(rate)) : now;
     rate.latitude = *epoch.latitude;
     rate.longitude = *epoch.longitude;
     return true;

@@ -6,10 +6,10 @@
 #include "gnss/gnss_epoch.h"
 
 struct MqttRate {
-    double every_s = 0;    // 0: the time alone is no reason
-    double distance_m = 0; // 0: the way alone is none
-    std::optional<std::chrono::steady_clock::time_point> published;
-    double latitude = 0, longitude = 0; // where
+    double every_s = 0;                                             // 0: the time alone is no reason
+    double distance_m = 0;                                          // 0: the way alone is none
+    std::optional<std::chrono::steady_clock::time_point> published; // or was due, a little later
+    double latitude = 0, longitude = 0;                             // where
 };
 
 // Whether the epoch has a fix that is to be published; the next ones are counted from it then.

@@ -129,6 +129,17 @@ TEST_F(RelayMqttRate, AShortTimeIsNotTakenForOver) {
     EXPECT_TRUE(due(60));
 }
 
+TEST_F(RelayMqttRate, OfManyEpochsASecondOneInASecondIsPublished) {
+    rate.every_s = 1;
+    int published = 0;
+    for (int epoch = 0; epoch < 100; ++epoch) {
+        published += due(100 * epoch) ? 1 : 0;
+    }
+    EXPECT_EQ(published, 1 + 10); // the first, and the early one of each second
+    EXPECT_TRUE(due(30000));
+    EXPECT_FALSE(due(30800)); // late ones are not caught up
+}
+
 TEST_F(RelayMqttRate, TheWayCountsFromTheLatestThatWasPublished) {
     rate.distance_m = 100;
     EXPECT_TRUE(due(0, 10, 20));
