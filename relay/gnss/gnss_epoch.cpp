@@ -104,6 +104,9 @@ std::string key_of(const Sentence& sentence) {
     std::string key(sentence.fields[0]);
     if (key.ends_with("GSV")) {
         key += sentence.fields[1] == sentence.fields[2] ? "last" : "";
+        if (sentence.count % 4 == 1) { // behind satellites of four fields each: the number of the signal
+            key += sentence.fields.at(sentence.count - 1);
+        }
     } else if (key.ends_with("GSA") && sentence.count > 18) {
         key += sentence.fields[18];
     }

@@ -203,6 +203,18 @@ TEST_F(RelayGnss, TheNumberOfTheSignalIsNoSatellite) {
     EXPECT_EQ(told[0].satellites.size(), 6U);
 }
 
+TEST_F(RelayGnss, AnEpochEndsWithTheLastSignalOfItsView) {
+    for (const std::string time : {"120000.00", "120001.00"}) {
+        take("$GNRMC," + time + ",A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+        take("$GPGSV,2,1,05,04,40,083,46,05,17,308,41,12,07,344,39,33,14,228,45,1");
+        take("$GPGSV,2,2,05,19,01,002,,1");
+        take("$GPGSV,1,1,02,04,40,083,48,25,17,308,41,8");
+    }
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told[1].satellites.size(), 6U);
+    EXPECT_EQ(told[1].satellites[0].strength, 48);
+}
+
 TEST_F(RelayGnss, SatellitesOfATalkerThatIsNotKnownAreNotTakenForOthers) {
     take("$PQGSA,A,3,04,,,,,,,,,,,,2.5,1.3,2.1");
     take("$GPGSV,1,1,01,04,40,083,46");
