@@ -10,8 +10,9 @@ constexpr uint8_t kPartnerOfEscape = 0x88;
 constexpr uint8_t kPartnerOfXoff = 0xEC;
 constexpr uint8_t kPartnerOfXon = 0xEE;
 
-// The byte sent behind an escape byte in place of a plain one; 0 for a byte that is sent as it is.
-uint8_t partner_of(uint8_t plain) {
+} // namespace
+
+uint8_t location_uart_partner_of(uint8_t plain) {
     switch (plain) {
     case kUartEscape:
         return kPartnerOfEscape;
@@ -24,8 +25,7 @@ uint8_t partner_of(uint8_t plain) {
     }
 }
 
-// The plain byte behind a partner byte; 0 for a byte that is no partner.
-uint8_t plain_of(uint8_t partner) {
+uint8_t location_uart_plain_of(uint8_t partner) {
     switch (partner) {
     case kPartnerOfEscape:
         return kUartEscape;
@@ -38,12 +38,10 @@ uint8_t plain_of(uint8_t partner) {
     }
 }
 
-} // namespace
-
 uint32_t location_uart_escape(const uint8_t* input, uint32_t length, uint8_t* output) {
     uint32_t count = 0;
     for (uint32_t i = 0; i < length; ++i) {
-        const uint8_t partner = partner_of(input[i]);
+        const uint8_t partner = location_uart_partner_of(input[i]);
         if (partner == 0) {
             output[count++] = input[i];
             continue;
@@ -68,7 +66,7 @@ uint32_t location_uart_unescape(uint8_t* buffer, uint32_t n, uint32_t* escape_st
             continue;
         }
         *escape_state = 0;
-        const uint8_t plain = plain_of(byte);
+        const uint8_t plain = location_uart_plain_of(byte);
         if (plain == 0) {
             printf("[LOCSERV] ERR: [UART]unrecognized char 0x%x\n", byte);
             ++position; // Kept: the slot counts as delivered, with whatever stood in it.

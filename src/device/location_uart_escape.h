@@ -9,6 +9,12 @@ inline constexpr uint8_t kUartXon = 0x11;
 inline constexpr uint8_t kUartXoff = 0x13;
 inline constexpr uint8_t kUartEscape = 0x77;
 
+// The byte that is sent behind an escape byte in place of a plain one; 0 for a byte that is sent as it is.
+uint8_t location_uart_partner_of(uint8_t plain);
+
+// The plain byte that a byte behind an escape byte stands for; 0 for one that stands for none.
+uint8_t location_uart_plain_of(uint8_t partner);
+
 // Escapes length bytes of input into output, which has room for twice as many. Returns the bytes stored.
 uint32_t location_uart_escape(const uint8_t* input, uint32_t length, uint8_t* output);
 

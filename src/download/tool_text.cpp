@@ -1,5 +1,6 @@
 #include "download/tool_text.h"
 
+#include "device/location_uart_escape.h"
 #include "download/tool_log.h"
 
 #include <algorithm>
@@ -9,38 +10,9 @@
 
 namespace {
 
-constexpr uint8_t kEscape = 0x77;
-constexpr uint8_t kXon = 0x11;
-constexpr uint8_t kXoff = 0x13;
-
-struct Pair {
-    uint8_t plain;
-    uint8_t partner; // what follows the escape byte
-};
-
-constexpr Pair kPairs[] = {{kEscape, 0x88}, {kXon, 0xEE}, {kXoff, 0xEC}};
-
 struct State {
     bool escaped = false; // the last byte seen was an escape byte
 } state;
-
-const Pair* pair_of_plain(uint8_t byte) {
-    for (const Pair& pair : kPairs) {
-        if (pair.plain == byte) {
-            return &pair;
-        }
-    }
-    return nullptr;
-}
-
-const Pair* pair_of_partner(uint8_t byte) {
-    for (const Pair& pair : kPairs) {
-        if (pair.partner == byte) {
-            return &pair;
-        }
-    }
-    return nullptr;
-}
 
 } // namespace
 
@@ -57,16 +29,16 @@ uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* out
     uint32_t pairs = 0;
     uint32_t written = 0;
     for (uint32_t i = 0; i < n; ++i) {
-        const Pair* pair = pair_of_plain(input[i]);
-        if (written + (pair == nullptr ? 1 : 2) > kToolEscapeSize) {
+        const uint8_t partner = location_uart_partner_of(input[i]);
+        if (written + (partner == 0 ? 1 : 2) > kToolEscapeSize) {
             break;
         }
-        if (pair == nullptr) {
+        if (partner == 0) {
             output[written++] = input[i];
             continue;
         }
-        output[written++] = kEscape;
-        output[written++] = pair->partner;
+        output[written++] = kUartEscape;
+        output[written++] = partner;
         ++pairs;
     }
     const uint32_t result = n + pairs;
@@ -83,7 +55,7 @@ uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
     uint32_t written = 0;
     for (uint32_t i = 0; i < n; ++i) {
         const uint8_t byte = buffer[i];
-        if (byte == kEscape) {
+        if (byte == kUartEscape) {
             state.escaped = true;
             continue;
         }
@@ -92,8 +64,8 @@ uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
             continue;
         }
         state.escaped = false;
-        if (const Pair* pair = pair_of_partner(byte)) {
-            buffer[written] = pair->plain;
+        if (const uint8_t plain = location_uart_plain_of(byte); plain != 0) {
+            buffer[written] = plain;
             --length;
         } else {
             tool_log_error("unrecognized char 0x%X\n", byte);
