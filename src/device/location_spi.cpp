@@ -2,11 +2,11 @@
 
 #include "base/descriptor_guard.h"
 #include "base/error_row.h"
+#include "base/monotonic.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
@@ -41,12 +41,6 @@ uint64_t address_of(const uint8_t* buffer) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(buffer));
 }
 
-int64_t now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-}
-
 void log_left_out(uint32_t left_out) {
     if (left_out > 0) {
         printf("[LOCSERV] ERR: [spi]can't send spi message (%u left out)\n", left_out);
@@ -61,7 +55,7 @@ void log_transfer(bool moved, uint32_t len) {
     uint32_t left_out = 0;
     if (!moved) {
         state.failed_len = len;
-        if (error_row_tell(&state.transfer, now_ms(), &left_out) && left_out == 0) {
+        if (error_row_tell(&state.transfer, monotonic_ms(), &left_out) && left_out == 0) {
             puts("[LOCSERV] ERR: [spi]can't send spi message");
         }
     } else if (len == state.failed_len) {

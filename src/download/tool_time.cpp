@@ -1,6 +1,7 @@
 #include "download/tool_time.h"
 
-#include <ctime>
+#include "base/monotonic.h"
+
 #include <sys/time.h>
 
 namespace {
@@ -8,7 +9,6 @@ namespace {
 constexpr int64_t kUnset = -1;
 constexpr int64_t kMsPerSecond = 1000;
 constexpr int64_t kUsPerMs = 1000;
-constexpr int64_t kNsPerMs = 1'000'000;
 
 struct State {
     int64_t start_ms = kUnset;
@@ -23,9 +23,7 @@ int64_t tool_time_now_ms() {
 }
 
 int64_t tool_time_passed_ms() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * kMsPerSecond + now.tv_nsec / kNsPerMs;
+    return monotonic_ms();
 }
 
 void tool_time_start() {

@@ -1,6 +1,7 @@
 #include "queue/service_queue.h"
 
 #include "base/cancel_hold.h"
+#include "base/monotonic.h"
 #include "base/non_copyable.h"
 #include "base/stop_request.h"
 #include "queue/service_state.h"
@@ -11,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -100,10 +100,7 @@ int enqueue_bodiless(UnsentMessage* message) {
 }
 
 bool lasts(ServiceQueuePatience* patience) {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const uint64_t now_us =
-        static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    const uint64_t now_us = monotonic_us();
     if (patience->until_us == 0) {
         patience->until_us = now_us + patience->wait_us;
     }

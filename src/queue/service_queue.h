@@ -47,7 +47,7 @@ void location_service_task_send_message(uint32_t id, void* data, uint32_t length
 // How long requests wait for room together: from the first one that waits on.
 struct ServiceQueuePatience {
     uint64_t wait_us;
-    uint64_t until_us = 0; // CLOCK_MONOTONIC; 0 until one waits
+    uint64_t until_us = 0; // of the monotonic clock; 0 until one waits
 };
 
 // The same for a request of a client, whose sender must not be kept waiting longer than the patience lasts.

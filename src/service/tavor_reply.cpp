@@ -1,5 +1,6 @@
 #include "service/tavor_reply.h"
 
+#include "base/monotonic.h"
 #include "base/stop_request.h"
 #include "service/tavor_rows.h"
 #include "tavor/protocol.h"
@@ -9,7 +10,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <sys/time.h>
 
@@ -19,7 +19,6 @@ static_assert(sizeof(sockaddr_un) == TAVOR_ADDRESS_SIZE);
 namespace {
 
 constexpr uint64_t kUsPerSecond = 1000000;
-constexpr uint64_t kNsPerUs = 1000;
 constexpr suseconds_t kRoundUs = 50000; // of waiting; after each one a stop may have been announced
 constexpr uint64_t kPatienceUs = kUsPerSecond;
 constexpr uint64_t kStopPatienceUs = kUsPerSecond / 2;
@@ -47,12 +46,6 @@ struct ReplyState {
 };
 
 ReplyState state;
-
-uint64_t monotonic_us() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond + static_cast<uint64_t>(now.tv_nsec) / kNsPerUs;
-}
 
 bool same_peer(const TavorPeer& a, const TavorPeer& b) {
     return a.length == b.length && memcmp(&a.address, &b.address, a.length) == 0;
