@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstring>
 #include <event2/util.h>
+#include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -17,6 +19,7 @@ namespace {
 // net.core.somaxconn at most.
 constexpr int kBacklog = 2000;
 constexpr mode_t kDirectoryMode = 0755;
+constexpr mode_t kLockMode = 0600;
 constexpr size_t kPortOffset = offsetof(sockaddr_in, sin_port); // the same in both families
 static_assert(kPortOffset == offsetof(sockaddr_in6, sin6_port));
 
@@ -61,8 +64,33 @@ bool is_served(const sockaddr_un& address, int type) {
     return served;
 }
 
-// Binds the path; what stands there unserved goes.
-bool bind_path(int fd, const std::string& path, int type) {
+// Binds the path and listens; what stands there unserved goes.
+bool bind_path(int fd, const std::string& path, const sockaddr_un& address, int type) {
+    if (is_served(address, type)) {
+        errno = EADDRINUSE;
+        return false;
+    }
+    struct stat old = {};
+    if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
+        unlink(path.c_str());
+    }
+    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           (type == SOCK_DGRAM || listen(fd, kBacklog) == 0);
+}
+
+// Takes the lock beside the path, until it is served. -1 with errno set, EADDRINUSE when another relay
+// has it: of two that come in the same instant one binds the path, and the other must not remove what it
+// bound. The kernel takes the lock from one that is killed.
+int lock_beside(const std::string& lock_path) {
+    const int fd = open(lock_path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode);
+    if (fd < 0 || flock(fd, LOCK_EX | LOCK_NB) == 0) {
+        return fd;
+    }
+    errno = errno == EWOULDBLOCK ? EADDRINUSE : errno;
+    return close_failed(fd);
+}
+
+bool bind_path_alone(int fd, const std::string& path, int type) {
     sockaddr_un address = {};
     if (path.size() >= sizeof address.sun_path) {
         errno = ENAMETOOLONG;
@@ -70,19 +98,21 @@ bool bind_path(int fd, const std::string& path, int type) {
     }
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, path.size());
-    if (is_served(address, type)) {
-        errno = EADDRINUSE;
-        return false;
-    }
     const size_t slash = path.rfind('/');
     if (slash != std::string::npos) {
         mkdir(path.substr(0, slash).c_str(), kDirectoryMode);
     }
-    struct stat old = {};
-    if (lstat(path.c_str(), &old) == 0 && S_ISSOCK(old.st_mode)) {
-        unlink(path.c_str());
+    const std::string lock_path = path + ".lock";
+    const int lock = lock_beside(lock_path);
+    if (lock < 0) {
+        return false;
     }
-    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const bool bound = bind_path(fd, path, address, type);
+    const int error = errno;
+    unlink(lock_path.c_str());
+    close(lock);
+    errno = error;
+    return bound;
 }
 
 } // namespace
@@ -104,7 +134,5 @@ int listen_tcp(const std::string& place) {
 
 int listen_path(const std::string& path, int type) {
     const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const bool listens =
-        fd >= 0 && bind_path(fd, path, type) && (type == SOCK_DGRAM || listen(fd, kBacklog) == 0);
-    return listens ? fd : close_failed(fd);
+    return fd >= 0 && bind_path_alone(fd, path, type) ? fd : close_failed(fd);
 }

@@ -9,7 +9,8 @@
 int listen_tcp(const std::string& place);
 
 // A Unix socket at a path, of type SOCK_DGRAM or SOCK_STREAM, replacing what a relay before has left there;
-// its directory is made too. -1 with errno set on failure, EADDRINUSE when another relay answers there.
+// its directory is made too. -1 with errno set on failure, EADDRINUSE when another relay answers there, or is
+// just coming there.
 int listen_path(const std::string& path, int type);
 
 #endif
