@@ -61,8 +61,17 @@ void tell_watchers() {
     }
 }
 
+// What has come before the socket was connected may be anybody's; of the daemon nothing was asked yet.
+void drop_unread() {
+    char byte = 0;
+    while (recv(state.fd, &byte, sizeof byte, MSG_DONTWAIT) >= 0) {
+        ++hub_counters().malformed;
+    }
+}
+
 void found() {
     printf("tavor-relay: the daemon is there\n");
+    drop_unread();
     hub_counters().daemon_restarts += state.was_connected ? 1 : 0;
     state.connected = true;
     state.was_connected = true;

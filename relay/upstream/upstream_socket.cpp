@@ -19,9 +19,11 @@ const sockaddr* generic(const sockaddr_un& address) {
 
 int upstream_socket_open() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd >= 0 && !endpoint_bind(fd, "tavor-relay")) {
+    if (fd < 0 || !endpoint_bind(fd, "tavor-relay")) {
         const int error = errno;
-        close(fd);
+        if (fd >= 0) {
+            close(fd);
+        }
         errno = error;
         return -1;
     }

@@ -34,10 +34,10 @@ struct PlayedDaemon {
     std::vector<tavor_request> requests;
     bool answers = true;
     uint32_t value = 0; // of the answers
+    std::string peer;   // address of who asked last: family and name
 
 private:
     int fd = -1;
-    std::string peer;
 };
 
 // A client's socket, bound to these bytes behind the family; none: to nothing.

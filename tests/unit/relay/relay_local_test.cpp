@@ -4,10 +4,8 @@
 #include "support/nobody.h"
 #include "support/relay_loop.h"
 #include "support/wait.h"
-#include "system/listen.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/socket.h>
@@ -539,15 +537,21 @@ TEST_F(RelayLocal, NobodyElseIsTakenForTheDaemon) {
     EXPECT_EQ(hub_counters().items, items);
 }
 
-TEST(RelayLocalSocket, MayStandInTheWorkingDirectory) {
-    const PrivateDir directory;
-    const auto before = std::filesystem::current_path();
-    std::filesystem::current_path(directory.path);
-    const int fd = listen_path("relay.sock", SOCK_DGRAM);
-    EXPECT_TRUE(std::filesystem::is_socket("relay.sock"));
-    std::filesystem::current_path(before);
-    EXPECT_GE(fd, 0);
-    close(fd);
+TEST_F(RelayManyClients, WhatStrangersSentBeforeTheDaemonWasThereIsNotTaken) {
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
+    const PlayedClient stranger(loop.daemon->peer.substr(sizeof(sa_family_t)), "", false);
+    loop.daemon = nullptr;
+    upstream_request(TAVOR_REQUEST_SAVE_LOCATION, "", [](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([] { return !upstream_connected(); }));
+    const tavor_response sentence = relay_response(TAVOR_CODE_NMEA, 0, numbered(1));
+    ASSERT_TRUE(stranger.send_bytes(&sentence, sizeof sentence));
+    loop.start_daemon();
+    const auto look = RelayClock::now() + loop.second / 2;
+    ASSERT_TRUE(wait_until([&] { return RelayClock::now() > look; })); // is due before anything is read
+    ASSERT_TRUE(loop.until([] { return hub_counters().daemon_restarts == 1; }));
+    ASSERT_TRUE(loop.until([] { return hub_counters().malformed + hub_counters().sentences > 0; }));
+    EXPECT_EQ(hub_counters().sentences, 0U);
 }
 
 TEST_F(RelayLocal, WhoSentACommandHearsTheChipAndWhoAskedForAssistanceItsResults) {
