@@ -18,7 +18,9 @@ namespace {
 constexpr int kReadsMax = 64; // at a time: others get their turn
 constexpr std::chrono::milliseconds kRetry{20};
 constexpr int kLookS = 10;
-constexpr int kAuditPercent = 17;    // of a second, between looks at who has not read
+// Of a second, between looks at who has read: no part of an epoch's length, so that they don't all meet the
+// burst that a client is just reading.
+constexpr int kAuditPercent = 17;
 constexpr int kOpenRequestsMax = 16; // of one client
 constexpr size_t kClientsMax = 1024; // of all users but root
 constexpr size_t kPlacesForFew = 24; // the last ones: for users who have fewer than these clients
@@ -46,11 +48,23 @@ tavor_response result_of(uint32_t code, uint32_t value) {
     return response;
 }
 
+void arm_unless_pending(const EventPtr& timer, std::chrono::milliseconds time) {
+    if (event_pending(timer.get(), EV_TIMEOUT, nullptr) == 0) {
+        event_arm(timer, time);
+    }
+}
+
+void arm_audit() {
+    arm_unless_pending(state.audit, kAuditPercent * state.settings.second / 100);
+}
+
 // Forgets who is gone, and tries again soon where something waits.
 void settle() {
-    const bool some_wait = local_clients_tidy();
-    if (some_wait && event_pending(state.retry.get(), EV_TIMEOUT, nullptr) == 0) {
-        event_arm(state.retry, kRetry);
+    if (local_clients_tidy()) {
+        arm_unless_pending(state.retry, kRetry);
+    }
+    if (local_clients_audit_due()) {
+        arm_audit();
     }
 }
 
@@ -212,12 +226,6 @@ void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     settle();
 }
 
-void arm_audit() {
-    if (event_pending(state.audit.get(), EV_TIMEOUT, nullptr) == 0) {
-        event_arm(state.audit, kAuditPercent * state.settings.second / 100);
-    }
-}
-
 void on_audit(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     if (local_clients_audit()) {
         arm_audit();
@@ -251,7 +259,6 @@ void local_open(event_base* base, const LocalSettings& settings) {
         if (local_clients_count() == 0) {
             return;
         }
-        arm_audit();
         local_clients_send_all(gets_of(item.kind), item.datagram);
         settle();
     });

@@ -16,15 +16,15 @@ constexpr size_t kSentencesMax = 64;
 constexpr int kResultsMax = 16;
 constexpr int kPatienceS = 30;
 constexpr int kMuchShare = 4; // much is unread: a quarter of the send buffer
-// Looks in a row that find something unread with a client that is far behind: two seconds of looks. Their
-// distance is no part of an epoch's, so that they don't all meet the burst that a client is just reading.
-constexpr int kUnreadLooks = 12;
+constexpr int kUnreadMax =
+    256; // of one client while much is unread: two seconds of the usual ten epochs each
 
 struct ClientsState {
     int fd = -1;
     std::chrono::milliseconds second{1000};
     uint64_t last_id = 0;
     int much_unread = 0; // bytes
+    bool much = false;
     bool some_paused = false;
     Seldom let_go;
     std::unordered_map<std::string, LocalClient> clients; // by address
@@ -65,11 +65,24 @@ void keep(LocalClient& client, const tavor_response& response) {
     client.waiting.push_back(response);
 }
 
+bool is_paused(const LocalClient& client) {
+    return client.unread >= kUnreadMax;
+}
+
+LocalSent send_now(LocalClient& client, const tavor_response& response) {
+    if (is_paused(client)) {
+        return LocalSent::kFull;
+    }
+    const LocalSent result = local_socket_send(state.fd, client.address, response);
+    client.unread += state.much && result == LocalSent::kDone ? 1 : 0;
+    return result;
+}
+
 // Sends the oldest of what waits until one finds no room.
 void send_waiting(LocalClient& client) {
     size_t sent = 0;
-    while (!client.gone && !client.paused && sent < client.waiting.size()) {
-        const LocalSent result = local_socket_send(state.fd, client.address, client.waiting[sent]);
+    while (!client.gone && sent < client.waiting.size()) {
+        const LocalSent result = send_now(client, client.waiting[sent]);
         if (result == LocalSent::kFull) {
             break;
         }
@@ -118,6 +131,7 @@ LocalClient& local_clients_of(const std::string& address, uid_t user) {
         client.address = address;
         client.user = user;
         client.id = ++state.last_id;
+        client.unread = state.much ? kUnreadMax : 0; // it may have been let go just now
     }
     return client;
 }
@@ -151,9 +165,7 @@ void local_clients_send(LocalClient& client, const tavor_response& response) {
     if (client.gone) {
         return;
     }
-    const LocalSent result = client.waiting.empty() && !client.paused
-                                 ? local_socket_send(state.fd, client.address, response)
-                                 : LocalSent::kFull;
+    const LocalSent result = client.waiting.empty() ? send_now(client, response) : LocalSent::kFull;
     client.gone = result == LocalSent::kGone;
     if (result == LocalSent::kFull) {
         keep(client, response);
@@ -176,17 +188,22 @@ void local_clients_retry() {
     }
 }
 
+bool local_clients_audit_due() {
+    state.much = state.much || local_unread_bytes(state.fd) > state.much_unread;
+    return state.much || state.some_paused;
+}
+
 bool local_clients_audit() {
-    const bool much = local_unread_bytes(state.fd) > state.much_unread;
-    const auto unread = much || state.some_paused ? local_unread_addresses() : std::nullopt;
+    state.much = local_unread_bytes(state.fd) > state.much_unread;
+    const auto unread = state.much || state.some_paused ? local_unread_addresses() : std::nullopt;
     state.some_paused = false;
     for (auto& [address, client] : state.clients) {
-        const bool found = unread && unread->count(address) > 0;
-        client.unread_looks = found ? client.unread_looks + 1 : 0;
-        client.paused = found && (client.paused || client.unread_looks >= kUnreadLooks);
-        state.some_paused = state.some_paused || client.paused;
+        const bool counts = state.much || is_paused(client);
+        const bool found = counts && unread && unread->count(address) > 0;
+        client.unread = found ? client.unread : 0;
+        state.some_paused = state.some_paused || is_paused(client);
     }
-    return much || state.some_paused;
+    return state.much || state.some_paused;
 }
 
 void local_clients_look() {

@@ -1,9 +1,9 @@
 // The local clients: who they are, what they get, and what waits for them.
 //
-// For a client that does not read (its socket is full, or was never found with all read for two seconds) 64
-// sentences, also of the chip, and positions wait, then the oldest is dropped. Results are never dropped:
-// with the 17th that waits a client is let go, as is one that has taken nothing for 30 seconds while
-// something waits.
+// For a client that does not read (its socket is full, or it has left 256 datagrams unread while much is
+// unread in all) 64 sentences, also of the chip, and positions wait, then the oldest is dropped. Results are
+// never dropped: with the 17th that waits a client is let go, as is one that has taken nothing for 30 seconds
+// while something waits.
 #ifndef TAVOR_RELAY_LOCAL_CLIENTS_H
 #define TAVOR_RELAY_LOCAL_CLIENTS_H
 
@@ -28,8 +28,7 @@ struct LocalClient {
     int open_requests = 0; // without a result
     int results = 0;       // of what waits
     bool gone = false;
-    int unread_looks = 0;                // in a row that found something unread
-    bool paused = false;                 // nothing is sent until all is read
+    int unread = 0;                      // sent while much is unread, since it was found with all read
     RelayClock::time_point taken;        // the latest datagram that it took or that waited first
     std::vector<tavor_response> waiting; // the oldest first
 };
@@ -56,7 +55,10 @@ void local_clients_send_all(unsigned gets, const tavor_response& response);
 // Sends what waits.
 void local_clients_retry();
 
-// Looks who has not read, when much is unread or somebody is paused. Returns whether to look again soon.
+// Whether much is unread, or somebody is sent nothing until all is read.
+bool local_clients_audit_due();
+
+// Looks who has read all. Returns whether to look again soon.
 bool local_clients_audit();
 
 // Notices those that are gone without a datagram.
