@@ -112,7 +112,7 @@ void* location_io_rx_task(void* /*unused*/) {
     memset(state.buffer, 0, sizeof state.buffer);
     state.fill = 0;
     for (;;) {
-        pthread_testcancel(); // a chip that always has data keeps the thread from every other such point
+        pthread_testcancel(); // while the chip always has data the thread reaches no other cancellation point
         const int32_t n =
             location_serial_port_gnss_read(state.buffer + state.fill, kReceiveBufferSize - state.fill);
         if (n < 1) {

@@ -67,8 +67,8 @@ void* wait_to_be_cancelled(void* /*unused*/) {
     }
 }
 
-// The first cancellation in a process loads a library, and would wait for one that another thread is loading:
-// a stop for the HTTP library. Here nobody loads any.
+// The first cancellation in a process loads a library, and waits while another thread loads one: a stop would
+// wait for the HTTP library. At the start of the process nobody loads any.
 void make_first_cancellation() {
     pthread_t thread = {};
     if (pthread_create(&thread, nullptr, wait_to_be_cancelled, nullptr) == 0) {
