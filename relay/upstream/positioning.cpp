@@ -1,10 +1,12 @@
 #include "upstream/positioning.h"
 
 #include "system/event_guard.h"
+#include "system/seldom.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -32,6 +34,7 @@ struct PositioningState {
     Askers askers = no_askers();  // of the start that waits or is out, or of the one to come behind them
     RelayClock::time_point tried; // the latest start
     int silence_s = kSilenceS;    // after which the output is taken back
+    Seldom failures;
     EventPtr look;
     EventPtr delayed_stop;
 };
@@ -55,8 +58,9 @@ void started(const Askers& askers, uint32_t value) {
         state.on = value == 0;
         state.left_on = state.left_on && !state.on;
     }
-    if (value != 0) {
-        printf("tavor-relay: positioning could not be started\n");
+    const auto more = value == 0 ? std::nullopt : seldom(state.failures, RelayClock::now());
+    if (more) {
+        printf("tavor-relay: positioning could not be started (%d more before)\n", *more);
     }
     for (const UpstreamAnswer& answer : *askers) {
         answer(value);

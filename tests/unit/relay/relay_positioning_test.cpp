@@ -1,7 +1,10 @@
 #include "hub/hub.h"
 #include "support/relay_loop.h"
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <sstream>
+#include <string>
 
 namespace {
 
@@ -278,6 +281,28 @@ TEST_F(RelayPositioning, AFailedStartIsToldAndTriedAgain) {
     EXPECT_EQ(*told, TAVOR_VALUE_FAILED);
     loop.daemon->value = 0;
     ASSERT_TRUE(loop.until(positioning_is_on));
+}
+
+TEST_F(RelayPositioning, WhoAsksStartOnAndOnInVainDoesNotFillTheLog) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.open(false);
+    loop.start_daemon();
+    loop.daemon->value = TAVOR_VALUE_FAILED;
+    testing::internal::CaptureStdout();
+    const auto began = RelayClock::now();
+    int told = 0;
+    for (int i = 1; i <= 20; ++i) {
+        positioning_start([&](uint32_t /*unused*/) { ++told; });
+        ASSERT_TRUE(loop.until([&] { return told == i; }));
+    }
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(RelayClock::now() - began).count();
+    std::istringstream log(testing::internal::GetCapturedStdout());
+    int lines = 0;
+    for (std::string line; std::getline(log, line);) {
+        lines += line.find("positioning could not be started") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_GE(lines, 1);
+    EXPECT_LE(lines, seconds);
 }
 
 TEST_F(RelayPositioning, SilenceIsBrokenWithAStart) {
