@@ -119,19 +119,18 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime 
     }
 }
 
-// The request whose turn it is.
+// The request whose turn it is, and a stop that goes out beside it.
 void send_next() {
-    const tavor_request* const request = state.connected ? upstream_requests_next() : nullptr;
-    if (request == nullptr) {
-        return;
+    const tavor_request* request = nullptr;
+    while (state.connected && (request = upstream_requests_next()) != nullptr) {
+        if (send(state.fd, request, sizeof *request, MSG_NOSIGNAL) >= 0) {
+            upstream_requests_sent();
+        } else if (errno == EAGAIN || errno == EINTR || errno == ENOBUFS || errno == ENOMEM) {
+            return event_arm(state.send, kFullPause);
+        } else {
+            return lost();
+        }
     }
-    if (send(state.fd, request, sizeof *request, MSG_NOSIGNAL) >= 0) {
-        return upstream_requests_sent();
-    }
-    if (errno != EAGAIN && errno != EINTR && errno != ENOBUFS && errno != ENOMEM) {
-        return lost();
-    }
-    event_arm(state.send, kFullPause);
 }
 
 // Reads what has come. Returns whether there may be more.

@@ -252,6 +252,17 @@ TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
     EXPECT_TRUE(positioning_is_on());
 }
 
+TEST_F(RelayPositioning, AStopThatComesWithACommandGoesOutWithIt) {
+    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.start_daemon();
+    loop.open(false);
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    upstream_request(TAVOR_REQUEST_COMMAND, "353,1", [](uint32_t /*unused*/) {});
+    upstream_request(TAVOR_REQUEST_STOP, "", [](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+}
+
 TEST_F(RelayPositioning, WhoComesWhileAStopIsOutNeedNotWait) {
     loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
     loop.start_daemon();
