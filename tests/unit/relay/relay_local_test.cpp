@@ -1,67 +1,18 @@
 #include "hub/hub.h"
 #include "local/local_clients.h"
-#include "local/local_socket.h"
+#include "relay_local_fixture.h"
 #include "support/nobody.h"
-#include "support/relay_loop.h"
 #include "support/wait.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr uid_t kAnotherUser = 4711;
-
-std::string numbered(int number) {
-    return "$GNGGA," + std::to_string(number) + "\r\n";
-}
-
-std::string text_of(const tavor_response& response) {
-    return reinterpret_cast<const char*>(response.payload);
-}
-
-struct RelayLocal : testing::Test {
-    explicit RelayLocal(std::chrono::milliseconds second = kShortSecond, int send_buffer = 0) {
-        loop.second = second;
-        loop.send_buffer = send_buffer;
-        loop.open(false);
-        loop.open_local();
-        chmod(loop.directory.path.c_str(), 0755); // some clients have no rights
-        chmod(loop.local_path.c_str(), 0666);
-        loop.start_daemon();
-        chmod(loop.daemon_path.c_str(), 0666); // for what is turned as nobody
-    }
-
-    std::unique_ptr<PlayedClient> client(const std::string& name, size_t length = 108) const {
-        return std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique(name), length));
-    }
-    std::string unique(const std::string& name) const {
-        return name + std::to_string(getpid());
-    }
-    // Turns until the client has an answer of the code.
-    bool answered(PlayedClient& one, uint32_t code) const {
-        return loop.until([&] {
-            one.read();
-            return one.count(code) > 0;
-        });
-    }
-    bool started(PlayedClient& one) const {
-        return one.send(TAVOR_REQUEST_START) && answered(one, TAVOR_CODE_START);
-    }
-    // Lets the daemon send a sentence and turns until it was handed out.
-    void push(uint32_t code, const std::string& payload) const {
-        const uint64_t before = hub_counters().items;
-        ASSERT_TRUE(loop.daemon->send(relay_response(code, 0, payload)));
-        ASSERT_TRUE(loop.until([&] { return hub_counters().items > before; }));
-        event_base_loop(loop.base.get(), EVLOOP_NONBLOCK);
-    }
-
-    RelayLoop loop;
-};
 
 TEST_F(RelayLocal, EachGetsTheResultsOfItsOwnRequests) {
     const auto saver = client("saver");
@@ -341,127 +292,6 @@ TEST_F(RelayLocal, WhoIsGoneIsNoticedWhileTheChipIsSilent) {
     ASSERT_TRUE(loop.until([] { return local_clients_count() == 1; }));
     loop.turn_for(15 * kShortSecond);
     EXPECT_EQ(hub_counters().local_consumers, 1U);
-}
-
-// The kernel bounds what waits for the one, and not for the other.
-struct RelaySlowClient : RelayLocal, testing::WithParamInterface<bool> {
-    RelaySlowClient()
-        : RelayLocal(kShortSecond, 8 * 1024 * 1024), // a quarter of it is filled soon
-          slow(std::make_unique<PlayedClient>(loop.local_path, abstract_address(unique("slow")),
-                                              GetParam())) {}
-
-    // Pushes numbered sentences, which others read, until the condition holds.
-    bool push_until(PlayedClient& quick, const std::function<bool()>& condition) {
-        return wait_until([&] {
-            for (int i = 0; i < 20; ++i) {
-                push(TAVOR_CODE_NMEA, numbered(pushed++));
-                quick.read();
-            }
-            return condition();
-        });
-    }
-
-    // Turns until the client has each sentence that was pushed, and the banner.
-    bool has_all(PlayedClient& client) const {
-        return loop.until([&] {
-            client.read();
-            return client.count(TAVOR_CODE_NMEA) == 1U + static_cast<size_t>(pushed);
-        });
-    }
-
-    std::unique_ptr<PlayedClient> slow;
-    int pushed = 0;
-};
-
-TEST_P(RelaySlowClient, LosesTheOldestSentencesAndNoResultAndHoldsUpNobody) {
-    const auto quick = client("quick");
-    ASSERT_TRUE(started(*slow));
-    ASSERT_TRUE(started(*quick));
-    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
-    ASSERT_TRUE(slow->send(TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
-    loop.turn_for(kShortSecond);
-    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 200; }));
-
-    ASSERT_TRUE(answered(*slow, TAVOR_CODE_SAVE_LOCATION));
-    ASSERT_TRUE(loop.until([&] {
-        slow->read();
-        return text_of(slow->got.back()) == numbered(pushed - 1);
-    }));
-    EXPECT_EQ(slow->count(TAVOR_CODE_NMEA) + hub_counters().dropped_local, 1U + static_cast<size_t>(pushed));
-    for (int i = 0; i < 64; ++i) { // the newest are whole and in order
-        const size_t place = slow->got.size() - 1 - static_cast<size_t>(i);
-        EXPECT_EQ(text_of(slow->got[place]), numbered(pushed - 1 - i));
-    }
-    EXPECT_TRUE(has_all(*quick));
-}
-
-TEST_P(RelaySlowClient, IsLetGoWhenItReadsNothingForThirtySeconds) {
-    const auto quick = client("quick");
-    ASSERT_TRUE(started(*slow));
-    ASSERT_TRUE(started(*quick));
-    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
-    const auto began = RelayClock::now();
-    ASSERT_TRUE(push_until(*quick, [] { return local_clients_count() == 1; }));
-    EXPECT_GE(RelayClock::now() - began, 10 * kShortSecond);
-    EXPECT_EQ(hub_counters().let_go, 1U);
-    EXPECT_EQ(hub_counters().local_consumers, 1U);
-}
-
-INSTANTIATE_TEST_SUITE_P(Both, RelaySlowClient, testing::Bool(),
-                         [](const auto& one) { return one.param ? "Connected" : "Unconnected"; });
-
-TEST_P(RelaySlowClient, DoesNotPauseWhoHasLeftLittleUnread) {
-    const auto quick = client("quick");
-    ASSERT_TRUE(started(*slow));
-    ASSERT_TRUE(started(*quick));
-    ASSERT_TRUE(push_until(*quick, [] { return hub_counters().dropped_local > 0; }));
-    const uint16_t family = AF_UNIX;
-    const std::string address = std::string(reinterpret_cast<const char*>(&family), sizeof family) +
-                                abstract_address(unique("quick"));
-    quick->read();
-    ASSERT_TRUE(loop.until([&] { return local_clients_of(address, geteuid()).unread == 0; }));
-    for (int i = 0; i < 200; ++i) {
-        push(TAVOR_CODE_NMEA, numbered(pushed++));
-    }
-    EXPECT_TRUE(has_all(*quick));
-}
-
-// Everybody's room is filled long before the first look at who has read.
-struct RelayFlood : RelayLocal {
-    RelayFlood() : RelayLocal(std::chrono::seconds(1), 1024 * 1024) {}
-};
-
-TEST_F(RelayFlood, WhoAsksOnAndOnAndReadsNothingLeavesRoomForOthers) {
-    const auto quick = client("quick");
-    ASSERT_TRUE(started(*quick));
-    const auto flood = client("flood");
-    for (int i = 0; i < 3000; ++i) { // a result and a banner each: three times the room
-        ASSERT_TRUE(loop.until([&] { return flood->send(TAVOR_REQUEST_START); }));
-    }
-    for (int i = 0; i < 100; ++i) {
-        push(TAVOR_CODE_NMEA, numbered(i));
-    }
-    ASSERT_TRUE(loop.until([&] {
-        quick->read();
-        return text_of(quick->got.back()) == numbered(99);
-    }));
-    EXPECT_EQ(quick->count(TAVOR_CODE_NMEA), 101U);
-}
-
-TEST_F(RelayLocal, WhatTheChipSaysUnaskedIsNoResult) {
-    PlayedClient away(loop.local_path, abstract_address(unique("away")), false);
-    ASSERT_TRUE(started(away));
-    ASSERT_TRUE(wait_until([&] {
-        push(TAVOR_CODE_CHIP, "$PZUL010,1*00\r\n");
-        return hub_counters().dropped_local + hub_counters().let_go > 0;
-    }));
-    EXPECT_EQ(hub_counters().let_go, 0U);
-    push(TAVOR_CODE_NMEA, numbered(1));
-    ASSERT_TRUE(loop.until([&] {
-        away.read();
-        return text_of(away.got.back()) == numbered(1);
-    }));
 }
 
 TEST_F(RelayLocal, ARequestOfNoKnownTypeTakesTheOutputAndGetsNoAnswer) {
