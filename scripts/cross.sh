@@ -31,8 +31,6 @@ not_emulated+='|ToolOutput\.IsReadWithinItsLimitAndTheProgramIsEnded'
 
 # What is not so on armhf. The emulator doesn't know the time-outs of sockets by their newer numbers.
 not_on_armhf='InterposeFastClock\.ASocketsTimeOutIsOnTheProgramsClock'
-# Seen to fail once under the emulator on a busy machine: a timer that fires behind its disarming.
-not_on_armhf+='|InterposeTimer\.DisarmedItDoesNotFire'
 
 unit_tests_wanted=yes
 architectures=()

@@ -102,6 +102,9 @@ int64_t expire_now() {
     for (;;) {
         const BoardClock& clock = interpose_clock();
         const uint32_t seen = clock.wakes;
+        if (&clock != &interpose_clock()) {
+            continue; // chosen meanwhile: who chose it has woken the clock before, which is waited on no more
+        }
         const int64_t next = expire_now();
         const int64_t left = next - interpose_monotonic_ns();
         board_clock_wait(clock, seen,
