@@ -154,7 +154,8 @@ void add_export_options(CLI::App& app, Options& options) {
             row.option, [&options, &row] { options.format = row.format; }, row.help);
     }
     formats->require_option(1);
-    app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live");
+    app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live")
+        ->type_name("FILE");
     add_seconds(app, "--gap", options.gap_s, "A new segment behind so many seconds without a point (10)",
                 check_positive_seconds);
     add_seconds(app, "--every", options.every_s, "Leave out points less than so many seconds behind the last",

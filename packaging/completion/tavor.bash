@@ -6,10 +6,10 @@ _tavor_help() {
     "$@" --help 2>/dev/null | sed -n \
         -e '/^$/{x;s/.*//;x;}' \
         -e '/^ *Options:/{s/.*/o/;h;}' -e '/^Subcommands:/{s/.*/c/;h;}' -e '/^Positionals:/{s/.*/p/;h;}' \
-        -e '/^ \{2,4\}[-A-Za-z]/{s/^ *//;s/^-[^ ],--/--/;s/^\([^ {]*\)[^ ]*/\1/;s/^\([^ ]*\) \([^ ]*\).*/\1 \2/;s/ $//;G;s/^\(.*\)\n\([ocp]\)$/\2 \1/p;}'
+        -e '/^ \{2,4\}[-A-Za-z]/{s/^ *//;s/^-[^ ],--/--/;s/^\([^ {]*\)[^ ]*/\1/;s/^\([^ ]*\) \([^ ]*\).*/\1 \2/;s/ Excludes:$//;s/ $//;G;s/^\(.*\)\n\([ocp]\)$/\2 \1/p;}'
 }
 
-# Words for a value of the type, as the help text names it.
+# Words for a value of the type, as the help text names it; behind the name where it has a place.
 _tavor_value() {
     case $1 in
     *:{*}*)
@@ -17,7 +17,7 @@ _tavor_value() {
         choices=${choices%%\}*}
         COMPREPLY=($(compgen -W "${choices//,/ }" -- "$2"))
         ;;
-    FILE* | *:FILE* | PATH*)
+    FILE* | *[:\ ]FILE* | PATH*)
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$2")
         ;;
@@ -69,7 +69,7 @@ _tavor() {
         COMPREPLY=($(compgen -W "$(sed -n 's/^o \([^ ]*\).*/\1/p' <<<"$table")" -- "$cur"))
     else
         COMPREPLY=($(compgen -W "$(sed -n 's/^c //p' <<<"$table")" -- "$cur"))
-        [ ${#COMPREPLY[@]} -gt 0 ] || _tavor_value "$(sed -n 's/^p [^ ]* //p' <<<"$table" | sed -n "$((places + 1))p")" "$cur"
+        [ ${#COMPREPLY[@]} -gt 0 ] || _tavor_value "$(sed -n 's/^p //p' <<<"$table" | sed -n "$((places + 1))p")" "$cur"
     fi
 }
 

@@ -15,19 +15,20 @@ _tavor_help() {
             line=${line#"${line%%[^ ]*}"}
             name=${line%% *} rest=${line#"$name"} type=
             [[ $rest != ' '[^\ ]* ]] || { type=${${rest# }%% *}; rest=${rest#" $type"} }
+            [[ $type != Excludes: ]] || { type= rest=${${rest# }#* } }
             print -r -- "$kind:${${name#-?,}%%\{*}:${type//:/|}:${rest##( |REQUIRED|...)#}"
             ;;
         esac
     done
 }
 
-# Words for a value of the type, as the help text names it.
+# Words for a value of the type, as the help text names it; behind NAME: where it has a place.
 _tavor_value() {
     case $1 in
     *\{*\}*) _values value ${(s:,:)${1#*\{}%%\}*} ;;
-    FILE*|*\|FILE*|PATH*) _files ;;
+    FILE*|*[\|:]FILE*|PATH*) _files ;;
     DIR*) _files -/ ;;
-    *) _message "${1:-no value}" ;;
+    *) _message "${${1%%:*}:-no value}" ;;
     esac
 }
 
@@ -65,7 +66,7 @@ _tavor() {
     elif (($#commands)); then
         _describe command commands
     elif ((place <= $#places)); then
-        _tavor_value ${${places[place]#p:*:}%%:*}
+        _tavor_value ${${(M)places[place]##p:[^:]#:[^:]#}#p:}
     fi
 }
 

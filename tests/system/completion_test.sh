@@ -51,6 +51,9 @@ expect "tavorctl --timeout 3 sav" "save"           # an option's value is no com
 expect "tavorctl --timeout " ""                    # nor is it offered for a value
 expect "tavorctl debug " "off file serial tcp"
 expect "tavorctl start --wait=3 --fi" "--fix"
+expect "tavorctl record --append --st" "--stamps --stop" # no value follows an option that excludes another
+expect "tavorctl record --append $here/completion_test" "completion_test.sh"
+expect "tavorctl export --gpx $here/completion_test" "completion_test.sh"
 expect "tavorctl --socket $here/completion_test" "completion_test.sh"
 expect "tavor-board run --dir $here/../syst" "system"
 expect "tavor-board ctl --dir /tmp po" "power"
