@@ -2,6 +2,7 @@
 // process.
 #include "client/check.h"
 #include "client/host_lookup.h"
+#include "interpose/fail.h"
 
 #include "support/board_local.h"
 #include "support/capture.h"
@@ -9,6 +10,7 @@
 #include "support/private_dir.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -200,6 +202,18 @@ TEST_F(CheckDevices, DeviceThatRefusesOrIsMissingIsBad) {
     EXPECT_TRUE(holds(spi("SPI port path=/dev/null\n"), "/dev/null is no device of spidev"));
     EXPECT_TRUE(holds(spi("SPI port path=/dev/spidev7.7\n", true),
                       "bad       SPI device: /dev/spidev7.7 is not there"));
+}
+
+TEST_F(CheckDevices, DeviceOfAProgramThatLetsNobodyInNamesTheWayToIt) {
+    const Scene scene("SPI port path=/dev/spidev1.0\n");
+    interpose_fail("open", 1, EBUSY);
+    Findings findings;
+    check_spi(findings, scene.place, false);
+    interpose_fail_reset();
+    EXPECT_EQ(
+        finding_line(findings.at(0)),
+        "bad       SPI device: /dev/spidev1.0 is in use by a program that lets nobody else in; 'fuser -v "
+        "/dev/spidev1.0' names it: end it\n");
 }
 
 TEST_F(CheckDevices, NothingIsTriedOnTheDeviceOfADaemonThatRuns) {
