@@ -275,7 +275,7 @@ std::string suggestion(const std::string& word) {
 std::string parse_problem(const CLI::App& app, const CLI::ParseError& error) {
     const std::vector<std::string> rest =
         app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
-    if (rest.empty() || rest.front().empty() || rest.front().front() == '-') {
+    if (rest.empty() || rest.front().starts_with('-')) {
         return error.what();
     }
     return "no command is called '" + rest.front() + "'" + suggestion(rest.front());

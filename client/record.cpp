@@ -87,14 +87,21 @@ bool open_file(Recording& recording) {
     return options.append ? end_last_line(recording, status.st_size) : ftruncate(recording.fd, 0) == 0;
 }
 
+// A directory, a device or the like, which no option lets it replace.
+bool is_no_file(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 int report_unopened(Session& session, int error) {
     const std::string place = print_safe(session.options.file) + ": ";
-    if (error == EEXIST) {
+    const bool no_file = error == ENODEV || (error == EEXIST && is_no_file(session.options.file));
+    if (error == EEXIST && !no_file) {
         return session_fail(session, kExitIo,
                             place +
                                 "there is a file already; --append goes on behind it, --force replaces it");
     }
-    if (error == ENODEV) {
+    if (no_file) {
         return session_fail(session, kExitIo, place + "no regular file; '-' is standard output");
     }
     return session_fail(session, kExitIo, "cannot write " + place + strerror(error));

@@ -99,6 +99,15 @@ TEST(Record, StopsAtTheEndWhereAsked) {
     EXPECT_EQ(scene.daemon.types().back(), static_cast<uint32_t>(TAVOR_REQUEST_STOP));
 }
 
+TEST(Record, NoOptionIsNamedThatWouldNotHelpWithWhatIsNoFile) {
+    Scene scene;
+    for (const char* place : {"/tmp", "/dev/null"}) {
+        EXPECT_EQ(scene.run({"record", "--duration", "1", place}), 74);
+        EXPECT_EQ(scene.err,
+                  std::string("tavorctl: ") + place + ": no regular file; '-' is standard output\n");
+    }
+}
+
 TEST(Record, FileThatIsThereIsOnlyChangedOnDemand) {
     Scene scene;
     scene.directory.write("track", "before");

@@ -154,6 +154,7 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
 
 TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
     EXPECT_EQ(parse({"foo"}).err, "tavorctl: no command is called 'foo'; see 'tavorctl --help'\n");
+    EXPECT_EQ(parse({""}).err, "tavorctl: no command is called ''; see 'tavorctl --help'\n");
     for (const auto& [typed, meant] :
          {std::pair("strat", "start"),
           {"wach", "watch"},
