@@ -35,7 +35,7 @@ relay_log_has() { journalctl --quiet --no-pager -o cat -u tavor-relay | grep -qF
 # With another program in the same process the unit goes on: its start waits for the notice of its main process.
 relay_publishes() {
     relay_runs && relay_log_has "MQTT broker 127.0.0.1: Connection refused" &&
-        [ "$(readlink "/proc/$(systemctl show -P MainPID tavor-relay)/exe")" = /usr/libexec/tavor/tavor-relay-mqtt ]
+        [ "/proc/$(systemctl show -P MainPID tavor-relay)/exe" -ef /usr/libexec/tavor/tavor-relay-mqtt ]
 }
 
 # The files of an example in the manual, each behind a comment with its path: written as they stand there.
