@@ -316,7 +316,7 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     app.footer(footer());
     app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
     const char* const socket = getenv("TAVOR_SOCKET");
-    options.socket = socket != nullptr ? socket : connection_usual_path();
+    options.socket = socket != nullptr && *socket != '\0' ? socket : connection_usual_path();
     add_common(app, options);
     add_commands(app, options);
     const bool json =

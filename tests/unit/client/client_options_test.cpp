@@ -59,6 +59,8 @@ TEST(Options, EnvironmentReplacesTheDefaultSocketOnly) {
     setenv("TAVOR_SOCKET", "/from/environment", 1);
     EXPECT_EQ(parse({"stop"}).options.socket, "/from/environment");
     EXPECT_EQ(parse({"--socket", "/given", "stop"}).options.socket, "/given");
+    setenv("TAVOR_SOCKET", "", 1);
+    EXPECT_EQ(parse({"stop"}).options.socket, TAVOR_SOCKET_PATH) << "as if it were not set";
     unsetenv("TAVOR_SOCKET");
 }
 
