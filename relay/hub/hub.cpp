@@ -65,16 +65,7 @@ void hand_out_one() {
 }
 
 void on_hand_out(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    const auto began = std::chrono::steady_clock::now();
-    while (!state.items.empty()) {
-        hand_out_one();
-        if (std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
-            return event_arm(state.hand_out, std::chrono::milliseconds(0));
-        }
-    }
-    for (const HubRest& rest : state.rests) {
-        rest();
-    }
+    hub_hand_out();
 }
 
 } // namespace
@@ -108,10 +99,20 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     }
     make_room();
     count(*kind);
-    if (state.items.empty()) { // else it is armed already
-        event_arm(state.hand_out, std::chrono::milliseconds(0));
-    }
     state.items.push_back({*kind, datagram, arrived});
+}
+
+void hub_hand_out() {
+    const auto began = std::chrono::steady_clock::now();
+    while (!state.items.empty()) {
+        hand_out_one();
+        if (std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
+            return event_arm(state.hand_out, std::chrono::milliseconds(0));
+        }
+    }
+    for (const HubRest& rest : state.rests) {
+        rest();
+    }
 }
 
 std::string_view hub_text(const HubItem& item) {

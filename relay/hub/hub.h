@@ -70,8 +70,12 @@ void hub_take_behind(HubOutput output);
 // Registers what is to be called whenever all that was taken in has been handed out.
 void hub_take_rest(HubRest rest);
 
-// Takes in a datagram of the daemon that answers no request.
+// Takes in a datagram of the daemon that answers no request. hub_hand_out is to be called behind the last one
+// that is there.
 void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = std::nullopt);
+
+// Hands out what was taken in: for a turn of a millisecond, the rest in further turns of the loop.
+void hub_hand_out();
 
 // Text of an item up to its last byte that is not zero.
 std::string_view hub_text(const HubItem& item);

@@ -65,17 +65,14 @@ struct RelayChrony : testing::Test {
     RelayChrony() {
         loop.open(false);
         EXPECT_TRUE(chrony_open({.path = path, .second = kShortSecond}));
-        hub_take([this](const HubItem& /*unused*/) { ++handed_out; });
     }
     ~RelayChrony() override {
         chrony_close();
     }
 
-    // Puts a sentence and turns until it is handed out.
-    void put(const std::string& sentence, std::optional<HubTime> arrived) {
+    static void put(const std::string& sentence, std::optional<HubTime> arrived) {
         hub_put(relay_response(TAVOR_CODE_NMEA, 0, sentence), arrived);
-        const size_t before = handed_out;
-        ASSERT_TRUE(loop.until([&] { return handed_out > before; }));
+        hub_hand_out();
     }
     std::string log_of(const std::function<void()>& body) const {
         testing::internal::CaptureStdout();
@@ -84,7 +81,6 @@ struct RelayChrony : testing::Test {
     }
 
     RelayLoop loop;
-    size_t handed_out = 0;
     std::string path = (loop.directory.path / "chrony.sock").string();
 };
 

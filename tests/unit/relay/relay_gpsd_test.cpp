@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <netinet/in.h>
@@ -16,7 +18,6 @@
 #include <optional>
 #include <sstream>
 #include <sys/socket.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 #include <utility>
 
@@ -24,25 +25,20 @@ namespace {
 
 using Json = nlohmann::json;
 
-// A timer that was asked for and is not armed.
-struct HeldTimer {
-    int fd = -1;
-    itimerspec wait = {};
-};
-std::optional<HeldTimer> held_timer; // while timers are held
+std::function<void(const timespec&)> in_sleep; // is called in place of the next sleep
 
 const std::string kWatchJson = "?WATCH={\"enable\":true,\"json\":true};\n";
 const std::string kWatchNmea = "?WATCH={\"enable\":true,\"nmea\":true};\n";
 
 } // namespace
 
-extern "C" int __real_timerfd_settime(int fd, int flags, const itimerspec* wait, itimerspec* old);
-extern "C" int __wrap_timerfd_settime(int fd, int flags, const itimerspec* wait, itimerspec* old) {
-    if (held_timer) {
-        held_timer = HeldTimer{fd, *wait};
-        return 0;
+extern "C" int __real_nanosleep(const timespec* wait, timespec* left);
+extern "C" int __wrap_nanosleep(const timespec* wait, timespec* left) {
+    if (!in_sleep) {
+        return __real_nanosleep(wait, left);
     }
-    return __real_timerfd_settime(fd, flags, wait, old);
+    std::exchange(in_sleep, nullptr)(*wait);
+    return 0;
 }
 
 namespace {
@@ -380,14 +376,12 @@ TEST_F(RelayGpsd, WhatComesWithinHalfAMillisecondIsReadTogether) {
     ASSERT_TRUE(asked(peer, kWatchNmea, "\"WATCH\""));
     ASSERT_TRUE(watching(1));
     const unsigned before = peer.pieces();
-    held_timer = HeldTimer{};
+    in_sleep = [this](const timespec& wait) {
+        EXPECT_EQ(wait.tv_sec, 0);
+        EXPECT_EQ(wait.tv_nsec, 500000);
+        EXPECT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n")));
+    };
     ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNRMC\r\n")));
-    ASSERT_TRUE(loop.until([] { return held_timer->fd >= 0; }));
-    const HeldTimer held = *std::exchange(held_timer, std::nullopt);
-    EXPECT_EQ(held.wait.it_value.tv_sec, 0);
-    EXPECT_EQ(held.wait.it_value.tv_nsec, 500000);
-    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n")));
-    timerfd_settime(held.fd, 0, &held.wait, nullptr);
     ASSERT_TRUE(gets(peer, "$GNRMC\r\n$GNGGA\r\n"));
     EXPECT_EQ(peer.pieces() - before, 1U);
 }
