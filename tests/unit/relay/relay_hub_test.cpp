@@ -28,6 +28,7 @@ TEST_F(RelayHub, HandsOutInOrderToEveryOutput) {
     hub_put(relay_response(TAVOR_CODE_ASSIST_RESULT, 0));
     EXPECT_TRUE(got.empty());
     hub_hand_out();
+    ASSERT_TRUE(loop.until([&] { return kinds.size() == 4; }));
     EXPECT_EQ(got, (std::vector<std::string>{"121530.00", "$GNGGA\r\n", "$PZUL\r\n", ""}));
     EXPECT_EQ(kinds, (std::vector<HubKind>{HubKind::kPosition, HubKind::kSentence, HubKind::kChip,
                                            HubKind::kAssistance}));
@@ -51,6 +52,7 @@ TEST_F(RelayHub, CallsBehindTheLastItemOnly) {
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "one"));
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));
     hub_hand_out();
+    ASSERT_TRUE(loop.until([&] { return got.size() >= 3; }));
     EXPECT_EQ(got, (std::vector<std::string>{"one", "two", "rest"}));
 }
 
