@@ -215,6 +215,9 @@ void gnss_reader_take(GnssReader& reader, std::string_view text,
 
 void gnss_reader_forget(GnssReader& reader) {
     GnssReader next;
-    next.last_key = reader.keys.empty() ? reader.last_key : reader.keys.back();
+    next.last_key = reader.last_key; // unless it is not known yet: this epoch may be cut
+    if (reader.last_key.empty() && !reader.keys.empty()) {
+        next.last_key = reader.keys.back();
+    }
     reader = std::move(next);
 }

@@ -136,6 +136,17 @@ TEST_F(RelayGnss, WhatIsForgottenIsNotToldAndTheNextEpochEndsWhereTheLastOneDid)
     EXPECT_FALSE(told[1].hdop);
 }
 
+TEST_F(RelayGnss, AnEpochThatWasCutAndForgottenTellsNoEnd) {
+    take_epoch("120000.00");
+    take_epoch("120001.00");
+    ASSERT_EQ(told.size(), 2U);
+    take("$GNRMC,120002.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
+    gnss_reader_forget(reader);
+    take_epoch("120100.00");
+    ASSERT_EQ(told.size(), 3U);
+    EXPECT_TRUE(told[2].altitude && told[2].hdop && told[2].errors);
+}
+
 TEST_F(RelayGnss, AGsaOfASystemWithoutAFixTellsNoDops) {
     take("$GNRMC,120000.00,A,4807.038,N,01131.000,E,10.0,84.4,230394,,,A,V");
     take("$GPGSA,A,3,04,05,,,,,,,,,,,2.5,1.3,2.1");
