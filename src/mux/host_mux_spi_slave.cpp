@@ -171,7 +171,7 @@ int32_t portable_HOST_SPI_MASTER_QUERY_SLAVE_STATUS_WITH_RETRY(uint32_t bus, uin
     const Poll poll = query(bus, mask, expected);
     if (poll == Poll::kNeedsPowerCycle) {
         HostMuxPause pause;
-        power_cycle(bus, 0, &pause);
+        power_cycle(bus, 1, &pause);
     }
     return poll == Poll::kReached ? 0 : 1;
 }

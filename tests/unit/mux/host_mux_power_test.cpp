@@ -105,6 +105,24 @@ TEST_F(HostMuxPower, ErrorStatusIsClearedAndTheSlaveReset) {
                              {"portable_HAL_SPI_POWER_ON_WITHOUT_COUNTER success!!!\r"}}));
 }
 
+TEST_F(HostMuxPower, ErrorOfTheSlaveBeingResetBringsAnotherReset) {
+    answer_with(0x09, 2);
+    EXPECT_EQ(query(0x04, 0x04), 1);
+    EXPECT_EQ(slave.frames, Frames({kStatusFrame,
+                                    {0x08, 0x09},
+                                    kOffFrame,
+                                    kStatusFrame,
+                                    {0x08, 0x09},
+                                    kOffFrame,
+                                    kStatusFrame,
+                                    kOnFrame,
+                                    kStatusFrame,
+                                    kOffFrame,
+                                    kStatusFrame,
+                                    kOnFrame,
+                                    kStatusFrame}));
+}
+
 TEST_F(HostMuxPower, ErrorThatCanNotBeClearedResetsNothing) {
     answer_with(0x09, 1);
     slave.failing_transfer = 2;
