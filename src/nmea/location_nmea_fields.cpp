@@ -15,7 +15,8 @@ bool is_letter(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-// Kept: a lower-case letter counts as more than 15. None gets here: the framing takes upper-case digits only.
+// Kept: a lower-case letter counts as more than 15. None gets here from a sentence with room for all its
+// fields: the framing takes upper-case digits only.
 int32_t hex_value(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';

@@ -136,8 +136,8 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
     return sent;
 }
 
-// A removed queue took its messages along: what they announced is over. Nobody else announces meanwhile: only
-// a stop closes the bus, on this thread.
+// A removed queue took its messages along: what they announced is over. A stop that is just being sent may
+// lose its announcement; it is handled in its turn then.
 void make_again() {
     while (stop_request_withdraw()) {
     }
