@@ -1,5 +1,7 @@
 // Replaced functions that shells and the tools of scripts take besides, so that these can drive the board's
-// lines: redirection, and copying within the kernel.
+// lines: redirection, and copying within the kernel. Not followed are copies by fcntl(), with which a shell
+// whose own output is a node (exec >node) redirects single commands, and what a program that is redirected to
+// a node writes through the C library's streams.
 #include "interpose/backend.h"
 #include "interpose/real.h"
 #include "interpose/remote.h"

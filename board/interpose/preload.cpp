@@ -43,6 +43,7 @@ __attribute__((constructor)) void preload_start() {
     if (directory == nullptr || *directory != '/' || !remote_set_server(directory)) {
         refuse(directory);
     }
+    remote_take_redirections();
     interpose_set_root(directory);
     interpose_use_clock(map_clock(directory));
     interpose_make_timers(true); // the board's clock may be changed at any time

@@ -26,9 +26,10 @@ constexpr int kMostDescriptors = 4096;
 
 // Usable before any constructor has run.
 struct RemoteState {
-    std::array<std::atomic<bool>, kMostDescriptors> owned;
-    sockaddr_un server;
-} state;
+    std::array<std::atomic<bool>, kMostDescriptors> owned = {};
+    sockaddr_un server = {};
+};
+constinit RemoteState state;
 
 struct Piece {
     void* data;
@@ -213,6 +214,16 @@ bool remote_set_server(const char* directory) {
     const int length =
         snprintf(state.server.sun_path, sizeof state.server.sun_path, "%s/%s", directory, kWireSocketName);
     return length > 0 && static_cast<size_t>(length) < sizeof state.server.sun_path;
+}
+
+void remote_take_redirections() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        sockaddr_un peer = {};
+        socklen_t length = sizeof peer;
+        state.owned[static_cast<size_t>(fd)] =
+            getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            strncmp(peer.sun_path, state.server.sun_path, sizeof peer.sun_path) == 0;
+    }
 }
 
 int backend_open(const char* path, int flags) {

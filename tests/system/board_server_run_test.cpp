@@ -112,6 +112,18 @@ TEST(BoardRun, AShellDrivesTheLines) {
     EXPECT_EQ(board.ctl({"power"}), "on\n");
 }
 
+TEST(BoardRun, AProgramOfAShellDrivesTheLinesItIsRedirectedTo) {
+    const SimulatedBoard board;
+    const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-c",
+                                   "echo 17 >/sys/class/gpio/export && "
+                                   "echo out >/sys/class/gpio/gpio17/direction && "
+                                   "echo 1 | timeout 20 cat >/sys/class/gpio/gpio17/value && "
+                                   "timeout 20 cat </sys/class/gpio/gpio17/value"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "1\n");
+    EXPECT_EQ(board.ctl({"power"}), "on\n");
+}
+
 TEST(BoardRun, TheConfigurationFollowsTheOptions) {
     const RunResult result =
         run_probe({"files"}, {"--spi-path", "/dev/spidev3.1", "--power-gpio", "5", "--conf",
