@@ -35,6 +35,11 @@ starts_once() {
     local before=$(daemon_pid)
     init_script start && [ "$(pidof tavor)" = "$before" ]
 }
+second_leaves_it_alone() {
+    tavor >/dev/null
+    EXIT_STATUS=$? /usr/libexec/tavor/tavor-service stopped
+    power_is on && answers
+}
 syslog_lines() { journalctl --quiet --no-pager -o cat -t tavor | grep -c LOCSERV; }
 comes_again() {
     local before=$(daemon_pid)
@@ -65,6 +70,7 @@ initd() {
     check "init script: a member of the group gets a position" position_of_member
     check "init script: the chip has power" power_is on
     check "init script: a second start leaves the daemon alone" starts_once
+    check "a second daemon, which ends: the chip keeps its power, the first one answers" second_leaves_it_alone
     check "init script: the log is in syslog" wait_for 10 eval '[ "$(syslog_lines)" -gt 0 ]'
     check "init script: a daemon that has crashed comes again" comes_again
     check "crashed: the chip has no power" power_is off
