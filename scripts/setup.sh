@@ -25,7 +25,7 @@ peers=(
 )
 containers=(build-essential debootstrap systemd-container debhelper dpkg-dev lintian)
 programs=(cmake ninja clang-format clang-tidy) # of all these packages, where they have other names
-peer_programs=(gpsd cgps chronyd mosquitto prometheus tmux zsh xmllint)
+peer_programs=(gpsd cgps mosquitto prometheus tmux zsh xmllint) # chronyd only where nothing else keeps the time
 container_programs=(debootstrap systemd-nspawn dpkg-buildpackage dh lintian)
 services=(chrony mosquitto gpsd prometheus) # of those that bring one
 policy=/usr/sbin/policy-rc.d
