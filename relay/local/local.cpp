@@ -18,9 +18,6 @@ namespace {
 constexpr int kReadsMax = 64; // at a time: others get their turn
 constexpr std::chrono::milliseconds kRetry{20};
 constexpr int kLookS = 10;
-// Of a second, between looks at who has read: no part of an epoch's length, so that they don't all meet the
-// burst that a client is just reading.
-constexpr int kAuditPercent = 17;
 constexpr int kOpenRequestsMax = 16; // of one client
 constexpr size_t kClientsMax = 1024; // of all users but root
 constexpr size_t kPlacesForFew = 24; // the last ones: for users who have fewer than these clients
@@ -33,7 +30,6 @@ struct LocalState {
     EventPtr readable;
     EventPtr retry;
     EventPtr look;
-    EventPtr audit;
     Seldom refusals;
     Seldom too_many;
     std::unordered_map<uid_t, int> open_requests; // by user
@@ -48,23 +44,10 @@ tavor_response result_of(uint32_t code, uint32_t value) {
     return response;
 }
 
-void arm_unless_pending(const EventPtr& timer, std::chrono::milliseconds time) {
-    if (event_pending(timer.get(), EV_TIMEOUT, nullptr) == 0) {
-        event_arm(timer, time);
-    }
-}
-
-void arm_audit() {
-    arm_unless_pending(state.audit, kAuditPercent * state.settings.second / 100);
-}
-
 // Forgets who is gone, and tries again soon where something waits.
 void settle() {
-    if (local_clients_tidy()) {
-        arm_unless_pending(state.retry, kRetry);
-    }
-    if (local_clients_audit_due()) {
-        arm_audit();
+    if (local_clients_tidy() && event_pending(state.retry.get(), EV_TIMEOUT, nullptr) == 0) {
+        event_arm(state.retry, kRetry);
     }
 }
 
@@ -176,7 +159,7 @@ void turn_away(const LocalRequest& received) {
                *more);
     }
     if (const auto code = upstream_requests_code(received.request.type)) {
-        local_socket_send(state.settings.fd, received.address, result_of(*code, TAVOR_VALUE_FAILED));
+        local_clients_send_other(received.address, result_of(*code, TAVOR_VALUE_FAILED));
     }
 }
 
@@ -226,12 +209,6 @@ void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     settle();
 }
 
-void on_audit(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    if (local_clients_audit()) {
-        arm_audit();
-    }
-}
-
 unsigned gets_of(HubKind kind) {
     switch (kind) {
     case HubKind::kChip:
@@ -252,7 +229,6 @@ void local_open(event_base* base, const LocalSettings& settings) {
     state.readable.reset(event_new(base, settings.fd, EV_READ | EV_PERSIST, on_readable, nullptr));
     state.retry.reset(event_new(base, -1, 0, on_retry, nullptr));
     state.look.reset(event_new(base, -1, EV_PERSIST, on_look, nullptr));
-    state.audit.reset(event_new(base, -1, 0, on_audit, nullptr));
     event_add(state.readable.get(), nullptr);
     event_arm(state.look, kLookS * settings.second);
     hub_take([](const HubItem& item) {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <sys/socket.h>
 #include <unordered_map>
 
@@ -15,17 +16,16 @@ namespace {
 constexpr size_t kSentencesMax = 64;
 constexpr int kResultsMax = 16;
 constexpr int kPatienceS = 30;
-constexpr int kMuchShare = 4; // much is unread: a quarter of the send buffer
-constexpr int kUnreadMax =
-    256; // of one client while much is unread: two seconds of the usual ten epochs each
+constexpr int kMuchShare = 4;  // much is unread: a quarter of the send buffer
+constexpr int kUnreadMax = 64; // of one client while much is unread
+constexpr int kCharge = 1280;  // bytes that the kernel charges for a datagram
 
 struct ClientsState {
     int fd = -1;
     std::chrono::milliseconds second{1000};
     uint64_t last_id = 0;
-    int much_unread = 0; // bytes
-    bool much = false;
-    bool some_paused = false;
+    int buffer = 0; // bytes
+    int unread = 0; // bytes, at most: as the kernel said last, and what was sent since
     Seldom let_go;
     std::unordered_map<std::string, LocalClient> clients; // by address
 };
@@ -65,16 +65,34 @@ void keep(LocalClient& client, const tavor_response& response) {
     client.waiting.push_back(response);
 }
 
-bool is_paused(const LocalClient& client) {
-    return client.unread >= kUnreadMax;
+// Whether a quarter of the send buffer is unread. The kernel is asked only when it may be so.
+bool much_unread() {
+    if (state.unread > state.buffer / kMuchShare) {
+        state.unread = local_unread_bytes(state.fd);
+    }
+    return state.unread > state.buffer / kMuchShare;
+}
+
+LocalSent send_charged(const std::string& address, const tavor_response& response) {
+    const LocalSent result = local_socket_send(state.fd, address, response);
+    state.unread += result == LocalSent::kDone ? kCharge : 0;
+    return result;
+}
+
+// Of one client: its part of the room that is left now, so that those who come one after the other take less
+// and less.
+int share() {
+    const int room = (state.buffer - state.unread) / kCharge;
+    return std::clamp(room / static_cast<int>(state.clients.size()), 1, kUnreadMax);
 }
 
 LocalSent send_now(LocalClient& client, const tavor_response& response) {
-    if (is_paused(client)) {
+    const bool much = much_unread();
+    if (much && client.unread >= share()) {
         return LocalSent::kFull;
     }
-    const LocalSent result = local_socket_send(state.fd, client.address, response);
-    client.unread += state.much && result == LocalSent::kDone ? 1 : 0;
+    const LocalSent result = send_charged(client.address, response);
+    client.unread += much && result == LocalSent::kDone ? 1 : 0;
     return result;
 }
 
@@ -105,8 +123,27 @@ void want(int change) {
     positioning_want(change);
 }
 
+// Whether nothing is to come for it, and it holds nothing that counts: who leaves without reading, to come
+// again at another address, would hold more each time.
 bool is_over(const LocalClient& client) {
-    return client.gone || (client.gets == 0 && client.open_requests == 0 && client.waiting.empty());
+    const bool awaits = client.gets != 0 || client.open_requests != 0 || !client.waiting.empty();
+    return client.unread == 0 && (client.gone || !awaits);
+}
+
+void audit() {
+    const bool counts = much_unread() && std::any_of(state.clients.begin(), state.clients.end(),
+                                                     [](const auto& one) { return one.second.unread > 0; });
+    const auto unread = counts ? local_unread_addresses() : std::nullopt;
+    for (auto& [address, client] : state.clients) {
+        client.unread = unread && unread->count(address) > 0 ? client.unread : 0;
+    }
+}
+
+void leave(LocalClient& client) {
+    local_clients_unsubscribe(client, ~0U);
+    client.waiting.clear();
+    client.waiting.shrink_to_fit();
+    client.results = 0;
 }
 
 } // namespace
@@ -115,10 +152,8 @@ void local_clients_open(int fd, std::chrono::milliseconds second) {
     state = {};
     state.fd = fd;
     state.second = second;
-    int buffer = 0;
-    socklen_t size = sizeof buffer;
-    getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buffer, &size);
-    state.much_unread = buffer / kMuchShare;
+    socklen_t size = sizeof state.buffer;
+    getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &state.buffer, &size);
 }
 
 void local_clients_close() {
@@ -127,11 +162,12 @@ void local_clients_close() {
 
 LocalClient& local_clients_of(const std::string& address, uid_t user) {
     LocalClient& client = state.clients[address];
-    if (client.id == 0) {
+    if (client.id == 0 || client.gone) { // what it has left unread still counts
+        client.gone = false;
+        client.open_requests = 0;
         client.address = address;
         client.user = user;
         client.id = ++state.last_id;
-        client.unread = state.much ? kUnreadMax : 0; // it may have been let go just now
     }
     return client;
 }
@@ -161,6 +197,12 @@ void local_clients_unsubscribe(LocalClient& client, unsigned gets) {
     }
 }
 
+void local_clients_send_other(const std::string& address, const tavor_response& response) {
+    if (!much_unread()) {
+        send_charged(address, response);
+    }
+}
+
 void local_clients_send(LocalClient& client, const tavor_response& response) {
     if (client.gone) {
         return;
@@ -181,6 +223,7 @@ void local_clients_send_all(unsigned gets, const tavor_response& response) {
 }
 
 void local_clients_retry() {
+    audit();
     for (auto& [address, client] : state.clients) {
         if (!client.waiting.empty()) {
             send_waiting(client);
@@ -188,25 +231,8 @@ void local_clients_retry() {
     }
 }
 
-bool local_clients_audit_due() {
-    state.much = state.much || local_unread_bytes(state.fd) > state.much_unread;
-    return state.much || state.some_paused;
-}
-
-bool local_clients_audit() {
-    state.much = local_unread_bytes(state.fd) > state.much_unread;
-    const auto unread = state.much || state.some_paused ? local_unread_addresses() : std::nullopt;
-    state.some_paused = false;
-    for (auto& [address, client] : state.clients) {
-        const bool counts = state.much || is_paused(client);
-        const bool found = counts && unread && unread->count(address) > 0;
-        client.unread = found ? client.unread : 0;
-        state.some_paused = state.some_paused || is_paused(client);
-    }
-    return state.much || state.some_paused;
-}
-
 void local_clients_look() {
+    audit();
     for (auto& [address, client] : state.clients) {
         client.gone = client.gone || local_socket_is_gone(address);
     }
@@ -215,13 +241,11 @@ void local_clients_look() {
 bool local_clients_tidy() {
     bool some_wait = false;
     for (auto one = state.clients.begin(); one != state.clients.end();) {
-        if (is_over(one->second)) {
-            local_clients_unsubscribe(one->second, ~0U);
-            one = state.clients.erase(one);
-        } else {
-            some_wait = some_wait || !one->second.waiting.empty();
-            ++one;
+        if (one->second.gone) {
+            leave(one->second);
         }
+        some_wait = some_wait || !one->second.waiting.empty();
+        one = is_over(one->second) ? state.clients.erase(one) : std::next(one);
     }
     return some_wait;
 }

@@ -1,9 +1,13 @@
 // The local clients: who they are, what they get, and what waits for them.
 //
-// For a client that does not read (its socket is full, or it has left 256 datagrams unread while much is
-// unread in all) 64 sentences, also of the chip, and positions wait, then the oldest is dropped. Results are
-// never dropped: with the 17th that waits a client is let go, as is one that has taken nothing for 30 seconds
-// while something waits.
+// For a client that does not read (its socket is full, or it has left its share unread while much is unread
+// in all) 64 sentences, also of the chip, and positions wait, then the oldest is dropped. Results are never
+// dropped: with the 17th that waits a client is let go, as is one that has taken nothing for 30 seconds while
+// something waits. Who is let go or has left keeps its place until it is found with all of its share read.
+//
+// What silent clients hold together stays below the send buffer: while a quarter of it is unread, a client is
+// sent one more than the n that it has left unread only while there is room for n + 1 more of every client
+// (64 at most). The one exception: who has read all gets one, as long as there is any room.
 #ifndef TAVOR_RELAY_LOCAL_CLIENTS_H
 #define TAVOR_RELAY_LOCAL_CLIENTS_H
 
@@ -25,9 +29,9 @@ struct LocalClient {
     uint64_t id = 0; // never given to another
     uid_t user = 0;  // who has taken the place
     unsigned gets = 0;
-    int open_requests = 0; // without a result
-    int results = 0;       // of what waits
-    bool gone = false;
+    int open_requests = 0;               // without a result
+    int results = 0;                     // of what waits
+    bool gone = false;                   // has left or was let go: gets nothing more, unless it asks again
     int unread = 0;                      // sent while much is unread, since it was found with all read
     RelayClock::time_point taken;        // the latest datagram that it took or that waited first
     std::vector<tavor_response> waiting; // the oldest first
@@ -48,24 +52,21 @@ LocalClient* local_clients_find(const std::string& address, uint64_t id);
 void local_clients_subscribe(LocalClient& client, unsigned gets);
 void local_clients_unsubscribe(LocalClient& client, unsigned gets);
 
+// Sends a datagram to who is no client; not while much is unread, as what it leaves unread is not counted.
+void local_clients_send_other(const std::string& address, const tavor_response& response);
+
 // Sends a datagram to one client, or to all that get it. Those that are gone are noticed here.
 void local_clients_send(LocalClient& client, const tavor_response& response);
 void local_clients_send_all(unsigned gets, const tavor_response& response);
 
-// Sends what waits.
+// Looks who has read all, and sends what waits.
 void local_clients_retry();
 
-// Whether much is unread, or somebody is sent nothing until all is read.
-bool local_clients_audit_due();
-
-// Looks who has read all. Returns whether to look again soon.
-bool local_clients_audit();
-
-// Notices those that are gone without a datagram.
+// Looks who has read all, and notices those that are gone without a datagram.
 void local_clients_look();
 
-// Forgets those that are gone, and those that get nothing and have nothing to come. References to clients end
-// here. Returns whether something waits for one of the others.
+// Forgets those that are gone, and those that get nothing, have nothing to come and have left none of their
+// share unread. References to clients end here. Returns whether something waits for one of the others.
 bool local_clients_tidy();
 
 size_t local_clients_count();

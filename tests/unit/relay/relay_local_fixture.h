@@ -3,12 +3,14 @@
 #define TAVOR_TESTS_RELAY_LOCAL_FIXTURE_H
 
 #include "hub/hub.h"
+#include "local/local_clients.h"
 #include "support/relay_loop.h"
 
 #include <chrono>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,6 +39,13 @@ struct RelayLocal : testing::Test {
     }
     std::string unique(const std::string& name) const {
         return name + std::to_string(getpid());
+    }
+    // As the relay knows a client of that name.
+    LocalClient& known(const std::string& name) const {
+        const uint16_t family = AF_UNIX;
+        return local_clients_of(std::string(reinterpret_cast<const char*>(&family), sizeof family) +
+                                    abstract_address(unique(name)),
+                                geteuid());
     }
     // Turns until the client has an answer of the code.
     bool answered(PlayedClient& one, uint32_t code) const {
