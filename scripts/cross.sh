@@ -25,7 +25,7 @@ answer_limit_s=60 # of one program under the emulator
 # serial line above 460800, and tells late that a program isn't there.
 not_emulated='SocketServerTest\.FiveClientsMayWaitToBeAccepted|RelayMqtt\.AnEndlessPacketIsCutOff'
 not_emulated+='|RelayGpsd\.WhatComes(TogetherGoesToAClientInOnePiece|WithinHalfAMillisecondIsReadTogether)'
-not_emulated+='|RelaySlowClient\.'
+not_emulated+='|Relay(SlowClient|SilentClients|Flood)\.'
 not_emulated+='|LocationUart\.EachKnownRateIsSetAndAnyOtherIs115200'
 not_emulated+='|ToolOutput\.IsReadWithinItsLimitAndTheProgramIsEnded'
 
