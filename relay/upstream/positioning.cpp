@@ -14,7 +14,8 @@ namespace {
 
 constexpr int kSilenceS = 5;
 constexpr int kSilenceMaxS = 60;
-constexpr int kRetryS = 5; // after a start that failed
+constexpr int kRetryS = 5;                                               // after a start that failed
+constexpr RelayClock::time_point kNever = RelayClock::time_point::min(); // the clock begins with the system
 
 using Askers = std::shared_ptr<std::vector<UpstreamAnswer>>;
 
@@ -26,14 +27,14 @@ struct PositioningState {
     PositioningSettings settings;
     int wants = 0;
     bool on = false;
-    bool left_on = false;         // maybe, by a relay before or a request that failed
-    bool held_off = false;        // by a stop for all
-    bool starting = false;        // a start waits or is out, behind all that ends positioning
-    int stopping = 0;             // stops and downloads that wait or are out
-    int downloads = 0;            // of these: downloads
-    Askers askers = no_askers();  // of the start that waits or is out, or of the one to come behind them
-    RelayClock::time_point tried; // the latest start
-    int silence_s = kSilenceS;    // after which the output is taken back
+    bool left_on = false;        // maybe, by a relay before or a request that failed
+    bool held_off = false;       // by a stop for all
+    bool starting = false;       // a start waits or is out, behind all that ends positioning
+    int stopping = 0;            // stops and downloads that wait or are out
+    int downloads = 0;           // of these: downloads
+    Askers askers = no_askers(); // of the start that waits or is out, or of the one to come behind them
+    RelayClock::time_point tried = kNever; // the latest start
+    int silence_s = kSilenceS;             // after which the output is taken back
     Seldom failures;
     EventPtr look;
     EventPtr delayed_stop;
@@ -106,7 +107,7 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
         state.downloads -= download;
         state.left_on = value != 0 && upstream_connected();
         state.on = state.left_on && download == 0 && state.downloads == 0;
-        state.tried = {};
+        state.tried = kNever;
         answer(value);
         if (!state.askers->empty()) {
             start();
@@ -123,7 +124,7 @@ void on_delayed_stop(evutil_socket_t /*unused*/, short /*unused*/, void* /*unuse
 
 void evaluate() {
     const bool wanted = is_wanted();
-    const bool may_retry = RelayClock::now() - state.tried >= seconds(kRetryS);
+    const bool may_retry = RelayClock::now() >= state.tried + seconds(kRetryS);
     if (wanted) {
         event_del(state.delayed_stop.get());
     }
@@ -159,7 +160,7 @@ void on_daemon(bool connected) {
     state.on = false;
     state.left_on = state.left_on && connected;
     if (connected) {
-        state.tried = {};
+        state.tried = kNever;
         state.silence_s = kSilenceS;
         evaluate();
     }

@@ -8,6 +8,9 @@
 
 namespace {
 
+// As a second: nothing is tried again in the test. Five of it are longer than machines are up.
+constexpr std::chrono::seconds kEndless{1000000};
+
 struct RelayPositioning : testing::Test {
     size_t starts() const {
         return loop.daemon->count(TAVOR_REQUEST_START);
@@ -202,7 +205,7 @@ TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
 }
 
 TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.start_daemon();
     loop.daemon->answers = false;
     loop.open(false);
@@ -223,7 +226,7 @@ TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
 }
 
 TEST_F(RelayPositioning, AStartInFrontOfAStopIsAnsweredFirstAndNotRepeated) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.start_daemon();
     loop.open(false, std::chrono::seconds(1000));
     ASSERT_TRUE(loop.until(upstream_connected));
@@ -238,7 +241,7 @@ TEST_F(RelayPositioning, AStartInFrontOfAStopIsAnsweredFirstAndNotRepeated) {
 }
 
 TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.start_daemon();
     loop.open(false, std::chrono::seconds(1000));
     ASSERT_TRUE(loop.until(upstream_connected));
@@ -253,7 +256,7 @@ TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
 }
 
 TEST_F(RelayPositioning, AStopThatComesWithACommandGoesOutWithIt) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.start_daemon();
     loop.open(false);
     ASSERT_TRUE(loop.until(upstream_connected));
@@ -264,7 +267,7 @@ TEST_F(RelayPositioning, AStopThatComesWithACommandGoesOutWithIt) {
 }
 
 TEST_F(RelayPositioning, WhoComesWhileAStopIsOutNeedNotWait) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.start_daemon();
     loop.open(true);
     ASSERT_TRUE(loop.until(positioning_is_on));
@@ -295,7 +298,7 @@ TEST_F(RelayPositioning, AFailedStartIsToldAndTriedAgain) {
 }
 
 TEST_F(RelayPositioning, WhoAsksStartOnAndOnInVainDoesNotFillTheLog) {
-    loop.second = std::chrono::seconds(1000); // nothing is tried again in this test
+    loop.second = kEndless;
     loop.open(false);
     loop.start_daemon();
     loop.daemon->value = TAVOR_VALUE_FAILED;
