@@ -61,7 +61,8 @@ void tell_watchers() {
     }
 }
 
-// What has come before the socket was connected may be anybody's; of the daemon nothing was asked yet.
+// What has come before the socket was connected may be anybody's; of the daemon nothing was asked yet. Now
+// that it is connected the kernel lets nobody else send.
 void drop_unread() {
     char byte = 0;
     while (recv(state.fd, &byte, sizeof byte, MSG_DONTWAIT) >= 0) {
@@ -72,6 +73,7 @@ void drop_unread() {
 void found() {
     printf("tavor-relay: the daemon is there\n");
     drop_unread();
+    event_add(state.readable.get(), nullptr);
     hub_counters().daemon_restarts += state.was_connected ? 1 : 0;
     state.connected = true;
     state.was_connected = true;
@@ -84,6 +86,7 @@ void lost() {
         return;
     }
     printf("tavor-relay: the daemon is gone\n");
+    event_del(state.readable.get());
     state.connected = false;
     upstream_requests_lost();
     tell_watchers();
@@ -108,8 +111,7 @@ std::optional<HubTime> good_arrival(HubTime arrived, HubTime now) {
 }
 
 void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime now) {
-    // Until the socket is connected to the daemon everybody may send to it.
-    if (!state.connected || size != sizeof datagram) {
+    if (size != sizeof datagram) {
         ++hub_counters().malformed;
         return;
     }
@@ -209,7 +211,6 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     upstream_requests_open(settings.second);
     state.readable = make_event(state.fd, EV_READ | EV_PERSIST, on_readable);
     event_priority_set(state.readable.get(), kPriorityUpstream);
-    event_add(state.readable.get(), nullptr);
     state.look = make_event(-1, EV_PERSIST, on_look);
     event_arm(state.look, settings.second / kLooks);
     state.send = make_event(-1, 0, on_send);
