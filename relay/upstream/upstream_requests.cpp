@@ -94,19 +94,30 @@ bool is_answer(const std::optional<Waiting>& out, const tavor_response& datagram
     return out && out->row->code == datagram.code && !chip_sentence;
 }
 
+bool is_stop(const Waiting& request) {
+    return request.row->type == TAVOR_REQUEST_STOP;
+}
+
 // The request whose turn it is; the end when it is nobody's.
 std::deque<Waiting>::iterator next_one() {
     if (state.stop) {
         return state.waiting.end();
     }
-    if (!state.out) {
-        return state.waiting.begin();
+    return state.out ? std::find_if(state.waiting.begin(), state.waiting.end(), is_stop)
+                     : state.waiting.begin();
+}
+
+// Takes the starts out of the queue that a stop has passed: behind it they would undo it.
+std::vector<Waiting> take_starts(ptrdiff_t passed) {
+    std::vector<Waiting> starts;
+    for (auto one = state.waiting.begin(); passed > 0; --passed) {
+        const bool is_start = one->row->type == TAVOR_REQUEST_START;
+        if (is_start) {
+            starts.push_back(std::move(*one));
+        }
+        one = is_start ? state.waiting.erase(one) : one + 1;
     }
-    const auto one = std::find_if(state.waiting.begin(), state.waiting.end(), [](const Waiting& waiting) {
-        return waiting.row->type == TAVOR_REQUEST_START || waiting.row->type == TAVOR_REQUEST_STOP;
-    });
-    const bool is_stop = one != state.waiting.end() && one->row->type == TAVOR_REQUEST_STOP;
-    return is_stop ? one : state.waiting.end();
+    return starts;
 }
 
 } // namespace
@@ -142,9 +153,13 @@ const tavor_request* upstream_requests_next() {
 
 void upstream_requests_sent() {
     const auto one = next_one();
+    const auto passed = one - state.waiting.begin();
     one->since = RelayClock::now();
-    (one->row->type == TAVOR_REQUEST_STOP ? state.stop : state.out) = std::move(*one);
+    (is_stop(*one) ? state.stop : state.out) = std::move(*one);
     state.waiting.erase(one);
+    for (Waiting& start : take_starts(passed)) {
+        tell(start, TAVOR_VALUE_FAILED);
+    }
 }
 
 bool upstream_requests_answered(const tavor_response& datagram) {

@@ -1,8 +1,9 @@
 // The requests to the daemon: one is out at a time, so each answer has one asker.
 //
 // A stop does not wait for that: the daemon ends a command that hangs only for a stop that it knows of. It
-// goes out beside what is out, before what waits but behind a start, one stop at a time; the next request
-// follows its answer. No other request is answered with its code, so its answer is not taken for another.
+// goes out beside what is out and before what waits, one stop at a time; the next request follows its answer.
+// A start that it passes is answered with failure: behind the stop it would undo it. No other request is
+// answered with its code, so its answer is not taken for another.
 //
 // 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as
 // long as the limit of its kind; then it is answered with failure. The one that is out stays out for as long

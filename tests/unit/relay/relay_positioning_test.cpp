@@ -377,6 +377,26 @@ TEST_F(RelayPositioning, AStopWithoutTheRightEndsNoDownload) {
     ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
 }
 
+TEST_F(RelayPositioning, AStopForAllEndsADownloadAtOnceAlsoBehindAStart) {
+    loop.second = kEndless;
+    loop.start_daemon();
+    loop.open(false);
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    positioning_download([](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    std::vector<std::string> told;
+    positioning_start([&](uint32_t value) { told.emplace_back(value == 0 ? "on" : "not on"); });
+    positioning_stop(true, [&](uint32_t /*unused*/) { told.emplace_back("off"); });
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, TAVOR_VALUE_FAILED));
+    loop.daemon->send(relay_response(TAVOR_CODE_STOP, 0));
+    ASSERT_TRUE(loop.until([&] { return told.size() == 2; }));
+    EXPECT_EQ(told, (std::vector<std::string>{"not on", "off"}));
+    EXPECT_EQ(starts(), 0U);
+    EXPECT_FALSE(positioning_is_on());
+}
+
 TEST_F(RelayPositioning, ADownloadThatIsNotTakenLeavesTheStopToCome) {
     loop.open(false, std::chrono::milliseconds(100));
     loop.start_daemon();

@@ -122,17 +122,37 @@ TEST_F(RelayRequests, AStopGoesOutBesideWhatHangsAndBeforeWhatWaits) {
     ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_SAVE_LOCATION);
 }
 
-TEST_F(RelayRequests, AStopStaysBehindTheStartInFrontOfIt) {
-    upstream_requests_add(TAVOR_REQUEST_COMMAND, "353,1", nullptr);
-    upstream_requests_sent();
+TEST_F(RelayRequests, AStopGoesOutBehindTheStartInFrontOfItThatIsOut) {
     upstream_requests_add(TAVOR_REQUEST_START, "", nullptr);
     upstream_requests_add(TAVOR_REQUEST_STOP, "", nullptr);
-    EXPECT_EQ(upstream_requests_next(), nullptr);
-    EXPECT_TRUE(answer(TAVOR_CODE_CHIP, 0));
     ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_START);
     upstream_requests_sent();
     ASSERT_NE(upstream_requests_next(), nullptr);
     EXPECT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_STOP);
+}
+
+TEST_F(RelayRequests, AStartThatWaitsForWhatHangsFailsWhenAStopPassesIt) {
+    int64_t before = kNone;
+    int64_t behind = kNone;
+    upstream_requests_add(TAVOR_REQUEST_DOWNLOAD, "", nullptr);
+    upstream_requests_sent();
+    upstream_requests_add(TAVOR_REQUEST_START, "", into(before));
+    upstream_requests_add(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr);
+    upstream_requests_add(TAVOR_REQUEST_STOP, "", nullptr);
+    upstream_requests_add(TAVOR_REQUEST_START, "", into(behind));
+    ASSERT_NE(upstream_requests_next(), nullptr);
+    ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_STOP);
+    EXPECT_EQ(before, kNone);
+    upstream_requests_sent();
+    EXPECT_EQ(before, TAVOR_VALUE_FAILED);
+    EXPECT_TRUE(answer(TAVOR_CODE_DOWNLOAD, TAVOR_VALUE_FAILED));
+    EXPECT_TRUE(answer(TAVOR_CODE_STOP, 0));
+    ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_SAVE_LOCATION);
+    upstream_requests_sent();
+    EXPECT_TRUE(answer(TAVOR_CODE_SAVE_LOCATION, 0));
+    EXPECT_EQ(behind, kNone);
+    ASSERT_NE(upstream_requests_next(), nullptr);
+    EXPECT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_START);
 }
 
 TEST_F(RelayRequests, AStopThatIsNotAnsweredFailsToo) {
