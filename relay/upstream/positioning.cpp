@@ -106,7 +106,7 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
         --state.stopping;
         state.downloads -= download;
         state.left_on = value != 0 && upstream_connected();
-        state.on = state.left_on && download == 0 && state.downloads == 0;
+        state.on = state.left_on && download == 0 && state.stopping == 0;
         state.tried = kNever;
         answer(value);
         if (!state.askers->empty()) {
@@ -116,8 +116,9 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
     });
 }
 
+// Beside a download of others it would end that: armed anew behind what ends positioning anyway.
 void on_delayed_stop(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
-    if (!is_wanted() && (state.on || state.left_on)) {
+    if (!is_wanted() && state.stopping == 0 && (state.on || state.left_on)) {
         end_by(TAVOR_REQUEST_STOP, [](uint32_t /*unused*/) {});
     }
 }

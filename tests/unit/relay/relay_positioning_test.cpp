@@ -397,6 +397,50 @@ TEST_F(RelayPositioning, AStopForAllEndsADownloadAtOnceAlsoBehindAStart) {
     EXPECT_FALSE(positioning_is_on());
 }
 
+TEST_F(RelayPositioning, TheStopBehindTheLastConsumerEndsNoDownload) {
+    loop.second = kEndless;
+    loop.start_daemon();
+    loop.open(false, std::chrono::milliseconds(50));
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    positioning_download([](uint32_t /*unused*/) {});
+    positioning_download([](uint32_t /*unused*/) {});
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, TAVOR_VALUE_FAILED));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 2; }));
+    loop.turn_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(stops(), 0U);
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, TAVOR_VALUE_FAILED));
+    EXPECT_TRUE(loop.until([&] { return stops() == 1; })); // it may be on
+}
+
+TEST_F(RelayPositioning, AStartIsAnsweredBehindAStopThatIsOut) {
+    loop.second = kEndless;
+    loop.start_daemon();
+    loop.open(false, std::chrono::seconds(1000));
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    int stopped = 0;
+    for (int i = 0; i < 2; ++i) {
+        positioning_stop(true, [&](uint32_t /*unused*/) { ++stopped; });
+    }
+    ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
+    loop.daemon->send(relay_response(TAVOR_CODE_STOP, TAVOR_VALUE_FAILED));
+    ASSERT_TRUE(loop.until([&] { return stops() == 2; }));
+    int stopped_before = 0;
+    std::optional<uint32_t> told;
+    positioning_start([&](uint32_t value) {
+        stopped_before = stopped;
+        told = value;
+    });
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_STOP, 0));
+    ASSERT_TRUE(loop.until([&] { return told.has_value(); }));
+    EXPECT_EQ(*told, 0U);
+    EXPECT_EQ(stopped_before, 2);
+    EXPECT_EQ(starts(), 1U);
+}
+
 TEST_F(RelayPositioning, ADownloadThatIsNotTakenLeavesTheStopToCome) {
     loop.open(false, std::chrono::milliseconds(100));
     loop.start_daemon();
