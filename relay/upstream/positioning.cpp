@@ -17,6 +17,9 @@ constexpr int kSilenceMaxS = 60;
 constexpr int kRetryS = 5;                                               // after a start that failed
 constexpr RelayClock::time_point kNever = RelayClock::time_point::min(); // the clock begins with the system
 
+// Starts are not among those that a user may have open, and one stays when its asker has left.
+constexpr size_t kAskersMax = 4096;
+
 using Askers = std::shared_ptr<std::vector<UpstreamAnswer>>;
 
 Askers no_askers() {
@@ -32,6 +35,7 @@ struct PositioningState {
     bool starting = false;       // a start waits or is out, behind all that ends positioning
     int stopping = 0;            // stops and downloads that wait or are out
     int downloads = 0;           // of these: downloads
+    size_t asking = 0;           // who was not answered yet, also of starts in front of a stop
     Askers askers = no_askers(); // of the start that waits or is out, or of the one to come behind them
     RelayClock::time_point tried = kNever; // the latest start
     int silence_s = kSilenceS;             // after which the output is taken back
@@ -63,6 +67,7 @@ void started(const Askers& askers, uint32_t value) {
     if (more) {
         printf("tavor-relay: positioning could not be started (%d more before)\n", *more);
     }
+    state.asking -= askers->size();
     for (const UpstreamAnswer& answer : *askers) {
         answer(value);
     }
@@ -191,10 +196,14 @@ void positioning_want(int change) {
 }
 
 void positioning_start(UpstreamAnswer answer) {
+    if (state.asking >= kAskersMax) {
+        return answer(TAVOR_VALUE_FAILED);
+    }
     state.held_off = false;
     if (state.on) {
         return answer(0);
     }
+    ++state.asking;
     state.askers->push_back(std::move(answer));
     start();
 }

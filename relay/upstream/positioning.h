@@ -24,7 +24,7 @@ void positioning_close();
 // A consumer has come (+1) or left (-1).
 void positioning_want(int change);
 
-// Asks that it be on; answered at once when it is.
+// Asks that it be on; answered at once when it is, and with failure while 4,096 wait for the answer.
 void positioning_start(UpstreamAnswer answer);
 
 // Asks that it be off. Unless it is for all, nothing is stopped while a consumer or the policy wants it, nor

@@ -204,6 +204,30 @@ TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
     EXPECT_EQ(starts(), 1U);
 }
 
+TEST_F(RelayPositioning, FourThousandAndNinetySixWaitForAStartAtMost) {
+    loop.second = kEndless;
+    loop.start_daemon();
+    loop.open(false);
+    ASSERT_TRUE(loop.until(upstream_connected));
+    loop.daemon->answers = false;
+    positioning_download([](uint32_t /*unused*/) {});
+    int started = 0;
+    int failed = 0;
+    const auto ask = [&] { positioning_start([&](uint32_t value) { ++(value == 0 ? started : failed); }); };
+    for (int i = 0; i < 4097; ++i) {
+        ask();
+    }
+    EXPECT_EQ(failed, 1);
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_DOWNLOAD, 0));
+    ASSERT_TRUE(loop.until([&] { return started == 4096; }));
+    positioning_stop(true, [](uint32_t /*unused*/) {});
+    ask();
+    EXPECT_TRUE(loop.until([&] { return started == 4097; }));
+    EXPECT_EQ(failed, 1);
+}
+
 TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
     loop.second = kEndless;
     loop.start_daemon();
