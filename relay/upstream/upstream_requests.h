@@ -8,6 +8,8 @@
 // 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as
 // long as the limit of its kind; then it is answered with failure. The one that is out stays out for as long
 // again, or until its late answer comes: that must not be taken for the answer to the next one.
+// A stop beside a download that goes on may take longer than that, 90 s: it is carried out although its asker
+// was told failure, and its answer is taken for the next stop's when one is out by then.
 #ifndef TAVOR_RELAY_UPSTREAM_REQUESTS_H
 #define TAVOR_RELAY_UPSTREAM_REQUESTS_H
 
