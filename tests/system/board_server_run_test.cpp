@@ -38,6 +38,16 @@ RunResult exec_probe(const SimulatedBoard& board, const std::string& probe) {
     return tool({"exec", "--dir", board.directory.path, "--", TAVOR_PROBE_PROGRAM, probe});
 }
 
+// What a shell writes that goes on behind the export of the power line, whose level is at $value.
+std::string shell_at_the_power_line(const SimulatedBoard& board, const std::string& script) {
+    const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-ec",
+                                   "gpio=/sys/class/gpio value=/sys/class/gpio/gpio17/value; "
+                                   "echo 17 >$gpio/export; echo out >$gpio/gpio17/direction; " +
+                                       script});
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.out;
+}
+
 // Directory that a run told it uses.
 std::string ready_directory(const std::string& text) {
     const size_t at = text.find("ready ");
@@ -102,25 +112,16 @@ TEST(BoardRun, AProgramDrivesTheLines) {
 
 TEST(BoardRun, AShellDrivesTheLines) {
     const SimulatedBoard board;
-    const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-c",
-                                   "echo 17 >/sys/class/gpio/export && "
-                                   "echo out >/sys/class/gpio/gpio17/direction && "
-                                   "echo 1 >/sys/class/gpio/gpio17/value && echo written && "
-                                   "read value </sys/class/gpio/gpio17/value && echo $value"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "written\n1\n");
+    EXPECT_EQ(
+        shell_at_the_power_line(board, "echo 1 >$value && echo written && read level <$value && echo $level"),
+        "written\n1\n");
     EXPECT_EQ(board.ctl({"power"}), "on\n");
 }
 
 TEST(BoardRun, AProgramOfAShellDrivesTheLinesItIsRedirectedTo) {
     const SimulatedBoard board;
-    const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-c",
-                                   "echo 17 >/sys/class/gpio/export && "
-                                   "echo out >/sys/class/gpio/gpio17/direction && "
-                                   "echo 1 | timeout 20 cat >/sys/class/gpio/gpio17/value && "
-                                   "timeout 20 cat </sys/class/gpio/gpio17/value"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "1\n");
+    EXPECT_EQ(shell_at_the_power_line(board, "echo 1 | timeout 20 cat >$value && timeout 20 cat <$value"),
+              "1\n");
     EXPECT_EQ(board.ctl({"power"}), "on\n");
 }
 

@@ -18,6 +18,13 @@ struct RelayPositioning : testing::Test {
     size_t stops() const {
         return loop.daemon->count(TAVOR_REQUEST_STOP);
     }
+    // On demand, at a daemon that is there; nothing is tried again.
+    bool connected_for_good(std::chrono::milliseconds stop_delay = std::chrono::milliseconds(50)) {
+        loop.second = kEndless;
+        loop.start_daemon();
+        loop.open(false, stop_delay);
+        return loop.until(upstream_connected);
+    }
 
     RelayLoop loop;
 };
@@ -205,10 +212,7 @@ TEST_F(RelayPositioning, ManyWhoAskStartTogetherCostOneRequest) {
 }
 
 TEST_F(RelayPositioning, FourThousandAndNinetySixWaitForAStartAtMost) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false);
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good());
     loop.daemon->answers = false;
     positioning_download([](uint32_t /*unused*/) {});
     int started = 0;
@@ -250,10 +254,7 @@ TEST_F(RelayPositioning, AStartThatComesWhileAStopWaitsIsAskedBehindIt) {
 }
 
 TEST_F(RelayPositioning, AStartInFrontOfAStopIsAnsweredFirstAndNotRepeated) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false, std::chrono::seconds(1000));
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good(std::chrono::seconds(1000)));
     std::vector<std::string> told;
     positioning_start([&](uint32_t /*unused*/) { told.emplace_back("start"); });
     positioning_stop(true, [&](uint32_t /*unused*/) { told.emplace_back("stop"); });
@@ -265,10 +266,7 @@ TEST_F(RelayPositioning, AStartInFrontOfAStopIsAnsweredFirstAndNotRepeated) {
 }
 
 TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false, std::chrono::seconds(1000));
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good(std::chrono::seconds(1000)));
     std::string told;
     for (const char letter : {'a', 'b', 'c'}) {
         positioning_stop(true, [&told, letter](uint32_t /*unused*/) { told += letter; });
@@ -280,10 +278,7 @@ TEST_F(RelayPositioning, StartsAndStopsAreAnsweredInTheirOrder) {
 }
 
 TEST_F(RelayPositioning, AStopThatComesWithACommandGoesOutWithIt) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false);
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good());
     loop.daemon->answers = false;
     upstream_request(TAVOR_REQUEST_COMMAND, "353,1", [](uint32_t /*unused*/) {});
     upstream_request(TAVOR_REQUEST_STOP, "", [](uint32_t /*unused*/) {});
@@ -402,10 +397,7 @@ TEST_F(RelayPositioning, AStopWithoutTheRightEndsNoDownload) {
 }
 
 TEST_F(RelayPositioning, AStopForAllEndsADownloadAtOnceAlsoBehindAStart) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false);
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good());
     loop.daemon->answers = false;
     positioning_download([](uint32_t /*unused*/) {});
     ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_DOWNLOAD) == 1; }));
@@ -422,10 +414,7 @@ TEST_F(RelayPositioning, AStopForAllEndsADownloadAtOnceAlsoBehindAStart) {
 }
 
 TEST_F(RelayPositioning, TheStopBehindTheLastConsumerEndsNoDownload) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false, std::chrono::milliseconds(50));
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good(std::chrono::milliseconds(50)));
     loop.daemon->answers = false;
     positioning_download([](uint32_t /*unused*/) {});
     positioning_download([](uint32_t /*unused*/) {});
@@ -439,10 +428,7 @@ TEST_F(RelayPositioning, TheStopBehindTheLastConsumerEndsNoDownload) {
 }
 
 TEST_F(RelayPositioning, AStartIsAnsweredBehindAStopThatIsOut) {
-    loop.second = kEndless;
-    loop.start_daemon();
-    loop.open(false, std::chrono::seconds(1000));
-    ASSERT_TRUE(loop.until(upstream_connected));
+    ASSERT_TRUE(connected_for_good(std::chrono::seconds(1000)));
     loop.daemon->answers = false;
     int stopped = 0;
     for (int i = 0; i < 2; ++i) {
