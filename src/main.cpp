@@ -1,12 +1,15 @@
 #include "service/tavor.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
 
 namespace {
 
-constexpr int kWrongArguments = 2; // exit status
+// Exit statuses.
+constexpr int kWrongArguments = 2;
+constexpr int kOutputFailed = 255;
 
 #ifdef __clang__
 constexpr char kCompiler[] = "clang " __clang_version__;
@@ -14,16 +17,25 @@ constexpr char kCompiler[] = "clang " __clang_version__;
 constexpr char kCompiler[] = "g++ " __VERSION__;
 #endif
 
+// Status of an answer that has been printed: a success once it is written.
+int output_status() {
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
+        return 0;
+    }
+    fprintf(stderr, "tavor: can't write the output: %s\n", strerror(errno));
+    return kOutputFailed;
+}
+
 // With arguments the daemon starts nothing. Returns the exit status.
 int answer(int count, char** arguments) {
     if (count == 2 && strcmp(arguments[1], "--version") == 0) {
         printf("tavor %s, %zu bit, %s, %s\n", TAVOR_VERSION, sizeof(void*) * 8, kCompiler, TAVOR_BUILD_TYPE);
-        return 0;
+        return output_status();
     }
     if (count == 2 && strcmp(arguments[1], "--help") == 0) {
         puts("usage: tavor [--version | --help]\n"
              "Without an argument it runs as the location daemon, in the foreground: see tavor(8).");
-        return 0;
+        return output_status();
     }
     fputs("tavor: takes no arguments but --version or --help: see tavor(8)\n", stderr);
     return kWrongArguments;

@@ -3,11 +3,30 @@
 #include "server/options.h"
 #include "server/run.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr int kFailed = 1;
+
+// Status of a run that has printed all: what could not be written is no success.
+int output_status(int status) {
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
+        return status;
+    }
+    fprintf(stderr, "tavor-board: can't write the output: %s\n", strerror(errno));
+    return status == 0 ? kFailed : status;
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
     Options options;
     const int code = read_options(argc, argv, &options);
     if (code >= 0) {
-        return code;
+        return output_status(code);
     }
     switch (options.action) {
     case Options::Action::kRun:
@@ -15,6 +34,6 @@ int main(int argc, char** argv) {
     case Options::Action::kExec:
         return launch_exec(options.exec);
     default:
-        return control_run(options.control);
+        return output_status(control_run(options.control));
     }
 }

@@ -45,7 +45,8 @@ Examples:
   tavor-board ctl --dir /tmp/board commands
   tavor-board ctl --dir /tmp/board time --advance 3600
 
-Exit codes: 0 done, 1 the board refused, 2 usage, 3 no board runs there or can be reached.)";
+Exit codes: 0 done, 1 the board refused or the output can't be written, 2 usage,
+3 no board runs there or can be reached.)";
 
 // What CLI11 fills and the options hold in another shape.
 struct Raw {

@@ -381,6 +381,19 @@ TEST(BoardControl, FaultsBeginAndEnd) {
     EXPECT_EQ(wrong.err, "tavor-board: no fault is called \"nope\"\n");
 }
 
+TEST(BoardOutput, WhatCanNotBeWrittenIsNoSuccess) {
+    const SimulatedBoard board;
+    const std::string ctl = "ctl --dir " + board.directory.path.string() + " ";
+    for (const std::string& line :
+         {std::string("--help"), std::string("--version"), std::string("run --help"),
+          std::string("exec --help"), ctl + "--help", ctl + "status --json"}) {
+        const RunResult full =
+            run_program({"/bin/sh", "-c", "exec \"$0\" " + line + " >/dev/full", TAVOR_BOARD_PROGRAM});
+        EXPECT_EQ(full.status, 1) << line;
+        EXPECT_EQ(full.err, "tavor-board: can't write the output: No space left on device\n") << line;
+    }
+}
+
 TEST(BoardControl, SentencesAreInjected) {
     const SimulatedBoard board({"--source", "none"});
     const std::string file = board.directory.write("bytes", std::string("\x04\x24\0\xFF", 4));

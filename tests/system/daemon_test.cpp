@@ -18,6 +18,15 @@ TEST(Daemon, VersionSaysHowItIsBuiltAndHelpNamesTheManual) {
     EXPECT_NE(help.out.find("tavor(8)"), std::string::npos) << help.out;
 }
 
+TEST(Daemon, VersionAndHelpThatCanNotBeWrittenAreNoSuccess) {
+    for (const char* argument : {"--version", "--help"}) {
+        const RunResult full =
+            run_program({"/bin/sh", "-c", "exec \"$0\" $1 >/dev/full", TAVOR_PROGRAM, argument});
+        EXPECT_EQ(full.status, 255) << argument;
+        EXPECT_EQ(full.err, "tavor: can't write the output: No space left on device\n");
+    }
+}
+
 TEST(Daemon, AnyOtherArgumentIsRefusedAndNothingStarts) {
     for (const Arguments& arguments : {Arguments{"-d"}, Arguments{""}, Arguments{"--version", "--help"},
                                        Arguments{"--versions"}, Arguments{"start"}}) {
