@@ -8,11 +8,12 @@
 #include <string>
 
 struct MqttSettings {
-    std::string host; // name or address; empty: no broker
-    uint16_t port = 0;
+    std::string host;            // name or address; empty: no broker
+    uint16_t port = 0;           // 0: the usual one
     std::string topic = "tavor"; // before "/ID/position" and "/ID/status"
     std::string id;              // of the device; the client identifier too
     std::string user;
+    std::string password_file; // empty: no password; else its first line is the password
     std::string password;
     std::string ca; // file or directory; empty: without TLS
     std::string certificate;
@@ -22,6 +23,8 @@ struct MqttSettings {
     size_t queue = 1000;   // messages that wait for the broker
     int keepalive_s = 60;
     std::chrono::milliseconds second{1000}; // length of a second of all limits; tests shorten it
+
+    bool operator==(const MqttSettings&) const = default;
 };
 
 #endif

@@ -4,8 +4,9 @@
 
 enum ExitStatus : int {
     kExitSuccess = 0, // ended by SIGTERM or SIGINT
-    kExitFailed = 1,  // a socket, the files for TLS, or the program with MQTT can't be had
-    kExitUsage = 2    // command line or configuration file is wrong, or the password's file can't be read
+    kExitFailed =
+        1, // a socket, the files for TLS, or the program with MQTT can't be had; output can't be written
+    kExitUsage = 2 // command line or configuration file is wrong, or the password's file can't be read
 };
 
 #endif

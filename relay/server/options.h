@@ -19,12 +19,14 @@ struct Options {
     MqttSettings mqtt;
     std::string metrics; // a further place for the metrics: a path, or as listen
     std::string chrony;  // chronyd's socket; empty: none
+
+    bool operator==(const Options&) const = default;
 };
 
-// Reads the command line and the file; what stands on the command line wins. Prints help and version on
-// standard output, what is wrong in one line on standard error. Returns the exit status when the process
-// shall end now.
-std::optional<int> options_parse(int argc, const char* const* argv, Options& options,
+// Reads the command line and the file; what stands on the command line wins, and of one setting told twice
+// the later. Prints help and version on standard output, what is wrong in one line on standard error. Returns
+// the exit status when the process shall end now.
+std::optional<int> options_parse(int argc, char* const* argv, Options& options,
                                  const char* config_path = kConfigPath);
 
 #endif

@@ -56,6 +56,15 @@ TEST_F(RelayProgram, TellsWhatIsWrongOnTheCommandLineItself) {
               "tavor-relay: --mqtt: 'broker.example:0' is no HOST[:PORT]; see 'tavor-relay --help'\n");
 }
 
+TEST_F(RelayProgram, TextThatCannotBeWrittenIsAnError) {
+    for (const char* option : {"--help", "--version"}) {
+        const RunResult result =
+            run_program({"/bin/sh", "-c", "exec \"$0\" \"$1\" >/dev/full", relay, option});
+        EXPECT_EQ(result.status, 1) << option;
+        EXPECT_EQ(result.err, "tavor-relay: can't write to standard output: No space left on device\n");
+    }
+}
+
 // A program in its place gets what the relay was given, in the same process.
 TEST_F(RelayProgram, TheOtherGetsArgumentsEnvironmentAndProcess) {
     directory.write("libexec/tavor/tavor-relay-mqtt", "#!/bin/sh\necho \"$$ $PPID $LISTEN_PID\" \"$@\"\n");
