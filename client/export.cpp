@@ -121,20 +121,34 @@ Ended read_lines(Export& run, int fd) {
     return Ended::kUnread;
 }
 
+std::string unreadable(const std::string& path, int error) {
+    return "cannot read " + (path == kStandardInput ? "standard input" : print_safe(path)) + ": " +
+           strerror(error);
+}
+
+int unopened(Session& session, int error) {
+    return session_fail(session, kExitIo,
+                        unreadable(session.options.file, error) +
+                            "; name a recording, or '-' for standard input");
+}
+
 int status_of(Session& session, Ended ended, int error) {
     switch (ended) {
     case Ended::kInterrupted:
         return session_interrupted(session);
     case Ended::kFailed:
         return session_fail(session, kExitIo,
-                            "cannot read " + print_safe(session.options.file) + ": " + strerror(error) +
-                                "; the track is not whole");
+                            unreadable(session.options.file, error) + "; the track is not whole");
     default:
         return session_output_status(session);
     }
 }
 
 int export_from(Session& session, int fd) {
+    char none = 0;
+    if (read(fd, &none, 0) < 0) { // a directory opens, and no byte of it can be read: no track begins
+        return unopened(session, errno);
+    }
     Export run(session);
     session_emit(session, track_format_begin(run.text));
     const Ended ended = read_lines(run, fd);
@@ -168,9 +182,7 @@ int export_run_file(Session& session) {
     }
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
-        return session_fail(session, kExitIo,
-                            "cannot read " + print_safe(path) + ": " + strerror(errno) +
-                                "; name a recording, or '-' for standard input");
+        return unopened(session, errno);
     }
     const int status = export_from(session, fd);
     close(fd);

@@ -277,8 +277,22 @@ TEST(Export, TrackWithoutAPositionIsToldByItsStatus) {
     scene.directory.write("track", kChip);
     EXPECT_EQ(scene.run({"export", "--geojson", scene.file}), 6);
     EXPECT_EQ(scene.out, "{\"type\":\"FeatureCollection\",\"features\":[\n\n]}\n");
-    EXPECT_EQ(scene.run({"export", "--geojson", scene.directory.path}), 74);
-    EXPECT_EQ(scene.run({"export", "--geojson", "/none"}), 74);
     EXPECT_EQ(scene.run({"export", scene.file}), 64) << "no format";
     EXPECT_EQ(scene.run({"export", "--csv", "--json", scene.file}), 64);
+}
+
+TEST(Export, NoTrackBeginsWithoutARecordingToRead) {
+    Scene scene;
+    const string directory = scene.directory.path;
+    const string remedy = "; name a recording, or '-' for standard input\n";
+    EXPECT_EQ(scene.run({"export", "--gpx", directory}), 74);
+    EXPECT_EQ(scene.out, "");
+    EXPECT_EQ(scene.err, "tavorctl: cannot read " + directory + ": Is a directory" + remedy);
+    EXPECT_EQ(scene.run({"export", "--gpx", "/none"}), 74);
+    EXPECT_EQ(scene.out, "");
+    EXPECT_EQ(scene.err, "tavorctl: cannot read /none: No such file or directory" + remedy);
+    Tool input({"/bin/sh", "-c", "exec \"$0\" export --gpx - <\"$1\"", TAVOR_CTL_PROGRAM, directory});
+    EXPECT_EQ(input.end(), 74);
+    EXPECT_EQ(input.out, "");
+    EXPECT_EQ(input.err, "tavorctl: cannot read standard input: Is a directory" + remedy);
 }
