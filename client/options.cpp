@@ -271,10 +271,23 @@ std::string suggestion(const std::string& word) {
     return near && word.size() > kMistypedMax ? ", but '" + std::string(nearest) + "' is" : "";
 }
 
-// What the parser says, or which command there is not.
+// What to write for a number behind 'start', empty when it is none: "--wait" takes a value behind '=' only.
+std::string meant_as_wait(const CLI::App& command) {
+    const std::vector<std::string> rest = command.remaining();
+    const bool meant =
+        command.get_name() == "start" && !rest.empty() && check_positive_seconds(rest.front()).empty();
+    return meant ? "not expected: " + rest.front() + "; how long to wait is given as --wait=" + rest.front()
+                 : "";
+}
+
+// What the parser says, what was meant, or which command there is not.
 std::string parse_problem(const CLI::App& app, const CLI::ParseError& error) {
-    const std::vector<std::string> rest =
-        app.get_subcommands().empty() ? app.remaining() : std::vector<std::string>();
+    const auto used = app.get_subcommands();
+    std::string meant = used.empty() ? "" : meant_as_wait(*used.front());
+    if (!meant.empty()) {
+        return meant;
+    }
+    const std::vector<std::string> rest = used.empty() ? app.remaining() : std::vector<std::string>();
     if (rest.empty() || rest.front().starts_with('-')) {
         return error.what();
     }

@@ -154,6 +154,21 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
     }
 }
 
+TEST(Options, NumberBehindStartIsLedToTheWait) {
+    for (const std::vector<const char*>& line : {std::vector<const char*>{"start", "--wait", "5"},
+                                                 {"start", "--fix", "5"},
+                                                 {"start", "5", "--json"}}) {
+        const Parsed parsed = parse(line);
+        EXPECT_EQ(parsed.status, kExitUsage);
+        EXPECT_EQ(parsed.err,
+                  "tavorctl: not expected: 5; how long to wait is given as --wait=5; see 'tavorctl "
+                  "start --help'\n");
+    }
+    EXPECT_EQ(parse({"start", "--wait", "soon"}).err.find("--wait=soon"), std::string::npos);
+    EXPECT_EQ(parse({"start", "0"}).err.find("--wait"), std::string::npos) << "--wait refuses 0";
+    EXPECT_EQ(parse({"stop", "5"}).err.find("--wait"), std::string::npos);
+}
+
 TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
     EXPECT_EQ(parse({"foo"}).err, "tavorctl: no command is called 'foo'; see 'tavorctl --help'\n");
     EXPECT_EQ(parse({""}).err, "tavorctl: no command is called ''; see 'tavorctl --help'\n");
