@@ -3,16 +3,16 @@
 #include "chip/chip_fault_table.h"
 #include "interpose/wire.h"
 #include "server/board_socket.h"
+#include "server/file_content.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <vector>
 
 using nlohmann::json;
 
@@ -43,13 +43,12 @@ bool from_hex(const std::string& text, json& bytes) {
     return text.size() % 2 == 0;
 }
 
-json file_bytes(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    json bytes = json::array();
-    for (std::istreambuf_iterator<char> at(file), end; at != end; ++at) {
-        bytes.push_back(static_cast<uint8_t>(*at));
-    }
-    return bytes;
+// The bytes of a file; what went wrong, else empty.
+std::string file_bytes(const std::string& path, json& bytes) {
+    std::string content;
+    std::string problem = file_content(path, &content);
+    bytes = std::vector<uint8_t>(content.begin(), content.end());
+    return problem;
 }
 
 void add_time_changes(const ControlOptions& options, json& request) {
@@ -64,17 +63,38 @@ void add_time_changes(const ControlOptions& options, json& request) {
     }
 }
 
-// The request as the board takes it; false when the command line is wrong.
-bool make_request(const ControlOptions& options, json& request) {
+// What the chip is to send. Returns what is wrong with it, else empty.
+std::string add_bytes(const ControlOptions& options, json& request) {
+    if (!options.body.empty()) {
+        request["body"] = options.body;
+        return "";
+    }
+    if (!options.file.empty()) {
+        return file_bytes(options.file, request["bytes"]);
+    }
+    const bool whole = !options.hex.empty() && from_hex(options.hex, request["bytes"]);
+    return whole ? "" : "--hex takes two hexadecimal digits a byte";
+}
+
+std::string add_fault(const ControlOptions& options, json& request) {
+    if (options.list) {
+        request["command"] = "faults";
+        return "";
+    }
+    request["name"] = options.name;
+    request["value"] = options.value;
+    const bool whole = !options.name.empty() && !options.value.empty();
+    return whole ? "" : "fault takes a name and a value; see fault --list";
+}
+
+// The request as the board takes it. Returns what is wrong with the command line, else empty.
+std::string make_request(const ControlOptions& options, json& request) {
     request = {{"command", options.command}};
     if (options.command == "fault") {
-        if (options.list) {
-            request["command"] = "faults";
-            return true;
-        }
-        request["name"] = options.name;
-        request["value"] = options.value;
-        return !options.name.empty() && !options.value.empty();
+        return add_fault(options, request);
+    }
+    if (options.command == "send") {
+        return add_bytes(options, request);
     }
     if (options.command == "rate") {
         request["hz"] = options.rate_hz;
@@ -85,16 +105,7 @@ bool make_request(const ControlOptions& options, json& request) {
     if (options.command == "power") {
         request["command"] = "status";
     }
-    if (options.command == "send") {
-        if (!options.body.empty()) {
-            request["body"] = options.body;
-        } else if (!options.file.empty()) {
-            request["bytes"] = file_bytes(options.file);
-        } else {
-            return from_hex(options.hex, request["bytes"]);
-        }
-    }
-    return true;
+    return "";
 }
 
 bool send_request(int fd, const std::string& text) {
@@ -176,10 +187,9 @@ std::string control_ask(const std::string& directory, const std::string& request
 
 int control_run(const ControlOptions& options) {
     json request;
-    if (!make_request(options, request)) {
-        fprintf(stderr, options.command == "fault"
-                            ? "tavor-board: fault takes a name and a value; see fault --list\n"
-                            : "tavor-board: --hex takes two hexadecimal digits a byte\n");
+    const std::string problem = make_request(options, request);
+    if (!problem.empty()) {
+        fprintf(stderr, "tavor-board: %s\n", problem.c_str());
         return kUsageError;
     }
     const std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace);

@@ -1,10 +1,12 @@
 #include "server/flash_file.h"
 
+#include "server/file_content.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -50,19 +52,24 @@ std::string write_state(const std::string& path, bool bootable) {
 std::string flash_file_load(Board& board, const std::string& directory) {
     const std::lock_guard guard(board.mutex);
     const std::string path = content_path(directory);
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    std::error_code error;
+    if (!std::filesystem::exists(path, error)) {
         return "";
     }
-    std::vector<uint8_t> bytes(std::istreambuf_iterator<char>(file), {});
+    std::string bytes;
+    std::string problem = file_content(path, &bytes);
+    if (!problem.empty()) {
+        return problem;
+    }
     if (bytes.size() != board.chip.options.flash_size) {
         return path + " has " + std::to_string(bytes.size()) + " bytes, the flash " +
                std::to_string(board.chip.options.flash_size) + ": remove it or choose --flash-size";
     }
     ChipFlash& flash = board.chip.flash;
-    flash.bytes = std::move(bytes);
-    std::ifstream state(state_path(directory), std::ios::binary);
-    flash.bootable = std::string(std::istreambuf_iterator<char>(state), {}) == kBootable;
+    flash.bytes.assign(bytes.begin(), bytes.end());
+    std::string state;
+    file_content(state_path(directory), &state); // none: no firmware
+    flash.bootable = state == kBootable;
     return "";
 }
 

@@ -3,13 +3,13 @@
 #include "interpose/paths.h"
 #include "server/board_socket.h"
 #include "server/control_client.h"
+#include "server/file_content.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <link.h>
 #include <unistd.h>
 
@@ -126,11 +126,6 @@ void put_assistance(std::string& content, const std::string& address) {
     put_setting(content, "XOD host=" + address);
 }
 
-std::string read_file(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 } // namespace
 
 std::string launch_library_problem() {
@@ -204,7 +199,11 @@ std::string launch_configure(const RunOptions& options, const std::string& direc
     fs::create_directories(fs::path(directory) / "tmp", error); // for the daemon's file there
     fs::create_directories(file.parent_path() / kAssistanceDirectory, error);
     const bool is_new = !fs::exists(file, error);
-    const std::string before = read_file(file);
+    std::string before;
+    std::string problem = is_new ? "" : file_content(file, &before);
+    if (!problem.empty()) {
+        return problem;
+    }
     std::string content = is_new ? "debug socket ip=127.0.0.1\n" : before;
     put_setting(content, "Power control gpio=" + std::to_string(options.board.power_pin));
     put_setting(content, "SPI port path=" + options.board.spi_path);

@@ -2,10 +2,9 @@
 
 #include "server/clock_file.h"
 #include "server/control.h"
+#include "server/file_content.h"
 
 #include <CLI/CLI.hpp>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 namespace {
@@ -54,14 +53,6 @@ struct Raw {
     std::vector<std::string> faults;
 };
 
-std::string file_content(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw CLI::ValidationError("--source", "can't read " + path);
-    }
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 void take_source(const std::vector<std::string>& source, ChipOptions& chip) {
     const std::string& kind = source[0];
     if ((kind == "replay") != (source.size() == 2)) {
@@ -70,7 +61,10 @@ void take_source(const std::vector<std::string>& source, ChipOptions& chip) {
     }
     if (kind == "replay") {
         chip.source = ChipSource::replay;
-        chip.replay = file_content(source[1]);
+        const std::string problem = file_content(source[1], &chip.replay);
+        if (!problem.empty()) {
+            throw CLI::ValidationError("--source", problem);
+        }
     } else if (kind == "trajectory" || kind == "none") {
         chip.source = kind == "none" ? ChipSource::none : ChipSource::trajectory;
     } else {
@@ -277,7 +271,7 @@ CLI::App* add_control(CLI::App& app, ControlOptions& control) {
     CLI::App* send = add("send", "let the chip send something");
     send->add_option("body", control.body, "sentence without $ and checksum");
     send->add_option("--hex", control.hex, "raw bytes, two hexadecimal digits each");
-    send->add_option("--file", control.file, "raw bytes of a file")->check(CLI::ExistingFile);
+    send->add_option("--file", control.file, "raw bytes of a file");
     send->require_option(1);
     add("commands", "sentences that the chip received")
         ->add_flag("--json", control.json, "as one JSON object");

@@ -394,6 +394,24 @@ TEST(BoardOutput, WhatCanNotBeWrittenIsNoSuccess) {
     }
 }
 
+TEST(BoardRun, FilesThatCanNotBeReadAreNamed) {
+    const PrivateDir place;
+    const std::string directory = place.path;
+    place.write("kept/etc/default/tavor/tavor.conf/file", "");
+    place.write("flash/flash.bin/file", "");
+    const std::pair<Arguments, std::string> rows[] = {
+        {{"run", "--source", "replay", directory}, directory},
+        {{"run", "--dir", directory + "/kept"}, directory + "/kept/etc/default/tavor/tavor.conf"},
+        {{"run", "--dir", directory + "/flash"}, directory + "/flash/flash.bin"},
+        {{"ctl", "--dir", directory, "send", "--file", directory}, directory},
+    };
+    for (const auto& [arguments, path] : rows) {
+        const RunResult result = tool(arguments);
+        EXPECT_TRUE(result.status == 1 || result.status == kUsageError) << result.status;
+        EXPECT_TRUE(contains(result.err, "can't read " + path + ": Is a directory")) << result.err;
+    }
+}
+
 TEST(BoardControl, SentencesAreInjected) {
     const SimulatedBoard board({"--source", "none"});
     const std::string file = board.directory.write("bytes", std::string("\x04\x24\0\xFF", 4));
