@@ -5,11 +5,13 @@
 #include "server/file_content.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <sstream>
 
 namespace {
 
 constexpr int kUsageError = 2;
+constexpr int64_t kLongestAdvanceS = int64_t{366} * 24 * 3600;
 
 constexpr char kExamples[] = R"(
 Examples:
@@ -117,7 +119,7 @@ void finish_run(const Raw& raw, RunOptions& run) {
     }
     const std::string error = chip_options_error(run.board.chip);
     if (!error.empty()) {
-        throw CLI::ValidationError("tavor-board run", error);
+        throw CLI::ValidationError(error);
     }
 }
 
@@ -246,7 +248,7 @@ void add_time(CLI::App* time, ControlOptions& control) {
     time->add_option("--speed", control.speed, "times the host's from now on")
         ->check(CLI::Range(1U, kBoardClockFastest));
     auto* advance = time->add_option("--advance", control.advance_s, "put it forward by so many seconds")
-                        ->check(CLI::PositiveNumber);
+                        ->check(CLI::Range(int64_t{1}, kLongestAdvanceS));
     time->add_option("--set", control.time, "put it forward to this UTC, like 2026-11-21T10:00:00Z")
         ->check(time_error)
         ->excludes(advance);
@@ -282,6 +284,27 @@ CLI::App* add_control(CLI::App& app, ControlOptions& control) {
     return ctl;
 }
 
+// What the parser says, in the order that was typed, or which command there is not.
+std::string parse_problem(const CLI::App& app, const CLI::ParseError& error) {
+    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+        return error.what();
+    }
+    const std::vector<std::string> rest = app.remaining(true);
+    const bool is_command = app.get_subcommands().empty() && rest.front().rfind('-', 0) != 0;
+    return is_command ? "no command is called \"" + rest.front() + "\""
+                      : "not expected: " + CLI::detail::join(rest, " ");
+}
+
+// One line, with the help of the command that was given.
+int usage_error(const CLI::App& app, const CLI::ParseError& error) {
+    std::string command = app.get_name();
+    for (auto used = app.get_subcommands(); !used.empty(); used = used.front()->get_subcommands()) {
+        command += " " + used.front()->get_name();
+    }
+    fprintf(stderr, "tavor-board: %s; see '%s --help'\n", parse_problem(app, error).c_str(), command.c_str());
+    return kUsageError;
+}
+
 } // namespace
 
 int read_options(int argc, char** argv, Options* options) {
@@ -302,7 +325,8 @@ int read_options(int argc, char** argv, Options* options) {
             finish_run(raw, options->run);
         }
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsageError;
+        const bool asked = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success);
+        return asked ? app.exit(error) : usage_error(app, error);
     }
     options->action = run->parsed()    ? Options::Action::kRun
                       : exec->parsed() ? Options::Action::kExec

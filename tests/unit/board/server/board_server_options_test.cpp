@@ -146,6 +146,23 @@ TEST_F(BoardOptionsTest, WrongOptionsSayWhatIsWrong) {
         EXPECT_EQ(read(line), kUsageError) << line;
         EXPECT_NE(err.find(text), std::string::npos) << line << err;
         EXPECT_EQ(out, "") << line;
+        EXPECT_EQ(err.rfind("tavor-board: ", 0), 0U) << err;
+        EXPECT_EQ(err.find('\n'), err.size() - 1) << "one line: " << err;
+    }
+}
+
+TEST_F(BoardOptionsTest, WrongOptionsLeadToTheHelpOfTheirCommand) {
+    const std::pair<const char*, const char*> wrong[] = {
+        {"walk", "no command is called \"walk\"; see 'tavor-board --help'"},
+        {"--dri /d run", "not expected: --dri /d; see 'tavor-board run --help'"},
+        {"run --latitude 91", "latitude is not within -90 to 90 degrees; see 'tavor-board run --help'"},
+        {"ctl --dir /d power up", "not expected: up; see 'tavor-board ctl power --help'"},
+        {"ctl --dir /d time --advance 0",
+         "--advance: Value 0 not in range 1 to 31622400; see 'tavor-board ctl time --help'"},
+    };
+    for (const auto& [line, text] : wrong) {
+        EXPECT_EQ(read(line), kUsageError) << line;
+        EXPECT_EQ(err, std::string("tavor-board: ") + text + "\n");
     }
 }
 
