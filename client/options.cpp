@@ -271,27 +271,24 @@ std::string suggestion(const std::string& word) {
     return near && word.size() > kMistypedMax ? ", but '" + std::string(nearest) + "' is" : "";
 }
 
-// What to write for a number behind 'start', empty when it is none: "--wait" takes a value behind '=' only.
-std::string meant_as_wait(const CLI::App& command) {
-    const std::vector<std::string> rest = command.remaining();
-    const bool meant =
-        command.get_name() == "start" && !rest.empty() && check_positive_seconds(rest.front()).empty();
-    return meant ? "not expected: " + rest.front() + "; how long to wait is given as --wait=" + rest.front()
-                 : "";
+// How to write a number that stands behind 'start': "--wait" takes a value behind '=' only. Else empty.
+std::string wait_remedy(const CLI::App& command, const std::string& word) {
+    const bool meant = command.get_name() == "start" && check_positive_seconds(word).empty();
+    return meant ? "; how long to wait is given as --wait=" + word : "";
 }
 
-// What the parser says, what was meant, or which command there is not.
+// What the parser says, what it did not expect in the order that was typed, or which command there is not.
 std::string parse_problem(const CLI::App& app, const CLI::ParseError& error) {
+    const std::vector<std::string> rest = app.remaining(true);
     const auto used = app.get_subcommands();
-    std::string meant = used.empty() ? "" : meant_as_wait(*used.front());
-    if (!meant.empty()) {
-        return meant;
+    if (used.empty() && !rest.empty() && !rest.front().starts_with('-')) {
+        return "no command is called '" + rest.front() + "'" + suggestion(rest.front());
     }
-    const std::vector<std::string> rest = used.empty() ? app.remaining() : std::vector<std::string>();
-    if (rest.empty() || rest.front().starts_with('-')) {
+    if (rest.empty() || error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError)) {
         return error.what();
     }
-    return "no command is called '" + rest.front() + "'" + suggestion(rest.front());
+    return "not expected: " + CLI::detail::join(rest, " ") +
+           (used.empty() ? "" : wait_remedy(*used.front(), rest.front()));
 }
 
 // One line, whatever the parser's text holds.

@@ -154,6 +154,15 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
     }
 }
 
+TEST(Options, WhatIsNotExpectedIsToldAsItWasTyped) {
+    EXPECT_EQ(parse({"watch", "--coutn", "5"}).err,
+              "tavorctl: not expected: --coutn 5; see 'tavorctl watch --help'\n");
+    EXPECT_EQ(parse({"--raw", "--coutn", "5"}).err,
+              "tavorctl: not expected: --raw --coutn 5; see 'tavorctl --help'\n");
+    EXPECT_EQ(parse({"--stop", "watch", "more"}).err,
+              "tavorctl: not expected: --stop more; see 'tavorctl watch --help'\n");
+}
+
 TEST(Options, NumberBehindStartIsLedToTheWait) {
     for (const std::vector<const char*>& line : {std::vector<const char*>{"start", "--wait", "5"},
                                                  {"start", "--fix", "5"},
