@@ -190,7 +190,7 @@ void check_settings(Findings& findings, const Place& place) {
             {Grade::kBad, kSubject, path + " is not there: defaults count, without a power line", kSample});
     } else if (place.config_error != 0) {
         findings.push_back({check_denied(place.config_error), kSubject,
-                            path + " can't be read: " + strerror(place.config_error),
+                            path + " can't be read: " + place_failure(place.config_error),
                             "look at its rights, or use sudo"});
     }
     const size_t before = findings.size();

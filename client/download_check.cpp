@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
@@ -55,8 +54,7 @@ Finding unreadable(const std::string& subject, const std::string& path, int erro
         return {Grade::kDoubtful, subject,
                 begin + "this user can't look at it; the daemon may be able to (try with sudo)"};
     }
-    const char* reason = error == ENODEV ? "no regular file" : strerror(error);
-    return {Grade::kBad, subject, begin + reason + "; " + remedy};
+    return {Grade::kBad, subject, begin + place_failure(error) + "; " + remedy};
 }
 
 Finding judge_file(const ListedImage& image, const FileFacts& facts) {

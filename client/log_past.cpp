@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <iterator>
 #include <sstream>
 
@@ -61,7 +60,7 @@ PastLog log_past_file(const std::string& path) {
     PastLog log;
     const auto text = place_read_end(path, kFilePart);
     if (!text) {
-        log.why = std::string("the log can't be read: ") + strerror(errno);
+        log.why = "the log can't be read: " + place_failure(errno);
         return log;
     }
     log.whole = text->size() < kFilePart;

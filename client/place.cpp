@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -112,4 +113,9 @@ std::optional<std::string> place_read_end(const std::string& path, size_t most) 
     }
     lseek(file.fd, std::max<off_t>(0, status.st_size - static_cast<off_t>(most)), SEEK_SET);
     return read_from(file.fd, most);
+}
+
+// A directory, a FIFO or a device in the place of a file has the error number of a device that is missing.
+std::string place_failure(int error) {
+    return error == ENODEV ? "no regular file" : strerror(error);
 }

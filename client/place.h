@@ -40,4 +40,7 @@ int32_t place_number(const Place& place, location_config_id id);
 std::optional<std::string> place_read(const std::string& path, size_t most);
 std::optional<std::string> place_read_end(const std::string& path, size_t most);
 
+// Why that failed, of its error number.
+std::string place_failure(int error);
+
 #endif

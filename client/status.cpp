@@ -208,9 +208,8 @@ void find_files(Status& status) {
     }
     status.saved = daemon_files_location(status.place);
     if (!status.saved) {
-        status.unknown["location"] = errno == ENOENT
-                                         ? "nothing has been saved since the daemon's start"
-                                         : std::string("the file can't be read: ") + strerror(errno);
+        status.unknown["location"] = errno == ENOENT ? "nothing has been saved since the daemon's start"
+                                                     : "the file can't be read: " + place_failure(errno);
     }
     status.assistance = daemon_files_assistance(status.place);
     if (!status.assistance) {

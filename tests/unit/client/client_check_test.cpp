@@ -143,6 +143,14 @@ TEST(CheckSettings, GoodFileIsOneLine) {
                       "/tavor.conf is read, every key and value is known\n"));
 }
 
+TEST(CheckSettings, DirectoryInThePlaceOfTheFileIsNamed) {
+    const PrivateDir directory;
+    directory.write("tavor.conf/file", "");
+    Findings findings;
+    check_settings(findings, place_of(directory.path / "socket"));
+    EXPECT_TRUE(holds(text_of(findings), "/tavor.conf can't be read: no regular file"));
+}
+
 TEST(CheckSettings, MissingFileIsBad) {
     Findings findings;
     check_settings(findings, place_of("/none/socket"));
