@@ -117,6 +117,9 @@ void finish_run(const Raw& raw, RunOptions& run) {
     for (const std::string& line : run.configuration) {
         split_pair(line, "--conf");
     }
+    if (!run.log.empty() && run.program.empty()) {
+        throw CLI::ValidationError("--log", "it takes a program's output, and there is no program");
+    }
     const std::string error = chip_options_error(run.board.chip);
     if (!error.empty()) {
         throw CLI::ValidationError(error);

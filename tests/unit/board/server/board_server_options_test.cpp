@@ -130,6 +130,7 @@ TEST_F(BoardOptionsTest, WrongOptionsSayWhatIsWrong) {
         {"run --fault =on", "is not NAME=VALUE"},
         {"run --fault nope=on", "no fault is called \"nope\""},
         {"run --fault silence=maybe", "silence"},
+        {"run --log /log", "--log: it takes a program's output, and there is no program"},
         {"run --conf x", "\"x\" is not NAME=VALUE"},
         {"run --spi-path /dev/null", "must begin with /dev/spidev"},
         {"run --power-gpio 512", "--power-gpio"},
