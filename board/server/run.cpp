@@ -55,7 +55,9 @@ void block_signals(sigset_t* before) {
     _exit(kNotStarted);
 }
 
-void tell_ready(const RunOptions& options, const std::string& directory) {
+// Tells how the board is reached. Returns what went wrong with that, else empty: without its lines on
+// standard output nobody knows a board that stands alone.
+std::string tell_ready(const RunOptions& options, const std::string& directory) {
     const bool alone = options.program.empty();
     FILE* const out = alone ? stdout : stderr; // standard output belongs to the program
     fprintf(out, "ready %s\n", directory.c_str());
@@ -74,7 +76,8 @@ void tell_ready(const RunOptions& options, const std::string& directory) {
     if (options.assistance) {
         fprintf(out, "assistance server:      %s\n", launch_setting(directory, "XOD host=", "").c_str());
     }
-    fflush(out);
+    const bool told = fflush(out) == 0 && ferror(out) == 0;
+    return told || !alone ? "" : std::string("can't write where the board is reached: ") + strerror(errno);
 }
 
 std::string apply_faults(const ControlTarget& target, const RunOptions& options) {
@@ -109,7 +112,10 @@ int serve(BoardServer& server, const RunOptions& options, const std::string& dir
         return complain(problem);
     }
     launch_remove_queues(directory); // of a board that was killed
-    tell_ready(options, directory);
+    problem = tell_ready(options, directory);
+    if (!problem.empty()) {
+        return complain(problem);
+    }
     if (!options.program.empty()) {
         start_program(server, options, directory, mask);
     }

@@ -394,6 +394,17 @@ TEST(BoardOutput, WhatCanNotBeWrittenIsNoSuccess) {
     }
 }
 
+TEST(BoardOutput, ABoardThatCanNotSayWhereItIsEnds) {
+    for (const auto& [redirection, reason] :
+         {std::pair("run >/dev/full", "No space left on device"), {"run <&- >&-", "Bad file descriptor"}}) {
+        const RunResult result =
+            run_program({"/bin/sh", "-c", std::string("exec \"$0\" ") + redirection, TAVOR_BOARD_PROGRAM});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err,
+                  std::string("tavor-board: can't write where the board is reached: ") + reason + "\n");
+    }
+}
+
 TEST(BoardRun, FilesThatCanNotBeReadAreNamed) {
     const PrivateDir place;
     const std::string directory = place.path;
