@@ -1,6 +1,7 @@
 // The command line.
 #include "client/options.h"
 
+#include "client/command_table.h"
 #include "client/exit_status.h"
 #include "client/words.h"
 #include "support/capture.h"
@@ -29,6 +30,11 @@ Parsed parse(std::vector<const char*> arguments) {
     });
     parsed.err = testing::internal::GetCapturedStderr();
     return parsed;
+}
+
+std::string manual() {
+    std::ifstream file(TAVOR_MANUAL_FOR_TEST);
+    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 } // namespace
@@ -223,8 +229,7 @@ TEST(Options, WrongCommandLineIsJsonToo) {
 }
 
 TEST(Options, HelpAndManualHaveTheSameTableOfExitStatuses) {
-    std::ifstream file(TAVOR_MANUAL_FOR_TEST);
-    const std::string manual(std::istreambuf_iterator<char>(file), {});
+    const std::string manual = ::manual();
     const std::string help = parse({"--help"}).out;
     std::set<int> numbers;
     for (const ExitMeaning& meaning : kExitMeanings) {
@@ -232,6 +237,20 @@ TEST(Options, HelpAndManualHaveTheSameTableOfExitStatuses) {
         const std::string number = std::to_string(meaning.status);
         EXPECT_NE(help.find("\n  " + number + "  " + meaning.text + "\n"), std::string::npos) << help;
         EXPECT_NE(manual.find(".B " + number + "\n" + meaning.text + "\n"), std::string::npos) << number;
+    }
+}
+
+TEST(Options, TheManualHasAnEntryForEachCommand) {
+    const std::string page = manual();
+    const size_t begin = page.find("\n.SH COMMANDS\n");
+    const size_t end = page.find("\n.SH OPTIONS\n");
+    ASSERT_LT(begin, end); // other parts of the page have entries of these names too
+    const std::string commands = page.substr(begin, end - begin);
+    for (const CommandRow& row : kCommands) {
+        const std::string name = row.name;
+        EXPECT_TRUE(commands.find("\n.TP\n.B " + name + "\n") != std::string::npos ||
+                    commands.find("\n.TP\n\\fB" + name + "\\fR") != std::string::npos)
+            << name;
     }
 }
 

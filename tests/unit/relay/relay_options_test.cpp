@@ -5,7 +5,9 @@
 #include "system/listen.h"
 
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <regex>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,6 +91,17 @@ TEST_F(RelayOptions, TheDefaultsThatHelpTellsAreThoseOfARelayWithoutOptions) {
         Options taken;
         EXPECT_EQ(row.usual == nullptr ? "" : row.take(taken, row.usual), "") << row.name;
         EXPECT_EQ(taken, Options()) << row.name;
+    }
+}
+
+TEST_F(RelayOptions, TheManualHasAnEntryForEachOption) {
+    std::ifstream file(TAVOR_MANUAL_FOR_TEST);
+    const std::string manual(std::istreambuf_iterator<char>(file), {});
+    for (const OptionRow& row : option_rows()) {
+        const std::string name = std::regex_replace(std::string("--") + row.name, std::regex("-"), "\\-");
+        EXPECT_TRUE(manual.find("\n.TP\n.BI " + name + " ") != std::string::npos ||
+                    manual.find("\n.TP\n.BR " + name + " ") != std::string::npos)
+            << name;
     }
 }
 
