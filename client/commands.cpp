@@ -62,6 +62,7 @@ constexpr SimpleRow kSimpleRows[] = {
 
 const Visitor kSkip = [](const Record&) { return true; };
 
+// The outlet is one of those that the command line takes, so there is a row.
 const SimpleRow& simple_row(const Options& options) {
     return *std::find_if(std::begin(kSimpleRows), std::end(kSimpleRows), [&](const SimpleRow& row) {
         return row.command == options.command && row.outlet == options.outlet;
@@ -189,6 +190,40 @@ int run_send(Session& session) {
                                         : session_end_status(session, outcome, wait_s);
 }
 
+// Without a default: the compiler names a command that is missing here.
+int run_connected(Session& session) {
+    const Options& options = session.options;
+    switch (options.command) {
+    case Command::kStart:
+        return options.wait_s ? position_run_start(session) : run_simple(session);
+    case Command::kStop:
+    case Command::kDebug:
+        return run_simple(session);
+    case Command::kWatch:
+        return run_watch(session);
+    case Command::kPosition:
+        return position_run(session);
+    case Command::kSend:
+        return run_send(session);
+    case Command::kAssist:
+        return assist_run(session);
+    case Command::kSave:
+        return save_run(session);
+    case Command::kDownload:
+        return download_run(session);
+    case Command::kRecord:
+        return record_run(session);
+    case Command::kExport:
+        return export_run(session);
+    case Command::kMonitor:
+        return monitor_run(session);
+    case Command::kCheck:
+    case Command::kStatus:
+        break; // they need no connection
+    }
+    return kExitUsage;
+}
+
 } // namespace
 
 int commands_run(const Options& options, int interrupt) {
@@ -210,28 +245,5 @@ int commands_run(const Options& options, int interrupt) {
         const bool interrupted = session.connection.error.empty();
         return session_end_status(session, interrupted ? Outcome::kInterrupted : Outcome::kUnreachable, 0);
     }
-    switch (options.command) {
-    case Command::kWatch:
-        return run_watch(session);
-    case Command::kPosition:
-        return position_run(session);
-    case Command::kSend:
-        return run_send(session);
-    case Command::kAssist:
-        return assist_run(session);
-    case Command::kSave:
-        return save_run(session);
-    case Command::kDownload:
-        return download_run(session);
-    case Command::kRecord:
-        return record_run(session);
-    case Command::kExport:
-        return export_run(session);
-    case Command::kMonitor:
-        return monitor_run(session);
-    case Command::kStart:
-        return options.wait_s ? position_run_start(session) : run_simple(session);
-    default:
-        return run_simple(session);
-    }
+    return run_connected(session);
 }

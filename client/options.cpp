@@ -166,6 +166,7 @@ void add_export_options(CLI::App& app, Options& options) {
     add_follow_options(app, options);
 }
 
+// Without a default: the compiler names a command that is missing here.
 void add_own_options(CLI::App& app, Command command, Options& options) {
     switch (command) {
     case Command::kStart:
@@ -218,8 +219,10 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
     case Command::kStatus:
         add_log(app, options);
         break;
-    default:
-        break;
+    case Command::kStop:
+    case Command::kSave:
+    case Command::kCheck:
+        break; // none of their own
     }
 }
 
