@@ -29,8 +29,8 @@ std::optional<HubKind> kind_of(const tavor_response& datagram) {
         return HubKind::kSentence;
     case TAVOR_CODE_POSITION:
         return HubKind::kPosition;
-    case TAVOR_CODE_CHIP:
-        return HubKind::kChip;
+    case TAVOR_CODE_CHIP: // without a sentence: the result of a command, of which nobody waits any more
+        return datagram.payload[0] != 0 ? std::optional(HubKind::kChip) : std::nullopt;
     case TAVOR_CODE_ASSIST_RESULT:
         return HubKind::kAssistance;
     default:

@@ -111,7 +111,9 @@ TEST_F(RelayHub, AnAnswerToNobodyIsNoItem) {
     hub_put(relay_response(TAVOR_CODE_START, 0));
     hub_put(relay_response(77, 0));
     EXPECT_EQ(hub_counters().items, 0U);
-    EXPECT_EQ(hub_counters().malformed, 2U);
+    hub_put(
+        relay_response(TAVOR_CODE_CHIP, TAVOR_VALUE_FAILED)); // of a command, of which nobody waits any more
+    EXPECT_EQ(hub_counters().malformed, 3U);
 }
 
 } // namespace
