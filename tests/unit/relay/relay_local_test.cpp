@@ -332,6 +332,13 @@ TEST_F(RelayLocal, WhoHasNoAddressIsHeardAndGetsNoAnswer) {
     ASSERT_TRUE(loop.until([] { return local_clients_count() == 0; }));
 }
 
+TEST_F(RelayLocal, WhoHasNoAddressIsNoConsumerForLong) {
+    PlayedClient nameless(loop.local_path, "");
+    ASSERT_TRUE(nameless.send(0xFFFFFFFF)); // takes the output and gets no answer
+    ASSERT_TRUE(loop.until([] { return hub_counters().local_consumers == 1; }));
+    EXPECT_TRUE(loop.until([] { return local_clients_count() == 0; }));
+}
+
 TEST_F(RelayManyClients, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
