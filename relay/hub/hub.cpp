@@ -105,8 +105,9 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
 void hub_hand_out() {
     const auto began = std::chrono::steady_clock::now();
     while (!state.items.empty()) {
+        const bool complete = state.items.front().kind != HubKind::kPosition; // else its sentence follows
         hand_out_one();
-        if (std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
+        if (complete && std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
             return event_arm(state.hand_out, std::chrono::milliseconds(0));
         }
     }

@@ -71,10 +71,11 @@ TEST_F(RelayHub, TheDaemonIsHeardBetweenSlowItems) {
         }
     });
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "one"));
-    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));
+    hub_put(relay_response(TAVOR_CODE_POSITION, 0, "position"));
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "its sentence"));
     hub_hand_out();
-    ASSERT_TRUE(loop.until([&] { return got.size() == 4; }));
-    EXPECT_EQ(got, (std::vector<std::string>{"one", "heard", "two", "heard"}));
+    ASSERT_TRUE(loop.until([&] { return got.size() == 5; }));
+    EXPECT_EQ(got, (std::vector<std::string>{"one", "heard", "position", "its sentence", "heard"}));
 }
 
 TEST_F(RelayHub, TheDaemonIsHeardAmongManyThatAreServed) {
@@ -110,9 +111,9 @@ TEST_F(RelayHub, TheDaemonIsHeardAmongManyThatAreServed) {
 TEST_F(RelayHub, AnAnswerToNobodyIsNoItem) {
     hub_put(relay_response(TAVOR_CODE_START, 0));
     hub_put(relay_response(77, 0));
-    EXPECT_EQ(hub_counters().items, 0U);
     hub_put(
         relay_response(TAVOR_CODE_CHIP, TAVOR_VALUE_FAILED)); // of a command, of which nobody waits any more
+    EXPECT_EQ(hub_counters().items, 0U);
     EXPECT_EQ(hub_counters().malformed, 3U);
 }
 

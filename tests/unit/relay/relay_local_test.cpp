@@ -339,6 +339,23 @@ TEST_F(RelayLocal, WhoHasNoAddressIsNoConsumerForLong) {
     EXPECT_TRUE(loop.until([] { return local_clients_count() == 0; }));
 }
 
+TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
+    const auto watcher = client("watcher");
+    ASSERT_TRUE(started(*watcher));
+    watcher->got.clear();
+    loop.daemon->answers = false;
+    ASSERT_TRUE(watcher->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(i))));
+    }
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0)));
+    ASSERT_TRUE(answered(*watcher, TAVOR_CODE_SAVE_LOCATION));
+    watcher->read();
+    ASSERT_EQ(watcher->got.size(), 6U);
+    EXPECT_EQ(watcher->got.back().code, TAVOR_CODE_SAVE_LOCATION);
+}
+
 TEST_F(RelayManyClients, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
