@@ -3,6 +3,7 @@
 #include "system/event_guard.h"
 
 #include <algorithm>
+#include <cstring>
 #include <deque>
 #include <utility>
 #include <vector>
@@ -117,12 +118,8 @@ void hub_hand_out() {
 }
 
 std::string_view hub_text(const HubItem& item) {
-    constexpr std::string_view kZeros("\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16);
-    std::string_view text(reinterpret_cast<const char*>(item.datagram.payload), sizeof item.datagram.payload);
-    while (text.ends_with(kZeros)) { // most of it: a sentence takes a sixth of the payload
-        text.remove_suffix(kZeros.size());
-    }
-    return text.substr(0, text.find_last_not_of('\0') + 1);
+    const auto* const text = reinterpret_cast<const char*>(item.datagram.payload);
+    return {text, strnlen(text, sizeof item.datagram.payload)};
 }
 
 bool hub_may_drop(uint32_t code) {

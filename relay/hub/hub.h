@@ -77,7 +77,7 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = st
 // Hands out what was taken in: for a turn of a millisecond, the rest in further turns of the loop.
 void hub_hand_out();
 
-// Text of an item up to its last byte that is not zero.
+// Text of an item, up to its NUL.
 std::string_view hub_text(const HubItem& item);
 
 // Whether a datagram of this code may be dropped when its reader is slow.
