@@ -20,8 +20,8 @@ namespace {
 
 constexpr char kBannerBegin[] = "TAVOR Version:";
 constexpr std::chrono::milliseconds kFullPause{20}; // of the daemon's queue
-// Datagrams read at a time: more than any queue of the kernel holds as it is set up by systemd, so that the
-// queue is empty afterwards.
+// Datagrams read at a time: more than a burst of the daemon has. What waits in the kernel is bounded by the
+// daemon's send buffer.
 constexpr int kReadsMax = 1024;
 constexpr int kReadsAtOnce = 32; // by one call of the kernel
 // From the first datagram until what has come is read. The daemon sends an epoch within a few hundred
@@ -32,9 +32,6 @@ constexpr timespec kGather = {0, 500000};
 constexpr int kLooks = 2; // a second, for the daemon
 // Unread for longer than any turn of the loop takes: the relay itself was held up.
 constexpr std::chrono::milliseconds kUnreadMax{100};
-// For hosts whose queues are longer. The kernel charges senders for what waits, this limit is for some
-// kernels.
-constexpr int kReceiveBuffer = 4 * 1024 * 1024;
 
 struct UpstreamState {
     event_base* base = nullptr;
@@ -101,7 +98,7 @@ bool take_banner(const tavor_response& datagram) {
     return true;
 }
 
-// None when the daemon may have found the queue full before this datagram, or the clock was set meanwhile.
+// None when the daemon may have had to wait with this datagram, or the clock was set meanwhile.
 std::optional<HubTime> good_arrival(HubTime arrived, HubTime now) {
     const auto unread = now - arrived;
     const bool good = unread >= unread.zero() && unread <= kUnreadMax;
@@ -202,7 +199,6 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     if (state.fd < 0) {
         return false;
     }
-    setsockopt(state.fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
     upstream_requests_open(settings.second);
     state.readable = make_event(state.fd, EV_READ | EV_PERSIST, on_readable);
     event_priority_set(state.readable.get(), kPriorityUpstream);
