@@ -147,23 +147,9 @@ void on_daemon(bool connected) {
     gpsd_clients_flush();
 }
 
-// The bytes of the address, without the port.
-std::string host_of(const sockaddr_storage& address) {
-    sockaddr_in v4 = {};
-    sockaddr_in6 v6 = {};
-    memcpy(&v4, &address, sizeof v4);
-    memcpy(&v6, &address, sizeof v6);
-    return address.ss_family == AF_INET
-               ? std::string(reinterpret_cast<const char*>(&v4.sin_addr), sizeof v4.sin_addr)
-               : std::string(reinterpret_cast<const char*>(&v6.sin6_addr), sizeof v6.sin6_addr);
-}
-
 void on_connection(evutil_socket_t fd, short /*unused*/, void* /*unused*/) {
     for (int i = 0; i < kAcceptsMax; ++i) {
-        sockaddr_storage from = {};
-        socklen_t length = sizeof from;
-        const int connection =
-            accept4(fd, reinterpret_cast<sockaddr*>(&from), &length, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int connection = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (connection < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS)) {
             event_del(state.connection.get());
             event_arm(state.pause, kPauseS * state.settings.second);
@@ -171,7 +157,7 @@ void on_connection(evutil_socket_t fd, short /*unused*/, void* /*unused*/) {
         if (connection < 0) {
             return;
         }
-        answer(gpsd_clients_add(connection, host_of(from)), gpsd_report_version());
+        answer(gpsd_clients_add(connection), gpsd_report_version());
     }
 }
 

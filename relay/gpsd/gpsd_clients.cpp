@@ -9,9 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <iterator>
 #include <list>
-#include <map>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -152,22 +150,12 @@ void let_go(GpsdClient& client, const char* why) {
     }
 }
 
-// So no host keeps another one out, and of one host those that watch keep their places.
+// The oldest that watches nothing goes. The newest goes only when all watch, so of those who watch only the
+// one that came last can lose its place to a newcomer.
 void make_place() {
-    std::map<std::string, size_t> connections;
-    for (const GpsdClient& client : state.clients) {
-        ++connections[client.host];
-    }
-    const auto most = std::max_element(connections.begin(), connections.end(),
-                                       [](const auto& a, const auto& b) { return a.second < b.second; });
-    const auto of_it = [&](const GpsdClient& client) { return client.host == most->first; };
-    auto leaves = std::find_if(state.clients.begin(), state.clients.end(), [&](const GpsdClient& client) {
-        return of_it(client) && !client.watch.enable;
-    });
-    if (leaves == state.clients.end()) { // all watch: the newest
-        leaves = std::prev(std::find_if(state.clients.rbegin(), state.clients.rend(), of_it).base());
-    }
-    let_go(*leaves, "makes way for another");
+    const auto oldest = std::find_if(state.clients.begin(), state.clients.end(),
+                                     [](const GpsdClient& client) { return !client.watch.enable; });
+    let_go(oldest == state.clients.end() ? state.clients.back() : *oldest, "makes way for another");
     gpsd_clients_tidy();
 }
 
@@ -207,7 +195,7 @@ void gpsd_clients_close() {
     state = {};
 }
 
-GpsdClient& gpsd_clients_add(int fd, const std::string& host) {
+GpsdClient& gpsd_clients_add(int fd) {
     if (state.clients.size() >= state.clients_max) {
         make_place();
     }
@@ -221,7 +209,6 @@ GpsdClient& gpsd_clients_add(int fd, const std::string& host) {
     GpsdClient& client = state.clients.emplace_back();
     client.id = ++state.last_id;
     client.fd = fd;
-    client.host = host;
     client.heard = std::chrono::steady_clock::now();
     client.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &client));
     client.writable.reset(event_new(state.base, fd, EV_WRITE | EV_PERSIST, on_writable, &client));

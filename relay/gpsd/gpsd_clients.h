@@ -30,7 +30,6 @@ struct GpsdLine {
 struct GpsdClient {
     uint64_t id = 0;
     int fd = -1;
-    std::string host; // its address without the port
     GpsdWatch watch;
     std::string input;
     bool skipping = false;        // up to the end of a line that was too long
@@ -53,9 +52,9 @@ void gpsd_clients_open(event_base* base, std::chrono::milliseconds second, GpsdR
                        size_t clients_max);
 void gpsd_clients_close();
 
-// Takes over a connection from this host. When there are too many already, one of the host that has the
-// most makes way: the oldest that watches nothing, or else the newest.
-GpsdClient& gpsd_clients_add(int fd, const std::string& host);
+// Takes over a connection. When there are too many already, one makes way: the oldest that watches nothing,
+// or else the newest.
+GpsdClient& gpsd_clients_add(int fd);
 
 // Queues a line for one client. An answer goes with the next turn, with what waits before it.
 void gpsd_clients_send(GpsdClient& client, GpsdLine line);

@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -133,11 +134,9 @@ struct RelayGpsd : testing::Test {
     RelayLoop loop;
 };
 
-TEST_F(RelayGpsd, AmongTooManyOneOfTheHostWithTheMostMakesWayThatDoesNotWatch) {
+TEST_F(RelayGpsd, AmongTooManyTheOldestMakesWayThatDoesNotWatchOrElseTheNewest) {
     gpsd_close();
-    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 4}));
-    TcpPeer other(gpsd_port(), 0, "127.0.0.2");
-    ASSERT_TRUE(gets(other, "VERSION"));
+    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 3}));
     TcpPeer watcher(gpsd_port());
     ASSERT_TRUE(asked(watcher, kWatchJson, "\"WATCH\""));
     TcpPeer idle(gpsd_port());
@@ -150,11 +149,25 @@ TEST_F(RelayGpsd, AmongTooManyOneOfTheHostWithTheMostMakesWayThatDoesNotWatch) {
     TcpPeer fourth(gpsd_port()); // all watch: the newest makes way
     ASSERT_TRUE(loop.until([&] { return !third.read(); }));
     ASSERT_TRUE(asked(fourth, "?DEVICES;", "DEVICES"));
-    EXPECT_EQ(gpsd_clients_count(), 4U);
+    EXPECT_EQ(gpsd_clients_count(), 3U);
     EXPECT_EQ(hub_counters().tcp_consumers, 2U);
-    EXPECT_TRUE(asked(other, "?DEVICES;", "DEVICES"));
     EXPECT_TRUE(asked(watcher, "?DEVICES;", "DEVICES"));
     EXPECT_TRUE(asked(second, "?DEVICES;", "DEVICES"));
+}
+
+// Any program of the host may come from any of its addresses.
+TEST_F(RelayGpsd, SilentClientsOfManyAddressesTakeNoWatchersPlace) {
+    gpsd_close();
+    ASSERT_TRUE(gpsd_open(loop.base.get(), {.listen = "127.0.0.1:0", .clients_max = 3}));
+    TcpPeer watcher(gpsd_port());
+    ASSERT_TRUE(asked(watcher, kWatchJson, "\"WATCH\""));
+    std::vector<std::unique_ptr<TcpPeer>> silent;
+    for (const char* address : {"127.0.0.2", "127.0.0.3", "127.0.0.4"}) {
+        silent.push_back(std::make_unique<TcpPeer>(gpsd_port(), 0, address));
+        ASSERT_TRUE(gets(*silent.back(), "VERSION"));
+    }
+    EXPECT_TRUE(asked(watcher, "?DEVICES;", "DEVICES"));
+    EXPECT_FALSE(silent.front()->read());
 }
 
 TEST_F(RelayGpsd, AnAddressOfIpv6StandsInBrackets) {
