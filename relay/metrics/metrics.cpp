@@ -25,11 +25,8 @@ struct Connection {
     int fd = -1;
     int listener = -1; // the socket that it came to
     std::string head;  // of the request
-    std::string answer;
-    size_t sent = 0;    // of the answer
-    bool ended = false; // the other side sends nothing more
+    bool answered = false;
     EventPtr readable;
-    EventPtr writable;
     EventPtr deadline;
 };
 
@@ -77,44 +74,27 @@ std::string answer_to(MetricsAsked asked) {
     }
 }
 
-// Sends what can be sent; the connection may be gone afterwards. A whole answer is followed by the end of
-// this direction only: to close with unread bytes would take the answer away from the other side.
-void flush(Connection& connection) {
-    const size_t left = connection.answer.size() - connection.sent;
-    const ssize_t sent =
-        send(connection.fd, connection.answer.data() + connection.sent, left, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR) {
+// The answer, some 4 KiB, is all that is ever sent: the empty buffer of a new socket has room for several of
+// it. It is followed by the end of this direction only: to close with unread bytes would take the answer away
+// from the other side.
+void reply(Connection& connection, const std::string& answer) {
+    connection.answered = true;
+    const ssize_t sent = send(connection.fd, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent != static_cast<ssize_t>(answer.size())) {
         return drop(connection);
     }
-    connection.sent += sent > 0 ? static_cast<size_t>(sent) : 0;
-    if (connection.sent < connection.answer.size()) {
-        event_add(connection.writable.get(), nullptr);
-        return;
-    }
     shutdown(connection.fd, SHUT_WR);
-    if (connection.ended) {
-        drop(connection);
-    }
 }
 
+// The connection may be gone afterwards.
 void take(Connection& connection, std::string_view bytes) {
-    if (!connection.answer.empty()) {
+    if (connection.answered) {
         return; // behind the request
     }
     connection.head += bytes;
     const MetricsAsked asked = metrics_request_read(connection.head);
     if (asked != MetricsAsked::kMore) {
-        connection.answer = answer_to(asked);
-        flush(connection);
-    }
-}
-
-// Without an answer to send there is nothing left to do.
-void end(Connection& connection) {
-    connection.ended = true;
-    event_del(connection.readable.get());
-    if (connection.sent == connection.answer.size()) {
-        drop(connection);
+        reply(connection, answer_to(asked));
     }
 }
 
@@ -124,15 +104,9 @@ void on_readable(evutil_socket_t fd, short /*unused*/, void* one) {
     const ssize_t size = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
     if (size > 0) {
         take(connection, {bytes.data(), static_cast<size_t>(size)});
-    } else if (size == 0) {
-        end(connection);
-    } else if (errno != EAGAIN && errno != EINTR) {
+    } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
         drop(connection);
     }
-}
-
-void on_writable(evutil_socket_t /*unused*/, short /*unused*/, void* one) {
-    flush(*static_cast<Connection*>(one));
 }
 
 void on_deadline(evutil_socket_t /*unused*/, short /*unused*/, void* one) {
@@ -153,7 +127,6 @@ void add(int fd, int listener) {
     connection.fd = fd;
     connection.listener = listener;
     connection.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &connection));
-    connection.writable.reset(event_new(state.base, fd, EV_WRITE, on_writable, &connection));
     connection.deadline.reset(event_new(state.base, -1, 0, on_deadline, &connection));
     event_add(connection.readable.get(), nullptr);
     event_arm(connection.deadline, kPatienceS * state.settings.second);
