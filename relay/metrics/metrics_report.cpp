@@ -41,7 +41,11 @@ double quality() {
 }
 
 double satellites(bool used_only) {
-    const auto& all = gnss_latest().satellites;
+    const GnssEpoch& epoch = gnss_latest();
+    const auto& all = epoch.satellites;
+    if (all.empty() && epoch.mode == GnssMode::kUnknown) {
+        return NAN;
+    }
     return static_cast<double>(
         std::count_if(all.begin(), all.end(), [&](const auto& one) { return one.used || !used_only; }));
 }
@@ -81,7 +85,7 @@ constexpr Row kRows[] = {
      [] { return static_cast<double>(gnss_latest().mode); }},
     {"tavor_relay_fix_quality", kGauge, "As the GGA or GNS sentence of the present epoch tells it, or NaN.",
      "", [] { return quality(); }},
-    {"tavor_relay_satellites", kGauge, "Satellites in view and of these used, at present.",
+    {"tavor_relay_satellites", kGauge, "Satellites in view and of these used, at present, or NaN.",
      "state=\"visible\"", [] { return satellites(false); }},
     {"tavor_relay_satellites", kGauge, "", "state=\"used\"", [] { return satellites(true); }},
     {"tavor_relay_consumers", kGauge,
@@ -100,8 +104,9 @@ constexpr Row kRows[] = {
      [] { return count(hub_counters().dropped_mqtt); }},
     {"tavor_relay_mqtt_published_total", kCounter, "Positions that the MQTT broker has acknowledged.", "",
      [] { return count(hub_counters().published_mqtt); }},
-    {"tavor_relay_clients_let_go_total", kCounter, "Clients let go that read or asked nothing for too long.",
-     "", [] { return count(hub_counters().let_go); }},
+    {"tavor_relay_clients_let_go_total", kCounter,
+     "Clients let go: they read or asked nothing for too long, or made way for others.", "",
+     [] { return count(hub_counters().let_go); }},
     {"tavor_relay_requests_total", kCounter, "Requests of local clients.", "",
      [] { return count(hub_counters().requests); }},
     {"tavor_relay_requests_failed_total", kCounter, "Of these: answered with failure.", "",

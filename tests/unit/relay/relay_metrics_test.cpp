@@ -165,7 +165,8 @@ TEST_F(RelayMetrics, TellWhatIsThereBeforeAnythingHasCome) {
     EXPECT_EQ(all.at("tavor_relay_daemon_info{socket=\"" + loop.daemon_path + "\"}"), 1);
     EXPECT_NEAR(all.at("process_start_time_seconds"), static_cast<double>(time(nullptr)), 60);
     for (const char* never :
-         {"tavor_relay_fix_age_seconds", "tavor_relay_sentence_age_seconds", "tavor_relay_fix_quality"}) {
+         {"tavor_relay_fix_age_seconds", "tavor_relay_sentence_age_seconds", "tavor_relay_fix_quality",
+          "tavor_relay_satellites{state=\"visible\"}", "tavor_relay_satellites{state=\"used\"}"}) {
         EXPECT_TRUE(std::isnan(all.at(never))) << never;
     }
 }
@@ -203,7 +204,9 @@ TEST_F(RelayMetrics, AnEpochThatASilenceHasCutIsNoFixOfThePresent) {
         push(TAVOR_CODE_NMEA, "$GNRMC," + std::string(time) + ".00,V,,,,,,,211126,,,N,V*00\r\n");
     }
     ASSERT_TRUE(loop.until([] { return gnss_latest().mode == GnssMode::kNoFix; }));
-    EXPECT_TRUE(std::isnan(samples().at("tavor_relay_fix_age_seconds")));
+    const auto all = samples();
+    EXPECT_TRUE(std::isnan(all.at("tavor_relay_fix_age_seconds")));
+    EXPECT_EQ(all.at("tavor_relay_satellites{state=\"visible\"}"), 0) << "an epoch that tells of none";
 }
 
 TEST_F(RelayMetrics, EachCounterHasItsRow) {
