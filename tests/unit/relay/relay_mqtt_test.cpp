@@ -264,6 +264,24 @@ TEST_F(RelayMqtt, AnEndlessPacketIsCutOff) {
     EXPECT_EQ(device.connection.told, "it sends more than answers");
 }
 
+// 85 bytes are the longest record of an acknowledgement: TLS 1.2, CBC and SHA-384.
+TEST_F(RelayMqtt, ABrokerWhoseAnswersAreLongRecordsOfTlsIsKept) {
+    settings.second = std::chrono::minutes(1); // so only messages are answered
+    open();
+    ASSERT_TRUE(connected());
+    device.connection.expected -= 61440; // of what a greeting may take: else it took 3,200 answers
+    const std::string rest = std::string("\x30\x4f\x00\x01x", 5) + std::string(76, 'x');
+    for (int sent = 0; sent < 400; sent += 20) {
+        fix(1, 20);
+        ASSERT_TRUE(until([&] { return device.queue.messages.empty() || !device.connection.up; }));
+        ASSERT_EQ(device.connection.told, "connected") << "behind " << sent << " positions";
+        for (int answer = 0; answer < 20; ++answer) {
+            ASSERT_TRUE(broker.send(rest));
+        }
+    }
+    EXPECT_EQ(broker.connections, 1);
+}
+
 TEST_F(RelayMqtt, MessagesOfTheBrokerAreIgnored) {
     open();
     ASSERT_TRUE(connected());
