@@ -36,7 +36,6 @@ struct ClientsState {
     GpsdReader reader;
     std::list<GpsdClient> clients;
     size_t clients_max = 0;
-    uint64_t last_id = 0;
     Seldom let_go;
     EventPtr look;
 };
@@ -207,7 +206,6 @@ GpsdClient& gpsd_clients_add(int fd) {
     set_option(fd, SOL_SOCKET, SO_SNDBUF, kKernelBuffer);
     set_option(fd, SOL_SOCKET, SO_RCVBUF, kKernelBuffer);
     GpsdClient& client = state.clients.emplace_back();
-    client.id = ++state.last_id;
     client.fd = fd;
     client.heard = std::chrono::steady_clock::now();
     client.readable.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, on_readable, &client));

@@ -28,7 +28,6 @@ struct GpsdLine {
 };
 
 struct GpsdClient {
-    uint64_t id = 0;
     int fd = -1;
     GpsdWatch watch;
     std::string input;
