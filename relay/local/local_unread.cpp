@@ -46,7 +46,7 @@ std::string address_of(std::string_view name) {
     return address;
 }
 
-// One socket of the answer. `rest`: bytes of the message.
+// One socket of the answer. `size`: bytes of the message.
 void take_socket(const char* data, size_t size, Addresses& unread) {
     unix_diag_msg socket = {};
     if (size < sizeof socket) {
