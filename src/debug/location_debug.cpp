@@ -142,15 +142,10 @@ void tell_loss_ended() {
     }
 }
 
-// Never waits: the receive thread feeds the service. An outlet that could not take a block gets none until it
-// has taken all that waits for it.
+// Never waits: the receive thread feeds the service.
 void hand_over(const uint8_t* data, uint32_t length) {
     if (!location_debug_queue_is_open()) {
         puts("[LOCSERV] ERR: [debug] location_debug_handle, msgid is -1");
-        return;
-    }
-    if (state.dropped != 0 && !location_debug_queue_is_empty()) {
-        ++state.dropped;
         return;
     }
     DebugBlockPtr block = location_debug_block_copy(data, length);

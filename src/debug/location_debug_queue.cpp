@@ -40,16 +40,8 @@ struct DebugQueueState {
     DebugBlock* first;
     DebugBlock* last;
     uint64_t bytes; // in all blocks
-} state{.lock = {}, .id = -1, .first = nullptr, .last = nullptr, .bytes = 0};
-
-bool in_transit(const DebugBlock* wanted) {
-    for (const DebugBlock* block = state.first; block != nullptr; block = block->next) {
-        if (block == wanted) {
-            return true;
-        }
-    }
-    return false;
-}
+    bool refusing;  // since a block was refused, until all others are taken
+} state{.lock = {}, .id = -1, .first = nullptr, .last = nullptr, .bytes = 0, .refusing = false};
 
 void append(DebugBlock* block) {
     (state.first == nullptr ? state.first : state.last->next) = block;
@@ -64,33 +56,14 @@ DebugBlockPtr pop() {
     return block;
 }
 
-// Takes the block whose address the message carries. An address we never sent is ignored. Older blocks whose
-// messages were taken by another process are freed.
-DebugBlockPtr claim(const DebugBlock* wanted) {
+DebugBlockPtr take_first() {
     const std::lock_guard guard(state.lock);
-    if (!in_transit(wanted)) {
-        return nullptr;
-    }
-    DebugBlockPtr block = pop();
-    while (block.get() != wanted) {
-        block = pop();
-    }
-    return block;
+    return state.first == nullptr ? nullptr : pop();
 }
 
-// The pointers of an earlier process mean nothing here. No more is taken than was there, so that a process
-// which keeps on sending can't hold the start up.
-void throw_away_messages(int32_t id) {
-    msqid_ds status{};
-    if (msgctl(id, IPC_STAT, &status) != 0) {
-        return;
-    }
-    DebugMessage message{};
-    for (msgqnum_t left = status.msg_qnum; left > 0; --left) {
-        if (msgrcv(id, &message, kBodySize, 0, IPC_NOWAIT | MSG_NOERROR) < 0) {
-            return;
-        }
-    }
+bool blocks_wait() {
+    const std::lock_guard guard(state.lock);
+    return state.first != nullptr;
 }
 
 } // namespace
@@ -108,7 +81,6 @@ int32_t location_debug_queue_open() {
     int32_t id = msgget(kQueueKey, 0);
     if (id != -1) {
         printf("[LOCSERV] INF: [debug]location_debug_start, msgid exist:%d\n", id);
-        throw_away_messages(id);
         state.id = id;
         return 0;
     }
@@ -138,11 +110,6 @@ bool location_debug_queue_is_open() {
     return state.id != -1;
 }
 
-bool location_debug_queue_is_empty() {
-    msqid_ds status{};
-    return msgctl(state.id, IPC_STAT, &status) == 0 && status.msg_qnum == 0;
-}
-
 DebugBlockPtr location_debug_block_copy(const uint8_t* data, uint32_t length) {
     DebugBlockPtr block(static_cast<DebugBlock*>(malloc(sizeof(DebugBlock) + length)));
     if (block) {
@@ -160,22 +127,25 @@ bool location_debug_queue_send(DebugBlockPtr block) {
     const DebugMessage message{.type = kMessageType, .data = block.get(), .length = block->length};
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    const bool too_many = state.first != nullptr && state.bytes + block->length > kBytesMax;
-    if (too_many || msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) != 0) {
+    const bool too_many =
+        state.first != nullptr && (state.refusing || state.bytes + block->length > kBytesMax);
+    state.refusing = too_many;
+    // Sent for a refused block too, as another process may have taken the message that should have woken the
+    // receiver. A queue that is full of messages wakes it as well.
+    const bool wakes = msgsnd(state.id, &message, kBodySize, IPC_NOWAIT) == 0 || errno == EAGAIN;
+    if (too_many || !wakes) {
         return false;
     }
-    append(block.release()); // the receiver claims it under this lock, so not before now
+    append(block.release()); // the receiver takes it under this lock, so not before now
     return true;
 }
 
 DebugBlockPtr location_debug_queue_receive() {
     DebugMessage message{};
-    const ssize_t size = msgrcv(state.id, &message, kBodySize, 0, MSG_NOERROR);
-    if (size < 0 && errno != EINTR) {
+    const int wait = blocks_wait() ? IPC_NOWAIT : 0; // their messages may be gone
+    if (msgrcv(state.id, &message, kBodySize, 0, MSG_NOERROR | wait) < 0 && errno != EINTR &&
+        errno != ENOMSG) {
         usleep(kFailedReceivePauseUs); // the queue is gone: nothing to be had by hurrying
     }
-    if (size != static_cast<ssize_t>(kBodySize)) {
-        return nullptr;
-    }
-    return claim(message.data);
+    return take_first();
 }

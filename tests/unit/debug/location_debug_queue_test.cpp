@@ -2,6 +2,7 @@
 #include "debug/location_debug_queue.h"
 
 #include "debug_fixture.h"
+#include "support/test_limit.h"
 
 #include <atomic>
 #include <chrono>
@@ -16,7 +17,6 @@ namespace {
 constexpr key_t kQueueKey = 1235;
 
 std::atomic<int> receives = 0; // attempts, of the transmit task above all
-std::atomic<int> refills = 0;  // messages that another process still puts in when one is taken out
 
 // What another process may put into the queue.
 struct ForeignMessage {
@@ -47,15 +47,10 @@ void send_foreign(int queue, long type, size_t size) {
 extern "C" ssize_t __real_msgrcv(int queue, void* message, size_t size, long type, int flags);
 extern "C" ssize_t __wrap_msgrcv(int queue, void* message, size_t size, long type, int flags) {
     ++receives;
-    const ssize_t got = __real_msgrcv(queue, message, size, type, flags);
-    if (got >= 0 && refills > 0) {
-        --refills;
-        send_foreign(queue, 1, 16);
-    }
-    return got;
+    return __real_msgrcv(queue, message, size, type, flags);
 }
 
-TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
+TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedAndItsMessagesMeanNothing) {
     const int queue = make_queue();
     send_foreign(queue, 1, 16);
     send_foreign(queue, 7, 64);
@@ -63,21 +58,9 @@ TEST_F(DebugQueueTest, QueueFoundAtStartIsReusedWithoutItsMessages) {
     const auto client = start_with_client();
     EXPECT_EQ(log_lines()[0],
               "[LOCSERV] INF: [debug]location_debug_start, msgid exist:" + std::to_string(queue));
-    EXPECT_EQ(messages_in_queue(), 0U);
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
-}
-
-TEST_F(DebugQueueTest, ProcessThatKeepsOnSendingDoesNotHoldUpTheStart) {
-    const int queue = make_queue();
-    send_foreign(queue, 1, 16);
-    send_foreign(queue, 1, 16);
-    refills = 100;
-    receives = 0;
-    ASSERT_EQ(location_debug_queue_open(), 0); // no task reads it yet
-    EXPECT_EQ(receives, 2);
-    refills = 0;
-    location_debug_queue_close();
+    EXPECT_TRUE(wait_until([] { return messages_in_queue() == 0; }));
 }
 
 TEST_F(DebugQueueTest, BlockIsHandedOverWholeWhileItsThreadIsBeingCancelled) {
@@ -107,8 +90,10 @@ TEST_F(DebugQueueTest, SixtyFourKibibytesWaitAtMostAndOneBlockAlways) {
         EXPECT_FALSE(send(1)) << "that one is too long already";
         EXPECT_TRUE(location_debug_queue_receive());
         EXPECT_TRUE(send(64 * 1024 - 1));
-        EXPECT_FALSE(send(2));
         EXPECT_TRUE(send(1));
+        EXPECT_FALSE(send(1));
+        EXPECT_TRUE(location_debug_queue_receive());
+        EXPECT_FALSE(send(1)) << "before all that waits is taken";
         EXPECT_TRUE(location_debug_queue_receive());
         EXPECT_TRUE(send(64 * 1024 - 1));
         location_debug_queue_close(); // what waits goes with it
@@ -135,17 +120,20 @@ TEST_F(DebugQueueTest, MessagesOfOtherProcessesAreThrownAway) {
     }
     handle_text("$GPGGA");
     EXPECT_EQ(read_bytes(client->fd, 6), "$GPGGA");
-    EXPECT_EQ(messages_in_queue(), 0U);
+    EXPECT_TRUE(wait_until([] { return messages_in_queue() == 0; }));
 }
 
-TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive) {
+TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenArriveAllTheSame) {
     ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_SERIAL), 0);
     const int queue = debug_queue();
     line.fill();
+    std::string sent;
     while (messages_in_queue() < 20) {
         handle_text("first");
+        sent += "first";
     }
     handle_text("last");
+    sent += "last";
     ForeignMessage stolen{};
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(msgrcv(queue, &stolen, sizeof stolen.body, 0, IPC_NOWAIT),
@@ -157,6 +145,26 @@ TEST_F(DebugQueueTest, BlocksWhoseMessagesWereStolenAreFreedAndTheNextOnesArrive
         ASSERT_FALSE(piece.empty());
         seen += piece;
     }
+    EXPECT_TRUE(seen.ends_with(sent));
+}
+
+TEST_F(DebugQueueTest, FullQueueWhoseMessagesWereStolenIsTakenAndTakesBlocksAgain) {
+    const TestLimit limit; // a receive that waits for a message would wait for ever
+    ASSERT_EQ(location_debug_queue_open(), 0);
+    const std::string bytes(64 * 1024, 'x');
+    const auto send = [&](uint32_t length) {
+        return location_debug_queue_send(
+            location_debug_block_copy(reinterpret_cast<const uint8_t*>(bytes.data()), length));
+    };
+    EXPECT_TRUE(send(64 * 1024));
+    ForeignMessage stolen{};
+    ASSERT_EQ(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+    EXPECT_FALSE(send(1));
+    EXPECT_EQ(messages_in_queue(), 1U) << "nothing wakes a task that waits already";
+    ASSERT_EQ(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+    EXPECT_TRUE(location_debug_queue_receive());
+    EXPECT_TRUE(send(1));
+    location_debug_queue_close();
 }
 
 TEST_F(DebugQueueTest, QueueRemovedFromOutsideFailsTheSendAndMakesNoBusyLoop) {
