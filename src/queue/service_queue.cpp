@@ -6,12 +6,14 @@
 #include "base/stop_request.h"
 #include "queue/service_state.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -38,10 +40,13 @@ struct QueueRecord {
 };
 static_assert(sizeof(ServiceMessage) <= kMessageBodySize);
 
+// Other processes may put records into the queue and take some out of it. What was sent is therefore listed,
+// in the order of the queue: a block is taken from a listed message only, and what another process took is
+// over with the next message that is received, or when the queue is empty. So the list holds no more than is
+// sent while the service handles one message. Nothing waits under the lock, and nobody is cancelled under it.
 struct ServiceQueueState {
-    // Orders memory between threads: msgsnd and msgrcv do it in fact, but C++ (and ThreadSanitizer) only
-    // trusts atomics.
-    std::atomic<uint32_t> handovers = 0;
+    std::mutex lock;
+    std::deque<ServiceMessage> sent;
     inline static thread_local bool is_consumer = false;
 };
 
@@ -51,51 +56,79 @@ bool stops_link(uint32_t id) {
     return id == SERVICE_STOP || id == SERVICE_DOWNLOAD;
 }
 
+void give_up(const ServiceMessage& message) {
+    free(message.data);
+    service_queue_handled(message);
+}
+
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
 struct UnsentMessage : private NonCopyable {
-    UnsentMessage(uint32_t message_id, void* message_data) : id(message_id), data(message_data) {
-        if (stops_link(id)) {
+    explicit UnsentMessage(const ServiceMessage& message) : body(message) {
+        if (stops_link(body.id)) {
             stop_request_announce();
+            body.announced = kServiceAnnounced;
         }
     }
     ~UnsentMessage() {
-        if (sent) {
-            return;
-        }
-        free(data);
-        if (stops_link(id)) {
-            stop_request_withdraw();
+        if (!sent) {
+            give_up(body);
         }
     }
 
-    uint32_t id;
-    void* data;
+    ServiceMessage body;
     bool sent = false;
 };
 
 QueueRecord make_record(const ServiceMessage& message) {
     QueueRecord record = {.type = kMessageType, .body = {}};
-    ServiceMessage marked = message;
-    marked.announced = stops_link(message.id) ? kServiceAnnounced : 0;
-    memcpy(record.body, &marked, sizeof marked);
+    memcpy(record.body, &message, sizeof message);
     return record;
+}
+
+// Gives up the oldest messages of the list.
+void lose(size_t count) {
+    for (; count > 0; --count) {
+        give_up(state.sent.front());
+        state.sent.pop_front();
+    }
+}
+
+// Takes a received message off the list. Returns false when it carries a block and was not sent.
+bool claim(ServiceMessage* message) {
+    const std::lock_guard guard(state.lock);
+    const auto found = std::ranges::find_if(state.sent, [&](const ServiceMessage& sent) {
+        return sent.id == message->id && sent.data == message->data && sent.length == message->length;
+    });
+    if (found == state.sent.end()) {
+        message->announced = 0;
+        return message->data == nullptr;
+    }
+    lose(static_cast<size_t>(found - state.sent.begin()));
+    message->announced = state.sent.front().announced;
+    state.sent.pop_front();
+    return true;
 }
 
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
 // free a block that the consumer owns by then.
 int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
     const CancelHold hold;
+    const std::lock_guard guard(state.lock);
     int result = 0;
     do {
         result = msgsnd(g_service_state.msqid, &record, size, IPC_NOWAIT);
     } while (result == -1 && errno == EINTR);
-    message->sent = result == 0;
-    return message->sent ? 0 : errno;
+    if (result == -1) {
+        return errno;
+    }
+    state.sent.push_back(message->body);
+    message->sent = true;
+    return 0;
 }
 
 // For a full queue: a stop or a download goes in all the same.
 int enqueue_bodiless(UnsentMessage* message) {
-    const QueueRecord record = {.type = bodiless_type(message->id), .body = {}};
+    const QueueRecord record = {.type = bodiless_type(message->body.id), .body = {}};
     return enqueue_now(record, 0, message);
 }
 
@@ -113,9 +146,8 @@ bool waits_for_room(ServiceQueuePatience* patience) {
 }
 
 bool enqueue(const ServiceMessage& body, ServiceQueuePatience* patience) {
-    UnsentMessage message(body.id, body.data);
-    const QueueRecord record = make_record(body);
-    state.handovers.fetch_add(1, std::memory_order_release);
+    UnsentMessage message(body);
+    const QueueRecord record = make_record(message.body);
 
     int error = enqueue_now(record, kMessageBodySize, &message);
     if (error == EAGAIN && stops_link(body.id)) {
@@ -136,25 +168,15 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
     return sent;
 }
 
-// A removed queue took its messages along: what they announced is over. A stop that is just being sent may
-// lose its announcement; it is handled in its turn then.
-void make_again() {
-    while (stop_request_withdraw()) {
-    }
-    if (service_queue_open() != -1) {
-        puts("[LOCSERV] WRN: the service queue was gone and is made again");
-    }
-}
-
 bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
     if (size == static_cast<ssize_t>(kMessageBodySize)) {
         memcpy(message, record.body, sizeof *message);
-        return true;
+        return claim(message);
     }
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
         if (size == 0 && record.type == bodiless_type(id)) {
-            *message = {.id = id, .data = nullptr, .length = 0, .announced = kServiceAnnounced};
-            return true;
+            *message = {.id = id, .data = nullptr, .length = 0};
+            return claim(message);
         }
     }
     return false;
@@ -167,16 +189,29 @@ void recover(int error) {
         msgrcv(g_service_state.msqid, &cut, kMessageBodySize, 0, IPC_NOWAIT | MSG_NOERROR);
         return;
     }
-    if (error == EIDRM || error == EINVAL) {
-        make_again();
+    if ((error == EIDRM || error == EINVAL) && service_queue_open() != -1) {
+        puts("[LOCSERV] WRN: the service queue was gone and is made again");
     }
     // The pause keeps the caller's retries from taking a whole core.
     usleep(kBrokenQueuePauseUs);
 }
 
+// Takes a message that is in the queue. An empty queue holds none of the list.
+ssize_t receive_now(QueueRecord* record) {
+    const std::lock_guard guard(state.lock);
+    const ssize_t received = msgrcv(g_service_state.msqid, record, kMessageBodySize, 0, IPC_NOWAIT);
+    if (received == -1 && errno == ENOMSG) {
+        lose(state.sent.size());
+        errno = ENOMSG;
+    }
+    return received;
+}
+
 } // namespace
 
 int32_t service_queue_open() {
+    const std::lock_guard guard(state.lock);
+    lose(state.sent.size());
     const int old_queue = msgget(kQueueKey, IPC_EXCL);
     if (old_queue != -1) {
         msgctl(old_queue, IPC_RMID, nullptr);
@@ -196,8 +231,10 @@ bool service_queue_request(uint32_t id, void* data, uint32_t length, ServiceQueu
 bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
     ServiceQueueState::is_consumer = true;
     QueueRecord record = {};
-    const int flags = wait == ServiceQueueWait::shortly ? IPC_NOWAIT : 0;
-    const ssize_t received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, flags);
+    ssize_t received = receive_now(&record);
+    if (received == -1 && errno == ENOMSG && wait == ServiceQueueWait::until_one_comes) {
+        received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, 0);
+    }
     if (received == -1 && errno == ENOMSG) {
         usleep(kEmptyQueuePauseUs);
         return false;
@@ -206,7 +243,6 @@ bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
         recover(errno);
         return false;
     }
-    static_cast<void>(state.handovers.load(std::memory_order_acquire));
     return unpack(record, received, message);
 }
 

@@ -30,7 +30,7 @@ struct ServiceMessage {
     uint32_t id;
     void* data;
     uint32_t length;        // bytes of data
-    uint32_t announced = 0; // kServiceAnnounced when the send has announced it; padding to other programs
+    uint32_t announced = 0; // kServiceAnnounced when the send has announced it
 };
 
 inline constexpr uint32_t kServiceAnnounced = 0x74617672;
@@ -60,8 +60,8 @@ enum class ServiceQueueWait {
 };
 
 // Takes the next message into *message; waits for one. The calling thread becomes the queue's consumer.
-// Returns false, after a short pause, when nothing could be received. A queue that is gone is made again;
-// what it held is lost.
+// Returns false, after a short pause, when nothing could be received, and without one for a record of another
+// program that carries a block. A queue that is gone is made again; what it held is lost.
 bool service_queue_receive(ServiceMessage* message,
                            ServiceQueueWait wait = ServiceQueueWait::until_one_comes);
 

@@ -42,6 +42,12 @@ extern "C" int __wrap_usleep(useconds_t us) {
 
 namespace {
 
+struct ForeignRecord {
+    long type;
+    ServiceMessage body;
+};
+static_assert(sizeof(ServiceMessage) == kBodySize || sizeof(void*) < 8);
+
 struct QueueTest : testing::Test {
     void SetUp() override {
         alarm(kBoundSeconds);
@@ -68,19 +74,30 @@ struct QueueTest : testing::Test {
         memcpy(data, &number, sizeof number);
         location_service_task_send_message(SERVICE_FRAME_NMEA, data, sizeof number);
     }
-    static void send_foreign(uint32_t id) {
-        const struct {
-            long type;
-            uint32_t body[kBodySize / sizeof(uint32_t)];
-        } record = {.type = 1, .body = {id}};
-        static_assert(sizeof record.body == kBodySize);
+    // What another program sends and takes.
+    static void send_foreign(const ServiceMessage& body) {
+        const ForeignRecord record = {.type = 1, .body = body};
         ASSERT_EQ(msgsnd(g_service_state.msqid, &record, kBodySize, 0), 0);
+    }
+    static ServiceMessage steal() {
+        ForeignRecord record = {};
+        EXPECT_EQ(msgrcv(g_service_state.msqid, &record, kBodySize, 0, IPC_NOWAIT),
+                  static_cast<ssize_t>(kBodySize));
+        return record.body;
     }
     // Takes a message off the queue, on a thread of its own so that the test's does not become the consumer.
     static ServiceMessage receive() {
         ServiceMessage message = {};
         std::thread([&] { EXPECT_TRUE(service_queue_receive(&message)); }).join();
         return message;
+    }
+    static bool receive_shortly() {
+        bool received = false;
+        std::thread([&] {
+            ServiceMessage message = {};
+            received = service_queue_receive(&message, ServiceQueueWait::shortly);
+        }).join();
+        return received;
     }
     static uint32_t number_of(const ServiceMessage& message) {
         uint32_t number = 0;
@@ -292,13 +309,51 @@ TEST_F(QueueTest, StopOfAnotherProgramWithdrawsNothing) {
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     const ServiceMessage announced = receive();
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        send_foreign(id);
+        send_foreign({.id = id, .data = nullptr, .length = 0});
         const ServiceMessage foreign = receive();
         EXPECT_EQ(foreign.id, id);
         service_queue_handled(foreign);
         EXPECT_TRUE(stop_request_pending()) << "the request's, which is not handled yet";
     }
     service_queue_handled(announced);
+    EXPECT_FALSE(stop_request_pending());
+}
+
+TEST_F(QueueTest, BlockThatWasNotSentIsNotHandedOver) {
+    int not_sent = 0;
+    send_foreign({.id = 99, .data = &not_sent, .length = 0});
+    EXPECT_FALSE(receive_shortly());
+    send_number(5);
+    const ServiceMessage sent = steal();
+    for (ServiceMessage changed : {sent, sent}) {
+        ++(not_sent++ == 0 ? changed.id : changed.length);
+        send_foreign(changed);
+    }
+    send_foreign(sent);
+    send_foreign(sent);
+    send_number(6); // stands behind them
+    EXPECT_FALSE(receive_shortly()) << "another id";
+    EXPECT_FALSE(receive_shortly()) << "another length";
+    EXPECT_EQ(number_of(receive()), 5U);
+    EXPECT_FALSE(receive_shortly()) << "the block has an owner by now";
+    EXPECT_EQ(number_of(receive()), 6U);
+}
+
+TEST_F(QueueTest, StopThatAnotherProgramTookIsOverWhenTheQueueIsEmpty) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    steal();
+    EXPECT_FALSE(receive_shortly());
+    EXPECT_FALSE(stop_request_pending());
+}
+
+TEST_F(QueueTest, StopThatAnotherProgramTookIsOverWithTheNextMessage) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    steal();
+    location_service_task_send_message(SERVICE_START, nullptr, 0);
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    EXPECT_EQ(receive().id, SERVICE_START);
+    EXPECT_TRUE(stop_request_pending()) << "the second";
+    service_queue_handled(receive());
     EXPECT_FALSE(stop_request_pending());
 }
 
