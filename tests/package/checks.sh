@@ -155,9 +155,12 @@ remove() {
 purge() {
     systemctl stop board
     rm -rf /run/board ${drop_in%/*} # the test's own
+    mkdir $home/da && : >$home/da/agent
     check "purge" apt-get -y -qq purge tavor tavorctl tavor-relay tavor-relay-mqtt tavor-board libtavor-dev
+    check "purged: what an administrator put beside the configuration is kept" test -e $home/da/agent
+    rm -r $home/da && rmdir $home
     list_files >files.after
-    check "purged: nothing is left" no_leftovers
+    check "purged: nothing else is left" no_leftovers
     check "purged: no unit has failed" [ -z "$(systemctl list-units --failed --plain --no-legend)" ]
 }
 
