@@ -1,6 +1,9 @@
 /* A client of the tavor daemon in C: starts positioning and prints ten sentences.
  *
+ * With libtavor-dev installed:
  *   cc -o client client.c && ./client [SOCKET]
+ * From the tree:
+ *   cc -Iinclude -o client docs/examples/client.c && ./client [SOCKET]
  */
 #include <tavor/protocol.h>
 
