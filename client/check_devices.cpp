@@ -19,7 +19,7 @@ namespace {
 constexpr char kSpi[] = "SPI device";
 constexpr char kLine[] = "power line";
 constexpr char kRunning[] = "left out: a daemon runs and may use it";
-constexpr char kHardware[] = "docs/hardware.md";
+constexpr char kHardware[] = "hardware.md in /usr/share/doc/tavor";
 constexpr long kMessageSize = 4096; // bytes of the longest frame
 constexpr char kBufferPath[] = "/sys/module/spidev/parameters/bufsiz";
 constexpr char kGpio[] = "/sys/class/gpio";
@@ -141,8 +141,9 @@ Finding judge_node(const std::string& node, const std::string& name, bool daemon
     }
     for (const char* file : {"/direction", "/value"}) {
         if (access((node + file).c_str(), R_OK | W_OK) != 0) {
-            return {check_denied(errno), kLine, node + file + " may not be written: " + strerror(errno),
-                    "use sudo; for a daemon that is not root see 'Permissions' in docs/hardware.md"};
+            return {
+                check_denied(errno), kLine, node + file + " may not be written: " + strerror(errno),
+                "use sudo; for a daemon that is not root see 'Permissions' in hardware.md of /usr/share/doc/tavor"};
         }
     }
     const bool is_output = read_word(node + "/direction") == "out";

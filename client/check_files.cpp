@@ -21,7 +21,8 @@ constexpr int64_t kHourS = 3600;
 constexpr int kLastsH = 72; // a file of predictions
 constexpr int kStaleH = 24; // behind its end
 constexpr char kSetClock[] =
-    "set the clock, and order the service behind time-sync.target; see troubleshooting.md";
+    "set the clock, and order the service behind time-sync.target; see troubleshooting.md in "
+    "/usr/share/doc/tavor";
 
 std::string directory_of(const std::string& path) {
     const size_t slash = path.rfind('/');
