@@ -32,7 +32,7 @@ void tell_too_long(uint32_t len) {
     if (!state.told_too_long.exchange(true)) {
         printf(
             "[LOCSERV] WRN: [spi]no message of %u bytes is taken: enlarge the buffer of spidev "
-            "(spidev.bufsiz=65536 on the kernel's command line); the controller may have a limit of its own\n",
+            "(spidev.bufsiz=4096 on the kernel's command line); the controller may have a limit of its own\n",
             len);
     }
 }

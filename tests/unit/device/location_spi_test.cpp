@@ -158,7 +158,7 @@ TEST_F(LocationSpi, MessageThatIsTooLongIsToldAsSuchAndItsRemedyOnce) {
     EXPECT_EQ(lines,
               (Lines{kFailed, kFailed,
                      "[LOCSERV] WRN: [spi]no message of 4096 bytes is taken: enlarge the buffer of spidev "
-                     "(spidev.bufsiz=65536 on the kernel's command line); the controller may have a limit "
+                     "(spidev.bufsiz=4096 on the kernel's command line); the controller may have a limit "
                      "of its own",
                      kFailed, kFailed}));
 }
