@@ -146,7 +146,7 @@ void finish(GnssReader& reader, void (*tell)(void*, const GnssEpoch&), void* to)
     epoch.mode = mode_of(reader);
     epoch.time = time_of(reader);
     gnss_sky_mark_used(reader);
-    if (epoch.mode != GnssMode::k2d && epoch.mode != GnssMode::k3d) {
+    if (epoch.mode < GnssMode::k2d) {
         epoch.latitude = epoch.longitude = epoch.altitude = epoch.separation = std::nullopt;
         epoch.speed = epoch.course = std::nullopt;
     }

@@ -31,6 +31,7 @@ struct GnssErrors {
     std::optional<double> rms, major, minor, orientation, latitude, longitude, altitude;
 };
 
+// From 2D on there is a fix.
 enum class GnssMode { kUnknown = 0, kNoFix = 1, k2d = 2, k3d = 3 };
 
 struct GnssEpoch {

@@ -36,10 +36,6 @@ void put_time(Members& report, const GnssEpoch& epoch) {
     }
 }
 
-bool has_fix(const GnssEpoch& epoch) {
-    return epoch.mode == GnssMode::k2d || epoch.mode == GnssMode::k3d;
-}
-
 // The status that the quality of GGA means; none for an ordinary fix.
 std::optional<int> status_of(const GnssEpoch& epoch) {
     switch (epoch.quality.value_or(0)) {
@@ -77,7 +73,7 @@ Members report_of(const char* name) {
 
 Json tpv(const GnssEpoch& epoch) {
     Members report = report_of("TPV");
-    const bool fix = has_fix(epoch);
+    const bool fix = epoch.mode >= GnssMode::k2d;
     if (const auto status = status_of(epoch); fix && status) {
         report.emplace_back("status", *status);
     }

@@ -100,7 +100,7 @@ void mqtt_device_close(MqttDevice& device) {
 }
 
 void mqtt_device_take(MqttDevice& device, const GnssEpoch& epoch) {
-    if (epoch.mode == GnssMode::k2d || epoch.mode == GnssMode::k3d) {
+    if (epoch.mode >= GnssMode::k2d) {
         device.fixed = BootClock::now();
     }
     if (mqtt_rate_due(device.rate, epoch, Clock::now())) {

@@ -39,8 +39,7 @@ double mqtt_rate_distance(double latitude1, double longitude1, double latitude2,
 }
 
 bool mqtt_rate_due(MqttRate& rate, const GnssEpoch& epoch, std::chrono::steady_clock::time_point now) {
-    const bool fix =
-        (epoch.mode == GnssMode::k2d || epoch.mode == GnssMode::k3d) && epoch.latitude && epoch.longitude;
+    const bool fix = epoch.mode >= GnssMode::k2d && epoch.latitude && epoch.longitude;
     const bool over = rate.published && time_is_over(rate, now);
     if (!fix || (rate.published && !over && !way_is_gone(rate, epoch))) {
         return false;
