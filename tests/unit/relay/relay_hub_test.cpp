@@ -74,7 +74,7 @@ TEST_F(RelayHub, TheDaemonIsHeardBetweenSlowItems) {
     hub_put(relay_response(TAVOR_CODE_POSITION, 0, "position"));
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "its sentence"));
     hub_hand_out();
-    ASSERT_TRUE(loop.until([&] { return got.size() == 5; }));
+    ASSERT_TRUE(loop.until([&] { return got.size() >= 5; }));
     EXPECT_EQ(got, (std::vector<std::string>{"one", "heard", "position", "its sentence", "heard"}));
 }
 
