@@ -46,7 +46,7 @@ struct HubCounters {
     uint64_t dropped_tcp = 0;     // reports lost by TCP clients that did not read
     uint64_t dropped_mqtt = 0;    // positions that an MQTT broker never gets, because too many waited
     uint64_t published_mqtt = 0;  // positions that it has acknowledged
-    uint64_t let_go = 0;          // clients that read or asked nothing for too long
+    uint64_t let_go = 0;          // clients that read or asked nothing for too long, or made way
     uint64_t requests = 0;        // of local clients that were heard
     uint64_t requests_failed = 0; // of these: answered with failure
     uint64_t refused = 0;         // requests without the right
