@@ -1,5 +1,5 @@
 // A fleet at one MQTT broker: many devices in one process and one loop, each with the relay's own output to
-// MQTT and a connection of its own. Their fixes are made up; there are no daemons. scripts/fleet.sh runs it.
+// MQTT and a connection of its own. Their fixes are made up; there are no daemons. bench/fleet.sh runs it.
 #include "mqtt/mqtt_device.h"
 
 #include <cmath>

@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 case "${1:-}" in
 -h | --help)
     cat <<EOT
-usage: scripts/fleet.sh [DEVICES [SECONDS]]
+usage: bench/fleet.sh [DEVICES [SECONDS]]
   1,000 devices by default, each with the relay's own output to MQTT, in one process; each publishes a position
   a second, for 20 seconds. Takes Debian's package mosquitto, whose broker is started with a configuration of its
   own and ended again.
