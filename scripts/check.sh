@@ -52,8 +52,8 @@ if grep -rnE '^#include "(src|tests|bench)/' src client relay board || grep -rnE
 fi
 
 echo "check: manuals and error lines"
-scripts/check_error_lines.sh
-scripts/check_protocol.sh
+scripts/lib/check_error_lines.sh
+scripts/lib/check_protocol.sh
 version=$(sed -n 's/^project(tavor VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
 for page in docs/*.[1-8]; do
     if ! head -n 1 "$page" | grep -q "^\.TH .* \"tavor $version\" "; then

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Holds docs/tavor-protocol.7 against include/tavor/protocol.h and the examples: each number, size, offset and example stands in it.
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 page=docs/tavor-protocol.7
 header=include/tavor/protocol.h
 status=0

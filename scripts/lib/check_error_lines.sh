@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Holds docs/troubleshooting.md against the source: each line at error level stands there, and none that there is not.
 set -euo pipefail
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 page=docs/troubleshooting.md
 
 mapfile -t lines < <(grep -rhoE '"\[LOCSERV\] ERR: [^"]*' src --include='*.cpp' |
