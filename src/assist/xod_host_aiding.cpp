@@ -117,23 +117,24 @@ void log_giving_way() {
 }
 
 // Each request takes about a second, and a chip may queue many of them: they end early while a stop is
-// announced.
-void xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
+// announced. Returns whether it did not; kept: records that can't be read count as sent.
+bool xod_host_aiding_send_data(FILE* file, uint32_t n, int32_t constellation) {
     uint8_t record[kRecordSize];
     for (uint32_t i = 0; i < n; ++i) {
         if (stop_request_pending()) {
             log_giving_way();
-            return;
+            return false;
         }
         if (fread(record, sizeof record, 1, file) != 1) {
             puts("[LOCSERV] ERR: [XOD] xod_host_aiding_send_data, read fail");
-            return;
+            return true;
         }
         char text[kCommandSize] = {};
         format_command(constellation, record, text);
         location_command_send(text);
         usleep(kCommandPauseUs);
     }
+    return true;
 }
 
 int32_t without_file(int32_t constellation) {
@@ -172,9 +173,8 @@ int32_t send_segment(int32_t constellation, OrbitFile* file, int32_t segment) {
         puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
         return 0;
     }
-    xod_host_aiding_send_data(
-        file->file, constellation == XOD_CONSTELLATION_GPS ? kGpsRecords : kGlonassRecords, constellation);
-    return 1;
+    const uint32_t count = constellation == XOD_CONSTELLATION_GPS ? kGpsRecords : kGlonassRecords;
+    return xod_host_aiding_send_data(file->file, count, constellation) ? 1 : 0;
 }
 
 // GPS and GLONASS: numbered files, three days each.
@@ -222,14 +222,15 @@ int32_t aid_from_headed(int32_t constellation, int32_t now) {
     if (!file.seek(0)) {
         puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
     }
-    xod_host_aiding_send_data(file.file, 1, constellation);
+    if (!xod_host_aiding_send_data(file.file, 1, constellation)) {
+        return 0;
+    }
     if (!file.seek(kRecordSize + int64_t{segment} * count * kRecordSize)) {
         file.close();
         puts("[LOCSERV] ERR: [XOD] xod_host_aiding_xod, seek fail");
         return 0;
     }
-    xod_host_aiding_send_data(file.file, count, constellation);
-    return 1;
+    return xod_host_aiding_send_data(file.file, count, constellation) ? 1 : 0;
 }
 
 int32_t xod_host_aiding_xod(int32_t constellation, uint32_t week, int32_t tow_seconds) {

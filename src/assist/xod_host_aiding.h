@@ -14,8 +14,8 @@ enum xod_constellation : int32_t {
 };
 
 // Sends the constellation's records for the GPS week and its second tow_seconds, holding the download lock;
-// gives way to a pending stop while a transfer has the lock. Returns 1 when a segment was sent, else 0 after
-// logging why.
+// gives way to a pending stop at once, while a transfer has the lock, and before each record. Returns 1 when
+// a segment was sent, else 0 after logging why.
 int32_t xod_host_aiding(int8_t constellation, uint32_t week, int32_t tow_seconds);
 
 // The chip's number for the satellite of a record (72 bytes); 0 for an unknown constellation. A number below

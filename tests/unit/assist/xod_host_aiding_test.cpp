@@ -492,13 +492,19 @@ TEST_F(XodHostAiding, WaitingRequestGivesWayToAStop) {
     EXPECT_TRUE(world.commands.empty());
 }
 
-TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSent) {
+TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSentAndItIsNotSent) {
     file("XOD_GR_3_1.DAT", mixed_file());
-    world.stop_at = 3;
-    const string printed = capture_stdout([] { xod_host_aiding(0, kWeek, 48 * 3600); });
-    stop_request_withdraw();
-    EXPECT_EQ(world.commands.size(), 3U);
-    EXPECT_NE(printed.find("[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n"), string::npos);
+    file("XOD_GAL_3.DAT", headed_file(header(254, 15, 3), 101, 6));
+    for (const int constellation : {0, 2}) {
+        for (const size_t last : {size_t{1}, size_t{3}}) { // the first is the header
+            world.commands.clear();
+            world.stop_at = last;
+            EXPECT_EQ(aid_at(constellation, kWeek, 48 * 3600), 0);
+            stop_request_withdraw();
+            EXPECT_EQ(world.commands.size(), last);
+            EXPECT_EQ(log, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
+        }
+    }
 }
 
 TEST(XodSatellite, IsNumberedAsTheChipDoes) {
