@@ -130,11 +130,10 @@ void location_debug_clients_init() {
 void location_debug_clients_admit(int32_t epfd, int32_t fd) {
     const CancelHold hold;
     int32_t count = 0;
-    if (!list_client(fd, &count)) {
-        close(fd);
+    if (location_epoll_add_fd(epfd, fd, EPOLLIN) != 0 || !list_client(fd, &count)) {
+        close(fd); // which takes it out of the set, too
         return;
     }
-    location_epoll_add_fd(epfd, fd, EPOLLIN);
     printf("[LOCSERV] INF: [debug]socket AT new client connected fd=[%d] list num=[%d]\n", fd, count);
 }
 

@@ -26,8 +26,8 @@ int32_t location_debug_find_client(const DebugClientList* list, int32_t fd);
 // Empties the list.
 void location_debug_clients_init();
 
-// Lists fd, watches it for input in the set epfd and logs it; a socket that finds the list full is closed at
-// once.
+// Lists fd, watches it for input in the set epfd and logs it; a socket that finds the list full, or can't be
+// watched, is closed at once.
 void location_debug_clients_admit(int32_t epfd, int32_t fd);
 
 // Takes fd out of the set epfd, closes it and takes it off the list.

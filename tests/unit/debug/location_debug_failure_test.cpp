@@ -29,6 +29,7 @@ namespace {
 struct FailureState {
     std::atomic<bool> cancel = false;
     std::atomic<bool> epoll_create = false;
+    std::atomic<bool> epoll_ctl = false;
     std::atomic<bool> epoll_interrupt = false; // once
     std::atomic<bool> short_writes = false;
     std::atomic<bool> malloc = false;
@@ -89,6 +90,14 @@ extern "C" int epoll_create(int size) noexcept {
     return next_of<decltype(&epoll_create)>("epoll_create")(size);
 }
 
+extern "C" int epoll_ctl(int set, int operation, int fd, epoll_event* event) noexcept {
+    if (failure.epoll_ctl) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return next_of<decltype(&epoll_ctl)>("epoll_ctl")(set, operation, fd, event);
+}
+
 namespace {
 
 const std::string kAlreadyOpen = "[LOCSERV] INF: [debug]location_debug_start, already open";
@@ -122,7 +131,7 @@ struct ReceiveTask {
 
 struct DebugFailureTest : DebugTest {
     void TearDown() override {
-        failure.cancel = failure.epoll_create = failure.epoll_interrupt = false;
+        failure.cancel = failure.epoll_create = failure.epoll_ctl = failure.epoll_interrupt = false;
         failure.short_writes = failure.malloc = failure.cancelled_accept = false;
         interpose_fail_reset();
         DebugTest::TearDown();
@@ -305,6 +314,16 @@ TEST_F(DebugFailureTest, ClientThatIsAcceptedWhileTheTaskIsCancelledIsNotLost) {
     const size_t before = open_descriptors();
     location_debug_close(); // server, epoll set and the client's socket
     EXPECT_EQ(open_descriptors(), before - 3);
+}
+
+TEST_F(DebugFailureTest, ClientThatCantBeWatchedIsClosedAndNotListed) {
+    ASSERT_EQ(location_debug_set_mode(DEBUG_MODE_TCP), 0);
+    failure.epoll_ctl = true;
+    const TcpClient unwatched(port);
+    EXPECT_TRUE(unwatched.ends());
+    failure.epoll_ctl = false;
+    EXPECT_EQ(log_count("socket AT new client"), 0U);
+    connect_listed(1);
 }
 
 TEST_F(DebugFailureTest, EventOfAnUnknownDescriptorIsReported) {
