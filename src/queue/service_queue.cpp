@@ -110,7 +110,7 @@ bool claim(ServiceMessage* message) {
 }
 
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
-// free a block that the consumer owns by then.
+// leave a message in the queue that is not listed.
 int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);

@@ -283,6 +283,17 @@ TEST_F(QueueTest, CancellationAtAnyMomentNeitherDoublesNorBreaksAMessage) {
     }
 }
 
+TEST_F(QueueTest, MessageIsSentWholeWhileItsThreadIsBeingCancelled) {
+    std::thread([] {
+        pthread_cancel(pthread_self());
+        send_number(5);
+        pthread_testcancel();
+        ADD_FAILURE() << "not cancelled";
+    }).join();
+    ASSERT_EQ(info().msg_qnum, 1U);
+    EXPECT_EQ(number_of(receive()), 5U);
+}
+
 TEST_F(QueueTest, StopAndDownloadAloneAreAnnouncedUntilTheLastIsHandled) {
     for (uint32_t id = 0; id < 18; id++) {
         if (id != SERVICE_STOP && id != SERVICE_DOWNLOAD) {
