@@ -6,10 +6,10 @@
 #include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
-#include "download/hdl_wait.h"
 #include "download/tool_file.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -62,19 +62,20 @@ struct CloseFile {
 using File = std::unique_ptr<FILE, CloseFile>;
 
 // A line that can't be driven has logged it; the time limit then ends the handshake.
-HdlWait power_cycle() {
+// Returns when the wait for the answer begins.
+int64_t power_cycle() {
     location_gpio_power_off();
     tool_sleep_ms(kPowerOffMs);
-    const HdlWait start = hdl_wait_start();
+    const int64_t start = tool_time_passed_ms();
     tool_log_info("Please reboot chip again:\n");
     location_gpio_power_on();
     hdl_progress_mark();
     return start;
 }
 
-bool synchronise(HdlWait start) {
+bool synchronise(int64_t start) {
     while (!echoU8(kSync, kSyncAnswer)) {
-        if (hdl_wait_elapsed(&start) > kHandshakeLimitMs) {
+        if (tool_time_passed_ms() - start > kHandshakeLimitMs) {
             tool_log_error("Handshake timeout, please retry!\n");
             return false;
         }
@@ -179,7 +180,7 @@ bool uid_mismatch(uint8_t answer) {
 }
 
 bool collect_uid(uint8_t (&response)[kUidResponseSize]) {
-    HdlWait start = hdl_wait_start();
+    const int64_t start = tool_time_passed_ms();
     for (uint32_t count = 0;;) {
         const uint32_t room = kUidResponseSize - count;
         const uint32_t received = std::min(hdl_transport_receive(response + count, room), room);
@@ -190,7 +191,7 @@ bool collect_uid(uint8_t (&response)[kUidResponseSize]) {
         if (count == kUidResponseSize) {
             return true;
         }
-        if (hdl_wait_elapsed(&start) > kUidLimitMs) {
+        if (tool_time_passed_ms() - start > kUidLimitMs) {
             tool_log_error("BRom_1Bytes_req_19Bytes_rsp timeout, please retry!\n");
             return false;
         }

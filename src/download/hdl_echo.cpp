@@ -4,10 +4,10 @@
 #include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
-#include "download/hdl_wait.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
 #include "download/tool_text.h"
+#include "download/tool_time.h"
 
 namespace {
 
@@ -28,9 +28,9 @@ bool send_word(uint8_t* word, uint32_t n) {
 }
 
 bool receive_within_limit(uint8_t* word, uint32_t n) {
-    HdlWait start = hdl_wait_start();
+    const int64_t start = tool_time_passed_ms();
     while (hdl_transport_receive(word, n) == 0) {
-        if (hdl_wait_elapsed(&start) > kReadU16LimitMs || hdl_progress_given_up()) {
+        if (tool_time_passed_ms() - start > kReadU16LimitMs || hdl_progress_given_up()) {
             return false;
         }
         tool_sleep_ms(kPollMs);

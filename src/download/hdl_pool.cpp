@@ -5,9 +5,9 @@
 #include "download/hdl_progress.h"
 #include "download/hdl_settings.h"
 #include "download/hdl_transport.h"
-#include "download/hdl_wait.h"
 #include "download/tool_log.h"
 #include "download/tool_sleep.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -116,8 +116,8 @@ bool read_dma_to_pool(uint32_t expected, uint32_t* size) {
         return false;
     }
     ToolRxBuffer* pool = tool_rx_buffer_get();
-    HdlWait start = hdl_wait_start();
-    for (int64_t elapsed = 0; elapsed <= kFrameLimitMs; elapsed = hdl_wait_elapsed(&start)) {
+    const int64_t start = tool_time_passed_ms();
+    for (int64_t elapsed = 0; elapsed <= kFrameLimitMs; elapsed = tool_time_passed_ms() - start) {
         const uint32_t found = receive_once(pool, expected);
         if (found != 0) {
             *size = found;
@@ -126,7 +126,7 @@ bool read_dma_to_pool(uint32_t expected, uint32_t* size) {
         if (hdl_progress_given_up()) {
             return false;
         }
-        if (hdl_wait_elapsed(&start) == elapsed) {
+        if (tool_time_passed_ms() - start == elapsed) {
             tool_sleep_ms(kInstantRoundMs); // a link that fails at once would fill the log
         }
     }

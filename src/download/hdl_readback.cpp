@@ -6,9 +6,9 @@
 #include "download/hdl_da.h"
 #include "download/hdl_kite.h"
 #include "download/hdl_transport.h"
-#include "download/hdl_wait.h"
 #include "download/tool_file.h"
 #include "download/tool_log.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -46,8 +46,8 @@ bool checksum_fits(const Request& request, const Response& response) {
 }
 
 bool wait_for_data(const Request& request, Response* response) {
-    HdlWait start = hdl_wait_start();
-    while (hdl_wait_elapsed(&start) < kAttemptMs) {
+    const int64_t start = tool_time_passed_ms();
+    while (tool_time_passed_ms() - start < kAttemptMs) {
         *response = {};
         const uint32_t code = hdl_da_wait_data(request.id, &response->address, &response->crc, response->data,
                                                sizeof response->data, kite_kind(request.id).expected);

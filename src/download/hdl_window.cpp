@@ -4,9 +4,9 @@
 #include "download/hdl_kite.h"
 #include "download/hdl_progress.h"
 #include "download/hdl_transport.h"
-#include "download/hdl_wait.h"
 #include "download/tool_file.h"
 #include "download/tool_log.h"
+#include "download/tool_time.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -93,7 +93,7 @@ struct Window {
     const ImageEntry* image = nullptr; // null for an erase
     uint64_t image_size = 0;           // when its first block was read
     int64_t limit_ms;
-    HdlWait start = {}; // of the first pass
+    int64_t start_ms = 0; // of the first pass
     bool resending = false;
 };
 
@@ -185,7 +185,7 @@ bool image_unchanged(const Window& window) {
 
 Outcome run_pass(Window* window, uint32_t waits) {
     for (uint32_t wait = 0; wait < waits; ++wait) {
-        if (hdl_wait_elapsed(&window->start) > window->limit_ms) {
+        if (tool_time_passed_ms() - window->start_ms > window->limit_ms) {
             tool_log_error_text(window->rules.timeout);
             return Outcome::kEnded;
         }
@@ -226,7 +226,7 @@ bool run(Window* window) {
     if (!send_first(*window)) {
         return false;
     }
-    window->start = hdl_wait_start();
+    window->start_ms = tool_time_passed_ms();
     Outcome outcome = run_pass(window, window->count);
     if (outcome == Outcome::kUsedUp) {
         outcome = resend(window);

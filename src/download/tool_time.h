@@ -1,4 +1,5 @@
-// The clock of the firmware download: the time of day, in milliseconds, and one that nobody sets.
+// The clocks of the firmware download, in milliseconds: the time of day for what it reports, and one that
+// nobody sets for its limits, so that a first fix that sets the time of day neither ends nor prolongs a wait.
 #ifndef TAVOR_TOOL_TIME_H
 #define TAVOR_TOOL_TIME_H
 

@@ -142,14 +142,15 @@ TEST_F(Readback, AChecksumThatNeverFitsFailsAfterThreeAttempts) {
     EXPECT_EQ(g_fakes.log.size(), 15U);
 }
 
-TEST_F(Readback, AClockThatIsSetBackDoesNotHoldAnAttempt) {
+TEST_F(Readback, AnAttemptLastsAsLongWhenTheClockIsSet) {
     g_fakes.on_receive = [receives = 0]() mutable {
         g_fakes.now += 250;
-        g_fakes.set -= ++receives == 2 ? 3'600'000 : 0;
+        ++receives;
+        g_fakes.set += receives == 2 ? -3'600'000 : receives == 6 ? 3'600'000 : 0;
         g_fakes.arrives.push_back(data_response(0x2101, piece('y'), 1));
     };
     EXPECT_FALSE(hdl_readback_kite(path.c_str(), 0));
-    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 2U + 4 + 4 + 4);
+    EXPECT_EQ(hdl_fakes_log_with("[I] hdl_readback_kite CRC fail: addr=0x0").size(), 3U * 4);
 }
 
 TEST_F(Readback, MoreDataThanAskedForAreRefused) {
