@@ -4,23 +4,24 @@
 #include "base/error_row.h"
 #include "base/monotonic.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 // Settings and commands are shorter: a controller that takes these and refuses a longer message has a limit.
 constexpr uint32_t kShortMessage = 32; // bytes
 
+// Transfers come one at a time: who shares the device holds a lock of its own.
 struct State {
     ErrorRow transfer;       // transfers that failed
     uint32_t failed_len = 0; // of the last one that did
-    std::atomic<bool> told_too_long{false};
+    bool told_too_long = false;
 } state;
 
 // spidev has a buffer (EMSGSIZE), and a controller may have a limit of its own below it (often EINVAL).
@@ -29,7 +30,7 @@ bool is_too_long(int error, uint32_t len) {
 }
 
 void tell_too_long(uint32_t len) {
-    if (!state.told_too_long.exchange(true)) {
+    if (!std::exchange(state.told_too_long, true)) {
         printf(
             "[LOCSERV] WRN: [spi]no message of %u bytes is taken: enlarge the buffer of spidev "
             "(spidev.bufsiz=4096 on the kernel's command line); the controller may have a limit of its own\n",
@@ -49,8 +50,7 @@ void log_left_out(uint32_t left_out) {
 
 // A link that fails may fail thousands of times a second: one line a second tells it. The same step of a
 // protocol has the same length, so only the success of such a transfer ends the row: a long one that fails
-// each time may stand between short ones that succeed. Transfers come one at a time: who shares the device
-// holds a lock of its own.
+// each time may stand between short ones that succeed.
 void log_transfer(bool moved, uint32_t len) {
     uint32_t left_out = 0;
     if (!moved) {
