@@ -1,8 +1,9 @@
 // Whether a firmware download still makes progress. Some of its retries have no limit and others last
-// minutes, so each loop that waits for the chip asks hdl_progress_given_up(): while a stop or another
-// download is announced, a download that has had nothing acknowledged for 2 s ends. One that makes progress
-// is never cut, because a half-written flash is worse than a wait; the 2 s pass whatever the time of day is
-// set to. One thread only.
+// minutes, so the loops that wait for the chip ask hdl_progress_given_up(): while a stop or another download
+// is announced, a download that has had nothing acknowledged for 2 s ends. Two have a short limit of their
+// own instead: the chip's identity is awaited for half a second, a piece that is read back three times for a
+// second. A download that makes progress is never cut, because a half-written flash is worse than a wait; the
+// 2 s pass whatever the time of day is set to. One thread only.
 #ifndef TAVOR_HDL_PROGRESS_H
 #define TAVOR_HDL_PROGRESS_H
 
