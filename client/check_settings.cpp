@@ -97,7 +97,7 @@ void judge_number(Findings& findings, size_t number, const Found& found) {
         findings.push_back({Grade::kBad, kSubject,
                             "line " + std::to_string(number) + ": " + quoted(found.row->key) +
                                 " has no number and counts as 0",
-                            "write digits behind the equals sign"});
+                            "write digits after the equals sign"});
         return;
     }
     errno = 0;
@@ -107,10 +107,10 @@ void judge_number(Findings& findings, size_t number, const Found& found) {
         findings.push_back(
             doubt(number, quoted(found.row->key) + " has a number of more than 32 bits", "correct it"));
     } else if (*end != '\0') {
-        findings.push_back(doubt(number,
-                                 quoted(found.row->key) + " counts as " + std::to_string(wide) +
-                                     ": what stands behind is ignored",
-                                 "remove it"));
+        findings.push_back(
+            doubt(number,
+                  quoted(found.row->key) + " counts as " + std::to_string(wide) + ": what follows is ignored",
+                  "remove it"));
     }
 }
 
@@ -128,7 +128,7 @@ void judge_text(Findings& findings, size_t number, const Found& found) {
 void judge_line(Findings& findings, size_t number, const std::string& line, const Found& found) {
     if (found.at > 0) {
         findings.push_back(doubt(number,
-                                 quoted(found.row->key) + " counts here, though it stands behind " +
+                                 quoted(found.row->key) + " counts here, though it stands after " +
                                      quoted(line.substr(0, found.at)),
                                  "there are no comments: remove the line"));
     }

@@ -141,7 +141,7 @@ void tell_others(Run& run) {
     if (run.progress.others && !run.progress.begun && !run.told_others) {
         run.told_others = true;
         clear_bar(run);
-        session_note("another client's download is under way; this one begins behind it");
+        session_note("another client's download is under way; this one begins after it");
     }
 }
 

@@ -81,7 +81,7 @@ std::string place_problem(const ListedImage& image, const FileFacts& facts,
         return "begins at " + hex(image.begin) + ", no multiple of 4096; correct begin_address";
     }
     if (end_of(image, facts) > kAddressEnd) {
-        return "reaches behind the last address of 32 bits; correct begin_address";
+        return "reaches beyond the last address of 32 bits; correct begin_address";
     }
     if (flash && (image.begin < flash->begin || end_of(image, facts) > flash->begin + flash->size)) {
         return "lies at " + hex(image.begin) + " to " + hex(end_of(image, facts) - 1) +

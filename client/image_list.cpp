@@ -103,10 +103,9 @@ Block read_block(ImageList& list, size_t index, std::string_view content, size_t
             return Block::kRefused;
         }
         if (!take_line(list.images[index], *line, directory)) {
-            list.problem =
-                "the line '" + print_safe(line->raw) +
-                "' is none of a block: behind '- rom:' stand file:, name: and begin_address:, with "
-                "nothing between them";
+            list.problem = "the line '" + print_safe(line->raw) +
+                           "' is none of a block: after '- rom:' stand file:, name: and begin_address:, with "
+                           "nothing between them";
             return Block::kRefused;
         }
     }

@@ -142,7 +142,7 @@ void add_record_options(CLI::App& app, Options& options) {
     app.add_option("FILE", options.file, "Where to, '-' for standard output")->required();
     add_switch(app, "--stamps", options.stamps,
                "Tell in comment lines when sentences came, by this host's clock");
-    CLI::Option* append = add_switch(app, "--append", options.append, "Go on behind what the file holds");
+    CLI::Option* append = add_switch(app, "--append", options.append, "Go on after what the file holds");
     add_switch(app, "--force", options.force, "Replace the file")->excludes(append);
     add_follow_options(app, options);
 }
@@ -156,9 +156,9 @@ void add_export_options(CLI::App& app, Options& options) {
     formats->require_option(1);
     app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live")
         ->type_name("FILE");
-    add_seconds(app, "--gap", options.gap_s, "A new segment behind so many seconds without a point (10)",
+    add_seconds(app, "--gap", options.gap_s, "A new segment after so many seconds without a point (10)",
                 check_positive_seconds);
-    add_seconds(app, "--every", options.every_s, "Leave out points less than so many seconds behind the last",
+    add_seconds(app, "--every", options.every_s, "Leave out points less than so many seconds after the last",
                 check_positive_seconds);
     app.add_option("--distance", options.every_m, "Leave out points less than so many metres from the last")
         ->type_name("METRES")

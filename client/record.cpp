@@ -99,7 +99,7 @@ int report_unopened(Session& session, int error) {
     if (error == EEXIST && !no_file) {
         return session_fail(session, kExitIo,
                             place +
-                                "there is a file already; --append goes on behind it, --force replaces it");
+                                "there is a file already; --append goes on after it, --force replaces it");
     }
     if (no_file) {
         return session_fail(session, kExitIo, place + "no regular file; '-' is standard output");

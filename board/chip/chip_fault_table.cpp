@@ -277,8 +277,8 @@ constexpr Row kRows[] = {
          return shown(f.handshakes_left > 0,
                       std::to_string(f.handshake_byte) + ":" + repetition_text(f.handshakes_left));
      }},
-    numbered<&Faults::bad_echo>("echo-bad", "N-th echo behind the next handshake is wrong"),
-    numbered<&Faults::bad_word>("boot-status", "N-th status word behind the next handshake is an error"),
+    numbered<&Faults::bad_echo>("echo-bad", "N-th echo after the next handshake is wrong"),
+    numbered<&Faults::bad_word>("boot-status", "N-th status word after the next handshake is an error"),
     {{"checksum-bad", "once|N|always|off", "wrong checksum of the download agent"},
      [](Faults& f, View value) { return store(f.checksums_left, repetition(value)); },
      [](const Faults& f) { return shown(f.checksums_left > 0, repetition_text(f.checksums_left)); }},

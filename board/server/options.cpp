@@ -59,7 +59,7 @@ void take_source(const std::vector<std::string>& source, ChipOptions& chip) {
     const std::string& kind = source[0];
     if ((kind == "replay") != (source.size() == 2)) {
         throw CLI::ValidationError("--source",
-                                   "replay takes a file, trajectory and none take nothing behind them");
+                                   "replay takes a file, trajectory and none take nothing after them");
     }
     if (kind == "replay") {
         chip.source = ChipSource::replay;
@@ -232,7 +232,7 @@ CLI::App* add_run(CLI::App& app, RunOptions& run, Raw& raw) {
         "serve the kernel's own spidev, i2c-dev and GPIO through this device of the module in "
         "board/kernel; the program is started without the preload library");
     command->add_option("--log", run.log, "file for the program's output")->type_name("FILE");
-    command->add_option("program", run.program, "program and its arguments, behind --");
+    command->add_option("program", run.program, "program and its arguments, after --");
     command->footer(run_footer());
     return command;
 }
@@ -242,7 +242,7 @@ CLI::App* add_exec(CLI::App& app, ExecOptions& exec) {
     command->add_option("--dir", exec.directory, "the board's directory")->type_name("DIR")->required();
     command->add_option("--speed", exec.speed, "change the speed of the board's clock first")
         ->check(CLI::Range(1U, kBoardClockFastest));
-    command->add_option("program", exec.program, "program and its arguments, behind --")->required();
+    command->add_option("program", exec.program, "program and its arguments, after --")->required();
     command->footer(kExecExamples);
     return command;
 }

@@ -65,7 +65,7 @@ constexpr OptionRow kRows[] = {
      [](Options& to, Value value) { return take_path(value, kSocketPathMax - kSuffixSize, to.socket); }},
     {"positioning", "POLICY:{always,demand}", "always",
      "always: on as long as the relay runs; demand: while somebody wants it", take_positioning},
-    {"stop-delay", "SECONDS", "10", "On demand: how long positioning goes on behind the last consumer",
+    {"stop-delay", "SECONDS", "10", "On demand: how long positioning goes on after the last consumer",
      [](Options& to, Value value) { return take_number(value, 0, kDayS, to.stop_delay_s); }},
     {"listen", "[ADDRESS:]PORT", "127.0.0.1:2947", "Where gpsd's protocol is served; empty: nowhere",
      [](Options& to, Value value) { return take_text(value, to.listen); }},

@@ -172,7 +172,7 @@ TEST(Download, AnotherClientsDownloadIsNotThisOne) {
     });
     Tool tool(scene.command({"--log", scene.log_path}));
     EXPECT_TRUE(
-        tool.wait_err("tavorctl: another client's download is under way; this one begins behind it\n"));
+        tool.wait_err("tavorctl: another client's download is under way; this one begins after it\n"));
     waits.set_value();
     EXPECT_TRUE(tool.wait_err("tavorctl: erase\n"));
     erases.set_value();

@@ -112,7 +112,7 @@ TEST(Record, FileThatIsThereIsOnlyChangedOnDemand) {
     Scene scene;
     scene.directory.write("track", "before");
     EXPECT_EQ(scene.run({"record", "--duration", "1", scene.file}), 74);
-    EXPECT_NE(scene.err.find("there is a file already; --append goes on behind it, --force replaces it"),
+    EXPECT_NE(scene.err.find("there is a file already; --append goes on after it, --force replaces it"),
               string::npos)
         << scene.err;
     EXPECT_EQ(scene.directory.read("track"), "before");

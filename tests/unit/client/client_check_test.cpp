@@ -167,7 +167,7 @@ TEST(CheckSettings, UnknownKeyIsNamedWithTheNearestOne) {
 
 TEST(CheckSettings, LinesThatCountUnexpectedlyAreTold) {
     EXPECT_TRUE(
-        holds(settings_of("#SPI CPHA=1\n"), "line 1: 'SPI CPHA=' counts here, though it stands behind '#'"));
+        holds(settings_of("#SPI CPHA=1\n"), "line 1: 'SPI CPHA=' counts here, though it stands after '#'"));
     EXPECT_TRUE(holds(settings_of("SPI CPHA=1\nSPI CPOL=0\nSPI CPHA=0\n"),
                       "line 3: 'SPI CPHA=' stands in line 1 already"));
     EXPECT_TRUE(

@@ -71,7 +71,7 @@ TEST(DownloadCheck, EachFaultOfAnImageIsNamed) {
     EXPECT_EQ(problems({{"/a", 0x1004}}, {{0, 2}}),
               Texts{"/a begins at 0x1004, no multiple of 4096; correct begin_address"});
     EXPECT_EQ(problems({{"/a", 0xFFFFF000}}, {{0, 4097}}),
-              Texts{"/a reaches behind the last address of 32 bits; correct begin_address"});
+              Texts{"/a reaches beyond the last address of 32 bits; correct begin_address"});
 }
 
 TEST(DownloadCheck, FlashBoundsHoldAtBothEnds) {
