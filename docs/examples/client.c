@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 /* An abstract address: nothing lies in the file system, and the daemon sees it whatever directories its
- * service hides. All 110 bytes count, those behind the name too: they are zero. */
+ * service hides. All 110 bytes count, those after the name too: they are zero. */
 static int bind_full_length(int fd) {
     struct sockaddr_un own = {.sun_family = AF_UNIX};
     snprintf(own.sun_path + 1, sizeof own.sun_path - 1, "example-%d", (int)getpid());
