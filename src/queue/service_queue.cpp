@@ -23,6 +23,7 @@ namespace {
 constexpr key_t kQueueKey = 1234;
 constexpr int kQueueMode = 0666;
 constexpr long kMessageType = 1;
+constexpr size_t kSentMax = 16384;
 constexpr size_t kMessageBodySize = 24; // bytes, also where pointers are shorter
 constexpr useconds_t kFullQueuePauseUs = 1000;
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
@@ -42,8 +43,9 @@ static_assert(sizeof(ServiceMessage) <= kMessageBodySize);
 
 // Other processes may put records into the queue and take some out of it. What was sent is therefore listed,
 // in the order of the queue: a block is taken from a listed message only, and what another process took is
-// over with the next message that is received, or when the queue is empty. So the list holds no more than is
-// sent while the service handles one message. Nothing waits under the lock, and nobody is cancelled under it.
+// over with the next message that is received, or when the queue is empty. A program that empties the queue
+// all the time leaves as many listed as the kernel's usual queue has bytes, then it counts as full. Nothing
+// waits under the lock, and nobody is cancelled under it.
 struct ServiceQueueState {
     std::mutex lock;
     std::deque<ServiceMessage> sent;
@@ -115,6 +117,9 @@ int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) 
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
     int result = 0;
+    if (state.sent.size() >= kSentMax) {
+        return EAGAIN;
+    }
     do {
         result = msgsnd(g_service_state.msqid, &record, size, IPC_NOWAIT);
     } while (result == -1 && errno == EINTR);

@@ -368,6 +368,21 @@ TEST_F(QueueTest, StopThatAnotherProgramTookIsOverWithTheNextMessage) {
     EXPECT_FALSE(stop_request_pending());
 }
 
+TEST_F(QueueTest, ProgramThatTakesAllMakesTheQueueFullInTheEnd) {
+    for (int i = 0; i < 16384; i++) {
+        location_service_task_send_message(SERVICE_SAVE_LOCATION, nullptr, 0);
+        steal();
+    }
+    ServiceQueuePatience patience = {.wait_us = 0};
+    EXPECT_FALSE(service_queue_request(SERVICE_SAVE_LOCATION, nullptr, 0, &patience));
+    std::thread([] { // the consumer finds it empty
+        ServiceMessage message = {};
+        EXPECT_FALSE(service_queue_receive(&message, ServiceQueueWait::shortly));
+    })
+        .join();
+    EXPECT_TRUE(service_queue_request(SERVICE_SAVE_LOCATION, nullptr, 0, &patience));
+}
+
 TEST_F(QueueTest, EmptyRecordOfAnotherProgramIsNoRequest) {
     const long types[] = {1, 2, 3, 4, 5, 1000};
     for (const long& type : types) {
