@@ -46,6 +46,8 @@ struct UpstreamState {
     EventPtr readable;
     EventPtr look;
     EventPtr send;
+    std::vector<UpstreamAnswer> refused; // requests that found no place
+    EventPtr refuse;
 };
 
 UpstreamState state;
@@ -185,6 +187,12 @@ void on_look(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     send_next();
 }
 
+void on_refuse(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
+    for (const UpstreamAnswer& answer : std::exchange(state.refused, {})) {
+        answer(TAVOR_VALUE_FAILED);
+    }
+}
+
 EventPtr make_event(int fd, short what, event_callback_fn call) {
     return EventPtr(event_new(state.base, fd, what, call, nullptr));
 }
@@ -205,6 +213,7 @@ bool upstream_open(event_base* base, const UpstreamSettings& settings) {
     state.look = make_event(-1, EV_PERSIST, on_look);
     event_arm(state.look, settings.second / kLooks);
     state.send = make_event(-1, 0, on_send);
+    state.refuse = make_event(-1, 0, on_refuse);
     event_active(state.look.get(), 0, 0);
     return true;
 }
@@ -218,9 +227,11 @@ void upstream_close() {
     }
 }
 
-void upstream_request(uint32_t type, std::string_view text, const UpstreamAnswer& answer) {
-    if (!upstream_requests_add(type, text, answer)) {
-        return answer(TAVOR_VALUE_FAILED);
+void upstream_request(uint32_t type, std::string_view text, UpstreamAnswer answer) {
+    UpstreamAnswer kept = answer;
+    if (!upstream_requests_add(type, text, std::move(answer))) {
+        state.refused.push_back(std::move(kept));
+        event_active(state.refuse.get(), 0, 0);
     }
     event_active(state.send.get(), 0, 0);
 }

@@ -24,8 +24,8 @@ struct UpstreamSettings {
 bool upstream_open(event_base* base, const UpstreamSettings& settings);
 void upstream_close();
 
-// Asks the daemon. The answer always comes: at once when too many requests wait, else later from the loop.
-void upstream_request(uint32_t type, std::string_view text, const UpstreamAnswer& answer);
+// Asks the daemon. The answer comes later, from the loop, and always comes.
+void upstream_request(uint32_t type, std::string_view text, UpstreamAnswer answer);
 
 // Calls back whenever a daemon was found (true) or is gone (false).
 void upstream_watch(std::function<void(bool connected)> changed);

@@ -468,22 +468,6 @@ TEST_F(RelayPositioning, ADownloadThatIsNotTakenLeavesTheStopToCome) {
     ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
 }
 
-TEST_F(RelayPositioning, WhatFindsNoPlaceFailsAtOnce) {
-    loop.open(false); // nobody takes what waits
-    for (int i = 0; i < 257; ++i) {
-        upstream_request(i < 256 ? TAVOR_REQUEST_SAVE_LOCATION : TAVOR_REQUEST_START, "", nullptr);
-    }
-    std::string told;
-    const auto failed = [&](const char* what) {
-        return [&told, what](uint32_t value) { told += value == TAVOR_VALUE_FAILED ? what : "?"; };
-    };
-    positioning_start(failed("start "));
-    positioning_stop(true, failed("stop "));
-    positioning_start(failed("start "));
-    positioning_download(failed("download"));
-    EXPECT_EQ(told, "start stop start download");
-}
-
 TEST_F(RelayPositioning, AStopThatFailedIsTriedAgain) {
     loop.open(false);
     loop.start_daemon();
