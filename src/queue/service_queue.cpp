@@ -7,6 +7,7 @@
 #include "queue/service_state.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -32,7 +33,7 @@ constexpr useconds_t kEmptyQueuePauseUs = 10000;
 // Message type of an empty record, which stands for a stop or download request when the queue is full. The
 // kernel limits the bytes in a queue, so a record without bytes still fits.
 constexpr long bodiless_type(uint32_t id) {
-    return long{kServiceAnnounced} + static_cast<long>(id);
+    return 0x74617672 + static_cast<long>(id);
 }
 
 struct QueueRecord {
@@ -43,12 +44,13 @@ static_assert(sizeof(ServiceMessage) <= kMessageBodySize);
 
 // Other processes may put records into the queue and take some out of it. What was sent is therefore listed,
 // in the order of the queue: a block is taken from a listed message only, and what another process took is
-// over with the next message that is received, or when the queue is empty. A program that empties the queue
-// all the time leaves as many listed as the kernel's usual queue has bytes, then it counts as full. Nothing
-// waits under the lock, and nobody is cancelled under it.
+// over with the next one that is received, or when the service finds the queue empty; while it sleeps that
+// is not noticed. A program that empties the queue all the time leaves as many listed as the kernel's usual
+// queue has bytes. Nothing waits under the lock, and nobody is cancelled under it.
 struct ServiceQueueState {
     std::mutex lock;
     std::deque<ServiceMessage> sent;
+    std::atomic<uint32_t> serials{0};
     inline static thread_local bool is_consumer = false;
 };
 
@@ -56,6 +58,11 @@ ServiceQueueState state;
 
 bool stops_link(uint32_t id) {
     return id == SERVICE_STOP || id == SERVICE_DOWNLOAD;
+}
+
+uint32_t next_serial() {
+    const uint32_t serial = ++state.serials;
+    return serial != 0 ? serial : ++state.serials;
 }
 
 void give_up(const ServiceMessage& message) {
@@ -66,9 +73,9 @@ void give_up(const ServiceMessage& message) {
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
 struct UnsentMessage : private NonCopyable {
     explicit UnsentMessage(const ServiceMessage& message) : body(message) {
+        body.serial = next_serial();
         if (stops_link(body.id)) {
             stop_request_announce();
-            body.announced = kServiceAnnounced;
         }
     }
     ~UnsentMessage() {
@@ -95,39 +102,44 @@ void lose(size_t count) {
     }
 }
 
+enum class RecordKind { whole, bodiless }; // a bodiless one has no serial number
+
 // Takes a received message off the list. Returns false when it carries a block and was not sent.
-bool claim(ServiceMessage* message) {
+bool claim(ServiceMessage* message, RecordKind kind) {
     const std::lock_guard guard(state.lock);
     const auto found = std::ranges::find_if(state.sent, [&](const ServiceMessage& sent) {
-        return sent.id == message->id && sent.data == message->data && sent.length == message->length;
+        return sent.id == message->id && sent.data == message->data && sent.length == message->length &&
+               (sent.serial == message->serial || kind == RecordKind::bodiless);
     });
     if (found == state.sent.end()) {
-        message->announced = 0;
+        message->serial = 0;
         return message->data == nullptr;
     }
     lose(static_cast<size_t>(found - state.sent.begin()));
-    message->announced = state.sent.front().announced;
+    message->serial = state.sent.front().serial;
     state.sent.pop_front();
     return true;
 }
 
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
-// leave a message in the queue that is not listed.
+// list a message as not sent that is in the queue.
 int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
+    state.sent.push_back(message->body);
     int result = 0;
-    if (state.sent.size() >= kSentMax) {
-        return EAGAIN;
-    }
     do {
         result = msgsnd(g_service_state.msqid, &record, size, IPC_NOWAIT);
     } while (result == -1 && errno == EINTR);
     if (result == -1) {
-        return errno;
+        const int error = errno;
+        state.sent.pop_back();
+        return error;
     }
-    state.sent.push_back(message->body);
     message->sent = true;
+    if (state.sent.size() > kSentMax) {
+        lose(1);
+    }
     return 0;
 }
 
@@ -176,12 +188,12 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
 bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
     if (size == static_cast<ssize_t>(kMessageBodySize)) {
         memcpy(message, record.body, sizeof *message);
-        return claim(message);
+        return claim(message, RecordKind::whole);
     }
     for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
         if (size == 0 && record.type == bodiless_type(id)) {
             *message = {.id = id, .data = nullptr, .length = 0};
-            return claim(message);
+            return claim(message, RecordKind::bodiless);
         }
     }
     return false;
@@ -252,7 +264,7 @@ bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
 }
 
 void service_queue_handled(const ServiceMessage& message) {
-    if (message.announced == kServiceAnnounced) {
+    if (message.serial != 0 && stops_link(message.id)) {
         stop_request_withdraw();
     }
 }

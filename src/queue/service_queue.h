@@ -29,11 +29,9 @@ enum service_message_id : uint32_t {
 struct ServiceMessage {
     uint32_t id;
     void* data;
-    uint32_t length;        // bytes of data
-    uint32_t announced = 0; // kServiceAnnounced when the send has announced it
+    uint32_t length;     // bytes of data
+    uint32_t serial = 0; // of the send, 0: of another program
 };
-
-inline constexpr uint32_t kServiceAnnounced = 0x74617672;
 
 // Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.
 int32_t service_queue_open();

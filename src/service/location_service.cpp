@@ -79,7 +79,7 @@ void make_first_cancellation() {
 
 int32_t run_download(const ServiceMessage& message) {
     location_service_stop();
-    const int32_t result = download(message.announced == kServiceAnnounced);
+    const int32_t result = download(message.serial != 0);
     location_gpio_power_off();
     usleep(kAfterDownloadUs);
     return result;

@@ -53,17 +53,8 @@ struct ServiceTest : testing::Test {
             pthread_join(g_service_state.tid, nullptr);
         }
         interpose_fail_reset();
-        drop_messages();
+        service_queue_open(); // drops what waits
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
-    }
-    static void drop_messages() {
-        struct {
-            long type;
-            ServiceMessage body;
-        } record = {};
-        while (msgrcv(g_service_state.msqid, &record, sizeof record.body, 0, IPC_NOWAIT) != -1) {
-            free(record.body.data);
-        }
     }
     void init() {
         running = location_service_init(fakes_response) == 0;
