@@ -144,7 +144,15 @@ uint32_t hdl_da_wait_response(uint16_t id, void* out, uint32_t expected) {
 }
 
 uint32_t hdl_da_wait_flash_id(uint16_t id, uint8_t* out) {
-    return hdl_da_wait_response(id, out, kite_kind(KITE_FLASH_ID).expected);
+    ToolRxBuffer* pool = tool_rx_buffer_get();
+    uint32_t size = 0;
+    const KiteKind& kind = kite_kind(KITE_FLASH_ID);
+    const uint32_t code = wait_frame(id, kind.expected, kind.least, &size);
+    if (code == HDL_DA_OK) {
+        memcpy(out, pool->data + kKitePayloadAt, kFlashIdSize);
+    }
+    tool_rx_buffer_consume(pool, size);
+    return code;
 }
 
 uint32_t hdl_da_wait_data(uint16_t id, uint32_t* address, uint32_t* crc, uint8_t* data, uint32_t room,
