@@ -30,6 +30,7 @@ struct World {
     int failing_seek = 0; // number of the next seek that fails, from 1
     bool watch_lock = false;
     size_t stop_at = 0; // a stop is announced with this command
+    bool stop_at_seek = false;
     bool sent_without_lock = false;
 } world;
 
@@ -217,6 +218,9 @@ int __wrap_usleep(useconds_t us) {
 
 int __real_fseeko(FILE* file, off_t offset, int origin);
 int __wrap_fseeko(FILE* file, off_t offset, int origin) {
+    if (world.stop_at_seek && !stop_request_pending()) {
+        stop_request_announce();
+    }
     if (world.failing_seek > 0 && --world.failing_seek == 0) {
         return -1;
     }
@@ -504,6 +508,18 @@ TEST_F(XodHostAiding, StopEndsASegmentThatIsBeingSentAndItIsNotSent) {
             EXPECT_EQ(world.commands.size(), last);
             EXPECT_EQ(log, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
         }
+    }
+}
+
+TEST_F(XodHostAiding, StopBeforeTheFirstRecordIsTheEndOfIt) {
+    file("XOD_GR_3_1.DAT", mixed_file());
+    file("XOD_GAL_3.DAT", headed_file(header(254, 15, 3), 101, 6));
+    world.stop_at_seek = true;
+    for (const int constellation : {0, 2}) {
+        EXPECT_EQ(aid_at(constellation, kWeek, 48 * 3600), 0);
+        stop_request_withdraw();
+        EXPECT_TRUE(world.commands.empty());
+        EXPECT_EQ(log, "[LOCSERV] WRN: [XOD] host aiding gives way to a stop\n");
     }
 }
 
