@@ -112,6 +112,13 @@ void hub_hand_out() {
             return event_arm(state.hand_out, std::chrono::milliseconds(0));
         }
     }
+    hub_hand_out_all();
+}
+
+void hub_hand_out_all() {
+    while (!state.items.empty()) {
+        hand_out_one();
+    }
     for (const HubRest& rest : state.rests) {
         rest();
     }

@@ -77,6 +77,9 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = st
 // Hands out what was taken in: for a turn of a millisecond, the rest in further turns of the loop.
 void hub_hand_out();
 
+// Hands out all that was taken in, at once.
+void hub_hand_out_all();
+
 // Text of an item, up to its NUL.
 std::string_view hub_text(const HubItem& item);
 

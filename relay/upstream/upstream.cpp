@@ -114,7 +114,7 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime 
     }
     state.heard = RelayClock::now();
     if (!hub_may_drop(datagram.code)) { // maybe an answer: what came before it goes out before it
-        hub_hand_out();
+        hub_hand_out_all();
     }
     if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
         hub_put(datagram, good_arrival(arrived, now));
