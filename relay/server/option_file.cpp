@@ -20,7 +20,8 @@ std::string_view trimmed(std::string_view text) {
 }
 
 std::string unquoted(std::string_view text) {
-    const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
+    const bool quoted =
+        text.size() >= 2 && text.front() == text.back() && (text.front() == '"' || text.front() == '\'');
     return std::string(quoted ? text.substr(1, text.size() - 2) : text);
 }
 

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <getopt.h>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -99,6 +100,12 @@ std::string refused(const std::string& word, bool lacks_value) {
     return nearest == name ? name + " takes no value" : unknown + ", the nearest is '" + nearest + "'";
 }
 
+// Whether the next option was taken for a value that was forgotten. One that begins with dashes is told with
+// =.
+bool is_option_behind(const char* value, const char* word) {
+    return value == word && std::string_view(word).starts_with("--");
+}
+
 CommandLine read_command_line(int argc, char* const* argv) {
     const std::vector<option> options = long_options();
     CommandLine line;
@@ -110,7 +117,9 @@ CommandLine read_command_line(int argc, char* const* argv) {
         if (found == -1) {
             break;
         }
-        if (found >= kFirstRow) {
+        if (found >= kConfig && is_option_behind(optarg, argv[optind - 1])) {
+            line.problem = refused(word, true);
+        } else if (found >= kFirstRow) {
             line.settings.emplace_back(&option_rows()[static_cast<size_t>(found - kFirstRow)], optarg);
         } else if (found == kConfig) {
             line.file = optarg;
@@ -140,7 +149,8 @@ std::string take_settings(const CommandLine& line, const char* config_path, Opti
     return options_mqtt_complete(options.mqtt);
 }
 
-int usage_error(const std::string& problem) {
+int usage_error(std::string problem) {
+    std::replace(problem.begin(), problem.end(), '\n', ' ');
     fprintf(stderr, "tavor-relay: %s; see 'tavor-relay --help'\n", problem.c_str());
     return kExitUsage;
 }

@@ -64,12 +64,14 @@ TEST_F(RelayOptions, TheCommandLineWinsOverTheFile) {
 
 TEST_F(RelayOptions, AValueOfTheFileIsTheWholeRestOfItsLine) {
     const std::string file = directory.write(
-        "relay.conf", "listen=[::1]:2947\nchrony = /run/a b,c\nmetrics=[::1]:9947\nsocket=\"/run/q\"\n");
+        "relay.conf",
+        "listen=[::1]:2947\nchrony = /run/a b,c\nmetrics=[::1]:9947\nsocket=\"/run/q\"\ndaemon='/run/d'\n");
     ASSERT_EQ(parse({"--config", file}), -1) << err;
     EXPECT_EQ(options.listen, "[::1]:2947");
     EXPECT_EQ(options.chrony, "/run/a b,c");
     EXPECT_EQ(options.metrics, "[::1]:9947");
     EXPECT_EQ(options.socket, "/run/q");
+    EXPECT_EQ(options.daemon, "/run/d");
     options.chrony = "/run/c";
     const std::string empty = directory.write("empty.conf", "listen=\nchrony=\n");
     ASSERT_EQ(parse({"--config", empty}), -1) << err;
@@ -167,7 +169,8 @@ TEST_F(RelayOptions, VersionAndHelp) {
 }
 
 TEST_F(RelayOptions, AnOptionMayBeShortenedAndTheLaterOneCounts) {
-    ASSERT_EQ(parse({"--sock=/run/a", "--stop", "3", "--socket", "/run/b"}), -1);
+    ASSERT_EQ(parse({"--sock=/run/a", "--stop", "3", "--socket", "/run/b", "--chrony=--x"}), -1);
+    EXPECT_EQ(options.chrony, "--x");
     EXPECT_EQ(options.socket, "/run/b");
     EXPECT_EQ(options.stop_delay_s, 3);
 }
@@ -175,6 +178,9 @@ TEST_F(RelayOptions, AnOptionMayBeShortenedAndTheLaterOneCounts) {
 TEST_F(RelayOptions, WhatIsWrongWithAnOptionIsNamed) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> wrong = {
         {{"--chrony"}, "--chrony takes a value"},
+        {{"--chrony", "--positioning=demand"}, "--chrony takes a value"},
+        {{"--config", "--help"}, "--config takes a value"},
+        {{"--positioning=a\nb"}, "--positioning: 'a b' is neither always nor demand"},
         {{"--help=3"}, "--help takes no value"},
         {{"--mqtt-c", "x"}, "there is no option '--mqtt-c', the nearest is '--mqtt-ca'"},
         {{"-x"}, "there is no option '-x'"},
