@@ -3,23 +3,14 @@
 #include "client/exit_status.h"
 #include "client/interrupt.h"
 #include "client/options.h"
+#include "process/process.h"
 
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
-
-// A closed standard descriptor would become the socket, and output would go to the daemon as requests.
-bool hold_standard_descriptors() {
-    int descriptor = open("/dev/null", O_RDWR);
-    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-        descriptor = open("/dev/null", O_RDWR);
-    }
-    return descriptor >= 0 && close(descriptor) == 0;
-}
 
 int run(int argc, char** argv) {
     Options options;
@@ -37,7 +28,7 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (!hold_standard_descriptors()) {
+    if (!process_hold_standard_descriptors()) {
         return kExitIo;
     }
     signal(SIGPIPE, SIG_IGN);

@@ -1,5 +1,6 @@
 // tavor-relay, the location daemon's only client and everybody's server.
 #include "mqtt/mqtt.h"
+#include "process/process.h"
 #include "server/exit_status.h"
 #include "server/options.h"
 #include "server/run.h"
@@ -10,6 +11,9 @@
 #include <string>
 
 int main(int argc, char** argv) {
+    if (!process_hold_standard_descriptors()) {
+        return kExitFailed;
+    }
     signal(SIGPIPE, SIG_IGN);
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a supervisor sees each line when it happens
     try {

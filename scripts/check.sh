@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # The kernel module keeps the kernel's style.
-mapfile -t sources < <(find include src sentence endpoint client relay board tests bench -path board/kernel -prune -o \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print | sort)
+mapfile -t sources < <(find include process src sentence endpoint client relay board tests bench -path board/kernel -prune -o \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print | sort)
 
 if [ "${1:-}" = "--fix" ]; then
     clang-format -i "${sources[@]}"
@@ -42,12 +42,13 @@ fi
 check_layers src tavor_layer
 check_layers board board_layer
 check_layers relay relay_layer
-# sentence/ and endpoint/ stand below the client and the relay, and include only themselves.
+# process/ stands below all programs, sentence/ and endpoint/ below the client and the relay; they include only themselves.
 if grep -rnE '^#include "(src|tests|bench)/' src client relay board || grep -rnE '^#include "(board|client|relay)/' src relay ||
     grep -rnE '^#include "(board|relay)/' client || grep -rnE '^#include "(sentence|endpoint)/' src board ||
     grep -rn '^#include "' sentence | grep -v '#include "sentence/' ||
-    grep -rn '^#include "' endpoint | grep -v '#include "endpoint/'; then
-    echo "check: only include/ is shared between the programs, sentence/ and endpoint/ between client and relay" >&2
+    grep -rn '^#include "' endpoint | grep -v '#include "endpoint/' ||
+    grep -rn '^#include "' process | grep -v '#include "process/'; then
+    echo "check: only include/ and process/ are shared between the programs, sentence/ and endpoint/ between client and relay" >&2
     exit 1
 fi
 
@@ -79,7 +80,7 @@ echo "check: lint"
 build=build/lint
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
     -DTAVOR_BUILD_TESTS=OFF -DTAVOR_BUILD_BENCH=OFF >/dev/null
-printf '%s\n' "${sources[@]}" | grep -E '^(src|sentence|endpoint|client|relay|board)/.*\.cpp$' |
+printf '%s\n' "${sources[@]}" | grep -E '^(process|src|sentence|endpoint|client|relay|board)/.*\.cpp$' |
     xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p "$build" 2>&1 |
     { grep -vE '^[0-9]+ warnings? generated|^Suppressed |^Use -header-filter' || true; }
 echo "check: clean"

@@ -1,6 +1,6 @@
+#include "process/process.h"
 #include "service/tavor.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
@@ -17,13 +17,8 @@ constexpr char kCompiler[] = "clang " __clang_version__;
 constexpr char kCompiler[] = "g++ " __VERSION__;
 #endif
 
-// Status of an answer that has been printed: a success once it is written.
 int output_status() {
-    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
-        return 0;
-    }
-    fprintf(stderr, "tavor: can't write the output: %s\n", strerror(errno));
-    return kOutputFailed;
+    return process_output_written("tavor") ? 0 : kOutputFailed;
 }
 
 // With arguments the daemon starts nothing. Returns the exit status.
@@ -44,6 +39,9 @@ int answer(int count, char** arguments) {
 } // namespace
 
 int main(int count, char** arguments) {
+    if (!process_hold_standard_descriptors()) {
+        return kOutputFailed;
+    }
     const int status = count > 1 ? answer(count, arguments) : tavor_run();
     fflush(stdout);
     _exit(status); // the other threads still run: nothing is torn down under them

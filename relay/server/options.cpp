@@ -1,5 +1,6 @@
 #include "server/options.h"
 
+#include "process/process.h"
 #include "server/exit_status.h"
 #include "server/nearest.h"
 #include "server/option_file.h"
@@ -7,9 +8,7 @@
 #include "server/options_mqtt.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <getopt.h>
 #include <string_view>
 #include <utility>
@@ -155,13 +154,8 @@ int usage_error(std::string problem) {
     return kExitUsage;
 }
 
-// The status behind what was printed.
-int written() {
-    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
-        return kExitSuccess;
-    }
-    fprintf(stderr, "tavor-relay: can't write to standard output: %s\n", strerror(errno));
-    return kExitFailed;
+int output_status() {
+    return process_output_written("tavor-relay") ? kExitSuccess : kExitFailed;
 }
 
 } // namespace
@@ -170,11 +164,11 @@ std::optional<int> options_parse(int argc, char* const* argv, Options& options, 
     const CommandLine line = read_command_line(argc, argv);
     if (line.help) {
         print_help(config_path);
-        return written();
+        return output_status();
     }
     if (line.version) {
         puts("tavor-relay " TAVOR_VERSION);
-        return written();
+        return output_status();
     }
     const std::string problem =
         line.problem.empty() ? take_settings(line, config_path, options) : line.problem;

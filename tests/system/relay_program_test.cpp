@@ -61,7 +61,7 @@ TEST_F(RelayProgram, TextThatCannotBeWrittenIsAnError) {
         const RunResult result =
             run_program({"/bin/sh", "-c", "exec \"$0\" \"$1\" >/dev/full", relay, option});
         EXPECT_EQ(result.status, 1) << option;
-        EXPECT_EQ(result.err, "tavor-relay: can't write to standard output: No space left on device\n");
+        EXPECT_EQ(result.err, "tavor-relay: can't write the output: No space left on device\n");
     }
 }
 
