@@ -30,10 +30,14 @@ constexpr useconds_t kFullQueuePauseUs = 1000;
 constexpr useconds_t kBrokenQueuePauseUs = 10000;
 constexpr useconds_t kEmptyQueuePauseUs = 10000;
 
-// Message type of an empty record, which stands for a stop or download request when the queue is full. The
-// kernel limits the bytes in a queue, so a record without bytes still fits.
-constexpr long bodiless_type(uint32_t id) {
-    return 0x74617672 + static_cast<long>(id);
+// Message type of an empty record, which stands for a stop or download request when the queue is full: the
+// kernel limits the bytes in a queue, so a record without bytes still fits. It holds the serial number and
+// which of the two it is.
+constexpr long kBodiless = 1L << 30;
+constexpr uint32_t kSerialMax = (1U << 29) - 1;
+
+constexpr long bodiless_type(const ServiceMessage& message) {
+    return kBodiless | static_cast<long>(message.serial << 1 | (message.id == SERVICE_DOWNLOAD ? 1 : 0));
 }
 
 struct QueueRecord {
@@ -61,8 +65,7 @@ bool stops_link(uint32_t id) {
 }
 
 uint32_t next_serial() {
-    const uint32_t serial = ++state.serials;
-    return serial != 0 ? serial : ++state.serials;
+    return state.serials++ % kSerialMax + 1;
 }
 
 void give_up(const ServiceMessage& message) {
@@ -102,27 +105,37 @@ void lose(size_t count) {
     }
 }
 
-enum class RecordKind { whole, bodiless }; // a bodiless one has no serial number
-
 // Takes a received message off the list. Returns false when it carries a block and was not sent.
-bool claim(ServiceMessage* message, RecordKind kind) {
+bool claim(ServiceMessage* message) {
     const std::lock_guard guard(state.lock);
     const auto found = std::ranges::find_if(state.sent, [&](const ServiceMessage& sent) {
-        return sent.id == message->id && sent.data == message->data && sent.length == message->length &&
-               (sent.serial == message->serial || kind == RecordKind::bodiless);
+        return sent.serial == message->serial && sent.id == message->id && sent.data == message->data &&
+               sent.length == message->length;
     });
     if (found == state.sent.end()) {
         message->serial = 0;
         return message->data == nullptr;
     }
     lose(static_cast<size_t>(found - state.sent.begin()));
-    message->serial = state.sent.front().serial;
     state.sent.pop_front();
     return true;
 }
 
+size_t messages_in_queue() {
+    msqid_ds info = {};
+    return msgctl(g_service_state.msqid, IPC_STAT, &info) == 0 ? info.msg_qnum : 0;
+}
+
+// Forgets the oldest of a long list, unless the list is as long as the queue and what the service has in
+// hand.
+void limit_list() {
+    if (state.sent.size() > kSentMax && state.sent.size() > messages_in_queue() + 1) {
+        lose(1);
+    }
+}
+
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
-// list a message as not sent that is in the queue.
+// free the block of a message that is in the queue.
 int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
@@ -137,15 +150,13 @@ int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) 
         return error;
     }
     message->sent = true;
-    if (state.sent.size() > kSentMax) {
-        lose(1);
-    }
+    limit_list();
     return 0;
 }
 
 // For a full queue: a stop or a download goes in all the same.
 int enqueue_bodiless(UnsentMessage* message) {
-    const QueueRecord record = {.type = bodiless_type(message->body.id), .body = {}};
+    const QueueRecord record = {.type = bodiless_type(message->body), .body = {}};
     return enqueue_now(record, 0, message);
 }
 
@@ -188,13 +199,14 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
 bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
     if (size == static_cast<ssize_t>(kMessageBodySize)) {
         memcpy(message, record.body, sizeof *message);
-        return claim(message, RecordKind::whole);
+        return claim(message);
     }
-    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        if (size == 0 && record.type == bodiless_type(id)) {
-            *message = {.id = id, .data = nullptr, .length = 0};
-            return claim(message, RecordKind::bodiless);
-        }
+    if (size == 0 && (record.type & kBodiless) != 0) {
+        *message = {.id = (record.type & 1) != 0 ? SERVICE_DOWNLOAD : SERVICE_STOP,
+                    .data = nullptr,
+                    .length = 0,
+                    .serial = static_cast<uint32_t>((record.type & ~kBodiless) >> 1)};
+        return claim(message) && message->serial != 0;
     }
     return false;
 }

@@ -30,7 +30,7 @@ struct ServiceMessage {
     uint32_t id;
     void* data;
     uint32_t length;     // bytes of data
-    uint32_t serial = 0; // of the send, 0: of another program
+    uint32_t serial = 0; // of the send, up to 2^29; 0: of another program
 };
 
 // Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.

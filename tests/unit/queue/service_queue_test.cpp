@@ -378,6 +378,20 @@ TEST_F(QueueTest, StopOfAnotherProgramTakesNoPlaceOfOurs) {
     EXPECT_FALSE(stop_request_pending());
 }
 
+TEST_F(QueueTest, StolenStopIsNotTakenForOneInAFullQueue) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    steal();
+    fill();
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    for (uint32_t i = 0; i < kSmallQueue; i++) {
+        EXPECT_EQ(number_of(receive()), i);
+    }
+    EXPECT_TRUE(stop_request_pending());
+    service_queue_handled(receive());
+    EXPECT_FALSE(stop_request_pending());
+    EXPECT_FALSE(receive_shortly());
+}
+
 TEST_F(QueueTest, OfWhatAnotherProgramTakesTheOldestIsForgotten) {
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     steal();
@@ -390,7 +404,7 @@ TEST_F(QueueTest, OfWhatAnotherProgramTakesTheOldestIsForgotten) {
 }
 
 TEST_F(QueueTest, EmptyRecordOfAnotherProgramIsNoRequest) {
-    const long types[] = {1, 2, 3, 4, 5, 1000};
+    const long types[] = {1, 2, 3, 4, 5, 1000, 1L << 30, (1L << 30) + 5};
     for (const long& type : types) {
         ASSERT_EQ(msgsnd(g_service_state.msqid, &type, 0, 0), 0);
         ServiceMessage message = {};
