@@ -11,7 +11,6 @@
 namespace {
 
 constexpr size_t kItemsMax = 1024;
-constexpr std::chrono::milliseconds kTurn{1}; // then the daemon is heard
 
 struct HubState {
     std::vector<HubOutput> outputs;
@@ -103,21 +102,14 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     state.items.push_back({*kind, datagram, arrived});
 }
 
-void hub_hand_out() {
+void hub_hand_out(std::chrono::milliseconds turn) {
     const auto began = std::chrono::steady_clock::now();
     while (!state.items.empty()) {
         const bool complete = state.items.front().kind != HubKind::kPosition; // else its sentence follows
         hand_out_one();
-        if (complete && std::chrono::steady_clock::now() - began >= kTurn && !state.items.empty()) {
+        if (complete && std::chrono::steady_clock::now() - began >= turn && !state.items.empty()) {
             return event_arm(state.hand_out, std::chrono::milliseconds(0));
         }
-    }
-    hub_hand_out_all();
-}
-
-void hub_hand_out_all() {
-    while (!state.items.empty()) {
-        hand_out_one();
     }
     for (const HubRest& rest : state.rests) {
         rest();

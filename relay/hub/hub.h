@@ -2,7 +2,7 @@
 //
 // Taking in is quick and handing out may be slow, so what is taken in waits here: 1,024 items at most, then
 // the oldest sentence or position is dropped. Items are handed out for a millisecond at a time, one at least;
-// then the daemon is heard.
+// then the daemon is heard. Only before an answer a turn may last longer.
 #ifndef TAVOR_RELAY_HUB_H
 #define TAVOR_RELAY_HUB_H
 
@@ -21,6 +21,8 @@ enum class HubKind {
     kChip,      // a $PZUL sentence of the chip
     kAssistance // the result of an assistance download
 };
+
+inline constexpr std::chrono::milliseconds kHubTurn{1};
 
 using HubTime = std::chrono::sys_time<std::chrono::nanoseconds>;
 
@@ -74,11 +76,8 @@ void hub_take_rest(HubRest rest);
 // that is there.
 void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = std::nullopt);
 
-// Hands out what was taken in: for a turn of a millisecond, the rest in further turns of the loop.
-void hub_hand_out();
-
-// Hands out all that was taken in, at once.
-void hub_hand_out_all();
+// Hands out what was taken in: for one turn, the rest in further turns of the loop.
+void hub_hand_out(std::chrono::milliseconds turn = kHubTurn);
 
 // Text of an item, up to its NUL.
 std::string_view hub_text(const HubItem& item);

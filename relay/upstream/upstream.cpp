@@ -30,7 +30,9 @@ constexpr int kReadsAtOnce = 32; // by one call of the kernel
 // takes a tenth of what a burst costs with one consumer.
 constexpr timespec kGather = {0, 500000};
 constexpr int kLooks = 2; // a second, for the daemon
-// Unread for longer than any turn of the loop takes: the relay itself was held up.
+// Before an answer: by then the daemon has begun to drop, too.
+constexpr std::chrono::milliseconds kAnswerTurn{1000};
+// Unread for longer than a turn of the loop takes as a rule: the relay itself was held up.
 constexpr std::chrono::milliseconds kUnreadMax{100};
 
 struct UpstreamState {
@@ -113,8 +115,8 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime 
         return;
     }
     state.heard = RelayClock::now();
-    if (!hub_may_drop(datagram.code)) { // maybe an answer: what came before it goes out before it
-        hub_hand_out_all();
+    if (upstream_requests_awaits(datagram)) { // what came before it goes out before it
+        hub_hand_out(kAnswerTurn);
     }
     if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
         hub_put(datagram, good_arrival(arrived, now));

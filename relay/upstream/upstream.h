@@ -2,7 +2,7 @@
 //
 // All that waits in its socket is read before anything else is done in the loop, half a millisecond after the
 // first datagram: so an epoch is read at once, as a rule. What answers a request goes to its asker, after
-// all that came before it; everything else goes through the hub.
+// what came before it, or as much of that as is handed out in a second; everything else goes through the hub.
 // Nothing is read while there is no daemon. One that is gone, or another one at the path, is noticed within a
 // second.
 #ifndef TAVOR_RELAY_UPSTREAM_H

@@ -340,6 +340,11 @@ TEST_F(RelayLocal, WhoHasNoAddressIsNoConsumerForLong) {
 }
 
 TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
+    hub_take([](const HubItem& /*unused*/) { // a slow output: each item takes more than a turn
+        const auto began = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) {
+        }
+    });
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
     watcher->got.clear();

@@ -468,6 +468,18 @@ TEST_F(RelayPositioning, ADownloadThatIsNotTakenLeavesTheStopToCome) {
     ASSERT_TRUE(loop.until([&] { return stops() == 1; }));
 }
 
+TEST_F(RelayPositioning, WhatFindsNoPlaceFailsFromTheLoop) {
+    loop.open(false); // nobody takes what waits
+    for (int i = 0; i < 256; ++i) {
+        upstream_request(TAVOR_REQUEST_SAVE_LOCATION, "", nullptr);
+    }
+    std::optional<uint32_t> told;
+    upstream_request(TAVOR_REQUEST_SAVE_LOCATION, "", [&](uint32_t value) { told = value; });
+    EXPECT_FALSE(told.has_value()) << "the asker may be in the midst of something";
+    event_base_loop(loop.base.get(), EVLOOP_NONBLOCK);
+    EXPECT_EQ(told, TAVOR_VALUE_FAILED);
+}
+
 TEST_F(RelayPositioning, AStopThatFailedIsTriedAgain) {
     loop.open(false);
     loop.start_daemon();
