@@ -126,6 +126,13 @@ TEST_F(Waiter, TheFlashIdWaiterHasTheSameCodes) {
     EXPECT_EQ(pool(), Bytes{});
 }
 
+TEST_F(Waiter, TheFlashIdWaiterWritesThreeBytesWhateverItWaitsFor) {
+    uint8_t id[4] = {9, 9, 9, 9};
+    arrive(agent_frame(0x210E, 0, {1, 2, 3, 4}));
+    EXPECT_EQ(hdl_da_wait_flash_id(0x210E, id), 0U);
+    EXPECT_EQ(Bytes(id, id + 4), (Bytes{1, 2, 3, 9}));
+}
+
 namespace {
 
 struct Data {
