@@ -99,10 +99,10 @@ std::string refused(const std::string& word, bool lacks_value) {
     return nearest == name ? name + " takes no value" : unknown + ", the nearest is '" + nearest + "'";
 }
 
-// Whether the next option was taken for a value that was forgotten. One that begins with dashes is told with
-// =.
+// Whether the next option was taken for a value that was forgotten. A value that begins with a dash is told
+// with =.
 bool is_option_behind(const char* value, const char* word) {
-    return value == word && std::string_view(word).starts_with("--");
+    return value == word && std::string_view(word).starts_with('-');
 }
 
 CommandLine read_command_line(int argc, char* const* argv) {
