@@ -158,10 +158,10 @@ TEST_F(DebugQueueTest, FullQueueWhoseMessagesWereStolenIsTakenAndTakesBlocksAgai
     };
     EXPECT_TRUE(send(64 * 1024));
     ForeignMessage stolen{};
-    ASSERT_EQ(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+    ASSERT_GT(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 0);
     EXPECT_FALSE(send(1));
     EXPECT_EQ(messages_in_queue(), 1U) << "nothing wakes a task that waits already";
-    ASSERT_EQ(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 16);
+    ASSERT_GT(msgrcv(debug_queue(), &stolen, sizeof stolen.body, 0, IPC_NOWAIT), 0);
     EXPECT_TRUE(location_debug_queue_receive());
     EXPECT_TRUE(send(1));
     location_debug_queue_close();
