@@ -85,7 +85,7 @@ std::optional<uint64_t> size_of(const Downloads& downloads, const std::string& n
     return std::nullopt;
 }
 
-// What the log and the files tell of a download whose result has come. The daemon logs its end right behind
+// What the log and the files tell of a download whose result has come. The daemon logs its end right after
 // the result, so the log may lag.
 DownloadedFile file_of(Downloads& downloads, bool ok) {
     const auto changed = changed_file(downloads);
@@ -100,7 +100,7 @@ DownloadedFile file_of(Downloads& downloads, bool ok) {
         const bool known = ok && changed;
         return {known ? changed->name : "", known ? changed->size : std::nullopt, ok, "", "", std::nullopt};
     }
-    if (!ok) { // when it is tried again stands in the line behind
+    if (!ok) { // when it is tried again stands in the next line
         const timespec pause = {0, 50'000'000};
         nanosleep(&pause, nullptr);
         read_log(downloads);

@@ -14,7 +14,7 @@ constexpr size_t kCauseMax = 400;
 constexpr size_t kEndedMax = 1000;
 
 struct CauseRow {
-    std::string_view begin; // behind the level
+    std::string_view begin; // after the level
     std::string_view advice;
 };
 
@@ -53,7 +53,7 @@ bool begins_with(std::string_view text, std::string_view begin) {
     return text.substr(0, begin.size()) == begin;
 }
 
-// The number behind the text, which is moved behind the number.
+// The number after the text, which is moved past the number.
 std::optional<int64_t> number_behind(std::string_view& text, std::string_view begin) {
     const size_t at = text.find(begin);
     int64_t value = 0;

@@ -20,7 +20,7 @@ struct AssistEnd {
 struct AssistLog {
     std::vector<AssistEnd> ended;
     bool waits = false;             // a request found a download or its retry waiting already
-    std::optional<int64_t> next_ms; // until the next download, as told last
+    std::optional<int64_t> next_ms; // until the next download, as last logged
     std::string cause;              // of the download under way
     std::string advice;
 };

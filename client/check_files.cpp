@@ -19,7 +19,7 @@ constexpr int64_t kLastTime = 2335219200;        // 2044-01-01: damage tells nea
 constexpr int64_t kDayS = 86400;
 constexpr int64_t kHourS = 3600;
 constexpr int kLastsH = 72; // a file of predictions
-constexpr int kStaleH = 24; // behind its end
+constexpr int kStaleH = 24; // after its end
 constexpr char kSetClock[] =
     "set the clock, and order the service behind time-sync.target; see troubleshooting.md in "
     "/usr/share/doc/tavor";

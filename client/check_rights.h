@@ -21,16 +21,16 @@ struct ServiceUser {
 // user that this machine does not know.
 std::optional<ServiceUser> check_rights_user(const std::string& properties);
 
-// Tells as whom the look is made, when that is not simply root for a service of root.
+// Tells as whom the check is made, when that is not simply root for a service of root.
 void check_rights(std::vector<Finding>& findings, const std::string& properties);
 
-// Until its end a process of root has the rights of the service's user, so that the kernel itself judges what
-// the daemon may open. Others keep their own.
+// While it lives a process of root has the rights of the service's user, so that the kernel itself judges
+// what the daemon may open. Others keep their own.
 struct DaemonRights : private NonCopyable {
     explicit DaemonRights(const std::string& properties);
     ~DaemonRights();
-    bool taken = false;        // of them or of a part: something is to be given back
-    std::vector<gid_t> groups; // of before
+    bool taken = false;        // all of them or a part: something must be given back
+    std::vector<gid_t> groups; // those from before
 };
 
 // What can't be used is bad when it was tried with the daemon's rights or root's; else the daemon may have

@@ -1,4 +1,4 @@
-// The commands with their words of help.
+// The commands with their help texts.
 #ifndef TAVOR_CLIENT_COMMAND_TABLE_H
 #define TAVOR_CLIENT_COMMAND_TABLE_H
 

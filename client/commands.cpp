@@ -106,7 +106,7 @@ std::string watch_text(const Options& options, const Record& record) {
     return options.raw && isatty(STDOUT_FILENO) == 0 ? print_raw(record) : print_line(record);
 }
 
-// A position that waits for the sentence behind it, its GGA, which tells the quality.
+// A position that waits for the sentence after it, its GGA, which tells the quality.
 struct Watched {
     Fix fix;
     std::optional<Record> position;

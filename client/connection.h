@@ -22,7 +22,7 @@ struct Connection : private NonCopyable {
 
     int socket = -1;
     int interrupt = -1;   // a wait ends when this descriptor is readable; -1 for none
-    int output = -1;      // a wait ends when nobody reads behind this descriptor any more; -1 for none
+    int output = -1;      // a wait ends when nobody reads the other end of this descriptor; -1 for none
     std::string path;     // of the daemon's socket
     EndpointFile reached; // what stood there when it was connected
     std::string error;    // what went wrong and what to do, one line
@@ -52,15 +52,15 @@ bool connection_send(Connection& connection, tavor_request_type type, const std:
 // connection_send.
 Retaken connection_retake(Connection& connection, Clock::time_point deadline);
 
-// Whether the daemon that was reached is still there, without a request: nothing else tells its end to a
-// client that waits. What can't be told counts as kSame.
+// Whether the daemon that was reached is still there, without a request: nothing else tells a waiting client
+// of its end. What can't be determined counts as kSame.
 Presence connection_presence(const Connection& connection);
 
 // Notes which socket stands at the path now, for connection_presence; nothing is opened.
 void connection_note(Connection& connection, const std::string& path);
 
-// The next datagram. One that has come is returned even when the deadline is over; one that has not 520 bytes
-// is taken off and told as kMalformed.
+// The next datagram. One that has come is returned even when the deadline is over; one that is not 520 bytes
+// long is taken off and reported as kMalformed.
 Received connection_receive(Connection& connection, tavor_response& response, Clock::time_point deadline);
 
 // What a failure to reach the socket at the path means and what to do.

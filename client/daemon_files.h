@@ -40,10 +40,10 @@ std::optional<Fix> daemon_files_fix(const Place& place);
 // Level of the power line, none with the reason set.
 std::optional<bool> daemon_files_power(const Place& place, std::string& why);
 
-// The regular file that the process writes its log to; empty when nobody lets us see that, or it is none.
+// The regular file that the process writes its log to; empty when we may not see that, or it is none.
 std::string daemon_files_log(pid_t pid);
 
-// The outlet that the process has open; none when nobody lets us see that, or none is open.
+// The outlet that the process has open; none when we may not see that, or none is open.
 std::optional<Outlet> daemon_files_outlet(const Place& place, pid_t pid);
 
 #endif

@@ -12,7 +12,7 @@
 #include <sys/types.h>
 
 struct DaemonProbe {
-    std::optional<bool> running; // none: that can't be told
+    std::optional<bool> running; // none: that can't be determined
     std::string running_why;     // why not
     bool reachable = false;      // a socket is bound at the path
     pid_t pid = -1;              // -1: not known
@@ -25,7 +25,7 @@ struct DaemonProbe {
 // Half a second at most.
 DaemonProbe daemon_probe(const Place& place);
 
-// The process that holds a lock on this file by the kernel's list of locks (/proc/locks); none.
+// The process that holds a lock on this file according to the kernel's list (/proc/locks), if any.
 std::optional<pid_t> daemon_probe_lock_holder(std::string_view locks, dev_t device, ino_t inode);
 
 #endif

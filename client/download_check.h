@@ -1,4 +1,4 @@
-// A look at the files of a firmware download from the client's side, before the chip is touched.
+// A check of the files of a firmware download from the client's side, before the chip is touched.
 #ifndef TAVOR_CLIENT_DOWNLOAD_CHECK_H
 #define TAVOR_CLIENT_DOWNLOAD_CHECK_H
 
@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-// What the system tells of a file.
+// What the system says of a file.
 struct FileFacts {
-    int error = 0; // error number of the try to open it, 0 when it can be read
+    int error = 0; // error number of the attempt to open it, 0 when it can be read
     uint64_t size = 0;
 };
 
@@ -28,14 +28,15 @@ std::vector<Finding> download_check_images(const std::vector<ListedImage>& image
                                            const std::vector<FileFacts>& facts,
                                            const std::optional<FlashRange>& flash);
 
-// Looks at settings, list, agent and images of the daemon at the socket. Without any finding: where the
-// daemon's files are can't be told.
+// Checks settings, list, agent and images of the daemon at the socket. No finding at all: it can't be
+// determined where the daemon's files are.
 DownloadPlan download_check_plan(const std::string& socket, const std::optional<FlashRange>& flash);
 
-// 'download --check': tells every finding. Returns an exit status.
+// 'download --check': reports every finding. Returns an exit status.
 int download_check_run(Session& session);
 
-// The look before a request: tells what is not good. Returns an exit status when nothing shall be requested.
+// The check before a request: reports what is not good. Returns an exit status when nothing should be
+// requested.
 std::optional<int> download_check_before(Session& session, DownloadPlan& plan);
 
 #endif

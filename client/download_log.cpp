@@ -12,7 +12,7 @@ constexpr size_t kTimeOfDaySize = 23;
 constexpr uint64_t kBlockSize = 4096;
 constexpr uint64_t kLargeBlockSize = 65536; // erased at once where it fits
 constexpr uint32_t kManyDeviceErrors = 3;   // fewer may be passing ones
-constexpr uint32_t kAgentLengthWord = 3;    // behind the upload's command and the address
+constexpr uint32_t kAgentLengthWord = 3;    // after the upload's command and the address
 
 struct Entry {
     bool error;
@@ -24,7 +24,7 @@ struct Advice {
     std::string_view text;
 };
 
-constexpr std::string_view kDevice = "[spi]"; // behind the service's own stamp, which has no time
+constexpr std::string_view kDevice = "[spi]"; // after the service's own stamp, which has no time
 
 constexpr std::string_view kLink =
     "check power, wiring and the SPI settings of tavor.conf, lower 'SPI frequency=' and try again";
@@ -101,7 +101,7 @@ std::string_view without_line_end(std::string_view text) {
     return text.substr(0, text.find_last_not_of("\r\n") + 1);
 }
 
-// The text behind the stamps "2024-05-01 12:00:00.123 [I][   1.234] "; a missing time of day is empty.
+// The text after the stamps "2024-05-01 12:00:00.123 [I][   1.234] "; a missing time of day is empty.
 std::optional<Entry> stamped_entry(std::string_view line) {
     const size_t level = std::min(line.find(" [I]["), line.find(" [E]["));
     if (level > kTimeOfDaySize) { // also when neither is found
@@ -127,7 +127,7 @@ bool is_start(const Entry& entry) {
     return !entry.error && begins_with(entry.text, "========== Download start");
 }
 
-// The number behind the beginning, which the text must have.
+// The number after the beginning, which the text must have.
 std::optional<uint32_t> number_behind(std::string_view text, std::string_view begin, int base) {
     if (!begins_with(text, begin)) {
         return std::nullopt;

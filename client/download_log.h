@@ -41,7 +41,7 @@ struct DownloadProgress {
     uint32_t agent_words = 0; // of the upload's announcement, its command included
 };
 
-// Bytes of a file, none when that can't be told.
+// Bytes of a file, none when that can't be determined.
 using FileSize = std::function<std::optional<uint64_t>(const std::string& path)>;
 
 bool download_log_ended(const DownloadProgress& progress);

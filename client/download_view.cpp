@@ -33,7 +33,7 @@ std::string rate_text(double bytes_per_s) {
     return text.data();
 }
 
-// Nothing behind the end is drawn, whatever the counts say.
+// Nothing past the end is drawn, whatever the counts say.
 std::string bar_text(uint64_t done, uint64_t total) {
     const double share = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const auto filled = static_cast<size_t>(share * kBarWidth);

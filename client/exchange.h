@@ -30,7 +30,7 @@ struct Request {
 
 // What to do while the daemon is silent.
 struct Follow {
-    double silence_s;      // without any datagram so long, the output is taken over again; 0 for never
+    double silence_s;      // after so long without any datagram the output is taken over again; 0 for never
     Clock::time_point end; // the whole wait ends here
     // Is told of each silence: its length, its number in a row from 1, and whether a restarted daemon was
     // found.

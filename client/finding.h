@@ -1,11 +1,11 @@
-// What a look at the device or at files has found, line by line.
+// What a check of the device or of files has found, line by line.
 #ifndef TAVOR_CLIENT_FINDING_H
 #define TAVOR_CLIENT_FINDING_H
 
 #include <string>
 #include <vector>
 
-// kSkipped: could not be looked at here, which is neither good nor doubtful.
+// kSkipped: could not be checked here, which is neither good nor doubtful.
 enum class Grade { kGood, kSkipped, kDoubtful, kBad };
 
 struct Finding {

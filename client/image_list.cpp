@@ -21,7 +21,7 @@ struct Line {
     std::string stripped;
 };
 
-// As the daemon takes it: up to its line end or its NUL, a longer line in pieces. Moves at behind it. None at
+// As the daemon takes it: up to its line end or its NUL, a longer line in pieces. Moves at past it. None at
 // the end.
 std::optional<std::string_view> next_piece(std::string_view content, size_t& at) {
     if (at >= content.size()) {
@@ -58,7 +58,7 @@ bool has_key(const Line& line, std::string_view key) {
     return line.stripped.find(key) != std::string::npos;
 }
 
-// As the daemon: from the column behind a key at the line's start, wherever the key stands.
+// As the daemon: from the column after a key at the line's start, wherever the key stands.
 std::string value_of(const Line& line, std::string_view key) {
     return line.stripped.substr(key.size());
 }

@@ -1,4 +1,4 @@
-// The signals that end the tool, as a descriptor to poll, so that every wait can end in order.
+// The signals that end the tool, as a descriptor to poll, so that every wait can end cleanly.
 #ifndef TAVOR_CLIENT_INTERRUPT_H
 #define TAVOR_CLIENT_INTERRUPT_H
 

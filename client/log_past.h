@@ -15,7 +15,7 @@ struct PastLine {
 
 struct PastLog {
     std::vector<PastLine> lines; // the oldest first
-    bool whole = false;          // nothing that counts is missing in front of them
+    bool whole = false;          // nothing that counts is missing before them
     std::string why;             // why there are no lines, empty when there are
 };
 
@@ -26,7 +26,7 @@ PastLog log_past_file(const std::string& path);
 // Takes 1.2 s at most.
 PastLog log_past_journal(const std::optional<std::chrono::system_clock::time_point>& since);
 
-// A line as the journal prints it with times; none for a line that is no such one.
+// A line as the journal prints it with times; none for any other line.
 std::optional<PastLine> log_past_journal_line(std::string_view line);
 
 #endif

@@ -5,7 +5,7 @@
 #include "client/grid.h"
 #include "client/monitor_state.h"
 
-inline constexpr int kMonitorWidth = 80; // in which everything has its place
+inline constexpr int kMonitorWidth = 80; // in which everything has room
 inline constexpr int kMonitorHeight = 24;
 
 // Draws all that is known into a grid of this size; what has no room is left out.

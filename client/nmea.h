@@ -1,4 +1,4 @@
-// What the chip's sentences tell beside the position block: pure parsing, no I/O. Every byte of them may be
+// What the chip's sentences tell besides the position block: pure parsing, no I/O. Every byte of them may be
 // hostile; what is no good value is absent.
 #ifndef TAVOR_CLIENT_NMEA_H
 #define TAVOR_CLIENT_NMEA_H

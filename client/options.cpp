@@ -104,7 +104,7 @@ void add_seconds(CLI::App& app, const std::string& name, std::optional<double>& 
         ->check(CLI::Validator(check, ""));
 }
 
-// Options of the tool that may stand before and behind the command.
+// Options of the tool that may stand before and after the command.
 void add_common(CLI::App& app, Options& options) {
     app.add_option("--socket", options.socket, "The daemon's socket (or set TAVOR_SOCKET)")
         ->type_name("PATH");
@@ -274,7 +274,7 @@ std::string suggestion(const std::string& word) {
     return near && word.size() > kMistypedMax ? ", but '" + std::string(nearest) + "' is" : "";
 }
 
-// How to write a number that stands behind 'start': "--wait" takes a value behind '=' only. Else empty.
+// How to write a number that stands after 'start': "--wait" takes a value after '=' only. Else empty.
 std::string wait_remedy(const CLI::App& command, const std::string& word) {
     const bool meant = command.get_name() == "start" && check_positive_seconds(word).empty();
     return meant ? "; how long to wait is given as --wait=" + word : "";

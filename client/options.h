@@ -66,7 +66,7 @@ struct Options {
 
 // Reads the command line; the environment variable TAVOR_SOCKET replaces the default of --socket. Prints help
 // and version on standard output, what is wrong in one line on standard error. Returns the exit status when
-// the process shall end now, none when a command is to run.
+// the process should end now, none when a command is to run.
 std::optional<int> options_parse(int argc, const char* const* argv, Options& options);
 
 // What is wrong with the body of a command for the chip, empty when nothing is.

@@ -40,7 +40,7 @@ std::optional<std::string> read_from(int fd, size_t most) {
     return content;
 }
 
-// The text behind the key; none where no line holds it.
+// The text after the key; none where no line holds it.
 std::optional<std::string> find(const Place& place, location_config_id id) {
     std::array<char, kConfigLineSize> value = {};
     const ConfigText text = {place.config.data(), place.config.size()};

@@ -76,7 +76,7 @@ bool search_in(Session& session, Search& search, const Record& record) {
     return !search.found && !follow_is_failed_start(session, record);
 }
 
-// Takes what belongs to the position and comes behind it: the date, speed and DOP of the same moment.
+// Takes what belongs to the position and comes after it: the date, speed and DOP of the same moment.
 void complete(Session& session, Search& search) {
     Fix& fix = search.heard.fix;
     const auto is_whole = [&] {

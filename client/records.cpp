@@ -21,7 +21,7 @@ static_assert(sizeof(tavor_response) == 520);
 
 struct Height {
     std::optional<double> value;
-    size_t end; // offset in the record behind the text and its NUL
+    size_t end; // offset in the record past the text and its NUL
 };
 
 // Text of a field, up to its NUL or its full size.

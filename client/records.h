@@ -44,11 +44,11 @@ Record record_parse(const tavor_response& response);
 //
 // A height of ten or more characters runs on into majorAxis, and a huge one further: it is read whole when
 // the text has the six decimals that a height always has, and the fields under it are absent. When the text
-// behind the first ten characters is something else, majorAxis has been rewritten since: the height is then
+// after the first ten characters is something else, majorAxis has been rewritten since: the height is then
 // what is left of it, or absent when its decimal point is lost, for its size is lost with it.
 Position record_position(const tavor_location_record& record);
 
-// True when an answer tells success.
+// True when an answer reports success.
 bool record_ok(const Record& record);
 
 #endif

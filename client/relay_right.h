@@ -4,8 +4,8 @@
 
 #include <string>
 
-// What to do about a request at this socket that a relay refuses, as text behind what has failed; empty when
-// this user has the right, or no relay is there.
+// What to do about a request at this socket that a relay refuses, as text to follow what has failed; empty
+// when this user has the right, or no relay is there.
 std::string relay_right_hint(const std::string& socket);
 
 #endif

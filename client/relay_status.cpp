@@ -26,7 +26,7 @@ constexpr std::string_view kName = "tavor_relay_";
 constexpr size_t kAnswerMax = size_t{256} * 1024;
 constexpr double kCountMax = 1e15;
 
-// Where the labels of a series end: behind the brace that is in no label's text.
+// Where the labels of a series end: after the brace that is in no label's text.
 size_t labels_end(std::string_view line, size_t at) {
     bool quoted = false;
     for (; at < line.size(); ++at) {

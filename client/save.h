@@ -4,8 +4,8 @@
 
 #include "client/session.h"
 
-// Tells what the location file holds afterwards: the daemon saves also when it knows nothing. Returns an exit
-// status.
+// Reports what the location file holds afterwards: the daemon saves even when it knows nothing. Returns an
+// exit status.
 int save_run(Session& session);
 
 #endif

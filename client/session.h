@@ -40,7 +40,7 @@ int session_output_status(Session& session);
 // Status of a wait that ended without what was waited for.
 int session_end_status(Session& session, Outcome outcome, double limit_s);
 
-// Prints the answer; the failure is told when it is one.
+// Prints the answer; when it is a failure, reports that.
 int session_report(Session& session, const Record& answer, const std::string& failure);
 
 #endif

@@ -1,4 +1,4 @@
-// What can be told of the daemon without asking it; a relay in front of it is asked.
+// What can be said of the daemon without asking it; a relay in front of it is asked.
 #ifndef TAVOR_CLIENT_STATUS_H
 #define TAVOR_CLIENT_STATUS_H
 

@@ -18,7 +18,7 @@ struct LogState {
     std::optional<Outlet> outlet;    // chosen; it is open while positioning is on
     std::optional<double> sentence;  // when the latest one came, seconds since 1970
     uint64_t sentences = 0;
-    bool banner_due = false; // the daemon's own line behind a start is handled as a sentence is
+    bool banner_due = false; // the daemon's own line after a start is handled as a sentence is
     DownloadProgress download;
 };
 

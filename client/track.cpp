@@ -29,7 +29,7 @@ std::optional<double> seconds_between(const TrackPoint& from, const TrackPoint& 
     return std::nullopt;
 }
 
-// A moment of a leap second, 23:59:60 and what follows, has the same time as the one a second behind it, as
+// A moment of a leap second, 23:59:60 and what follows, has the same time as the one a second after it, as
 // everywhere where a day has 86,400 seconds.
 bool is_in_leap_second(const TrackPoint& point) {
     return point.of_day && *point.of_day >= std::chrono::days(1);
@@ -76,7 +76,7 @@ void tell(Track& track, TrackPoint point, const TrackVisitor& visit) {
     track.told = point;
 }
 
-// Gives points that waited their dates, the latest first: each lies near the one behind it.
+// Gives points that waited their dates, the latest first: each lies near the one after it.
 void date_waiting(Track& track) {
     std::optional<Utc> anchor = track.dated;
     for (auto point = track.waiting.rbegin(); point != track.waiting.rend(); ++point) {

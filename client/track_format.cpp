@@ -202,7 +202,7 @@ TrackPoint without_height(TrackPoint point) {
     return point;
 }
 
-// Ends the line at its last point or one behind it, and begins the next one.
+// Ends the line at its last point or one after it, and begins the next one.
 std::string cut(TrackText& text, const std::optional<TrackPoint>& end,
                 const std::optional<TrackPoint>& begin) {
     if (end) {

@@ -25,7 +25,7 @@ std::string track_format_begin(TrackText& text);
 // What one more point adds; may be empty.
 std::string track_format_point(TrackText& text, const TrackPoint& point);
 
-// What stands behind the points.
+// What follows the points.
 std::string track_format_end(TrackText& text);
 
 #endif

@@ -6,7 +6,8 @@
 #include <string_view>
 #include <vector>
 
-// Single changes that make one text of the other: a letter more, less or another, or two neighbours swapped.
+// Single changes that turn one text into the other: a letter more, less or another, or two neighbours
+// swapped.
 std::size_t words_distance(std::string_view from, std::string_view to);
 
 // Which of the names (at least one) is meant by the word: one that begins with it, else the nearest; of

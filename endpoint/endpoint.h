@@ -8,7 +8,7 @@
 #include <sys/types.h>
 
 // Binds the socket to an abstract address that begins with the name and fills all 110 bytes: the daemon
-// receives each address with the length of the previous sender's, so one behind a shorter address would get
+// receives each address with the length of the previous sender's, so one after a shorter address would get
 // its own cut, and its answer lost. Nothing is left behind however the process ends. False with errno set.
 bool endpoint_bind(int socket, const char* name);
 

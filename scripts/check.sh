@@ -21,7 +21,7 @@ if grep -rnE '^(<{7}|>{7}) ' --exclude-dir=build --exclude-dir=.git .; then
 fi
 
 echo "check: layers"
-# A source includes no layer that stands behind its own in the CMakeLists.txt of src/ or board/. The programs and the board share
+# A source includes no layer that comes after its own in the CMakeLists.txt of src/ or board/. The programs and the board share
 # only the protocol: src/ is no include folder of theirs.
 check_layers() { # folder, function that makes a layer
     local above=main layer
@@ -75,7 +75,7 @@ if command -v systemd-analyze >/dev/null; then
     done
 fi
 echo "check: lint"
-# One file a run: behind another file the analyzer takes every va_list for uninitialized.
+# One file per run: after another file the analyzer takes every va_list for uninitialized.
 # A tree of its own without tests: their precompiled headers are the compiler's, not the linter's.
 build=build/lint
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \

@@ -29,11 +29,11 @@ std::optional<double> sentence_number(std::string_view text);
 std::optional<double> sentence_signed(std::string_view text);
 std::optional<int> sentence_count(std::string_view text);
 
-// The quality of a fix as GGA numbers it (0: none), of the modes that GNS tells of each system: the best of
-// them, or none where there is no letter of a mode.
+// The quality of a fix as GGA numbers it (0: none), from the modes that GNS gives for each system: the best
+// of them, or none where there is no letter of a mode.
 std::optional<int> sentence_quality(std::string_view modes);
 
-// A speed that is told in knots, in metres a second.
+// A speed that is given in knots, in metres a second.
 std::optional<double> sentence_speed(std::string_view knots);
 
 struct SentencePlace {

@@ -2,7 +2,7 @@
 //
 // A window of epochs is given beforehand, by the chip's time. Each consumer counts what belongs to it, so
 // that all can be asked for the very same: the sentences from the first RMC in the window to the first one
-// behind it, or the reports from the first TPV in it.
+// after it, or the reports from the first TPV in it.
 #ifndef TAVOR_BENCH_RELAY_CONSUMERS_H
 #define TAVOR_BENCH_RELAY_CONSUMERS_H
 

@@ -188,7 +188,7 @@ Payload log_frame(uint16_t command) {
 Payload garbage(std::mt19937& random) {
     Payload bytes(kGarbageSize);
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
-    std::replace(bytes.begin(), bytes.end(), kFrameStart, uint8_t{0}); // it might swallow the frame behind it
+    std::replace(bytes.begin(), bytes.end(), kFrameStart, uint8_t{0}); // it might swallow the frame after it
     return bytes;
 }
 

@@ -38,7 +38,7 @@ void chip_aiding_run(const ChipAidingParts& chip, uint64_t now_us);
 // it passed the check.
 bool chip_aiding_answer(const ChipAidingParts& chip, const std::vector<std::string>& fields, uint64_t now_us);
 
-// The checks: empty when the fields behind the number are right, else what is wrong with them.
+// The checks: empty when the fields after the number are right, else what is wrong with them.
 std::string chip_time_error(const std::vector<std::string>& fields, uint64_t utc_us, uint32_t tolerance_s);
 std::string chip_position_error(const std::vector<std::string>& fields);
 

@@ -41,7 +41,7 @@ struct ChipBootRomParts {
     ChipStatus& status;
 };
 
-// What becomes of the chip behind a block.
+// What becomes of the chip after a block.
 enum class ChipLoaderEnd : uint8_t {
     none,       // it goes on
     jump,       // the boot ROM starts the agent

@@ -8,7 +8,7 @@
 inline constexpr uint64_t kChipAlways = UINT64_MAX;
 
 inline constexpr uint16_t kChipAnyCommand = 0;
-inline constexpr uint16_t kChipAgentUpload = 1; // in the place of a command: a block of the agent itself
+inline constexpr uint16_t kChipAgentUpload = 1; // in place of a command: a block of the agent itself
 
 inline constexpr uint8_t kChipI2cCommandPort = 0x50;
 inline constexpr uint8_t kChipI2cReadPort = 0x54;
@@ -30,7 +30,7 @@ enum ChipAnswerFault : uint8_t {
 
 // How often a fault strikes.
 struct ChipFaultRule {
-    uint64_t left = 0;  // so many times more, kChipAlways without end
+    uint64_t left = 0;  // so many more times, kChipAlways: for ever
     uint64_t every = 0; // or every n-th time; 0: none
     uint64_t count = 0; // since that was set
     uint16_t command = kChipAnyCommand;

@@ -122,7 +122,7 @@ Texts show_pair(bool first, bool second, const char* const (&names)[2]) {
     return shown(first || second, first && second ? "on" : names[first ? 0 : 1]);
 }
 
-// Cuts NAME behind the mark off VALUE; nothing when there is no mark.
+// Cuts NAME after the mark off VALUE; nothing when there is no mark.
 std::optional<View> cut(View& value, char mark) {
     const size_t at = value.find(mark);
     if (at == View::npos) {

@@ -34,7 +34,7 @@ struct ChipFlash {
 // Erases a block of either size; what reaches past the end of the flash is left out. The firmware is lost.
 ChipFlashResult chip_flash_erase(ChipFlash& flash, uint32_t address, uint32_t length);
 
-// Writes at any place; bits that are 0 already stay 0, also when the result tells so.
+// Writes at any place; bits that are 0 already stay 0, also when the result reports that.
 ChipFlashResult chip_flash_write(ChipFlash& flash, uint32_t address, const uint8_t* data, uint32_t length);
 
 // Whether the range lies in the flash.

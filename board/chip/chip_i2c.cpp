@@ -21,7 +21,7 @@ constexpr uint32_t kTxLenRegister = 0x0008;
 constexpr uint32_t kReceiveBuffer = 0x1000;
 constexpr uint32_t kTransmitBuffer = 0x2000;
 constexpr uint32_t kRegisterSize = 4;
-constexpr uint8_t kFloatingLine = 0xFF; // what the host reads behind the end of the data
+constexpr uint8_t kFloatingLine = 0xFF; // what the host reads past the end of the data
 
 // A transfer that breaks the protocol is not acknowledged. It counts as a violation unless the host is
 // excused, at all or in this direction.

@@ -40,7 +40,7 @@ struct ChipOptions {
     bool orbit_requests = false;           // ask it for orbit data of all constellations, too
     uint32_t aiding_tolerance_s = 3;       // how far a reference time may be off the board's clock
     uint32_t time_to_first_fix_ms = 0;     // from cold boot; until then GGA has no position
-    uint32_t assisted_first_fix_ms = 5000; // with time and GPS orbits from the host it comes already then
+    uint32_t assisted_first_fix_ms = 5000; // with time and GPS orbits from the host it comes as early as this
     uint64_t utc_at_zero_us =
         0; // UTC (microseconds since 1970) at the moment that the passed-in clock calls 0
     double latitude = 43.295130; // degrees, south negative

@@ -29,7 +29,7 @@ const char* chip_constellation_name(ChipConstellation constellation);
 // Satellites of a constellation in the order of their records, numbered from 1 as the chip does.
 std::vector<uint32_t> chip_orbit_satellites(ChipConstellation constellation, uint32_t seed);
 
-// Whether the constellation's files begin with a header, which tells the satellites.
+// Whether the constellation's files begin with a header, which lists the satellites.
 bool chip_orbit_has_header(ChipConstellation constellation);
 
 // The record of a satellite for six hours from this GPS hour on.
@@ -39,7 +39,7 @@ ChipOrbitRecord chip_orbit_record(ChipConstellation constellation, uint32_t sate
 // The header of a file that starts at this GPS hour.
 ChipOrbitRecord chip_orbit_header(ChipConstellation constellation, uint32_t hour, uint32_t seed);
 
-// The number that the chip wants to be told for a header in the place of a satellite's.
+// The number that the chip wants to be told for a header in place of a satellite's.
 uint32_t chip_orbit_header_number(ChipConstellation constellation);
 
 // A whole file that starts at this GPS hour.

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr size_t kMaxEpochLines = 200; // a log without GGA and RMC comes in pieces of this many lines
-constexpr size_t kFormatterAt = 3;     // behind '$' and a talker of two letters
+constexpr size_t kFormatterAt = 3;     // after '$' and a talker of two letters
 
 std::string_view line_at(const std::string& log, size_t position) {
     const size_t end = log.find('\n', position);

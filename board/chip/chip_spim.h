@@ -56,7 +56,7 @@ bool chip_spim_is_first_frame(const uint8_t* tx, uint32_t length);
 void chip_spim_frame(const ChipSpimParts& chip, const uint8_t* tx, uint8_t* rx, uint32_t length,
                      uint64_t now_us);
 
-// Bytes for the host, behind those that wait; a read that asks for more than is due is filled up with zeros.
+// Bytes for the host, after those that wait; a read that asks for more than is due is padded with zeros.
 void chip_spim_send(ChipSpimState& spim, const std::vector<uint8_t>& bytes, uint64_t due_us);
 
 #endif

@@ -31,7 +31,7 @@ struct ChipDownloadStatus {
     bool bootable = false;        // the flash holds firmware that starts
     uint64_t started = 0;         // times that the boot ROM kept the chip
     uint64_t handshakes = 0;      // complete ones
-    uint64_t boot_errors = 0;     // status words that told an error
+    uint64_t boot_errors = 0;     // status words that reported an error
     uint64_t wake_ups = 0;        // of the transport's slave
     uint64_t bytes_received = 0;  // through the transport
     uint64_t agent_bytes = 0;     // of the agent itself

@@ -70,7 +70,7 @@ UtcText utc_text(uint64_t utc_us) {
                     static_cast<int>(date.year()) % 100)};
 }
 
-// Degrees and minutes with the hemisphere behind them, rounded once so that 60 minutes never show.
+// Degrees and minutes followed by the hemisphere, rounded once so that 60 minutes never show.
 std::string angle_text(double degrees, int width, const char* hemispheres) {
     const auto fractions = static_cast<int64_t>(std::llround(std::abs(degrees) * 60 * kMinuteFractions));
     const int64_t minutes = fractions / kMinuteFractions;

@@ -53,7 +53,7 @@ void board_clock_set_speed(BoardClock& clock, HostClock host, uint32_t speed);
 // Both clocks go forward by by_ns at once, as if the time had passed:
 void board_clock_advance(BoardClock& clock, HostClock host, int64_t by_ns);
 
-// Tells who waits that something has changed.
+// Tells those who wait that something has changed.
 void board_clock_wake(BoardClock& clock);
 // Waits until wakes is not seen_wakes any more or host_ns have passed (negative: without limit). May come
 // back early.

@@ -32,7 +32,7 @@ struct HookPath {
 };
 
 // On the device a call on a node is a cancellation point at its entry (read, write, open, close) or not at
-// all (ioctl, access): what stands behind the node here is never cut in two.
+// all (ioctl, access): what stands behind the node here is never interrupted halfway.
 struct HookCancelHold {
     HookCancelHold() {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);

@@ -8,7 +8,7 @@
 #include <sys/types.h>
 
 // Called with the node's path. Each behaves as the system call of its name: -1 and errno on failure. What is
-// not set fails with ENOENT (open, access) or EIO. close is told after the descriptor is gone.
+// not set fails with ENOENT (open, access) or EIO. close is called after the descriptor is gone.
 struct LocalDevices {
     std::function<int(const std::string& path, int flags)>
         open; // 0 or -1: the descriptor is made by the backend

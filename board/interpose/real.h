@@ -65,7 +65,7 @@ constexpr const char* linked_name(const char* name) {
     return name;
 }
 
-// The next definition of the named function behind ours: a sanitizer's or the C library's. Looked up at its
+// The next definition of the named function after ours: a sanitizer's or the C library's. Looked up at its
 // first use, at any time of the process, by any thread.
 template <SymbolName Name, typename Function> Function* real() {
     static constinit std::atomic<Function*> found = nullptr;

@@ -1,6 +1,6 @@
-// What preload library and board server say to each other: one request and one reply a system call, each one
-// message of a SOCK_SEQPACKET connection. A connection is one open device node. Both ends run on one machine
-// and are built together.
+// What preload library and board server say to each other: one request and one reply per system call, each
+// one message of a SOCK_SEQPACKET connection. A connection is one open device node. Both ends run on one
+// machine and are built together.
 #ifndef TAVOR_BOARD_WIRE_H
 #define TAVOR_BOARD_WIRE_H
 
@@ -9,7 +9,7 @@
 // Name of the server's socket in the board's directory.
 inline constexpr char kWireSocketName[] = "board.sock";
 
-// Most bytes behind a header.
+// Most bytes after a header.
 inline constexpr uint32_t kWirePayloadMax = 65536;
 
 // Most parts of one SPI message: what the size in an ioctl request can say.

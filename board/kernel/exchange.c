@@ -33,7 +33,7 @@ static struct {
 	bool lines_untold;		/* to the program that has just opened it */
 	struct tavor_board_request request;
 	s32 status;
-	u8 *data;			/* behind the request, then behind the answer */
+	u8 *data;			/* after the request, then after the answer */
 	struct tavor_board_request lines;	/* for the next program */
 } board = {
 	.lines.kind = TAVOR_BOARD_LINES_SET,

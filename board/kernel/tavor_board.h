@@ -11,7 +11,7 @@
 
 #include <linux/types.h>
 
-/* Most bytes behind a head: what spidev may be told to take at once. */
+/* Most bytes after a head: what spidev may be told to take at once. */
 #define TAVOR_BOARD_DATA_MAX 65536
 
 /* Lines of the GPIO chip: one bit each in the words below. */
@@ -19,7 +19,7 @@
 
 enum tavor_board_kind {
 	/*
-	 * All transfers of one SPI message, one behind the other: what goes
+	 * All transfers of one SPI message, one after the other: what goes
 	 * out, zeros where a transfer sends nothing. The answer has as many
 	 * bytes.
 	 */
@@ -32,8 +32,8 @@ enum tavor_board_kind {
 struct tavor_board_request {
 	__u32 number;	/* of the request, which the answer repeats */
 	__u32 kind;
-	__u32 length;	/* bytes behind this head */
-	__u32 wanted;	/* bytes behind the answer's head */
+	__u32 length;	/* bytes after this head */
+	__u32 wanted;	/* bytes after the answer's head */
 	__u32 address;	/* I2C address; first line's number in sysfs */
 	__u32 mode;	/* SPI mode bits, as in linux/spi/spi.h */
 	__u32 levels;	/* GPIO: the lines that are high */
@@ -43,7 +43,7 @@ struct tavor_board_request {
 struct tavor_board_answer {
 	__u32 number;
 	__s32 status;	/* 0, or a negative errno that the caller gets */
-	__u32 length;	/* bytes behind this head, 0 when status is not */
+	__u32 length;	/* bytes after this head, 0 when status is not */
 };
 
 #endif

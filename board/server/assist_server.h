@@ -37,7 +37,7 @@ std::string assist_open(AssistServer& server, const BoardClock& clock, uint32_t 
 // Serves on threads of its own. Returns what went wrong, else empty.
 std::string assist_start(AssistServer& server);
 
-// Ends every transfer and gives everything back.
+// Ends every transfer and releases everything.
 void assist_close(AssistServer& server);
 
 // "127.0.0.1:PORT", empty when it does not listen.

@@ -12,7 +12,7 @@ struct ClockFile {
     std::string path;
 };
 
-// Makes the clock in the board's directory, in the place of one that a killed board left; it is the host's.
+// Makes the clock in the board's directory, in place of one that a killed board left; it is the host's.
 // Returns what went wrong, else empty.
 std::string clock_file_open(ClockFile& file, const std::string& directory);
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-// Reads a whole file. Returns what went wrong, a directory in the place of the file too, else empty.
+// Reads a whole file. Returns what went wrong, also for a directory in place of the file, else empty.
 std::string file_content(const std::string& path, std::string* content);
 
 #endif

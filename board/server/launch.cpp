@@ -85,7 +85,7 @@ std::string make_own_directory(std::string* directory) {
     return "";
 }
 
-// What the daemon would read: text behind the first appearance of the key, to the end of the line. False:
+// What the daemon would read: text after the first appearance of the key, to the end of the line. False:
 // none.
 bool effective_value(const std::string& content, const std::string& key, std::string* value) {
     const size_t at = content.find(key);

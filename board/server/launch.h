@@ -25,13 +25,13 @@ int launch_exec(const ExecOptions& options);
 std::string launch_directory(const std::string& name, std::string* directory);
 
 // Writes the daemon's configuration for this board and its assistance server (HOST:PORT, empty: none). An
-// existing one is kept, but for settings that contradict the options: they come in front of it, where they
-// win. Returns what went wrong, else empty.
+// existing one is kept, but for settings that contradict the options: they come before it, where they win.
+// Returns what went wrong, else empty.
 std::string launch_configure(const RunOptions& options, const std::string& directory,
                              const std::string& assist);
 
-// A setting of that configuration as the daemon finds it: the text behind the key in the first line that
-// holds it, else fallback.
+// A setting of that configuration as the daemon finds it: the text after the key in the first line that holds
+// it, else fallback.
 std::string launch_setting(const std::string& directory, const std::string& key, const std::string& fallback);
 
 // Removes the queues that programs on this board left behind.

@@ -314,7 +314,7 @@ int read_options(int argc, char** argv, Options* options) {
     CLI::App app("Simulated board: runs the location daemon without hardware.", "tavor-board");
     app.set_version_flag("--version", "tavor-board " TAVOR_VERSION);
     app.footer(kExamples);
-    app.require_subcommand(0, 1); // a missing one is told below, behind an unknown one
+    app.require_subcommand(0, 1); // a missing one is told below, after an unknown one
     Raw raw;
     const CLI::App* run = add_run(app, options->run, raw);
     const CLI::App* exec = add_exec(app, options->exec);

@@ -119,7 +119,7 @@ int serve(BoardServer& server, const RunOptions& options, const std::string& dir
     if (!options.program.empty()) {
         start_program(server, options, directory, mask);
     }
-    problem = assist == nullptr ? "" : assist_start(*assist); // threads: no process is made behind it
+    problem = assist == nullptr ? "" : assist_start(*assist); // threads: no process is made after it
     if (!problem.empty()) {
         server.target.quit = true;
         server.status = complain(problem);

@@ -35,7 +35,7 @@ std::string server_open_kernel(BoardServer& server, const std::string& path);
 // request ends both. Returns the child's exit code, 128 + n when signal n ended it, else 0.
 int server_run(BoardServer& server);
 
-// Gives everything back, the socket's file included.
+// Releases everything, the socket's file included.
 void server_close(BoardServer& server);
 
 #endif

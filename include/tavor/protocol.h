@@ -14,7 +14,7 @@
 #define TAVOR_SOCKET_PATH "/etc/default/tavor/tavor_sun_path"
 /** Path of the relay's datagram socket, which speaks the same protocol with any number of clients. */
 #define TAVOR_RELAY_SOCKET_PATH "/run/tavor/relay.sock"
-/** Behind the path of a relay's socket: a stream socket where it serves its metrics, HTTP's GET /metrics. */
+/** Added to the path of a relay's socket: a stream socket that serves its metrics, HTTP's GET /metrics. */
 #define TAVOR_RELAY_METRICS_SUFFIX ".metrics"
 
 /** Bytes of text in a request, its NUL included. */
@@ -91,7 +91,7 @@ struct tavor_request {
 struct tavor_response {
     uint32_t code;                       /**< enum tavor_response_code */
     uint32_t value;                      /**< result or number */
-    uint8_t payload[TAVOR_PAYLOAD_SIZE]; /**< zero-filled behind its content */
+    uint8_t payload[TAVOR_PAYLOAD_SIZE]; /**< zero-filled after its content */
 };
 
 /**

@@ -9,7 +9,7 @@ _tavor_help() {
         -e '/^ \{2,4\}[-A-Za-z]/{s/^ *//;s/^-[^ ],--/--/;s/^\([^ {]*\)[^ ]*/\1/;s/^\([^ ]*\) \([^ ]*\).*/\1 \2/;s/ Excludes:$//;s/ $//;G;s/^\(.*\)\n\([ocp]\)$/\2 \1/p;}'
 }
 
-# Words for a value of the type, as the help text names it; behind the name where it has a place.
+# Words for a value of the type, as the help text names it; after the name where it has a place.
 _tavor_value() {
     case $1 in
     *:{*}*)

@@ -22,7 +22,7 @@ _tavor_help() {
     done
 }
 
-# Words for a value of the type, as the help text names it; behind NAME: where it has a place.
+# Words for a value of the type, as the help text names it; after NAME: where it has a place.
 _tavor_value() {
     case $1 in
     *\{*\}*) _values value ${(s:,:)${1#*\{}%%\}*} ;;

@@ -15,7 +15,8 @@ struct ChronySettings {
     std::chrono::milliseconds second{1000}; // length of a second of the limit; tests shorten it
 };
 
-// Behind positioning_open; wants positioning until the end. False with errno set when there can be no socket.
+// Call after positioning_open; wants positioning until the end. False with errno set when there can be no
+// socket.
 bool chrony_open(const ChronySettings& settings);
 void chrony_close();
 

@@ -15,7 +15,7 @@ struct ChronySample {
     SystemTimeval time; // of the system's clock at the measurement
     double offset;      // the true time less the system's, seconds
     int32_t pulse;      // 0: the sample tells the whole time
-    int32_t leap;       // 0: no leap second is announced; sentences tell none
+    int32_t leap;       // 0: no leap second is announced; sentences announce none
     int32_t padding;
     int32_t magic;
 };
@@ -26,7 +26,7 @@ static_assert(sizeof(ChronySample) == sizeof(SystemTimeval) + 24);
 std::optional<Utc> chrony_sample_time(std::string_view sentence);
 
 // Whether the time can be right: a receiver without a date tells one of 1980 or 2000, one whose count of
-// weeks is misread tells one that is 1,024 weeks early or late. Right are the 1,024 weeks from 2025 on.
+// weeks is misread tells one that is 1,024 weeks early or late. The 1,024 weeks from 2025 on are right.
 bool chrony_sample_is_plausible(Utc time);
 
 // What to tell when a sentence with this time arrived at that moment of the system's clock.

@@ -16,7 +16,7 @@ struct GnssState {
     GnssReader reader;
     BootClock::time_point heard; // the latest sentence
     GnssEpoch latest;
-    BootClock::time_point told; // the latest; it is old behind a suspend
+    BootClock::time_point told; // the latest; it is old after a suspend
     std::vector<GnssOutput> outputs;
 };
 

@@ -104,7 +104,7 @@ std::string key_of(const Sentence& sentence) {
     std::string key(sentence.fields[0]);
     if (key.ends_with("GSV")) {
         key += sentence.fields[1] == sentence.fields[2] ? "last" : "";
-        if (sentence.count % 4 == 1) { // behind satellites of four fields each: the number of the signal
+        if (sentence.count % 4 == 1) { // after satellites of four fields each: the number of the signal
             key += sentence.fields.at(sentence.count - 1);
         }
     } else if (key.ends_with("GSA") && sentence.count > 18) {
@@ -156,7 +156,7 @@ void finish(GnssReader& reader, void (*tell)(void*, const GnssEpoch&), void* to)
 }
 
 // The sky stays what it is until it is told anew, which may be in one epoch of many; it and errors that came
-// behind what ended the epoch are told with the next one.
+// after what ended the epoch are told with the next one.
 void begin(GnssReader& reader) {
     if (!reader.keys.empty()) {
         reader.last_key = reader.keys.back();

@@ -43,7 +43,7 @@ struct GnssEpoch {
     std::optional<double> speed, course;        // metres a second; degrees
     std::optional<double> pdop, hdop, vdop;     // the latest
     std::vector<GnssSatellite> satellites;      // the latest view of the sky, and which the latest GSA named
-    // Of these came with the epoch, or behind what ended the one before:
+    // Of these came with the epoch, or after what ended the one before:
     std::optional<GnssErrors> errors; // GST
     bool has_view = false;            // the view
     bool has_sky = false;             // the view or the DOPs
@@ -55,7 +55,7 @@ struct GnssReader {
     std::string time;              // of the epoch, as the chip sent it
     std::vector<std::string> keys; // kinds of the sentences of the epoch, in order
     std::string last_key;          // of an epoch
-    bool told = false;             // the epoch was told already
+    bool told = false;             // the epoch was reported already
     std::optional<Utc> dated;      // latest moment with a date
     std::optional<bool> valid;     // by RMC, or by GLL
     std::optional<int> gsa_mode;
@@ -69,7 +69,7 @@ struct GnssReader {
 void gnss_reader_take(GnssReader& reader, std::string_view text,
                       void (*tell)(void* to, const GnssEpoch& epoch), void* to);
 
-// Tells nothing of what has come so far: all that stays is which sentence ends an epoch.
+// Reports nothing of what has come so far: all that stays is which sentence ends an epoch.
 void gnss_reader_forget(GnssReader& reader);
 
 #endif

@@ -144,7 +144,7 @@ void gnss_sky_take_gsv(GnssReader& reader, const Sentence& sentence) {
     }
     reader.epoch.has_view = true;
     reader.epoch.has_sky = true;
-    // What is left behind the last satellite is the number of the signal.
+    // What is left after the last satellite is the number of the signal.
     const size_t end = std::min(kGsvEnd, sentence.count);
     for (size_t i = kGsvFirst; i + kGsvStep <= end; i += kGsvStep) {
         auto satellite = satellite_of(*system, sentence_count(sentence.fields[i]).value_or(0));

@@ -11,7 +11,7 @@
 struct LocalRequest {
     tavor_request request;     // what was not sent is zero; the text ends with a NUL
     std::string address;       // of the sender: family and name, a path without NUL; empty: it has none
-    std::optional<uid_t> user; // none when the kernel did not tell
+    std::optional<uid_t> user; // none when the kernel did not say
     gid_t group;
 };
 

@@ -37,7 +37,7 @@ bool ask(int fd) {
     return send(fd, &question, sizeof question, 0) == static_cast<ssize_t>(sizeof question);
 }
 
-// Address as the family and the bytes behind it. The kernel leaves the NUL of a path away, or adds it.
+// Address as the family and the bytes after it. The kernel leaves the NUL of a path away, or adds it.
 std::string address_of(std::string_view name) {
     const sa_family_t family = AF_UNIX;
     std::string address(reinterpret_cast<const char*>(&family), sizeof family);

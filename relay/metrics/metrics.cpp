@@ -89,7 +89,7 @@ void reply(Connection& connection, const std::string& answer) {
 // The connection may be gone afterwards.
 void take(Connection& connection, std::string_view bytes) {
     if (connection.answered) {
-        return; // behind the request
+        return; // after the request
     }
     connection.head += bytes;
     const MetricsAsked asked = metrics_request_read(connection.head);

@@ -1,4 +1,4 @@
-// The metrics on HTTP: GET /metrics, nothing else, one request a connection.
+// The metrics on HTTP: GET /metrics, nothing else, one request per connection.
 //
 // 16 connections at each socket: a further one takes the place of the oldest, so that those who connect and
 // say nothing keep nobody out. A connection lasts 5 seconds at most.
@@ -14,7 +14,7 @@ struct MetricsSettings {
     std::chrono::milliseconds second{1000}; // length of a second of the limits; tests shorten it
 };
 
-// Behind gnss_open.
+// Call after gnss_open.
 void metrics_open(event_base* base, const MetricsSettings& settings);
 void metrics_close();
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-// Behind gnss_open. `daemon`: the path of its socket, which the report tells.
+// Call after gnss_open. `daemon`: the path of its socket, which the report names.
 void metrics_report_open(const std::string& daemon);
 void metrics_report_close();
 

@@ -7,13 +7,13 @@
 
 #include <event2/event.h>
 
-// Behind the options, before anything is opened: puts the program that has this output into the place of one
-// that has not, with the same arguments, environment and process. Returns in the one that has it, with
+// Call once the options are read, before anything is opened: puts the program that has this output in place
+// of one that has not, with the same arguments, environment and process. Returns in the one that has it, with
 // nothing, or with what is wrong. The name in argv[0] is changed.
 std::string mqtt_enter(char** argv);
 
-// Behind gnss_open. Connects, and connects again, for as long as the relay runs. Returns what is wrong with
-// the files for TLS, nothing when they are good.
+// Call after gnss_open. Connects, and connects again, for as long as the relay runs. Returns what is wrong
+// with the files for TLS, nothing when they are good.
 std::string mqtt_open(event_base* base, const MqttSettings& settings);
 
 // The broker tells the others that the device is offline.

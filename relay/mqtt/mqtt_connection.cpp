@@ -78,7 +78,7 @@ std::string closed_problem(const MqttConnection& c) {
     if (!c.tls.agreed) {
         return closed + " before TLS was agreed; is it spoken at its port?";
     }
-    // TLS 1.3 refuses our certificate behind the handshake, where the end of the connection may overtake the
+    // TLS 1.3 refuses our certificate after the handshake, where the end of the connection may overtake the
     // reason. A reason that came at another attempt stands.
     return c.told.starts_with(kTlsFails) ? c.told
                                          : closed + " instead of an answer; does it take our certificate?";
@@ -107,7 +107,7 @@ std::string problem_of(const MqttConnection& c, int result) {
     return result == MOSQ_ERR_ERRNO ? strerror(error) : mosquitto_strerror(result);
 }
 
-// Looks for what is next behind each call of libmosquitto; the end of a connection is a step of its own when
+// Looks for what is next after each call of libmosquitto; the end of a connection is a step of its own when
 // the call came from the owner.
 void follow(MqttConnection& c) {
     if (mosquitto_socket(c.client.get()) < 0) {

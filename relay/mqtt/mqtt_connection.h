@@ -3,7 +3,7 @@
 // Nothing here waits: names are resolved by the loop, libmosquitto gets an address, and its socket is the
 // loop's. An attempt ends after 20 seconds without an answer of the broker. The next one follows after a
 // second, and after twice the time each further time, up to a minute, less up to half of it at random; the
-// wait is short again behind a connection that held for a minute.
+// wait is short again after a connection that held for a minute.
 #ifndef TAVOR_RELAY_MQTT_CONNECTION_H
 #define TAVOR_RELAY_MQTT_CONNECTION_H
 

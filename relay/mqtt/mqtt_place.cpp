@@ -23,7 +23,7 @@ bool is_level(std::string_view text) {
     });
 }
 
-// The host of the place; what stands behind it is left.
+// Takes the host off the place; what follows it stays.
 std::string_view take_host(std::string_view& place) {
     if (place.starts_with('[')) {
         const size_t end = std::min(place.find(']'), place.size());

@@ -1,4 +1,4 @@
-// Which fixes are published: the first, and each that comes so many seconds or metres behind the one that was
+// Which fixes are published: the first, and each that comes so many seconds or metres after the one that was
 // published last, whichever is sooner.
 #ifndef TAVOR_RELAY_MQTT_RATE_H
 #define TAVOR_RELAY_MQTT_RATE_H
@@ -7,7 +7,7 @@
 
 struct MqttRate {
     double every_s = 0;                                             // 0: the time alone is no reason
-    double distance_m = 0;                                          // 0: the way alone is none
+    double distance_m = 0;                                          // 0: the distance alone is none
     std::optional<std::chrono::steady_clock::time_point> published; // or was due, a little later
     double latitude = 0, longitude = 0;                             // where
 };

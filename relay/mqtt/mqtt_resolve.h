@@ -1,4 +1,4 @@
-// The addresses of a broker, asked of the name servers of the system without a wait: by libevent, whose
+// The addresses of a broker, asked of the name servers of the system without waiting: by libevent, whose
 // queries end after ten seconds for each name that is tried.
 #ifndef TAVOR_RELAY_MQTT_RESOLVE_H
 #define TAVOR_RELAY_MQTT_RESOLVE_H
@@ -26,8 +26,8 @@ struct MqttResolver {
 // Whether the text is an address, which needs no name server.
 bool mqtt_resolve_is_address(const std::string& host);
 
-// Calls `done` once, maybe before it returns. The name servers are let go with mqtt_resolve_end, which `done`
-// must not call.
+// Calls `done` once, maybe before it returns. The name servers are released with mqtt_resolve_end, which
+// `done` must not call.
 void mqtt_resolve(event_base* base, MqttResolver& resolver, const std::string& host);
 void mqtt_resolve_end(MqttResolver& resolver);
 

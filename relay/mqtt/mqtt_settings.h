@@ -19,7 +19,7 @@ struct MqttSettings {
     std::string certificate;
     std::string key;
     double every_s = 10;   // 0: the time alone is no reason to publish
-    double distance_m = 0; // 0: the way alone is none
+    double distance_m = 0; // 0: the distance alone is none
     size_t queue = 1000;   // messages that wait for the broker
     int keepalive_s = 60;
     std::chrono::milliseconds second{1000}; // length of a second of all limits; tests shorten it

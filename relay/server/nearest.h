@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// The one of the names (at least one) that takes the fewest changes of a letter to come from the word; of
-// several the first.
+// Of the names (at least one) the one that the fewest changes of a letter turn the word into; of several the
+// first.
 std::string nearest_name(const std::string& word, const std::vector<std::string>& names);
 
 #endif

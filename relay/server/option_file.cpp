@@ -27,7 +27,7 @@ std::string unquoted(std::string_view text) {
 
 // What is wrong with the line.
 std::string take_line(std::string_view line, Options& options) {
-    line = trimmed(line.substr(0, line.find('#'))); // also behind a value
+    line = trimmed(line.substr(0, line.find('#'))); // also after a value
     if (line.empty() || line.front() == ';') {
         return "";
     }

@@ -10,7 +10,7 @@
 #include <vector>
 
 struct OptionRow {
-    const char* name;  // on the command line behind two dashes
+    const char* name;  // on the command line after two dashes
     const char* type;  // what its value is; choices stand in braces, where completion finds them
     const char* usual; // the default, nullptr when it has none; that of Options is the same
     const char* help;

@@ -23,9 +23,9 @@ struct Options {
     bool operator==(const Options&) const = default;
 };
 
-// Reads the command line and the file; what stands on the command line wins, and of one setting told twice
-// the later. Prints help and version on standard output, what is wrong in one line on standard error. Returns
-// the exit status when the process shall end now.
+// Reads the command line and the file; what stands on the command line wins, and of a setting given twice the
+// later. Prints help and version on standard output, what is wrong in one line on standard error. Returns the
+// exit status when the process should end now.
 std::optional<int> options_parse(int argc, char* const* argv, Options& options,
                                  const char* config_path = kConfigPath);
 

@@ -1,5 +1,5 @@
-// The time since the system's start, suspend included. It tells the age of what was heard last: whoever asks
-// wants to know how long ago that was. Limits go by the steady clock, which stands still in suspend:
+// The time since the system's start, suspend included. It gives the age of what was heard last: whoever asks
+// wants to know how long ago that was. Limits go by the steady clock, which stops during suspend:
 // nobody could have answered meanwhile.
 #ifndef TAVOR_RELAY_BOOT_CLOCK_H
 #define TAVOR_RELAY_BOOT_CLOCK_H

@@ -39,8 +39,8 @@ inline const timeval* event_timeval(const SystemTimeval& time) {
     return reinterpret_cast<const timeval*>(&time);
 }
 
-// A loop that serves others for 5 ms at most, one of them at least, before it hears the daemon again: a
-// millisecond by libevent's clock, which moves with the kernel's ticks. Null on failure.
+// A loop that serves others for 5 ms at most, but at least one of them, before it turns to the daemon again:
+// a millisecond by libevent's clock, which moves with the kernel's ticks. Null on failure.
 inline EventBasePtr event_base_open() {
     const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
                                                                              event_config_free);

@@ -1,4 +1,4 @@
-// Sockets that others come to.
+// Sockets that others connect to.
 #ifndef TAVOR_RELAY_LISTEN_H
 #define TAVOR_RELAY_LISTEN_H
 
@@ -8,9 +8,9 @@
 // EINVAL when the place is none.
 int listen_tcp(const std::string& place);
 
-// A Unix socket at a path, of type SOCK_DGRAM or SOCK_STREAM, replacing what a relay before has left there;
+// A Unix socket at a path, of type SOCK_DGRAM or SOCK_STREAM, replacing what an earlier relay has left there;
 // its directory is made too. -1 with errno set on failure, EADDRINUSE when another relay answers there, or is
-// just coming there.
+// just starting there.
 int listen_path(const std::string& path, int type);
 
 #endif

@@ -1,4 +1,4 @@
-// Lines that others can bring about as often as they like: one a second at most.
+// Lines that others can bring about as often as they like: one per second at most.
 #ifndef TAVOR_RELAY_SELDOM_H
 #define TAVOR_RELAY_SELDOM_H
 

@@ -32,11 +32,11 @@ struct PositioningState {
     bool on = false;
     bool left_on = false;        // maybe, by a relay before or a request that failed
     bool held_off = false;       // by a stop for all
-    bool starting = false;       // a start waits or is out, behind all that ends positioning
+    bool starting = false;       // a start waits or is out, after all that ends positioning
     int stopping = 0;            // stops and downloads that wait or are out
     int downloads = 0;           // of these: downloads
     size_t asking = 0;           // who was not answered yet, also of starts in front of a stop
-    Askers askers = no_askers(); // of the start that waits or is out, or of the one to come behind them
+    Askers askers = no_askers(); // of the start that waits or is out, or of the one to come after them
     RelayClock::time_point tried = kNever; // the latest start
     int silence_s = kSilenceS;             // after which the output is taken back
     Seldom failures;
@@ -121,7 +121,7 @@ void end_by(uint32_t type, UpstreamAnswer answer) {
     });
 }
 
-// Beside a download of others it would end that: armed anew behind what ends positioning anyway.
+// Beside a download of others it would end that: armed anew after what ends positioning anyway.
 void on_delayed_stop(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
     if (!is_wanted() && state.stopping == 0 && (state.on || state.left_on)) {
         end_by(TAVOR_REQUEST_STOP, [](uint32_t /*unused*/) {});

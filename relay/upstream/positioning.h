@@ -1,8 +1,8 @@
 // Whether positioning is on, and whether it should be.
 //
 // It should be on always, or while a consumer wants it and some time longer, as the policy says; a stop for
-// all keeps it off until the next start that somebody asks for. What a relay before has left on is stopped as
-// behind a last consumer, unless one comes in time. When nothing came for five seconds although
+// all keeps it off until the next start that somebody asks for. What an earlier relay has left on is stopped
+// as after a last consumer, unless one comes in time. When nothing came for five seconds although
 // it is on, the daemon is asked start again, and again after twice the time, up to a minute: a client that
 // went to the daemon itself has taken the output.
 #ifndef TAVOR_RELAY_POSITIONING_H
@@ -12,12 +12,12 @@
 
 struct PositioningSettings {
     bool always = true;
-    std::chrono::milliseconds stop_delay{10000}; // behind the last consumer
+    std::chrono::milliseconds stop_delay{10000}; // after the last consumer
     bool left_on = false;                        // it may be on by a relay that has ended
     std::chrono::milliseconds second{1000};      // length of a second of all limits; tests shorten it
 };
 
-// Behind upstream_open.
+// Call after upstream_open.
 void positioning_open(event_base* base, const PositioningSettings& settings);
 void positioning_close();
 

@@ -107,7 +107,7 @@ std::deque<Waiting>::iterator next_one() {
                      : state.waiting.begin();
 }
 
-// Takes the starts out of the queue that a stop has passed: behind it they would undo it.
+// Takes the starts out of the queue that a stop has passed: after it they would undo it.
 std::vector<Waiting> take_starts(ptrdiff_t passed) {
     std::vector<Waiting> starts;
     for (auto one = state.waiting.begin(); passed > 0; --passed) {

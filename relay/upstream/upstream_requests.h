@@ -2,7 +2,7 @@
 //
 // A stop does not wait for that: the daemon ends a command that hangs only for a stop that it knows of. It
 // goes out beside what is out and before what waits, one stop at a time; the next request follows its answer.
-// A start that it passes is answered with failure: behind the stop it would undo it. No other request is
+// A start that it passes is answered with failure: after the stop it would undo it. No other request is
 // answered with its code, so its answer is not taken for another.
 //
 // 256 requests wait at most, and one start besides. Each may wait for its turn, and then for its answer, as
@@ -29,7 +29,7 @@ using UpstreamAnswer = std::function<void(uint32_t value)>;
 // Forgets all requests without an answer. `second`: the length of a second of the limits; tests shorten it.
 void upstream_requests_open(std::chrono::milliseconds second);
 
-// Code of the answer to a request of this type; none for types that the protocol has not.
+// Code of the answer to a request of this type; none for types that the protocol does not have.
 std::optional<uint32_t> upstream_requests_code(uint32_t type);
 
 // Lets a request wait for its turn. False when too many wait, or the type is unknown: it is not answered

@@ -21,16 +21,16 @@ enum class UpstreamPresence {
 int upstream_socket_open();
 
 // Connects to the socket at the path, also again: costs nothing while the same daemon is there. `reached`
-// says what was reached before, and is told what is reached now.
+// says what was reached before, and is set to what is reached now.
 UpstreamPresence upstream_socket_reach(int fd, const std::string& path, EndpointFile& reached);
 
-// Room for what the kernel tells with a datagram.
+// Room for what the kernel reports with a datagram.
 union UpstreamControl {
     cmsghdr align;
     char bytes[CMSG_SPACE(sizeof(timespec))];
 };
 
-// When the daemon sent a datagram that was received with such room: by the kernel, or now where it tells
+// When the daemon sent a datagram that was received with such room: by the kernel, or now where it says
 // nothing.
 HubTime upstream_socket_arrival(const msghdr& message);
 

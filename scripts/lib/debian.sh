@@ -77,7 +77,7 @@ debian_base() {
     echo "$base_packages" >"$work/base.done"
 }
 
-# write_test_unit ROOT SCRIPT SETTING...: a service that runs the script when the system of that root is up, and switches it off behind
+# write_test_unit ROOT SCRIPT SETTING...: a service that runs the script when the system of that root is up, and switches it off after
 # it.
 write_test_unit() {
     local units=$1/etc/systemd/system

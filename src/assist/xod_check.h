@@ -1,4 +1,4 @@
-// The check of a downloaded file: its MD5 sum has to be the ETag that the server sent with it.
+// The check of a downloaded file: its MD5 sum must be the ETag that the server sent with it.
 #ifndef TAVOR_XOD_CHECK_H
 #define TAVOR_XOD_CHECK_H
 
@@ -9,7 +9,7 @@
 inline constexpr size_t kXodDigestSize = 33; // an MD5 sum as hexadecimal text, its NUL included
 
 // Finds the first line with an ETag in a saved header, in pieces of at most 127 characters, and writes its
-// value (kXodDigestSize bytes, filled up with zeros): the 32 characters behind the opening quotation mark, or
+// value (kXodDigestSize bytes, padded with zeros): the 32 characters after the opening quotation mark, or
 // what the line has of them. The closing mark and the length are not checked. Returns 0 after logging the
 // value, or -1 when the file can't be read or has no such line.
 int32_t xod_download_get_etag(const char* path, char* out);
@@ -19,7 +19,7 @@ int32_t xod_download_get_etag(const char* path, char* out);
 void xod_download_md5_check(const char* path, char* out);
 
 // Whether the two texts (kXodDigestSize bytes each) are the same sum: all 32 characters count. A sum that
-// could not be made is empty and is that of no file.
+// could not be made is empty and matches no file.
 bool xod_download_same_sum(const char* etag, const char* md5);
 
 // Called in this module only; here for its tests.

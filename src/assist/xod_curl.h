@@ -1,5 +1,5 @@
-// libcurl, loaded with the first download. It brings some thirty libraries along: a daemon that only
-// positions neither waits for them at its start nor keeps them in memory.
+// libcurl, loaded with the first download. It pulls in some thirty libraries: a daemon that only positions
+// neither waits for them at its start nor keeps them in memory.
 #ifndef TAVOR_XOD_CURL_H
 #define TAVOR_XOD_CURL_H
 
@@ -13,7 +13,7 @@ struct XodCurl {
 };
 
 // Loads the library unless it is there already; it stays to the end of the process. Null after logging why
-// when it can't be had: the next call tries again. Callable from any thread.
+// when it can't be loaded: the next call tries again. Callable from any thread.
 const XodCurl* xod_curl();
 
 #endif

@@ -21,8 +21,8 @@ enum xod_file_type : uint32_t {
 inline constexpr size_t kXodNameSize = 32;  // bytes of a file name, its NUL included
 inline constexpr size_t kXodPathSize = 128; // bytes of a path, its NUL included
 
-// Writes the file's name (kXodNameSize bytes). The index counts where the name has a number; an unknown type
-// leaves dst as it is.
+// Writes the file's name (kXodNameSize bytes). The index matters only where the name has a number; an unknown
+// type leaves dst as it is.
 void xod_download_file_name(uint32_t type, uint32_t index, char* dst);
 
 // Writes the path of a file in the configured directory to dst (kXodPathSize bytes); a longer one is cut.
@@ -35,7 +35,7 @@ FILE* xod_download_file_open(uint32_t type, uint32_t index);
 // static initialisation.
 void xod_mutex_init();
 
-// Takes the lock, however long a transfer holds it, and gives it back.
+// Takes the lock, however long a transfer holds it, and releases it.
 void xod_download_lock();
 void xod_download_unlock();
 

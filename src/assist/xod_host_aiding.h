@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-// The chip's numbers of the constellations, which are not the types of the files.
+// The chip's numbers for the constellations, which are not the file types.
 enum xod_constellation : int32_t {
     XOD_CONSTELLATION_GPS = 0,
     XOD_CONSTELLATION_GLONASS = 1,

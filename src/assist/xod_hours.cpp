@@ -59,7 +59,7 @@ uint32_t numbered_start(uint32_t type, uint32_t index) {
     return start;
 }
 
-// Behind a header. Kept: after a failed seek the header's own first word is taken.
+// The hour after a header. Kept: after a failed seek the header's own first word is taken.
 uint32_t headed_start(uint32_t type) {
     FILE* file = xod_download_file_open(type, 0);
     if (file == nullptr) {

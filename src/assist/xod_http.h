@@ -12,8 +12,9 @@ struct DownloadItem {
 
 // Downloads the item's file and checks it; a transfer ends by itself within five minutes. Returns 0, or -1
 // after logging why. With the setting "keep good files=" 0 the file is emptied first and the download lock
-// held over the transfer; one with the wrong content is deleted, what a broken transfer leaves stays. Else a
-// file beside it takes its place under the lock, when its sum is right, and nothing else of it stays.
+// held over the transfer; one with the wrong content is deleted, what a broken transfer leaves stays.
+// Otherwise a file beside it takes its place under the lock, if its sum is right, and nothing else of it is
+// left.
 int32_t xod_download_http(const DownloadItem* item);
 
 #endif

@@ -24,7 +24,7 @@ uint32_t xod_start_hour(uint32_t first_word);
 // out. Stores the hour of its end, or 0.
 int32_t xod_valid_hours(uint32_t start, int32_t now, uint32_t* end_out);
 
-// Gives the hours of prediction left for a type with so many numbered files, and the hour of its end.
+// Gives the hours of prediction left for a type with this many numbered files, and the hour of its end.
 using xod_hours_reader = int32_t (*)(uint32_t type, uint32_t count, uint32_t* end_out);
 
 struct XodSelection {
@@ -44,7 +44,7 @@ uint32_t xod_clamped_hours(uint32_t valid);
 // about two days left the result can be too large for a timer.
 uint32_t xod_next_download_ms(uint32_t valid, uint32_t end, uint32_t retries);
 
-// Milliseconds until a failed download is tried again, after so many retries.
+// Milliseconds until a failed download is tried again, after this many retries.
 uint32_t xod_retry_ms(uint32_t retries);
 
 #endif

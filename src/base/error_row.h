@@ -1,4 +1,4 @@
-// The log lines of a call that fails again and again: at most one a second, with the count of those left out.
+// The log lines of a call that keeps failing: at most one per second, with the count of those left out.
 #ifndef TAVOR_ERROR_ROW_H
 #define TAVOR_ERROR_ROW_H
 

@@ -5,14 +5,14 @@
 
 #include <cstddef>
 
-inline constexpr size_t kFileBesideExtra = 4; // characters that its path has more
+inline constexpr size_t kFileBesideExtra = 4; // characters by which its path is longer
 
 // Writes the path of the file beside path, "PATH.new", to dst (size bytes). It is always the same one: what a
 // process that was killed has left there is written over.
 void file_beside_path(const char* path, char* dst, size_t size);
 
-// Brings the content of the file beside to the disk, once it is written and closed: it may take the other's
-// place (rename) only then. Returns 0, or -1 with errno set.
+// Flushes the content of the file beside to the disk, once it is written and closed: only then may it take
+// the other's place (rename). Returns 0, or -1 with errno set.
 int file_beside_sync(const char* beside);
 
 #endif

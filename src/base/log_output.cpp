@@ -8,7 +8,7 @@
 namespace {
 
 // A write may take a part of a line, when the process is stopped or the system suspended in it: the rest is
-// written behind it. What can't be written is lost.
+// written after it. What can't be written is lost.
 ssize_t write_held(void* /*unused*/, const char* data, size_t size) {
     const CancelHold hold;
     size_t done = 0;

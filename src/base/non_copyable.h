@@ -1,4 +1,4 @@
-// Base of guards: a copy would give the same thing back twice.
+// Base of guards: a copy would release the same thing twice.
 #ifndef TAVOR_NON_COPYABLE_H
 #define TAVOR_NON_COPYABLE_H
 

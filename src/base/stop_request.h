@@ -3,10 +3,10 @@
 // The service thread can't be cancelled, and some of what it does with the chip has no limit of its own: each
 // such loop asks stop_request_pending() and gives up. Announcements and withdrawals pair up. The service
 // queue announces each stop and each download request when it is enqueued, and withdraws it when the request
-// has been handled, could not be enqueued or was lost, so whatever is queued before that request comes back
-// soon. A record of another program withdraws nothing.
+// has been handled, could not be enqueued or was lost, so whatever is queued before that request returns
+// soon. A record from another program withdraws nothing.
 // Closing the bus announces for as long as it takes (StopRequest), on the service thread, so that transfers
-// of other threads come back. While a download runs, its own announcement is set aside (StopRequestAside): it
+// of other threads return. While a download runs, its own announcement is set aside (StopRequestAside): it
 // must not end itself, only the next request may.
 #ifndef TAVOR_STOP_REQUEST_H
 #define TAVOR_STOP_REQUEST_H

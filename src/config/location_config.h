@@ -35,11 +35,11 @@ struct XodServerConfig {
     char device_id[kConfigTextSize];
 };
 
-// Fills dst (kConfigTextSize bytes) with the text behind key in the first line that holds it, else with
+// Fills dst (kConfigTextSize bytes) with the text after key in the first line that holds it, else with
 // default_text.
 void location_config_get_path(char* dst, const char* default_text, const char* key);
 
-// Stores the number behind key (as atoi reads it) in dst, else default_value.
+// Stores the number after key (as atoi reads it) in dst, else default_value.
 void location_config_get_num(int32_t* dst, int32_t default_value, const char* key);
 
 // Each getter fills its record, text (kConfigTextSize bytes) or number and logs what it read. None fails:

@@ -8,7 +8,7 @@
 // A longer line arrives in pieces, each searched as a line of its own. Bytes, the NUL included.
 inline constexpr std::size_t kConfigLineSize = 256;
 
-// Of a larger file no more is read, bytes.
+// Of a larger file no more than this is read, bytes.
 inline constexpr std::size_t kConfigContentMax = 16UL * 1024 * 1024;
 
 // The content of the file; no bytes: there is none.
@@ -18,11 +18,11 @@ struct ConfigText {
 };
 
 // Copies the next line with its newline, or as much of it as fits, to line (kConfigLineSize bytes) and moves
-// at behind it. Returns false at the end of the text.
+// at past it. Returns false at the end of the text.
 bool config_text_next_line(const ConfigText& text, std::size_t* at, char* line);
 
-// Copies what stands behind the key in the first line that holds it anywhere, without the line's end, to
-// value (kConfigLineSize bytes). Returns false when no line holds it.
+// Copies what follows the key in the first line that holds it anywhere, without the line's end, to value
+// (kConfigLineSize bytes). Returns false when no line holds it.
 bool config_text_find(const ConfigText& text, const char* key, char* value);
 
 // As atoi, but with a result for any number of digits.

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-// Sets the start values; called once.
+// Sets the initial values; called once.
 void location_debug_init();
 
 // Opens the outlet of the current mode and starts its threads. Returns 0 or -1.
@@ -19,7 +19,7 @@ void location_debug_close();
 // Closes the outlet and switches it off.
 void location_debug_stop();
 
-// Switches to a mode; nothing is done when it is the current one. Returns 0 or -1.
+// Switches to a mode; does nothing when it is the current one. Returns 0 or -1.
 int32_t location_debug_set_mode(uint32_t mode);
 
 // Hands length bytes of the chip's output to the outlet; called by the receive thread.

@@ -111,7 +111,7 @@ int32_t write_pin(const PinControl& control, int32_t pin) {
     return 0;
 }
 
-// Whether the attribute holds the word, behind which stands one character (the newline).
+// Whether the attribute holds the word, followed by one character (the newline).
 bool holds_word(int fd, std::string_view word) {
     char text[kWordReadSize];
     const ssize_t count = read(fd, text, sizeof text);

@@ -8,7 +8,7 @@
 // All but location_gpio_power_is_on return 0, or -1 after logging what failed.
 
 // Drives the configured power line; high means powered. Power-off switches off the line that was switched on,
-// also when the configuration names another one by then or can't be read, or no descriptor is free. Power-on
+// also when the configuration by then names another one or can't be read, or no descriptor is free. Power-on
 // of another line switches it off too, and fails when that fails.
 int32_t location_gpio_power_on();
 int32_t location_gpio_power_off();

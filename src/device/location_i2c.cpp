@@ -8,7 +8,7 @@
 
 namespace {
 
-// Behind a refused address the kernel would move the bytes to or from the address set before.
+// After a refused address the kernel would move the bytes to or from the address set before.
 bool select_slave(int32_t fd, uint8_t slave_addr) {
     if (ioctl(fd, I2C_SLAVE, static_cast<unsigned long>(slave_addr)) < 0) {
         printf("[LOCSERV] ERR: [i2c]can't select slave 0x%x: a driver of the kernel may own it\n",

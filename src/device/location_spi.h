@@ -21,7 +21,7 @@ int32_t location_spi_init(int32_t* fd, const location_spi_config* config);
 int32_t location_spi_set_config(int32_t fd, const location_spi_config* config);
 
 // One full-duplex transfer of len bytes; both buffers hold len bytes, either may be null. Returns the bytes
-// moved, or -1 with errno set: EMSGSIZE when device or controller take no message as long as this.
+// moved, or -1 with errno set: EMSGSIZE when the device or the controller can't take a message this long.
 int32_t location_spi_transfer(int32_t fd, const uint8_t* tx_buf, uint8_t* rx_buf, uint32_t len);
 
 // Closes the descriptor. Returns the result of close.

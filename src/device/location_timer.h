@@ -1,5 +1,5 @@
-// One-shot timers whose callback runs on a thread of its own. A null handle is no timer: what changes one
-// gives -1.
+// One-shot timers whose callback runs on a thread of its own. A null handle is no timer: changing one gives
+// -1.
 #ifndef TAVOR_LOCATION_TIMER_H
 #define TAVOR_LOCATION_TIMER_H
 
@@ -12,7 +12,7 @@ using location_timer_callback = void (*)(sigval);
 // Returns a disarmed timer, or null when the system has none left.
 timer_t location_timer_create(location_timer_callback callback);
 
-// Arms the timer ms milliseconds from now, anew when it is armed; 0 disarms. Returns the result of
+// Arms the timer ms milliseconds from now, anew if it is armed already; 0 disarms. Returns the result of
 // timer_settime.
 int32_t location_timer_start(timer_t timer, int32_t ms);
 

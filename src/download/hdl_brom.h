@@ -1,5 +1,5 @@
 // The chip's boot ROM: an echo protocol that is alive shortly after power-up. Nearly all failures are
-// logged; unless told otherwise, operations return success.
+// logged; unless stated otherwise, operations return success.
 #ifndef TAVOR_HDL_BROM_H
 #define TAVOR_HDL_BROM_H
 
@@ -7,8 +7,9 @@
 
 inline constexpr uint32_t kBromUidSize = 16; // bytes
 
-// Power-cycles the chip and synchronises with its boot ROM. Fails when its first byte is not answered rightly
-// for 10 s; wrong answers to the later ones make it repeat until a stop is announced (hdl_progress.h).
+// Power-cycles the chip and synchronises with its boot ROM. Fails when its first byte is not answered
+// correctly for 10 s; wrong answers to the later ones make it repeat until a stop is announced
+// (hdl_progress.h).
 bool hdl_brom_handshake();
 
 // Reads the chip's identifier into uid (kBromUidSize bytes).
@@ -22,7 +23,7 @@ bool hdl_brom_set_registers();
 bool hdl_brom_set_baudrate(uint32_t baud);
 
 // Uploads the download agent that the settings name. Returns success. Kept: an error status of the boot ROM
-// before or behind the upload counts as success, and the next step fails.
+// before or after the upload counts as success, and the next step fails.
 bool hdl_brom_send_da();
 
 // Starts the uploaded download agent.

@@ -42,8 +42,8 @@ uint32_t hdl_da_get_flash_id(uint8_t* out);
 bool hdl_speedup_slave_baudrate(uint32_t baud);
 bool hdl_finish_kite(uint8_t parameter);
 
-// Starts to talk to an agent that was just jumped to: empties the pool, raises a serial line's speed and asks
-// for the flash. Returns success.
+// Begins to talk to an agent that has just been started: empties the pool, raises a serial line's speed and
+// asks for the flash. Returns success.
 bool hdl_da_get_flash_info(FlashInfo* info);
 
 // The rest completes the interface; the daemon does not call it.

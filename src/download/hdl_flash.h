@@ -15,8 +15,8 @@ bool da_format_flash(uint32_t start, uint32_t length);
 // success.
 bool download_image(const ImageEntry* image, uint64_t* size);
 
-// Has the agent compare an image's CRC with that of the flash. size: what was written; a file that has
-// another one fails. Returns whether the agent agreed.
+// Has the agent compare an image's CRC with that of the flash. size: what was written; a file of another size
+// fails. Returns whether the agent agreed.
 bool check_image_crc(const ImageEntry* image, uint64_t size);
 
 // Called in this module only; here for its tests.

@@ -68,7 +68,7 @@ bool has_key(const Line& line, const char* key) {
     return strstr(line.stripped, key) != nullptr;
 }
 
-// The value behind a key. Kept: the value starts at column strlen(key), even when the key itself stands later
+// The value after a key. Kept: the value starts at column strlen(key), even when the key itself stands later
 // in the line. The line is long enough, because it holds the key.
 const char* value_of(const Line& line, const char* key) {
     return line.stripped + strlen(key);

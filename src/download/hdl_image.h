@@ -23,7 +23,7 @@ ImageEntry* load_flash_download_cfg(const char* path, uint32_t* count);
 // it), or null after logging why.
 ImageEntry* read_cfg_file(FILE* file, const char* path, uint32_t count);
 
-// CRC-32 of the file, filled up with 0xFF to a multiple of 4 bytes; 0 on any failure.
+// CRC-32 of the file, padded with 0xFF to a multiple of 4 bytes; 0 on any failure.
 uint32_t image_crc32(const char* path);
 
 #endif

@@ -24,7 +24,7 @@ enum KiteId : uint16_t {
     KITE_DFU_RESET = 0x211C,
 };
 
-// What a response carries behind its status.
+// What a response carries after its status.
 enum class KitePayload : uint8_t {
     none,
     u32,      // an address, a size or a checksum
@@ -51,7 +51,7 @@ inline constexpr uint32_t kReadbackSize = 2048; // bytes of data that one readba
 // Places in an agent's frame.
 inline constexpr uint32_t kKiteStatusAt = 6;
 inline constexpr uint32_t kKitePayloadAt = 7;
-inline constexpr uint32_t kKiteDataCrcAt = 11; // in a response with data, behind its address
+inline constexpr uint32_t kKiteDataCrcAt = 11; // in a response with data, after its address
 inline constexpr uint32_t kKiteDataAt = 15;
 inline constexpr uint32_t kKiteLogTextAt = 12; // in a log notification
 
@@ -72,8 +72,8 @@ void kite_add_bytes(KiteCommand* command, const uint8_t* data, uint32_t n);
 void kite_end(KiteCommand* command);
 void kite_end_with_crc(KiteCommand* command);
 
-// How many of count bytes are in front of what may be a frame of the agent. Looks for a start only while a
-// whole head (6 bytes) is there.
+// How many of count bytes come before what may be a frame of the agent. Looks for a start only while a whole
+// head (6 bytes) is there.
 uint32_t kite_noise(const uint8_t* data, uint32_t count);
 
 // Bytes of the frame that begins at data (a whole head), as it announces itself; 4 to 65539.

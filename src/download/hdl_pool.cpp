@@ -19,7 +19,7 @@ namespace {
 constexpr int64_t kFrameLimitMs = 999;
 constexpr int64_t kInstantRoundMs = 1;
 constexpr uint32_t kBadLengthSkip = 2; // bytes
-constexpr uint32_t kLogTextSpare = 2;  // zero bytes behind a log text
+constexpr uint32_t kLogTextSpare = 2;  // zero bytes after a log text
 
 struct State {
     ToolRxBuffer pool;

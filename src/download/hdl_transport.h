@@ -1,4 +1,4 @@
-// The link to boot ROM and download agent. SPI tells no failed transfer: what was sent counts as gone, and
+// The link to boot ROM and download agent. SPI reports no failed transfer: what was sent counts as gone, and
 // what did not come reads as zeros.
 #ifndef TAVOR_HDL_TRANSPORT_H
 #define TAVOR_HDL_TRANSPORT_H

@@ -20,8 +20,8 @@ struct FlashBlock {
 using FormatBlock = FlashBlock;
 using DownloadBlock = FlashBlock; // its length is always kFlashBlockSize
 
-// Sends the part of an image that belongs to the block at address, filled up with 0xFF, up to three times
-// until the transport takes it. Returns success; failures of the file are logged.
+// Sends the part of an image that belongs to the block at address, padded with 0xFF, up to three times until
+// the transport takes it. Returns success; failures of the file are logged.
 bool download_send_single_block(uint32_t address, const ImageEntry* image);
 
 // Erases the blocks within 45 s. Returns whether the agent acknowledged all.

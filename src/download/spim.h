@@ -21,7 +21,7 @@ int32_t spim_wait_status(uint8_t mask, uint32_t tries, uint32_t delay_ms);
 void spim_wakeup();
 
 // Move n (1 to kSpimMaxData) bytes with every retry of the protocol. Failures are only logged; a read that
-// fails behind its configuration leaves zeros. While the slave fails each data phase they repeat until the
+// fails after its configuration leaves zeros. While the slave fails each data phase they repeat until the
 // download is given up (hdl_progress.h), which also ends all other retries.
 void spim_write(const uint8_t* data, uint32_t n);
 void spim_read(uint8_t* buffer, uint32_t n);

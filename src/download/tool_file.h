@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-// Bytes of the file; 0 when path is null, no regular file or can't be read.
+// Bytes of the file; 0 when path is null, is no regular file or can't be read.
 uint64_t getFileSize(const char* path);
 
 // Opens a regular file to read it. Returns null for a null path and when it can't be opened.

@@ -5,14 +5,15 @@
 
 #include <cstdint>
 
-// Local wall-clock time as "2024-05-01 12:00:00.123", valid until the next call; null when it can't be told.
+// Local wall-clock time as "2024-05-01 12:00:00.123", valid until the next call; null when it can't be
+// determined.
 const char* tool_log_timestamp();
 
 // "[   1.234]": seconds since tool_time_start, valid until the next call. Meaningless before the first start.
 const char* tool_log_elapsed();
 
 // Print "TIMESTAMP [E]ELAPSED " or "TIMESTAMP [I]ELAPSED ", then the text as printf does; the line end
-// belongs to the text. A timestamp that can't be told is empty.
+// belongs to the text. A timestamp that can't be determined is empty.
 void tool_log_error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void tool_log_info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -70,7 +70,7 @@ uint32_t tool_unescape_flow_control(uint8_t* buffer, uint32_t n) {
         } else {
             tool_log_error("unrecognized char 0x%X\n", byte);
         }
-        ++written; // Kept: behind an unknown pair this position keeps its earlier content
+        ++written; // Kept: after an unknown pair this position keeps its earlier content
     }
     std::fill(buffer + length, buffer + n, uint8_t{0});
     return length;

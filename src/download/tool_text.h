@@ -18,7 +18,7 @@ void tool_hex_dump(const uint8_t* bytes, const char* label, uint32_t n);
 inline constexpr uint32_t kToolEscapeSize = 9000; // bytes of an escape's output
 
 // Escapes 0x77, XON and XOFF, for a serial line with software flow control. output: kToolEscapeSize bytes,
-// filled up with zeros; what does not fit ends it, a pair is never split. Returns n plus the pairs written:
+// padded with zeros; it ends at what does not fit, a pair is never split. Returns n plus the pairs written:
 // the bytes written where all fitted, else kToolEscapeSize or more. 0 for null or n = 0.
 uint32_t tool_escape_flow_control(const uint8_t* input, uint32_t n, uint8_t* output);
 

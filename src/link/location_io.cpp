@@ -39,7 +39,7 @@ void compact(uint32_t used) {
     }
 }
 
-// Hands on every complete frame. The buffer is compacted once behind the last of them, not at each.
+// Hands on every complete frame. The buffer is compacted once after the last of them, not at each.
 void hand_on_frames() {
     uint32_t head = 0;
     uint32_t type = FRAME_NONE;

@@ -11,7 +11,7 @@ extern port_platform_mutex g_host_mux_i2c_master_mutex;
 // Creates the mutex where it is missing and opens the bus. Returns its id or -1.
 int32_t host_mux_i2c_master_init(const host_mux_i2c_port_config* config);
 
-// Closes the bus and gives the mutex back. Returns 0 or 1.
+// Closes the bus and frees the mutex. Returns 0 or 1.
 int32_t host_mux_i2c_master_deinit(uint32_t bus);
 
 // Move up to *length bytes; *length becomes the bytes moved. Return 0, or 1 when a step failed six times, or

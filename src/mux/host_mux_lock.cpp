@@ -33,7 +33,7 @@ bool host_mux_next_round(HostMuxPause* pause) {
     if (stop_request_pending()) {
         return false;
     }
-    usleep(pause->us); // under the hold: cancellation takes effect behind it
+    usleep(pause->us); // under the hold: cancellation takes effect after it
     pause->us = std::min(2 * pause->us, kLongestPauseUs);
     cancel_hold_offer();
     return !stop_request_pending();

@@ -13,7 +13,7 @@ extern port_platform_semaphore g_host_mux_spi_master_wait_receive_done_xSemaphor
 // Creates mutex and semaphores where they are missing and opens the bus. Returns its id or -1.
 int32_t host_mux_spi_master_init(const host_mux_spi_port_config* config);
 
-// Closes the bus and gives mutex and semaphores back. Returns 0 or 1.
+// Closes the bus and frees mutex and semaphores. Returns 0 or 1.
 int32_t host_mux_spi_master_deinit(uint32_t bus);
 
 // Move up to *length bytes; *length becomes the bytes moved. Return 0, or 1 when a step failed.

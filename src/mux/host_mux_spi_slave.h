@@ -30,7 +30,7 @@ int32_t host_mux_spi_power_on_without_counter(uint32_t bus);
 int32_t host_mux_spi_power_on(uint32_t bus);
 int32_t portable_HAL_SPI_POWER_OFF(uint32_t bus);
 
-// One open power-on request less, for an operation that can't switch off any more; and back to none. They
+// One open power-on request fewer, for an operation that can't switch off any more; and back to none. They
 // touch no bus and need no mutex.
 void host_mux_spi_power_counter_drop();
 void host_mux_spi_power_counter_reset();

@@ -45,7 +45,7 @@ struct FreeMemory {
     }
 };
 
-// A transfer, the wait for the slave behind it, and their texts. The status in the texts is always 0: the
+// A transfer, the wait for the slave after it, and their texts. The status in the texts is always 0: the
 // transfers of this port tell no more than that they failed.
 struct SpiStep {
     const char* intent;
@@ -53,7 +53,7 @@ struct SpiStep {
     const char* done;              // of the transfer; null: nothing is printed
     uint8_t status;                // that is waited for; 0: none
     const char* not_ready;         // when it does not come
-    const char* success = nullptr; // behind the wait; null: nothing is printed
+    const char* success = nullptr; // after the wait; null: nothing is printed
 };
 
 struct CommandStep {
@@ -165,7 +165,7 @@ bool run_command(uint32_t bus, const CommandStep& step, uint32_t length) {
     return run(bus, step.texts, kCommandSize, nullptr, 0);
 }
 
-// Clocks zeros behind the opcode; frame takes the opcode's place and length bytes.
+// Clocks zeros after the opcode; frame takes the opcode's place and length bytes.
 bool run_read(uint32_t bus, const SpiStep& step, uint8_t* frame, uint32_t length) {
     memset(frame, 0, kOpcodeSize + length);
     memset(state.command, 0, sizeof state.command);

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int32_t kFirstField = 5; // behind '$' and four letters
+constexpr int32_t kFirstField = 5; // after '$' and four letters
 constexpr int32_t kHexLetterOffset = 'A' - 10;
 
 bool is_letter(char c) {

@@ -8,7 +8,7 @@ inline constexpr int32_t kNmeaFieldsMax = 80;
 inline constexpr int32_t kNmeaFieldSize = 20; // its NUL included
 
 struct NmeaFields {
-    char field[kNmeaFieldsMax][kNmeaFieldSize]; // those behind the last are empty
+    char field[kNmeaFieldsMax][kNmeaFieldSize]; // those after the last are empty
     int32_t count;                              // separators seen, at most kNmeaFieldsMax - 1
     int32_t checksum; // the first two characters of the last field, read as hexadecimal
 };

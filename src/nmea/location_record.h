@@ -10,8 +10,8 @@
 // field.
 using LocationRecord = tavor_location_record;
 
-// Updates the record from a sentence of length bytes with a NUL behind them. Returns 0, or -1 when the
-// sentence is none of the three, has too few fields or a coordinate without a decimal point.
+// Updates the record from a sentence of length bytes followed by a NUL. Returns 0, or -1 when the sentence is
+// none of the three, has too few fields or a coordinate without a decimal point.
 int32_t location_service_get_location_string(LocationRecord* record, const char* sentence, uint32_t length);
 
 #endif

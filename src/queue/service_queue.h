@@ -1,5 +1,5 @@
 // The service queue: every request, every frame of the chip and every assistance result is a message in it.
-// Senders need to know this header only, not the service that works the messages off.
+// Senders need to know this header only, not the service that handles the messages.
 #ifndef TAVOR_SERVICE_QUEUE_H
 #define TAVOR_SERVICE_QUEUE_H
 
@@ -38,11 +38,11 @@ int32_t service_queue_open();
 
 // Enqueues; any thread. On failure the data is freed and the failure logged. While the queue is full it waits
 // (a cancellation point), except on the queue's consumer, which would wait for itself. A stop or a download
-// never waits: it finds its place in a full queue too. Both are announced (base/stop_request.h) from here
-// until they are handled, so that what is queued before them comes to an end soon.
+// never waits: it finds room in a full queue too. Both are announced (base/stop_request.h) from here until
+// they are handled, so that what is queued before them comes to an end soon.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
-// How long requests wait for room together: from the first one that waits on.
+// How long requests wait for room together, from the first one that waits.
 struct ServiceQueuePatience {
     uint64_t wait_us;
     uint64_t until_us = 0; // of the monotonic clock; 0 until one waits
@@ -58,13 +58,13 @@ enum class ServiceQueueWait {
 };
 
 // Takes the next message into *message; waits for one. The calling thread becomes the queue's consumer.
-// Returns false, after a short pause, when nothing could be received, and without one for a record of another
-// program that carries a block. A queue that is gone is made again; what it held is lost.
+// Returns false, after a short pause, when nothing could be received, and without one for a record from
+// another program that carries a block. A queue that is gone is made again; what it held is lost.
 bool service_queue_receive(ServiceMessage* message,
                            ServiceQueueWait wait = ServiceQueueWait::until_one_comes);
 
-// Tells that a received message has been handled: ends what its send announced. A record of another program
-// ends nothing.
+// Reports that a received message has been handled: ends what its send announced. A record from another
+// program ends nothing.
 void service_queue_handled(const ServiceMessage& message);
 
 #endif

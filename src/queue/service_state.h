@@ -1,4 +1,4 @@
-// State of the service. Only msqid is read by other threads than the service's once that runs.
+// State of the service. Only msqid is read by threads other than the service's once that runs.
 #ifndef TAVOR_SERVICE_STATE_H
 #define TAVOR_SERVICE_STATE_H
 

@@ -25,7 +25,7 @@ struct FileText {
     size_t length;
 };
 
-// The record with a NUL behind it: a text may run on from its field into the next ones, and ends here at the
+// The record followed by a NUL: a text may run on from its field into the next ones, and ends here at the
 // latest.
 struct TerminatedRecord {
     LocationRecord record;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// All take a sentence of length bytes with a NUL behind them.
+// All take a sentence of length bytes followed by a NUL.
 
 // Tracks the position, and sends a position block after each GGA sentence.
 void location_service_nmea_handle(const char* sentence, uint32_t length);

@@ -8,8 +8,8 @@
 int32_t tavor_init();
 
 // Runs the daemon: socket, service, then requests for ever. Returns the exit status: 1 when another daemon
-// runs, -1 when it can't be told whether one does, both with a line on standard error; -1 when the socket or
-// the service can't be set up or a receive fails.
+// runs, -1 when it can't be determined whether one does, both with a line on standard error; -1 when the
+// socket or the service can't be set up or a receive fails.
 int tavor_run();
 
 // Called in this module only; here for its tests.

@@ -20,7 +20,7 @@ struct TavorPeer {
     socklen_t length;
 };
 
-// Takes the socket that responses go out by. Nothing is kept then, and nobody is the client.
+// Sets the socket that responses are sent from. Nothing is kept then, and nobody is the client.
 void tavor_reply_open(int32_t socket);
 
 // Makes the peer the one that gets all further responses. Any thread.

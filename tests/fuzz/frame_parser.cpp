@@ -58,7 +58,7 @@ void check_frame(std::string_view frame, uint32_t type) {
     }
 }
 
-// Takes everything from the data; returns the frames that are not dropped, one behind the other, and leaves
+// Takes everything from the data; returns the frames that are not dropped, one after the other, and leaves
 // what waits.
 std::string take_frames(std::string* data) {
     std::string taken;
@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     take_frames(&data);
     check_waiting(data);
 
-    // A good sentence behind it is found, or belongs to the frame that waits for its end; 0x04 makes a start
+    // A good sentence after it is found, or belongs to the frame that waits for its end; 0x04 makes a start
     // of its '$'.
     const bool swallowed = data.size() >= 2 || data == "\x04";
     const std::string taken = take_frames(&(data += kGood));

@@ -20,7 +20,7 @@ inline void require(bool holds, const char* what) {
     }
 }
 
-// The lines that the code under test logs hold whatever the input holds.
+// The lines that the code under test logs contain whatever the input contains.
 inline void silence_log() {
     static const bool silent = freopen("/dev/null", "w", stdout) != nullptr;
     require(silent, "can't silence the log");

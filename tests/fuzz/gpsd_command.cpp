@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         before = input.size();
         check(*command);
     }
-    // A good request behind it is found, or is part of one that has not ended.
+    // A good request after it is found, or is part of one that has not ended.
     input += "\n?VERSION;";
     bool found = false;
     while (const auto command = gpsd_command_next(input)) {

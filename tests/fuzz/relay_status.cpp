@@ -1,4 +1,4 @@
-// Metrics of a relay: numbers stay in their bounds, and a whole text behind any other is found.
+// Metrics of a relay: numbers stay in their bounds, and a whole text after any other is found.
 #include "client/relay_status.h"
 
 #include <cmath>

@@ -38,7 +38,7 @@ relay_publishes() {
         [ "/proc/$(systemctl show -P MainPID tavor-relay)/exe" -ef /usr/libexec/tavor/tavor-relay-mqtt ]
 }
 
-# The files of an example in the manual, each behind a comment with its path: written as they stand there.
+# The files of an example in the manual, each after a comment with its path: written as they stand there.
 write_from_manual() { # PAGE, FIRST FILE
     zcat "$1" | sed -n "\\|^# $2|,/^\\.fi/p" | sed '$d; s/\\-/-/g' | awk '
         /^# \// { file = $2; in_one_line = sub(/,$/, "", file); system("mkdir -p $(dirname " file ")"); next }

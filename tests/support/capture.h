@@ -1,4 +1,4 @@
-// Standard output of a piece of code, caught at the descriptor, so that every way of printing is seen.
+// Standard output of a piece of code, captured at the descriptor, so that every way of printing is seen.
 #ifndef TAVOR_TESTS_CAPTURE_H
 #define TAVOR_TESTS_CAPTURE_H
 

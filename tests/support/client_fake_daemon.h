@@ -16,7 +16,7 @@
 // A response as the daemon builds it.
 tavor_response make_response(uint32_t code, uint32_t value, const std::string& payload = "");
 
-// A position block with these texts; a height may run on into the axis behind it.
+// A position block with these texts; a height may run on into the axis after it.
 tavor_response make_position(const std::string& utc, const std::string& latitude,
                              const std::string& longitude, const std::string& height);
 
@@ -35,7 +35,7 @@ struct FakeDaemon {
     }
     bool send_bytes(const void* data, size_t size) const;
 
-    // Waits until so many requests have come; false when a generous limit passed.
+    // Waits until this many requests have come; false when a generous limit passed.
     bool wait_requests(size_t count);
     // Types of all requests so far.
     std::vector<uint32_t> types();

@@ -1,4 +1,4 @@
-// A program run by a test, with its output caught.
+// A program run by a test, with its output captured.
 #ifndef TAVOR_TESTS_CLIENT_TOOL_H
 #define TAVOR_TESTS_CLIENT_TOOL_H
 
@@ -20,7 +20,7 @@ struct Tool {
     // Stops reading standard output, as a pager that was left.
     void close_out();
     void signal(int number) const;
-    // Waits until so many bytes of standard output wait to be read, or until the program has ended, which
+    // Waits until this many bytes of standard output wait to be read, or until the program has ended, which
     // nobody's reading helps. False when a generous limit passed.
     bool wait_unread(size_t bytes) const;
     bool wait_gone() const;

@@ -9,7 +9,7 @@
 
 // Reads from the descriptor until count bytes came, its end or the limit.
 std::string read_bytes(int fd, size_t count);
-// Reads until the text has come; returns all that came with it, for less at its end or at the limit.
+// Reads until the text has come; returns all that came with it, or less at its end or at the limit.
 std::string read_until(int fd, const std::string& text);
 // Reads what is there without waiting, at most 64 KiB.
 std::string read_now(int fd);
@@ -23,7 +23,7 @@ size_t running_threads();
 
 inline constexpr size_t kQueuedBlockSize = 8 + sizeof(void*); // of a block's message in the outlet's queue
 
-// Makes the message queue of the outlet full with so many messages in it.
+// Makes the message queue of the outlet full at this many messages.
 void limit_queue(int queue, unsigned messages);
 
 // A pseudo terminal: the tests hold the master, the outlet opens the path. The slave is held open too, so

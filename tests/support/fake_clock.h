@@ -17,8 +17,8 @@ struct FakeClock {
     bool time_fails = false;
     bool timespec_fails = false;
     bool sleep_fails = false;
-    std::function<void()> at_sleep = [] {}; // behind each sleep
-    int64_t between_readings_ms = 0;        // passes behind each reading of the clock
+    std::function<void()> at_sleep = [] {}; // after each sleep
+    int64_t between_readings_ms = 0;        // passes after each reading of the clock
 };
 
 extern FakeClock fake_clock;

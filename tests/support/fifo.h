@@ -1,4 +1,4 @@
-// A FIFO in the place of a file, and a bound for what meets it.
+// A FIFO in place of a file, and a time limit for what meets it.
 #ifndef TAVOR_TESTS_FIFO_H
 #define TAVOR_TESTS_FIFO_H
 

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <sys/resource.h>
 
-// While one lives, a write that makes any file of the process longer than so many bytes fails.
+// While one lives, a write that makes any file of the process longer than this many bytes fails.
 struct FileSizeLimit {
     explicit FileSizeLimit(rlim_t bytes) {
         signal(SIGXFSZ, SIG_IGN);

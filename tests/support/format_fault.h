@@ -1,4 +1,4 @@
-// Formatting that fails: stands in the place of base/format.h in programs that link it.
+// Formatting that fails: stands in place of base/format.h in programs that link it.
 #ifndef TAVOR_TESTS_FORMAT_FAULT_H
 #define TAVOR_TESTS_FORMAT_FAULT_H
 

@@ -32,7 +32,7 @@ std::vector<char*> argument_pointers(const Arguments& arguments) {
     return pointers;
 }
 
-// Of the calls below a child may make only those that are safe behind a fork.
+// Of the calls below a child may make only those that are safe after a fork.
 void redirect(int descriptor, const char* path, int flags) {
     const int file = path == nullptr ? descriptor : open(path, flags, 0600);
     if (file != descriptor) {

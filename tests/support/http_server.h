@@ -1,4 +1,4 @@
-// An HTTP server of one test, as bare as can be, so that every fault can be had: a function answers each
+// An HTTP server of one test, as bare as can be, so that every fault can be produced: a function answers each
 // connection.
 #ifndef TAVOR_TESTS_HTTP_SERVER_H
 #define TAVOR_TESTS_HTTP_SERVER_H

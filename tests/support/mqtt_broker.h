@@ -1,5 +1,5 @@
-// An MQTT broker that a test plays on loopback, a connection at a time. It understands what the relay sends,
-// and no more.
+// An MQTT broker that a test plays on loopback, one connection at a time. It understands what the relay
+// sends, and no more.
 #ifndef TAVOR_TESTS_MQTT_BROKER_H
 #define TAVOR_TESTS_MQTT_BROKER_H
 
@@ -36,7 +36,7 @@ struct MqttBroker {
     int connections = 0;
     bool connected = false;                  // a client, by TCP
     std::vector<unsigned char> first_bytes;  // of all packets
-    std::string greeting;                    // the latest CONNECT behind its header
+    std::string greeting;                    // the latest CONNECT after its header
     std::vector<MqttBrokerMessage> messages; // that were published
 
 private:

@@ -26,7 +26,7 @@ struct PlayedDaemon {
 
     // Takes what has come, and answers.
     void turn();
-    // To who asked last. False when its queue is full or it is gone.
+    // To whoever asked last. False when its queue is full or it is gone.
     bool send(const tavor_response& response) const;
     size_t count(uint32_t type) const;
 
@@ -34,13 +34,13 @@ struct PlayedDaemon {
     std::vector<tavor_request> requests;
     bool answers = true;
     uint32_t value = 0; // of the answers
-    std::string peer;   // address of who asked last: family and name
+    std::string peer;   // address of whoever asked last: family and name
 
 private:
     int fd = -1;
 };
 
-// A client's socket, bound to these bytes behind the family; none: to nothing.
+// A client's socket, bound to these bytes after the family; none: to nothing.
 struct PlayedClient {
     PlayedClient(std::string relay_path, const std::string& address, bool connected = true);
     ~PlayedClient();

@@ -1,4 +1,4 @@
-// The one way of the tests to wait for a condition that nothing announces.
+// The tests' one way to wait for a condition that nothing announces.
 #ifndef TAVOR_TESTS_WAIT_H
 #define TAVOR_TESTS_WAIT_H
 

@@ -38,7 +38,7 @@ RunResult exec_probe(const SimulatedBoard& board, const std::string& probe) {
     return tool({"exec", "--dir", board.directory.path, "--", TAVOR_PROBE_PROGRAM, probe});
 }
 
-// What a shell writes that goes on behind the export of the power line, whose level is at $value.
+// What a shell writes that goes on after the export of the power line, whose level is at $value.
 std::string shell_at_the_power_line(const SimulatedBoard& board, const std::string& script) {
     const RunResult result = tool({"exec", "--dir", board.directory.path, "--", "/bin/sh", "-ec",
                                    "gpio=/sys/class/gpio value=/sys/class/gpio/gpio17/value; "

@@ -65,7 +65,7 @@ TEST_P(QueuedCommands, StopIsAnsweredSoon) {
 
     board.fault("all", "off");
     start();
-    EXPECT_TRUE(wait_until([&] { // the link opens behind the answer; no stop is announced any more
+    EXPECT_TRUE(wait_until([&] { // the link opens after the answer; no stop is announced any more
         return client.ask(TAVOR_REQUEST_COMMAND, TAVOR_CODE_CHIP, "353,1") == 0;
     }));
 }

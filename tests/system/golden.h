@@ -15,14 +15,14 @@ using GoldenLines = std::vector<std::string>;
 std::string golden_line(const tavor_response& response);
 
 // Plays the log to a daemon on a board of its own. Returns every datagram from the start request to the reply
-// to a stop request behind the log's last line, which must be a sentence that stands nowhere else in it.
-// Throws std::runtime_error when that can't be had.
+// to a stop request after the log's last line, which must be a sentence that stands nowhere else in it.
+// Throws std::runtime_error when that fails.
 GoldenLines golden_replay(const std::string& log_path);
 
 // The lines of a text file. Throws std::runtime_error when it can't be read.
 GoldenLines golden_read(const std::string& path);
 
-// The first lines that differ ("-" expected, "+" actual) with what stands around them; empty when none do.
+// The first lines that differ ("-" expected, "+" actual) with their context; empty when none do.
 std::string golden_difference(const GoldenLines& expected, const GoldenLines& actual);
 
 #endif

@@ -259,7 +259,7 @@ def is_gpsds_satellite(log, one, ours, theirs):
     system, number = one
     if one in ours:
         as_sbas = (SBAS, number + SBAS_OFFSET) in theirs
-        # It knows no NavIC; takes numbers above 32 of any system for SBAS; tells no GPS behind other systems.
+        # It knows no NavIC; takes numbers above 32 of any system for SBAS; reports no GPS after other systems.
         return (system == NAVIC or system in (GALILEO, BEIDOU) and as_sbas
                 or system == GPS and log == "negative-altitude")
     misread = number - SBAS_OFFSET

@@ -18,7 +18,7 @@ constexpr char kNextTimer[] = "start next download timer:";
 constexpr char kRetryTimer[] = "start retry timer:";
 constexpr int kTypes[] = {0, 2, 3};
 constexpr int kSecondsPerDay = 86400;
-constexpr int kTransfersOfEmptyRead = 7; // on, ask, read the length, off, and the status behind three of them
+constexpr int kTransfersOfEmptyRead = 7; // on, ask, read the length, off, and the status after three of them
 
 size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
@@ -60,7 +60,7 @@ struct Assistance {
     void start_assistance() const {
         ASSERT_EQ(client.ask(TAVOR_REQUEST_ASSIST, TAVOR_CODE_ASSIST), 0);
     }
-    // The last number behind a text in the log; -1: there is none.
+    // The last number after a text in the log; -1: there is none.
     int64_t last_number(const std::string& text) const {
         const std::string log = daemon.log();
         const size_t at = log.rfind(text);
@@ -131,7 +131,7 @@ TEST(Orbits, AllEnabledFilesComeAndTheChipFindsEveryRecordIntact) {
 // Without a server that answers: the good files are kept, and lost with the first refresh otherwise.
 TEST(Orbits, SegmentsFollowTheClockForThreeDays) {
     constexpr int kParts = 6;
-    constexpr int kStepHours = 13; // the last part is asked for 65 hours behind the first
+    constexpr int kStepHours = 13; // the last part is asked for 65 hours after the first
     const Assistance scene({"--source", "none", "--aiding", "--time", "2027-02-27T17:59:00Z"});
     scene.board.configure("keep good files", "1");
     scene.load_files();

@@ -137,7 +137,7 @@ TEST(Download, AnswerThatWentElsewhereIsReplacedByTheLog) {
     EXPECT_EQ(lines_of(scene.out).front(), "firmware written");
     EXPECT_EQ(lines_of(scene.err).back(),
               "tavorctl: the answer went to another client; the daemon's log tells how it ended");
-    // What follows behind its end is another client's.
+    // What follows its end is another client's.
     Scene failing(kToTheErase + kFailure + kToTheErase + kToTheEnd, std::nullopt);
     EXPECT_EQ(failing.run({"--log", failing.log_path}), 1);
     EXPECT_NE(failing.err.find("'FORMAT_TIMEOUT'"), string::npos) << failing.err;

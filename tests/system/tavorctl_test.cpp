@@ -457,7 +457,7 @@ TEST(Send, ChipThatAnswersNothingIsNoFailure) {
 
 namespace {
 
-// What comes behind the start of the assistance download, and how the tool ends.
+// What comes after the start of the assistance download, and how the tool ends.
 struct Assisted {
     std::vector<uint32_t> results; // 0 or failure, in order
     Arguments options;

@@ -59,7 +59,7 @@ define TAVOR_INSTALL_CONFIGURATION
 endef
 TAVOR_POST_INSTALL_TARGET_HOOKS += TAVOR_INSTALL_CONFIGURATION
 
-# The unit and what stands beside it are CMake's; others than systemd have no use for them, but for what clears up behind the daemon.
+# The unit and what stands beside it are CMake's; others than systemd have no use for them, except for what cleans up after the daemon.
 ifneq ($(BR2_INIT_SYSTEMD),y)
 define TAVOR_REMOVE_SYSTEMD_FILES
 	cd $(TARGET_DIR)/usr && rm -rf lib/systemd/system/tavor* lib/systemd/journald@tavor.conf.d \

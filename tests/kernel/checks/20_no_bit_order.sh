@@ -6,7 +6,7 @@ board_start --msb-first
 ! tavorctl check >/tmp/check.out || fail "check finds nothing"
 grep -q "^bad  *SPI device: refuses least significant bit first.*'SPI bit order=1'" /tmp/check.out || fail "$(cat /tmp/check.out)"
 daemon_start
-ctl start # answered with success: the bus is opened behind it
+ctl start # answered with success: the bus is opened after it
 wait_for 20 logged "[LOCSERV] ERR: [spi]can't set LSB or MSB: 1"
 logged '[spi]the controller has no such bit order: try "SPI bit order=1" in tavor.conf' || fail "the log names no remedy"
 ctl stop

@@ -13,7 +13,7 @@ inline constexpr mode_t kMode = 0600; // of files that an open would make
 // Prints "WHAT = RESULT", or "WHAT = -1 ENAME".
 __attribute__((format(printf, 2, 3))) void tell(long result, const char* what, ...);
 
-// The same, and behind a result that is no failure the bytes or the number that came.
+// The same, and after a result that is no failure the bytes or the number that came.
 void tell_bytes(long result, const char* what, const void* bytes);
 void tell_number(long result, const char* what, uint32_t number);
 

@@ -51,7 +51,7 @@ void try_read(const char* moment, const std::string& name) {
     close(fd);
 }
 
-// Arranges what follows; where it fails, the lines behind it tell.
+// Arranges what follows; where it fails, the lines after it tell.
 void set(const std::string& name, const std::string& text) {
     const int fd = open((kRoot + name).c_str(), O_WRONLY);
     [[maybe_unused]] const ssize_t ignored = write(fd, text.data(), text.size());

@@ -18,7 +18,7 @@ const std::string kSum = "0123456789abcdef0123456789abcdef";
 struct Found {
     bool found;
     std::string value;
-    std::string rest; // bytes behind the value, up to the end of its room
+    std::string rest; // bytes after the value, up to the end of its room
 };
 
 Found read(const std::string& header) {

@@ -167,7 +167,7 @@ TEST_F(XodDownloadThreads, MachineryTakenDownAndStartedAgainKeepsItsOwnItems) {
                          xod_download_enqueue({}); // likely in the freed item's memory
                      }),
               kDeinit + kGood + kScheduled + kInit + kGood);
-    // The old transfer's failure means nothing to the new machinery, whose item is fetched behind it.
+    // The old transfer's failure means nothing to the new machinery, whose item is fetched after it.
     EXPECT_EQ(xod_fakes.transfers, Transfers(2, {0, 1}));
     EXPECT_EQ(timers_alive(), 2U);
     EXPECT_EQ(next_in(), 3000);

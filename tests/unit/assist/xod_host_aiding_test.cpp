@@ -170,7 +170,7 @@ struct XodHostAiding : testing::Test {
     void file(const string& name, const string& content) const {
         dir.write("xod/" + name, content);
     }
-    // Asks so many hours behind the files' start; the log then holds the lines of the assistance alone.
+    // Asks this many hours after the files' start; the log then holds the lines of the assistance alone.
     int32_t aid(int constellation, int32_t hours) {
         const int32_t hour = static_cast<int32_t>(kStart) + hours;
         return aid_at(constellation, static_cast<uint32_t>(hour / 168), hour % 168 * 3600 + 1800);
@@ -356,7 +356,7 @@ TEST_F(XodHostAiding, TruncatedFileStopsTheSendingAndStillCounts) {
     EXPECT_EQ(aid(0, 6), 1);
     EXPECT_EQ(log, kSendReadFail + finish(0));
     EXPECT_EQ(world.commands.size(), 5U); // half a record is none
-    EXPECT_EQ(aid(0, 12), 1);             // wholly behind the end
+    EXPECT_EQ(aid(0, 12), 1);             // wholly after the end
     EXPECT_EQ(log, kSendReadFail + finish(0));
     EXPECT_TRUE(world.commands.empty());
 }

@@ -101,7 +101,7 @@ struct FollowTest : testing::Test {
                   Outcome::kTimeout);
     }
 
-    int64_t stream_s = 0; // how long output flows behind the second silence
+    int64_t stream_s = 0; // how long output flows after the second silence
     Connection connection;
     Seconds seconds;
     Counts counts;

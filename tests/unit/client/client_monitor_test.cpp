@@ -21,7 +21,7 @@ Record sentence(const string& text) {
 
 constexpr char kGga[] = "$GNGGA,151620.00,4317.71149,N,00521.92193,E,1,20,0.72,12.2,M,49.8,M,,*7D";
 
-// A monitor behind one epoch.
+// A monitor after one epoch.
 Monitor epoch() {
     Monitor monitor;
     monitor.begin = kBegin;

@@ -37,7 +37,7 @@ Position position_of(const Texts& texts) {
     return record_position(record_of(texts));
 }
 
-// A record in which a GST sentence has rewritten the axis behind a height that ran on.
+// A record in which a GST sentence has rewritten the axis after a height that ran on.
 Position rewritten(const std::string& height, const std::string& axis) {
     std::string cut = height.substr(0, 10) + axis;
     return position_of({"", "", "", cut + std::string(1, '\0'), "", "", "", ""});

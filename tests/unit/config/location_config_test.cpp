@@ -108,7 +108,7 @@ std::string show(int32_t value) {
 using All = AllSettings;
 struct Setting {
     std::string key;
-    std::string line; // in the log, behind its start and before the value
+    std::string line; // in the log, after its start and before the value
     std::string value;
     std::string (*read)(const All& all);
 };

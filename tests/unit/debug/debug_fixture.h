@@ -22,7 +22,7 @@ void chip_silent(bool silent);
 // Hands the bytes to the outlet as the receive thread does.
 void handle_text(const std::string& bytes);
 
-// Leaves the process so many more descriptors than it has, for its lifetime.
+// Leaves the process this many more descriptors than it has, for its lifetime.
 struct DescriptorLimit {
     explicit DescriptorLimit(unsigned more);
     ~DescriptorLimit();

@@ -298,7 +298,7 @@ TEST_F(DebugFailureTest, InterruptedWaitForClientsIsTakenUpAgain) {
     const auto client = connect_listed(1);
     client->send("abc");
     ASSERT_TRUE(wait_until([] { return chip_received() == "abc"; }));
-    failure.epoll_interrupt = true; // the wait before or behind the next input
+    failure.epoll_interrupt = true; // the wait before or after the next input
     client->send("def");
     EXPECT_TRUE(wait_until([] { return chip_received() == "abcdef"; })) << chip_received();
     EXPECT_TRUE(wait_until([] { return !failure.epoll_interrupt; }));

@@ -417,7 +417,7 @@ TEST_F(LocationGpio, ResetReportsALineThatCannotBeDrivenLowOrStaysLow) {
     interpose_fail("write", 2, EIO); // the level
     EXPECT_EQ(run(location_gpio_reset_chip), -1);
     EXPECT_EQ(writes(), Lines{"write gpio9/direction out"});
-    interpose_fail("write", 2, EIO); // the level behind the pulse
+    interpose_fail("write", 2, EIO); // the level after the pulse
     EXPECT_EQ(run(location_gpio_reset_chip), -1);
     EXPECT_EQ(writes().back(), "sleep 5000");
 }

@@ -41,7 +41,7 @@ struct BromTest : testing::Test {
     BromTest();
     ~BromTest() override;
 
-    // Runs the operation with the log caught, and returns its result.
+    // Runs the operation with the log captured, and returns its result.
     bool run(const std::function<bool()>& operation);
 
     Lines log; // without stamps

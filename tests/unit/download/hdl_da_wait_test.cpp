@@ -33,7 +33,7 @@ TEST_F(Waiter, TellsWhyThereIsNoAnswer) {
 
 TEST_F(Waiter, AResponseShorterThanItsKindIsAFailure) {
     const std::pair<uint16_t, uint16_t> least[] = {
-        // bytes behind the length field
+        // bytes after the length field
         {0x2100, 7}, {0x2104, 7}, {0x210E, 7}, {0x210F, 7}, {0x211A, 7}, {0x2110, 6},
         {0x211B, 4}, {0x2106, 3}, {0x2115, 3}, {0x2116, 3}, {0x211C, 3}, {0x1234, 3},
     };
@@ -50,7 +50,7 @@ TEST_F(Waiter, AResponseShorterThanItsKindIsAFailure) {
 }
 
 TEST_F(Waiter, AStatusOutsideTheFrameIsNotTaken) {
-    // The byte behind the frame is 0 and would be a success.
+    // The byte after the frame is 0 and would be a success.
     arrive(raw_frame('[', 2, le16(0x2106) + Bytes{0, 0}));
     EXPECT_EQ(wait(0x2106), 3U);
 }

@@ -263,7 +263,7 @@ TEST_F(Driver, ASerialLineIsMadeFasterAndTheIdentifierOfAnotherVariantShown) {
         uint32_t link;
         uint32_t variant;
         const char* fails; // nullptr: nothing
-        Texts calls;       // behind the handshake
+        Texts calls;       // after the handshake
         Texts log;         // then
     } rows[] = {
         {HDL_LINK_UART,

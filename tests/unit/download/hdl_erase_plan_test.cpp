@@ -21,7 +21,7 @@ Plan plan(uint32_t start, uint32_t length) {
     return made;
 }
 
-// count blocks of one length, one behind the other.
+// count blocks of one length, one after the other.
 Plan run_of(uint32_t start, uint32_t length, uint32_t count) {
     Plan made;
     for (uint32_t i = 0; i < count; ++i) {

@@ -35,7 +35,7 @@ void hdl_fakes_reset();
 // The lines that begin with this.
 Texts hdl_fakes_log_with(const std::string& start);
 
-// With its CRC-32 behind it.
+// With its CRC-32 after it.
 Bytes with_crc(const Bytes& data);
 
 // A frame of the agent: 0x05, type, length, identifier, status, payload.

@@ -100,7 +100,7 @@ TEST_F(Block, IsReadFromItsPlaceAndFilledUpWithErasedFlash) {
     } rows[] = {
         {std::string(4096, 'a') + std::string(4096, 'b') + "c", 0x9000, Bytes(4096, 'b'), {}},
         {std::string(4096, 'a') + "c", 0x9000, {'c'}, {kNotAligned}},
-        {"abc", 0xFFFFFFFF, {}, {kNotAligned}}, // behind the file
+        {"abc", 0xFFFFFFFF, {}, {kNotAligned}}, // after the file
     };
     for (const auto& row : rows) {
         hdl_fakes_reset();
@@ -261,7 +261,7 @@ TEST_F(ImageCheck, AnyOtherCodeFails) {
 
 TEST_F(ImageCheck, AFileThatCantBeLookedAtIsNotAskedForAndNotSaidToHaveChanged) {
     image_holds("abcde");
-    call_faults.fseeko = 2; // behind those of its size and its only chunk
+    call_faults.fseeko = 2; // after those of its size and its only chunk
     EXPECT_FALSE(check_image_crc(&image, 5));
     EXPECT_EQ(g_fakes.log, Texts({kFilledUp, "[E] image file can't be looked at: " + path + "\n"}));
     EXPECT_EQ(g_fakes.sent.size(), 0U);

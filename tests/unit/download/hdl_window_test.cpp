@@ -266,7 +266,7 @@ TEST_P(Flow, AFirstSendThatFailsEndsTheFlow) {
 TEST_P(Flow, ALaterSendThatFailsLeavesItsBlockUnsent) {
     g_fakes.accepts = [](const Bytes&) { return g_fakes.sent.size() < 2 || g_fakes.sent.size() > 4; };
     EXPECT_TRUE(run(2));
-    // Block 1 is refused three times; the time-out behind it sends it again, its response ends the second
+    // Block 1 is refused three times; the time-out after it sends it again, its response ends the second
     // pass.
     EXPECT_EQ(g_fakes.log, lines("s0 r0 s1 s1 R1 s1 r1"));
     EXPECT_EQ(g_fakes.sent.size(), 6U);
@@ -353,7 +353,7 @@ TEST_P(Flow, AClockThatIsSetForwardIsNoLackOfProgress) {
     g_fakes.receive_ms = 50;
     answer_nothing();
     g_fakes.on_receive = [this, receives = uint32_t{0}]() mutable {
-        if (++receives % 2 == 0) { // each response comes behind a receive without bytes
+        if (++receives % 2 == 0) { // each response comes after a receive without bytes
             g_fakes.arrives.push_back(response(receives / 2 - 1));
         }
         g_fakes.set += receives == 3 ? 3000 : 0;
@@ -430,7 +430,7 @@ TEST_P(WriteFlow, AFileThatChangesEndsItAtOnceAndIsNamed) {
         },
     };
     for (const auto& change : changes) {
-        for (const size_t at : {1, 3}) { // in the middle; behind the last block
+        for (const size_t at : {1, 3}) { // in the middle; after the last block
             SetUp();
             g_fakes.on_receive = [&, receives = size_t{0}]() mutable {
                 if (++receives == at) {
@@ -449,7 +449,7 @@ TEST_P(WriteFlow, AFileThatCantBeLookedAtForTheMomentEndsNoWriteButItsEnd) {
     for (const int error : {EMFILE, ENFILE, ENOMEM, EIO}) {
         for (const bool at_the_end : {false, true}) {
             SetUp();
-            // Behind the first response the next block is read, then the file is looked at.
+            // After the first response the next block is read, then the file is looked at.
             g_fakes.on_receive = [error, at_the_end, receives = 0]() mutable {
                 if (++receives == (at_the_end ? 3 : 1)) {
                     interpose_fail("open", at_the_end ? 1 : 2, error);

@@ -1,4 +1,4 @@
-// The board's chip below the download's transport, in the place of the SPI device.
+// The board's chip below the download's transport, in place of the SPI device.
 #ifndef TAVOR_TESTS_SPIM_SLAVE_H
 #define TAVOR_TESTS_SPIM_SLAVE_H
 
@@ -34,7 +34,7 @@ struct SpimSlave {
     uint32_t status_reads = 0;
     std::vector<bool> has_rx;
 
-    // Answers to the next status reads, and to each behind a data frame; then the chip's own.
+    // Answers to the next status reads, and to each after a data frame; then the chip's own.
     std::deque<int> statuses;
     std::optional<int> data_status;
     std::function<bool(const Bytes& frame)> fails = [](const Bytes&) { return false; };
@@ -50,7 +50,7 @@ struct SpimTest : testing::Test {
 
     // Opens the transport anew with this bit order, to a chip that is awake; returns what opening says.
     static int32_t start(uint32_t bit_order = 0);
-    // Runs the body with the log caught.
+    // Runs the body with the log captured.
     void run(const std::function<void()>& body);
     // What the chip has to say, and its faults.
     static void chip_sends(const Bytes& data);

@@ -112,7 +112,7 @@ TEST(ToolEscape, EndsWithTheOutputAndSplitsNoPair) {
 
 TEST_F(Unescape, UndoesPairsAndZeroesTheRest) {
     const struct {
-        Bytes input; // one call behind the other
+        Bytes input; // one call after the other
         uint32_t length;
         Bytes output;
     } rows[] = {

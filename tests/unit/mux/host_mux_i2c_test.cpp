@@ -37,7 +37,7 @@ struct I2cSlave {
         chip_fifo_push(chip.transmit, std::string(bytes.begin(), bytes.end()), false);
         chip.options.rx_window = static_cast<uint32_t>(bytes.size());
     }
-    // The next transactions are acknowledged, those behind them not, the rest are again.
+    // The next transactions are acknowledged, those after them not, the rest are again.
     void refuse(int good_first, int bad_then) {
         good = good_first;
         bad = bad_then;

@@ -128,7 +128,7 @@ TEST_F(SerialPort, OpensTheConfiguredBus) {
 
 TEST_F(SerialPort, PathThatCanNotBeTakenIsToldAndFailsTheInit) {
     const std::string told = "[LOCSERV] ERR: location_serial_port_gnss_init, get path fail";
-    format_fault_arm(1); // behind the reader of the configuration
+    format_fault_arm(1); // after the reader of the configuration
     EXPECT_EQ(init(), -1);
     EXPECT_EQ(last_lines(3),
               (std::vector<std::string>{told, "[LOCSERV] ERR: [spi]location_spi_init, open fail",

@@ -116,7 +116,7 @@ TEST_F(RelayRequests, AStopGoesOutBesideWhatHangsAndBeforeWhatWaits) {
 
     EXPECT_TRUE(answer(TAVOR_CODE_CHIP, TAVOR_VALUE_FAILED));
     EXPECT_EQ(command, TAVOR_VALUE_FAILED);
-    EXPECT_EQ(upstream_requests_next(), nullptr); // behind the stop
+    EXPECT_EQ(upstream_requests_next(), nullptr); // after the stop
     EXPECT_TRUE(answer(TAVOR_CODE_STOP, 0));
     EXPECT_EQ(stop, 0);
     ASSERT_EQ(upstream_requests_next()->type, TAVOR_REQUEST_SAVE_LOCATION);

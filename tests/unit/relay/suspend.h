@@ -1,4 +1,4 @@
-// The system's time in suspend, as a test that is linked with --wrap=clock_gettime wants it told.
+// The system's time in suspend, as a test that is linked with --wrap=clock_gettime wants it reported.
 #ifndef TAVOR_TEST_SUSPEND_H
 #define TAVOR_TEST_SUSPEND_H
 

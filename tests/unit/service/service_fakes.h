@@ -25,7 +25,7 @@ void fakes_location_path(const std::string& path);
 
 std::vector<FakeCall> fakes_calls();
 std::vector<std::string> fakes_texts();
-// Waits until so many calls were recorded; false when that takes unreasonably long.
+// Waits until this many calls were recorded; false when that takes unreasonably long.
 bool fakes_wait_for(size_t count);
 
 // A response callback that records "reply ID VALUE", with a payload "reply ID VALUE LENGTH:BYTES".

@@ -1,4 +1,4 @@
-// Faults: what the host sees while they last, and that the chip works again behind them.
+// Faults: what the host sees while they last, and that the chip works again after them.
 #include "chip_wire.h"
 
 #include <algorithm>

@@ -62,7 +62,7 @@ std::vector<std::string> fields_of(const std::string& sentence);
 // Whether it is "$...*CS\r\n" with the right upper-case checksum.
 bool is_valid_sentence(const std::string& sentence);
 
-// How many of them have the three letters of this formatter behind the talker.
+// How many of them have the three letters of this formatter after the talker.
 size_t count_formatter(const std::vector<std::string>& sentences, const std::string& formatter);
 
 #endif
