@@ -6,6 +6,7 @@
 #include "client/print.h"
 #include "client/session.h"
 #include "client/words.h"
+#include "process/command_line.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -24,7 +25,8 @@ constexpr size_t kBodyMax = 347;
 constexpr size_t kMistypedMax = 2;                   // letters
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U; // of the chip
 constexpr double kFixWaitS = 120;
-constexpr double kSecondsMax = 366.0 * 24 * 60 * 60;
+constexpr double kNumberMax = 366.0 * 24 * 60 * 60; // seconds of a year; metres have the same limit
+constexpr char kUpTo[] = " up to 31622400";
 
 std::string footer() {
     std::string text = "Exit status:\n";
@@ -34,27 +36,34 @@ std::string footer() {
     return text + kExamples;
 }
 
-// Text as a number of seconds, none when it is no such number.
-std::optional<double> read_seconds(const std::string& text) {
+// Text as a number of seconds or metres, none when it is no such number.
+std::optional<double> read_number(const std::string& text) {
     double value = 0;
     const char* end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, value);
-    const bool good = result.ec == std::errc() && result.ptr == end && value >= 0 && value <= kSecondsMax;
+    const bool good = result.ec == std::errc() && result.ptr == end && value >= 0 && value <= kNumberMax;
     return good ? std::optional(value) : std::nullopt;
 }
 
 // Problem of a text as seconds, empty when it is a number of them.
 std::string check_seconds(const std::string& text) {
-    return read_seconds(text) ? "" : print_safe(text) + " is no number of seconds";
+    return read_number(text) ? "" : print_safe(text) + " is no number of seconds" + kUpTo;
 }
 
 // The same where 0 has no meaning.
 std::string check_positive_seconds(const std::string& text) {
-    return read_seconds(text).value_or(0) > 0 ? "" : print_safe(text) + " is no positive number of seconds";
+    return read_number(text).value_or(0) > 0 ? ""
+                                             : print_safe(text) + " is no positive number of seconds" + kUpTo;
 }
 
 std::string check_positive_metres(const std::string& text) {
-    return read_seconds(text).value_or(0) > 0 ? "" : print_safe(text) + " is no positive number of metres";
+    return read_number(text).value_or(0) > 0 ? ""
+                                             : print_safe(text) + " is no positive number of metres" + kUpTo;
+}
+
+// An empty name is a variable of a script that holds nothing; it would count as none.
+std::string check_file(const std::string& text) {
+    return text.empty() ? "a file has a name" : "";
 }
 
 // Problem of a text as a count, empty when it is a positive number.
@@ -86,15 +95,6 @@ std::string check_flash(const std::string& text) {
     return read_flash(text) ? "" : print_safe(text) + " is no flash: write BEGIN+SIZE as 0x08000000+0x200000";
 }
 
-std::string check_switch(const std::string& text) {
-    return text == "true" ? "" : "takes no value";
-}
-
-// Adds an option without a value: the parser would take "--fix=3" for a "--fix".
-CLI::Option* add_switch(CLI::App& app, const std::string& name, bool& value, const std::string& help) {
-    return app.add_flag(name, value, help)->check(CLI::Validator(check_switch, ""));
-}
-
 // Adds an option of seconds; the variable holds a number only when it was given.
 void add_seconds(CLI::App& app, const std::string& name, std::optional<double>& value,
                  const std::string& help, std::string (*check)(const std::string&) = check_seconds) {
@@ -110,16 +110,16 @@ void add_common(CLI::App& app, Options& options) {
         ->type_name("PATH");
     add_seconds(app, "--timeout", options.timeout_s,
                 "How long to wait, 0 for ever; each command has its own default");
-    add_switch(app, "--json", options.json, "Print JSON, one object a line");
+    app.add_flag("--json", options.json, "Print JSON, one object a line");
 }
 
 void add_follow_options(CLI::App& app, Options& options) {
     add_seconds(app, "--duration", options.duration_s, "End after so many seconds", check_positive_seconds);
-    add_switch(app, "--stop", options.stop, "Stop positioning at the end");
+    app.add_flag("--stop", options.stop, "Stop positioning at the end");
 }
 
 void add_watch_options(CLI::App& app, Options& options) {
-    add_switch(app, "--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
+    app.add_flag("--raw", options.raw, "Print NMEA sentences only, as the chip sent them");
     app.add_option("--count", options.count, "End after so many lines of output")
         ->type_name("LINES")
         ->check(CLI::Validator(check_count, ""));
@@ -128,9 +128,10 @@ void add_watch_options(CLI::App& app, Options& options) {
 
 void add_start_options(CLI::App& app, Options& options) {
     app.add_flag("--wait{10}", options.start_wait,
-                 "Wait until the chip sends, for --wait=S at most S seconds")
+                 "Wait until the chip sends: 10 s, or as --wait=SECONDS says")
+        ->type_name("SECONDS")
         ->check(CLI::Validator(check_positive_seconds, ""));
-    add_switch(app, "--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
+    app.add_flag("--fix", options.fix, "Wait until the chip has a fix: 120 s, or as --wait says");
 }
 
 void add_log(CLI::App& app, Options& options) {
@@ -139,11 +140,13 @@ void add_log(CLI::App& app, Options& options) {
 }
 
 void add_record_options(CLI::App& app, Options& options) {
-    app.add_option("FILE", options.file, "Where to, '-' for standard output")->required();
-    add_switch(app, "--stamps", options.stamps,
-               "Tell in comment lines when sentences came, by this host's clock");
-    CLI::Option* append = add_switch(app, "--append", options.append, "Go on after what the file holds");
-    add_switch(app, "--force", options.force, "Replace the file")->excludes(append);
+    app.add_option("FILE", options.file, "Where to, '-' for standard output")
+        ->required()
+        ->check(CLI::Validator(check_file, ""));
+    app.add_flag("--stamps", options.stamps,
+                 "Tell in comment lines when sentences came, by this host's clock");
+    CLI::Option* append = app.add_flag("--append", options.append, "Go on after what the file holds");
+    app.add_flag("--force", options.force, "Replace the file")->excludes(append);
     add_follow_options(app, options);
 }
 
@@ -155,7 +158,8 @@ void add_export_options(CLI::App& app, Options& options) {
     }
     formats->require_option(1);
     app.add_option("RECORDING", options.file, "File of sentences, '-' for standard input; none: live")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(CLI::Validator(check_file, ""));
     add_seconds(app, "--gap", options.gap_s, "A new segment after so many seconds without a point (10)",
                 check_positive_seconds);
     add_seconds(app, "--every", options.every_s, "Leave out points less than so many seconds after the last",
@@ -191,7 +195,7 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
             ->check(CLI::IsMember({"off", "file", "serial", "tcp"}));
         break;
     case Command::kAssist:
-        add_switch(app, "--once", options.once, "End after the first full cycle");
+        app.add_flag("--once", options.once, "End after the first full cycle");
         add_seconds(app, "--wait", options.wait_s, "End when no download has ended for so long (--once: 30)");
         add_log(app, options);
         break;
@@ -202,14 +206,13 @@ void add_own_options(CLI::App& app, Command command, Options& options) {
         add_export_options(app, options);
         break;
     case Command::kMonitor:
-        add_switch(app, "--once", options.once, "Print one frame as text");
-        add_switch(app, "--stop", options.stop, "Stop positioning at the end");
+        app.add_flag("--once", options.once, "Print one frame as text");
+        app.add_flag("--stop", options.stop, "Stop positioning at the end");
         break;
     case Command::kDownload:
         add_log(app, options);
-        add_switch(app, "--check", options.check,
-                   "Only look at list, agent and images; nothing is requested");
-        add_switch(app, "--force", options.force, "Request it without that look")
+        app.add_flag("--check", options.check, "Only look at list, agent and images; nothing is requested");
+        app.add_flag("--force", options.force, "Request it without that look")
             ->excludes(app.get_option("--check"));
         app.add_option("--flash", options.flash_text,
                        "Where the flash lies, for that look: 0x08000000+0x200000")
@@ -233,6 +236,9 @@ void add_commands(CLI::App& app, Options& options) {
         sub->callback([&options, command = row.command] { options.command = command; });
         add_own_options(*sub, row.command, options);
         add_common(*sub, options);
+        if (row.command == Command::kExport || row.command == Command::kMonitor) {
+            sub->get_option("--json")->group(""); // it is refused: no place in the help
+        }
     }
 }
 
@@ -327,6 +333,7 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     CLI::App app("Drives the location daemon tavor.", "tavorctl");
     app.set_version_flag("--version", "tavorctl " TAVOR_VERSION);
     app.footer(footer());
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.require_subcommand(0, 1); // none is told below: the parser would not name an unknown one
     const char* const socket = getenv("TAVOR_SOCKET");
     options.socket = socket != nullptr && *socket != '\0' ? socket : connection_usual_path();
@@ -334,18 +341,25 @@ std::optional<int> options_parse(int argc, const char* const* argv, Options& opt
     add_commands(app, options);
     const bool json =
         std::find(argv, argv + argc, std::string_view("--json")) != argv + argc; // also of a wrong line
+    std::string problem;
     try {
         app.parse(argc, argv);
+        problem = check_together(app, options);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             return print_asked(app, error, options);
         }
-        return usage_error(app, parse_problem(app, error), json);
+        problem = parse_problem(app, error);
+    }
+    if (const std::string value = command_line_value_problem(app, argc, argv); !value.empty()) {
+        problem = value; // what the parser makes of it misleads
+    }
+    if (!problem.empty()) {
+        return usage_error(app, problem, json);
     }
     if (options.fix || !options.start_wait.empty()) {
-        options.wait_s = options.start_wait.empty() ? kFixWaitS : read_seconds(options.start_wait);
+        options.wait_s = options.start_wait.empty() ? kFixWaitS : read_number(options.start_wait);
     }
     options.flash = read_flash(options.flash_text);
-    const std::string problem = check_together(app, options);
-    return problem.empty() ? std::nullopt : std::optional(usage_error(app, problem, json));
+    return std::nullopt;
 }

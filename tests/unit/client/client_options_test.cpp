@@ -61,6 +61,23 @@ TEST(Options, CommonOptionsStandBeforeOrBehindTheCommand) {
     }
 }
 
+TEST(Options, OfAnOptionThatIsGivenTwiceTheLastCounts) {
+    EXPECT_EQ(parse({"stop", "--timeout", "1", "--timeout", "2"}).options.timeout_s, 2.0);
+    EXPECT_EQ(parse({"start", "--wait=3", "--wait"}).options.wait_s, 10.0);
+    EXPECT_EQ(parse({"--socket", "/a", "stop", "--socket", "/b"}).options.socket, "/b");
+    EXPECT_EQ(parse({"watch", "--count", "1", "--count", "2", "--raw", "--raw"}).options.count, 2);
+}
+
+TEST(Options, NumbersHaveTheirLimitsInTheMessage) {
+    EXPECT_EQ(parse({"stop", "--timeout", "31622400"}).options.timeout_s, 31622400.0);
+    EXPECT_EQ(
+        parse({"stop", "--timeout", "31622401"}).err,
+        "tavorctl: --timeout: 31622401 is no number of seconds up to 31622400; see 'tavorctl stop --help'\n");
+    EXPECT_EQ(parse({"export", "--csv", "--distance", "0"}).err,
+              "tavorctl: --distance: 0 is no positive number of metres up to 31622400; see 'tavorctl export "
+              "--help'\n");
+}
+
 TEST(Options, EnvironmentReplacesTheDefaultSocketOnly) {
     setenv("TAVOR_SOCKET", "/from/environment", 1);
     EXPECT_EQ(parse({"stop"}).options.socket, "/from/environment");
@@ -110,6 +127,9 @@ TEST(Options, HelpAndVersionGoToStandardOutputWithSuccess) {
         EXPECT_NE(help.out.find("--timeout SECONDS"), std::string::npos) << command;
     }
     EXPECT_NE(parse({"--help"}).out.find("Exit status:"), std::string::npos);
+    for (const char* command : {"export", "monitor"}) {
+        EXPECT_EQ(parse({command, "--help"}).out.find("--json"), std::string::npos) << "they refuse it";
+    }
 }
 
 TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
@@ -145,6 +165,8 @@ TEST(Options, WrongCommandLinesAreToldInOneLineWithTheHelpToRead) {
         {"debug", "udp"},
         {"send"},
         {"send", ""},
+        {"record", ""},
+        {"export", "--gpx", ""},
         {"send", "a\nb"},
         {"--socket", "", "start"},
         {"--socket", long_path.c_str(), "start"},
@@ -182,6 +204,40 @@ TEST(Options, NumberBehindStartIsLedToTheWait) {
     EXPECT_EQ(parse({"start", "--wait", "soon"}).err.find("--wait=soon"), std::string::npos);
     EXPECT_EQ(parse({"start", "0"}).err.find("--wait"), std::string::npos) << "--wait refuses 0";
     EXPECT_EQ(parse({"stop", "5"}).err.find("--wait"), std::string::npos);
+}
+
+// The parser itself does without a value, or takes the next word for it.
+TEST(Options, AnOptionWithoutItsValueOrWithOneTooManyIsToldWithWhatToWrite) {
+    struct Row {
+        std::vector<const char*> line;
+        const char* told;
+    };
+    const Row rows[] = {
+        {{"start", "--wait="},
+         "--wait= has no value: write --wait or --wait=SECONDS; see 'tavorctl start --help'"},
+        {{"start", "--json="}, "--json= takes no value: write --json; see 'tavorctl start --help'"},
+        {{"--json=", "start"}, "--json= takes no value: write --json; see 'tavorctl start --help'"},
+        {{"send", "353", "--wait="},
+         "--wait= has no value: write --wait=SECONDS; see 'tavorctl send --help'"},
+        {{"--socket=", "start"}, "--socket= has no value: write --socket=PATH; see 'tavorctl --help'"},
+        {{"watch", "--count=", "3"},
+         "--count= has no value: write --count=LINES; see 'tavorctl watch --help'"},
+        {{"watch", "--timeout="},
+         "--timeout= has no value: write --timeout=SECONDS; see 'tavorctl watch --help'"},
+        {{"export", "--gpx=", "f"}, "--gpx= takes no value: write --gpx; see 'tavorctl export --help'"},
+        {{"watch", "--timeout"},
+         "--timeout has no value: write --timeout=SECONDS; see 'tavorctl watch --help'"},
+        {{"status", "--log", ""}, "--log has no value: write --log=FILE; see 'tavorctl status --help'"},
+        {{"start", "--fix=true"}, "--fix=true takes no value: write --fix; see 'tavorctl start --help'"},
+        {{"start", "--raw="}, "not expected: --raw=; see 'tavorctl start --help'"},
+    };
+    for (const Row& row : rows) {
+        const Parsed parsed = parse(row.line);
+        EXPECT_EQ(parsed.status, kExitUsage) << row.told;
+        EXPECT_EQ(parsed.err, std::string("tavorctl: ") + row.told + "\n");
+    }
+    EXPECT_EQ(parse({"send", "--", "--wait="}).options.body, "--wait=")
+        << "behind the dashes nothing is an option";
 }
 
 TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
