@@ -201,7 +201,7 @@ static const struct file_operations exchange_operations = {
 
 static struct miscdevice exchange_device = {
 	.minor = MISC_DYNAMIC_MINOR,
-	.name = "tavor-board",
+	.name = TAVOR_BOARD_DEVICE,
 	.fops = &exchange_operations,
 	.mode = 0600,
 };

@@ -11,6 +11,9 @@
 
 #include <linux/types.h>
 
+/* Name of the character device, in /dev and in sysfs. */
+#define TAVOR_BOARD_DEVICE "tavor-board"
+
 /* Most bytes after a head: what spidev may be told to take at once. */
 #define TAVOR_BOARD_DATA_MAX 65536
 

@@ -6,7 +6,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <linux/spi/spi.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -60,6 +63,19 @@ int32_t do_request(KernelDevice& device, Board& board, const Request& request, u
     }
 }
 
+// Another device may take any read and write without a word, as /dev/null does. The kernel knows each
+// character device by the name that its driver gave it.
+bool is_modules_device(int fd) {
+    struct stat node = {};
+    if (fstat(fd, &node) != 0 || !S_ISCHR(node.st_mode)) {
+        return false;
+    }
+    const std::string number =
+        std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev));
+    std::error_code none;
+    return std::filesystem::read_symlink("/sys/dev/char/" + number, none).filename() == TAVOR_BOARD_DEVICE;
+}
+
 } // namespace
 
 std::string kernel_device_open(KernelDevice& device, Board& board, const std::string& path) {
@@ -67,6 +83,10 @@ std::string kernel_device_open(KernelDevice& device, Board& board, const std::st
     if (device.fd < 0) {
         return "can't open " + path + ": " + strerror(errno) +
                (errno == EBUSY ? " (another board serves it)" : "");
+    }
+    if (!is_modules_device(device.fd)) {
+        kernel_device_close(device);
+        return path + " is no device of the kernel module in board/kernel, as /dev/" TAVOR_BOARD_DEVICE " is";
     }
     board_open(board, device.spi, board.options.spi_path, O_RDWR);
     board_open(board, device.i2c, board.options.i2c_path, O_RDWR);

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <link.h>
+#include <sstream>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -26,6 +27,7 @@ constexpr char kConfigurationPath[] = "etc/default/tavor/tavor.conf";
 // sanitizer's runtime. The second gives threads no signal stack: a cancelled thread leaves parts of its stack
 // marked as out of bounds, and the runtime reports an error when it then removes that thread's signal stack.
 constexpr char kAddressSanitizerOptions[] = "verify_asan_link_order=0:use_sigaltstack=0";
+constexpr char kUsualPath[] = "/bin:/usr/bin"; // where programs are looked for without PATH
 constexpr char kLongestSocketPath[] =
     "/etc/default/tavor/tavor_sun_path"; // of those below a board's directory
 
@@ -74,6 +76,19 @@ void set_environment(const std::string& directory, const std::string& library) {
     put_in_front("LD_PRELOAD", runtime.empty() ? library : runtime + ":" + library, ':');
     put_in_front("ASAN_OPTIONS", kAddressSanitizerOptions, ':');
     setenv("TAVOR_BOARD_DIR", directory.c_str(), 1);
+}
+
+std::string start_problem(const std::string& program, int reason) {
+    return "can't start " + program + ": " + strerror(reason);
+}
+
+// Why a file can't be a program, 0 when it may be one.
+int why_not_run(const std::string& file) {
+    std::error_code ignored;
+    if (fs::is_directory(file, ignored)) {
+        return EACCES;
+    }
+    return access(file.c_str(), X_OK) == 0 ? 0 : errno;
 }
 
 std::string make_own_directory(std::string* directory) {
@@ -136,6 +151,17 @@ std::string launch_library_problem() {
     return can_preload(library) ? "" : "can't preload " + library + ": its path has a blank or a colon";
 }
 
+std::string launch_program_problem(const std::string& program) {
+    const char* const path = getenv("PATH");
+    std::istringstream places(path == nullptr ? kUsualPath : path);
+    const bool is_path = program.find('/') != std::string::npos;
+    int reason = is_path ? why_not_run(program) : ENOENT;
+    for (std::string place; !is_path && reason != 0 && std::getline(places, place, ':');) {
+        reason = why_not_run((place.empty() ? "." : place) + "/" + program);
+    }
+    return reason == 0 ? "" : start_problem(program, reason);
+}
+
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program) {
     std::string problem = launch_library_problem();
     if (!problem.empty()) {
@@ -153,7 +179,7 @@ std::string launch_replace_plainly(const std::vector<std::string>& program) {
     }
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());
-    return "can't start " + program[0] + ": " + strerror(errno);
+    return start_problem(program[0], errno);
 }
 
 int launch_exec(const ExecOptions& options) {

@@ -11,6 +11,10 @@
 // Empty: nothing is wrong.
 std::string launch_library_problem();
 
+// Why the program can't be started, as far as that can be told without starting it: it is not where exec
+// looks for it, or may not be run. Empty: nothing is wrong.
+std::string launch_program_problem(const std::string& program);
+
 // Replaces this process by the program, on the board of the directory. Returns only on failure: what went
 // wrong.
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program);

@@ -39,16 +39,12 @@ void block_signals(sigset_t* before) {
 }
 
 // Runs in the child: never returns.
-[[noreturn]] void become_program(const RunOptions& options, const std::string& directory,
+[[noreturn]] void become_program(const RunOptions& options, const std::string& directory, int log,
                                  const sigset_t& mask) {
     prctl(PR_SET_PDEATHSIG, SIGTERM); // a board that is killed leaves no program behind
     sigprocmask(SIG_SETMASK, &mask, nullptr);
-    if (!options.log.empty()) {
-        const int fd = open(options.log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
-        if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0) {
-            complain("can't write " + options.log + ": " + strerror(errno));
-            _exit(kNotStarted);
-        }
+    if (log >= 0) {
+        dup2(log, STDOUT_FILENO);
     }
     complain(options.kernel_device.empty() ? launch_replace(directory, options.program)
                                            : launch_replace_plainly(options.program));
@@ -90,11 +86,30 @@ std::string apply_faults(const ControlTarget& target, const RunOptions& options)
     return "";
 }
 
-void start_program(BoardServer& server, const RunOptions& options, const std::string& directory,
+// What makes up a board while it runs.
+struct Running {
+    BoardServer server;
+    ClockFile clock;
+    AssistServer assist;
+    Board board;
+    int log = -1; // for the program's output, -1: passed through
+
+    ~Running() {
+        server_close(server);
+        assist_close(assist);
+        clock_file_close(clock);
+        if (log >= 0) {
+            close(log);
+        }
+    }
+};
+
+void start_program(Running& running, const RunOptions& options, const std::string& directory,
                    const sigset_t& mask) {
+    BoardServer& server = running.server;
     server.child = fork();
     if (server.child == 0) {
-        become_program(options, directory, mask);
+        become_program(options, directory, running.log, mask);
     }
     if (server.child < 0) {
         server.target.quit = true;
@@ -103,8 +118,8 @@ void start_program(BoardServer& server, const RunOptions& options, const std::st
 }
 
 // From here on the directory is this board's.
-int serve(BoardServer& server, const RunOptions& options, const std::string& directory,
-          const sigset_t& mask) {
+int serve(Running& running, const RunOptions& options, const std::string& directory, const sigset_t& mask) {
+    BoardServer& server = running.server;
     AssistServer* assist = server.target.assist;
     std::string problem =
         launch_configure(options, directory, assist == nullptr ? "" : assist_address(*assist));
@@ -117,7 +132,7 @@ int serve(BoardServer& server, const RunOptions& options, const std::string& dir
         return complain(problem);
     }
     if (!options.program.empty()) {
-        start_program(server, options, directory, mask);
+        start_program(running, options, directory, mask);
     }
     problem = assist == nullptr ? "" : assist_start(*assist); // threads: no process is made after it
     if (!problem.empty()) {
@@ -149,20 +164,6 @@ void make_board(Board& board, const BoardClock& clock, BoardOptions options) {
     board_init(board, std::move(options));
 }
 
-// What makes up a board while it runs.
-struct Running {
-    BoardServer server;
-    ClockFile clock;
-    AssistServer assist;
-    Board board;
-
-    ~Running() {
-        server_close(server);
-        assist_close(assist);
-        clock_file_close(clock);
-    }
-};
-
 // Makes the board in its directory; no other runs there when the server has opened. Returns what went wrong.
 std::string open_board(Running& running, const RunOptions& options, const std::string& directory) {
     std::string problem = server_open(running.server, directory);
@@ -186,15 +187,26 @@ std::string open_board(Running& running, const RunOptions& options, const std::s
     return problem.empty() ? apply_faults(running.server.target, options) : problem;
 }
 
+// Before the board is ready: a program without its output would have run for nothing.
+std::string open_log(Running& running, const std::string& path) {
+    running.log = path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
+    return path.empty() || running.log >= 0 ? "" : "can't write " + path + ": " + strerror(errno);
+}
+
 int run_in(const RunOptions& options, const std::string& directory) {
+    const auto running = std::make_unique<Running>();
+    std::string problem = open_log(*running, options.log); // a pipe waits for its reader: signals end that
+    if (!problem.empty()) {
+        complain(problem);
+        return kNotStarted;
+    }
     sigset_t mask;
     block_signals(&mask);
-    const auto running = std::make_unique<Running>();
-    const std::string problem = open_board(*running, options, directory);
+    problem = open_board(*running, options, directory);
     if (!problem.empty()) {
         return complain(problem);
     }
-    const int status = serve(running->server, options, directory, mask);
+    const int status = serve(*running, options, directory, mask);
     launch_remove_queues(directory);
     return status;
 }
@@ -204,6 +216,9 @@ int run_in(const RunOptions& options, const std::string& directory) {
 int board_run(const RunOptions& options) {
     std::string directory;
     std::string problem = options.kernel_device.empty() ? launch_library_problem() : "";
+    if (problem.empty() && !options.program.empty()) {
+        problem = launch_program_problem(options.program[0]);
+    }
     if (!problem.empty()) {
         complain(problem);
         return kNotStarted;

@@ -187,9 +187,6 @@ TEST(BoardRun, TheExitCodeIsTheProgramsOwn) {
     EXPECT_EQ(run_probe({"exit", "0"}).status, 0);
     EXPECT_EQ(run_probe({"exit", "42"}).status, 42);
     EXPECT_EQ(tool({"run", "--", "sh", "-c", "kill -9 $$"}).status, 128 + SIGKILL);
-    const RunResult none = tool({"run", "--", "/missing/program"});
-    EXPECT_EQ(none.status, kNotStarted);
-    EXPECT_TRUE(contains(none.err, "tavor-board: can't start /missing/program: No such file or directory\n"));
 }
 
 TEST(BoardRun, TheProgramsOutputIsPassedThroughOrLogged) {
@@ -199,7 +196,36 @@ TEST(BoardRun, TheProgramsOutputIsPassedThroughOrLogged) {
     const RunResult logged = tool({"run", "--log", log, "--", "echo", "hello"});
     EXPECT_EQ(logged.out, "");
     EXPECT_EQ(place.read("log"), "before\nhello\n");
-    EXPECT_EQ(tool({"run", "--log", "/missing/log", "--", "echo", "hello"}).status, kNotStarted);
+}
+
+TEST(BoardRun, WhatCantBeUsedIsToldBeforeItIsReady) {
+    const PrivateDir place;
+    const std::pair<Arguments, std::string> wrong[] = {
+        {{"--log", place.path, "--", "true"}, "can't write " + place.path.string() + ": Is a directory"},
+        {{"--log", "/missing/log", "--", "true"}, "can't write /missing/log: No such file or directory"},
+        {{"--", "/missing/program"}, "can't start /missing/program: No such file or directory"},
+        {{"--", "missing-program"}, "can't start missing-program: No such file or directory"},
+        {{"--", place.path}, "can't start " + place.path.string() + ": Permission denied"},
+        {{"--", place.write("no-program", "")},
+         "can't start " + place.path.string() + "/no-program: Permission denied"},
+    };
+    for (const auto& [options, told] : wrong) {
+        Arguments line = {"run", "--dir", place.path / "board"};
+        line.insert(line.end(), options.begin(), options.end());
+        const RunResult result = tool(line);
+        EXPECT_EQ(result.status, kNotStarted);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "tavor-board: " + told + "\n");
+    }
+    for (const Arguments& program : {Arguments{}, Arguments{"--", "true"}}) {
+        Arguments line = {"run", "--kernel-device", "/dev/null"};
+        line.insert(line.end(), program.begin(), program.end());
+        const RunResult result = tool(line);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(contains(result.err, "tavor-board: /dev/null is no device of the kernel module"))
+            << result.err;
+    }
 }
 
 TEST(BoardRun, ASignalReachesTheProgramAndNothingIsLeft) {

@@ -139,4 +139,16 @@ TEST(KernelDeviceOpenTest, TellsWhichDeviceIsMissing) {
               "can't open /dev/no-such-board: No such file or directory");
 }
 
+TEST(KernelDeviceOpenTest, ADeviceOfAnotherDriverIsRefused) {
+    Board board;
+    board_init(board, {});
+    for (const char* path : {"/dev/null", "/proc/self/comm"}) { // comm is no device at all
+        KernelDevice device;
+        EXPECT_EQ(kernel_device_open(device, board, path),
+                  std::string(path) + " is no device of the kernel module in board/kernel, as "
+                                      "/dev/tavor-board is");
+        EXPECT_EQ(device.fd, -1);
+    }
+}
+
 } // namespace
