@@ -26,14 +26,14 @@ inline bool command_line_takes_value(const CLI::Option& option) {
 inline std::string command_line_usage(const CLI::Option& option) {
     const std::string name = option.get_name();
     const std::string type = option.get_type_name();
-    const std::string valued = name + "=" + type.substr(0, type.find(':'));
+    std::string valued = name + "=" + type.substr(0, type.find(':'));
     if (option.get_items_expected_max() > 0) {
         return valued;
     }
     return command_line_takes_value(option) ? name + " or " + valued : name;
 }
 
-// Whether the word behind an option can't be meant for its value; null: the line ends there.
+// Whether the word after an option can't be meant as its value; null: the line ends there.
 inline bool command_line_is_no_value(const CLI::App& app, const char* next) {
     const std::string word = next == nullptr ? "" : next;
     return word.empty() || word == "--" || command_line_option(app, word) != nullptr;

@@ -237,7 +237,7 @@ TEST(Options, AnOptionWithoutItsValueOrWithOneTooManyIsToldWithWhatToWrite) {
         EXPECT_EQ(parsed.err, std::string("tavorctl: ") + row.told + "\n");
     }
     EXPECT_EQ(parse({"send", "--", "--wait="}).options.body, "--wait=")
-        << "behind the dashes nothing is an option";
+        << "after the dashes nothing is an option";
 }
 
 TEST(Options, UnknownCommandIsNamedWithTheOneItIsAlmostCalled) {
