@@ -163,7 +163,7 @@ int downloads_status(Session& session, Downloads& downloads, double wait_s) {
     return last_status(session, downloads);
 }
 
-// Shows each download's outcome until none has come for wait_s seconds, 0: without end.
+// Shows each download's outcome until none has come for wait_s seconds, 0: for ever.
 int follow_downloads(Session& session, Downloads& downloads, double wait_s) {
     for (bool goes_on = true; goes_on;) {
         const int64_t before = downloads.count;

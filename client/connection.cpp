@@ -109,7 +109,7 @@ int send_bytes(const Connection& connection, const tavor_request& request, Clock
     return 0;
 }
 
-// Sends again to the socket that now stands at the path when the one of before is gone.
+// Sends again to the socket that now stands at the path when the earlier one is gone.
 int send_or_reach(Connection& connection, const tavor_request& request, Clock::time_point deadline) {
     const int error = send_bytes(connection, request, deadline);
     if (error != ECONNREFUSED) {

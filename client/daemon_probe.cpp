@@ -23,7 +23,7 @@ namespace {
 constexpr std::chrono::milliseconds kVersionLimit{300};
 constexpr size_t kProcFileMax = size_t{4} << 20; // bytes
 constexpr int kStartTimeField = 20;              // of /proc/PID/stat, counted after the name
-constexpr char kUsage[] = "tavor ";              // in front of the version
+constexpr char kUsage[] = "tavor ";              // before the version
 
 std::string proc_path(pid_t pid, const char* name) {
     return "/proc/" + std::to_string(pid) + "/" + name;

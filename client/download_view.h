@@ -32,7 +32,7 @@ std::string download_view_bar(const DownloadProgress& progress, const DownloadTi
 // One line of JSON, type "progress", with its line end.
 std::string download_view_json(const DownloadProgress& progress, const DownloadTimes& times);
 
-// Why the download failed, as the log tells, and what to do.
+// Why the download failed, as the log says, and what to do.
 std::string download_view_failure(const DownloadProgress& progress);
 
 // One line of JSON, type "failure": what the log says and what to do, with its line end.

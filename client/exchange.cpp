@@ -6,7 +6,7 @@ namespace {
 
 constexpr double kLongestRepeatS = 2.5;
 constexpr double kLongestSilenceS = 60;
-// Once output has flowed for so many silence limits, the limit starts again from its first value.
+// Once output has flowed for this many silence limits, the limit starts again from its first value.
 constexpr int kStableLimits = 4;
 // Datagrams still read after a deadline: enough for what was queued while the process was not running, few
 // enough that a steady stream can't hold it up.

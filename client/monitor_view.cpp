@@ -135,7 +135,7 @@ void draw_counts(Grid& grid, const std::vector<Satellite>& satellites) {
     }
 }
 
-// A plot of so many rows; a character is about twice as high as wide.
+// A plot of this many rows; a character is about twice as high as wide.
 struct SkyPlot {
     int row; // of the zenith
     int column;

@@ -1,4 +1,4 @@
-// What the chip's sentences tell besides the position block: pure parsing, no I/O. Every byte of them may be
+// What the chip's sentences say besides the position block: pure parsing, no I/O. Every byte of them may be
 // hostile; what is no good value is absent.
 #ifndef TAVOR_CLIENT_NMEA_H
 #define TAVOR_CLIENT_NMEA_H
@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-// What the latest sentences of each kind have told.
+// What the latest sentences of each kind have said.
 struct Fix {
     std::optional<int> quality;    // GGA, GNS: 0 without a fix
     std::optional<int> satellites; // GGA, GNS: used
@@ -18,7 +18,7 @@ struct Fix {
     std::optional<double> speed;  // RMC: metres a second
     std::optional<double> course; // RMC: degrees
     std::optional<Utc> dated;     // RMC, ZDA: its time with its date
-    bool by_gga = false;          // one has come: GNS tells no more
+    bool by_gga = false;          // one has come: GNS no longer counts
 };
 
 // kFix is GGA, or GNS where no GGA comes.

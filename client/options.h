@@ -57,7 +57,7 @@ struct Options {
     std::optional<FlashRange> flash;        // download: none: its bounds are not known
     std::string file;                       // record: "-" for standard output; export: empty for live
     bool append = false;                    // record
-    bool stamps = false;                    // record: tell when sentences came
+    bool stamps = false;                    // record: say when sentences came
     TrackFormat format = TrackFormat::kGpx; // export
     std::optional<double> gap_s;            // export: none: the usual one
     std::optional<double> every_s;          // export: none: every point

@@ -52,7 +52,7 @@ int output_write(int fd, std::string_view text, int interrupt, uint64_t& written
         if (error != 0) {
             return error;
         }
-        // A pipe that has room takes so many bytes without waiting.
+        // A pipe that has room takes this many bytes without waiting.
         const size_t size = file ? text.size() : std::min<size_t>(text.size(), PIPE_BUF);
         const ssize_t count = write(to, text.data(), size);
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {

@@ -115,7 +115,7 @@ std::optional<std::string> place_read_end(const std::string& path, size_t most) 
     return read_from(file.fd, most);
 }
 
-// A directory, a FIFO or a device in the place of a file has the error number of a device that is missing.
+// A directory, a FIFO or a device in place of a file has the error number of a device that is missing.
 std::string place_failure(int error) {
     return error == ENODEV ? "no regular file" : strerror(error);
 }

@@ -8,7 +8,7 @@
 #include <string>
 
 struct Place {
-    std::string socket;    // the daemon's own, also for who talks to the relay
+    std::string socket;    // the daemon's own, also for a client of the relay
     std::string directory; // of the socket: stands for that of the usual daemon
     bool usual = true;     // the daemon of this machine: the devices seen here are its own
     bool known = true;     // by the socket's path, the usual one or that of a simulated board; else assumed
@@ -36,7 +36,8 @@ std::string place_config(const Place& place);
 std::string place_text(const Place& place, location_config_id id);
 int32_t place_number(const Place& place, location_config_id id);
 
-// The first so many bytes of a regular file, or its last; none with errno set when it can't be read.
+// At most this many bytes of a regular file, its first or its last; none with errno set when it can't be
+// read.
 std::optional<std::string> place_read(const std::string& path, size_t most);
 std::optional<std::string> place_read_end(const std::string& path, size_t most);
 

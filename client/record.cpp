@@ -87,7 +87,7 @@ bool open_file(Recording& recording) {
     return options.append ? end_last_line(recording, status.st_size) : ftruncate(recording.fd, 0) == 0;
 }
 
-// A directory, a device or the like, which no option lets it replace.
+// A directory, a device or similar, which no option lets it replace.
 bool is_no_file(const std::string& path) {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);

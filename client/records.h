@@ -17,7 +17,7 @@ enum class RecordKind {
     kUnknown   // code that the protocol has no meaning for
 };
 
-// A position; what the chip has not told is absent.
+// A position; what the chip has not sent is absent.
 struct Position {
     std::optional<std::string> utc;            // hhmmss.ss as the chip sent it
     std::optional<double> latitude;            // degrees, south negative

@@ -1,4 +1,4 @@
-// What a relay in front of the daemon tells of itself and of the daemon: it serves its metrics, in
+// What a relay in front of the daemon says of itself and of the daemon: it serves its metrics, in
 // Prometheus's text format, at a stream socket beside its own.
 #ifndef TAVOR_CLIENT_RELAY_STATUS_H
 #define TAVOR_CLIENT_RELAY_STATUS_H
@@ -11,14 +11,14 @@
 
 struct RelayStatus {
     std::string socket; // its own
-    std::string why;    // it tells nothing; empty: it does
+    std::string why;    // it says nothing; empty: it does
     std::string version;
     std::string daemon; // path of the daemon's socket
     bool daemon_up = false;
     bool positioning = false;
     std::optional<double> sentence_age_s;
     std::optional<double> fix_age_s;
-    std::optional<int> quality; // as GGA tells it; none: no present epoch has one
+    std::optional<int> quality; // as GGA gives it; none: no present epoch has one
     int satellites_used = 0;
     uint64_t local_consumers = 0;
     uint64_t gpsd_consumers = 0;

@@ -28,7 +28,7 @@ struct Satellite {
 
 using SkyTime = std::chrono::steady_clock::time_point;
 
-// What the sentences of one system and one signal have told.
+// What the sentences of one system and one signal have said.
 struct SkyView {
     std::vector<Satellite> coming; // the sentences that have come of a group that is not whole
     std::vector<Satellite> whole;
@@ -43,7 +43,7 @@ struct Sky {
 // Takes a sentence that came now; what is neither GSV nor GSA changes nothing.
 void sky_take(Sky& sky, std::string_view sentence, SkyTime now);
 
-// What was told within the last seconds, by system and number; the best signal of each.
+// What was said within the last seconds, by system and number; the best signal of each.
 std::vector<Satellite> sky_satellites(const Sky& sky, SkyTime now);
 
 // "GPS", and 'G' as in the names of satellites.

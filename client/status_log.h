@@ -1,4 +1,4 @@
-// What the daemon's log tells of its state: pure parsing, no I/O. Any line may be hostile.
+// What the daemon's log says of its state: pure parsing, no I/O. Any line may be hostile.
 #ifndef TAVOR_CLIENT_STATUS_LOG_H
 #define TAVOR_CLIENT_STATUS_LOG_H
 
@@ -14,7 +14,7 @@ enum class Outlet { kOff, kFile, kSerial, kTcp };
 std::string_view outlet_name(Outlet outlet);
 
 struct LogState {
-    std::optional<bool> positioning; // none: no line has told
+    std::optional<bool> positioning; // none: no line has said
     std::optional<Outlet> outlet;    // chosen; it is open while positioning is on
     std::optional<double> sentence;  // when the latest one came, seconds since 1970
     uint64_t sentences = 0;

@@ -17,7 +17,7 @@ constexpr size_t kTime = 1;
 constexpr size_t kFixPlace = 2, kFixAltitude = 9, kGgaGeoid = 11, kGnsGeoid = 10;
 constexpr size_t kRmcStatus = 2, kRmcPlace = 3, kRmcDate = 9;
 
-// Seconds from one point to the next, none when that can't be told.
+// Seconds from one point to the next, none when that can't be determined.
 std::optional<double> seconds_between(const TrackPoint& from, const TrackPoint& to) {
     if (from.time && to.time) {
         return static_cast<double>((*to.time - *from.time).count()) / 1000;
@@ -54,7 +54,7 @@ double metres_between(const TrackPoint& from, const TrackPoint& to) {
     return 2 * kEarthRadius * std::asin(std::sqrt(std::min(1.0, north * north + narrow * east * east)));
 }
 
-// Whether a track that is thinned leaves the point out. One whose time can't be told is kept.
+// Whether a track that is thinned leaves the point out. One whose time can't be determined is kept.
 bool is_too_near(const Track& track, const TrackPoint& point) {
     if (point.begins || !track.told) {
         return false;
@@ -179,8 +179,8 @@ std::optional<Utc> read_stamp(std::string_view line) {
     return utc_of_iso(line.substr(2, line.find_last_not_of('\r') - 1));
 }
 
-// Whether a sentence tells by its time which moment it is of. A position without a time is of a moment
-// without one; what only goes with a position is then of the moment before.
+// Whether a sentence says by its time which moment it is of. A position without a time is of a moment without
+// one; what only goes with a position is then of the moment before.
 bool tells_moment(const Sentence& sentence) {
     if (sentence.type == "GGA" || sentence.type == "GNS" || sentence.type == "RMC") {
         return true;

@@ -27,8 +27,8 @@ struct TrackPoint {
 
 struct Track {
     double gap_s = kTrackGapS; // points that lie farther apart are of two segments
-    double every_s = 0;        // of the points of a segment only those that lie so far after the last told
-    double every_m = 0;        // one, in time and in metres
+    double every_s = 0;        // of a segment's points only those that lie at least this far after the last
+    double every_m = 0;        // one told, in time and in metres
     uint64_t points = 0;       // told
     uint64_t segments = 0;
     uint64_t sentences = 0; // good ones

@@ -33,7 +33,7 @@ bool is_negative(std::string_view text) {
     return !text.empty() && text[0] == '-'; // also of a zero
 }
 
-// Degrees of dddmm.mmm, at most so many; negative in the second of two hemispheres.
+// Degrees of dddmm.mmm, at most this many; negative in the second of two hemispheres.
 std::optional<double> angle(std::string_view text, std::string_view hemisphere, std::string_view hemispheres,
                             double most) {
     const auto value = sentence_number(text);

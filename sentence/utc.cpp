@@ -13,7 +13,7 @@ constexpr std::chrono::hours kHalfDay{12};
 constexpr size_t kZdaDay = 2, kZdaMonth = 3, kZdaYear = 4;
 constexpr std::string_view kIsoShape = "dddd-dd-ddTdd:dd:dd.dddZ"; // d: a digit
 
-// The number of so many digits at a place of the text, -1 when there are not.
+// The number of this many digits at a place of the text, -1 when there are not.
 int digits(std::string_view text, size_t at, size_t count) {
     int value = 0;
     for (size_t i = at; i < at + count; ++i) {

@@ -1,8 +1,8 @@
 // Many consumers in one loop: clients of gpsd's protocol on TCP, and local clients of the relay.
 //
 // A window of epochs is given beforehand, by the chip's time. Each consumer counts what belongs to it, so
-// that all can be asked for the very same: the sentences from the first RMC in the window to the first one
-// after it, or the reports from the first TPV in it.
+// that all can be asked for the very same thing: the sentences from the first RMC in the window to the first
+// one after it, or the reports from the first TPV in it.
 #ifndef TAVOR_BENCH_RELAY_CONSUMERS_H
 #define TAVOR_BENCH_RELAY_CONSUMERS_H
 
@@ -22,7 +22,7 @@ enum class ConsumerKind {
     kJson,  // TCP, reports
     kNmea,  // TCP, sentences
     kIdle,  // TCP, watches nothing
-    kLocal, // Unix datagrams, asked start
+    kLocal, // Unix datagrams, requested start
 };
 
 // Milliseconds of the chip's day.
@@ -61,10 +61,10 @@ struct ConsumerGroup {
 // Connects to the port of this host and asks for what the kind says.
 void consumers_add_tcp(ConsumerGroup& group, ConsumerKind kind, int port);
 
-// Connects to the relay's socket; asks start.
+// Connects to the relay's socket; requests start.
 void consumers_add_local(ConsumerGroup& group, const std::string& relay, const std::string& name);
 
-// Reads what has come, waits for it at most so long.
+// Reads what has come, waits for it at most this long.
 void consumers_turn(ConsumerGroup& group, std::chrono::milliseconds limit);
 
 bool consumers_ready(const ConsumerGroup& group);
@@ -72,7 +72,7 @@ bool consumers_ready(const ConsumerGroup& group);
 // Milliseconds from the window's begin to the epoch; beyond half a day: before it.
 int64_t consumers_into_window(const ConsumerWindow& window, int64_t epoch);
 
-// The epoch that an RMC or a TPV tells.
+// The epoch that an RMC or a TPV gives.
 std::optional<int64_t> consumers_epoch(std::string_view line);
 
 #endif

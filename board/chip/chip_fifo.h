@@ -21,7 +21,7 @@ size_t chip_fifo_size(const ChipFifo& fifo);
 
 void chip_fifo_clear(ChipFifo& fifo);
 
-// Appends the bytes; is_sentence marks their end for the count that chip_fifo_pop gives back.
+// Appends the bytes; is_sentence marks their end for the count that chip_fifo_pop returns.
 void chip_fifo_push(ChipFifo& fifo, const std::string& bytes, bool is_sentence);
 
 // The same when it has room for all of it, else nothing. Returns whether it had.

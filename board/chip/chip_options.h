@@ -33,7 +33,7 @@ struct ChipOptions {
     uint32_t flash_base = 0x08000000; // address
     uint32_t flash_size = 0x200000;   // bytes, whole blocks of 4096
     uint32_t flash_id = 0x15605A;     // manufacturer, type and capacity, from the lowest byte on
-    uint32_t boot_window_ms = 500;    // from power-up on the boot ROM listens so long
+    uint32_t boot_window_ms = 500;    // how long the boot ROM listens from power-up on
     uint32_t sleepy_polls = 1;        // wake-up polls that find the download's slave asleep
 
     bool aiding_requests = false;          // ask the host for time and position after each cold boot

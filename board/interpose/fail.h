@@ -3,7 +3,7 @@
 #define TAVOR_BOARD_FAIL_H
 
 // The n-th call from now on (1: the next) of the named function fails with the error number; every call of
-// the program counts, whoever makes it. One order per function, gone once it has struck. Known are the
+// the program counts, whoever makes it. One order per function, gone once it has struck. It knows the
 // functions that the interposer replaces, variants (open64, __read_chk, accept4 ...) under the plain name:
 // open, openat, read, write, close, ioctl, access, stat, lstat, unlink, remove, rmdir, mkdir, chmod, rename,
 // realpath, fopen, fwrite, fclose, socket, bind, connect, sendto, listen, accept, setsockopt, msgget, msgsnd,

@@ -14,7 +14,7 @@ namespace {
 
 using SendFile = ssize_t(int, int, off_t*, size_t);
 
-// The bytes would go past the node: who is refused reads and writes.
+// The bytes would go past the node: whoever is refused reads and writes.
 ssize_t send_file(SendFile* function, int to, int from, off_t* offset, size_t length) {
     if (backend_owns(to) || backend_owns(from)) {
         errno = EINVAL;

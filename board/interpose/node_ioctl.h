@@ -43,7 +43,7 @@ template <typename Node> int node_i2c_messages(Node& node, const i2c_rdwr_ioctl_
     return static_cast<int>(data->nmsgs);
 }
 
-// What needs a place of the program; no I2C node refuses the setting.
+// Requests that need an address in the program; no I2C node refuses the setting.
 template <typename Node> int node_i2c_place(Node& node, unsigned long request, void* argument) {
     if (argument == nullptr) {
         return node_refuse(EFAULT);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The files of the module among each other. */
+/* What the module's files share. */
 #ifndef BOARD_H
 #define BOARD_H
 
@@ -22,7 +22,7 @@ void board_exchange_end(void);
 /* The same for the state of the lines, which a later program learns first. */
 void board_exchange_lines(const struct tavor_board_request *lines);
 
-/* What a transfer has to hang in the driver. */
+/* Holds a transfer up in the driver, for as long as a test asks. */
 void board_exchange_delay(void);
 
 int board_gpio_add(struct device *parent);

@@ -60,7 +60,7 @@ bool sit_out_stall(const Transfer& transfer) {
     return !server.closing && !is_gone(transfer.socket);
 }
 
-// Waits as long as so many bytes take. Returns whether the transfer goes on.
+// Waits as long as this many bytes take. Returns whether the transfer goes on.
 bool sit_out_slowness(const Transfer& transfer, size_t bytes) {
     const uint64_t rate = transfer.faults.of(AssistFault::slow);
     const std::chrono::duration<double> pause(static_cast<double>(bytes) / static_cast<double>(rate));

@@ -53,7 +53,7 @@ int take_runtime(dl_phdr_info* info, size_t, void* found) {
     return is_runtime ? 1 : 0;
 }
 
-// A sanitizer's runtime must stand in front of the library that was built with it, or it would not see the
+// A sanitizer's runtime must stand before the library that was built with it, or it would not see the
 // allocations of a program that was built without. It is the one that this process runs with; empty: none.
 std::string sanitizer_runtime() {
     std::string path;

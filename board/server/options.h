@@ -22,7 +22,7 @@ struct RunOptions {
     std::string time;       // UTC at the start, empty: the host's
     bool assistance = true; // a server of predicted orbits
     std::string log;        // file for the program's output, empty: passed through
-    std::vector<std::string> configuration; // KEY=VALUE lines in front of the board's own
+    std::vector<std::string> configuration; // KEY=VALUE lines before the board's own
     std::vector<std::pair<std::string, std::string>> faults;
     std::vector<std::string> program;
 };

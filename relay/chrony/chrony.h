@@ -1,4 +1,4 @@
-// The time for chrony: one sample a second, as its reference clock SOCK takes them.
+// The time for chrony: one sample per second, as its reference clock SOCK takes them.
 //
 // A sample says how far the system's clock was from a sentence's time when the sentence came. chronyd makes
 // the socket, and another one whenever it is restarted; the path is looked up for each sample, so nobody has

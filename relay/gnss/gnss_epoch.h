@@ -1,4 +1,4 @@
-// What the sentences of one epoch tell: pure parsing, no I/O. Every byte of them may be hostile; what is no
+// What the sentences of one epoch say: pure parsing, no I/O. Every byte of them may be hostile; what is no
 // good value is absent.
 //
 // An epoch is over when its last sentence has come. Which one that is follows from the epoch before; while it

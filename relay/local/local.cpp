@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int kReadsMax = 64; // at a time: others get their turn
+constexpr int kReadsMax = 64; // in one go: others get their turn
 constexpr std::chrono::milliseconds kRetry{20};
 constexpr int kLookS = 10;
 constexpr int kOpenRequestsMax = 16; // of one client
@@ -44,7 +44,7 @@ tavor_response result_of(uint32_t code, uint32_t value) {
     return response;
 }
 
-// Forgets who is gone, and tries again soon where something waits.
+// Forgets those that are gone, and tries again soon where something waits.
 void settle() {
     if (local_clients_tidy() && event_pending(state.retry.get(), EV_TIMEOUT, nullptr) == 0) {
         event_arm(state.retry, kRetry);

@@ -1,9 +1,9 @@
 // The local clients' requests: the datagrams of tavor/protocol.h, for many.
 //
-// Each gets the results of its own requests. One that asks start gets all sentences and positions until it
-// asks stop or leaves; so does one that sends a request of no known type, with which a client of the daemon
-// takes the output. One that sends a command gets what the chip answers to anybody, one that asks for
-// assistance the results of downloads.
+// Each gets the results of its own requests. A client that requests start gets all sentences and positions
+// until it requests stop or leaves; so does one that sends a request of no known type, with which a client of
+// the daemon takes the output. One that sends a command gets what the chip answers to anybody, one that asks
+// for assistance the results of downloads.
 #ifndef TAVOR_RELAY_LOCAL_H
 #define TAVOR_RELAY_LOCAL_H
 

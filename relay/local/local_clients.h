@@ -21,8 +21,8 @@
 #include <vector>
 
 // What a client gets unasked.
-inline constexpr unsigned kLocalSentences = 1;  // sentences and positions: it asked start
-inline constexpr unsigned kLocalChip = 2;       // what the chip answers: it asked start, or sent a command
+inline constexpr unsigned kLocalSentences = 1; // sentences and positions: it requested start
+inline constexpr unsigned kLocalChip = 2;      // what the chip answers: it requested start, or sent a command
 inline constexpr unsigned kLocalAssistance = 4; // it asked for an assistance download
 
 struct LocalClient {

@@ -18,7 +18,7 @@ namespace {
 
 using Addresses = std::unordered_set<std::string>;
 
-constexpr size_t kAnswerSize = size_t{32} * 1024; // the kernel fills no more at a time
+constexpr size_t kAnswerSize = size_t{32} * 1024; // the kernel fills no more in one go
 constexpr uint32_t kAllStates = ~0U;
 
 struct Question {

@@ -12,7 +12,7 @@
 // Bytes that were sent through the socket and are not read, with what the kernel adds to each datagram.
 int local_unread_bytes(int fd);
 
-// Addresses of datagram sockets with something unread, as local_socket_receive tells them. None when the
+// Addresses of datagram sockets with something unread, as local_socket_receive gives them. None when the
 // kernel does not say.
 std::optional<std::unordered_set<std::string>> local_unread_addresses();
 

@@ -18,7 +18,7 @@ namespace {
 constexpr std::ptrdiff_t kConnectionsMax = 16; // of a socket
 constexpr int kPatienceS = 5;
 constexpr int kPauseS = 1; // without a descriptor for the next connection
-// At a time: a place is kept for four turns of the loop at least, so that what its owner asks is read.
+// In one go: a place is kept for four turns of the loop at least, so that what its owner asks is read.
 constexpr std::ptrdiff_t kAcceptsMax = kConnectionsMax / 4;
 
 struct Connection {

@@ -24,8 +24,8 @@ constexpr int kQos = 1;
 constexpr char kTlsFails[] = "TLS fails: ";
 
 // A broker that is not subscribed to answers with some bytes to each message and sign of life, and with its
-// certificates before. One that sends more is let go before its packets, which may announce 256 MiB, cost
-// memory.
+// certificates before. One that sends more is disconnected before its packets, which may announce 256 MiB,
+// cost memory.
 constexpr uint64_t kGreetingBytes = 65536;
 constexpr uint64_t kAnswerBytes = 128; // in a record of TLS, which takes 85 with CBC and SHA-384
 

@@ -24,8 +24,8 @@ fs::path other_program() {
 
 std::string mqtt_enter(char** argv) {
     std::string program = other_program();
-    // The other one is called by its path: who is called so and comes here stands in its place, and would
-    // call itself for ever.
+    // The other one is called by its path: one that is called so and comes here stands in its place, and
+    // would call itself for ever.
     if (fs::path(argv[0]).filename() == fs::path(program).filename()) {
         return std::string(argv[0]) + " is no relay with MQTT" + kAdvice;
     }

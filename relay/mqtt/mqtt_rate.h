@@ -1,5 +1,5 @@
-// Which fixes are published: the first, and each that comes so many seconds or metres after the one that was
-// published last, whichever is sooner.
+// Which fixes are published: the first, and each that comes a set number of seconds or metres after the one
+// that was published last, whichever is sooner.
 #ifndef TAVOR_RELAY_MQTT_RATE_H
 #define TAVOR_RELAY_MQTT_RATE_H
 
@@ -15,7 +15,7 @@ struct MqttRate {
 // Whether the epoch has a fix that is to be published; the next ones are counted from it then.
 bool mqtt_rate_due(MqttRate& rate, const GnssEpoch& epoch, std::chrono::steady_clock::time_point now);
 
-// Metres between two places, by a sphere: half a percent wrong at most.
+// Metres between two places, on a sphere: half a percent off at most.
 double mqtt_rate_distance(double latitude1, double longitude1, double latitude2, double longitude2);
 
 #endif

@@ -41,7 +41,7 @@ bool is_directory(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// A FIFO in the place of a file would hold up the relay.
+// A FIFO in place of a file would hold up the relay.
 bool is_readable_kind(const std::string& path) {
     struct stat status = {};
     return stat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode));

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-// The file's first bytes, so many at most. A pipe is refused, so nothing is waited for. Nothing with errno
+// The file's first bytes, at most this many. A pipe is refused, so nothing is waited for. Nothing with errno
 // set when it can't be read.
 std::optional<std::string> file_head(const std::string& path, size_t most);
 

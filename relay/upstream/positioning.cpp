@@ -35,7 +35,7 @@ struct PositioningState {
     bool starting = false;       // a start waits or is out, after all that ends positioning
     int stopping = 0;            // stops and downloads that wait or are out
     int downloads = 0;           // of these: downloads
-    size_t asking = 0;           // who was not answered yet, also of starts in front of a stop
+    size_t asking = 0;           // those not answered yet, also of starts before a stop
     Askers askers = no_askers(); // of the start that waits or is out, or of the one to come after them
     RelayClock::time_point tried = kNever; // the latest start
     int silence_s = kSilenceS;             // after which the output is taken back
@@ -88,7 +88,7 @@ void start() {
     }
 }
 
-// A start that was asked for in front of what ends positioning is answered in front of it.
+// A start that was asked for before what ends positioning is answered before it.
 void leave_start_in_front() {
     if (!state.starting && !state.askers->empty()) {
         send_start();

@@ -3,7 +3,7 @@
 // It should be on always, or while a consumer wants it and some time longer, as the policy says; a stop for
 // all keeps it off until the next start that somebody asks for. What an earlier relay has left on is stopped
 // as after a last consumer, unless one comes in time. When nothing came for five seconds although
-// it is on, the daemon is asked start again, and again after twice the time, up to a minute: a client that
+// it is on, the daemon is asked to start again, and again after twice the time, up to a minute: a client that
 // went to the daemon itself has taken the output.
 #ifndef TAVOR_RELAY_POSITIONING_H
 #define TAVOR_RELAY_POSITIONING_H

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kBannerBegin[] = "TAVOR Version:";
 constexpr std::chrono::milliseconds kFullPause{20}; // of the daemon's queue
-// Datagrams read at a time: more than a burst of the daemon has. What waits in the kernel is bounded by the
+// Datagrams read in one go: more than a burst of the daemon has. What waits in the kernel is bounded by the
 // daemon's send buffer.
 constexpr int kReadsMax = 1024;
 constexpr int kReadsAtOnce = 32; // by one call of the kernel
@@ -91,7 +91,7 @@ void lost() {
     tell_watchers();
 }
 
-// Whether the datagram is the line that each start brings. It is kept for those who ask start later.
+// Whether the datagram is the line that each start brings. It is kept for those who request start later.
 bool take_banner(const tavor_response& datagram) {
     const bool is_banner = memcmp(datagram.payload, kBannerBegin, strlen(kBannerBegin)) == 0;
     if (datagram.code != TAVOR_CODE_NMEA || !is_banner) {

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr uint32_t kMaxRetries = 4;
-constexpr uint32_t kFullHours = 48; // with so many left there is time until the next download
+constexpr uint32_t kFullHours = 48; // with this many left there is time until the next download
 constexpr uint32_t kSoonMs = 3000;
 constexpr int32_t kRefusedMs = 3600000;
 

@@ -10,11 +10,11 @@
 
 namespace {
 
-constexpr long kRecordSize = 72; // bytes, also of the header in front of BeiDou's and Galileo's records
+constexpr long kRecordSize = 72; // bytes, also of the header before BeiDou's and Galileo's records
 constexpr size_t kWordSize = 4;
 constexpr int kTmYearBase = 1900;
 
-// Stores the GPS hour of now; false when the time can't be told.
+// Stores the GPS hour of now; false when the time can't be determined.
 bool read_clock(int32_t* now) {
     const time_t seconds = time(nullptr);
     if (seconds < 0) {

@@ -110,7 +110,7 @@ void close_file(FILE* file) {
     }
 }
 
-// The file behind a stream that takes no more than so many bytes, whatever a server sends.
+// The file behind a stream that takes no more than this many bytes, whatever a server sends.
 struct BoundedFile {
     DescriptorGuard file;
     size_t left; // bytes

@@ -20,7 +20,7 @@ constexpr uint32_t kMsPerSecond = 1000;
 constexpr uint32_t kMsPerMinute = 60000;
 constexpr uint32_t kSecondsPerHour = 3600;
 constexpr uint32_t kSoonMs = 3000;
-constexpr uint32_t kRefreshHours = 47; // the delay counts from the moment when so many are left
+constexpr uint32_t kRefreshHours = 47; // the delay counts from the moment when this many are left
 // Shares of the low bits of valid hours and end, so that not every device asks at the same moment.
 constexpr uint32_t kValidBits = 7;
 constexpr uint32_t kEndBits = 15;

@@ -11,7 +11,7 @@ struct ErrorRow {
     uint32_t left_out = 0; // since the last line
 };
 
-// The call has failed at now_ms, of a clock that nobody sets. Returns whether to log it; then left_out is the
+// The call has failed at now_ms, by a clock that nobody sets. Returns whether to log it; then left_out is the
 // count of failures that were left out since the last line.
 bool error_row_tell(ErrorRow* row, int64_t now_ms, uint32_t* left_out);
 

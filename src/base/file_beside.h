@@ -8,7 +8,7 @@
 inline constexpr size_t kFileBesideExtra = 4; // characters by which its path is longer
 
 // Writes the path of the file beside path, "PATH.new", to dst (size bytes). It is always the same one: what a
-// process that was killed has left there is written over.
+// process that was killed has left there is overwritten.
 void file_beside_path(const char* path, char* dst, size_t size);
 
 // Flushes the content of the file beside to the disk, once it is written and closed: only then may it take

@@ -42,7 +42,7 @@ void location_debug_clients_sweep();
 // Whether fd is listed.
 bool location_debug_clients_have(int32_t fd);
 
-// Writes a block to each client without waiting. A client that can't take it loses it whole; the log tells
+// Writes a block to each client without waiting. A client that can't take it loses it whole; the log says
 // when that begins and, with the number of blocks, when it ends.
 void location_debug_clients_write(const uint8_t* data, size_t length);
 

@@ -17,7 +17,7 @@ namespace {
 // Settings and commands are shorter: a controller that takes these and refuses a longer message has a limit.
 constexpr uint32_t kShortMessage = 32; // bytes
 
-// Transfers come one at a time: who shares the device holds a lock of its own.
+// Transfers come one at a time: whoever shares the device holds a lock of its own.
 struct State {
     ErrorRow transfer;       // transfers that failed
     uint32_t failed_len = 0; // of the last one that did

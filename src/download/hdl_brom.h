@@ -1,4 +1,4 @@
-// The chip's boot ROM: an echo protocol that is alive shortly after power-up. Nearly all failures are
+// The chip's boot ROM: an echo protocol that is active for a moment after power-up. Nearly all failures are
 // logged; unless stated otherwise, operations return success.
 #ifndef TAVOR_HDL_BROM_H
 #define TAVOR_HDL_BROM_H

@@ -41,7 +41,7 @@ BlockTable make_table(uint64_t count) {
     return BlockTable(static_cast<FlashBlock*>(calloc(static_cast<size_t>(count), sizeof(FlashBlock))));
 }
 
-// The blocks of an image of so many bytes, or null. No table is made for a file that no flash can hold.
+// The blocks of an image of this many bytes, or null. No table is made for a file that no flash can hold.
 BlockTable make_image_table(const ImageEntry& image, uint64_t count) {
     BlockTable table = count <= kMostBlocks ? make_table(count) : nullptr;
     for (uint32_t i = 0; table != nullptr && i < count; ++i) {

@@ -15,7 +15,7 @@ struct spim_transfer {
 struct SpimPort {
     const char* path;   // of the device, up to 127 characters
     uint32_t frequency; // Hz
-    uint32_t bit_order; // 0: the device turns the bits, 1: the bits are turned here, else: nobody turns them
+    uint32_t bit_order; // 0: the device reverses the bits, 1: they are reversed here, else: they are not
 };
 
 // Opens and configures the device. Returns 1, or 0 with nothing open.

@@ -1,4 +1,4 @@
-// The receive thread: reads the chip link, frames, hands every frame to the service queue.
+// The receive thread: reads the chip link, finds the frames, hands each to the service queue.
 #ifndef TAVOR_LOCATION_IO_H
 #define TAVOR_LOCATION_IO_H
 

@@ -24,7 +24,7 @@ constexpr uint64_t kPatienceUs = kUsPerSecond;
 constexpr uint64_t kStopPatienceUs = kUsPerSecond / 2;
 constexpr uint64_t kKeptUs = 30 * kUsPerSecond;
 constexpr size_t kKeptMax = 16;
-constexpr size_t kStalledMax = 8; // with more of them at a time each may cost its second anew
+constexpr size_t kStalledMax = 8; // with more of them at once each may cost its second anew
 
 struct KeptResult {
     TavorPeer peer;

@@ -59,7 +59,7 @@ Bytes model_frame() {
     return {};
 }
 
-// What a waiter for this identifier says to the frame when it needs so many bytes and takes no more.
+// What a waiter for this identifier says to the frame when it needs this many bytes and takes no more.
 uint32_t model_code(const Bytes& frame, uint16_t id, size_t least, size_t most) {
     if (frame.size() < 6 || le_at(frame, 4, 2) != id) {
         return HDL_DA_FOREIGN;

@@ -26,7 +26,7 @@ inline void silence_log() {
     require(silent, "can't silence the log");
 }
 
-// The next piece of a file as fgets takes it with room for so many characters, up to its first NUL; removes
+// The next piece of a file as fgets takes it with room for this many characters, up to its first NUL; removes
 // it from the content, which is not empty.
 inline std::string take_piece(std::string* content, size_t most) {
     const size_t line = std::min(content->find('\n'), content->size() - 1) + 1;

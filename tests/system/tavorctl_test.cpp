@@ -171,7 +171,7 @@ TEST(Tavorctl, ResultsAreJsonOnRequest) {
 
 namespace {
 
-// An RMC sentence of so many seconds ago; the first answers of a daemon whose chip sends this position.
+// An RMC sentence of this many seconds ago; the first answers of a daemon whose chip sends this position.
 std::string rmc_of(int seconds_ago) {
     const time_t then = time(nullptr) - seconds_ago;
     tm utc = {};

@@ -246,7 +246,7 @@ TEST_F(XodDownload, DeinitDuringARetryWaitFreesTheWaitingItem) {
     init(8, 1);
     xod_fakes.hours[3] = {60, 1000};
     fire();
-    EXPECT_EQ(xod_fakes.transfers, (Transfers{{3, 1}})); // nothing of before
+    EXPECT_EQ(xod_fakes.transfers, (Transfers{{3, 1}})); // nothing from before
 }
 
 TEST_F(XodDownload, CallbackAfterDeinitDoesNothing) {

@@ -14,7 +14,7 @@ namespace {
 using std::string;
 using Transfers = std::vector<std::pair<uint32_t, uint32_t>>;
 
-// Holds the first transfer until it is let go.
+// Holds the first transfer until it is released.
 struct Gate {
     std::mutex lock;
     std::condition_variable changed;

@@ -43,7 +43,7 @@ constexpr uint32_t kUntouched = 77;
 
 using Types = std::vector<uint32_t>;
 
-// Selects with this mask from types with so many valid hours, two numbered files each.
+// Selects with this mask from types with this many valid hours, two numbered files each.
 void expect_selection(uint32_t mask, const std::map<uint32_t, int32_t>& hours, const XodSelection& expected,
                       const Types& asked) {
     stock = {hours, {}, 0};

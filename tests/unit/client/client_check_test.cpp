@@ -388,7 +388,7 @@ std::string clock_at(const Scene& scene, int64_t now) {
     return text_of(findings);
 }
 
-// A file of GPS and GLONASS that begins so many hours from now.
+// A file of GPS and GLONASS that begins this many hours from now.
 std::string hour_word(int hours) {
     const auto hour = static_cast<uint32_t>((time(nullptr) - 315964800) / 3600 + hours);
     return {static_cast<char>(hour), static_cast<char>(hour >> 8U), static_cast<char>(hour >> 16U), '\x01'};

@@ -43,7 +43,7 @@ struct Pipe {
 };
 
 struct ConnectionTest : testing::Test {
-    // Starts a daemon, in the place of the one before; open also connects to it.
+    // Starts a daemon, in place of the one before; open also connects to it.
     void serve(const FakeDaemon::Script& script) {
         daemon.reset();
         daemon = std::make_unique<FakeDaemon>(path, script);

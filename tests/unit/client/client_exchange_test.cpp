@@ -13,7 +13,7 @@
 namespace {
 
 constexpr double kLimitS = 60;
-constexpr double kShortS = 0.2; // a wait that shall run out
+constexpr double kShortS = 0.2; // a wait that is meant to run out
 
 const Visitor kSkip = [](const Record&) { return true; };
 const FakeDaemon::Script kSilent = [](FakeDaemon&, const tavor_request&) {};

@@ -84,7 +84,7 @@ struct FollowTest : testing::Test {
     ~FollowTest() override {
         fake.now_ns = 0;
     }
-    // Follows, with a limit of one second, until so many silences were told.
+    // Follows, with a limit of one second, until this many silences were reported.
     void follow(size_t wanted) {
         const Clock::time_point end = deadline_in(100'000);
         const auto note = [&](double length_s, int count, bool /*restarted*/) {

@@ -1,4 +1,4 @@
-// What sentences tell beside the position block.
+// What sentences say besides the position block.
 #include "client/nmea.h"
 
 #include <gtest/gtest.h>

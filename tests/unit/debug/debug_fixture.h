@@ -48,7 +48,7 @@ struct DebugTest : testing::Test {
     std::vector<std::string> log_lines() const;
     size_t log_count(const std::string& text) const;
 
-    // Connects and waits until the outlet has listed the client; there are so many then.
+    // Connects and waits until the outlet has listed the client; that many are listed then.
     std::unique_ptr<TcpClient> connect_listed(int listed, int receive_buffer = 0);
 
     PrivateDir directory;

@@ -143,7 +143,7 @@ TEST_F(DebugTcpTest, SlowClientGetsWholeBlocksAndItsLossIsToldOnce) {
     const auto pass_a_block = [&] {
         const std::string block = numbered_block(blocks++);
         handle_text(block);
-        ASSERT_TRUE(read_bytes(quick->fd, block.size()) == block); // who is quick loses nothing
+        ASSERT_TRUE(read_bytes(quick->fd, block.size()) == block); // a quick client loses nothing
     };
     ASSERT_TRUE(wait_until([&] {
         pass_a_block();

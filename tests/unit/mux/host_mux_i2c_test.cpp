@@ -359,7 +359,7 @@ TEST_F(HostMuxI2c, FailedAttemptIsNotRepeatedWhileAStopIsPending) {
 
 namespace {
 
-// One failing step: after so many good transactions the address refuses.
+// One failing step: after this many good transactions the address refuses.
 struct StepFailure {
     const char* name;
     bool sending;

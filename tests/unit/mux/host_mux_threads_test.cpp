@@ -9,7 +9,7 @@ namespace {
 constexpr auto kLimit = std::chrono::seconds(120);
 
 struct HostMuxThreads : HostMux {
-    // Receives until so many bytes have come or the limit is over.
+    // Receives until this many bytes have come or the limit is over.
     Bytes receive_all(size_t count) {
         Bytes all;
         uint8_t buffer[700];

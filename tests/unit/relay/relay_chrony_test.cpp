@@ -219,7 +219,7 @@ struct RelayArrival : testing::Test {
         hub_take([this](const HubItem& item) { arrivals.push_back(item.arrived); });
         EXPECT_TRUE(loop.until([&] { return positioning_is_on(); }));
     }
-    // Lets the daemon send a sentence, which is read when it has lain there for a time.
+    // Lets the daemon send a sentence, which is read when it has lain there for a while.
     void send_and_read_after(std::chrono::milliseconds unread) {
         const size_t before = arrivals.size();
         ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, "$GNGGA\r\n")));

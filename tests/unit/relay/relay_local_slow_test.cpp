@@ -155,7 +155,8 @@ TEST_F(RelaySilentClients, ManyThatAreFilledEvenlyTakeNoneOfTheRoomOfOthers) {
         << "one more for each has room";
 }
 
-// Each is let go with its share unread, and others come: these find less room, as if the first were there.
+// Each is disconnected with its share unread, and others come: these find less room, as if the first were
+// there.
 TEST_F(RelaySilentClients, ThoseThatHaveLeftStillCount) {
     for (uint64_t round = 1; round <= 2; ++round) {
         for (int i = 0; i < 8; ++i) {

@@ -181,7 +181,7 @@ struct TavorTest : testing::Test {
     static std::string directory() {
         return std::filesystem::path(interpose_map(TAVOR_SOCKET_PATH)).parent_path();
     }
-    // Runs the daemon until it ends by itself, in the place of this test's socket.
+    // Runs the daemon until it ends by itself, in place of this test's socket.
     int run() {
         close(std::exchange(fd, -1));
         return tavor_run();

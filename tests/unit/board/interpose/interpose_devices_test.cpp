@@ -167,7 +167,7 @@ void wait_for(const std::atomic<bool>& flag) {
     }
 }
 
-// Holds the caller inside the node until it is let go, with a cancellation point on the way.
+// Holds the caller inside the node until it is released, with a cancellation point on the way.
 ssize_t stay_inside(CancelledCall& call) {
     call.inside = true;
     wait_for(call.let_go);
