@@ -31,8 +31,11 @@ std::string flash_error(const ChipOptions& options) {
     if (options.flash_id > kMaxFlashId) {
         return "flash id has more than 3 bytes";
     }
-    if (options.boot_window_ms > kMaxBootWindowMs || options.sleepy_polls > kMaxBusyPolls) {
-        return "boot window is more than an hour or wake-up polls are more than 10000";
+    if (options.boot_window_ms > kMaxBootWindowMs) {
+        return "boot window is more than an hour";
+    }
+    if (options.sleepy_polls > kMaxBusyPolls) {
+        return "wake-up polls are more than 10000";
     }
     return "";
 }

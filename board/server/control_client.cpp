@@ -84,7 +84,9 @@ std::string add_fault(const ControlOptions& options, json& request) {
     request["name"] = options.name;
     request["value"] = options.value;
     const bool whole = !options.name.empty() && !options.value.empty();
-    return whole ? "" : "fault takes a name and a value; see fault --list";
+    return whole ? ""
+                 : "fault takes a name and a value; see 'tavor-board ctl --dir " + options.directory +
+                       " fault --list'";
 }
 
 // The request as the board takes it. Returns what is wrong with the command line, else empty.

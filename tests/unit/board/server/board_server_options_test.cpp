@@ -16,7 +16,7 @@ constexpr int kUsageError = 2;
 
 struct BoardOptionsTest : testing::Test {
     // The line's words stand between blanks; "_" is a blank within a word.
-    int read(const std::string& line) {
+    int read(const std::string& line, const std::vector<char*>& last = {}) {
         std::istringstream stream("tavor-board " + line);
         std::vector<std::string> words((std::istream_iterator<std::string>(stream)), {});
         std::vector<char*> arguments;
@@ -24,6 +24,7 @@ struct BoardOptionsTest : testing::Test {
             std::replace(word.begin(), word.end(), '_', ' ');
             arguments.push_back(word.data());
         }
+        arguments.insert(arguments.end(), last.begin(), last.end());
         options = {};
         testing::internal::CaptureStderr();
         int code = 0;
@@ -136,6 +137,9 @@ TEST_F(BoardOptionsTest, WrongOptionsSayWhatIsWrong) {
         {"run --power-gpio 512", "--power-gpio"},
         {"run --power-gpio -1", "--power-gpio"},
         {"run --latitude 91", "latitude"},
+        {"run --sentences -1", "--sentences"},
+        {"run --sleepy-polls 10001", "wake-up polls are more than 10000"},
+        {"run --boot-window 3600001", "boot window is more than an hour"},
         {"run --flash-size 1000", "flash size"},
         {"exec -- prog", "--dir is required"},
         {"exec --dir /d", "program"},
@@ -165,6 +169,62 @@ TEST_F(BoardOptionsTest, WrongOptionsLeadToTheHelpOfTheirCommand) {
         EXPECT_EQ(read(line), kUsageError) << line;
         EXPECT_EQ(err, std::string("tavor-board: ") + text + "\n");
     }
+}
+
+// The parser itself does without a value, or takes the next word for it.
+TEST_F(BoardOptionsTest, AnOptionWithoutItsValueOrWithOneTooManyIsToldWithWhatToWrite) {
+    const std::pair<const char*, const char*> wrong[] = {
+        {"run --rate= 2", "--rate= has no value: write --rate=HZ; see 'tavor-board run --help'"},
+        {"run --rate -- prog", "--rate has no value: write --rate=HZ; see 'tavor-board run --help'"},
+        {"run --dir= --keep", "--dir= has no value: write --dir=DIR; see 'tavor-board run --help'"},
+        {"run --log --keep -- prog", "--log has no value: write --log=FILE; see 'tavor-board run --help'"},
+        {"run --source= none",
+         "--source= has no value: write --source=KIND [FILE]; see 'tavor-board run --help'"},
+        {"run --keep=false", "--keep=false takes no value: write --keep; see 'tavor-board run --help'"},
+        {"ctl --dir /d status --json=",
+         "--json= takes no value: write --json; see 'tavor-board ctl status --help'"},
+        {"ctl --dir /d time --speed=",
+         "--speed= has no value: write --speed=N; see 'tavor-board ctl time --help'"},
+        {"exec --dir -- prog", "--dir has no value: write --dir=DIR; see 'tavor-board exec --help'"},
+        {"ctl status --dir", "--dir has no value: write --dir=DIR; see 'tavor-board ctl status --help'"},
+    };
+    for (const auto& [line, text] : wrong) {
+        EXPECT_EQ(read(line), kUsageError) << line;
+        EXPECT_EQ(err, std::string("tavor-board: ") + text + "\n");
+    }
+    EXPECT_EQ(read("run -- prog --rate= --keep=1"), kGoOn) << "the program's own";
+}
+
+TEST_F(BoardOptionsTest, AnEmptyWordIsNoValue) {
+    char empty[] = "";
+    for (const std::string line : {"run --rate", "run --dir", "run --log", "run --latitude", "ctl --dir"}) {
+        EXPECT_EQ(read(line, {empty}), kUsageError) << line;
+        EXPECT_NE(err.find(" has no value: write --"), std::string::npos) << err;
+    }
+    for (const std::string line : {"ctl --dir /d send", "ctl --dir /d rate", "run --", "exec --dir /d --"}) {
+        EXPECT_EQ(read(line, {empty}), kUsageError) << line;
+        EXPECT_NE(err.find("is empty"), std::string::npos) << line << err;
+    }
+}
+
+TEST_F(BoardOptionsTest, OfAnOptionThatIsGivenTwiceTheLastCounts) {
+    ASSERT_EQ(read("run --rate 1 --rate 2 --dir /a --dir /b --source none --source trajectory --keep --keep"),
+              kGoOn)
+        << err;
+    EXPECT_EQ(options.run.board.chip.rate_hz, 2U);
+    EXPECT_EQ(options.run.directory, "/b");
+    EXPECT_EQ(options.run.board.chip.source, ChipSource::trajectory);
+    ASSERT_EQ(read("ctl --dir /d time --speed 2 --speed 3"), kGoOn) << err;
+    EXPECT_EQ(options.control.speed, 3U);
+}
+
+TEST_F(BoardOptionsTest, TheDirectoryOfCtlMayStandBeforeAndAfterTheCommand) {
+    ASSERT_EQ(read("ctl status --dir /d --json"), kGoOn) << err;
+    EXPECT_EQ(options.control.directory, "/d");
+    EXPECT_EQ(options.control.command, "status");
+    EXPECT_TRUE(options.control.json);
+    EXPECT_EQ(read("ctl --dir /d status power"), kUsageError);
+    EXPECT_EQ(err, "tavor-board: not expected: power; see 'tavor-board ctl status --help'\n");
 }
 
 TEST_F(BoardOptionsTest, HelpHasExamplesEverywhereAndNamesEveryFault) {
