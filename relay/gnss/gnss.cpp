@@ -44,7 +44,7 @@ void take(std::string_view sentence) {
 void gnss_open(std::chrono::milliseconds second) {
     state = {};
     state.second = second;
-    hub_take_behind([](const HubItem& item) {
+    hub_take_last([](const HubItem& item) {
         if (item.kind == HubKind::kSentence) {
             take(hub_text(item));
         }

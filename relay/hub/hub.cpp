@@ -11,12 +11,19 @@
 namespace {
 
 constexpr size_t kItemsMax = 1024;
+constexpr std::chrono::milliseconds kTurn{1};
+
+// An item, or what is to be called in its place.
+struct Waiting {
+    HubItem item = {};
+    std::function<void()> call;
+};
 
 struct HubState {
     std::vector<HubOutput> outputs;
-    std::vector<HubOutput> behind;
+    std::vector<HubOutput> last;
     std::vector<HubRest> rests;
-    std::deque<HubItem> items;
+    std::deque<Waiting> waiting;
     EventPtr hand_out;
     HubCounters counters;
 };
@@ -38,14 +45,27 @@ std::optional<HubKind> kind_of(const tavor_response& datagram) {
     }
 }
 
+bool is_item(const Waiting& one) {
+    return !one.call;
+}
+
+bool is_droppable(const Waiting& one) {
+    return is_item(one) && hub_may_drop(one.item.datagram.code);
+}
+
+// Drops the oldest sentence or position, or else the oldest item.
 void make_room() {
-    if (state.items.size() < kItemsMax) {
+    if (state.waiting.size() < kItemsMax) {
         return;
     }
-    const auto droppable = std::find_if(state.items.begin(), state.items.end(),
-                                        [](const HubItem& item) { return hub_may_drop(item.datagram.code); });
-    state.items.erase(droppable == state.items.end() ? state.items.begin() : droppable);
-    ++state.counters.dropped_in;
+    auto oldest = std::find_if(state.waiting.begin(), state.waiting.end(), is_droppable);
+    if (oldest == state.waiting.end()) {
+        oldest = std::find_if(state.waiting.begin(), state.waiting.end(), is_item);
+    }
+    if (oldest != state.waiting.end()) { // else calls alone wait
+        state.waiting.erase(oldest);
+        ++state.counters.dropped_in;
+    }
 }
 
 void count(HubKind kind) {
@@ -54,14 +74,19 @@ void count(HubKind kind) {
     state.counters.positions += kind == HubKind::kPosition ? 1 : 0;
 }
 
-void hand_out_one() {
-    const HubItem& item = state.items.front(); // only what has come is put in, by no output
-    for (const auto* outputs : {&state.outputs, &state.behind}) {
+void hand_out(const HubItem& item) {
+    for (const auto* outputs : {&state.outputs, &state.last}) {
         for (const HubOutput& output : *outputs) {
             output(item);
         }
     }
-    state.items.pop_front();
+}
+
+void hand_out_one() {
+    const Waiting& one =
+        state.waiting.front(); // outputs and calls put nothing in before it, and drop nothing
+    one.call ? one.call() : hand_out(one.item);
+    state.waiting.pop_front();
 }
 
 void on_hand_out(evutil_socket_t /*unused*/, short /*unused*/, void* /*unused*/) {
@@ -83,8 +108,8 @@ void hub_take(HubOutput output) {
     state.outputs.push_back(std::move(output));
 }
 
-void hub_take_behind(HubOutput output) {
-    state.behind.push_back(std::move(output));
+void hub_take_last(HubOutput output) {
+    state.last.push_back(std::move(output));
 }
 
 void hub_take_rest(HubRest rest) {
@@ -99,15 +124,24 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     }
     make_room();
     count(*kind);
-    state.items.push_back({*kind, datagram, arrived});
+    state.waiting.push_back({{*kind, datagram, arrived}, nullptr});
 }
 
-void hub_hand_out(std::chrono::milliseconds turn) {
+void hub_after(std::function<void()> call) {
+    if (state.waiting.empty()) {
+        return call();
+    }
+    state.waiting.push_back({{}, std::move(call)});
+}
+
+void hub_hand_out() {
     const auto began = std::chrono::steady_clock::now();
-    while (!state.items.empty()) {
-        const bool complete = state.items.front().kind != HubKind::kPosition; // else its sentence follows
+    while (!state.waiting.empty()) {
+        const Waiting& one = state.waiting.front();
+        const bool complete =
+            !is_item(one) || one.item.kind != HubKind::kPosition; // else its sentence follows
         hand_out_one();
-        if (complete && std::chrono::steady_clock::now() - began >= turn && !state.items.empty()) {
+        if (complete && std::chrono::steady_clock::now() - began >= kTurn && !state.waiting.empty()) {
             return event_arm(state.hand_out, std::chrono::milliseconds(0));
         }
     }

@@ -2,7 +2,7 @@
 //
 // Taking in is quick and handing out may be slow, so what is taken in waits here: 1,024 items at most, then
 // the oldest sentence or position is dropped. Items are handed out for a millisecond at a time, one at least;
-// then the daemon is heard. Only before an answer a turn may last longer.
+// then the daemon is heard. An answer to a request waits for its turn among them.
 #ifndef TAVOR_RELAY_HUB_H
 #define TAVOR_RELAY_HUB_H
 
@@ -22,8 +22,6 @@ enum class HubKind {
     kAssistance // the result of an assistance download
 };
 
-inline constexpr std::chrono::milliseconds kHubTurn{1};
-
 using HubTime = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 struct HubItem {
@@ -35,7 +33,7 @@ struct HubItem {
 // An output of the relay; it must not wait.
 using HubOutput = std::function<void(const HubItem&)>;
 
-// Is called behind the last item that is there: what was gathered goes out.
+// Is called after the last item that is there: what was gathered goes out.
 using HubRest = std::function<void()>;
 
 // Since the start. Each module counts its own.
@@ -53,7 +51,7 @@ struct HubCounters {
     uint64_t requests_failed = 0; // of these: answered with failure
     uint64_t refused = 0;         // requests without the right
     uint64_t ignored = 0;         // requests of clients with too many open ones, of a client too many
-    uint64_t malformed = 0;       // datagrams and lines that mean nothing
+    uint64_t malformed = 0;       // datagrams and lines that mean nothing, or no longer
     uint64_t daemon_restarts = 0; // daemons found after the first one
     uint64_t local_consumers = 0; // at present
     uint64_t tcp_consumers = 0;   // at present
@@ -65,19 +63,23 @@ void hub_close();
 // Registers an output; it gets every item from now on.
 void hub_take(HubOutput output);
 
-// The same for one that hands on what it makes of an item: it gets each behind all others, so that these
+// The same for one that hands on what it makes of an item: it gets each after all others, so that these
 // have the item first.
-void hub_take_behind(HubOutput output);
+void hub_take_last(HubOutput output);
 
 // Registers what is to be called whenever all that was taken in has been handed out.
 void hub_take_rest(HubRest rest);
 
-// Takes in a datagram of the daemon that answers no request. hub_hand_out is to be called behind the last one
+// Takes in a datagram of the daemon that answers no request. hub_hand_out is to be called after the last one
 // that is there.
 void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived = std::nullopt);
 
+// Calls when all that has been taken in so far is handed out: at once when nothing waits. Never dropped, so
+// the caller bounds how many there are.
+void hub_after(std::function<void()> call);
+
 // Hands out what was taken in: for one turn, the rest in further turns of the loop.
-void hub_hand_out(std::chrono::milliseconds turn = kHubTurn);
+void hub_hand_out();
 
 // Text of an item, up to its NUL.
 std::string_view hub_text(const HubItem& item);

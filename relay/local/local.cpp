@@ -61,16 +61,21 @@ void answer(LocalClient& client, uint32_t type, uint32_t value) {
     }
 }
 
-// Finds the asker again when the answer has come; it may have left, and its address may be another's.
+// Finds the asker again; it may have left, and its address may be another's.
+void answer_asker(const std::string& address, uint64_t id, uint32_t type, uint32_t value) {
+    LocalClient* const asker = local_clients_find(address, id);
+    if (asker != nullptr) {
+        answer(*asker, type, value);
+        settle();
+    }
+}
+
+// The answer, after what the daemon sent before it.
 UpstreamAnswer answer_to(LocalClient& client, uint32_t type) {
     ++client.open_requests;
     return [address = client.address, id = client.id, type](uint32_t value) {
         hub_counters().requests_failed += value == 0 ? 0 : 1;
-        LocalClient* const asker = local_clients_find(address, id);
-        if (asker != nullptr) {
-            answer(*asker, type, value);
-            settle();
-        }
+        hub_after([=] { answer_asker(address, id, type, value); });
     };
 }
 

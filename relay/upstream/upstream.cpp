@@ -30,8 +30,6 @@ constexpr int kReadsAtOnce = 32; // by one call of the kernel
 // takes a tenth of what a burst costs with one consumer.
 constexpr timespec kGather = {0, 500000};
 constexpr int kLooks = 2; // a second, for the daemon
-// Before an answer: by then the daemon has begun to drop, too.
-constexpr std::chrono::milliseconds kAnswerTurn{1000};
 // Unread for longer than a turn of the loop takes as a rule: the relay itself was held up.
 constexpr std::chrono::milliseconds kUnreadMax{100};
 
@@ -115,9 +113,6 @@ void take(const tavor_response& datagram, size_t size, HubTime arrived, HubTime 
         return;
     }
     state.heard = RelayClock::now();
-    if (upstream_requests_awaits(datagram)) { // what came before it goes out before it
-        hub_hand_out(kAnswerTurn);
-    }
     if (!upstream_requests_answered(datagram) && !take_banner(datagram)) {
         hub_put(datagram, good_arrival(arrived, now));
     }

@@ -162,10 +162,6 @@ void upstream_requests_sent() {
     }
 }
 
-bool upstream_requests_awaits(const tavor_response& datagram) {
-    return is_answer(state.out, datagram) || is_answer(state.stop, datagram);
-}
-
 bool upstream_requests_answered(const tavor_response& datagram) {
     for (std::optional<Waiting>* const out : {&state.out, &state.stop}) {
         if (is_answer(*out, datagram)) {

@@ -40,9 +40,6 @@ bool upstream_requests_add(uint32_t type, std::string_view text, UpstreamAnswer 
 const tavor_request* upstream_requests_next();
 void upstream_requests_sent();
 
-// Whether the datagram is the answer to a request that is out.
-bool upstream_requests_awaits(const tavor_response& datagram);
-
 // Takes a datagram of the daemon. True when it was the answer to a request that is out.
 bool upstream_requests_answered(const tavor_response& datagram);
 

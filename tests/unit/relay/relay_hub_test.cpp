@@ -47,7 +47,22 @@ TEST_F(RelayHub, TheOldestSentenceGoesWhenTooManyWait) {
     EXPECT_EQ(got.back(), "1099");
 }
 
-TEST_F(RelayHub, CallsBehindTheLastItemOnly) {
+TEST_F(RelayHub, WhatComesAfterIsCalledInItsPlaceAndNeverDropped) {
+    hub_after([this] { got.emplace_back("at once"); });
+    hub_put(relay_response(TAVOR_CODE_NMEA, 0, "0"));
+    hub_after([this] { got.emplace_back("call"); });
+    for (int i = 1; i < 1100; ++i) {
+        hub_put(relay_response(TAVOR_CODE_NMEA, 0, std::to_string(i)));
+    }
+    hub_hand_out();
+    ASSERT_TRUE(loop.until([&] { return got.back() == "1099"; }));
+    EXPECT_EQ(got.size(), 1025U);
+    EXPECT_EQ(got[0], "at once");
+    EXPECT_EQ(got[1], "call");
+    EXPECT_EQ(got[2], "77");
+}
+
+TEST_F(RelayHub, CallsAfterTheLastItemOnly) {
     hub_take_rest([this] { got.emplace_back("rest"); });
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "one"));
     hub_put(relay_response(TAVOR_CODE_NMEA, 0, "two"));

@@ -361,6 +361,30 @@ TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
     EXPECT_EQ(watcher->got.back().code, TAVOR_CODE_SAVE_LOCATION);
 }
 
+TEST_F(RelayLocal, TheDaemonIsHeardWhileAnAnswerWaitsForWhatCameBefore) {
+    uint64_t handed_out = 0;
+    uint64_t heard = 0; // when the last one that came before the answer is handed out
+    hub_take([&](const HubItem& /*unused*/) {
+        if (++handed_out == 1) {
+            loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(5)));
+        }
+        heard = handed_out == 5 ? hub_counters().sentences : heard;
+        const auto began = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) { // a slow output
+        }
+    });
+    const auto asker = client("asker");
+    loop.daemon->answers = false;
+    ASSERT_TRUE(asker->send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(i))));
+    }
+    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0)));
+    ASSERT_TRUE(answered(*asker, TAVOR_CODE_SAVE_LOCATION));
+    EXPECT_EQ(heard, 6U);
+}
+
 TEST_F(RelayManyClients, WhoAsksOnAndOnWithoutWaitingIsNotHeardUntilItIsAnswered) {
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
