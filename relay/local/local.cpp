@@ -51,6 +51,10 @@ void settle() {
     }
 }
 
+void count_failure(uint32_t value) {
+    hub_counters().requests_failed += value == 0 ? 0 : 1;
+}
+
 void answer(LocalClient& client, uint32_t type, uint32_t value) {
     --client.open_requests;
     local_clients_send(client, result_of(*upstream_requests_code(type), value));
@@ -70,11 +74,14 @@ void answer_asker(const std::string& address, uint64_t id, uint32_t type, uint32
     }
 }
 
-// The answer, after what the daemon sent before it.
-UpstreamAnswer answer_to(LocalClient& client, uint32_t type) {
-    ++client.open_requests;
-    return [address = client.address, id = client.id, type](uint32_t value) {
-        hub_counters().requests_failed += value == 0 ? 0 : 1;
+// The answer, after what the daemon sent before it. No client: nobody gets it.
+UpstreamAnswer answer_to(LocalClient* client, uint32_t type) {
+    if (client == nullptr) {
+        return count_failure;
+    }
+    ++client->open_requests;
+    return [address = client->address, id = client->id, type](uint32_t value) {
+        count_failure(value);
         hub_after([=] { answer_asker(address, id, type, value); });
     };
 }
@@ -103,7 +110,7 @@ bool has_right(const LocalRequest& received) {
     return received.user && rights_admin(*received.user, received.group);
 }
 
-void refuse(LocalClient& client, const LocalRequest& received) {
+void refuse(LocalClient* client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     ++hub_counters().refused;
     if (const auto more = seldom(state.refusals, RelayClock::now())) {
@@ -117,10 +124,22 @@ uid_t user_of(const LocalRequest& received) {
     return received.user.value_or(kUnknownUser);
 }
 
-void perform(LocalClient& client, const LocalRequest& received) {
+void subscribe(LocalClient* client, unsigned gets) {
+    if (client != nullptr) {
+        local_clients_subscribe(*client, gets);
+    }
+}
+
+void unsubscribe(LocalClient* client) {
+    if (client != nullptr) {
+        local_clients_unsubscribe(*client, kLocalSentences | kLocalChip);
+    }
+}
+
+void perform(LocalClient* client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     if (type == TAVOR_REQUEST_START) {
-        local_clients_subscribe(client, kLocalSentences | kLocalChip);
+        subscribe(client, kLocalSentences | kLocalChip);
         return positioning_start(answer_to(client, type));
     }
     const UpstreamAnswer reply = answer_to(client, type);
@@ -130,15 +149,15 @@ void perform(LocalClient& client, const LocalRequest& received) {
     }
     switch (type) {
     case TAVOR_REQUEST_STOP:
-        local_clients_unsubscribe(client, kLocalSentences | kLocalChip);
+        unsubscribe(client);
         return positioning_stop(has_right(received), std::move(answer));
     case TAVOR_REQUEST_DOWNLOAD:
         return positioning_download(std::move(answer));
     case TAVOR_REQUEST_COMMAND:
-        local_clients_subscribe(client, kLocalChip);
+        subscribe(client, kLocalChip);
         break;
     case TAVOR_REQUEST_ASSIST:
-        local_clients_subscribe(client, kLocalAssistance);
+        subscribe(client, kLocalAssistance);
         break;
     default:
         break;
@@ -149,7 +168,7 @@ void perform(LocalClient& client, const LocalRequest& received) {
 // No one user takes all places: the last 24 are for users with fewer than four clients. Root has a place
 // always, so that somebody can look who holds the others.
 bool has_place(const LocalRequest& received) {
-    if (local_clients_is_known(received.address) || user_of(received) == 0) {
+    if (received.address.empty() || local_clients_is_known(received.address) || user_of(received) == 0) {
         return true;
     }
     const size_t count = local_clients_count();
@@ -168,16 +187,21 @@ void turn_away(const LocalRequest& received) {
     }
 }
 
+// Null for a sender without an address: it can be told nothing, but its requests are carried out.
+LocalClient* client_of(const LocalRequest& received) {
+    return received.address.empty() ? nullptr : &local_clients_of(received.address, user_of(received));
+}
+
 void take(const LocalRequest& received) {
     if (!has_place(received)) {
         return turn_away(received);
     }
-    LocalClient& client = local_clients_of(received.address, user_of(received));
+    LocalClient* const client = client_of(received);
     const uint32_t type = received.request.type;
     if (!upstream_requests_code(type)) {
-        return local_clients_subscribe(client, kLocalSentences | kLocalChip);
+        return subscribe(client, kLocalSentences | kLocalChip);
     }
-    if (client.open_requests >= kOpenRequestsMax) {
+    if (client != nullptr && client->open_requests >= kOpenRequestsMax) {
         ++hub_counters().ignored;
         return;
     }

@@ -332,11 +332,27 @@ TEST_F(RelayLocal, WhoHasNoAddressIsHeardAndGetsNoAnswer) {
     ASSERT_TRUE(loop.until([] { return local_clients_count() == 0; }));
 }
 
-TEST_F(RelayLocal, WhoHasNoAddressIsNoConsumerForLong) {
+TEST_F(RelayLocal, WhoHasNoAddressIsNoConsumer) {
     PlayedClient nameless(loop.local_path, "");
     ASSERT_TRUE(nameless.send(0xFFFFFFFF)); // takes the output and gets no answer
-    ASSERT_TRUE(loop.until([] { return hub_counters().local_consumers == 1; }));
-    EXPECT_TRUE(loop.until([] { return local_clients_count() == 0; }));
+    ASSERT_TRUE(nameless.send(TAVOR_REQUEST_SAVE_LOCATION));
+    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+    EXPECT_EQ(hub_counters().local_consumers, 0U);
+    EXPECT_EQ(local_clients_count(), 0U);
+}
+
+TEST_F(RelayLocal, SendersWithoutAnAddressAreNotOneClient) {
+    loop.daemon->answers = false;
+    PlayedClient nameless(loop.local_path, "");
+    for (int i = 0; i < 16; ++i) { // as many as a client may have open
+        ASSERT_TRUE(loop.until([&] { return nameless.send(TAVOR_REQUEST_SAVE_LOCATION); }));
+    }
+    PlayedClient other(loop.local_path, "");
+    ASSERT_TRUE(loop.until([&] { return other.send(TAVOR_REQUEST_ASSIST); }));
+    ASSERT_TRUE(loop.until([] { return hub_counters().requests == 17; }));
+    loop.daemon->answers = true;
+    loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0));
+    EXPECT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_ASSIST) == 1; }));
 }
 
 TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
