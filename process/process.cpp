@@ -11,6 +11,8 @@ bool process_hold_standard_descriptors() {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // The lowest that is free is opened.
         if (fcntl(descriptor, F_GETFD) == -1 && open("/dev/null", O_RDONLY) != descriptor) {
+            dprintf(STDERR_FILENO, "a standard descriptor is closed, and no /dev/null takes its place: %s\n",
+                    strerror(errno));
             return false;
         }
     }

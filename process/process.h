@@ -4,7 +4,7 @@
 
 // To be called before anything is opened: a closed standard descriptor would become one of the program's own
 // sockets or devices, and what is printed would go there. Opens /dev/null for reading in its place, so that
-// output without a place fails as before. False when that can't be opened.
+// writing to it fails. False when that can't be opened, after a line on standard error.
 [[nodiscard]] bool process_hold_standard_descriptors();
 
 // Whether all that was printed has been written. Says what is wrong in one line on standard error, after the

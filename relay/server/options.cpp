@@ -81,6 +81,18 @@ std::vector<option> long_options() {
     return all;
 }
 
+// The names that begin like this one, empty when they are fewer than two.
+std::string longer_names(const std::string& name, const std::vector<std::string>& names) {
+    std::string all;
+    size_t count = 0;
+    for (const std::string& one : names) {
+        if (one.starts_with(name)) {
+            all += (count++ == 0 ? "'" : " or '") + one + "'";
+        }
+    }
+    return count < 2 ? "" : all;
+}
+
 // What is wrong with the word that getopt_long refused.
 std::string refused(const std::string& word, bool lacks_value) {
     const std::string name = word.substr(0, word.find('='));
@@ -94,6 +106,9 @@ std::string refused(const std::string& word, bool lacks_value) {
     std::vector<std::string> names = {"--help", "--version", "--config"};
     for (const std::string& setting : option_names()) {
         names.push_back("--" + setting);
+    }
+    if (const std::string longer = longer_names(name, names); !longer.empty()) {
+        return "'" + name + "' may be " + longer + ": write more of it";
     }
     const std::string nearest = nearest_name(name, names);
     return nearest == name ? name + " takes no value" : unknown + ", the nearest is '" + nearest + "'";
