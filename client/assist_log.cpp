@@ -54,7 +54,7 @@ bool begins_with(std::string_view text, std::string_view begin) {
 }
 
 // The number after the text, which is moved past the number.
-std::optional<int64_t> number_behind(std::string_view& text, std::string_view begin) {
+std::optional<int64_t> number_after(std::string_view& text, std::string_view begin) {
     const size_t at = text.find(begin);
     int64_t value = 0;
     if (at == std::string_view::npos) {
@@ -73,7 +73,7 @@ void take_cause(AssistLog& log, std::string_view text) {
     constexpr std::string_view kTransfer = "[XOD]xod_download_http download fail";
     std::string_view rest = text;
     if (begins_with(text, kTransfer)) {
-        const auto status = number_behind(rest, ", status: ");
+        const auto status = number_after(rest, ", status: ");
         const auto* row = std::find_if(std::begin(kStatuses), std::end(kStatuses),
                                        [&](const StatusRow& one) { return one.status == status; });
         log.cause =
@@ -90,9 +90,9 @@ void take_cause(AssistLog& log, std::string_view text) {
 }
 
 void take_end(AssistLog& log, std::string_view text) {
-    const auto type = number_behind(text, "_result:[");
-    const auto index = number_behind(text, ",");
-    const auto result = number_behind(text, "] ");
+    const auto type = number_after(text, "_result:[");
+    const auto index = number_after(text, ",");
+    const auto result = number_after(text, "] ");
     if (!type || !index || !result || log.ended.size() == kEndedMax) {
         return;
     }
@@ -108,11 +108,11 @@ void take_end(AssistLog& log, std::string_view text) {
 void take_event(AssistLog& log, std::string_view text) {
     if (begins_with(text, "[XOD]xod_download_handle_result:")) {
         take_end(log, text);
-    } else if (const auto retry_ms = number_behind(text, "start retry timer:")) {
+    } else if (const auto retry_ms = number_after(text, "start retry timer:")) {
         if (!log.ended.empty()) {
             log.ended.back().retry_ms = retry_ms;
         }
-    } else if (const auto next_ms = number_behind(text, "start next download timer:")) {
+    } else if (const auto next_ms = number_after(text, "start next download timer:")) {
         log.next_ms = next_ms;
     } else if (text.find("already init") != std::string_view::npos) {
         log.waits = true;

@@ -21,7 +21,7 @@ constexpr int64_t kHourS = 3600;
 constexpr int kLastsH = 72; // a file of predictions
 constexpr int kStaleH = 24; // after its end
 constexpr char kSetClock[] =
-    "set the clock, and order the service behind time-sync.target; see troubleshooting.md in "
+    "set the clock, and order the service after time-sync.target; see troubleshooting.md in "
     "/usr/share/doc/tavor";
 
 std::string directory_of(const std::string& path) {

@@ -128,7 +128,7 @@ bool is_start(const Entry& entry) {
 }
 
 // The number after the beginning, which the text must have.
-std::optional<uint32_t> number_behind(std::string_view text, std::string_view begin, int base) {
+std::optional<uint32_t> number_after(std::string_view text, std::string_view begin, int base) {
     if (!begins_with(text, begin)) {
         return std::nullopt;
     }
@@ -196,7 +196,7 @@ void take_error(DownloadProgress& progress, std::string_view text) {
 // The number at the end of "begin_address:[TEXT]=> 0xNUMBER", 0 when there is none.
 uint32_t begin_address(std::string_view text) {
     const size_t value = text.rfind("=> 0x");
-    return value == std::string_view::npos ? 0 : number_behind(text.substr(value), "=> 0x", 16).value_or(0);
+    return value == std::string_view::npos ? 0 : number_after(text.substr(value), "=> 0x", 16).value_or(0);
 }
 
 // Takes a line about the current entry, which is whole with both of its lines.
@@ -218,7 +218,7 @@ void take_entry(DownloadProgress& progress, std::string_view text) {
 }
 
 void take_list(DownloadProgress& progress, std::string_view text) {
-    if (const auto count = number_behind(text, "image count=", 10)) {
+    if (const auto count = number_after(text, "image count=", 10)) {
         progress.images = *count;
     } else if (begins_with(text, "skip [") && progress.list_index < progress.list.size()) {
         DownloadImage& entry = progress.list[progress.list_index];
@@ -231,7 +231,7 @@ void take_list(DownloadProgress& progress, std::string_view text) {
 void take_agent(DownloadProgress& progress, std::string_view text) {
     if (begins_with(text, "echoU8 Send 0xD7")) {
         progress.agent_words = 1;
-    } else if (const auto word = number_behind(text, "echoU32 Send 0x", 16)) {
+    } else if (const auto word = number_after(text, "echoU32 Send 0x", 16)) {
         progress.agent_words += progress.agent_words > 0 ? 1 : 0;
         if (progress.agent_words == kAgentLengthWord) {
             set_total(progress, *word);
@@ -239,22 +239,22 @@ void take_agent(DownloadProgress& progress, std::string_view text) {
     } else if (begins_with(text, "SEND ")) {
         const size_t total = text.rfind("total ");
         const auto done =
-            total == std::string_view::npos ? std::nullopt : number_behind(text.substr(total), "total ", 10);
+            total == std::string_view::npos ? std::nullopt : number_after(text.substr(total), "total ", 10);
         count_to(progress, done.value_or(0));
-    } else if (const auto address = number_behind(text, "########## Flash address: 0x", 16)) {
+    } else if (const auto address = number_after(text, "########## Flash address: 0x", 16)) {
         progress.flash_begin = *address;
-    } else if (const auto size = number_behind(text, "########## Flash size: 0x", 16)) {
+    } else if (const auto size = number_after(text, "########## Flash size: 0x", 16)) {
         progress.flash_size = *size;
     }
 }
 
 void take_second_pass(DownloadProgress& progress, std::string_view text, std::string_view begin) {
-    progress.again = number_behind(text, begin, 10).value_or(progress.again);
+    progress.again = number_after(text, begin, 10).value_or(progress.again);
 }
 
 void take_erase(DownloadProgress& progress, std::string_view text) {
     set_total(progress, progress.flash_size != 0 ? std::optional(progress.flash_size) : std::nullopt);
-    const auto address = number_behind(text, "Format resp address(0x", 16);
+    const auto address = number_after(text, "Format resp address(0x", 16);
     if (address && *address >= progress.flash_begin) {
         const bool large = progress.flash_size >= kLargeBlockSize && *address % kLargeBlockSize == 0;
         count_to(progress, *address - progress.flash_begin + (large ? kLargeBlockSize : kBlockSize));
@@ -263,7 +263,7 @@ void take_erase(DownloadProgress& progress, std::string_view text) {
 }
 
 void take_write(DownloadProgress& progress, std::string_view text) {
-    const auto address = number_behind(text, "Download resp address(0x", 16);
+    const auto address = number_after(text, "Download resp address(0x", 16);
     const size_t index = progress.image - 1;
     if (address && index < progress.list.size() && *address >= progress.list[index].begin) {
         count_to(progress, *address - progress.list[index].begin + kBlockSize);

@@ -34,7 +34,7 @@ int status_of(Session& session, const Followed& followed) {
     return followed.outcome == Outcome::kInterrupted && endless ? session_output_status(session) : status;
 }
 
-int stop_behind(Session& session, const Followed& followed, int status) {
+int stop_after(Session& session, const Followed& followed, int status) {
     if (followed.outcome == Outcome::kUnreachable ||
         (!followed.answered && followed.outcome == Outcome::kTimeout)) {
         return status;
@@ -89,5 +89,5 @@ Followed follow_for_options(Session& session, const Visitor& visit) {
 
 int follow_finish(Session& session, const Followed& followed) {
     const int status = status_of(session, followed);
-    return session.options.stop ? stop_behind(session, followed, status) : status;
+    return session.options.stop ? stop_after(session, followed, status) : status;
 }

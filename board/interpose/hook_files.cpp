@@ -20,7 +20,7 @@ using Fopen = FILE*(const char*, const char*);
 using PathCall = int(const char*);
 
 // The mode that follows the flags where these make a file.
-mode_t mode_behind(int flags, va_list arguments) {
+mode_t mode_after(int flags, va_list arguments) {
     const bool makes_file = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return makes_file ? va_arg(arguments, mode_t) : 0;
 }
@@ -66,7 +66,7 @@ extern "C" {
 int open(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = mode_behind(flags, arguments);
+    const mode_t mode = mode_after(flags, arguments);
     va_end(arguments);
     return open_path(real<"open", Open>(), path, flags, mode);
 }
@@ -86,7 +86,7 @@ int creat(const char* path, mode_t mode) {
 int openat(int directory, const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = mode_behind(flags, arguments);
+    const mode_t mode = mode_after(flags, arguments);
     va_end(arguments);
     return open_path_at(real<"openat", OpenAt>(), directory, path, flags, mode);
 }
@@ -155,7 +155,7 @@ char* __realpath_chk(const char* path, char* resolved, size_t room) noexcept {
 int open64(const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = mode_behind(flags, arguments);
+    const mode_t mode = mode_after(flags, arguments);
     va_end(arguments);
     return open_path(real<"open64", Open>(), path, flags, mode);
 }
@@ -163,7 +163,7 @@ int open64(const char* path, int flags, ...) {
 int openat64(int directory, const char* path, int flags, ...) {
     va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = mode_behind(flags, arguments);
+    const mode_t mode = mode_after(flags, arguments);
     va_end(arguments);
     return open_path_at(real<"openat64", OpenAt>(), directory, path, flags, mode);
 }

@@ -13,7 +13,7 @@ struct GpsdSettings {
     size_t clients_max = 2000;              // connections at a time
 };
 
-// Behind gnss_open and positioning_open. False with errno set when the port can't be had.
+// After gnss_open and positioning_open. False with errno set when the port can't be had.
 bool gpsd_open(event_base* base, const GpsdSettings& settings);
 void gpsd_close();
 

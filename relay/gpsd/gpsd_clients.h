@@ -2,9 +2,9 @@
 //
 // Reports wait until all that has come from the daemon is handed out, then one call of the kernel takes them:
 // one for each client and epoch as a rule. An answer goes with the next turn of the loop, and the next
-// request is heard behind it: so who asks without end gets one turn among all others.
+// request is read after it, so a client that asks without end gets one turn among all others.
 //
-// For a client that does not read 64 KiB of reports wait, then the oldest are dropped. Answers to requests
+// For a client that does not read, 64 KiB of reports wait, then the oldest are dropped. Answers to requests
 // are never dropped; while one waits, no further request is read. A client that has taken nothing for 30
 // seconds while something waits is let go, and so is one that watches nothing and has said nothing for 15
 // minutes: the places are few. The kernel keeps 32 KiB each way, and ends within two minutes a connection

@@ -9,7 +9,7 @@ using Json = nlohmann::json;
 
 constexpr int kRawMax = 2;
 
-// Where the request ends, behind its terminator; npos when it goes on. A string ends with its line.
+// Where the request ends, after its terminator; npos when it goes on. A string ends with its line.
 size_t end_of(std::string_view input) {
     bool in_string = false;
     bool escaped = false;

@@ -13,7 +13,7 @@ inline constexpr size_t kGpsdCommandMax = size_t{8} * 1024;
 
 struct GpsdCommand {
     std::string name;                    // with its question mark; empty: it is no request
-    std::optional<std::string> argument; // behind the equals sign
+    std::optional<std::string> argument; // after the equals sign
 };
 
 // Takes the next request off the input: it ends with ";" or a line end outside of strings. None while it has

@@ -1,5 +1,5 @@
 // Reports of gpsd's protocol, as gpsd_json(5) describes them: lines of JSON with CR LF. Attributes without a
-// value are left out; error estimates that gpsd computes from the sky are too.
+// value are left out, and so are the error estimates that gpsd computes from the sky.
 #ifndef TAVOR_RELAY_GPSD_REPORT_H
 #define TAVOR_RELAY_GPSD_REPORT_H
 

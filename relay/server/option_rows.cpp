@@ -31,9 +31,9 @@ template <typename Number>
 std::string take_number(const std::string& value, long least, long most, Number& place) {
     Number number = 0;
     const char* const end = value.data() + value.size();
-    const auto [behind, error] = std::from_chars(value.data(), end, number);
+    const auto [stopped, error] = std::from_chars(value.data(), end, number);
     const bool within = number >= static_cast<Number>(least) && number <= static_cast<Number>(most);
-    if (error != std::errc() || behind != end || !within) { // "nan" is in no range
+    if (error != std::errc() || stopped != end || !within) { // "nan" is in no range
         return "'" + value + "' is no " + (std::is_integral_v<Number> ? "whole " : "") + "number from " +
                std::to_string(least) + " to " + std::to_string(most);
     }

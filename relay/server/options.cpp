@@ -116,7 +116,7 @@ std::string refused(const std::string& word, bool lacks_value) {
 
 // Whether the next option was taken for a value that was forgotten. A value that begins with a dash is told
 // with =.
-bool is_option_behind(const char* value, const char* word) {
+bool is_option_next(const char* value, const char* word) {
     return value == word && std::string_view(word).starts_with('-');
 }
 
@@ -131,7 +131,7 @@ CommandLine read_command_line(int argc, char* const* argv) {
         if (found == -1) {
             break;
         }
-        if (found >= kConfig && is_option_behind(optarg, argv[optind - 1])) {
+        if (found >= kConfig && is_option_next(optarg, argv[optind - 1])) {
             line.problem = refused(word, true);
         } else if (found >= kFirstRow) {
             line.settings.emplace_back(&option_rows()[static_cast<size_t>(found - kFirstRow)], optarg);

@@ -41,8 +41,8 @@ bool config_text_find(const ConfigText& text, const char* key, char* value) {
         char* const match = strstr(line, key);
         if (match != nullptr) {
             cut_line_end(match);
-            const char* const behind = match + strlen(key);
-            memcpy(value, behind, strlen(behind) + 1);
+            const char* const rest = match + strlen(key);
+            memcpy(value, rest, strlen(rest) + 1);
             return true;
         }
     }

@@ -56,12 +56,12 @@ uint32_t parse_binary(const uint8_t* buffer, uint32_t length, uint32_t* type) {
     if (payload + kBinaryOverhead > length) {
         return 0;
     }
-    const uint8_t* behind_payload = buffer + kBinaryHeaderSize + payload;
-    if (behind_payload[1] != kBinaryTail0 || behind_payload[2] != kBinaryTail1) {
+    const uint8_t* after_payload = buffer + kBinaryHeaderSize + payload;
+    if (after_payload[1] != kBinaryTail0 || after_payload[2] != kBinaryTail1) {
         return kBinaryStartSize;
     }
     const auto covered = static_cast<int32_t>(kBinaryHeaderSize - kBinaryStartSize + payload);
-    if (behind_payload[0] == location_binary_checksum(buffer + kBinaryStartSize, covered)) {
+    if (after_payload[0] == location_binary_checksum(buffer + kBinaryStartSize, covered)) {
         *type = FRAME_BINARY;
     }
     return payload + kBinaryOverhead;
