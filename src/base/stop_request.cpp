@@ -33,7 +33,7 @@ StopRequest::~StopRequest() {
     stop_request_withdraw();
 }
 
-StopRequestAside::StopRequestAside(bool announced) : taken(announced && stop_request_withdraw()) {}
+StopRequestAside::StopRequestAside() : taken(stop_request_withdraw()) {}
 
 StopRequestAside::~StopRequestAside() {
     if (taken) {

@@ -3,8 +3,7 @@
 // The service thread can't be cancelled, and some of what it does with the chip has no limit of its own: each
 // such loop asks stop_request_pending() and gives up. Announcements and withdrawals pair up. The service
 // queue announces each stop and each download request when it is enqueued, and withdraws it when the request
-// has been handled, could not be enqueued or was lost, so whatever is queued before that request returns
-// soon. A record from another program withdraws nothing.
+// has been handled or could not be enqueued, so whatever is queued before that request returns soon.
 // Closing the bus announces for as long as it takes (StopRequest), on the service thread, so that transfers
 // of other threads return. While a download runs, its own announcement is set aside (StopRequestAside): it
 // must not end itself, only the next request may.
@@ -26,10 +25,9 @@ struct StopRequest : private NonCopyable {
     ~StopRequest();
 };
 
-// Sets one announcement aside for its lifetime: that of the request that is being served, if it was
-// announced.
+// Sets one announcement aside for its lifetime: that of the request that is being served.
 struct StopRequestAside : private NonCopyable {
-    explicit StopRequestAside(bool announced);
+    StopRequestAside();
     ~StopRequestAside();
 
     const bool taken;

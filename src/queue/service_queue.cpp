@@ -6,8 +6,6 @@
 #include "base/stop_request.h"
 #include "queue/service_state.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -24,37 +22,27 @@ namespace {
 constexpr key_t kQueueKey = 1234;
 constexpr int kQueueMode = 0666;
 constexpr long kMessageType = 1;
-constexpr size_t kSentMax = 16384;
 constexpr size_t kMessageBodySize = 24; // bytes, also where pointers are shorter
 constexpr useconds_t kFullQueuePauseUs = 1000;
-constexpr useconds_t kBrokenQueuePauseUs = 10000;
-constexpr useconds_t kEmptyQueuePauseUs = 10000;
+constexpr useconds_t kNothingReceivedPauseUs = 10000;
 
-// Message type of an empty record, which stands for a stop or download request when the queue is full: the
-// kernel limits the bytes in a queue, so a record without bytes still fits. It holds the serial number and
-// which of the two it is.
-constexpr long kBodiless = 1L << 30;
-constexpr uint32_t kSerialMax = (1U << 29) - 1;
-
-constexpr long bodiless_type(const ServiceMessage& message) {
-    return kBodiless | static_cast<long>(message.serial << 1 | (message.id == SERVICE_DOWNLOAD ? 1 : 0));
-}
+// Messages in transit at most; for stops and downloads twice as many. The kernel's queue is full long before,
+// unless another program empties it.
+constexpr size_t kListMax = 16384;
 
 struct QueueRecord {
     long type;
-    alignas(ServiceMessage) unsigned char body[kMessageBodySize];
+    unsigned char body[kMessageBodySize];
 };
 static_assert(sizeof(ServiceMessage) <= kMessageBodySize);
 
-// Other processes may put records into the queue and take some out of it. What was sent is therefore listed,
-// in the order of the queue: a block is taken from a listed message only, and what another process took is
-// over with the next one that is received, or when the service finds the queue empty; while it sleeps that
-// is not noticed. A program that empties the queue all the time leaves as many listed as the kernel's usual
-// queue has bytes. Nothing waits under the lock, and nobody is cancelled under it.
+// Messages in transit, oldest first. Their records in the kernel's queue limit them and wake the service, but
+// are never read: what other programs put in means nothing, and what they take loses nothing. When one takes
+// a record while the service sleeps, its message waits until the next is sent; if it is a stop, it stands
+// announced meanwhile. Nothing waits under the lock, and nobody is cancelled under it.
 struct ServiceQueueState {
     std::mutex lock;
-    std::deque<ServiceMessage> sent;
-    std::atomic<uint32_t> serials{0};
+    std::deque<ServiceMessage> list;
     inline static thread_local bool is_consumer = false;
 };
 
@@ -62,10 +50,6 @@ ServiceQueueState state;
 
 bool stops_link(uint32_t id) {
     return id == SERVICE_STOP || id == SERVICE_DOWNLOAD;
-}
-
-uint32_t next_serial() {
-    return state.serials++ % kSerialMax + 1;
 }
 
 void give_up(const ServiceMessage& message) {
@@ -76,7 +60,6 @@ void give_up(const ServiceMessage& message) {
 // Holds a message until the queue has it; gives back what was not sent, on cancellation too.
 struct UnsentMessage : private NonCopyable {
     explicit UnsentMessage(const ServiceMessage& message) : body(message) {
-        body.serial = next_serial();
         if (stops_link(body.id)) {
             stop_request_announce();
         }
@@ -87,7 +70,7 @@ struct UnsentMessage : private NonCopyable {
         }
     }
 
-    ServiceMessage body;
+    const ServiceMessage body;
     bool sent = false;
 };
 
@@ -97,67 +80,25 @@ QueueRecord make_record(const ServiceMessage& message) {
     return record;
 }
 
-// Gives up the oldest messages of the list.
-void lose(size_t count) {
-    for (; count > 0; --count) {
-        give_up(state.sent.front());
-        state.sent.pop_front();
-    }
-}
-
-// Takes a received message off the list. Returns false when it carries a block and was not sent.
-bool claim(ServiceMessage* message) {
-    const std::lock_guard guard(state.lock);
-    const auto found = std::ranges::find_if(state.sent, [&](const ServiceMessage& sent) {
-        return sent.serial == message->serial && sent.id == message->id && sent.data == message->data &&
-               sent.length == message->length;
-    });
-    if (found == state.sent.end()) {
-        message->serial = 0;
-        return message->data == nullptr;
-    }
-    lose(static_cast<size_t>(found - state.sent.begin()));
-    state.sent.pop_front();
-    return true;
-}
-
-size_t messages_in_queue() {
-    msqid_ds info = {};
-    return msgctl(g_service_state.msqid, IPC_STAT, &info) == 0 ? info.msg_qnum : 0;
-}
-
-// Forgets the oldest of a long list, unless the list is as long as the queue and what the service has in
-// hand.
-void limit_list() {
-    if (state.sent.size() > kSentMax && state.sent.size() > messages_in_queue() + 1) {
-        lose(1);
-    }
-}
-
 // Returns 0 or the error number. Cancellation is held off: acted upon inside a msgsnd that succeeded it would
-// free the block of a message that is in the queue.
-int enqueue_now(const QueueRecord& record, size_t size, UnsentMessage* message) {
+// lose the message.
+int enqueue_now(UnsentMessage* message) {
+    const QueueRecord record = make_record(message->body);
+    const bool stops = stops_link(message->body.id);
     const CancelHold hold;
     const std::lock_guard guard(state.lock);
-    state.sent.push_back(message->body);
-    int result = 0;
-    do {
-        result = msgsnd(g_service_state.msqid, &record, size, IPC_NOWAIT);
-    } while (result == -1 && errno == EINTR);
-    if (result == -1) {
-        const int error = errno;
-        state.sent.pop_back();
-        return error;
+    // Sent for a full list too: the record that should have woken the service may be gone. For a stop a full
+    // queue does as well: it wakes the service anyway.
+    if (msgsnd(g_service_state.msqid, &record, kMessageBodySize, IPC_NOWAIT) == -1 &&
+        !(errno == EAGAIN && stops)) {
+        return errno;
     }
+    if (state.list.size() >= (stops ? 2 * kListMax : kListMax)) {
+        return EAGAIN;
+    }
+    state.list.push_back(message->body);
     message->sent = true;
-    limit_list();
     return 0;
-}
-
-// For a full queue: a stop or a download goes in all the same.
-int enqueue_bodiless(UnsentMessage* message) {
-    const QueueRecord record = {.type = bodiless_type(message->body), .body = {}};
-    return enqueue_now(record, 0, message);
 }
 
 bool lasts(ServiceQueuePatience* patience) {
@@ -175,15 +116,10 @@ bool waits_for_room(ServiceQueuePatience* patience) {
 
 bool enqueue(const ServiceMessage& body, ServiceQueuePatience* patience) {
     UnsentMessage message(body);
-    const QueueRecord record = make_record(message.body);
-
-    int error = enqueue_now(record, kMessageBodySize, &message);
-    if (error == EAGAIN && stops_link(body.id)) {
-        error = enqueue_bodiless(&message);
-    }
+    int error = enqueue_now(&message);
     while (error == EAGAIN && waits_for_room(patience)) {
         usleep(kFullQueuePauseUs);
-        error = enqueue_now(record, kMessageBodySize, &message);
+        error = enqueue_now(&message);
     }
     return error == 0;
 }
@@ -196,57 +132,57 @@ bool enqueue_or_log(const ServiceMessage& body, ServiceQueuePatience* patience) 
     return sent;
 }
 
-bool unpack(const QueueRecord& record, ssize_t size, ServiceMessage* message) {
-    if (size == static_cast<ssize_t>(kMessageBodySize)) {
-        memcpy(message, record.body, sizeof *message);
-        return claim(message);
-    }
-    if (size == 0 && (record.type & kBodiless) != 0) {
-        *message = {.id = (record.type & 1) != 0 ? SERVICE_DOWNLOAD : SERVICE_STOP,
-                    .data = nullptr,
-                    .length = 0,
-                    .serial = static_cast<uint32_t>((record.type & ~kBodiless) >> 1)};
-        return claim(message) && message->serial != 0;
-    }
-    return false;
-}
-
-// What to do about a receive that failed.
-void recover(int error) {
-    if (error == E2BIG) { // of another process: it would stay in front for ever
-        QueueRecord cut = {};
-        msgrcv(g_service_state.msqid, &cut, kMessageBodySize, 0, IPC_NOWAIT | MSG_NOERROR);
-        return;
-    }
-    if ((error == EIDRM || error == EINVAL) && service_queue_open() != -1) {
-        puts("[LOCSERV] WRN: the service queue was gone and is made again");
-    }
-    // The pause keeps the caller's retries from taking a whole core.
-    usleep(kBrokenQueuePauseUs);
-}
-
-// Takes a message that is in the queue. An empty queue holds none of the list.
-ssize_t receive_now(QueueRecord* record) {
+bool messages_wait() {
     const std::lock_guard guard(state.lock);
-    const ssize_t received = msgrcv(g_service_state.msqid, record, kMessageBodySize, 0, IPC_NOWAIT);
-    if (received == -1 && errno == ENOMSG) {
-        lose(state.sent.size());
-        errno = ENOMSG;
-    }
-    return received;
+    return !state.list.empty();
 }
 
-} // namespace
-
-int32_t service_queue_open() {
+bool take_first(ServiceMessage* message) {
     const std::lock_guard guard(state.lock);
-    lose(state.sent.size());
+    if (state.list.empty()) {
+        return false;
+    }
+    *message = state.list.front();
+    state.list.pop_front();
+    return true;
+}
+
+// Under the lock.
+int32_t make_queue() {
     const int old_queue = msgget(kQueueKey, IPC_EXCL);
     if (old_queue != -1) {
         msgctl(old_queue, IPC_RMID, nullptr);
     }
     g_service_state.msqid = msgget(kQueueKey, IPC_CREAT | IPC_EXCL | kQueueMode);
     return g_service_state.msqid;
+}
+
+int32_t make_queue_again() {
+    const std::lock_guard guard(state.lock);
+    return make_queue();
+}
+
+// Takes a record out of the kernel's queue, whatever it says. flags: IPC_NOWAIT or 0, to wait for one.
+// Returns whether there was one; a queue that is gone is made again.
+bool take_record(int flags) {
+    QueueRecord record = {};
+    if (msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, MSG_NOERROR | flags) != -1) {
+        return true;
+    }
+    if ((errno == EIDRM || errno == EINVAL) && make_queue_again() != -1) {
+        puts("[LOCSERV] WRN: the service queue was gone and is made again");
+    }
+    return false;
+}
+
+} // namespace
+
+int32_t service_queue_open() {
+    const std::lock_guard guard(state.lock);
+    for (; !state.list.empty(); state.list.pop_front()) {
+        give_up(state.list.front());
+    }
+    return make_queue();
 }
 
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length) {
@@ -259,24 +195,17 @@ bool service_queue_request(uint32_t id, void* data, uint32_t length, ServiceQueu
 
 bool service_queue_receive(ServiceMessage* message, ServiceQueueWait wait) {
     ServiceQueueState::is_consumer = true;
-    QueueRecord record = {};
-    ssize_t received = receive_now(&record);
-    if (received == -1 && errno == ENOMSG && wait == ServiceQueueWait::until_one_comes) {
-        received = msgrcv(g_service_state.msqid, &record, kMessageBodySize, 0, 0);
+    const bool waiting = messages_wait(); // their records may be gone
+    const bool at_once = waiting || wait == ServiceQueueWait::shortly;
+    if (!take_record(at_once ? IPC_NOWAIT : 0) && !waiting) {
+        // Without a queue, the pause keeps the caller's retries from taking a whole core.
+        usleep(kNothingReceivedPauseUs);
     }
-    if (received == -1 && errno == ENOMSG) {
-        usleep(kEmptyQueuePauseUs);
-        return false;
-    }
-    if (received == -1) {
-        recover(errno);
-        return false;
-    }
-    return unpack(record, received, message);
+    return take_first(message);
 }
 
 void service_queue_handled(const ServiceMessage& message) {
-    if (message.serial != 0 && stops_link(message.id)) {
+    if (stops_link(message.id)) {
         stop_request_withdraw();
     }
 }

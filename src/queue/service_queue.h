@@ -24,22 +24,23 @@ enum service_message_id : uint32_t {
     SERVICE_DEBUG_TCP = 15,
 };
 
-// Body of a queue record. data is a malloc'ed block or null; it belongs to the queue from the moment it is
-// sent.
+// A message, and the body of its record in the kernel's queue. data is a malloc'ed block or null; it belongs
+// to the queue from the moment it is sent.
 struct ServiceMessage {
     uint32_t id;
     void* data;
-    uint32_t length;     // bytes of data
-    uint32_t serial = 0; // of the send, up to 2^29; 0: of another program
+    uint32_t length; // bytes of data
 };
 
-// Throws an old queue away and makes a new one, whose id goes to the service state. Returns the id or -1.
+// Throws an old queue away with what it holds and makes a new one, whose id goes to the service state.
+// Returns the id or -1.
 int32_t service_queue_open();
 
 // Enqueues; any thread. On failure the data is freed and the failure logged. While the queue is full it waits
 // (a cancellation point), except on the queue's consumer, which would wait for itself. A stop or a download
-// never waits: it finds room in a full queue too. Both are announced (base/stop_request.h) from here until
-// they are handled, so that what is queued before them comes to an end soon.
+// finds room in a full queue too, and waits only while 32,768 messages are there. Both are announced
+// (base/stop_request.h) from here until they are handled, so that what is queued before them comes to an end
+// soon.
 void location_service_task_send_message(uint32_t id, void* data, uint32_t length);
 
 // How long requests wait for room together, from the first one that waits.
@@ -58,13 +59,12 @@ enum class ServiceQueueWait {
 };
 
 // Takes the next message into *message; waits for one. The calling thread becomes the queue's consumer.
-// Returns false, after a short pause, when nothing could be received, and without one for a record from
-// another program that carries a block. A queue that is gone is made again; what it held is lost.
+// Returns false when there was none: after a record of another program, or after 10 ms. A queue that is gone
+// is made again; what waits in it is kept.
 bool service_queue_receive(ServiceMessage* message,
                            ServiceQueueWait wait = ServiceQueueWait::until_one_comes);
 
-// Reports that a received message has been handled: ends what its send announced. A record from another
-// program ends nothing.
+// Reports that a received message has been handled: ends what its send announced.
 void service_queue_handled(const ServiceMessage& message);
 
 #endif

@@ -56,8 +56,8 @@ void send_version_banner() {
 
 // Some download retries have no limit. Suspend this request's own stop request, so that only a later request
 // ends them.
-int32_t download(bool announced) {
-    const StopRequestAside own(announced);
+int32_t download() {
+    const StopRequestAside own;
     return location_service_download();
 }
 
@@ -77,9 +77,9 @@ void make_first_cancellation() {
     }
 }
 
-int32_t run_download(const ServiceMessage& message) {
+int32_t run_download() {
     location_service_stop();
-    const int32_t result = download(message.serial != 0);
+    const int32_t result = download();
     location_gpio_power_off();
     usleep(kAfterDownloadUs);
     return result;
@@ -155,7 +155,7 @@ void handle_message(const ServiceMessage& message) {
     case SERVICE_STOP:
         return reply_result(id, location_service_stop());
     case SERVICE_DOWNLOAD:
-        return reply_result(id, run_download(message));
+        return reply_result(id, run_download());
     case SERVICE_SAVE_LOCATION:
         return reply_result(id, save_location());
     case SERVICE_DEBUG_OFF:

@@ -16,7 +16,7 @@ TEST(StopRequest, StandsUntilEachAnnouncementIsTakenBack) {
 TEST(StopRequest, AnnouncementTakenAsideLeavesOnlyThoseOfOthers) {
     stop_request_announce();
     {
-        const StopRequestAside own(true);
+        const StopRequestAside own;
         EXPECT_FALSE(stop_request_pending());
         stop_request_announce();
         EXPECT_TRUE(stop_request_pending());

@@ -23,6 +23,7 @@ namespace {
 constexpr key_t kServiceQueueKey = 1234;
 constexpr unsigned kSmallQueue = 4; // messages
 constexpr size_t kBodySize = 24;
+constexpr int kListMax = 16384;        // messages
 constexpr unsigned kBoundSeconds = 60; // of a test: a send or a receive may wait for ever
 
 const std::vector<std::string> kFailLine = {"[LOCSERV] ERR: location_service_task_send_message, Fail!"};
@@ -46,7 +47,7 @@ struct ForeignRecord {
     long type;
     union {
         ServiceMessage body;
-        unsigned char bytes[kBodySize]; // also where pointers are shorter
+        unsigned char bytes[100]; // of the longest one that is sent
     };
 };
 
@@ -59,6 +60,7 @@ struct QueueTest : testing::Test {
     void TearDown() override {
         alarm(0);
         interpose_fail_reset();
+        service_queue_open(); // drops what waits
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
     }
     static msqid_ds info() {
@@ -76,11 +78,7 @@ struct QueueTest : testing::Test {
         memcpy(data, &number, sizeof number);
         location_service_task_send_message(SERVICE_FRAME_NMEA, data, sizeof number);
     }
-    // What another program sends and takes.
-    static void send_foreign(const ServiceMessage& body) {
-        const ForeignRecord record = {.type = 1, .body = body};
-        ASSERT_EQ(msgsnd(g_service_state.msqid, &record, kBodySize, 0), 0);
-    }
+    // What another program takes.
     static ServiceMessage steal() {
         ForeignRecord record = {};
         EXPECT_EQ(msgrcv(g_service_state.msqid, &record, kBodySize, 0, IPC_NOWAIT),
@@ -107,11 +105,6 @@ struct QueueTest : testing::Test {
         free(message.data);
         return number;
     }
-    static void free_all() {
-        while (info().msg_qnum > 0) {
-            free(receive().data);
-        }
-    }
     static void fill() {
         shrink();
         for (uint32_t i = 0; i < kSmallQueue; i++) {
@@ -128,21 +121,39 @@ void* send_one(void* /*unused*/) {
     return nullptr;
 }
 
+void* send_stop(void* /*unused*/) {
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    return nullptr;
+}
+
+// Cancels a thread that sends while it waits for room.
+void cancel_while_waiting(void* (*sends)(void*)) {
+    const int before = g_pauses;
+    pthread_t sender = {};
+    ASSERT_EQ(pthread_create(&sender, nullptr, sends, nullptr), 0);
+    while (g_pauses == before) {
+        std::this_thread::yield();
+    }
+    pthread_cancel(sender);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(sender, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
 } // namespace
 
 TEST_F(QueueTest, RecordIsTypeOneAndTheMessageAsItLiesInMemory) {
-    location_service_task_send_message(SERVICE_COMMAND, nullptr, 7);
+    void* data = malloc(10);
+    location_service_task_send_message(SERVICE_FRAME_BINARY, data, 10);
+    EXPECT_EQ(info().__msg_cbytes, kBodySize);
     ForeignRecord record = {};
     ASSERT_EQ(msgrcv(g_service_state.msqid, &record, kBodySize, 1, IPC_NOWAIT),
               static_cast<ssize_t>(kBodySize));
     EXPECT_EQ(record.type, 1);
-    EXPECT_EQ(record.body.id, SERVICE_COMMAND);
-    EXPECT_EQ(record.body.data, nullptr);
-    EXPECT_EQ(record.body.length, 7U);
+    EXPECT_EQ(record.body.id, SERVICE_FRAME_BINARY);
+    EXPECT_EQ(record.body.data, data);
+    EXPECT_EQ(record.body.length, 10U);
 
-    void* data = malloc(10);
-    location_service_task_send_message(SERVICE_FRAME_BINARY, data, 10);
-    EXPECT_EQ(info().__msg_cbytes, kBodySize);
     const ServiceMessage message = receive();
     EXPECT_EQ(message.id, SERVICE_FRAME_BINARY);
     EXPECT_EQ(message.data, data);
@@ -152,7 +163,8 @@ TEST_F(QueueTest, RecordIsTypeOneAndTheMessageAsItLiesInMemory) {
 
 TEST_F(QueueTest, OpenThrowsAnOldQueueAwayWithItsMessages) {
     const int32_t old_queue = g_service_state.msqid;
-    location_service_task_send_message(SERVICE_START, nullptr, 0);
+    send_number(5);
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
 
     ASSERT_NE(service_queue_open(), -1);
     EXPECT_NE(g_service_state.msqid, old_queue);
@@ -161,20 +173,45 @@ TEST_F(QueueTest, OpenThrowsAnOldQueueAwayWithItsMessages) {
     msqid_ds gone = {};
     EXPECT_EQ(msgctl(old_queue, IPC_STAT, &gone), -1);
     EXPECT_EQ(msgget(kServiceQueueKey, 0), g_service_state.msqid);
+    EXPECT_FALSE(receive_shortly());
+    EXPECT_FALSE(stop_request_pending());
 }
 
-TEST_F(QueueTest, MessageOfAnotherSizeIsNotTakenForOne) {
-    struct {
-        long type = 1;
-        char body[100] = {};
-    } stray;
-    for (const size_t size : {0U, 8U, 23U, 25U, 100U}) {
-        ASSERT_EQ(msgsnd(g_service_state.msqid, &stray, size, 0), 0);
-        ServiceMessage message = {};
-        bool received = true;
-        std::thread([&] { received = service_queue_receive(&message); }).join();
-        EXPECT_FALSE(received) << size;
-        EXPECT_EQ(info().msg_qnum, 0U) << size;
+TEST_F(QueueTest, RecordOfAnotherProgramMeansNothing) {
+    ForeignRecord foreign = {.type = 1, .body = {.id = SERVICE_STOP, .data = nullptr, .length = 0}};
+    const auto is_ignored = [&](size_t size) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, &foreign, size, 0), 0);
+        EXPECT_FALSE(receive_shortly()) << "type " << foreign.type << ", bytes " << size;
+        EXPECT_EQ(info().msg_qnum, 0U);
+    };
+    for (const size_t size : {0U, 8U, 23U, 24U, 25U, 100U}) {
+        is_ignored(size);
+    }
+    foreign.type = 7;
+    is_ignored(0);
+    is_ignored(kBodySize);
+    int not_sent = 0;
+    foreign.body = {.id = SERVICE_FRAME_NMEA, .data = &not_sent, .length = sizeof not_sent};
+    is_ignored(kBodySize);
+}
+
+TEST_F(QueueTest, RecordsOfAnotherProgramAmongOursChangeNothing) {
+    send_number(5);
+    const ForeignRecord copy = {.type = 1, .body = steal()};
+    const ForeignRecord stop = {.type = 1, .body = {.id = SERVICE_STOP, .data = nullptr, .length = 0}};
+    for (const ForeignRecord* foreign : {&stop, &copy, &copy}) {
+        ASSERT_EQ(msgsnd(g_service_state.msqid, foreign, kBodySize, 0), 0);
+    }
+    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+    EXPECT_EQ(number_of(receive()), 5U);
+    EXPECT_TRUE(stop_request_pending()) << "ours is still to come";
+    const ServiceMessage ours = receive();
+    EXPECT_EQ(ours.id, SERVICE_STOP);
+    EXPECT_TRUE(stop_request_pending()) << "until it is handled";
+    service_queue_handled(ours);
+    EXPECT_FALSE(stop_request_pending());
+    while (info().msg_qnum > 0) {
+        EXPECT_FALSE(receive_shortly());
     }
 }
 
@@ -217,10 +254,6 @@ TEST_F(QueueTest, OtherThreadsWaitForRoomAndLoseNothing) {
 
 TEST_F(QueueTest, SendToARemovedQueueFailsAlsoWhileWaiting) {
     fill();
-    free_all();
-    for (uint32_t i = 0; i < kSmallQueue; i++) {
-        location_service_task_send_message(SERVICE_START, nullptr, 0);
-    }
     const std::string out = capture_stdout([&] {
         std::thread sender([&] { send_number(9); });
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
@@ -231,12 +264,7 @@ TEST_F(QueueTest, SendToARemovedQueueFailsAlsoWhileWaiting) {
 
 TEST_F(QueueTest, CancellationWhileWaitingFreesTheBlockAndSendsNothing) {
     fill();
-    pthread_t sender = {};
-    ASSERT_EQ(pthread_create(&sender, nullptr, send_one, nullptr), 0);
-    pthread_cancel(sender);
-    void* result = nullptr;
-    ASSERT_EQ(pthread_join(sender, &result), 0);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    cancel_while_waiting(send_one);
     for (uint32_t i = 0; i < kSmallQueue; i++) {
         EXPECT_EQ(number_of(receive()), i);
     }
@@ -315,103 +343,42 @@ TEST_F(QueueTest, StopAndDownloadAloneAreAnnouncedUntilTheLastIsHandled) {
     }
 }
 
-TEST_F(QueueTest, StopOfAnotherProgramWithdrawsNothing) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    const ServiceMessage announced = receive();
-    for (const uint32_t id : {SERVICE_STOP, SERVICE_DOWNLOAD}) {
-        send_foreign({.id = id, .data = nullptr, .length = 0});
-        const ServiceMessage foreign = receive();
-        EXPECT_EQ(foreign.id, id);
-        service_queue_handled(foreign);
-        EXPECT_TRUE(stop_request_pending()) << "the request's, which is not handled yet";
-    }
-    service_queue_handled(announced);
-    EXPECT_FALSE(stop_request_pending());
-}
-
-TEST_F(QueueTest, BlockThatWasNotSentIsNotHandedOver) {
-    int not_sent = 0;
-    send_foreign({.id = 99, .data = &not_sent, .length = 0});
-    EXPECT_FALSE(receive_shortly());
-    send_number(5);
-    const ServiceMessage sent = steal();
-    for (ServiceMessage changed : {sent, sent}) {
-        ++(not_sent++ == 0 ? changed.id : changed.length);
-        send_foreign(changed);
-    }
-    send_foreign(sent);
-    send_foreign(sent);
-    send_number(6); // stands behind them
-    EXPECT_FALSE(receive_shortly()) << "another id";
-    EXPECT_FALSE(receive_shortly()) << "another length";
-    EXPECT_EQ(number_of(receive()), 5U);
-    EXPECT_FALSE(receive_shortly()) << "the block has an owner by now";
-    EXPECT_EQ(number_of(receive()), 6U);
-}
-
-TEST_F(QueueTest, StopThatAnotherProgramTookIsOverWhenTheQueueIsEmpty) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    steal();
-    EXPECT_FALSE(receive_shortly());
-    EXPECT_FALSE(stop_request_pending());
-}
-
-TEST_F(QueueTest, StopThatAnotherProgramTookIsOverWithTheNextMessage) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    steal();
-    location_service_task_send_message(SERVICE_START, nullptr, 0);
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    EXPECT_EQ(receive().id, SERVICE_START);
-    EXPECT_TRUE(stop_request_pending()) << "the second";
-    service_queue_handled(receive());
-    EXPECT_FALSE(stop_request_pending());
-}
-
-TEST_F(QueueTest, StopOfAnotherProgramTakesNoPlaceOfOurs) {
-    send_foreign({.id = SERVICE_STOP, .data = nullptr, .length = 0});
+TEST_F(QueueTest, WhatAnotherProgramTakesArrivesAllTheSameInOrder) {
     send_number(5);
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    service_queue_handled(receive());
-    EXPECT_EQ(number_of(receive()), 5U);
-    EXPECT_TRUE(stop_request_pending()) << "ours is still to come";
-    service_queue_handled(receive());
-    EXPECT_FALSE(stop_request_pending());
-}
-
-TEST_F(QueueTest, StolenStopIsNotTakenForOneInAFullQueue) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     steal();
-    fill();
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    for (uint32_t i = 0; i < kSmallQueue; i++) {
-        EXPECT_EQ(number_of(receive()), i);
-    }
+    steal();
+    send_number(6);
+    EXPECT_EQ(number_of(receive()), 5U);
     EXPECT_TRUE(stop_request_pending());
     service_queue_handled(receive());
     EXPECT_FALSE(stop_request_pending());
+    EXPECT_EQ(number_of(receive()), 6U);
     EXPECT_FALSE(receive_shortly());
 }
 
-TEST_F(QueueTest, OfWhatAnotherProgramTakesTheOldestIsForgotten) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
-    steal();
-    for (int i = 0; i < 16384; i++) {
-        EXPECT_TRUE(stop_request_pending()) << i;
-        location_service_task_send_message(SERVICE_SAVE_LOCATION, nullptr, 0);
+TEST_F(QueueTest, ListIsFullWhenAnotherProgramEmptiesTheQueueAllTheTime) {
+    const auto send = [](uint32_t id) {
+        ServiceQueuePatience none = {.wait_us = 0};
+        return service_queue_request(id, nullptr, 0, &none);
+    };
+    for (int i = 0; i < kListMax; i++) {
+        ASSERT_TRUE(send(SERVICE_SAVE_LOCATION)) << i;
         steal();
     }
-    EXPECT_FALSE(stop_request_pending());
-}
-
-TEST_F(QueueTest, EmptyRecordOfAnotherProgramIsNoRequest) {
-    const long types[] = {1, 2, 3, 4, 5, 1000, 1L << 30, (1L << 30) + 5};
-    for (const long& type : types) {
-        ASSERT_EQ(msgsnd(g_service_state.msqid, &type, 0, 0), 0);
-        ServiceMessage message = {};
-        bool received = true;
-        std::thread([&] { received = service_queue_receive(&message); }).join();
-        EXPECT_FALSE(received) << type;
+    EXPECT_EQ(lines_of(capture_stdout([&] { EXPECT_FALSE(send(SERVICE_SAVE_LOCATION)); })), kFailLine);
+    EXPECT_EQ(info().msg_qnum, 1U) << "nothing wakes a service that sleeps already";
+    for (int i = 0; i < kListMax; i++) {
+        ASSERT_TRUE(send(i % 2 == 0 ? SERVICE_STOP : SERVICE_DOWNLOAD)) << i;
+        steal();
     }
+    EXPECT_EQ(lines_of(capture_stdout([&] { EXPECT_FALSE(send(SERVICE_STOP)); })), kFailLine);
+    EXPECT_EQ(receive().id, SERVICE_SAVE_LOCATION);
+    EXPECT_TRUE(send(SERVICE_STOP)) << "there is room again";
+    cancel_while_waiting(send_stop);
+    EXPECT_TRUE(stop_request_pending());
+    service_queue_open();
+    EXPECT_FALSE(stop_request_pending()) << "each one that failed, was cancelled or dropped is over";
 }
 
 TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
@@ -431,6 +398,7 @@ TEST_F(QueueTest, StopAndDownloadFindTheirPlaceInAFullQueue) {
         service_queue_handled(message);
     }
     EXPECT_FALSE(stop_request_pending());
+    EXPECT_FALSE(receive_shortly());
 }
 
 TEST_F(QueueTest, RequestsGiveUpWhenTheirCommonPatienceIsOver) {
@@ -452,7 +420,6 @@ TEST_F(QueueTest, RequestsGiveUpWhenTheirCommonPatienceIsOver) {
     request();
     EXPECT_TRUE(sent);
     EXPECT_EQ(patience.until_us, 0U) << "it did not wait";
-    free_all();
 }
 
 TEST_F(QueueTest, RequestsWaitNoLongerWhenPausesTakeLonger) {
@@ -465,25 +432,22 @@ TEST_F(QueueTest, RequestsWaitNoLongerWhenPausesTakeLonger) {
     g_late_us = 0;
     EXPECT_EQ(lines_of(log), kFailLine);
     EXPECT_LE(g_pauses - before, 4);
-    free_all();
 }
 
-TEST_F(QueueTest, RemovedQueueIsMadeAgainAndItsStopsAreOver) {
-    location_service_task_send_message(SERVICE_STOP, nullptr, 0);
+TEST_F(QueueTest, RemovedQueueIsMadeAgainAndKeepsWhatWaited) {
+    send_number(5);
     location_service_task_send_message(SERVICE_STOP, nullptr, 0);
     const int32_t old_queue = g_service_state.msqid;
     ASSERT_EQ(msgctl(old_queue, IPC_RMID, nullptr), 0);
-    ServiceMessage message = {};
-    std::vector<std::string> lines;
-    std::thread([&] {
-        lines = lines_of(capture_stdout([&] { EXPECT_FALSE(service_queue_receive(&message)); }));
-    }).join();
-    EXPECT_EQ(lines,
+    const std::string log = capture_stdout([] { EXPECT_EQ(number_of(receive()), 5U); });
+    EXPECT_EQ(lines_of(log),
               (std::vector<std::string>{"[LOCSERV] WRN: the service queue was gone and is made again"}));
     EXPECT_NE(g_service_state.msqid, old_queue);
+    send_number(6);
+    EXPECT_TRUE(stop_request_pending());
+    service_queue_handled(receive());
     EXPECT_FALSE(stop_request_pending());
-    send_number(5);
-    EXPECT_EQ(number_of(receive()), 5U);
+    EXPECT_EQ(number_of(receive()), 6U);
 }
 
 TEST_F(QueueTest, ReceiveForAMomentComesBackFromAnEmptyQueue) {
@@ -528,10 +492,4 @@ TEST_F(QueueTest, WithoutAQueueReceiveComesBackWithNothing) {
     std::thread(tries).join();
     EXPECT_FALSE(received);
     EXPECT_GE(g_paused_us, 10U * 1000) << "no busy loop";
-}
-
-TEST_F(QueueTest, InterruptedSendIsRepeated) {
-    interpose_fail("msgsnd", 1, EINTR);
-    send_number(5);
-    EXPECT_EQ(number_of(receive()), 5U);
 }

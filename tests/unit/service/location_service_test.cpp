@@ -314,14 +314,6 @@ TEST_F(ServiceTest, DownloadSeesOnlyTheStopsOfOtherRequests) {
     });
 }
 
-TEST_F(ServiceTest, DownloadOfAnotherProgramSeesTheStopsOfAll) {
-    const StopRequest stop;
-    bool seen = false;
-    fakes_during("firmware_download", [&] { seen = stop_request_pending(); });
-    handle(SERVICE_DOWNLOAD);
-    EXPECT_TRUE(seen);
-}
-
 TEST_F(ServiceTest, AnnouncedStopIsOverWhenTheThreadHasHandledIt) {
     capture_stdout([&] {
         location_service_task_send_message(SERVICE_STOP, nullptr, 0);
