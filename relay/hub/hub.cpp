@@ -24,6 +24,7 @@ struct HubState {
     std::vector<HubOutput> last;
     std::vector<HubRest> rests;
     std::deque<Waiting> waiting;
+    size_t items = 0; // of what waits
     EventPtr hand_out;
     HubCounters counters;
 };
@@ -55,17 +56,16 @@ bool is_droppable(const Waiting& one) {
 
 // Drops the oldest sentence or position, or else the oldest item.
 void make_room() {
-    if (state.waiting.size() < kItemsMax) {
+    if (state.items < kItemsMax) {
         return;
     }
     auto oldest = std::find_if(state.waiting.begin(), state.waiting.end(), is_droppable);
     if (oldest == state.waiting.end()) {
         oldest = std::find_if(state.waiting.begin(), state.waiting.end(), is_item);
     }
-    if (oldest != state.waiting.end()) { // else calls alone wait
-        state.waiting.erase(oldest);
-        ++state.counters.dropped_in;
-    }
+    state.waiting.erase(oldest);
+    --state.items;
+    ++state.counters.dropped_in;
 }
 
 void count(HubKind kind) {
@@ -83,9 +83,9 @@ void hand_out(const HubItem& item) {
 }
 
 void hand_out_one() {
-    const Waiting& one =
-        state.waiting.front(); // outputs and calls put nothing in before it, and drop nothing
+    const Waiting& one = state.waiting.front(); // outputs and calls may add to what waits, not take away
     one.call ? one.call() : hand_out(one.item);
+    state.items -= is_item(one) ? 1 : 0;
     state.waiting.pop_front();
 }
 
@@ -125,6 +125,7 @@ void hub_put(const tavor_response& datagram, std::optional<HubTime> arrived) {
     make_room();
     count(*kind);
     state.waiting.push_back({{*kind, datagram, arrived}, nullptr});
+    ++state.items;
 }
 
 void hub_after(std::function<void()> call) {

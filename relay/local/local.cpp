@@ -136,11 +136,19 @@ void unsubscribe(LocalClient* client) {
     }
 }
 
+void perform_start(LocalClient* client, const LocalRequest& received) {
+    subscribe(client, kLocalSentences | kLocalChip);
+    UpstreamAnswer answer = client != nullptr ? answer_to(client, TAVOR_REQUEST_START)
+                                              : counted(user_of(received), count_failure);
+    if (answer) { // else the user has enough of those that nobody waits for
+        positioning_start(std::move(answer));
+    }
+}
+
 void perform(LocalClient* client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     if (type == TAVOR_REQUEST_START) {
-        subscribe(client, kLocalSentences | kLocalChip);
-        return positioning_start(answer_to(client, type));
+        return perform_start(client, received);
     }
     const UpstreamAnswer reply = answer_to(client, type);
     UpstreamAnswer answer = counted(user_of(received), reply);

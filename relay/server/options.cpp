@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <getopt.h>
+#include <iterator>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -81,16 +82,12 @@ std::vector<option> long_options() {
     return all;
 }
 
-// The names that begin like this one, empty when they are fewer than two.
-std::string longer_names(const std::string& name, const std::vector<std::string>& names) {
+std::string choice(const std::vector<std::string>& names) {
     std::string all;
-    size_t count = 0;
-    for (const std::string& one : names) {
-        if (one.starts_with(name)) {
-            all += (count++ == 0 ? "'" : " or '") + one + "'";
-        }
+    for (const std::string& name : names) {
+        all += (all.empty() ? "'" : " or '") + name + "'";
     }
-    return count < 2 ? "" : all;
+    return all;
 }
 
 // What is wrong with the word that getopt_long refused.
@@ -107,11 +104,14 @@ std::string refused(const std::string& word, bool lacks_value) {
     for (const std::string& setting : option_names()) {
         names.push_back("--" + setting);
     }
-    if (const std::string longer = longer_names(name, names); !longer.empty()) {
-        return "'" + name + "' may be " + longer + ": write more of it";
+    std::vector<std::string> meant;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(meant),
+                 [&](const std::string& one) { return one.starts_with(name); });
+    if (meant.size() > 1) {
+        return "'" + name + "' may be " + choice(meant) + ": write more of it";
     }
-    const std::string nearest = nearest_name(name, names);
-    return nearest == name ? name + " takes no value" : unknown + ", the nearest is '" + nearest + "'";
+    return meant.empty() ? unknown + ", the nearest is '" + nearest_name(name, names) + "'"
+                         : meant.front() + " takes no value";
 }
 
 // Whether the next option was taken for a value that was forgotten. A value that begins with a dash is told

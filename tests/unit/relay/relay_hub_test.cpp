@@ -56,10 +56,18 @@ TEST_F(RelayHub, WhatComesAfterIsCalledInItsPlaceAndNeverDropped) {
     }
     hub_hand_out();
     ASSERT_TRUE(loop.until([&] { return got.back() == "1099"; }));
-    EXPECT_EQ(got.size(), 1025U);
+    EXPECT_EQ(got.size(), 1026U);
     EXPECT_EQ(got[0], "at once");
     EXPECT_EQ(got[1], "call");
-    EXPECT_EQ(got[2], "77");
+    EXPECT_EQ(got[2], "76");
+}
+
+TEST_F(RelayHub, WhatIsCalledAfterTakesNoItemsPlace) {
+    for (int i = 0; i < 600; ++i) {
+        hub_put(relay_response(TAVOR_CODE_NMEA, 0, std::to_string(i)));
+        hub_after([] {});
+    }
+    EXPECT_EQ(hub_counters().dropped_in, 0U);
 }
 
 TEST_F(RelayHub, CallsAfterTheLastItemOnly) {

@@ -355,6 +355,19 @@ TEST_F(RelayLocal, SendersWithoutAnAddressAreNotOneClient) {
     EXPECT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_ASSIST) == 1; }));
 }
 
+TEST_F(RelayLocal, StartsOfSendersWithoutAnAddressCountForTheirUser) {
+    loop.daemon->answers = false;
+    PlayedClient nameless(loop.local_path, "");
+    for (int i = 0; i < 4096; ++i) { // as many starts as may wait in all
+        ASSERT_TRUE(loop.until([&] { return nameless.send(TAVOR_REQUEST_START); }));
+    }
+    const auto asker = client("asker");
+    ASSERT_TRUE(loop.until([&] { return asker->send(TAVOR_REQUEST_START); }));
+    ASSERT_TRUE(loop.until([] { return hub_counters().requests == 4097; }));
+    asker->read();
+    EXPECT_EQ(asker->count(TAVOR_CODE_START), 0U) << "it waits for the daemon";
+}
+
 TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
     hub_take([](const HubItem& /*unused*/) { // a slow output: each item takes more than a turn
         const auto began = std::chrono::steady_clock::now();

@@ -183,6 +183,7 @@ TEST_F(RelayOptions, WhatIsWrongWithAnOptionIsNamed) {
         {{"--positioning=a\nb"}, "--positioning: 'a b' is neither always nor demand"},
         {{"--help=3"}, "--help takes no value"},
         {{"--mqtt-c", "x"}, "'--mqtt-c' may be '--mqtt-ca' or '--mqtt-cert': write more of it"},
+        {{"--vers=3"}, "--version takes no value"},
         {{"-x"}, "there is no option '-x'"},
         {{"extra", "--version"}, "'extra' is no option"},
         {{"--stop-delay", "nan"}, "--stop-delay: 'nan' is no number from 0 to 86400"},
