@@ -63,30 +63,37 @@ int32_t do_request(KernelDevice& device, Board& board, const Request& request, u
     }
 }
 
-// Another device may take any read and write without a word, as /dev/null does. The kernel knows each
-// character device by the name that its driver gave it.
-bool is_modules_device(int fd) {
+// What speaks against a device. Another one may take any read and write without a word, as /dev/null does, or
+// act when it is opened. The kernel knows each character device by the name that its driver gave it.
+std::string device_problem(const std::string& path) {
     struct stat node = {};
-    if (fstat(fd, &node) != 0 || !S_ISCHR(node.st_mode)) {
-        return false;
+    if (stat(path.c_str(), &node) != 0) {
+        return "can't open " + path + ": " + strerror(errno);
     }
     const std::string number =
         std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev));
+    const std::filesystem::path known = "/sys/dev/char";
     std::error_code none;
-    return std::filesystem::read_symlink("/sys/dev/char/" + number, none).filename() == TAVOR_BOARD_DEVICE;
+    if (!std::filesystem::exists(known, none)) {
+        return "can't tell what " + path + " is without " + known.string();
+    }
+    const bool ours = S_ISCHR(node.st_mode) &&
+                      std::filesystem::read_symlink(known / number, none).filename() == TAVOR_BOARD_DEVICE;
+    return ours ? ""
+                : path + " is no device of the kernel module in board/kernel, as /dev/" TAVOR_BOARD_DEVICE
+                         " is";
 }
 
 } // namespace
 
 std::string kernel_device_open(KernelDevice& device, Board& board, const std::string& path) {
+    if (std::string problem = device_problem(path); !problem.empty()) {
+        return problem;
+    }
     device.fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (device.fd < 0) {
         return "can't open " + path + ": " + strerror(errno) +
                (errno == EBUSY ? " (another board serves it)" : "");
-    }
-    if (!is_modules_device(device.fd)) {
-        kernel_device_close(device);
-        return path + " is no device of the kernel module in board/kernel, as /dev/" TAVOR_BOARD_DEVICE " is";
     }
     board_open(board, device.spi, board.options.spi_path, O_RDWR);
     board_open(board, device.i2c, board.options.i2c_path, O_RDWR);

@@ -152,14 +152,22 @@ std::string launch_library_problem() {
 }
 
 std::string launch_program_problem(const std::string& program) {
-    const char* const path = getenv("PATH");
-    std::istringstream places(path == nullptr ? kUsualPath : path);
-    const bool is_path = program.find('/') != std::string::npos;
-    int reason = is_path ? why_not_run(program) : ENOENT;
-    for (std::string place; !is_path && reason != 0 && std::getline(places, place, ':');) {
-        reason = why_not_run((place.empty() ? "." : place) + "/" + program);
+    if (program.find('/') != std::string::npos) {
+        const int reason = why_not_run(program);
+        return reason == 0 ? "" : start_problem(program, reason);
     }
-    return reason == 0 ? "" : start_problem(program, reason);
+    const char* const path = getenv("PATH");
+    const std::string all = path == nullptr ? kUsualPath : path;
+    std::istringstream places(all + ":"); // the last may be empty
+    int told = ENOENT;
+    for (std::string place; std::getline(places, place, ':');) {
+        const int reason = why_not_run((place.empty() ? "." : place) + "/" + program);
+        if (reason == 0) {
+            return "";
+        }
+        told = reason == EACCES ? reason : told;
+    }
+    return start_problem(program, told);
 }
 
 std::string launch_replace(const std::string& directory, const std::vector<std::string>& program) {

@@ -355,7 +355,6 @@ int read_options(int argc, char** argv, Options* options) {
     app.footer(kExamples);
     app.require_subcommand(0, 1); // a missing one is told below, after an unknown one
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    // a missing one is told below, after an unknown one
     Raw raw;
     const CLI::App* run = add_run(app, options->run, raw);
     const CLI::App* exec = add_exec(app, options->exec);

@@ -187,15 +187,16 @@ std::string open_board(Running& running, const RunOptions& options, const std::s
     return problem.empty() ? apply_faults(running.server.target, options) : problem;
 }
 
-// Before the board is ready: a program without its output would have run for nothing.
+// Before the board is ready: a program without its output would have run for nothing. Opened for reading too,
+// so that a pipe does not wait for its reader.
 std::string open_log(Running& running, const std::string& path) {
-    running.log = path.empty() ? -1 : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
+    running.log = path.empty() ? -1 : open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
     return path.empty() || running.log >= 0 ? "" : "can't write " + path + ": " + strerror(errno);
 }
 
 int run_in(const RunOptions& options, const std::string& directory) {
     const auto running = std::make_unique<Running>();
-    std::string problem = open_log(*running, options.log); // a pipe waits for its reader: signals end that
+    std::string problem = open_log(*running, options.log);
     if (!problem.empty()) {
         complain(problem);
         return kNotStarted;

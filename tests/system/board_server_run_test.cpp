@@ -12,6 +12,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/msg.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -226,6 +227,29 @@ TEST(BoardRun, WhatCantBeUsedIsToldBeforeItIsReady) {
         EXPECT_TRUE(contains(result.err, "tavor-board: /dev/null is no device of the kernel module"))
             << result.err;
     }
+}
+
+TEST(BoardRun, AProgramIsFoundWhereTheKernelsCallerLooks) {
+    const PrivateDir place; // the current directory, which an empty element of PATH means
+    place.write("in/ours", "#!/bin/sh\necho found\n");
+    std::filesystem::permissions(place.path / "in/ours", std::filesystem::perms::owner_all);
+    place.write("first/ours", "");
+    const auto run = [&](const std::string& path) {
+        return run_program({"/bin/sh", "-c", "cd \"$0\" && PATH=\"$1\" exec \"$2\" run -- ours",
+                            place.path / "in", path, TAVOR_BOARD_PROGRAM});
+    };
+    for (const std::string path : {"", "/missing:", ":/missing", "/missing::/missing"}) {
+        EXPECT_TRUE(contains(run(path).out, "found\n")) << path;
+    }
+    EXPECT_TRUE(contains(run(place.path / "first:/missing").err, "can't start ours: Permission denied"));
+}
+
+TEST(BoardRun, APipeAsLogNeedsNoReaderToBegin) {
+    const PrivateDir place;
+    const std::string pipe = place.path / "pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const RunResult result = tool({"run", "--log", pipe, "--", "true"});
+    EXPECT_EQ(result.status, 0);
 }
 
 TEST(BoardRun, ASignalReachesTheProgramAndNothingIsLeft) {
