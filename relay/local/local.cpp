@@ -136,19 +136,11 @@ void unsubscribe(LocalClient* client) {
     }
 }
 
-void perform_start(LocalClient* client, const LocalRequest& received) {
-    subscribe(client, kLocalSentences | kLocalChip);
-    UpstreamAnswer answer = client != nullptr ? answer_to(client, TAVOR_REQUEST_START)
-                                              : counted(user_of(received), count_failure);
-    if (answer) { // else the user has enough of those that nobody waits for
-        positioning_start(std::move(answer));
-    }
-}
-
 void perform(LocalClient* client, const LocalRequest& received) {
     const uint32_t type = received.request.type;
     if (type == TAVOR_REQUEST_START) {
-        return perform_start(client, received);
+        subscribe(client, kLocalSentences | kLocalChip);
+        return positioning_start(answer_to(client, type));
     }
     const UpstreamAnswer reply = answer_to(client, type);
     UpstreamAnswer answer = counted(user_of(received), reply);
@@ -195,7 +187,7 @@ void turn_away(const LocalRequest& received) {
     }
 }
 
-// Null for a sender without an address: it can be told nothing, but its requests are carried out.
+// Null for a sender without an address: it can be sent nothing, but its requests are carried out.
 LocalClient* client_of(const LocalRequest& received) {
     return received.address.empty() ? nullptr : &local_clients_of(received.address, user_of(received));
 }
@@ -209,7 +201,9 @@ void take(const LocalRequest& received) {
     if (!upstream_requests_code(type)) {
         return subscribe(client, kLocalSentences | kLocalChip);
     }
-    if (client != nullptr && client->open_requests >= kOpenRequestsMax) {
+    const bool ignored = client == nullptr ? type == TAVOR_REQUEST_START // nobody would get the output
+                                           : client->open_requests >= kOpenRequestsMax;
+    if (ignored) {
         ++hub_counters().ignored;
         return;
     }
