@@ -187,11 +187,18 @@ std::string open_board(Running& running, const RunOptions& options, const std::s
     return problem.empty() ? apply_faults(running.server.target, options) : problem;
 }
 
-// Before the board is ready: a program without its output would have run for nothing. Opened for reading too,
-// so that a pipe does not wait for its reader.
+// Before the board is ready: a program without its output would have run for nothing. A pipe without a reader
+// is refused.
 std::string open_log(Running& running, const std::string& path) {
-    running.log = path.empty() ? -1 : open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, kLogMode);
-    return path.empty() || running.log >= 0 ? "" : "can't write " + path + ": " + strerror(errno);
+    if (path.empty()) {
+        return "";
+    }
+    running.log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, kLogMode);
+    if (running.log < 0) {
+        return "can't write " + path + ": " + (errno == ENXIO ? "nobody reads this pipe" : strerror(errno));
+    }
+    fcntl(running.log, F_SETFL, O_APPEND); // the program waits for a slow reader
+    return "";
 }
 
 int run_in(const RunOptions& options, const std::string& directory) {

@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -244,12 +246,18 @@ TEST(BoardRun, AProgramIsFoundWhereTheKernelsCallerLooks) {
     EXPECT_TRUE(contains(run(place.path / "first:/missing").err, "can't start ours: Permission denied"));
 }
 
-TEST(BoardRun, APipeAsLogNeedsNoReaderToBegin) {
+TEST(BoardRun, APipeAsLogNeedsAReader) {
     const PrivateDir place;
     const std::string pipe = place.path / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-    const RunResult result = tool({"run", "--log", pipe, "--", "true"});
-    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(tool({"run", "--log", pipe, "--", "true"}).err,
+              "tavor-board: can't write " + pipe + ": nobody reads this pipe\n");
+    const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(tool({"run", "--log", pipe, "--", "/bin/sh", "-c", "echo hello"}).status, 0);
+    std::array<char, 5> got = {};
+    EXPECT_EQ(read(reader, got.data(), got.size()), 5);
+    EXPECT_EQ(std::string(got.data(), got.size()), "hello");
+    close(reader);
 }
 
 TEST(BoardRun, ASignalReachesTheProgramAndNothingIsLeft) {
