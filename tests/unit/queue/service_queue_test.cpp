@@ -255,7 +255,11 @@ TEST_F(QueueTest, OtherThreadsWaitForRoomAndLoseNothing) {
 TEST_F(QueueTest, SendToARemovedQueueFailsAlsoWhileWaiting) {
     fill();
     const std::string out = capture_stdout([&] {
+        const int before = g_pauses;
         std::thread sender([&] { send_number(9); });
+        while (g_pauses == before) {
+            std::this_thread::yield();
+        }
         msgctl(g_service_state.msqid, IPC_RMID, nullptr);
         sender.join();
     });
