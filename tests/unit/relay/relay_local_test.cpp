@@ -364,29 +364,39 @@ TEST_F(RelayLocal, AStartWithoutAnAddressStartsNothing) {
     EXPECT_EQ(hub_counters().ignored, 1U);
 }
 
-TEST_F(RelayLocal, AnAnswerComesAfterWhatTheDaemonSentBefore) {
-    hub_take([](const HubItem& /*unused*/) { // a slow output: each item takes more than a turn
-        const auto began = std::chrono::steady_clock::now();
-        while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) {
+// An output for which each item takes more than a turn.
+void take_long() {
+    const auto began = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) {
+    }
+}
+
+struct RelaySlowOutput : RelayLocal {
+    // Lets a client ask, and the daemon send five sentences before its answer.
+    void answer_after_five(PlayedClient& asker) {
+        loop.daemon->answers = false;
+        ASSERT_TRUE(asker.send(TAVOR_REQUEST_SAVE_LOCATION));
+        ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(i))));
         }
-    });
+        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0)));
+        ASSERT_TRUE(answered(asker, TAVOR_CODE_SAVE_LOCATION));
+    }
+};
+
+TEST_F(RelaySlowOutput, AnAnswerComesAfterWhatTheDaemonSentBefore) {
+    hub_take([](const HubItem& /*unused*/) { take_long(); });
     const auto watcher = client("watcher");
     ASSERT_TRUE(started(*watcher));
     watcher->got.clear();
-    loop.daemon->answers = false;
-    ASSERT_TRUE(watcher->send(TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
-    for (int i = 0; i < 5; ++i) {
-        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(i))));
-    }
-    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0)));
-    ASSERT_TRUE(answered(*watcher, TAVOR_CODE_SAVE_LOCATION));
+    answer_after_five(*watcher);
     watcher->read();
     ASSERT_EQ(watcher->got.size(), 6U);
     EXPECT_EQ(watcher->got.back().code, TAVOR_CODE_SAVE_LOCATION);
 }
 
-TEST_F(RelayLocal, TheDaemonIsHeardWhileAnAnswerWaitsForWhatCameBefore) {
+TEST_F(RelaySlowOutput, TheDaemonIsHeardWhileAnAnswerWaitsForWhatCameBefore) {
     uint64_t handed_out = 0;
     uint64_t heard = 0; // when the last one that came before the answer is handed out
     hub_take([&](const HubItem& /*unused*/) {
@@ -394,19 +404,10 @@ TEST_F(RelayLocal, TheDaemonIsHeardWhileAnAnswerWaitsForWhatCameBefore) {
             loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(5)));
         }
         heard = handed_out == 5 ? hub_counters().sentences : heard;
-        const auto began = std::chrono::steady_clock::now();
-        while (std::chrono::steady_clock::now() - began < std::chrono::milliseconds(2)) { // a slow output
-        }
+        take_long();
     });
     const auto asker = client("asker");
-    loop.daemon->answers = false;
-    ASSERT_TRUE(asker->send(TAVOR_REQUEST_SAVE_LOCATION));
-    ASSERT_TRUE(loop.until([&] { return loop.daemon->count(TAVOR_REQUEST_SAVE_LOCATION) == 1; }));
-    for (int i = 0; i < 5; ++i) {
-        ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_NMEA, 0, numbered(i))));
-    }
-    ASSERT_TRUE(loop.daemon->send(relay_response(TAVOR_CODE_SAVE_LOCATION, 0)));
-    ASSERT_TRUE(answered(*asker, TAVOR_CODE_SAVE_LOCATION));
+    answer_after_five(*asker);
     EXPECT_EQ(heard, 6U);
 }
 
